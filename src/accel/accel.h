@@ -1,0 +1,37 @@
+// accel/accel.h: rays in, hits out.
+// Trees change only in Build, Update and OrderOccluders; the rest runs on any thread.
+// Nothing here fails: an empty scene is never hit.
+
+#pragma once
+
+#include "geometry/object.h"
+
+namespace zp {
+
+// The binary tree over all primitives of an Object, from scratch. Boxes of inner nodes come from Update.
+void Build(Object& object);
+// Moves vertices by motion / passes, refits and rotates the binary tree, and lays out the wide one.
+// Without `force` only deformable Objects are touched, and only those move.
+void Update(Object& object, bool force, int passes);
+// After pass 0: sorts the slots of every wide node by what blocked shadow rays in it.
+void OrderOccluders(Object& object);
+void ClearOccluderLogs();
+
+// The graph of Objects.
+extern std::int32_t rootObject;  // kNone in an empty table
+extern Box sceneBounds;
+extern Vec3 sceneCenter;
+extern float sceneRadius;
+// Finds the RootObject, initialises Objects deepest first, prints the scene rows.
+void InitializeAccelerator();
+void FinalizeAccelerator();
+// Between passes: moves deformable Objects, deepest level first, and the scene bound after them.
+void UpdateScene(int passes);
+
+// Nearest hit; counts the ray; fills the hit fields only on true. Needs origin and direction.
+bool Trace(RayRecord& ray);
+
+// Product of the normal matrices of the Instances around the ray's hit, outermost last; identity without.
+Mat3 HitNormalMatrix(const RayRecord& ray);
+
+}  // namespace zp

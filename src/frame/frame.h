@@ -1,0 +1,25 @@
+// frame/frame.h: the life of the library, from start-up to shut-down. Knows every other folder.
+
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace zp {
+
+// Banner, tables, resets, the Shader "undefined". With a seed, pictures repeat.
+void Startup(std::optional<std::uint64_t> seed = std::nullopt);
+// Reads a scene folder into the tables; sets up the search paths first. False without such a folder.
+bool LoadScene(const std::string& folder);
+// Cameras, textures, shaders, accelerator, sky light, geometry light, gaffer, renderer.
+void Initialize();
+// Writes all AOVs and empties all tables.
+void Finalize();
+void Shutdown();
+// All of the above around one scene folder.
+void Go(const std::string& folder);
+
+void PrepareCameras();  // InitializeCameras, AOVs bound to their shaders
+
+}  // namespace zp

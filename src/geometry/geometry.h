@@ -1,0 +1,45 @@
+// geometry/geometry.h: files and hosts fill Objects; this folder makes them ready for a tree.
+// Readers take bytes or paths, keep or drop records whole, and say what they dropped in one row a load.
+
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "geometry/object.h"
+
+namespace zp {
+
+// Reads a Wavefront OBJ file into `part`, merging with what it holds. Prints the rows of what was dropped.
+// False, with an error row, if the file cannot be opened.
+bool ReadObjFile(const std::string& path, Part& part);
+// The same from memory.
+void ReadObj(std::string_view text, Part& part);
+
+Box TriangleBox(const Part& part, std::uint32_t index);
+Box TetragonBox(const Part& part, std::uint32_t index);
+Box ParticleBox(const Part& part, std::uint32_t index);
+Box CylinderBox(const Part& part, std::uint32_t index);
+// The box of one reference; an Instance's is its stored world box.
+Box PrimitiveBox(const Object& object, const PrimitiveRef& reference);
+
+// Areas by Heron's rule on squared edges, with the safe root; scene units squared.
+float TriangleArea(const Part& part, std::uint32_t index);
+float TetragonArea(const Part& part, std::uint32_t index);
+
+// A point of a cylinder's Hermite curve at t in 0..1, and the vertices' unit tangents it is made of.
+Vec3 CurvePoint(const Part& part, std::uint32_t cylinder, float t);
+
+// Validation, flipped faces, strands: everything before the tree. Prints the rows of what is wrong and drops
+// primitives that point outside the positions or have none that are finite.
+void PreparePart(Part& part, const Object& object);
+// Inverse and normal matrix of the Instance, and its world box around `bounds`.
+void FinishInstance(Instance& instance, const Box& bounds);
+bool Invert(const Mat4& matrix, Mat4& inverse);
+// Bounds over all Parts and Instances, whose boxes are valid.
+Box ObjectBounds(const Object& object);
+// Fills both emission lists from the Parts' shaders and the Instances' Objects.
+void BuildEmissionLists(Object& object);
+void PrintObjectReport(const Object& object);
+
+}  // namespace zp

@@ -1,0 +1,146 @@
+// geometry/object.h: the records of everything that can be hit. One table of Objects; an Object owns Parts
+// (primitives with vertex arrays) and Instances (placed references to other Objects).
+
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/box.h"
+#include "core/distribution.h"
+#include "core/ray.h"
+#include "core/vec.h"
+
+namespace zp {
+
+// A unit vector in three signed bytes; zero means no vector.
+struct PackedVector {
+  std::int8_t x = 0, y = 0, z = 0;
+  friend bool operator==(const PackedVector&, const PackedVector&) = default;
+};
+static_assert(sizeof(PackedVector) == 3);
+PackedVector Pack(Vec3 v);
+inline bool IsZero(PackedVector v) { return v.x == 0 && v.y == 0 && v.z == 0; }
+inline Vec3 Unpack(PackedVector v) {  // not of unit length: at most 127 in each component
+  return {static_cast<float>(v.x), static_cast<float>(v.y), static_cast<float>(v.z)};
+}
+
+struct Triangle {
+  std::uint32_t vertex[3];
+  std::int32_t shader;
+};
+struct Tetragon {
+  std::uint32_t vertex[4];  // around its rim
+  std::int32_t shader;
+};
+static_assert(sizeof(Triangle) == 16 && sizeof(Tetragon) == 20);
+
+// Named data, one value a vertex or none at all.
+template <class T>
+struct VertexSet {
+  std::string name;
+  std::vector<T> values;
+};
+
+struct Part {
+  std::vector<std::uint32_t> particles;      // a particle's vertex
+  std::vector<std::uint32_t> cylinders;      // a segment's first vertex; it runs to the next one
+  std::vector<Triangle> triangles;
+  std::vector<Tetragon> tetragons;
+  std::vector<std::uint32_t> strandLengths;  // segments of each strand
+  std::vector<VertexSet<Vec3>> vectorSets;
+  std::vector<VertexSet<Vec2>> uvSets = {{"uv", {}}};
+  std::vector<VertexSet<float>> scalarSets = {{"radius", {}}};
+  std::vector<Vec3> positions;
+  std::vector<PackedVector> normals;         // one a vertex, or none
+  std::vector<PackedVector> tangents;
+  std::vector<std::int32_t> primitiveShaders;
+  std::int32_t shader = 0;
+  std::string materialName;
+  std::string typeName = "undefined";
+  bool motion = false;                       // some vector set is named "motion"
+  std::vector<std::vector<std::uint32_t>> vertexHash;  // of the reader that merges vertices; transient
+};
+
+struct Instance {
+  Mat4 matrix;             // object to world
+  Mat4 inverse;            // filled at initialisation, like the next two
+  Mat4 normalMatrix;       // transpose of the inverse's upper 3 x 3
+  Box bounds;              // world
+  std::int32_t object = kNone;
+  std::string objectName;
+  std::string typeName = "undefined";
+  std::int32_t shader = kNone;  // overrides the Object's own shaders, unless kNone
+};
+
+// One emitting side of a primitive, or an Instance that stands for all its Object's emitters.
+struct EmissionRecord {
+  std::int32_t part = kNone;   // index in the Object's parts; kNone for an instance
+  std::uint8_t kind = kKindNone;
+  std::uint8_t side = 1;       // 1 front, 0 back
+  std::uint32_t index = 0;
+  float area = 0;              // scene units squared, in the space of the list's Object
+};
+struct EmissionList {
+  std::vector<EmissionRecord> records;
+  Distribution distribution;
+  float area = 0;
+};
+
+// A primitive inside an Object.
+struct PrimitiveRef {
+  std::uint16_t part = 0;   // 0 for an instance
+  std::uint16_t kind = 0;
+  std::uint32_t index = 0;  // in the Part's list of that kind, or in the Object's instances
+  friend bool operator==(const PrimitiveRef&, const PrimitiveRef&) = default;
+};
+
+// A node of the binary tree. Children stand next to each other: first and first + 1.
+struct BinaryNode {
+  Box box;
+  std::uint32_t first = 0;  // leaf: its first reference; inner node: its left child
+  std::uint16_t count = 0;  // references of a leaf; 0 marks an inner node
+  float cost = 0;           // surface-area cost of the subtree
+  std::uint32_t sum = 0;    // primitives below
+};
+
+inline constexpr std::uint32_t kUnusedSlot = 0xFFFFFFFF;
+
+// Eight boxes and what is in them.
+struct WideNode {
+  float boxes[6][8];          // rows minimum x, y, z, maximum x, y, z; column i is slot i
+  std::uint32_t child[8];     // a WideNode, or the first reference of a leaf
+  std::uint16_t count[8];     // 0: an inner node
+  std::uint32_t log[8];       // blocked shadow rays; after ordering, the bits of the slots' ratios
+};
+
+struct PackedTree;  // accel: the same tree, laid out for walking
+
+struct Object {
+  Box bounds;
+  std::string name;
+  std::string typeName = "undefined";
+  std::int32_t shader = 0;       // of scene text; see PreparePart for when it reaches a Part
+  std::vector<Part> parts;
+  std::vector<Instance> instances;
+  EmissionList emitters;         // what casts photons
+  EmissionList virtualLights;    // what direct lighting samples
+  bool deformable = false;       // some Part has motion
+  // The tree: filled by accel.
+  std::vector<PrimitiveRef> references;  // released after initialisation unless deformable
+  std::vector<BinaryNode> nodes;         // likewise
+  std::vector<WideNode> wideNodes;       // node 0 is the root
+  std::vector<PrimitiveRef> compactReferences;
+  std::shared_ptr<PackedTree> packed;
+  std::int32_t level = 0;                // 0 for the RootObject, else its parent's plus 1
+  std::int32_t wideDepth = 0;
+  bool referenced = false;               // some Instance places it
+  double treeCost = 0;
+};
+
+// The table; an index is the handle.
+extern std::vector<Object> objectTable;
+
+}  // namespace zp

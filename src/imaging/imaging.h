@@ -1,0 +1,170 @@
+// imaging/imaging.h: pictures in memory and on disk, and the camera that looks at the scene.
+// Knows nothing of the integrator. Nothing here prints but InitializeCameras; a failed load or save is a
+// false result, and never destroys a file that was there.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/ray.h"
+#include "core/vec.h"
+
+namespace zp {
+
+// Red, green and blue mantissas with the exponent they share: channel * 2^(exponent - 136).
+struct PackedPixel {
+  std::uint8_t r = 0, g = 0, b = 0, exponent = 0;
+};
+
+// One picture. Only the array that `bits` and `packed` choose is in use. Rows lie one after the other,
+// components interleaved; pixel p starts at element p * channels.
+struct ImageBuffer {
+  bool loaded = false;        // a file was read into it
+  bool packed = false;        // the pixels are in packedPixels
+  bool allowPacked = true;    // a float picture that is loaded is kept packed
+  std::int32_t bits = 32;     // per component: 1, 8, 16, 32 or 64
+  std::int32_t channels = 3;  // 1, 3 or 4
+  std::int32_t width = 0;
+  std::int32_t height = 0;
+  std::vector<std::uint32_t> bitPixels;  // 32 pixels a word, lowest bit first
+  std::vector<std::uint8_t> bytePixels;
+  std::vector<std::uint16_t> wordPixels;
+  std::vector<float> floatPixels;
+  std::vector<double> doublePixels;
+  std::vector<PackedPixel> packedPixels;
+  std::string fileName;       // loaded from, or saved to
+};
+
+// Sets the format and clears the pixels; does nothing but clear `loaded` unless all four sizes are positive.
+void Allocate(ImageBuffer& image, int width, int height, int channels, int bits, bool packed);
+// One pixel as three floats. Intended: a 16-bit component reads as value / 255, so that 1.0 written reads 257.
+Vec3 ReadPixel(const ImageBuffer& image, std::size_t pixel);
+// Packed and 1-bit pictures are not written.
+void WritePixel(ImageBuffer& image, Vec3 color, std::size_t pixel);
+std::size_t PixelBytes(const ImageBuffer& image);
+
+// Writes the picture to image.fileName, in the format that the name tells; true if a file was written.
+bool SaveImage(const ImageBuffer& image);
+// Reads a file of any format FreeImage knows; false if it held no picture of a supported type.
+bool LoadImage(ImageBuffer& image, const std::string& path);
+void StartImageFiles();  // FreeImage_Initialise
+void StopImageFiles();   // FreeImage_DeInitialise
+
+// What an AOV records: a set of bits.
+enum Channel : std::uint32_t {
+  kChannelBeauty = 1,
+  kChannelLightPath = 2,
+  kChannelLambertian = 4,
+  kChannelLambertianColor = 8,
+  kChannelTransmissive = 16,
+  kChannelTransmissiveColor = 32,
+  kChannelGlossy = 64,
+  kChannelGlossyColor = 128,
+  kChannelSpecular = 256,
+  kChannelSpecularColor = 512,
+  kChannelEmissive = 1024,
+  kChannelNormal = 2048,
+  kChannelTangent = 4096,
+  kChannelPosition = 8192,
+  kChannelDepth = 16384,
+  kChannelUserData = 32768,
+};
+
+struct ChannelWord {
+  std::string_view word;
+  Channel channel;
+};
+// The words of scene text, in the order of their bits.
+inline constexpr ChannelWord kChannelWords[] = {
+    {"light_path", kChannelLightPath},
+    {"lambertian", kChannelLambertian},
+    {"lambertian_color", kChannelLambertianColor},
+    {"transmissive", kChannelTransmissive},
+    {"transmissive_color", kChannelTransmissiveColor},
+    {"glossy", kChannelGlossy},
+    {"glossy_color", kChannelGlossyColor},
+    {"specular", kChannelSpecular},
+    {"specular_color", kChannelSpecularColor},
+    {"emissive", kChannelEmissive},
+    {"normal", kChannelNormal},
+    {"tangent", kChannelTangent},
+    {"position", kChannelPosition},
+    {"depth", kChannelDepth},
+};
+static_assert(std::size(kChannelWords) == 14);
+
+// One output image.
+struct Aov {
+  std::string shaderName;               // restricts a geometry light's AOV to hits of that Shader
+  std::string userData = "undefined";   // name of the vertex data that a user-data AOV shows
+  ImageBuffer image;
+  std::int32_t shaderIndex = kNone;     // of shaderName
+  std::int32_t width = 0;
+  std::int32_t height = 0;
+  std::uint32_t channel = kChannelBeauty;
+};
+
+// Allocates the AOV's pixels: 3 channels of 32 bits, black.
+void InitializeAov(Aov& aov, int width, int height);
+// "beauty-YYYYMMDD-HHMMSS.hdr" of the local time; unique in the process.
+std::string DefaultBeautyName();
+
+enum class Projection : std::int32_t { kPerspective = 0, kSpherical = 1 };
+enum class AngleMeasure : std::int32_t {};
+
+// Where the camera stands at one instant. The first four members and the lengths are derived.
+struct CameraPose {
+  Vec3 right, forward, up;   // unit vectors, perpendicular
+  Mat3 toWorld;              // columns right, forward, up
+  Vec3 position;             // scene units
+  Vec3 target;
+  Vec3 upVector;             // of any length
+  float bokeh = 0;           // half angle of the lens cone, degrees; 0 or less is a pinhole
+  float focusDistance = 0;   // from position to target
+  float focalLength = 0;     // distance of the image plane, pixels
+  float fieldOfView = 0;     // full horizontal angle, degrees
+};
+
+struct Camera {
+  Camera();  // with a beauty AOV of its own
+
+  float inverseSample = 1;
+  bool moving = false;       // the two poses differ; nothing depends on it
+  std::vector<Aov> aovs;     // the first is the beauty image
+  Projection projection = Projection::kPerspective;
+  AngleMeasure angleMeasure = {};  // Intended: never read, angles are in degrees
+  std::int32_t poseIndex = 0;      // the pose that setters write
+  CameraPose poses[2];             // shutter open and close
+  bool poseWritten[2] = {};        // a pose that nobody wrote is a copy of the other
+  std::string name;
+  Vec3 exposure = {1, 1, 1};       // Intended: never applied
+  std::int32_t poseCount = 0;      // pose blocks read so far
+  std::int32_t width = 960;
+  std::int32_t height = 540;
+  std::int32_t sample = 17;        // passes
+  std::int32_t regionXMin = 0;     // first column rendered
+  std::int32_t regionYMin = 0;
+  std::int32_t regionXMax = 1048576;  // one behind the last
+  std::int32_t regionYMax = 1048576;
+  float ior = 1;                   // of the medium around the camera
+};
+
+extern std::vector<Camera> cameras;
+
+// Limits, poses and AOV pixels of every camera; prints their report. AOVs are bound to shaders elsewhere.
+void InitializeCameras();
+// Writes every AOV of every camera and empties the table.
+void FinalizeCameras();
+// The pose at `time` in 0 (shutter open) to 1 (close).
+CameraPose CameraAtTime(const Camera& camera, float time);
+// Fills a fresh ray for pass `sample` through pixel (x, y), except its thread and pixel slot: the caller sets
+// ray.thread before. An unknown projection leaves origin and direction as they were.
+void MakePrimaryRay(const Camera& camera, RayRecord& ray, int x, int y, std::uint32_t sample);
+
+// Picture files that could not be written since the last call with `reset`; an empty name is no failure.
+int FailedSaves(bool reset);
+
+}  // namespace zp

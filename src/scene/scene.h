@@ -1,0 +1,22 @@
+// scene/scene.h: scene text fills the tables. The format is silent by design: what it does not understand it
+// skips without a word, and bad numbers leave fields as they are. No exception leaves the reader.
+
+#pragma once
+
+#include <istream>
+#include <string>
+#include <vector>
+
+namespace zp {
+
+// The subfolders shader, render, light, camera and geometry of a scene folder, each one's .zp files in bytewise
+// order of their names. False if the folder itself does not exist.
+bool ReadSceneFolder(const std::string& folder);
+// One file; false if it cannot be opened.
+bool ReadSceneFile(const std::string& path);
+void ReadScene(std::istream& stream);
+
+extern std::string sceneFolder;
+extern std::vector<std::string> geometrySearchPaths;  // Intended: written, never read
+
+}  // namespace zp

@@ -1,0 +1,195 @@
+// shading/shading.h: what surfaces look like. Shaders, their layers, the textures behind them, and the point
+// that a hit fills in. Tables change before a render only; look-ups run on any thread and do not fail.
+
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/ray.h"
+#include "core/vec.h"
+#include "imaging/imaging.h"
+
+namespace zp {
+
+enum class Element : std::int32_t {
+  kLambertian, kTransmissive, kGlossy, kSpecular, kEmissive, kDiffusion, kShadowTransparency, kNormal,
+  kWeight, kAnisotropy, kRoughness, kAngle, kIor, kUnnamed13, kThickness, kUnnamed15,
+};
+inline constexpr int kElementCount = 16;
+
+struct ElementRow {
+  Element element;
+  std::string_view keyword;  // empty: reached by functions only
+  Vec3 color;                // default
+};
+inline constexpr ElementRow kElements[] = {
+    {Element::kLambertian, "lambertian", kBlack},
+    {Element::kTransmissive, "transmissive", kBlack},
+    {Element::kGlossy, "glossy", kBlack},
+    {Element::kSpecular, "specular", kBlack},
+    {Element::kEmissive, "emissive", kBlack},
+    {Element::kDiffusion, "diffusion", kBlack},
+    {Element::kShadowTransparency, "shadow_transparency", kBlack},
+    {Element::kNormal, "normal", kWhite},
+    {Element::kWeight, "weight", kBlack},
+    {Element::kAnisotropy, "anisotropy", kBlack},
+    {Element::kRoughness, "roughness", kBlack},
+    {Element::kAngle, "angle", kBlack},
+    {Element::kIor, "ior", kWhite},
+    {Element::kUnnamed13, "", kWhite},
+    {Element::kThickness, "thickness", kBlack},
+    {Element::kUnnamed15, "", kBlack},
+};
+static_assert(std::size(kElements) == kElementCount);
+
+enum class Material : std::int32_t { kConductor, kDielectric, kThinDielectric };
+enum class Sideness : std::int32_t { kFace, kBack, kBoth };
+enum class Visibility : std::int32_t { kInvisible, kNotLightPrimary, kNotCameraPrimary, kAll };
+enum class PixelSampler : std::uint8_t { kNearest, kStochastic, kBilinear };
+
+// One parameter: a colour, times an image if there is one.
+struct ImageSlot {
+  float gamma = 1;  // exponent of each texel component
+  Mat4 colorMatrix;
+  Mat3 uvMatrix;
+  std::int8_t wrapU = 0, wrapV = 0;  // 0 repeat, 1 clamp
+  PixelSampler pixelSampler = PixelSampler::kBilinear;
+  bool colorMatrixIsIdentity = true;  // cleared by scene text only
+  bool uvMatrixIsIdentity = true;
+  std::string imageName;
+  std::string fresnelImageName;
+  std::string uvSetName;
+  Vec3 direction;
+  Vec3 color;
+  Vec3 fresnel;
+  std::int32_t image = kNone;         // index in the texture table
+  std::int32_t fresnelImage = kNone;
+  std::int32_t level = 1;
+};
+
+// One layer. A side with several layers is a stochastic mixture of them by weight.
+struct SurfaceShader {
+  SurfaceShader();  // slots with the defaults of kElements
+
+  std::array<ImageSlot, kElementCount> slots;
+  Sideness sideness = Sideness::kBoth;
+  Material material = Material::kConductor;
+  bool virtualLight = false;
+  bool window = false;
+  // Derived at initialisation.
+  bool hasImage = false, needsTangents = false, hasAngle = false, hasNormalMap = false, isGlossy = false;
+  bool isAnisotropic = false, hasDiffuse = false, hasReflection = false, isPlain = false;
+  bool hasDiffusion = false, hasLambertian = false, hasTransmissive = false, hasGlossy = false;
+  bool hasSpecular = false;
+
+  ImageSlot& operator[](Element e) { return slots[static_cast<std::size_t>(e)]; }
+  const ImageSlot& operator[](Element e) const { return slots[static_cast<std::size_t>(e)]; }
+};
+
+struct GeometryShader {
+  std::vector<ImageSlot> radius, length, vector, height;
+  ImageSlot clip;           // colour white
+  float smoothAngle = -1;   // degrees; negative keeps supplied normals
+  float roundCorner = 1;
+  float reduction = kFarthest;
+  Visibility visibility = Visibility::kAll;
+  bool flipFace = false, trivialConnection = false, assignHairTextureUv = false, hasClip = false;
+
+  GeometryShader() { clip.color = kWhite; }
+};
+
+// A medium: absorption along a ray is transmittance to the power of the distance.
+struct VolumeShader {
+  Vec3 sigmaSNormalized, sigmaS, sigmaSCopy, sigmaT, sigmaTShifted;
+  float sigmaMax = 0;
+  Vec3 albedo;
+  Vec3 transmittance = {1, 1, 1};  // of one scene unit
+  float averageCosine = 0;
+  std::uint32_t mediumId = 0;
+};
+
+inline constexpr int kMaxLayersOnSide = 16;
+
+struct Shader {
+  bool initialized = false;
+  bool usedByHair = false;
+  std::string name = "undefined";
+  GeometryShader geometry;
+  VolumeShader volume;
+  std::int32_t frontCount = 0, backCount = 0;
+  std::array<std::uint8_t, kMaxLayersOnSide> front = {}, back = {};  // indices into surfaces
+  std::vector<SurfaceShader> surfaces;
+  float opacity = 1;
+  bool frontVirtualLight = false, backVirtualLight = false;
+  bool frontEmissive = false, backEmissive = false;
+  bool frontLambertian = false, backLambertian = false;
+  bool frontTransmissive = false, backTransmissive = false;
+};
+
+extern std::vector<Shader> shaders;
+inline constexpr std::string_view kUndefinedShader = "undefined";
+
+// The medium around everything: the sky's volume block.
+extern VolumeShader globalVolume;
+
+// Registers the Shader "undefined": grey 0.85, ior 1. Called by Startup, when no shader has that name.
+void AddUndefinedShader();
+// The first Shader of that name; kNone without one.
+std::int32_t FindShader(std::string_view name);
+// The same, appending a default Shader of that name when there is none.
+std::int32_t FindOrCreateShader(std::string_view name);
+// Loads textures, fills the side lists and derived flags of every Shader, prints the reports.
+void InitializeShaders();
+void FinalizeShaders();
+void InitializeVolume(VolumeShader& volume);
+// Finds the AOV's Shader by name: the last of equal names.
+void BindAovShader(Aov& aov);
+
+// Textures: each file once, found through folders that are tried in order.
+extern std::vector<ImageBuffer> images;
+extern std::vector<std::string> imageSearchPaths;
+std::int32_t FindOrAddTexture(std::string_view name);  // kNone for an empty name
+// Reads the file unless it was read; on failure prints the row that says so and returns false.
+bool LoadTexture(ImageBuffer& image);
+
+// Filled at a hit, one for each level of recursion.
+struct ShadingPoint {
+  Vec3 tangent, bitangent, normal;  // the shading frame: orthonormal; normal looks to the ray's origin
+  Vec3 geometricNormal;             // unbent, on the same side
+  Vec3 position;
+  Vec3 outgoing;                    // back along the ray
+  float alphaX = 0, alphaY = 0;     // glossy widths along tangent and bitangent
+  Vec2 uv;
+  Vec3 lambertianColor, transmissiveColor, glossyColor, specularColor, diffusionColor;
+  float specularWeight = 0;         // Fresnel reflectance
+  float diffuseWeight = 1;          // what is left
+  float iorRatio = 1;               // factor that turns the ray's ior on refraction
+  float reflectCosine = 0;          // outgoing . normal
+  const SurfaceShader* layer = nullptr;
+  bool useDensity = false;          // takes its diffuse radiance from the density cells
+  Material material = Material::kConductor;
+  bool virtualLight = false;
+  bool hasLambertian = false, hasTransmissive = false, hasGlossy = false, hasSpecular = false;
+  bool hasDiffusion = false;
+};
+
+// A slot's value at a point: its colour, times its image.
+Vec3 LookUp(const ImageSlot& slot, Vec2 uv);
+Vec3 LookUpTexture(const ImageBuffer& image, const ImageSlot& slot, Vec2 uv);
+// The same into `color`; true when it is above black.
+bool TestElement(const SurfaceShader& layer, Element element, Vec2 uv, Vec3& color);
+// One layer of the side that was hit, drawn in proportion to the layers' weights. `shader` has layers.
+const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, Vec2 uv);
+// Fresnel weights, widths, normal map, mirror guard: from layer, frame and outgoing, which are set.
+// `plain` skips the Fresnel term for a layer without reflection.
+void FinishShadingPoint(ShadingPoint& point, const Shader& shader, bool frontFace);
+
+// Directions: u, v in [0, 1).
+Vec2 ConcentricDisk(float u, float v);          // Shirley and Chiu, "A Low Distortion Map", 1997
+Vec3 CosineDirection(float u, float v);         // local frame, z up; density z / pi
+
+}  // namespace zp
