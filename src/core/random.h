@@ -29,7 +29,8 @@ void KeyRandom();
 
 // A uniform 32-bit number.
 inline std::uint32_t RandomBits() {
-  if (!randomState.keyed) [[unlikely]] KeyRandom();
+  if (!randomState.keyed) [[unlikely]]
+    KeyRandom();
   const std::uint64_t old = randomState.state;
   randomState.state = old * 6364136223846793005ULL + 1442695040888963407ULL;
   const auto shifted = static_cast<std::uint32_t>(((old >> 18U) ^ old) >> 27U);

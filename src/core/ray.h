@@ -39,42 +39,42 @@ enum PrimitiveKind : std::uint8_t {
 
 // Lives on its caller's stack, one for each ray.
 struct RayRecord {
-  Vec2 rotation;                    // the pixel's entry of pixelRotationTable
-  std::uint32_t sampleNumber = 0;   // the ray's number in its sequence
-  std::int32_t dimension = 0;       // its first Halton dimension; a child's is two higher
-  Vec3 origin;                      // scene units, in the space of the Object being walked
-  Vec3 direction;                   // unit length
-  Vec3 inverseDirection;            // 1 / component, filled by Trace
-  Vec3 barycentric;                 // of the hit; meaning by kind: accel/primitive_tests.h
-  float t = kFarthest;              // distance to the hit
-  Vec3 throughput = {1, 1, 1};      // linear RGB weight of the path so far
-  Vec3 photonPower;                 // of a photon ray
+  Vec2 rotation;                              // the pixel's entry of pixelRotationTable
+  std::uint32_t sampleNumber = 0;             // the ray's number in its sequence
+  std::int32_t dimension = 0;                 // its first Halton dimension; a child's is two higher
+  Vec3 origin;                                // scene units, in the space of the Object being walked
+  Vec3 direction;                             // unit length
+  Vec3 inverseDirection;                      // 1 / component, filled by Trace
+  Vec3 barycentric;                           // of the hit; meaning by kind: accel/primitive_tests.h
+  float t = kFarthest;                        // distance to the hit
+  Vec3 throughput = {1, 1, 1};                // linear RGB weight of the path so far
+  Vec3 photonPower;                           // of a photon ray
   const ShadingPoint* parentPoint = nullptr;  // the point that the ray left; null on a camera ray
-  const Part* part = nullptr;       // what was hit
-  float ior = 1;                    // of the medium around the ray
-  std::int32_t sampleWeight = 1;    // how many samples of this level make one pixel
-  std::int32_t shader = kNone;      // of the hit
-  std::int32_t primitive = kNone;   // index of what was hit, in its Part's list of that kind
-  std::int32_t parentShader = kNone;     // the same four of the hit that the ray left
-  std::int32_t parentPrimitive = kNone;  //
-  const Part* parentPart = nullptr;      //
+  const Part* part = nullptr;                 // what was hit
+  float ior = 1;                              // of the medium around the ray
+  std::int32_t sampleWeight = 1;              // how many samples of this level make one pixel
+  std::int32_t shader = kNone;                // of the hit
+  std::int32_t primitive = kNone;             // index of what was hit, in its Part's list of that kind
+  std::int32_t parentShader = kNone;          // the same four of the hit that the ray left
+  std::int32_t parentPrimitive = kNone;       //
+  const Part* parentPart = nullptr;           //
   std::uint8_t kind = kKindUnset;
   std::uint8_t parentKind = kKindUnset;
   std::uint8_t hitSide = 0;
   std::uint8_t parentHitSide = 0;
   std::uint8_t previousEvent = kEventSpecular;
   std::uint8_t event = kEventSpecular;
-  std::uint8_t thread = 0;           // OpenMP thread number: index of all per-thread slots
-  std::uint8_t depth = 0;            // bounces of any kind
-  std::uint8_t diffuseBounces = 0;   // Lambertian and transmissive
+  std::uint8_t thread = 0;          // OpenMP thread number: index of all per-thread slots
+  std::uint8_t depth = 0;           // bounces of any kind
+  std::uint8_t diffuseBounces = 0;  // Lambertian and transmissive
   std::uint8_t glossyBounces = 0;
   std::uint8_t specularBounces = 0;
-  std::uint8_t matrixDepth = 0;      // Instances entered while walking
-  std::uint8_t hitMatrixDepth = 0;   // the same at the hit
-  bool frontFace = false;            // met the side that the normal points to
+  std::uint8_t matrixDepth = 0;     // Instances entered while walking
+  std::uint8_t hitMatrixDepth = 0;  // the same at the hit
+  bool frontFace = false;           // met the side that the normal points to
   bool photonIndirect = false;
   bool photonStore = false;
-  bool levelZeroHit = false;         // the hit Object is the RootObject
+  bool levelZeroHit = false;  // the hit Object is the RootObject
 };
 static_assert(std::is_trivially_copyable_v<RayRecord>);
 
@@ -83,12 +83,12 @@ inline int BounceCount(const RayRecord& ray) { return ray.diffuseBounces + ray.g
 
 // Written by one thread each, summed between passes. A cache line of its own keeps threads apart.
 struct alignas(64) ThreadSlot {
-  std::uint64_t rays = 0;         // nearest-hit rays
-  std::uint64_t shadowRays = 0;   // any-hit rays
-  std::uint64_t innerNodes = 0;   // visited by shadow rays
+  std::uint64_t rays = 0;        // nearest-hit rays
+  std::uint64_t shadowRays = 0;  // any-hit rays
+  std::uint64_t innerNodes = 0;  // visited by shadow rays
   std::uint64_t leaves = 0;
   std::uint64_t primitives = 0;
-  std::uint32_t pixel = 0;        // linear index of the pixel that is being rendered
+  std::uint32_t pixel = 0;  // linear index of the pixel that is being rendered
 };
 inline ThreadSlot threadSlots[kMaxThreads];
 

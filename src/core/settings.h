@@ -13,29 +13,29 @@ struct RendererSettings {
   std::int32_t activeCamera = 0;  // Intended: nothing writes it, camera 0 is the one rendered
   // Not reset between runs: a second scene in the process inherits these.
   Vec3 clamp = {kFarthest, kFarthest, kFarthest};  // upper limit of one sample's radiance
-  Vec3 error;                   // stands in for a sample that is no finite number
-  float exposure = 0;           // Intended: kept for the format's sake, without effect
-  float displayGamma = 2.2f;    // Intended: likewise
+  Vec3 error;                                      // stands in for a sample that is no finite number
+  float exposure = 0;                              // Intended: kept for the format's sake, without effect
+  float displayGamma = 2.2f;                       // Intended: likewise
   std::int32_t rendererBounce = 1;  // diffuse bounces before paths stop or the density cells answer
-  float distance = 1;           // hits nearer than this are gathered further; scene units
+  float distance = 1;               // hits nearer than this are gathered further; scene units
   float distanceSquared = 1;
-  float resolution = 1;         // target area of one density cell; scene units squared
+  float resolution = 1;  // target area of one density cell; scene units squared
   bool previewWindow = false;
   // Put back by ResetRenderer.
-  std::int32_t rayDepth = 8;        // a ray of this depth or more returns black
-  std::int32_t photonDepth = 16;    // a photon path longer than this stops
-  std::int32_t rendererSample = 64; // indirect rays of a first hit, over all passes
+  std::int32_t rayDepth = 8;         // a ray of this depth or more returns black
+  std::int32_t photonDepth = 16;     // a photon path longer than this stops
+  std::int32_t rendererSample = 64;  // indirect rays of a first hit, over all passes
   bool finalGathering = false;
-  float photonRadius = 1;           // of the photon gather; scene units
+  float photonRadius = 1;  // of the photon gather; scene units
   float photonRadiusSquared = 1;
   float photonRadiusCubed = 1;
   std::int32_t rendererSampleCopy = 64;  // as it stood at renderer initialisation: for the sky
   std::int32_t geometrySampleCopy = 64;  // and for the geometry light
   // State of the frame.
-  std::uint32_t passIndex = 0;      // the pass that comes next
-  std::int32_t samplePass = 8;      // the pass that runs
-  std::uint16_t currentPass = 0;    // the same, as the camera ray sees it
-  std::uint64_t rendererRays = 0;   // of the last pass
+  std::uint32_t passIndex = 0;     // the pass that comes next
+  std::int32_t samplePass = 8;     // the pass that runs
+  std::uint16_t currentPass = 0;   // the same, as the camera ray sees it
+  std::uint64_t rendererRays = 0;  // of the last pass
   std::uint64_t shadowRays = 0;
   std::int64_t renderMicroseconds = 0;
 };

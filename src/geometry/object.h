@@ -45,8 +45,8 @@ struct VertexSet {
 };
 
 struct Part {
-  std::vector<std::uint32_t> particles;      // a particle's vertex
-  std::vector<std::uint32_t> cylinders;      // a segment's first vertex; it runs to the next one
+  std::vector<std::uint32_t> particles;  // a particle's vertex
+  std::vector<std::uint32_t> cylinders;  // a segment's first vertex; it runs to the next one
   std::vector<Triangle> triangles;
   std::vector<Tetragon> tetragons;
   std::vector<std::uint32_t> strandLengths;  // segments of each strand
@@ -54,21 +54,21 @@ struct Part {
   std::vector<VertexSet<Vec2>> uvSets = {{"uv", {}}};
   std::vector<VertexSet<float>> scalarSets = {{"radius", {}}};
   std::vector<Vec3> positions;
-  std::vector<PackedVector> normals;         // one a vertex, or none
+  std::vector<PackedVector> normals;  // one a vertex, or none
   std::vector<PackedVector> tangents;
   std::vector<std::int32_t> primitiveShaders;
   std::int32_t shader = 0;
   std::string materialName;
   std::string typeName = "undefined";
-  bool motion = false;                       // some vector set is named "motion"
+  bool motion = false;                                 // some vector set is named "motion"
   std::vector<std::vector<std::uint32_t>> vertexHash;  // of the reader that merges vertices; transient
 };
 
 struct Instance {
-  Mat4 matrix;             // object to world
-  Mat4 inverse;            // filled at initialisation, like the next two
-  Mat4 normalMatrix;       // transpose of the inverse's upper 3 x 3
-  Box bounds;              // world
+  Mat4 matrix;        // object to world
+  Mat4 inverse;       // filled at initialisation, like the next two
+  Mat4 normalMatrix;  // transpose of the inverse's upper 3 x 3
+  Box bounds;         // world
   std::int32_t object = kNone;
   std::string objectName;
   std::string typeName = "undefined";
@@ -77,11 +77,11 @@ struct Instance {
 
 // One emitting side of a primitive, or an Instance that stands for all its Object's emitters.
 struct EmissionRecord {
-  std::int32_t part = kNone;   // index in the Object's parts; kNone for an instance
+  std::int32_t part = kNone;  // index in the Object's parts; kNone for an instance
   std::uint8_t kind = kKindNone;
-  std::uint8_t side = 1;       // 1 front, 0 back
+  std::uint8_t side = 1;  // 1 front, 0 back
   std::uint32_t index = 0;
-  float area = 0;              // scene units squared, in the space of the list's Object
+  float area = 0;  // scene units squared, in the space of the list's Object
 };
 struct EmissionList {
   std::vector<EmissionRecord> records;
@@ -91,7 +91,7 @@ struct EmissionList {
 
 // A primitive inside an Object.
 struct PrimitiveRef {
-  std::uint16_t part = 0;   // 0 for an instance
+  std::uint16_t part = 0;  // 0 for an instance
   std::uint16_t kind = 0;
   std::uint32_t index = 0;  // in the Part's list of that kind, or in the Object's instances
   friend bool operator==(const PrimitiveRef&, const PrimitiveRef&) = default;
@@ -110,10 +110,10 @@ inline constexpr std::uint32_t kUnusedSlot = 0xFFFFFFFF;
 
 // Eight boxes and what is in them.
 struct WideNode {
-  float boxes[6][8];          // rows minimum x, y, z, maximum x, y, z; column i is slot i
-  std::uint32_t child[8];     // a WideNode, or the first reference of a leaf
-  std::uint16_t count[8];     // 0: an inner node
-  std::uint32_t log[8];       // blocked shadow rays; after ordering, the bits of the slots' ratios
+  float boxes[6][8];       // rows minimum x, y, z, maximum x, y, z; column i is slot i
+  std::uint32_t child[8];  // a WideNode, or the first reference of a leaf
+  std::uint16_t count[8];  // 0: an inner node
+  std::uint32_t log[8];    // blocked shadow rays; after ordering, the bits of the slots' ratios
 };
 
 struct PackedTree;  // accel: the same tree, laid out for walking
@@ -122,21 +122,21 @@ struct Object {
   Box bounds;
   std::string name;
   std::string typeName = "undefined";
-  std::int32_t shader = 0;       // of scene text; see PreparePart for when it reaches a Part
+  std::int32_t shader = 0;  // of scene text; see PreparePart for when it reaches a Part
   std::vector<Part> parts;
   std::vector<Instance> instances;
-  EmissionList emitters;         // what casts photons
-  EmissionList virtualLights;    // what direct lighting samples
-  bool deformable = false;       // some Part has motion
+  EmissionList emitters;       // what casts photons
+  EmissionList virtualLights;  // what direct lighting samples
+  bool deformable = false;     // some Part has motion
   // The tree: filled by accel.
   std::vector<PrimitiveRef> references;  // released after initialisation unless deformable
   std::vector<BinaryNode> nodes;         // likewise
   std::vector<WideNode> wideNodes;       // node 0 is the root
   std::vector<PrimitiveRef> compactReferences;
   std::shared_ptr<PackedTree> packed;
-  std::int32_t level = 0;                // 0 for the RootObject, else its parent's plus 1
+  std::int32_t level = 0;  // 0 for the RootObject, else its parent's plus 1
   std::int32_t wideDepth = 0;
-  bool referenced = false;               // some Instance places it
+  bool referenced = false;  // some Instance places it
   double treeCost = 0;
 };
 

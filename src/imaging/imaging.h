@@ -35,12 +35,13 @@ struct ImageBuffer {
   std::vector<float> floatPixels;
   std::vector<double> doublePixels;
   std::vector<PackedPixel> packedPixels;
-  std::string fileName;       // loaded from, or saved to
+  std::string fileName;  // loaded from, or saved to
 };
 
 // Sets the format and clears the pixels; does nothing but clear `loaded` unless all four sizes are positive.
 void Allocate(ImageBuffer& image, int width, int height, int channels, int bits, bool packed);
-// One pixel as three floats. Intended: a 16-bit component reads as value / 255, so that 1.0 written reads 257.
+// One pixel as three floats. Intended: a 16-bit component reads as value / 255, so that 1.0 written reads
+// 257.
 Vec3 ReadPixel(const ImageBuffer& image, std::size_t pixel);
 // Packed and 1-bit pictures are not written.
 void WritePixel(ImageBuffer& image, Vec3 color, std::size_t pixel);
@@ -98,10 +99,10 @@ static_assert(std::size(kChannelWords) == 14);
 
 // One output image.
 struct Aov {
-  std::string shaderName;               // restricts a geometry light's AOV to hits of that Shader
-  std::string userData = "undefined";   // name of the vertex data that a user-data AOV shows
+  std::string shaderName;              // restricts a geometry light's AOV to hits of that Shader
+  std::string userData = "undefined";  // name of the vertex data that a user-data AOV shows
   ImageBuffer image;
-  std::int32_t shaderIndex = kNone;     // of shaderName
+  std::int32_t shaderIndex = kNone;  // of shaderName
   std::int32_t width = 0;
   std::int32_t height = 0;
   std::uint32_t channel = kChannelBeauty;
@@ -117,39 +118,39 @@ enum class AngleMeasure : std::int32_t {};
 
 // Where the camera stands at one instant. The first four members and the lengths are derived.
 struct CameraPose {
-  Vec3 right, forward, up;   // unit vectors, perpendicular
-  Mat3 toWorld;              // columns right, forward, up
-  Vec3 position;             // scene units
+  Vec3 right, forward, up;  // unit vectors, perpendicular
+  Mat3 toWorld;             // columns right, forward, up
+  Vec3 position;            // scene units
   Vec3 target;
-  Vec3 upVector;             // of any length
-  float bokeh = 0;           // half angle of the lens cone, degrees; 0 or less is a pinhole
-  float focusDistance = 0;   // from position to target
-  float focalLength = 0;     // distance of the image plane, pixels
-  float fieldOfView = 0;     // full horizontal angle, degrees
+  Vec3 upVector;            // of any length
+  float bokeh = 0;          // half angle of the lens cone, degrees; 0 or less is a pinhole
+  float focusDistance = 0;  // from position to target
+  float focalLength = 0;    // distance of the image plane, pixels
+  float fieldOfView = 0;    // full horizontal angle, degrees
 };
 
 struct Camera {
   Camera();  // with a beauty AOV of its own
 
   float inverseSample = 1;
-  bool moving = false;       // the two poses differ; nothing depends on it
-  std::vector<Aov> aovs;     // the first is the beauty image
+  bool moving = false;    // the two poses differ; nothing depends on it
+  std::vector<Aov> aovs;  // the first is the beauty image
   Projection projection = Projection::kPerspective;
   AngleMeasure angleMeasure = {};  // Intended: never read, angles are in degrees
   std::int32_t poseIndex = 0;      // the pose that setters write
   CameraPose poses[2];             // shutter open and close
   bool poseWritten[2] = {};        // a pose that nobody wrote is a copy of the other
   std::string name;
-  Vec3 exposure = {1, 1, 1};       // Intended: never applied
-  std::int32_t poseCount = 0;      // pose blocks read so far
+  Vec3 exposure = {1, 1, 1};   // Intended: never applied
+  std::int32_t poseCount = 0;  // pose blocks read so far
   std::int32_t width = 960;
   std::int32_t height = 540;
-  std::int32_t sample = 17;        // passes
-  std::int32_t regionXMin = 0;     // first column rendered
+  std::int32_t sample = 17;     // passes
+  std::int32_t regionXMin = 0;  // first column rendered
   std::int32_t regionYMin = 0;
   std::int32_t regionXMax = 1048576;  // one behind the last
   std::int32_t regionYMax = 1048576;
-  float ior = 1;                   // of the medium around the camera
+  float ior = 1;  // of the medium around the camera
 };
 
 extern std::vector<Camera> cameras;

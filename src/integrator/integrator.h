@@ -33,10 +33,10 @@ void RenderLoop();
 
 // What a program shows while a frame renders; called after each pass. Null for none.
 struct PassReport {
-  std::uint32_t done = 0;        // passes
+  std::uint32_t done = 0;  // passes
   std::uint32_t total = 0;
-  std::uint64_t rays = 0;        // of the pass, shadow rays included
-  std::int64_t microseconds = 0; // of the pass
+  std::uint64_t rays = 0;         // of the pass, shadow rays included
+  std::int64_t microseconds = 0;  // of the pass
 };
 extern std::function<void(const PassReport&)> passReporter;
 

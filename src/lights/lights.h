@@ -45,11 +45,11 @@ struct GeometryLight {
 };
 extern GeometryLight geometryLight;
 
-void ResetSky();            // also the volume around everything
+void ResetSky();  // also the volume around everything
 void ResetGeometryLight();
 void InitializeSky();
 void InitializeGeometryLight();
-void FinalizeSky();            // writes the AOVs and resets
+void FinalizeSky();  // writes the AOVs and resets
 void FinalizeGeometryLight();
 
 // Radiance of the sky in a direction, `color` included.

@@ -9,8 +9,8 @@
 
 namespace zp {
 
-// The subfolders shader, render, light, camera and geometry of a scene folder, each one's .zp files in bytewise
-// order of their names. False if the folder itself does not exist.
+// The subfolders shader, render, light, camera and geometry of a scene folder, each one's .zp files in
+// bytewise order of their names. False if the folder itself does not exist.
 bool ReadSceneFolder(const std::string& folder);
 // One file; false if it cannot be opened.
 bool ReadSceneFile(const std::string& path);

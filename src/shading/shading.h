@@ -16,8 +16,22 @@
 namespace zp {
 
 enum class Element : std::int32_t {
-  kLambertian, kTransmissive, kGlossy, kSpecular, kEmissive, kDiffusion, kShadowTransparency, kNormal,
-  kWeight, kAnisotropy, kRoughness, kAngle, kIor, kUnnamed13, kThickness, kUnnamed15,
+  kLambertian,
+  kTransmissive,
+  kGlossy,
+  kSpecular,
+  kEmissive,
+  kDiffusion,
+  kShadowTransparency,
+  kNormal,
+  kWeight,
+  kAnisotropy,
+  kRoughness,
+  kAngle,
+  kIor,
+  kUnnamed13,
+  kThickness,
+  kUnnamed15,
 };
 inline constexpr int kElementCount = 16;
 
@@ -66,7 +80,7 @@ struct ImageSlot {
   Vec3 direction;
   Vec3 color;
   Vec3 fresnel;
-  std::int32_t image = kNone;         // index in the texture table
+  std::int32_t image = kNone;  // index in the texture table
   std::int32_t fresnelImage = kNone;
   std::int32_t level = 1;
 };
@@ -92,8 +106,8 @@ struct SurfaceShader {
 
 struct GeometryShader {
   std::vector<ImageSlot> radius, length, vector, height;
-  ImageSlot clip;           // colour white
-  float smoothAngle = -1;   // degrees; negative keeps supplied normals
+  ImageSlot clip;          // colour white
+  float smoothAngle = -1;  // degrees; negative keeps supplied normals
   float roundCorner = 1;
   float reduction = kFarthest;
   Visibility visibility = Visibility::kAll;
@@ -161,16 +175,16 @@ struct ShadingPoint {
   Vec3 tangent, bitangent, normal;  // the shading frame: orthonormal; normal looks to the ray's origin
   Vec3 geometricNormal;             // unbent, on the same side
   Vec3 position;
-  Vec3 outgoing;                    // back along the ray
-  float alphaX = 0, alphaY = 0;     // glossy widths along tangent and bitangent
+  Vec3 outgoing;                 // back along the ray
+  float alphaX = 0, alphaY = 0;  // glossy widths along tangent and bitangent
   Vec2 uv;
   Vec3 lambertianColor, transmissiveColor, glossyColor, specularColor, diffusionColor;
-  float specularWeight = 0;         // Fresnel reflectance
-  float diffuseWeight = 1;          // what is left
-  float iorRatio = 1;               // factor that turns the ray's ior on refraction
-  float reflectCosine = 0;          // outgoing . normal
+  float specularWeight = 0;  // Fresnel reflectance
+  float diffuseWeight = 1;   // what is left
+  float iorRatio = 1;        // factor that turns the ray's ior on refraction
+  float reflectCosine = 0;   // outgoing . normal
   const SurfaceShader* layer = nullptr;
-  bool useDensity = false;          // takes its diffuse radiance from the density cells
+  bool useDensity = false;  // takes its diffuse radiance from the density cells
   Material material = Material::kConductor;
   bool virtualLight = false;
   bool hasLambertian = false, hasTransmissive = false, hasGlossy = false, hasSpecular = false;
@@ -189,7 +203,7 @@ const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, Vec2 uv);
 void FinishShadingPoint(ShadingPoint& point, const Shader& shader, bool frontFace);
 
 // Directions: u, v in [0, 1).
-Vec2 ConcentricDisk(float u, float v);          // Shirley and Chiu, "A Low Distortion Map", 1997
-Vec3 CosineDirection(float u, float v);         // local frame, z up; density z / pi
+Vec2 ConcentricDisk(float u, float v);   // Shirley and Chiu, "A Low Distortion Map", 1997
+Vec3 CosineDirection(float u, float v);  // local frame, z up; density z / pi
 
 }  // namespace zp

@@ -1,0 +1,125 @@
+// accel/float8.h: four and eight floats at once. All intrinsics of the renderer live here; another platform
+// is another version of this one file. Each type has a plain twin of the same arithmetic, bit for bit, so
+// that code written once for any lane type can be checked against plain loops, and `float` is a lane type
+// too.
+//
+// Max(x, y) and Min(x, y) give y when either is not a number.
+
+#pragma once
+
+#include <immintrin.h>
+
+#include <bit>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+
+namespace zp {
+
+struct Float8 {
+  __m256 v;
+  static Float8 Load(const float* p) { return {_mm256_loadu_ps(p)}; }
+  static Float8 LoadAligned(const float* p) { return {_mm256_load_ps(p)}; }
+  static Float8 Set(float x) { return {_mm256_set1_ps(x)}; }
+  void Store(float* p) const { _mm256_storeu_ps(p, v); }
+};
+inline Float8 operator+(Float8 a, Float8 b) { return {_mm256_add_ps(a.v, b.v)}; }
+inline Float8 operator-(Float8 a, Float8 b) { return {_mm256_sub_ps(a.v, b.v)}; }
+inline Float8 operator*(Float8 a, Float8 b) { return {_mm256_mul_ps(a.v, b.v)}; }
+inline Float8 Max(Float8 a, Float8 b) { return {_mm256_max_ps(a.v, b.v)}; }
+inline Float8 Min(Float8 a, Float8 b) { return {_mm256_min_ps(a.v, b.v)}; }
+inline Float8 MulAdd(Float8 a, Float8 b, Float8 c) { return {_mm256_fmadd_ps(a.v, b.v, c.v)}; }
+inline Float8 MulSub(Float8 a, Float8 b, Float8 c) { return {_mm256_fmsub_ps(a.v, b.v, c.v)}; }
+// Bit i set where lane i of a is at most that of b.
+inline unsigned MaskLessEqual(Float8 a, Float8 b) {
+  return static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(a.v, b.v, _CMP_LE_OQ)));
+}
+
+struct Float4 {
+  __m128 v;
+  static Float4 Load(const float* p) { return {_mm_loadu_ps(p)}; }
+  static Float4 LoadAligned(const float* p) { return {_mm_load_ps(p)}; }
+  static Float4 Set(float x) { return {_mm_set1_ps(x)}; }
+  void Store(float* p) const { _mm_storeu_ps(p, v); }
+};
+inline Float4 operator+(Float4 a, Float4 b) { return {_mm_add_ps(a.v, b.v)}; }
+inline Float4 operator-(Float4 a, Float4 b) { return {_mm_sub_ps(a.v, b.v)}; }
+inline Float4 operator*(Float4 a, Float4 b) { return {_mm_mul_ps(a.v, b.v)}; }
+inline Float4 operator/(Float4 a, Float4 b) { return {_mm_div_ps(a.v, b.v)}; }
+inline Float4 Max(Float4 a, Float4 b) { return {_mm_max_ps(a.v, b.v)}; }
+inline Float4 Min(Float4 a, Float4 b) { return {_mm_min_ps(a.v, b.v)}; }
+inline Float4 MulAdd(Float4 a, Float4 b, Float4 c) { return {_mm_fmadd_ps(a.v, b.v, c.v)}; }
+inline Float4 MulSub(Float4 a, Float4 b, Float4 c) { return {_mm_fmsub_ps(a.v, b.v, c.v)}; }
+inline unsigned MaskLessEqual(Float4 a, Float4 b) {
+  return static_cast<unsigned>(_mm_movemask_ps(_mm_cmple_ps(a.v, b.v)));
+}
+// Lanes truncated towards zero and limited to 0..limit; not-a-number gives 0.
+inline void TruncateTo(Float4 a, std::int32_t limit, std::int32_t out[4]) {
+  const __m128i whole = _mm_cvttps_epi32(a.v);
+  const __m128i clamped = _mm_min_epi32(_mm_max_epi32(whole, _mm_setzero_si128()), _mm_set1_epi32(limit));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out), clamped);
+}
+
+// `float` as a lane type of one.
+inline float MulAdd(float a, float b, float c) { return std::fma(a, b, c); }
+inline float MulSub(float a, float b, float c) { return std::fma(a, b, -c); }
+inline unsigned MaskLessEqual(float a, float b) { return a <= b ? 1U : 0U; }
+
+// The twin: the same operations as loops.
+template <int kLanes>
+struct PlainLanes {
+  float v[kLanes];
+  static PlainLanes Load(const float* p) {
+    PlainLanes r;
+    for (int i = 0; i < kLanes; ++i) r.v[i] = p[i];
+    return r;
+  }
+  static PlainLanes LoadAligned(const float* p) { return Load(p); }
+  static PlainLanes Set(float x) {
+    PlainLanes r;
+    for (float& lane : r.v) lane = x;
+    return r;
+  }
+  void Store(float* p) const {
+    for (int i = 0; i < kLanes; ++i) p[i] = v[i];
+  }
+  template <class Operation>
+  static PlainLanes Each(Operation operation) {
+    PlainLanes r;
+    for (int i = 0; i < kLanes; ++i) r.v[i] = operation(i);
+    return r;
+  }
+  friend PlainLanes operator+(PlainLanes a, PlainLanes b) {
+    return Each([&](int i) { return a.v[i] + b.v[i]; });
+  }
+  friend PlainLanes operator-(PlainLanes a, PlainLanes b) {
+    return Each([&](int i) { return a.v[i] - b.v[i]; });
+  }
+  friend PlainLanes operator*(PlainLanes a, PlainLanes b) {
+    return Each([&](int i) { return a.v[i] * b.v[i]; });
+  }
+  friend PlainLanes operator/(PlainLanes a, PlainLanes b) {
+    return Each([&](int i) { return a.v[i] / b.v[i]; });
+  }
+  friend PlainLanes Max(PlainLanes a, PlainLanes b) {
+    return Each([&](int i) { return a.v[i] > b.v[i] ? a.v[i] : b.v[i]; });
+  }
+  friend PlainLanes Min(PlainLanes a, PlainLanes b) {
+    return Each([&](int i) { return a.v[i] < b.v[i] ? a.v[i] : b.v[i]; });
+  }
+  friend PlainLanes MulAdd(PlainLanes a, PlainLanes b, PlainLanes c) {
+    return Each([&](int i) { return std::fma(a.v[i], b.v[i], c.v[i]); });
+  }
+  friend PlainLanes MulSub(PlainLanes a, PlainLanes b, PlainLanes c) {
+    return Each([&](int i) { return std::fma(a.v[i], b.v[i], -c.v[i]); });
+  }
+  friend unsigned MaskLessEqual(PlainLanes a, PlainLanes b) {
+    unsigned mask = 0;
+    for (int i = 0; i < kLanes; ++i) mask |= static_cast<unsigned>(a.v[i] <= b.v[i]) << i;
+    return mask;
+  }
+};
+
+inline void Prefetch(const void* address) { _mm_prefetch(static_cast<const char*>(address), _MM_HINT_T0); }
+
+}  // namespace zp

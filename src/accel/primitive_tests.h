@@ -1,0 +1,93 @@
+// accel/primitive_tests.h: one ray test for each kind of primitive, in single precision, in the space of the
+// Object. Tests do not shorten the ray; walks do.
+//
+// What `barycentric` means on a hit: triangle: the weights of its three vertices; tetragon: u, v, 0;
+// particle: the hit point seen from the centre.
+
+#pragma once
+
+#include "accel/float8.h"
+#include "geometry/object.h"
+#include "shading/shading.h"
+
+namespace zp {
+
+inline constexpr float kHitEpsilon = 1e-6f;
+
+template <class F>
+struct Lanes3 {
+  F x, y, z;
+};
+template <class F>
+Lanes3<F> Cross(const Lanes3<F>& a, const Lanes3<F>& b) {
+  return {MulSub(a.y, b.z, a.z * b.y), MulSub(a.z, b.x, a.x * b.z), MulSub(a.x, b.y, a.y * b.x)};
+}
+template <class F>
+F Dot(const Lanes3<F>& a, const Lanes3<F>& b) {
+  return MulAdd(a.x, b.x, MulAdd(a.y, b.y, a.z * b.z));
+}
+
+template <class F>
+struct TriangleHits {
+  unsigned mask;  // bit i: lane i is a hit, as far as visibility and the ray's parent are left out
+  F denominator;  // normal . direction: below 0 on the front
+  F t;
+  F weight1, weight2;
+};
+
+// A plane test and barycentric weights by triple products: with q = p0 - origin and n = e1 x e2, t = n.q /
+// n.d, weight1 = -(d x q).e2 / n.d, weight2 = (d x q).e1 / n.d. Moeller and Trumbore, "Fast, Minimum Storage
+// Ray/Triangle Intersection", 1997, kept to the order of a plane test so that limits come out first.
+//   q, e1, e2  first vertex seen from the origin, and the edges from it
+//   limit      the ray's t: hits at limit - epsilon and beyond do not count
+// A degenerate triangle gives infinities or not-a-number, and no hit.
+template <class F>
+TriangleHits<F> TestTriangles(const Lanes3<F>& q, const Lanes3<F>& e1, const Lanes3<F>& e2,
+                              const Lanes3<F>& direction, F limit, F zero, F one, F epsilon) {
+  const Lanes3<F> n = Cross(e1, e2);
+  const Lanes3<F> r = Cross(direction, q);
+  TriangleHits<F> hits;
+  hits.denominator = Dot(n, direction);
+  const F scale = one / hits.denominator;
+  hits.t = Dot(n, q) * scale;
+  hits.weight1 = (zero - Dot(r, e2)) * scale;
+  hits.weight2 = Dot(r, e1) * scale;
+  const F weight0 = (one - hits.weight1) - hits.weight2;
+  hits.mask = MaskLessEqual(epsilon, hits.t) & MaskLessEqual(hits.t, limit - epsilon) &
+              MaskLessEqual(zero, hits.weight1) & MaskLessEqual(zero, hits.weight2) &
+              MaskLessEqual(zero, weight0);
+  return hits;
+}
+
+inline Lanes3<float> ToLanes(Vec3 v) { return {v.x, v.y, v.z}; }
+
+// Fields that a test gives back to the walk.
+struct PrimitiveHit {
+  float t = 0;
+  float denominator = 0;
+  Vec3 barycentric;
+  std::int32_t shader = kNone;
+};
+
+// Whether the ray may see surfaces of this Shader at all. An index outside the table is visible.
+inline bool IsVisible(std::int32_t shader, const RayRecord& ray) {
+  if (shader < 0 || static_cast<std::size_t>(shader) >= shaders.size()) return true;
+  switch (shaders[static_cast<std::size_t>(shader)].geometry.visibility) {
+    case Visibility::kInvisible:
+      return false;
+    case Visibility::kNotLightPrimary:
+      return !(ray.depth == 0 && ray.photonIndirect);
+    case Visibility::kNotCameraPrimary:
+      return !(ray.depth == 0 && !ray.photonIndirect);
+    default:
+      return true;
+  }
+}
+
+bool TestTriangle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit);
+// Valid for planar rectangles; u and v are ratios of opposite edges.
+bool TestTetragon(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit);
+// A sphere. Intended: its limit lies epsilon beyond the ray's t, where a triangle's lies before it.
+bool TestParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit);
+
+}  // namespace zp

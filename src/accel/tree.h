@@ -1,0 +1,67 @@
+// accel/tree.h: the wide tree as rays walk it. It says the same as the Object's records, in whole cache lines
+// and with the vertices of triangles beside the nodes; Update makes it anew whenever the records change.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "geometry/object.h"
+
+namespace zp {
+
+// Zeroed storage aligned to whole pages, large pages where the system gives them: walks of incoherent rays
+// miss the translation buffer less.
+template <class T>
+class PageArray {
+ public:
+  PageArray() = default;
+  explicit PageArray(std::size_t count);
+  T& operator[](std::size_t i) { return data_[i]; }
+  const T& operator[](std::size_t i) const { return data_[i]; }
+  T* data() const { return data_.get(); }
+  std::size_t size() const { return size_; }
+
+ private:
+  struct Release {
+    void operator()(T* p) const;
+  };
+  std::unique_ptr<T[], Release> data_;
+  std::size_t size_ = 0;
+};
+
+// Four cache lines. A leaf's word is kLeaf, kTriangleLeaf if it holds triangles alone, and its count.
+struct alignas(64) PackedNode {
+  float boxes[6][8];
+  std::uint32_t
+      child[8];  // a PackedNode, the first block of a triangle leaf, or the first reference of another
+  std::uint32_t word[8];  // 0: an inner node
+};
+static_assert(sizeof(PackedNode) == 256);
+inline constexpr std::uint32_t kLeaf = 1U << 31U;
+inline constexpr std::uint32_t kTriangleLeaf = 1U << 30U;
+inline constexpr std::uint32_t kLeafCount = 0xFFFF;
+
+inline constexpr int kBlockLanes = 4;
+
+// Up to four triangles of one leaf, in its order; unused lanes are degenerate and never hit.
+struct alignas(64) TriangleBlock {
+  float p0[3][kBlockLanes], e1[3][kBlockLanes], e2[3][kBlockLanes];
+  std::uint32_t primitive[kBlockLanes];
+  std::int32_t shader[kBlockLanes];
+  std::uint16_t part[kBlockLanes];
+};
+static_assert(sizeof(TriangleBlock) == 192);
+
+struct PackedTree {
+  PageArray<PackedNode> nodes;
+  PageArray<TriangleBlock> blocks;
+  bool filtersVisibility = false;  // some primitive is hidden from some ray
+  int stackSize = 0;               // entries that a walk can need
+};
+
+// Lays object.wideNodes and object.compactReferences out in object.packed.
+void PackTree(Object& object);
+
+}  // namespace zp
