@@ -109,10 +109,11 @@ void ExpectWellFormed(const Object& object) {
         ASSERT_LT(node.child[i], object.wideNodes.size());
         ASSERT_GT(node.child[i], n);
         const WideNode& child = object.wideNodes[node.child[i]];
-        for (int k = 0; k < 8; ++k)
-          if (child.child[k] != kUnusedSlot)
-            EXPECT_TRUE(Contains(slot, {{child.boxes[0][k], child.boxes[1][k], child.boxes[2][k]},
-                                        {child.boxes[3][k], child.boxes[4][k], child.boxes[5][k]}}));
+        for (int k = 0; k < 8; ++k) {
+          if (child.child[k] == kUnusedSlot) continue;
+          EXPECT_TRUE(Contains(slot, {{child.boxes[0][k], child.boxes[1][k], child.boxes[2][k]},
+                                      {child.boxes[3][k], child.boxes[4][k], child.boxes[5][k]}}));
+        }
       } else {
         for (std::uint32_t k = 0; k < node.count[i]; ++k) {
           const PrimitiveRef& reference = object.compactReferences.at(node.child[i] + k);
@@ -381,18 +382,21 @@ TEST_F(AccelTest, OrderOccludersSortsSlotsByWhatBlockedPerCost) {
   Object& object = objectTable[0];
   for (WideNode& node : object.wideNodes)
     for (int i = 0; i < 8; ++i)
-      if (node.count[i] != 0) node.log[i] = generator() % 100;
+      if (node.count[i] != 0) node.log[i] = static_cast<std::uint32_t>(generator() % 100);
   OrderOccluders(object);
   for (const WideNode& node : object.wideNodes)
-    for (int i = 1; i < 8; ++i)
-      if (node.child[i] != kUnusedSlot)
-        EXPECT_GE(std::bit_cast<float>(node.log[i - 1]), std::bit_cast<float>(node.log[i]));
+    for (int i = 1; i < 8; ++i) {
+      if (node.child[i] == kUnusedSlot) continue;
+      EXPECT_GE(std::bit_cast<float>(node.log[i - 1]), std::bit_cast<float>(node.log[i]));
+    }
   ExpectWellFormed(object);
   // The walk follows the new order and still finds everything.
   for (int i = 0; i < 300; ++i) {
     RayRecord ray = MakeRay(UniformPoint(12), UniformPoint(1));
     const Nearest expected = NearestByLoop(object.parts[0], ray);
-    if (!expected.grazes) EXPECT_EQ(Trace(ray), expected.kind != kKindUnset);
+    if (!expected.grazes) {
+      EXPECT_EQ(Trace(ray), expected.kind != kKindUnset);
+    }
   }
 }
 
