@@ -1,0 +1,372 @@
+// zp_bench: tree construction, nearest hits and OBJ loading, beside Embree where it is installed.
+// docs/benchmarks.md says how to read what it prints.
+
+#include <benchmark/benchmark.h>
+#include <omp.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <filesystem>
+#include <memory>
+#include <system_error>
+
+#include "accel/accel.h"
+#include "core/console.h"
+#include "embree_side.h"
+#include "frame/frame.h"
+#include "geometry/geometry.h"
+#include "meshes.h"
+#include "rays.h"
+#include "results.h"
+
+namespace zp {
+namespace {
+
+enum class Side : std::uint8_t { kOurs, kEmbree };
+enum class RayKind : std::uint8_t { kCamera, kBounce };
+
+constexpr double kMillion = 1e6;
+
+// The cases point into these, so places must not move.
+std::deque<MeshSource> meshes;
+std::deque<CaseResult> results;
+std::vector<Agreement> agreements;
+MemoryUse terrainMemory;
+std::string terrainName;
+
+// The ray sets of the entered mesh.
+struct {
+  std::string mesh;
+  RaySet camera, bounce;
+} raySets;
+
+// Which mesh Embree's scene holds and for how many threads its device was opened.
+struct {
+  std::string mesh;
+  int threads = 0;
+} embreeState;
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+int AllThreads() { return std::clamp(omp_get_num_procs(), 1, kMaxThreads); }
+
+bool Enter(const MeshSource& mesh) {
+  if (!EnterMesh(mesh)) return false;
+  if (mesh.name == terrainName && terrainMemory.primitives == 0) terrainMemory = EnteredMemory();
+  return true;
+}
+
+// Opens Embree for the entered mesh; the scene is built and thereby warm. False if it fails.
+bool EnterEmbree(const MeshSource& mesh, int threads) {
+  if (embreeState.mesh == mesh.name && embreeState.threads == threads) return true;
+  OpenEmbree(EnteredPart(), threads);
+  embreeState = {mesh.name, threads};
+  if (BuildEmbree() > 0) return true;
+  embreeState = {};
+  return false;
+}
+
+// One construction from an Object without a tree. What the last one left is freed before the clock starts.
+double BuildOurs(Object& object) {
+  Object fresh;
+  fresh.name = object.name;
+  fresh.bounds = objectTable[0].bounds;
+  fresh.parts = std::move(object.parts);
+  object = std::move(fresh);
+  const auto start = std::chrono::steady_clock::now();
+  Build(object);
+  Update(object, true, 1);
+  return SecondsSince(start);
+}
+
+const RaySet& EnterRays(const MeshSource& mesh, RayKind kind) {
+  if (raySets.mesh != mesh.name) {
+    raySets.mesh = mesh.name;
+    raySets.camera = CameraRays(objectTable[0].bounds);
+    raySets.bounce = BounceRays(raySets.camera, objectTable[0].bounds, AllThreads());
+  }
+  return kind == RayKind::kCamera ? raySets.camera : raySets.bounce;
+}
+
+// Runs `measure`, which returns seconds, for every iteration and keeps the samples. A negative time is an
+// error of the other side.
+template <class F>
+void Sample(benchmark::State& state, const CaseResult& result, std::vector<double>& samples, F measure) {
+  for (auto _ : state) {
+    const double seconds = measure();
+    if (seconds < 0) {
+      state.SkipWithError("Embree reports an error");
+      break;
+    }
+    state.SetIterationTime(seconds);
+    samples.push_back(seconds);
+  }
+  state.SetItemsProcessed(std::llround(static_cast<double>(state.iterations()) * result.amount * kMillion));
+  state.SetLabel(result.unit);
+}
+
+void MeasureBuild(benchmark::State& state, const MeshSource& mesh, Side side, CaseResult& result) {
+  if (!Enter(mesh)) return state.SkipWithError("no such mesh");
+  const int oldThreads = omp_get_max_threads();
+  omp_set_num_threads(result.threads);
+  result.amount = static_cast<double>(PrimitiveCount(EnteredPart())) / kMillion;
+  if (side == Side::kOurs) {
+    Object object;
+    object.parts = objectTable[0].parts;
+    if (result.ours.empty()) BuildOurs(object);
+    Sample(state, result, result.ours, [&] { return BuildOurs(object); });
+  } else if (EnterEmbree(mesh, result.threads)) {
+    Sample(state, result, result.other, BuildEmbree);
+  } else {
+    state.SkipWithError("Embree reports an error");
+  }
+  omp_set_num_threads(oldThreads);
+}
+
+// Both sides ray by ray. Distances count as equal within the rounding of single precision on either side.
+void CompareSides(const std::string& name, const RaySet& rays) {
+  const auto known = [&](const Agreement& a) { return a.name == name; };
+  if (std::any_of(agreements.begin(), agreements.end(), known)) return;
+  std::vector<float> ours(rays.size()), other(rays.size());
+  const HitSums ourSums = TraceOurs(rays, AllThreads(), &ours);
+  const HitSums otherSums = TraceEmbree(rays, AllThreads(), &other);
+  std::size_t different = 0;
+  for (std::size_t i = 0; i < rays.size(); ++i) {
+    const float limit = 1e-4f * std::max(ours[i], other[i]) + 1e-5f * sceneRadius;
+    if ((ours[i] < 0) != (other[i] < 0) || !(std::abs(ours[i] - other[i]) <= limit)) ++different;
+  }
+  agreements.push_back(
+      {name, rays.size(), ourSums.hits, otherSums.hits, ourSums.distance, otherSums.distance, different});
+}
+
+void MeasureRays(benchmark::State& state, const MeshSource& mesh, RayKind kind, Side side,
+                 CaseResult& result) {
+  if (!Enter(mesh)) return state.SkipWithError("no such mesh");
+  const RaySet& rays = EnterRays(mesh, kind);
+  if (rays.empty()) return state.SkipWithError("no ray hit the mesh");
+  result.amount = static_cast<double>(rays.size()) / kMillion;
+  const auto measure = [&](auto trace) {
+    return [&rays, &result, trace] {
+      const auto start = std::chrono::steady_clock::now();
+      benchmark::DoNotOptimize(trace(rays, result.threads, nullptr));
+      return SecondsSince(start);
+    };
+  };
+  if (side == Side::kOurs) {
+    if (result.ours.empty()) TraceOurs(rays, result.threads);
+    Sample(state, result, result.ours, measure(TraceOurs));
+  } else {
+    if (!EnterEmbree(mesh, AllThreads())) return state.SkipWithError("Embree reports an error");
+    CompareSides(result.name, rays);
+    if (result.other.empty()) TraceEmbree(rays, result.threads);
+    Sample(state, result, result.other, measure(TraceEmbree));
+  }
+}
+
+// A file that is removed with its directory.
+struct TemporaryObj {
+  std::filesystem::path directory;
+  std::string path;
+  ~TemporaryObj() {
+    std::error_code ignored;
+    if (!directory.empty()) std::filesystem::remove_all(directory, ignored);
+  }
+};
+TemporaryObj temporaryObj;
+
+// The file of the mesh; a terrain is written to a temporary directory first. Empty if that fails.
+std::string FileOf(const MeshSource& mesh) {
+  if (!mesh.file.empty()) return mesh.file;
+  if (!temporaryObj.path.empty()) return temporaryObj.path;
+  std::string pattern = (std::filesystem::temp_directory_path() / "zp_bench_XXXXXX").string();
+  if (mkdtemp(pattern.data()) == nullptr) return {};
+  temporaryObj.directory = pattern;
+  Part part;
+  FillTerrain(part, mesh.triangles);
+  const std::string path = (temporaryObj.directory / "terrain.obj").string();
+  if (WriteObjFile(path, part)) temporaryObj.path = path;
+  return temporaryObj.path;
+}
+
+// Seconds to bring the whole file into memory; negative if that fails.
+double ReadPlainly(const std::string& path, std::size_t size) {
+  const auto start = std::chrono::steady_clock::now();
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  if (file == nullptr) return -1;
+  const auto bytes = std::make_unique_for_overwrite<char[]>(size);
+  const std::size_t count = std::fread(bytes.get(), 1, size, file);
+  std::fclose(file);
+  benchmark::DoNotOptimize(bytes[count / 2]);
+  return count == size ? SecondsSince(start) : -1;
+}
+
+// The plain read stands in the other side's place.
+void MeasureLoad(benchmark::State& state, const MeshSource& mesh, bool plain, CaseResult& result) {
+  const std::string path = FileOf(mesh);
+  std::error_code error;
+  const auto size = path.empty() ? 0 : std::filesystem::file_size(path, error);
+  if (path.empty() || error || size == 0) return state.SkipWithError("the file cannot be read");
+  result.amount = static_cast<double>(size) / kMillion;
+  const double warmUp = ReadPlainly(path, size);  // from now on the file is in the page cache
+  if (warmUp < 0) return state.SkipWithError("the file cannot be read");
+  bool good = true;
+  const auto load = [&] {
+    Part part;
+    const auto start = std::chrono::steady_clock::now();
+    good = ReadObjFile(path, part) && PrimitiveCount(part) > 0 && good;
+    return SecondsSince(start);
+  };
+  if (plain)
+    Sample(state, result, result.other, [&] { return ReadPlainly(path, size); });
+  else
+    Sample(state, result, result.ours, load);
+  if (!good) {
+    result.ours.clear();
+    state.SkipWithError("the file holds no faces");
+  }
+}
+
+template <class F>
+void Register(const std::string& name, F measure) {
+  benchmark::RegisterBenchmark(name.c_str(), measure)
+      ->Unit(benchmark::kMillisecond)
+      ->UseManualTime()
+      ->Iterations(1)
+      ->ComputeStatistics("min", Minimum);
+}
+
+// One case: ours, and the other side right after it.
+template <class F>
+void RegisterCase(const std::string& name, const char* unit, int threads, bool hasOther,
+                  const char* otherName, F measure) {
+  CaseResult& result = results.emplace_back();
+  result.name = name;
+  result.unit = unit;
+  result.threads = threads;
+  const std::string title = name + "/threads:" + std::to_string(threads);
+  Register(title + "/ours", [&result, measure](benchmark::State& s) { measure(s, Side::kOurs, result); });
+  if (hasOther)
+    Register(title + "/" + otherName,
+             [&result, measure](benchmark::State& s) { measure(s, Side::kEmbree, result); });
+}
+
+void RegisterMesh(const MeshSource& mesh) {
+  std::vector<int> threadCounts = {1};
+  if (AllThreads() > 1) threadCounts.push_back(AllThreads());
+  for (const int threads : threadCounts)
+    RegisterCase("build/" + mesh.name, "Mtri/s", threads, kEmbreePresent, "embree",
+                 [&mesh](benchmark::State& s, Side side, CaseResult& r) { MeasureBuild(s, mesh, side, r); });
+  for (const RayKind kind : {RayKind::kCamera, RayKind::kBounce})
+    for (const int threads : threadCounts)
+      RegisterCase((kind == RayKind::kCamera ? "camera/" : "bounce/") + mesh.name, "Mray/s", threads,
+                   kEmbreePresent, "embree", [&mesh, kind](benchmark::State& s, Side side, CaseResult& r) {
+                     MeasureRays(s, mesh, kind, side, r);
+                   });
+}
+
+void PrintMemory() {
+  if (terrainMemory.primitives == 0) return;
+  const auto each = [](std::size_t bytes) {
+    return static_cast<double>(bytes) / static_cast<double>(terrainMemory.primitives);
+  };
+  std::printf(
+      "\nmemory of %s, bytes a triangle: peak %.1f, after initialisation %.1f, arrays without the packed "
+      "tree %.1f\n",
+      terrainName.c_str(), each(terrainMemory.peak), each(terrainMemory.resident),
+      each(terrainMemory.containers));
+}
+
+// Takes our own options out of the list; false after a line on the error stream.
+bool ParseOptions(std::vector<char*>& arguments, std::int64_t& triangles) {
+  std::vector<char*> rest = {arguments[0]};
+  for (std::size_t i = 1; i < arguments.size(); ++i) {
+    const std::string option = arguments[i];
+    if (option != "--obj" && option != "--triangles") {
+      rest.push_back(arguments[i]);
+      continue;
+    }
+    if (++i == arguments.size()) {
+      std::fprintf(stderr, "zp_bench: %s needs a value\n", option.c_str());
+      return false;
+    }
+    if (option == "--obj") {
+      MeshSource mesh = {std::filesystem::path(arguments[i]).stem().string(), arguments[i], 0};
+      const auto taken = [&](const MeshSource& other) { return other.name == mesh.name; };
+      while (mesh.name.empty() || mesh.name == "terrain" || std::any_of(meshes.begin(), meshes.end(), taken))
+        mesh.name += "'";
+      meshes.push_back(mesh);
+    } else {
+      char* end = nullptr;
+      triangles = std::strtoll(arguments[i], &end, 10);
+      if (*end != '\0' || triangles < 4 || triangles > 100'000'000) {
+        std::fprintf(stderr, "zp_bench: --triangles is a number from 4 to 100,000,000\n");
+        return false;
+      }
+    }
+  }
+  arguments = rest;
+  return true;
+}
+
+void PrintHelp() {
+  std::printf(
+      "zp_bench [--obj FILE]... [--triangles N] [options of Google Benchmark]\n"
+      "  --obj FILE       measure this mesh after the terrain\n"
+      "  --triangles N    size of the terrain (1000000)\n\n");
+  benchmark::PrintDefaultHelp();
+}
+
+int Main(int argc, char** argv) {
+  std::vector<char*> arguments(argv, argv + argc);
+  std::int64_t triangles = 1'000'000;
+  if (!ParseOptions(arguments, triangles)) return 2;
+  // Before the caller's own, which win.
+  std::string repetitions = "--benchmark_repetitions=7",
+              aggregates = "--benchmark_display_aggregates_only=true";
+  arguments.insert(arguments.begin() + 1, {repetitions.data(), aggregates.data()});
+  auto count = static_cast<int>(arguments.size());
+  arguments.push_back(nullptr);
+  benchmark::Initialize(&count, arguments.data(), PrintHelp);
+  if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return 2;
+
+  // The terrain comes first: its memory is measured while the process holds nothing else.
+  terrainName = "terrain";
+  meshes.push_front({terrainName, {}, triangles});
+  for (const MeshSource& mesh : meshes) RegisterMesh(mesh);
+  for (const MeshSource& mesh : meshes)
+    RegisterCase("load/" + mesh.name, "MB/s", AllThreads(), true, "plain-read",
+                 [&mesh](benchmark::State& s, Side side, CaseResult& r) {
+                   MeasureLoad(s, mesh, side == Side::kEmbree, r);
+                 });
+
+  SetConsoleQuiet(true);
+  Startup(1);
+  SetConsoleQuiet(true);
+  benchmark::RunSpecifiedBenchmarks();
+  CloseEmbree();
+  LeaveMesh();
+
+  std::vector<CaseResult> measured;
+  for (const CaseResult& r : results)
+    if (!r.ours.empty() || !r.other.empty()) measured.push_back(r);
+  if (!measured.empty()) PrintResults(measured);
+  PrintMemory();
+  std::printf("\n");
+  const bool agree = PrintAgreements(agreements);
+  if (!kEmbreePresent) std::printf("Embree is not installed: hits were not compared\n");
+  Shutdown();
+  benchmark::Shutdown();
+  return agree ? 0 : 1;
+}
+
+}  // namespace
+}  // namespace zp
+
+int main(int argc, char** argv) { return zp::Main(argc, argv); }

@@ -1,0 +1,42 @@
+// bench/results.h: the samples of a run, and the closing table made of them.
+
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace zp {
+
+// One line of the closing table: one case on some number of threads, on both sides.
+struct CaseResult {
+  std::string name;
+  std::string unit;  // of the rate
+  int threads = 1;
+  double amount = 0;          // work of one sample, in units: its share of a second gives the rate
+  std::vector<double> ours;   // seconds, one a sample
+  std::vector<double> other;  // of Embree, or of the plain read for a load
+};
+
+// Rays of one set through both sides.
+struct Agreement {
+  std::string name;
+  std::size_t rays = 0;
+  std::size_t ourHits = 0, otherHits = 0;
+  double ourDistance = 0, otherDistance = 0;
+  std::size_t different = 0;  // rays that hit on one side alone, or at another distance
+};
+
+// Share by which counts and sums of distances may differ, and share of rays that may: two sides with
+// different triangle tests part at edges.
+inline constexpr double kAgreementTolerance = 1e-4;
+
+double Median(std::vector<double> values);  // 0 of none
+double Minimum(const std::vector<double>& values);
+bool Agrees(const Agreement& agreement);
+
+void PrintResults(const std::vector<CaseResult>& results);
+// Says for each set whether the sides agree. False if any set does not.
+bool PrintAgreements(const std::vector<Agreement>& agreements);
+
+}  // namespace zp
