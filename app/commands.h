@@ -1,0 +1,68 @@
+// app/commands.h: what the program's commands do once their words are understood.
+// Each command returns an exit status and explains a failing one in one line on the error stream.
+
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace zp {
+
+enum ExitStatus : int {
+  kExitDone = 0,
+  kExitFailed = 1,  // the command was understood, but its result could not be made
+  kExitUsage = 2,
+};
+
+struct Region {
+  std::int32_t left = 0, top = 0, right = 0, bottom = 0;  // pixels; right and bottom lie one behind the last
+};
+
+// Anything unset is left as the scene has it.
+struct RenderOptions {
+  std::string scene;   // folder
+  std::string output;  // beauty image, relative to the caller's directory; empty: as in the scene
+  std::optional<std::int32_t> sample;  // passes
+  std::optional<std::int32_t> width, height;
+  std::optional<Region> region;
+  std::optional<std::int32_t> threads;
+  std::optional<std::uint64_t> seed;
+  bool quiet = false;
+  bool progress = false;
+};
+int RunRender(const RenderOptions& options);
+
+struct ViewOptions {
+  std::string input;
+  std::string output;   // a PNG file
+  double exposure = 0;  // stops
+};
+int RunView(const ViewOptions& options);
+
+// Prints the one line of a failing command and returns `status`. Line ends inside the message become blanks.
+int Fail(std::string_view message, ExitStatus status = kExitFailed);
+
+// Makes `folder` the current directory until it goes out of scope or Leave is called.
+class DirectoryVisit {
+ public:
+  DirectoryVisit() = default;
+  ~DirectoryVisit() { Leave(); }
+  DirectoryVisit(const DirectoryVisit&) = delete;
+  DirectoryVisit& operator=(const DirectoryVisit&) = delete;
+
+  // An empty folder is the current one. On an error the directory stays as it was.
+  std::error_code Enter(const std::filesystem::path& folder);
+  std::error_code Leave();
+
+ private:
+  std::filesystem::path back;
+};
+
+// Deep paths need deep stacks: a ray at the depth limit has 255 callers of its own kind. Must run before the
+// first parallel region.
+void EnlargeStacks();
+
+}  // namespace zp

@@ -1,0 +1,139 @@
+// app/main.cpp: the words of the command line.
+
+#include <CLI/CLI.hpp>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <exception>
+
+#include "commands.h"
+#include "core/ray.h"
+
+namespace zp {
+namespace {
+
+constexpr std::int32_t kMaxSide = 65535;    // pixels
+constexpr std::int32_t kMaxSample = 65535;  // what a camera accepts
+
+// Whole numbers with `separator` between them and nothing else in the text.
+template <std::size_t kCount>
+bool ParseIntegers(const std::string& text, char separator, std::array<std::int32_t, kCount>& values) {
+  const char* at = text.data();
+  const char* const end = at + text.size();
+  for (std::size_t i = 0; i < kCount; i++) {
+    if (i > 0 && (at == end || *at++ != separator)) return false;
+    const auto [next, error] = std::from_chars(at, end, values[i]);
+    if (error != std::errc{}) return false;
+    at = next;
+  }
+  return at == end;
+}
+
+void AddRender(CLI::App& app, RenderOptions& options) {
+  CLI::App* render = app.add_subcommand("render", "Render a scene folder into its images");
+  render->add_option("scene", options.scene, "Scene folder")->required()->type_name("SCENE");
+  render
+      ->add_option("-o,--output", options.output,
+                   "Name of the beauty image; its extension chooses the format")
+      ->type_name("FILE")
+      ->check(
+          [](const std::string& text) { return std::string(text.empty() ? "a file name is missing" : ""); });
+  render->add_option("--sample", options.sample, "Samples for each pixel")
+      ->type_name("N")
+      ->check(CLI::Range(1, kMaxSample));
+  render
+      ->add_option_function<std::string>(
+          "--resolution",
+          [&options](const std::string& text) {
+            std::array<std::int32_t, 2> size = {};
+            if (!ParseIntegers(text, 'x', size) || size[0] < 1 || size[1] < 1 || size[0] > kMaxSide ||
+                size[1] > kMaxSide)
+              throw CLI::ValidationError("--resolution", "'" + text + "' is no size like 960x540");
+            options.width = size[0];
+            options.height = size[1];
+          },
+          "Width and height in pixels")
+      ->type_name("WxH");
+  render
+      ->add_option_function<std::string>(
+          "--region",
+          [&options](const std::string& text) {
+            std::array<std::int32_t, 4> box = {};
+            if (!ParseIntegers(text, ',', box) || box[0] < 0 || box[1] < 0 || box[2] <= box[0] ||
+                box[3] <= box[1])
+              throw CLI::ValidationError("--region", "'" + text + "' is no region like 0,0,480,270");
+            options.region = Region{box[0], box[1], box[2], box[3]};
+          },
+          "Render these pixels only: left, top, right, bottom; right and bottom excluded")
+      ->type_name("L,T,R,B");
+  render->add_option("--threads", options.threads, "Worker threads; all processors if not given")
+      ->type_name("N")
+      ->check(CLI::Range(1, kMaxThreads));
+  render
+      ->add_option_function<std::string>(
+          "--seed",
+          [&options](const std::string& text) {
+            std::uint64_t seed = 0;
+            const auto [next, error] = std::from_chars(text.data(), text.data() + text.size(), seed);
+            if (error != std::errc{} || next != text.data() + text.size())
+              throw CLI::ValidationError("--seed", "'" + text + "' is no whole number from 0 to 2^64 - 1");
+            options.seed = seed;
+          },
+          "Repeatable random numbers: the same seed gives the same picture")
+      ->type_name("N");
+  render->add_flag("--quiet", options.quiet, "No report rows on the output stream");
+  render->add_flag("--progress", options.progress, "One updating line on the error stream");
+}
+
+void AddView(CLI::App& app, ViewOptions& options) {
+  CLI::App* view = app.add_subcommand("view", "Turn a linear picture into a PNG for the screen (sRGB)");
+  view->add_option("input", options.input, "Picture of any format that the renderer reads")
+      ->required()
+      ->type_name("IN");
+  view->add_option("output", options.output, "PNG file")
+      ->required()
+      ->type_name("OUT.png")
+      ->check([](const std::string& text) {
+        return std::string(
+            text.ends_with(".png") || text.ends_with(".PNG") ? "" : "'" + text + "' does not end in .png");
+      });
+  view->add_option("--exposure", options.exposure, "Stops: each doubles the brightness")
+      ->type_name("STOPS")
+      ->check([](const std::string& text) {
+        double stops = 0;
+        return std::string(CLI::detail::lexical_cast(text, stops) && std::isfinite(stops)
+                               ? ""
+                               : "'" + text + "' is no finite number");
+      });
+}
+
+int Run(int argc, char** argv) {
+  RenderOptions renderOptions;
+  ViewOptions viewOptions;
+  CLI::App app("zephlore, a physically based offline renderer", "zephlore");
+  app.set_version_flag("--version", "zephlore " ZP_VERSION);
+  app.require_subcommand(1);
+  AddRender(app, renderOptions);
+  AddView(app, viewOptions);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
+    return Fail(std::string(error.what()) + " (see zephlore --help)", kExitUsage);
+  }
+  return app.got_subcommand("render") ? RunRender(renderOptions) : RunView(viewOptions);
+}
+
+}  // namespace
+}  // namespace zp
+
+int main(int argc, char** argv) {
+  zp::EnlargeStacks();
+  try {
+    return zp::Run(argc, argv);
+  } catch (const std::bad_alloc&) {
+    return zp::Fail("not enough memory");
+  } catch (const std::exception& error) {
+    return zp::Fail(error.what());
+  }
+}

@@ -1,0 +1,93 @@
+// app/view_command.cpp: a linear picture becomes a PNG for the screen.
+
+#include <unistd.h>
+
+#include <cmath>
+#include <fstream>
+
+#include "commands.h"
+#include "imaging/imaging.h"
+
+namespace zp {
+namespace {
+
+namespace fs = std::filesystem;
+
+// The curve of sRGB, IEC 61966-2-1, of linear light; not-a-number and negative light are black.
+std::uint8_t EncodeSrgb(double linear) {
+  if (!(linear > 0)) return 0;
+  if (linear >= 1) return 255;
+  const double encoded = linear <= 0.0031308 ? 12.92 * linear : 1.055 * std::pow(linear, 1 / 2.4) - 0.055;
+  return static_cast<std::uint8_t>(std::lround(255 * encoded));
+}
+
+// Portable float maps keep their rows in the opposite order of all other formats.
+bool IsFloatMap(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  char magic[2] = {};
+  file.read(magic, 2);
+  return file && magic[0] == 'P' && (magic[1] == 'F' || magic[1] == 'f');
+}
+
+// Reads any picture, and says whether its buffer begins with the top row.
+bool ReadPicture(const fs::path& path, ImageBuffer& image, bool& topFirst) {
+  // File names choose orientation and format wherever in them an extension stands, folders included: enter
+  // the folder, so that only the file's own name counts.
+  DirectoryVisit visit;
+  if (visit.Enter(path.parent_path())) return false;
+  const std::string name = path.filename().string();
+  image.fileName = name;
+  image.allowPacked = false;
+  const bool turnedOver = name.find(".hdr") != std::string::npos || name.find(".HDR") != std::string::npos;
+  topFirst = turnedOver != IsFloatMap(name);
+  return LoadImage(image, name) && image.width > 0 && image.height > 0;
+}
+
+bool WritePng(ImageBuffer& image, const fs::path& path) {
+  DirectoryVisit visit;
+  if (visit.Enter(path.parent_path())) return false;
+  // A neutral name for the writer: "a.hdr.png" would choose another format.
+  image.fileName = "view-" + std::to_string(getpid()) + ".png";
+  std::error_code error;
+  if (SaveImage(image)) {
+    fs::rename(image.fileName, path.filename(), error);
+    if (!error) return true;
+  }
+  fs::remove(image.fileName, error);
+  return false;
+}
+
+int Convert(const ViewOptions& options) {
+  ImageBuffer linear;
+  bool topFirst = false;
+  if (!ReadPicture(options.input, linear, topFirst))
+    return Fail("there is no picture to read in '" + options.input + "'");
+
+  // A 16-bit component reads 257 where it is full.
+  const double scale = std::exp2(options.exposure) / (linear.bits == 16 ? 257.0 : 1.0);
+  const auto width = static_cast<std::size_t>(linear.width);
+  const auto height = static_cast<std::size_t>(linear.height);
+  ImageBuffer screen;
+  Allocate(screen, linear.width, linear.height, 3, 8, false);
+  for (std::size_t y = 0; y < height; y++) {
+    const std::size_t source = (topFirst ? y : height - 1 - y) * width;
+    std::uint8_t* bytes = &screen.bytePixels[y * width * 3];
+    for (std::size_t x = 0; x < width; x++) {
+      const Vec3 color = ReadPixel(linear, source + x);
+      for (int c = 0; c < 3; c++) *bytes++ = EncodeSrgb(scale * static_cast<double>(color[c]));
+    }
+  }
+  if (!WritePng(screen, options.output)) return Fail("cannot write the picture '" + options.output + "'");
+  return kExitDone;
+}
+
+}  // namespace
+
+int RunView(const ViewOptions& options) {
+  StartImageFiles();
+  const int status = Convert(options);
+  StopImageFiles();
+  return status;
+}
+
+}  // namespace zp

@@ -1,0 +1,326 @@
+// The program as its users meet it: words in, files and one exit status out.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "imaging/imaging.h"
+
+namespace zp {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string ReadFile(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void WriteFile(const fs::path& path, const std::string& text) {
+  fs::create_directories(path.parent_path());
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+std::size_t CountLines(const std::string& text) {
+  return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+struct Outcome {
+  int status = -1;
+  std::string output, errors;
+};
+
+// A folder of its own for each test: "work" is the caller's directory, "scene" a small scene.
+class Program : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (fs::temp_directory_path() / "zephlore-program-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    root = pattern;
+    fs::create_directories(root / "work");
+    StartImageFiles();
+  }
+  void TearDown() override {
+    StopImageFiles();
+    std::error_code error;
+    fs::remove_all(root, error);
+  }
+
+  // Runs the program in root/work.
+  Outcome Run(const std::string& arguments) const {
+    const std::string command = "cd '" + (root / "work").string() + "' && '" ZP_PROGRAM "' " + arguments +
+                                " >'" + (root / "stdout").string() + "' 2>'" + (root / "stderr").string() +
+                                "'";
+    const int raw = std::system(command.c_str());
+    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFile(root / "stdout"), ReadFile(root / "stderr")};
+  }
+
+  // A square that faces the camera and fills the right half of the view, under a sky of constant colour. The
+  // model's path counts from the scene folder.
+  void WriteScene(const std::string& cameraText = "aov\nimage \"user.hdr\"\ntype \"id\"\nend\n") const {
+    const fs::path scene = root / "scene";
+    WriteFile(scene / "model/square.obj", "v 0 0 -9\nv 9 0 -9\nv 9 0 9\nv 0 0 9\nusemtl red\nf 1 2 3 4\n");
+    WriteFile(scene / "geometry/a.zp", "object\nname square\nobj \"model/square.obj\"\nend\n");
+    WriteFile(scene / "shader/a.zp",
+              "shader\nname \"red\"\nsurface_shader\nlambertian\ncolor 0.8 0.2 0.1\nend\nend\nend\n");
+    WriteFile(scene / "light/a.zp", "sky_light\ncolor 0.25 0.5 1\nend\n");
+    WriteFile(scene / "render/a.zp",
+              "render\nfinal_gather\nsample 4\nbounce 2\ndistance 0\nresolution 0\nend\nend\n");
+    WriteFile(
+        scene / "camera/a.zp",
+        "camera\nresolution 32 16\nsample 2\n" + cameraText +
+            "pose\nposition 0 -5 0\ntarget 0 0 0\nup_vector 0 0 1\nbokeh 0\nfield_of_view 60\nend\nend\n");
+  }
+
+  std::vector<std::string> WorkFiles() const {
+    std::vector<std::string> names;
+    for (const fs::directory_entry& entry : fs::directory_iterator(root / "work"))
+      names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  fs::path root;
+};
+
+// Loads a picture with its top row first.
+ImageBuffer LoadTopFirst(const fs::path& path) {
+  ImageBuffer stored;
+  stored.fileName = path.filename().string();
+  stored.allowPacked = false;
+  EXPECT_TRUE(LoadImage(stored, path.string())) << path;
+  if (stored.fileName.find(".hdr") != std::string::npos) return stored;
+  ImageBuffer turned;
+  Allocate(turned, stored.width, stored.height, 3, 32, false);
+  const auto width = static_cast<std::size_t>(stored.width);
+  const auto height = static_cast<std::size_t>(stored.height);
+  for (std::size_t y = 0; y < height; y++)
+    for (std::size_t x = 0; x < width; x++)
+      WritePixel(turned, ReadPixel(stored, (height - 1 - y) * width + x), y * width + x);
+  return turned;
+}
+
+void ExpectColor(Vec3 color, Vec3 expected, float tolerance) {
+  EXPECT_NEAR(color.x, expected.x, tolerance);
+  EXPECT_NEAR(color.y, expected.y, tolerance);
+  EXPECT_NEAR(color.z, expected.z, tolerance);
+}
+
+TEST_F(Program, ExplainsItself) {
+  const Outcome help = Run("--help");
+  EXPECT_EQ(help.status, 0);
+  EXPECT_NE(help.output.find("render"), std::string::npos);
+  EXPECT_NE(help.output.find("view"), std::string::npos);
+  const Outcome render = Run("render --help");
+  EXPECT_EQ(render.status, 0);
+  for (const char* word :
+       {"--output", "--sample", "--resolution", "--region", "--threads", "--seed", "--quiet"})
+    EXPECT_NE(render.output.find(word), std::string::npos) << word;
+  const Outcome version = Run("--version");
+  EXPECT_EQ(version.status, 0);
+  EXPECT_EQ(version.output, "zephlore " ZP_VERSION "\n");
+  EXPECT_TRUE(help.errors.empty() && render.errors.empty() && version.errors.empty());
+}
+
+TEST_F(Program, WrongUsageIsStatusTwoAndOneLine) {
+  WriteScene();
+  for (const char* arguments : {"",
+                                "paint",
+                                "render",
+                                "render ../scene more",
+                                "render ../scene --colour 3",
+                                "render ../scene --sample 0",
+                                "render ../scene --sample x",
+                                "render ../scene --sample 65536",
+                                "render ../scene --resolution 32",
+                                "render ../scene --resolution 32x",
+                                "render ../scene --resolution 32x16x8",
+                                "render ../scene --resolution 0x16",
+                                "render ../scene --resolution 99999999999x16",
+                                "render ../scene --region 1,2,3",
+                                "render ../scene --region 4,0,4,9",
+                                "render ../scene --region -1,0,4,9",
+                                "render ../scene --region 0,0,4,9,",
+                                "render ../scene --threads 0",
+                                "render ../scene --threads 257",
+                                "render ../scene --seed -1",
+                                "render ../scene --seed 1.5",
+                                "render ../scene --output",
+                                "render ../scene --output ''",
+                                "view",
+                                "view only.hdr",
+                                "view in.hdr out.jpg",
+                                "view in.hdr out.png --exposure bright",
+                                "view in.hdr out.png --exposure nan"}) {
+    const Outcome outcome = Run(arguments);
+    EXPECT_EQ(outcome.status, 2) << arguments;
+    EXPECT_EQ(CountLines(outcome.errors), 1U) << arguments << "\n" << outcome.errors;
+    EXPECT_TRUE(outcome.output.empty()) << arguments;
+  }
+  EXPECT_TRUE(WorkFiles().empty());
+}
+
+TEST_F(Program, SceneThatCannotBeRenderedIsStatusOneAndOneLine) {
+  WriteScene();
+  fs::create_directories(root / "empty");
+  fs::create_directories(root / "work/folder.hdr");
+  WriteFile(root / "file", "no folder");
+  for (const char* arguments :
+       {"../missing", "../file", "../empty", "../scene --region 40,0,50,9", "../scene --output missing/a.hdr",
+        "../scene --output a.unknown", "../scene --output folder.hdr"}) {
+    const Outcome outcome = Run("render " + std::string(arguments));
+    EXPECT_EQ(outcome.status, 1) << arguments;
+    EXPECT_EQ(CountLines(outcome.errors), 1U) << arguments << "\n" << outcome.errors;
+    EXPECT_TRUE(outcome.errors.starts_with("zephlore: ")) << outcome.errors;
+    EXPECT_EQ(WorkFiles(), std::vector<std::string>{"folder.hdr"}) << arguments;
+  }
+}
+
+TEST_F(Program, FailedSaveLosesNoOldFile) {
+  WriteScene("aov\nimage \"missing/second.hdr\"\ntype \"depth\"\nend\n");
+  WriteFile(root / "work/a.hdr", "old");
+  EXPECT_EQ(Run("render ../scene --output a.hdr").status, 1);
+  EXPECT_EQ(ReadFile(root / "work/a.hdr"), "old");
+}
+
+TEST_F(Program, WritesToTheCallersDirectory) {
+  WriteScene();
+  const std::vector<std::string> before = {"camera", "geometry", "light", "model", "render", "shader"};
+  const Outcome outcome = Run("render ../scene/ --output a.hdr");
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
+  EXPECT_TRUE(outcome.errors.empty()) << outcome.errors;
+  EXPECT_FALSE(outcome.output.empty());
+  EXPECT_EQ(WorkFiles(), (std::vector<std::string>{"a.hdr", "user.hdr"}));
+  for (const fs::directory_entry& entry : fs::directory_iterator(root / "scene"))
+    EXPECT_NE(std::find(before.begin(), before.end(), entry.path().filename().string()), before.end())
+        << entry;
+
+  // The model was found from here, and the picture is the scene's: sky on the left, the square on the right.
+  // It sees half of a sky that nothing blocks.
+  const ImageBuffer image = LoadTopFirst(root / "work/a.hdr");
+  ASSERT_EQ(image.width, 32);
+  ASSERT_EQ(image.height, 16);
+  ExpectColor(ReadPixel(image, 8 * 32 + 4), {0.25f, 0.5f, 1}, 0.01f);
+  ExpectColor(ReadPixel(image, 8 * 32 + 28), {0.2f, 0.1f, 0.1f}, 0.01f);
+
+  // Without --output the beauty image has its time-stamped name; an absolute name needs no directory.
+  fs::remove_all(root / "work");
+  fs::create_directories(root / "work");
+  EXPECT_EQ(Run("render '" + (root / "scene").string() + "' --quiet").status, 0);
+  const std::vector<std::string> stamped = WorkFiles();
+  ASSERT_EQ(stamped.size(), 2U);
+  EXPECT_TRUE(stamped[0].starts_with("beauty-") && stamped[0].ends_with(".hdr")) << stamped[0];
+  EXPECT_EQ(Run("render ../scene --quiet --output '" + (root / "b.hdr").string() + "'").status, 0);
+  EXPECT_TRUE(fs::exists(root / "b.hdr"));
+}
+
+TEST_F(Program, OptionsOverrideTheScene) {
+  WriteScene();
+  const Outcome outcome = Run(
+      "render ../scene --resolution 24x12 --sample 3 --region 0,0,12,6 --output a.hdr --quiet --progress");
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
+  EXPECT_TRUE(outcome.output.empty()) << outcome.output;
+  const ImageBuffer image = LoadTopFirst(root / "work/a.hdr");
+  ASSERT_EQ(image.width, 24);
+  ASSERT_EQ(image.height, 12);
+  ExpectColor(ReadPixel(image, 2 * 24 + 3), {0.25f, 0.5f, 1}, 0.01f);
+  ExpectColor(ReadPixel(image, 2 * 24 + 20), kBlack, 0);
+  ExpectColor(ReadPixel(image, 9 * 24 + 3), kBlack, 0);
+
+  // One line, written over and over and ended once.
+  EXPECT_EQ(CountLines(outcome.errors), 1U);
+  EXPECT_EQ(std::count(outcome.errors.begin(), outcome.errors.end(), '\r'), 3);
+  for (const char* words : {"pass 1 of 3", "pass 3 of 3", "rays/s", "elapsed 0:0", "remaining 0:00"})
+    EXPECT_NE(outcome.errors.find(words), std::string::npos) << words;
+}
+
+TEST_F(Program, SeedRepeatsThePictureAtAnyThreadCount) {
+  WriteScene();
+  ASSERT_EQ(Run("render ../scene --quiet --seed 1 --threads 1 --output a.pfm").status, 0);
+  ASSERT_EQ(Run("render ../scene --quiet --seed 1 --threads 2 --output b.pfm").status, 0);
+  ASSERT_EQ(Run("render ../scene --quiet --seed 2 --threads 1 --output c.pfm").status, 0);
+  const std::string first = ReadFile(root / "work/a.pfm");
+  EXPECT_FALSE(first.empty());
+  EXPECT_EQ(first, ReadFile(root / "work/b.pfm"));
+  EXPECT_NE(first, ReadFile(root / "work/c.pfm"));
+}
+
+TEST_F(Program, ViewKeepsOrientationAndAppliesTheCurve) {
+  // Linear values whose sRGB bytes are known: the ends, both sides of the curve's linear foot, middle grey,
+  // and what lies outside the screen's range.
+  struct Sample {
+    float linear;
+    int encoded;
+  };
+  const std::array<Sample, 8> samples = {
+      {{0, 0}, {0.002f, 7}, {0.0031308f, 10}, {0.01f, 25}, {0.18f, 118}, {0.5f, 188}, {1, 255}, {7, 255}}};
+  for (const char* name : {"in.pfm", "in.hdr", "in.exr", "in.tif", "dir.hdr/in.exr", "dir.exr/in.hdr"}) {
+    ImageBuffer picture;
+    Allocate(picture, 8, 3, 3, 32, false);
+    for (std::size_t x = 0; x < 8; x++)
+      WritePixel(picture, {samples[x].linear, samples[x].linear, samples[x].linear}, x);
+    WritePixel(picture, {1, 0, 0}, 8);   // row 1, left
+    WritePixel(picture, {0, 0, 1}, 23);  // last row, right
+    const fs::path path = root / "work" / name;
+    fs::create_directories(path.parent_path());
+    // Written by its bare name: a folder's name would take part in the choice of a format.
+    const fs::path here = fs::current_path();
+    fs::current_path(path.parent_path());
+    picture.fileName = path.filename().string();
+    const bool saved = SaveImage(picture);
+    fs::current_path(here);
+    ASSERT_TRUE(saved) << name;
+
+    const Outcome outcome = Run("view " + std::string(name) + " out.png");
+    ASSERT_EQ(outcome.status, 0) << name << outcome.errors;
+    const ImageBuffer screen = LoadTopFirst(root / "work/out.png");
+    ASSERT_EQ(screen.width, 8) << name;
+    ASSERT_EQ(screen.height, 3) << name;
+    const bool isByteFile = path.extension() == ".tif";  // holds 8 bits of linear light
+    for (std::size_t x = 0; x < 8; x++) {
+      if (isByteFile && samples[x].linear < 0.5f) continue;
+      EXPECT_NEAR(255 * ReadPixel(screen, x).y, samples[x].encoded, 1.01) << name << " " << x;
+    }
+    ExpectColor(ReadPixel(screen, 8), {1, 0, 0}, 0);
+    ExpectColor(ReadPixel(screen, 16), kBlack, 0);
+    ExpectColor(ReadPixel(screen, 23), {0, 0, 1}, 0);
+  }
+}
+
+TEST_F(Program, ViewAppliesStopsAndNeedsAPicture) {
+  ImageBuffer picture;
+  Allocate(picture, 2, 1, 3, 32, false);
+  WritePixel(picture, {0.25f, 0.125f, 2}, 0);
+  picture.fileName = (root / "work/in.pfm").string();
+  ASSERT_TRUE(SaveImage(picture));
+  ASSERT_EQ(Run("view in.pfm up.png --exposure 1").status, 0);
+  ASSERT_EQ(Run("view in.pfm a.hdr.png --exposure -1").status, 0);
+  ExpectColor(255 * ReadPixel(LoadTopFirst(root / "work/up.png"), 0), {188, 137, 255}, 0.01f);
+  // The name does not make it a float file.
+  EXPECT_TRUE(ReadFile(root / "work/a.hdr.png").starts_with("\x89PNG"));
+  fs::rename(root / "work/a.hdr.png", root / "work/down.png");
+  ExpectColor(255 * ReadPixel(LoadTopFirst(root / "work/down.png"), 0), {99, 71, 255}, 0.01f);
+
+  WriteFile(root / "work/text.hdr", "no picture");
+  WriteFile(root / "work/keep.png", "old");
+  for (const char* arguments :
+       {"view missing.hdr keep.png", "view text.hdr keep.png", "view in.pfm missing/out.png"}) {
+    const Outcome outcome = Run(arguments);
+    EXPECT_EQ(outcome.status, 1) << arguments;
+    EXPECT_EQ(CountLines(outcome.errors), 1U) << arguments << outcome.errors;
+  }
+  EXPECT_EQ(ReadFile(root / "work/keep.png"), "old");
+}
+
+}  // namespace
+}  // namespace zp
