@@ -1,0 +1,347 @@
+// imaging/image_file.cpp: pictures on disk, through FreeImage.
+
+#include <FreeImage.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <system_error>
+
+#include "imaging/imaging.h"
+
+namespace zp {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct ExtensionRow {
+  std::string_view lower, upper;
+  FREE_IMAGE_FORMAT format;
+};
+// Searched from the top. A mixed spelling does not count.
+constexpr ExtensionRow kExtensions[] = {
+    {".bmp", ".BMP", FIF_BMP},       {".cut", ".CUT", FIF_CUT},      {".dds", ".DDS", FIF_DDS},
+    {".exr", ".EXR", FIF_EXR},       {".g3", ".G3", FIF_FAXG3},      {".gif", ".GIF", FIF_GIF},
+    {".hdr", ".HDR", FIF_HDR},       {".ico", ".ICO", FIF_ICO},      {".iff", ".IFF", FIF_IFF},
+    {".j2k", ".J2K", FIF_J2K},       {".jng", ".JNG", FIF_JNG},      {".jp2", ".JP2", FIF_JP2},
+    {".jpg", ".JPG", FIF_JPEG},      {".jpeg", ".JPEG", FIF_JPEG},   {".koa", ".KOA", FIF_KOALA},
+    {".mng", ".MNG", FIF_MNG},       {".pbm", ".PBM", FIF_PBM},      {".pcd", ".PCD", FIF_PCD},
+    {".pfm", ".PFM", FIF_PFM},       {".pgm", ".PGM", FIF_PGM},      {".pic", ".PIC", FIF_PICT},
+    {".pct", ".PCT", FIF_PICT},      {".pict", ".PICT", FIF_PICT},   {".png", ".PNG", FIF_PNG},
+    {".ppm", ".PPM", FIF_PPM},       {".psd", ".PSD", FIF_PSD},      {".ras", ".RAS", FIF_RAS},
+    {".raw", ".RAW", FIF_RAW},       {".sgi", ".SGI", FIF_SGI},      {".tga", ".TGA", FIF_TARGA},
+    {".targa", ".TARGA", FIF_TARGA}, {".tif", ".TIF", FIF_TIFF},     {".tiff", ".TIFF", FIF_TIFF},
+    {".wap", ".WAP", FIF_WBMP},      {".wabmp", ".WABMP", FIF_WBMP}, {".wbmp", ".WBMP", FIF_WBMP},
+    {".wbm", ".WBM", FIF_WBMP},      {".xbm", ".XBM", FIF_XBM},      {".xpm", ".XPM", FIF_XPM},
+};
+
+struct UnloadBitmap {
+  void operator()(FIBITMAP* bitmap) const { FreeImage_Unload(bitmap); }
+};
+using Bitmap = std::unique_ptr<FIBITMAP, UnloadBitmap>;
+
+std::atomic<int> failedSaves = 0;
+
+// Intended: anywhere in the name, so that "a.png.tmp" is a PNG file.
+bool Contains(std::string_view name, std::string_view lower, std::string_view upper) {
+  return name.find(lower) != name.npos || name.find(upper) != name.npos;
+}
+bool IsPfm(std::string_view name) { return Contains(name, ".pfm", ".PFM"); }
+bool IsFloatFile(std::string_view name) {
+  return Contains(name, ".exr", ".EXR") || Contains(name, ".hdr", ".HDR") || IsPfm(name);
+}
+
+// Intended: a negative value wraps instead of turning black. What no integer can hold is 0.
+template <class Float>
+std::uint8_t WrappedByte(Float value) {
+  if (value > Float(1)) return 255;
+  const Float scaled = value * Float(255);
+  if (!(scaled > Float(-2147483648.0))) return 0;
+  return static_cast<std::uint8_t>(static_cast<std::int32_t>(scaled) & 255);
+}
+
+bool Bit(const ImageBuffer& image, std::size_t element) {
+  const std::size_t word = element / 32;
+  return word < image.bitPixels.size() && (image.bitPixels[word] >> (element % 32) & 1U) != 0;
+}
+
+// One element for a float file; 0 past the end.
+float FloatElement(const ImageBuffer& image, std::size_t i) {
+  if (image.bits == 1) return Bit(image, i) ? 1.0f : 0.0f;
+  if (image.bits == 8 && i < image.bytePixels.size()) return static_cast<float>(image.bytePixels[i]) / 255.0f;
+  if (image.bits == 16 && i < image.wordPixels.size())
+    return static_cast<float>(image.wordPixels[i]) / 65535.0f;
+  if (image.bits == 32 && i < image.floatPixels.size()) return image.floatPixels[i];
+  if (image.bits == 64 && i < image.doublePixels.size()) return static_cast<float>(image.doublePixels[i]);
+  return 0;
+}
+
+// One element for an integer file; 0 past the end.
+std::uint8_t ByteElement(const ImageBuffer& image, std::size_t i) {
+  if (image.bits == 1) return Bit(image, i) ? 255 : 0;
+  if (image.bits == 8 && i < image.bytePixels.size()) return image.bytePixels[i];
+  if (image.bits == 16 && i < image.wordPixels.size())
+    return static_cast<std::uint8_t>(image.wordPixels[i] >> 8);
+  if (image.bits == 32 && i < image.floatPixels.size()) return WrappedByte(image.floatPixels[i]);
+  if (image.bits == 64 && i < image.doublePixels.size()) return WrappedByte(image.doublePixels[i]);
+  return 0;
+}
+
+// Scan line y is row y of the picture; the caller turns the rows over.
+Bitmap MakeFloatBitmap(const ImageBuffer& image) {
+  const int components = image.channels == 4 ? 4 : 3;
+  Bitmap bitmap(FreeImage_AllocateT(components == 4 ? FIT_RGBAF : FIT_RGBF, image.width, image.height,
+                                    32 * components, 0, 0, 0));
+  if (!bitmap) return bitmap;
+  const auto channels = static_cast<std::size_t>(image.channels);
+  std::size_t pixel = 0;
+  for (int y = 0; y < image.height; ++y) {
+    auto* line = reinterpret_cast<float*>(FreeImage_GetScanLine(bitmap.get(), y));
+    for (int x = 0; x < image.width; ++x, ++pixel)
+      for (int c = 0; c < components; ++c)
+        *line++ = FloatElement(image, pixel * channels + (channels == 1 ? 0U : static_cast<std::size_t>(c)));
+  }
+  return bitmap;
+}
+
+// Intended: the source moves by three elements a pixel whatever the channels are, so that the colours of a
+// four-channel picture run away from the pixel grid. One channel makes an 8-bit file, whose pixels take no
+// colour: it is black.
+Bitmap MakeIntegerBitmap(const ImageBuffer& image) {
+  Bitmap bitmap(FreeImage_Allocate(image.width, image.height, image.channels * 8, 0, 0, 0));
+  if (!bitmap) return bitmap;
+  std::size_t element = 0;
+  for (int y = 0; y < image.height; ++y)
+    for (int x = 0; x < image.width; ++x, element += 3) {
+      RGBQUAD color = {};
+      color.rgbRed = ByteElement(image, element);
+      color.rgbGreen = ByteElement(image, element + 1);
+      color.rgbBlue = ByteElement(image, element + 2);
+      FreeImage_SetPixelColor(bitmap.get(), static_cast<unsigned>(x), static_cast<unsigned>(y), &color);
+    }
+  return bitmap;
+}
+
+// A packed picture as floats.
+ImageBuffer Unpack(const ImageBuffer& image) {
+  ImageBuffer floats;
+  floats.fileName = image.fileName;
+  Allocate(floats, image.width, image.height, 3, 32, false);
+  for (std::size_t pixel = 0; pixel < image.packedPixels.size(); ++pixel)
+    WritePixel(floats, ReadPixel(image, pixel), pixel);
+  return floats;
+}
+
+// FreeImage's plugins take other bitmaps too, and write garbage or crash on some.
+bool CanHold(FREE_IMAGE_FORMAT format, FIBITMAP* bitmap) {
+  if (!FreeImage_FIFSupportsWriting(format)) return false;
+  const FREE_IMAGE_TYPE type = FreeImage_GetImageType(bitmap);
+  if (type != FIT_BITMAP) return FreeImage_FIFSupportsExportType(format, type) != 0;
+  return FreeImage_FIFSupportsExportBPP(format, static_cast<int>(FreeImage_GetBPP(bitmap))) != 0;
+}
+
+// A file being written. FreeImage's plugins overlook failed writes, so they are noted here.
+struct OutputFile {
+  std::FILE* file = nullptr;
+  bool failed = false;
+};
+
+unsigned DLL_CALLCONV ReadProc(void* buffer, unsigned size, unsigned count, fi_handle handle) {
+  return static_cast<unsigned>(std::fread(buffer, size, count, static_cast<OutputFile*>(handle)->file));
+}
+unsigned DLL_CALLCONV WriteProc(void* buffer, unsigned size, unsigned count, fi_handle handle) {
+  auto* output = static_cast<OutputFile*>(handle);
+  const std::size_t written = std::fwrite(buffer, size, count, output->file);
+  if (size != 0 && written != count) output->failed = true;
+  return static_cast<unsigned>(written);
+}
+int DLL_CALLCONV SeekProc(fi_handle handle, long offset, int origin) {
+  return std::fseek(static_cast<OutputFile*>(handle)->file, offset, origin);
+}
+long DLL_CALLCONV TellProc(fi_handle handle) { return std::ftell(static_cast<OutputFile*>(handle)->file); }
+
+// True if all bytes of the file reached the file system.
+bool WriteFile(FREE_IMAGE_FORMAT format, FIBITMAP* bitmap, const std::string& path) {
+  OutputFile output;
+  output.file = std::fopen(path.c_str(), "w+bx");
+  if (output.file == nullptr) return false;
+  FreeImageIO io = {ReadProc, WriteProc, SeekProc, TellProc};
+  const bool saved = FreeImage_SaveToHandle(format, bitmap, &io, &output, 0) != 0;
+  const bool sound = std::ferror(output.file) == 0 && !output.failed;
+  return (std::fclose(output.file) == 0) && saved && sound;
+}
+
+// A name of this process alone, in the target's folder: a rename cannot cross file systems.
+fs::path TemporaryName(const fs::path& target) {
+  static std::atomic<unsigned> number = 0;
+  return target.parent_path() / (".zp-" + std::to_string(getpid()) + "-" + std::to_string(number++) + ".tmp");
+}
+
+// Writes beside `path` and renames, so that a failure leaves what was there. Only a file, or nothing, can be
+// replaced; a link stays, and what it leads to is replaced.
+bool ReplaceFile(FREE_IMAGE_FORMAT format, FIBITMAP* bitmap, const std::string& path) {
+  std::error_code error;
+  fs::path target = path;
+  if (fs::is_symlink(target, error)) target = fs::weakly_canonical(target, error);
+  const fs::file_status status = fs::status(target, error);
+  const bool exists = fs::exists(status);
+  // A rename would replace even a file that is protected against writing.
+  if (exists && (!fs::is_regular_file(status) || access(target.c_str(), W_OK) != 0)) return false;
+  const fs::path temporary = TemporaryName(target);
+  if (WriteFile(format, bitmap, temporary.string())) {
+    if (exists) fs::permissions(temporary, status.permissions(), error);
+    fs::rename(temporary, target, error);
+    if (!error) return true;
+  }
+  fs::remove(temporary, error);
+  return false;
+}
+
+bool Save(const ImageBuffer& image) {
+  if (image.packed) return Save(Unpack(image));
+  if (image.width <= 0 || image.height <= 0) return false;
+  if (image.channels != 1 && image.channels != 3 && image.channels != 4) return false;
+  const std::string& name = image.fileName;
+  const bool isFloat = IsFloatFile(name);
+  const Bitmap bitmap = isFloat ? MakeFloatBitmap(image) : MakeIntegerBitmap(image);
+  if (!bitmap) return false;
+  // FreeImage counts rows from the bottom. Intended: a PFM file keeps the buffer's order.
+  if (!isFloat || !IsPfm(name)) FreeImage_FlipVertical(bitmap.get());
+  for (const ExtensionRow& row : kExtensions)
+    if (Contains(name, row.lower, row.upper) && CanHold(row.format, bitmap.get()) &&
+        ReplaceFile(row.format, bitmap.get(), name))
+      return true;
+  return false;
+}
+
+constexpr float kLargestPacked = 255.0f * 0x1p119f;
+
+// Ward's shared-exponent pixel ("Real Pixels", Graphics Gems II, 1991). Components that it cannot express,
+// negative or not a number, are 0; those too large take its largest value.
+PackedPixel Pack(FIRGBF color) {
+  const auto limit = [](float v) { return v > 0.0f ? std::min(v, kLargestPacked) : 0.0f; };
+  const float r = limit(color.red), g = limit(color.green), b = limit(color.blue);
+  const float largest = std::max({r, g, b});
+  if (largest < 1e-32f) return {};
+  int exponent = 0;
+  const float scale = 256.0f * std::frexp(largest, &exponent) / largest;
+  return {static_cast<std::uint8_t>(r * scale), static_cast<std::uint8_t>(g * scale),
+          static_cast<std::uint8_t>(b * scale), static_cast<std::uint8_t>(exponent + 128)};
+}
+
+// Copies scan lines as they are, the bottom one first.
+template <class Element>
+void CopyLines(FIBITMAP* bitmap, std::vector<Element>& pixels, std::size_t rowElements) {
+  const std::size_t rows = FreeImage_GetHeight(bitmap);
+  for (std::size_t y = 0; y < rows; ++y)
+    std::memcpy(pixels.data() + y * rowElements, FreeImage_GetScanLine(bitmap, static_cast<int>(y)),
+                rowElements * sizeof(Element));
+}
+
+// 8, 24 and 32 bits a pixel; false for the other depths.
+bool CopyIntegerBitmap(ImageBuffer& image, FIBITMAP* bitmap, int width, int height) {
+  const unsigned sourceBytes = FreeImage_GetBPP(bitmap) / 8;
+  if (sourceBytes != 1 && sourceBytes != 3 && sourceBytes != 4) return false;
+  // Intended: the index of a palette picture is its grey level, whatever the palette says.
+  const bool hasPalette = FreeImage_GetPalette(bitmap) != nullptr;
+  const int channels = sourceBytes == 4 ? 4 : sourceBytes == 1 && !hasPalette ? 1 : 3;
+  Allocate(image, width, height, channels, 8, false);
+  if (channels == 1) {
+    CopyLines(bitmap, image.bytePixels, static_cast<std::size_t>(width));
+    return true;
+  }
+  std::uint8_t* out = image.bytePixels.data();
+  for (int y = 0; y < height; ++y) {
+    const BYTE* in = FreeImage_GetScanLine(bitmap, y);
+    for (int x = 0; x < width; ++x, in += sourceBytes, out += channels) {
+      out[0] = sourceBytes == 1 ? in[0] : in[FI_RGBA_RED];
+      out[1] = sourceBytes == 1 ? in[0] : in[FI_RGBA_GREEN];
+      out[2] = sourceBytes == 1 ? in[0] : in[FI_RGBA_BLUE];
+      if (channels == 4) out[3] = in[FI_RGBA_ALPHA];
+    }
+  }
+  return true;
+}
+
+void CopyPacked(ImageBuffer& image, FIBITMAP* bitmap, int width, int height) {
+  Allocate(image, width, height, 3, 32, true);
+  PackedPixel* out = image.packedPixels.data();
+  for (int y = 0; y < height; ++y) {
+    const auto* in = reinterpret_cast<const FIRGBF*>(FreeImage_GetScanLine(bitmap, y));
+    for (int x = 0; x < width; ++x) *out++ = Pack(in[x]);
+  }
+}
+
+bool CopyBitmap(ImageBuffer& image, FIBITMAP* bitmap) {
+  const auto width = static_cast<int>(FreeImage_GetWidth(bitmap));
+  const auto height = static_cast<int>(FreeImage_GetHeight(bitmap));
+  if (width <= 0 || height <= 0 || FreeImage_HasPixels(bitmap) == 0) return false;
+  const auto copy = [&](int channels, int bits, auto& pixels) {
+    Allocate(image, width, height, channels, bits, false);
+    CopyLines(bitmap, pixels, static_cast<std::size_t>(width) * static_cast<std::size_t>(channels));
+    return true;
+  };
+  switch (FreeImage_GetImageType(bitmap)) {
+    case FIT_BITMAP:
+      return CopyIntegerBitmap(image, bitmap, width, height);
+    case FIT_UINT16:
+      return copy(1, 16, image.wordPixels);
+    case FIT_RGB16:
+      return copy(3, 16, image.wordPixels);
+    case FIT_RGBA16:
+      return copy(4, 16, image.wordPixels);
+    case FIT_RGBF:
+      if (!image.allowPacked) return copy(3, 32, image.floatPixels);
+      CopyPacked(image, bitmap, width, height);
+      return true;
+    case FIT_RGBAF:
+      return copy(4, 32, image.floatPixels);
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
+// The first of the extensions that stand in the name and whose format can hold the picture is written. Names
+// with ".exr", ".hdr" or ".pfm" get linear floats, all others bytes without gamma. On failure the file that
+// was there stays, no other file is left, and the failure is counted unless the name is empty.
+bool SaveImage(const ImageBuffer& image) {
+  if (image.fileName.empty()) return false;
+  bool saved = false;
+  try {
+    saved = Save(image);
+  } catch (const std::exception&) {  // no memory for a copy, or a path that the system refuses
+  }
+  if (!saved) ++failedSaves;
+  return saved;
+}
+
+// The first row of the buffer is the bottom of the picture, except that a picture whose own fileName is a
+// Radiance file's starts at the top. image.fileName is only read. A failure leaves the buffer unfilled.
+bool LoadImage(ImageBuffer& image, const std::string& path) {
+  image.loaded = false;
+  const FREE_IMAGE_FORMAT format = FreeImage_GetFileType(path.c_str(), 0);
+  if (format == FIF_UNKNOWN || FreeImage_FIFSupportsReading(format) == 0) return false;
+  const Bitmap bitmap(FreeImage_Load(format, path.c_str(), 0));
+  if (!bitmap) return false;
+  if (Contains(image.fileName, ".hdr", ".HDR")) FreeImage_FlipVertical(bitmap.get());
+  try {
+    image.loaded = CopyBitmap(image, bitmap.get());
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  return image.loaded;
+}
+
+void StartImageFiles() { FreeImage_Initialise(0); }
+void StopImageFiles() { FreeImage_DeInitialise(); }
+
+int FailedSaves(bool reset) { return reset ? failedSaves.exchange(0) : failedSaves.load(); }
+
+}  // namespace zp
