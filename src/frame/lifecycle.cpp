@@ -1,0 +1,104 @@
+#include <algorithm>
+
+#include "accel/accel.h"
+#include "core/console.h"
+#include "core/random.h"
+#include "core/settings.h"
+#include "core/tables.h"
+#include "frame/frame.h"
+#include "imaging/imaging.h"
+#include "integrator/integrator.h"
+#include "lights/lights.h"
+#include "scene/scene.h"
+#include "shading/shading.h"
+
+namespace zp {
+namespace {
+
+void AddImageSearchPath(const std::string& folder) {
+  if (std::find(imageSearchPaths.begin(), imageSearchPaths.end(), folder) == imageSearchPaths.end())
+    imageSearchPaths.push_back(folder);
+}
+
+void SetSearchPaths(const std::string& folder) {
+  imageSearchPaths = {};
+  // Intended: no separator in between, so the first entry finds files only behind a folder that ends in one.
+  AddImageSearchPath(folder + "image");
+  AddImageSearchPath(folder);
+  AddImageSearchPath("");
+  geometrySearchPaths = {folder + "geometry", folder, ""};
+}
+
+}  // namespace
+
+void Startup(std::optional<std::uint64_t> seed) {
+  PrintRule();
+  PrintLine("            zephlore Apr 30 2015");
+  PrintLine("            light, patiently followed");
+  PrintRule();
+  FillExponentTable();
+  StartImageFiles();
+  AddImageSearchPath("");
+  StartRandom(seed);
+  FillHaltonTables();
+  FillPixelRotationTable();
+  FillNoisePermutation();
+  ResetGeometryLight();
+  ResetSky();
+  ResetRenderer();
+  AddUndefinedShader();
+}
+
+bool LoadScene(const std::string& folder) {
+  SetSearchPaths(folder);
+  sceneFolder = folder;
+  const std::int64_t start = ProcessorMilliseconds();
+  const bool found = ReadSceneFolder(folder);
+  const std::int64_t end = ProcessorMilliseconds();
+  if (!found) PrintError("scene - " + folder + "\tcannot be found");
+  PrintFloatRow("scene parsing", static_cast<float>(static_cast<double>(end - start) / 1000.0), "seconds");
+  PrintRule();
+  return found;
+}
+
+void PrepareCameras() {
+  InitializeCameras();
+  for (Camera& camera : cameras)
+    for (Aov& aov : camera.aovs) BindAovShader(aov);
+}
+
+void Initialize() {
+  PrepareCameras();
+  InitializeShaders();
+  InitializeAccelerator();
+  InitializeSky();
+  InitializeGeometryLight();
+  InitializeRenderer();
+}
+
+void Finalize() {
+  FinalizeRenderer();
+  FinalizeGeometryLight();
+  FinalizeSky();
+  FinalizeAccelerator();
+  FinalizeCameras();
+  FinalizeShaders();
+  images = {};
+}
+
+void Shutdown() {
+  EmptyHaltonTables();
+  StopImageFiles();
+}
+
+void Go(const std::string& folder) {
+  Startup();
+  LoadScene(folder);
+  Initialize();
+  settings.passIndex = 0;
+  RenderLoop();
+  Finalize();
+  Shutdown();
+}
+
+}  // namespace zp

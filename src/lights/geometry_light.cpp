@@ -1,0 +1,49 @@
+#include "accel/accel.h"
+#include "core/console.h"
+#include "core/settings.h"
+#include "lights/light_aovs.h"
+#include "lights/lights.h"
+
+namespace zp {
+
+GeometryLight geometryLight;
+
+void ResetGeometryLight() {
+  geometryLight = {};
+  settings.geometrySampleCopy = 64;
+}
+
+void InitializeGeometryLight() {
+  ResolveLink(geometryLight.link);
+  InitializeLightAovs(geometryLight.aovs);
+  const auto root = static_cast<std::size_t>(rootObject);
+  const bool hasRoot = rootObject != kNone && root < objectTable.size();
+  float emitterArea = 0;
+  bool emits = false;
+  geometryLight.area = 0;
+  if (hasRoot) {
+    const Object& object = objectTable[root];
+    geometryLight.area = object.virtualLights.area;
+    emitterArea = object.emitters.area;
+    emits = !object.emitters.records.empty();
+  }
+  if (geometryLight.photon > 0) {
+    if (!emits) {
+      geometryLight.photon = 0;
+    } else {
+      const float weight = emitterArea / static_cast<float>(geometryLight.photon);
+      geometryLight.colorWeight = {weight, weight, weight};
+    }
+  }
+  PrintFloatRow("geometry light area  ", emitterArea, "m x m");
+  PrintIntegerRow("geometry light sample",
+                  static_cast<std::uint64_t>(geometryLight.sample > 0 ? geometryLight.sample : 0), "n/a");
+  PrintRule();
+}
+
+void FinalizeGeometryLight() {
+  SaveLightAovs(geometryLight.aovs);
+  ResetGeometryLight();
+}
+
+}  // namespace zp

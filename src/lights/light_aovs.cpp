@@ -1,0 +1,22 @@
+#include "lights/light_aovs.h"
+
+#include "core/settings.h"
+#include "shading/shading.h"
+
+namespace zp {
+
+void InitializeLightAovs(std::vector<Aov>& aovs) {
+  const auto active = static_cast<std::size_t>(settings.activeCamera);
+  for (Aov& aov : aovs) {
+    // Paths write these by the camera's pixel index, so they are of its size.
+    if (active < cameras.size()) InitializeAov(aov, cameras[active].width, cameras[active].height);
+    BindAovShader(aov);
+  }
+}
+
+void SaveLightAovs(const std::vector<Aov>& aovs) {
+  for (const Aov& aov : aovs)
+    if (!aov.image.fileName.empty() && aov.image.width > 0) SaveImage(aov.image);
+}
+
+}  // namespace zp

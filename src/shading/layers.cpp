@@ -1,0 +1,44 @@
+// Reading a layer at a point, and drawing one layer out of a side's mixture.
+
+#include "core/random.h"
+#include "shading/shading.h"
+
+namespace zp {
+
+Vec3 LookUp(const ImageSlot& slot, Vec2 uv) {
+  if (slot.image < 0 || static_cast<std::size_t>(slot.image) >= images.size()) return slot.color;
+  return LookUpTexture(images[static_cast<std::size_t>(slot.image)], slot, uv) * slot.color;
+}
+
+bool TestElement(const SurfaceShader& layer, Element element, Vec2 uv, Vec3& color) {
+  color = LookUp(layer[element], uv);
+  return !IsBlack(color);
+}
+
+const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, Vec2 uv) {
+  const auto& list = frontFace ? shader.front : shader.back;
+  const auto count = static_cast<std::size_t>(frontFace ? shader.frontCount : shader.backCount);
+  const auto layer = [&](std::size_t i) -> const SurfaceShader& { return shader.surfaces[list[i]]; };
+  // An unused entry is 0, so a side without layers shows the first surface.
+  if (count < 2) return layer(0);
+
+  std::array<float, kMaxLayersOnSide> cumulative;
+  float total = 0;
+  std::size_t last = 0;  // of those with a weight
+  for (std::size_t i = 0; i < count; ++i) {
+    const float weight = Mean(LookUp(layer(i)[Element::kWeight], uv));
+    // Comparisons that are false for a weight that is no number; the limit keeps the sum finite.
+    if (weight > 0) {
+      total += MinOf(weight, kFarthest / (2 * kMaxLayersOnSide));
+      last = i;
+    }
+    cumulative[i] = total;
+  }
+  if (!(total > 0)) return layer(0);
+  const float draw = RandomFloat() * total;
+  for (std::size_t i = 0; i < last; ++i)
+    if (cumulative[i] > draw) return layer(i);
+  return layer(last);
+}
+
+}  // namespace zp

@@ -1,0 +1,194 @@
+// The table of Shaders: names, textures, side lists and derived flags.
+
+#include <algorithm>
+
+#include "core/console.h"
+#include "shading/shading.h"
+
+namespace zp {
+
+std::vector<Shader> shaders;
+
+SurfaceShader::SurfaceShader() {
+  for (const ElementRow& row : kElements) (*this)[row.element].color = row.color;
+}
+
+void AddUndefinedShader() {
+  if (FindShader(kUndefinedShader) != kNone) return;
+  Shader shader;
+  shader.name = kUndefinedShader;
+  SurfaceShader& surface = shader.surfaces.emplace_back();
+  surface[Element::kLambertian].color = {0.85f, 0.85f, 0.85f};
+  surface[Element::kIor].color = kWhite;
+  shaders.push_back(std::move(shader));
+}
+
+std::int32_t FindShader(std::string_view name) {
+  for (std::size_t i = 0; i < shaders.size(); ++i)
+    if (shaders[i].name == name) return static_cast<std::int32_t>(i);
+  return kNone;
+}
+
+std::int32_t FindOrCreateShader(std::string_view name) {
+  if (const std::int32_t found = FindShader(name); found != kNone) return found;
+  shaders.emplace_back().name = name;
+  return static_cast<std::int32_t>(shaders.size() - 1);
+}
+
+void BindAovShader(Aov& aov) {
+  aov.shaderIndex = kNone;
+  for (std::size_t i = 0; i < shaders.size(); ++i)
+    if (shaders[i].name == aov.shaderName) aov.shaderIndex = static_cast<std::int32_t>(i);
+}
+
+namespace {
+
+// Calls visit(slot) for every slot of a Shader.
+template <class Visit>
+void ForEachSlot(Shader& shader, Visit visit) {
+  GeometryShader& geometry = shader.geometry;
+  for (auto* list : {&geometry.radius, &geometry.length, &geometry.vector, &geometry.height})
+    for (ImageSlot& slot : *list) visit(slot);
+  visit(geometry.clip);
+  for (SurfaceShader& surface : shader.surfaces)
+    for (ImageSlot& slot : surface.slots) visit(slot);
+}
+
+// What is left of a texture index once its file was tried.
+std::int32_t IfLoaded(std::int32_t image) {
+  return image != kNone && images[static_cast<std::size_t>(image)].loaded ? image : kNone;
+}
+
+// Both sides of a shader with one one-sided surface have something to show.
+void CompleteSides(Shader& shader) {
+  if (shader.surfaces.empty()) shader.surfaces.emplace_back();
+  if (shader.surfaces.size() != 1 || shader.surfaces[0].sideness == Sideness::kBoth) return;
+  const bool face = shader.surfaces[0].sideness == Sideness::kFace;
+  shader.surfaces.emplace_back().sideness = face ? Sideness::kBack : Sideness::kFace;
+}
+
+void FillSideLists(Shader& shader) {
+  shader.frontCount = shader.backCount = 0;
+  shader.front = shader.back = {};
+  bool dropped = false;
+  for (std::size_t i = 0; i < shader.surfaces.size(); ++i) {
+    const auto add = [&](auto& list, std::int32_t& count) {
+      if (count == kMaxLayersOnSide || i > 255)
+        dropped = true;
+      else
+        list[static_cast<std::size_t>(count++)] = static_cast<std::uint8_t>(i);
+    };
+    const Sideness sideness = shader.surfaces[i].sideness;
+    if (sideness != Sideness::kBack) add(shader.front, shader.frontCount);
+    if (sideness != Sideness::kFace) add(shader.back, shader.backCount);
+  }
+  if (dropped) PrintError("shader - too many layers on a side");
+}
+
+void DeriveFlags(SurfaceShader& s) {
+  const auto shows = [&](Element e) { return !IsBlack(s[e].color); };
+  s.hasImage =
+      std::any_of(s.slots.begin(), s.slots.end(), [](const ImageSlot& i) { return i.image != kNone; });
+  s.hasLambertian = shows(Element::kLambertian);
+  s.hasTransmissive = shows(Element::kTransmissive);
+  s.hasGlossy = shows(Element::kGlossy);
+  s.hasSpecular = shows(Element::kSpecular);
+  s.hasDiffusion = shows(Element::kDiffusion);
+  s.hasNormalMap = s[Element::kNormal].image != kNone;
+  s.isGlossy = s.hasGlossy && shows(Element::kRoughness);
+  s.isAnisotropic = s.isGlossy && shows(Element::kAnisotropy);
+  s.needsTangents = s.hasNormalMap || s.isAnisotropic;
+  s.hasAngle = s.needsTangents && shows(Element::kAngle);
+  s.hasDiffuse = s.hasLambertian || s.hasTransmissive;
+  s.hasReflection = s.hasSpecular || s.hasGlossy;
+  s.isPlain = !s.hasImage && !s.hasReflection;
+}
+
+void DeriveSideFlags(Shader& shader) {
+  const auto derive = [&](const auto& list, std::int32_t count, bool& virtualLight, bool& emissive,
+                          bool& lambertian, bool& transmissive) {
+    virtualLight = emissive = lambertian = transmissive = false;
+    for (std::int32_t i = 0; i < count; ++i) {
+      const SurfaceShader& surface = shader.surfaces[list[static_cast<std::size_t>(i)]];
+      virtualLight |= surface.virtualLight;
+      emissive |= !IsBlack(surface[Element::kEmissive].color);
+      lambertian |= surface.hasLambertian;
+      transmissive |= surface.hasTransmissive;
+    }
+  };
+  derive(shader.front, shader.frontCount, shader.frontVirtualLight, shader.frontEmissive,
+         shader.frontLambertian, shader.frontTransmissive);
+  derive(shader.back, shader.backCount, shader.backVirtualLight, shader.backEmissive, shader.backLambertian,
+         shader.backTransmissive);
+}
+
+void InitializeShader(Shader& shader) {
+  if (shader.initialized) return;
+  CompleteSides(shader);
+  FillSideLists(shader);
+  // Written so that what is no number becomes a limit too.
+  const auto unit = [](float x) { return x > 0 ? MinOf(x, 1.0f) : 0.0f; };
+  shader.geometry.roundCorner = unit(shader.geometry.roundCorner);
+  shader.geometry.reduction = unit(shader.geometry.reduction);
+  shader.geometry.hasClip = shader.geometry.clip.image != kNone;
+  InitializeVolume(shader.volume);
+  for (SurfaceShader& surface : shader.surfaces) DeriveFlags(surface);
+  DeriveSideFlags(shader);
+  shader.initialized = true;
+}
+
+// Names become indices and every file is read once, so that a missing one is told once.
+void InitializeTextures(std::int32_t undefined) {
+  // Shaders that become copies of "undefined" show none of their own images.
+  const auto forEachSlot = [&](auto visit) {
+    for (Shader& shader : shaders) {
+      const bool isUndefined = &shader - shaders.data() == undefined;
+      if (!shader.initialized && (!shader.surfaces.empty() || isUndefined || undefined == kNone))
+        ForEachSlot(shader, visit);
+    }
+  };
+  std::vector<bool> wanted(images.size(), false);
+  forEachSlot([&](ImageSlot& slot) {
+    for (auto [name, index] :
+         {std::pair(&slot.imageName, &slot.image), std::pair(&slot.fresnelImageName, &slot.fresnelImage)}) {
+      if (name->empty()) continue;  // keeps an index that a host gave
+      *index = FindOrAddTexture(*name);
+      wanted.resize(images.size(), false);
+      wanted[static_cast<std::size_t>(*index)] = true;
+    }
+  });
+  bool failed = false;
+  for (std::size_t i = 0; i < images.size(); ++i)
+    if (wanted[i] && !LoadTexture(images[i])) failed = true;
+  forEachSlot([&](ImageSlot& slot) {
+    if (!slot.imageName.empty()) slot.image = IfLoaded(slot.image);
+    if (!slot.fresnelImageName.empty()) slot.fresnelImage = IfLoaded(slot.fresnelImage);
+  });
+
+  if (failed) PrintRule();
+  std::size_t bytes = 0;
+  for (const ImageBuffer& image : images) bytes += PixelBytes(image);
+  PrintCountRow("textures", images.size(), static_cast<float>(bytes) * kMegabytesPerByte);
+  PrintRule();
+}
+
+}  // namespace
+
+void InitializeShaders() {
+  const std::int32_t undefined = FindShader(kUndefinedShader);
+  InitializeTextures(undefined);
+  if (undefined != kNone) InitializeShader(shaders[static_cast<std::size_t>(undefined)]);
+  for (Shader& shader : shaders) {
+    if (shader.surfaces.empty() && undefined != kNone)
+      shader = Shader(shaders[static_cast<std::size_t>(undefined)]);
+    else
+      InitializeShader(shader);
+  }
+  const std::size_t bytes = shaders.size() * sizeof(Shader);
+  PrintCountRow("shaders ", shaders.size(), static_cast<float>(bytes) * kMegabytesPerByte);
+  PrintRule();
+}
+
+void FinalizeShaders() { shaders = {}; }
+
+}  // namespace zp

@@ -1,0 +1,90 @@
+// The shading frame and the weights of a hit, once its layer is chosen.
+
+#include "shading/shading.h"
+
+namespace zp {
+namespace {
+
+// Guards widths and stretches that a scene sets to nothing or below.
+constexpr float kSmallestWidth = 1e-6f;
+constexpr float kSmallestStretch = 1e-4f;
+
+void TurnFrame(ShadingPoint& point, float turns) {
+  if (turns == 0 || !std::isfinite(turns)) return;
+  const float c = std::cos(2 * kPi * turns), s = std::sin(2 * kPi * turns);
+  const Vec3 tangent = point.tangent;
+  point.tangent = c * tangent - s * point.bitangent;
+  point.bitangent = s * tangent + c * point.bitangent;
+}
+
+void BendNormal(ShadingPoint& point, Vec3 map) {
+  const Vec3 bent = SafeNormalize(map.x * point.tangent + map.y * point.bitangent + map.z * point.normal);
+  // A texel that holds no direction bends nothing.
+  if (!(std::abs(Dot(bent, bent) - 1) < 0.01f)) return;
+  point.normal = bent;
+  Vec3 side = Cross(bent, point.tangent);
+  if (Dot(side, side) < 1e-10f) side = Perpendicular(bent);  // bent all the way into the tangent
+  point.bitangent = SafeNormalize(side);
+  point.tangent = SafeNormalize(Cross(point.bitangent, bent));
+}
+
+// Mirror rays must not leave through the surface: where the bent normal would send them below it, the true
+// normal takes its place. The tangents stay.
+void GuardMirror(ShadingPoint& point) {
+  point.reflectCosine = Dot(point.outgoing, point.normal);
+  const Vec3 mirrored = 2 * point.reflectCosine * point.normal - point.outgoing;
+  if (!(Dot(mirrored, point.geometricNormal) < 0)) return;
+  point.normal = point.geometricNormal;
+  point.reflectCosine = Dot(point.outgoing, point.normal);
+}
+
+void SetWidths(ShadingPoint& point) {
+  const SurfaceShader& layer = *point.layer;
+  if (!layer.isGlossy) return;
+  const float width = Mean(LookUp(layer[Element::kRoughness], point.uv)) + kSmallestWidth;
+  point.alphaX = point.alphaY = width > kSmallestWidth ? width : kSmallestWidth;
+  if (!layer.isAnisotropic) return;
+  float stretch = 1 - Mean(LookUp(layer[Element::kAnisotropy], point.uv));
+  if (!(stretch > kSmallestStretch)) stretch = kSmallestStretch;
+  point.alphaX *= stretch;
+  point.alphaY /= stretch;
+}
+
+// Schlick, "An Inexpensive BRDF Model for Physically-based Rendering", 1994.
+float FresnelReflectance(float ior, float cosine) {
+  if (!(std::abs(ior - 1) >= 1e-8f)) return 0;
+  const float ratio = ior == -1 ? 1.0f : (ior - 1) / (ior + 1);
+  const float head = MinOf(ratio * ratio, 1.0f);
+  const float m = MinOf(MaxOf(1 - cosine, 0.0f), 1.0f);
+  return head + m * m * m * m * m * (1 - head);
+}
+
+}  // namespace
+
+void FinishShadingPoint(ShadingPoint& point, const Shader& shader, bool frontFace) {
+  if (point.layer == nullptr) point.layer = &ChooseLayer(shader, frontFace, point.uv);
+  const SurfaceShader& layer = *point.layer;
+  point.material = layer.material;
+  point.virtualLight = layer.virtualLight;
+
+  if (layer.hasAngle) TurnFrame(point, Mean(LookUp(layer[Element::kAngle], point.uv)));
+  if (layer.hasNormalMap) BendNormal(point, LookUp(layer[Element::kNormal], point.uv));
+  GuardMirror(point);
+  SetWidths(point);
+
+  const float ior = Mean(LookUp(layer[Element::kIor], point.uv));
+  const bool usable = std::isfinite(ior) && ior != 0;
+  point.iorRatio = !usable ? 1.0f : frontFace ? 1 / ior : ior;
+
+  // The density cells answer for such a point, which nothing else can see.
+  const bool skipped = point.useDensity && layer.isPlain;
+  point.specularWeight = skipped || !std::isfinite(ior) ? 0.0f : FresnelReflectance(ior, point.reflectCosine);
+  if (layer.material == Material::kThinDielectric) {
+    point.iorRatio = 1;
+    // All inner reflections of a sheet with F on either side: F + (1 - F)^2 F / (1 - F^2), without its 0 / 0.
+    point.specularWeight = 2 * point.specularWeight / (1 + point.specularWeight);
+  }
+  point.diffuseWeight = 1 - point.specularWeight;
+}
+
+}  // namespace zp

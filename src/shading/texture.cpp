@@ -1,0 +1,114 @@
+#include <algorithm>
+#include <filesystem>
+
+#include "core/console.h"
+#include "core/random.h"
+#include "shading/shading.h"
+
+namespace zp {
+
+std::vector<ImageBuffer> images;
+std::vector<std::string> imageSearchPaths;
+
+std::int32_t FindOrAddTexture(std::string_view name) {
+  if (name.empty()) return kNone;
+  for (std::size_t i = 0; i < images.size(); ++i)
+    if (images[i].fileName == name) return static_cast<std::int32_t>(i);
+  images.emplace_back().fileName = name;
+  return static_cast<std::int32_t>(images.size() - 1);
+}
+
+bool LoadTexture(ImageBuffer& image) {
+  if (image.fileName.empty()) return false;
+  if (image.loaded) return true;
+  const std::string name = image.fileName;  // the table's key, whatever path the file is found under
+  bool found = false;
+  for (const std::string& folder : imageSearchPaths) {
+    std::string path = folder;
+    if (!path.empty()) path += '/';
+    path += name;
+    std::error_code error;
+    const auto kind = std::filesystem::status(path, error).type();
+    if (error || kind != std::filesystem::file_type::regular) continue;
+    found = true;
+    image.loaded = LoadImage(image, path);
+    image.fileName = name;
+    if (image.loaded) return true;
+  }
+  PrintError("image - " + name + (found ? "\tcannot be read" : "\tcannot be found"));
+  PrintRule();
+  return false;
+}
+
+namespace {
+
+// The texel that an index means; other modes than repeat and clamp leave it alone.
+std::int64_t Wrap(std::int64_t i, std::int64_t size, int mode) {
+  if (mode == 0) return i < 0 ? size - (-(i + 1) % size) - 1 : i % size;
+  if (mode == 1) return std::clamp<std::int64_t>(i, 0, size - 1);
+  return i;
+}
+
+float Power(float x, float gamma) {
+  if (gamma == 1) return x;
+  const float power = std::pow(x, gamma);
+  return std::isfinite(power) ? power : 0.0f;
+}
+
+// `width` and `height` are positive. An index that no mode wraps may name a texel of another row, as the
+// texels lie in memory; behind the picture's ends is black.
+Vec3 Texel(const ImageBuffer& image, const ImageSlot& slot, std::int64_t ix, std::int64_t iy) {
+  const std::int64_t column = Wrap(ix, image.width, slot.wrapU), row = Wrap(iy, image.height, slot.wrapV);
+  const std::int64_t index = row * image.width + column;
+  if (index < 0 || index >= static_cast<std::int64_t>(image.width) * image.height) return kBlack;
+  const Vec3 c = ReadPixel(image, static_cast<std::size_t>(index));
+  return {Power(c.x, slot.gamma), Power(c.y, slot.gamma), Power(c.z, slot.gamma)};
+}
+
+constexpr Vec3 Mix(Vec3 a, Vec3 b, float t) { return (1 - t) * a + t * b; }
+
+Vec3 ApplyColorMatrix(const Mat4& matrix, Vec3 c) {
+  const auto& m = matrix.m;
+  // Intended: the fourth row's third number goes with green, not with blue.
+  const float d = m[3][0] * c.x + (m[3][1] + m[3][2]) * c.y + m[3][3];
+  const auto row = [&](int i) { return (m[i][0] * c.x + m[i][1] * c.y + m[i][2] * c.z + m[i][3]) / d; };
+  const Vec3 result = {row(0), row(1), row(2)};
+  return IsFinite(result) ? result : kBlack;
+}
+
+}  // namespace
+
+Vec3 LookUpTexture(const ImageBuffer& image, const ImageSlot& slot, Vec2 uv) {
+  if (image.width <= 0 || image.height <= 0) return kBlack;
+  if (!slot.uvMatrixIsIdentity) {
+    const Vec3 mapped = slot.uvMatrix * Vec3{uv.x, uv.y, 1};
+    uv = {mapped.x / mapped.z, mapped.y / mapped.z};
+  }
+  // Coordinates that are no number, or too large to tell texels apart, must not reach an index.
+  constexpr float kLargest = 1e9f;
+  const float x = static_cast<float>(image.width) * uv.x, y = static_cast<float>(image.height) * uv.y;
+  if (!(std::abs(x) <= kLargest) || !(std::abs(y) <= kLargest)) return kBlack;
+  const auto ix = static_cast<std::int64_t>(std::floor(x)), iy = static_cast<std::int64_t>(std::floor(y));
+  const float fx = x - std::floor(x), fy = y - std::floor(y);
+  Vec3 color;
+  switch (slot.pixelSampler) {
+    case PixelSampler::kNearest:
+      color = Texel(image, slot, ix, iy);
+      break;
+    case PixelSampler::kStochastic: {
+      // One texel instead of four: bilinear on average.
+      const int right = fx > RandomFloat() ? 1 : 0, above = fy > RandomFloat() ? 1 : 0;
+      color = Texel(image, slot, ix + right, iy + above);
+      break;
+    }
+    case PixelSampler::kBilinear: {
+      const Vec3 lower = Mix(Texel(image, slot, ix, iy), Texel(image, slot, ix + 1, iy), fx);
+      const Vec3 upper = Mix(Texel(image, slot, ix, iy + 1), Texel(image, slot, ix + 1, iy + 1), fx);
+      color = Mix(lower, upper, fy);
+      break;
+    }
+  }
+  return slot.colorMatrixIsIdentity ? color : ApplyColorMatrix(slot.colorMatrix, color);
+}
+
+}  // namespace zp
