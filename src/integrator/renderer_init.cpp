@@ -1,0 +1,41 @@
+// What stands between the scene and its first pass.
+
+#include <algorithm>
+
+#include "core/console.h"
+#include "core/ray.h"
+#include "core/settings.h"
+#include "integrator/integrator.h"
+
+namespace zp {
+namespace {
+
+constexpr std::int32_t kMaxDepth = 255;  // RayRecord counts bounces in bytes
+
+void LimitSettings() {
+  settings.rayDepth = std::clamp(settings.rayDepth, 1, kMaxDepth);
+  settings.photonDepth = std::clamp(settings.photonDepth, 1, kMaxDepth);
+  settings.rendererBounce = std::max(settings.rendererBounce, 1);
+  for (int c = 0; c < 3; ++c)
+    if (!(settings.clamp[c] >= 0)) settings.clamp[c] = 0;  // no number at all included
+}
+
+}  // namespace
+
+void InitializeRenderer() {
+  LimitSettings();
+  settings.finalGathering = false;  // there are no density cells that could answer
+  PrintLine("unidirectional path tracing");
+  PrintRule();
+  for (ThreadSlot& slot : threadSlots) slot = {};
+  settings.rendererSampleCopy = settings.geometrySampleCopy = settings.rendererSample;
+  PrintIntegerRow("renderer sample", static_cast<std::uint64_t>(std::max(settings.rendererSample, 0)), "n/a");
+  PrintRule();
+}
+
+void FinalizeRenderer() {
+  ResetPhotonRadius();
+  ResetRenderer();
+}
+
+}  // namespace zp
