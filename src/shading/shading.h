@@ -198,8 +198,8 @@ Vec3 LookUpTexture(const ImageBuffer& image, const ImageSlot& slot, Vec2 uv);
 bool TestElement(const SurfaceShader& layer, Element element, Vec2 uv, Vec3& color);
 // One layer of the side that was hit, drawn in proportion to the layers' weights. `shader` has layers.
 const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, Vec2 uv);
-// Fresnel weights, widths, normal map, mirror guard: from layer, frame and outgoing, which are set.
-// `plain` skips the Fresnel term for a layer without reflection.
+// Fresnel weights, widths, normal map, mirror guard: from layer, uv, frame and outgoing, which are set.
+// A point with useDensity and a plain layer skips the Fresnel term. The five colours are the caller's.
 void FinishShadingPoint(ShadingPoint& point, const Shader& shader, bool frontFace);
 
 // Directions: u, v in [0, 1).
