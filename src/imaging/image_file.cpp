@@ -210,7 +210,8 @@ bool Save(const ImageBuffer& image) {
   const bool isFloat = IsFloatFile(name);
   const Bitmap bitmap = isFloat ? MakeFloatBitmap(image) : MakeIntegerBitmap(image);
   if (!bitmap) return false;
-  // FreeImage counts rows from the bottom. Intended: a PFM file keeps the buffer's order.
+  // FreeImage counts rows from the bottom. It writes PFM files top row first, which other programs read as
+  // the bottom row: without the turn the two cancel out.
   if (!isFloat || !IsPfm(name)) FreeImage_FlipVertical(bitmap.get());
   for (const ExtensionRow& row : kExtensions)
     if (Contains(name, row.lower, row.upper) && CanHold(row.format, bitmap.get()) &&
