@@ -58,6 +58,7 @@ struct Nearest {
 };
 
 Nearest NearestByLoop(const Part& part, RayRecord ray) {
+  ray.direction = SafeNormalize(ray.direction);  // as every walk begins
   Nearest best;
   const auto consider = [&](bool met, const PrimitiveHit& hit, std::uint8_t kind, std::size_t i) {
     if (!met) return;
@@ -178,7 +179,7 @@ Mat4 RigidMatrix(float angle, Vec3 move) {
 TEST_F(AccelTest, NestedInstancesShowTheSamePrimitives) {
   // Three levels around one soup; the same soup, moved by the product of the matrices, is the oracle.
   objectTable.resize(4);
-  objectTable[3].parts.push_back(MakeSoup(2000));
+  objectTable[3].parts.push_back(MakeSoup(5000));
   Part world = objectTable[3].parts[0];
   for (int i = 0; i < 3; ++i) {
     Instance instance;
