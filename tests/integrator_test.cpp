@@ -1,0 +1,478 @@
+// Whole pictures against closed forms: furnaces, form factors, bounce series; and the rules of a pass.
+
+#include "integrator/integrator.h"
+
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <array>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "accel/accel.h"
+#include "core/console.h"
+#include "core/random.h"
+#include "frame/frame.h"
+#include "geometry/object.h"
+#include "integrator/estimator.h"
+#include "lights/lights.h"
+
+namespace zp {
+namespace {
+
+Vec3 Grey(float value) { return {value, value, value}; }
+
+std::int32_t AddShader(const char* name, Vec3 lambertian, Vec3 emissive, Vec3 transmissive = kBlack) {
+  Shader shader;
+  shader.name = name;
+  shader.surfaces.emplace_back();
+  shader.surfaces[0][Element::kLambertian].color = lambertian;
+  shader.surfaces[0][Element::kEmissive].color = emissive;
+  shader.surfaces[0][Element::kTransmissive].color = transmissive;
+  shaders.push_back(shader);
+  return static_cast<std::int32_t>(shaders.size()) - 1;
+}
+
+void AddTetragon(Part& part, std::array<Vec3, 4> corners, std::int32_t shader) {
+  const auto first = static_cast<std::uint32_t>(part.positions.size());
+  part.positions.insert(part.positions.end(), corners.begin(), corners.end());
+  part.tetragons.push_back({{first, first + 1, first + 2, first + 3}, shader});
+}
+
+void AddCube(Part& part, float half, std::int32_t shader) {
+  for (int axis = 0; axis < 3; ++axis)
+    for (float side : {-half, half}) {
+      std::array<Vec3, 4> corners;
+      for (int i = 0; i < 4; ++i) {
+        Vec3& p = corners[static_cast<std::size_t>(i)];
+        p[axis] = side;
+        p[(axis + 1) % 3] = i == 1 || i == 2 ? half : -half;
+        p[(axis + 2) % 3] = i >= 2 ? half : -half;
+      }
+      AddTetragon(part, corners, shader);
+    }
+}
+
+// A sphere of triangles: an octahedron, split `levels` times. With `smooth` its vertices have normals.
+void AddSphere(Part& part, int levels, bool smooth, std::int32_t shader) {
+  std::vector<std::array<Vec3, 3>> faces;
+  for (float x : {-1.0f, 1.0f})
+    for (float y : {-1.0f, 1.0f})
+      for (float z : {-1.0f, 1.0f}) faces.push_back({Vec3{x, 0, 0}, Vec3{0, y, 0}, Vec3{0, 0, z}});
+  for (; levels > 0; --levels) {
+    std::vector<std::array<Vec3, 3>> split;
+    for (const auto& [a, b, c] : faces) {
+      const Vec3 ab = SafeNormalize(a + b), bc = SafeNormalize(b + c), ca = SafeNormalize(c + a);
+      split.insert(split.end(), {{a, ab, ca}, {b, bc, ab}, {c, ca, bc}, {ab, bc, ca}});
+    }
+    faces.swap(split);
+  }
+  for (const auto& face : faces) {
+    const auto first = static_cast<std::uint32_t>(part.positions.size());
+    for (Vec3 p : face) {
+      part.positions.push_back(p);
+      if (smooth) part.normals.push_back(Pack(p));
+    }
+    part.triangles.push_back({{first, first + 1, first + 2}, shader});
+  }
+}
+
+class Integrator : public testing::Test {
+ protected:
+  void SetUp() override {
+    SetConsoleQuiet(true);
+    settings = {};
+    threads_ = omp_get_max_threads();
+    Startup(1);
+    skyLight.color = kWhite;
+    objectTable.emplace_back();
+    objectTable[0].parts.emplace_back();
+    cameras.emplace_back();
+    cameras[0].width = cameras[0].height = 16;
+    cameras[0].sample = 4;
+    cameras[0].aovs[0].image.fileName.clear();  // nothing is written to disk
+    LookFrom({0.7f, -4, 1.3f}, kBlack, 45);
+  }
+
+  void TearDown() override {
+    passReporter = nullptr;
+    omp_set_num_threads(threads_);
+    Finalize();
+    Shutdown();
+    settings = {};
+    SetConsoleQuiet(false);
+  }
+
+  static Part& Geometry() { return objectTable[0].parts[0]; }
+
+  static void LookFrom(Vec3 position, Vec3 target, float degrees) {
+    for (int i = 0; i < 2; ++i) {
+      cameras[0].poses[i].position = position;
+      cameras[0].poses[i].target = target;
+      cameras[0].poses[i].upVector = {0, 0, 1};
+      cameras[0].poses[i].fieldOfView = degrees;
+      cameras[0].poseWritten[i] = true;
+    }
+  }
+
+  static std::size_t AddAov(std::uint32_t channel, const char* userData = "undefined") {
+    cameras[0].aovs.emplace_back();
+    cameras[0].aovs.back().channel = channel;
+    cameras[0].aovs.back().userData = userData;
+    return cameras[0].aovs.size() - 1;
+  }
+
+  static const std::vector<float>& Pixels(std::size_t aov) { return cameras[0].aovs[aov].image.floatPixels; }
+
+  static float Average(std::size_t aov) {
+    double sum = 0;
+    for (float value : Pixels(aov)) sum += static_cast<double>(value);
+    return static_cast<float>(sum / static_cast<double>(Pixels(aov).size()));
+  }
+
+  static void Render() {
+    Initialize();
+    RenderLoop();
+  }
+
+  // Every pixel shows the colour where the body is and the sky elsewhere, in the parts that its samples met.
+  static void ExpectFurnace(float albedo) {
+    const std::size_t cover = AddAov(kChannelLambertianColor);
+    Render();
+    double covered = 0;
+    for (std::size_t i = 0; i < Pixels(0).size(); ++i) {
+      const float share = Pixels(cover)[i] / albedo;
+      covered += static_cast<double>(share);
+      ASSERT_NEAR(Pixels(0)[i], share * albedo + (1 - share), 0.005f) << i;
+    }
+    EXPECT_GT(covered, 0.1 * static_cast<double>(Pixels(0).size()));
+    EXPECT_LT(covered, 0.9 * static_cast<double>(Pixels(0).size()));
+  }
+
+ private:
+  int threads_ = 1;
+};
+
+TEST_F(Integrator, FurnaceOfTetragons) {
+  AddCube(Geometry(), 0.8f, AddShader("body", Grey(0.6f), kBlack));
+  ExpectFurnace(0.6f);
+}
+
+TEST_F(Integrator, FurnaceOfTetragonsThatLoseNothing) {
+  AddCube(Geometry(), 0.8f, AddShader("body", kWhite, kBlack));
+  ExpectFurnace(1.0f);
+}
+
+TEST_F(Integrator, FurnaceOfFlatTriangles) {
+  AddSphere(Geometry(), 2, false, AddShader("body", Grey(0.3f), kBlack));
+  ExpectFurnace(0.3f);
+}
+
+TEST_F(Integrator, FurnaceOfSmoothTriangles) {
+  settings.rendererSample = 64;
+  AddSphere(Geometry(), 3, true, AddShader("body", kWhite, kBlack));
+  ExpectFurnace(1.0f);
+}
+
+// Inside an emitting box of albedo a, the bounce number k brings a^k: the sum tells how many were followed.
+TEST_F(Integrator, ClosedBoxSumsTheBounces) {
+  struct Case {
+    float albedo;
+    std::int32_t bounces, rayDepth;
+    int terms;
+  };
+  for (const Case& c : {
+           Case{0.5f, 1, 100, 2},     // a first hit gathers at one bounce already
+           Case{0.5f, 2, 100, 3},     //
+           Case{0.5f, 0, 100, 2},     // raised to 1
+           Case{0.5f, 100, 1, 1},     // children return black
+           Case{0.5f, 100, -3, 1},    // raised to 1
+           Case{0.5f, 100, 3, 3},     //
+           Case{0.5f, 100, 100, 10},  // stops where the throughput counts as black: at 2^-10
+           Case{0.9f, 300, 900, 66},  // 0.9^66 is below
+       }) {
+    TearDown();
+    SetUp();
+    skyLight.color = kBlack;
+    AddCube(Geometry(), 1, AddShader("box", Grey(c.albedo), kWhite));
+    LookFrom({0.1f, -0.2f, 0.3f}, {1, 0, 0}, 90);
+    cameras[0].width = cameras[0].height = 8;
+    cameras[0].sample = 2;
+    settings.rendererSample = 2;
+    settings.rendererBounce = c.bounces;
+    settings.rayDepth = c.rayDepth;
+    Render();
+    double expected = 0;
+    for (int k = 0; k < c.terms; ++k) expected += std::pow(static_cast<double>(c.albedo), k);
+    EXPECT_NEAR(Average(0), expected, 0.002 * expected) << c.albedo << " " << c.bounces << " " << c.rayDepth;
+  }
+}
+
+// The deepest recursion there is runs on a worker's stack.
+TEST_F(Integrator, DeepestPathFits) {
+  AddCube(Geometry(), 1, AddShader("box", kWhite, kWhite));
+  LookFrom({0.1f, -0.2f, 0.3f}, {1, 0, 0}, 90);
+  skyLight.color = Grey(100);
+  cameras[0].sample = 1;
+  settings.rendererBounce = 100000;
+  settings.rayDepth = 100000;
+  omp_set_num_threads(2);
+  Render();
+  EXPECT_EQ(settings.rayDepth, 255);
+  for (float value : Pixels(0)) ASSERT_NEAR(value, 255, 100);  // a leaking path may end in the sky
+  EXPECT_NEAR(Average(0), 255, 2);
+}
+
+// A square of side 2 at height 1, seen from below its middle: four corner rectangles of
+// F = 1 / (2 pi) (2 / sqrt 2 atan(1 / sqrt 2)) each.
+constexpr double kSquareFormFactor = 0.554096;
+
+TEST_F(Integrator, GathersHaveTheCosineDensity) {
+  for (float height : {0.5f, -0.5f}) {  // of the camera: the lit side, then the side that light comes through
+    TearDown();
+    SetUp();
+    skyLight.color = kBlack;
+    const std::int32_t floor = AddShader("floor", {1, 0.5f, 0}, kBlack, {0.25f, 0.5f, 1});
+    AddTetragon(Geometry(), {Vec3{-9, -9, 0}, Vec3{9, -9, 0}, Vec3{9, 9, 0}, Vec3{-9, 9, 0}}, floor);
+    AddTetragon(Geometry(), {Vec3{-1, -1, 1}, Vec3{1, -1, 1}, Vec3{1, 1, 1}, Vec3{-1, 1, 1}},
+                AddShader("panel", kBlack, kWhite));
+    LookFrom({0, -3, height}, kBlack, 0.5f);
+    cameras[0].width = cameras[0].height = 8;
+    cameras[0].sample = 16;
+    settings.rendererSample = 512;
+    const std::size_t lambertian = AddAov(kChannelLambertian), transmissive = AddAov(kChannelTransmissive);
+    Render();
+    Vec3 mean, variance;
+    ImageStatistics(cameras[0].aovs[0].image, mean, variance);
+    const Vec3 color = height > 0 ? Vec3{1, 0.5f, 0} : Vec3{0.25f, 0.5f, 1};
+    for (int c = 0; c < 3; ++c)
+      EXPECT_NEAR(mean[c], static_cast<double>(color[c]) * kSquareFormFactor, 0.006) << c;
+    // The beauty image is the sum of its lobes, and the other lobe sees the dark half.
+    EXPECT_NEAR(Average(height > 0 ? lambertian : transmissive), Average(0), 1e-4);
+    EXPECT_EQ(Average(height > 0 ? transmissive : lambertian), 0);
+  }
+}
+
+TEST_F(Integrator, MediumAbsorbsByDistance) {
+  AddTetragon(Geometry(), {Vec3{-9, 0, -9}, Vec3{9, 0, -9}, Vec3{9, 0, 9}, Vec3{-9, 0, 9}},
+              AddShader("panel", kBlack, kWhite));
+  LookFrom({0, -3, 0}, kBlack, 0.5f);
+  Initialize();
+  globalVolume.transmittance = {0.5f, 1, 0.25f};
+  RenderLoop();
+  EXPECT_NEAR(Pixels(0)[0], 1.0 / 8, 1e-4);
+  EXPECT_NEAR(Pixels(0)[1], 1.0, 1e-6);
+  EXPECT_NEAR(Pixels(0)[2], 1.0 / 64, 1e-4);
+}
+
+// Two bounces between a cube and a floor: every pixel depends on many random choices.
+void BuildBusyScene() {
+  const std::int32_t shader = AddShader("grey", {0.8f, 0.6f, 0.4f}, kBlack);
+  AddCube(objectTable[0].parts[0], 0.7f, shader);
+  AddTetragon(objectTable[0].parts[0], {Vec3{-4, -4, -1}, Vec3{4, -4, -1}, Vec3{4, 4, -1}, Vec3{-4, 4, -1}},
+              shader);
+  settings.rendererBounce = 3;
+  settings.rendererSample = 12;
+}
+
+TEST_F(Integrator, SeededPictureIgnoresThreads) {
+  std::vector<float> pictures[3];
+  const int threads[3] = {1, 2, 2};
+  for (std::size_t i = 0; i < 3; ++i) {
+    TearDown();
+    SetUp();
+    if (i == 2) StartRandom(2);  // another seed
+    BuildBusyScene();
+    omp_set_num_threads(threads[i]);
+    Render();
+    pictures[i] = Pixels(0);
+  }
+  EXPECT_EQ(pictures[0], pictures[1]);
+  EXPECT_NE(pictures[0], pictures[2]);
+}
+
+TEST_F(Integrator, BeautyIsTheMeanOfThePasses) {
+  BuildBusyScene();
+  cameras[0].regionXMin = 3;
+  cameras[0].regionYMin = 5;
+  cameras[0].regionXMax = 14;
+  cameras[0].regionYMax = 9;
+  Initialize();
+  constexpr int kWidth = 11, kHeight = 4, kCount = kWidth * kHeight;
+  std::vector<float> pass(3 * kCount + 3, -1.0f), sum(3 * kCount), first;
+  for (int i = 0; i < 4; ++i) {
+    RenderPixels(kCount + 1, pass.data(), i);  // one more than there is
+    if (i == 0) first = pass;
+    for (std::size_t k = 0; k < sum.size(); ++k) sum[k] += pass[k] / 4;
+  }
+  EXPECT_EQ(pass.back(), -1.0f);
+  EXPECT_EQ(Average(0), 0);    // the host's passes leave the picture alone
+  for (int other : {4, -4}) {  // passes are counted modulo the camera's samples
+    RenderPixels(kCount, pass.data(), other);
+    EXPECT_EQ(settings.samplePass, 0);
+    EXPECT_EQ(pass, first);
+  }
+  std::vector<PassReport> reports;
+  passReporter = [&](const PassReport& report) { reports.push_back(report); };
+  RenderLoop();
+  for (int y = 0; y < 16; ++y)
+    for (int x = 0; x < 16; ++x)
+      for (int c = 0; c < 3; ++c) {
+        const float value = Pixels(0)[static_cast<std::size_t>(3 * (16 * y + x) + c)];
+        const bool inside = x >= 3 && x < 14 && y >= 5 && y < 9;
+        const auto k = static_cast<std::size_t>(3 * (kWidth * (y - 5) + x - 3) + c);
+        ASSERT_NEAR(value, inside ? sum[k] : 0, 1e-5f) << x << " " << y;
+      }
+  ASSERT_EQ(reports.size(), 4u);
+  for (std::uint32_t i = 0; i < 4; ++i) {
+    EXPECT_EQ(reports[i].done, i + 1);
+    EXPECT_EQ(reports[i].total, 4u);
+    EXPECT_GE(reports[i].rays, static_cast<std::uint64_t>(kCount));
+  }
+}
+
+// One pixel's samples cover the whole budget once: sums over passes weigh every ray alike.
+TEST(Gather, CountIsAPositiveMultipleOfThePasses) {
+  const float inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+  EXPECT_EQ(GatherCount(kWhite, 64, 8), 64);
+  EXPECT_EQ(GatherCount(Grey(0.5f), 64, 8), 32);
+  EXPECT_EQ(GatherCount(Grey(0.5f), 64, 10), 30);
+  EXPECT_EQ(GatherCount({0.9f, 0, 0}, 100, 1), 30);  // truncated, by the mean
+  EXPECT_EQ(GatherCount(Grey(0.01f), 64, 17), 17);
+  EXPECT_EQ(GatherCount(Grey(9), 64, 8), 64);
+  EXPECT_EQ(GatherCount(kWhite, 5, 8), 8);
+  for (float value : {-1.0f, 0.0f, 0.3f, 1.0f, 1e30f, -inf, inf, nan})
+    for (std::int32_t budget : {std::numeric_limits<std::int32_t>::min(), -1, 0, 7, 64, 2147483647})
+      for (std::int32_t passes : {-5, 0, 1, 3, 17, 65535}) {
+        const std::int32_t count = GatherCount(Grey(value), budget, passes);
+        EXPECT_GT(count, 0);
+        EXPECT_EQ(count % std::max(passes, 1), 0);
+        EXPECT_LE(count, std::max({budget, passes, 1}));
+      }
+}
+
+TEST_F(Integrator, AovsTellTheFirstHit) {
+  Part& part = Geometry();
+  const std::int32_t shader = AddShader("wall", {0.25f, 0.5f, 0.75f}, {0.1f, 0.2f, 0.3f});
+  AddTetragon(part, {Vec3{-1, 0, -1}, Vec3{0, 0, -1}, Vec3{0, 0, 1}, Vec3{-1, 0, 1}}, shader);
+  part.positions.insert(part.positions.end(), {Vec3{0, 0, -3}, Vec3{3, 0, 0}, Vec3{0, 0, 3}});
+  part.triangles.push_back({{4, 5, 6}, shader});
+  part.vectorSets.push_back({"place", part.positions});
+  for (Vec3 p : part.positions) part.scalarSets[0].values.push_back(p.z);
+  part.scalarSets[0].name = "height";
+  LookFrom({0, -5, 0}, kBlack, 20);
+  const std::size_t normal = AddAov(kChannelNormal), position = AddAov(kChannelPosition),
+                    depth = AddAov(kChannelDepth), color = AddAov(kChannelLambertianColor),
+                    emissive = AddAov(kChannelEmissive), place = AddAov(kChannelUserData, "place"),
+                    height = AddAov(kChannelUserData, "height"), none = AddAov(kChannelUserData, "nothing"),
+                    twoBits = AddAov(kChannelNormal | kChannelBeauty);
+  Render();
+  const auto at = [](std::size_t aov, std::size_t pixel) {
+    const float* p = &Pixels(aov)[3 * pixel];
+    return Vec3{p[0], p[1], p[2]};
+  };
+  const auto near = [](Vec3 a, Vec3 b, float limit) { return SafeLength(a - b) < limit; };
+  float leftmost = 0, highest = 0;
+  for (std::size_t i = 0; i < 256; ++i) {
+    const Vec3 p = at(position, i);
+    leftmost = std::min(leftmost, p.x);
+    highest = std::max(highest, p.z);
+    EXPECT_TRUE(near(at(normal, i), {0.5f, 0, 0.5f}, 1e-5f)) << i;
+    EXPECT_NEAR(p.y, 0, 1e-5f);
+    EXPECT_NEAR(at(depth, i).x, SafeLength(p - Vec3{0, -5, 0}), 2e-3f);  // a mean of lengths, in each channel
+    EXPECT_EQ(at(depth, i).x, at(depth, i).z);
+    EXPECT_TRUE(near(at(color, i), {0.25f, 0.5f, 0.75f}, 1e-5f));
+    EXPECT_TRUE(near(at(emissive, i), {0.1f, 0.2f, 0.3f}, 1e-5f));
+    EXPECT_TRUE(near(at(place, i), p, 1e-4f)) << i;
+    EXPECT_TRUE(near(at(height, i), Grey(p.z), 1e-4f)) << i;
+    EXPECT_EQ(at(none, i), kBlack);
+    EXPECT_EQ(at(twoBits, i), kBlack);
+  }
+  EXPECT_NEAR(leftmost, -5 * std::tan(10 * kPi / 180), 0.1);
+  EXPECT_NEAR(highest, 5 * std::tan(10 * kPi / 180), 0.1);
+}
+
+TEST_F(Integrator, BadSamplesBecomeTheErrorColour) {
+  const float inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+  objectTable.clear();
+  settings.error = {0.5f, 0.25f, 2};
+  settings.clamp = {0.1f, 0.2f, -1};  // does not reach the error colour; a negative limit is raised to 0
+  Initialize();
+  float pixel[3];
+  for (Vec3 bad : {Vec3{inf, 0.1f, 0.1f}, Vec3{0.1f, -inf, 0.1f}, Vec3{0.1f, 0.1f, nan}}) {
+    skyLight.color = bad;
+    RenderPixels(1, pixel, 0);
+    EXPECT_EQ((Vec3{pixel[0], pixel[1], pixel[2]}), settings.error);
+  }
+  skyLight.color = Grey(0.15f);
+  RenderPixels(1, pixel, 0);
+  EXPECT_EQ((Vec3{pixel[0], pixel[1], pixel[2]}), (Vec3{0.1f, 0.15f, 0}));
+}
+
+TEST_F(Integrator, NoCameraIsOneErrorRow) {
+  cameras.clear();
+  SetConsoleQuiet(false);
+  testing::internal::CaptureStdout();
+  RenderLoop();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "error :( \tcamera - there is no camera\n");
+  SetConsoleQuiet(true);
+  FrameStep();
+  EXPECT_EQ(settings.passIndex, 0u);
+}
+
+TEST_F(Integrator, SetUpGuardsAndFrames) {
+  ShadingPoint point;
+  RayRecord ray;
+  EXPECT_FALSE(SetUpShadingPoint(ray, point));  // nothing was hit
+  for (int i = 0; i < 500; ++i) {
+    const float z = 1 - 2 * static_cast<float>(i) / 499, turn = static_cast<float>(i) * 2.4f;
+    const float r = std::sqrt(std::max(0.0f, 1 - z * z));
+    point.normal = {r * std::cos(turn), r * std::sin(turn), z};
+    if (i == 0) point.normal = SafeNormalize({1, 1, -1});  // where the usual perpendicular vector is zero
+    for (Vec3 tangent : {kBlack, 1e-3f * point.normal, Vec3{0, 127, 0}, Vec3{1e-6f, 0, 1e-6f}}) {
+      SetFrame(point, tangent);
+      EXPECT_NEAR(Dot(point.tangent, point.tangent), 1, 1e-5f);
+      EXPECT_NEAR(Dot(point.tangent, point.normal), 0, 1e-4f);
+      EXPECT_LT(SafeLength(point.bitangent - Cross(point.normal, point.tangent)), 1e-4f);
+    }
+  }
+}
+
+// Normals look to the ray's origin from either side, also for triangles far smaller than the safe length.
+TEST_F(Integrator, NormalsLookBack) {
+  const float size = 1e-4f;
+  Part& part = Geometry();
+  part.positions = {Vec3{0, 0, 0}, Vec3{size, 0, 0}, Vec3{0, size, 0}};
+  part.triangles.push_back({{0, 1, 2}, AddShader("speck", kWhite, kBlack)});
+  for (bool reversed : {false, true}) {
+    part.normals.assign(3, Pack(reversed ? Vec3{0.3f, 0, -0.954f} : Vec3{0.3f, 0, 0.954f}));
+    Initialize();
+    for (float side : {1.0f, -1.0f}) {
+      RayRecord ray;
+      ray.origin = {size / 4, size / 4, side};
+      ray.direction = {0, 0, -side};
+      ASSERT_TRUE(Trace(ray));
+      ShadingPoint point;
+      ASSERT_TRUE(SetUpShadingPoint(ray, point));
+      EXPECT_NEAR(point.geometricNormal.z, side, 1e-5f);
+      EXPECT_NEAR(point.normal.z, side * 0.954f, 0.01f);
+      EXPECT_NEAR(SafeLength(point.normal), 1, 1e-5f);
+      EXPECT_NEAR(point.position.z, 0, 1e-6f);
+    }
+  }
+}
+
+TEST(Statistics, OneSecondMomentForAllChannels) {
+  ImageBuffer image;
+  Allocate(image, 2, 1, 3, 32, false);
+  WritePixel(image, {1, 0, 0}, 0);
+  WritePixel(image, {0, 3, 1}, 1);
+  Vec3 mean, variance;
+  ImageStatistics(image, mean, variance);
+  EXPECT_EQ(mean, (Vec3{0.5f, 1.5f, 0.5f}));
+  EXPECT_EQ(variance, (Vec3{4.75f, 2.75f, 4.75f}));  // (1 + 9) / 2 minus the squared means
+}
+
+}  // namespace
+}  // namespace zp
