@@ -51,6 +51,14 @@ struct {
   int threads = 0;
 } embreeState;
 
+// Some case could not be measured; the rest goes on.
+bool failed = false;
+
+void Fail(benchmark::State& state, const char* message) {
+  failed = true;
+  state.SkipWithError(message);
+}
+
 double SecondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
@@ -102,18 +110,22 @@ void Sample(benchmark::State& state, const CaseResult& result, std::vector<doubl
   for (auto _ : state) {
     const double seconds = measure();
     if (seconds < 0) {
-      state.SkipWithError("Embree reports an error");
+      Fail(state, "Embree reports an error");
       break;
     }
     state.SetIterationTime(seconds);
     samples.push_back(seconds);
   }
-  state.SetItemsProcessed(std::llround(static_cast<double>(state.iterations()) * result.amount * kMillion));
-  state.SetLabel(result.unit);
+  const std::int64_t amount =
+      std::llround(static_cast<double>(state.iterations()) * result.amount * kMillion);
+  if (result.unit == "MB/s")
+    state.SetBytesProcessed(amount);
+  else
+    state.SetItemsProcessed(amount);
 }
 
 void MeasureBuild(benchmark::State& state, const MeshSource& mesh, Side side, CaseResult& result) {
-  if (!Enter(mesh)) return state.SkipWithError("no such mesh");
+  if (!Enter(mesh)) return Fail(state, "no such mesh");
   const int oldThreads = omp_get_max_threads();
   omp_set_num_threads(result.threads);
   result.amount = static_cast<double>(PrimitiveCount(EnteredPart())) / kMillion;
@@ -125,7 +137,7 @@ void MeasureBuild(benchmark::State& state, const MeshSource& mesh, Side side, Ca
   } else if (EnterEmbree(mesh, result.threads)) {
     Sample(state, result, result.other, BuildEmbree);
   } else {
-    state.SkipWithError("Embree reports an error");
+    Fail(state, "Embree reports an error");
   }
   omp_set_num_threads(oldThreads);
 }
@@ -139,7 +151,7 @@ void CompareSides(const std::string& name, const RaySet& rays) {
   const HitSums otherSums = TraceEmbree(rays, AllThreads(), &other);
   std::size_t different = 0;
   for (std::size_t i = 0; i < rays.size(); ++i) {
-    const float limit = 1e-4f * std::max(ours[i], other[i]) + 1e-5f * sceneRadius;
+    const float limit = 1e-4f * std::max({ours[i], other[i], 0.0f}) + 1e-5f * sceneRadius;
     if ((ours[i] < 0) != (other[i] < 0) || !(std::abs(ours[i] - other[i]) <= limit)) ++different;
   }
   agreements.push_back(
@@ -148,9 +160,9 @@ void CompareSides(const std::string& name, const RaySet& rays) {
 
 void MeasureRays(benchmark::State& state, const MeshSource& mesh, RayKind kind, Side side,
                  CaseResult& result) {
-  if (!Enter(mesh)) return state.SkipWithError("no such mesh");
+  if (!Enter(mesh)) return Fail(state, "no such mesh");
   const RaySet& rays = EnterRays(mesh, kind);
-  if (rays.empty()) return state.SkipWithError("no ray hit the mesh");
+  if (rays.empty()) return Fail(state, "no ray hit the mesh");
   result.amount = static_cast<double>(rays.size()) / kMillion;
   const auto measure = [&](auto trace) {
     return [&rays, &result, trace] {
@@ -163,7 +175,7 @@ void MeasureRays(benchmark::State& state, const MeshSource& mesh, RayKind kind, 
     if (result.ours.empty()) TraceOurs(rays, result.threads);
     Sample(state, result, result.ours, measure(TraceOurs));
   } else {
-    if (!EnterEmbree(mesh, AllThreads())) return state.SkipWithError("Embree reports an error");
+    if (!EnterEmbree(mesh, AllThreads())) return Fail(state, "Embree reports an error");
     CompareSides(result.name, rays);
     if (result.other.empty()) TraceEmbree(rays, result.threads);
     Sample(state, result, result.other, measure(TraceEmbree));
@@ -212,10 +224,10 @@ void MeasureLoad(benchmark::State& state, const MeshSource& mesh, bool plain, Ca
   const std::string path = FileOf(mesh);
   std::error_code error;
   const auto size = path.empty() ? 0 : std::filesystem::file_size(path, error);
-  if (path.empty() || error || size == 0) return state.SkipWithError("the file cannot be read");
+  if (path.empty() || error || size == 0) return Fail(state, "the file cannot be read");
   result.amount = static_cast<double>(size) / kMillion;
   const double warmUp = ReadPlainly(path, size);  // from now on the file is in the page cache
-  if (warmUp < 0) return state.SkipWithError("the file cannot be read");
+  if (warmUp < 0) return Fail(state, "the file cannot be read");
   bool good = true;
   const auto load = [&] {
     Part part;
@@ -229,7 +241,7 @@ void MeasureLoad(benchmark::State& state, const MeshSource& mesh, bool plain, Ca
     Sample(state, result, result.ours, load);
   if (!good) {
     result.ours.clear();
-    state.SkipWithError("the file holds no faces");
+    Fail(state, "the file holds no faces");
   }
 }
 
@@ -363,7 +375,7 @@ int Main(int argc, char** argv) {
   if (!kEmbreePresent) std::printf("Embree is not installed: hits were not compared\n");
   Shutdown();
   benchmark::Shutdown();
-  return agree ? 0 : 1;
+  return agree && !failed ? 0 : 1;
 }
 
 }  // namespace

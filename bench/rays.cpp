@@ -46,7 +46,7 @@ RaySet CameraRays(const Box& bounds) {
   const float radius = 0.5f * SafeLength(bounds.max - bounds.min);
   const Vec3 forward = SafeNormalize({-0.4f, -0.6f, -1});
   const Vec3 right = SafeNormalize(Cross(forward, {0, 1, 0})), up = Cross(right, forward);
-  const Vec3 eye = center - forward * (2.2f * radius);
+  const Vec3 eye = center - forward * (1.4f * radius);
   const float scale = 2 * std::tan(kHalfAngle) / static_cast<float>(kImageSize);
   RaySet rays;
   rays.reserve(std::size_t{kImageSize} * kImageSize);
