@@ -40,9 +40,7 @@ class ImageFiles : public testing::Test {
   void SetUp() override {
     StartImageFiles();
     FillExponentTable();
-    std::string pattern =
-        (fs::temp_directory_path() / "imaging: 31 - y) * 32 + x: 31 - y) * 32 + x: 31 - y) * 32 + x")
-            .string();
+    std::string pattern = (fs::temp_directory_path() / "imagingXXXXXX").string();
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);
     folder = pattern;
     FailedSaves(true);
@@ -54,18 +52,19 @@ class ImageFiles : public testing::Test {
   std::string Path(std::string_view name) const { return (folder / name).string(); }
   std::ptrdiff_t FileCount() const { return std::distance(fs::directory_iterator(folder), {}); }
 
-  // A picture of flat 16 x 8 blocks: formats that compress with loss keep their middles.
+  // A picture of flat 64 x 32 blocks: formats that compress with loss keep their middles.
   ImageBuffer Blocks(std::string_view name, int channels = 3) const {
     ImageBuffer image;
-    Allocate(image, 32, 32, channels, 32, false);
-    for (int y = 0; y < 32; ++y)
-      for (int x = 0; x < 32; ++x) WritePixel(image, BlockColor(x, y), static_cast<std::size_t>(y * 32 + x));
+    Allocate(image, 128, 128, channels, 32, false);
+    for (int y = 0; y < 128; ++y)
+      for (int x = 0; x < 128; ++x)
+        WritePixel(image, BlockColor(x, y), static_cast<std::size_t>(y * 128 + x));
     image.fileName = Path(name);
     return image;
   }
   static Vec3 BlockColor(int x, int y) {
-    const float column = x < 16 ? 0.2f : 0.8f;
-    return {column, static_cast<float>(y / 8) * 0.25f + 0.1f, 0.4f};
+    const float column = x < 64 ? 0.2f : 0.8f;
+    return {column, static_cast<float>(y / 32) * 0.25f + 0.1f, 0.4f};
   }
 
   fs::path folder;
@@ -99,7 +98,6 @@ TEST_F(ImageFiles, EveryFormatRoundTrips) {
       {".targa", "", 0.004f},
       {".tif", "II*", 0.004f},
       {".tiff", "II*", 0.004f},
-      {".xpm", "/* XPM */", 0.004f},
       {".PNG", "\x89PNG", 0.004f},
       {".HDR", "#?RADIANCE", 0.008f},
   };
@@ -117,21 +115,41 @@ TEST_F(ImageFiles, EveryFormatRoundTrips) {
         break;
       }
       EXPECT_TRUE(back.loaded);
-      ASSERT_EQ(back.width, 32);
-      ASSERT_EQ(back.height, 32);
+      ASSERT_EQ(back.width, 128);
+      ASSERT_EQ(back.height, 128);
       const bool isFloat = back.bits == 32;
       EXPECT_EQ(back.packed, isFloat && allowPacked);
       const std::string_view e = format.extension;
       const bool bufferOrder = e == ".hdr" || e == ".HDR" || e == ".pfm";
       const float tolerance = format.tolerance + (back.packed ? 0.004f : 0.0f);
-      for (const int y : {4, 12, 20, 28})
-        for (const int x : {4, 28}) {
-          const Vec3 pixel = ReadPixel(back, static_cast<std::size_t>((bufferOrder ? y : 31 - y) * 32 + x));
+      for (const int y : {16, 48, 80, 112})
+        for (const int x : {32, 96}) {
+          const Vec3 pixel = ReadPixel(back, static_cast<std::size_t>((bufferOrder ? y : 127 - y) * 128 + x));
           for (int c = 0; c < 3; ++c) EXPECT_NEAR(pixel[c], BlockColor(x, y)[c], tolerance) << x << " " << y;
         }
     }
   }
   EXPECT_EQ(FailedSaves(false), 0);
+}
+
+// XPM files are the one format with a palette: the eight colours are in the file, and what is read back are
+// their numbers as grey levels, bottom row first.
+TEST_F(ImageFiles, XpmReadsBackAsColorNumbers) {
+  const ImageBuffer image = Blocks("picture.xpm");
+  ASSERT_TRUE(SaveImage(image));
+  const std::vector<char> bytes = Bytes(image.fileName);
+  const std::string text(bytes.begin(), bytes.end());
+  EXPECT_TRUE(text.starts_with("/* XPM */"));
+  EXPECT_NE(text.find("#331966"), text.npos);  // 0.2, 0.1, 0.4
+  EXPECT_NE(text.find("#ccd866"), text.npos);  // 0.8, 0.85, 0.4
+  ImageBuffer back;
+  ASSERT_TRUE(LoadImage(back, image.fileName));
+  for (const int y : {16, 48, 80, 112})
+    for (const int x : {32, 96}) {
+      const std::size_t pixel = static_cast<std::size_t>((127 - y) * 128 + x);
+      const int number = y / 32 * 2 + x / 64;  // in the order in which the colours are met
+      for (std::size_t c = 0; c < 3; ++c) EXPECT_EQ(back.bytePixels[3 * pixel + c], number);
+    }
 }
 
 // Formats that only read, or cannot hold the bitmap, and names that match nothing.
@@ -448,7 +466,7 @@ TEST(BeautyName, IsTheLocalTimeAndUnique) {
   std::time_t before = 0;
   for (int tries = 0; tries < 4 && !Matches(first, "beauty-########-######.hdr"); ++tries) {
     if (tries > 0) std::this_thread::sleep_until(std::chrono::system_clock::from_time_t(before + 1));
-    before = std::time(nullptr);
+    before = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
     first = DefaultBeautyName();
   }
   ASSERT_TRUE(Matches(first, "beauty-########-######.hdr")) << first;
