@@ -22,6 +22,10 @@
 #include "core/random.h"
 #include "core/tables.h"
 
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
+
 namespace zp {
 namespace {
 
@@ -104,7 +108,17 @@ TEST_F(ImageFiles, EveryFormatRoundTrips) {
   for (const FormatCase& format : cases) {
     SCOPED_TRACE(format.extension);
     const ImageBuffer image = Blocks("picture" + std::string(format.extension));
-    ASSERT_TRUE(SaveImage(image));
+    {
+#ifdef __SANITIZE_ADDRESS__
+      // FreeImage's own PSD writer loses a table of line lengths.
+      if (format.extension == ".psd") __lsan_disable();
+#endif
+      const bool saved = SaveImage(image);
+#ifdef __SANITIZE_ADDRESS__
+      if (format.extension == ".psd") __lsan_enable();
+#endif
+      ASSERT_TRUE(saved);
+    }
     EXPECT_TRUE(StartsWith(Bytes(image.fileName), format.magic));
     for (const bool allowPacked : {true, false}) {
       ImageBuffer back;
