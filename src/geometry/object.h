@@ -61,7 +61,9 @@ struct Part {
   std::string materialName;
   std::string typeName = "undefined";
   bool motion = false;                       // some vector set is named "motion"
-  std::vector<std::vector<std::uint32_t>> vertexHash;  // of the reader that merges vertices; transient
+  // Of the reader that merges vertices; transient. Open addressing, a power of two of slots with vertex indices.
+  std::vector<std::uint32_t> vertexHash;
+  std::uint32_t hashedVertices = 0;  // slots in use
 };
 
 struct Instance {

@@ -1,0 +1,331 @@
+#include <cmath>
+#include <utility>
+
+#include "core/console.h"
+#include "geometry/geometry.h"
+#include "shading/shading.h"
+
+namespace zp {
+namespace {
+
+template <class Index>
+bool AllBelow(const Index& vertices, std::size_t count) {
+  for (const std::uint32_t v : vertices)
+    if (v >= count) return false;
+  return true;
+}
+
+// Sorts out what a tree cannot hold. Counts both reasons for the rows.
+struct PrimitiveFilter {
+  const Part& part;
+  std::size_t outOfRange = 0;
+  std::size_t notFinite = 0;
+
+  template <class Vertices>
+  bool Keep(const Vertices& vertices, bool round) {
+    if (!AllBelow(vertices, part.positions.size())) {
+      ++outOfRange;
+      return false;
+    }
+    for (const std::uint32_t v : vertices) {
+      const auto& radii = part.scalarSets.empty() ? kNoRadii : part.scalarSets.front().values;
+      if (!IsFinite(part.positions[v]) || (round && v < radii.size() && !std::isfinite(radii[v]))) {
+        ++notFinite;
+        return false;
+      }
+    }
+    return true;
+  }
+
+  static inline const std::vector<float> kNoRadii;
+};
+
+// Compacts `list`, and `shadersOfList` beside it where it holds one entry for each.
+template <class T, class Predicate>
+void KeepIf(std::vector<T>& list, std::vector<std::int32_t>* shadersOfList, Predicate&& keep) {
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    if (!keep(list[i])) continue;
+    if (kept != i) {
+      list[kept] = list[i];
+      if (shadersOfList) (*shadersOfList)[kept] = (*shadersOfList)[i];
+    }
+    ++kept;
+  }
+  list.resize(kept);
+  if (shadersOfList) shadersOfList->resize(kept);
+}
+
+void DropUnusablePrimitives(Part& part) {
+  PrimitiveFilter filter{part};
+  // A mixed Part's shader list belongs to no list alone and stays whole.
+  const auto shadersOf = [&](const std::vector<std::uint32_t>& list) {
+    const bool alone = list.size() == part.particles.size() + part.cylinders.size();
+    return alone && list.size() == part.primitiveShaders.size() ? &part.primitiveShaders : nullptr;
+  };
+  KeepIf(part.particles, shadersOf(part.particles), [&](std::uint32_t v) {
+    const std::uint32_t vertices[] = {v};
+    return filter.Keep(vertices, true);
+  });
+  KeepIf(part.cylinders, shadersOf(part.cylinders), [&](std::uint32_t v) {
+    const std::uint32_t vertices[] = {v, v == 0xFFFFFFFFU ? v : v + 1};
+    return filter.Keep(vertices, true);
+  });
+  KeepIf(part.triangles, nullptr, [&](const Triangle& t) { return filter.Keep(t.vertex, false); });
+  KeepIf(part.tetragons, nullptr, [&](const Tetragon& t) { return filter.Keep(t.vertex, false); });
+  if (filter.outOfRange > 0) PrintWarning("object - primitives with an index out of range are dropped");
+  if (filter.notFinite > 0) PrintWarning("object - primitives with non-finite positions are dropped");
+}
+
+// A set that is neither empty nor one value a vertex is cut or filled up with zeros, so that no look-up by
+// vertex leaves it.
+template <class T>
+bool FitToVertices(std::vector<T>& values, std::size_t count) {
+  if (values.empty() || values.size() == count) return true;
+  values.resize(count);
+  return false;
+}
+
+void Validate(Part& part) {
+  const bool particles = !part.particles.empty(), cylinders = !part.cylinders.empty();
+  const bool faces = !part.triangles.empty() || !part.tetragons.empty();
+  const bool mixtures[] = {particles && cylinders, particles && faces, cylinders && faces};
+  for (const bool mixed : mixtures) {
+    if (!mixed) continue;
+    PrintError("object - mixed types (ex. cylinders and triangles in the same group) ");
+    PrintRule();
+  }
+
+  const std::size_t count = part.positions.size();
+  bool fits = true;
+  for (auto& set : part.scalarSets) fits &= FitToVertices(set.values, count);
+  for (auto& set : part.uvSets) fits &= FitToVertices(set.values, count);
+  for (auto& set : part.vectorSets) fits &= FitToVertices(set.values, count);
+  fits &= FitToVertices(part.normals, count);
+  fits &= FitToVertices(part.tangents, count);
+  if (!fits) PrintError("object - different size of per vertex data array");
+
+  DropUnusablePrimitives(part);
+
+  if (static_cast<std::size_t>(part.shader) >= shaders.size()) part.shader = 0;
+  // Looked up once for each Shader, not for each primitive: names are slow to compare. An index outside the
+  // table counts as undefined too, so that no look-up leaves it.
+  std::vector<bool> undefined(shaders.size());
+  for (std::size_t i = 0; i < shaders.size(); ++i) undefined[i] = shaders[i].name == kUndefinedShader;
+  const auto settle = [&](std::int32_t& shader) {
+    if (static_cast<std::size_t>(shader) >= undefined.size() || undefined[static_cast<std::size_t>(shader)])
+      shader = part.shader;
+  };
+  for (Triangle& triangle : part.triangles) settle(triangle.shader);
+  for (Tetragon& tetragon : part.tetragons) settle(tetragon.shader);
+  for (std::int32_t& shader : part.primitiveShaders) settle(shader);
+}
+
+void FlipFaces(Part& part) {
+  const auto flips = [](std::int32_t shader) {
+    return static_cast<std::size_t>(shader) < shaders.size() &&
+           shaders[static_cast<std::size_t>(shader)].geometry.flipFace;
+  };
+  for (Triangle& triangle : part.triangles)
+    if (flips(triangle.shader)) std::swap(triangle.vertex[0], triangle.vertex[1]);
+  for (Tetragon& tetragon : part.tetragons)
+    if (flips(tetragon.shader)) std::swap(tetragon.vertex[0], tetragon.vertex[2]);
+}
+
+// Adds the records of one primitive, in the order of the four flags of its Shader.
+void AddEmitter(Object& object, EmissionRecord record, std::int32_t shaderIndex) {
+  if (static_cast<std::size_t>(shaderIndex) >= shaders.size()) return;
+  const Shader& shader = shaders[static_cast<std::size_t>(shaderIndex)];
+  const auto add = [&](EmissionList& list, bool flag, std::uint8_t side) {
+    if (!flag) return;
+    record.side = side;
+    list.records.push_back(record);
+  };
+  add(object.emitters, shader.frontEmissive, 1);
+  add(object.emitters, shader.backEmissive, 0);
+  add(object.virtualLights, shader.frontVirtualLight, 1);
+  add(object.virtualLights, shader.backVirtualLight, 0);
+}
+
+bool IsLight(std::int32_t shaderIndex) {
+  if (static_cast<std::size_t>(shaderIndex) >= shaders.size()) return false;
+  const Shader& s = shaders[static_cast<std::size_t>(shaderIndex)];
+  return s.frontEmissive || s.backEmissive || s.frontVirtualLight || s.backVirtualLight;
+}
+
+void FinishEmissionList(EmissionList& list) {
+  std::vector<float> areas(list.records.size());
+  double total = 0;  // a float sum of a million small faces would lose the last ones
+  for (std::size_t i = 0; i < areas.size(); ++i) {
+    areas[i] = list.records[i].area;
+    total += areas[i];
+  }
+  list.area = static_cast<float>(total);
+  list.distribution = MakeDistribution(areas);
+}
+
+}  // namespace
+
+void PreparePart(Part& part, const Object& object) {
+  if (part.shader == 0 && part.materialName == kUndefinedShader) part.shader = object.shader;
+  Validate(part);
+  part.vertexHash = {};
+  part.hashedVertices = 0;
+  part.motion = false;
+  for (const auto& set : part.vectorSets) part.motion |= set.name == "motion";
+  FlipFaces(part);
+
+  for (auto& set : part.uvSets) set.values.shrink_to_fit();
+  for (auto& set : part.scalarSets) set.values.shrink_to_fit();
+  for (auto& set : part.vectorSets) set.values.shrink_to_fit();
+  part.positions.shrink_to_fit();
+  part.normals.shrink_to_fit();
+  part.tangents.shrink_to_fit();
+  part.triangles.shrink_to_fit();
+  part.tetragons.shrink_to_fit();
+}
+
+// Gauss-Jordan elimination with row pivots, in double precision. False, with `inverse` untouched, for a
+// matrix that has none or has entries that are no finite numbers.
+bool Invert(const Mat4& matrix, Mat4& inverse) {
+  double a[4][8] = {};
+  for (int i = 0; i < 4; ++i) {
+    for (int j = 0; j < 4; ++j) a[i][j] = double{matrix.m[i][j]};
+    a[i][4 + i] = 1;
+  }
+  for (int column = 0; column < 4; ++column) {
+    int pivot = column;
+    for (int i = column + 1; i < 4; ++i)
+      if (std::fabs(a[i][column]) > std::fabs(a[pivot][column])) pivot = i;
+    if (!(std::fabs(a[pivot][column]) > 0) || !std::isfinite(a[pivot][column])) return false;
+    if (pivot != column) std::swap(a[pivot], a[column]);
+    const double scale = 1 / a[column][column];
+    for (double& entry : a[column]) entry *= scale;
+    for (int i = 0; i < 4; ++i) {
+      if (i == column) continue;
+      const double factor = a[i][column];
+      for (int j = 0; j < 8; ++j) a[i][j] -= factor * a[column][j];
+    }
+  }
+  Mat4 result;
+  for (int i = 0; i < 4; ++i)
+    for (int j = 0; j < 4; ++j) {
+      result.m[i][j] = static_cast<float>(a[i][4 + j]);
+      if (!std::isfinite(result.m[i][j])) return false;
+    }
+  inverse = result;
+  return true;
+}
+
+// Without an inverse, or where a corner lands nowhere, the Instance gets an empty box and is never hit.
+void FinishInstance(Instance& instance, const Box& bounds) {
+  instance.bounds = {};
+  if (!Invert(instance.matrix, instance.inverse)) {
+    PrintError("object - an instance matrix has no inverse");
+    return;
+  }
+  instance.normalMatrix = {};
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) instance.normalMatrix.m[i][j] = instance.inverse.m[j][i];
+  if (IsEmpty(bounds)) return;
+  Box box;
+  for (int corner = 0; corner < 8; ++corner) {
+    const Vec3 p = {(corner & 1) ? bounds.max.x : bounds.min.x, (corner & 2) ? bounds.max.y : bounds.min.y,
+                    (corner & 4) ? bounds.max.z : bounds.min.z};
+    const Vec3 world = TransformPoint(instance.matrix, p);
+    if (!IsFinite(world)) {
+      PrintError("object - an instance matrix sends its object to infinity");
+      return;
+    }
+    Grow(box, world);
+  }
+  instance.bounds = box;
+}
+
+Box ObjectBounds(const Object& object) {
+  Box bounds;
+  for (const Part& part : object.parts) {
+    for (std::uint32_t i = 0; i < part.particles.size(); ++i) Grow(bounds, ParticleBox(part, i));
+    for (std::uint32_t i = 0; i < part.cylinders.size(); ++i) Grow(bounds, CylinderBox(part, i));
+    for (std::uint32_t i = 0; i < part.triangles.size(); ++i) Grow(bounds, TriangleBox(part, i));
+    for (std::uint32_t i = 0; i < part.tetragons.size(); ++i) Grow(bounds, TetragonBox(part, i));
+  }
+  for (const Instance& instance : object.instances) Grow(bounds, instance.bounds);
+  return bounds;
+}
+
+void BuildEmissionLists(Object& object) {
+  object.emitters = {};
+  object.virtualLights = {};
+  for (std::size_t p = 0; p < object.parts.size(); ++p) {
+    const Part& part = object.parts[p];
+    EmissionRecord record;
+    record.part = static_cast<std::int32_t>(p);
+    record.kind = kKindTriangle;
+    for (record.index = 0; record.index < part.triangles.size(); ++record.index) {
+      const std::int32_t shader = part.triangles[record.index].shader;
+      if (!IsLight(shader)) continue;
+      record.area = TriangleArea(part, record.index);
+      AddEmitter(object, record, shader);
+    }
+    record.kind = kKindTetragon;
+    for (record.index = 0; record.index < part.tetragons.size(); ++record.index) {
+      const std::int32_t shader = part.tetragons[record.index].shader;
+      if (!IsLight(shader)) continue;
+      record.area = TetragonArea(part, record.index);
+      AddEmitter(object, record, shader);
+    }
+    // Intended: inside the loop over the Parts, so that k Parts count each Instance k times, and none never.
+    record.part = kNone;
+    record.kind = kKindInstance;
+    record.side = 1;
+    for (record.index = 0; record.index < object.instances.size(); ++record.index) {
+      const auto target = static_cast<std::size_t>(object.instances[record.index].object);
+      const bool known = target < objectTable.size();
+      record.area = known ? objectTable[target].emitters.area : 0.0f;
+      object.emitters.records.push_back(record);
+      record.area = known ? objectTable[target].virtualLights.area : 0.0f;
+      object.virtualLights.records.push_back(record);
+    }
+  }
+  FinishEmissionList(object.emitters);
+  FinishEmissionList(object.virtualLights);
+}
+
+void PrintObjectReport(const Object& object) {
+  std::uint64_t positions = 0, uvs = 0, scalars = 0, normals = 0, tangents = 0;
+  std::uint64_t particles = 0, cylinders = 0, triangles = 0, tetragons = 0;
+  for (const Part& part : object.parts) {
+    positions += part.positions.size();
+    for (const auto& set : part.vectorSets) positions += set.values.size();
+    for (const auto& set : part.uvSets) uvs += set.values.size();
+    for (const auto& set : part.scalarSets) scalars += set.values.size();
+    normals += part.normals.size();
+    tangents += part.tangents.size();
+    particles += part.particles.size();
+    cylinders += part.cylinders.size();
+    triangles += part.triangles.size();
+    tetragons += part.tetragons.size();
+  }
+  const auto row = [](std::string_view name, std::uint64_t count, std::uint64_t bytes) {
+    PrintCountRow(name, count, static_cast<float>(count * bytes) * kMegabytesPerByte);
+  };
+  row("positions", positions, sizeof(Vec3));
+  row("uv coords", uvs, sizeof(Vec2));
+  row("scalars  ", scalars, sizeof(float));
+  row("normals  ", normals, sizeof(PackedVector));
+  row("tangents ", tangents, sizeof(PackedVector));
+  row("particles", particles, sizeof(std::uint32_t));
+  row("cylinders", cylinders, sizeof(std::uint32_t));
+  row("triangles", triangles, sizeof(Triangle));
+  row("tetragons", tetragons, sizeof(Tetragon));
+  row("instances", object.instances.size(), 304);
+  PrintRule();
+  PrintVectorRow("bbox size  ", object.bounds.max - object.bounds.min, "m");
+  PrintVectorRow("bbox min   ", object.bounds.min, "n/a");
+  PrintVectorRow("bbox max   ", object.bounds.max, "n/a");
+  PrintVectorRow("bbox center", Center(object.bounds), "n/a");
+  PrintRule();
+}
+
+}  // namespace zp
