@@ -9,10 +9,10 @@ namespace zp {
 std::vector<Object> objectTable;
 
 PackedVector Pack(Vec3 v) {
+  if (!IsFinite(v)) return {};  // what is no number is no vector
   const float factor = SafeInverseLength(Dot(v, v));
   const auto component = [&](float x) -> std::int8_t {
     const float scaled = x * 128.0f * factor;
-    if (!(scaled == scaled)) return 0;  // a vector that is no number is no vector
     return static_cast<std::int8_t>(std::clamp(scaled, -127.0f, 127.0f));
   };
   return {component(v.x), component(v.y), component(v.z)};
