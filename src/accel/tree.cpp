@@ -79,22 +79,20 @@ bool HasHiddenPrimitives(const Object& object) {
 
 void PackTree(Object& object) {
   const std::size_t nodeCount = object.wideNodes.size();
-  // Blocks of node n begin at firstBlock[n].
-  std::vector<std::uint32_t> firstBlock(nodeCount + 1, 0);
+  // Lanes of node n begin at firstLane[n].
+  std::vector<std::uint32_t> firstLane(nodeCount + 1, 0);
 #pragma omp parallel for schedule(static)
   for (std::size_t n = 0; n < nodeCount; ++n) {
     const WideNode& wide = object.wideNodes[n];
-    std::uint32_t blocks = 0;
     for (int i = 0; i < 8; ++i)
       if (wide.count[i] != 0 && IsTriangleLeaf(object, wide.child[i], wide.count[i]))
-        blocks += (wide.count[i] + kBlockLanes - 1U) / kBlockLanes;
-    firstBlock[n + 1] = blocks;
+        firstLane[n + 1] += wide.count[i];
   }
-  for (std::size_t n = 0; n < nodeCount; ++n) firstBlock[n + 1] += firstBlock[n];
+  for (std::size_t n = 0; n < nodeCount; ++n) firstLane[n + 1] += firstLane[n];
 
   auto packed = std::make_shared<PackedTree>();
   packed->nodes = PageArray<PackedNode>(nodeCount);
-  packed->blocks = PageArray<TriangleBlock>(firstBlock[nodeCount]);
+  packed->blocks = PageArray<TriangleBlock>((firstLane[nodeCount] + kBlockLanes - 1) / kBlockLanes);
   packed->filtersVisibility = HasHiddenPrimitives(object);
   packed->stackSize = 7 * (object.wideDepth + 1) + 1;
 #pragma omp parallel for schedule(static)
@@ -102,7 +100,7 @@ void PackTree(Object& object) {
     const WideNode& wide = object.wideNodes[n];
     PackedNode& node = packed->nodes[n];
     std::memcpy(node.boxes, wide.boxes, sizeof node.boxes);
-    std::uint32_t block = firstBlock[n];
+    std::uint32_t lane = firstLane[n];
     for (int i = 0; i < 8; ++i) {
       node.child[i] = wide.child[i];
       node.word[i] = wide.count[i] == 0 ? 0 : kLeaf | wide.count[i];
@@ -110,12 +108,11 @@ void PackTree(Object& object) {
         node.child[i] = 0;
         node.word[i] = kLeaf;
       } else if (wide.count[i] != 0 && IsTriangleLeaf(object, wide.child[i], wide.count[i])) {
-        node.child[i] = block;
+        node.child[i] = lane;
         node.word[i] |= kTriangleLeaf;
-        for (std::uint32_t k = 0; k < wide.count[i]; ++k)
-          FillLane(packed->blocks[block + k / kBlockLanes], static_cast<int>(k % kBlockLanes), object,
+        for (std::uint32_t k = 0; k < wide.count[i]; ++k, ++lane)
+          FillLane(packed->blocks[lane / kBlockLanes], static_cast<int>(lane % kBlockLanes), object,
                    object.compactReferences[wide.child[i] + k]);
-        block += (wide.count[i] + kBlockLanes - 1U) / kBlockLanes;
       }
     }
   }

@@ -45,7 +45,9 @@ inline constexpr std::uint32_t kLeafCount = 0xFFFF;
 
 inline constexpr int kBlockLanes = 4;
 
-// Up to four triangles of one leaf, in its order; unused lanes are degenerate and never hit.
+// Four triangles. Lane number i of a tree is lane i % 4 of block i / 4: the leaves of a node follow one
+// another without gaps, so that a leaf may begin and end within a block. The tree's last lanes may be unused:
+// those are degenerate and never hit.
 struct alignas(64) TriangleBlock {
   float p0[3][kBlockLanes], e1[3][kBlockLanes], e2[3][kBlockLanes];
   std::uint32_t primitive[kBlockLanes];

@@ -74,14 +74,15 @@ struct NearestWalk {
     hit = true;
   }
 
-  void TestBlocks(const PackedTree& tree, std::uint32_t first, std::uint32_t count) {
+  // The triangles of lanes first to first + count - 1, a block at a time.
+  void TestLanes(const PackedTree& tree, std::uint32_t first, std::uint32_t count) {
     const Float4 zero = Float4::Set(0), one = Float4::Set(1), epsilon = Float4::Set(kHitEpsilon);
     const Lanes3<Float4> direction = {Float4::Set(ray.direction.x), Float4::Set(ray.direction.y),
                                       Float4::Set(ray.direction.z)};
     const Float4 ox = Float4::Set(ray.origin.x), oy = Float4::Set(ray.origin.y),
                  oz = Float4::Set(ray.origin.z);
-    const std::uint32_t blocks = (count + kBlockLanes - 1U) / kBlockLanes;
-    for (std::uint32_t b = first; b < first + blocks; ++b) {
+    const std::uint32_t end = first + count;
+    for (std::uint32_t b = first / kBlockLanes; b * kBlockLanes < end; ++b) {
       const TriangleBlock& block = tree.blocks[b];
       const auto load = [](const float(&rows)[3][kBlockLanes]) {
         return Lanes3<Float4>{Float4::LoadAligned(rows[0]), Float4::LoadAligned(rows[1]),
@@ -89,10 +90,14 @@ struct NearestWalk {
       };
       Lanes3<Float4> q = load(block.p0);
       q = {q.x - ox, q.y - oy, q.z - oz};
-      const TriangleHits<Float4> hits =
+      TriangleHits<Float4> hits =
           TestTriangles(q, load(block.e1), load(block.e2), direction, Float4::Set(ray.t), zero, one, epsilon);
-      if (hits.mask != 0) [[unlikely]]
-        TakeHits(tree, block, hits);
+      if (hits.mask == 0) [[likely]]
+        continue;
+      // Lanes of the leaves before and behind do not count.
+      if (b * kBlockLanes < first) hits.mask &= 0xFU << (first % kBlockLanes);
+      if ((b + 1) * kBlockLanes > end) hits.mask &= (1U << (end % kBlockLanes)) - 1U;
+      TakeHits(tree, block, hits);
     }
   }
 
@@ -194,7 +199,7 @@ void NearestWalk::RunWithStack(const PackedTree& tree) {
       current = *--top;
     }
     if ((current.word & kTriangleLeaf) != 0)
-      TestBlocks(tree, current.child, current.word & kLeafCount);
+      TestLanes(tree, current.child, current.word & kLeafCount);
     else
       TestReferences(current.child, current.word & kLeafCount);
   pop:
