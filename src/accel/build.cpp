@@ -148,25 +148,21 @@ struct Builder {
     for (int a = 0; a < 3; ++a) {
       if (!(high[a] - low[a] != 0.0f)) continue;
       LaneBox right[kBins - 1];
-      float rightCost[kBins - 1], cost = 0;
+      float rightCost[kBins - 1];
       LaneBox sweep;
       std::uint32_t count = 0;
       for (int k = kBins - 1; k > 0; --k) {
-        if (bins.count[a][k] != 0) {
-          Grow(sweep, bins.box[a][k]);
-          count += bins.count[a][k];
-          cost = HalfArea(sweep) * static_cast<float>(count);
-        }
+        Grow(sweep, bins.box[a][k]);
+        count += bins.count[a][k];
         right[k - 1] = sweep;
-        rightCost[k - 1] = cost;
+        rightCost[k - 1] = HalfArea(sweep) * static_cast<float>(count);
       }
       sweep = LaneBox{};
       count = 0;
       for (int k = 0; k < kBins - 1; ++k) {
-        if (bins.count[a][k] == 0) continue;  // the same split as the one before, which came first
         Grow(sweep, bins.box[a][k]);
         count += bins.count[a][k];
-        cost = HalfArea(sweep) * static_cast<float>(count) + rightCost[k];
+        const float cost = HalfArea(sweep) * static_cast<float>(count) + rightCost[k];
         if (best.cost > cost) best = {cost, sweep, right[k]};
       }
     }
