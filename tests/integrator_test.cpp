@@ -175,6 +175,32 @@ TEST_F(Integrator, FurnaceOfSmoothTriangles) {
   ExpectFurnace(1.0f);
 }
 
+// Two endless plates, the lower one glowing: lower = 1 + a upper, upper = b lower. Each is the only primitive
+// of its Part, so that both have the same index.
+TEST_F(Integrator, FacingPlatesExchangeLight) {
+  const float a = 0.5f, b = 0.7f, size = 2000;
+  for (const float direction : {-1.0f, 1.0f}) {
+    TearDown();
+    SetUp();
+    skyLight.color = kBlack;
+    const std::int32_t lower = AddShader("lower", Grey(a), kWhite),
+                       upper = AddShader("upper", Grey(b), kBlack);
+    AddTetragon(Geometry(),
+                {Vec3{-size, -size, 0}, Vec3{size, -size, 0}, Vec3{size, size, 0}, Vec3{-size, size, 0}},
+                lower);
+    objectTable[0].parts.emplace_back();
+    AddTetragon(objectTable[0].parts[1],
+                {Vec3{-size, -size, 1}, Vec3{-size, size, 1}, Vec3{size, size, 1}, Vec3{size, -size, 1}},
+                upper);
+    LookFrom({0, 0, 0.5f}, {0.1f, 0.2f, 0.5f + direction}, 60);
+    settings.rendererBounce = settings.rayDepth = 60;
+    settings.rendererSample = 16;
+    Render();
+    const float expected = (direction < 0 ? 1 : b) / (1 - a * b);
+    EXPECT_NEAR(Average(0), expected, 0.003f * expected);
+  }
+}
+
 // Inside an emitting box of albedo a, the bounce number k brings a^k: the sum tells how many were followed.
 TEST_F(Integrator, ClosedBoxSumsTheBounces) {
   struct Case {
