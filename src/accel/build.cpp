@@ -13,6 +13,7 @@
 #include "accel/accel.h"
 #include "accel/float8.h"
 #include "core/console.h"
+#include "core/release.h"
 #include "geometry/geometry.h"
 
 namespace zp {
@@ -305,10 +306,10 @@ std::vector<BuildRecord> CollectRecords(const Object& object) {
 
 void Build(Object& object) {
   const std::int64_t start = ProcessorMilliseconds();
-  object.nodes = {};
-  object.references = {};
-  object.wideNodes = {};
-  object.compactReferences = {};
+  Release(object.nodes);
+  Release(object.references);
+  Release(object.wideNodes);
+  Release(object.compactReferences);
   object.packed.reset();
 
   std::vector<BuildRecord> records = CollectRecords(object);

@@ -5,6 +5,7 @@
 
 #include "accel/accel.h"
 #include "core/console.h"
+#include "core/release.h"
 #include "geometry/geometry.h"
 
 namespace zp {
@@ -100,8 +101,8 @@ void InitializeObject(Object& object) {
   Build(object);
   Update(object, true, 1);
   if (!object.deformable) {
-    object.nodes = {};
-    object.references = {};
+    Release(object.nodes);
+    Release(object.references);
   }
   BuildEmissionLists(object);
   PrintObjectReport(object);
@@ -149,7 +150,7 @@ void InitializeAccelerator() {
 }
 
 void FinalizeAccelerator() {
-  objectTable = {};
+  Release(objectTable);
   rootObject = kNone;
 }
 

@@ -7,6 +7,7 @@
 
 #include "accel/accel.h"
 #include "accel/tree.h"
+#include "core/release.h"
 #include "geometry/geometry.h"
 
 namespace zp {
@@ -317,8 +318,8 @@ void Update(Object& object, bool force, int passes) {
   object.bounds = ObjectBounds(object);
   object.treeCost = static_cast<double>(object.nodes[0].cost);
 
-  object.compactReferences = {};
-  object.wideNodes = {};
+  Release(object.compactReferences);
+  Release(object.wideNodes);
   object.compactReferences.reserve(object.references.size());
   object.wideNodes.reserve(object.references.size() / 6 + 1);
   object.wideDepth = 0;

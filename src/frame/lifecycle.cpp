@@ -3,6 +3,7 @@
 #include "accel/accel.h"
 #include "core/console.h"
 #include "core/random.h"
+#include "core/release.h"
 #include "core/settings.h"
 #include "core/tables.h"
 #include "frame/frame.h"
@@ -21,7 +22,7 @@ void AddImageSearchPath(const std::string& folder) {
 }
 
 void SetSearchPaths(const std::string& folder) {
-  imageSearchPaths = {};
+  Release(imageSearchPaths);
   // Intended: no separator in between, so the first entry finds files only behind a folder that ends in one.
   AddImageSearchPath(folder + "image");
   AddImageSearchPath(folder);
@@ -83,7 +84,7 @@ void Finalize() {
   FinalizeAccelerator();
   FinalizeCameras();
   FinalizeShaders();
-  images = {};
+  Release(images);
 }
 
 void Shutdown() {

@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "core/console.h"
+#include "core/release.h"
 #include "geometry/geometry.h"
 #include "shading/shading.h"
 
@@ -169,7 +170,7 @@ void FinishEmissionList(EmissionList& list) {
 void PreparePart(Part& part, const Object& object) {
   if (part.shader == 0 && part.materialName == kUndefinedShader) part.shader = object.shader;
   Validate(part);
-  part.vertexHash = {};
+  Release(part.vertexHash);
   part.hashedVertices = 0;
   part.motion = false;
   for (const auto& set : part.vectorSets) part.motion |= set.name == "motion";

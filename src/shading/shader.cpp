@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "core/console.h"
+#include "core/release.h"
 #include "shading/shading.h"
 
 namespace zp {
@@ -189,6 +190,6 @@ void InitializeShaders() {
   PrintRule();
 }
 
-void FinalizeShaders() { shaders = {}; }
+void FinalizeShaders() { Release(shaders); }
 
 }  // namespace zp
