@@ -97,7 +97,6 @@ void InitializeObject(Object& object) {
     // What moves inside an Instance moves the boxes around it.
     if (placed && At(instance.object).deformable) object.deformable = true;
   }
-  object.bounds = ObjectBounds(object);
   Build(object);
   Update(object, true, 1);
   if (!object.deformable) {

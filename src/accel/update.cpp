@@ -305,17 +305,17 @@ void MoveVertices(Part& part, int passes) {
 void Update(Object& object, bool force, int passes) {
   if (!force && !object.deformable) return;
   // Right after Build nothing has moved yet: the first pass sees vertices where the files put them.
-  if (!force)
+  if (!force) {
     for (Part& part : object.parts) MoveVertices(part, passes);
-  for (Instance& instance : object.instances)
-    FinishInstance(instance, instance.object >= 0
-                                 ? objectTable[static_cast<std::size_t>(instance.object)].bounds
-                                 : Box{});
+    for (Instance& instance : object.instances)
+      if (instance.object >= 0)
+        FinishInstance(instance, objectTable[static_cast<std::size_t>(instance.object)].bounds);
+  }
   TreeRotator rotator{object, object.nodes};
 #pragma omp parallel
 #pragma omp single
   rotator.Walk(0, 0);
-  object.bounds = ObjectBounds(object);
+  object.bounds = object.nodes[0].box;
   object.treeCost = static_cast<double>(object.nodes[0].cost);
 
   Release(object.compactReferences);

@@ -173,11 +173,6 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
   point.uv = CornerUv(surface.corners, *ray.part);
   SetFrame(point, surface.tangent);
 
-  // All layers on one side leave the other side's list empty; its first entry still reads as layer 0.
-  const std::int32_t layers = ray.frontFace ? shader.frontCount : shader.backCount;
-  point.layer = layers > 0 ? &ChooseLayer(shader, ray.frontFace, point.uv) : &shader.surfaces[0];
-  point.material = point.layer->material;
-  point.virtualLight = point.layer->virtualLight;
   FinishShadingPoint(point, shader, ray.frontFace);
   return true;
 }
