@@ -12,6 +12,7 @@
 #include <fstream>
 #include <random>
 
+#include "accel/accel.h"
 #include "core/console.h"
 #include "shading/shading.h"
 
@@ -448,7 +449,9 @@ TEST_F(GeometryTest, BoxesAndAreas) {
   EXPECT_FLOAT_EQ(TriangleArea(part, 0), 6);
   EXPECT_FLOAT_EQ(TetragonArea(part, 0), 12);
   EXPECT_EQ(ParticleBox(part, 0), (Box{{-2, 2, -2}, {2, 6, 2}}));
-  EXPECT_EQ(ObjectBounds(object), (Box{{-2, 0, -2}, {3, 6, 2}}));
+  Build(object);
+  Update(object, true, 1);
+  EXPECT_EQ(object.bounds, (Box{{-2, 0, -2}, {3, 6, 2}}));
   EXPECT_EQ(PrimitiveBox(object, {0, kKindTetragon, 0}), (Box{{0, 0, 0}, {3, 4, 0}}));
 
   // The curve passes through its ends, along its unit tangents, and stays in its box.

@@ -36,8 +36,6 @@ void PreparePart(Part& part, const Object& object);
 // Inverse and normal matrix of the Instance, and its world box around `bounds`.
 void FinishInstance(Instance& instance, const Box& bounds);
 bool Invert(const Mat4& matrix, Mat4& inverse);
-// Bounds over all Parts and Instances, whose boxes are valid.
-Box ObjectBounds(const Object& object);
 // Fills both emission lists from the Parts' shaders and the Instances' Objects.
 void BuildEmissionLists(Object& object);
 void PrintObjectReport(const Object& object);

@@ -243,18 +243,6 @@ void FinishInstance(Instance& instance, const Box& bounds) {
   instance.bounds = box;
 }
 
-Box ObjectBounds(const Object& object) {
-  Box bounds;
-  for (const Part& part : object.parts) {
-    for (std::uint32_t i = 0; i < part.particles.size(); ++i) Grow(bounds, ParticleBox(part, i));
-    for (std::uint32_t i = 0; i < part.cylinders.size(); ++i) Grow(bounds, CylinderBox(part, i));
-    for (std::uint32_t i = 0; i < part.triangles.size(); ++i) Grow(bounds, TriangleBox(part, i));
-    for (std::uint32_t i = 0; i < part.tetragons.size(); ++i) Grow(bounds, TetragonBox(part, i));
-  }
-  for (const Instance& instance : object.instances) Grow(bounds, instance.bounds);
-  return bounds;
-}
-
 void BuildEmissionLists(Object& object) {
   object.emitters = {};
   object.virtualLights = {};
