@@ -31,6 +31,16 @@ void UpdateScene(int passes);
 // Nearest hit; counts the ray; fills the hit fields only on true. Needs origin and direction.
 bool Trace(RayRecord& ray);
 
+// Nearest triangle or tetragon below ray.t, which the caller sets, along a unit direction. Fills the hit
+// fields on true. A triangle may be the ray's parent, a tetragon not.
+bool TraceSurfaces(RayRecord& ray);
+
+// Walks from origin along direction (unit) to ray.t and multiplies ray.throughput, white at the start, by the
+// transparency of every surface in between, but for the ray's parent. True, with a throughput of no meaning
+// above black, when nothing is left; stops there. Counts the shadow ray. In pass 0 (settings.samplePass) the
+// blocking slots of the RootObject are logged.
+bool Occlude(RayRecord& ray);
+
 // Product of the normal matrices of the Instances around the ray's hit, outermost last; identity without.
 Mat3 HitNormalMatrix(const RayRecord& ray);
 

@@ -30,6 +30,17 @@ float TetragonArea(const Part& part, std::uint32_t index);
 // A point of a cylinder's Hermite curve at t in 0..1, and the vertices' unit tangents it is made of.
 Vec3 CurvePoint(const Part& part, std::uint32_t cylinder, float t);
 
+// The vertices of a hit primitive and how much each of them counts at the hit.
+struct Corners {
+  std::uint32_t vertex[4] = {};
+  float weight[4] = {};
+  int count = 0;
+};
+// `barycentric` as the hit tests give it; no vertices for other kinds than the four primitives.
+Corners HitCorners(const Part& part, std::uint8_t kind, std::uint32_t index, Vec3 barycentric);
+// Of the Part's first uv set; zero where it has no value for a vertex.
+Vec2 CornerUv(const Corners& corners, const Part& part);
+
 // Validation, flipped faces, strands: everything before the tree. Prints the rows of what is wrong and drops
 // primitives that point outside the positions or have none that are finite.
 void PreparePart(Part& part, const Object& object);

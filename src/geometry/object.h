@@ -60,8 +60,9 @@ struct Part {
   std::int32_t shader = 0;
   std::string materialName;
   std::string typeName = "undefined";
-  bool motion = false;                       // some vector set is named "motion"
-  // Of the reader that merges vertices; transient. Open addressing, a power of two of slots with vertex indices.
+  bool motion = false;  // some vector set is named "motion"
+  // Of the reader that merges vertices; transient. Open addressing, a power of two of slots with vertex
+  // indices.
   std::vector<std::uint32_t> vertexHash;
   std::uint32_t hashedVertices = 0;  // slots in use
 };

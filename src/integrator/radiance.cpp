@@ -1,11 +1,10 @@
 // The radiance estimate along one ray, and the pictures it leaves at a first hit.
 
 #include <cmath>
-#include <span>
 
 #include "accel/accel.h"
 #include "core/settings.h"
-#include "geometry/object.h"
+#include "geometry/geometry.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
 
@@ -40,35 +39,12 @@ Vec3 VertexUserData(const Part& part, const std::string& name, std::uint32_t ver
 
 // Vertex data of that name, mixed at the hit.
 Vec3 HitUserData(const RayRecord& ray, const std::string& name) {
-  const Part& part = *ray.part;
-  const auto primitive = static_cast<std::size_t>(ray.primitive);
-  const auto sum = [&](std::span<const std::uint32_t> vertices, std::span<const float> weights) {
-    Vec3 total;
-    for (std::size_t i = 0; i < vertices.size(); ++i)
-      total += weights[i] * VertexUserData(part, name, vertices[i]);
-    return total;
-  };
-  const Vec3 b = ray.barycentric;
-  switch (ray.kind) {
-    case kKindParticle:
-      return VertexUserData(part, name, part.particles[primitive]);
-    case kKindCylinder: {
-      const std::uint32_t first = part.cylinders[primitive];
-      const std::uint32_t vertices[] = {first, first + 1};
-      const float weights[] = {1 - b.z, b.z};
-      return sum(vertices, weights);
-    }
-    case kKindTriangle: {
-      const float weights[] = {b.x, b.y, b.z};
-      return sum(part.triangles[primitive].vertex, weights);
-    }
-    case kKindTetragon: {
-      const float weights[] = {(1 - b.x) * (1 - b.y), (1 - b.x) * b.y, b.x * b.y, b.x * (1 - b.y)};
-      return sum(part.tetragons[primitive].vertex, weights);
-    }
-    default:
-      return kBlack;
-  }
+  const Corners corners =
+      HitCorners(*ray.part, ray.kind, static_cast<std::uint32_t>(ray.primitive), ray.barycentric);
+  Vec3 sum;
+  for (int i = 0; i < corners.count; ++i)
+    sum += corners.weight[i] * VertexUserData(*ray.part, name, corners.vertex[i]);
+  return sum;
 }
 
 Vec3 AovValue(const Aov& aov, const RayRecord& ray, const ShadingPoint& point, const LobeRadiance& radiance) {

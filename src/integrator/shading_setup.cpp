@@ -10,13 +10,6 @@
 namespace zp {
 namespace {
 
-// The corners of a hit primitive and how much each of them counts.
-struct Corners {
-  std::uint32_t vertex[4] = {};
-  float weight[4] = {};
-  int count = 0;
-};
-
 // A unit vector of any input but zero, tiny ones included: the safe length would leave the normals of
 // triangles with edges below a thousandth short.
 Vec3 UnitVector(Vec3 v) {
@@ -33,18 +26,6 @@ Vec3 CornerSum(const Corners& corners, const std::vector<PackedVector>& values) 
   return sum;
 }
 
-Vec2 CornerUv(const Corners& corners, const Part& part) {
-  if (part.uvSets.empty()) return {};
-  const std::vector<Vec2>& values = part.uvSets[0].values;
-  Vec2 uv;
-  for (int i = 0; i < corners.count; ++i) {
-    if (corners.vertex[i] >= values.size()) return {};
-    uv.x += corners.weight[i] * values[corners.vertex[i]].x;
-    uv.y += corners.weight[i] * values[corners.vertex[i]].y;
-  }
-  return uv;
-}
-
 // Object space, before Instances and before the normals are turned to the ray's origin.
 struct LocalSurface {
   Corners corners;
@@ -52,53 +33,46 @@ struct LocalSurface {
   Vec3 tangent;  // zero: none
 };
 
-LocalSurface TriangleSurface(const RayRecord& ray) {
-  const Triangle& triangle = ray.part->triangles[static_cast<std::size_t>(ray.primitive)];
-  const auto& p = ray.part->positions;
-  LocalSurface surface;
-  surface.corners.count = 3;
-  for (int i = 0; i < 3; ++i) {
-    surface.corners.vertex[i] = triangle.vertex[i];
-    surface.corners.weight[i] = ray.barycentric[i];
-  }
-  const Vec3 p0 = p[triangle.vertex[0]];
-  surface.faceNormal = UnitVector(Cross(p[triangle.vertex[1]] - p0, p[triangle.vertex[2]] - p0));
-  surface.tangent = CornerSum(surface.corners, ray.part->tangents);
-  return surface;
+Vec3 TriangleNormal(const Part& part, const Corners& c) {
+  const Vec3 p0 = part.positions[c.vertex[0]];
+  return UnitVector(Cross(part.positions[c.vertex[1]] - p0, part.positions[c.vertex[2]] - p0));
 }
 
-LocalSurface TetragonSurface(const RayRecord& ray) {
-  const Tetragon& tetragon = ray.part->tetragons[static_cast<std::size_t>(ray.primitive)];
-  const auto& p = ray.part->positions;
-  const float a = ray.barycentric.x, b = ray.barycentric.y;
-  LocalSurface surface;
-  surface.corners = {{tetragon.vertex[0], tetragon.vertex[1], tetragon.vertex[2], tetragon.vertex[3]},
-                     {(1 - a) * (1 - b), (1 - a) * b, a * b, a * (1 - b)},
-                     4};
-  surface.faceNormal = UnitVector(
-      Cross(p[tetragon.vertex[2]] - p[tetragon.vertex[0]], p[tetragon.vertex[3]] - p[tetragon.vertex[1]]));
-  surface.tangent = CornerSum(surface.corners, ray.part->tangents);
-  return surface;
+Vec3 TetragonNormal(const Part& part, const Corners& c) {
+  const auto& p = part.positions;
+  return UnitVector(Cross(p[c.vertex[2]] - p[c.vertex[0]], p[c.vertex[3]] - p[c.vertex[1]]));
 }
 
-LocalSurface ParticleSurface(const RayRecord& ray) {
-  LocalSurface surface;
-  surface.corners = {
-      {ray.part->particles[static_cast<std::size_t>(ray.primitive)], 0, 0, 0}, {1, 0, 0, 0}, 1};
-  surface.faceNormal = UnitVector(ray.barycentric);  // from the centre
-  return surface;
-}
-
-// Only the axis of the curve is a matter of object space; the normal follows from the view of it.
-LocalSurface CylinderSurface(const RayRecord& ray) {
-  const auto index = static_cast<std::uint32_t>(ray.primitive);
-  const std::uint32_t first = ray.part->cylinders[index];
-  const float along = ray.barycentric.z;
-  LocalSurface surface;
-  surface.corners = {{first, first + 1, 0, 0}, {1 - along, along, 0, 0}, 2};
+// The curve's direction over the straight piece that was hit.
+Vec3 CylinderAxis(const Part& part, std::uint32_t cylinder, float along) {
   constexpr float kHalfStep = 1.0f / 16.0f;  // the eight straight pieces that were hit
-  surface.tangent = UnitVector(CurvePoint(*ray.part, index, std::min(along + kHalfStep, 1.0f)) -
-                               CurvePoint(*ray.part, index, std::max(along - kHalfStep, 0.0f)));
+  return UnitVector(CurvePoint(part, cylinder, std::min(along + kHalfStep, 1.0f)) -
+                    CurvePoint(part, cylinder, std::max(along - kHalfStep, 0.0f)));
+}
+
+LocalSurface SurfaceOf(const RayRecord& ray) {
+  const Part& part = *ray.part;
+  const auto index = static_cast<std::uint32_t>(ray.primitive);
+  LocalSurface surface;
+  surface.corners = HitCorners(part, ray.kind, index, ray.barycentric);
+  switch (ray.kind) {
+    case kKindTriangle:
+      surface.faceNormal = TriangleNormal(part, surface.corners);
+      surface.tangent = CornerSum(surface.corners, part.tangents);
+      break;
+    case kKindTetragon:
+      surface.faceNormal = TetragonNormal(part, surface.corners);
+      surface.tangent = CornerSum(surface.corners, part.tangents);
+      break;
+    case kKindParticle:
+      surface.faceNormal = UnitVector(ray.barycentric);  // from the centre
+      break;
+    case kKindCylinder:  // its normal follows from the view of it, once the axis is in world space
+      surface.tangent = CylinderAxis(part, index, ray.barycentric.z);
+      break;
+    default:
+      break;
+  }
   return surface;
 }
 
@@ -131,23 +105,8 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
   const Shader& shader = shaders[static_cast<std::size_t>(ray.shader)];
   if (shader.surfaces.empty()) return false;
 
-  LocalSurface surface;
-  switch (ray.kind) {
-    case kKindTriangle:
-      surface = TriangleSurface(ray);
-      break;
-    case kKindTetragon:
-      surface = TetragonSurface(ray);
-      break;
-    case kKindParticle:
-      surface = ParticleSurface(ray);
-      break;
-    case kKindCylinder:
-      surface = CylinderSurface(ray);
-      break;
-    default:
-      return false;
-  }
+  LocalSurface surface = SurfaceOf(ray);
+  if (surface.corners.count == 0) return false;
 
   Vec3 normal = surface.faceNormal;
   if (ray.kind == kKindTriangle || ray.kind == kKindTetragon) {

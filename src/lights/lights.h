@@ -1,7 +1,9 @@
-// lights/lights.h: where light comes from.
+// lights/lights.h: where light comes from: point and parallel lights (the Gaffer), emissive surfaces, the
+// sky. Records change before a render only; sampling runs on any thread and does not fail.
 
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -17,6 +19,64 @@ struct ShaderLink {
 };
 void ResolveLink(ShaderLink& link);
 bool IsLinked(const ShaderLink& link, std::int32_t shader);
+
+// What a light offers a point, before anything in between is known.
+struct LightSample {
+  Vec3 direction;      // unit, from the point to the light
+  float distance = 0;  // length of the shadow ray; kFarthest for what is not in the scene
+  Vec3 radiance;       // linear RGB; for point and parallel lights the perpendicular irradiance
+  float pdf = 0;       // of the direction, per solid angle; 0 for point and parallel lights
+  float factor = 0;    // geometric factor of a geometry light's sample
+};
+
+// Lights that are not in the scene. They shine on surfaces directly and shoot photons.
+struct Light {
+  virtual void Reset() = 0;  // back to the defaults
+  // Fills the whole ray as photon number `sample` of the light's `photon`.
+  virtual void MakePhotonRay(RayRecord& ray, std::uint32_t sample) const = 0;
+
+  Vec3 xAxis, yAxis, zAxis;  // emission frame; a parallel light shines along zAxis
+  Vec3 color = {1, 1, 1};    // linear RGB
+  Vec3 power;                // of all photons together; black without photons
+  std::int64_t photon = 0;   // number of photons
+  float blur = 0;            // a point light's radius, a parallel light's cone angle in degrees
+  float ior = 1;             // of the medium around it
+  std::int32_t sample = 1;   // shadow rays of a first hit, over all passes
+  ShaderLink link;
+  std::vector<Aov> aovs;
+  float cosine = 1;     // of the cone that photons are shot into
+  float offset = 0.1f;  // softens the terminator of Lambertian surfaces
+
+ protected:
+  ~Light() = default;
+};
+
+struct PointLight final : Light {
+  void Reset() override;
+  void MakePhotonRay(RayRecord& ray, std::uint32_t sample) const override;
+
+  bool inside = false;                     // shoots photons everywhere, not just towards the scene
+  Vec3 position;                           // scene units
+  Vec3 direction = {0, 1, 0};              // spot axis
+  float innerCut = 0, outerCut = 0;        // radians
+  float innerAngle = 0, outerAngle = 180;  // degrees off the axis
+};
+
+struct ParallelLight final : Light {
+  void Reset() override;
+  void MakePhotonRay(RayRecord& ray, std::uint32_t sample) const override;
+};
+
+extern std::vector<PointLight> pointLights;
+extern std::vector<ParallelLight> parallelLights;
+
+void InitializeGaffer();  // after the scene's bounds and the sky are known
+void FinalizeGaffer();    // writes the AOVs and empties both tables
+// u, v in [0, 1) place a sample on a light with `blur` and are not used otherwise. `radiance` is the
+// perpendicular irradiance that arrives at `position`: pi * color, by spot factor and squared distance for a
+// point light.
+LightSample SampleLight(const PointLight& light, Vec3 position, float u, float v);
+LightSample SampleLight(const ParallelLight& light, Vec3 position, float u, float v);
 
 struct SkyLight {
   // Kept by a reset.
@@ -38,8 +98,9 @@ extern SkyLight skyLight;
 struct GeometryLight {
   std::int32_t photon = 1000000;
   std::int32_t sample = 0;
-  float area = 0;  // of the RootObject's virtual lights
-  Vec3 colorWeight = {1, 1, 1};
+  float area = 0;                // of the RootObject's virtual lights
+  Vec3 colorWeight = {1, 1, 1};  // factor from emission to a photon's power
+  bool initialized = false;
   ShaderLink link;
   std::vector<Aov> aovs;
 };
@@ -52,7 +113,39 @@ void InitializeGeometryLight();
 void FinalizeSky();  // writes the AOVs and resets
 void FinalizeGeometryLight();
 
-// Radiance of the sky in a direction, `color` included.
+// Radiance of the sky in a unit direction, `color` included.
 Vec3 SkyRadiance(Vec3 direction);
+// What a ray sees that comes from the camera without a bounce: the backdrop, or the sky without one.
+Vec3 BackgroundRadiance(Vec3 direction);
+// A direction in proportion to the brightness of the sky's image; u, v in [0, 1). False without an
+// importance table, or for a sky that is not sampled.
+bool SampleSky(float u, float v, LightSample& sample);
+// Density per solid angle of SampleSky at a unit direction; 0 without a table.
+float SkyDensity(Vec3 direction);
+void MakeSkyPhotonRay(RayRecord& ray, std::uint32_t sample);
+
+// An emitting primitive drawn from an emission list, in the space of its own Object.
+struct EmitterPick {
+  const Part* part = nullptr;
+  std::uint8_t kind = kKindNone;
+  std::uint8_t side = 1;        // 1 front, 0 back
+  std::uint32_t index = 0;      // in the Part's list of that kind
+  std::int32_t shader = kNone;  // the primitive's, or that of the Instance that overrides it
+  Mat4 toWorld, normalToWorld;  // of all Instances around it
+  bool placed = false;          // there are some
+  float weight = 0;             // probability of the pick
+};
+// Draw number i of n stratified ones, from the RootObject's virtual lights or its emitters. False where
+// there is nothing to draw.
+bool PickEmitter(bool virtualLights, std::uint32_t i, std::uint32_t n, EmitterPick& pick);
+// The surface of a pick at (a, b) in [0, 1)^2, uniform by area: position, frame looking out of the emitting
+// side, uv; world space. The layer is not chosen.
+void PlaceOnEmitter(const EmitterPick& pick, float a, float b, ShadingPoint& point);
+// One sample of the virtual lights for `position`: radiance is the emission towards it, pdf is
+// distance^2 / (cosine * area of all virtual lights), factor is cosine / (distance^2 * 18481 * pick.weight).
+// False where no light leaves for the point.
+bool SampleGeometryLight(Vec3 position, std::uint32_t i, std::uint32_t n, float a, float b,
+                         LightSample& sample);
+void MakeGeometryPhotonRay(RayRecord& ray, std::uint32_t sample);
 
 }  // namespace zp

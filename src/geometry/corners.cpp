@@ -1,0 +1,42 @@
+// Which vertices a hit lies between.
+
+#include "geometry/geometry.h"
+
+namespace zp {
+
+Corners HitCorners(const Part& part, std::uint8_t kind, std::uint32_t index, Vec3 barycentric) {
+  const Vec3 b = barycentric;
+  switch (kind) {
+    case kKindParticle:
+      return {{part.particles[index], 0, 0, 0}, {1, 0, 0, 0}, 1};
+    case kKindCylinder: {
+      const std::uint32_t first = part.cylinders[index];
+      return {{first, first + 1, 0, 0}, {1 - b.z, b.z, 0, 0}, 2};
+    }
+    case kKindTriangle: {
+      const auto& v = part.triangles[index].vertex;
+      return {{v[0], v[1], v[2], 0}, {b.x, b.y, b.z, 0}, 3};
+    }
+    case kKindTetragon: {
+      const auto& v = part.tetragons[index].vertex;
+      return {
+          {v[0], v[1], v[2], v[3]}, {(1 - b.x) * (1 - b.y), (1 - b.x) * b.y, b.x * b.y, b.x * (1 - b.y)}, 4};
+    }
+    default:
+      return {};
+  }
+}
+
+Vec2 CornerUv(const Corners& corners, const Part& part) {
+  if (part.uvSets.empty()) return {};
+  const std::vector<Vec2>& values = part.uvSets[0].values;
+  Vec2 uv;
+  for (int i = 0; i < corners.count; ++i) {
+    if (corners.vertex[i] >= values.size()) return {};
+    uv.x += corners.weight[i] * values[corners.vertex[i]].x;
+    uv.y += corners.weight[i] * values[corners.vertex[i]].y;
+  }
+  return uv;
+}
+
+}  // namespace zp
