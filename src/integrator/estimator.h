@@ -4,6 +4,8 @@
 #pragma once
 
 #include "core/ray.h"
+#include "core/settings.h"
+#include "core/tables.h"
 #include "imaging/imaging.h"
 #include "shading/shading.h"
 
@@ -11,9 +13,11 @@ namespace zp {
 
 // The camera that is rendered; null in an empty table.
 Camera* ActiveCamera();
+// Its passes: 1 at least.
+std::int32_t CameraPasses();
 
 // Fills `point` from the hit of `ray`: position, frame, uv, layer, Fresnel weights. World space.
-// False, with the point unfinished, for a hit that has no layer to show.
+// A layer that is set already is kept. False, with the point unfinished, for a hit that has no layer to show.
 bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point);
 
 // An orthonormal frame around the unit vector point.normal. `tangent` of any length is bent into it; one that
@@ -24,15 +28,67 @@ void SetFrame(ShadingPoint& point, Vec3 tangent);
 // The caller counts the bounce's kind, and sets sampleNumber and sampleWeight at a first hit.
 RayRecord MakeChildRay(const RayRecord& parent, const ShadingPoint& point, Event event, Vec3 direction,
                        Vec3 throughput);
+// Index of the medium behind a refraction: the ray's times `ratio`, and exactly the camera's where rounding
+// alone keeps them apart.
+float RefractedIor(float ior, float ratio);
+
+// The sample numbers that this pass takes out of one sequence of `end`, which all passes share.
+struct PassShare {
+  std::uint32_t first = 0, end = 1, step = 1;
+  std::int32_t count = 1;  // of this pass, as far as the sequence is a whole multiple of the passes
+};
+PassShare ShareOf(std::int32_t count);
+
+// Two numbers of sample `sample`, from the ray's Halton dimensions, turned by the pixel.
+inline Vec2 DrawPair(const RayRecord& ray, std::uint32_t sample) {
+  return {Rotate(Halton(sample, ray.dimension), ray.rotation.x),
+          Rotate(Halton(sample, ray.dimension + 1), ray.rotation.y)};
+}
+
+// What each lobe sends back along the ray.
+struct LobeRadiance {
+  Vec3 lambertian, transmissive, glossy, specular;
+};
+inline LobeRadiance& operator+=(LobeRadiance& a, const LobeRadiance& b) {
+  a.lambertian += b.lambertian;
+  a.transmissive += b.transmissive;
+  a.glossy += b.glossy;
+  a.specular += b.specular;
+  return a;
+}
+
+// What the lobes receive straight from lights, without the lobes' colours. Writes the lights' AOVs at depth
+// 0.
+LobeRadiance SampleLights(const RayRecord& ray, const ShadingPoint& point);
 
 // What a lobe receives from the scene, without the lobe's colour. Black for a lobe of black throughput.
 Vec3 GatherLambertian(const RayRecord& ray, const ShadingPoint& point);
 Vec3 GatherTransmissive(const RayRecord& ray, const ShadingPoint& point);
+Vec3 GatherGlossy(const RayRecord& ray, const ShadingPoint& point);
+Vec3 GatherSpecular(const RayRecord& ray, const ShadingPoint& point);
 
 // What a ray sees that hits nothing. Writes the sky's AOVs from camera rays.
 Vec3 MissRadiance(const RayRecord& ray);
 // What the hit surface sends back along the ray by itself. Writes the geometry light's AOVs.
 Vec3 EmittedRadiance(const RayRecord& ray, const ShadingPoint& point);
+
+// The balance heuristic (Veach and Guibas, "Optimally Combining Sampling Techniques", 1995) between `samples`
+// light samples and settings.rendererSample lobe rays of a first hit, and between one and one later on.
+// Densities are per solid angle.
+//
+// Density of the lobe that `event` names in a unit direction; 0 for lobes that draw no directions.
+float LobeDensity(const ShadingPoint& point, std::uint8_t event, Vec3 direction);
+// Of a light sample at the hit of `ray`; 1 where no lobe ray follows.
+float LightSampleWeight(const RayRecord& ray, float lightDensity, float lobeDensity, std::int32_t samples);
+// Of a ray that has found the light by a lobe.
+float LobeRayWeight(const RayRecord& ray, float lightDensity, float lobeDensity, std::int32_t samples);
+
+// Whether light that enters at this point leaves the surface somewhere else.
+bool Diffuses(const RayRecord& ray, const ShadingPoint& point);
+// Where it leaves: `exit` and the hit `exitRay` that stands for it, and the colour that the way costs. A draw
+// that finds nothing leaves the point where it is.
+void DrawExit(const RayRecord& ray, const ShadingPoint& point, RayRecord& exitRay, ShadingPoint& exit,
+              Vec3& weight);
 
 // Adds to one pixel of an AOV; does nothing for a picture that was not allocated as floats.
 void AddToAov(Aov& aov, std::size_t pixel, Vec3 value);

@@ -11,9 +11,9 @@
 namespace zp {
 namespace {
 
-// What each lobe sends back along the ray, and what the surface adds by itself.
-struct LobeRadiance {
-  Vec3 lambertian, transmissive, glossy, specular, emission;
+// The lobes' light, and what the surface adds by itself.
+struct HitRadiance : LobeRadiance {
+  Vec3 emission;
 };
 
 template <class T>
@@ -47,7 +47,7 @@ Vec3 HitUserData(const RayRecord& ray, const std::string& name) {
   return sum;
 }
 
-Vec3 AovValue(const Aov& aov, const RayRecord& ray, const ShadingPoint& point, const LobeRadiance& radiance) {
+Vec3 AovValue(const Aov& aov, const RayRecord& ray, const ShadingPoint& point, const HitRadiance& radiance) {
   switch (aov.channel) {  // Intended: equality. A word with two bits records nothing.
     case kChannelLambertian:
       return radiance.lambertian;
@@ -83,7 +83,7 @@ Vec3 AovValue(const Aov& aov, const RayRecord& ray, const ShadingPoint& point, c
 }
 
 [[gnu::noinline]] void WriteCameraAovs(Camera& camera, const RayRecord& ray, const ShadingPoint& point,
-                                       const LobeRadiance& radiance) {
+                                       const HitRadiance& radiance) {
   const auto samples = static_cast<float>(ray.sampleWeight);
   for (Aov& aov : camera.aovs)
     if (aov.channel > kChannelLightPath)
@@ -106,6 +106,12 @@ void TestElements(ShadingPoint& point) {
   }
   point.hasGlossy = TestElement(layer, Element::kGlossy, point.uv, point.glossyColor);
   point.hasSpecular = TestElement(layer, Element::kSpecular, point.uv, point.specularColor);
+}
+
+// Lights are not sampled inside a medium, which is known by its index of refraction.
+bool TakesDirectLight(const RayRecord& ray, const ShadingPoint& point) {
+  const bool diffuse = !point.useDensity && (point.hasLambertian || point.hasTransmissive);
+  return (diffuse || point.hasGlossy || ray.kind == kKindCylinder) && std::fabs(1 - ray.ior) < 1e-8f;
 }
 
 }  // namespace
@@ -132,9 +138,15 @@ Vec3 Radiance(RayRecord& ray) {
   if (!SetUpShadingPoint(ray, point)) return kBlack;
   TestElements(point);
 
-  LobeRadiance radiance;
-  if (point.hasLambertian) radiance.lambertian = GatherLambertian(ray, point) * point.lambertianColor;
-  if (point.hasTransmissive) radiance.transmissive = GatherTransmissive(ray, point) * point.transmissiveColor;
+  HitRadiance radiance;
+  if (TakesDirectLight(ray, point)) static_cast<LobeRadiance&>(radiance) = SampleLights(ray, point);
+  if (point.hasLambertian)
+    radiance.lambertian = (radiance.lambertian + GatherLambertian(ray, point)) * point.lambertianColor;
+  if (point.hasTransmissive)
+    radiance.transmissive =
+        (radiance.transmissive + GatherTransmissive(ray, point)) * point.transmissiveColor;
+  if (point.hasGlossy) radiance.glossy = (radiance.glossy + GatherGlossy(ray, point)) * point.glossyColor;
+  if (point.hasSpecular) radiance.specular = GatherSpecular(ray, point) * point.specularColor;
   radiance.emission = EmittedRadiance(ray, point);
 
   Camera* camera = ActiveCamera();

@@ -1,0 +1,90 @@
+// Light that a ray finds by itself: the sky behind a miss, and emission at a hit.
+
+#include "integrator/estimator.h"
+#include "lights/lights.h"
+
+namespace zp {
+namespace {
+
+// Whether samples of a light at the ray's start compete with it: it was drawn from a lobe, in the open.
+bool MeetsLightSamples(const RayRecord& ray) {
+  const bool lobe =
+      ray.event == kEventLambertian || ray.event == kEventTransmissive || ray.event == kEventGlossy;
+  return lobe && ray.parentPoint != nullptr && std::fabs(1 - ray.ior) < 1e-8f;
+}
+
+// The share of the sky that belongs to the ray, and not to samples of the sky.
+float SkyHitWeight(const RayRecord& ray) {
+  if (skyLight.sample <= 0 || BounceCount(ray) == 0 || !MeetsLightSamples(ray)) return 1;
+  return LobeRayWeight(ray, SkyDensity(ray.direction),
+                       LobeDensity(*ray.parentPoint, ray.event, ray.direction), skyLight.sample);
+}
+
+// The same for an emitter.
+float EmitterHitWeight(const RayRecord& ray, const ShadingPoint& point) {
+  if (!point.virtualLight || geometryLight.sample <= 0 || BounceCount(ray) == 0) return 1;
+  if (ray.event == kEventSpecular || ray.event == kEventSpecularRefraction) {
+    const bool diffuse = ray.previousEvent == kEventLambertian || ray.previousEvent == kEventTransmissive;
+    if (diffuse && geometryLight.photon == 0) return 1;  // else caustic photons bring it
+    if (ray.previousEvent == kEventGlossy) return 1;
+  }
+  if (!MeetsLightSamples(ray)) return 0;
+  const float cosine = Dot(point.outgoing, point.geometricNormal);
+  const float lobe = LobeDensity(*ray.parentPoint, ray.event, ray.direction);
+  if (!(cosine > 0) || !(lobe > 0) || !(geometryLight.area > 0)) return 0;
+  // From where the lobe was left: thin panes on the way count as nothing.
+  const Vec3 way = point.position - ray.parentPoint->position;
+  return LobeRayWeight(ray, Dot(way, way) / (cosine * geometryLight.area), lobe, geometryLight.sample);
+}
+
+// The channel of a light's AOV that records paths by their last scattering.
+std::uint32_t PathChannel(std::uint8_t event) {
+  switch (event) {
+    case kEventLambertian:
+      return kChannelLambertian;
+    case kEventTransmissive:
+      return kChannelTransmissive;
+    case kEventGlossy:
+    case kEventGlossyRefraction:
+      return kChannelGlossy;
+    case kEventSpecular:
+    case kEventSpecularRefraction:
+      return kChannelSpecular;
+    default:
+      return 0;
+  }
+}
+
+// A ray that comes from the camera, if only through thin panes, sees lights whatever they are linked to.
+bool IsCameraRay(const RayRecord& ray) { return ray.parentPoint == nullptr; }
+
+}  // namespace
+
+Vec3 MissRadiance(const RayRecord& ray) {
+  if (!IsCameraRay(ray)) {
+    if (!IsLinked(skyLight.link, ray.parentShader)) return kBlack;
+    return SkyHitWeight(ray) * SkyRadiance(ray.direction);
+  }
+  const Vec3 radiance = BackgroundRadiance(ray.direction);
+  if (ray.depth == 0)
+    for (Aov& aov : skyLight.aovs)
+      AddToAov(aov, threadSlots[ray.thread].pixel, radiance / static_cast<float>(ray.sampleWeight));
+  return radiance;
+}
+
+Vec3 EmittedRadiance(const RayRecord& ray, const ShadingPoint& point) {
+  if (!IsCameraRay(ray) && !IsLinked(geometryLight.link, ray.parentShader)) return kBlack;
+  const float weight = EmitterHitWeight(ray, point);
+  if (weight == 0) return kBlack;
+  Vec3 emission =
+      point.layer->window ? SkyRadiance(ray.direction) : LookUp((*point.layer)[Element::kEmissive], point.uv);
+  emission *= weight;
+  const std::uint32_t channel = PathChannel(ray.event);
+  for (Aov& aov : geometryLight.aovs)
+    if ((aov.channel & channel) != 0 && (aov.shaderIndex == kNone || aov.shaderIndex == ray.shader))
+      AddToAov(aov, threadSlots[ray.thread].pixel,
+               emission * ray.throughput / static_cast<float>(ray.sampleWeight));
+  return point.diffuseWeight * emission;
+}
+
+}  // namespace zp

@@ -1,0 +1,45 @@
+// Which share of a light belongs to its own samples, and which to the rays that find it.
+
+#include "integrator/estimator.h"
+
+namespace zp {
+namespace {
+
+// Shares of a light by its samples and by the lobe's rays; they add up to 1.
+float Share(float mine, float others) {
+  const float sum = mine + others;
+  return sum > 0 ? mine / sum : 0.0f;
+}
+
+bool LobeRayFollows(const RayRecord& ray) {
+  return BounceCount(ray) < settings.rendererBounce && ray.depth + 1 < settings.rayDepth;
+}
+
+}  // namespace
+
+float LobeDensity(const ShadingPoint& point, std::uint8_t event, Vec3 direction) {
+  switch (event) {
+    case kEventLambertian:
+    case kEventTransmissive:
+      return std::fabs(Dot(point.normal, direction)) / kPi;
+    case kEventGlossy:
+      return GlossyD(point, direction);
+    default:
+      return 0;
+  }
+}
+
+float LightSampleWeight(const RayRecord& ray, float lightDensity, float lobeDensity, std::int32_t samples) {
+  if (!LobeRayFollows(ray)) return 1;
+  if (BounceCount(ray) > 0) return Share(lightDensity, lobeDensity);
+  return Share(static_cast<float>(samples) * lightDensity,
+               static_cast<float>(settings.rendererSample) * lobeDensity);
+}
+
+float LobeRayWeight(const RayRecord& ray, float lightDensity, float lobeDensity, std::int32_t samples) {
+  if (BounceCount(ray) > 1) return Share(lobeDensity, lightDensity);
+  return Share(static_cast<float>(settings.rendererSample) * lobeDensity,
+               static_cast<float>(samples) * lightDensity);
+}
+
+}  // namespace zp
