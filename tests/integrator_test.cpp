@@ -3,7 +3,6 @@
 #include "integrator/integrator.h"
 
 #include <gtest/gtest.h>
-#include <omp.h>
 
 #include <array>
 #include <cmath>
@@ -11,131 +10,15 @@
 #include <vector>
 
 #include "accel/accel.h"
-#include "core/console.h"
 #include "core/random.h"
-#include "frame/frame.h"
-#include "geometry/object.h"
 #include "integrator/estimator.h"
-#include "lights/lights.h"
+#include "render_fixture.h"
 
 namespace zp {
 namespace {
 
-Vec3 Grey(float value) { return {value, value, value}; }
-
-std::int32_t AddShader(const char* name, Vec3 lambertian, Vec3 emissive, Vec3 transmissive = kBlack) {
-  Shader shader;
-  shader.name = name;
-  shader.surfaces.emplace_back();
-  shader.surfaces[0][Element::kLambertian].color = lambertian;
-  shader.surfaces[0][Element::kEmissive].color = emissive;
-  shader.surfaces[0][Element::kTransmissive].color = transmissive;
-  shaders.push_back(shader);
-  return static_cast<std::int32_t>(shaders.size()) - 1;
-}
-
-void AddTetragon(Part& part, std::array<Vec3, 4> corners, std::int32_t shader) {
-  const auto first = static_cast<std::uint32_t>(part.positions.size());
-  part.positions.insert(part.positions.end(), corners.begin(), corners.end());
-  part.tetragons.push_back({{first, first + 1, first + 2, first + 3}, shader});
-}
-
-void AddCube(Part& part, float half, std::int32_t shader) {
-  for (int axis = 0; axis < 3; ++axis)
-    for (float side : {-half, half}) {
-      std::array<Vec3, 4> corners;
-      for (int i = 0; i < 4; ++i) {
-        Vec3& p = corners[static_cast<std::size_t>(i)];
-        p[axis] = side;
-        p[(axis + 1) % 3] = i == 1 || i == 2 ? half : -half;
-        p[(axis + 2) % 3] = i >= 2 ? half : -half;
-      }
-      AddTetragon(part, corners, shader);
-    }
-}
-
-// A sphere of triangles: an octahedron, split `levels` times. With `smooth` its vertices have normals.
-void AddSphere(Part& part, int levels, bool smooth, std::int32_t shader) {
-  std::vector<std::array<Vec3, 3>> faces;
-  for (float x : {-1.0f, 1.0f})
-    for (float y : {-1.0f, 1.0f})
-      for (float z : {-1.0f, 1.0f}) faces.push_back({Vec3{x, 0, 0}, Vec3{0, y, 0}, Vec3{0, 0, z}});
-  for (; levels > 0; --levels) {
-    std::vector<std::array<Vec3, 3>> split;
-    for (const auto& [a, b, c] : faces) {
-      const Vec3 ab = SafeNormalize(a + b), bc = SafeNormalize(b + c), ca = SafeNormalize(c + a);
-      split.insert(split.end(), {{a, ab, ca}, {b, bc, ab}, {c, ca, bc}, {ab, bc, ca}});
-    }
-    faces.swap(split);
-  }
-  for (const auto& face : faces) {
-    const auto first = static_cast<std::uint32_t>(part.positions.size());
-    for (Vec3 p : face) {
-      part.positions.push_back(p);
-      if (smooth) part.normals.push_back(Pack(p));
-    }
-    part.triangles.push_back({{first, first + 1, first + 2}, shader});
-  }
-}
-
-class Integrator : public testing::Test {
+class Integrator : public RenderTest {
  protected:
-  void SetUp() override {
-    SetConsoleQuiet(true);
-    settings = {};
-    threads_ = omp_get_max_threads();
-    Startup(1);
-    skyLight.color = kWhite;
-    objectTable.emplace_back();
-    objectTable[0].parts.emplace_back();
-    cameras.emplace_back();
-    cameras[0].width = cameras[0].height = 16;
-    cameras[0].sample = 4;
-    cameras[0].aovs[0].image.fileName.clear();  // nothing is written to disk
-    LookFrom({0.7f, -4, 1.3f}, kBlack, 45);
-  }
-
-  void TearDown() override {
-    passReporter = nullptr;
-    omp_set_num_threads(threads_);
-    Finalize();
-    Shutdown();
-    settings = {};
-    SetConsoleQuiet(false);
-  }
-
-  static Part& Geometry() { return objectTable[0].parts[0]; }
-
-  static void LookFrom(Vec3 position, Vec3 target, float degrees) {
-    for (int i = 0; i < 2; ++i) {
-      cameras[0].poses[i].position = position;
-      cameras[0].poses[i].target = target;
-      cameras[0].poses[i].upVector = {0, 0, 1};
-      cameras[0].poses[i].fieldOfView = degrees;
-      cameras[0].poseWritten[i] = true;
-    }
-  }
-
-  static std::size_t AddAov(std::uint32_t channel, const char* userData = "undefined") {
-    cameras[0].aovs.emplace_back();
-    cameras[0].aovs.back().channel = channel;
-    cameras[0].aovs.back().userData = userData;
-    return cameras[0].aovs.size() - 1;
-  }
-
-  static const std::vector<float>& Pixels(std::size_t aov) { return cameras[0].aovs[aov].image.floatPixels; }
-
-  static float Average(std::size_t aov) {
-    double sum = 0;
-    for (float value : Pixels(aov)) sum += static_cast<double>(value);
-    return static_cast<float>(sum / static_cast<double>(Pixels(aov).size()));
-  }
-
-  static void Render() {
-    Initialize();
-    RenderLoop();
-  }
-
   // Every pixel shows the colour where the body is and the sky elsewhere, in the parts that its samples met.
   static void ExpectFurnace(float albedo) {
     const std::size_t cover = AddAov(kChannelLambertianColor);
@@ -149,9 +32,6 @@ class Integrator : public testing::Test {
     EXPECT_GT(covered, 0.1 * static_cast<double>(Pixels(0).size()));
     EXPECT_LT(covered, 0.9 * static_cast<double>(Pixels(0).size()));
   }
-
- private:
-  int threads_ = 1;
 };
 
 TEST_F(Integrator, FurnaceOfTetragons) {

@@ -1,0 +1,449 @@
+// Light that reaches a surface straight from a light, by rendered pixels: closed forms, shadows, links, and
+// agreement of light samples with rays that find the light by themselves.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+
+#include "accel/accel.h"
+#include "render_fixture.h"
+
+namespace zp {
+namespace {
+
+constexpr float kDegree = kPi / 180;
+constexpr Vec3 kPointColor = {0.8f, 0.4f, 0.2f};
+
+float Soft(float cosine, float offset) { return std::clamp((cosine - offset) / (1 - offset), 0.0f, 1.0f); }
+
+// A floor at z = 0 under a black sky, seen from straight above through all pixels as one point: the origin.
+class DirectLight : public RenderTest {
+ protected:
+  void SetUp() override {
+    RenderTest::SetUp();
+    skyLight.color = kBlack;
+    floor_ = AddShader("floor", kPointColor, kBlack);
+    AddPlane(0, 50, floor_);
+    LookDown(3);
+    cameras[0].width = cameras[0].height = 4;
+    cameras[0].sample = 2;
+    settings.rendererSample = 2;
+  }
+
+  // Without a light of its own at the next set-up.
+  void TearDown() override {
+    RenderTest::TearDown();
+    pointLights.clear();
+    parallelLights.clear();
+  }
+
+  void Restart() {
+    TearDown();
+    SetUp();
+  }
+
+  static void AddPlane(float z, float half, std::int32_t shader) {
+    AddTetragon(Geometry(),
+                {Vec3{-half, -half, z}, Vec3{half, -half, z}, Vec3{half, half, z}, Vec3{-half, half, z}},
+                shader);
+  }
+
+  static void LookDown(float height) {
+    LookFrom({0, 0, height}, kBlack, 0.05f);
+    for (CameraPose& pose : cameras[0].poses) pose.upVector = {0, 1, 0};
+  }
+
+  static PointLight& AddPointLight(Vec3 position, float offset = 0) {
+    PointLight& light = pointLights.emplace_back();
+    light.position = position;
+    light.offset = offset;
+    return light;
+  }
+
+  static Vec3 Mean3(std::size_t aov = 0) {
+    Vec3 sum;
+    const std::size_t count = Pixels(aov).size() / 3;
+    for (std::size_t i = 0; i < count; ++i)
+      for (int c = 0; c < 3; ++c) sum[c] += Pixels(aov)[3 * i + static_cast<std::size_t>(c)];
+    return sum / static_cast<float>(count);
+  }
+
+  static void ExpectColor(Vec3 expected, float tolerance, const std::string& what, std::size_t aov = 0) {
+    const Vec3 shown = Mean3(aov);
+    for (int c = 0; c < 3; ++c)
+      EXPECT_NEAR(shown[c], expected[c], tolerance * std::fabs(expected[c]) + 1e-6f)
+          << what << " channel " << c;
+  }
+
+  Shader& Floor() { return shaders[static_cast<std::size_t>(floor_)]; }
+  SurfaceShader& FloorLayer() { return Floor().surfaces[0]; }
+
+  std::int32_t floor_ = 0;
+};
+
+TEST_F(DirectLight, PointLightFallsOffByDistanceAndSoftCosine) {
+  for (float distance : {0.5f, 2.0f, 8.0f})
+    for (float degrees : {0.0f, 45.0f, 80.0f, 84.0f, 89.0f})
+      for (float offset : {0.0f, 0.1f, 0.5f}) {
+        Restart();
+        const float angle = degrees * kDegree;
+        AddPointLight(distance * Vec3{std::sin(angle), 0, std::cos(angle)}, offset).color = {1, 2, 3};
+        Render();
+        ExpectColor(kPointColor * Vec3{1, 2, 3} * (Soft(std::cos(angle), offset) / (distance * distance)),
+                    0.002f,
+                    std::to_string(distance) + " " + std::to_string(degrees) + " " + std::to_string(offset));
+      }
+}
+
+TEST_F(DirectLight, SpotFactorFallsBetweenItsAngles) {
+  struct Case {
+    float degrees, factor;
+  };
+  for (const Case& c : {Case{5, 1}, Case{15, 0.75f}, Case{20, 0.5f}, Case{28, 0.1f}, Case{31, 0}}) {
+    Restart();
+    PointLight& light = AddPointLight({0, 0, 2});
+    light.direction = 3 * Vec3{std::sin(c.degrees * kDegree), 0, -std::cos(c.degrees * kDegree)};
+    light.innerAngle = 10;
+    light.outerAngle = 30;
+    Render();
+    ExpectColor(kPointColor * (c.factor / 4), 0.005f, std::to_string(c.degrees));
+  }
+}
+
+TEST_F(DirectLight, ParallelLightShinesAlongItsDirectionAtAnyDistance) {
+  for (float degrees : {0.0f, 60.0f, 100.0f}) {
+    Restart();
+    ParallelLight& light = parallelLights.emplace_back();
+    light.zAxis = 5 * Vec3{0, -std::sin(degrees * kDegree), -std::cos(degrees * kDegree)};
+    Render();
+    ExpectColor(kPointColor * Soft(std::cos(degrees * kDegree), 0.1f), 0.001f, std::to_string(degrees));
+  }
+}
+
+TEST_F(DirectLight, LightsAddUpAndLinksChooseWhatTheyLight) {
+  AddPointLight({0, 0, 1}).color = {1, 0, 0};
+  AddPointLight({0, 0, 2}).color = {0, 4, 0};
+  PointLight& linked = AddPointLight({0, 0, 1});
+  linked.color = {0, 0, 1};
+  linked.link.names = {"floor", "no such shader"};
+  PointLight& elsewhere = AddPointLight({0, 0, 1});
+  elsewhere.color = {10, 10, 10};
+  elsewhere.link.names = {"undefined"};
+  Render();
+  ExpectColor(kPointColor, 0.001f, "sum");
+}
+
+TEST_F(DirectLight, SkyAndEmittersKeepToTheirLinks) {
+  for (bool emitter : {false, true})
+    for (bool linked : {false, true}) {
+      Restart();
+      ShaderLink& link = emitter ? geometryLight.link : skyLight.link;
+      link.names = {linked ? "floor" : "undefined"};
+      if (emitter)
+        AddPlane(4, 2000, AddShader("lamp", kBlack, kWhite));
+      else
+        skyLight.color = kWhite;
+      settings.rendererSample = 256;
+      Render();
+      ExpectColor(linked ? kPointColor : kBlack, 0.01f, linked ? "linked" : "excluded");
+    }
+  // The camera sees the background whatever the list says.
+  Restart();
+  skyLight.color = kWhite;
+  skyLight.link.names = {"undefined"};
+  LookFrom({0, 0, 3}, {0, 0, 4}, 20);
+  for (CameraPose& pose : cameras[0].poses) pose.upVector = {0, 1, 0};
+  Render();
+  ExpectColor(kWhite, 0.001f, "background");
+}
+
+TEST_F(DirectLight, TransmissiveLayerTakesLightFromBehindOnly) {
+  for (float z : {-2.0f, 2.0f}) {
+    Restart();
+    FloorLayer()[Element::kLambertian].color = kBlack;
+    FloorLayer()[Element::kTransmissive].color = kPointColor;
+    AddPointLight({0, 0, z}, 0.2f);
+    Render();
+    ExpectColor(z < 0 ? kPointColor / 4 : kBlack, 0.001f, std::to_string(z));
+  }
+}
+
+// The lobe by its own formula, from the angle between the half vector and the normal.
+TEST_F(DirectLight, GlossyHighlightFollowsItsLobe) {
+  for (float degrees : {0.0f, 10.0f, 25.0f}) {
+    Restart();
+    const float alpha = 0.2f, ior = 1.6f;
+    FloorLayer()[Element::kLambertian].color = kBlack;
+    FloorLayer()[Element::kGlossy].color = kPointColor;
+    FloorLayer()[Element::kRoughness].color = Grey(alpha);
+    FloorLayer()[Element::kIor].color = Grey(ior);
+    const float angle = degrees * kDegree;
+    AddPointLight({2 * std::sin(angle), 0, 2 * std::cos(angle)});
+    settings.rayDepth = 1;
+    Render();
+    const float fresnel = (0.6f / 2.6f) * (0.6f / 2.6f);  // seen from straight above
+    const float tangent = std::tan(angle / 2), cosine = std::cos(angle / 2), half = 2 * cosine;
+    const float ward = std::exp(-tangent * tangent / (alpha * alpha)) /
+                       (kPi * alpha * alpha * half * half * std::pow(cosine, 4.0f));
+    ExpectColor(kPointColor * (kPi * ward * std::cos(angle) * fresnel / 4), 0.005f, std::to_string(degrees));
+  }
+}
+
+TEST_F(DirectLight, PanesMultiplyTheirTransparencies) {
+  const Vec3 tint = {0.9f, 0.5f, 0.8f};
+  for (int panes : {1, 3, 7}) {
+    Restart();
+    const std::int32_t pane = AddShader("pane", kBlack, kBlack);
+    shaders[static_cast<std::size_t>(pane)].surfaces[0][Element::kShadowTransparency].color = tint;
+    for (int i = 0; i < panes; ++i) AddPlane(4 + 0.1f * static_cast<float>(i), 10, pane);
+    AddPointLight({0, 0, 6});
+    Render();
+    Vec3 product = kWhite;
+    for (int i = 0; i < panes; ++i) product *= tint;
+    ExpectColor(kPointColor * product / 36, 0.002f, std::to_string(panes));
+  }
+  // Opaque ones stop it, whatever side they show, and hidden ones as well.
+  for (bool hidden : {false, true}) {
+    Restart();
+    const std::int32_t wall = AddShader("wall", kWhite, kBlack);
+    if (hidden) shaders[static_cast<std::size_t>(wall)].geometry.visibility = Visibility::kNotCameraPrimary;
+    AddPlane(hidden ? 1 : 4, 10, wall);
+    AddPointLight({0, 0, 6});
+    Render();
+    ExpectColor(kBlack, 0, hidden ? "hidden" : "opaque");
+  }
+}
+
+TEST_F(DirectLight, ThinGlassDimsLightOnItsWayAndTheViewThroughIt) {
+  const float head = 0.04f, sheet = 2 * head / (1 + head);  // 0.0769 at normal incidence
+  for (bool seenThrough : {false, true}) {
+    Restart();
+    const std::int32_t pane = AddShader("pane", kBlack, kBlack);
+    SurfaceShader& layer = shaders[static_cast<std::size_t>(pane)].surfaces[0];
+    layer.material = Material::kThinDielectric;
+    layer[Element::kSpecular].color = kWhite;
+    layer[Element::kIor].color = Grey(1.5f);
+    AddPlane(seenThrough ? 1 : 4, 10, pane);
+    AddPointLight({0, 0, seenThrough ? 0.5f : 6});
+    if (seenThrough) LookDown(3);
+    Render();
+    ExpectColor(kPointColor * ((1 - sheet) / (seenThrough ? 0.25f : 36)), 0.002f,
+                seenThrough ? "view" : "light");
+  }
+}
+
+// Half of a spherical lamp stands behind an edge: half of its light arrives.
+TEST_F(DirectLight, BlurredLightsCastSoftShadows) {
+  for (bool parallel : {false, true}) {
+    Restart();
+    const std::int32_t wall = AddShader("wall", kBlack, kBlack);
+    AddTetragon(Geometry(), {Vec3{0, -50, 4}, Vec3{50, -50, 4}, Vec3{50, 50, 4}, Vec3{0, 50, 4}}, wall);
+    if (parallel) {
+      ParallelLight& light = parallelLights.emplace_back();
+      light.zAxis = {0, 0, -1};
+      light.blur = 10;
+      light.sample = 512;
+      light.offset = 0;
+    } else {
+      PointLight& light = AddPointLight({0, 0, 8});
+      light.blur = 0.5f;
+      light.sample = 512;
+    }
+    LookFrom({-0.5f, 0, 3}, kBlack, 0.05f);
+    Render();
+    const Vec3 open = kPointColor * (parallel ? 0.9924f : 1 / 64.0f);  // the cone's mean cosine
+    ExpectColor(open * 0.5f, 0.02f, parallel ? "parallel" : "point");
+  }
+}
+
+// Diffusion moves light over a surface and, where that is endless, neither adds nor loses any. Where the
+// light has an edge, the widest channel reaches farthest into the shadow.
+TEST_F(DirectLight, DiffusionSpreadsLight) {
+  FloorLayer()[Element::kLambertian].color = Grey(0.5f);
+  FloorLayer()[Element::kDiffusion].color = Grey(0.01f);
+  ParallelLight& light = parallelLights.emplace_back();
+  light.zAxis = {0, 0, -1};
+  Render();
+  ExpectColor(Grey(0.5f), 0.001f, "endless");
+
+  Restart();
+  FloorLayer()[Element::kLambertian].color = kWhite;
+  FloorLayer()[Element::kDiffusion].color = {0.04f, 0.01f, 0.0025f};
+  const std::int32_t wall = AddShader("wall", kBlack, kBlack);
+  AddTetragon(Geometry(), {Vec3{-0.1f, -50, 4}, Vec3{50, -50, 4}, Vec3{50, 50, 4}, Vec3{-0.1f, 50, 4}}, wall);
+  ParallelLight& sun = parallelLights.emplace_back();
+  sun.zAxis = {0, 0, -1};
+  sun.sample = 4096;
+  LookFrom({-0.5f, 0, 3}, kBlack, 0.05f);
+  Render();
+  const Vec3 shown = Mean3();
+  EXPECT_GT(shown.x, 1.2f * shown.y);
+  EXPECT_GT(shown.y, 1.2f * shown.z);
+  EXPECT_GT(shown.z, 0);
+  EXPECT_LT(shown.x, 0.5f);
+}
+
+// A picture of the sky in memory, found by name: dim all over, with a disc of light around `sun`.
+void AddSkyPicture(Vec3 sun, float radiance) {
+  ImageBuffer image;
+  Allocate(image, 512, 256, 3, 32, false);
+  for (int y = 0; y < 256; ++y)
+    for (int x = 0; x < 512; ++x) {
+      // The zenith is at the top, and the top row is the last one.
+      const float theta = kPi * (1 - (static_cast<float>(y) + 0.5f) / 256);
+      const float phi = 2 * kPi * (static_cast<float>(x) + 0.5f) / 512;
+      const Vec3 direction = {std::sin(theta) * std::cos(phi), std::sin(theta) * std::sin(phi),
+                              std::cos(theta)};
+      // Wherever the map's seam and handedness put it: the disc is drawn around both candidates' mirror
+      // images.
+      const bool inSun = Dot(direction, sun) > std::cos(6 * kDegree);
+      WritePixel(image, inSun ? Vec3{radiance, radiance, 0.5f * radiance} : Vec3{0.3f, 0.5f, 0.7f},
+                 static_cast<std::size_t>(y) * 512 + static_cast<std::size_t>(x));
+    }
+  image.loaded = true;
+  image.fileName = "sun in memory";
+  images.push_back(image);
+  skyLight.image = image.fileName;
+}
+
+// Light samples and rays that find the light agree in the mean, for floor and shadowed wall alike.
+TEST_F(DirectLight, SkySamplesDoNotChangeTheMean) {
+  enum Kind { kPlain, kSun, kAnalytic };
+  for (Kind kind : {kPlain, kSun, kAnalytic}) {
+    Vec3 shown[2];
+    for (int sampled : {0, 1}) {
+      Restart();
+      skyLight.color = kWhite;
+      skyLight.sample = 64 * sampled;
+      if (kind == kSun) AddSkyPicture(SafeNormalize({0.3f, 0.5f, 0.6f}), 60);
+      if (kind == kAnalytic) skyLight.image = "analytic";
+      FloorLayer()[Element::kLambertian].color = Grey(0.7f);
+      const std::int32_t wall = AddShader("wall", Grey(0.5f), kBlack);
+      AddTetragon(Geometry(), {Vec3{1, -3, 0}, Vec3{1, 3, 0}, Vec3{1, 3, 1}, Vec3{1, -3, 1}}, wall);
+      settings.rendererBounce = 2;
+      settings.rendererSample = 4096;
+      cameras[0].width = cameras[0].height = 8;
+      cameras[0].sample = 4;
+      Render();
+      shown[sampled] = Mean3();
+      EXPECT_EQ(skyLight.sample, 64) << "the frame's end puts the default back";
+      skyLight.image.clear();
+    }
+    for (int c = 0; c < 3; ++c)
+      EXPECT_NEAR(shown[1][c] / shown[0][c], 1, 0.02f) << "kind " << kind << " channel " << c;
+  }
+}
+
+// The geometry light's constant stands for pi over an area of 1.7e-4: with a lamp of just that size, samples
+// of the lamp and rays that find it agree in the mean.
+TEST_F(DirectLight, EmitterSamplesDoNotChangeTheMean) {
+  const float half = 0.5f * std::sqrt(kPi / 18481.0f);
+  Vec3 shown[2];
+  for (int sampled : {0, 1}) {
+    Restart();
+    FloorLayer()[Element::kLambertian].color = Grey(0.7f);
+    const std::int32_t lamp = AddShader("lamp", kBlack, {9, 6, 3});
+    shaders[static_cast<std::size_t>(lamp)].surfaces[0].virtualLight = sampled == 1;
+    const float z = 0.04f;
+    AddTetragon(Geometry(),
+                {Vec3{-half, -half, z}, Vec3{-half, half, z}, Vec3{half, half, z}, Vec3{half, -half, z}},
+                lamp);
+    geometryLight.sample = 64 * sampled;
+    settings.rendererSample = 4096;
+    LookFrom({1, 0, 0.05f}, {0.02f, 0, 0}, 0.02f);
+    Render();
+    shown[sampled] = Mean3();
+  }
+  EXPECT_GT(shown[0].x, 0.01f);
+  for (int c = 0; c < 3; ++c) EXPECT_NEAR(shown[1][c] / shown[0][c], 1, 0.02f) << c;
+}
+
+// Each light's own pictures hold its light, by lobe, and together they are the beauty image.
+TEST_F(DirectLight, LightAovsAddUpToTheBeautyImage) {
+  const auto addAov = [](std::vector<Aov>& aovs, std::uint32_t channel) {
+    aovs.emplace_back().channel = kChannelBeauty | channel;
+  };
+  for (bool triangles : {false, true}) {
+    Restart();
+    if (triangles) {
+      Part& part = Geometry();
+      part.triangles = {{{0, 1, 2}, floor_}, {{0, 2, 3}, floor_}};
+      part.tetragons.clear();
+    }
+    SurfaceShader& layer = FloorLayer();
+    layer[Element::kGlossy].color = kPointColor;
+    layer[Element::kTransmissive].color = Grey(0.3f);
+    layer[Element::kEmissive].color = Grey(0.25f);
+    layer[Element::kRoughness].color = Grey(0.4f);
+    layer[Element::kIor].color = Grey(1.5f);
+    const std::uint32_t all = kChannelLambertian | kChannelTransmissive | kChannelGlossy | kChannelSpecular;
+    PointLight& above = AddPointLight({0.5f, 0, 2});
+    for (std::uint32_t channel : {+kChannelLambertian, +kChannelTransmissive, +kChannelGlossy, all})
+      addAov(above.aovs, channel);
+    PointLight& below = AddPointLight({0, 0, -2});
+    addAov(below.aovs, all);
+    parallelLights.emplace_back().zAxis = {0, 0, -1};
+    addAov(parallelLights[0].aovs, all);
+    addAov(geometryLight.aovs, all);
+    geometryLight.aovs.push_back(geometryLight.aovs[0]);
+    geometryLight.aovs[0].shaderName = "floor";
+    geometryLight.aovs[1].shaderName = "undefined";
+    const std::size_t parts[] = {AddAov(kChannelLambertian), AddAov(kChannelTransmissive),
+                                 AddAov(kChannelGlossy), AddAov(kChannelSpecular), AddAov(kChannelEmissive)};
+    const std::size_t color = AddAov(kChannelGlossyColor);
+    settings.rayDepth = 1;  // no light but from the lights
+    Initialize();
+    for (std::uint32_t pass = 0; pass < 2; ++pass) {
+      settings.samplePass = static_cast<std::int32_t>(pass);
+      RenderPixels(pass);
+    }
+    const auto mean = [](const std::vector<float>& pixels) {
+      double sum = 0;
+      for (float p : pixels) sum += static_cast<double>(p);
+      return sum / static_cast<double>(pixels.size());
+    };
+    const auto light = [&](const Aov& aov) { return mean(aov.image.floatPixels); };
+    const double beauty = mean(Pixels(0));
+    double lobes = 0;
+    for (std::size_t part : parts) lobes += mean(Pixels(part));
+    EXPECT_NEAR(lobes, beauty, 1e-4 * beauty);
+    EXPECT_NEAR(light(pointLights[0].aovs[0]) + light(pointLights[0].aovs[1]) + light(pointLights[0].aovs[2]),
+                light(pointLights[0].aovs[3]), 1e-4 * beauty);
+    EXPECT_EQ(light(pointLights[0].aovs[1]), 0);
+    EXPECT_GT(light(pointLights[0].aovs[2]), 0);
+    EXPECT_GT(light(geometryLight.aovs[0]), 0.2);
+    EXPECT_EQ(light(geometryLight.aovs[1]), 0);
+    EXPECT_NEAR(light(pointLights[0].aovs[3]) + light(pointLights[1].aovs[0]) +
+                    light(parallelLights[0].aovs[0]) + mean(Pixels(parts[4])),
+                beauty, 1e-4 * beauty);
+    EXPECT_NEAR(mean(Pixels(color)), static_cast<double>(Mean(kPointColor)), 1e-5);
+  }
+}
+
+// What bounces on is lit again; light is sampled as far as the bounces go, and not behind.
+TEST_F(DirectLight, BouncedLightIsSampledUpToTheLastBounce) {
+  for (int bounces : {1, 3}) {
+    Restart();
+    shaders[static_cast<std::size_t>(floor_)].surfaces[0][Element::kLambertian].color = Grey(0.5f);
+    const std::int32_t ceiling = AddShader("ceiling", Grey(0.5f), kBlack);
+    AddPlane(6, 50, ceiling);
+    for (float z : {2.9f, 3.1f}) {  // both plates get the same light, all over
+      ParallelLight& light = parallelLights.emplace_back();
+      light.zAxis = {0, 0, z < 3 ? -1.0f : 1.0f};
+      light.offset = 0;
+    }
+    for (std::int32_t plate : {floor_, ceiling})
+      shaders[static_cast<std::size_t>(plate)].surfaces[0][Element::kShadowTransparency].color = kWhite;
+    settings.rendererBounce = bounces;
+    settings.rendererSample = 1024;
+    Render();
+    double expected = 0;
+    for (int k = 0; k <= bounces; ++k) expected += std::pow(0.5, k + 1);
+    EXPECT_NEAR(Mean3().x, expected, 0.02 * expected) << bounces;
+  }
+}
+
+}  // namespace
+}  // namespace zp

@@ -1,0 +1,312 @@
+// Glossy, specular and emissive layers, glass and media, by rendered pixels against closed forms.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+
+#include "render_fixture.h"
+
+namespace zp {
+namespace {
+
+constexpr float kDegree = kPi / 180;
+constexpr float kGlass = 1.5f;
+
+float Schlick(float ior, float cosine) {
+  const float head = (ior - 1) * (ior - 1) / ((ior + 1) * (ior + 1));
+  return head + (1 - head) * std::pow(1 - cosine, 5.0f);
+}
+
+class Materials : public RenderTest {
+ protected:
+  void SetUp() override {
+    RenderTest::SetUp();
+    cameras[0].width = cameras[0].height = 4;
+    cameras[0].sample = 2;
+    settings.rendererSample = 2;
+  }
+  void Restart() {
+    TearDown();
+    SetUp();
+  }
+
+  static SurfaceShader& Layer(std::int32_t shader) {
+    return shaders[static_cast<std::size_t>(shader)].surfaces[0];
+  }
+
+  static std::int32_t AddGlass(Material material, float ior = kGlass) {
+    const std::int32_t shader = AddShader("glass", kBlack, kBlack);
+    Layer(shader)[Element::kSpecular].color = kWhite;
+    Layer(shader)[Element::kIor].color = Grey(ior);
+    Layer(shader).material = material;
+    return shader;
+  }
+
+  // A rectangle in the plane z, facing up.
+  static void AddFloor(float z, float half, std::int32_t shader) {
+    AddTetragon(Geometry(),
+                {Vec3{-half, -half, z}, Vec3{half, -half, z}, Vec3{half, half, z}, Vec3{-half, half, z}},
+                shader);
+  }
+
+  // A slab from z = -thickness to 0, its faces outwards.
+  static void AddSlab(float thickness, std::int32_t shader) {
+    AddFloor(0, 100, shader);
+    const float z = -thickness;
+    AddTetragon(Geometry(), {Vec3{-100, -100, z}, Vec3{-100, 100, z}, Vec3{100, 100, z}, Vec3{100, -100, z}},
+                shader);
+  }
+
+  // An emissive floor whose red shows where it is: x / 10 + 0.5 over ten units, green is 1.
+  static void AddRuler(float z) {
+    ImageBuffer image;
+    Allocate(image, 1024, 1, 3, 32, false);
+    for (int x = 0; x < 1024; ++x)
+      WritePixel(image, {static_cast<float>(x) / 1024, 1, 0}, static_cast<std::size_t>(x));
+    image.loaded = true;
+    image.fileName = "ruler";
+    images.push_back(image);
+    const std::int32_t ruler = AddShader("ruler", kBlack, kWhite);
+    Layer(ruler)[Element::kEmissive].imageName = "ruler";
+    AddFloor(z, 5, ruler);
+    Geometry().uvSets[0].values.resize(Geometry().positions.size());
+    const std::size_t first = Geometry().positions.size() - 4;
+    for (std::size_t i = 0; i < 4; ++i) {
+      const Vec3 p = Geometry().positions[first + i];
+      Geometry().uvSets[0].values[first + i] = {p.x / 10 + 0.5f, p.y / 10 + 0.5f};
+    }
+  }
+
+  // Straight at the origin from `degrees` off the z axis, all pixels as one.
+  static void LookAtOrigin(float degrees, float distance = 5) {
+    LookFrom(distance * Vec3{-std::sin(degrees * kDegree), 0, std::cos(degrees * kDegree)}, kBlack, 0.02f);
+    for (CameraPose& pose : cameras[0].poses) pose.upVector = {0, 1, 0};
+  }
+
+  static Vec3 Shown() {
+    Vec3 sum;
+    const std::size_t count = Pixels(0).size() / 3;
+    for (std::size_t i = 0; i < count; ++i)
+      for (int c = 0; c < 3; ++c) sum[c] += Pixels(0)[3 * i + static_cast<std::size_t>(c)];
+    return sum / static_cast<float>(count);
+  }
+
+  static float RulerPosition() { return 10 * (Shown().x / Shown().y - 0.5f); }
+};
+
+TEST_F(Materials, MirrorShowsFresnelReflectance) {
+  for (float degrees : {0.0f, 45.0f, 80.0f}) {
+    Restart();
+    AddFloor(0, 50, AddGlass(Material::kConductor, 2.0f));
+    LookAtOrigin(degrees);
+    Render();
+    EXPECT_NEAR(Shown().x, Schlick(2, std::cos(degrees * kDegree)), 1e-4f) << degrees;
+  }
+  // An index of 1 has no reflection at all.
+  Restart();
+  AddFloor(0, 50, AddGlass(Material::kConductor, 1.0f));
+  LookAtOrigin(80);
+  Render();
+  EXPECT_EQ(Shown().x, 0);
+}
+
+TEST_F(Materials, ThinGlassReflectsASheetAndTransmitsTheRest) {
+  for (float degrees : {0.0f, 60.0f})
+    for (bool reflection : {true, false}) {
+      Restart();
+      skyLight.color = reflection ? kWhite : kBlack;
+      AddFloor(0, 50, AddGlass(Material::kThinDielectric));
+      AddFloor(-1, 50, AddShader("ground", kBlack, reflection ? kBlack : kWhite));
+      LookAtOrigin(degrees);
+      Render();
+      const float f = Schlick(kGlass, std::cos(degrees * kDegree)), sheet = 2 * f / (1 + f);
+      if (degrees == 0) {
+        EXPECT_NEAR(sheet, 0.0769f, 1e-4f);
+      }
+      EXPECT_NEAR(Shown().x, reflection ? sheet : 1 - sheet, 1e-4f) << degrees;
+    }
+}
+
+// Through a slab a ray goes on beside its line, by the thickness and both angles.
+TEST_F(Materials, SlabShiftsTheViewBySnellsLaw) {
+  for (float degrees : {0.0f, 30.0f, 60.0f}) {
+    Restart();
+    skyLight.color = kBlack;
+    const float thickness = 2, below = 1;
+    AddSlab(thickness, AddGlass(Material::kDielectric));
+    AddRuler(-thickness - below);
+    LookAtOrigin(degrees);
+    settings.rayDepth = 3;  // no reflections within the slab
+    Render();
+    const float sine = std::sin(degrees * kDegree), inside = std::asin(sine / kGlass);
+    const float expected = thickness * std::tan(inside) + below * std::tan(degrees * kDegree);
+    EXPECT_NEAR(RulerPosition(), expected, 0.01f) << degrees;
+    const float enter = 1 - Schlick(kGlass, std::cos(degrees * kDegree));
+    const float leave = 1 - Schlick(1 / kGlass, std::cos(inside));
+    EXPECT_NEAR(Shown().y, enter * leave, 0.002f) << degrees;
+  }
+}
+
+// A ray at a distance b from the centre of a glass ball leaves it turned by twice the difference of its
+// angles.
+TEST_F(Materials, GlassBallBendsRaysTwice) {
+  for (float b : {0.0f, 0.3f, 0.6f}) {
+    Restart();
+    skyLight.color = kBlack;
+    AddSphere(Geometry(), 6, false, AddGlass(Material::kDielectric));
+    AddRuler(-2);
+    LookFrom({-b, 0, 5}, {-b, 0, 0}, 0.02f);
+    for (CameraPose& pose : cameras[0].poses) pose.upVector = {0, 1, 0};
+    settings.rayDepth = 3;
+    Render();
+    const float outside = std::asin(b), inside = std::asin(b / kGlass);
+    const float turn = 2 * (outside - inside);
+    const float exit = outside - 2 * inside;  // off the downward axis, seen from the centre
+    const float expected = std::sin(exit) + (2 - std::cos(exit)) * std::tan(turn);
+    EXPECT_NEAR(RulerPosition(), expected, 0.06f) << b;
+  }
+}
+
+// A prism turns the view at its long side without loss, since 45 degrees is past the critical angle.
+TEST_F(Materials, TotalReflectionKeepsAllLight) {
+  for (bool total : {true, false}) {
+    Restart();
+    skyLight.color = kBlack;
+    const float ior = total ? kGlass : 1.3f;  // critical angles 41.8 and 50.3 degrees
+    const std::int32_t glass = AddGlass(Material::kDielectric, ior);
+    const auto add = [&](Vec3 a, Vec3 b) {  // a face of the prism along y, from a to b in its cross section
+      AddTetragon(Geometry(), {Vec3{a.x, -9, a.z}, Vec3{b.x, -9, b.z}, Vec3{b.x, 9, b.z}, Vec3{a.x, 9, a.z}},
+                  glass);
+    };
+    add({-1, 0, 1}, {1, 0, 1});   // top
+    add({1, 0, 1}, {1, 0, -1});   // right
+    add({1, 0, -1}, {-1, 0, 1});  // long side
+    const std::int32_t lamp = AddShader("lamp", kBlack, kWhite);
+    AddTetragon(Geometry(), {Vec3{3, -9, -9}, Vec3{3, 9, -9}, Vec3{3, 9, 9}, Vec3{3, -9, 9}}, lamp);
+    LookFrom({0.2f, 0, 5}, {0.2f, 0, 0}, 0.02f);
+    for (CameraPose& pose : cameras[0].poses) pose.upVector = {0, 1, 0};
+    settings.rayDepth = 4;
+    Render();
+    const float pass = 1 - Schlick(ior, 1);
+    const float turned = total ? 1 : Schlick(1 / ior, std::cos(45 * kDegree));
+    EXPECT_NEAR(Shown().x, pass * pass * turned, 0.002f) << ior;
+  }
+}
+
+TEST_F(Materials, MediaAttenuateByPowersOfTheDistance) {
+  const Vec3 glass = {0.5f, 0.25f, 1}, air = {0.9f, 1, 0.8f};
+  skyLight.color = kBlack;
+  const std::int32_t shader = AddGlass(Material::kDielectric);
+  shaders[static_cast<std::size_t>(shader)].volume.transmittance = glass;
+  globalVolume.transmittance = air;
+  const float thickness = 2, above = 5, below = 1.5f;
+  AddSlab(thickness, shader);
+  AddFloor(-thickness - below, 50, AddShader("lamp", kBlack, kWhite));
+  LookAtOrigin(0, above);
+  settings.rayDepth = 3;
+  Render();
+  const float surfaces = 0.96f * 0.96f;
+  for (int c = 0; c < 3; ++c) {
+    const float expected = surfaces * std::pow(glass[c], thickness) * std::pow(air[c], above + below);
+    EXPECT_NEAR(Shown()[c], expected, 0.002f * expected) << c;
+  }
+}
+
+// Light behind glass: a point in the open behind two crossings takes direct light again.
+TEST_F(Materials, BehindGlassItIsOpenAgain) {
+  for (float ior : {1.1f, 1.33f, 1.5f, 1.7f, 2.4f}) {
+    Restart();
+    skyLight.color = kBlack;
+    AddSlab(1, AddGlass(Material::kDielectric, ior));
+    AddFloor(-3, 50, AddShader("ground", Grey(0.5f), kBlack));
+    PointLight& light = pointLights.emplace_back();
+    light.position = {0, 0, -2};
+    light.offset = 0;
+    LookAtOrigin(0);
+    settings.rayDepth = 3;
+    Render();
+    const float pass = 1 - Schlick(ior, 1);
+    EXPECT_NEAR(Shown().x, 0.5f * pass * pass, 0.001f) << ior;
+    pointLights.clear();
+  }
+}
+
+TEST_F(Materials, LayersMixInProportionToTheirWeights) {
+  const std::int32_t shader = AddShader("mixture", kBlack, {1, 0, 0});
+  std::vector<SurfaceShader>& surfaces = shaders[static_cast<std::size_t>(shader)].surfaces;
+  surfaces.resize(3, surfaces[0]);
+  surfaces[1][Element::kEmissive].color = {0, 1, 0};
+  surfaces[2][Element::kEmissive].color = {0, 0, 1};
+  const Vec3 weights = {0.5f, 0.3f, 1.2f};
+  for (int i = 0; i < 3; ++i)
+    surfaces[static_cast<std::size_t>(i)][Element::kWeight].color = Grey(weights[i]);
+  AddFloor(0, 50, shader);
+  LookAtOrigin(0);
+  cameras[0].width = cameras[0].height = 32;
+  cameras[0].sample = 32;
+  Render();
+  for (int c = 0; c < 3; ++c) EXPECT_NEAR(Shown()[c], weights[c] / 2, 0.01f) << c;
+}
+
+// No body that only reflects or refracts shows more than the white sky around it.
+TEST_F(Materials, GlossyAndSpecularBodiesGainNoEnergy) {
+  struct Case {
+    Material material;
+    float roughness, anisotropy, ior;
+  };
+  std::vector<Case> cases;
+  for (Material material : {Material::kConductor, Material::kDielectric, Material::kThinDielectric})
+    for (float roughness : {-1.0f, 0.0f, 0.1f, 0.4f, 1.0f})  // -1: specular
+      for (float anisotropy : {0.0f, 0.8f})
+        for (float ior : {1.2f, 1.5f, 4.0f})
+          if (anisotropy == 0 || roughness > 0) cases.push_back({material, roughness, anisotropy, ior});
+  for (const Case& c : cases)
+    for (bool sphere : {true, false}) {
+      Restart();
+      const std::int32_t shader = AddGlass(c.material, c.ior);
+      if (c.roughness >= 0) {
+        Layer(shader)[Element::kSpecular].color = kBlack;
+        Layer(shader)[Element::kGlossy].color = kWhite;
+        Layer(shader)[Element::kRoughness].color = Grey(c.roughness);
+        Layer(shader)[Element::kAnisotropy].color = Grey(c.anisotropy);
+      }
+      if (sphere)
+        AddSphere(Geometry(), 3, true, shader);
+      else
+        AddCube(Geometry(), 0.8f, shader);
+      cameras[0].width = cameras[0].height = 8;
+      settings.rendererSample = 32;
+      settings.rendererBounce = 4;
+      Render();
+      const float most = *std::max_element(Pixels(0).begin(), Pixels(0).end());
+      const float least = *std::min_element(Pixels(0).begin(), Pixels(0).end());
+      EXPECT_LE(most, 1.0001f) << static_cast<int>(c.material) << " " << c.roughness << " " << c.anisotropy
+                               << " " << c.ior << (sphere ? " sphere" : " cube");
+      EXPECT_LT(least, 1);
+      EXPECT_GE(least, 0);
+    }
+}
+
+// A white glossy or specular glass ball in a white sky shows what its bounces bring out again: nearly all.
+TEST_F(Materials, LosslessGlassVanishesInAWhiteSky) {
+  for (float roughness : {-1.0f, 0.3f}) {
+    Restart();
+    const std::int32_t shader = AddGlass(Material::kDielectric);
+    if (roughness >= 0) {
+      Layer(shader)[Element::kSpecular].color = kBlack;
+      Layer(shader)[Element::kGlossy].color = kWhite;
+      Layer(shader)[Element::kRoughness].color = Grey(roughness);
+    }
+    AddSphere(Geometry(), 4, true, shader);
+    settings.rayDepth = 12;
+    settings.rendererBounce = 12;
+    settings.rendererSample = 64;
+    Render();
+    EXPECT_GT(Average(0), 0.97f) << roughness;
+  }
+}
+
+}  // namespace
+}  // namespace zp
