@@ -5,7 +5,11 @@ Run it after changing a shape; the models are kept in the repository, so a rende
 """
 
 import math
+import sys
 from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
+from modelling import Model, arc, cross, smooth, sub, unit  # noqa: E402
 
 FOLDER = Path(__file__).resolve().parent / "model"
 
@@ -15,107 +19,6 @@ RADIUS = 0.9      # of an arch
 WALL_TOP = 4.2
 THICK = 0.25      # half thickness of an arcade wall
 RING = 0.5        # radius of the ring that the sculpture winds around
-
-
-def sub(a, b):
-    return tuple(x - y for x, y in zip(a, b))
-
-
-def cross(a, b):
-    return (a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0])
-
-
-def unit(a):
-    length = math.sqrt(sum(x * x for x in a)) or 1.0
-    return tuple(x / length for x in a)
-
-
-def text(value, digits):
-    """The shortest decimal of at most so many digits."""
-    short = f"{value:.{digits}f}".rstrip("0").rstrip(".")
-    return "0" if short == "-0" else short
-
-
-class Model:
-    """Vertices and normals, each written once, and faces that name them."""
-
-    def __init__(self):
-        self.positions, self.normals, self.lines = {}, {}, []
-
-    def index(self, table, value, digits):
-        return table.setdefault(tuple(text(x, digits) for x in value), len(table) + 1)
-
-    def shader(self, name):
-        self.lines.append(f"usemtl {name}")
-
-    def face(self, points, normals=None):
-        """Corners counter-clockwise as seen from the front."""
-        corners = [str(self.index(self.positions, p, 4)) for p in points]
-        if normals:
-            corners = [f"{c}//{self.index(self.normals, n, 3)}" for c, n in zip(corners, normals)]
-        self.lines.append("f " + " ".join(corners))
-
-    def box(self, low, high, skip=""):
-        """Sides are named -x +x -y +y -z +z; those in `skip` are left out."""
-        (x0, y0, z0), (x1, y1, z1) = low, high
-        sides = {
-            "-x": [(x0, y1, z0), (x0, y0, z0), (x0, y0, z1), (x0, y1, z1)],
-            "+x": [(x1, y0, z0), (x1, y1, z0), (x1, y1, z1), (x1, y0, z1)],
-            "-y": [(x0, y0, z0), (x1, y0, z0), (x1, y0, z1), (x0, y0, z1)],
-            "+y": [(x1, y1, z0), (x0, y1, z0), (x0, y1, z1), (x1, y1, z1)],
-            "-z": [(x0, y1, z0), (x1, y1, z0), (x1, y0, z0), (x0, y0, z0)],
-            "+z": [(x0, y0, z1), (x1, y0, z1), (x1, y1, z1), (x0, y1, z1)],
-        }
-        for name, points in sides.items():
-            if name not in skip.split():
-                self.face(points)
-
-    def grid(self, points, normals):
-        """Rows of points; (row direction) x (column direction) looks to the front."""
-        for r in range(len(points) - 1):
-            for c in range(len(points[r]) - 1):
-                at = [(r, c), (r + 1, c), (r + 1, c + 1), (r, c + 1)]
-                self.face([points[i][j] for i, j in at], [normals[i][j] for i, j in at])
-
-    def lathe(self, profile, segments):
-        """Turns smooth runs of (radius, height), from bottom to top, around the z axis."""
-        for run in profile:
-            slopes = []
-            for i in range(len(run)):
-                a, b = run[max(i - 1, 0)], run[min(i + 1, len(run) - 1)]
-                slopes.append(unit((b[1] - a[1], a[0] - b[0])))
-            points, normals = [], []
-            for k in range(segments + 1):
-                angle = 2 * math.pi * (k % segments) / segments
-                c, s = math.cos(angle), math.sin(angle)
-                points.append([(r * c, r * s, z) for r, z in run])
-                normals.append([(n * c, n * s, m) for n, m in slopes])
-            self.grid(points, normals)
-
-    def write(self, name):
-        rows = [f"v {' '.join(p)}" for p in self.positions]
-        rows += [f"vn {' '.join(n)}" for n in self.normals]
-        FOLDER.mkdir(exist_ok=True)
-        (FOLDER / name).write_text("\n".join(rows + self.lines) + "\n", encoding="ascii")
-
-
-def arc(center, radius, first, last, steps):
-    """Points of a circle in the (radius, height) plane; angles in degrees."""
-    angles = [math.radians(first + (last - first) * i / steps) for i in range(steps + 1)]
-    return [(center[0] + radius * math.cos(a), center[1] + radius * math.sin(a)) for a in angles]
-
-
-def smooth(points, steps):
-    """A Catmull-Rom curve through points of any dimension."""
-    padded = [points[0], *points, points[-1]]
-    curve = []
-    for i in range(len(points) - 1):
-        a, b, c, d = padded[i:i + 4]
-        for k in range(steps):
-            t = k / steps
-            curve.append(tuple(0.5 * (2 * q + (r - p) * t + (2 * p - 5 * q + 4 * r - s) * t**2
-                                      + (3 * q - p - 3 * r + s) * t**3) for p, q, r, s in zip(a, b, c, d)))
-    return curve + [points[-1]]
 
 
 def column():
@@ -133,7 +36,7 @@ def column():
         smooth([(0.152, 2.30), (0.17, 2.34), (0.22, 2.40), (0.265, 2.44), (0.27, 2.46)], 3),
     ], 28)
     model.box((-0.31, -0.31, 2.46), (0.31, 0.31, SPRING))     # abacus
-    model.write("column.obj")
+    model.write(FOLDER / "column.obj")
 
 
 def bay():
@@ -173,7 +76,7 @@ def bay():
         model.grid([edge, outer] if front else [outer, edge], [outward, outward])
     model.box((-half, -THICK - 0.06, 3.82), (half, THICK, 3.90), "+y -x +x")
     model.box((-half, -THICK - 0.12, 4.08), (half, THICK, WALL_TOP), "+y -x +x")
-    model.write("bay.obj")
+    model.write(FOLDER / "bay.obj")
 
 
 def roof():
@@ -205,7 +108,7 @@ def roof():
             front = points[0]
             for i in range(steps):  # closed ends of the tiles
                 model.face([(x0 + width / 2, low, WALL_TOP + 0.14 + slope * low + lift), front[i + 1], front[i]])
-    model.write("roof.obj")
+    model.write(FOLDER / "roof.obj")
 
 
 def building():
@@ -246,7 +149,7 @@ def building():
         model.face(points if side > 0 else points[::-1])
     model.shader("ground")
     model.box((-30, -40, -0.5), (30, 40, -0.03), "-z -x +x -y +y")
-    model.write("building.obj")
+    model.write(FOLDER / "building.obj")
 
 
 def tiles():
@@ -261,7 +164,7 @@ def tiles():
                 if (r + c) % 2 == shade:
                     x, y = (c - columns / 2) * size, 5.5 - (r + 1) * size
                     model.box((x + joint, y + joint, -0.03), (x + size - joint, y + size - joint, 0), "-z")
-    model.write("tiles.obj")
+    model.write(FOLDER / "tiles.obj")
 
 
 def pedestal():
@@ -272,7 +175,7 @@ def pedestal():
     model.box((-0.58, -0.58, 0.28), (0.58, 0.58, 0.42), "-z")
     model.box((-0.5, -0.5, 0.42), (0.5, 0.5, 1.0), "-z")
     model.box((-0.6, -0.6, 1.0), (0.6, 0.6, 1.1))
-    model.write("pedestal.obj")
+    model.write(FOLDER / "pedestal.obj")
 
 
 def knot():
@@ -305,7 +208,7 @@ def knot():
         normals.append(row_normals)
     points = [[(x, y, z - lowest) for x, y, z in row] for row in points]
     model.grid(points, normals)
-    model.write("knot.obj")
+    model.write(FOLDER / "knot.obj")
 
 
 def vases():
@@ -317,7 +220,7 @@ def vases():
                 (0.11, 1.06), (0.17, 1.14)], 4),
         smooth([(0.17, 1.14), (0.155, 1.145), (0.09, 1.06), (0.085, 0.95), (0.1, 0.85)], 3),
     ], 40)
-    tall.write("vase_tall.obj")
+    tall.write(FOLDER / "vase_tall.obj")
     wide = Model()
     wide.shader("terracotta")
     wide.lathe([
@@ -326,7 +229,7 @@ def vases():
         smooth([(0.36, 0.7), (0.42, 0.72), (0.43, 0.75), (0.41, 0.78), (0.35, 0.77)], 3),
         smooth([(0.35, 0.77), (0.34, 0.7), (0.38, 0.6), (0.40, 0.5), (0.3, 0.25), (0.001, 0.2)], 3),
     ], 40)
-    wide.write("vase_wide.obj")
+    wide.write(FOLDER / "vase_wide.obj")
 
 
 def banner():
@@ -356,7 +259,7 @@ def banner():
             for a in (2 * math.pi * (k % 10) / 10 for k in range(11))] for x in (0.72, -0.72)]
     round_normals = [[(0, y / 0.03, z / 0.03) for _, y, z in row] for row in rod]
     model.grid(rod, round_normals)
-    model.write("banner.obj")
+    model.write(FOLDER / "banner.obj")
 
 
 def lights():
@@ -366,7 +269,7 @@ def lights():
     model.face([(-1.0, 8.97, 0.12), (1.0, 8.97, 0.12), (1.0, 8.97, 3.1), (-1.0, 8.97, 3.1)])
     for x in (-7.9, 7.1):
         model.face([(x, 7.5, 3.88), (x + 0.8, 7.5, 3.88), (x + 0.8, -5.5, 3.88), (x, -5.5, 3.88)])
-    model.write("lights.obj")
+    model.write(FOLDER / "lights.obj")
 
 
 def place():
