@@ -19,6 +19,8 @@ void zpInitializeCameras() { zp::PrepareCameras(); }
 void zpFinalizeCameras() { zp::FinalizeCameras(); }
 void zpInitializeShaders() { zp::InitializeShaders(); }
 void zpFinalizeShaders() { zp::FinalizeShaders(); }
+void zpInitializeGaffer() { zp::InitializeGaffer(); }
+void zpFinalizeGaffer() { zp::FinalizeGaffer(); }
 void zpInitializeSkyLight() { zp::InitializeSky(); }
 void zpFinalizeSkyLight() { zp::FinalizeSky(); }
 void zpInitializeGeometryLight() { zpInitializeSkyLight(); }

@@ -1,4 +1,6 @@
-// The sky light and the geometry light, as a host sets them.
+// All lights, as a host sets them.
+
+#include <type_traits>
 
 #include "frame/exported_records.h"
 #include "frame/zp.h"
@@ -6,7 +8,92 @@
 
 using zp::At;
 using zp::geometryLight;
+using zp::parallelLights;
+using zp::pointLights;
 using zp::skyLight;
+
+namespace {
+
+// Both kinds of the Gaffer share these fields and their rules.
+template <class Kind>
+int AddAov(std::vector<Kind>& lights, int light) {
+  Kind* record = At(lights, light);
+  return record == nullptr ? zp::kNone : zp::Append(record->aovs);
+}
+template <class Kind>
+zp::Aov* AovAt(std::vector<Kind>& lights, int light, int aov) {
+  Kind* record = At(lights, light);
+  return record == nullptr ? nullptr : At(record->aovs, aov);
+}
+template <class Kind>
+void Link(std::vector<Kind>& lights, int light, int shader) {
+  if (Kind* record = At(lights, light)) record->link.shaders.push_back(shader);
+}
+template <class Kind, class Owner, class Value>
+void Set(std::vector<Kind>& lights, int light, Value Owner::*field, std::type_identity_t<Value> value) {
+  if (Kind* record = At(lights, light)) record->*field = value;
+}
+
+}  // namespace
+
+int zpAddPointLight() { return zp::Append(pointLights); }
+void zpSetPointLightColor(int light, float r, float g, float b) {
+  Set(pointLights, light, &zp::Light::color, {r, g, b});
+}
+void zpSetPointLightPosition(int light, float x, float y, float z) {
+  Set(pointLights, light, &zp::PointLight::position, {x, y, z});
+}
+void zpSetPointLightDirection(int light, float x, float y, float z) {
+  Set(pointLights, light, &zp::PointLight::direction, {x, y, z});
+}
+void zpSetPointLightBlur(int light, float radius) { Set(pointLights, light, &zp::Light::blur, radius); }
+void zpSetPointLightOffset(int light, float offset) { Set(pointLights, light, &zp::Light::offset, offset); }
+void zpSetPointLightInnerAngle(int light, float degrees) {
+  Set(pointLights, light, &zp::PointLight::innerAngle, degrees);
+}
+void zpSetPointLightOuterAngle(int light, float degrees) {
+  Set(pointLights, light, &zp::PointLight::outerAngle, degrees);
+}
+void zpSetPointLightSample(int light, int sample) { Set(pointLights, light, &zp::Light::sample, sample); }
+void zpSetPointLightPhoton(int light, int photon) {
+  Set(pointLights, light, &zp::Light::photon, std::int64_t{photon});
+}
+void zpSetPointLightShaderLink(int light, int shader) { Link(pointLights, light, shader); }
+int zpAddPointLightAOV(int light) { return AddAov(pointLights, light); }
+void zpSetPointLightAOVChannel(int light, int aov, Channel channel) {
+  if (zp::Aov* record = AovAt(pointLights, light, aov)) record->channel |= channel;
+}
+void zpSetPointLightAOVName(int light, int aov, const char* name) {
+  if (zp::Aov* record = AovAt(pointLights, light, aov)) record->image.fileName = zp::Text(name);
+}
+
+int zpAddParallelLight() { return zp::Append(parallelLights); }
+void zpSetParallelLightColor(int light, float r, float g, float b) {
+  Set(parallelLights, light, &zp::Light::color, {r, g, b});
+}
+void zpSetParallelLightDirection(int light, float x, float y, float z) {
+  Set(parallelLights, light, &zp::Light::zAxis, {x, y, z});
+}
+void zpSetParallelLightBlur(int light, float degrees) {
+  Set(parallelLights, light, &zp::Light::blur, degrees);
+}
+void zpSetParallelLightOffset(int light, float offset) {
+  Set(parallelLights, light, &zp::Light::offset, offset);
+}
+void zpSetParallelLightSample(int light, int sample) {
+  Set(parallelLights, light, &zp::Light::sample, sample);
+}
+void zpSetParallelLightPhoton(int light, int photon) {
+  Set(parallelLights, light, &zp::Light::photon, std::int64_t{photon});
+}
+void zpSetParallelLightShaderLink(int light, int shader) { Link(parallelLights, light, shader); }
+int zpAddParallelLightAOV(int light) { return AddAov(parallelLights, light); }
+void zpSetParallelLightAOVChannel(int light, int aov, Channel channel) {
+  if (zp::Aov* record = AovAt(parallelLights, light, aov)) record->channel |= channel;
+}
+void zpSetParallelLightAOVName(int light, int aov, const char* name) {
+  if (zp::Aov* record = AovAt(parallelLights, light, aov)) record->image.fileName = zp::Text(name);
+}
 
 void zpSetSkyLightColor(float r, float g, float b) { skyLight.color = {r, g, b}; }
 void zpSetSkyLightNorth(float x, float y, float z) { skyLight.north = {x, y, z}; }

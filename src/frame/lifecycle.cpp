@@ -74,11 +74,13 @@ void Initialize() {
   InitializeAccelerator();
   InitializeSky();
   InitializeGeometryLight();
+  InitializeGaffer();
   InitializeRenderer();
 }
 
 void Finalize() {
   FinalizeRenderer();
+  FinalizeGaffer();
   FinalizeGeometryLight();
   FinalizeSky();
   FinalizeAccelerator();

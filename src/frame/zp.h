@@ -68,7 +68,7 @@ void zpStartup();
 void zpShutdown();
 // One scene folder from start-up to shut-down. A host calls nothing else around it.
 void zpGo(const char* folder);
-// Cameras, shaders with their textures, accelerator, sky light, geometry light, renderer.
+// Cameras, shaders with their textures, accelerator, sky light, geometry light, gaffer, renderer.
 void zpInitialize();
 // Writes all images and empties all tables.
 void zpFinalize();
@@ -76,6 +76,9 @@ void zpInitializeCameras();
 void zpFinalizeCameras();
 void zpInitializeShaders();
 void zpFinalizeShaders();
+// Point and parallel lights. Their photons are aimed at the scene, so the accelerator and the sky come first.
+void zpInitializeGaffer();
+void zpFinalizeGaffer();
 void zpInitializeSkyLight();
 void zpFinalizeSkyLight();
 // Intended: these two act on the sky light, exactly like the two above.
@@ -173,6 +176,36 @@ int zpAddCameraAOV(int camera);
 void zpSetCameraAOVChannel(int camera, int aov, Channel channel);
 void zpSetCameraAOVName(int camera, int aov, const char* name);      // the file to write
 void zpSetCameraAOVUserData(int camera, int aov, const char* name);  // of the vertex data shown
+
+// Point and parallel lights, by index. A light's color is what it sends in every direction, or what all of
+// its beam carries: pi * color arrives head-on, by the squared distance from a point light. Links and AOV
+// channels are as for the lights below.
+
+int zpAddPointLight();
+void zpSetPointLightColor(int light, float r, float g, float b);
+void zpSetPointLightPosition(int light, float x, float y, float z);
+void zpSetPointLightDirection(int light, float x, float y, float z);  // axis of the spot, of any length
+void zpSetPointLightBlur(int light, float radius);
+void zpSetPointLightOffset(int light, float offset);       // softens the terminator of Lambertian surfaces
+void zpSetPointLightInnerAngle(int light, float degrees);  // off the axis: full light up to here
+void zpSetPointLightOuterAngle(int light, float degrees);  // none from here; between them linear
+void zpSetPointLightSample(int light, int sample);         // shadow rays of a first hit, all passes
+void zpSetPointLightPhoton(int light, int photon);         // number of photons
+void zpSetPointLightShaderLink(int light, int shader);
+int zpAddPointLightAOV(int light);
+void zpSetPointLightAOVChannel(int light, int aov, Channel channel);
+void zpSetPointLightAOVName(int light, int aov, const char* name);
+int zpAddParallelLight();
+void zpSetParallelLightColor(int light, float r, float g, float b);
+void zpSetParallelLightDirection(int light, float x, float y, float z);  // the way the light travels
+void zpSetParallelLightBlur(int light, float degrees);  // half angle of the cone of directions
+void zpSetParallelLightOffset(int light, float offset);
+void zpSetParallelLightSample(int light, int sample);
+void zpSetParallelLightPhoton(int light, int photon);
+void zpSetParallelLightShaderLink(int light, int shader);
+int zpAddParallelLightAOV(int light);
+void zpSetParallelLightAOVChannel(int light, int aov, Channel channel);
+void zpSetParallelLightAOVName(int light, int aov, const char* name);
 
 // The sky light and the geometry light. There is one of each. Links restrict a light to shaders; without any
 // it lights everything. Intended: channels of their AOVs add to those that are there, unlike a camera's.

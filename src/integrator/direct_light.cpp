@@ -10,9 +10,6 @@
 namespace zp {
 namespace {
 
-// Samples end this much before a surface that sends them, so that it does not shadow itself.
-constexpr float kShortOfEmitter = 1 - 1e-4f;
-
 // BSDF times cosine times Fresnel weight of each lobe for light from one direction, and the density with
 // which the lobe's own rays go there.
 struct LobeResponse {
@@ -91,7 +88,7 @@ LobeRadiance SampleOne(const Receiver& receiver, const GeometryLight& light, con
     return {};
   LobeResponse response = Respond(receiver.point, sample.direction, 0);
   if (IsZero(response)) return {};
-  const Vec3 visible = Visibility(receiver, sample.direction, sample.distance * kShortOfEmitter);
+  const Vec3 visible = Visibility(receiver, sample.direction, sample.distance);
   if (visible == kBlack) return {};
   response = Weighted(receiver, response, sample, light.sample);
   // Intended: the factor's constant stands for pi and the lights' area both.

@@ -98,6 +98,7 @@ void FinishFrame(const Aov& beauty, std::int64_t renderStart) {
     for (const Aov& aov : camera.aovs) SaveImage(aov.image);
   FinalizeSky();
   FinalizeGeometryLight();
+  FinalizeGaffer();
 }
 
 bool HasCamera() {

@@ -6,6 +6,7 @@
 #include "core/ray.h"
 #include "core/settings.h"
 #include "integrator/integrator.h"
+#include "lights/lights.h"
 
 namespace zp {
 namespace {
@@ -23,6 +24,7 @@ void LimitSettings() {
 }  // namespace
 
 void InitializeRenderer() {
+  if (!geometryLight.initialized) InitializeGeometryLight();  // hosts have no function that does
   LimitSettings();
   settings.finalGathering = false;  // there are no density cells that could answer
   PrintLine("unidirectional path tracing");

@@ -14,6 +14,7 @@ void ResetGeometryLight() {
 }
 
 void InitializeGeometryLight() {
+  geometryLight.initialized = true;
   ResolveLink(geometryLight.link);
   InitializeLightAovs(geometryLight.aovs);
   const auto root = static_cast<std::size_t>(rootObject);

@@ -22,11 +22,11 @@ bool IsLinked(const ShaderLink& link, std::int32_t shader);
 
 // What a light offers a point, before anything in between is known.
 struct LightSample {
-  Vec3 direction;               // unit, from the point to the light
-  float distance = 0;           // length of the shadow ray; kFarthest for what is not in the scene
-  Vec3 radiance;                // linear RGB; for point and parallel lights the perpendicular irradiance
-  float pdf = 0;                // of the direction, per solid angle; 0 for point and parallel lights
-  float factor = 0;             // geometric factor of a geometry light's sample
+  Vec3 direction;      // unit, from the point to the light
+  float distance = 0;  // length of the shadow ray: ends just before an emitter; kFarthest for what is outside
+  Vec3 radiance;       // linear RGB; for point and parallel lights the perpendicular irradiance
+  float pdf = 0;       // of the direction, per solid angle; 0 for point and parallel lights
+  float factor = 0;    // geometric factor of a geometry light's sample
   std::int32_t shader = kNone;  // of the surface that sends it
 };
 

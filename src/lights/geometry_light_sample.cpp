@@ -1,0 +1,178 @@
+// Drawing points on emissive surfaces: for direct light, and as starts of photons.
+
+#include <algorithm>
+
+#include "accel/accel.h"
+#include "core/random.h"
+#include "core/tables.h"
+#include "geometry/geometry.h"
+#include "lights/light_frame.h"
+#include "lights/light_photons.h"
+#include "lights/lights.h"
+
+namespace zp {
+namespace {
+
+constexpr int kInstanceLevels = 16;
+// Intended: part of the rule that weights samples of this light, with a pi of its own.
+constexpr float kGeometryFactorScale = 18481.0f;
+// Shadow rays end this share of the way before an emitter, which would block its own light.
+constexpr float kShortOfEmitter = 1e-4f;
+
+Mat4 Product(const Mat4& a, const Mat4& b) {
+  Mat4 result;
+  for (int i = 0; i < 4; ++i)
+    for (int j = 0; j < 4; ++j)
+      result.m[i][j] =
+          a.m[i][0] * b.m[0][j] + a.m[i][1] * b.m[1][j] + a.m[i][2] * b.m[2][j] + a.m[i][3] * b.m[3][j];
+  return result;
+}
+
+// Finishes a pick with a record that is no Instance. False for one that the Object does not hold.
+bool TakePrimitive(const Object& object, const EmissionRecord& record, EmitterPick& pick) {
+  if (static_cast<std::size_t>(record.part) >= object.parts.size()) return false;
+  pick.part = &object.parts[static_cast<std::size_t>(record.part)];
+  pick.kind = record.kind;
+  pick.side = record.side;
+  pick.index = record.index;
+  std::int32_t shader = kNone;
+  if (record.kind == kKindTriangle && record.index < pick.part->triangles.size())
+    shader = pick.part->triangles[record.index].shader;
+  else if (record.kind == kKindTetragon && record.index < pick.part->tetragons.size())
+    shader = pick.part->tetragons[record.index].shader;
+  else
+    return false;
+  if (pick.shader == kNone) pick.shader = shader;
+  return static_cast<std::size_t>(pick.shader) < shaders.size() &&
+         !shaders[static_cast<std::size_t>(pick.shader)].surfaces.empty();
+}
+
+// The Shader of a pick that PickEmitter has filled.
+const Shader& ShaderOf(const EmitterPick& pick) { return shaders[static_cast<std::size_t>(pick.shader)]; }
+
+// Sum of what all layers of the emitting side emit.
+Vec3 Emission(const Shader& shader, bool front, Vec2 uv) {
+  const auto& list = front ? shader.front : shader.back;
+  const auto count = static_cast<std::size_t>(front ? shader.frontCount : shader.backCount);
+  Vec3 sum;
+  for (std::size_t i = 0; i < count; ++i) sum += LookUp(shader.surfaces[list[i]][Element::kEmissive], uv);
+  return sum;
+}
+
+// Uniform barycentrics from the unit square; a tetragon takes the square as it is.
+Vec3 Barycentric(std::uint8_t kind, float a, float b) {
+  if (kind == kKindTetragon) return {b, a, 0};
+  const float root = SafeSqrt(a);
+  return {1 - root, root * (1 - b), root * b};
+}
+
+Vec3 FaceNormal(const Part& part, const Corners& corners) {
+  const auto p = [&](int i) { return part.positions[corners.vertex[i]]; };
+  return UnitVector(corners.count == 4 ? Cross(p(2) - p(0), p(3) - p(1)) : Cross(p(1) - p(0), p(2) - p(0)));
+}
+
+}  // namespace
+
+bool PickEmitter(bool virtualLights, std::uint32_t i, std::uint32_t n, EmitterPick& pick) {
+  pick = {};
+  pick.weight = 1;
+  std::int32_t index = rootObject;
+  // Only the first draw is stratified. Double precision keeps a million strata apart.
+  const std::uint32_t strata = std::max(n, 1U);
+  double r = (static_cast<double>(RandomBits()) * 0x1p-32 + i % strata) / strata;
+  for (int level = 0; level <= kInstanceLevels; ++level) {
+    if (static_cast<std::size_t>(index) >= objectTable.size()) return false;
+    const Object& object = objectTable[static_cast<std::size_t>(index)];
+    const EmissionList& list = virtualLights ? object.virtualLights : object.emitters;
+    const std::int32_t found = UpperBound(list.distribution, static_cast<float>(r));
+    if (static_cast<std::size_t>(found) >= list.records.size()) return false;
+    const EmissionRecord& record = list.records[static_cast<std::size_t>(found)];
+    pick.weight *= list.distribution.weights[static_cast<std::size_t>(found)];
+    if (!(pick.weight > 0)) return false;
+    if (record.kind != kKindInstance) return TakePrimitive(object, record, pick);
+
+    if (record.index >= object.instances.size()) return false;
+    const Instance& instance = object.instances[record.index];
+    if (IsEmpty(instance.bounds)) return false;               // its matrix is of no use: nothing would hit it
+    if (pick.shader == kNone) pick.shader = instance.shader;  // the outermost override holds, as in hits
+    pick.toWorld = Product(pick.toWorld, instance.matrix);
+    pick.normalToWorld = Product(pick.normalToWorld, instance.normalMatrix);
+    pick.placed = true;
+    index = instance.object;
+    r = static_cast<double>(RandomBits()) * 0x1p-32;
+  }
+  return false;
+}
+
+void PlaceOnEmitter(const EmitterPick& pick, float a, float b, ShadingPoint& point) {
+  const Part& part = *pick.part;
+  const Corners corners = HitCorners(part, pick.kind, pick.index, Barycentric(pick.kind, a, b));
+  point.position = kBlack;
+  for (int i = 0; i < corners.count; ++i)
+    point.position += corners.weight[i] * part.positions[corners.vertex[i]];
+  point.geometricNormal = FaceNormal(part, corners);
+  point.uv = CornerUv(corners, part);
+  if (pick.placed) {
+    point.position = TransformPoint(pick.toWorld, point.position);
+    point.geometricNormal = UnitVector(TransformDirection(pick.normalToWorld, point.geometricNormal));
+  }
+  point.normal = point.geometricNormal;
+  AxesAround(point.normal, point.tangent, point.bitangent);
+  if (pick.side != 0) return;
+  point.geometricNormal = -point.geometricNormal;
+  point.normal = -point.normal;
+  point.tangent = -point.tangent;
+  point.bitangent = -point.bitangent;
+}
+
+bool SampleGeometryLight(Vec3 position, std::uint32_t i, std::uint32_t n, float a, float b,
+                         LightSample& sample) {
+  EmitterPick pick;
+  if (!PickEmitter(true, i, n, pick)) return false;
+  ShadingPoint point;
+  PlaceOnEmitter(pick, a, b, point);
+  const Vec3 toReceiver = position - point.position;
+  const float squared = Dot(toReceiver, toReceiver);
+  point.outgoing = UnitVector(toReceiver);
+  const float cosine = Dot(point.outgoing, point.geometricNormal);
+  if (!(cosine > 0) || !(squared > 0) || !std::isfinite(squared)) return false;
+
+  const Shader& shader = ShaderOf(pick);
+  const bool front = pick.side != 0;
+  point.layer = &ChooseLayer(shader, front, point.uv);
+  // Paths that run into the other layers count them in full, so they must not count here too.
+  if (!point.layer->virtualLight) return false;
+  FinishShadingPoint(point, shader, front);
+  sample.direction = -point.outgoing;
+  const Vec3 emission = point.layer->window ? SkyRadiance(sample.direction)
+                                            : LookUp((*point.layer)[Element::kEmissive], point.uv);
+  sample.radiance = point.diffuseWeight * emission;
+  sample.distance = std::sqrt(squared) * (1 - kShortOfEmitter);
+  sample.pdf = squared / (cosine * geometryLight.area);
+  sample.factor = cosine / (squared * kGeometryFactorScale * pick.weight);
+  return !IsBlack(sample.radiance) && std::isfinite(sample.pdf) && std::isfinite(sample.factor);
+}
+
+void MakeGeometryPhotonRay(RayRecord& ray, std::uint32_t sample) {
+  StartPhotonRay(ray, sample, 4, 1);
+  EmitterPick pick;
+  // Without an emitter the ray has no power, and nobody follows it.
+  if (!PickEmitter(false, sample, static_cast<std::uint32_t>(std::max(geometryLight.photon, 1)), pick))
+    return;
+  ShadingPoint point;
+  PlaceOnEmitter(pick, Halton(sample, 0), Halton(sample, 1), point);
+  if (point.normal == kBlack) return;  // a face without an area
+  const Vec3 local = CosineDirection(Halton(sample, 2), Halton(sample, 3));
+  ray.origin = point.position;
+  ray.direction = local.x * point.tangent + local.y * point.bitangent + local.z * point.normal;
+  const Shader& shader = ShaderOf(pick);
+  const bool front = pick.side != 0;
+  ray.photonPower = Emission(shader, front, point.uv) * geometryLight.colorWeight;
+  ray.photonStore = front ? shader.frontVirtualLight : shader.backVirtualLight;
+  ray.parentShader = pick.shader;
+  ray.parentPart = pick.part;
+  ray.parentKind = pick.kind;
+  ray.parentPrimitive = static_cast<std::int32_t>(pick.index);
+}
+
+}  // namespace zp
