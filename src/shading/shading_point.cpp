@@ -10,6 +10,7 @@ namespace {
 constexpr float kSmallestWidth = 1e-6f;
 constexpr float kLargestWidth = 1e6f;
 constexpr float kSmallestStretch = 1e-4f;
+constexpr float kLargestStretch = 1e4f;
 
 void TurnFrame(ShadingPoint& point, float turns) {
   if (turns == 0 || !std::isfinite(turns)) return;
@@ -47,7 +48,7 @@ void SetWidths(ShadingPoint& point) {
   point.alphaX = point.alphaY = width > kSmallestWidth ? MinOf(width, kLargestWidth) : kSmallestWidth;
   if (!layer.isAnisotropic) return;
   float stretch = 1 - Mean(LookUp(layer[Element::kAnisotropy], point.uv));
-  if (!(stretch > kSmallestStretch)) stretch = kSmallestStretch;
+  stretch = stretch > kSmallestStretch ? MinOf(stretch, kLargestStretch) : kSmallestStretch;
   point.alphaX *= stretch;
   point.alphaY /= stretch;
 }
