@@ -2,7 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
 #include "core/random.h"
+#include "core/tables.h"
 #include "lights/lights.h"
 
 namespace zp {
@@ -161,6 +166,87 @@ TEST_F(Shading, MissingTextureIsToldOnce) {
   EXPECT_EQ(color, kWhite);
 }
 
+// A folder for one test's pictures, and shaders whose Lambertian slots show them.
+class TextureFiles : public Shading {
+ protected:
+  void SetUp() override {
+    Shading::SetUp();
+    StartImageFiles();
+    FillExponentTable();
+    std::string pattern = (std::filesystem::temp_directory_path() / "shadingXXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    folder = pattern;
+    imageSearchPaths = {"", folder};
+  }
+  void TearDown() override {
+    std::filesystem::remove_all(folder);
+    StopImageFiles();
+    Shading::TearDown();
+  }
+  void Write(const std::string& name, const std::string& bytes) const {
+    std::ofstream(folder + "/" + name, std::ios::binary) << bytes;
+  }
+  ImageSlot& AddSlot(const std::string& name) {
+    ImageSlot& slot = shaders[AddShader(name, {Side::kBoth})].surfaces[0][Element::kLambertian];
+    slot.imageName = name;
+    slot.color = kWhite;
+    slot.pixelSampler = PixelSampler::kNearest;
+    return slot;
+  }
+  const ImageSlot& Slot(std::size_t shader) const {
+    return shaders[shader].surfaces[0][Element::kLambertian];
+  }
+  std::string folder;
+};
+
+TEST_F(TextureFiles, FilesWithoutAPictureCountAsMissing) {
+  Write("text.png", "no picture at all");
+  Write("empty.hdr", "");
+  Write("bits.pbm", "P4\n8 1\n\x5a");  // one bit a pixel
+  Write("cut.ppm", "P6\n400");
+  std::filesystem::create_directory(folder + "/folder.png");
+  const std::string names[] = {"text.png", "empty.hdr", "bits.pbm", "cut.ppm", "folder.png"};
+  for (const std::string& name : names) AddSlot(name);
+  const std::string text = Initialize();
+  for (std::size_t i = 0; i < std::size(names); ++i) {
+    EXPECT_NE(text.find("error :( \timage - " + names[i] + "\tcannot be found\n"), std::string::npos)
+        << names[i];
+    EXPECT_EQ(Slot(i).image, kNone);
+    EXPECT_EQ(LookUp(Slot(i), {0.3f, 0.3f}), kWhite);
+    EXPECT_FALSE(shaders[i].surfaces[0].hasImage);
+  }
+}
+
+TEST_F(TextureFiles, WordsReadAsBytesAndPalettesAsTheirIndices) {
+  Write("words.pgm", std::string("P5\n2 1\n65535\n\xff\xff\x00\x05", 18));
+  Write("words.ppm", std::string("P6\n1 1\n65535\n\xff\xff\x00\xff\x00\x01", 20));
+  Write("bytes.pgm", std::string("P5\n2 1\n255\n\x80\xff", 13));
+  // Four by one pixels of 8 bits, with two palette entries that say red and green.
+  std::string bmp("BM", 2);
+  const auto number = [&](unsigned value, int bytes) {
+    for (int i = 0; i < bytes; ++i) bmp += static_cast<char>(value >> (8 * i) & 255U);
+  };
+  const unsigned offset = 14 + 40 + 8;
+  number(offset + 4, 4), number(0, 4), number(offset, 4);
+  number(40, 4), number(4, 4), number(1, 4), number(1, 2), number(8, 2);
+  number(0, 4), number(4, 4), number(0, 4), number(0, 4), number(2, 4), number(0, 4);
+  bmp += std::string("\0\0\xff\0\0\xff\0\0", 8) + std::string("\0\1\1\0", 4);
+  Write("palette.bmp", bmp);
+  for (const char* name : {"words.pgm", "words.ppm", "bytes.pgm", "palette.bmp"}) AddSlot(name);
+  ASSERT_EQ(Initialize().find("error"), std::string::npos);
+
+  const auto expectNear = [](Vec3 value, Vec3 expected) {
+    for (int i = 0; i < 3; ++i) EXPECT_NEAR(value[i], expected[i], 1e-4) << i;
+  };
+  expectNear(LookUp(Slot(0), {0, 0}), 257 * kWhite);
+  expectNear(LookUp(Slot(0), {0.5f, 0}), 5 / 255.0f * kWhite);
+  expectNear(LookUp(Slot(1), {0, 0}), {257, 1, 1 / 255.0f});
+  expectNear(LookUp(Slot(2), {0, 0}), 128 / 255.0f * kWhite);
+  expectNear(LookUp(Slot(2), {0.5f, 0}), kWhite);
+  expectNear(LookUp(Slot(3), {0.25f, 0}), 1 / 255.0f * kWhite);
+  EXPECT_EQ(LookUp(Slot(3), {0.75f, 0}), kBlack);
+}
+
 // --- The shading point -------------------------------------------------------------------------------------
 
 struct PointCase {
@@ -274,18 +360,26 @@ TEST_F(Shading, NormalMapKeepsTheFrameOrthonormal) {
 
 TEST_F(Shading, GlossyWidths) {
   PointCase c = MakePoint(1, {0, 0, 1});
+  c.layer[Element::kRoughness].color = 0.2f * kWhite;
+  Finish(c);
+  EXPECT_EQ(c.point.alphaX, 0);  // a layer without a glossy colour has no widths
+  c.layer.hasGlossy = true;
+  c.layer[Element::kRoughness].color = kBlack;
+  Finish(c);
+  EXPECT_FLOAT_EQ(c.point.alphaX, 1e-6f);
+  EXPECT_FLOAT_EQ(c.point.alphaY, 1e-6f);
   c.layer.isGlossy = c.layer.isAnisotropic = true;
   c.layer[Element::kRoughness].color = 0.2f * kWhite;
   c.layer[Element::kAnisotropy].color = 0.5f * kWhite;
   Finish(c);
   EXPECT_NEAR(c.point.alphaX, 0.1f, 1e-5);
   EXPECT_NEAR(c.point.alphaY, 0.4f, 1e-5);
-  for (float hostile : {1.0f, 2.0f, std::nanf("")}) {
+  for (float hostile : {1.0f, 2.0f, -kFarthest, -INFINITY, std::nanf("")}) {
     c.layer[Element::kAnisotropy].color = hostile * kWhite;
     c.layer[Element::kRoughness].color = -hostile * kWhite;
     Finish(c);
-    EXPECT_GT(c.point.alphaX, 0);
-    EXPECT_TRUE(std::isfinite(c.point.alphaY));
+    EXPECT_TRUE(std::isfinite(c.point.alphaX) && std::isfinite(c.point.alphaY));
+    EXPECT_GT(MinOf(c.point.alphaX, c.point.alphaY), 0);
   }
 }
 
@@ -341,6 +435,121 @@ TEST_F(Shading, Samplers) {
   for (int i = 0; i < 3; ++i) EXPECT_NEAR(sum[i] / kDraws, exact[i], 0.016);  // five standard deviations
   slot.pixelSampler = static_cast<PixelSampler>(9);
   EXPECT_EQ(LookUpTexture(grid, slot, uv), kBlack);
+}
+
+// Pictures of every stored form with the same content, as far as the form can hold it.
+std::vector<ImageBuffer> RandomPictures(int width, int height) {
+  FillExponentTable();
+  std::vector<ImageBuffer> pictures;
+  for (int channels : {1, 3, 4})
+    for (int bits : {1, 8, 16, 32, 64}) {
+      ImageBuffer& image = pictures.emplace_back();
+      Allocate(image, width, height, channels, bits, false);
+      for (auto& word : image.bitPixels) word = RandomBits();
+      for (std::size_t i = 0; i < static_cast<std::size_t>(width * height); ++i)
+        WritePixel(image, {RandomFloat(), RandomFloat(), RandomFloat()}, i);
+    }
+  ImageBuffer& packed = pictures.emplace_back();
+  Allocate(packed, width, height, 3, 32, true);
+  for (PackedPixel& p : packed.packedPixels) {
+    const auto byte = [] { return static_cast<std::uint8_t>(RandomBits()); };
+    p = {byte(), byte(), byte(), static_cast<std::uint8_t>(126 + RandomBits() % 4)};
+  }
+  packed.packedPixels[0].exponent = 0;
+  return pictures;
+}
+
+double StoredComponent(const ImageBuffer& image, std::size_t pixel, std::size_t component) {
+  if (image.packed) {
+    const PackedPixel p = image.packedPixels[pixel];
+    const std::uint8_t bytes[] = {p.r, p.g, p.b};
+    return p.exponent == 0 ? 0 : bytes[component] * std::ldexp(1.0, p.exponent - 136);
+  }
+  const std::size_t i =
+      image.channels == 1 ? pixel : pixel * static_cast<std::size_t>(image.channels) + component;
+  if (image.bits == 1) return (image.bitPixels[i / 32] >> i % 32) & 1U;
+  if (image.bits == 8) return image.bytePixels[i] / 255.0;
+  if (image.bits == 16) return image.wordPixels[i] / 255.0;
+  return image.bits == 32 ? static_cast<double>(image.floatPixels[i]) : image.doublePixels[i];
+}
+
+// The bilinear value by the book: no shortcut, double precision.
+double PlainBilinear(const ImageBuffer& image, const ImageSlot& slot, Vec2 uv, std::size_t component) {
+  const auto wrap = [](int i, int size, int mode) {
+    if (mode == 1) return std::min(std::max(i, 0), size - 1);
+    return ((i % size) + size) % size;
+  };
+  // Single precision here, as the texel that a coordinate belongs to depends on it.
+  const float x = static_cast<float>(image.width) * uv.x, y = static_cast<float>(image.height) * uv.y;
+  double sum = 0;
+  for (int j = 0; j < 2; ++j)
+    for (int i = 0; i < 2; ++i) {
+      const int column = wrap(static_cast<int>(std::floor(x)) + i, image.width, slot.wrapU);
+      const int row = wrap(static_cast<int>(std::floor(y)) + j, image.height, slot.wrapV);
+      const double fx = x - std::floor(x), fy = y - std::floor(y);
+      const auto pixel = static_cast<std::size_t>(row * image.width + column);
+      sum += (i == 1 ? fx : 1 - fx) * (j == 1 ? fy : 1 - fy) *
+             std::pow(StoredComponent(image, pixel, component), static_cast<double>(slot.gamma));
+    }
+  return sum;
+}
+
+TEST_F(Shading, BilinearLooksTheSameInEveryStoredForm) {
+  for (const ImageBuffer& image : RandomPictures(7, 5))
+    for (int i = 0; i < 200; ++i) {
+      ImageSlot slot;
+      slot.wrapU = static_cast<std::int8_t>(RandomBits() % 2);
+      slot.wrapV = static_cast<std::int8_t>(RandomBits() % 2);
+      if (i % 2 == 1) slot.gamma = 2.2f;
+      const Vec2 uv = {5 * RandomFloat() - 2, 5 * RandomFloat() - 2};
+      const Vec3 value = LookUpTexture(image, slot, uv);
+      for (std::size_t c = 0; c < 3; ++c) {
+        const double expected = PlainBilinear(image, slot, uv, c);
+        ASSERT_NEAR(value[static_cast<int>(c)], expected, 1e-5 * (1 + expected))
+            << image.bits << " bits, " << image.channels << " channels at " << uv.x << ' ' << uv.y;
+      }
+    }
+}
+
+TEST_F(Shading, StochasticIsBilinearInTheMean) {
+  constexpr int kDraws = 4000;
+  for (const ImageBuffer& image : RandomPictures(5, 3))
+    for (Vec2 uv : {Vec2{0.37f, 0.61f}, Vec2{0.95f, 0.9f}, Vec2{-0.05f, 1.4f}}) {
+      ImageSlot slot;
+      slot.gamma = 1.5f;
+      const Vec3 expected = LookUpTexture(image, slot, uv);
+      slot.pixelSampler = PixelSampler::kStochastic;
+      double sum = 0, squares = 0;
+      for (int i = 0; i < kDraws; ++i) {
+        const double value = LookUpTexture(image, slot, uv).y;
+        sum += value;
+        squares += value * value;
+      }
+      const double mean = sum / kDraws, variance = std::max(0.0, squares / kDraws - mean * mean);
+      EXPECT_NEAR(mean, expected.y, 5 * std::sqrt(variance / kDraws) + 1e-5 * mean) << image.bits;
+    }
+}
+
+// A picture that lacks pixels, whatever its format promises, is black where it lacks them.
+TEST_F(Shading, PicturesWithoutPixelsAreBlack) {
+  for (ImageBuffer image : RandomPictures(4, 4)) {
+    image.bitPixels = {};
+    image.bytePixels = {};
+    image.wordPixels = {};
+    image.floatPixels = {};
+    image.doublePixels = {};
+    image.packedPixels = {};
+    for (const PixelSampler sampler :
+         {PixelSampler::kNearest, PixelSampler::kStochastic, PixelSampler::kBilinear}) {
+      ImageSlot slot;
+      slot.pixelSampler = sampler;
+      EXPECT_EQ(LookUpTexture(image, slot, {0.4f, 0.9f}), kBlack);
+    }
+  }
+  ImageBuffer two;
+  Allocate(two, 2, 2, 2, 8, false);
+  two.bytePixels.assign(8, 255);
+  EXPECT_EQ(LookUpTexture(two, {}, {0.4f, 0.9f}), kBlack);
 }
 
 TEST_F(Shading, GammaComesBeforeTheFilter) {

@@ -20,27 +20,26 @@ Integer Quantize(float value, float largest) {
   return static_cast<Integer>(value * largest);
 }
 
-// One component as a float; what lies past the end of the pixels is 0.
-float Component(const ImageBuffer& image, std::size_t element) {
-  switch (image.bits) {
-    case 1: {
-      const std::size_t word = element / 32;
-      return word < image.bitPixels.size() && (image.bitPixels[word] >> (element % 32) & 1U) != 0 ? 1.0f
-                                                                                                  : 0.0f;
-    }
-    case 8:
-      return element < image.bytePixels.size() ? static_cast<float>(image.bytePixels[element]) * kByteScale
-                                               : 0.0f;
-    case 16:
-      return element < image.wordPixels.size() ? static_cast<float>(image.wordPixels[element]) * kByteScale
-                                               : 0.0f;
-    case 32:
-      return element < image.floatPixels.size() ? image.floatPixels[element] : 0.0f;
-    case 64:
-      return element < image.doublePixels.size() ? static_cast<float>(image.doublePixels[element]) : 0.0f;
-    default:
-      return 0;
+// A pixel whose components `get(element)` tells, of a picture with `size` elements. A single channel is given
+// three times.
+template <class Get>
+Vec3 Components(std::size_t size, std::size_t pixel, int channels, Get get) {
+  if (channels >= 3) {
+    const std::size_t element = pixel * static_cast<std::size_t>(channels);
+    if (size < 3 || element > size - 3) return kBlack;
+    return {get(element), get(element + 1), get(element + 2)};
   }
+  if (channels != 1 || pixel >= size) return kBlack;
+  const float grey = get(pixel);
+  return {grey, grey, grey};
+}
+
+Vec3 ReadPacked(const ImageBuffer& image, std::size_t pixel) {
+  if (pixel >= image.packedPixels.size()) return kBlack;
+  const PackedPixel p = image.packedPixels[pixel];
+  if (p.exponent == 0) return kBlack;
+  const double scale = exponentTable[p.exponent];
+  return {static_cast<float>(p.r * scale), static_cast<float>(p.g * scale), static_cast<float>(p.b * scale)};
 }
 
 std::size_t ElementCount(int width, int height, int channels) {
@@ -92,26 +91,35 @@ void Allocate(ImageBuffer& image, int width, int height, int channels, int bits,
   if (bits == 64) clear(image.doublePixels, count);
 }
 
-// A single channel is given three times. A pixel that the picture does not have is black, and so is every
-// pixel of a picture with two channels.
+// A pixel that the picture does not have is black, and so is every pixel of a picture with two channels.
 Vec3 ReadPixel(const ImageBuffer& image, std::size_t pixel) {
-  if (image.packed) {
-    if (pixel >= image.packedPixels.size()) return kBlack;
-    const PackedPixel p = image.packedPixels[pixel];
-    if (p.exponent == 0) return kBlack;
-    const double scale = exponentTable[p.exponent];
-    return {static_cast<float>(p.r * scale), static_cast<float>(p.g * scale),
-            static_cast<float>(p.b * scale)};
+  if (image.packed) return ReadPacked(image, pixel);
+  const auto components = [&](std::size_t size, auto get) {
+    return Components(size, pixel, image.channels, get);
+  };
+  switch (image.bits) {
+    case 1:
+      return components(image.bitPixels.size() * 32, [bits = image.bitPixels.data()](std::size_t i) {
+        return (bits[i / 32] >> (i % 32) & 1U) != 0 ? 1.0f : 0.0f;
+      });
+    case 8:
+      return components(image.bytePixels.size(), [bytes = image.bytePixels.data()](std::size_t i) {
+        return static_cast<float>(bytes[i]) * kByteScale;
+      });
+    case 16:
+      return components(image.wordPixels.size(), [words = image.wordPixels.data()](std::size_t i) {
+        return static_cast<float>(words[i]) * kByteScale;
+      });
+    case 32:
+      return components(image.floatPixels.size(),
+                        [floats = image.floatPixels.data()](std::size_t i) { return floats[i]; });
+    case 64:
+      return components(image.doublePixels.size(), [doubles = image.doublePixels.data()](std::size_t i) {
+        return static_cast<float>(doubles[i]);
+      });
+    default:
+      return kBlack;
   }
-  if (image.channels >= 3) {
-    const std::size_t element = pixel * static_cast<std::size_t>(image.channels);
-    return {Component(image, element), Component(image, element + 1), Component(image, element + 2)};
-  }
-  if (image.channels == 1) {
-    const float grey = Component(image, pixel);
-    return {grey, grey, grey};
-  }
-  return kBlack;
 }
 
 // Integer components are limited to 0 to 1 and truncated; a picture of fewer than three channels takes the

@@ -105,22 +105,30 @@ void DeriveFlags(SurfaceShader& s) {
   s.isPlain = !s.hasImage && !s.hasReflection;
 }
 
+// True if no shadow ray passes the layer at any point: an image only multiplies the colour. Exactly black,
+// since what is nearly black can be lifted by images and layers above 1.
+bool IsOpaque(const SurfaceShader& s) {
+  const bool thin = s.material == Material::kThinDielectric;
+  return s[thin ? Element::kSpecular : Element::kShadowTransparency].color == kBlack;
+}
+
 void DeriveSideFlags(Shader& shader) {
   const auto derive = [&](const auto& list, std::int32_t count, bool& virtualLight, bool& emissive,
-                          bool& lambertian, bool& transmissive) {
-    virtualLight = emissive = lambertian = transmissive = false;
+                          bool& lambertian, bool& transmissive, bool& opaque) {
+    virtualLight = emissive = lambertian = transmissive = opaque = false;
     for (std::int32_t i = 0; i < count; ++i) {
       const SurfaceShader& surface = shader.surfaces[list[static_cast<std::size_t>(i)]];
       virtualLight |= surface.virtualLight;
       emissive |= !IsBlack(surface[Element::kEmissive].color);
       lambertian |= surface.hasLambertian;
       transmissive |= surface.hasTransmissive;
+      opaque |= IsOpaque(surface);
     }
   };
   derive(shader.front, shader.frontCount, shader.frontVirtualLight, shader.frontEmissive,
-         shader.frontLambertian, shader.frontTransmissive);
+         shader.frontLambertian, shader.frontTransmissive, shader.frontOpaque);
   derive(shader.back, shader.backCount, shader.backVirtualLight, shader.backEmissive, shader.backLambertian,
-         shader.backTransmissive);
+         shader.backTransmissive, shader.backOpaque);
 }
 
 void InitializeShader(Shader& shader) {

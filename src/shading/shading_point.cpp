@@ -1,13 +1,16 @@
 // The shading frame and the weights of a hit, once its layer is chosen.
 
+#include "shading/fresnel.h"
 #include "shading/shading.h"
 
 namespace zp {
 namespace {
 
-// Guards widths and stretches that a scene sets to nothing or below.
+// Guards widths and stretches that a scene sets to nothing or below, or to what no float could square.
 constexpr float kSmallestWidth = 1e-6f;
+constexpr float kLargestWidth = 1e6f;
 constexpr float kSmallestStretch = 1e-4f;
+constexpr float kLargestStretch = 1e4f;
 
 void TurnFrame(ShadingPoint& point, float turns) {
   if (turns == 0 || !std::isfinite(turns)) return;
@@ -40,23 +43,14 @@ void GuardMirror(ShadingPoint& point) {
 
 void SetWidths(ShadingPoint& point) {
   const SurfaceShader& layer = *point.layer;
-  if (!layer.isGlossy) return;
+  if (!layer.hasGlossy) return;
   const float width = Mean(LookUp(layer[Element::kRoughness], point.uv)) + kSmallestWidth;
-  point.alphaX = point.alphaY = width > kSmallestWidth ? width : kSmallestWidth;
+  point.alphaX = point.alphaY = width > kSmallestWidth ? MinOf(width, kLargestWidth) : kSmallestWidth;
   if (!layer.isAnisotropic) return;
   float stretch = 1 - Mean(LookUp(layer[Element::kAnisotropy], point.uv));
-  if (!(stretch > kSmallestStretch)) stretch = kSmallestStretch;
+  stretch = stretch > kSmallestStretch ? MinOf(stretch, kLargestStretch) : kSmallestStretch;
   point.alphaX *= stretch;
   point.alphaY /= stretch;
-}
-
-// Schlick, "An Inexpensive BRDF Model for Physically-based Rendering", 1994.
-float FresnelReflectance(float ior, float cosine) {
-  if (!(std::abs(ior - 1) >= 1e-8f)) return 0;
-  const float ratio = ior == -1 ? 1.0f : (ior - 1) / (ior + 1);
-  const float head = MinOf(ratio * ratio, 1.0f);
-  const float m = MinOf(MaxOf(1 - cosine, 0.0f), 1.0f);
-  return head + m * m * m * m * m * (1 - head);
 }
 
 }  // namespace
@@ -73,16 +67,15 @@ void FinishShadingPoint(ShadingPoint& point, const Shader& shader, bool frontFac
   SetWidths(point);
 
   const float ior = Mean(LookUp(layer[Element::kIor], point.uv));
-  const bool usable = std::isfinite(ior) && ior != 0;
-  point.iorRatio = !usable ? 1.0f : frontFace ? 1 / ior : ior;
+  point.iorRatio = frontFace ? 1 / ior : ior;
+  if (!std::isfinite(point.iorRatio) || point.iorRatio == 0) point.iorRatio = 1;
 
   // The density cells answer for such a point, which nothing else can see.
   const bool skipped = point.useDensity && layer.isPlain;
-  point.specularWeight = skipped || !std::isfinite(ior) ? 0.0f : FresnelReflectance(ior, point.reflectCosine);
+  point.specularWeight = skipped ? 0.0f : FresnelReflectance(ior, point.reflectCosine);
   if (layer.material == Material::kThinDielectric) {
     point.iorRatio = 1;
-    // All inner reflections of a sheet with F on either side: F + (1 - F)^2 F / (1 - F^2), without its 0 / 0.
-    point.specularWeight = 2 * point.specularWeight / (1 + point.specularWeight);
+    point.specularWeight = SheetReflectance(point.specularWeight);
   }
   point.diffuseWeight = 1 - point.specularWeight;
 }

@@ -22,7 +22,6 @@ bool LoadTexture(ImageBuffer& image) {
   if (image.fileName.empty()) return false;
   if (image.loaded) return true;
   const std::string name = image.fileName;  // the table's key, whatever path the file is found under
-  bool found = false;
   for (const std::string& folder : imageSearchPaths) {
     std::string path = folder;
     if (!path.empty()) path += '/';
@@ -30,12 +29,12 @@ bool LoadTexture(ImageBuffer& image) {
     std::error_code error;
     const auto kind = std::filesystem::status(path, error).type();
     if (error || kind != std::filesystem::file_type::regular) continue;
-    found = true;
     image.loaded = LoadImage(image, path);
     image.fileName = name;
     if (image.loaded) return true;
   }
-  PrintError("image - " + name + (found ? "\tcannot be read" : "\tcannot be found"));
+  // A file that holds no picture is as good as none.
+  PrintError("image - " + name + "\tcannot be found");
   PrintRule();
   return false;
 }
@@ -44,25 +43,26 @@ namespace {
 
 // The texel that an index means; other modes than repeat and clamp leave it alone.
 std::int64_t Wrap(std::int64_t i, std::int64_t size, int mode) {
+  if (i >= 0 && i < size) [[likely]]
+    return i;
   if (mode == 0) return i < 0 ? size - (-(i + 1) % size) - 1 : i % size;
   if (mode == 1) return std::clamp<std::int64_t>(i, 0, size - 1);
   return i;
 }
 
 float Power(float x, float gamma) {
-  if (gamma == 1) return x;
   const float power = std::pow(x, gamma);
   return std::isfinite(power) ? power : 0.0f;
 }
 
-// `width` and `height` are positive. An index that no mode wraps may name a texel of another row, as the
-// texels lie in memory; behind the picture's ends is black.
-Vec3 Texel(const ImageBuffer& image, const ImageSlot& slot, std::int64_t ix, std::int64_t iy) {
-  const std::int64_t column = Wrap(ix, image.width, slot.wrapU), row = Wrap(iy, image.height, slot.wrapV);
+// Wrapped indices. One that no mode wraps may name a texel of another row, as the texels lie in memory;
+// behind the picture's ends is black.
+Vec3 Texel(const ImageBuffer& image, float gamma, std::int64_t column, std::int64_t row) {
   const std::int64_t index = row * image.width + column;
   if (index < 0 || index >= static_cast<std::int64_t>(image.width) * image.height) return kBlack;
   const Vec3 c = ReadPixel(image, static_cast<std::size_t>(index));
-  return {Power(c.x, slot.gamma), Power(c.y, slot.gamma), Power(c.z, slot.gamma)};
+  if (gamma == 1) return c;
+  return {Power(c.x, gamma), Power(c.y, gamma), Power(c.z, gamma)};
 }
 
 constexpr Vec3 Mix(Vec3 a, Vec3 b, float t) { return (1 - t) * a + t * b; }
@@ -88,23 +88,32 @@ Vec3 LookUpTexture(const ImageBuffer& image, const ImageSlot& slot, Vec2 uv) {
   constexpr float kLargest = 1e9f;
   const float x = static_cast<float>(image.width) * uv.x, y = static_cast<float>(image.height) * uv.y;
   if (!(std::abs(x) <= kLargest) || !(std::abs(y) <= kLargest)) return kBlack;
-  const auto ix = static_cast<std::int64_t>(std::floor(x)), iy = static_cast<std::int64_t>(std::floor(y));
-  const float fx = x - std::floor(x), fy = y - std::floor(y);
+  const float left = std::floor(x), below = std::floor(y);
+  const float fx = x - left, fy = y - below;
+  const auto column = [&, ix = static_cast<std::int64_t>(left)](int right) {
+    return Wrap(ix + right, image.width, slot.wrapU);
+  };
+  const auto row = [&, iy = static_cast<std::int64_t>(below)](int above) {
+    return Wrap(iy + above, image.height, slot.wrapV);
+  };
   Vec3 color;
   switch (slot.pixelSampler) {
     case PixelSampler::kNearest:
-      color = Texel(image, slot, ix, iy);
+      color = Texel(image, slot.gamma, column(0), row(0));
       break;
     case PixelSampler::kStochastic: {
       // One texel instead of four: bilinear on average.
       const int right = fx > RandomFloat() ? 1 : 0, above = fy > RandomFloat() ? 1 : 0;
-      color = Texel(image, slot, ix + right, iy + above);
+      color = Texel(image, slot.gamma, column(right), row(above));
       break;
     }
     case PixelSampler::kBilinear: {
-      const Vec3 lower = Mix(Texel(image, slot, ix, iy), Texel(image, slot, ix + 1, iy), fx);
-      const Vec3 upper = Mix(Texel(image, slot, ix, iy + 1), Texel(image, slot, ix + 1, iy + 1), fx);
-      color = Mix(lower, upper, fy);
+      const std::int64_t columns[2] = {column(0), column(1)}, rows[2] = {row(0), row(1)};
+      const auto mixRow = [&](int i) {
+        return Mix(Texel(image, slot.gamma, columns[0], rows[i]),
+                   Texel(image, slot.gamma, columns[1], rows[i]), fx);
+      };
+      color = Mix(mixRow(0), mixRow(1), fy);
       break;
     }
   }

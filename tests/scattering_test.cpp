@@ -1,0 +1,411 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <vector>
+
+#include "core/random.h"
+#include "shading/shading.h"
+
+namespace zp {
+namespace {
+
+class Scattering : public testing::Test {
+ protected:
+  void SetUp() override {
+    StartRandom(11);
+    shaders = {};
+    images = {};
+  }
+  void TearDown() override {
+    SetUp();
+    StartRandom(std::nullopt);
+  }
+};
+
+constexpr double kTwoPi = 6.283185307179586;
+
+Vec3 FromPolar(double cosine, double phi) {
+  const double sine = std::sqrt(std::max(0.0, 1 - cosine * cosine));
+  return {static_cast<float>(sine * std::cos(phi)), static_cast<float>(sine * std::sin(phi)),
+          static_cast<float>(cosine)};
+}
+
+ShadingPoint MakePoint(float alphaX, float alphaY, Vec3 outgoing) {
+  ShadingPoint point;
+  point.tangent = {1, 0, 0};
+  point.bitangent = {0, 1, 0};
+  point.normal = point.geometricNormal = {0, 0, 1};
+  point.outgoing = outgoing;
+  point.alphaX = alphaX;
+  point.alphaY = alphaY;
+  return point;
+}
+
+Vec3 Mirrored(Vec3 outgoing, Vec3 half) { return 2 * Dot(outgoing, half) * half - outgoing; }
+
+// A histogram over the sphere whose bins are polar around `axis`: equal steps of angle both ways.
+struct SphereGrid {
+  static constexpr int kRings = 60, kSectors = 90, kFine = 6;
+
+  explicit SphereGrid(Vec3 axis) : z(axis), x(SafeNormalize(Perpendicular(axis))), y(Cross(z, x)) {}
+
+  std::size_t Bin(Vec3 d) const {
+    const double angle = std::atan2(std::hypot(Dot(d, x), Dot(d, y)), Dot(d, z));
+    double turn = std::atan2(Dot(d, y), Dot(d, x)) / kTwoPi;
+    if (turn < 0) turn += 1;
+    const int ring = std::min(kRings - 1, static_cast<int>(angle / (kTwoPi / 2) * kRings));
+    const int sector = std::min(kSectors - 1, static_cast<int>(turn * kSectors));
+    return static_cast<std::size_t>(ring * kSectors + sector);
+  }
+
+  // The integral of `density` over each bin, by midpoints.
+  template <class Density>
+  std::vector<double> Integrate(Density density) const {
+    std::vector<double> shares(kRings * kSectors);
+    constexpr double kStep = kTwoPi / 2 / (kRings * kFine), kTurn = kTwoPi / (kSectors * kFine);
+    for (int i = 0; i < kRings * kFine; ++i) {
+      const double angle = (i + 0.5) * kStep;
+      for (int j = 0; j < kSectors * kFine; ++j) {
+        const Vec3 local = FromPolar(std::cos(angle), (j + 0.5) * kTurn);
+        const Vec3 d = local.x * x + local.y * y + local.z * z;
+        shares[static_cast<std::size_t>(i / kFine * kSectors + j / kFine)] +=
+            density(d) * std::sin(angle) * kStep * kTurn;
+      }
+    }
+    return shares;
+  }
+
+  Vec3 z, x, y;
+};
+
+// How many standard deviations Pearson's statistic lies above its mean. Bins that expect fewer than ten
+// draws are taken together.
+double ChiSquareExcess(const std::vector<double>& shares, const std::vector<int>& counts, int draws) {
+  double statistic = 0, restExpected = 0;
+  int restCount = 0, bins = 0;
+  const auto add = [&](double expected, int count) {
+    statistic += (count - expected) * (count - expected) / expected;
+    ++bins;
+  };
+  for (std::size_t i = 0; i < shares.size(); ++i) {
+    const double expected = shares[i] * draws;
+    if (expected >= 10) {
+      add(expected, counts[i]);
+    } else {
+      restExpected += expected;
+      restCount += counts[i];
+    }
+  }
+  if (restExpected >= 10)
+    add(restExpected, restCount);
+  else
+    EXPECT_LT(restCount, 40);
+  EXPECT_GT(bins, 8);
+  return (statistic - (bins - 1)) / std::sqrt(2.0 * (bins - 1));
+}
+
+struct Lobe {
+  float alphaX, alphaY, cosine;
+};
+
+// The samples' density is 2 D (l + o) . n over the whole sphere, below the horizon too. Half vectors that
+// look away from the viewer mirror to where D is 0; the share of those is closed: slopes are Gaussian.
+TEST_F(Scattering, GlossySamplesFollowTheDensity) {
+  constexpr int kDraws = 100000;
+  for (const auto& [alphaX, alphaY] : {std::array{0.3f, 0.3f}, {0.1f, 0.1f}, {0.1f, 0.4f}, {0.9f, 0.25f}})
+    for (float cosine : {0.995f, 0.6f, 0.08f}) {
+      SCOPED_TRACE(testing::Message() << alphaX << ' ' << alphaY << " at " << cosine);
+      const ShadingPoint point = MakePoint(alphaX, alphaY, FromPolar(cosine, 0.7));
+      const Vec3 o = point.outgoing;
+      // Around the direction in which the half vector vanishes, where the density is singular.
+      const SphereGrid grid(-o);
+      std::vector<double> shares = grid.Integrate([&](Vec3 l) {
+        return 2.0 * static_cast<double>(GlossyD(point, l)) *
+               std::max(0.0, static_cast<double>(Dot(l + o, point.normal)));
+      });
+      const double width = std::hypot(alphaX * o.x, alphaY * o.y);
+      shares.push_back(0.5 * std::erfc(o.z / width));
+      double total = 0;
+      for (double share : shares) total += share;
+      EXPECT_NEAR(total, 1, 0.004);
+
+      std::vector<int> counts(shares.size());
+      for (int i = 0; i < kDraws; ++i) {
+        const float u = RandomFloat(), v = RandomFloat();
+        const Vec3 half = SampleGlossyHalf(point, u, v);
+        ASSERT_NEAR(Dot(half, half), 1, 1e-5);
+        ++counts[Dot(half, o) > 0 ? grid.Bin(Mirrored(o, half)) : counts.size() - 1];
+      }
+      EXPECT_LT(std::abs(ChiSquareExcess(shares, counts, kDraws)), 5);
+    }
+}
+
+TEST_F(Scattering, CosineDirectionsFollowTheirDensity) {
+  constexpr int kDraws = 200000;
+  const SphereGrid grid(Vec3{0, 0, 1});
+  const std::vector<double> shares = grid.Integrate([](Vec3 d) { return std::max(0.0f, d.z) * 2 / kTwoPi; });
+  std::vector<int> counts(shares.size());
+  for (int i = 0; i < kDraws; ++i) {
+    const float u = RandomFloat(), v = RandomFloat();
+    ++counts[grid.Bin(CosineDirection(u, v))];
+  }
+  EXPECT_LT(std::abs(ChiSquareExcess(shares, counts, kDraws)), 5);
+}
+
+// By midpoints over the slopes of the half vector: the share of light from everywhere that the lobe returns.
+double Albedo(const ShadingPoint& point) {
+  constexpr int kSteps = 100;
+  double sum = 0;
+  for (int i = 0; i < kSteps; ++i)
+    for (int j = 0; j < kSteps; ++j) {
+      const float u = (static_cast<float>(i) + 0.5f) / kSteps, v = (static_cast<float>(j) + 0.5f) / kSteps;
+      const Vec3 half = SampleGlossyHalf(point, u, v);
+      const Vec3 l = Mirrored(point.outgoing, half);
+      const double d = static_cast<double>(GlossyD(point, l)), cosine = static_cast<double>(l.z);
+      const double density = 2 * d * static_cast<double>((l + point.outgoing).z);
+      if (cosine > 0 && density > 0) sum += 4 * d * cosine / density;
+    }
+  return sum / (kSteps * kSteps);
+}
+
+TEST_F(Scattering, TheLobeCreatesNoEnergy) {
+  for (float roughness : {0.05f, 0.1f, 0.2f, 0.35f, 0.5f, 0.75f, 1.0f})
+    for (float stretch : {1.0f, 0.7f, 0.4f, 0.1f})
+      for (float cosine : {1.0f, 0.9f, 0.7f, 0.5f, 0.3f, 0.15f, 0.05f, 0.01f})
+        for (double turn : {0.0, 0.7, 1.5708}) {
+          const ShadingPoint point =
+              MakePoint(roughness * stretch, roughness / stretch, FromPolar(cosine, turn));
+          const double albedo = Albedo(point);
+          EXPECT_LE(albedo, 1.002) << roughness << ' ' << stretch << ' ' << cosine << ' ' << turn;
+          if (roughness <= 0.1f && stretch == 1 && cosine >= 0.5f) {
+            EXPECT_GT(albedo, 0.95);
+          }
+        }
+  // The estimate of the albedo rests on the sampling; a plain integral over the hemisphere does not.
+  const ShadingPoint point = MakePoint(0.5f, 0.3f, FromPolar(0.6, 0.7));
+  const SphereGrid grid(point.normal);
+  double plain = 0;
+  for (double share : grid.Integrate([&](Vec3 l) { return 4 * GlossyD(point, l) * std::max(0.0f, l.z); }))
+    plain += share;
+  EXPECT_NEAR(plain, Albedo(point), 0.003);
+}
+
+TEST_F(Scattering, DensityIsReciprocalAndNeverBreaks) {
+  const auto direction = [] {
+    return FromPolar(2 * static_cast<double>(RandomFloat()) - 1, 9.0 * RandomFloat());
+  };
+  for (int i = 0; i < 2000; ++i) {
+    const float alphaX = 0.02f + RandomFloat(), alphaY = 0.02f + RandomFloat();
+    const Vec3 l = direction(), o = direction();
+    const float there = GlossyD(MakePoint(alphaX, alphaY, o), l);
+    EXPECT_FLOAT_EQ(there, GlossyD(MakePoint(alphaX, alphaY, l), o));
+    if ((l + o).z <= 0) {
+      EXPECT_EQ(there, 0);
+    }
+  }
+  const float inverseRoot = std::sqrt(0.5f);
+  std::vector<Vec3> directions = {{0, 0, 1},
+                                  {0, 0, -1},
+                                  {1, 0, 0},
+                                  {-1, 0, 0},
+                                  {0, 1, 0},
+                                  {inverseRoot, 0, inverseRoot},
+                                  {-inverseRoot, 0, inverseRoot},
+                                  FromPolar(1e-6, 0.3),
+                                  FromPolar(-1e-6, 3.4),
+                                  FromPolar(1e-3, 2)};
+  for (int i = 0; i < 20; ++i) directions.push_back(direction());
+  for (float alphaX : {0.0f, 1e-10f, 1e-6f, 1e-3f, 1.0f, 1e3f, 1e10f})
+    for (float alphaY : {0.0f, 1e-6f, 1e-2f, 1e3f, 1e10f})
+      for (Vec3 o : directions) {
+        const ShadingPoint point = MakePoint(alphaX, alphaY, o);
+        for (Vec3 l : directions) {
+          const float d = GlossyD(point, l);
+          ASSERT_TRUE(std::isfinite(d) && d >= 0) << alphaX << ' ' << alphaY;
+        }
+        for (float u : {0.0f, 0.25f, 0.5f, 0.9999999f})
+          for (float v : {0.0f, 1e-7f, 0.5f, 0.9999999f}) {
+            const Vec3 half = SampleGlossyHalf(point, u, v);
+            ASSERT_NEAR(Dot(half, half), 1, 1e-5) << alphaX << ' ' << alphaY;
+            ASSERT_GE(half.z, 0);
+          }
+      }
+}
+
+// What the balance heuristic needs of nearly perfect mirrors: their samples are likely, not impossible.
+TEST_F(Scattering, NarrowLobesFindTheirOwnSamples) {
+  for (float alpha : {1e-6f, 1e-5f, 5e-5f, 1e-4f, 1e-3f}) {
+    const ShadingPoint point = MakePoint(alpha, alpha, FromPolar(0.6, 0.7));
+    double weights = 0;
+    std::array<double, 3> squares = {};
+    constexpr int kDraws = 4000;
+    for (int i = 0; i < kDraws; ++i) {
+      const float u = RandomFloat(), v = RandomFloat();
+      const Vec3 half = SampleGlossyHalf(point, u, v);
+      const double d = static_cast<double>(GlossyD(point, Mirrored(point.outgoing, half)));
+      weights += d / (d + 1);
+      squares[0] += static_cast<double>(half.x) * static_cast<double>(half.x);
+    }
+    EXPECT_GT(weights / kDraws, 0.99) << alpha;
+    // The variance of a slope is alpha^2 / 2, down to the narrowest lobe.
+    const double width = std::max(alpha, 1e-4f);
+    EXPECT_NEAR(squares[0] / kDraws / (width * width), 0.5, 0.05) << alpha;
+  }
+}
+
+// The distribution's formula itself, in double precision.
+TEST_F(Scattering, DensityMatchesItsFormula) {
+  for (float cosine : {0.9f, 0.4f})
+    for (float other : {0.99f, 0.3f}) {
+      const ShadingPoint point = MakePoint(0.4f, 0.15f, FromPolar(cosine, 0.4));
+      const Vec3 l = FromPolar(other, 3.3);
+      const double hx = double{l.x} + double{point.outgoing.x}, hy = double{l.y} + double{point.outgoing.y},
+                   hz = double{l.z} + double{point.outgoing.z}, h2 = hx * hx + hy * hy + hz * hz;
+      const double slope = std::pow(hx / hz / 0.4, 2) + std::pow(hy / hz / 0.15, 2);
+      const double d = std::exp(-slope) * h2 / (2 * kTwoPi * std::pow(hz, 4) * 0.4 * 0.15);
+      EXPECT_NEAR(static_cast<double>(GlossyD(point, l)) / d, 1, 1e-4);
+    }
+}
+
+TEST_F(Scattering, RefractionObeysSnell) {
+  const Vec3 normal = SafeNormalize({0.3f, -0.2f, 1});
+  const Vec3 side = SafeNormalize(Perpendicular(normal));
+  for (float ratio : {1 / 1.33f, 1 / 1.5f, 1 / 2.4f, 1.33f, 1.5f, 2.4f, 1.0f})
+    for (int degrees = 0; degrees < 90; ++degrees) {
+      const double angle = degrees * kTwoPi / 360;
+      const auto sine = static_cast<float>(std::sin(angle)), cosine = static_cast<float>(std::cos(angle));
+      const Vec3 direction = sine * side - cosine * normal;
+      Vec3 refracted = {9, 9, 9};
+      const bool passes = Refract(direction, normal, -Dot(direction, normal), ratio, refracted);
+      const double expected = std::sin(angle) * static_cast<double>(ratio);
+      if (std::abs(expected - 1) < 1e-4) continue;
+      ASSERT_EQ(passes, expected < 1) << ratio << ' ' << degrees;
+      if (!passes) continue;
+      EXPECT_NEAR(Dot(refracted, refracted), 1, 1e-5);
+      EXPECT_NEAR(Dot(refracted, side), expected, 2e-4);
+      EXPECT_NEAR(Dot(refracted, Cross(normal, side)), 0, 1e-5);
+      EXPECT_LT(Dot(refracted, normal), 0);
+      if (ratio == 1) {
+        EXPECT_EQ(refracted, direction);  // exactly: what a pane lets through is not bent
+      }
+    }
+  Vec3 refracted;
+  for (float ratio : {std::nanf(""), 1e38f, INFINITY})
+    if (Refract({0.6f, 0, -0.8f}, {0, 0, 1}, 0.8f, ratio, refracted)) {
+      EXPECT_TRUE(IsFinite(refracted));
+    }
+}
+
+// --- Shadow rays -------------------------------------------------------------------------------------------
+
+Shader MakeShader(std::vector<SurfaceShader> layers) {
+  shaders.clear();
+  shaders.emplace_back().surfaces = std::move(layers);
+  testing::internal::CaptureStdout();
+  InitializeShaders();
+  testing::internal::GetCapturedStdout();
+  return shaders[0];
+}
+
+SurfaceShader MakePane(float ior, Vec3 color) {
+  SurfaceShader pane;
+  pane.material = Material::kThinDielectric;
+  pane[Element::kIor].color = ior * kWhite;
+  pane[Element::kSpecular].color = color;
+  return pane;
+}
+
+SurfaceShader MakeVeil(Vec3 color) {
+  SurfaceShader veil;
+  veil[Element::kShadowTransparency].color = color;
+  return veil;
+}
+
+TEST_F(Scattering, PanesPassWhatTheyDoNotReflect) {
+  const Shader glass = MakeShader({MakePane(1.5f, kWhite)});
+  EXPECT_NEAR(ShadowTransparency(glass, true, {}, 1).x, 1 - 0.0769231, 1e-6);
+  for (float ior : {1.5f, 1.1f, 2.4f, 0.7f}) {
+    const Shader pane = MakeShader({MakePane(ior, {0.9f, 0.5f, 1})});
+    for (float cosine : {1.0f, 0.8f, 0.5f, 0.2f, 0.01f, 0.0f}) {
+      const double head = std::pow((double{ior} - 1) / (double{ior} + 1), 2);
+      const double r = head + std::pow(1 - double{cosine}, 5) * (1 - head);
+      const double factor = cosine == 0 ? 0 : (1 - r) * (1 - r) / (1 - r * r);
+      for (float sign : {1.0f, -1.0f}) {
+        const Vec3 passed = ShadowTransparency(pane, sign > 0, {}, sign * cosine);
+        EXPECT_NEAR(passed.x, 0.9 * factor, 1e-5) << ior << ' ' << cosine;
+        EXPECT_NEAR(passed.y, 0.5 * factor, 1e-5);
+      }
+      // A camera ray sees the complement.
+      ShadingPoint point = MakePoint(0, 0, FromPolar(cosine, 0));
+      FinishShadingPoint(point, pane, true);
+      EXPECT_NEAR(point.specularWeight, 1 - factor, 1e-5);
+      EXPECT_NEAR(point.diffuseWeight, factor, 1e-5);
+    }
+  }
+  EXPECT_EQ(ShadowTransparency(MakeShader({MakePane(1, {0.5f, 1, 2})}), true, {}, 0), (Vec3{0.5f, 1, 2}));
+}
+
+TEST_F(Scattering, TransparencyIsTheProductOverTheSide) {
+  std::vector<SurfaceShader> layers = {MakeVeil({0.5f, 1, 0.25f}), MakeVeil({0.5f, 0.5f, 0.5f}),
+                                       MakePane(1, {1, 0.5f, 1}), MakeVeil(kBlack)};
+  layers[1].sideness = Sideness::kFace;
+  layers[3].sideness = Sideness::kBack;
+  const Shader shader = MakeShader(layers);
+  EXPECT_EQ(ShadowTransparency(shader, true, {}, 1), (Vec3{0.25f, 0.25f, 0.125f}));
+  EXPECT_EQ(ShadowTransparency(shader, false, {}, 1), kBlack);
+  EXPECT_FALSE(shader.frontOpaque);
+  EXPECT_TRUE(shader.backOpaque);
+
+  std::vector<SurfaceShader> oneSided = {MakeVeil(kBlack), MakeVeil(kBlack)};
+  for (SurfaceShader& layer : oneSided) layer.sideness = Sideness::kFace;
+  const Shader open = MakeShader(oneSided);
+  EXPECT_TRUE(open.frontOpaque);
+  EXPECT_FALSE(open.backOpaque);
+  EXPECT_EQ(ShadowTransparency(open, false, {}, 1), kWhite);
+
+  // An image is looked up where the ray passes.
+  ImageBuffer& image = images.emplace_back();
+  Allocate(image, 2, 1, 3, 32, false);
+  WritePixel(image, {0.5f, 0.5f, 0.5f}, 1);
+  SurfaceShader net = MakeVeil({1, 0.5f, 0});
+  net[Element::kShadowTransparency].image = 0;
+  net[Element::kShadowTransparency].pixelSampler = PixelSampler::kNearest;
+  const Shader curtain = MakeShader({net});
+  EXPECT_FALSE(curtain.frontOpaque);
+  EXPECT_EQ(ShadowTransparency(curtain, true, {0.1f, 0}, 1), kBlack);
+  EXPECT_EQ(ShadowTransparency(curtain, true, {0.6f, 0}, 1), (Vec3{0.5f, 0.25f, 0}));
+}
+
+TEST_F(Scattering, OpaqueSidesAreThoseThatPassNothing) {
+  const auto color = [] {
+    const float r = RandomFloat();
+    return r < 0.3f ? kBlack : r < 0.5f ? Vec3{0, 0, 1e-5f} : Vec3{r, 0.5f, 0.5f * r};
+  };
+  int opaque = 0;
+  for (int i = 0; i < 500; ++i) {
+    std::vector<SurfaceShader> layers;
+    for (std::size_t k = 1 + RandomBits() % 4; k > 0; --k) {
+      SurfaceShader& layer =
+          layers.emplace_back(RandomFloat() < 0.4f ? MakePane(1.5f, color()) : MakeVeil(color()));
+      // A pane's veil and a veil's mirror colour count for nothing.
+      if (layer.material == Material::kThinDielectric)
+        layer[Element::kShadowTransparency].color = color();
+      else
+        layer[Element::kSpecular].color = color();
+      layer.sideness = static_cast<Sideness>(RandomBits() % 3);
+    }
+    const Shader shader = MakeShader(layers);
+    for (bool front : {false, true}) {
+      const bool passesNothing = ShadowTransparency(shader, front, {}, 0.7f) == kBlack;
+      // No two colours cancel out: the blue of all but black is above 0.
+      EXPECT_EQ(front ? shader.frontOpaque : shader.backOpaque, passesNothing);
+      opaque += passesNothing;
+    }
+  }
+  EXPECT_GT(opaque, 200);
+  EXPECT_LT(opaque, 800);
+}
+
+}  // namespace
+}  // namespace zp
