@@ -97,10 +97,13 @@ def arc(center, radius, first, last, steps):
     return [(center[0] + radius * math.cos(a), center[1] + radius * math.sin(a)) for a in angles]
 
 
-def write_png(path, width, height, pixel):
-    """`pixel(x, y)` gives red, green, blue in 0 to 1, linear; row 0 is the top. Written with the sRGB curve."""
+def write_png(path, width, height, pixel, curve=True):
+    """`pixel(x, y)` gives red, green, blue in 0 to 1; row 0 is the top. With `curve` they are linear colours and
+    written by the sRGB curve."""
     def byte(v):
         v = min(max(v, 0.0), 1.0)
+        if not curve:
+            return round(255 * v)
         return round(255 * (12.92 * v if v <= 0.0031308 else 1.055 * v ** (1 / 2.4) - 0.055))
 
     rows = b"".join(b"\0" + bytes(byte(v) for x in range(width) for v in pixel(x, y)) for y in range(height))

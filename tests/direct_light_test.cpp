@@ -59,6 +59,7 @@ class DirectLight : public RenderTest {
     PointLight& light = pointLights.emplace_back();
     light.position = position;
     light.offset = offset;
+    light.innerAngle = 180;  // in all directions alike; by default a light falls off around +y
     return light;
   }
 

@@ -224,6 +224,7 @@ TEST_F(Materials, BehindGlassItIsOpenAgain) {
     PointLight& light = pointLights.emplace_back();
     light.position = {0, 0, -2};
     light.offset = 0;
+    light.innerAngle = 180;
     LookAtOrigin(0);
     settings.rayDepth = 3;
     Render();
