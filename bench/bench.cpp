@@ -23,12 +23,27 @@
 #include "meshes.h"
 #include "rays.h"
 #include "results.h"
+#include "shading/shading.h"
 
 namespace zp {
 namespace {
 
 enum class Side : std::uint8_t { kOurs, kEmbree };
-enum class RayKind : std::uint8_t { kCamera, kBounce };
+enum class RayKind : std::uint8_t { kCamera, kBounce, kShadow, kAmbient };
+
+// How a set of rays is made and traced on both sides.
+struct RayCase {
+  RayKind kind;
+  const char* name;
+  HitSums (*ours)(const RaySet&, int, std::vector<float>*);
+  HitSums (*embree)(const RaySet&, int, std::vector<float>*);
+};
+constexpr RayCase kRayCases[] = {
+    {RayKind::kCamera, "camera/", TraceOurs, TraceEmbree},
+    {RayKind::kBounce, "bounce/", TraceOurs, TraceEmbree},
+    {RayKind::kShadow, "shadow/", OccludeOurs, OccludeEmbree},
+    {RayKind::kAmbient, "ambient/", OccludeOurs, OccludeEmbree},
+};
 
 constexpr double kMillion = 1e6;
 
@@ -42,7 +57,7 @@ std::string terrainName;
 // The ray sets of the entered mesh.
 struct {
   std::string mesh;
-  RaySet camera, bounce;
+  RaySet camera, bounce, shadow;
 } raySets;
 
 // Which mesh Embree's scene holds and for how many threads its device was opened.
@@ -99,8 +114,16 @@ const RaySet& EnterRays(const MeshSource& mesh, RayKind kind) {
     raySets.mesh = mesh.name;
     raySets.camera = CameraRays(objectTable[0].bounds);
     raySets.bounce = BounceRays(raySets.camera, objectTable[0].bounds, AllThreads());
+    raySets.shadow = ShadowRays(raySets.camera, objectTable[0].bounds, AllThreads());
   }
-  return kind == RayKind::kCamera ? raySets.camera : raySets.bounce;
+  switch (kind) {
+    case RayKind::kCamera:
+      return raySets.camera;
+    case RayKind::kShadow:
+      return raySets.shadow;
+    default:
+      return raySets.bounce;  // ambient occlusion asks of the same rays whether they meet anything
+  }
 }
 
 // Runs `measure`, which returns seconds, for every iteration and keeps the samples. A negative time is an
@@ -143,12 +166,12 @@ void MeasureBuild(benchmark::State& state, const MeshSource& mesh, Side side, Ca
 }
 
 // Both sides ray by ray. Distances count as equal within the rounding of single precision on either side.
-void CompareSides(const std::string& name, const RaySet& rays) {
+void CompareSides(const std::string& name, const RayCase& rayCase, const RaySet& rays) {
   const auto known = [&](const Agreement& a) { return a.name == name; };
   if (std::any_of(agreements.begin(), agreements.end(), known)) return;
   std::vector<float> ours(rays.size()), other(rays.size());
-  const HitSums ourSums = TraceOurs(rays, AllThreads(), &ours);
-  const HitSums otherSums = TraceEmbree(rays, AllThreads(), &other);
+  const HitSums ourSums = rayCase.ours(rays, AllThreads(), &ours);
+  const HitSums otherSums = rayCase.embree(rays, AllThreads(), &other);
   std::size_t different = 0;
   for (std::size_t i = 0; i < rays.size(); ++i) {
     const float limit = 1e-4f * std::max({ours[i], other[i], 0.0f}) + 1e-5f * sceneRadius;
@@ -158,10 +181,10 @@ void CompareSides(const std::string& name, const RaySet& rays) {
       {name, rays.size(), ourSums.hits, otherSums.hits, ourSums.distance, otherSums.distance, different});
 }
 
-void MeasureRays(benchmark::State& state, const MeshSource& mesh, RayKind kind, Side side,
+void MeasureRays(benchmark::State& state, const MeshSource& mesh, const RayCase& rayCase, Side side,
                  CaseResult& result) {
   if (!Enter(mesh)) return Fail(state, "no such mesh");
-  const RaySet& rays = EnterRays(mesh, kind);
+  const RaySet& rays = EnterRays(mesh, rayCase.kind);
   if (rays.empty()) return Fail(state, "no ray hit the mesh");
   result.amount = static_cast<double>(rays.size()) / kMillion;
   const auto measure = [&](auto trace) {
@@ -172,13 +195,13 @@ void MeasureRays(benchmark::State& state, const MeshSource& mesh, RayKind kind, 
     };
   };
   if (side == Side::kOurs) {
-    if (result.ours.empty()) TraceOurs(rays, result.threads);
-    Sample(state, result, result.ours, measure(TraceOurs));
+    if (result.ours.empty()) rayCase.ours(rays, result.threads, nullptr);
+    Sample(state, result, result.ours, measure(rayCase.ours));
   } else {
     if (!EnterEmbree(mesh, AllThreads())) return Fail(state, "Embree reports an error");
-    CompareSides(result.name, rays);
-    if (result.other.empty()) TraceEmbree(rays, result.threads);
-    Sample(state, result, result.other, measure(TraceEmbree));
+    CompareSides(result.name, rayCase, rays);
+    if (result.other.empty()) rayCase.embree(rays, result.threads, nullptr);
+    Sample(state, result, result.other, measure(rayCase.embree));
   }
 }
 
@@ -275,11 +298,11 @@ void RegisterMesh(const MeshSource& mesh) {
   for (const int threads : threadCounts)
     RegisterCase("build/" + mesh.name, "Mtri/s", threads, kEmbreePresent, "embree",
                  [&mesh](benchmark::State& s, Side side, CaseResult& r) { MeasureBuild(s, mesh, side, r); });
-  for (const RayKind kind : {RayKind::kCamera, RayKind::kBounce})
+  for (const RayCase& rayCase : kRayCases)
     for (const int threads : threadCounts)
-      RegisterCase((kind == RayKind::kCamera ? "camera/" : "bounce/") + mesh.name, "Mray/s", threads,
-                   kEmbreePresent, "embree", [&mesh, kind](benchmark::State& s, Side side, CaseResult& r) {
-                     MeasureRays(s, mesh, kind, side, r);
+      RegisterCase(rayCase.name + mesh.name, "Mray/s", threads, kEmbreePresent, "embree",
+                   [&mesh, &rayCase](benchmark::State& s, Side side, CaseResult& r) {
+                     MeasureRays(s, mesh, rayCase, side, r);
                    });
 }
 
@@ -360,6 +383,7 @@ int Main(int argc, char** argv) {
 
   SetConsoleQuiet(true);
   Startup(1);
+  InitializeShaders();  // shadow rays ask which surfaces are opaque
   SetConsoleQuiet(true);
   benchmark::RunSpecifiedBenchmarks();
   CloseEmbree();

@@ -18,6 +18,23 @@ RTCScene scene = nullptr;
 std::vector<Vec3> positions;  // one more than there are: Embree reads four floats for the last vertex
 std::vector<std::uint32_t> corners;
 
+RTCRay MakeEmbreeRay(const StoredRay& stored, float limit) {
+  RTCRay ray;
+  ray.org_x = stored.origin.x;
+  ray.org_y = stored.origin.y;
+  ray.org_z = stored.origin.z;
+  ray.tnear = kNearest;
+  ray.dir_x = stored.direction.x;
+  ray.dir_y = stored.direction.y;
+  ray.dir_z = stored.direction.z;
+  ray.time = 0;
+  ray.tfar = limit;
+  ray.mask = 0xFFFFFFFF;
+  ray.id = 0;
+  ray.flags = 0;
+  return ray;
+}
+
 }  // namespace
 
 void OpenEmbree(const Part& part, int threads) {
@@ -65,18 +82,7 @@ HitSums TraceEmbree(const RaySet& rays, int threads, std::vector<float>* distanc
     RTCIntersectContext context;
     rtcInitIntersectContext(&context);
     RTCRayHit ray;
-    ray.ray.org_x = rays[i].origin.x;
-    ray.ray.org_y = rays[i].origin.y;
-    ray.ray.org_z = rays[i].origin.z;
-    ray.ray.tnear = kNearest;
-    ray.ray.dir_x = rays[i].direction.x;
-    ray.ray.dir_y = rays[i].direction.y;
-    ray.ray.dir_z = rays[i].direction.z;
-    ray.ray.time = 0;
-    ray.ray.tfar = kFarthest;
-    ray.ray.mask = 0xFFFFFFFF;
-    ray.ray.id = 0;
-    ray.ray.flags = 0;
+    ray.ray = MakeEmbreeRay(rays[i], kFarthest);
     ray.hit.geomID = RTC_INVALID_GEOMETRY_ID;
     ray.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
     rtcIntersect1(scene, &context, &ray);
@@ -86,6 +92,18 @@ HitSums TraceEmbree(const RaySet& rays, int threads, std::vector<float>* distanc
       sums.distance += static_cast<double>(ray.ray.tfar);
     }
     if (distances != nullptr) (*distances)[i] = hit ? ray.ray.tfar : -1;
+  });
+}
+
+HitSums OccludeEmbree(const RaySet& rays, int threads, std::vector<float>* blocked) {
+  return ForRays(rays.size(), threads, [&](std::size_t i, HitSums& sums) {
+    RTCIntersectContext context;
+    rtcInitIntersectContext(&context);
+    RTCRay ray = MakeEmbreeRay(rays[i], rays[i].limit);
+    rtcOccluded1(scene, &context, &ray);
+    const bool stopped = ray.tfar < 0;  // minus infinity once something was met
+    if (stopped) ++sums.hits;
+    if (blocked != nullptr) (*blocked)[i] = stopped ? 1.0f : -1.0f;
   });
 }
 
@@ -99,6 +117,7 @@ void OpenEmbree(const Part&, int) {}
 void CloseEmbree() {}
 double BuildEmbree() { return -1; }
 HitSums TraceEmbree(const RaySet&, int, std::vector<float>*) { return {}; }
+HitSums OccludeEmbree(const RaySet&, int, std::vector<float>*) { return {}; }
 
 }  // namespace zp
 

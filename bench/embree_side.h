@@ -25,5 +25,7 @@ void CloseEmbree();
 double BuildEmbree();
 // Nearest hits through the built scene, as TraceOurs.
 HitSums TraceEmbree(const RaySet& rays, int threads, std::vector<float>* distances = nullptr);
+// Shadow rays, as OccludeOurs.
+HitSums OccludeEmbree(const RaySet& rays, int threads, std::vector<float>* blocked = nullptr);
 
 }  // namespace zp

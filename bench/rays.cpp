@@ -38,6 +38,27 @@ RayRecord MakeRay(const StoredRay& stored, int thread) {
   return ray;
 }
 
+// make(origin, normal, i) for the first hit of each ray number i that hits; the normal is of unit length, on
+// the side that was hit.
+template <class F>
+RaySet RaysFromHits(const RaySet& rays, const Box& bounds, int threads, F make) {
+  const float offset = 1e-5f * SafeLength(bounds.max - bounds.min);
+  RaySet slots(rays.size());  // a zero direction marks a ray that hit nothing
+  ForRays(rays.size(), threads, [&](std::size_t i, HitSums&) {
+    RayRecord ray = MakeRay(rays[i], omp_get_thread_num());
+    if (!Trace(ray)) return;
+    Vec3 normal = FaceNormal(ray);
+    if (!(Dot(normal, normal) > 0)) return;
+    normal = normal * (1 / std::sqrt(Dot(normal, normal)));
+    if (Dot(normal, rays[i].direction) > 0) normal = -normal;
+    slots[i] = make(rays[i].origin + rays[i].direction * ray.t + normal * offset, normal, i);
+  });
+  RaySet made;
+  for (const StoredRay& slot : slots)
+    if (!(slot.direction == kBlack)) made.push_back(slot);
+  return made;
+}
+
 }  // namespace
 
 RaySet CameraRays(const Box& bounds) {
@@ -60,23 +81,31 @@ RaySet CameraRays(const Box& bounds) {
 }
 
 RaySet BounceRays(const RaySet& rays, const Box& bounds, int threads) {
-  const float offset = 1e-5f * SafeLength(bounds.max - bounds.min);
-  RaySet slots(rays.size());  // a zero direction marks a ray that hit nothing
-  ForRays(rays.size(), threads, [&](std::size_t i, HitSums&) {
-    RayRecord ray = MakeRay(rays[i], omp_get_thread_num());
-    if (!Trace(ray)) return;
-    Vec3 normal = FaceNormal(ray);
-    if (!(Dot(normal, normal) > 0)) return;
-    normal = normal * (1 / std::sqrt(Dot(normal, normal)));
-    if (Dot(normal, rays[i].direction) > 0) normal = -normal;
+  return RaysFromHits(rays, bounds, threads, [](Vec3 origin, Vec3 normal, std::size_t i) {
     RekeyRandom(i, 1);  // the same directions for every number of threads
     const float u = RandomFloat(), v = RandomFloat();
-    slots[i] = {rays[i].origin + rays[i].direction * ray.t + normal * offset, CosineDirection(normal, u, v)};
+    return StoredRay{origin, CosineDirection(normal, u, v)};
   });
-  RaySet bounces;
-  for (const StoredRay& slot : slots)
-    if (!(slot.direction == kBlack)) bounces.push_back(slot);
-  return bounces;
+}
+
+RaySet ShadowRays(const RaySet& rays, const Box& bounds, int threads) {
+  const Vec3 size = bounds.max - bounds.min;
+  const Vec3 light =
+      Center(bounds) + Vec3{0.3f * size.x, 0.5f * size.y + 0.3f * SafeLength(size), 0.2f * size.z};
+  return RaysFromHits(rays, bounds, threads, [&](Vec3 origin, Vec3, std::size_t) {
+    const Vec3 path = light - origin;
+    return StoredRay{origin, SafeNormalize(path), SafeLength(path)};
+  });
+}
+
+HitSums OccludeOurs(const RaySet& rays, int threads, std::vector<float>* blocked) {
+  return ForRays(rays.size(), threads, [&](std::size_t i, HitSums& sums) {
+    RayRecord ray = MakeRay(rays[i], omp_get_thread_num());
+    ray.t = rays[i].limit;
+    const bool stopped = Occlude(ray);
+    if (stopped) ++sums.hits;
+    if (blocked != nullptr) (*blocked)[i] = stopped ? 1.0f : -1.0f;
+  });
 }
 
 HitSums TraceOurs(const RaySet& rays, int threads, std::vector<float>* distances) {

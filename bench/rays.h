@@ -15,8 +15,9 @@ inline constexpr int kImageSize = 1024;       // pixels of a row and rows of the
 inline constexpr int kRayChunk = kImageSize;  // rays that a thread takes at a time
 
 struct StoredRay {
-  Vec3 origin;     // scene units
-  Vec3 direction;  // unit length
+  Vec3 origin;              // scene units
+  Vec3 direction;           // unit length
+  float limit = kFarthest;  // what lies beyond does not count; shadow rays alone heed it
 };
 using RaySet = std::vector<StoredRay>;
 
@@ -52,6 +53,14 @@ RaySet CameraRays(const Box& bounds);
 // One ray from each first hit of `rays` on the entered mesh, cosine-distributed about the normal of the
 // face on the side that was hit. Origins stand off the surface by 1e-5 of the diagonal of the bounds.
 RaySet BounceRays(const RaySet& rays, const Box& bounds, int threads);
+
+// One shadow ray from each first hit of `rays` on the entered mesh to a point light above the bounds' centre.
+// Origins as of bounce rays.
+RaySet ShadowRays(const RaySet& rays, const Box& bounds, int threads);
+
+// Shadow rays through the entered mesh's tree; `hits` counts the blocked ones. With `blocked` of the set's
+// size, it is filled: 1 for a blocked ray, -1 for another.
+HitSums OccludeOurs(const RaySet& rays, int threads, std::vector<float>* blocked = nullptr);
 
 // Nearest hits through the entered mesh's tree. With `distances` of the set's size, they are filled: -1 for
 // a miss.

@@ -120,6 +120,34 @@ struct PlainLanes {
   }
 };
 
+// For each mask of eight lanes: its lanes from the highest to the lowest.
+struct alignas(64) LaneOrders {
+  std::uint32_t lanes[256][8];
+};
+constexpr LaneOrders MakeLaneOrders() {
+  LaneOrders orders = {};
+  for (unsigned mask = 0; mask < 256; ++mask) {
+    int n = 0;
+    for (unsigned lane = 8; lane-- > 0;)
+      if ((mask >> lane & 1U) != 0) orders.lanes[mask][n++] = lane;
+  }
+  return orders;
+}
+inline constexpr LaneOrders kLaneOrders = MakeLaneOrders();
+
+// Eight words at once, for stacks.
+struct Words8 {
+  __m256i v;
+  static Words8 Load(const std::uint32_t* p) {
+    return {_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p))};
+  }
+  static Words8 Set(std::uint32_t x) { return {_mm256_set1_epi32(static_cast<int>(x))}; }
+  void Store(std::uint32_t* p) const { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v); }
+};
+inline Words8 operator+(Words8 a, Words8 b) { return {_mm256_add_epi32(a.v, b.v)}; }
+// Lane i of the result is lane order[i] of a.
+inline Words8 Permute(Words8 a, Words8 order) { return {_mm256_permutevar8x32_epi32(a.v, order.v)}; }
+
 inline void Prefetch(const void* address) { _mm_prefetch(static_cast<const char*>(address), _MM_HINT_T0); }
 
 }  // namespace zp

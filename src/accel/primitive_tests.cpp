@@ -38,7 +38,10 @@ bool TestTetragon(const Part& part, std::uint32_t index, const RayRecord& ray, P
   return true;
 }
 
-bool TestParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit) {
+namespace {
+
+template <bool kShadow>
+bool TestSphere(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit) {
   if (!IsVisible(part.shader, ray)) return false;
   const std::uint32_t vertex = part.particles[index];
   const auto& radii = part.scalarSets[0].values;
@@ -47,7 +50,7 @@ bool TestParticle(const Part& part, std::uint32_t index, const RayRecord& ray, P
   const float b = Dot(d, ray.direction);
   const float discriminant = b * b - Dot(d, d) + radius * radius;
   if (!(discriminant >= 0)) return false;
-  const float s = SafeSqrt(discriminant);
+  const float s = kShadow ? discriminant : SafeSqrt(discriminant);
   hit.t = b - s;
   if (!(hit.t > kHitEpsilon && kHitEpsilon + ray.t > hit.t)) {
     hit.t = b + s;
@@ -57,6 +60,16 @@ bool TestParticle(const Part& part, std::uint32_t index, const RayRecord& ray, P
   hit.barycentric = hit.t * ray.direction - d;
   hit.shader = part.shader;
   return true;
+}
+
+}  // namespace
+
+bool TestParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit) {
+  return TestSphere<false>(part, index, ray, hit);
+}
+
+bool TestShadowParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit) {
+  return TestSphere<true>(part, index, ray, hit);
 }
 
 }  // namespace zp

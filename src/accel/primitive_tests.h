@@ -89,5 +89,7 @@ bool TestTriangle(const Part& part, std::uint32_t index, const RayRecord& ray, P
 bool TestTetragon(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit);
 // A sphere. Intended: its limit lies epsilon beyond the ray's t, where a triangle's lies before it.
 bool TestParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit);
+// The same for shadow rays. Intended: the roots are b -+ the discriminant, without the square root.
+bool TestShadowParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit);
 
 }  // namespace zp

@@ -64,18 +64,26 @@ bool IsHidden(std::int32_t shader) {
          shaders[static_cast<std::size_t>(shader)].geometry.visibility != Visibility::kAll;
 }
 
-bool HasHiddenPrimitives(const Object& object) {
+// Whether some primitive's Shader is one of those that `test` names.
+template <class F>
+bool AnyPrimitive(const Object& object, F test) {
   for (const Part& part : object.parts) {
-    if (IsHidden(part.shader)) return true;
+    if (!part.particles.empty() && test(part.shader)) return true;
     for (const Triangle& triangle : part.triangles)
-      if (IsHidden(triangle.shader)) return true;
+      if (test(triangle.shader)) return true;
     for (const Tetragon& tetragon : part.tetragons)
-      if (IsHidden(tetragon.shader)) return true;
+      if (test(tetragon.shader)) return true;
   }
   return false;
 }
 
 }  // namespace
+
+bool IsOpaque(std::int32_t shader) {
+  if (shader < 0 || static_cast<std::size_t>(shader) >= shaders.size()) return true;
+  const Shader& s = shaders[static_cast<std::size_t>(shader)];
+  return s.frontOpaque && s.backOpaque;
+}
 
 void PackTree(Object& object) {
   const std::size_t nodeCount = object.wideNodes.size();
@@ -93,7 +101,8 @@ void PackTree(Object& object) {
   auto packed = std::make_shared<PackedTree>();
   packed->nodes = PageArray<PackedNode>(nodeCount);
   packed->blocks = PageArray<TriangleBlock>((firstLane[nodeCount] + kBlockLanes - 1) / kBlockLanes);
-  packed->filtersVisibility = HasHiddenPrimitives(object);
+  packed->filtersVisibility = AnyPrimitive(object, IsHidden);
+  packed->opaqueOnly = !AnyPrimitive(object, [](std::int32_t shader) { return !IsOpaque(shader); });
   packed->stackSize = 7 * (object.wideDepth + 1) + 1;
 #pragma omp parallel for schedule(static)
   for (std::size_t n = 0; n < nodeCount; ++n) {

@@ -60,10 +60,14 @@ struct PackedTree {
   PageArray<PackedNode> nodes;
   PageArray<TriangleBlock> blocks;
   bool filtersVisibility = false;  // some primitive is hidden from some ray
+  bool opaqueOnly = false;         // no primitive lets any shadow ray through
   int stackSize = 0;               // entries that a walk can need
 };
 
 // Lays object.wideNodes and object.compactReferences out in object.packed.
 void PackTree(Object& object);
+
+// Whether no side of the Shader lets a shadow ray through. An index outside the table counts as opaque.
+bool IsOpaque(std::int32_t shader);
 
 }  // namespace zp

@@ -1,0 +1,181 @@
+// The walk of shadow rays: whatever lies between two points, in the order of slots.
+
+#include <atomic>
+#include <bit>
+
+#include "accel/accel.h"
+#include "accel/walk.h"
+#include "core/settings.h"
+#include "geometry/geometry.h"
+
+namespace zp {
+namespace {
+
+// Of one ray, through all Instances.
+struct OccluderCounts {
+  std::uint64_t innerNodes = 0, leaves = 0, primitives = 0;
+};
+
+// The cosine of the ray and the unit geometric normal; of no defined sign.
+float HitCosine(const Part& part, const Corners& corners, const PrimitiveHit& hit, Vec3 direction) {
+  const auto at = [&](int i) { return part.positions[corners.vertex[i]]; };
+  Vec3 normal = hit.barycentric;
+  if (corners.count == 3) normal = Cross(at(1) - at(0), at(2) - at(0));
+  if (corners.count == 4) normal = Cross(at(2) - at(0), at(3) - at(1));
+  const float length = std::sqrt(Dot(normal, normal));  // normals of small faces are shorter than safe roots
+  return length > 0 ? Dot(direction, normal) / length : 1.0f;
+}
+
+struct OccluderWalk {
+  Object& object;
+  RayRecord& ray;
+  OccluderCounts& counts;
+  std::int32_t shader;  // of the outermost Instance that has one; it stands for all below
+
+  // True when the surface that was met leaves nothing of the light.
+  bool Absorbs(const Part& part, std::uint8_t kind, std::uint32_t index, const PrimitiveHit& hit) const {
+    const std::int32_t number = shader == kNone ? hit.shader : shader;
+    if (number < 0 || static_cast<std::size_t>(number) >= shaders.size()) return true;
+    const Shader& met = shaders[static_cast<std::size_t>(number)];
+    const bool front = hit.denominator < 0;
+    if (front ? met.frontOpaque : met.backOpaque) return true;
+    const Corners corners = HitCorners(part, kind, index, hit.barycentric);
+    ray.throughput *=
+        ShadowTransparency(met, front, CornerUv(corners, part), HitCosine(part, corners, hit, ray.direction));
+    return IsBlack(ray.throughput);
+  }
+
+  template <bool kOpaque>
+  bool TakeHits(const PackedTree& tree, const TriangleBlock& block, const TriangleHits<Float4>& hits) const {
+    const StoredHits stored(hits);
+    for (unsigned mask = hits.mask; mask != 0; mask &= mask - 1) {
+      const int i = std::countr_zero(mask);
+      const std::uint32_t index = block.primitive[i];
+      const Part& part = object.parts[block.part[i]];
+      if (IsParent(ray, part, kKindTriangle, index)) continue;
+      if (tree.filtersVisibility && !IsVisible(block.shader[i], ray)) continue;
+      if (kOpaque || Absorbs(part, kKindTriangle, index, stored.Lane(i, block.shader[i]))) return true;
+    }
+    return false;
+  }
+
+  template <bool kOpaque>
+  bool TestReferences(std::uint32_t first, std::uint32_t count) {
+    for (std::uint32_t i = first; i < first + count; ++i) {
+      const PrimitiveRef& reference = object.compactReferences[i];
+      if (reference.kind == kKindInstance) {
+        if (EnterInstance(object.instances[reference.index])) return true;
+        continue;
+      }
+      const Part& part = object.parts[reference.part];
+      const auto kind = static_cast<std::uint8_t>(reference.kind);
+      if (IsParent(ray, part, kind, reference.index)) continue;
+      PrimitiveHit hit;
+      bool met = false;
+      if (kind == kKindParticle) met = TestShadowParticle(part, reference.index, ray, hit);
+      if (kind == kKindTriangle) met = TestTriangle(part, reference.index, ray, hit);
+      if (kind == kKindTetragon) met = TestTetragon(part, reference.index, ray, hit);
+      if (met && (kOpaque || Absorbs(part, kind, reference.index, hit))) return true;
+    }
+    return false;
+  }
+
+  bool EnterInstance(const Instance& instance) {
+    if (instance.object < 0 || ray.matrixDepth >= kInstanceDepth) return false;
+    const InsideInstance inside(ray, instance);
+    OccluderWalk inner{objectTable[static_cast<std::size_t>(instance.object)], ray, counts,
+                       shader == kNone ? instance.shader : shader};
+    return inner.Run<false>();
+  }
+
+  // True if the ray is blocked.
+  template <bool kLog>
+  bool Run() {
+    const PackedTree* tree = object.packed.get();
+    if (tree == nullptr || tree->nodes.size() == 0) return false;
+    const bool opaque = shader == kNone ? tree->opaqueOnly : IsOpaque(shader);
+    if (tree->stackSize > 128) return RunWithStack<kLog, false, 2048>(*tree);  // as deep as trees can be
+    return opaque ? RunWithStack<kLog, true, 128>(*tree) : RunWithStack<kLog, false, 128>(*tree);
+  }
+
+  template <bool kLog, bool kOpaque, int kStackSize>
+  bool RunWithStack(const PackedTree& tree);
+
+  // A thread's blocked ray counts for the leaf's slot in the node above it.
+  void Log(std::uint32_t place) {
+    std::atomic_ref<std::uint32_t> log(object.wideNodes[place / 8].log[place % 8]);
+    log.fetch_add(1, std::memory_order_relaxed);
+  }
+};
+
+template <bool kLog, bool kOpaque, int kStackSize>
+bool OccluderWalk::RunWithStack(const PackedTree& tree) {
+  const PackedNode* const nodes = tree.nodes.data();
+  const SlabRay slab(ray);
+  // Eight entries are written wherever one is pushed.
+  std::uint32_t children[kStackSize + 8], words[kStackSize + 8];
+  [[maybe_unused]] std::uint32_t places[kLog ? kStackSize + 8 : 1];  // 8 * parent node + slot
+  std::size_t top = 0;
+  std::uint32_t child = 0, word = 0;
+  std::uint64_t innerNodes = 0, leaves = 0, primitives = 0;
+  bool blocked = false;
+  for (;;) {
+    if (word == 0) {
+      ++innerNodes;
+      const PackedNode& node = nodes[child];
+      Float8 near;
+      const unsigned mask = SlabTest(node, slab, ray.t, near);
+      const Words8 order = Words8::Load(kLaneOrders.lanes[mask]);
+      Permute(Words8::Load(node.child), order).Store(children + top);
+      Permute(Words8::Load(node.word), order).Store(words + top);
+      if constexpr (kLog) (order + Words8::Set(child * 8)).Store(places + top);
+      top += static_cast<std::size_t>(std::popcount(mask));
+    } else {
+      ++leaves;
+      const std::uint32_t count = word & kLeafCount;
+      primitives += count;
+      if ((word & kTriangleLeaf) != 0)
+        blocked = TestLanes(tree, child, count, ray,
+                            [&](const TriangleBlock& block, const TriangleHits<Float4>& hits) {
+                              return TakeHits<kOpaque>(tree, block, hits);
+                            });
+      else
+        blocked = TestReferences<kOpaque>(child, count);
+      if (blocked) {
+        if constexpr (kLog) Log(places[top]);
+        break;
+      }
+    }
+    if (top == 0) break;
+    --top;
+    child = children[top];
+    word = words[top];
+  }
+  counts.innerNodes += innerNodes;
+  counts.leaves += leaves;
+  counts.primitives += primitives;
+  return blocked;
+}
+
+}  // namespace
+
+bool Occlude(RayRecord& ray) {
+  ThreadSlot& slot = threadSlots[ray.thread];
+  ++slot.shadowRays;
+  ray.throughput = kWhite;
+  if (!PrepareRay(ray)) return false;
+  // The visibility filter knows legs by depth: a shadow ray is no camera ray, even from a first hit.
+  const std::uint8_t depth = ray.depth;
+  if (depth == 0) ray.depth = 1;
+  OccluderCounts counts;
+  OccluderWalk walk{objectTable[static_cast<std::size_t>(rootObject)], ray, counts, kNone};
+  const bool blocked = settings.samplePass == 0 ? walk.Run<true>() : walk.Run<false>();
+  if (blocked) ray.throughput = kBlack;
+  ray.depth = depth;
+  slot.innerNodes += counts.innerNodes;
+  slot.leaves += counts.leaves;
+  slot.primitives += counts.primitives;
+  return blocked;
+}
+
+}  // namespace zp

@@ -1,0 +1,121 @@
+// accel/walk.h: what the walks of single rays share: box tests, lanes of triangles, the ray's parent, and the
+// way into an Instance.
+
+#pragma once
+
+#include "accel/float8.h"
+#include "accel/primitive_tests.h"
+#include "accel/tree.h"
+
+namespace zp {
+
+inline constexpr int kInstanceDepth = 16;  // Instances that a ray can be inside of
+
+// What a walk keeps of its ray for box tests.
+struct SlabRay {
+  Float8 inverse[3], scaledOrigin[3];  // scaledOrigin = origin * inverse
+  int nearRow[3], farRow[3];
+
+  explicit SlabRay(const RayRecord& ray) {
+    for (int a = 0; a < 3; ++a) {
+      const int negative = ray.direction[a] < 0 ? 1 : 0;
+      inverse[a] = Float8::Set(ray.inverseDirection[a]);
+      scaledOrigin[a] = Float8::Set(ray.origin[a] * ray.inverseDirection[a]);
+      nearRow[a] = a + 3 * negative;
+      farRow[a] = a + 3 * (1 - negative);
+    }
+  }
+};
+
+// Which of a node's boxes the ray enters before `limit`, and where. A plane that gives no number (a ray
+// within it) does not count, so that a box is never lost.
+inline unsigned SlabTest(const PackedNode& node, const SlabRay& ray, float limit, Float8& near) {
+  near = Float8::Set(1e-8f);
+  Float8 far = Float8::Set(limit);
+  for (int a = 0; a < 3; ++a) {
+    near = Max(MulSub(Float8::LoadAligned(node.boxes[ray.nearRow[a]]), ray.inverse[a], ray.scaledOrigin[a]),
+               near);
+    far =
+        Min(MulSub(Float8::LoadAligned(node.boxes[ray.farRow[a]]), ray.inverse[a], ray.scaledOrigin[a]), far);
+  }
+  return MaskLessEqual(near, far);
+}
+
+inline Vec3 Reciprocal(Vec3 v) { return {1.0f / v.x, 1.0f / v.y, 1.0f / v.z}; }
+
+inline bool IsParent(const RayRecord& ray, const Part& part, std::uint8_t kind, std::uint32_t index) {
+  return ray.parentKind == kind && ray.parentPrimitive == static_cast<std::int32_t>(index) &&
+         ray.parentPart == &part;
+}
+
+// Tests the triangles of lanes first to first + count - 1, a block at a time, each block against the limit
+// that the one before has left. `take` gets every block that is hit; true from it ends the test.
+template <class Take>
+inline bool TestLanes(const PackedTree& tree, std::uint32_t first, std::uint32_t count, const RayRecord& ray,
+                      Take take) {
+  const Float4 zero = Float4::Set(0), one = Float4::Set(1), epsilon = Float4::Set(kHitEpsilon);
+  const Lanes3<Float4> direction = {Float4::Set(ray.direction.x), Float4::Set(ray.direction.y),
+                                    Float4::Set(ray.direction.z)};
+  const Float4 ox = Float4::Set(ray.origin.x), oy = Float4::Set(ray.origin.y), oz = Float4::Set(ray.origin.z);
+  const std::uint32_t end = first + count;
+  for (std::uint32_t b = first / kBlockLanes; b * kBlockLanes < end; ++b) {
+    const TriangleBlock& block = tree.blocks[b];
+    const auto load = [](const float(&rows)[3][kBlockLanes]) {
+      return Lanes3<Float4>{Float4::LoadAligned(rows[0]), Float4::LoadAligned(rows[1]),
+                            Float4::LoadAligned(rows[2])};
+    };
+    Lanes3<Float4> q = load(block.p0);
+    q = {q.x - ox, q.y - oy, q.z - oz};
+    TriangleHits<Float4> hits =
+        TestTriangles(q, load(block.e1), load(block.e2), direction, Float4::Set(ray.t), zero, one, epsilon);
+    if (hits.mask == 0) [[likely]]
+      continue;
+    // Lanes of the leaves before and behind do not count.
+    if (b * kBlockLanes < first) hits.mask &= 0xFU << (first % kBlockLanes);
+    if ((b + 1) * kBlockLanes > end) hits.mask &= (1U << (end % kBlockLanes)) - 1U;
+    if (hits.mask != 0 && take(block, hits)) return true;
+  }
+  return false;
+}
+
+// The hits of a block as plain numbers.
+struct StoredHits {
+  alignas(16) float t[kBlockLanes], denominator[kBlockLanes], weight1[kBlockLanes], weight2[kBlockLanes];
+
+  explicit StoredHits(const TriangleHits<Float4>& hits) {
+    hits.t.Store(t);
+    hits.denominator.Store(denominator);
+    hits.weight1.Store(weight1);
+    hits.weight2.Store(weight2);
+  }
+  PrimitiveHit Lane(int i, std::int32_t shader) const {
+    return {t[i], denominator[i], {(1.0f - weight1[i]) - weight2[i], weight1[i], weight2[i]}, shader};
+  }
+};
+
+// Keeps a ray in the space of an Instance's Object for as long as it lives.
+struct InsideInstance {
+  RayRecord& ray;
+  Vec3 origin, direction, inverseDirection;
+
+  InsideInstance(RayRecord& r, const Instance& instance)
+      : ray(r), origin(r.origin), direction(r.direction), inverseDirection(r.inverseDirection) {
+    ray.origin = TransformPoint(instance.inverse, origin);
+    ray.direction = TransformDirection(instance.inverse, direction);
+    ray.inverseDirection = Reciprocal(ray.direction);
+    ++ray.matrixDepth;
+  }
+  ~InsideInstance() {
+    ray.origin = origin;
+    ray.direction = direction;
+    ray.inverseDirection = inverseDirection;
+    --ray.matrixDepth;
+  }
+  InsideInstance(const InsideInstance&) = delete;
+  InsideInstance& operator=(const InsideInstance&) = delete;
+};
+
+// Whether a ray can be walked; fills what walks need.
+bool PrepareRay(RayRecord& ray);
+
+}  // namespace zp
