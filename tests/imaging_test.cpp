@@ -80,7 +80,7 @@ struct FormatCase {
   float tolerance;
 };
 
-// The rows come back bottom first, but for the two formats that keep the buffer's order.
+// The rows come back bottom first. The eight blocks differ, so that a turn or a mirror image shows.
 TEST_F(ImageFiles, EveryFormatRoundTrips) {
   const FormatCase cases[] = {
       {".bmp", "BM", 0.004f},
@@ -133,12 +133,10 @@ TEST_F(ImageFiles, EveryFormatRoundTrips) {
       ASSERT_EQ(back.height, 128);
       const bool isFloat = back.bits == 32;
       EXPECT_EQ(back.packed, isFloat && allowPacked);
-      const std::string_view e = format.extension;
-      const bool bufferOrder = e == ".hdr" || e == ".HDR" || e == ".pfm";
       const float tolerance = format.tolerance + (back.packed ? 0.004f : 0.0f);
       for (const int y : {16, 48, 80, 112})
         for (const int x : {32, 96}) {
-          const Vec3 pixel = ReadPixel(back, static_cast<std::size_t>((bufferOrder ? y : 127 - y) * 128 + x));
+          const Vec3 pixel = ReadPixel(back, static_cast<std::size_t>((127 - y) * 128 + x));
           for (int c = 0; c < 3; ++c) EXPECT_NEAR(pixel[c], BlockColor(x, y)[c], tolerance) << x << " " << y;
         }
     }
@@ -331,6 +329,42 @@ TEST_F(ImageFiles, RowsOnDisk) {
   ASSERT_GE(hdr.size(), 8U);
   EXPECT_EQ(static_cast<std::uint8_t>(hdr[hdr.size() - 8]), 128);
   EXPECT_EQ(static_cast<std::uint8_t>(hdr[hdr.size() - 5]), 131);
+}
+
+// Files made by hand, whose four corners differ: what a viewer shows at the bottom left is the first pixel of
+// the buffer. The format is that of the content, whatever the name says.
+TEST_F(ImageFiles, BottomRowComesFirst) {
+  const auto write = [&](const char* name, const std::string& content) {
+    std::ofstream(Path(name), std::ios::binary) << content;
+  };
+  const auto words = [](std::initializer_list<float> values) {
+    std::string text;
+    for (const float value : values)
+      for (int c = 0; c < 3; ++c) text.append(reinterpret_cast<const char*>(&value), sizeof value);
+    return text;
+  };
+  // Greys: top row 4 3, bottom row 1 2; for bytes 255 times a quarter of them.
+  write("corners.pfm", "PF\n2 2\n-1.0\n" + words({1, 2, 4, 3}));
+  const std::string one = "\x80\x80\x80\x81", two = "\x80\x80\x80\x82", three = "\xc0\xc0\xc0\x82",
+                    four = "\x80\x80\x80\x83";
+  write("corners.hdr", "#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 2 +X 2\n" + four + three + one + two);
+  write("corners.ppm", "P3\n2 2\n4\n4 4 4 3 3 3\n1 1 1 2 2 2\n");
+  fs::copy_file(Path("corners.pfm"), Path("false.hdr"));
+  fs::copy_file(Path("corners.hdr"), Path("false.pfm"));
+  for (const char* name : {"corners.pfm", "corners.hdr", "corners.ppm", "false.hdr", "false.pfm"})
+    for (const bool allowPacked : {true, false}) {
+      SCOPED_TRACE(name);
+      ImageBuffer image;
+      image.allowPacked = allowPacked;
+      image.fileName = name;
+      ASSERT_TRUE(LoadImage(image, Path(name)));
+      ASSERT_EQ(image.width, 2);
+      ASSERT_EQ(image.height, 2);
+      const float unit = ReadPixel(image, 0).x;
+      EXPECT_GT(unit, 0.0f);
+      const float expected[] = {1, 2, 4, 3};
+      for (std::size_t i = 0; i < 4; ++i) EXPECT_NEAR(ReadPixel(image, i).x / unit, expected[i], 0.07f) << i;
+    }
 }
 
 TEST_F(ImageFiles, SharedExponentPacking) {

@@ -323,19 +323,21 @@ bool SaveImage(const ImageBuffer& image) {
   return saved;
 }
 
-// The first row of the buffer is the bottom of the picture, except that a picture whose own fileName is a
-// Radiance file's starts at the top. image.fileName is only read. A failure leaves the buffer unfilled.
+// The first row of the buffer is the bottom of the picture in every format, which the content tells and not
+// the name. image.fileName is only read. A failure leaves the buffer unloaded: as it was, or, when memory
+// does not suffice, without a size.
 bool LoadImage(ImageBuffer& image, const std::string& path) {
   image.loaded = false;
   const FREE_IMAGE_FORMAT format = FreeImage_GetFileType(path.c_str(), 0);
   if (format == FIF_UNKNOWN || FreeImage_FIFSupportsReading(format) == 0) return false;
   const Bitmap bitmap(FreeImage_Load(format, path.c_str(), 0));
   if (!bitmap) return false;
-  if (Contains(image.fileName, ".hdr", ".HDR")) FreeImage_FlipVertical(bitmap.get());
+  // FreeImage takes the first row of a PFM file for the top one, but the format starts at the bottom.
+  if (format == FIF_PFM) FreeImage_FlipVertical(bitmap.get());
   try {
     image.loaded = CopyBitmap(image, bitmap.get());
   } catch (const std::bad_alloc&) {
-    return false;
+    image.width = image.height = 0;
   }
   return image.loaded;
 }

@@ -1,13 +1,76 @@
+#include <algorithm>
+#include <cmath>
+
+#include "accel/accel.h"
 #include "core/console.h"
-#include "core/settings.h"
+#include "core/tables.h"
 #include "lights/light_aovs.h"
 #include "lights/lights.h"
+#include "lights/sky_map.h"
+#include "lights/sky_model.h"
+#include "lights/sky_table.h"
 
 namespace zp {
 
 SkyLight skyLight;
 
+namespace {
+
+constexpr std::string_view kAnalyticSky = "analytic";  // reserved as a name: no file is looked for
+
+// What initialisation derives from the settings.
+struct SkyState {
+  SkyFrame frame;
+  SkyMap image, backdrop;
+  SkyTable table;
+  float powerFactor = 0;  // of the photons together, for a sky of 1
+};
+SkyState sky;
+
+Vec3 sunDirection = {1, 2, 1};  // Intended: nothing sets it
+
+// Radians above the horizon of the zenith as it was given, of whatever length.
+double SunElevation() {
+  return static_cast<double>(kPi) / 2 -
+         std::acos(std::clamp(static_cast<double>(Dot(sunDirection, skyLight.zenith)), -1.0, 1.0));
+}
+
+SkyMap LoadSkyMap(const std::string& name) {
+  const std::int32_t texture = FindOrAddTexture(name);
+  if (texture == kNone) return {};
+  ImageBuffer& image = images[static_cast<std::size_t>(texture)];
+  return LoadTexture(image) ? MakeSkyMap(image) : SkyMap();
+}
+
+// The unit vector towards the sky and the radiance there divided by its density, per photon.
+struct PhotonStart {
+  Vec3 direction;
+  Vec3 radiance;
+};
+PhotonStart StartAnywhere(std::uint32_t sample) {
+  const float phi = 2 * kPi * Halton(sample, 0), z = 1 - 2 * Halton(sample, 1);
+  const float radius = std::sqrt(std::max(1 - z * z, 0.0f));
+  const Vec3 direction = {radius * std::cos(phi), radius * std::sin(phi), z};
+  return {direction, SkyRadiance(direction)};
+}
+PhotonStart StartAtCell(std::uint32_t sample) {
+  const std::int32_t row = UpperBound(sky.table.rows, Halton(sample, 0));
+  const Distribution& cells = sky.table.cells[static_cast<std::size_t>(row)];
+  const std::int32_t cell = UpperBound(cells, Halton(sample, 1));
+  const float probability =
+      sky.table.rows.weights[static_cast<std::size_t>(row)] * cells.weights[static_cast<std::size_t>(cell)];
+  // Intended: from the corner of the cell, as if all cells were of one size.
+  const Vec3 direction =
+      CellDirection(row / kSkyFaceSize, static_cast<float>(cell), static_cast<float>(row % kSkyFaceSize));
+  if (probability < 1e-8f) return {direction, kBlack};
+  return {direction, SkyRadiance(direction) / (probability * kSkyCells)};
+}
+
+}  // namespace
+
+// Also drops the maps and the table of an earlier initialisation.
 void ResetSky() {
+  sky = SkyState();
   SkyLight fresh;
   fresh.image = std::move(skyLight.image);
   fresh.backdrop = std::move(skyLight.backdrop);
@@ -19,17 +82,32 @@ void ResetSky() {
 }
 
 void InitializeSky() {
+  sky = SkyState();
   ResolveLink(skyLight.link);
+  if (!MakeSkyFrame(skyLight.north, skyLight.zenith, sky.frame))
+    PrintWarning("sky light - north and zenith must be two directions, defaults take their place");
+  sunDirection = SafeNormalize(sunDirection);
+  const double elevation = SunElevation();
   InitializeVolume(globalVolume);
-  if (!skyLight.image.empty() || !skyLight.backdrop.empty())
-    PrintWarning("sky light - images are not shown, the color stands for them");
-  if (IsBlack(skyLight.color)) skyLight.photon = 0;
-  // A plain sky has no importance table to draw from: rays that leave the scene find it.
-  skyLight.sample = 0;
+  if (skyLight.photon > 0) sky.powerFactor = 4 * kPi * sceneRadius * sceneRadius;
+  sky.backdrop = LoadSkyMap(skyLight.backdrop);
+  if (skyLight.image == kAnalyticSky)
+    sky.image = BakeSkyModel(MakeSkyModelState(static_cast<double>(skyLight.turbidity),
+                                               static_cast<double>(skyLight.albedo), elevation),
+                             sky.frame, sunDirection, skyLight.albedo);
+  else
+    sky.image = LoadSkyMap(skyLight.image);
+  if (IsBlack(skyLight.color))
+    skyLight.photon = skyLight.sample = 0;
+  else if (HasPixels(sky.image))
+    sky.table = MakeSkyTable(sky.image, sky.frame, skyLight.color);
+  else
+    skyLight.sample = 0;  // a plain sky has no table to draw from: rays that leave the scene find it
   InitializeLightAovs(skyLight.aovs);
-  PrintIntegerRow("sky light map width   ", 0, "n/a");
-  PrintIntegerRow("sky light map height  ", 0, "n/a");
-  PrintFloatRow("sky light memory      ", 0, "M bytes");
+  PrintIntegerRow("sky light map width   ", static_cast<std::uint64_t>(sky.image.width), "n/a");
+  PrintIntegerRow("sky light map height  ", static_cast<std::uint64_t>(sky.image.height), "n/a");
+  PrintFloatRow("sky light memory      ", static_cast<float>(TableBytes(sky.table)) * kMegabytesPerByte,
+                "M bytes");
   PrintRule();
 }
 
@@ -38,6 +116,49 @@ void FinalizeSky() {
   ResetSky();
 }
 
-Vec3 SkyRadiance(Vec3 /*direction*/) { return skyLight.color; }
+Vec3 SkyRadiance(Vec3 direction) {
+  if (!HasPixels(sky.image)) return skyLight.color;
+  return skyLight.color * LookUp(sky.image, MapCoordinates(sky.frame, direction));
+}
+
+Vec3 BackgroundRadiance(Vec3 direction) {
+  if (!HasPixels(sky.backdrop)) return SkyRadiance(direction);
+  return LookUp(sky.backdrop, MapCoordinates(sky.frame, direction));
+}
+
+bool SampleSky(float u, float v, LightSample& sample) {
+  if (skyLight.sample <= 0) return false;
+  if (!SampleTable(sky.table, u, v, sample.direction, sample.pdf)) return false;
+  sample.distance = kFarthest;
+  sample.radiance = SkyRadiance(sample.direction);
+  sample.factor = 0;
+  return true;
+}
+
+float SkyDensity(Vec3 direction) { return TableDensity(sky.table, direction); }
+
+// Fills the whole ray but its thread and its link to the light, which the cast sets. The rays of all photons
+// cover the scene's bounding sphere from a disc one radius outside of it.
+void MakeSkyPhotonRay(RayRecord& ray, std::uint32_t sample) {
+  const PhotonStart start = sky.table.cells.empty() ? StartAnywhere(sample) : StartAtCell(sample);
+  const Vec3 d = start.direction;
+  Vec3 axis = Perpendicular(d);
+  if (Dot(axis, axis) < 1e-10f) axis = Cross(d, Vec3{1, 0, 0});  // vanishes along (-1, -1, 1), a cube corner
+  axis = SafeNormalize(axis);
+  const Vec2 disc = ConcentricDisk(Halton(sample, 2), Halton(sample, 3));
+  const std::uint8_t thread = ray.thread;
+  ray = RayRecord();
+  ray.thread = thread;
+  ray.sampleNumber = sample;
+  ray.dimension = 4;
+  ray.origin = sceneCenter + sceneRadius * (disc.x * axis + disc.y * Cross(axis, d) + d);
+  ray.direction = -d;
+  if (skyLight.photon > 0)
+    ray.photonPower = start.radiance * (sky.powerFactor / static_cast<float>(skyLight.photon));
+  ray.ior = skyLight.ior;
+  ray.kind = ray.parentKind = kKindNone;
+  ray.event = ray.previousEvent = 0;
+  ray.photonIndirect = true;
+}
 
 }  // namespace zp
