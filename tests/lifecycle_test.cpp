@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -34,6 +35,8 @@ class Lifecycle : public testing::Test {
     images = {};
     cameras = {};
     objectTable = {};
+    pointLights = {};
+    parallelLights = {};
     imageSearchPaths = {};
   }
 };
@@ -151,6 +154,40 @@ TEST_F(Lifecycle, PlainLights) {
   FinalizeGeometryLight();
   EXPECT_EQ(skyLight.photon, 1000000);
   EXPECT_EQ(geometryLight.photon, 1000000);
+}
+
+TEST_F(Lifecycle, PointAndParallelLightsLastForOneFrame) {
+  const std::filesystem::path folder =
+      std::filesystem::temp_directory_path() / ("zp-lifecycle-" + std::to_string(::getpid()));
+  std::filesystem::create_directories(folder);
+  const auto prepare = [&](const char* name) {
+    Printed([] { Startup(1); });
+    cameras.resize(1);
+    cameras[0].width = cameras[0].height = 2;
+    cameras[0].sample = 1;
+    cameras[0].aovs.at(0).image.fileName = (folder / "beauty.hdr").string();
+    pointLights.resize(1);
+    pointLights[0].aovs.resize(1);
+    pointLights[0].aovs[0].image.fileName = (folder / name).string();
+    parallelLights.resize(1);
+    return Printed([] { Initialize(); });
+  };
+  const std::string rows = prepare("frame.hdr");
+  const std::size_t geometry = rows.find("geometry light sample"), parallel = rows.find("parallel lights"),
+                    renderer = rows.find("renderer sample");
+  EXPECT_TRUE(geometry < parallel && parallel < renderer && renderer < rows.size()) << rows;
+  EXPECT_EQ(rows.find("geometry light sample", geometry + 1), std::string::npos);
+  Printed([] { RenderLoop(); });
+  EXPECT_TRUE(pointLights.empty() && parallelLights.empty());
+  EXPECT_TRUE(std::filesystem::exists(folder / "frame.hdr"));
+  Printed([] { Finalize(); });
+  // Without a frame the end of the run writes it.
+  prepare("end.hdr");
+  Printed([] { Finalize(); });
+  EXPECT_TRUE(pointLights.empty() && parallelLights.empty());
+  EXPECT_TRUE(std::filesystem::exists(folder / "end.hdr"));
+  Shutdown();
+  std::filesystem::remove_all(folder);
 }
 
 TEST_F(Lifecycle, EverythingRunsToItsEndWithoutAScene) {
