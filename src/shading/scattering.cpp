@@ -24,17 +24,16 @@ Widths LobeWidths(const ShadingPoint& point) {
 // Samples mirrored at SampleGlossyHalf have the density 2 D h . normal, below the horizon too: the caller
 // tests the cosine of `direction`. 0 where no half vector in front of the surface mirrors one into the other.
 float GlossyD(const ShadingPoint& point, Vec3 direction) {
+  // In terms of h, which needs no root: |h|^2 n^4 is (h . normal)^4 / |h|^2.
   const Vec3 h = direction + point.outgoing;
-  const float squared = Dot(h, h);
+  const float squared = Dot(h, h), n = Dot(h, point.normal), n2 = n * n;
   // Opposite directions have no half vector; one in the surface has an infinite slope.
-  if (!(squared > 1e-10f)) return 0;
-  const Vec3 half = h / std::sqrt(squared);
-  const float n = Dot(half, point.normal);
-  if (!(n > 1e-5f)) return 0;
+  if (!(squared > 1e-10f) || !(n > 0) || !(n2 > 1e-10f * squared)) return 0;
   const Widths alpha = LobeWidths(point);
-  const float x = Dot(half, point.tangent) / alpha.x, y = Dot(half, point.bitangent) / alpha.y;
-  const float n2 = n * n;
-  const float d = std::exp(-(x * x + y * y) / n2) / (4 * kPi * squared * (n2 * n2) * (alpha.x * alpha.y));
+  const float x = Dot(h, point.tangent) / alpha.x, y = Dot(h, point.bitangent) / alpha.y;
+  const float inverse = 1 / n2;
+  const float d =
+      std::exp(-(x * x + y * y) * inverse) * (squared * inverse) * inverse / (4 * kPi * (alpha.x * alpha.y));
   return d <= kFarthest ? d : 0.0f;
 }
 
