@@ -42,6 +42,12 @@ struct ViewOptions {
 };
 int RunView(const ViewOptions& options);
 
+struct CheckOptions {
+  std::string scene;  // folder
+};
+// Prints a line for each finding and their sum on the output stream; kExitFailed if one of them is an error.
+int RunCheck(const CheckOptions& options);
+
 // Prints the one line of a failing command and returns `status`. Line ends inside the message become blanks.
 int Fail(std::string_view message, ExitStatus status = kExitFailed);
 

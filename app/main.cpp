@@ -107,13 +107,20 @@ void AddView(CLI::App& app, ViewOptions& options) {
       });
 }
 
+void AddCheck(CLI::App& app, CheckOptions& options) {
+  CLI::App* check = app.add_subcommand("check", "Report what a scene folder says in vain; renders nothing");
+  check->add_option("scene", options.scene, "Scene folder")->required()->type_name("SCENE");
+}
+
 int Run(int argc, char** argv) {
   RenderOptions renderOptions;
+  CheckOptions checkOptions;
   ViewOptions viewOptions;
   CLI::App app("zephlore, a physically based offline renderer", "zephlore");
   app.set_version_flag("--version", "zephlore " ZP_VERSION);
   app.require_subcommand(1);
   AddRender(app, renderOptions);
+  AddCheck(app, checkOptions);
   AddView(app, viewOptions);
   try {
     app.parse(argc, argv);
@@ -121,6 +128,7 @@ int Run(int argc, char** argv) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
     return Fail(std::string(error.what()) + " (see zephlore --help)", kExitUsage);
   }
+  if (app.got_subcommand("check")) return RunCheck(checkOptions);
   return app.got_subcommand("render") ? RunRender(renderOptions) : RunView(viewOptions);
 }
 

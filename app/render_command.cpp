@@ -88,6 +88,8 @@ std::vector<ImageBuffer*> OutputImages() {
     for (Aov& aov : aovs) outputs.push_back(&aov.image);
   };
   for (Camera& camera : cameras) add(camera.aovs);
+  for (PointLight& light : pointLights) add(light.aovs);
+  for (ParallelLight& light : parallelLights) add(light.aovs);
   add(skyLight.aovs);
   add(geometryLight.aovs);
   return outputs;

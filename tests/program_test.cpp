@@ -121,6 +121,7 @@ TEST_F(Program, ExplainsItself) {
   EXPECT_EQ(help.status, 0);
   EXPECT_NE(help.output.find("render"), std::string::npos);
   EXPECT_NE(help.output.find("view"), std::string::npos);
+  EXPECT_NE(help.output.find("check"), std::string::npos);
   const Outcome render = Run("render --help");
   EXPECT_EQ(render.status, 0);
   for (const char* word :
@@ -157,6 +158,8 @@ TEST_F(Program, WrongUsageIsStatusTwoAndOneLine) {
                                 "render ../scene --seed 1.5",
                                 "render ../scene --output",
                                 "render ../scene --output ''",
+                                "check",
+                                "check ../scene more",
                                 "view",
                                 "view only.hdr",
                                 "view in.hdr out.jpg",

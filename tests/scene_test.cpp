@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -12,6 +13,7 @@
 #include "core/settings.h"
 #include "geometry/geometry.h"
 #include "lights/lights.h"
+#include "scene/notes.h"
 
 namespace zp {
 namespace {
@@ -28,6 +30,8 @@ class SceneTest : public testing::Test {
     objectTable.clear();
     imageSearchPaths.clear();
     settings = {};
+    pointLights.clear();
+    parallelLights.clear();
     ResetSky();
     skyLight = {};
     ResetGeometryLight();
@@ -225,6 +229,89 @@ TEST_F(SceneTest, LightsLinksAndOutputs) {
   EXPECT_EQ(geometryLight.aovs[0].channel, kChannelUserData | kChannelDepth);
   EXPECT_EQ(geometryLight.aovs[0].userData, "mine");
   EXPECT_EQ(geometryLight.aovs[0].shaderName, "s");
+}
+
+TEST_F(SceneTest, PointAndParallelLights) {
+  Read(
+      "point_light\n position 1 2 3\nend\n"
+      "point_light\n color 4 5 6\n position 7 8 9\n blur 0.25\n sample 16\n photon 5000000000\n"
+      " direction 0 0 -1\n inner_angle 10\n outer_angle 20\n offset 0.5\n ior 1.25\n"
+      " aov\n  image \"lamp.exr\"\n  type \"lambertian\"\n  type \"glossy\"\n end\n"
+      " link\n  shader \"a\"\n  shader \"b\"\n end\nend\n");
+  ASSERT_EQ(pointLights.size(), 2U);  // each section is a light of its own
+  const PointLight& plain = pointLights[0];
+  EXPECT_EQ(plain.position, (Vec3{1, 2, 3}));
+  EXPECT_EQ(plain.color, kWhite);
+  EXPECT_EQ(plain.direction, (Vec3{0, 1, 0}));
+  EXPECT_EQ(plain.photon, 0);
+  EXPECT_EQ(plain.sample, 1);
+  EXPECT_EQ(plain.outerAngle, 180);
+  EXPECT_EQ(plain.offset, 0.1f);
+  const PointLight& spot = pointLights[1];
+  EXPECT_EQ(spot.color, (Vec3{4, 5, 6}));
+  EXPECT_EQ(spot.position, (Vec3{7, 8, 9}));
+  EXPECT_EQ(spot.blur, 0.25f);
+  EXPECT_EQ(spot.sample, 16);
+  EXPECT_EQ(spot.photon, 5000000000);  // more than 32 bits hold
+  EXPECT_EQ(spot.direction, (Vec3{0, 0, -1}));
+  EXPECT_EQ(spot.innerAngle, 10);
+  EXPECT_EQ(spot.outerAngle, 20);
+  EXPECT_EQ(spot.offset, 0.5f);
+  EXPECT_EQ(spot.ior, 1.25f);
+  ASSERT_EQ(spot.aovs.size(), 1U);
+  EXPECT_EQ(spot.aovs[0].channel, kChannelBeauty | kChannelLambertian | kChannelGlossy);
+  EXPECT_EQ(spot.link.names, (std::vector<std::string>{"a", "b"}));
+
+  Read(
+      "parallel_light\n color 1 2 3\n position 9 9 9\n inner_angle 5\n direction 0 1 -1\n blur 2\n"
+      " sample 3\n photon 6000000000\n ior 1.5\n offset 0\n aov\n end\n link\n  shader \"c\"\n end\nend\n");
+  ASSERT_EQ(parallelLights.size(), 1U);
+  const ParallelLight& sun = parallelLights[0];
+  EXPECT_EQ(sun.color, (Vec3{1, 2, 3}));
+  EXPECT_EQ(sun.zAxis, (Vec3{0, 1, -1}));
+  EXPECT_EQ(sun.blur, 2);
+  EXPECT_EQ(sun.sample, 3);
+  EXPECT_EQ(sun.photon, 6000000000);
+  EXPECT_EQ(sun.ior, 1.5f);
+  EXPECT_EQ(sun.offset, 0);
+  EXPECT_EQ(sun.aovs.size(), 1U);
+  EXPECT_EQ(sun.link.names, std::vector<std::string>{"c"});
+}
+
+// The observer sees the reader at work and changes nothing of what it reads.
+TEST_F(SceneTest, ObserverLeavesTheRulesAlone) {
+  const std::string text =
+      "render\n clamp 5\n error 1 x 3\n gamma 2,2\n exposure 2.5 remark\n odd\n final_gather\n"
+      "  bounce 1e\n  ray_depth 12\n end\n end\nend\ncamera\n resolution 640\n region 1 2 3\n"
+      " name bare\n projection \"fisheye\"\nend\npoint_light\n position 1 2\n photon 7 8";
+  const auto state = [] {
+    std::ostringstream out;
+    const auto put = [&out](Vec3 v) { out << v.x << ' ' << v.y << ' ' << v.z << '\n'; };
+    put(settings.clamp);
+    put(settings.error);
+    out << settings.displayGamma << ' ' << settings.exposure << ' ' << settings.rendererBounce << ' '
+        << settings.rayDepth << '\n';
+    for (const Camera& camera : cameras)
+      out << camera.name << ' ' << camera.width << ' ' << camera.height << ' ' << camera.regionXMin << ' '
+          << camera.regionYMin << ' ' << camera.regionXMax << ' ' << camera.regionYMax << '\n';
+    for (const PointLight& light : pointLights) {
+      put(light.position);
+      out << light.photon << '\n';
+    }
+    return out.str();
+  };
+  Read(text);
+  const std::string silent = state();
+  Clear();
+  SceneNotes notes;
+  sceneNotes = &notes;
+  Read(text);
+  sceneNotes = nullptr;
+  EXPECT_EQ(state(), silent);
+  std::vector<int> lines;
+  for (const Finding& finding : notes.findings) lines.push_back(finding.place.line);
+  std::sort(lines.begin(), lines.end());
+  EXPECT_EQ(lines, (std::vector<int>{2, 3, 4, 6, 8, 11, 14, 15, 16, 17, 19, 20}));
 }
 
 TEST_F(SceneTest, FoldersAreReadInOrder) {

@@ -3,24 +3,29 @@
 
 #pragma once
 
-#include <istream>
+#include <string_view>
 
 #include "imaging/imaging.h"
 #include "lights/lights.h"
+#include "scene/tokens.h"
 #include "shading/shading.h"
 
 namespace zp {
 
-void ReadRenderSection(std::istream& stream);
-void ReadCameraSection(std::istream& stream);         // appends to the camera table
-void ReadObjectSection(std::istream& stream);         // appends to the object table
-void ReadShaderSection(std::istream& stream);         // replaces the Shader of its name
-void ReadSkyLightSection(std::istream& stream);       // starts from the defaults
-void ReadGeometryLightSection(std::istream& stream);  // goes on from what is set
+bool IsSectionKeyword(std::string_view keyword);
 
-// Shared by several sections.
-void ReadAovBlock(std::istream& stream, Aov& aov);
-void ReadLinkBlock(std::istream& stream, ShaderLink& link);
-void ReadVolumeBlock(std::istream& stream, VolumeShader& volume);
+void ReadRenderSection(SceneText& text);
+void ReadCameraSection(SceneText& text);         // appends to the camera table
+void ReadObjectSection(SceneText& text);         // appends to the object table
+void ReadShaderSection(SceneText& text);         // replaces the Shader of its name
+void ReadPointLightSection(SceneText& text);     // appends to the point light table
+void ReadParallelLightSection(SceneText& text);  // appends to the parallel light table
+void ReadSkyLightSection(SceneText& text);       // starts from the defaults
+void ReadGeometryLightSection(SceneText& text);  // goes on from what is set
+
+// Shared by several sections. True: a block's keyword was known.
+bool ReadAovBlock(SceneText& text, Aov& aov, AovOwner owner);
+bool ReadLinkBlock(SceneText& text, ShaderLink& link);
+bool ReadVolumeBlock(SceneText& text, VolumeShader& volume);
 
 }  // namespace zp

@@ -1,91 +1,118 @@
 #include "core/settings.h"
 #include "scene/blocks.h"
-#include "scene/tokens.h"
 
 namespace zp {
 namespace {
 
-void ReadPoseBlock(std::istream& stream, CameraPose& pose) {
-  ReadBlock(stream, [&](std::string_view keyword, Line& line) {
-    if (keyword == "position") ReadTriple(line, pose.position);
-    if (keyword == "target") ReadTriple(line, pose.target);
-    if (keyword == "up_vector") ReadTriple(line, pose.upVector);
-    if (keyword == "bokeh") ReadNumber(line, pose.bokeh);
-    if (keyword == "field_of_view") ReadNumber(line, pose.fieldOfView);
+constexpr Choice<Projection> kProjections[] = {
+    {"perspective", Projection::kPerspective},
+    {"pinhole", Projection::kPerspective},
+    {"spherical", Projection::kSpherical},
+    {"panorama", Projection::kSpherical},
+};
+
+bool ReadPoseBlock(SceneText& text, CameraPose& pose) {
+  ReadBlock(text, "pose", {"position", "target", "up_vector"}, [&](std::string_view keyword, Line& line) {
+    if (keyword == "position") return ReadTriple(line, pose.position);
+    if (keyword == "target") return ReadTriple(line, pose.target);
+    if (keyword == "up_vector") return ReadTriple(line, pose.upVector);
+    if (keyword == "bokeh") return ReadNumber(line, pose.bokeh);
+    if (keyword == "field_of_view") return ReadNumber(line, pose.fieldOfView);
+    return false;
   });
+  return true;
 }
 
-void ReadProjection(const std::string& name, Projection& projection) {
-  if (name == "perspective" || name == "pinhole") projection = Projection::kPerspective;
-  if (name == "spherical" || name == "panorama") projection = Projection::kSpherical;
+bool ReadFinalGatherBlock(SceneText& text) {
+  ReadBlock(text, "final_gather", [](std::string_view keyword, Line& line) {
+    if (keyword == "ray_depth") return ReadNumber(line, settings.rayDepth);
+    if (keyword == "photon_depth") return ReadNumber(line, settings.photonDepth);
+    if (keyword == "sample") return ReadNumber(line, settings.rendererSample);
+    if (keyword == "bounce") return ReadNumber(line, settings.rendererBounce);
+    if (keyword == "distance") return ReadNumber(line, settings.distance);
+    if (keyword == "resolution") return ReadNumber(line, settings.resolution);
+    if (keyword == "radius") return ReadNumber(line, settings.photonRadius);
+    return false;
+  });
+  return true;
 }
 
-void ReadFinalGatherBlock(std::istream& stream) {
-  ReadBlock(stream, [](std::string_view keyword, Line& line) {
-    if (keyword == "ray_depth") ReadNumber(line, settings.rayDepth);
-    if (keyword == "photon_depth") ReadNumber(line, settings.photonDepth);
-    if (keyword == "sample") ReadNumber(line, settings.rendererSample);
-    if (keyword == "bounce") ReadNumber(line, settings.rendererBounce);
-    if (keyword == "distance") ReadNumber(line, settings.distance);
-    if (keyword == "resolution") ReadNumber(line, settings.resolution);
-    if (keyword == "radius") ReadNumber(line, settings.photonRadius);
-  });
+bool ReadType(Line& line, Aov& aov) {
+  const std::string type = ReadString(line);
+  for (const ChannelWord& row : kChannelWords)
+    if (type == row.word) {
+      aov.channel |= row.channel;
+      return true;
+    }
+  aov.channel = kChannelUserData;
+  aov.userData = type;
+  return true;
 }
 
 }  // namespace
 
-void ReadAovBlock(std::istream& stream, Aov& aov) {
-  ReadBlock(stream, [&](std::string_view keyword, Line& line) {
-    if (keyword == "image") aov.image.fileName = ReadString(line);
-    if (keyword == "shader") aov.shaderName = ReadString(line);
-    if (keyword != "type") return;
-    const std::string type = ReadString(line);
-    for (const ChannelWord& row : kChannelWords)
-      if (type == row.word) {
-        aov.channel |= row.channel;
-        return;
-      }
-    aov.channel = kChannelUserData;
-    aov.userData = type;
+bool ReadAovBlock(SceneText& text, Aov& aov, AovOwner owner) {
+  NotedAov noted;
+  noted.place = text.Here();
+  noted.owner = owner;
+  ReadBlock(text, "aov", [&](std::string_view keyword, Line& line) {
+    if (keyword == "image") {
+      noted.image = line.Place();
+      return ReadString(line, aov.image.fileName);
+    }
+    if (keyword == "shader") return ReadName(line, NameKind::kLinkedShader, aov.shaderName);
+    if (keyword == "type") {
+      noted.type = line.Place();
+      return ReadType(line, aov);
+    }
+    return false;
   });
+  if (!text.notes) return true;
+  noted.aov = aov;
+  text.notes->aovs.push_back(std::move(noted));
+  return true;
 }
 
-void ReadCameraSection(std::istream& stream) {
+void ReadCameraSection(SceneText& text) {
   Camera camera;
-  ReadBlock(stream, [&](std::string_view keyword, Line& line) {
-    if (keyword == "name") camera.name = ReadString(line);
+  if (text.notes) text.notes->cameras.push_back({text.Here(), cameras.size()});
+  ReadBlock(text, "camera", [&](std::string_view keyword, Line& line) {
+    if (keyword == "name") return ReadString(line, camera.name);
     if (keyword == "resolution") {
       ReadNumber(line, camera.width);
-      ReadNumber(line, camera.height);
+      return ReadNumber(line, camera.height);
     }
     if (keyword == "region") {
       ReadNumber(line, camera.regionXMin);
       ReadNumber(line, camera.regionYMin);
       ReadNumber(line, camera.regionXMax);
-      ReadNumber(line, camera.regionYMax);
+      return ReadNumber(line, camera.regionYMax);
     }
-    if (keyword == "sample") ReadNumber(line, camera.sample);
-    if (keyword == "ior") ReadNumber(line, camera.ior);
-    if (keyword == "exposure") ReadTriple(line, camera.exposure);
-    if (keyword == "projection") ReadProjection(ReadString(line), camera.projection);
-    if (keyword == "aov") ReadAovBlock(stream, camera.aovs.emplace_back());
+    if (keyword == "sample") return ReadNumber(line, camera.sample);
+    if (keyword == "ior") return ReadNumber(line, camera.ior);
+    if (keyword == "exposure") return ReadTriple(line, camera.exposure);
+    if (keyword == "projection") return ReadChoice(line, kProjections, camera.projection);
+    if (keyword == "aov") return ReadAovBlock(text, camera.aovs.emplace_back(), AovOwner::kCamera);
     // Intended: a third pose is no keyword, so that its "end" ends the camera.
     if (keyword == "pose" && camera.poseCount < 2) {
       camera.poseWritten[camera.poseCount] = true;
-      ReadPoseBlock(stream, camera.poses[camera.poseCount++]);
+      return ReadPoseBlock(text, camera.poses[camera.poseCount++]);
     }
+    if (keyword == "pose" && text.notes) NoteLine(line, Severity::kError, "a camera reads two poses only");
+    return false;
   });
   cameras.push_back(std::move(camera));
 }
 
-void ReadRenderSection(std::istream& stream) {
-  ReadBlock(stream, [&](std::string_view keyword, Line& line) {
-    if (keyword == "clamp") ReadTriple(line, settings.clamp);
-    if (keyword == "error") ReadTriple(line, settings.error);
-    if (keyword == "gamma") ReadNumber(line, settings.displayGamma);
-    if (keyword == "exposure") ReadNumber(line, settings.exposure);
-    if (keyword == "final_gather") ReadFinalGatherBlock(stream);
-    if (keyword == "image_path") imageSearchPaths.push_back(ReadString(line));
+void ReadRenderSection(SceneText& text) {
+  ReadBlock(text, "render", [&](std::string_view keyword, Line& line) {
+    if (keyword == "clamp") return ReadTriple(line, settings.clamp);
+    if (keyword == "error") return ReadTriple(line, settings.error);
+    if (keyword == "gamma") return ReadNumber(line, settings.displayGamma);
+    if (keyword == "exposure") return ReadNumber(line, settings.exposure);
+    if (keyword == "final_gather") return ReadFinalGatherBlock(text);
+    if (keyword == "image_path") return ReadName(line, NameKind::kFolder, imageSearchPaths.emplace_back());
+    return false;
   });
 }
 

@@ -1,41 +1,80 @@
 #include "scene/blocks.h"
-#include "scene/tokens.h"
 
 namespace zp {
 
-void ReadLinkBlock(std::istream& stream, ShaderLink& link) {
-  ReadBlock(stream, [&](std::string_view keyword, Line& line) {
-    if (keyword == "shader") link.names.push_back(ReadString(line));
+bool ReadLinkBlock(SceneText& text, ShaderLink& link) {
+  ReadBlock(text, "link", [&](std::string_view keyword, Line& line) {
+    if (keyword == "shader") return ReadName(line, NameKind::kLinkedShader, link.names.emplace_back());
+    return false;
+  });
+  return true;
+}
+
+void ReadPointLightSection(SceneText& text) {
+  PointLight& light = pointLights.emplace_back();
+  ReadBlock(text, "point_light", {"position"}, [&](std::string_view keyword, Line& line) {
+    if (keyword == "color") return ReadTriple(line, light.color);
+    if (keyword == "position") return ReadTriple(line, light.position);
+    if (keyword == "blur") return ReadNumber(line, light.blur);
+    if (keyword == "sample") return ReadNumber(line, light.sample);
+    if (keyword == "photon") return ReadNumber(line, light.photon);
+    if (keyword == "direction") return ReadTriple(line, light.direction);
+    if (keyword == "inner_angle") return ReadNumber(line, light.innerAngle);
+    if (keyword == "outer_angle") return ReadNumber(line, light.outerAngle);
+    if (keyword == "offset") return ReadNumber(line, light.offset);
+    if (keyword == "ior") return ReadNumber(line, light.ior);
+    if (keyword == "aov") return ReadAovBlock(text, light.aovs.emplace_back(), AovOwner::kLight);
+    if (keyword == "link") return ReadLinkBlock(text, light.link);
+    return false;
   });
 }
 
-void ReadSkyLightSection(std::istream& stream) {
+void ReadParallelLightSection(SceneText& text) {
+  ParallelLight& light = parallelLights.emplace_back();
+  ReadBlock(text, "parallel_light", {"direction"}, [&](std::string_view keyword, Line& line) {
+    if (keyword == "color") return ReadTriple(line, light.color);
+    if (keyword == "blur") return ReadNumber(line, light.blur);
+    if (keyword == "sample") return ReadNumber(line, light.sample);
+    if (keyword == "photon") return ReadNumber(line, light.photon);
+    if (keyword == "direction") return ReadTriple(line, light.zAxis);
+    if (keyword == "ior") return ReadNumber(line, light.ior);
+    if (keyword == "offset") return ReadNumber(line, light.offset);
+    if (keyword == "aov") return ReadAovBlock(text, light.aovs.emplace_back(), AovOwner::kLight);
+    if (keyword == "link") return ReadLinkBlock(text, light.link);
+    return false;
+  });
+}
+
+void ReadSkyLightSection(SceneText& text) {
   ResetSky();
-  ReadBlock(stream, [&](std::string_view keyword, Line& line) {
-    if (keyword == "image") skyLight.image = ReadString(line);
-    if (keyword == "backdrop") skyLight.backdrop = ReadString(line);
-    if (keyword == "color") ReadTriple(line, skyLight.color);
-    if (keyword == "photon") ReadNumber(line, skyLight.photon);
-    if (keyword == "north") ReadTriple(line, skyLight.north);
-    if (keyword == "zenith") ReadTriple(line, skyLight.zenith);
-    if (keyword == "volume_shader") ReadVolumeBlock(stream, globalVolume);
-    if (keyword == "sample") ReadNumber(line, skyLight.sample);
-    if (keyword == "thickness") ReadNumber(line, skyLight.thickness);
-    if (keyword == "turbidity") ReadNumber(line, skyLight.turbidity);
-    if (keyword == "stretch") ReadNumber(line, skyLight.stretch);
-    if (keyword == "albedo") ReadNumber(line, skyLight.albedo);
-    if (keyword == "ior") ReadNumber(line, skyLight.ior);
-    if (keyword == "aov") ReadAovBlock(stream, skyLight.aovs.emplace_back());
-    if (keyword == "link") ReadLinkBlock(stream, skyLight.link);
+  ReadBlock(text, "sky_light", [&](std::string_view keyword, Line& line) {
+    if (keyword == "image") return ReadName(line, NameKind::kSkyImage, skyLight.image);
+    if (keyword == "backdrop") return ReadName(line, NameKind::kImage, skyLight.backdrop);
+    if (keyword == "color") return ReadTriple(line, skyLight.color);
+    if (keyword == "photon") return ReadNumber(line, skyLight.photon);
+    if (keyword == "north") return ReadTriple(line, skyLight.north);
+    if (keyword == "zenith") return ReadTriple(line, skyLight.zenith);
+    if (keyword == "volume_shader") return ReadVolumeBlock(text, globalVolume);
+    if (keyword == "sample") return ReadNumber(line, skyLight.sample);
+    if (keyword == "thickness") return ReadNumber(line, skyLight.thickness);
+    if (keyword == "turbidity") return ReadNumber(line, skyLight.turbidity);
+    if (keyword == "stretch") return ReadNumber(line, skyLight.stretch);
+    if (keyword == "albedo") return ReadNumber(line, skyLight.albedo);
+    if (keyword == "ior") return ReadNumber(line, skyLight.ior);
+    if (keyword == "aov") return ReadAovBlock(text, skyLight.aovs.emplace_back(), AovOwner::kSky);
+    if (keyword == "link") return ReadLinkBlock(text, skyLight.link);
+    return false;
   });
 }
 
-void ReadGeometryLightSection(std::istream& stream) {
-  ReadBlock(stream, [&](std::string_view keyword, Line& line) {
-    if (keyword == "photon") ReadNumber(line, geometryLight.photon);
-    if (keyword == "sample") ReadNumber(line, geometryLight.sample);
-    if (keyword == "aov") ReadAovBlock(stream, geometryLight.aovs.emplace_back());
-    if (keyword == "link") ReadLinkBlock(stream, geometryLight.link);
+void ReadGeometryLightSection(SceneText& text) {
+  ReadBlock(text, "geometry_light", [&](std::string_view keyword, Line& line) {
+    if (keyword == "photon") return ReadNumber(line, geometryLight.photon);
+    if (keyword == "sample") return ReadNumber(line, geometryLight.sample);
+    if (keyword == "aov")
+      return ReadAovBlock(text, geometryLight.aovs.emplace_back(), AovOwner::kGeometryLight);
+    if (keyword == "link") return ReadLinkBlock(text, geometryLight.link);
+    return false;
   });
 }
 

@@ -6,7 +6,6 @@
 
 #include "scene/blocks.h"
 #include "scene/scene.h"
-#include "scene/tokens.h"
 
 namespace zp {
 
@@ -17,13 +16,24 @@ namespace {
 
 struct Section {
   std::string_view keyword;
-  void (*read)(std::istream&);
+  void (*read)(SceneText&);
 };
 constexpr Section kSections[] = {
-    {"render", ReadRenderSection}, {"sky_light", ReadSkyLightSection},
-    {"camera", ReadCameraSection}, {"geometry_light", ReadGeometryLightSection},
-    {"object", ReadObjectSection}, {"shader", ReadShaderSection},
+    {"render", ReadRenderSection},
+    {"sky_light", ReadSkyLightSection},
+    {"geometry_light", ReadGeometryLightSection},
+    {"camera", ReadCameraSection},
+    {"point_light", ReadPointLightSection},
+    {"parallel_light", ReadParallelLightSection},
+    {"object", ReadObjectSection},
+    {"shader", ReadShaderSection},
 };
+
+const Section* FindSection(std::string_view keyword) {
+  for (const Section& section : kSections)
+    if (keyword == section.keyword) return &section;
+  return nullptr;
+}
 
 // The order of reading: a Shader comes before what refers to it.
 constexpr std::string_view kSubfolders[] = {"shader", "render", "light", "camera", "geometry"};
@@ -40,21 +50,90 @@ void ReadSectionFolder(const std::string& folder) {
   for (const std::string& path : paths) ReadSceneFile(path);
 }
 
+// Lines of a file that stand in no section, for the observer.
+struct StrayLines {
+  bool noted = false;  // one finding for all lines up to the next section
+  int depth = 0;       // blocks that they seem to open
+};
+
+// A stray "end" shows that an earlier one closed too much: the latest that is in doubt.
+void NoteStrayEnd(SceneText& text, StrayLines& stray) {
+  if (stray.depth > 0) {
+    --stray.depth;
+  } else if (!text.doubtfulEnds.empty()) {
+    const DoubtfulEnd& end = text.doubtfulEnds.back();
+    Note(text.Place(end.line), Severity::kError, end.text);
+    text.doubtfulEnds.pop_back();
+  } else if (!stray.noted) {
+    Note(text.Here(), Severity::kError, "\"end\" closes nothing: one before it closed too much");
+  }
+}
+
+void NoteStrayLine(SceneText& text, const Line& line, StrayLines& stray) {
+  if (line.keyword.empty() || line.keyword.front() == '#') return;
+  if (line.keyword == "end") return NoteStrayEnd(text, stray);
+  if (RestOfLine(line).empty()) ++stray.depth;
+  if (stray.noted) return;
+  stray.noted = true;
+  Note(text.Here(), Severity::kError,
+       Quoted(line.keyword) + " is no section: lines are skipped up to the next one");
+}
+
+void ReadText(SceneText& text) {
+  std::string content;
+  StrayLines stray;
+  while (ReadLine(text, content)) {
+    Line line(text, content);
+    const auto* section = FindSection(line.keyword);
+    if (section) {
+      stray = {};
+      section->read(text);
+    } else if (text.notes) {
+      NoteStrayLine(text, line, stray);
+    }
+  }
+  if (text.notes && text.stream.bad()) Note(text.Here(), Severity::kError, "the file cannot be read further");
+}
+
+// Files that look like scene text where nobody reads it.
+void NoteUnreadFiles(const std::string& folder) {
+  namespace fs = std::filesystem;
+  const auto holdsText = [](const fs::path& path) {
+    std::error_code error;
+    for (fs::directory_iterator entry(path, error); !error && entry != fs::directory_iterator();
+         entry.increment(error))
+      if (entry->path().extension() == ".zp") return true;
+    return false;
+  };
+  std::error_code error;
+  for (fs::directory_iterator entry(folder, error); !error && entry != fs::directory_iterator();
+       entry.increment(error)) {
+    const std::string name = entry->path().filename().string();
+    const std::string path = folder + "/" + name;
+    if (std::find(std::begin(kSubfolders), std::end(kSubfolders), name) != std::end(kSubfolders)) continue;
+    if (entry->is_directory(error) ? holdsText(path) : name.ends_with(".zp"))
+      Note({path, 0}, Severity::kWarning,
+           "is not read: scene text stands in the folders shader, render, light, camera and geometry");
+  }
+}
+
 }  // namespace
 
+bool IsSectionKeyword(std::string_view keyword) { return FindSection(keyword) != nullptr; }
+
 void ReadScene(std::istream& stream) {
-  std::string text;
-  while (ReadLine(stream, text)) {
-    const Line line(text);
-    for (const Section& section : kSections)
-      if (line.keyword == section.keyword) section.read(stream);
-  }
+  SceneText text = {stream, sceneNotes};
+  ReadText(text);
 }
 
 bool ReadSceneFile(const std::string& path) {
   std::ifstream stream(path);
-  if (!stream) return false;
-  ReadScene(stream);
+  if (!stream) {
+    Note({path, 0}, Severity::kError, "cannot be opened");
+    return false;
+  }
+  SceneText text = {stream, sceneNotes, path};
+  ReadText(text);
   return true;
 }
 
@@ -63,6 +142,7 @@ bool ReadSceneFolder(const std::string& folder) {
   if (!std::filesystem::is_directory(folder, error)) return false;
   for (const std::string_view subfolder : kSubfolders)
     ReadSectionFolder(folder + "/" + std::string(subfolder));
+  if (sceneNotes) NoteUnreadFiles(folder);
   return true;
 }
 

@@ -1,112 +1,149 @@
 #include "scene/blocks.h"
-#include "scene/tokens.h"
 
 namespace zp {
 namespace {
 
-void ReadSamplerBlock(std::istream& stream, ImageSlot& slot) {
-  ReadBlock(stream, [&](std::string_view keyword, Line& line) {
-    if (keyword == "pixel_sampler") {
-      const std::string name = ReadString(line);
-      if (name == "nearest") slot.pixelSampler = PixelSampler::kNearest;
-      if (name == "stochastic") slot.pixelSampler = PixelSampler::kStochastic;
-      if (name == "bilinear") slot.pixelSampler = PixelSampler::kBilinear;
-    }
-    if (keyword == "gamma") ReadNumber(line, slot.gamma);
+constexpr Choice<PixelSampler> kPixelSamplers[] = {
+    {"nearest", PixelSampler::kNearest},
+    {"stochastic", PixelSampler::kStochastic},
+    {"bilinear", PixelSampler::kBilinear},
+};
+constexpr Choice<Material> kMaterials[] = {
+    {"conductor", Material::kConductor},
+    {"dielectric", Material::kDielectric},
+    {"thin_dielectric", Material::kThinDielectric},
+};
+constexpr Choice<Sideness> kSides[] = {
+    {"face", Sideness::kFace},
+    {"back", Sideness::kBack},
+    {"both", Sideness::kBoth},
+};
+
+// A keyword that acts alone.
+template <class T>
+bool Set(T& target, T value) {
+  target = value;
+  return true;
+}
+
+bool ReadSamplerBlock(SceneText& text, ImageSlot& slot) {
+  ReadBlock(text, "sampler", [&](std::string_view keyword, Line& line) {
+    if (keyword == "pixel_sampler") return ReadChoice(line, kPixelSamplers, slot.pixelSampler);
+    if (keyword == "gamma") return ReadNumber(line, slot.gamma);
     if (keyword == "uv_matrix") {
-      ReadMatrix(line, slot.uvMatrix);
       slot.uvMatrixIsIdentity = false;
+      return ReadMatrix(line, slot.uvMatrix);
     }
     if (keyword == "color_matrix") {
-      ReadMatrix(line, slot.colorMatrix);
       slot.colorMatrixIsIdentity = false;
+      return ReadMatrix(line, slot.colorMatrix);
     }
+    return false;
   });
+  return true;
 }
 
-void ReadElementBlock(std::istream& stream, ImageSlot& slot) {
-  ReadBlock(stream, [&](std::string_view keyword, Line& line) {
-    if (keyword == "color") ReadTriple(line, slot.color);
-    if (keyword == "fresnel") ReadTriple(line, slot.fresnel);
-    if (keyword == "direction") ReadTriple(line, slot.direction);
-    if (keyword == "level") ReadNumber(line, slot.level);
-    if (keyword == "image") slot.imageName = ReadString(line);
-    if (keyword == "fresnel_image") slot.fresnelImageName = ReadString(line);
-    if (keyword == "uv_set") slot.uvSetName = ReadString(line);
-    if (keyword == "sampler") ReadSamplerBlock(stream, slot);
+bool ReadElementBlock(SceneText& text, std::string_view name, ImageSlot& slot) {
+  ReadBlock(text, name, [&](std::string_view keyword, Line& line) {
+    if (keyword == "color") return ReadTriple(line, slot.color);
+    if (keyword == "fresnel") return ReadTriple(line, slot.fresnel);
+    if (keyword == "direction") return ReadTriple(line, slot.direction);
+    if (keyword == "level") return ReadNumber(line, slot.level);
+    if (keyword == "image") return ReadName(line, NameKind::kImage, slot.imageName);
+    if (keyword == "fresnel_image") return ReadName(line, NameKind::kImage, slot.fresnelImageName);
+    if (keyword == "uv_set") return ReadString(line, slot.uvSetName);
+    if (keyword == "sampler") return ReadSamplerBlock(text, slot);
+    return false;
   });
+  return true;
 }
 
-void ReadSurfaceBlock(std::istream& stream, SurfaceShader& surface) {
-  ReadBlock(stream, [&](std::string_view keyword, Line& line) {
+bool ReadSurfaceBlock(SceneText& text, SurfaceShader& surface) {
+  ReadBlock(text, "surface_shader", [&](std::string_view keyword, Line& line) {
     for (const ElementRow& row : kElements)
-      if (keyword == row.keyword) return ReadElementBlock(stream, surface[row.element]);
-    if (keyword == "window") surface.window = true;
-    if (keyword == "virtual_light") surface.virtualLight = true;
-    if (keyword == "conductor") surface.material = Material::kConductor;
-    if (keyword == "dielectric") surface.material = Material::kDielectric;
-    if (keyword == "thin_dielectric") surface.material = Material::kThinDielectric;
-    if (keyword == "sideness") {
-      const std::string side = ReadString(line);
-      if (side == "face") surface.sideness = Sideness::kFace;
-      if (side == "back") surface.sideness = Sideness::kBack;
-      if (side == "both") surface.sideness = Sideness::kBoth;
-    }
+      if (keyword == row.keyword) return ReadElementBlock(text, row.keyword, surface[row.element]);
+    for (const Choice<Material>& material : kMaterials)
+      if (keyword == material.word) return Set(surface.material, material.value);
+    if (keyword == "window") return Set(surface.window, true);
+    if (keyword == "virtual_light") return Set(surface.virtualLight, true);
+    if (keyword == "sideness") return ReadChoice(line, kSides, surface.sideness);
+    return false;
   });
+  return true;
 }
 
 // An int that is a switch. A value that cannot be read decides nothing.
-template <class Set>
-void ReadSwitch(Line& line, Set&& set) {
+template <class Decide>
+bool ReadSwitch(Line& line, Decide&& decide) {
   std::int32_t value = 0;
-  if (line.values >> value) set(value == 1);
+  if (ReadValue(line, value)) decide(value == 1);
+  return true;
+}
+bool ReadSwitch(Line& line, bool& target) {
+  return ReadSwitch(line, [&](bool on) { target = on; });
 }
 
-void ReadGeometryBlock(std::istream& stream, GeometryShader& geometry) {
-  ReadBlock(stream, [&](std::string_view keyword, Line& line) {
-    if (keyword == "vector") ReadElementBlock(stream, geometry.vector.emplace_back());
-    if (keyword == "radius") ReadElementBlock(stream, geometry.radius.emplace_back());
-    if (keyword == "length") ReadElementBlock(stream, geometry.length.emplace_back());
-    if (keyword == "height") ReadElementBlock(stream, geometry.height.emplace_back());
-    if (keyword == "clip") ReadElementBlock(stream, geometry.clip);
-    if (keyword == "round_corner") ReadNumber(line, geometry.roundCorner);
-    if (keyword == "smooth_angle") ReadNumber(line, geometry.smoothAngle);
-    if (keyword == "reduction") ReadNumber(line, geometry.reduction);
-    if (keyword == "flip_face") ReadSwitch(line, [&](bool on) { geometry.flipFace = on; });
-    if (keyword == "trivial_connection") ReadSwitch(line, [&](bool on) { geometry.trivialConnection = on; });
-    if (keyword == "assign_hair_texture_uv")
-      ReadSwitch(line, [&](bool on) { geometry.assignHairTextureUv = on; });
+bool ReadGeometryBlock(SceneText& text, GeometryShader& geometry) {
+  ReadBlock(text, "geometry_shader", [&](std::string_view keyword, Line& line) {
+    if (keyword == "vector") return ReadElementBlock(text, keyword, geometry.vector.emplace_back());
+    if (keyword == "radius") return ReadElementBlock(text, keyword, geometry.radius.emplace_back());
+    if (keyword == "length") return ReadElementBlock(text, keyword, geometry.length.emplace_back());
+    if (keyword == "height") return ReadElementBlock(text, keyword, geometry.height.emplace_back());
+    if (keyword == "clip") return ReadElementBlock(text, keyword, geometry.clip);
+    if (keyword == "round_corner") return ReadNumber(line, geometry.roundCorner);
+    if (keyword == "smooth_angle") return ReadNumber(line, geometry.smoothAngle);
+    if (keyword == "reduction") return ReadNumber(line, geometry.reduction);
+    if (keyword == "flip_face") return ReadSwitch(line, geometry.flipFace);
+    if (keyword == "trivial_connection") return ReadSwitch(line, geometry.trivialConnection);
+    if (keyword == "assign_hair_texture_uv") return ReadSwitch(line, geometry.assignHairTextureUv);
     const auto choose = [&](Visibility visibility, bool when) {
-      ReadSwitch(line, [&](bool on) {
+      return ReadSwitch(line, [&](bool on) {
         if (on == when) geometry.visibility = visibility;
       });
     };
-    if (keyword == "camera_primary") choose(Visibility::kNotCameraPrimary, false);
-    if (keyword == "light_primary") choose(Visibility::kNotLightPrimary, false);
-    if (keyword == "invisible") choose(Visibility::kInvisible, true);
+    if (keyword == "camera_primary") return choose(Visibility::kNotCameraPrimary, false);
+    if (keyword == "light_primary") return choose(Visibility::kNotLightPrimary, false);
+    if (keyword == "invisible") return choose(Visibility::kInvisible, true);
+    return false;
   });
+  return true;
 }
 
 }  // namespace
 
-void ReadVolumeBlock(std::istream& stream, VolumeShader& volume) {
-  ReadBlock(stream, [&](std::string_view keyword, Line& line) {
-    if (keyword == "transmittance") ReadTriple(line, volume.transmittance);
-    if (keyword == "average_cosine") ReadNumber(line, volume.averageCosine);
-    if (keyword == "albedo") ReadTriple(line, volume.albedo);
-    if (keyword == "medium_id") ReadNumber(line, volume.mediumId);
+bool ReadVolumeBlock(SceneText& text, VolumeShader& volume) {
+  ReadBlock(text, "volume_shader", [&](std::string_view keyword, Line& line) {
+    if (keyword == "transmittance") return ReadTriple(line, volume.transmittance);
+    if (keyword == "average_cosine") return ReadNumber(line, volume.averageCosine);
+    if (keyword == "albedo") return ReadTriple(line, volume.albedo);
+    if (keyword == "medium_id") return ReadNumber(line, volume.mediumId);
+    return false;
   });
+  return true;
 }
 
-void ReadShaderSection(std::istream& stream) {
+void ReadShaderSection(SceneText& text) {
   Shader shader;
-  ReadBlock(stream, [&](std::string_view keyword, Line& line) {
-    if (keyword == "name") shader.name = ReadString(line);
-    if (keyword == "opacity") ReadNumber(line, shader.opacity);
-    if (keyword == "surface_shader") ReadSurfaceBlock(stream, shader.surfaces.emplace_back());
-    if (keyword == "geometry_shader") ReadGeometryBlock(stream, shader.geometry);
-    if (keyword == "volume_shader") ReadVolumeBlock(stream, shader.volume);
+  NotedShader noted;
+  noted.place = text.Here();
+  ReadBlock(text, "shader", [&](std::string_view keyword, Line& line) {
+    if (keyword == "name") {
+      noted.named = true;
+      return ReadString(line, shader.name);
+    }
+    if (keyword == "opacity") return ReadNumber(line, shader.opacity);
+    if (keyword == "surface_shader") {
+      if (text.notes) noted.layers.push_back(line.Place());
+      return ReadSurfaceBlock(text, shader.surfaces.emplace_back());
+    }
+    if (keyword == "geometry_shader") return ReadGeometryBlock(text, shader.geometry);
+    if (keyword == "volume_shader") return ReadVolumeBlock(text, shader.volume);
+    return false;
   });
+  if (text.notes) {
+    noted.shader = shader;
+    text.notes->shaders.push_back(std::move(noted));
+  }
   const std::int32_t index = FindOrCreateShader(shader.name);
   shaders[static_cast<std::size_t>(index)] = std::move(shader);
 }

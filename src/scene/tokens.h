@@ -1,33 +1,59 @@
 // scene/tokens.h: the token rules that every block of scene text obeys. A line is a keyword and its values;
-// blocks end with the line "end". What cannot be read leaves its target alone, in silence.
+// blocks end with the line "end". What cannot be read leaves its target alone, in silence, unless an observer
+// is there: then every function here also tells it what was lost.
 
 #pragma once
 
+#include <initializer_list>
 #include <istream>
 #include <limits>
 #include <locale>
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "core/vec.h"
+#include "scene/notes.h"
 
 namespace zp {
 
 inline constexpr std::streamsize kSceneLineLimit = 4096;  // bytes; a line of this length or more is dropped
 
+// An "end" that may have closed more than it was meant to.
+struct DoubtfulEnd {
+  int line = 0;
+  std::string text;
+};
+
+// Scene text on its way in, and where it is being read.
+struct SceneText {
+  std::istream& stream;
+  SceneNotes* notes = nullptr;  // as sceneNotes stood when the text was opened
+  std::string file = {};
+  int line = 0;  // number of the last line read
+  std::vector<DoubtfulEnd> doubtfulEnds = {};
+
+  TextPlace Place(int number) const { return {file, number}; }
+  TextPlace Here() const { return {file, line}; }
+};
+
 // The next line without its line feed. False at the end of the stream, or when it can be read no further.
-inline bool ReadLine(std::istream& stream, std::string& text) {
+inline bool ReadLine(SceneText& text, std::string& content) {
   char buffer[kSceneLineLimit];
+  std::istream& stream = text.stream;
   for (;;) {
     if (!stream.good()) return false;
     stream.getline(buffer, kSceneLineLimit);
     if (stream.bad()) return false;
     if (!stream.fail()) {
-      text.assign(buffer, static_cast<std::size_t>(stream.gcount() - (stream.eof() ? 0 : 1)));
+      content.assign(buffer, static_cast<std::size_t>(stream.gcount() - (stream.eof() ? 0 : 1)));
+      ++text.line;
       return true;
     }
     if (stream.eof()) return false;
+    ++text.line;
+    if (text.notes) Note(text.Here(), Severity::kError, "a line of 4096 bytes or more is dropped");
     stream.clear();
     stream.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
   }
@@ -37,54 +63,143 @@ inline bool ReadLine(std::istream& stream, std::string& text) {
 struct Line {
   std::string keyword;
   std::istringstream values;
+  SceneText& text;
+  int number;          // of the line
+  bool noted = false;  // one finding a line is enough
 
-  explicit Line(const std::string& text) : values(text) {
+  Line(SceneText& from, const std::string& content) : values(content), text(from), number(from.line) {
     values.imbue(std::locale::classic());
-    if (!text.empty() && text.front() != '#') values >> keyword;
+    if (!content.empty() && content.front() != '#') values >> keyword;
   }
+  TextPlace Place() const { return text.Place(number); }
 };
 
-// After a number that cannot be read, none of the line is.
+// For the observer, and only called when it is there.
+void NoteLine(Line& line, Severity severity, const std::string& message);
+std::string RestOfLine(const Line& line);  // without leading blanks
+// After an attempt to read a number at `rest`, the line's rest before it.
+void NoteNumber(Line& line, const std::string& rest);
+void NoteString(Line& line, std::string_view rest);
+void NoteName(Line& line, NameKind kind, const std::string& name);
+
+// The readers of values return true, so that a handler can end with them: it knew its keyword.
+
+// False if there is no number here. After one that cannot be read, none of the line is.
 template <class T>
-void ReadNumber(Line& line, T& target) {
+bool ReadValue(Line& line, T& value) {
+  if (!line.text.notes) return static_cast<bool>(line.values >> value);
+  const std::string rest = RestOfLine(line);
+  const bool read = static_cast<bool>(line.values >> value);
+  NoteNumber(line, rest);
+  return read;
+}
+
+template <class T>
+bool ReadNumber(Line& line, T& target) {
   T value{};
-  if (line.values >> value) target = value;
+  if (ReadValue(line, value)) target = value;
+  return true;
 }
-inline void ReadTriple(Line& line, Vec3& target) {
+inline bool ReadTriple(Line& line, Vec3& target) {
   for (int i = 0; i < 3; ++i) ReadNumber(line, target[i]);
+  return true;
 }
-inline void ReadMatrix(Line& line, Mat3& target) {
+template <class Matrix>
+bool ReadMatrix(Line& line, Matrix& target) {
   for (auto& row : target.m)
     for (float& entry : row) ReadNumber(line, entry);
+  return true;
 }
-inline void ReadMatrix(Line& line, Mat4& target) {
-  for (auto& row : target.m)
-    for (float& entry : row) ReadNumber(line, entry);
-}
-inline void ReadWord(Line& line, std::string& target) {
+inline bool ReadWord(Line& line, std::string& target) {
   std::string word;
   if (line.values >> word) target = word;
+  if (line.text.notes && word.empty()) NoteLine(line, Severity::kError, "a word is missing");
+  if (line.text.notes && word.find('"') != word.npos)
+    NoteLine(line, Severity::kWarning, "the quotes become part of the word " + word);
+  return true;
 }
 
 // The characters between the first two quotes, or behind a lone one; empty without any.
 inline std::string ReadString(Line& line) {
-  std::string rest, value;
+  std::string rest;
   std::getline(line.values, rest, '\0');
+  if (line.text.notes) NoteString(line, rest);
   const std::size_t open = rest.find('"');
   if (open == std::string::npos) return {};
   return rest.substr(open + 1, rest.find('"', open + 1) - open - 1);
 }
+inline bool ReadString(Line& line, std::string& target) {
+  target = ReadString(line);
+  return true;
+}
+// A string that names something outside its block.
+inline std::string ReadName(Line& line, NameKind kind) {
+  std::string name = ReadString(line);
+  if (line.text.notes) NoteName(line, kind, name);
+  return name;
+}
+inline bool ReadName(Line& line, NameKind kind, std::string& target) {
+  target = ReadName(line, kind);
+  return true;
+}
 
-// Hands each line with a keyword to `handle` (void(std::string_view keyword, Line&)), which may itself read a
-// nested block from the stream. Ends behind the line "end" or with the stream.
+// A string out of a list of words; another one leaves the target alone.
+template <class Value>
+struct Choice {
+  std::string_view word;
+  Value value;
+};
+template <class Value, std::size_t kCount>
+bool ReadChoice(Line& line, const Choice<Value> (&choices)[kCount], Value& target) {
+  const std::string word = ReadString(line);
+  for (const Choice<Value>& choice : choices)
+    if (word == choice.word) {
+      target = choice.value;
+      return true;
+    }
+  if (line.text.notes) NoteLine(line, Severity::kError, "unknown word " + Quoted(word));
+  return true;
+}
+
+// A block that is being read. Keeps for the observer what it needs to judge the block's end.
+struct OpenBlock {
+  std::string_view name;
+  int line = 0;                   // that opened it
+  std::vector<std::string> seen;  // keywords
+  std::string opener;             // the last unknown keyword that may have been meant to open a block
+  int openerLine = 0;
+};
+void NoteKeyword(OpenBlock& block, Line& line, bool known);
+void NoteEnd(SceneText& text, const OpenBlock& block);
+void NoteOpen(SceneText& text, const OpenBlock& block);
+void NoteRequired(SceneText& text, const OpenBlock& block, std::initializer_list<std::string_view> required);
+
+// Hands each line with a keyword to `handle` (bool(std::string_view keyword, Line&): was it known?), which
+// may itself read a nested block. Ends behind the line "end" or with the text. `required`: keywords without a
+// default.
 template <class Handler>
-void ReadBlock(std::istream& stream, Handler&& handle) {
-  std::string text;
-  while (ReadLine(stream, text)) {
-    Line line(text);
-    if (line.keyword == "end") return;
-    if (!line.keyword.empty()) handle(std::string_view(line.keyword), line);
+void ReadBlock(SceneText& text, std::string_view name, std::initializer_list<std::string_view> required,
+               Handler&& handle) {
+  OpenBlock block = {name, text.line, {}, {}, 0};
+  std::string content;
+  bool ended = false;
+  while (!ended && ReadLine(text, content)) {
+    Line line(text, content);
+    ended = line.keyword == "end";
+    if (ended || line.keyword.empty()) continue;
+    const bool known = handle(std::string_view(line.keyword), line);
+    if (text.notes) NoteKeyword(block, line, known);
   }
+  if (!text.notes) return;
+  if (ended)
+    NoteEnd(text, block);
+  else
+    NoteOpen(text, block);
+  NoteRequired(text, block, required);
+}
+template <class Handler>
+void ReadBlock(SceneText& text, std::string_view name, Handler&& handle) {
+  ReadBlock(text, name, {}, handle);
 }
 
 }  // namespace zp
