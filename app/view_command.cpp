@@ -21,26 +21,15 @@ std::uint8_t EncodeSrgb(double linear) {
   return static_cast<std::uint8_t>(std::lround(255 * encoded));
 }
 
-// Portable float maps keep their rows in the opposite order of all other formats.
-bool IsFloatMap(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  char magic[2] = {};
-  file.read(magic, 2);
-  return file && magic[0] == 'P' && (magic[1] == 'F' || magic[1] == 'f');
-}
-
-// Reads any picture, and says whether its buffer begins with the top row.
-bool ReadPicture(const fs::path& path, ImageBuffer& image, bool& topFirst) {
-  // File names choose orientation and format wherever in them an extension stands, folders included: enter
-  // the folder, so that only the file's own name counts.
+// Reads any picture, its bottom row first.
+bool ReadPicture(const fs::path& path, ImageBuffer& image) {
+  // File names choose formats wherever in them an extension stands, folders included: enter the folder, so
+  // that only the file's own name counts.
   DirectoryVisit visit;
   if (visit.Enter(path.parent_path())) return false;
-  const std::string name = path.filename().string();
-  image.fileName = name;
+  image.fileName = path.filename().string();
   image.allowPacked = false;
-  const bool turnedOver = name.find(".hdr") != std::string::npos || name.find(".HDR") != std::string::npos;
-  topFirst = turnedOver != IsFloatMap(name);
-  return LoadImage(image, name) && image.width > 0 && image.height > 0;
+  return LoadImage(image, image.fileName) && image.width > 0 && image.height > 0;
 }
 
 bool WritePng(ImageBuffer& image, const fs::path& path) {
@@ -59,8 +48,7 @@ bool WritePng(ImageBuffer& image, const fs::path& path) {
 
 int Convert(const ViewOptions& options) {
   ImageBuffer linear;
-  bool topFirst = false;
-  if (!ReadPicture(options.input, linear, topFirst))
+  if (!ReadPicture(options.input, linear))
     return Fail("there is no picture to read in '" + options.input + "'");
 
   // A 16-bit component reads 257 where it is full.
@@ -70,7 +58,7 @@ int Convert(const ViewOptions& options) {
   ImageBuffer screen;
   Allocate(screen, linear.width, linear.height, 3, 8, false);
   for (std::size_t y = 0; y < height; y++) {
-    const std::size_t source = (topFirst ? y : height - 1 - y) * width;
+    const std::size_t source = (height - 1 - y) * width;
     std::uint8_t* bytes = &screen.bytePixels[y * width * 3];
     for (std::size_t x = 0; x < width; x++) {
       const Vec3 color = ReadPixel(linear, source + x);

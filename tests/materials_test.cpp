@@ -184,7 +184,7 @@ TEST_F(Materials, TotalReflectionKeepsAllLight) {
     add({1, 0, 1}, {1, 0, -1});   // right
     add({1, 0, -1}, {-1, 0, 1});  // long side
     const std::int32_t lamp = AddShader("lamp", kBlack, kWhite);
-    AddTetragon(Geometry(), {Vec3{3, -9, -9}, Vec3{3, 9, -9}, Vec3{3, 9, 9}, Vec3{3, -9, 9}}, lamp);
+    AddTetragon(Geometry(), {Vec3{3, -9, -1}, Vec3{3, 9, -1}, Vec3{3, 9, 1}, Vec3{3, -9, 1}}, lamp);
     LookFrom({0.2f, 0, 5}, {0.2f, 0, 0}, 0.02f);
     for (CameraPose& pose : cameras[0].poses) pose.upVector = {0, 1, 0};
     settings.rayDepth = 4;

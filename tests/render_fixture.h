@@ -39,12 +39,13 @@ inline void AddTetragon(Part& part, std::array<Vec3, 4> corners, std::int32_t sh
   part.tetragons.push_back({{first, first + 1, first + 2, first + 3}, shader});
 }
 
+// Faces outwards.
 inline void AddCube(Part& part, float half, std::int32_t shader) {
   for (int axis = 0; axis < 3; ++axis)
     for (float side : {-half, half}) {
       std::array<Vec3, 4> corners;
       for (int i = 0; i < 4; ++i) {
-        Vec3& p = corners[static_cast<std::size_t>(i)];
+        Vec3& p = corners[static_cast<std::size_t>(side > 0 ? i : 3 - i)];
         p[axis] = side;
         p[(axis + 1) % 3] = i == 1 || i == 2 ? half : -half;
         p[(axis + 2) % 3] = i >= 2 ? half : -half;
@@ -53,12 +54,16 @@ inline void AddCube(Part& part, float half, std::int32_t shader) {
     }
 }
 
-// A sphere of triangles: an octahedron, split `levels` times. With `smooth` its vertices have normals.
+// A sphere of triangles that face outwards: an octahedron, split `levels` times. With `smooth` its vertices
+// have normals.
 inline void AddSphere(Part& part, int levels, bool smooth, std::int32_t shader) {
   std::vector<std::array<Vec3, 3>> faces;
   for (float x : {-1.0f, 1.0f})
     for (float y : {-1.0f, 1.0f})
-      for (float z : {-1.0f, 1.0f}) faces.push_back({Vec3{x, 0, 0}, Vec3{0, y, 0}, Vec3{0, 0, z}});
+      for (float z : {-1.0f, 1.0f}) {
+        const Vec3 a = {x, 0, 0}, b = {0, y, 0}, c = {0, 0, z};
+        faces.push_back(x * y * z > 0 ? std::array{a, b, c} : std::array{a, c, b});
+      }
   for (; levels > 0; --levels) {
     std::vector<std::array<Vec3, 3>> split;
     for (const auto& [a, b, c] : faces) {

@@ -18,7 +18,8 @@ struct SlabRay {
 
   explicit SlabRay(const RayRecord& ray) {
     for (int a = 0; a < 3; ++a) {
-      const int negative = ray.direction[a] < 0 ? 1 : 0;
+      // Of the reciprocal: a component of -0 has -infinity, and its planes in that order.
+      const int negative = ray.inverseDirection[a] < 0 ? 1 : 0;
       inverse[a] = Float8::Set(ray.inverseDirection[a]);
       scaledOrigin[a] = Float8::Set(ray.origin[a] * ray.inverseDirection[a]);
       nearRow[a] = a + 3 * negative;

@@ -72,6 +72,20 @@ constexpr Vec3 Perpendicular(Vec3 d) {
   return {d.y * d.y + d.x * d.z, d.z * d.z - d.x * d.y, -d.x * d.x - d.y * d.z};
 }
 
+// A unit vector of any input but zero, tiny ones included: the safe length alone would leave the normals of
+// triangles with edges below a thousandth short.
+inline Vec3 UnitVector(Vec3 v) {
+  const float largest = MaxOf(MaxOf(std::fabs(v.x), std::fabs(v.y)), std::fabs(v.z));
+  return largest > 0 && std::isfinite(largest) ? SafeNormalize(v / largest) : v;
+}
+
+// The same as a unit vector; along (1, 1, -1), where it vanishes, another axis.
+inline Vec3 UnitPerpendicular(Vec3 d) {
+  constexpr float kVanishing = 1e-6f;
+  const Vec3 y = Perpendicular(d);
+  return UnitVector(Dot(y, y) > kVanishing ? y : Cross(d, Vec3{1, 0, 0}));
+}
+
 // Three rows of three.
 struct Mat3 {
   float m[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};

@@ -122,6 +122,8 @@ void AddGlossySample(const RayRecord& ray, const ShadingPoint& point, Vec3 throu
   if (point.material == Material::kDielectric) {
     Vec3 refracted;
     total = !Refract(ray.direction, half, cosine, point.iorRatio, refracted);
+    if (total)
+      ++sums.refractions;  // its light is the mirror ray's: left out, the others would take its share
     if (!total && Dot(refracted, point.geometricNormal) < -1e-8f) {
       sums.refracted += GlossyChild(ray, point, kEventGlossyRefraction, refracted, throughput,
                                     point.diffuseWeight, sample, sampleWeight);

@@ -10,13 +10,6 @@
 namespace zp {
 namespace {
 
-// A unit vector of any input but zero, tiny ones included: the safe length would leave the normals of
-// triangles with edges below a thousandth short.
-Vec3 UnitVector(Vec3 v) {
-  const float largest = std::max({std::fabs(v.x), std::fabs(v.y), std::fabs(v.z)});
-  return largest > 0 && std::isfinite(largest) ? SafeNormalize(v / largest) : v;
-}
-
 Vec3 CornerSum(const Corners& corners, const std::vector<PackedVector>& values) {
   Vec3 sum;
   for (int i = 0; i < corners.count; ++i) {
@@ -89,12 +82,8 @@ Vec3 CylinderNormal(Vec3 direction, Vec3 axis, float offset) {
 void SetFrame(ShadingPoint& point, Vec3 tangent) {
   constexpr float kParallel = 1e-6f;  // squared sine
   Vec3 bitangent = Cross(point.normal, UnitVector(tangent));
-  if (!(Dot(bitangent, bitangent) > kParallel)) {
-    // The perpendicular vector vanishes along (1, 1, -1), where any axis will do.
-    bitangent = Cross(point.normal, UnitVector(Perpendicular(point.normal)));
-    if (!(Dot(Perpendicular(point.normal), Perpendicular(point.normal)) > kParallel))
-      bitangent = Cross(point.normal, Vec3{1, 0, 0});
-  }
+  if (!(Dot(bitangent, bitangent) > kParallel))
+    bitangent = Cross(point.normal, UnitPerpendicular(point.normal));
   point.bitangent = UnitVector(bitangent);
   point.tangent = UnitVector(Cross(point.bitangent, point.normal));
 }

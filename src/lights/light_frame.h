@@ -1,4 +1,4 @@
-// lights/light_frame.h: unit vectors and directions around an axis, private to this folder.
+// lights/light_frame.h: directions around an axis, private to this folder.
 
 #pragma once
 
@@ -6,20 +6,9 @@
 
 namespace zp {
 
-// A unit vector of any input but zero, tiny ones included: the safe length alone would leave the normals of
-// triangles with edges below a thousandth short.
-inline Vec3 UnitVector(Vec3 v) {
-  const float largest = MaxOf(MaxOf(std::fabs(v.x), std::fabs(v.y)), std::fabs(v.z));
-  return largest > 0 && std::isfinite(largest) ? SafeNormalize(v / largest) : v;
-}
-
 // Completes the unit vector z to a right-handed orthonormal frame.
 inline void AxesAround(Vec3 z, Vec3& x, Vec3& y) {
-  constexpr float kVanishing = 1e-6f;
-  y = Perpendicular(z);
-  // It vanishes along (1, 1, -1), where any axis will do.
-  if (!(Dot(y, y) > kVanishing)) y = Cross(z, Vec3{1, 0, 0});
-  y = UnitVector(y);
+  y = UnitPerpendicular(z);
   x = Cross(y, z);
 }
 
