@@ -189,17 +189,23 @@ TEST_F(Sky, FrameTurnsTheMap) {
       {{0, 0, 0}, {0, 0, 0}, {1, 0, 0}, {0, 0, 1}},  // no directions: the defaults
       {{0, 2, 0}, {0, 1, 0}, {1, 0, 0}, {0, 0, 1}},  // no plane
   };
+  skyLight.north = cases[1].north;
+  skyLight.zenith = cases[1].zenith;
+  UseImage(64, 32, [&](int x, int y) { return quadrants[y >= 16][x >= 32]; });
+  const SkyMap map = MakeSkyMap(images[0]);
   for (const Axes& axes : cases) {
-    skyLight.north = axes.north;
-    skyLight.zenith = axes.zenith;
-    UseImage(64, 32, [&](int x, int y) { return quadrants[y >= 16][x >= 32]; });
+    SkyFrame frame;
+    EXPECT_EQ(MakeSkyFrame(axes.north, axes.zenith, frame), &axes < cases + 4);
     const Vec3 north = Cross(axes.up, axes.east);
     for (const float east : {-0.6f, 0.6f})
       for (const float up : {-0.5f, 0.5f})
         for (const float forward : {-0.7f, 0.7f}) {
           const Vec3 direction = SafeNormalize(east * axes.east + forward * north + up * axes.up);
           // u falls as the angle from east to north grows: the right half lies beyond the south.
-          EXPECT_EQ(SkyRadiance(direction), quadrants[up > 0][forward < 0]);
+          EXPECT_EQ(LookUp(map, MapCoordinates(frame, direction)), quadrants[up > 0][forward < 0]);
+          if (&axes == cases + 1) {
+            EXPECT_EQ(SkyRadiance(direction), quadrants[up > 0][forward < 0]);
+          }
         }
   }
 }
@@ -218,6 +224,11 @@ TEST_F(Sky, CoordinatesInvert) {
   EXPECT_NEAR(MapCoordinates(plain, {0, 0, -1}).y, 0, 1e-6f);
   EXPECT_NEAR(MapCoordinates(plain, {1, 0, 0}).x, 0.5f, 1e-6f);
   EXPECT_NEAR(MapCoordinates(plain, {0, 1, 0}).x, 0.25f, 1e-6f);
+  for (int i = 0; i < 1000; ++i) {
+    const Vec3 d = Random(random);
+    const double angle = std::atan2(static_cast<double>(d.y), static_cast<double>(d.x));
+    EXPECT_NEAR(static_cast<double>(MapCoordinates(plain, d).x), 0.5 - angle / kTau, 2e-7);
+  }
 }
 
 TEST_F(Sky, LookUpWrapsAroundAndEndsAtThePoles) {
@@ -286,7 +297,7 @@ double OverSphere(int rows, const std::function<double(Vec3)>& f) {
 
 // Chi-square over the sphere: 20 x 40 areas, each expectation by numerical integration.
 void ExpectSamplesFollowDensity(std::uint32_t seed) {
-  constexpr int kRows = 20, kColumns = 40, kFine = 60, kSamples = 400000;
+  constexpr int kRows = 20, kColumns = 40, kFine = 40, kSamples = 300000;
   const auto area = [](Vec3 d) {
     const double phi = std::atan2(static_cast<double>(d.y), static_cast<double>(d.x));
     const int row = std::clamp(static_cast<int>((1 - static_cast<double>(d.z)) / 2 * kRows), 0, kRows - 1);
@@ -337,7 +348,7 @@ void ExpectSameIrradiance(Vec3 normal, std::uint32_t seed) {
   constexpr int kSamples = 100000;
   const auto cosine = [&](Vec3 d) { return static_cast<double>(std::max(Dot(d, normal), 0.0f)); };
   const double integral =
-      OverSphere(1200, [&](Vec3 d) { return cosine(d) * static_cast<double>(Mean(SkyRadiance(d))); });
+      OverSphere(600, [&](Vec3 d) { return cosine(d) * static_cast<double>(Mean(SkyRadiance(d))); });
   std::mt19937 random(seed);
   std::uniform_real_distribution<float> uniform(0, 1);
   double sum = 0, squares = 0;
@@ -411,7 +422,7 @@ TEST_F(Sky, ALowSunIsNeverNegative) {
   skyLight.image = "analytic";
   skyLight.zenith = {0.5f, -1, 1.6f};  // nearly at right angles to the sun
   skyLight.north = {1, 0, 0};
-  for (const float turbidity : {1.0f, 2.5f, 10.0f}) {
+  for (const float turbidity : {1.0f, 10.0f}) {
     skyLight.turbidity = turbidity;
     InitializeSky();
     float lowest = 0;
