@@ -7,7 +7,7 @@
 namespace zp {
 namespace {
 
-constexpr double kQuarterTurn = 1.5707965;  // Intended: not pi / 2 to its last digit
+constexpr double kQuarterTurn = 1.57079632679489662;
 
 // Not a number counts as the lower end.
 double Limit(double x, double low, double high) { return x > low ? std::min(x, high) : low; }
