@@ -177,9 +177,8 @@ void zpSetCameraAOVChannel(int camera, int aov, Channel channel);
 void zpSetCameraAOVName(int camera, int aov, const char* name);      // the file to write
 void zpSetCameraAOVUserData(int camera, int aov, const char* name);  // of the vertex data shown
 
-// Point and parallel lights, by index. A light's color is what it sends in every direction, or what all of
-// its beam carries: pi * color arrives head-on, by the squared distance from a point light. Links and AOV
-// channels are as for the lights below.
+// Point and parallel lights, by index. A surface that faces the light receives the irradiance pi * color, at
+// a distance d from a point light pi * color / d^2. Links and AOV channels are as for the lights below.
 
 int zpAddPointLight();
 void zpSetPointLightColor(int light, float r, float g, float b);
