@@ -65,15 +65,22 @@ std::string Count(std::size_t count, const std::string& what) {
   return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
+// Scene text may hold anything: control characters would break the report's lines.
+std::string Printable(std::string text) {
+  for (char& c : text)
+    if (static_cast<unsigned char>(c) < ' ' || c == 127) c = '?';
+  return text;
+}
+
 // Every finding, as an editor can jump to it, and the sum of them.
 int PrintFindings(const std::string& scene, const SceneNotes& notes) {
   std::size_t errors = 0;
   for (const Finding& finding : notes.findings) {
     const bool isError = finding.severity == Severity::kError;
     errors += isError;
-    const std::string path = (fs::path(scene) / finding.place.file).lexically_normal().string();
+    const std::string path = Printable((fs::path(scene) / finding.place.file).lexically_normal().string());
     std::printf("%s:%d: %s: %s\n", path.c_str(), finding.place.line, isError ? "error" : "warning",
-                finding.text.c_str());
+                Printable(finding.text).c_str());
   }
   std::printf("%s, %s\n", Count(errors, "error").c_str(),
               Count(notes.findings.size() - errors, "warning").c_str());
