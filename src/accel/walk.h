@@ -18,7 +18,7 @@ struct SlabRay {
 
   explicit SlabRay(const RayRecord& ray) {
     for (int a = 0; a < 3; ++a) {
-      const int negative = ray.direction[a] < 0 ? 1 : 0;
+      const int negative = ray.inverseDirection[a] < 0 ? 1 : 0;  // a direction's zero has a sign, too
       inverse[a] = Float8::Set(ray.inverseDirection[a]);
       scaledOrigin[a] = Float8::Set(ray.origin[a] * ray.inverseDirection[a]);
       nearRow[a] = a + 3 * negative;
