@@ -112,25 +112,36 @@ template <bool kLog, bool kOpaque, int kStackSize>
 bool OccluderWalk::RunWithStack(const PackedTree& tree) {
   const PackedNode* const nodes = tree.nodes.data();
   const SlabRay slab(ray);
-  // Eight entries are written wherever one is pushed.
+  // Eight entries are written wherever some are pushed.
   std::uint32_t children[kStackSize + 8], words[kStackSize + 8];
-  [[maybe_unused]] std::uint32_t places[kLog ? kStackSize + 8 : 1];  // 8 * parent node + slot
+  [[maybe_unused]] std::uint32_t places[kLog ? kStackSize + 8 : 1];
   std::size_t top = 0;
   std::uint32_t child = 0, word = 0;
+  [[maybe_unused]] std::uint32_t place = 0;  // 8 * parent node + slot
   std::uint64_t innerNodes = 0, leaves = 0, primitives = 0;
   bool blocked = false;
   for (;;) {
-    if (word == 0) {
+    while (word == 0) {
       ++innerNodes;
       const PackedNode& node = nodes[child];
       Float8 near;
       const unsigned mask = SlabTest(node, slab, ray.t, near);
-      const Words8 order = Words8::Load(kLaneOrders.lanes[mask]);
-      Permute(Words8::Load(node.child), order).Store(children + top);
-      Permute(Words8::Load(node.word), order).Store(words + top);
-      if constexpr (kLog) (order + Words8::Set(child * 8)).Store(places + top);
-      top += static_cast<std::size_t>(std::popcount(mask));
-    } else {
+      if (mask == 0) goto pop;
+      // The first slot goes on; the others wait, the second on top.
+      const unsigned others = mask & (mask - 1);
+      const int first = std::countr_zero(mask);
+      if (others != 0) {
+        const Words8 order = Words8::Load(kLaneOrders.lanes[others]);
+        Permute(Words8::Load(node.child), order).Store(children + top);
+        Permute(Words8::Load(node.word), order).Store(words + top);
+        if constexpr (kLog) (order + Words8::Set(child * 8)).Store(places + top);
+        top += static_cast<std::size_t>(std::popcount(others));
+      }
+      if constexpr (kLog) place = child * 8 + static_cast<std::uint32_t>(first);
+      child = node.child[first];
+      word = node.word[first];
+    }
+    {
       ++leaves;
       const std::uint32_t count = word & kLeafCount;
       primitives += count;
@@ -141,15 +152,17 @@ bool OccluderWalk::RunWithStack(const PackedTree& tree) {
                             });
       else
         blocked = TestReferences<kOpaque>(child, count);
-      if (blocked) {
-        if constexpr (kLog) Log(places[top]);
-        break;
-      }
     }
+    if (blocked) {
+      if constexpr (kLog) Log(place);
+      break;
+    }
+  pop:
     if (top == 0) break;
     --top;
     child = children[top];
     word = words[top];
+    if constexpr (kLog) place = places[top];
   }
   counts.innerNodes += innerNodes;
   counts.leaves += leaves;

@@ -18,8 +18,7 @@ struct SlabRay {
 
   explicit SlabRay(const RayRecord& ray) {
     for (int a = 0; a < 3; ++a) {
-      // Of the reciprocal: a component of -0 has -infinity, and its planes in that order.
-      const int negative = ray.inverseDirection[a] < 0 ? 1 : 0;
+      const int negative = ray.inverseDirection[a] < 0 ? 1 : 0;  // a direction's zero has a sign, too
       inverse[a] = Float8::Set(ray.inverseDirection[a]);
       scaledOrigin[a] = Float8::Set(ray.origin[a] * ray.inverseDirection[a]);
       nearRow[a] = a + 3 * negative;
