@@ -82,13 +82,14 @@ inline void AddSphere(Part& part, int levels, bool smooth, std::int32_t shader) 
   }
 }
 
-// One Object with one Part, a white sky, a camera of 16 by 16 pixels and 4 passes, seed 1. Nothing is
+// One Object with one Part, a white sky, path tracing, a camera of 16 by 16 pixels and 4 passes, seed 1. Nothing is
 // written.
 class RenderTest : public testing::Test {
  protected:
   void SetUp() override {
     SetConsoleQuiet(true);
     settings = {};
+    settings.resolution = 0;  // path tracing
     threads_ = omp_get_max_threads();
     Startup(1);
     skyLight.color = kWhite;

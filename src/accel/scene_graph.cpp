@@ -6,6 +6,7 @@
 #include "accel/accel.h"
 #include "core/console.h"
 #include "core/release.h"
+#include "geometry/density.h"
 #include "geometry/geometry.h"
 
 namespace zp {
@@ -141,6 +142,7 @@ void InitializeAccelerator() {
     for (Object& object : objectTable)
       if (object.level == level) InitializeObject(object);
   TakeSceneBounds();
+  for (Part& part : At(rootObject).parts) SetUpDensity(part);
   PrintVectorRow("scene size  ", sceneBounds.max - sceneBounds.min, "m");
   PrintVectorRow("scene min   ", sceneBounds.min, "n/a");
   PrintVectorRow("scene max   ", sceneBounds.max, "n/a");

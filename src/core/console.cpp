@@ -103,12 +103,26 @@ void PrintCountRow(std::string_view name, std::uint64_t count, float megabytes) 
   End();
 }
 
-void PrintProgressRow(std::string_view name, std::uint64_t value, std::string_view unit) {
-  Put(name);
-  PutInteger(value);
+namespace {
+
+void EndProgress(std::string_view unit) {
   PutUnit(unit);
   Put("\r");
   if (!consoleQuiet) std::fflush(stdout);
+}
+
+}  // namespace
+
+void PrintProgressRow(std::string_view name, std::uint64_t value, std::string_view unit) {
+  Put(name);
+  PutInteger(value);
+  EndProgress(unit);
+}
+
+void PrintProgressRow(std::string_view name, float value, std::string_view unit) {
+  Put(name);
+  PutFloat(value, 4);
+  EndProgress(unit);
 }
 
 std::int64_t ProcessorMilliseconds() {

@@ -28,6 +28,7 @@ void PrintTwoValueRow(std::string_view name1, float value1, std::string_view uni
 void PrintCountRow(std::string_view name, std::uint64_t count, float megabytes);
 // An integer row ended by a carriage return: the next row overwrites it.
 void PrintProgressRow(std::string_view name, std::uint64_t value, std::string_view unit);
+void PrintProgressRow(std::string_view name, float value, std::string_view unit);  // four decimals
 
 // Processor time of the process, milliseconds.
 std::int64_t ProcessorMilliseconds();

@@ -44,6 +44,8 @@ struct VertexSet {
   std::vector<T> values;
 };
 
+struct DensityCells;  // geometry/density.h
+
 struct Part {
   std::vector<std::uint32_t> particles;  // a particle's vertex
   std::vector<std::uint32_t> cylinders;  // a segment's first vertex; it runs to the next one
@@ -60,7 +62,8 @@ struct Part {
   std::int32_t shader = 0;
   std::string materialName;
   std::string typeName = "undefined";
-  bool motion = false;  // some vector set is named "motion"
+  std::shared_ptr<DensityCells> density;  // of a Part of the RootObject, while there are cells
+  bool motion = false;                    // some vector set is named "motion"
   // Of the reader that merges vertices; transient. Open addressing, a power of two of slots with vertex
   // indices.
   std::vector<std::uint32_t> vertexHash;

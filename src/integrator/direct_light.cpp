@@ -16,12 +16,6 @@ struct LobeResponse {
   float lambertian = 0, transmissive = 0, glossy = 0;
 };
 
-// A cosine of which `offset` is taken off, so that the terminator of a light comes early and soft.
-float SoftCosine(float cosine, float offset) {
-  const float soft = (cosine - offset) / MaxOf(1 - offset, 1e-6f);
-  return soft > 0 ? MinOf(soft, 1.0f) : 0.0f;
-}
-
 // Light from behind the true surface does not reach a lobe that a bent normal turns to it.
 LobeResponse Respond(const ShadingPoint& point, Vec3 direction, float offset) {
   const float cosine = Dot(direction, point.normal);
@@ -197,6 +191,11 @@ LobeRadiance SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyL
 }
 
 }  // namespace
+
+float SoftCosine(float cosine, float offset) {
+  const float soft = (cosine - offset) / MaxOf(1 - offset, 1e-6f);
+  return soft > 0 ? MinOf(soft, 1.0f) : 0.0f;
+}
 
 [[gnu::noinline]] LobeRadiance SampleLights(const RayRecord& ray, const ShadingPoint& point) {
   LobeRadiance sum;

@@ -32,6 +32,27 @@ RayRecord MakeChildRay(const RayRecord& parent, const ShadingPoint& point, Event
 // alone keeps them apart.
 float RefractedIor(float ior, float ratio);
 
+// A way on from a hit, and its share of the lobe's light.
+struct LobeRay {
+  Event event;
+  Vec3 direction;  // unit
+  float weight;
+};
+struct LobeRays {
+  LobeRay ways[2];
+  int count = 0;
+  bool total = false;  // total reflection: there is no refracted ray
+};
+// By the half vector number `sample`.
+LobeRays GlossyRays(const RayRecord& ray, const ShadingPoint& point, std::uint32_t sample);
+LobeRays SpecularRays(const RayRecord& ray, const ShadingPoint& point);
+// The child ray with its bounce counted and its medium set; `throughput` is the lobe's, without the weight.
+RayRecord MakeLobeChild(const RayRecord& ray, const ShadingPoint& point, const LobeRay& way, Vec3 throughput);
+// Direction number `sample` of the Lambertian or the transmissive lobe. False if it goes through the surface
+// to the wrong side.
+bool DiffuseDirection(const RayRecord& ray, const ShadingPoint& point, Event event, std::uint32_t sample,
+                      Vec3& direction);
+
 // The sample numbers that this pass takes out of one sequence of `end`, which all passes share.
 struct PassShare {
   std::uint32_t first = 0, end = 1, step = 1;
@@ -67,6 +88,13 @@ Vec3 GatherTransmissive(const RayRecord& ray, const ShadingPoint& point);
 Vec3 GatherGlossy(const RayRecord& ray, const ShadingPoint& point);
 Vec3 GatherSpecular(const RayRecord& ray, const ShadingPoint& point);
 
+// Caustic photons around the hit, for the lobe that `event` names: their power by the area that they cover.
+Vec3 GatherCaustics(const RayRecord& ray, const ShadingPoint& point, Event event);
+void ForgetGathers();  // of all threads, when the photons have changed
+
+// Which of a point's lobes have colour. A point with useDensity has no diffuse ones of its own.
+void TestElements(ShadingPoint& point);
+
 // What a ray sees that hits nothing. Writes the sky's AOVs from camera rays.
 Vec3 MissRadiance(const RayRecord& ray);
 // What the hit surface sends back along the ray by itself. Writes the geometry light's AOVs.
@@ -85,6 +113,9 @@ float LobeRayWeight(const RayRecord& ray, float lightDensity, float lobeDensity,
 
 // Whether light that enters at this point leaves the surface somewhere else.
 bool Diffuses(const RayRecord& ray, const ShadingPoint& point);
+// What is left of a light's cosine when `offset` is taken off, so that its terminator comes early and soft.
+float SoftCosine(float cosine, float offset);
+
 // Where it leaves: `exit` and the hit `exitRay` that stands for it, and the colour that the way costs. A draw
 // that finds nothing leaves the point where it is.
 void DrawExit(const RayRecord& ray, const ShadingPoint& point, RayRecord& exitRay, ShadingPoint& exit,

@@ -1,5 +1,6 @@
 // Light that a ray finds by itself: the sky behind a miss, and emission at a hit.
 
+#include "geometry/density.h"
 #include "integrator/estimator.h"
 #include "lights/lights.h"
 
@@ -58,6 +59,24 @@ std::uint32_t PathChannel(std::uint8_t event) {
 // A ray that comes from the camera, if only through thin panes, sees lights whatever they are linked to.
 bool IsCameraRay(const RayRecord& ray) { return ray.parentPoint == nullptr; }
 
+// The light of emission alone: that of the cells is not only the geometry light's.
+void WriteEmissionAovs(const RayRecord& ray, Vec3 emission) {
+  const std::uint32_t channel = PathChannel(ray.event);
+  for (Aov& aov : geometryLight.aovs)
+    if ((aov.channel & channel) != 0 && (aov.shaderIndex == kNone || aov.shaderIndex == ray.shader))
+      AddToAov(aov, threadSlots[ray.thread].pixel,
+               emission * ray.throughput / static_cast<float>(ray.sampleWeight));
+}
+
+Vec3 Emission(const RayRecord& ray, const ShadingPoint& point) {
+  if (!IsCameraRay(ray) && !IsLinked(geometryLight.link, ray.parentShader)) return kBlack;
+  const float weight = EmitterHitWeight(ray, point);
+  if (weight == 0) return kBlack;
+  const Vec3 emission =
+      point.layer->window ? SkyRadiance(ray.direction) : LookUp((*point.layer)[Element::kEmissive], point.uv);
+  return weight * emission;
+}
+
 }  // namespace
 
 Vec3 MissRadiance(const RayRecord& ray) {
@@ -73,18 +92,11 @@ Vec3 MissRadiance(const RayRecord& ray) {
 }
 
 Vec3 EmittedRadiance(const RayRecord& ray, const ShadingPoint& point) {
-  if (!IsCameraRay(ray) && !IsLinked(geometryLight.link, ray.parentShader)) return kBlack;
-  const float weight = EmitterHitWeight(ray, point);
-  if (weight == 0) return kBlack;
-  Vec3 emission =
-      point.layer->window ? SkyRadiance(ray.direction) : LookUp((*point.layer)[Element::kEmissive], point.uv);
-  emission *= weight;
-  const std::uint32_t channel = PathChannel(ray.event);
-  for (Aov& aov : geometryLight.aovs)
-    if ((aov.channel & channel) != 0 && (aov.shaderIndex == kNone || aov.shaderIndex == ray.shader))
-      AddToAov(aov, threadSlots[ray.thread].pixel,
-               emission * ray.throughput / static_cast<float>(ray.sampleWeight));
-  return point.diffuseWeight * emission;
+  const Vec3 emission = Emission(ray, point);
+  if (!geometryLight.aovs.empty()) WriteEmissionAovs(ray, emission);
+  const bool diffuse = point.layer->hasLambertian || point.layer->hasTransmissive;
+  const Vec3 density = point.useDensity && diffuse ? ReadDensity(ray) : kBlack;
+  return point.diffuseWeight * (density + emission);
 }
 
 }  // namespace zp

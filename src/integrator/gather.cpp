@@ -11,31 +11,14 @@
 namespace zp {
 namespace {
 
-// The two cosine lobes differ by the side they look to.
-struct DiffuseLobe {
-  Event event;
-  float side;              // 1 along the normal, -1 against it
-  bool weightsThroughput;  // the diffuse weight is part of the lobe's throughput
-};
-constexpr DiffuseLobe kLambertianLobe = {kEventLambertian, 1.0f, true};
-constexpr DiffuseLobe kTransmissiveLobe = {kEventTransmissive, -1.0f, false};
-
-// Direction number `sample` of the lobe from the ray's Halton dimensions, turned by the pixel.
-Vec3 DiffuseDirection(const RayRecord& ray, const ShadingPoint& point, const DiffuseLobe& lobe,
-                      std::uint32_t sample) {
-  const Vec2 draw = DrawPair(ray, sample);
-  const Vec3 local = CosineDirection(draw.x, draw.y);
-  return local.x * point.tangent + local.y * point.bitangent + (lobe.side * local.z) * point.normal;
-}
-
 // One sample: adds its radiance, times `weight`, to `sum`. False if the direction goes through the surface to
 // the wrong side. Not inlined: the child record is the largest local of the recursion, and exists once.
-[[gnu::noinline]] bool AddDiffuseSample(const RayRecord& ray, const ShadingPoint& point,
-                                        const DiffuseLobe& lobe, Vec3 throughput, std::uint32_t sample,
-                                        std::int32_t sampleWeight, Vec3 weight, Vec3& sum) {
-  const Vec3 direction = DiffuseDirection(ray, point, lobe, sample);
-  if (ray.kind != kKindCylinder && !(lobe.side * Dot(direction, point.geometricNormal) > 0)) return false;
-  RayRecord child = MakeChildRay(ray, point, lobe.event, direction, throughput * weight);
+[[gnu::noinline]] bool AddDiffuseSample(const RayRecord& ray, const ShadingPoint& point, Event event,
+                                        Vec3 throughput, std::uint32_t sample, std::int32_t sampleWeight,
+                                        Vec3 weight, Vec3& sum) {
+  Vec3 direction;
+  if (!DiffuseDirection(ray, point, event, sample, direction)) return false;
+  RayRecord child = MakeChildRay(ray, point, event, direction, throughput * weight);
   child.sampleNumber = sample;
   child.sampleWeight = sampleWeight;
   ++child.diffuseBounces;
@@ -44,20 +27,21 @@ Vec3 DiffuseDirection(const RayRecord& ray, const ShadingPoint& point, const Dif
 }
 
 // The same for light that leaves the body elsewhere than it is seen.
-[[gnu::noinline]] bool AddDiffusedSample(const RayRecord& ray, const ShadingPoint& point,
-                                         const DiffuseLobe& lobe, Vec3 throughput, std::uint32_t sample,
-                                         std::int32_t sampleWeight, Vec3& sum) {
+[[gnu::noinline]] bool AddDiffusedSample(const RayRecord& ray, const ShadingPoint& point, Event event,
+                                         Vec3 throughput, std::uint32_t sample, std::int32_t sampleWeight,
+                                         Vec3& sum) {
   RayRecord exitRay;
   ShadingPoint exit;
   Vec3 weight;
   DrawExit(ray, point, exitRay, exit, weight);
-  return AddDiffuseSample(exitRay, exit, lobe, throughput, sample, sampleWeight, weight, sum);
+  return AddDiffuseSample(exitRay, exit, event, throughput, sample, sampleWeight, weight, sum);
 }
 
-Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, const DiffuseLobe& lobe, Vec3 color) {
+// Of the Lambertian or the transmissive lobe, which differ by the side they look to.
+Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event, Vec3 color) {
   const bool hair = ray.kind == kKindCylinder;
   Vec3 throughput = ray.throughput * color;
-  if (lobe.weightsThroughput && !hair) throughput *= point.diffuseWeight;
+  if (event == kEventLambertian && !hair) throughput *= point.diffuseWeight;
   if (IsBlack(throughput)) return kBlack;
 
   Vec3 sum;
@@ -67,43 +51,24 @@ Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, const Diffus
     const bool diffuses = Diffuses(ray, point);
     int taken = 0;
     for (std::uint32_t i = share.first; i < share.end; i += share.step)
-      taken += diffuses ? AddDiffusedSample(ray, point, lobe, throughput, i, sampleWeight, sum)
-                        : AddDiffuseSample(ray, point, lobe, throughput, i, sampleWeight, kWhite, sum);
+      taken += diffuses ? AddDiffusedSample(ray, point, event, throughput, i, sampleWeight, sum)
+                        : AddDiffuseSample(ray, point, event, throughput, i, sampleWeight, kWhite, sum);
     if (taken > 0) sum *= 1.0f / static_cast<float>(taken);  // a hair takes all of its share
+    if (!hair) sum += GatherCaustics(ray, point, event);
   } else if (BounceCount(ray) < settings.rendererBounce) {
-    AddDiffuseSample(ray, point, lobe, throughput, ray.sampleNumber, ray.sampleWeight, kWhite, sum);
+    AddDiffuseSample(ray, point, event, throughput, ray.sampleNumber, ray.sampleWeight, kWhite, sum);
+    if (!hair) sum += GatherCaustics(ray, point, event);
   }
   return point.diffuseWeight * sum;
 }
 
-// The ray that goes on from a mirror or through a surface, by the glossy lobe or the specular one.
-[[gnu::noinline]] Vec3 GlossyChild(const RayRecord& ray, const ShadingPoint& point, Event event,
-                                   Vec3 direction, Vec3 throughput, float weight, std::uint32_t sample,
-                                   std::int32_t sampleWeight) {
-  RayRecord child = MakeChildRay(ray, point, event, direction, throughput * weight);
-  if (event == kEventGlossyRefraction) child.ior = RefractedIor(ray.ior, point.iorRatio);
+// Not inlined, like AddDiffuseSample.
+[[gnu::noinline]] Vec3 FollowLobeRay(const RayRecord& ray, const ShadingPoint& point, const LobeRay& way,
+                                     Vec3 throughput, std::uint32_t sample, std::int32_t sampleWeight) {
+  RayRecord child = MakeLobeChild(ray, point, way, throughput);
   child.sampleNumber = sample;
   child.sampleWeight = sampleWeight;
-  ++child.glossyBounces;
-  return weight * Radiance(child);
-}
-
-[[gnu::noinline]] Vec3 SpecularChild(const RayRecord& ray, const ShadingPoint& point, Event event,
-                                     Vec3 direction, Vec3 throughput, float weight) {
-  RayRecord child = MakeChildRay(ray, point, event, direction, throughput * weight);
-  child.dimension = ray.dimension;  // a mirror draws no numbers
-  ++child.specularBounces;
-  if (event == kEventSpecularRefraction) {
-    child.ior = RefractedIor(ray.ior, point.iorRatio);
-    if (point.material == Material::kThinDielectric) {
-      // A thin shell is no bounce: the ray goes on as what it was, also for lights and their links.
-      child.event = ray.event;
-      child.previousEvent = ray.previousEvent;
-      child.parentPoint = ray.parentPoint;
-      child.parentShader = ray.parentShader;
-    }
-  }
-  return weight * Radiance(child);
+  return way.weight * Radiance(child);
 }
 
 // Both ways that light comes from one half vector.
@@ -114,27 +79,14 @@ struct GlossySums {
 
 void AddGlossySample(const RayRecord& ray, const ShadingPoint& point, Vec3 throughput, std::uint32_t sample,
                      std::int32_t sampleWeight, GlossySums& sums) {
-  const Vec2 draw = DrawPair(ray, sample);
-  const Vec3 half = SampleGlossyHalf(point, draw.x, draw.y);
-  const float cosine = -Dot(ray.direction, half);
-  if (!(cosine > 0)) return;  // a facet that looks away
-  bool total = false;
-  if (point.material == Material::kDielectric) {
-    Vec3 refracted;
-    total = !Refract(ray.direction, half, cosine, point.iorRatio, refracted);
-    if (total)
-      ++sums.refractions;  // its light is the mirror ray's: left out, the others would take its share
-    if (!total && Dot(refracted, point.geometricNormal) < -1e-8f) {
-      sums.refracted += GlossyChild(ray, point, kEventGlossyRefraction, refracted, throughput,
-                                    point.diffuseWeight, sample, sampleWeight);
-      ++sums.refractions;
-    }
-  }
-  const Vec3 mirrored = ray.direction + 2 * cosine * half;
-  if (Dot(mirrored, point.geometricNormal) > 0) {
-    sums.reflected += GlossyChild(ray, point, kEventGlossy, mirrored, throughput,
-                                  total ? 1.0f : point.specularWeight, sample, sampleWeight);
-    ++sums.reflections;
+  const LobeRays ways = GlossyRays(ray, point, sample);
+  if (ways.total)
+    ++sums.refractions;  // its light is the mirror ray's: left out, the others would take its share
+  for (int i = 0; i < ways.count; ++i) {
+    const bool reflects = ways.ways[i].event == kEventGlossy;
+    (reflects ? sums.reflected : sums.refracted) +=
+        FollowLobeRay(ray, point, ways.ways[i], throughput, sample, sampleWeight);
+    ++(reflects ? sums.reflections : sums.refractions);
   }
 }
 
@@ -165,44 +117,12 @@ PassShare ShareOf(std::int32_t count) {
   return share;
 }
 
-float RefractedIor(float ior, float ratio) {
-  const Camera* camera = ActiveCamera();
-  const float refracted = ior * ratio;
-  return camera != nullptr && std::fabs(refracted - camera->ior) < 1e-5f ? camera->ior : refracted;
-}
-
-RayRecord MakeChildRay(const RayRecord& parent, const ShadingPoint& point, Event event, Vec3 direction,
-                       Vec3 throughput) {
-  RayRecord child = parent;
-  child.dimension = parent.dimension + 2;
-  child.origin = point.position;
-  child.direction = direction;
-  child.throughput = throughput;
-  child.t = kFarthest;
-  child.parentPoint = &point;
-  child.part = nullptr;
-  child.primitive = kNone;
-  child.kind = kKindUnset;
-  child.hitSide = 0;
-  child.matrixDepth = child.hitMatrixDepth = 0;
-  child.frontFace = child.levelZeroHit = false;
-  child.parentShader = parent.shader;
-  child.parentPrimitive = parent.primitive;
-  child.parentPart = parent.part;
-  child.parentKind = parent.kind;
-  child.parentHitSide = parent.hitSide;
-  child.depth = static_cast<std::uint8_t>(parent.depth + 1);
-  child.event = event;
-  child.previousEvent = parent.event == event ? parent.previousEvent : parent.event;
-  return child;
-}
-
 Vec3 GatherLambertian(const RayRecord& ray, const ShadingPoint& point) {
-  return GatherDiffuse(ray, point, kLambertianLobe, point.lambertianColor);
+  return GatherDiffuse(ray, point, kEventLambertian, point.lambertianColor);
 }
 
 Vec3 GatherTransmissive(const RayRecord& ray, const ShadingPoint& point) {
-  return GatherDiffuse(ray, point, kTransmissiveLobe, point.transmissiveColor);
+  return GatherDiffuse(ray, point, kEventTransmissive, point.transmissiveColor);
 }
 
 Vec3 GatherGlossy(const RayRecord& ray, const ShadingPoint& point) {
@@ -227,17 +147,9 @@ Vec3 GatherSpecular(const RayRecord& ray, const ShadingPoint& point) {
   const Vec3 throughput = ray.throughput * point.specularColor;
   if (IsBlack(throughput)) return kBlack;
   Vec3 sum;
-  bool total = false;
-  if (point.material != Material::kConductor) {
-    Vec3 refracted;
-    total = !Refract(ray.direction, point.normal, point.reflectCosine, point.iorRatio, refracted);
-    if (!total && Dot(refracted, point.geometricNormal) < -1e-8f)
-      sum += SpecularChild(ray, point, kEventSpecularRefraction, refracted, throughput, point.diffuseWeight);
-  }
-  const Vec3 mirrored = ray.direction + 2 * point.reflectCosine * point.normal;
-  if (Dot(mirrored, point.geometricNormal) > 0)
-    sum +=
-        SpecularChild(ray, point, kEventSpecular, mirrored, throughput, total ? 1.0f : point.specularWeight);
+  const LobeRays ways = SpecularRays(ray, point);
+  for (int i = 0; i < ways.count; ++i)
+    sum += FollowLobeRay(ray, point, ways.ways[i], throughput, ray.sampleNumber, ray.sampleWeight);
   return sum;
 }
 

@@ -97,6 +97,28 @@ Vec3 Transmission(const VolumeShader& medium, float distance) {
   return {std::pow(c.x, distance), std::pow(c.y, distance), std::pow(c.z, distance)};
 }
 
+// Whether the cells may answer for this hit at all, as far as the ray knows.
+bool MayReadDensity(const RayRecord& ray) {
+  if (!settings.finalGathering || !ray.levelZeroHit) return false;
+  return (ray.diffuseBounces > 0 && ray.t > settings.distance + 1e-6f) ||
+         ray.diffuseBounces >= settings.rendererBounce;
+}
+
+// Whether they do, once the point is known. Intended: hits between distance and 1e-6 behind it fail both.
+bool ReadsDensity(const RayRecord& ray, const ShadingPoint& point) {
+  if (ray.kind != kKindTriangle && ray.kind != kKindTetragon) return false;
+  if (ray.diffuseBounces >= settings.rendererBounce) return true;
+  return ray.diffuseBounces > 0 && (point.virtualLight || ray.t > settings.distance);
+}
+
+// Lights are not sampled inside a medium, which is known by its index of refraction.
+bool TakesDirectLight(const RayRecord& ray, const ShadingPoint& point) {
+  const bool diffuse = !point.useDensity && (point.hasLambertian || point.hasTransmissive);
+  return (diffuse || point.hasGlossy || ray.kind == kKindCylinder) && std::fabs(1 - ray.ior) < 1e-8f;
+}
+
+}  // namespace
+
 void TestElements(ShadingPoint& point) {
   const SurfaceShader& layer = *point.layer;
   if (!point.useDensity) {
@@ -107,14 +129,6 @@ void TestElements(ShadingPoint& point) {
   point.hasGlossy = TestElement(layer, Element::kGlossy, point.uv, point.glossyColor);
   point.hasSpecular = TestElement(layer, Element::kSpecular, point.uv, point.specularColor);
 }
-
-// Lights are not sampled inside a medium, which is known by its index of refraction.
-bool TakesDirectLight(const RayRecord& ray, const ShadingPoint& point) {
-  const bool diffuse = !point.useDensity && (point.hasLambertian || point.hasTransmissive);
-  return (diffuse || point.hasGlossy || ray.kind == kKindCylinder) && std::fabs(1 - ray.ior) < 1e-8f;
-}
-
-}  // namespace
 
 Camera* ActiveCamera() {
   const auto index = static_cast<std::size_t>(settings.activeCamera);
@@ -135,7 +149,9 @@ Vec3 Radiance(RayRecord& ray) {
   if (!Trace(ray)) return MissRadiance(ray);
 
   ShadingPoint point;
+  point.useDensity = MayReadDensity(ray);
   if (!SetUpShadingPoint(ray, point)) return kBlack;
+  point.useDensity = point.useDensity && ReadsDensity(ray, point);
   TestElements(point);
 
   HitRadiance radiance;

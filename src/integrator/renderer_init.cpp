@@ -5,8 +5,11 @@
 #include "core/console.h"
 #include "core/ray.h"
 #include "core/settings.h"
+#include "integrator/estimator.h"
 #include "integrator/integrator.h"
+#include "integrator/photons.h"
 #include "lights/lights.h"
+#include "lights/photon_store.h"
 
 namespace zp {
 namespace {
@@ -26,9 +29,23 @@ void LimitSettings() {
 void InitializeRenderer() {
   if (!geometryLight.initialized) InitializeGeometryLight();  // hosts have no function that does
   LimitSettings();
-  settings.finalGathering = false;  // there are no density cells that could answer
-  PrintLine("unidirectional path tracing");
+  settings.finalGathering = settings.distance > 0 && settings.resolution > 0;
+  PrintLine(settings.finalGathering ? "progressive final gathering" : "unidirectional path tracing");
   PrintRule();
+
+  EmptyPhotonStore();
+  const std::int64_t start = WallTicks();
+  CastPhotons();
+  PrintFloatRow("photon cast   ", static_cast<float>(static_cast<double>(WallTicks() - start) / 1e7),
+                "seconds");
+  PrintFloatRow("photon radius ", settings.photonRadius, "m");
+  PrintRule();
+  settings.photonRadiusSquared = settings.photonRadius * settings.photonRadius;
+  settings.photonRadiusCubed = settings.photonRadiusSquared * settings.photonRadius;
+  BuildPhotonStore(settings.photonRadius);
+  PrintRule();
+  ForgetGathers();
+
   for (ThreadSlot& slot : threadSlots) slot = {};
   settings.rendererSampleCopy = settings.geometrySampleCopy = settings.rendererSample;
   PrintIntegerRow("renderer sample", static_cast<std::uint64_t>(std::max(settings.rendererSample, 0)), "n/a");
@@ -36,6 +53,7 @@ void InitializeRenderer() {
 }
 
 void FinalizeRenderer() {
+  EmptyPhotonStore();
   ResetPhotonRadius();
   ResetRenderer();
 }

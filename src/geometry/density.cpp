@@ -1,0 +1,146 @@
+#include "geometry/density.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "core/console.h"
+#include "core/settings.h"
+#include "core/shared_add.h"
+#include "geometry/geometry.h"
+#include "shading/shading.h"
+
+namespace zp {
+namespace {
+
+constexpr std::int64_t kBytesPerCell = 24;
+constexpr std::int64_t kMostBytes = 0x40000000;
+
+bool ReceivesPhotons(std::int32_t shader) {
+  if (shader < 0 || static_cast<std::size_t>(shader) >= shaders.size()) return false;
+  const Shader& s = shaders[static_cast<std::size_t>(shader)];
+  return s.frontLambertian || s.backLambertian || s.frontTransmissive || s.backTransmissive;
+}
+
+// The smallest level whose cells, of the resolution's area, cover more than `area`.
+std::int32_t LevelFor(float area) {
+  const auto covers = [&](std::int32_t n) {
+    return static_cast<float>(n) * static_cast<float>(n) * settings.resolution > area;
+  };
+  if (!covers(kMostCellLevels)) return kMostCellLevels;
+  auto level = static_cast<std::int32_t>(std::sqrt(area / settings.resolution));
+  level = std::clamp(level, 1, kMostCellLevels);
+  while (level > 1 && covers(level - 1)) --level;
+  while (!covers(level)) ++level;
+  return level;
+}
+
+[[noreturn]] void EndForMemory() {
+  PrintLine("density estimator consumes more than 1GB memory.");
+  PrintRule();
+  std::exit(1);
+}
+
+// `area(i)` and `shader(i)` tell of primitive i.
+template <class Area, class ShaderOf>
+void SetUpGrid(CellGrid& grid, std::size_t count, const Area& area, const ShaderOf& shader) {
+  grid.offset.resize(count);
+  grid.level.resize(count);
+  std::int64_t cells = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::int32_t level = ReceivesPhotons(shader(i)) ? LevelFor(area(i)) : 1;
+    grid.offset[i] = static_cast<std::int32_t>(cells);
+    grid.level[i] = level;
+    cells += static_cast<std::int64_t>(level) * level;
+    if (cells * kBytesPerCell > kMostBytes) EndForMemory();
+  }
+  grid.face.resize(static_cast<std::size_t>(cells));
+  grid.back.resize(static_cast<std::size_t>(cells));
+}
+
+// Intended: levels count as one byte each.
+std::size_t ReportedBytes(const CellGrid& grid) {
+  return grid.level.size() + 4 * grid.offset.size() + kBytesPerCell * grid.face.size();
+}
+
+// What a share in 0..1 of `level` steps falls into.
+std::int32_t Step(float share, std::int32_t level) {
+  const float x = share * static_cast<float>(level);
+  return x > 0 ? static_cast<std::int32_t>(MinOf(x, static_cast<float>(level - 1))) : 0;
+}
+
+// Where a hit's light is kept. Null arrays: nowhere.
+struct CellPlace {
+  CellGrid* grid = nullptr;
+  std::size_t index = 0;
+  std::int32_t level = 1;
+};
+
+CellPlace PlaceOf(const RayRecord& ray) {
+  CellPlace place;
+  if (!ray.levelZeroHit || ray.part == nullptr || ray.part->density == nullptr || ray.primitive < 0)
+    return place;
+  const bool triangle = ray.kind == kKindTriangle;
+  if (!triangle && ray.kind != kKindTetragon) return place;
+  CellGrid& grid = triangle ? ray.part->density->triangles : ray.part->density->tetragons;
+  const auto primitive = static_cast<std::size_t>(ray.primitive);
+  if (primitive >= grid.level.size()) return place;
+  place.level = grid.level[primitive];
+  const std::int32_t cell = triangle ? TriangleCell(ray.barycentric, place.level)
+                                     : TetragonCell(ray.barycentric.x, ray.barycentric.y, place.level);
+  place.index = static_cast<std::size_t>(grid.offset[primitive]) + static_cast<std::size_t>(cell);
+  place.grid = &grid;
+  return place;
+}
+
+}  // namespace
+
+void SetUpDensity(Part& part) {
+  part.density.reset();
+  if (settings.resolution < 1e-8f || std::isnan(settings.resolution)) return;
+  settings.distanceSquared = settings.distance * settings.distance;
+  part.density = std::make_shared<DensityCells>();
+  SetUpGrid(
+      part.density->triangles, part.triangles.size(),
+      [&](std::size_t i) { return TriangleArea(part, static_cast<std::uint32_t>(i)); },
+      [&](std::size_t i) { return part.triangles[i].shader; });
+  SetUpGrid(
+      part.density->tetragons, part.tetragons.size(),
+      [&](std::size_t i) { return TetragonArea(part, static_cast<std::uint32_t>(i)); },
+      [&](std::size_t i) { return part.tetragons[i].shader; });
+  const std::size_t bytes = ReportedBytes(part.density->triangles) + ReportedBytes(part.density->tetragons);
+  PrintFloatRow("density estimator buffer", static_cast<float>(bytes) * kMegabytesPerByte, "M bytes");
+  PrintRule();
+}
+
+// Rows run from the first vertex to the opposite edge; row a has 2a + 1 cells, upright and inverted by turns.
+std::int32_t TriangleCell(Vec3 weights, std::int32_t level) {
+  const std::int32_t a = Step(1 - weights.x, level);
+  const std::int32_t b = Step(weights.y, level);
+  const std::int32_t c = Step(weights.z, level);
+  // Rounding can put the three steps into rows that do not meet.
+  return a * a + std::clamp(a + b - c, 0, 2 * a);
+}
+
+std::int32_t TetragonCell(float u, float v, std::int32_t level) {
+  return Step(u, level) * level + Step(v, level);
+}
+
+void AddDensity(const RayRecord& ray, CellSide side, Vec3 power) {
+  const CellPlace place = PlaceOf(ray);
+  if (place.grid == nullptr) return;
+  const auto primitive = static_cast<std::uint32_t>(ray.primitive);
+  const float area =
+      ray.kind == kKindTriangle ? TriangleArea(*ray.part, primitive) : TetragonArea(*ray.part, primitive);
+  if (!(area > 1e-5f)) return;
+  const bool face = ray.frontFace == (side == CellSide::kMet);
+  const auto cells = static_cast<float>(place.level * place.level);
+  AddShared((face ? place.grid->face : place.grid->back)[place.index], power / area * cells);
+}
+
+Vec3 ReadDensity(const RayRecord& ray) {
+  const CellPlace place = PlaceOf(ray);
+  if (place.grid == nullptr) return kBlack;
+  return (ray.frontFace ? place.grid->face : place.grid->back)[place.index];
+}
+
+}  // namespace zp

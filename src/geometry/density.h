@@ -1,0 +1,46 @@
+// geometry/density.h: the density estimator. Every triangle and tetragon of the RootObject carries a grid of
+// cells on each of its sides; photons are added where they land, and one array read answers for the light
+// that leaves there. A cell holds radiance: photon power (flux over pi) by area, times the surface's colour.
+
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "core/ray.h"
+#include "core/vec.h"
+#include "geometry/object.h"
+
+namespace zp {
+
+inline constexpr std::int32_t kMostCellLevels = 255;
+
+// Of all primitives of one kind. Primitive i has level[i]^2 cells, from offset[i] on.
+struct CellGrid {
+  std::vector<std::int32_t> offset;
+  std::vector<std::int32_t> level;
+  std::vector<Vec3> face;  // seen from the side that the normal points to
+  std::vector<Vec3> back;
+};
+
+struct DensityCells {
+  CellGrid triangles, tetragons;
+};
+
+// Gives the Part fresh black cells of about settings.resolution scene units squared; none for a resolution of
+// 0. Prints the memory row. Ends the process with status 1 when one kind's cells take more than 1 GB.
+void SetUpDensity(Part& part);
+
+// Index of the cell of a hit among the level^2 cells of its primitive; any weights give a cell inside.
+std::int32_t TriangleCell(Vec3 weights, std::int32_t level);
+std::int32_t TetragonCell(float u, float v, std::int32_t level);
+
+enum class CellSide { kMet, kOther };  // of the hit: the one that the ray has met, or the one behind
+
+// Adds photon power to the light that leaves the hit of `ray` on a side. Any thread. Instanced geometry, hair
+// and particles have no cells, and what is smaller than 1e-5 takes nothing.
+void AddDensity(const RayRecord& ray, CellSide side, Vec3 power);
+// The light that leaves the hit towards the ray's origin; black where there are no cells.
+Vec3 ReadDensity(const RayRecord& ray);
+
+}  // namespace zp

@@ -1,0 +1,52 @@
+// Caustics: the radiance that stored photons bring to a diffuse surface.
+
+#include <algorithm>
+
+#include "integrator/estimator.h"
+#include "lights/photon_store.h"
+
+namespace zp {
+namespace {
+
+// Where a thread gathered last at a first hit. Neighbouring pixels are walked in order, so that 32 photons
+// within that radius are also within it and the way from there.
+struct alignas(64) LastGather {
+  Vec3 position;
+  float squaredRadius = kFarthest;
+  Event event = kEventLambertian;
+};
+LastGather lastGathers[kMaxThreads];
+
+}  // namespace
+
+void ForgetGathers() {
+  for (LastGather& last : lastGathers) last = {};
+}
+
+Vec3 GatherCaustics(const RayRecord& ray, const ShadingPoint& point, Event event) {
+  if (photonStore.nodes.empty() || settings.photonRadius < 1e-8f) return kBlack;
+  const Box& box = photonStore.box;
+  for (int a = 0; a < 3; ++a)
+    if (!(point.position[a] >= box.min[a] && point.position[a] <= box.max[a])) return kBlack;
+
+  float squaredRadius = settings.photonRadiusSquared;
+  LastGather& last = lastGathers[ray.thread];
+  if (ray.depth == 0 && last.event == event) {
+    const Vec3 way = point.position - last.position;
+    const float reach = std::sqrt(last.squaredRadius) + std::sqrt(Dot(way, way));
+    if (reach < settings.photonRadius) squaredRadius = reach * reach;
+  }
+  FoundPhotons found;
+  // Transmitted light landed on the other side.
+  const Vec3 normal = event == kEventTransmissive ? -point.geometricNormal : point.geometricNormal;
+  FindPhotons(point.position, normal, squaredRadius, found);
+  if (ray.depth == 0)
+    last = {point.position, found.count == kMostFoundPhotons ? found.largestSquared : kFarthest, event};
+  if (found.count < 2 || !(found.largestSquared > 0)) return kBlack;
+  Vec3 power;
+  for (int i = 0; i < found.count; ++i)
+    power += photonStore.photons[found.found[static_cast<std::size_t>(i)].photon].power;
+  return power / (kPi * found.largestSquared);
+}
+
+}  // namespace zp

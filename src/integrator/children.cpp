@@ -1,0 +1,105 @@
+// The rays that leave a hit, for radiance and for photons alike.
+
+#include <cmath>
+
+#include "integrator/estimator.h"
+
+namespace zp {
+
+float RefractedIor(float ior, float ratio) {
+  const Camera* camera = ActiveCamera();
+  const float refracted = ior * ratio;
+  return camera != nullptr && std::fabs(refracted - camera->ior) < 1e-5f ? camera->ior : refracted;
+}
+
+RayRecord MakeChildRay(const RayRecord& parent, const ShadingPoint& point, Event event, Vec3 direction,
+                       Vec3 throughput) {
+  RayRecord child = parent;
+  child.dimension = parent.dimension + 2;
+  child.origin = point.position;
+  child.direction = direction;
+  child.throughput = throughput;
+  child.t = kFarthest;
+  child.parentPoint = &point;
+  child.part = nullptr;
+  child.primitive = kNone;
+  child.kind = kKindUnset;
+  child.hitSide = 0;
+  child.matrixDepth = child.hitMatrixDepth = 0;
+  child.frontFace = child.levelZeroHit = false;
+  child.parentShader = parent.shader;
+  child.parentPrimitive = parent.primitive;
+  child.parentPart = parent.part;
+  child.parentKind = parent.kind;
+  child.parentHitSide = parent.hitSide;
+  child.depth = static_cast<std::uint8_t>(parent.depth + 1);
+  child.event = event;
+  child.previousEvent = parent.event == event ? parent.previousEvent : parent.event;
+  return child;
+}
+
+RayRecord MakeLobeChild(const RayRecord& ray, const ShadingPoint& point, const LobeRay& way,
+                        Vec3 throughput) {
+  RayRecord child = MakeChildRay(ray, point, way.event, way.direction, throughput * way.weight);
+  const bool glossy = way.event == kEventGlossy || way.event == kEventGlossyRefraction;
+  if (way.event == kEventGlossyRefraction || way.event == kEventSpecularRefraction)
+    child.ior = RefractedIor(ray.ior, point.iorRatio);
+  if (glossy) {
+    ++child.glossyBounces;
+    return child;
+  }
+  child.dimension = ray.dimension;  // a mirror draws no numbers
+  if (way.event == kEventSpecularRefraction && point.material == Material::kThinDielectric) {
+    // A thin shell is no bounce: the ray goes on as what it was, also for lights and their links.
+    child.event = ray.event;
+    child.previousEvent = ray.previousEvent;
+    child.parentPoint = ray.parentPoint;
+    child.parentShader = ray.parentShader;
+  } else {
+    ++child.specularBounces;
+  }
+  return child;
+}
+
+bool DiffuseDirection(const RayRecord& ray, const ShadingPoint& point, Event event, std::uint32_t sample,
+                      Vec3& direction) {
+  const float side = event == kEventTransmissive ? -1.0f : 1.0f;
+  const Vec2 draw = DrawPair(ray, sample);
+  const Vec3 local = CosineDirection(draw.x, draw.y);
+  direction = local.x * point.tangent + local.y * point.bitangent + (side * local.z) * point.normal;
+  return ray.kind == kKindCylinder || side * Dot(direction, point.geometricNormal) > 0;
+}
+
+LobeRays GlossyRays(const RayRecord& ray, const ShadingPoint& point, std::uint32_t sample) {
+  LobeRays ways;
+  const Vec2 draw = DrawPair(ray, sample);
+  const Vec3 half = SampleGlossyHalf(point, draw.x, draw.y);
+  const float cosine = -Dot(ray.direction, half);
+  if (!(cosine > 0)) return ways;  // a facet that looks away
+  if (point.material == Material::kDielectric) {
+    Vec3 refracted;
+    ways.total = !Refract(ray.direction, half, cosine, point.iorRatio, refracted);
+    if (!ways.total && Dot(refracted, point.geometricNormal) < -1e-8f)
+      ways.ways[ways.count++] = {kEventGlossyRefraction, refracted, point.diffuseWeight};
+  }
+  const Vec3 mirrored = ray.direction + 2 * cosine * half;
+  if (Dot(mirrored, point.geometricNormal) > 0)
+    ways.ways[ways.count++] = {kEventGlossy, mirrored, ways.total ? 1.0f : point.specularWeight};
+  return ways;
+}
+
+LobeRays SpecularRays(const RayRecord& ray, const ShadingPoint& point) {
+  LobeRays ways;
+  if (point.material != Material::kConductor) {
+    Vec3 refracted;
+    ways.total = !Refract(ray.direction, point.normal, point.reflectCosine, point.iorRatio, refracted);
+    if (!ways.total && Dot(refracted, point.geometricNormal) < -1e-8f)
+      ways.ways[ways.count++] = {kEventSpecularRefraction, refracted, point.diffuseWeight};
+  }
+  const Vec3 mirrored = ray.direction + 2 * point.reflectCosine * point.normal;
+  if (Dot(mirrored, point.geometricNormal) > 0)
+    ways.ways[ways.count++] = {kEventSpecular, mirrored, ways.total ? 1.0f : point.specularWeight};
+  return ways;
+}
+
+}  // namespace zp

@@ -1,0 +1,251 @@
+#include "integrator/photons.h"
+
+#include <omp.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "accel/accel.h"
+#include "core/console.h"
+#include "core/random.h"
+#include "core/shared_add.h"
+#include "geometry/density.h"
+#include "integrator/estimator.h"
+#include "lights/lights.h"
+#include "lights/photon_store.h"
+
+namespace zp {
+namespace {
+
+// The pictures that record light paths, and the camera that takes them.
+struct PathSensor {
+  std::vector<Aov*> aovs;
+  CameraPose pose;
+  float width = 0, height = 0;  // pixels
+};
+
+// What all photons of one light share.
+struct Cast {
+  const ShaderLink& link;
+  float offset = 0;  // of the light's terminator
+  PathSensor sensor;
+};
+
+// Caustic photons of one thread, gathered into the store behind the cast.
+using Landings = std::vector<PhotonRecord>;
+
+// Without AOVs where nothing asks for light paths. Intended: the first camera's first pose, in perspective.
+PathSensor MakePathSensor() {
+  PathSensor sensor;
+  Camera* camera = ActiveCamera();
+  if (camera == nullptr || cameras[0].projection != Projection::kPerspective) return sensor;
+  const std::size_t floats =
+      3 * static_cast<std::size_t>(cameras[0].width) * static_cast<std::size_t>(cameras[0].height);
+  for (Aov& aov : camera->aovs)
+    if (aov.channel == kChannelLightPath && aov.image.floatPixels.size() >= floats)
+      sensor.aovs.push_back(&aov);
+  sensor.pose = CameraAtTime(cameras[0], 0);
+  sensor.width = static_cast<float>(cameras[0].width);
+  sensor.height = static_cast<float>(cameras[0].height);
+  return sensor;
+}
+
+// The pixel that sees `position`, and the area that it sees there face on. False outside of the picture.
+bool ProjectToSensor(const PathSensor& sensor, Vec3 position, std::size_t& pixel, float& facingArea) {
+  const CameraPose& pose = sensor.pose;
+  const Vec3 way = position - pose.position;
+  const float depth = Dot(way, pose.forward);
+  if (!(depth > 1e-6f) || !(pose.focalLength > 0)) return false;
+  const float scale = pose.focalLength / depth;
+  const float x = Dot(way, pose.right) * scale + 0.5f * sensor.width;
+  const float y = 0.5f * sensor.height - Dot(way, pose.up) * scale;
+  if (!(x >= 0) || !(y >= 0) || !(x < sensor.width) || !(y < sensor.height)) return false;
+  pixel = static_cast<std::size_t>(y) * static_cast<std::size_t>(sensor.width) + static_cast<std::size_t>(x);
+  const float squared = Dot(way, way);
+  const float cosine = depth / std::sqrt(squared);
+  facingArea = squared * cosine * cosine * cosine / (pose.focalLength * pose.focalLength);
+  return true;
+}
+
+// Pi times the BSDF from where the photon came to `direction`, colours included.
+Vec3 Scattering(const ShadingPoint& point, Vec3 direction) {
+  Vec3 sum;
+  if (Dot(direction, point.geometricNormal) > 0) {
+    if (point.hasLambertian) sum += point.diffuseWeight * point.lambertianColor;
+    if (point.hasGlossy && Dot(direction, point.normal) > 0)
+      sum += 4 * kPi * GlossyD(point, direction) * point.specularWeight * point.glossyColor;
+  } else if (point.hasTransmissive) {
+    sum += point.diffuseWeight * point.transmissiveColor;
+  }
+  return sum;
+}
+
+// Shows the photon's landing to the camera. The first one is as bright as the light itself makes the surface,
+// soft terminator included.
+[[gnu::noinline]] void SplatLightPath(const RayRecord& ray, const ShadingPoint& point, const Cast& cast) {
+  std::size_t pixel = 0;
+  float facingArea = 0;
+  if (!ProjectToSensor(cast.sensor, point.position, pixel, facingArea)) return;
+  const Vec3 way = cast.sensor.pose.position - point.position;
+  const float distance = std::sqrt(Dot(way, way));
+  const Vec3 direction = way / distance;
+  Vec3 light = ray.photonPower * ray.throughput * Scattering(point, direction);
+  if (!(std::max({light.x, light.y, light.z}) > 0)) return;
+  RayRecord shadow = MakeChildRay(ray, point, kEventLightSample, direction, kWhite);
+  shadow.t = distance;
+  if (Occlude(shadow)) return;
+  light *= shadow.throughput * (std::fabs(Dot(direction, point.geometricNormal)) / facingArea);
+  if (ray.depth == 0 && cast.offset != 0 && point.reflectCosine > 0)
+    light *= SoftCosine(point.reflectCosine, cast.offset) / point.reflectCosine;
+  for (Aov* aov : cast.sensor.aovs) {
+    float* target = &aov->image.floatPixels[3 * pixel];
+    for (int c = 0; c < 3; ++c) AddShared(target[c], light[c]);
+  }
+}
+
+void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings);
+
+// One of the two diffuse lobes: paints the side that the light leaves by, and goes on.
+void BounceDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event, Vec3 color, const Cast& cast,
+                   Landings& landings) {
+  const Vec3 throughput = point.diffuseWeight * color * ray.throughput;
+  if (IsBlack(throughput) || !settings.finalGathering) return;
+  AddDensity(ray, event == kEventLambertian ? CellSide::kMet : CellSide::kOther,
+             throughput * ray.photonPower);
+  Vec3 direction;
+  if (!DiffuseDirection(ray, point, event, ray.sampleNumber, direction)) return;
+  RayRecord child = MakeChildRay(ray, point, event, direction, throughput);
+  ++child.diffuseBounces;
+  BouncePhoton(child, cast, landings);
+}
+
+// Light, then mirrors and glass alone, then a diffuse surface.
+bool IsCaustic(const RayRecord& ray, const ShadingPoint& point) {
+  if (!ray.photonStore || BounceCount(ray) > 0 || ray.specularBounces == 0) return false;
+  const auto reflects = [&](bool has, Vec3 color) {
+    return has && !IsBlack(point.diffuseWeight * color * ray.throughput);
+  };
+  return reflects(point.hasLambertian, point.lambertianColor) ||
+         reflects(point.hasTransmissive, point.transmissiveColor);
+}
+
+void BounceLobe(const RayRecord& ray, const ShadingPoint& point, const LobeRays& ways, Vec3 color,
+                const Cast& cast, Landings& landings) {
+  for (int i = 0; i < ways.count; ++i) {
+    RayRecord child = MakeLobeChild(ray, point, ways.ways[i], ray.throughput * color);
+    BouncePhoton(child, cast, landings);
+  }
+}
+
+void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings) {
+  if (ray.depth > settings.photonDepth || IsBlack(ray.throughput) || !Trace(ray)) return;
+  ShadingPoint point;
+  if (!SetUpShadingPoint(ray, point)) return;
+  TestElements(point);
+  // The link is for the light's own landings; thin panes before them are no bounce.
+  const bool linked = ray.parentPoint != nullptr || IsLinked(cast.link, ray.shader);
+  if (linked && !cast.sensor.aovs.empty()) SplatLightPath(ray, point, cast);
+  if (linked && (point.hasLambertian || point.hasTransmissive)) {
+    if (IsCaustic(ray, point))
+      landings.push_back({point.position, ray.photonPower * ray.throughput, PackDirection(point.outgoing),
+                          PackDirection(point.geometricNormal)});
+    if (point.hasLambertian)
+      BounceDiffuse(ray, point, kEventLambertian, point.lambertianColor, cast, landings);
+    if (point.hasTransmissive)
+      BounceDiffuse(ray, point, kEventTransmissive, point.transmissiveColor, cast, landings);
+  }
+  if (ray.depth == 255) return;  // the bytes that count bounces are full
+  if (point.hasGlossy)
+    BounceLobe(ray, point, GlossyRays(ray, point, ray.sampleNumber), point.glossyColor, cast, landings);
+  if (point.hasSpecular)
+    BounceLobe(ray, point, SpecularRays(ray, point), point.specularColor, cast, landings);
+}
+
+// Prints how far a cast has come, from any of its threads, once for each per cent.
+class CastProgress {
+ public:
+  explicit CastProgress(std::int64_t total) : total_(total), step_(std::max<std::int64_t>(total / 100, 1)) {}
+
+  void Report(std::int64_t photon) {
+    if (photon % step_ != 0) return;
+    const std::int64_t percent = 100 * photon / total_;
+#pragma omp critical(photonProgress)
+    if (percent > shown_) {
+      shown_ = percent;
+      PrintProgressRow("photon cast ", static_cast<float>(percent), "%");
+    }
+  }
+
+ private:
+  std::int64_t total_, step_, shown_ = -1;
+};
+
+// Casts `count` photons, whose sample numbers start at ordinal * count; make(ray, number) starts one.
+template <class MakeRay>
+void CastFrom(std::int64_t count, std::uint32_t ordinal, const Cast& cast, const MakeRay& make) {
+  for (ThreadSlot& slot : threadSlots) slot.rays = slot.shadowRays = 0;
+  const std::int64_t start = WallTicks();
+  const int threads = std::clamp(omp_get_max_threads(), 1, kMaxThreads);
+  std::vector<Landings> landings(static_cast<std::size_t>(threads));
+  CastProgress progress(count);
+  // Paths differ greatly in length; so many photons at a time keep the threads from queueing for work.
+#pragma omp parallel for schedule(dynamic, 64) num_threads(threads)
+  for (std::int64_t i = 0; i < count; ++i) {
+    const auto thread = static_cast<std::uint8_t>(omp_get_thread_num());
+    const auto number = static_cast<std::uint32_t>(static_cast<std::int64_t>(ordinal) * count + i);
+    RekeyRandom(number, ~std::uint64_t{0});
+    RayRecord ray;
+    ray.thread = thread;
+    make(ray, number);
+    const Vec3 power = ray.photonPower;
+    if (std::max({power.x, power.y, power.z}) > 0 && IsFinite(power))
+      BouncePhoton(ray, cast, landings[thread]);
+    progress.Report(i);
+  }
+  for (const Landings& of : landings)
+    photonStore.photons.insert(photonStore.photons.end(), of.begin(), of.end());
+  const double microseconds = std::max(static_cast<double>(WallTicks() - start) / 10, 1.0);
+  std::uint64_t rays = 0;
+  for (ThreadSlot& slot : threadSlots) rays += slot.rays;
+  PrintFloatRow("photon cast ", static_cast<float>(static_cast<double>(rays) / microseconds),
+                "M rays/second");
+}
+
+// Photons that neither paint cells nor can become caustics, nor are drawn, leave nothing behind.
+bool LeavesNothing(const Cast& cast, bool stores) {
+  return !settings.finalGathering && !stores && cast.sensor.aovs.empty();
+}
+
+template <class Light>
+void CastPhotonsFromLights(const std::vector<Light>& lights) {
+  std::uint32_t ordinal = 0;
+  for (const Light& light : lights) {
+    if (light.photon <= 0) continue;
+    CastFrom(light.photon, ordinal++, {light.link, light.offset, MakePathSensor()},
+             [&](RayRecord& ray, std::uint32_t number) { light.MakePhotonRay(ray, number); });
+  }
+}
+
+void CastPhotonsFromGeometryLight() {
+  const Cast cast = {geometryLight.link, 0, MakePathSensor()};
+  if (geometryLight.photon <= 0 || LeavesNothing(cast, geometryLight.area > 0)) return;
+  CastFrom(geometryLight.photon, 0, cast, MakeGeometryPhotonRay);
+}
+
+void CastPhotonsFromSky() {
+  const Cast cast = {skyLight.link, 0, MakePathSensor()};
+  if (skyLight.photon <= 0 || LeavesNothing(cast, false)) return;
+  CastFrom(skyLight.photon, 0, cast, MakeSkyPhotonRay);
+}
+
+}  // namespace
+
+void CastPhotons() {
+  CastPhotonsFromLights(parallelLights);
+  CastPhotonsFromLights(pointLights);
+  CastPhotonsFromGeometryLight();
+  CastPhotonsFromSky();
+}
+
+}  // namespace zp
