@@ -79,7 +79,7 @@ def ceiling():
         for j in range(7):
             x0, x1 = -HALF + i * CELL + 0.1, -HALF + (i + 1) * CELL - 0.1
             y0, y1 = j * CELL_Y + 0.1, (j + 1) * CELL_Y - 0.1
-            lit = i in (1, 2) and 1 <= j <= 5
+            lit = i in (1, 2) and j <= 5
             edge = 0.06  # a step around each panel
             model.shader("ceiling")
             for low, up in (((x0, y0), (x0 + edge, y1)), ((x1 - edge, y0), (x1, y1)),
@@ -318,12 +318,12 @@ def bench():
         a = 2 * math.pi * (k % 96) / 96
         row, bend = [], []
         for i in range(17):
-            b = math.radians(-89.5 + 179 * i / 16)
-            c, s = power(math.cos(b), 0.22), power(math.sin(b), 0.5)
+            b = math.radians(-90 + 180 * i / 16)
+            c, s = power(max(math.cos(b), 0), 0.22), power(math.sin(b), 0.5)
             x, y = power(math.cos(a), 0.12), power(math.sin(a), 0.12)
             row.append((0.8 * c * x, 0.23 * c * y, 0.45 + 0.055 * s))
-            n = (power(math.cos(b), 1.78) * power(math.cos(a), 1.88) / 0.8,
-                 power(math.cos(b), 1.78) * power(math.sin(a), 1.88) / 0.23, power(math.sin(b), 1.5) / 0.055)
+            n = (power(max(math.cos(b), 0), 1.78) * power(math.cos(a), 1.88) / 0.8,
+                 power(max(math.cos(b), 0), 1.78) * power(math.sin(a), 1.88) / 0.23, power(math.sin(b), 1.5) / 0.055)
             bend.append(unit(n))
         points.append(row)
         normals.append(bend)
