@@ -520,12 +520,14 @@ TEST_F(OccludeTest, SurfaceProbes) {
   // A triangle may be the parent, a tetragon not.
   ray = probe(-4, 4);
   ray.parentPart = &objectTable[1].parts[0];
+  ray.parentPlace = PlaceInside(0, objectTable[0].instances[0]);
   ray.parentPrimitive = 0;
   ray.parentKind = kKindTriangle;
   ASSERT_TRUE(TraceSurfaces(ray));
   EXPECT_EQ(ray.kind, kKindTriangle);
   ray = probe(4, -4);
   ray.parentPart = &objectTable[1].parts[0];
+  ray.parentPlace = PlaceInside(0, objectTable[0].instances[0]);
   ray.parentPrimitive = 0;
   ray.parentKind = kKindTetragon;
   ASSERT_TRUE(TraceSurfaces(ray));
