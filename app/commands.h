@@ -32,6 +32,7 @@ struct RenderOptions {
   std::optional<std::uint64_t> seed;
   bool quiet = false;
   bool progress = false;
+  bool strict = false;  // kExitFailed, but all images, if a picture or model of the scene is missing
 };
 int RunRender(const RenderOptions& options);
 

@@ -82,6 +82,9 @@ void AddRender(CLI::App& app, RenderOptions& options) {
           "Repeatable random numbers: the same seed gives the same picture")
       ->type_name("N");
   render->add_flag("--quiet", options.quiet, "No report rows on the output stream");
+  render->add_flag(
+      "--strict", options.strict,
+      "Exit with 1 if a picture or model of the scene is missing; images are written all the same");
   render->add_flag("--progress", options.progress, "One updating line on the error stream");
 }
 

@@ -166,6 +166,7 @@ int RunRender(const RenderOptions& options) {
     return Fail("there is no scene folder '" + options.scene + "'");
   omp_set_num_threads(options.threads ? *options.threads : std::min(omp_get_max_threads(), kMaxThreads));
   SetConsoleQuiet(options.quiet);
+  missingFiles = 0;
   Startup(options.seed);
   const int status = RenderScene(options);
   // The last pass has written every image; closing writes those of the cameras again.
@@ -176,6 +177,8 @@ int RunRender(const RenderOptions& options) {
   Shutdown();
   if (status == kExitDone && failed > 0)
     return Fail(std::to_string(failed) + (failed == 1 ? " image" : " images") + " could not be written");
+  if (status == kExitDone && options.strict && missingFiles > 0)
+    return Fail("files of the scene are missing or hold nothing readable ('zephlore check' names them)");
   return status;
 }
 

@@ -446,5 +446,155 @@ TEST_F(DirectLight, BouncedLightIsSampledUpToTheLastBounce) {
   }
 }
 
+// Where the emission lists do not hold an emitter, nothing samples it, and rays that find it bring all of it.
+TEST_F(DirectLight, EmittersOfEveryKindShineWithAndWithoutSamples) {
+  enum Kind { kInstance, kRootWithoutParts, kOverride, kParticle };
+  const float half = 0.5f * std::sqrt(kPi / 18481.0f), z = 0.04f;
+  for (Kind kind : {kInstance, kRootWithoutParts, kOverride, kParticle}) {
+    Vec3 shown[2];
+    for (int sampled : {0, 1}) {
+      Restart();
+      FloorLayer()[Element::kLambertian].color = Grey(0.7f);
+      const std::int32_t lamp = AddShader("lamp", kBlack, {9, 6, 3});
+      const std::int32_t off = AddShader("off", kBlack, kBlack);
+      shaders[static_cast<std::size_t>(lamp)].surfaces[0].virtualLight = true;
+      geometryLight.sample = 64 * sampled;
+      settings.rendererSample = 4096;
+      LookFrom({1, 0, 0.05f}, {0.02f, 0, 0}, 0.02f);
+      objectTable[0].name = "root";
+      if (kind == kParticle) {
+        Part& part = Geometry();
+        part.particles = {static_cast<std::uint32_t>(part.positions.size())};
+        part.positions.push_back({0, 0, z});
+        part.scalarSets[0].values.assign(part.positions.size(), 0.02f);
+        part.primitiveShaders = {lamp};
+        part.shader = lamp;
+        LookFrom({1, 0, 0.5f}, {0.06f, 0, 0}, 0.02f);
+      } else {
+        const auto place = [&](Instance instance) {
+          instance.object = static_cast<std::int32_t>(objectTable.size());
+          objectTable[0].instances.push_back(instance);
+          objectTable.emplace_back().name = "part " + std::to_string(instance.object);
+          return &objectTable.back().parts.emplace_back();
+        };
+        if (kind == kRootWithoutParts) {
+          const Part moved = Geometry();
+          objectTable[0].parts.clear();
+          *place({}) = moved;
+        }
+        Instance raised;
+        raised.matrix.m[2][3] = z;
+        if (kind == kOverride) raised.shader = lamp;
+        AddTetragon(*place(raised),
+                    {Vec3{-half, -half, 0}, Vec3{-half, half, 0}, Vec3{half, half, 0}, Vec3{half, -half, 0}},
+                    kind == kOverride ? off : lamp);
+      }
+      if (kind == kParticle || kind == kOverride)  // another lamp, far away, is in the list
+        AddTetragon(Geometry(), {Vec3{40, 0, 9}, Vec3{40.1f, 0, 9}, Vec3{40.1f, 0.1f, 9}, Vec3{40, 0.1f, 9}},
+                    lamp);
+      Render();
+      shown[sampled] = Mean3();
+    }
+    EXPECT_GT(shown[0].x, 0.01f) << kind;
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(shown[1][c] / shown[0][c], 1, 0.01f) << kind << " " << c;
+  }
+}
+
+// The lower of two Instances of one plate lies in the shadow of the upper one, and does not shadow itself.
+TEST_F(DirectLight, CopiesOfAPrimitiveShadowEachOther) {
+  for (float height : {2.0f, -2.0f}) {
+    Restart();
+    objectTable.emplace_back(objectTable[0]).name = "plate";
+    objectTable[0].parts.clear();
+    for (float z : {0.0f, height}) {
+      Instance instance;
+      instance.object = 1;
+      instance.matrix.m[2][3] = z;
+      objectTable[0].instances.push_back(instance);
+    }
+    AddPointLight({0, 0, 4});
+    LookDown(1);
+    Render();
+    ExpectColor(height > 0 ? kBlack : kPointColor / 16, 0.002f, std::to_string(height));
+  }
+}
+
+TEST_F(DirectLight, HighlightsStayWhereTheyAreOnDiffusingBodies) {
+  Vec3 shown[2];
+  for (int diffusing : {0, 1}) {
+    Restart();
+    FloorLayer()[Element::kLambertian].color = Grey(0.01f);
+    FloorLayer()[Element::kGlossy].color = kWhite;
+    FloorLayer()[Element::kRoughness].color = Grey(0.2f);
+    FloorLayer()[Element::kIor].color = Grey(1.5f);
+    FloorLayer()[Element::kDiffusion].color = Grey(0.01f * static_cast<float>(diffusing));
+    ParallelLight& light = parallelLights.emplace_back();
+    light.zAxis = {0, 0, -1};
+    light.aovs.emplace_back().channel = kChannelBeauty | kChannelGlossy;
+    const std::size_t glossy = AddAov(kChannelGlossy);
+    Render();
+    shown[diffusing] = Mean3(glossy);
+  }
+  EXPECT_NEAR(shown[0].x, 0.25f, 0.001f);  // Fresnel times pi over 4 pi alpha squared
+  EXPECT_NEAR(shown[1].x, shown[0].x, 1e-4f);
+}
+
+TEST_F(DirectLight, ParallelLightsKeepToTheirLinks) {
+  for (const char* name : {"floor", "undefined"}) {
+    Restart();
+    ParallelLight& light = parallelLights.emplace_back();
+    light.zAxis = {0, 0, -1};
+    light.link.names = {name};
+    Render();
+    ExpectColor(std::string(name) == "floor" ? kPointColor : kBlack, 0.001f, name);
+  }
+}
+
+// A window shows the sky behind it, and as a virtual light of the one size where samples count in full it
+// lights the floor as any emitter does.
+TEST_F(DirectLight, WindowsBringTheSkyIn) {
+  const float half = 0.5f * std::sqrt(kPi / 18481.0f), z = 0.04f;
+  enum Kind { kEmitter, kWindow, kVirtualWindow };
+  Vec3 shown[3];
+  for (Kind kind : {kEmitter, kWindow, kVirtualWindow}) {
+    Restart();
+    skyLight.color = {9, 6, 3};
+    FloorLayer()[Element::kLambertian].color = Grey(0.7f);
+    const std::int32_t lamp = AddShader("lamp", kBlack, kind == kEmitter ? skyLight.color : kBlack);
+    SurfaceShader& layer = shaders[static_cast<std::size_t>(lamp)].surfaces[0];
+    layer.window = kind != kEmitter;
+    layer.virtualLight = kind == kVirtualWindow;
+    geometryLight.sample = 64;
+    // A black box keeps the sky itself out; the window is in its lid.
+    const std::int32_t black = AddShader("black", kBlack, kBlack);
+    AddPlane(z + 0.001f, 50, black);
+    AddTetragon(Geometry(),
+                {Vec3{-half, -half, z}, Vec3{-half, half, z}, Vec3{half, half, z}, Vec3{half, -half, z}},
+                lamp);
+    for (int side = 0; side < 4; ++side) {
+      const float x = side == 0   ? 2.0f
+                      : side == 1 ? -2.0f
+                                  : 0.0f,
+                  y = side == 2   ? 2.0f
+                      : side == 3 ? -2.0f
+                                  : 0.0f;
+      const float dx = side < 2 ? 0.0f : 2.0f, dy = side < 2 ? 2.0f : 0.0f;
+      AddTetragon(Geometry(),
+                  {Vec3{x - dx, y - dy, -1}, Vec3{x + dx, y + dy, -1}, Vec3{x + dx, y + dy, 1},
+                   Vec3{x - dx, y - dy, 1}},
+                  black);
+    }
+    settings.rendererSample = 4096;
+    LookFrom({1, 0, 0.025f}, {0.02f, 0, 0}, 0.02f);
+    Render();
+    shown[kind] = Mean3();
+  }
+  EXPECT_GT(shown[0].x, 0.01f);
+  for (int c = 0; c < 3; ++c) {
+    EXPECT_NEAR(shown[kWindow][c], shown[kEmitter][c], 1e-5f);
+    EXPECT_NEAR(shown[kVirtualWindow][c] / shown[kEmitter][c], 1, 0.02f);
+  }
+}
+
 }  // namespace
 }  // namespace zp

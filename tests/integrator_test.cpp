@@ -203,6 +203,74 @@ TEST_F(Integrator, SeededPictureIgnoresThreads) {
   EXPECT_NE(pictures[0], pictures[2]);
 }
 
+// Everything that draws random numbers, or keeps something from one picture to the next.
+void BuildRichScene() {
+  skyLight.image = "analytic";
+  skyLight.sample = 8;
+  const auto layer = [](std::int32_t shader) -> SurfaceShader& {
+    return shaders[static_cast<std::size_t>(shader)].surfaces[0];
+  };
+  const std::int32_t floor = AddShader("floor", Grey(0.5f), kBlack),
+                     glass = AddShader("glass", kBlack, kBlack),
+                     skin = AddShader("skin", {0.6f, 0.3f, 0.2f}, kBlack, Grey(0.2f)),
+                     lamp = AddShader("lamp", Grey(0.2f), Grey(30));
+  layer(glass).material = Material::kDielectric;
+  layer(glass)[Element::kSpecular].color = Grey(0.9f);
+  layer(glass)[Element::kGlossy].color = Grey(0.1f);
+  for (std::int32_t shader : {glass, skin}) {
+    layer(shader)[Element::kRoughness].color = Grey(0.2f);
+    layer(shader)[Element::kIor].color = Grey(1.5f);
+  }
+  layer(skin)[Element::kWeight].color = kWhite;
+  layer(skin)[Element::kGlossy].color = Grey(0.5f);
+  std::vector<SurfaceShader>& layers = shaders[static_cast<std::size_t>(skin)].surfaces;
+  layers.push_back(layers[0]);
+  layers[0][Element::kDiffusion].color = {0.01f, 0.02f, 0.005f};
+  layer(lamp).virtualLight = true;
+  geometryLight.sample = 8;
+  objectTable[0].name = "root";
+  AddTetragon(objectTable[0].parts[0], {Vec3{-6, -6, -1}, Vec3{6, -6, -1}, Vec3{6, 6, -1}, Vec3{-6, 6, -1}},
+              floor);
+  AddTetragon(objectTable[0].parts[0], {Vec3{-1, -1, 3}, Vec3{-1, 1, 3}, Vec3{1, 1, 3}, Vec3{1, -1, 3}},
+              lamp);
+  for (const char* name : {"ball", "cube"}) {
+    objectTable.emplace_back().name = name;
+    objectTable.back().parts.emplace_back();
+  }
+  AddSphere(objectTable[1].parts[0], 2, true, glass);
+  AddCube(objectTable[2].parts[0], 0.5f, skin);
+  for (int i = 0; i < 6; ++i) {
+    Instance instance;
+    instance.object = 1 + i % 2;
+    instance.matrix.m[0][3] = 1.3f * static_cast<float>(i - 3);
+    instance.matrix.m[1][3] = static_cast<float>(i % 3);
+    objectTable[0].instances.push_back(instance);
+  }
+  PointLight& light = pointLights.emplace_back();
+  light.position = {2, -2, 3};
+  light.blur = 0.3f;
+  light.sample = 8;
+  settings.rendererBounce = 3;
+  settings.rendererSample = 8;
+  cameras[0].width = cameras[0].height = 24;
+  cameras[0].poses[0].bokeh = cameras[0].poses[1].bokeh = 1;
+}
+
+TEST_F(Integrator, SecondPicturesAreTheSame) {
+  std::vector<float> first;
+  for (int threads : {2, 1, 5}) {
+    TearDown();
+    SetUp();
+    BuildRichScene();
+    omp_set_num_threads(threads);
+    Render();
+    if (first.empty()) first = Pixels(0);
+    for (float value : Pixels(0)) ASSERT_TRUE(std::isfinite(value) && value >= 0);
+    EXPECT_EQ(Pixels(0), first) << threads;
+  }
+  skyLight.image.clear();
+}
+
 TEST_F(Integrator, BeautyIsTheMeanOfThePasses) {
   BuildBusyScene();
   cameras[0].regionXMin = 3;

@@ -309,5 +309,179 @@ TEST_F(Materials, LosslessGlassVanishesInAWhiteSky) {
   }
 }
 
+// A white picture as a sky has an importance table, so that samples and rays of the lobe share the light. It
+// is all there again, but for what rough lobes send below the horizon: rays leave that out of their mean.
+TEST_F(Materials, GlossySurfacesGainNothingFromSkySamples) {
+  struct Case {
+    Material material;
+    float roughness, anisotropy, degrees, least;
+  };
+  for (const Case& c :
+       {Case{Material::kConductor, 0.0f, 0, 45, 0.995f}, Case{Material::kConductor, 0.2f, 0, 0, 0.985f},
+        Case{Material::kConductor, 0.2f, 0.5f, 80, 0.94f}, Case{Material::kDielectric, 0.2f, 0, 70, 0.985f},
+        Case{Material::kConductor, 1.0f, 0, 87, 0.7f}}) {
+    Restart();
+    ImageBuffer image;
+    Allocate(image, 8, 4, 3, 32, false);
+    image.floatPixels.assign(image.floatPixels.size(), 1.0f);
+    image.loaded = true;
+    image.fileName = skyLight.image = "white";
+    images.push_back(image);
+    skyLight.sample = settings.rendererSample = 64;
+    const std::int32_t shader = AddGlass(c.material, 1e6f);
+    Layer(shader)[Element::kSpecular].color = kBlack;
+    Layer(shader)[Element::kGlossy].color = kWhite;
+    Layer(shader)[Element::kRoughness].color = Grey(c.roughness);
+    Layer(shader)[Element::kAnisotropy].color = Grey(c.anisotropy);
+    AddFloor(0, 1000, shader);
+    LookAtOrigin(c.degrees);
+    cameras[0].width = cameras[0].height = 16;
+    Render();
+    skyLight.image.clear();
+    EXPECT_LT(Shown().x, 1.002f) << c.roughness << " " << c.degrees;
+    EXPECT_GT(Shown().x, c.least) << c.roughness << " " << c.degrees;
+  }
+}
+
+// The highlight is wide across the hair-fine grooves of a brushed surface: along the tangent its width is
+// alpha (1 - a), along the bitangent alpha / (1 - a). A quarter turn exchanges them.
+TEST_F(Materials, AnisotropyStretchesAlongTheFrameAndAngleTurnsIt) {
+  const float alpha = 0.2f, stretch = 0.5f, tilt = 12;
+  const auto ward = [&](float width, float area) {
+    const float tangent = std::tan(tilt / 2 * kDegree), cosine = std::cos(tilt / 2 * kDegree);
+    return std::exp(-tangent * tangent / (width * width)) /
+           (kPi * area * 4 * cosine * cosine * std::pow(cosine, 4.0f));
+  };
+  const float fresnel = 0.04f;
+  for (float turns : {0.0f, 0.25f})
+    for (bool alongX : {true, false}) {
+      Restart();
+      skyLight.color = kBlack;
+      const std::int32_t shader = AddGlass(Material::kConductor);
+      Layer(shader)[Element::kSpecular].color = kBlack;
+      Layer(shader)[Element::kGlossy].color = kWhite;
+      Layer(shader)[Element::kRoughness].color = Grey(alpha);
+      Layer(shader)[Element::kAnisotropy].color = Grey(1 - stretch);
+      Layer(shader)[Element::kAngle].color = Grey(turns);
+      AddFloor(0, 50, shader);
+      Geometry().tangents.assign(4, Pack({1, 0, 0}));
+      ParallelLight& light = parallelLights.emplace_back();
+      const float sine = std::sin(tilt * kDegree);
+      light.zAxis = {alongX ? -sine : 0, alongX ? 0 : -sine, -std::cos(tilt * kDegree)};
+      LookAtOrigin(0);
+      settings.rayDepth = 1;
+      Render();
+      parallelLights.clear();
+      const bool acrossTangent = alongX == (turns == 0);
+      const float width = acrossTangent ? alpha * stretch : alpha / stretch;
+      const float expected = kPi * ward(width, alpha * alpha) * std::cos(tilt * kDegree) * fresnel;
+      EXPECT_NEAR(Shown().x, expected, 0.02f * expected) << turns << alongX;
+    }
+}
+
+// A normal map of one colour tilts the mirror by its angle, along the tangent of tetragons and triangles.
+TEST_F(Materials, NormalMapsBendMirrors) {
+  for (bool triangles : {false, true})
+    for (float degrees : {0.0f, 10.0f, 20.0f}) {
+      Restart();
+      skyLight.color = kBlack;
+      ImageBuffer image;
+      Allocate(image, 2, 2, 3, 32, false);
+      for (std::size_t i = 0; i < 4; ++i)
+        WritePixel(image, {std::sin(degrees * kDegree), 0, std::cos(degrees * kDegree)}, i);
+      image.loaded = true;
+      image.fileName = "slope";
+      images.push_back(image);
+      const std::int32_t mirror = AddGlass(Material::kConductor, 1e6f);
+      Layer(mirror)[Element::kNormal].imageName = "slope";
+      AddFloor(0, 1, mirror);
+      if (triangles) {
+        Geometry().tetragons.clear();
+        Geometry().triangles = {{{0, 1, 2}, mirror}, {{0, 2, 3}, mirror}};
+      }
+      AddRuler(2);
+      Geometry().tangents.assign(Geometry().positions.size(), Pack({1, 0, 0}));
+      LookFrom({0, 0, 1}, kBlack, 0.02f);
+      for (CameraPose& pose : cameras[0].poses) pose.upVector = {0, 1, 0};
+      Render();
+      EXPECT_NEAR(RulerPosition(), 2 * std::tan(2 * degrees * kDegree), 0.03f) << degrees << triangles;
+    }
+}
+
+// All a camera can record of a point that has every layer.
+TEST_F(Materials, EveryAovOfAPointWithEveryLayer) {
+  for (bool triangles : {false, true}) {
+    Restart();
+    skyLight.color = Grey(0.5f);
+    const Vec3 lambertian = {0.1f, 0.2f, 0.3f}, transmissive = {0.3f, 0.1f, 0.2f},
+               glossy = {0.5f, 0.4f, 0.3f};
+    const Vec3 specular = {0.2f, 0.4f, 0.6f}, emissive = {0.05f, 0.1f, 0.15f};
+    const std::int32_t shader = AddShader("all", lambertian, emissive, transmissive);
+    Layer(shader)[Element::kGlossy].color = glossy;
+    Layer(shader)[Element::kSpecular].color = specular;
+    Layer(shader)[Element::kRoughness].color = Grey(0.3f);
+    Layer(shader)[Element::kIor].color = Grey(1.8f);
+    Part& part = Geometry();
+    AddFloor(0, 50, shader);
+    if (triangles) {
+      part.tetragons.clear();
+      part.triangles = {{{0, 1, 2}, shader}, {{0, 2, 3}, shader}};
+    }
+    part.tangents.assign(4, Pack({0, 1, 0}));
+    part.vectorSets.push_back({"vector", part.positions});
+    part.uvSets.push_back({"pair", {}});
+    part.scalarSets.push_back({"number", {}});
+    for (Vec3 p : part.positions) {
+      part.uvSets.back().values.push_back({p.x, 2 * p.y});
+      part.scalarSets.back().values.push_back(3 * p.x + p.y);
+    }
+    PointLight& light = pointLights.emplace_back();
+    light.position = {0.5f, 0.2f, 2};
+    light.innerAngle = 180;
+    LookFrom({0, 0, 3}, {0.5f, 0.25f, 0}, 0.02f);
+    settings.rendererSample = 64;
+    struct Row {
+      std::uint32_t channel;
+      Vec3 expected;
+      const char* data;
+    };
+    const float distance = std::sqrt(9 + 0.3125f);
+    const Row rows[] = {{kChannelLambertianColor, lambertian, ""},
+                        {kChannelTransmissiveColor, transmissive, ""},
+                        {kChannelGlossyColor, glossy, ""},
+                        {kChannelSpecularColor, specular, ""},
+                        {kChannelEmissive, emissive * (1 - Schlick(1.8f, 3 / distance)), ""},
+                        {kChannelNormal, {0.5f, 0.5f, 1}, ""},
+                        {kChannelTangent, {0.5f, 1, 0.5f}, ""},
+                        {kChannelPosition, {0.5f, 0.25f, 0}, ""},
+                        {kChannelDepth, Grey(distance), ""},
+                        {kChannelUserData, {0.5f, 0.25f, 0}, "vector"},
+                        {kChannelUserData, {0.5f, 0.5f, 0}, "pair"},
+                        {kChannelUserData, Grey(1.75f), "number"}};
+    std::vector<std::size_t> aovs, lobes;
+    for (const Row& row : rows) aovs.push_back(AddAov(row.channel, row.data));
+    for (std::uint32_t channel :
+         {+kChannelLambertian, +kChannelTransmissive, +kChannelGlossy, +kChannelSpecular, +kChannelEmissive})
+      lobes.push_back(AddAov(channel));
+    Render();
+    const auto mean = [](std::size_t aov) {
+      Vec3 sum;
+      for (std::size_t i = 0; i < Pixels(aov).size(); ++i) sum[static_cast<int>(i % 3)] += Pixels(aov)[i];
+      return sum / static_cast<float>(Pixels(aov).size() / 3);
+    };
+    Vec3 sum;
+    for (std::size_t lobe : lobes) {
+      sum += mean(lobe);
+      EXPECT_GT(mean(lobe).y, 1e-3f);
+    }
+    for (int c = 0; c < 3; ++c) {
+      EXPECT_NEAR(sum[c], Shown()[c], 1e-4f * Shown()[c]);
+      for (std::size_t i = 0; i < aovs.size(); ++i)
+        EXPECT_NEAR(mean(aovs[i])[c], rows[i].expected[c], 2e-3f) << rows[i].channel << " " << rows[i].data;
+    }
+    pointLights.clear();
+  }
+}
+
 }  // namespace
 }  // namespace zp

@@ -124,7 +124,7 @@ TEST_F(Program, ExplainsItself) {
   const Outcome render = Run("render --help");
   EXPECT_EQ(render.status, 0);
   for (const char* word :
-       {"--output", "--sample", "--resolution", "--region", "--threads", "--seed", "--quiet"})
+       {"--output", "--sample", "--resolution", "--region", "--threads", "--seed", "--quiet", "--strict"})
     EXPECT_NE(render.output.find(word), std::string::npos) << word;
   const Outcome version = Run("--version");
   EXPECT_EQ(version.status, 0);
@@ -185,6 +185,37 @@ TEST_F(Program, SceneThatCannotBeRenderedIsStatusOneAndOneLine) {
     EXPECT_EQ(CountLines(outcome.errors), 1U) << arguments << "\n" << outcome.errors;
     EXPECT_TRUE(outcome.errors.starts_with("zephlore: ")) << outcome.errors;
     EXPECT_EQ(WorkFiles(), std::vector<std::string>{"folder.hdr"}) << arguments;
+  }
+}
+
+// Each kind of file that a scene can lack. Without --strict nothing changes; with it only the status does.
+TEST_F(Program, StrictTellsMissingFilesOfTheScene) {
+  WriteScene();
+  const Outcome whole = Run("render ../scene --quiet --strict --seed 3 --output a.pfm");
+  EXPECT_EQ(whole.status, 0) << whole.errors;
+  struct Loss {
+    const char* file;
+    const char* text;
+  };
+  for (const Loss& loss : {Loss{"scene/geometry/b.zp", "object\nname lost\nobj \"model/lost.obj\"\nend\n"},
+                           Loss{"scene/light/b.zp", "sky_light\nimage \"lost.hdr\"\nend\n"},
+                           Loss{"scene/light/b.zp", "sky_light\nbackdrop \"lost.hdr\"\nend\n"},
+                           Loss{"scene/shader/b.zp",
+                                "shader\nname \"lost\"\nsurface_shader\nlambertian\ncolor 1 1 1\n"
+                                "image \"lost.png\"\nend\nend\nend\n"},
+                           Loss{"scene/shader/b.zp",
+                                "shader\nname \"text\"\nsurface_shader\nlambertian\ncolor 1 1 1\n"
+                                "image \"shader/b.zp\"\nend\nend\nend\n"}}) {
+    WriteFile(root / loss.file, loss.text);
+    const Outcome lax = Run("render ../scene --quiet --seed 3 --output b.pfm");
+    EXPECT_EQ(lax.status, 0) << loss.text << lax.errors;
+    const Outcome strict = Run("render ../scene --quiet --strict --seed 3 --output c.pfm");
+    EXPECT_EQ(strict.status, 1) << loss.text;
+    EXPECT_EQ(CountLines(strict.errors), 1U) << loss.text << strict.errors;
+    const std::string picture = ReadFile(root / "work/c.pfm");
+    EXPECT_FALSE(picture.empty()) << loss.text;
+    EXPECT_TRUE(picture == ReadFile(root / "work/b.pfm")) << loss.text;
+    fs::remove(root / loss.file);
   }
 }
 

@@ -30,7 +30,8 @@ struct OccluderWalk {
   Object& object;
   RayRecord& ray;
   OccluderCounts& counts;
-  std::int32_t shader;  // of the outermost Instance that has one; it stands for all below
+  std::int32_t shader;             // of the outermost Instance that has one; it stands for all below
+  std::uint32_t blockingLane = 0;  // in a leaf of triangles: the lane that blocked
 
   // True when the surface that was met leaves nothing of the light.
   bool Absorbs(const Part& part, std::uint8_t kind, std::uint32_t index, const PrimitiveHit& hit) const {
@@ -46,7 +47,7 @@ struct OccluderWalk {
   }
 
   template <bool kOpaque>
-  bool TakeHits(const PackedTree& tree, const TriangleBlock& block, const TriangleHits<Float4>& hits) const {
+  bool TakeHits(const PackedTree& tree, const TriangleBlock& block, const TriangleHits<Float4>& hits) {
     const StoredHits stored(hits);
     for (unsigned mask = hits.mask; mask != 0; mask &= mask - 1) {
       const int i = std::countr_zero(mask);
@@ -54,7 +55,10 @@ struct OccluderWalk {
       const Part& part = object.parts[block.part[i]];
       if (IsParent(ray, part, kKindTriangle, index)) continue;
       if (tree.filtersVisibility && !IsVisible(block.shader[i], ray)) continue;
-      if (kOpaque || Absorbs(part, kKindTriangle, index, stored.Lane(i, block.shader[i]))) return true;
+      if (!kOpaque && !Absorbs(part, kKindTriangle, index, stored.Lane(i, block.shader[i]))) continue;
+      const auto lane = (&block - tree.blocks.data()) * kBlockLanes + i;
+      blockingLane = static_cast<std::uint32_t>(lane);
+      return true;
     }
     return false;
   }
@@ -101,8 +105,16 @@ struct OccluderWalk {
   template <bool kLog, bool kOpaque, int kStackSize>
   bool RunWithStack(const PackedTree& tree);
 
-  // A thread's blocked ray counts for the leaf's slot in the node above it.
-  void Log(std::uint32_t place) {
+  // A thread's blocked ray counts for the leaf's slot in the node above it: within a merged subtree, for that
+  // of the lane.
+  void Log(const PackedTree& tree, std::uint32_t place) {
+    while (object.wideNodes[place / 8].count[place % 8] == 0) {
+      const std::uint32_t below = object.wideNodes[place / 8].child[place % 8];
+      const PackedNode& node = tree.nodes[below];
+      std::uint32_t slot = 0;
+      while (slot < 7 && blockingLane - node.child[slot] >= (node.word[slot] & kLeafCount)) ++slot;
+      place = below * 8 + slot;
+    }
     std::atomic_ref<std::uint32_t> log(object.wideNodes[place / 8].log[place % 8]);
     log.fetch_add(1, std::memory_order_relaxed);
   }
@@ -154,7 +166,7 @@ bool OccluderWalk::RunWithStack(const PackedTree& tree) {
         blocked = TestReferences<kOpaque>(child, count);
     }
     if (blocked) {
-      if constexpr (kLog) Log(place);
+      if constexpr (kLog) Log(tree, place);
       break;
     }
   pop:

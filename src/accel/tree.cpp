@@ -85,22 +85,75 @@ bool IsOpaque(std::int32_t shader) {
   return s.frontOpaque && s.backOpaque;
 }
 
+namespace {
+
+std::size_t BlocksFor(std::uint32_t lanes) { return (lanes + kBlockLanes - 1) / kBlockLanes; }
+
+// Where the triangles of a wide node and of the nodes merged into it lie.
+struct NodeLanes {
+  std::uint32_t first = 0;
+  std::uint32_t own = 0;    // in its own leaves
+  std::uint32_t count = 0;  // in all below; of merged nodes only
+  bool merged = false;      // walks see all below as one leaf
+};
+
+// Those of a node alone; merged if nothing but triangle leaves and inner nodes hang from it.
+NodeLanes CountLanes(const Object& object, std::size_t n) {
+  const WideNode& wide = object.wideNodes[n];
+  NodeLanes lanes;
+  lanes.merged = n != 0;
+  for (int i = 0; i < 8; ++i) {
+    if (wide.child[i] == kUnusedSlot || wide.count[i] == 0) continue;
+    if (IsTriangleLeaf(object, wide.child[i], wide.count[i]))
+      lanes.own += wide.count[i];
+    else
+      lanes.merged = false;
+  }
+  return lanes;
+}
+
+// Children stand behind their parents, each subtree in a row, so that a merged one's lanes are in a row too.
+std::vector<NodeLanes> PlaceLanes(const Object& object, std::uint32_t& laneCount) {
+  const std::size_t nodeCount = object.wideNodes.size();
+  std::vector<NodeLanes> lanes(nodeCount);
+#pragma omp parallel for schedule(static)
+  for (std::size_t n = 0; n < nodeCount; ++n) lanes[n] = CountLanes(object, n);
+  for (std::size_t n = nodeCount; n-- > 0;) {
+    if (!lanes[n].merged) continue;
+    const WideNode& wide = object.wideNodes[n];
+    lanes[n].count = lanes[n].own;
+    for (int i = 0; i < 8; ++i) {
+      if (wide.child[i] == kUnusedSlot || wide.count[i] != 0) continue;
+      lanes[n].merged = lanes[n].merged && lanes[wide.child[i]].merged;
+      lanes[n].count += lanes[wide.child[i]].count;
+    }
+    lanes[n].merged = lanes[n].merged && lanes[n].count <= kMergedTriangles;
+  }
+  laneCount = 0;
+  std::uint32_t inside = 0;  // first lane behind the merged subtree that node n is in
+  for (std::size_t n = 0; n < nodeCount; ++n) {
+    if (lanes[n].merged && laneCount >= inside) {
+      // It takes no more blocks than its count needs.
+      const std::uint32_t place = laneCount % kBlockLanes, count = lanes[n].count;
+      if (BlocksFor(place + count) > BlocksFor(count)) laneCount += kBlockLanes - place;
+      inside = laneCount + count;
+    }
+    lanes[n].first = laneCount;
+    laneCount += lanes[n].own;
+  }
+  return lanes;
+}
+
+}  // namespace
+
 void PackTree(Object& object) {
   const std::size_t nodeCount = object.wideNodes.size();
-  // Lanes of node n begin at firstLane[n].
-  std::vector<std::uint32_t> firstLane(nodeCount + 1, 0);
-#pragma omp parallel for schedule(static)
-  for (std::size_t n = 0; n < nodeCount; ++n) {
-    const WideNode& wide = object.wideNodes[n];
-    for (int i = 0; i < 8; ++i)
-      if (wide.count[i] != 0 && IsTriangleLeaf(object, wide.child[i], wide.count[i]))
-        firstLane[n + 1] += wide.count[i];
-  }
-  for (std::size_t n = 0; n < nodeCount; ++n) firstLane[n + 1] += firstLane[n];
+  std::uint32_t laneCount = 0;
+  const std::vector<NodeLanes> lanes = PlaceLanes(object, laneCount);
 
   auto packed = std::make_shared<PackedTree>();
   packed->nodes = PageArray<PackedNode>(nodeCount);
-  packed->blocks = PageArray<TriangleBlock>((firstLane[nodeCount] + kBlockLanes - 1) / kBlockLanes);
+  packed->blocks = PageArray<TriangleBlock>(BlocksFor(laneCount));
   packed->filtersVisibility = AnyPrimitive(object, IsHidden);
   packed->opaqueOnly = !AnyPrimitive(object, [](std::int32_t shader) { return !IsOpaque(shader); });
   packed->stackSize = 7 * (object.wideDepth + 1) + 1;
@@ -109,13 +162,16 @@ void PackTree(Object& object) {
     const WideNode& wide = object.wideNodes[n];
     PackedNode& node = packed->nodes[n];
     std::memcpy(node.boxes, wide.boxes, sizeof node.boxes);
-    std::uint32_t lane = firstLane[n];
+    std::uint32_t lane = lanes[n].first;
     for (int i = 0; i < 8; ++i) {
       node.child[i] = wide.child[i];
       node.word[i] = wide.count[i] == 0 ? 0 : kLeaf | wide.count[i];
       if (wide.child[i] == kUnusedSlot) {  // an empty leaf: harmless even to a ray of no numbers
         node.child[i] = 0;
         node.word[i] = kLeaf;
+      } else if (wide.count[i] == 0 && lanes[wide.child[i]].merged) {
+        node.child[i] = lanes[wide.child[i]].first;
+        node.word[i] = kLeaf | kTriangleLeaf | lanes[wide.child[i]].count;
       } else if (wide.count[i] != 0 && IsTriangleLeaf(object, wide.child[i], wide.count[i])) {
         node.child[i] = lane;
         node.word[i] |= kTriangleLeaf;

@@ -46,8 +46,8 @@ inline constexpr std::uint32_t kLeafCount = 0xFFFF;
 inline constexpr int kBlockLanes = 4;
 
 // Four triangles. Lane number i of a tree is lane i % 4 of block i / 4: the leaves of a node follow one
-// another without gaps, so that a leaf may begin and end within a block. The tree's last lanes may be unused:
-// those are degenerate and never hit.
+// another without gaps, so that a leaf may begin and end within a block. Lanes before a merged subtree and at
+// the tree's end may be unused: those are degenerate and never hit.
 struct alignas(64) TriangleBlock {
   float p0[3][kBlockLanes], e1[3][kBlockLanes], e2[3][kBlockLanes];
   std::uint32_t primitive[kBlockLanes];
@@ -55,6 +55,11 @@ struct alignas(64) TriangleBlock {
   std::uint16_t part[kBlockLanes];
 };
 static_assert(sizeof(TriangleBlock) == 192);
+
+// A subtree of triangles alone, this many at most, is one leaf to walks: its slot in the node above holds all
+// its lanes. A block costs the same whether one of its lanes is in use or all are, and three blocks cost less
+// than a node and the leaves that it leads to. Nodes inside such a leaf are packed too, but not walked.
+inline constexpr std::uint32_t kMergedTriangles = 12;
 
 struct PackedTree {
   PageArray<PackedNode> nodes;

@@ -338,6 +338,7 @@ struct OccluderTotals {
 
 OccluderTotals OrderNode(Object& object, std::uint32_t index) {
   WideNode& node = object.wideNodes[index];
+  PackedNode& packed = object.packed->nodes[index];
   OccluderTotals slots[8];
   OccluderTotals total;
   for (int i = 0; i < 8; ++i) {
@@ -362,6 +363,9 @@ OccluderTotals OrderNode(Object& object, std::uint32_t index) {
       std::swap(node.child[j], node.child[j - 1]);
       std::swap(node.count[j], node.count[j - 1]);
       std::swap(node.log[j], node.log[j - 1]);
+      for (auto& row : packed.boxes) std::swap(row[j], row[j - 1]);
+      std::swap(packed.child[j], packed.child[j - 1]);
+      std::swap(packed.word[j], packed.word[j - 1]);
       std::swap(probability[j], probability[j - 1]);
       std::swap(slots[j], slots[j - 1]);
       std::swap(ratio[j], ratio[j - 1]);
@@ -381,8 +385,8 @@ OccluderTotals OrderNode(Object& object, std::uint32_t index) {
 }  // namespace
 
 void OrderOccluders(Object& object) {
-  if (object.wideNodes.empty()) return;
-  if (OrderNode(object, 0).hits > 0) PackTree(object);
+  if (object.wideNodes.empty() || object.packed == nullptr) return;
+  OrderNode(object, 0);
 }
 
 void ClearOccluderLogs() {

@@ -37,6 +37,7 @@ struct NearestWalk {
     ray.frontFace = found.denominator < 0;
     ray.barycentric = found.barycentric;
     ray.hitMatrixDepth = ray.matrixDepth;
+    ray.hitPlace = ray.place;
     ray.levelZeroHit = object.level == 0;
     hit = true;
   }
@@ -191,6 +192,7 @@ bool WalkFromRoot(RayRecord& ray) {
 
 bool PrepareRay(RayRecord& ray) {
   ray.matrixDepth = 0;
+  ray.place = 0;
   if (rootObject < 0 || static_cast<std::size_t>(rootObject) >= objectTable.size()) return false;
   if (!IsFinite(ray.origin) || !IsFinite(ray.direction) || ray.direction == kBlack) return false;
   ray.inverseDirection = Reciprocal(ray.direction);

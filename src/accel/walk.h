@@ -45,7 +45,7 @@ inline Vec3 Reciprocal(Vec3 v) { return {1.0f / v.x, 1.0f / v.y, 1.0f / v.z}; }
 
 inline bool IsParent(const RayRecord& ray, const Part& part, std::uint8_t kind, std::uint32_t index) {
   return ray.parentKind == kind && ray.parentPrimitive == static_cast<std::int32_t>(index) &&
-         ray.parentPart == &part;
+         ray.parentPart == &part && ray.parentPlace == ray.place;
 }
 
 // Tests the triangles of lanes first to first + count - 1, a block at a time, each block against the limit
@@ -97,18 +97,25 @@ struct StoredHits {
 struct InsideInstance {
   RayRecord& ray;
   Vec3 origin, direction, inverseDirection;
+  std::uint64_t place;
 
   InsideInstance(RayRecord& r, const Instance& instance)
-      : ray(r), origin(r.origin), direction(r.direction), inverseDirection(r.inverseDirection) {
+      : ray(r),
+        origin(r.origin),
+        direction(r.direction),
+        inverseDirection(r.inverseDirection),
+        place(r.place) {
     ray.origin = TransformPoint(instance.inverse, origin);
     ray.direction = TransformDirection(instance.inverse, direction);
     ray.inverseDirection = Reciprocal(ray.direction);
+    ray.place = PlaceInside(place, instance);
     ++ray.matrixDepth;
   }
   ~InsideInstance() {
     ray.origin = origin;
     ray.direction = direction;
     ray.inverseDirection = inverseDirection;
+    ray.place = place;
     --ray.matrixDepth;
   }
   InsideInstance(const InsideInstance&) = delete;

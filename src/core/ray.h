@@ -58,6 +58,9 @@ struct RayRecord {
   std::int32_t parentShader = kNone;          // the same four of the hit that the ray left
   std::int32_t parentPrimitive = kNone;       //
   const Part* parentPart = nullptr;           //
+  std::uint64_t place = 0;        // of the Object being walked: one number for each way through Instances
+  std::uint64_t hitPlace = 0;     // the same of the hit
+  std::uint64_t parentPlace = 0;  // and of the hit that the ray left
   std::uint8_t kind = kKindUnset;
   std::uint8_t parentKind = kKindUnset;
   std::uint8_t hitSide = 0;

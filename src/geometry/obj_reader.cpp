@@ -15,6 +15,7 @@
 
 #include "core/console.h"
 #include "geometry/geometry.h"
+#include "imaging/imaging.h"
 #include "shading/shading.h"
 
 namespace zp {
@@ -460,6 +461,7 @@ bool ReadObjFile(const std::string& path, Part& part) {
   struct stat status = {};
   if (file < 0 || fstat(file, &status) != 0 || S_ISDIR(status.st_mode)) {
     if (file >= 0) close(file);
+    ++missingFiles;
     PrintError("object - cannot open " + path + "\n");
     PrintRule();
     return false;

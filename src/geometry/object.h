@@ -81,6 +81,12 @@ struct Instance {
   std::int32_t shader = kNone;  // overrides the Object's own shaders, unless kNone
 };
 
+// A number for the way to what an Instance places, from the number of the way to the Instance itself; 0
+// stands for the RootObject. Tells the copies of a primitive apart.
+inline std::uint64_t PlaceInside(std::uint64_t place, const Instance& instance) {
+  return (place + reinterpret_cast<std::uintptr_t>(&instance)) * 0x9e3779b97f4a7c15ULL;
+}
+
 // One emitting side of a primitive, or an Instance that stands for all its Object's emitters.
 struct EmissionRecord {
   std::int32_t part = kNone;  // index in the Object's parts; kNone for an instance

@@ -4,6 +4,7 @@
 
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -167,5 +168,9 @@ void MakePrimaryRay(const Camera& camera, RayRecord& ray, int x, int y, std::uin
 
 // Picture files that could not be written since the last call with `reset`; an empty name is no failure.
 int FailedSaves(bool reset);
+
+// Pictures and models of the scene that were sought in vain since the count was last set to 0, one for each
+// attempt. Readers on any thread add to it; nothing else depends on it.
+inline std::atomic<int> missingFiles = 0;
 
 }  // namespace zp

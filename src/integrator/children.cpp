@@ -30,6 +30,7 @@ RayRecord MakeChildRay(const RayRecord& parent, const ShadingPoint& point, Event
   child.parentShader = parent.shader;
   child.parentPrimitive = parent.primitive;
   child.parentPart = parent.part;
+  child.parentPlace = parent.hitPlace;
   child.parentKind = parent.kind;
   child.parentHitSide = parent.hitSide;
   child.depth = static_cast<std::uint8_t>(parent.depth + 1);

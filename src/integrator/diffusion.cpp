@@ -49,6 +49,7 @@ float ChannelWeight(float squaredDistance, float drawnVariance, float variance) 
 RayRecord WithHitOf(const RayRecord& ray, const RayRecord& probe) {
   RayRecord exitRay = ray;
   exitRay.part = probe.part;
+  exitRay.hitPlace = probe.hitPlace;
   exitRay.primitive = probe.primitive;
   exitRay.kind = probe.kind;
   exitRay.shader = probe.shader;

@@ -16,28 +16,39 @@ struct LobeResponse {
   float lambertian = 0, transmissive = 0, glossy = 0;
 };
 
-// Light from behind the true surface does not reach a lobe that a bent normal turns to it.
-LobeResponse Respond(const ShadingPoint& point, Vec3 direction, float offset) {
-  const float cosine = Dot(direction, point.normal);
-  const bool above = Dot(direction, point.geometricNormal) > 0;
-  LobeResponse response;
-  if (point.hasLambertian && above)
-    response.lambertian = SoftCosine(cosine, offset) * point.diffuseWeight / kPi;
-  if (point.hasTransmissive && !above)
-    response.transmissive = SoftCosine(-cosine, offset) * point.diffuseWeight / kPi;
-  if (point.hasGlossy && above && cosine > 0)
-    response.glossy = 4 * GlossyD(point, direction) * cosine * point.specularWeight;
-  return response;
-}
-
-bool IsZero(const LobeResponse& r) { return r.lambertian == 0 && r.transmissive == 0 && r.glossy == 0; }
-
 // Where a light meets the surface: the hit, or, where light leaves elsewhere than it enters, its exit.
 struct Receiver {
   const RayRecord& ray;
   const ShadingPoint& point;
-  Vec3 diffuseWeight = kWhite;  // colour that the way through the body costs
+  Vec3 diffuseWeight = kWhite;         // colour that the way through the body costs
+  bool diffuse = true, glossy = true;  // lobes that are asked for
 };
+
+// How many times D the glossy lobe sends back, cosine included. Point and parallel lights meet the BRDF, 4 D.
+// Lights that rays of the lobe find as well meet the density of those rays: the two are one integral only
+// then, and with 4 D a rough lobe seen at a grazing angle would show more than there is.
+enum class GlossyScale : std::uint8_t { kBrdf, kRays };
+
+// Light from behind the true surface does not reach a lobe that a bent normal turns to it.
+LobeResponse Respond(const Receiver& receiver, Vec3 direction, float offset, GlossyScale scale) {
+  const ShadingPoint& point = receiver.point;
+  const float cosine = Dot(direction, point.normal);
+  const bool above = Dot(direction, point.geometricNormal) > 0;
+  LobeResponse response;
+  if (receiver.diffuse && point.hasLambertian && above)
+    response.lambertian = SoftCosine(cosine, offset) * point.diffuseWeight / kPi;
+  if (receiver.diffuse && point.hasTransmissive && !above)
+    response.transmissive = SoftCosine(-cosine, offset) * point.diffuseWeight / kPi;
+  if (receiver.glossy && point.hasGlossy && above && cosine > 0) {
+    const float fourCosines = scale == GlossyScale::kBrdf
+                                  ? 4 * cosine
+                                  : 2 * (cosine + MaxOf(Dot(point.outgoing, point.normal), 0.0f));
+    response.glossy = GlossyD(point, direction) * fourCosines * point.specularWeight;
+  }
+  return response;
+}
+
+bool IsZero(const LobeResponse& r) { return r.lambertian == 0 && r.transmissive == 0 && r.glossy == 0; }
 
 // What is left of the light on its way; black in the shadow.
 Vec3 Visibility(const Receiver& receiver, Vec3 direction, float distance) {
@@ -80,7 +91,7 @@ LobeRadiance SampleOne(const Receiver& receiver, const GeometryLight& light, con
   if (!SampleGeometryLight(receiver.point.position, draw.number, draw.count, draw.place.x, draw.place.y,
                            sample))
     return {};
-  LobeResponse response = Respond(receiver.point, sample.direction, 0);
+  LobeResponse response = Respond(receiver, sample.direction, 0, GlossyScale::kRays);
   if (IsZero(response)) return {};
   const Vec3 visible = Visibility(receiver, sample.direction, sample.distance);
   if (visible == kBlack) return {};
@@ -92,7 +103,7 @@ LobeRadiance SampleOne(const Receiver& receiver, const GeometryLight& light, con
 LobeRadiance SampleOne(const Receiver& receiver, const SkyLight& light, const Draw& draw,
                        LightSample& sample) {
   if (!SampleSky(draw.place.x, draw.place.y, sample) || !(sample.pdf > 0)) return {};
-  LobeResponse response = Respond(receiver.point, sample.direction, 0);
+  LobeResponse response = Respond(receiver, sample.direction, 0, GlossyScale::kRays);
   if (IsZero(response)) return {};
   const Vec3 visible = Visibility(receiver, sample.direction, sample.distance);
   if (visible == kBlack) return {};
@@ -105,7 +116,7 @@ template <class GafferLight>
 LobeRadiance SampleOne(const Receiver& receiver, const GafferLight& light, const Draw& draw,
                        LightSample& sample) {
   sample = SampleLight(light, receiver.point.position, draw.place.x, draw.place.y);
-  const LobeResponse response = Respond(receiver.point, sample.direction, light.offset);
+  const LobeResponse response = Respond(receiver, sample.direction, light.offset, GlossyScale::kBrdf);
   if (IsZero(response) || sample.radiance == kBlack) return {};
   return Reflect(receiver, response,
                  sample.radiance * Visibility(receiver, sample.direction, sample.distance));
@@ -118,7 +129,7 @@ template <class AnyLight>
   ShadingPoint exit;
   Vec3 weight;
   DrawExit(ray, point, exitRay, exit, weight);
-  return SampleOne(Receiver{exitRay, exit, weight}, light, draw, sample);
+  return SampleOne(Receiver{exitRay, exit, weight, true, false}, light, draw, sample);
 }
 
 bool Records(const GeometryLight&, const Aov& aov, std::int32_t emitter) {
@@ -178,11 +189,15 @@ LobeRadiance SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyL
       draw.count = share.end;
     }
     draw.place = DrawPair(ray, i);
-    LightSample sample;
-    const LobeRadiance lobes = diffuses ? SampleAtExit(ray, point, light, draw, sample)
-                                        : SampleOne(Receiver{ray, point}, light, draw, sample);
-    if (writes) WriteLightAovs(light, ray, point, lobes, scale, sample.shader);
-    sum += lobes;
+    const auto add = [&](const LobeRadiance& lobes, const LightSample& sample) {
+      if (writes) WriteLightAovs(light, ray, point, lobes, scale, sample.shader);
+      sum += lobes;
+    };
+    LightSample sample;  // filled before `add` reads it through its reference
+    if (diffuses) add(SampleAtExit(ray, point, light, draw, sample), sample);
+    // What shines does so at the surface: a highlight does not go through the body.
+    if (!diffuses || point.hasGlossy)
+      add(SampleOne(Receiver{ray, point, kWhite, !diffuses, true}, light, draw, sample), sample);
   }
   sum.lambertian *= scale;
   sum.transmissive *= scale;
@@ -200,8 +215,7 @@ float SoftCosine(float cosine, float offset) {
 [[gnu::noinline]] LobeRadiance SampleLights(const RayRecord& ray, const ShadingPoint& point) {
   LobeRadiance sum;
   if (BounceCount(ray) > settings.rendererBounce) return sum;
-  if (geometryLight.sample > 0 && geometryLight.area > 0)
-    sum += SampleLightAt(ray, point, geometryLight, false);
+  if (SamplesEmitters()) sum += SampleLightAt(ray, point, geometryLight, false);
   if (skyLight.sample > 0) sum += SampleLightAt(ray, point, skyLight, false);
   for (PointLight& light : pointLights) sum += SampleLightAt(ray, point, light, !(light.blur > 0));
   for (ParallelLight& light : parallelLights) sum += SampleLightAt(ray, point, light, !(light.blur > 0));

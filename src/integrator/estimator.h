@@ -82,6 +82,9 @@ inline LobeRadiance& operator+=(LobeRadiance& a, const LobeRadiance& b) {
 // 0.
 LobeRadiance SampleLights(const RayRecord& ray, const ShadingPoint& point);
 
+// Whether hits draw samples of the virtual lights.
+bool SamplesEmitters();
+
 // What a lobe receives from the scene, without the lobe's colour. Black for a lobe of black throughput.
 Vec3 GatherLambertian(const RayRecord& ray, const ShadingPoint& point);
 Vec3 GatherTransmissive(const RayRecord& ray, const ShadingPoint& point);

@@ -21,9 +21,22 @@ float SkyHitWeight(const RayRecord& ray) {
                        LobeDensity(*ray.parentPoint, ray.event, ray.direction), skyLight.sample);
 }
 
+// Whether the samples of the virtual lights can pick the primitive that was hit. The emission lists hold
+// triangles and tetragons by their own Shaders: an Instance does not make virtual lights of what is none.
+bool IsInEmissionLists(const RayRecord& ray) {
+  const auto index = static_cast<std::size_t>(ray.primitive);
+  std::int32_t own = kNone;
+  if (ray.kind == kKindTriangle) own = ray.part->triangles[index].shader;
+  if (ray.kind == kKindTetragon) own = ray.part->tetragons[index].shader;
+  if (own < 0 || static_cast<std::size_t>(own) >= shaders.size()) return false;
+  const Shader& shader = shaders[static_cast<std::size_t>(own)];
+  return ray.frontFace ? shader.frontVirtualLight : shader.backVirtualLight;
+}
+
 // The same for an emitter.
 float EmitterHitWeight(const RayRecord& ray, const ShadingPoint& point) {
-  if (!point.virtualLight || geometryLight.sample <= 0 || BounceCount(ray) == 0) return 1;
+  if (!point.virtualLight || !SamplesEmitters() || BounceCount(ray) == 0) return 1;
+  if (!IsInEmissionLists(ray)) return 1;
   if (ray.event == kEventSpecular || ray.event == kEventSpecularRefraction) {
     const bool diffuse = ray.previousEvent == kEventLambertian || ray.previousEvent == kEventTransmissive;
     if (diffuse && geometryLight.photon == 0) return 1;  // else caustic photons bring it
@@ -32,7 +45,7 @@ float EmitterHitWeight(const RayRecord& ray, const ShadingPoint& point) {
   if (!MeetsLightSamples(ray)) return 0;
   const float cosine = Dot(point.outgoing, point.geometricNormal);
   const float lobe = LobeDensity(*ray.parentPoint, ray.event, ray.direction);
-  if (!(cosine > 0) || !(lobe > 0) || !(geometryLight.area > 0)) return 0;
+  if (!(cosine > 0) || !(lobe > 0)) return 0;
   // From where the lobe was left: thin panes on the way count as nothing.
   const Vec3 way = point.position - ray.parentPoint->position;
   return LobeRayWeight(ray, Dot(way, way) / (cosine * geometryLight.area), lobe, geometryLight.sample);
@@ -78,6 +91,9 @@ Vec3 Emission(const RayRecord& ray, const ShadingPoint& point) {
 }
 
 }  // namespace
+
+// An Object without Parts of its own has empty lists, whatever its Instances hold.
+bool SamplesEmitters() { return geometryLight.sample > 0 && geometryLight.area > 0; }
 
 Vec3 MissRadiance(const RayRecord& ray) {
   if (!IsCameraRay(ray)) {

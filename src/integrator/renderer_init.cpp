@@ -19,6 +19,7 @@ constexpr std::int32_t kMaxDepth = 255;  // RayRecord counts bounces in bytes
 void LimitSettings() {
   settings.rayDepth = std::clamp(settings.rayDepth, 1, kMaxDepth);
   settings.photonDepth = std::clamp(settings.photonDepth, 1, kMaxDepth);
+  settings.rendererSample = std::max(settings.rendererSample, 0);  // it weighs lobes against lights
   settings.rendererBounce = std::max(settings.rendererBounce, 1);
   for (int c = 0; c < 3; ++c)
     if (!(settings.clamp[c] >= 0)) settings.clamp[c] = 0;  // no number at all included
@@ -48,7 +49,7 @@ void InitializeRenderer() {
 
   for (ThreadSlot& slot : threadSlots) slot = {};
   settings.rendererSampleCopy = settings.geometrySampleCopy = settings.rendererSample;
-  PrintIntegerRow("renderer sample", static_cast<std::uint64_t>(std::max(settings.rendererSample, 0)), "n/a");
+  PrintIntegerRow("renderer sample", static_cast<std::uint64_t>(settings.rendererSample), "n/a");
   PrintRule();
 }
 

@@ -97,6 +97,7 @@ bool PickEmitter(bool virtualLights, std::uint32_t i, std::uint32_t n, EmitterPi
     if (pick.shader == kNone) pick.shader = instance.shader;  // the outermost override holds, as in hits
     pick.toWorld = Product(pick.toWorld, instance.matrix);
     pick.normalToWorld = Product(pick.normalToWorld, instance.normalMatrix);
+    pick.place = PlaceInside(pick.place, instance);
     pick.placed = true;
     index = instance.object;
     r = static_cast<double>(RandomBits()) * 0x1p-32;
@@ -171,6 +172,7 @@ void MakeGeometryPhotonRay(RayRecord& ray, std::uint32_t sample) {
   ray.photonStore = front ? shader.frontVirtualLight : shader.backVirtualLight;
   ray.parentShader = pick.shader;
   ray.parentPart = pick.part;
+  ray.parentPlace = pick.place;
   ray.parentKind = pick.kind;
   ray.parentPrimitive = static_cast<std::int32_t>(pick.index);
 }

@@ -134,6 +134,7 @@ struct EmitterPick {
   std::int32_t shader = kNone;  // the primitive's, or that of the Instance that overrides it
   Mat4 toWorld, normalToWorld;  // of all Instances around it
   bool placed = false;          // there are some
+  std::uint64_t place = 0;      // PlaceInside of them
   float weight = 0;             // probability of the pick
 };
 // Draw number i of n stratified ones, from the RootObject's virtual lights or its emitters. False where

@@ -27,12 +27,15 @@ struct SkyState {
 };
 SkyState sky;
 
-Vec3 sunDirection = {1, 2, 1};  // Intended: nothing sets it
+constexpr Vec3 kTowardsSun = {1, 2, 1};  // Intended: nothing sets it
+
+// Made anew each time: a unit vector that is normalised again moves by a bit, and so would a second picture.
+Vec3 SunDirection() { return SafeNormalize(kTowardsSun); }
 
 // Radians above the horizon of the zenith as it was given, of whatever length.
 double SunElevation() {
   return static_cast<double>(kPi) / 2 -
-         std::acos(std::clamp(static_cast<double>(Dot(sunDirection, skyLight.zenith)), -1.0, 1.0));
+         std::acos(std::clamp(static_cast<double>(Dot(SunDirection(), skyLight.zenith)), -1.0, 1.0));
 }
 
 SkyMap LoadSkyMap(const std::string& name) {
@@ -86,7 +89,6 @@ void InitializeSky() {
   ResolveLink(skyLight.link);
   if (!MakeSkyFrame(skyLight.north, skyLight.zenith, sky.frame))
     PrintWarning("sky light - north and zenith must be two directions, defaults take their place");
-  sunDirection = SafeNormalize(sunDirection);
   const double elevation = SunElevation();
   InitializeVolume(globalVolume);
   if (skyLight.photon > 0) sky.powerFactor = 4 * kPi * sceneRadius * sceneRadius;
@@ -94,7 +96,7 @@ void InitializeSky() {
   if (skyLight.image == kAnalyticSky)
     sky.image = BakeSkyModel(MakeSkyModelState(static_cast<double>(skyLight.turbidity),
                                                static_cast<double>(skyLight.albedo), elevation),
-                             sky.frame, sunDirection, skyLight.albedo);
+                             sky.frame, SunDirection(), skyLight.albedo);
   else
     sky.image = LoadSkyMap(skyLight.image);
   if (IsBlack(skyLight.color))

@@ -34,6 +34,7 @@ bool LoadTexture(ImageBuffer& image) {
     if (image.loaded) return true;
   }
   // A file that holds no picture is as good as none.
+  ++missingFiles;
   PrintError("image - " + name + "\tcannot be found");
   PrintRule();
   return false;
