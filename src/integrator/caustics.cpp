@@ -40,6 +40,9 @@ Vec3 GatherCaustics(const RayRecord& ray, const ShadingPoint& point, Event event
   // Transmitted light landed on the other side.
   const Vec3 normal = event == kEventTransmissive ? -point.geometricNormal : point.geometricNormal;
   FindPhotons(point.position, normal, squaredRadius, found);
+  // The guess counted on photons that faced another way.
+  if (found.count < kMostFoundPhotons && squaredRadius < settings.photonRadiusSquared)
+    FindPhotons(point.position, normal, settings.photonRadiusSquared, found);
   if (ray.depth == 0)
     last = {point.position, found.count == kMostFoundPhotons ? found.largestSquared : kFarthest, event};
   if (found.count < 2 || !(found.largestSquared > 0)) return kBlack;

@@ -32,8 +32,13 @@ struct Cast {
   PathSensor sensor;
 };
 
-// Caustic photons of one thread, gathered into the store behind the cast.
-using Landings = std::vector<PhotonRecord>;
+// Caustic photons of one thread, gathered into the store behind the cast in the order of their numbers: no
+// picture depends on which thread cast what.
+struct Landing {
+  std::uint32_t number;
+  PhotonRecord photon;
+};
+using Landings = std::vector<Landing>;
 
 // Without AOVs where nothing asks for light paths. Intended: the first camera's first pose, in perspective.
 PathSensor MakePathSensor() {
@@ -148,8 +153,9 @@ void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings) {
   if (linked && !cast.sensor.aovs.empty()) SplatLightPath(ray, point, cast);
   if (linked && (point.hasLambertian || point.hasTransmissive)) {
     if (IsCaustic(ray, point))
-      landings.push_back({point.position, ray.photonPower * ray.throughput, PackDirection(point.outgoing),
-                          PackDirection(point.geometricNormal)});
+      landings.push_back({ray.sampleNumber,
+                          {point.position, ray.photonPower * ray.throughput, PackDirection(point.outgoing),
+                           PackDirection(point.geometricNormal)}});
     if (point.hasLambertian)
       BounceDiffuse(ray, point, kEventLambertian, point.lambertianColor, cast, landings);
     if (point.hasTransmissive)
@@ -181,6 +187,15 @@ class CastProgress {
   std::int64_t total_, step_, shown_ = -1;
 };
 
+void Store(const std::vector<Landings>& ofThreads) {
+  Landings all;
+  for (const Landings& landings : ofThreads) all.insert(all.end(), landings.begin(), landings.end());
+  std::stable_sort(all.begin(), all.end(),
+                   [](const Landing& a, const Landing& b) { return a.number < b.number; });
+  photonStore.photons.reserve(photonStore.photons.size() + all.size());
+  for (const Landing& landing : all) photonStore.photons.push_back(landing.photon);
+}
+
 // Casts `count` photons, whose sample numbers start at ordinal * count; make(ray, number) starts one.
 template <class MakeRay>
 void CastFrom(std::int64_t count, std::uint32_t ordinal, const Cast& cast, const MakeRay& make) {
@@ -203,8 +218,7 @@ void CastFrom(std::int64_t count, std::uint32_t ordinal, const Cast& cast, const
       BouncePhoton(ray, cast, landings[thread]);
     progress.Report(i);
   }
-  for (const Landings& of : landings)
-    photonStore.photons.insert(photonStore.photons.end(), of.begin(), of.end());
+  Store(landings);
   const double microseconds = std::max(static_cast<double>(WallTicks() - start) / 10, 1.0);
   std::uint64_t rays = 0;
   for (ThreadSlot& slot : threadSlots) rays += slot.rays;
