@@ -162,7 +162,7 @@ def place():
     def instance(name, x, y, z=0.0, turn=0.0, shader=""):
         c, s = math.cos(math.radians(turn)), math.sin(math.radians(turn))
         matrix = [c, -s, 0, x, s, c, 0, y, 0, 0, 1, z, 0, 0, 0, 1]
-        rows.extend(["    instance", f"        object {name}", "        matrix " + " ".join(f"{v:g}" for v in matrix)])
+        rows.extend(["    instance", f"        object {name}", "        matrix " + " ".join(f"{v + 0.0:g}" for v in matrix)])
         if shader:
             rows.append(f'        shader "{shader}"')
         rows.append("    end")
