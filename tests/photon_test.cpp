@@ -319,36 +319,39 @@ TEST_F(Photons, MemoryRowAndLimit) {
 
 // Light, mirror, floor: stored, with the mirror's share. Light, floor and sky, mirror, floor: not.
 TEST_F(Photons, StoreHoldsCausticPathsAlone) {
-  for (const char* source : {"point", "sky", "window"}) {
+  struct Case {
+    const char* name;
+    bool sky, thin, mirrorFirst, stored;
+  };
+  for (const Case& c : {Case{"light, mirror, ceiling", false, false, true, true},
+                        Case{"light, floor, mirror, floor", false, false, false, false},
+                        Case{"light, thin pane, floor: direct light", false, true, false, false},
+                        Case{"sky, mirror, ceiling", true, false, true, false}}) {
     Restart();
     settings.resolution = 0;  // the store is filled in both modes
     const std::int32_t mirror = AddShader("mirror", kBlack, kBlack);
     SurfaceShader& layer = shaders[static_cast<std::size_t>(mirror)].surfaces[0];
     layer[Element::kSpecular].color = kWhite;
     layer[Element::kIor].color = Grey(3);
-    if (source == std::string("window")) layer.material = Material::kThinDielectric;
-    AddPlane(source == std::string("window") ? 0.5f : -1, 1, mirror);  // below the light, or over the floor
-    AddPlane(source == std::string("window") ? 0 : 1, 30, AddShader("floor", Grey(0.5f), kBlack));
-    if (source == std::string("sky")) {
-      skyLight.color = kWhite;
+    if (c.thin) layer.material = Material::kThinDielectric;
+    AddPlane(c.thin ? 0.5f : -1, 1, mirror);
+    if (!c.mirrorFirst && !c.thin) AddPlane(-0.5f, 0.6f, AddShader("shield", kBlack, kBlack));
+    AddPlane(1, 30, AddShader("floor", Grey(0.5f), kBlack));
+    skyLight.color = c.sky ? kWhite : kBlack;
+    if (c.sky)
       skyLight.photon = 20000;
-    } else {
-      AddPointLight({0, 0, source == std::string("window") ? 1.0f : 0.0f}, 20000);
-    }
+    else
+      AddPointLight({}, 20000);
     Initialize();
-    if (source != std::string("point")) {
-      // What only went through thin panes is direct light.
-      EXPECT_EQ(photonStore.photons.size(), source == std::string("sky") ? 0U : photonStore.photons.size());
-      for (const PhotonRecord& photon : photonStore.photons)
-        EXPECT_LT(photon.power.x, 4 * kPi / 20000 * 0.6f);
-      continue;
-    }
-    // The mirror spans 4 pi / 6 of the light's directions, as the side of a cube does.
+    EXPECT_EQ(!photonStore.photons.empty(), c.stored) << c.name;
+    if (!c.stored) continue;
+    // The mirror spans a sixth of all directions, as the side of a cube does.
     Vec3 sum;
     for (const PhotonRecord& photon : photonStore.photons) {
       sum += photon.power;
       EXPECT_NEAR(photon.position.z, 1, 1e-4f);
       EXPECT_LT(Dot(UnpackDirection(photon.normal), Vec3{0, 0, 1}), -0.9f);
+      EXPECT_LT(Dot(UnpackDirection(photon.incoming), Vec3{0, 0, 1}), 0);
     }
     EXPECT_NEAR(static_cast<float>(photonStore.photons.size()), 20000 / 6.0f, 60);
     EXPECT_GT(sum.x, 4 * kPi / 6 * 0.25f);  // at least the reflectance of straight views
@@ -497,6 +500,38 @@ TEST_F(Photons, FinalGatheringAgreesWithPathTracing) {
         EXPECT_NEAR(shown[1][q][c] / shown[0][q][c], 1, 0.03f)
             << name << " quarter " << q << " channel " << c;
   }
+}
+
+// Against many bounces, cells come closer as they shrink and photons grow in number.
+TEST_F(Photons, FinerCellsAndMorePhotonsComeCloser) {
+  struct Case {
+    float resolution;
+    std::int64_t photons;
+  };
+  std::array<Vec3, 4> reference;
+  std::vector<double> errors;
+  for (const Case& c : {Case{0, 0}, Case{4, 300}, Case{1, 3000}, Case{0.01f, 1000000}}) {
+    Restart();
+    AddRoom(1, AddShader("room", Grey(0.7f), kBlack));
+    AddPointLight({0.75f, 0.2f, 0.4f}, c.photons);
+    LookFrom({-0.6f, -0.9f, 0.1f}, {0.5f, 0.9f, -0.2f}, 80);
+    settings.resolution = c.resolution;
+    settings.distance = 0.05f;
+    settings.rendererBounce = c.photons > 0 ? 3 : 20;
+    settings.rayDepth = settings.photonDepth = 20;
+    settings.rendererSample = 1024;
+    Render();
+    if (c.photons == 0) {
+      reference = Quarters();
+      continue;
+    }
+    double squares = 0;
+    for (std::size_t q = 0; q < 4; ++q)
+      squares += std::pow(static_cast<double>(Quarters()[q].x - reference[q].x), 2.0);
+    errors.push_back(std::sqrt(squares));
+  }
+  EXPECT_LT(errors[1], 0.7 * errors[0]);
+  EXPECT_LT(errors[2], 0.7 * errors[1]);
 }
 
 // Drawn photons show what the lights themselves make of the surface, terminator included, and shadows.
