@@ -32,47 +32,13 @@ class DirectLight : public RenderTest {
     settings.rendererSample = 2;
   }
 
-  // Without a light of its own at the next set-up.
-  void TearDown() override {
-    RenderTest::TearDown();
-    pointLights.clear();
-    parallelLights.clear();
-  }
-
-  void Restart() {
-    TearDown();
-    SetUp();
-  }
-
-  static void AddPlane(float z, float half, std::int32_t shader) {
-    AddTetragon(Geometry(),
-                {Vec3{-half, -half, z}, Vec3{half, -half, z}, Vec3{half, half, z}, Vec3{-half, half, z}},
-                shader);
-  }
-
   static void LookDown(float height) {
     LookFrom({0, 0, height}, kBlack, 0.05f);
     for (CameraPose& pose : cameras[0].poses) pose.upVector = {0, 1, 0};
   }
 
-  static PointLight& AddPointLight(Vec3 position, float offset = 0) {
-    PointLight& light = pointLights.emplace_back();
-    light.position = position;
-    light.offset = offset;
-    light.innerAngle = 180;  // in all directions alike; by default a light falls off around +y
-    return light;
-  }
-
-  static Vec3 Mean3(std::size_t aov = 0) {
-    Vec3 sum;
-    const std::size_t count = Pixels(aov).size() / 3;
-    for (std::size_t i = 0; i < count; ++i)
-      for (int c = 0; c < 3; ++c) sum[c] += Pixels(aov)[3 * i + static_cast<std::size_t>(c)];
-    return sum / static_cast<float>(count);
-  }
-
   static void ExpectColor(Vec3 expected, float tolerance, const std::string& what, std::size_t aov = 0) {
-    const Vec3 shown = Mean3(aov);
+    const Vec3 shown = MeanColor(aov);
     for (int c = 0; c < 3; ++c)
       EXPECT_NEAR(shown[c], expected[c], tolerance * std::fabs(expected[c]) + 1e-6f)
           << what << " channel " << c;
@@ -279,7 +245,7 @@ TEST_F(DirectLight, DiffusionSpreadsLight) {
   sun.sample = 4096;
   LookFrom({-0.5f, 0, 3}, kBlack, 0.05f);
   Render();
-  const Vec3 shown = Mean3();
+  const Vec3 shown = MeanColor();
   EXPECT_GT(shown.x, 1.2f * shown.y);
   EXPECT_GT(shown.y, 1.2f * shown.z);
   EXPECT_GT(shown.z, 0);
@@ -328,7 +294,7 @@ TEST_F(DirectLight, SkySamplesDoNotChangeTheMean) {
       cameras[0].width = cameras[0].height = 8;
       cameras[0].sample = 4;
       Render();
-      shown[sampled] = Mean3();
+      shown[sampled] = MeanColor();
       EXPECT_EQ(skyLight.sample, 64) << "the frame's end puts the default back";
       skyLight.image.clear();
     }
@@ -355,7 +321,7 @@ TEST_F(DirectLight, EmitterSamplesDoNotChangeTheMean) {
     settings.rendererSample = 4096;
     LookFrom({1, 0, 0.05f}, {0.02f, 0, 0}, 0.02f);
     Render();
-    shown[sampled] = Mean3();
+    shown[sampled] = MeanColor();
   }
   EXPECT_GT(shown[0].x, 0.01f);
   for (int c = 0; c < 3; ++c) EXPECT_NEAR(shown[1][c] / shown[0][c], 1, 0.02f) << c;
@@ -442,7 +408,7 @@ TEST_F(DirectLight, BouncedLightIsSampledUpToTheLastBounce) {
     Render();
     double expected = 0;
     for (int k = 0; k <= bounces; ++k) expected += std::pow(0.5, k + 1);
-    EXPECT_NEAR(Mean3().x, expected, 0.02 * expected) << bounces;
+    EXPECT_NEAR(MeanColor().x, expected, 0.02 * expected) << bounces;
   }
 }
 
@@ -493,7 +459,7 @@ TEST_F(DirectLight, EmittersOfEveryKindShineWithAndWithoutSamples) {
         AddTetragon(Geometry(), {Vec3{40, 0, 9}, Vec3{40.1f, 0, 9}, Vec3{40.1f, 0.1f, 9}, Vec3{40, 0.1f, 9}},
                     lamp);
       Render();
-      shown[sampled] = Mean3();
+      shown[sampled] = MeanColor();
     }
     EXPECT_GT(shown[0].x, 0.01f) << kind;
     for (int c = 0; c < 3; ++c) EXPECT_NEAR(shown[1][c] / shown[0][c], 1, 0.01f) << kind << " " << c;
@@ -533,7 +499,7 @@ TEST_F(DirectLight, HighlightsStayWhereTheyAreOnDiffusingBodies) {
     light.aovs.emplace_back().channel = kChannelBeauty | kChannelGlossy;
     const std::size_t glossy = AddAov(kChannelGlossy);
     Render();
-    shown[diffusing] = Mean3(glossy);
+    shown[diffusing] = MeanColor(glossy);
   }
   EXPECT_NEAR(shown[0].x, 0.25f, 0.001f);  // Fresnel times pi over 4 pi alpha squared
   EXPECT_NEAR(shown[1].x, shown[0].x, 1e-4f);
@@ -587,7 +553,7 @@ TEST_F(DirectLight, WindowsBringTheSkyIn) {
     settings.rendererSample = 4096;
     LookFrom({1, 0, 0.025f}, {0.02f, 0, 0}, 0.02f);
     Render();
-    shown[kind] = Mean3();
+    shown[kind] = MeanColor();
   }
   EXPECT_GT(shown[0].x, 0.01f);
   for (int c = 0; c < 3; ++c) {

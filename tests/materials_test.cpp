@@ -27,11 +27,6 @@ class Materials : public RenderTest {
     cameras[0].sample = 2;
     settings.rendererSample = 2;
   }
-  void Restart() {
-    TearDown();
-    SetUp();
-  }
-
   static SurfaceShader& Layer(std::int32_t shader) {
     return shaders[static_cast<std::size_t>(shader)].surfaces[0];
   }
@@ -44,16 +39,9 @@ class Materials : public RenderTest {
     return shader;
   }
 
-  // A rectangle in the plane z, facing up.
-  static void AddFloor(float z, float half, std::int32_t shader) {
-    AddTetragon(Geometry(),
-                {Vec3{-half, -half, z}, Vec3{half, -half, z}, Vec3{half, half, z}, Vec3{-half, half, z}},
-                shader);
-  }
-
   // A slab from z = -thickness to 0, its faces outwards.
   static void AddSlab(float thickness, std::int32_t shader) {
-    AddFloor(0, 100, shader);
+    AddPlane(0, 100, shader);
     const float z = -thickness;
     AddTetragon(Geometry(), {Vec3{-100, -100, z}, Vec3{-100, 100, z}, Vec3{100, 100, z}, Vec3{100, -100, z}},
                 shader);
@@ -70,7 +58,7 @@ class Materials : public RenderTest {
     images.push_back(image);
     const std::int32_t ruler = AddShader("ruler", kBlack, kWhite);
     Layer(ruler)[Element::kEmissive].imageName = "ruler";
-    AddFloor(z, 5, ruler);
+    AddPlane(z, 5, ruler);
     Geometry().uvSets[0].values.resize(Geometry().positions.size());
     const std::size_t first = Geometry().positions.size() - 4;
     for (std::size_t i = 0; i < 4; ++i) {
@@ -85,31 +73,23 @@ class Materials : public RenderTest {
     for (CameraPose& pose : cameras[0].poses) pose.upVector = {0, 1, 0};
   }
 
-  static Vec3 Shown() {
-    Vec3 sum;
-    const std::size_t count = Pixels(0).size() / 3;
-    for (std::size_t i = 0; i < count; ++i)
-      for (int c = 0; c < 3; ++c) sum[c] += Pixels(0)[3 * i + static_cast<std::size_t>(c)];
-    return sum / static_cast<float>(count);
-  }
-
-  static float RulerPosition() { return 10 * (Shown().x / Shown().y - 0.5f); }
+  static float RulerPosition() { return 10 * (MeanColor().x / MeanColor().y - 0.5f); }
 };
 
 TEST_F(Materials, MirrorShowsFresnelReflectance) {
   for (float degrees : {0.0f, 45.0f, 80.0f}) {
     Restart();
-    AddFloor(0, 50, AddGlass(Material::kConductor, 2.0f));
+    AddPlane(0, 50, AddGlass(Material::kConductor, 2.0f));
     LookAtOrigin(degrees);
     Render();
-    EXPECT_NEAR(Shown().x, Schlick(2, std::cos(degrees * kDegree)), 1e-4f) << degrees;
+    EXPECT_NEAR(MeanColor().x, Schlick(2, std::cos(degrees * kDegree)), 1e-4f) << degrees;
   }
   // An index of 1 has no reflection at all.
   Restart();
-  AddFloor(0, 50, AddGlass(Material::kConductor, 1.0f));
+  AddPlane(0, 50, AddGlass(Material::kConductor, 1.0f));
   LookAtOrigin(80);
   Render();
-  EXPECT_EQ(Shown().x, 0);
+  EXPECT_EQ(MeanColor().x, 0);
 }
 
 TEST_F(Materials, ThinGlassReflectsASheetAndTransmitsTheRest) {
@@ -117,15 +97,15 @@ TEST_F(Materials, ThinGlassReflectsASheetAndTransmitsTheRest) {
     for (bool reflection : {true, false}) {
       Restart();
       skyLight.color = reflection ? kWhite : kBlack;
-      AddFloor(0, 50, AddGlass(Material::kThinDielectric));
-      AddFloor(-1, 50, AddShader("ground", kBlack, reflection ? kBlack : kWhite));
+      AddPlane(0, 50, AddGlass(Material::kThinDielectric));
+      AddPlane(-1, 50, AddShader("ground", kBlack, reflection ? kBlack : kWhite));
       LookAtOrigin(degrees);
       Render();
       const float f = Schlick(kGlass, std::cos(degrees * kDegree)), sheet = 2 * f / (1 + f);
       if (degrees == 0) {
         EXPECT_NEAR(sheet, 0.0769f, 1e-4f);
       }
-      EXPECT_NEAR(Shown().x, reflection ? sheet : 1 - sheet, 1e-4f) << degrees;
+      EXPECT_NEAR(MeanColor().x, reflection ? sheet : 1 - sheet, 1e-4f) << degrees;
     }
 }
 
@@ -145,7 +125,7 @@ TEST_F(Materials, SlabShiftsTheViewBySnellsLaw) {
     EXPECT_NEAR(RulerPosition(), expected, 0.01f) << degrees;
     const float enter = 1 - Schlick(kGlass, std::cos(degrees * kDegree));
     const float leave = 1 - Schlick(1 / kGlass, std::cos(inside));
-    EXPECT_NEAR(Shown().y, enter * leave, 0.002f) << degrees;
+    EXPECT_NEAR(MeanColor().y, enter * leave, 0.002f) << degrees;
   }
 }
 
@@ -191,7 +171,7 @@ TEST_F(Materials, TotalReflectionKeepsAllLight) {
     Render();
     const float pass = 1 - Schlick(ior, 1);
     const float turned = total ? 1 : Schlick(1 / ior, std::cos(45 * kDegree));
-    EXPECT_NEAR(Shown().x, pass * pass * turned, 0.002f) << ior;
+    EXPECT_NEAR(MeanColor().x, pass * pass * turned, 0.002f) << ior;
   }
 }
 
@@ -203,14 +183,14 @@ TEST_F(Materials, MediaAttenuateByPowersOfTheDistance) {
   globalVolume.transmittance = air;
   const float thickness = 2, above = 5, below = 1.5f;
   AddSlab(thickness, shader);
-  AddFloor(-thickness - below, 50, AddShader("lamp", kBlack, kWhite));
+  AddPlane(-thickness - below, 50, AddShader("lamp", kBlack, kWhite));
   LookAtOrigin(0, above);
   settings.rayDepth = 3;
   Render();
   const float surfaces = 0.96f * 0.96f;
   for (int c = 0; c < 3; ++c) {
     const float expected = surfaces * std::pow(glass[c], thickness) * std::pow(air[c], above + below);
-    EXPECT_NEAR(Shown()[c], expected, 0.002f * expected) << c;
+    EXPECT_NEAR(MeanColor()[c], expected, 0.002f * expected) << c;
   }
 }
 
@@ -220,7 +200,7 @@ TEST_F(Materials, BehindGlassItIsOpenAgain) {
     Restart();
     skyLight.color = kBlack;
     AddSlab(1, AddGlass(Material::kDielectric, ior));
-    AddFloor(-3, 50, AddShader("ground", Grey(0.5f), kBlack));
+    AddPlane(-3, 50, AddShader("ground", Grey(0.5f), kBlack));
     PointLight& light = pointLights.emplace_back();
     light.position = {0, 0, -2};
     light.offset = 0;
@@ -229,7 +209,7 @@ TEST_F(Materials, BehindGlassItIsOpenAgain) {
     settings.rayDepth = 3;
     Render();
     const float pass = 1 - Schlick(ior, 1);
-    EXPECT_NEAR(Shown().x, 0.5f * pass * pass, 0.001f) << ior;
+    EXPECT_NEAR(MeanColor().x, 0.5f * pass * pass, 0.001f) << ior;
     pointLights.clear();
   }
 }
@@ -243,12 +223,12 @@ TEST_F(Materials, LayersMixInProportionToTheirWeights) {
   const Vec3 weights = {0.5f, 0.3f, 1.2f};
   for (int i = 0; i < 3; ++i)
     surfaces[static_cast<std::size_t>(i)][Element::kWeight].color = Grey(weights[i]);
-  AddFloor(0, 50, shader);
+  AddPlane(0, 50, shader);
   LookAtOrigin(0);
   cameras[0].width = cameras[0].height = 32;
   cameras[0].sample = 32;
   Render();
-  for (int c = 0; c < 3; ++c) EXPECT_NEAR(Shown()[c], weights[c] / 2, 0.01f) << c;
+  for (int c = 0; c < 3; ++c) EXPECT_NEAR(MeanColor()[c], weights[c] / 2, 0.01f) << c;
 }
 
 // No body that only reflects or refracts shows more than the white sky around it.
@@ -333,13 +313,13 @@ TEST_F(Materials, GlossySurfacesGainNothingFromSkySamples) {
     Layer(shader)[Element::kGlossy].color = kWhite;
     Layer(shader)[Element::kRoughness].color = Grey(c.roughness);
     Layer(shader)[Element::kAnisotropy].color = Grey(c.anisotropy);
-    AddFloor(0, 1000, shader);
+    AddPlane(0, 1000, shader);
     LookAtOrigin(c.degrees);
     cameras[0].width = cameras[0].height = 16;
     Render();
     skyLight.image.clear();
-    EXPECT_LT(Shown().x, 1.002f) << c.roughness << " " << c.degrees;
-    EXPECT_GT(Shown().x, c.least) << c.roughness << " " << c.degrees;
+    EXPECT_LT(MeanColor().x, 1.002f) << c.roughness << " " << c.degrees;
+    EXPECT_GT(MeanColor().x, c.least) << c.roughness << " " << c.degrees;
   }
 }
 
@@ -363,7 +343,7 @@ TEST_F(Materials, AnisotropyStretchesAlongTheFrameAndAngleTurnsIt) {
       Layer(shader)[Element::kRoughness].color = Grey(alpha);
       Layer(shader)[Element::kAnisotropy].color = Grey(1 - stretch);
       Layer(shader)[Element::kAngle].color = Grey(turns);
-      AddFloor(0, 50, shader);
+      AddPlane(0, 50, shader);
       Geometry().tangents.assign(4, Pack({1, 0, 0}));
       ParallelLight& light = parallelLights.emplace_back();
       const float sine = std::sin(tilt * kDegree);
@@ -375,7 +355,7 @@ TEST_F(Materials, AnisotropyStretchesAlongTheFrameAndAngleTurnsIt) {
       const bool acrossTangent = alongX == (turns == 0);
       const float width = acrossTangent ? alpha * stretch : alpha / stretch;
       const float expected = kPi * ward(width, alpha * alpha) * std::cos(tilt * kDegree) * fresnel;
-      EXPECT_NEAR(Shown().x, expected, 0.02f * expected) << turns << alongX;
+      EXPECT_NEAR(MeanColor().x, expected, 0.02f * expected) << turns << alongX;
     }
 }
 
@@ -394,7 +374,7 @@ TEST_F(Materials, NormalMapsBendMirrors) {
       images.push_back(image);
       const std::int32_t mirror = AddGlass(Material::kConductor, 1e6f);
       Layer(mirror)[Element::kNormal].imageName = "slope";
-      AddFloor(0, 1, mirror);
+      AddPlane(0, 1, mirror);
       if (triangles) {
         Geometry().tetragons.clear();
         Geometry().triangles = {{{0, 1, 2}, mirror}, {{0, 2, 3}, mirror}};
@@ -422,7 +402,7 @@ TEST_F(Materials, EveryAovOfAPointWithEveryLayer) {
     Layer(shader)[Element::kRoughness].color = Grey(0.3f);
     Layer(shader)[Element::kIor].color = Grey(1.8f);
     Part& part = Geometry();
-    AddFloor(0, 50, shader);
+    AddPlane(0, 50, shader);
     if (triangles) {
       part.tetragons.clear();
       part.triangles = {{{0, 1, 2}, shader}, {{0, 2, 3}, shader}};
@@ -475,7 +455,7 @@ TEST_F(Materials, EveryAovOfAPointWithEveryLayer) {
       EXPECT_GT(mean(lobe).y, 1e-3f);
     }
     for (int c = 0; c < 3; ++c) {
-      EXPECT_NEAR(sum[c], Shown()[c], 1e-4f * Shown()[c]);
+      EXPECT_NEAR(sum[c], MeanColor()[c], 1e-4f * MeanColor()[c]);
       for (std::size_t i = 0; i < aovs.size(); ++i)
         EXPECT_NEAR(mean(aovs[i])[c], rows[i].expected[c], 2e-3f) << rows[i].channel << " " << rows[i].data;
     }

@@ -154,37 +154,12 @@ class Photons : public RenderTest {
     settings.distance = 0.1f;
     settings.resolution = 0.01f;
   }
-  void TearDown() override {
-    RenderTest::TearDown();
-    pointLights.clear();
-    parallelLights.clear();
-  }
-  void Restart() {
-    TearDown();
-    SetUp();
-  }
-
-  static void AddPlane(float z, float half, std::int32_t shader) {
-    AddTetragon(Geometry(),
-                {Vec3{-half, -half, z}, Vec3{half, -half, z}, Vec3{half, half, z}, Vec3{-half, half, z}},
-                shader);
-  }
-
   // As AddCube, faces inwards.
   static void AddRoom(float half, std::int32_t shader) {
     const std::size_t first = Geometry().tetragons.size();
     AddCube(Geometry(), half, shader);
     for (std::size_t i = first; i < Geometry().tetragons.size(); ++i)
       std::swap(Geometry().tetragons[i].vertex[1], Geometry().tetragons[i].vertex[3]);
-  }
-
-  static PointLight& AddPointLight(Vec3 position, std::int64_t photons) {
-    PointLight& light = pointLights.emplace_back();
-    light.position = position;
-    light.offset = 0;
-    light.innerAngle = 180;
-    light.photon = photons;
-    return light;
   }
 
   // Density times area over all cells: power that left the surfaces.
@@ -225,7 +200,7 @@ TEST_F(Photons, CellsHoldThePowerThatLanded) {
   settings.photonDepth = 1;  // the first landing, and one more
   // A point light in a closed room: all of its 4 pi color lands, and lands again.
   AddRoom(1, AddShader("room", albedo, kBlack));
-  AddPointLight({0.2f, -0.3f, 0.1f}, 50000).color = {1, 2, 3};
+  AddPointLight({0.2f, -0.3f, 0.1f}, 0, 50000).color = {1, 2, 3};
   Initialize();
   const Vec3 power = 4 * kPi * Vec3{1, 2, 3};
   for (int c = 0; c < 3; ++c) {
@@ -341,7 +316,7 @@ TEST_F(Photons, StoreHoldsCausticPathsAlone) {
     if (c.sky)
       skyLight.photon = 20000;
     else
-      AddPointLight({}, 20000);
+      AddPointLight({}, 0, 20000);
     Initialize();
     EXPECT_EQ(!photonStore.photons.empty(), c.stored) << c.name;
     if (!c.stored) continue;
@@ -461,7 +436,7 @@ TEST_F(Photons, FinalGatheringAgreesWithPathTracing) {
         shaders[static_cast<std::size_t>(lamp)].surfaces[0].sideness = Sideness::kFace;
         geometryLight.photon = 400000;
       } else if (name == "point") {
-        AddPointLight({0.3f, 0.2f, 0.4f}, 400000);
+        AddPointLight({0.3f, 0.2f, 0.4f}, 0, 400000);
       } else {
         // The ceiling has a hole: four strips around it.
         Geometry().tetragons.erase(Geometry().tetragons.begin() + 5);
@@ -513,7 +488,7 @@ TEST_F(Photons, FinerCellsAndMorePhotonsComeCloser) {
   for (const Case& c : {Case{0, 0}, Case{4, 300}, Case{1, 3000}, Case{0.01f, 1000000}}) {
     Restart();
     AddRoom(1, AddShader("room", Grey(0.7f), kBlack));
-    AddPointLight({0.75f, 0.2f, 0.4f}, c.photons);
+    AddPointLight({0.75f, 0.2f, 0.4f}, 0, c.photons);
     LookFrom({-0.6f, -0.9f, 0.1f}, {0.5f, 0.9f, -0.2f}, 80);
     settings.resolution = c.resolution;
     settings.distance = 0.05f;
@@ -545,7 +520,7 @@ TEST_F(Photons, FirstLandingsDrawDirectLight) {
                 {Vec3{0, -0.5f, 0.3f}, Vec3{0.5f, -0.5f, 0.3f}, Vec3{0.5f, 0.5f, 0.3f}, Vec3{0, 0.5f, 0.3f}},
                 AddShader("shade", kBlack, kBlack));
     AddPlane(-2, 3, AddShader("base", kBlack, kBlack));  // so large that the light is inside of the scene
-    AddPointLight({0.2f, 0.1f, 1.5f}, 4000000).offset = offset;
+    AddPointLight({0.2f, 0.1f, 1.5f}, 0, 4000000).offset = offset;
     LookFrom({-1.5f, -2, 1.8f}, kBlack, 50);
     cameras[0].sample = 64;
     const std::size_t paths = AddAov(kChannelLightPath);
@@ -563,7 +538,7 @@ TEST_F(Photons, SeedRepeatsAGatheredPictureOnOneThread) {
     Restart();
     omp_set_num_threads(1);
     AddRoom(1, AddShader("room", Grey(0.6f), kBlack));
-    AddPointLight({0.3f, 0.2f, 0.4f}, 20000);
+    AddPointLight({0.3f, 0.2f, 0.4f}, 0, 20000);
     LookFrom({-0.6f, -0.9f, 0.1f}, {0.5f, 0.9f, -0.2f}, 80);
     Render();
     picture = Pixels(0);

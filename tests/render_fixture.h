@@ -82,8 +82,8 @@ inline void AddSphere(Part& part, int levels, bool smooth, std::int32_t shader) 
   }
 }
 
-// One Object with one Part, a white sky, path tracing, a camera of 16 by 16 pixels and 4 passes, seed 1. Nothing is
-// written.
+// One Object with one Part, a white sky, path tracing, a camera of 16 by 16 pixels and 4 passes, seed 1.
+// Nothing is written.
 class RenderTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -123,6 +123,23 @@ class RenderTest : public testing::Test {
     }
   }
 
+  // A square in the plane z, facing up.
+  static void AddPlane(float z, float half, std::int32_t shader) {
+    AddTetragon(Geometry(),
+                {Vec3{-half, -half, z}, Vec3{half, -half, z}, Vec3{half, half, z}, Vec3{-half, half, z}},
+                shader);
+  }
+
+  // It shines in all directions alike; by default a light falls off around +y.
+  static PointLight& AddPointLight(Vec3 position, float offset = 0, std::int64_t photons = 0) {
+    PointLight& light = pointLights.emplace_back();
+    light.position = position;
+    light.offset = offset;
+    light.innerAngle = 180;
+    light.photon = photons;
+    return light;
+  }
+
   static std::size_t AddAov(std::uint32_t channel, const char* userData = "undefined") {
     cameras[0].aovs.emplace_back();
     cameras[0].aovs.back().channel = channel;
@@ -136,6 +153,19 @@ class RenderTest : public testing::Test {
     double sum = 0;
     for (float value : Pixels(aov)) sum += static_cast<double>(value);
     return static_cast<float>(sum / static_cast<double>(Pixels(aov).size()));
+  }
+
+  static Vec3 MeanColor(std::size_t aov = 0) {
+    Vec3 sum;
+    const std::size_t count = Pixels(aov).size() / 3;
+    for (std::size_t i = 0; i < count; ++i)
+      for (int c = 0; c < 3; ++c) sum[c] += Pixels(aov)[3 * i + static_cast<std::size_t>(c)];
+    return sum / static_cast<float>(count);
+  }
+
+  void Restart() {
+    TearDown();
+    SetUp();
   }
 
   static void Render() {
