@@ -263,7 +263,7 @@ def curtain():
     """One length of cloth along x from 0, gathered at the top; folds deepen downwards and wander."""
     model = Model()
     model.shader("curtain")
-    columns, rows, length, high = 200, 12, 1.5, 3.2
+    columns, rows, length, high = 200, 8, 1.5, 3.2
 
     def at(u, v):
         x = length * u + 0.02 * math.sin(9 * u + 1) * (1 - v)
@@ -314,11 +314,11 @@ def bench():
         return math.copysign(abs(value) ** exponent, value)
 
     points, normals = [], []
-    for k in range(97):
-        a = 2 * math.pi * (k % 96) / 96
+    for k in range(65):
+        a = 2 * math.pi * (k % 64) / 64
         row, bend = [], []
-        for i in range(17):
-            b = math.radians(-90 + 180 * i / 16)
+        for i in range(13):
+            b = math.radians(-90 + 180 * i / 12)
             c, s = power(max(math.cos(b), 0), 0.22), power(math.sin(b), 0.5)
             x, y = power(math.cos(a), 0.12), power(math.sin(a), 0.12)
             row.append((0.8 * c * x, 0.23 * c * y, 0.45 + 0.055 * s))
@@ -372,7 +372,7 @@ def knot():
     """A (2, 5) torus knot that lies on its ring, its lowest point at z = 0."""
     model = Model()
     model.shader("gold")
-    around, across, tube = 220, 14, 0.032
+    around, across, tube = 200, 12, 0.032
 
     def center(t):
         r = 0.19 + 0.075 * math.cos(5 * t)
@@ -402,7 +402,7 @@ def twist():
     """Marble: three lobes that turn as they rise, swell and close."""
     model = Model()
     model.shader("marble")
-    around, high = 72, 56
+    around, high = 60, 44
 
     def at(a, v):
         r = 0.012 + 0.185 * (math.sin(math.pi * min(0.16 + 0.84 * v, 1)) ** 0.75) * (1 - 0.35 * v)
@@ -430,7 +430,7 @@ def vase():
     inner = smooth([(0.066, 0.662), (0.053, 0.6), (0.08, 0.53), (0.12, 0.48)], 4)
     model = Model()
     model.shader("glaze")
-    model.lathe([outer + arc((0.0705, 0.661), 0.0045, 20, 160, 4) + inner], 64)
+    model.lathe([outer + arc((0.0705, 0.661), 0.0045, 20, 160, 4) + inner], 44)
     model.write(MODEL / "vase.obj")
 
 
@@ -441,8 +441,8 @@ def pebbles():
     z = 0.0
     for radius, half in ((0.21, 0.12), (0.155, 0.095), (0.1, 0.075)):
         profile = [(radius * math.cos(math.radians(a)), z + half + half * math.sin(math.radians(a)))
-                   for a in [-89.5 + 179 * i / 28 for i in range(29)]]
-        model.lathe([profile], 64)
+                   for a in [-89.5 + 179 * i / 18 for i in range(19)]]
+        model.lathe([profile], 48)
         z += 2 * half - 0.004
     model.write(MODEL / "pebbles.obj")
 
