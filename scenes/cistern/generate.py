@@ -21,6 +21,8 @@ RIM = 0.74       # radius of the opening in the middle vault
 ROOF = 2.78
 HALF = 1.5 * BAY
 TOP = 0.55       # of the stone block
+PIT = (-0.82, -2.75, 0.78, -0.6)  # the basin: left, near, right, far
+DEEP = -1.0                       # its bottom
 
 
 class Placed(Model):
@@ -60,10 +62,18 @@ def vault(model, opening):
 
 
 def shell():
-    """Floor, walls, vaults and the shaft of the opening."""
+    """Floor and basin, walls, vaults and the shaft of the opening."""
     model = Placed()
     model.shader("floor")
-    model.face([(-HALF, -HALF, 0), (HALF, -HALF, 0), (HALF, HALF, 0), (-HALF, HALF, 0)])
+    left, near, right, far = PIT
+    for x0, y0, x1, y1 in ((-HALF, -HALF, HALF, near), (-HALF, far, HALF, HALF),
+                           (-HALF, near, left, far), (right, near, HALF, far)):
+        model.face([(x0, y0, 0), (x1, y0, 0), (x1, y1, 0), (x0, y1, 0)])
+    model.shader("basin")
+    rim = [(left, near), (right, near), (right, far), (left, far)]
+    model.face([(*p, DEEP) for p in rim])
+    for a, b in zip(rim, rim[1:] + rim[:1]):
+        model.face([(*b, DEEP), (*a, DEEP), (*a, 0), (*b, 0)])
     model.shader("wall")
     top = SPRING + BAY / 2 + 0.02
     corners = [(-HALF, -HALF), (HALF, -HALF), (HALF, HALF), (-HALF, HALF)]
@@ -78,7 +88,7 @@ def shell():
             vault(model, RIM if i == j == 0 else 0.0)
     model.at = (0, 0, 0)
     low = SPRING + math.sqrt(1 - RIM * RIM / 2) - 0.02
-    model.shader("stone")
+    model.shader("slate")  # dark: a sunlit shaft would be a small bright lamp of its own
     model.lathe([[(RIM, ROOF), (RIM, low)], [(RIM, low), (RIM + 0.1, low)], [(RIM + 0.1, low), (RIM + 0.1, ROOF)]], 48)
     model.write(FOLDER / "shell.obj")
 
@@ -101,7 +111,7 @@ def roof():
         a, b = 2 * math.pi * i / steps, 2 * math.pi * (i + 1) / steps
         model.face([ring(a), square(a), square(b)])
         model.face([ring(a), square(b), ring(b)])
-    model.box((-side, -side, -0.02), (side, side, ROOF), "+z")
+    model.box((-side, -side, DEEP - 0.02), (side, side, ROOF), "+z")
     model.write(FOLDER / "roof.obj")
 
 
@@ -133,12 +143,11 @@ def columns():
 
 
 def block():
-    """The stone that stands half in the sun. Dark above, so that caustics show; the floor beside it is pale."""
+    """The pier that stands in the basin, half in the sun. Dark above, so that caustics show."""
     model = Model()
     model.shader("slate")
     model.box((-0.36, -1.40, TOP - 0.06), (0.54, -0.72, TOP))
-    model.shader("stone")
-    model.box((-0.32, -1.36, 0), (0.50, -0.76, TOP - 0.06), "-z +z")
+    model.box((-0.32, -1.36, DEEP), (0.50, -0.76, TOP - 0.06), "-z +z")
     model.write(FOLDER / "block.obj")
 
 
@@ -169,14 +178,15 @@ def ring():
 
 
 def pots():
-    """Fired clay: two on the floor, a small one on the stone."""
+    """Fired clay: two on the floor, a small dark one on the stone."""
     profile = [smooth([(0.01, 0.0), (0.1, 0.0), (0.12, 0.02), (0.2, 0.2), (0.21, 0.32), (0.15, 0.46), (0.1, 0.52),
                        (0.1, 0.57), (0.135, 0.61)], 4)
                + smooth([(0.12, 0.61), (0.085, 0.57), (0.085, 0.51), (0.13, 0.44), (0.19, 0.32), (0.18, 0.2),
                          (0.1, 0.03), (0.01, 0.02)], 3)]
     model = Placed()
-    model.shader("clay")
-    for x, y, z, size in ((1.0, 0.1, 0, 1.15), (1.35, 0.45, 0, 0.85), (0.42, -0.84, TOP + 0.001, 0.34)):
+    for x, y, z, size, shader in ((1.0, 0.1, 0, 1.15, "clay"), (1.35, 0.45, 0, 0.85, "clay"),
+                                  (0.42, -0.84, TOP + 0.001, 0.34, "slate")):
+        model.shader(shader)
         model.at = (x, y, z)
         model.lathe([[(r * size, h * size) for r, h in run] for run in profile], 32)
     model.write(FOLDER / "pots.obj")
