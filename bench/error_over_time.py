@@ -1,15 +1,16 @@
 #!/usr/bin/env python3
 """Error over time of the two modes on one scene, against a converged path-traced reference.
 
-    bench/error_over_time.py [--program FILE] [--scene FOLDER] [--reference FILE] [--output FOLDER] [--seeds N]
+    bench/error_over_time.py [--program FILE] [--scene FOLDER] [--references FOLDER] [--output FOLDER]
 
-Renders the reference unless its file exists, then both modes with growing numbers of passes; prints a Markdown table
+Renders the two halves of the reference unless their files exist, then both modes with growing numbers of passes; prints a Markdown table
 and writes error-over-time.svg. Standard library only.
 
 A point is one whole run of the program, its photon cast included. Time is the processor time of all its threads, for
 that hardly depends on what else the machine does. The error is the root of the mean squared relative difference,
 (value - reference)^2 / (reference^2 + 0.01^2), over pixels and channels; values are clipped to 4 first, which touches
-highlights and fireflies alone. The diffuse part leaves out the rectangle with the glass, the mirror and their
+highlights and fireflies alone. The reference is the mean of two renders of other seeds; the noise that it still has,
+by the difference of the two, is taken off the mean square. The diffuse part leaves out the rectangle with the glass, the mirror and their
 caustics. Both modes gather the same caustic photons, so a bias of these shows in neither.
 """
 
@@ -24,15 +25,15 @@ import tempfile
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
-WIDTH, HEIGHT = 240, 135
+WIDTH, HEIGHT = 128, 72
 CLIP, FLOOR = 4.0, 0.01
 OBJECTS = (0.29, 0.58, 0.73, 1.0)  # of the picture: left, top, right, bottom
 MODES = {
     "final gathering": {},
-    "path tracing": {"bounce": 8, "ray_depth": 10, "distance": 0, "resolution": 0},
+    "path tracing": {"bounce": 16, "ray_depth": 18, "distance": 0, "resolution": 0},
 }
 COLORS = {"final gathering": "#c2541b", "path tracing": "#24598f"}
-PASSES = [2, 4, 8, 16, 32, 64, 128]
+PASSES = [4, 8, 16, 32, 64, 128]
 RAYS_PER_PASS = 4
 
 
@@ -73,8 +74,8 @@ def render(program, scene, values, passes, seed, output):
     return after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime
 
 
-def relative_errors(picture, reference):
-    """Of the whole picture, and of its diffuse part."""
+def square_sums(a, b, reference):
+    """Means of the squared relative difference of two pictures: of all, and of the diffuse part."""
     whole = diffuse = 0.0
     count = 0
     left, top, right, bottom = (f * size for f, size in zip(OBJECTS, (WIDTH, HEIGHT) * 2))
@@ -84,11 +85,11 @@ def relative_errors(picture, reference):
             outside = not (left <= x < right and top <= y < bottom)
             count += 3 * outside
             for i in range(3 * (row * WIDTH + x), 3 * (row * WIDTH + x) + 3):
-                value, truth = min(picture[i], CLIP), min(reference[i], CLIP)
-                error = (value - truth) ** 2 / (truth * truth + FLOOR * FLOOR)
+                truth = reference[i]
+                error = (min(a[i], CLIP) - min(b[i], CLIP)) ** 2 / (truth * truth + FLOOR * FLOOR)
                 whole += error
                 diffuse += error * outside
-    return math.sqrt(whole / (3 * WIDTH * HEIGHT)), math.sqrt(diffuse / count)
+    return whole / (3 * WIDTH * HEIGHT), diffuse / count
 
 
 def mean(pixels):
@@ -144,14 +145,20 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--program", type=Path, default=ROOT / "build/release/zephlore")
     parser.add_argument("--scene", type=Path, default=ROOT / "scenes/cistern")
-    parser.add_argument("--reference", type=Path, default=ROOT / "build/error-reference.pfm")
-    parser.add_argument("--reference-passes", type=int, default=2048)
+    parser.add_argument("--references", type=Path, default=ROOT / "build")
+    parser.add_argument("--reference-passes", type=int, default=1024)
     parser.add_argument("--output", type=Path, default=ROOT / "docs")
     parser.add_argument("--passes", type=int, nargs="+", default=PASSES)
     options = parser.parse_args()
-    if not options.reference.exists():
-        render(options.program, options.scene, MODES["path tracing"], options.reference_passes, 77, options.reference)
-    reference = read_pfm(options.reference)
+    halves = []
+    for seed in (77, 78):
+        path = options.references / f"error-reference-{seed}.pfm"
+        if not path.exists():
+            render(options.program, options.scene, MODES["path tracing"], options.reference_passes, seed, path)
+        halves.append(read_pfm(path))
+    reference = [0.5 * (min(a, CLIP) + min(b, CLIP)) for a, b in zip(*halves)]
+    noise = [0.25 * square for square in square_sums(*halves, reference)]
+    print("noise of the reference:", " and ".join(f"{100 * math.sqrt(n):.2f} %" for n in noise), "of the parts below\n")
 
     curves = {mode: [] for mode in MODES}
     print("| Mode | Passes | Processor s | Error, whole | Error, diffuse part | Mean / reference's |\n|---|---|---|---|---|---|")
@@ -161,7 +168,8 @@ def main():
                 output = Path(folder) / "picture.pfm"
                 seconds = render(options.program, options.scene, values, passes, 1, output)
                 picture = read_pfm(output)
-            whole, diffuse = relative_errors(picture, reference)
+            squares = square_sums(picture, reference, reference)
+            whole, diffuse = (math.sqrt(max(s - n, 1e-8)) for s, n in zip(squares, noise))
             curves[mode].append((seconds, diffuse))
             print(f"| {mode} | {passes} | {seconds:.1f} | {100 * whole:.2f} % | {100 * diffuse:.2f} % | "
                   f"{mean(picture) / mean(reference):.4f} |", flush=True)
