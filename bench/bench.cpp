@@ -1,5 +1,5 @@
-// zp_bench: tree construction, nearest hits and OBJ loading, beside Embree where it is installed.
-// docs/benchmarks.md says how to read what it prints.
+// zp_bench: tree construction, nearest hits and OBJ loading, beside Embree where it is installed; the photon
+// store. docs/benchmarks.md says how to read what it prints.
 
 #include <benchmark/benchmark.h>
 #include <omp.h>
@@ -21,6 +21,7 @@
 #include "frame/frame.h"
 #include "geometry/geometry.h"
 #include "meshes.h"
+#include "photons.h"
 #include "rays.h"
 #include "results.h"
 #include "shading/shading.h"
@@ -46,6 +47,10 @@ constexpr RayCase kRayCases[] = {
 };
 
 constexpr double kMillion = 1e6;
+
+constexpr std::size_t kPhotons = 2'000'000;
+constexpr float kGatherRadius = 0.004f;   // of a unit square: some 40 photons where they are spread evenly
+constexpr std::size_t kGatherStride = 4;  // photons from one gather to the next
 
 // The cases point into these, so places must not move.
 std::deque<MeshSource> meshes;
@@ -268,6 +273,29 @@ void MeasureLoad(benchmark::State& state, const MeshSource& mesh, bool plain, Ca
   }
 }
 
+// Made once; the store is built of copies.
+const std::vector<PhotonRecord>& Photons() {
+  static const std::vector<PhotonRecord> photons = MakePhotons(kPhotons);
+  return photons;
+}
+
+void MeasureStore(benchmark::State& state, CaseResult& result) {
+  const int oldThreads = omp_get_max_threads();
+  omp_set_num_threads(result.threads);
+  result.amount = static_cast<double>(kPhotons) / kMillion;
+  if (result.ours.empty()) TimeStore(Photons(), kGatherRadius);
+  Sample(state, result, result.ours, [] { return TimeStore(Photons(), kGatherRadius); });
+  omp_set_num_threads(oldThreads);
+}
+
+void MeasureGathers(benchmark::State& state, CaseResult& result) {
+  if (photonStore.photons.size() != kPhotons) TimeStore(Photons(), kGatherRadius);
+  result.amount = static_cast<double>(kPhotons / kGatherStride) / kMillion;
+  const auto measure = [&result] { return TimeGathers(kGatherRadius, kGatherStride, result.threads); };
+  if (result.ours.empty()) measure();
+  Sample(state, result, result.ours, measure);
+}
+
 template <class F>
 void Register(const std::string& name, F measure) {
   benchmark::RegisterBenchmark(name.c_str(), measure)
@@ -304,6 +332,18 @@ void RegisterMesh(const MeshSource& mesh) {
                    [&mesh, &rayCase](benchmark::State& s, Side side, CaseResult& r) {
                      MeasureRays(s, mesh, rayCase, side, r);
                    });
+}
+
+// The store of caustic photons: its construction, and gathers of the nearest 32.
+void RegisterPhotons() {
+  std::vector<int> threadCounts = {1};
+  if (AllThreads() > 1) threadCounts.push_back(AllThreads());
+  for (const int threads : threadCounts)
+    RegisterCase("photons/store", "M/s", threads, false, "",
+                 [](benchmark::State& s, Side, CaseResult& r) { MeasureStore(s, r); });
+  for (const int threads : threadCounts)
+    RegisterCase("photons/gather", "M/s", threads, false, "",
+                 [](benchmark::State& s, Side, CaseResult& r) { MeasureGathers(s, r); });
 }
 
 void PrintMemory() {
@@ -381,6 +421,8 @@ int Main(int argc, char** argv) {
                    MeasureLoad(s, mesh, side == Side::kEmbree, r);
                  });
 
+  RegisterPhotons();
+
   SetConsoleQuiet(true);
   Startup(1);
   InitializeShaders();  // shadow rays ask which surfaces are opaque
@@ -388,6 +430,7 @@ int Main(int argc, char** argv) {
   benchmark::RunSpecifiedBenchmarks();
   CloseEmbree();
   LeaveMesh();
+  EmptyPhotonStore();
 
   std::vector<CaseResult> measured;
   for (const CaseResult& r : results)
