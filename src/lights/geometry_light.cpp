@@ -26,7 +26,7 @@ void InitializeGeometryLight() {
     const Object& object = objectTable[root];
     geometryLight.area = object.virtualLights.area;
     emitterArea = object.emitters.area;
-    emits = !object.emitters.records.empty();
+    emits = emitterArea > 0;  // Instances of what does not emit are records too
   }
   if (geometryLight.photon > 0) {
     if (!emits) {
