@@ -52,12 +52,12 @@ SmoothAngle MakeSmoothAngle(float degrees) {
   return angle;
 }
 
+// For unit vectors or zero, of which it does not matter whether they count.
 bool IsWithin(const SmoothAngle& angle, Vec3 a, Vec3 b) {
-  if (a == b) return true;
-  const float cosine = std::clamp(Dot(a, b), -1.0f, 1.0f);
+  const float cosine = Dot(a, b);
   if (cosine > angle.surelyWithin) return true;
-  if (cosine < angle.surelyBeyond) return false;
-  return std::acos(cosine) < angle.radians;
+  if (cosine < angle.surelyBeyond) return angle.surelyBeyond > 1 && a == b;
+  return a == b || std::acos(std::clamp(cosine, -1.0f, 1.0f)) < angle.radians;
 }
 
 // The value of a vertex; nothing stands for what an array lacks.
@@ -136,24 +136,29 @@ std::vector<std::uint32_t> FindGroups(const std::vector<Vec3>& positions) {
   return groups;
 }
 
-// Of the corners p0, p1, p2. Along the change of u where the uvs tell it, else across the normal.
-FaceVectors MakeFaceVectors(const Part& part, const std::uint32_t* vertex) {
+// The direction in which u grows and v does not; false where the uvs do not tell. `e1` and `e2` lead from the
+// first corner to the others.
+bool FindUvTangent(const std::vector<Vec2>& uvs, const std::uint32_t* vertex, Vec3 e1, Vec3 e2,
+                   Vec3& tangent) {
   constexpr float kNoDifference = 1e-8f;
+  if (std::max({vertex[0], vertex[1], vertex[2]}) >= uvs.size()) return false;
+  const Vec2 uv0 = uvs[vertex[0]], uv1 = uvs[vertex[1]], uv2 = uvs[vertex[2]];
+  const float du1 = uv1.x - uv0.x, dv1 = uv1.y - uv0.y, du2 = uv2.x - uv0.x, dv2 = uv2.y - uv0.y;
+  const auto isNone = [](float difference) { return std::fabs(difference) < kNoDifference; };
+  if (isNone(du1) && isNone(dv1) && isNone(du2) && isNone(dv2)) return false;
+  tangent = UnitVector(dv2 * e1 - dv1 * e2);
+  return IsFinite(tangent);
+}
+
+// Of the first three corners.
+FaceVectors MakeFaceVectors(const Part& part, const std::uint32_t* vertex) {
   const Vec3 p0 = part.positions[vertex[0]];
   const Vec3 e1 = part.positions[vertex[1]] - p0, e2 = part.positions[vertex[2]] - p0;
   FaceVectors face;
   face.normal = UnitVector(Cross(e1, e2));
   if (!IsFinite(face.normal)) face.normal = {};
-  face.tangent = Cross(UnitPerpendicular(face.normal), face.normal);
-  if (part.uvSets.empty()) return face;
-  const auto& uvs = part.uvSets.front().values;
-  if (std::max({vertex[0], vertex[1], vertex[2]}) >= uvs.size()) return face;
-  const Vec2 uv0 = uvs[vertex[0]], uv1 = uvs[vertex[1]], uv2 = uvs[vertex[2]];
-  const float du1 = uv1.x - uv0.x, dv1 = uv1.y - uv0.y, du2 = uv2.x - uv0.x, dv2 = uv2.y - uv0.y;
-  const auto isNone = [](float difference) { return std::fabs(difference) < kNoDifference; };
-  if (isNone(du1) && isNone(dv1) && isNone(du2) && isNone(dv2)) return face;
-  const Vec3 tangent = UnitVector(dv2 * e1 - dv1 * e2);
-  if (IsFinite(tangent)) face.tangent = tangent;
+  if (part.uvSets.empty() || !FindUvTangent(part.uvSets.front().values, vertex, e1, e2, face.tangent))
+    face.tangent = Cross(UnitPerpendicular(face.normal), face.normal);
   return face;
 }
 
@@ -241,15 +246,17 @@ struct GroupCorner {
   const SmoothAngle* angle;
 };
 
-// The vector of corner `c`, its `member` summed over the corners within its angle; `stored` is what its
-// vertex has so far.
-PackedVector SmoothVector(const std::vector<GroupCorner>& group, const GroupCorner& c,
-                          Vec3 FaceVectors::*member, PackedVector stored) {
+// The vector of corner `c`: a member of its face, summed over the corners within its angle. `stored` is what
+// its vertex has so far.
+template <Vec3 FaceVectors::*kMember>
+PackedVector SmoothVector(const std::vector<GroupCorner>& group, const GroupCorner& c, PackedVector stored) {
   if (c.angle->facets) return {};
   if (c.angle->radians < 0 && !IsZero(stored)) return stored;
+  const SmoothAngle angle = *c.angle;
+  const Vec3 own = c.face.*kMember;
   Vec3 sum;
   for (const GroupCorner& other : group)
-    if (IsWithin(*c.angle, c.face.*member, other.face.*member)) sum += other.face.*member;
+    if (IsWithin(angle, own, other.face.*kMember)) sum += other.face.*kMember;
   return Pack(UnitVector(sum));
 }
 
@@ -273,9 +280,9 @@ std::uint32_t SmoothPiece(Smoothing& s, std::size_t begin, std::size_t end, std:
     std::uint32_t& vertex = VertexOf(part, s.corners[i]);
     const GroupCorner& corner = group[i - begin];
     const PackedVector normal =
-        SmoothVector(group, corner, &FaceVectors::normal, ValueAt(part.normals, vertex));
+        SmoothVector<&FaceVectors::normal>(group, corner, ValueAt(part.normals, vertex));
     const PackedVector tangent =
-        SmoothVector(group, corner, &FaceVectors::tangent, ValueAt(part.tangents, vertex));
+        SmoothVector<&FaceVectors::tangent>(group, corner, ValueAt(part.tangents, vertex));
     std::size_t fit = firstOfPiece;
     while (fit < endOfPiece && !(s.normals[fit] == normal && s.tangents[fit] == tangent &&
                                  HasSameData(part, s.sources[fit], vertex)))
