@@ -174,7 +174,10 @@ void PreparePart(Part& part, const Object& object) {
   part.hashedVertices = 0;
   part.motion = false;
   for (const auto& set : part.vectorSets) part.motion |= set.name == "motion";
-  FlipFaces(part);
+  if (!part.triangles.empty() || !part.tetragons.empty()) {
+    FlipFaces(part);
+    Smooth(part);
+  }
 
   for (auto& set : part.uvSets) set.values.shrink_to_fit();
   for (auto& set : part.scalarSets) set.values.shrink_to_fit();

@@ -1,0 +1,387 @@
+// Vertex normals and tangents from faces. All corners at one position form a group; within it each corner
+// sums the faces that stand within its shader's angle, and a vertex splits where its corners end up with
+// different data. Groups are independent and summed in a fixed order, so that threads change nothing.
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+
+#include "core/console.h"
+#include "core/release.h"
+#include "geometry/geometry.h"
+#include "shading/shading.h"
+
+namespace zp {
+namespace {
+
+constexpr float kNoAngle = 1e-8f;  // below, an angle asks for facets
+
+// A fan with more corners at one position is smoothed piece by piece: the work is quadratic in a piece.
+constexpr std::size_t kLargestFan = 4096;
+
+// One corner of a primitive, in the list of its group.
+struct CornerRecord {
+  std::uint32_t primitive;
+  std::uint8_t kind;  // kKindTriangle or kKindTetragon
+  std::uint8_t corner;
+};
+
+// What a primitive adds to the sums: unit vectors, zero where it is degenerate.
+struct FaceVectors {
+  Vec3 normal, tangent;
+};
+
+// The smoothing angle of a Shader, and cosines that settle all but the closest comparisons without an acos.
+struct SmoothAngle {
+  float radians;
+  float surelyWithin, surelyBeyond;
+  bool facets;  // asks for no normals at all
+};
+
+SmoothAngle MakeSmoothAngle(float degrees) {
+  constexpr double kMargin = 1e-6;  // above the error of acos, of the dot product and of both cosines
+  SmoothAngle angle = {degrees * (kPi / 180.0f), 2, 2, false};  // as it is, nothing is within
+  angle.facets = std::fabs(angle.radians) < kNoAngle;
+  if (angle.radians > 3.15f) {
+    angle.surelyWithin = -2;
+  } else if (angle.radians > 0) {
+    const double cosine = std::cos(double{angle.radians});
+    angle.surelyWithin = static_cast<float>(cosine + kMargin);
+    angle.surelyBeyond = static_cast<float>(cosine - kMargin);
+  }
+  return angle;
+}
+
+// For unit vectors or zero, of which it does not matter whether they count.
+bool IsWithin(const SmoothAngle& angle, Vec3 a, Vec3 b) {
+  const float cosine = Dot(a, b);
+  if (cosine > angle.surelyWithin) return true;
+  if (cosine < angle.surelyBeyond) return angle.surelyBeyond > 1 && a == b;
+  return a == b || std::acos(std::clamp(cosine, -1.0f, 1.0f)) < angle.radians;
+}
+
+// The value of a vertex; nothing stands for what an array lacks.
+template <class T>
+T ValueAt(const std::vector<T>& values, std::uint32_t vertex) {
+  return vertex < values.size() ? values[vertex] : T{};
+}
+
+float DegreesOf(std::int32_t shader) {
+  static const GeometryShader kDefaults;
+  const auto index = static_cast<std::size_t>(shader);
+  return index < shaders.size() ? shaders[index].geometry.smoothAngle : kDefaults.smoothAngle;
+}
+
+// True if all shaders in use ask for facets.
+bool WantsFacetsOnly(const Part& part) {
+  const auto facets = [](const auto& face) { return std::fabs(DegreesOf(face.shader)) < kNoAngle; };
+  return std::all_of(part.triangles.begin(), part.triangles.end(), facets) &&
+         std::all_of(part.tetragons.begin(), part.tetragons.end(), facets);
+}
+
+// Drops faces with a corner outside the positions.
+template <class Face>
+bool DropOutOfRange(std::vector<Face>& faces, std::size_t count) {
+  const auto isOutside = [count](const Face& face) {
+    return std::any_of(std::begin(face.vertex), std::end(face.vertex),
+                       [count](std::uint32_t v) { return v >= count; });
+  };
+  return std::erase_if(faces, isOutside) > 0;
+}
+
+// Equal positions have equal keys: both zeros share one.
+std::uint32_t PositionHash(Vec3 p) {
+  const auto key = [](float x) { return std::uint64_t{std::bit_cast<std::uint32_t>(x == 0.0f ? 0.0f : x)}; };
+  std::uint64_t h = key(p.x) * 0x9E3779B97F4A7C15ULL;
+  h = (std::rotl(h, 29) ^ key(p.y)) * 0xD6E8FEB86659FD93ULL;
+  h = (std::rotl(h, 29) ^ key(p.z)) * 0xD6E8FEB86659FD93ULL;
+  return static_cast<std::uint32_t>(h >> 32U);
+}
+
+// For each vertex the first one with the same position, which names their group. A position that is no number
+// equals none. The vertices are dealt into shares small enough for a table that stays in the cache.
+std::vector<std::uint32_t> FindGroups(const std::vector<Vec3>& positions) {
+  constexpr std::size_t kShare = 2048;
+  const std::size_t count = positions.size();
+  const int bits = std::clamp(static_cast<int>(std::bit_width(count / kShare)), 1, 12);
+  std::vector<std::uint32_t> hashes(count), order(count), groups(count);
+  std::vector<std::size_t> begins((std::size_t{1} << bits) + 1);
+  const auto shareOf = [bits](std::uint32_t hash) { return std::size_t{hash >> (32 - bits)}; };
+#pragma omp parallel for schedule(static)
+  for (std::size_t v = 0; v < count; ++v) hashes[v] = PositionHash(positions[v]);
+  for (const std::uint32_t hash : hashes) ++begins[shareOf(hash) + 1];
+  for (std::size_t i = 1; i < begins.size(); ++i) begins[i] += begins[i - 1];
+  std::vector<std::size_t> ends(begins.begin(), begins.end() - 1);
+  for (std::size_t v = 0; v < count; ++v) order[ends[shareOf(hashes[v])]++] = static_cast<std::uint32_t>(v);
+
+#pragma omp parallel
+  {
+    std::vector<std::uint32_t> table;
+#pragma omp for schedule(dynamic)
+    for (std::size_t share = 0; share < ends.size(); ++share) {
+      const std::size_t mask = std::bit_ceil(2 * (ends[share] - begins[share]) + 1) - 1;
+      table.assign(mask + 1, kUnusedSlot);
+      for (std::size_t i = begins[share]; i < ends[share]; ++i) {
+        const std::uint32_t v = order[i];
+        groups[v] = v;
+        if (!(positions[v] == positions[v])) continue;
+        std::size_t slot = hashes[v] & mask;
+        while (table[slot] != kUnusedSlot && !(positions[table[slot]] == positions[v]))
+          slot = (slot + 1) & mask;
+        if (table[slot] == kUnusedSlot) table[slot] = v;
+        groups[v] = table[slot];
+      }
+    }
+  }
+  return groups;
+}
+
+// The direction in which u grows and v does not; false where the uvs do not tell. `e1` and `e2` lead from the
+// first corner to the others.
+bool FindUvTangent(const std::vector<Vec2>& uvs, const std::uint32_t* vertex, Vec3 e1, Vec3 e2,
+                   Vec3& tangent) {
+  constexpr float kNoDifference = 1e-8f;
+  if (std::max({vertex[0], vertex[1], vertex[2]}) >= uvs.size()) return false;
+  const Vec2 uv0 = uvs[vertex[0]], uv1 = uvs[vertex[1]], uv2 = uvs[vertex[2]];
+  const float du1 = uv1.x - uv0.x, dv1 = uv1.y - uv0.y, du2 = uv2.x - uv0.x, dv2 = uv2.y - uv0.y;
+  const auto isNone = [](float difference) { return std::fabs(difference) < kNoDifference; };
+  if (isNone(du1) && isNone(dv1) && isNone(du2) && isNone(dv2)) return false;
+  tangent = UnitVector(dv2 * e1 - dv1 * e2);
+  return IsFinite(tangent);
+}
+
+// Of the first three corners.
+FaceVectors MakeFaceVectors(const Part& part, const std::uint32_t* vertex) {
+  const Vec3 p0 = part.positions[vertex[0]];
+  const Vec3 e1 = part.positions[vertex[1]] - p0, e2 = part.positions[vertex[2]] - p0;
+  FaceVectors face;
+  face.normal = UnitVector(Cross(e1, e2));
+  if (!IsFinite(face.normal)) face.normal = {};
+  if (part.uvSets.empty() || !FindUvTangent(part.uvSets.front().values, vertex, e1, e2, face.tangent))
+    face.tangent = Cross(UnitPerpendicular(face.normal), face.normal);
+  return face;
+}
+
+// Everything that lives while one Part is smoothed.
+struct Smoothing {
+  Part& part;
+  std::vector<SmoothAngle> angles;     // of each Shader, then of one that is not in the table
+  std::vector<FaceVectors> triangles;  // of each triangle
+  std::vector<FaceVectors> tetragons;
+  std::vector<std::uint32_t> groups;  // of each vertex: the first one at its position
+  std::vector<std::size_t> begins;    // of each group: its corners in the next arrays; one more at the end
+  std::vector<CornerRecord> corners;
+  // New vertices. A group has no more than corners, so that each has room for its own from its first corner
+  // on.
+  std::vector<std::uint32_t> sources;  // the old vertex that the rest of the data comes from
+  std::vector<PackedVector> normals, tangents;
+  std::vector<std::uint32_t>
+      firstNew;  // of each group: its number of new vertices, later the first one's index
+};
+
+const SmoothAngle& AngleOf(const Smoothing& s, std::int32_t shader) {
+  return s.angles[std::min(static_cast<std::size_t>(shader), s.angles.size() - 1)];
+}
+
+std::uint32_t& VertexOf(Part& part, CornerRecord corner) {
+  return corner.kind == kKindTriangle ? part.triangles[corner.primitive].vertex[corner.corner]
+                                      : part.tetragons[corner.primitive].vertex[corner.corner];
+}
+
+void MakeFaces(Smoothing& s) {
+  const Part& part = s.part;
+  s.triangles.resize(part.triangles.size());
+  s.tetragons.resize(part.tetragons.size());
+#pragma omp parallel
+  {
+#pragma omp for schedule(static)
+    for (std::size_t i = 0; i < s.triangles.size(); ++i)
+      s.triangles[i] = MakeFaceVectors(part, part.triangles[i].vertex);
+#pragma omp for schedule(static)
+    for (std::size_t i = 0; i < s.tetragons.size(); ++i)
+      s.tetragons[i] = MakeFaceVectors(part, part.tetragons[i].vertex);
+  }
+}
+
+// Visits the corners of all primitives with their vertices, triangles first.
+template <class Visit>
+void ForEachCorner(const Part& part, Visit&& visit) {
+  const auto visitAll = [&visit](const auto& faces, std::uint8_t kind) {
+    for (std::size_t i = 0; i < faces.size(); ++i)
+      for (std::uint8_t corner = 0; corner < std::size(faces[i].vertex); ++corner)
+        visit(faces[i].vertex[corner], CornerRecord{static_cast<std::uint32_t>(i), kind, corner});
+  };
+  visitAll(part.triangles, kKindTriangle);
+  visitAll(part.tetragons, kKindTetragon);
+}
+
+// Sorts the corners by group.
+void CollectCorners(Smoothing& s) {
+  s.begins.assign(s.groups.size() + 2, 0);
+  ForEachCorner(s.part, [&s](std::uint32_t vertex, CornerRecord) { ++s.begins[s.groups[vertex] + 2]; });
+  for (std::size_t g = 2; g < s.begins.size(); ++g) s.begins[g] += s.begins[g - 1];
+  s.corners.resize(s.begins.back());
+  // Filling a group moves its entry from its own begin to the next one's.
+  ForEachCorner(s.part, [&s](std::uint32_t vertex, CornerRecord corner) {
+    s.corners[s.begins[s.groups[vertex] + 1]++] = corner;
+  });
+  s.begins.pop_back();
+}
+
+// Whether the vertex `other` holds in all sets what `vertex` holds.
+bool HasSameData(const Part& part, std::uint32_t other, std::uint32_t vertex) {
+  if (other == vertex) return true;
+  const auto isSame = [&](const auto& set) {
+    const auto& values = set.values;
+    return vertex >= values.size() || (other < values.size() && values[other] == values[vertex]);
+  };
+  return std::all_of(part.scalarSets.begin(), part.scalarSets.end(), isSame) &&
+         std::all_of(part.uvSets.begin(), part.uvSets.end(), isSame) &&
+         std::all_of(part.vectorSets.begin(), part.vectorSets.end(), isSame);
+}
+
+// One corner while its group is smoothed.
+struct GroupCorner {
+  FaceVectors face;
+  const SmoothAngle* angle;
+};
+
+// The vector of corner `c`: a member of its face, summed over the corners within its angle. `stored` is what
+// its vertex has so far.
+template <Vec3 FaceVectors::*kMember>
+PackedVector SmoothVector(const std::vector<GroupCorner>& group, const GroupCorner& c, PackedVector stored) {
+  if (c.angle->facets) return {};
+  if (c.angle->radians < 0 && !IsZero(stored)) return stored;
+  const SmoothAngle angle = *c.angle;
+  const Vec3 own = c.face.*kMember;
+  Vec3 sum;
+  for (const GroupCorner& other : group)
+    if (IsWithin(angle, own, other.face.*kMember)) sum += other.face.*kMember;
+  return Pack(UnitVector(sum));
+}
+
+// Smooths the corners from `begin` to `end`, which share a position. Their new vertices append to the
+// `added` ones that stand from `firstVertex` on, and the primitives get their numbers counted from there.
+std::uint32_t SmoothPiece(Smoothing& s, std::size_t begin, std::size_t end, std::size_t firstVertex,
+                          std::uint32_t added, std::vector<GroupCorner>& group) {
+  Part& part = s.part;
+  group.clear();
+  for (std::size_t i = begin; i < end; ++i) {
+    const CornerRecord corner = s.corners[i];
+    const bool isTriangle = corner.kind == kKindTriangle;
+    const std::int32_t shader =
+        isTriangle ? part.triangles[corner.primitive].shader : part.tetragons[corner.primitive].shader;
+    group.push_back(
+        {isTriangle ? s.triangles[corner.primitive] : s.tetragons[corner.primitive], &AngleOf(s, shader)});
+  }
+  const std::size_t firstOfPiece = firstVertex + added;
+  std::size_t endOfPiece = firstOfPiece;
+  for (std::size_t i = begin; i < end; ++i) {
+    std::uint32_t& vertex = VertexOf(part, s.corners[i]);
+    const GroupCorner& corner = group[i - begin];
+    const PackedVector normal =
+        SmoothVector<&FaceVectors::normal>(group, corner, ValueAt(part.normals, vertex));
+    const PackedVector tangent =
+        SmoothVector<&FaceVectors::tangent>(group, corner, ValueAt(part.tangents, vertex));
+    std::size_t fit = firstOfPiece;
+    while (fit < endOfPiece && !(s.normals[fit] == normal && s.tangents[fit] == tangent &&
+                                 HasSameData(part, s.sources[fit], vertex)))
+      ++fit;
+    if (fit == endOfPiece) {
+      s.sources[fit] = vertex;
+      s.normals[fit] = normal;
+      s.tangents[fit] = tangent;
+      ++endOfPiece;
+    }
+    vertex = static_cast<std::uint32_t>(fit - firstVertex);
+  }
+  return static_cast<std::uint32_t>(endOfPiece - firstVertex);
+}
+
+void SmoothGroups(Smoothing& s) {
+  const std::size_t groupCount = s.begins.size() - 1;
+  s.sources.resize(s.corners.size());
+  s.normals.resize(s.corners.size());
+  s.tangents.resize(s.corners.size());
+  s.firstNew.assign(groupCount + 1, 0);
+#pragma omp parallel
+  {
+    std::vector<GroupCorner> group;
+#pragma omp for schedule(dynamic, 1024)
+    for (std::size_t g = 0; g < groupCount; ++g) {
+      std::uint32_t added = 0;
+      for (std::size_t begin = s.begins[g]; begin < s.begins[g + 1]; begin += kLargestFan)
+        added =
+            SmoothPiece(s, begin, std::min(begin + kLargestFan, s.begins[g + 1]), s.begins[g], added, group);
+      s.firstNew[g] = added;
+    }
+  }
+  std::uint32_t total = 0;
+  for (std::uint32_t& entry : s.firstNew) {
+    const std::uint32_t added = entry;
+    entry = total;
+    total += added;
+  }
+}
+
+// Replaces the values of the old vertices by those of the new ones.
+template <class T>
+void Regather(std::vector<T>& values, const std::vector<std::uint32_t>& sources) {
+  if (values.empty()) return;
+  std::vector<T> gathered(sources.size());
+#pragma omp parallel for schedule(static)
+  for (std::size_t i = 0; i < sources.size(); ++i) gathered[i] = ValueAt(values, sources[i]);
+  values.swap(gathered);
+}
+
+// Moves the Part from its old vertices to the new ones.
+void Replace(Smoothing& s) {
+  Part& part = s.part;
+  const std::size_t groupCount = s.begins.size() - 1, vertexCount = s.firstNew.back();
+  std::vector<std::uint32_t> sources(vertexCount);
+  part.normals = std::vector<PackedVector>(vertexCount);
+  part.tangents = std::vector<PackedVector>(vertexCount);
+#pragma omp parallel for schedule(static)
+  for (std::size_t g = 0; g < groupCount; ++g) {
+    const std::uint32_t first = s.firstNew[g];
+    for (std::size_t i = s.begins[g]; i < s.begins[g + 1]; ++i) VertexOf(part, s.corners[i]) += first;
+    for (std::uint32_t i = 0; i < s.firstNew[g + 1] - first; ++i) {
+      sources[first + i] = s.sources[s.begins[g] + i];
+      part.normals[first + i] = s.normals[s.begins[g] + i];
+      part.tangents[first + i] = s.tangents[s.begins[g] + i];
+    }
+  }
+  Regather(part.positions, sources);
+  for (auto& set : part.scalarSets) Regather(set.values, sources);
+  for (auto& set : part.uvSets) Regather(set.values, sources);
+  for (auto& set : part.vectorSets) Regather(set.values, sources);
+  // Their vertices are gone: validation has refused the mixture.
+  part.particles.clear();
+  part.cylinders.clear();
+  part.strandLengths.clear();
+  part.primitiveShaders.clear();
+}
+
+}  // namespace
+
+void Smooth(Part& part) {
+  const bool drops[] = {DropOutOfRange(part.triangles, part.positions.size()),
+                        DropOutOfRange(part.tetragons, part.positions.size())};
+  if (drops[0] || drops[1]) PrintError("part - smoothing out of range");
+  if (part.triangles.empty() && part.tetragons.empty()) return;
+  if (WantsFacetsOnly(part)) {
+    Release(part.normals);
+    return;
+  }
+  Smoothing s{part, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}};
+  for (const Shader& shader : shaders) s.angles.push_back(MakeSmoothAngle(shader.geometry.smoothAngle));
+  s.angles.push_back(MakeSmoothAngle(DegreesOf(kNone)));
+  MakeFaces(s);
+  s.groups = FindGroups(part.positions);
+  CollectCorners(s);
+  Release(s.groups);
+  SmoothGroups(s);
+  Replace(s);
+}
+
+}  // namespace zp

@@ -1,0 +1,418 @@
+// Smoothing: what the angles do to normals, tangents and vertices, and what a picture shows of it.
+
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <numeric>
+#include <tuple>
+
+#include "accel/accel.h"
+#include "geometry/geometry.h"
+#include "render_fixture.h"
+
+namespace zp {
+namespace {
+
+// Packing cuts each of three components to a multiple of 1/128, and unpacking makes the length right again.
+const float kPackingError = std::sqrt(3.0f) / 128;
+
+Vec3 NormalAt(const Part& part, std::uint32_t vertex) { return UnitVector(Unpack(part.normals.at(vertex))); }
+Vec3 TangentAt(const Part& part, std::uint32_t vertex) {
+  return UnitVector(Unpack(part.tangents.at(vertex)));
+}
+
+Vec3 FaceNormal(const Part& part, const Triangle& t) {
+  const auto& p = part.positions;
+  return UnitVector(Cross(p[t.vertex[1]] - p[t.vertex[0]], p[t.vertex[2]] - p[t.vertex[0]]));
+}
+
+// Three sorted keys of (position, normal, tangent, uv) for each face corner, in face order.
+using CornerKey = std::tuple<float, float, float, int, int, int, int, int, int, float, float>;
+std::vector<CornerKey> CornerKeys(const Part& part) {
+  std::vector<CornerKey> keys;
+  const auto add = [&](const auto& face) {
+    for (const std::uint32_t v : face.vertex) {
+      const Vec3 p = part.positions.at(v);
+      const PackedVector n = part.normals.at(v), t = part.tangents.at(v);
+      const auto& uvs = part.uvSets[0].values;
+      const Vec2 uv = uvs.empty() ? Vec2{} : uvs.at(v);
+      keys.emplace_back(p.x, p.y, p.z, n.x, n.y, n.z, t.x, t.y, t.z, uv.x, uv.y);
+    }
+  };
+  for (const Triangle& face : part.triangles) add(face);
+  for (const Tetragon& face : part.tetragons) add(face);
+  return keys;
+}
+
+// A wavy sheet of 2 n^2 triangles with shared vertices and uvs.
+Part WavySheet(std::uint32_t n, std::int32_t shader) {
+  Part part;
+  for (std::uint32_t y = 0; y <= n; ++y)
+    for (std::uint32_t x = 0; x <= n; ++x) {
+      const float u = static_cast<float>(x) / static_cast<float>(n);
+      const float v = static_cast<float>(y) / static_cast<float>(n);
+      part.positions.push_back({u, v, 0.2f * std::sin(9 * u) * std::cos(7 * v)});
+      part.uvSets[0].values.push_back({u, v});
+    }
+  for (std::uint32_t y = 0; y < n; ++y)
+    for (std::uint32_t x = 0; x < n; ++x) {
+      const std::uint32_t i = y * (n + 1) + x;
+      part.triangles.push_back({{i, i + 1, i + n + 2}, shader});
+      part.triangles.push_back({{i, i + n + 2, i + n + 1}, shader});
+    }
+  return part;
+}
+
+class SmoothTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    shaders.clear();
+    objectTable.clear();
+    AddUndefinedShader();
+    threads_ = omp_get_max_threads();
+  }
+  void TearDown() override {
+    omp_set_num_threads(threads_);
+    shaders.clear();
+    objectTable.clear();
+  }
+
+  // A Shader with this angle.
+  static std::int32_t AngleShader(float degrees) {
+    const auto shader = AddShader("angle", Grey(0.5f), kBlack);
+    shaders.back().geometry.smoothAngle = degrees;
+    return shader;
+  }
+
+  // What Smooth prints.
+  static std::string Rows(Part& part) {
+    testing::internal::CaptureStdout();
+    Smooth(part);
+    return testing::internal::GetCapturedStdout();
+  }
+
+  // Eight shared vertices, six tetragons that face outwards.
+  static Part SharedCube(std::int32_t shader) {
+    Part part;
+    for (int i = 0; i < 8; ++i)
+      part.positions.push_back({(i & 1) ? 1.0f : -1.0f, (i & 2) ? 1.0f : -1.0f, (i & 4) ? 1.0f : -1.0f});
+    part.tetragons = {{{0, 2, 3, 1}, shader}, {{4, 5, 7, 6}, shader}, {{0, 1, 5, 4}, shader},
+                      {{2, 6, 7, 3}, shader}, {{0, 4, 6, 2}, shader}, {{1, 3, 7, 5}, shader}};
+    return part;
+  }
+
+ private:
+  int threads_ = 1;
+};
+
+TEST_F(SmoothTest, SphereHasItsTrueNormals) {
+  Part part;
+  AddSphere(part, 5, false, AngleShader(180));
+  const std::size_t corners = part.positions.size();
+  Smooth(part);
+  float worst = 0;
+  for (std::uint32_t v = 0; v < part.positions.size(); ++v) {
+    const Vec3 difference = NormalAt(part, v) - part.positions[v];
+    worst = std::max(worst, std::sqrt(Dot(difference, difference)));
+  }
+  EXPECT_LT(worst, kPackingError);
+  EXPECT_LT(part.positions.size(), corners);  // corners of their own fell together
+}
+
+TEST_F(SmoothTest, CubeKeepsItsEdgesOnlyBelowTheirAngle) {
+  for (const float degrees : {30.0f, 89.0f}) {
+    Part sharp = SharedCube(AngleShader(degrees));
+    Smooth(sharp);
+    EXPECT_EQ(sharp.positions.size(), 24U) << degrees;
+    for (const Tetragon& face : sharp.tetragons) {
+      const Vec3 center = 0.5f * (sharp.positions[face.vertex[0]] + sharp.positions[face.vertex[2]]);
+      for (const std::uint32_t v : face.vertex) EXPECT_EQ(NormalAt(sharp, v), center) << degrees;
+    }
+  }
+  for (const float degrees : {91.0f, 100.0f, 180.0f, 1e9f, std::numeric_limits<float>::infinity()}) {
+    Part round = SharedCube(AngleShader(degrees));
+    Smooth(round);
+    for (std::uint32_t v = 0; v < round.positions.size(); ++v)
+      EXPECT_GT(Dot(NormalAt(round, v), UnitVector(round.positions[v])), 0.9999f) << degrees;
+  }
+  // Without tangents that differ the vertices stay together: none of the faces is more than 180 away.
+  Part whole = SharedCube(AngleShader(1e9f));
+  Smooth(whole);
+  EXPECT_EQ(whole.positions.size(), 8U);
+}
+
+TEST_F(SmoothTest, AnglesBelongToTheShaderOfEachCorner) {
+  // A roof with a ridge of 90 degrees along y, whose sides have shaders of their own.
+  const auto roof = [](std::int32_t left, std::int32_t right) {
+    Part part;
+    part.positions = {{0, 0, 1}, {0, 1, 1}, {-1, 0, 0}, {1, 0, 0}};
+    part.triangles = {{{0, 1, 2}, left}, {{0, 3, 1}, right}};
+    return part;
+  };
+  const std::int32_t facets = AngleShader(0), soft = AngleShader(120), sharp = AngleShader(60);
+  Part part = roof(facets, soft);
+  Smooth(part);
+  ASSERT_EQ(part.normals.size(), part.positions.size());
+  EXPECT_EQ(part.positions.size(), 6U);
+  for (const std::uint32_t v : part.triangles[0].vertex) EXPECT_TRUE(IsZero(part.normals[v]));
+  for (const std::uint32_t v : part.triangles[0].vertex) EXPECT_TRUE(IsZero(part.tangents[v]));
+  EXPECT_EQ(NormalAt(part, part.triangles[1].vertex[0]), (Vec3{0, 0, 1}));
+
+  part = roof(sharp, soft);
+  Smooth(part);
+  EXPECT_LT(NormalAt(part, part.triangles[0].vertex[0]).x, -0.7f);
+  EXPECT_EQ(NormalAt(part, part.triangles[1].vertex[0]), (Vec3{0, 0, 1}));
+
+  // Nothing but facets: the normals go, and the vertices stay.
+  part = roof(facets, facets);
+  part.normals.assign(4, Pack({0, 0, 1}));
+  Smooth(part);
+  EXPECT_EQ(part.normals.size(), 0U);
+  EXPECT_EQ(part.positions.size(), 4U);
+
+  // The angle of the edge itself is not within; a shader that is not there counts as the default one.
+  part = roof(1000, -1);
+  Smooth(part);
+  EXPECT_LT(NormalAt(part, part.triangles[0].vertex[0]).x, -0.7f);
+}
+
+TEST_F(SmoothTest, NegativeAngleKeepsWhatIsStoredAndLeavesTheRestFaceted) {
+  const std::int32_t shader = AngleShader(-1);
+  Part part = WavySheet(8, shader);
+  const Vec3 odd = UnitVector({0.3f, -0.4f, 0.8f});
+  part.normals.assign(part.positions.size(), Pack(odd));
+  part.tangents.assign(part.positions.size(), Pack({1, 0, 0}));
+  const auto before = CornerKeys(part);
+  const std::size_t count = part.positions.size();
+  Smooth(part);
+  EXPECT_EQ(CornerKeys(part), before);
+  EXPECT_EQ(part.positions.size(), count);  // nothing differs, so nothing splits
+
+  part.normals[40] = {};  // a vertex inside without a normal
+  Smooth(part);
+  std::size_t faceted = 0;
+  for (const Triangle& t : part.triangles)
+    for (const std::uint32_t v : t.vertex) {
+      if (part.normals[v] == Pack(odd)) continue;
+      ++faceted;
+      EXPECT_EQ(part.normals[v], Pack(FaceNormal(part, t)));
+    }
+  EXPECT_EQ(faceted, 6U);
+}
+
+TEST_F(SmoothTest, ObjFileWithoutNormalsIsFaceted) {
+  // A pyramid of which one half has normals.
+  objectTable.emplace_back();
+  objectTable[0].parts.emplace_back();
+  Part& part = objectTable[0].parts[0];
+  ReadObj(
+      "v 0 0 1\nv 1 0 0\nv 0 1 0\nv -1 0 0\nv 0 -1 0\nvn 0 0 1\n"
+      "f 1//1 2//1 3//1\nf 1 3 4\nf 1 4 5\ns off\nf 1//1 5//1 2//1\n",
+      part);
+  testing::internal::CaptureStdout();
+  InitializeAccelerator();
+  testing::internal::GetCapturedStdout();
+  ASSERT_EQ(part.triangles.size(), 4U);
+  for (std::size_t i = 0; i < 4; ++i)
+    for (const std::uint32_t v : part.triangles[i].vertex) {
+      const Vec3 expected = i == 0 ? Vec3{0, 0, 1} : FaceNormal(part, part.triangles[i]);
+      EXPECT_EQ(part.normals.at(v), Pack(expected)) << i;
+    }
+  FinalizeAccelerator();
+}
+
+TEST_F(SmoothTest, TangentsFollowU) {
+  const std::int32_t shader = AngleShader(60);
+  const auto quad = [&](std::vector<Vec2> uvs) {
+    Part part;
+    part.positions = {{0, 0, 0}, {2, 0, 0}, {2, 1, 0}, {0, 1, 0}};
+    part.uvSets[0].values = std::move(uvs);
+    part.tetragons = {{{0, 1, 2, 3}, shader}};
+    Smooth(part);
+    return part;
+  };
+  const Part along = quad({{0, 0}, {1, 0}, {1, 1}, {0, 1}});
+  for (std::uint32_t v = 0; v < 4; ++v) EXPECT_EQ(TangentAt(along, v), (Vec3{1, 0, 0}));
+  const Part turned = quad({{0, 0}, {0, -1}, {1, -1}, {1, 0}});  // u grows along y
+  for (std::uint32_t v = 0; v < 4; ++v) EXPECT_EQ(TangentAt(turned, v), (Vec3{0, 1, 0}));
+  const Part skewed = quad({{0, 0}, {1, 0}, {2, 1}, {1, 1}});  // u + y / 1: u is constant along (2, -1)
+  EXPECT_GT(Dot(TangentAt(skewed, 0), Vec3{1, 0, 0}), 0.9999f);
+
+  // No uvs, or all in one place: some direction in the surface, also for the normal where the rule vanishes.
+  for (const Vec3 third : {Vec3{0, 1, 0}, Vec3{1, 0, 1}}) {
+    for (const bool hasUvs : {false, true}) {
+      Part part;
+      part.positions = {{0, 0, 0}, {1, -1, 0}, third};
+      if (hasUvs) part.uvSets[0].values.assign(3, {0.5f, 0.5f});
+      part.triangles = {{{0, 1, 2}, shader}};
+      const Vec3 normal = FaceNormal(part, part.triangles[0]);
+      Smooth(part);
+      EXPECT_NEAR(Dot(TangentAt(part, 0), normal), 0, kPackingError);
+      EXPECT_FALSE(IsZero(part.tangents[0]));
+    }
+  }
+}
+
+TEST_F(SmoothTest, ThreadsChangeNothing) {
+  // Mixed angles, corners that share nothing but a position, and a second kind of face.
+  const std::int32_t soft = AngleShader(25), kept = AngleShader(-1);
+  Part original = WavySheet(60, soft);
+  for (std::size_t i = 0; i < original.triangles.size(); i += 3) original.triangles[i].shader = kept;
+  Part cube = SharedCube(soft);
+  const auto offset = static_cast<std::uint32_t>(original.positions.size());
+  original.positions.insert(original.positions.end(), cube.positions.begin(), cube.positions.end());
+  original.uvSets[0].values.resize(original.positions.size());
+  for (Tetragon face : cube.tetragons) {
+    for (std::uint32_t& v : face.vertex) v += offset;
+    original.tetragons.push_back(face);
+  }
+  Part one = original;
+  omp_set_num_threads(1);
+  Smooth(one);
+  for (const int threads : {2, 3, 7}) {
+    Part many = original;
+    omp_set_num_threads(threads);
+    Smooth(many);
+    EXPECT_EQ(CornerKeys(many), CornerKeys(one)) << threads;
+    EXPECT_EQ(many.positions.size(), one.positions.size()) << threads;
+  }
+  EXPECT_GT(one.positions.size(), original.positions.size());
+}
+
+TEST_F(SmoothTest, DataTravelsWithItsVertex) {
+  Part part = SharedCube(AngleShader(30));
+  for (std::uint32_t v = 0; v < 8; ++v) {
+    const auto value = static_cast<float>(v);
+    part.uvSets[0].values.push_back({value, -value});
+    part.scalarSets[0].values.push_back(10 * value);
+  }
+  part.vectorSets.push_back({"motion", part.positions});
+  part.vectorSets.push_back({"empty", {}});
+  part.uvSets.push_back({"second", part.uvSets[0].values});
+  const std::vector<Vec3> old = part.positions;
+  Smooth(part);
+  const std::size_t count = part.positions.size();
+  ASSERT_GT(count, 8U);
+  ASSERT_EQ(part.vectorSets[0].values.size(), count);
+  ASSERT_EQ(part.scalarSets[0].values.size(), count);
+  ASSERT_EQ(part.uvSets[1].values.size(), count);
+  EXPECT_EQ(part.vectorSets[1].values.size(), 0U);
+  for (std::uint32_t v = 0; v < count; ++v) {
+    const auto source =
+        static_cast<std::size_t>(std::find(old.begin(), old.end(), part.positions[v]) - old.begin());
+    const auto value = static_cast<float>(source);
+    EXPECT_EQ(part.vectorSets[0].values[v], part.positions[v]);
+    EXPECT_EQ(part.scalarSets[0].values[v], 10 * value);
+    EXPECT_EQ(part.uvSets[0].values[v], (Vec2{value, -value}));
+    EXPECT_EQ(part.uvSets[1].values[v], (Vec2{value, -value}));
+  }
+  // Two vertices that differ in one value alone are smoothed together and stay two.
+  for (const float other : {5.0f, 6.0f}) {
+    Part pair;
+    pair.positions = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 0}, {1, 0, 0}, {0, -1, 0}};
+    pair.scalarSets[0].values = {5, 5, 5, 5, other, 5};
+    pair.triangles = {{{0, 1, 2}, 1}, {{3, 5, 4}, 1}};
+    Smooth(pair);
+    EXPECT_EQ(pair.positions.size(), other == 5 ? 4U : 5U);
+  }
+}
+
+TEST_F(SmoothTest, BadInputIsSmoothedAsFarAsItGoes) {
+  const std::int32_t shader = AngleShader(180);
+  const float nan = std::numeric_limits<float>::quiet_NaN(), huge = 3e38f;
+  Part part;
+  part.positions = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0},     {nan, 0, 0},  // a face, a vertex that is no number
+                    {0, 0, 0}, {9, 9, 9}, {-huge, 0, 0}, {huge, huge, 0}, {-0.0f, 1, 0}};
+  part.triangles = {{{0, 1, 2}, shader}, {{0, 1, 3}, shader}, {{0, 4, 1}, shader},
+                    {{0, 0, 0}, shader}, {{4, 6, 7}, shader}, {{8, 0, 1}, shader}};
+  part.particles = {5};
+  EXPECT_EQ(Rows(part), "");
+  ASSERT_EQ(part.triangles.size(), 6U);
+  ASSERT_EQ(part.normals.size(), part.positions.size());
+  for (const Triangle& t : part.triangles)
+    for (const std::uint32_t v : t.vertex) ASSERT_LT(v, part.positions.size());
+  EXPECT_EQ(NormalAt(part, part.triangles[0].vertex[1]), (Vec3{0, 0, 1}));
+  EXPECT_EQ(part.triangles[0].vertex[2], part.triangles[5].vertex[0]);  // both zeros are one place
+  for (const Vec3& p : part.positions) EXPECT_NE(p, (Vec3{9, 9, 9}));
+  EXPECT_TRUE(part.particles.empty());  // its vertex is gone
+
+  part.triangles.push_back({{0, 1, 1000}, shader});
+  EXPECT_EQ(Rows(part), "error :( \tpart - smoothing out of range\n");
+  EXPECT_EQ(part.triangles.size(), 6U);
+
+  Part points;
+  points.positions.resize(3);
+  points.particles = {0, 2};
+  EXPECT_EQ(Rows(points), "");
+  EXPECT_EQ(points.positions.size(), 3U);
+  EXPECT_EQ(points.particles.size(), 2U);
+  for (const float degrees : {nan, -std::numeric_limits<float>::infinity()}) {
+    Part cube = SharedCube(AngleShader(degrees));
+    Smooth(cube);
+    EXPECT_EQ(cube.positions.size(), 24U);
+  }
+}
+
+TEST_F(SmoothTest, FlippedFacesTurnTheirNormals) {
+  Part part = SharedCube(AngleShader(180));
+  shaders.back().geometry.flipFace = true;
+  PreparePart(part, {});
+  for (std::uint32_t v = 0; v < part.positions.size(); ++v)
+    EXPECT_LT(Dot(NormalAt(part, v), UnitVector(part.positions[v])), -0.99f);
+}
+
+// A fan of 20,000 triangles: the quadratic rule over all of it would take minutes.
+TEST_F(SmoothTest, LongFansTakeNoTime) {
+  constexpr std::uint32_t kCount = 20000;
+  const std::int32_t shader = AngleShader(20);
+  Part part;
+  part.positions.push_back({0, 0, 0});
+  for (std::uint32_t i = 0; i < kCount; ++i) {
+    const float angle = 2 * kPi * static_cast<float>(i) / static_cast<float>(kCount);
+    part.positions.push_back({std::cos(angle), std::sin(angle), 0});
+    part.triangles.push_back({{0, 1 + i, 1 + (i + 1) % kCount}, shader});
+  }
+  Smooth(part);
+  for (std::uint32_t v = 0; v < part.positions.size(); ++v)
+    ASSERT_EQ(part.normals[v], (PackedVector{0, 0, 127}));
+}
+
+// A coarse sphere in a beam from the side, seen from the front: its rows run through the terminator.
+class SmoothRender : public RenderTest {
+ protected:
+  // The middle row of the picture.
+  std::vector<float> Row(float degrees) {
+    Restart();
+    skyLight.color = kBlack;
+    const std::int32_t shader = AddShader("white", Grey(0.9f), kBlack);
+    shaders.back().geometry.smoothAngle = degrees;
+    AddSphere(Geometry(), 3, false, shader);
+    AddPointLight({30, -30, 0}).color = Grey(5000);
+    cameras[0].width = cameras[0].height = 64;
+    LookFrom({0, -40, 0.02f}, {0, 0, 0.02f}, 2.6f);
+    Render();
+    std::vector<float> row;
+    for (std::size_t x = 8; x < 56; ++x) row.push_back(Pixels(0)[3 * (32 * 64 + x)]);
+    return row;
+  }
+};
+
+TEST_F(SmoothRender, SphereShowsNoFacets) {
+  // The largest bend of the brightness between neighbouring pixels, relative to the brightest pixel.
+  const auto largestBend = [](const std::vector<float>& row) {
+    float bend = 0;
+    for (std::size_t i = 2; i < row.size(); ++i)
+      bend = std::max(bend, std::fabs(row[i] - 2 * row[i - 1] + row[i - 2]));
+    return bend / *std::max_element(row.begin(), row.end());
+  };
+  const auto smooth = Row(180), faceted = Row(-1);
+  ASSERT_GT(*std::max_element(smooth.begin(), smooth.end()), 0);
+  EXPECT_GT(largestBend(faceted), 0.05f);
+  EXPECT_LT(largestBend(smooth), 0.5f * largestBend(faceted));
+}
+
+}  // namespace
+}  // namespace zp
