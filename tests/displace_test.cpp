@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "geometry/displace_patch.h"
 #include "geometry/geometry.h"
 #include "render_fixture.h"
 
@@ -232,29 +233,61 @@ TEST_F(DisplaceTest, PointsOfDifferentLevelsCoincide) {
   ASSERT_GT(mixed, 10u);
 
   Displace(part);
-  std::set<Bits> points[2];
-  std::map<Bits, int> boundary;  // of the coarse triangles alone
+  std::set<Bits> finePoints;
+  std::map<std::pair<Bits, Bits>, int> coarseEdges;
   for (const Triangle& t : part.triangles)
     for (int i = 0; i < 3; ++i) {
       const Bits a = BitsOf(part.positions[t.vertex[i]]), b = BitsOf(part.positions[t.vertex[(i + 1) % 3]]);
-      points[t.shader].insert(a);
-      if (t.shader != shader_) continue;
-      ++boundary[a];
-      --boundary[b];
-    }
-  std::map<std::pair<Bits, Bits>, int> open;
-  for (const Triangle& t : part.triangles)
-    for (int i = 0; t.shader == shader_ && i < 3; ++i) {
-      const Bits a = BitsOf(part.positions[t.vertex[i]]), b = BitsOf(part.positions[t.vertex[(i + 1) % 3]]);
-      ++open[{std::min(a, b), std::max(a, b)}];
+      if (t.shader == other_)
+        finePoints.insert(a);
+      else
+        ++coarseEdges[{std::min(a, b), std::max(a, b)}];
     }
   std::size_t segments = 0;
-  for (const auto& [edge, count] : open) {
-    if (count != 1) continue;
+  for (const auto& [edge, count] : coarseEdges) {
+    if (count != 1) continue;  // not where coarse meets fine
     ++segments;
-    EXPECT_TRUE(points[other_].count(edge.first) && points[other_].count(edge.second));
+    EXPECT_TRUE(finePoints.count(edge.first) && finePoints.count(edge.second));
   }
   EXPECT_EQ(segments, 3 * mixed);
+}
+
+// Leaves both ends along their tangent planes, is one curve from either end, and has the normal that belongs
+// to its own derivative.
+TEST_F(DisplaceTest, CurveObeysItsNormals) {
+  const PatchCorner a = {{0.2f, -0.4f, 0.1f}, SafeNormalize({0.3f, 0.5f, 1})};
+  const PatchCorner b = {{1.1f, 0.3f, 0.4f}, SafeNormalize({-0.8f, 0.1f, 1})};
+  constexpr float kStep = 1.0f / 64;
+  const auto slope = [](float t, const PatchCorner& p, const PatchCorner& q) {
+    return (PatchCurve(t + kStep, p, q).position - PatchCurve(t - kStep, p, q).position) / (2 * kStep);
+  };
+  EXPECT_NEAR(Dot(slope(1, a, b), a.normal), 0, 2e-3f);
+  EXPECT_NEAR(Dot(slope(0, a, b), b.normal), 0, 2e-3f);
+  EXPECT_GT(std::abs(Dot(a.position - b.position, b.normal)), 0.1f);  // which the chord does not
+
+  const PatchCorner parallel = {b.position, a.normal};
+  for (const float t : {0.1f, 0.35f, 0.5f, 0.8f}) {
+    EXPECT_LT(SafeLength(PatchCurve(t, a, b).position - PatchCurve(1 - t, b, a).position), 1.1e-5f);
+    const PatchCorner point = PatchCurve(t, a, parallel);
+    EXPECT_NEAR(Dot(slope(t, a, parallel), point.normal), 0, 2e-3f);
+    EXPECT_NEAR(Dot(point.normal, point.normal),
+                1 - std::pow(Dot(a.normal, SafeNormalize(slope(t, a, parallel))), 2.0f), 2e-3f);
+  }
+}
+
+// No corner of a patch is special.
+TEST_F(DisplaceTest, PatchHasNoFirstCorner) {
+  const PatchCorner corners[3] = {{{0, 0, 0}, SafeNormalize({-0.3f, -0.2f, 1})},
+                                  {{1, 0.1f, 0.3f}, SafeNormalize({0.5f, 0.1f, 1})},
+                                  {{0.2f, 1.2f, -0.2f}, SafeNormalize({0.1f, 0.4f, 1})}};
+  const float weights[3] = {0.2f, 0.5f, 0.3f};
+  const Vec3 expected = PatchPoint(corners, {3, {0, 1, 2}, {0.2f, 0.5f, 0.3f}});
+  int order[3] = {0, 1, 2};
+  do {
+    const Blend blend = {
+        3, {order[0], order[1], order[2]}, {weights[order[0]], weights[order[1]], weights[order[2]]}};
+    EXPECT_LT(SafeLength(PatchPoint(corners, blend) - expected), 1.1e-5f);
+  } while (std::next_permutation(order, order + 3));
 }
 
 // Thirty-two flat triangles, bent by their normals alone, come close to the sphere that these belong to.

@@ -104,13 +104,14 @@ bool GrowArrays(Part& part, const PassPlan& plan, std::vector<Triangle>& triangl
     for (auto& set : part.vectorSets) visit(set.values);
   };
   try {
-    triangles.resize(plan.triangles);
+    triangles.reserve(plan.triangles);
     forEachArray([&](auto& array) {
       if (!array.empty()) array.reserve(plan.vertices);
     });
   } catch (const std::bad_alloc&) {
     return false;
   }
+  triangles.resize(plan.triangles);
   forEachArray([&](auto& array) {
     if (array.empty()) return;
     array.resize(old);  // validated Parts have it already

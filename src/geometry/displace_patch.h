@@ -11,7 +11,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <tuple>
-#include <vector>
+#include <type_traits>
 
 #include "geometry/object.h"
 
@@ -51,19 +51,20 @@ inline Blend MakeBlend(const int (&share)[3], int level, const int (&order)[3]) 
 }
 
 // The corners of a triangle by position, then normal and tangent: the same for both triangles of an edge,
-// whatever their vertices are called.
+// whatever their vertices are called. Corners that are alike in all of these keep their order.
 inline void OrderCorners(const Part& part, const Triangle& triangle, int (&order)[3]) {
   const auto key = [&](int corner) {
     const std::uint32_t v = triangle.vertex[corner];
     const Vec3 p = part.positions[v];
     const PackedVector n = part.normals[v], t = part.tangents[v];
-    return std::tuple(p.x, p.y, p.z, n.x, n.y, n.z, t.x, t.y, t.z);
+    return std::tuple(p.x, p.y, p.z, n.x, n.y, n.z, t.x, t.y, t.z, corner);
   };
   for (int i = 0; i < 3; ++i) order[i] = i;
-  std::stable_sort(order, order + 3, [&](int a, int b) { return key(a) < key(b); });
+  std::sort(order, order + 3, [&](int a, int b) { return key(a) < key(b); });
 }
 
-// A curve with given normals at both ends: a at t = 1, b at t = 0.
+// A curve with given normals at both ends: a at t = 1, b at t = 0. A Hermite cubic over the chord, its height
+// measured along the mean of the two normals; it leaves both ends perpendicular to their normals.
 inline PatchCorner PatchCurve(float t, const PatchCorner& a, const PatchCorner& b) {
   const float rest = 1 - t;
   const Vec3 difference = a.position - b.position;
