@@ -51,6 +51,17 @@ void Smooth(Part& part);
 // Validation, flipped faces, smoothing, strands: everything before the tree. Prints the rows of what is wrong
 // and drops primitives that point outside the positions or have none that are finite.
 void PreparePart(Part& part, const Object& object);
+// Normals and tangents by the shaders' smooth angles, Part in place.
+void Smooth(Part& part);
+// Splits and moves the triangles of shaders with vector displacement layers, one layer after another, Smooth
+// before each: a layer of level L makes L * L triangles of one, on a curved patch through the corners (scene
+// units). Tetragons become triangles when some shader has a layer. Points on an edge are equal to the bit
+// for both its triangles where these agree on the corners' normals, tangents and uvs. Vertices that no
+// primitive uses any more stay until the next Smooth. Shaders and their textures are initialised before; the
+// Part is validated. A triangle with a corner that has no normal or no tangent is kept as it is.
+// Without normals a warning row, and an error row for a level whose triangles 32-bit indices or the memory
+// cannot hold: the layers from there on are left out.
+void Displace(Part& part);
 // Inverse and normal matrix of the Instance, and its world box around `bounds`.
 void FinishInstance(Instance& instance, const Box& bounds);
 bool Invert(const Mat4& matrix, Mat4& inverse);

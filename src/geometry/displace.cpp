@@ -1,0 +1,259 @@
+#include <bit>
+#include <new>
+
+#include "core/console.h"
+#include "core/random.h"
+#include "core/release.h"
+#include "geometry/displace_patch.h"
+#include "geometry/geometry.h"
+#include "shading/shading.h"
+
+namespace zp {
+namespace {
+
+// What 32-bit indices can hold, with one left over as a mark; and three corners of each triangle are
+// counted, too.
+constexpr std::uint64_t kMostVertices = 0xFFFFFFFEU;
+constexpr std::uint64_t kMostTriangles = kMostVertices / 3;
+
+const ImageSlot* FindLayer(std::int32_t shader, std::size_t pass) {
+  if (static_cast<std::size_t>(shader) >= shaders.size()) return nullptr;
+  const auto& layers = shaders[static_cast<std::size_t>(shader)].geometry.vector;
+  return pass < layers.size() ? &layers[pass] : nullptr;
+}
+
+std::size_t CountPasses(const Part& part) {
+  std::size_t passes = 0;
+  const auto consider = [&](std::int32_t shader) {
+    if (static_cast<std::size_t>(shader) < shaders.size())
+      passes = std::max(passes, shaders[static_cast<std::size_t>(shader)].geometry.vector.size());
+  };
+  for (const Triangle& triangle : part.triangles) consider(triangle.shader);
+  for (const Tetragon& tetragon : part.tetragons) consider(tetragon.shader);
+  return passes;
+}
+
+void SplitTetragons(Part& part) {
+  part.triangles.reserve(part.triangles.size() + 2 * part.tetragons.size());
+  for (const Tetragon& tetragon : part.tetragons) {
+    const auto& v = tetragon.vertex;
+    part.triangles.push_back({{v[0], v[1], v[2]}, tetragon.shader});
+    part.triangles.push_back({{v[2], v[3], v[0]}, tetragon.shader});
+  }
+  Release(part.tetragons);
+}
+
+// Where one triangle's share of a pass goes. Known before any of it is computed, so that the order of the
+// result does not depend on threads, and every thread writes to its final place.
+struct Slice {
+  std::uint32_t vertex = 0;    // its first new vertex
+  std::uint32_t triangle = 0;  // its first new triangle; of a kept one, its place
+  std::int32_t level = 0;      // 0: kept as it is
+};
+
+struct PassPlan {
+  std::vector<Slice> slices;
+  std::uint64_t vertices = 0;   // old and new
+  std::uint64_t triangles = 0;  // kept, then new
+};
+
+// False when the result would not fit in 32-bit indices.
+bool PlanPass(const Part& part, std::size_t pass, PassPlan& plan) {
+  const auto count = static_cast<std::int64_t>(part.triangles.size());
+  plan.slices.resize(part.triangles.size());
+  std::uint64_t kept = 0;
+#pragma omp parallel for schedule(static) reduction(+ : kept)
+  for (std::int64_t i = 0; i < count; ++i) {
+    const Triangle& triangle = part.triangles[static_cast<std::size_t>(i)];
+    const ImageSlot* layer = FindLayer(triangle.shader, pass);
+    bool refined = layer != nullptr;
+    for (const std::uint32_t v : triangle.vertex)
+      refined = refined && !IsZero(part.normals[v]) && !IsZero(part.tangents[v]);
+    // A level below 1 would leave a hole where the triangle was.
+    plan.slices[static_cast<std::size_t>(i)].level = refined ? std::max(layer->level, 1) : 0;
+    kept += refined ? 0 : 1;
+  }
+  plan.vertices = part.positions.size();
+  plan.triangles = kept;
+  std::uint32_t place = 0;
+  for (Slice& slice : plan.slices) {
+    if (slice.level == 0) {
+      slice.triangle = place++;
+      continue;
+    }
+    const auto level = static_cast<std::uint64_t>(slice.level);
+    slice.vertex = static_cast<std::uint32_t>(plan.vertices);
+    slice.triangle = static_cast<std::uint32_t>(plan.triangles);
+    plan.vertices += LatticePoints(level);
+    plan.triangles += LatticeTriangles(level);
+    if (plan.vertices > kMostVertices || plan.triangles > kMostTriangles) return false;
+  }
+  return true;
+}
+
+// Makes room in all arrays of the vertices, empty sets apart. False, with the Part as it was, when there is
+// not enough memory.
+bool GrowArrays(Part& part, const PassPlan& plan, std::vector<Triangle>& triangles) {
+  const std::size_t old = part.positions.size();
+  const auto forEachArray = [&](auto&& visit) {
+    visit(part.positions);
+    visit(part.normals);
+    visit(part.tangents);
+    for (auto& set : part.scalarSets) visit(set.values);
+    for (auto& set : part.uvSets) visit(set.values);
+    for (auto& set : part.vectorSets) visit(set.values);
+  };
+  try {
+    triangles.reserve(plan.triangles);
+    forEachArray([&](auto& array) {
+      if (!array.empty()) array.reserve(plan.vertices);
+    });
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  triangles.resize(plan.triangles);
+  forEachArray([&](auto& array) {
+    if (array.empty()) return;
+    array.resize(old);  // validated Parts have it already
+    array.resize(plan.vertices);
+  });
+  return true;
+}
+
+// Both sides of an edge must draw the same numbers, whichever thread and whichever pass over the scene: the
+// generator is keyed from the point's uv, for as long as this lives.
+class DrawFromUv {
+ public:
+  explicit DrawFromUv(Vec2 uv) : kept_(randomState) {
+    const auto bits = [](float x) { return std::uint64_t{std::bit_cast<std::uint32_t>(x + 0.0f)}; };
+    std::uint64_t key = (bits(uv.x) << 32U | bits(uv.y)) + 0x9e3779b97f4a7c15ULL;
+    key = (key ^ (key >> 30U)) * 0xbf58476d1ce4e5b9ULL;
+    key = (key ^ (key >> 27U)) * 0x94d049bb133111ebULL;
+    randomState.state = key ^ (key >> 31U);
+    randomState.keyed = true;
+  }
+  ~DrawFromUv() { randomState = kept_; }
+  DrawFromUv(const DrawFromUv&) = delete;
+  DrawFromUv& operator=(const DrawFromUv&) = delete;
+
+ private:
+  RandomState kept_;
+};
+
+// How far a layer moves a point, in scene units. An image counts from mid-grey.
+Vec3 Offset(const ImageSlot& layer, Vec2 uv, PackedVector packedNormal, PackedVector packedTangent) {
+  Vec3 amount = layer.color;
+  if (static_cast<std::size_t>(layer.image) < images.size()) {
+    const DrawFromUv draws(uv);
+    const Vec3 texel = LookUpTexture(images[static_cast<std::size_t>(layer.image)], layer, uv);
+    amount = (texel - Vec3{0.5f, 0.5f, 0.5f}) * layer.color;
+  }
+  if (layer.direction != Vec3{}) return layer.direction * amount;
+  const Vec3 normal = SafeNormalize(Unpack(packedNormal)), tangent = SafeNormalize(Unpack(packedTangent));
+  return amount.x * tangent - amount.y * Cross(normal, tangent) + amount.z * normal;
+}
+
+// Computes what the plan gave one triangle room for.
+class Refiner {
+ public:
+  Refiner(Part& part, const ImageSlot& layer, const Triangle& triangle)
+      : part_(part), layer_(layer), triangle_(triangle) {
+    OrderCorners(part, triangle, order_);
+    for (int c = 0; c < 3; ++c) {
+      const std::uint32_t v = triangle.vertex[c];
+      normals_[c] = SafeNormalize(Unpack(part.normals[v]));
+      tangents_[c] = SafeNormalize(Unpack(part.tangents[v]));
+      corners_[c] = {part.positions[v], normals_[c]};
+    }
+  }
+
+  void WriteVertices(const Slice& slice) {
+    std::size_t vertex = slice.vertex;
+    for (int r = 0; r <= slice.level; ++r)
+      for (int j = 0; j <= r; ++j) {
+        const int share[3] = {slice.level - r, r - j, j};
+        WriteVertex(vertex++, MakeBlend(share, slice.level, order_));
+      }
+  }
+
+ private:
+  void WriteVertex(std::size_t vertex, const Blend& blend) {
+    part_.normals[vertex] = Pack(BlendValues(normals_, blend));
+    part_.tangents[vertex] = Pack(BlendValues(tangents_, blend));
+    for (auto& set : part_.scalarSets) WriteValue(set.values, vertex, blend);
+    for (auto& set : part_.uvSets) WriteValue(set.values, vertex, blend);
+    for (auto& set : part_.vectorSets) WriteValue(set.values, vertex, blend);
+
+    // What overflows falls back to the flat triangle, and what a layer sends to infinity stays.
+    Vec3 position = PatchPoint(corners_, blend);
+    if (!IsFinite(position)) {
+      WriteValue(part_.positions, vertex, blend);
+      position = part_.positions[vertex];
+    }
+    const bool hasUv = !part_.uvSets.empty() && !part_.uvSets.front().values.empty();
+    const Vec2 uv = hasUv ? part_.uvSets.front().values[vertex] : Vec2{};
+    const Vec3 moved = position + Offset(layer_, uv, part_.normals[vertex], part_.tangents[vertex]);
+    // The sum with 0 leaves no negative zeros: positions are compared by their bits.
+    part_.positions[vertex] = (IsFinite(moved) ? moved : position) + Vec3{0, 0, 0};
+  }
+
+  template <class T>
+  void WriteValue(std::vector<T>& values, std::size_t vertex, const Blend& blend) {
+    if (values.empty()) return;
+    const T ofCorners[3] = {values[triangle_.vertex[0]], values[triangle_.vertex[1]],
+                            values[triangle_.vertex[2]]};
+    values[vertex] = BlendValues(ofCorners, blend);
+  }
+
+  Part& part_;
+  const ImageSlot& layer_;
+  const Triangle& triangle_;
+  PatchCorner corners_[3];
+  Vec3 normals_[3], tangents_[3];
+  int order_[3] = {};
+};
+
+// One layer of every shader. False, with an error row and the Part unchanged, when the result is too large.
+bool RefineAndMove(Part& part, std::size_t pass) {
+  PassPlan plan;
+  std::vector<Triangle> triangles;
+  if (!PlanPass(part, pass, plan) || !GrowArrays(part, plan, triangles)) {
+    PrintError("part - displacement levels ask for more triangles than can be held, the layer is left out");
+    return false;
+  }
+  const auto count = static_cast<std::int64_t>(part.triangles.size());
+#pragma omp parallel for schedule(static)
+  for (std::int64_t i = 0; i < count; ++i) {
+    const Triangle& triangle = part.triangles[static_cast<std::size_t>(i)];
+    const Slice& slice = plan.slices[static_cast<std::size_t>(i)];
+    if (slice.level == 0) {
+      triangles[slice.triangle] = triangle;
+      continue;
+    }
+    Refiner(part, *FindLayer(triangle.shader, pass), triangle).WriteVertices(slice);
+    WriteLattice(slice.vertex, static_cast<std::uint32_t>(slice.level), triangle.shader,
+                 &triangles[slice.triangle]);
+  }
+  part.triangles.swap(triangles);
+  return true;
+}
+
+}  // namespace
+
+void Displace(Part& part) {
+  const std::size_t passes = CountPasses(part);
+  if (passes == 0) return;
+  SplitTetragons(part);
+  for (std::size_t pass = 0; pass < passes; ++pass) {
+    Smooth(part);
+    if (part.normals.empty() || part.tangents.empty()) break;
+    // Guarded for Parts whose arrays do not match, which cannot be refined without reading past an end.
+    part.normals.resize(part.positions.size());
+    part.tangents.resize(part.positions.size());
+    if (!RefineAndMove(part, pass)) break;
+  }
+  if (part.normals.empty()) PrintWarning("part - missing vertex normals for displacement mapping");
+  PrintRule();
+}
+
+}  // namespace zp
