@@ -8,6 +8,7 @@
 #include "core/release.h"
 #include "geometry/density.h"
 #include "geometry/geometry.h"
+#include "shading/hair.h"
 
 namespace zp {
 
@@ -148,6 +149,7 @@ void InitializeAccelerator() {
   PrintVectorRow("scene max   ", sceneBounds.max, "n/a");
   PrintVectorRow("scene center", sceneCenter, "n/a");
   PrintRule();
+  InitializeFibers();
 }
 
 void FinalizeAccelerator() {

@@ -50,8 +50,56 @@ LobeResponse Respond(const Receiver& receiver, Vec3 direction, float offset, Glo
 
 bool IsZero(const LobeResponse& r) { return r.lambertian == 0 && r.transmissive == 0 && r.glossy == 0; }
 
+// Hair, which takes light from all sides.
+struct HairReceiver {
+  const RayRecord& ray;
+  const ShadingPoint& point;
+};
+
+// The same for hair. Its own rays are drawn from some of its lobes only: no others compete with light
+// samples.
+struct HairResponse {
+  float lambertian = 0;
+  Vec3 drawn, undrawn;  // of the lobes that give the glossy light
+  float glossyDensity = 0;
+};
+
+// Fibres have no terminator that an offset could soften, and their lobes one scale.
+HairResponse Respond(const HairReceiver& receiver, Vec3 direction, float, GlossyScale) {
+  const ShadingPoint& point = receiver.point;
+  HairResponse response;
+  if (point.hasLambertian) response.lambertian = FiberDiffuse(point.outgoing, direction, point.tangent);
+  if (point.hasGlossy) {
+    const FiberScattering lobes = EvaluateFiber(*point.fiber, point.outgoing, direction, point.tangent);
+    response.drawn = DrawnLobes(*point.fiber, lobes);
+    response.undrawn = UndrawnLobes(*point.fiber, lobes);
+    response.glossyDensity = DrawnDensity(*point.fiber, lobes);
+  }
+  return response;
+}
+
+bool IsZero(const HairResponse& r) { return r.lambertian == 0 && r.drawn == kBlack && r.undrawn == kBlack; }
+
+LobeRadiance Reflect(const HairReceiver&, const HairResponse& response, Vec3 light) {
+  LobeRadiance lobes;
+  lobes.lambertian = response.lambertian * light;
+  lobes.glossy = (response.drawn + response.undrawn) * light;
+  return lobes;
+}
+
+HairResponse Weighted(const HairReceiver& receiver, HairResponse response, const LightSample& sample,
+                      std::int32_t samples) {
+  const auto weight = [&](float density) {
+    return LightSampleWeight(receiver.ray, sample.pdf, density, samples);
+  };
+  response.lambertian *= weight(response.lambertian);  // which is its own density
+  response.drawn *= weight(response.glossyDensity);
+  return response;
+}
+
 // What is left of the light on its way; black in the shadow.
-Vec3 Visibility(const Receiver& receiver, Vec3 direction, float distance) {
+template <class AnyReceiver>
+Vec3 Visibility(const AnyReceiver& receiver, Vec3 direction, float distance) {
   RayRecord shadow = MakeChildRay(receiver.ray, receiver.point, kEventLightSample, direction, kWhite);
   shadow.depth = 0;
   shadow.photonStore = false;
@@ -86,12 +134,13 @@ struct Draw {
   Vec2 place;
 };
 
-LobeRadiance SampleOne(const Receiver& receiver, const GeometryLight& light, const Draw& draw,
+template <class AnyReceiver>
+LobeRadiance SampleOne(const AnyReceiver& receiver, const GeometryLight& light, const Draw& draw,
                        LightSample& sample) {
   if (!SampleGeometryLight(receiver.point.position, draw.number, draw.count, draw.place.x, draw.place.y,
                            sample))
     return {};
-  LobeResponse response = Respond(receiver, sample.direction, 0, GlossyScale::kRays);
+  auto response = Respond(receiver, sample.direction, 0, GlossyScale::kRays);
   if (IsZero(response)) return {};
   const Vec3 visible = Visibility(receiver, sample.direction, sample.distance);
   if (visible == kBlack) return {};
@@ -100,10 +149,11 @@ LobeRadiance SampleOne(const Receiver& receiver, const GeometryLight& light, con
   return Reflect(receiver, response, (kPi * sample.factor) * sample.radiance * visible);
 }
 
-LobeRadiance SampleOne(const Receiver& receiver, const SkyLight& light, const Draw& draw,
+template <class AnyReceiver>
+LobeRadiance SampleOne(const AnyReceiver& receiver, const SkyLight& light, const Draw& draw,
                        LightSample& sample) {
   if (!SampleSky(draw.place.x, draw.place.y, sample) || !(sample.pdf > 0)) return {};
-  LobeResponse response = Respond(receiver, sample.direction, 0, GlossyScale::kRays);
+  auto response = Respond(receiver, sample.direction, 0, GlossyScale::kRays);
   if (IsZero(response)) return {};
   const Vec3 visible = Visibility(receiver, sample.direction, sample.distance);
   if (visible == kBlack) return {};
@@ -112,11 +162,11 @@ LobeRadiance SampleOne(const Receiver& receiver, const SkyLight& light, const Dr
 }
 
 // Point and parallel lights have no counterpart among the rays of lobes.
-template <class GafferLight>
-LobeRadiance SampleOne(const Receiver& receiver, const GafferLight& light, const Draw& draw,
+template <class AnyReceiver, class GafferLight>
+LobeRadiance SampleOne(const AnyReceiver& receiver, const GafferLight& light, const Draw& draw,
                        LightSample& sample) {
   sample = SampleLight(light, receiver.point.position, draw.place.x, draw.place.y);
-  const LobeResponse response = Respond(receiver, sample.direction, light.offset, GlossyScale::kBrdf);
+  const auto response = Respond(receiver, sample.direction, light.offset, GlossyScale::kBrdf);
   if (IsZero(response) || sample.radiance == kBlack) return {};
   return Reflect(receiver, response,
                  sample.radiance * Visibility(receiver, sample.direction, sample.distance));
@@ -194,6 +244,10 @@ LobeRadiance SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyL
       sum += lobes;
     };
     LightSample sample;  // filled before `add` reads it through its reference
+    if (point.fiber != nullptr) {
+      add(SampleOne(HairReceiver{ray, point}, light, draw, sample), sample);
+      continue;
+    }
     if (diffuses) add(SampleAtExit(ray, point, light, draw, sample), sample);
     // What shines does so at the surface: a highlight does not go through the body.
     if (!diffuses || point.hasGlossy)

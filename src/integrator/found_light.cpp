@@ -14,9 +14,15 @@ bool MeetsLightSamples(const RayRecord& ray) {
   return lobe && ray.parentPoint != nullptr && std::fabs(1 - ray.ior) < 1e-8f;
 }
 
+// Light samples do not look through hair: the rays of its transmissive lobe bring all of that light.
+bool LooksThroughHair(const RayRecord& ray) {
+  return ray.event == kEventTransmissive && ray.parentPoint != nullptr && ray.parentPoint->fiber != nullptr;
+}
+
 // The share of the sky that belongs to the ray, and not to samples of the sky.
 float SkyHitWeight(const RayRecord& ray) {
   if (skyLight.sample <= 0 || BounceCount(ray) == 0 || !MeetsLightSamples(ray)) return 1;
+  if (LooksThroughHair(ray)) return 1;
   return LobeRayWeight(ray, SkyDensity(ray.direction),
                        LobeDensity(*ray.parentPoint, ray.event, ray.direction), skyLight.sample);
 }
@@ -36,7 +42,7 @@ bool IsInEmissionLists(const RayRecord& ray) {
 // The same for an emitter.
 float EmitterHitWeight(const RayRecord& ray, const ShadingPoint& point) {
   if (!point.virtualLight || !SamplesEmitters() || BounceCount(ray) == 0) return 1;
-  if (!IsInEmissionLists(ray)) return 1;
+  if (!IsInEmissionLists(ray) || LooksThroughHair(ray)) return 1;
   if (ray.event == kEventSpecular || ray.event == kEventSpecularRefraction) {
     const bool diffuse = ray.previousEvent == kEventLambertian || ray.previousEvent == kEventTransmissive;
     if (diffuse && geometryLight.photon == 0) return 1;  // else caustic photons bring it

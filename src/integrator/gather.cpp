@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "core/random.h"
 #include "core/settings.h"
 #include "core/tables.h"
 #include "integrator/estimator.h"
@@ -59,7 +60,7 @@ Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event,
     AddDiffuseSample(ray, point, event, throughput, ray.sampleNumber, ray.sampleWeight, kWhite, sum);
     if (!hair) sum += GatherCaustics(ray, point, event);
   }
-  return point.diffuseWeight * sum;
+  return hair ? sum : point.diffuseWeight * sum;  // light samples of hair know no Fresnel weight either
 }
 
 // Not inlined, like AddDiffuseSample.
@@ -88,6 +89,31 @@ void AddGlossySample(const RayRecord& ray, const ShadingPoint& point, Vec3 throu
         FollowLobeRay(ray, point, ways.ways[i], throughput, sample, sampleWeight);
     ++(reflects ? sums.reflections : sums.refractions);
   }
+}
+
+// One sample of hair's lobes. Not inlined, like AddDiffuseSample.
+[[gnu::noinline]] Vec3 FollowFiberRay(const RayRecord& ray, const ShadingPoint& point, Vec3 throughput,
+                                      std::uint32_t sample, std::int32_t sampleWeight) {
+  const float h = static_cast<float>(RandomBits()) * 4.656613e-10f - 1;
+  const FiberSample way = SampleFiber(*point.fiber, point.outgoing, point.tangent, h);
+  RayRecord child = MakeChildRay(ray, point, kEventGlossy, way.direction, throughput * way.weight);
+  child.sampleNumber = sample;
+  child.sampleWeight = sampleWeight;
+  ++child.glossyBounces;
+  return way.weight * Radiance(child);
+}
+
+Vec3 GatherFiber(const RayRecord& ray, const ShadingPoint& point, Vec3 throughput) {
+  Vec3 sum;
+  if (BounceCount(ray) == 0) {
+    const PassShare share = ShareOf(GatherCount(throughput, settings.rendererSample, CameraPasses()));
+    for (std::uint32_t i = share.first; i < share.end; i += share.step)
+      sum += FollowFiberRay(ray, point, throughput, i, ray.sampleWeight * share.count);
+    sum *= 1.0f / static_cast<float>(share.count);
+  } else if (BounceCount(ray) < settings.rendererBounce) {
+    sum = FollowFiberRay(ray, point, throughput, ray.sampleNumber, ray.sampleWeight);
+  }
+  return sum;
 }
 
 }  // namespace
@@ -128,6 +154,7 @@ Vec3 GatherTransmissive(const RayRecord& ray, const ShadingPoint& point) {
 Vec3 GatherGlossy(const RayRecord& ray, const ShadingPoint& point) {
   const Vec3 throughput = ray.throughput * point.glossyColor;
   if (IsBlack(throughput)) return kBlack;
+  if (point.fiber != nullptr) return GatherFiber(ray, point, throughput);
   GlossySums sums;
   if (BounceCount(ray) == 0) {
     const Vec3 brightest = throughput * MaxOf(point.specularWeight, point.diffuseWeight);

@@ -71,8 +71,9 @@ LocalSurface SurfaceOf(const RayRecord& ray) {
 
 // The normal of a cylinder around `axis`, met by the ray at `offset` radii beside the axis, -1 to 1.
 Vec3 CylinderNormal(Vec3 direction, Vec3 axis, float offset) {
-  const Vec3 beside = UnitVector(Cross(direction, axis));
-  const Vec3 facing = UnitVector(Dot(direction, axis) * axis - direction);
+  Vec3 beside = UnitVector(Cross(direction, axis));
+  if (!(Dot(beside, beside) > 0)) beside = UnitPerpendicular(axis);  // looked along: all sides are alike
+  const Vec3 facing = Cross(beside, axis);
   const float height = std::sqrt(std::max(0.0f, 1.0f - offset * offset));
   return UnitVector(height * facing - offset * beside);
 }
@@ -108,8 +109,11 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
     normal = UnitVector(toWorld * normal);
     surface.tangent = UnitVector(toWorld * surface.tangent);
   }
-  if (ray.kind == kKindCylinder)
+  if (ray.kind == kKindCylinder) {
+    // A curve that stands still where it was hit has no axis; any across the view will do.
+    if (surface.tangent == kBlack) surface.tangent = UnitPerpendicular(ray.direction);
     surface.faceNormal = normal = CylinderNormal(ray.direction, surface.tangent, ray.barycentric.x);
+  }
 
   // Towards the ray's origin; a supplied normal follows its face, also where the two disagree.
   point.geometricNormal =
@@ -121,6 +125,10 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
   point.uv = CornerUv(surface.corners, *ray.part);
   SetFrame(point, surface.tangent);
 
+  if (ray.kind == kKindCylinder) {
+    if (point.layer == nullptr) point.layer = &ChooseLayer(shader, ray.frontFace, point.uv);
+    point.fiber = &point.layer->fiber;
+  }
   FinishShadingPoint(point, shader, ray.frontFace);
   return true;
 }

@@ -12,6 +12,7 @@
 #include "core/ray.h"
 #include "core/vec.h"
 #include "imaging/imaging.h"
+#include "shading/hair.h"
 
 namespace zp {
 
@@ -90,6 +91,7 @@ struct SurfaceShader {
   SurfaceShader();  // slots with the defaults of kElements
 
   std::array<ImageSlot, kElementCount> slots;
+  FiberParameters fiber;  // the Shader's, from when it is ready: what hair with this layer scatters by
   Sideness sideness = Sideness::kBoth;
   Material material = Material::kConductor;
   bool virtualLight = false;
@@ -132,6 +134,7 @@ struct Shader {
   bool initialized = false;
   bool usedByHair = false;
   std::string name = "undefined";
+  FiberParameters fiber;  // ready when hair is in the scene
   GeometryShader geometry;
   VolumeShader volume;
   std::int32_t frontCount = 0, backCount = 0;
@@ -185,7 +188,8 @@ struct ShadingPoint {
   float iorRatio = 1;        // factor that turns the ray's ior on refraction
   float reflectCosine = 0;   // outgoing . normal
   const SurfaceShader* layer = nullptr;
-  bool useDensity = false;  // takes its diffuse radiance from the density cells
+  const FiberParameters* fiber = nullptr;  // of hair, which scatters by it; null on surfaces
+  bool useDensity = false;                 // takes its diffuse radiance from the density cells
   Material material = Material::kConductor;
   bool virtualLight = false;
   bool hasLambertian = false, hasTransmissive = false, hasGlossy = false, hasSpecular = false;

@@ -61,8 +61,10 @@ void FinishShadingPoint(ShadingPoint& point, const Shader& shader, bool frontFac
   point.material = layer.material;
   point.virtualLight = layer.virtualLight;
 
-  if (layer.hasAngle) TurnFrame(point, Mean(LookUp(layer[Element::kAngle], point.uv)));
-  if (layer.hasNormalMap) BendNormal(point, LookUp(layer[Element::kNormal], point.uv));
+  if (point.fiber == nullptr) {  // hair's tangent is its axis, and stays
+    if (layer.hasAngle) TurnFrame(point, Mean(LookUp(layer[Element::kAngle], point.uv)));
+    if (layer.hasNormalMap) BendNormal(point, LookUp(layer[Element::kNormal], point.uv));
+  }
   GuardMirror(point);
   SetWidths(point);
 
