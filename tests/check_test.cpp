@@ -194,6 +194,38 @@ TEST_F(Check, NamesThatResolveToNothing) {
       "13 errors, 5 warnings");
 }
 
+TEST_F(Check, GeometryThatCannotBeRead) {
+  Write("model/a.fur", "segment 2\nposition 0 0\npostion 0 0 1\nposition 0 0 1\n");
+  Write("model/short.hair", "HAIR");
+  Write("maps/bytes.pgm", "P5 1 1 255 a");
+  Write("geometry/a.zp",
+        "object\n shader \"paint\"\n hair \"model/none.hair\"\n hair \"model/short.hair\"\n fur "
+        "\"model/none.fur\"\n fur \"model/a.fur\"\n particle_texture \"none.tif\"\n uv_texture\n"
+        " normal_texture \"bytes.pgm\"\n position_texture \"none.pfm\"\n triangle_texture \"none.pfm\"\n"
+        " triangle_texture \"none.pfm\"\n furr \"a\"\n uv_texture \"a.pfm\"\nend\n");
+  Write("render/a.zp", "render\n image_path \"maps\"\nend\n");
+  Expect(
+      {
+          "geometry/a.zp:2: error: an object's shader does not reach its hair",
+          "geometry/a.zp:3: error: hair: cannot open or read the file \"model/none.hair\"",
+          "geometry/a.zp:4: error: hair: cannot open or read the file \"model/short.hair\"",
+          "geometry/a.zp:5: error: fur: cannot open the file \"model/none.fur\"",
+          "geometry/a.zp:7: error: particle_texture: the image \"none.tif\" cannot be found or read",
+          "geometry/a.zp:8: error: uv_texture: a string is missing",
+          "geometry/a.zp:9: error: normal_texture: \"bytes.pgm\" holds no 32-bit floats",
+          "geometry/a.zp:10: error: position_texture: the image \"none.pfm\" cannot be found or read",
+          "geometry/a.zp:11: error: triangle_texture: the image \"none.pfm\" cannot be found or read",
+          "geometry/a.zp:12: error: triangle_texture: the image \"none.pfm\" cannot be found or read",
+          "geometry/a.zp:13: error: unknown keyword \"furr\" in \"object\" of line 1",
+          "geometry/a.zp:14: error: uv_texture: no \"triangle_texture\" follows",
+          "model/a.fur:0: error: the strands ask for more points than there are",
+          "model/a.fur:2: error: position: a number is missing",
+          "model/a.fur:3: error: unknown keyword \"postion\" in a fur file",
+      },
+      "15 errors, 0 warnings");
+  EXPECT_EQ(status, 1);
+}
+
 TEST_F(Check, RecordsThatDoNotDoWhatTheySay) {
   const std::string layer = " surface_shader\n  lambertian\n   color 1 1 1\n  end\n end\n";
   const std::string weighted =

@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -312,6 +314,73 @@ TEST_F(SceneTest, ObserverLeavesTheRulesAlone) {
   for (const Finding& finding : notes.findings) lines.push_back(finding.place.line);
   std::sort(lines.begin(), lines.end());
   EXPECT_EQ(lines, (std::vector<int>{2, 3, 4, 6, 8, 11, 14, 15, 16, 17, 19, 20}));
+}
+
+TEST_F(SceneTest, GeometryOfEveryKind) {
+  namespace fs = std::filesystem;
+  std::string pattern = (fs::temp_directory_path() / "scene_test_XXXXXX").string();
+  ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+  const fs::path folder = pattern;
+  const std::string path = folder.string() + "/";
+  const auto write = [&](const std::string& name, const std::string& bytes) {
+    std::ofstream(path + name, std::ios::binary) << bytes;
+  };
+  // One picture: its pixels are positions, uvs and more, and its bit patterns no indices of any position.
+  const auto save = [&](const std::string& name, const std::vector<float>& components) {
+    ImageBuffer image;
+    Allocate(image, 3, static_cast<int>(components.size() / 9), 3, 32, false);
+    image.floatPixels = components;
+    image.fileName = path + name;
+    ASSERT_TRUE(SaveImage(image));
+  };
+  write("a.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n");
+  write("a.fur", "segment 1\nposition 0 0 0\nposition 0 0 1\n");
+  const std::uint32_t header[] = {1, 3, 2, 2};
+  std::string hair = "HAIR" + std::string(reinterpret_cast<const char*>(header), sizeof header);
+  hair.resize(128 + 3 * 12, '\0');
+  write("a.hair", hair);
+  save("p.pfm", {0, 0, 0, 1, 0, 0, 0, 1, 0});
+  save("v.pfm", {0, 0, 1, 0, 0, 1, 0, 0, 1});
+  const std::uint32_t indices[] = {0, 1, 2, 2, 1, 0, 1, 0, 2};
+  std::vector<float> pixels(9);
+  std::memcpy(pixels.data(), indices, sizeof indices);
+  save("t.pfm", pixels);
+
+  imageSearchPaths = {folder.string()};
+  const auto own = [&](const std::string& keyword, const std::string& name) {
+    return " " + keyword + " \"" + path + name + "\"\n";
+  };
+  Read("object\n triangle_texture\n" + own("hair", "a.hair") + own("obj", "a.obj") +
+       " normal_texture \"v.pfm\"\n position_texture \"p.pfm\"\n" + own("fur", "a.fur") +
+       " tangent_texture \"v.pfm\"\n uv_texture \"v.pfm\"\n triangle_texture \"t.pfm\"\n" +
+       own("fur", "none.fur") + own("hair", "a.hair") +
+       " particle_texture \"\"\n triangle_texture \"t.pfm\"\n uv_texture \"p.pfm\"\nend\n"
+       "object\n uv_texture \"v.pfm\"\n position_texture \"p.pfm\"\nend\n");
+  ASSERT_EQ(objectTable.size(), 2U);
+  EXPECT_TRUE(objectTable[1].parts.empty());  // nothing loads them
+  const std::vector<Part>& parts = objectTable[0].parts;
+  ASSERT_EQ(parts.size(), 9U);
+  EXPECT_TRUE(parts[0].positions.empty());  // no pictures yet
+  EXPECT_EQ(parts[1].cylinders, (std::vector<std::uint32_t>{0, 1}));
+  EXPECT_EQ(parts[2].triangles.size(), 1U);
+  EXPECT_EQ(parts[3].cylinders, std::vector<std::uint32_t>{0});
+  EXPECT_EQ(parts[4].positions, (std::vector<Vec3>{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}));
+  EXPECT_EQ(parts[4].uvSets[0].values, std::vector<Vec2>(3));
+  EXPECT_EQ(parts[4].normals, (std::vector<PackedVector>(3, {0, 0, 127})));
+  EXPECT_EQ(parts[4].tangents, parts[4].normals);
+  ASSERT_EQ(parts[4].triangles.size(), 3U);
+  EXPECT_EQ(parts[4].triangles[1].vertex[0], 2U);
+  EXPECT_TRUE(parts[5].positions.empty());
+  EXPECT_EQ(parts[6].strandLengths, std::vector<std::uint32_t>{2});
+  EXPECT_TRUE(parts[7].positions.empty());
+  // The same mesh again, with everything loaded on top of what it held.
+  EXPECT_EQ(parts[8].positions.size(), 6U);
+  EXPECT_EQ(parts[8].normals.size(), 6U);
+  EXPECT_EQ(parts[8].tangents.size(), 6U);
+  EXPECT_EQ(parts[8].uvSets[0].values.size(), 6U);
+  ASSERT_EQ(parts[8].triangles.size(), 6U);
+  EXPECT_EQ(parts[8].triangles[4].vertex[0], 2U);  // indices count from the first position of all
+  fs::remove_all(folder);
 }
 
 TEST_F(SceneTest, FoldersAreReadInOrder) {

@@ -3,10 +3,13 @@
 
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
 #include "geometry/object.h"
+#include "imaging/imaging.h"
 
 namespace zp {
 
@@ -15,6 +18,42 @@ namespace zp {
 bool ReadObjFile(const std::string& path, Part& part);
 // The same from memory.
 void ReadObj(std::string_view text, Part& part);
+
+// Lays strands one after the other over the positions that a Part has: a strand of n segments is n cylinders
+// and owns n + 1 positions.
+struct StrandLayout {
+  Part& part;
+  std::uint64_t base = 0;  // first position of the next strand
+  bool dropped = false;    // some strand asked for positions that are not there
+
+  // Appends the segments that end within the positions, and one strand length: their number. Nothing, and
+  // false, once no position is left.
+  bool Add(std::uint64_t segments);
+  // Prints the row of what was dropped.
+  void Finish() const;
+};
+
+// Reads a binary hair file into `part`, whose positions, first uv set and first scalar set become those of
+// the file. False, with a row and an untouched Part, if the file cannot be read or ends before what its
+// header promises. Prints one row if the strands ask for more points than there are.
+bool ReadHairFile(const std::string& path, Part& part);
+// The same from memory; `name` stands in the rows.
+bool ReadHair(std::string_view bytes, const std::string& name, Part& part);
+
+// What the pixels of a picture can be to a Part.
+enum class ArrayKind { kPosition, kUv, kNormal, kTangent, kTriangle, kParticle };
+enum class ArrayResult {
+  kRead,
+  kNothing,   // no name
+  kNotFound,  // no such file in the search paths, or no picture in it
+  kUnfit,     // not of 32-bit floats, or with too few components: nothing was added
+};
+// Finds the picture as textures are found and appends its pixels, the top row first, to one array of the
+// Part. The picture is the geometry's own copy: no texture, never packed. Prints a row unless all of it was
+// added.
+ArrayResult ReadArrayImage(ArrayKind kind, const std::string& name, Part& part);
+// The same with the picture in hand; its fileName stands in the rows.
+ArrayResult AddArrayImage(ArrayKind kind, ImageBuffer image, Part& part);
 
 Box TriangleBox(const Part& part, std::uint32_t index);
 Box TetragonBox(const Part& part, std::uint32_t index);

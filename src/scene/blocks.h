@@ -5,6 +5,7 @@
 
 #include <string_view>
 
+#include "geometry/object.h"
 #include "imaging/imaging.h"
 #include "lights/lights.h"
 #include "scene/tokens.h"
@@ -27,5 +28,11 @@ void ReadGeometryLightSection(SceneText& text);  // goes on from what is set
 bool ReadAovBlock(SceneText& text, Aov& aov, AovOwner owner);
 bool ReadLinkBlock(SceneText& text, ShaderLink& link);
 bool ReadVolumeBlock(SceneText& text, VolumeShader& volume);
+
+// A file of strands in the manner of scene text, into `part`: "segment" lines give strand lengths, "position"
+// lines points. Prints one row if the strands ask for more points than there are. False, without a row, if
+// the file cannot be opened.
+bool ReadFurFile(const std::string& path, Part& part);
+void ReadFur(SceneText& text, Part& part);
 
 }  // namespace zp

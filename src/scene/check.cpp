@@ -138,6 +138,9 @@ void CheckObjects(SceneNotes& notes) {
   for (const NotedObject& object : notes.objects) {
     if (object.hasObj && object.shader.line > 0)
       Error(notes, object.shader, "an object's shader does not reach the faces of its OBJ file");
+    else if (object.hasOther && object.shader.line > 0)
+      Error(notes, object.shader,
+            "an object's shader does not reach its hair, fur and pictures: that of an instance does");
     if (!object.name.empty() && !names.insert(object.name).second)
       Warning(notes, object.place,
               "there is an object " + Quoted(object.name) + " already, which is what instances place");

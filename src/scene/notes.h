@@ -65,6 +65,7 @@ struct NotedObject {
   TextPlace place;
   TextPlace shader;  // line 0 without one
   bool hasObj = false;
+  bool hasOther = false;  // geometry of another kind
   std::string name;
 };
 

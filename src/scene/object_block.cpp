@@ -1,3 +1,5 @@
+#include <array>
+
 #include "geometry/geometry.h"
 #include "scene/blocks.h"
 
@@ -23,11 +25,105 @@ bool ReadInstanceBlock(SceneText& text, Instance& instance) {
   return true;
 }
 
+// The pictures of one mesh, in the order in which they are loaded: the last of them asks for all.
+struct MeshPictureRow {
+  std::string_view keyword;
+  ArrayKind kind;
+};
+constexpr MeshPictureRow kMeshPictures[] = {
+    {"position_texture", ArrayKind::kPosition}, {"uv_texture", ArrayKind::kUv},
+    {"normal_texture", ArrayKind::kNormal},     {"tangent_texture", ArrayKind::kTangent},
+    {"triangle_texture", ArrayKind::kTriangle},
+};
+
+// The mesh that the pictures of an object block fill, over and over.
+struct MeshPictures {
+  struct Picture {
+    std::string name;
+    TextPlace place;
+    bool used = false;
+  };
+  std::array<Picture, std::size(kMeshPictures)> pictures;
+  Part part;
+};
+
+void NotePicture(const TextPlace& place, std::string_view keyword, const std::string& name,
+                 ArrayResult result) {
+  const std::string label = std::string(keyword) + ": ";
+  if (result == ArrayResult::kNotFound)
+    Note(place, Severity::kError, label + "the image " + Quoted(name) + " cannot be found or read");
+  if (result == ArrayResult::kUnfit)
+    Note(place, Severity::kError,
+         label + Quoted(name) + " holds no 32-bit floats, or too few of them for each pixel");
+}
+
+// A texture keyword of a mesh: remembers its name; "triangle_texture" appends a copy of all that was loaded
+// so far.
+bool ReadMeshPicture(SceneText& text, std::string_view keyword, Line& line, MeshPictures& mesh,
+                     Object& object) {
+  std::size_t index = 0;
+  while (index < std::size(kMeshPictures) && keyword != kMeshPictures[index].keyword) ++index;
+  if (index == std::size(kMeshPictures)) return false;
+  mesh.pictures[index] = {ReadString(line), line.Place()};
+  if (kMeshPictures[index].kind != ArrayKind::kTriangle) return true;
+  for (std::size_t i = 0; i < std::size(kMeshPictures); ++i) {
+    MeshPictures::Picture& picture = mesh.pictures[i];
+    const std::size_t triangles = mesh.part.triangles.size();
+    const ArrayResult result = ReadArrayImage(kMeshPictures[i].kind, picture.name, mesh.part);
+    if (text.notes && !picture.used)
+      NotePicture(picture.place, kMeshPictures[i].keyword, picture.name, result);
+    picture.used = true;
+    if (text.notes && i == index && result == ArrayResult::kRead && mesh.part.triangles.size() == triangles)
+      NoteLine(line, Severity::kError, "no triangle of " + Quoted(picture.name) + " has all its positions");
+  }
+  object.parts.push_back(mesh.part);
+  return true;
+}
+
+void NoteUnusedPictures(const MeshPictures& mesh) {
+  for (std::size_t i = 0; i < std::size(kMeshPictures); ++i) {
+    const MeshPictures::Picture& picture = mesh.pictures[i];
+    if (picture.name.empty() || picture.used) continue;
+    Note(picture.place, Severity::kError,
+         std::string(kMeshPictures[i].keyword) + ": no \"triangle_texture\" follows, which would load it");
+  }
+}
+
+bool ReadModel(SceneText& text, Line& line, NotedObject& noted, std::size_t index) {
+  noted.hasObj = true;
+  const std::string name = ReadString(line);
+  Object& object = objectTable[index];
+  const bool opened = ReadObjFile(name, object.parts.emplace_back());
+  if (!text.notes) return true;
+  if (!opened) NoteLine(line, Severity::kError, "cannot open the file " + Quoted(name));
+  if (opened) text.notes->models.push_back({line.Place(), name, index, object.parts.size() - 1});
+  return true;
+}
+
+// Strands and particles: each keyword makes a Part of its own. False if it is another keyword.
+bool ReadOwnPart(SceneText& text, std::string_view keyword, Line& line, Object& object) {
+  const bool hair = keyword == "hair", fur = keyword == "fur", particles = keyword == "particle_texture";
+  if (!hair && !fur && !particles) return false;
+  const std::string name = ReadString(line);
+  Part& part = object.parts.emplace_back();
+  if (particles) {
+    const ArrayResult result = ReadArrayImage(ArrayKind::kParticle, name, part);
+    if (text.notes) NotePicture(line.Place(), keyword, name, result);
+    return true;
+  }
+  const bool read = hair ? ReadHairFile(name, part) : ReadFurFile(name, part);
+  if (text.notes && !read)
+    NoteLine(line, Severity::kError,
+             (hair ? "cannot open or read the file " : "cannot open the file ") + Quoted(name));
+  return true;
+}
+
 }  // namespace
 
 void ReadObjectSection(SceneText& text) {
   const std::size_t index = objectTable.size();
   Object& object = objectTable.emplace_back();
+  MeshPictures mesh;
   NotedObject noted;
   noted.place = text.Here();
   ReadBlock(text, "object", [&](std::string_view keyword, Line& line) {
@@ -38,18 +134,14 @@ void ReadObjectSection(SceneText& text) {
       return true;
     }
     if (keyword == "instance") return ReadInstanceBlock(text, object.instances.emplace_back());
-    if (keyword == "obj") {
-      noted.hasObj = true;
-      const std::string name = ReadString(line);
-      const bool opened = ReadObjFile(name, object.parts.emplace_back());
-      if (!text.notes) return true;
-      if (!opened) NoteLine(line, Severity::kError, "cannot open the file " + Quoted(name));
-      if (opened) text.notes->models.push_back({line.Place(), name, index, object.parts.size() - 1});
-      return true;
-    }
-    return false;
+    if (keyword == "obj") return ReadModel(text, line, noted, index);
+    const bool known =
+        ReadMeshPicture(text, keyword, line, mesh, object) || ReadOwnPart(text, keyword, line, object);
+    noted.hasOther |= known;
+    return known;
   });
   if (!text.notes) return;
+  NoteUnusedPictures(mesh);
   noted.name = object.name;
   text.notes->objects.push_back(std::move(noted));
 }

@@ -1,0 +1,28 @@
+// fuzz/fuzz.h: what the fuzz targets share. A target hands any bytes to one reader and then requires that
+// what the reader left is well formed; sanitizers watch the rest. With the preset `fuzz` libFuzzer drives a
+// target, elsewhere fuzz/driver.cpp does.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "geometry/geometry.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+namespace zp {
+
+// No rows, and tables as a program starts with them. Called before each input.
+void ClearTables();
+
+// Aborts, naming the line, unless `condition` holds.
+void Require(bool condition, int line);
+
+// Every strand has its segments, each between two positions, in the order of the strands.
+void RequireStrands(const Part& part);
+// Prepares the Part as for a tree; then no index may leave its array, and no array of a value a vertex may
+// have another length.
+void RequirePrepared(Part& part);
+
+}  // namespace zp

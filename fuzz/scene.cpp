@@ -1,0 +1,35 @@
+// Any bytes as scene text, with and without an observer, who then judges the records too.
+
+#include "scene/scene.h"
+
+#include <cstring>
+#include <sstream>
+
+#include "fuzz.h"
+#include "scene/check.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  // Text may name files: none outside the folder that this runs in is to be opened.
+  if (size > 0 && std::memchr(data, '/', size) != nullptr) return -1;
+  zp::SceneNotes notes;
+  std::size_t objects = 0, parts = 0;
+  for (zp::SceneNotes* observer : {static_cast<zp::SceneNotes*>(nullptr), &notes}) {
+    zp::ClearTables();
+    zp::sceneNotes = observer;
+    std::istringstream stream(std::string(reinterpret_cast<const char*>(data), size));
+    zp::ReadScene(stream);
+    std::size_t count = 0;
+    for (zp::Object& object : zp::objectTable) {
+      count += object.parts.size();
+      for (zp::Part& part : object.parts) zp::RequirePrepared(part);
+    }
+    // The observer only watches.
+    zp::Require(!observer || (zp::objectTable.size() == objects && count == parts), __LINE__);
+    objects = zp::objectTable.size();
+    parts = count;
+  }
+  zp::sceneNotes = nullptr;
+  zp::CheckRecords(notes);
+  zp::SortFindings(notes);
+  return 0;
+}
