@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "core/random.h"
 #include "integrator/estimator.h"
 
 namespace zp {
@@ -59,6 +60,15 @@ RayRecord MakeLobeChild(const RayRecord& ray, const ShadingPoint& point, const L
   } else {
     ++child.specularBounces;
   }
+  return child;
+}
+
+RayRecord MakeFiberChild(const RayRecord& ray, const ShadingPoint& point, Vec3 throughput, Vec3& weight) {
+  const float h = static_cast<float>(RandomBits()) * 4.656613e-10f - 1;
+  const FiberSample way = SampleFiber(*point.fiber, point.outgoing, point.tangent, h);
+  weight = way.weight;
+  RayRecord child = MakeChildRay(ray, point, kEventGlossy, way.direction, throughput * weight);
+  ++child.glossyBounces;
   return child;
 }
 

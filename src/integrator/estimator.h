@@ -48,6 +48,9 @@ LobeRays GlossyRays(const RayRecord& ray, const ShadingPoint& point, std::uint32
 LobeRays SpecularRays(const RayRecord& ray, const ShadingPoint& point);
 // The child ray with its bounce counted and its medium set; `throughput` is the lobe's, without the weight.
 RayRecord MakeLobeChild(const RayRecord& ray, const ShadingPoint& point, const LobeRay& way, Vec3 throughput);
+// The child ray of hair's glossy lobes, its bounce counted. `throughput` is the lobe's, without the `weight`
+// that the ray's light counts with.
+RayRecord MakeFiberChild(const RayRecord& ray, const ShadingPoint& point, Vec3 throughput, Vec3& weight);
 // Direction number `sample` of the Lambertian or the transmissive lobe. False if it goes through the surface
 // to the wrong side.
 bool DiffuseDirection(const RayRecord& ray, const ShadingPoint& point, Event event, std::uint32_t sample,

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "core/random.h"
 #include "core/settings.h"
 #include "core/tables.h"
 #include "integrator/estimator.h"
@@ -94,13 +93,11 @@ void AddGlossySample(const RayRecord& ray, const ShadingPoint& point, Vec3 throu
 // One sample of hair's lobes. Not inlined, like AddDiffuseSample.
 [[gnu::noinline]] Vec3 FollowFiberRay(const RayRecord& ray, const ShadingPoint& point, Vec3 throughput,
                                       std::uint32_t sample, std::int32_t sampleWeight) {
-  const float h = static_cast<float>(RandomBits()) * 4.656613e-10f - 1;
-  const FiberSample way = SampleFiber(*point.fiber, point.outgoing, point.tangent, h);
-  RayRecord child = MakeChildRay(ray, point, kEventGlossy, way.direction, throughput * way.weight);
+  Vec3 weight;
+  RayRecord child = MakeFiberChild(ray, point, throughput, weight);
   child.sampleNumber = sample;
   child.sampleWeight = sampleWeight;
-  ++child.glossyBounces;
-  return way.weight * Radiance(child);
+  return weight * Radiance(child);
 }
 
 Vec3 GatherFiber(const RayRecord& ray, const ShadingPoint& point, Vec3 throughput) {

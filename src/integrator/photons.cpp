@@ -162,8 +162,13 @@ void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings) {
       BounceDiffuse(ray, point, kEventTransmissive, point.transmissiveColor, cast, landings);
   }
   if (ray.depth == 255) return;  // the bytes that count bounces are full
-  if (point.hasGlossy)
+  if (point.hasGlossy && point.fiber != nullptr) {
+    Vec3 weight;
+    RayRecord child = MakeFiberChild(ray, point, ray.throughput * point.glossyColor, weight);
+    BouncePhoton(child, cast, landings);
+  } else if (point.hasGlossy) {
     BounceLobe(ray, point, GlossyRays(ray, point, ray.sampleNumber), point.glossyColor, cast, landings);
+  }
   if (point.hasSpecular)
     BounceLobe(ray, point, SpecularRays(ray, point), point.specularColor, cast, landings);
 }

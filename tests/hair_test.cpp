@@ -1,0 +1,469 @@
+// Fibres: energy, densities and limits of their scattering, and what a hair shows under lights. The hits are
+// made by hand: nothing here depends on how rays meet curves.
+
+#include "shading/hair.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "core/random.h"
+#include "integrator/estimator.h"
+#include "render_fixture.h"
+
+namespace zp {
+namespace {
+
+constexpr Vec3 kAxis = {0, 0, 1};
+
+// By inclination over the plane across kAxis, and azimuth.
+Vec3 Direction(double inclination, double azimuth) {
+  return {static_cast<float>(std::cos(inclination) * std::cos(azimuth)),
+          static_cast<float>(std::cos(inclination) * std::sin(azimuth)),
+          static_cast<float>(std::sin(inclination))};
+}
+
+// The integral of value(direction) over the sphere, by midpoints.
+double Integrate(const std::function<double(Vec3)>& value, int rings = 360, int sectors = 240) {
+  constexpr double kHalfTurn = 3.141592653589793;
+  const double ring = kHalfTurn / rings, sector = 2 * kHalfTurn / sectors;
+  double sum = 0;
+  for (int i = 0; i < rings; ++i) {
+    const double inclination = (i + 0.5) * ring - kHalfTurn / 2;
+    for (int j = 0; j < sectors; ++j)
+      sum += value(Direction(inclination, (j + 0.5) * sector)) * std::cos(inclination) * ring * sector;
+  }
+  return sum;
+}
+
+double Sum(const FiberScattering& s) { return static_cast<double>(Mean(s.r + s.tt + s.trt)); }
+
+class Hair : public testing::Test {
+ protected:
+  void SetUp() override {
+    SetConsoleQuiet(true);
+    StartRandom(5);
+  }
+  void TearDown() override {
+    StartRandom(std::nullopt);
+    SetConsoleQuiet(false);
+  }
+
+  static FiberParameters MakeFiber(Vec3 absorption = kBlack) {
+    FiberParameters fiber;
+    fiber.absorption = absorption;
+    InitializeFiber(fiber);
+    return fiber;
+  }
+};
+
+TEST_F(Hair, BesselFunctionAgainstItsSeries) {
+  for (float x = 0; x < 85; x += 0.37f) {
+    double term = 1, sum = 1;
+    const double quarter = static_cast<double>(x) * static_cast<double>(x) / 4;
+    for (int k = 1; k < 400; ++k) sum += term *= quarter / (k * k);
+    EXPECT_NEAR(static_cast<double>(BesselI0(x)) / sum, 1, 1e-5) << x;
+  }
+}
+
+TEST_F(Hair, LongitudinalTermIsOneFunction) {
+  const auto term = [](float variance, float cosines, float sines) {
+    return static_cast<double>(
+        LongitudinalTerm(variance, 1 / (2 * variance * std::sinh(1 / variance)), cosines, sines));
+  };
+  // Where the branches meet. The asymptotic one stops at half of the first correction of 1 / (8 a).
+  const float below = std::nextafter(0.2f, 0.0f);
+  for (float cosines : {0.0f, 0.3f, 1.0f})
+    for (float sines : {-0.5f, 0.0f, 0.5f})
+      EXPECT_NEAR(term(below, cosines, sines) / term(0.2f, cosines, sines), 1, 1e-4) << cosines;
+  for (float variance : {0.03f, 0.05f, 0.08f})
+    EXPECT_NEAR(term(variance, 12.001f * variance, 0.1f) / term(variance, 11.999f * variance, 0.1f), 1, 0.007)
+        << variance;
+  // It spreads light without loss, whatever the width and the inclination.
+  for (float variance : {0.001f, 0.0305f, 0.1218f, 0.1999f, 0.2f, 0.2742f, 2.0f})
+    for (double inclination : {0.0, 0.5, -1.2, 1.5}) {
+      constexpr int kSteps = 20000;
+      double sum = 0;
+      for (int i = 0; i < kSteps; ++i) {
+        const double theta = ((i + 0.5) / kSteps - 0.5) * double{kPi};
+        const double cosine = std::cos(theta);
+        sum += term(variance, static_cast<float>(std::cos(inclination) * cosine),
+                    static_cast<float>(std::sin(inclination) * std::sin(theta))) *
+               cosine * double{kPi} / kSteps;
+      }
+      EXPECT_NEAR(sum, 1, 0.006) << variance << " " << inclination;
+    }
+}
+
+// A white furnace around a fibre that absorbs nothing. Seen slantwise it gains: the Fresnel term of R knows
+// the inclination, those of the images do not make up for it. Over all light that falls on a fibre, nothing
+// is gained to speak of.
+TEST_F(Hair, GainsNoEnergy) {
+  const FiberParameters clear = MakeFiber(), dark = MakeFiber({0.1f, 0.5f, 2});
+  double received = 0, scattered = 0;
+  for (int degrees = 5; degrees < 90; degrees += 10) {
+    const double inclination = degrees * double{kPi} / 180;
+    const Vec3 incoming = Direction(inclination, 0.3);
+    const double sum = Integrate([&](Vec3 d) { return Sum(EvaluateFiber(clear, incoming, d, kAxis)); });
+    EXPECT_GT(sum, 0.97) << degrees;
+    EXPECT_LT(sum, degrees <= 45 ? 1.01 : degrees <= 65 ? 1.12 : 1.53) << degrees;
+    received += std::cos(inclination) * std::cos(inclination);
+    scattered += std::cos(inclination) * std::cos(inclination) * sum;
+    Vec3 absorbed;
+    for (int c = 0; c < 3; ++c)
+      absorbed[c] = static_cast<float>(Integrate(
+          [&](Vec3 d) {
+            const FiberScattering s = EvaluateFiber(dark, incoming, d, kAxis);
+            return double{(s.r + s.tt + s.trt)[c]};
+          },
+          180, 60));
+    EXPECT_GT(static_cast<float>(sum), absorbed.x + 0.05f) << degrees;
+    EXPECT_GT(absorbed.x, absorbed.y + 0.05f) << degrees;
+    EXPECT_GT(absorbed.y, absorbed.z + 0.05f) << degrees;
+    EXPECT_GT(absorbed.z, 0.01f) << degrees;
+  }
+  RecordProperty("reflectance", std::to_string(scattered / received));
+  EXPECT_NEAR(scattered / received, 1, 0.03);
+}
+
+TEST_F(Hair, DiffuseLightAddsUpToOne) {
+  for (double inclination : {0.0, 0.7, -1.4}) {
+    const Vec3 incoming = Direction(inclination, 1);
+    EXPECT_NEAR(Integrate([&](Vec3 d) { return double{FiberDiffuse(incoming, d, kAxis)}; }), 1, 1e-3);
+  }
+  // Lit from behind, a diffuse cylinder is dark.
+  EXPECT_NEAR(FiberDiffuse(Direction(0, 0), Direction(0, double{kPi}), kAxis), 0, 1e-6f);
+  EXPECT_NEAR(FiberDiffuse(Direction(0, 0), Direction(0, 0), kAxis), 0.25f, 1e-6f);
+}
+
+TEST_F(Hair, LooksTheSameFromEitherSide) {
+  const FiberParameters fiber = MakeFiber({0.1f, 0.2f, 0.3f});
+  for (int i = 0; i < 500; ++i) {
+    const double a = 3 * double{RandomFloat()} - 1.5, b = 3 * double{RandomFloat()} - 1.5;
+    const double turn = 6.2 * double{RandomFloat()}, start = 6.2 * double{RandomFloat()};
+    const double value = Sum(EvaluateFiber(fiber, Direction(a, 0), Direction(b, turn), kAxis));
+    // Where the angles fall on the border of two cells, rounding decides between neighbours.
+    const auto expectSame = [&](Vec3 incoming, Vec3 scattered, Vec3 axis, const char* what) {
+      EXPECT_NEAR(Sum(EvaluateFiber(fiber, incoming, scattered, axis)), value, 0.05 * value + 1e-5) << what;
+    };
+    expectSame(Direction(a, 0), Direction(b, -turn), kAxis, "mirrored");
+    expectSame(Direction(a, start), Direction(b, start + turn), kAxis, "turned");
+    expectSame(Direction(-a, 0), Direction(-b, turn), kAxis, "upside down");
+    expectSame(Direction(a, 0), Direction(b, turn), -kAxis, "the axis reversed");
+    expectSame(Direction(b, turn), Direction(a, 0), kAxis, "light and view exchanged");
+  }
+}
+
+// Highlights of a smooth straight fibre lie on the cone that mirrors the view along the axis.
+TEST_F(Hair, HighlightIsOnTheMirrorCone) {
+  const FiberParameters fiber = MakeFiber();
+  for (double inclination : {0.0, 0.5, -0.9}) {
+    const Vec3 incoming = Direction(inclination, 0);
+    double best = 0, at = 0;
+    for (double other = -1.5; other < 1.5; other += 0.02) {
+      const double value = double{EvaluateFiber(fiber, incoming, Direction(other, 0.4), kAxis).r.x};
+      if (value > best) best = value, at = other;
+    }
+    EXPECT_NEAR(at, -inclination, 0.09);
+  }
+}
+
+// Pearson's statistic of sampled directions over bins of inclination and azimuth, by its standard deviation.
+double ChiSquareExcess(const FiberParameters& fiber, Vec3 outgoing, int draws) {
+  constexpr int kRings = 24, kSectors = 12, kFine = 8;
+  const auto bin = [](Vec3 d) {
+    const double inclination = std::asin(std::clamp(double{d.z}, -1.0, 1.0)) / double{kPi} + 0.5;
+    double turn = std::atan2(double{d.y}, double{d.x}) / (2 * double{kPi});
+    if (turn < 0) turn += 1;
+    return static_cast<std::size_t>(std::min(static_cast<int>(inclination * kRings), kRings - 1) * kSectors +
+                                    std::min(static_cast<int>(turn * kSectors), kSectors - 1));
+  };
+  std::vector<double> expected(kRings * kSectors), counts(kRings * kSectors);
+  Integrate(
+      [&](Vec3 d) {
+        // The density comes with the squared cosine of the direction, which the samples do not know.
+        const double cosine2 = 1 - double{d.z} * double{d.z};
+        const double density = double{EvaluateFiber(fiber, outgoing, d, kAxis).density.x} / cosine2;
+        const double area =
+            std::sqrt(cosine2) * (double{kPi} / (kRings * kFine)) * (2 * double{kPi} / (kSectors * kFine));
+        expected[bin(d)] += density * area * draws;
+        return 0.0;
+      },
+      kRings * kFine, kSectors * kFine);
+  for (int i = 0; i < draws; ++i)
+    counts[bin(SampleFiber(fiber, outgoing, kAxis, 2 * RandomFloat() - 1).direction)] += 1;
+  double statistic = 0, rest = 0, restCount = 0;
+  int bins = 0;
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    if (expected[i] < 10) {
+      rest += expected[i];
+      restCount += counts[i];
+      continue;
+    }
+    statistic += (counts[i] - expected[i]) * (counts[i] - expected[i]) / expected[i];
+    ++bins;
+  }
+  EXPECT_GT(bins, 20);
+  EXPECT_NEAR(restCount, rest, 5 * std::sqrt(rest) + 10);
+  return (statistic - bins) / std::sqrt(2.0 * bins);
+}
+
+TEST_F(Hair, ReflectedRaysFollowTheirDensity) {
+  for (float width : {0.09f, 10 * kPi / 180, 0.5f}) {  // either side of where the sampling formula changes
+    FiberParameters fiber;
+    fiber.widthR = width;
+    InitializeFiber(fiber);
+    for (double inclination : {0.0, 0.6, -1.1}) {
+      const double excess = ChiSquareExcess(fiber, Direction(inclination, 0.2), 20000);
+      EXPECT_LT(excess, 5) << width << " " << inclination;
+    }
+  }
+}
+
+// Rays of all lobes bring home what the lobes scatter, but for the Fresnel terms: that of the rays knows the
+// inclination, that of the images does not.
+TEST_F(Hair, RaysOfAllLobesCarryTheirLight) {
+  FiberParameters fiber = MakeFiber({0.1f, 0.2f, 0.4f});
+  for (bool all : {false, true})
+    for (double inclination : {0.0, 0.5}) {
+      fiber.sampleAllLobes = all;
+      const Vec3 outgoing = Direction(inclination, 0);
+      Vec3 mean;
+      constexpr int kDraws = 40000;
+      for (int i = 0; i < kDraws; ++i)
+        mean += SampleFiber(fiber, outgoing, kAxis, 2 * RandomFloat() - 1).weight / kDraws;
+      for (int c = 0; c < 3; ++c) {
+        const double expected = Integrate(
+            [&](Vec3 d) { return double{DrawnLobes(fiber, EvaluateFiber(fiber, outgoing, d, kAxis))[c]}; });
+        EXPECT_NEAR(double{mean[c]}, expected, 0.05 * expected) << all << " " << inclination << " " << c;
+      }
+    }
+}
+
+TEST_F(Hair, EveryAngleGivesNumbers) {
+  std::vector<Vec3> directions = {kAxis, -kAxis};
+  for (double inclination : {-1.5707, -1.5, -0.4, 0.0, 1e-6, 0.8, 1.57079})
+    for (int turn = 0; turn < 8; ++turn) directions.push_back(Direction(inclination, turn * 0.7853981634));
+  struct Case {
+    float width, ior;
+  };
+  for (Case c : {Case{0.1745f, 1.55f}, Case{0, 1}, Case{0.1f, 0.5f}, Case{0.104f, 3}, Case{50, 1e9f},
+                 Case{std::nanf(""), std::nanf("")}}) {
+    FiberParameters fiber;
+    fiber.widthR = c.width;
+    fiber.ior = c.ior;
+    InitializeFiber(fiber);
+    fiber.sampleAllLobes = true;
+    for (Vec3 incoming : directions)
+      for (Vec3 scattered : directions) {
+        const FiberScattering s = EvaluateFiber(fiber, incoming, scattered, kAxis);
+        for (Vec3 v : {s.r, s.tt, s.trt, s.density}) {
+          ASSERT_TRUE(IsFinite(v)) << c.width << " " << incoming.z << " " << scattered.z;
+          ASSERT_TRUE(v.x >= 0 && v.y >= 0 && v.z >= 0);
+        }
+        ASSERT_TRUE(std::isfinite(FiberDiffuse(incoming, scattered, kAxis)));
+      }
+    for (Vec3 outgoing : directions)
+      for (float h : {-1.0f, 0.0f, 0.3f, 1.0f}) {
+        const FiberSample sample = SampleFiber(fiber, outgoing, kAxis, h);
+        ASSERT_NEAR(Dot(sample.direction, sample.direction), 1, 1e-4f) << c.width << " " << outgoing.z;
+        ASSERT_TRUE(IsFinite(sample.weight));
+        ASSERT_TRUE(sample.weight.x >= 0 && sample.weight.x <= 3.001f) << sample.weight.x;
+      }
+  }
+  // What was not initialised is black.
+  EXPECT_EQ(Sum(EvaluateFiber(FiberParameters{}, directions[2], directions[9], kAxis)), 0);
+}
+
+TEST_F(Hair, ImagesAreBuiltOnceForEqualFibersOfUsedShaders) {
+  shaders.assign(3, Shader{});
+  for (Shader& shader : shaders) shader.surfaces.resize(2);
+  shaders[2].fiber.absorption = {1, 1, 1};
+  InitializeFibers();
+  EXPECT_EQ(shaders[0].fiber.lut, nullptr);
+  shaders[1].usedByHair = true;
+  InitializeFibers();
+  ASSERT_NE(shaders[0].fiber.lut, nullptr);
+  EXPECT_EQ(shaders[0].fiber.lut, shaders[1].fiber.lut);
+  EXPECT_NE(shaders[0].fiber.lut, shaders[2].fiber.lut);
+  EXPECT_EQ(shaders[2].surfaces[1].fiber.lut, shaders[2].fiber.lut);
+  const FiberParameters& fiber = shaders[0].fiber;
+  EXPECT_FLOAT_EQ(fiber.widthTT, 2 * fiber.widthR);
+  EXPECT_FLOAT_EQ(fiber.widthTRT, 3 * fiber.widthR);
+  EXPECT_FLOAT_EQ(fiber.f0, (0.55f / 2.55f) * (0.55f / 2.55f));
+  shaders.clear();
+}
+
+// A strand along z in an empty scene, hit by a ray along y.
+class LitHair : public RenderTest {
+ protected:
+  void Start(Vec3 lambertian, Vec3 glossy) {
+    Restart();
+    shader_ = AddShader("hair", lambertian, kBlack);
+    Shader& shader = shaders[static_cast<std::size_t>(shader_)];
+    shader.surfaces[0][Element::kGlossy].color = glossy;
+    shader.usedByHair = true;
+    cameras[0].sample = 1;
+    settings.rendererSample = 4096;
+  }
+
+  // A white picture in memory: a plain sky is not sampled.
+  static void SampleWhiteSky(std::int32_t samples) {
+    skyLight.sample = samples;
+    ImageBuffer image;
+    Allocate(image, 8, 4, 3, 32, false);
+    for (std::size_t i = 0; i < 32; ++i) WritePixel(image, kWhite, i);
+    image.loaded = true;
+    image.fileName = "white in memory";
+    images.push_back(image);
+    skyLight.image = image.fileName;
+  }
+
+  // From here on the tables stand.
+  void Prepare() {
+    Initialize();
+    strand_.positions = {Vec3{0, 0, -1}, Vec3{0, 0, 1}};
+    strand_.tangents.assign(2, Pack(kAxis));
+    strand_.cylinders = {0};
+  }
+
+  bool Hit(float offset, Vec3 direction = {0, 1, 0}) {
+    ray_ = {};
+    point_ = {};
+    ray_.direction = direction;
+    ray_.origin = -2 * direction;
+    ray_.t = 2;
+    ray_.part = &strand_;
+    ray_.primitive = 0;
+    ray_.kind = kKindCylinder;
+    ray_.shader = shader_;
+    ray_.frontFace = true;
+    ray_.barycentric = {offset, 0, 0.5f};
+    if (!SetUpShadingPoint(ray_, point_)) return false;
+    TestElements(point_);
+    return true;
+  }
+
+  double Expected(const std::function<Vec3(const FiberScattering&)>& lobes) const {
+    return Integrate([&](Vec3 d) {
+      return double{Mean(lobes(EvaluateFiber(*point_.fiber, point_.outgoing, d, point_.tangent)))};
+    });
+  }
+
+  Part strand_;
+  RayRecord ray_;
+  ShadingPoint point_;
+  std::int32_t shader_ = 0;
+};
+
+TEST_F(LitHair, FrameFollowsTheAxis) {
+  Start(kBlack, kWhite);
+  shaders[static_cast<std::size_t>(shader_)].surfaces[0][Element::kAngle].color = Grey(0.3f);
+  Prepare();
+  for (float offset : {-1.0f, -0.6f, 0.0f, 0.6f, 1.0f})
+    for (Vec3 direction : {Vec3{0, 1, 0}, SafeNormalize({0.3f, 0.2f, 0.8f}), SafeNormalize({0, 1e-4f, 1}),
+                           Vec3{0, 0, 1}, Vec3{0, 0, -1}}) {
+      ASSERT_TRUE(Hit(offset, direction));
+      EXPECT_NEAR(std::fabs(point_.tangent.z), 1, 1e-5f);
+      EXPECT_NEAR(point_.normal.z, 0, 1e-4f);
+      for (Vec3 v : {point_.normal, point_.tangent, point_.bitangent, point_.geometricNormal})
+        EXPECT_NEAR(Dot(v, v), 1, 1e-4f);
+      EXPECT_GE(Dot(point_.normal, point_.outgoing), -1e-4f);
+    }
+  // Seen along +y with the axis up: a ray that passes the axis at 0.6 radii, as the hit tests count, meets a
+  // normal that leans as far the other way.
+  ASSERT_TRUE(Hit(0.6f));
+  EXPECT_NEAR(point_.normal.x, -0.6f, 1e-4f);
+  EXPECT_NEAR(point_.normal.y, -0.8f, 1e-4f);
+}
+
+TEST_F(LitHair, PointLightMeetsTheLobes) {
+  Start(Grey(0.5f), Grey(0.7f));
+  const Vec3 color = {1, 2, 4};
+  AddPointLight({-1, -3, 1}).color = color;
+  Prepare();
+  ASSERT_TRUE(Hit(0.2f));
+  const LobeRadiance lobes = SampleLights(ray_, point_);
+  const Vec3 direction = SafeNormalize({-1, -3, 1});
+  const FiberScattering s = EvaluateFiber(*point_.fiber, point_.outgoing, direction, point_.tangent);
+  const Vec3 light = (kPi / 11) * color, glossy = light * (s.r + s.tt + s.trt);
+  const Vec3 diffuse = light * FiberDiffuse(point_.outgoing, direction, point_.tangent);
+  ASSERT_GT(Mean(glossy), 0.01f);
+  for (int c = 0; c < 3; ++c) {
+    EXPECT_NEAR(lobes.glossy[c], glossy[c], 1e-4f * glossy[c]);
+    EXPECT_NEAR(lobes.lambertian[c], diffuse[c], 1e-4f * diffuse[c]);
+  }
+  EXPECT_EQ(lobes.transmissive, kBlack);
+}
+
+// Light from behind shines through, where a surface would be dark.
+TEST_F(LitHair, ShinesThrough) {
+  Start(kBlack, kWhite);
+  AddPointLight({0.2f, 3, 0});
+  Prepare();
+  ASSERT_TRUE(Hit(0));
+  EXPECT_GT(Mean(SampleLights(ray_, point_).glossy), 0.05f);
+}
+
+// Rays see the reflection alone; with light samples beside them the others come in, and nothing counts twice.
+TEST_F(LitHair, SkyLightAddsUpForTheGlossyLobes) {
+  for (bool sampled : {false, true}) {
+    Start(kBlack, kWhite);
+    SampleWhiteSky(sampled ? 4096 : 0);
+    Prepare();
+    ASSERT_TRUE(Hit(0.3f, SafeNormalize({0, 1, 0.4f})));
+    const double expected =
+        Expected([&](const FiberScattering& s) { return sampled ? s.r + s.tt + s.trt : s.r; });
+    const double direct = double{Mean(SampleLights(ray_, point_).glossy)};
+    const double found = double{Mean(GatherGlossy(ray_, point_))};
+    EXPECT_NEAR(direct + found, expected, 0.03 * expected) << sampled << " " << direct << " " << found;
+    EXPECT_GT(found, 0.01);
+    EXPECT_EQ(direct > 0.01, sampled);
+  }
+}
+
+// Averaged over its width, a white diffuse fibre under a white sky shows white, whoever finds the light.
+TEST_F(LitHair, SkyLightAddsUpForTheDiffuseLobe) {
+  for (int samples : {0, 512, 8192}) {
+    Start(kWhite, kBlack);
+    SampleWhiteSky(samples);
+    settings.rendererSample = 1024;
+    Prepare();
+    double sum = 0;
+    constexpr int kOffsets = 32;
+    for (int i = 0; i < kOffsets; ++i) {
+      ASSERT_TRUE(Hit((static_cast<float>(i) + 0.5f) / (kOffsets / 2) - 1));
+      sum += double{Mean(SampleLights(ray_, point_).lambertian + GatherLambertian(ray_, point_))} / kOffsets;
+    }
+    EXPECT_NEAR(sum, 1, 0.015) << samples;
+  }
+}
+
+// Past the bounces that are gathered, light samples stand alone and at full weight.
+TEST_F(LitHair, LastBounceTakesAllOfTheSampledSky) {
+  Start(kWhite, kWhite);
+  SampleWhiteSky(64);
+  Prepare();
+  double glossy = 0, diffuse = 0;
+  constexpr int kDraws = 8192;
+  for (std::uint32_t i = 0; i < kDraws; ++i) {
+    ASSERT_TRUE(Hit(0));
+    ray_.diffuseBounces = 1;
+    ray_.depth = 1;
+    ray_.sampleNumber = i;
+    const LobeRadiance lobes = SampleLights(ray_, point_);
+    glossy += double{Mean(lobes.glossy)} / kDraws;
+    diffuse += double{Mean(lobes.lambertian)} / kDraws;
+    EXPECT_EQ(GatherGlossy(ray_, point_), kBlack);
+  }
+  EXPECT_NEAR(diffuse, 1, 0.03);
+  const double expected = Expected([](const FiberScattering& s) { return s.r + s.tt + s.trt; });
+  EXPECT_NEAR(glossy, expected, 0.03 * expected);
+}
+
+}  // namespace
+}  // namespace zp
