@@ -140,7 +140,7 @@ TEST_F(ReadersTest, HairWithEveryCombinationOfArrays) {
                                                        : (std::vector<std::uint32_t>{2, 2, 2}));
     for (std::size_t i = 0; i < 9; ++i) {
       const auto x = static_cast<float>(i);
-      if (arrays & kPoints) EXPECT_EQ(part.positions[i], (Vec3{x, 10 * x, -x}));
+      EXPECT_EQ(part.positions[i], (arrays & kPoints) ? (Vec3{x, 10 * x, -x}) : Vec3{});
       EXPECT_EQ(part.uvSets[0].values[i], (Vec2{x / 9, (x + 1) / 9}));
       EXPECT_EQ(part.scalarSets[0].values[i], (arrays & kThickness) ? x / 16 : 0.125f);
     }
@@ -283,6 +283,29 @@ TEST_F(ReadersTest, FurThatAsksForTooMuchIsCut) {
   }
   EXPECT_TRUE(ReadFurFile(Write("a.fur", "segment 2\n" + points), part));
   EXPECT_EQ(part.strandLengths, Lengths{2});
+}
+
+TEST_F(ReadersTest, StrandsKnowTheirDirectionAndLength) {
+  Part part =
+      Fur("segment 2\nsegment 0\nsegment 1\nposition 0 0 0\nposition 0 0 1\nposition 1 0 1\nposition 9 9 9\n"
+          "position 0 0 0\nposition 0 -1e-7 0\n");
+  DeriveStrands(part);
+  EXPECT_TRUE(shaders.at(0).usedByHair);
+  ASSERT_EQ(part.scalarSets.size(), 2U);
+  EXPECT_EQ(part.scalarSets[1].name, "parameter");
+  // A strand without segments counts with the one before it: no cylinder tells where it starts.
+  EXPECT_EQ(part.scalarSets[1].values, (std::vector<float>{0, 0.25f, 0.5f, 0.75f, 0, 0.5f}));
+  const PackedVector up = {0, 0, 127}, across = {127, 0, 0};
+  EXPECT_EQ(part.tangents,
+            (std::vector<PackedVector>{up, Pack({1, 0, 1}), across, {}, {0, -127, 0}, {0, -127, 0}}));
+
+  // A host's cylinders may stand in any order, and leave vertices out.
+  Part mixed;
+  mixed.positions = {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {5, 0, 0}, {5, 1, 0}};
+  mixed.cylinders = {3, 1};
+  DeriveStrands(mixed);
+  EXPECT_EQ(mixed.scalarSets[1].values, (std::vector<float>{0, 0, 0.5f, 0, 0.5f}));
+  EXPECT_EQ(mixed.tangents, (std::vector<PackedVector>{{}, across, across, {0, 127, 0}, {0, 127, 0}}));
 }
 
 // A picture of the given components, the top row first, in a file.

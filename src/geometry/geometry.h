@@ -33,6 +33,11 @@ struct StrandLayout {
   void Finish() const;
 };
 
+// For a Part with cylinders whose vertices all exist: marks its shader as one of hair, appends a scalar set
+// "parameter" (0 at the root of each strand, rising evenly, below 1 at its tip) and gives each vertex the
+// direction of its strand as tangent.
+void DeriveStrands(Part& part);
+
 // Reads a binary hair file into `part`, whose positions, first uv set and first scalar set become those of
 // the file. False, with a row and an untouched Part, if the file cannot be read or ends before what its
 // header promises. Prints one row if the strands ask for more points than there are.

@@ -99,24 +99,6 @@ std::string ReadAsPromised(std::istream& stream) {
 
 }  // namespace
 
-bool StrandLayout::Add(std::uint64_t segments) {
-  const std::uint64_t count = part.positions.size();
-  if (base >= count) {
-    dropped = true;
-    return false;
-  }
-  const std::uint64_t kept = std::min(segments, count - base - 1);
-  dropped |= kept < segments;
-  for (std::uint64_t i = 0; i < kept; ++i) part.cylinders.push_back(static_cast<std::uint32_t>(base + i));
-  part.strandLengths.push_back(static_cast<std::uint32_t>(kept));
-  base += segments + 1;
-  return true;
-}
-
-void StrandLayout::Finish() const {
-  if (dropped) PrintWarning("object - strands ask for more points than there are");
-}
-
 bool ReadHair(std::string_view bytes, const std::string& name, Part& part) {
   if (bytes.size() < kHeaderBytes) return Fail("cannot open hair file header ", name);
   const auto header = ElementAt<HairHeader>(bytes, 0);
