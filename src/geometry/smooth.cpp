@@ -246,10 +246,17 @@ struct GroupCorner {
   const SmoothAngle* angle;
 };
 
+// Most corners of a group end up with the sum of the one before them, which is packed already.
+struct LastSum {
+  Vec3 sum;
+  PackedVector packed;
+};
+
 // The vector of corner `c`: a member of its face, summed over the corners within its angle. `stored` is what
 // its vertex has so far.
 template <Vec3 FaceVectors::*kMember>
-PackedVector SmoothVector(const std::vector<GroupCorner>& group, const GroupCorner& c, PackedVector stored) {
+PackedVector SmoothVector(const std::vector<GroupCorner>& group, const GroupCorner& c, PackedVector stored,
+                          LastSum& last) {
   if (c.angle->facets) return {};
   if (c.angle->radians < 0 && !IsZero(stored)) return stored;
   const SmoothAngle angle = *c.angle;
@@ -257,7 +264,8 @@ PackedVector SmoothVector(const std::vector<GroupCorner>& group, const GroupCorn
   Vec3 sum;
   for (const GroupCorner& other : group)
     if (IsWithin(angle, own, other.face.*kMember)) sum += other.face.*kMember;
-  return Pack(SafeNormalize(sum));
+  if (!(sum == last.sum)) last = {sum, Pack(SafeNormalize(sum))};
+  return last.packed;
 }
 
 // Smooths the corners from `begin` to `end`, which share a position. Their new vertices append to the
@@ -276,13 +284,14 @@ std::uint32_t SmoothPiece(Smoothing& s, std::size_t begin, std::size_t end, std:
   }
   const std::size_t firstOfPiece = firstVertex + added;
   std::size_t endOfPiece = firstOfPiece;
+  LastSum lastNormal, lastTangent;
   for (std::size_t i = begin; i < end; ++i) {
     std::uint32_t& vertex = VertexOf(part, s.corners[i]);
     const GroupCorner& corner = group[i - begin];
     const PackedVector normal =
-        SmoothVector<&FaceVectors::normal>(group, corner, ValueAt(part.normals, vertex));
+        SmoothVector<&FaceVectors::normal>(group, corner, ValueAt(part.normals, vertex), lastNormal);
     const PackedVector tangent =
-        SmoothVector<&FaceVectors::tangent>(group, corner, ValueAt(part.tangents, vertex));
+        SmoothVector<&FaceVectors::tangent>(group, corner, ValueAt(part.tangents, vertex), lastTangent);
     std::size_t fit = firstOfPiece;
     while (fit < endOfPiece && !(s.normals[fit] == normal && s.tangents[fit] == tangent &&
                                  HasSameData(part, s.sources[fit], vertex)))
