@@ -369,18 +369,18 @@ TEST_F(GeometryTest, ValidationRows) {
   const std::string mixed =
       "error :( \tobject - mixed types (ex. cylinders and triangles in the same group) \n" + kRule;
   Part part;
-  part.positions.resize(4);
-  part.particles = {0};
+  part.positions = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+  part.particles = {3};
   part.cylinders = {0, 1};
   part.triangles = {{{0, 1, 2}, 0}};
   EXPECT_EQ(Prepare(part), mixed + mixed + mixed);
   part.particles.clear();
   part.cylinders.clear();
-  part.normals.resize(3);
-  part.scalarSets[0].values = {1, 2, 3, 4, 5};
+  part.normals.resize(1);
+  part.scalarSets[0].values.assign(50, 1.0f);
   EXPECT_EQ(Prepare(part), "error :( \tobject - different size of per vertex data array\n");
-  EXPECT_EQ(part.normals.size(), 4U);  // no look-up by vertex can leave it
-  EXPECT_EQ(part.scalarSets[0].values.size(), 4U);
+  EXPECT_EQ(part.normals.size(), part.positions.size());  // no look-up by vertex can leave it
+  EXPECT_EQ(part.scalarSets[0].values.size(), part.positions.size());
   EXPECT_EQ(Prepare(part), "");
 }
 
@@ -394,7 +394,7 @@ TEST_F(GeometryTest, UnusablePrimitivesAreDropped) {
             "warning :( \tobject - primitives with an index out of range are dropped\n"
             "warning :( \tobject - primitives with non-finite positions are dropped\n");
   ASSERT_EQ(part.triangles.size(), 2U);
-  EXPECT_EQ(part.triangles[1].vertex[0], 2U);
+  EXPECT_EQ(Corners(part, 1)[0], (Vec3{0, 1, 0}));
   ASSERT_EQ(part.tetragons.size(), 1U);
 
   Part strands;
@@ -419,12 +419,12 @@ TEST_F(GeometryTest, UndefinedShadersTakeThePartsAndFacesFlip) {
   part.vectorSets = {{"motion", {}}};
   EXPECT_EQ(Prepare(part), "");
   for (const std::size_t i : {0U, 2U, 3U}) EXPECT_EQ(part.triangles[i].shader, paint);
-  EXPECT_EQ(part.triangles[0].vertex[0], 0U);
+  EXPECT_EQ(Corners(part, 0)[0], (Vec3{0, 0, 0}));
   EXPECT_EQ(part.triangles[1].shader, flipped);
-  EXPECT_EQ(part.triangles[1].vertex[0], 1U);
-  EXPECT_EQ(part.triangles[1].vertex[1], 0U);
-  EXPECT_EQ(part.tetragons[0].vertex[0], 2U);
-  EXPECT_EQ(part.tetragons[0].vertex[2], 0U);
+  EXPECT_EQ(Corners(part, 1)[0], (Vec3{1, 0, 0}));
+  EXPECT_EQ(Corners(part, 1)[1], (Vec3{0, 0, 0}));
+  EXPECT_EQ(part.positions.at(part.tetragons[0].vertex[0]), (Vec3{1, 1, 0}));
+  EXPECT_EQ(part.positions.at(part.tetragons[0].vertex[2]), (Vec3{0, 0, 0}));
   EXPECT_TRUE(part.motion);
 
   // The object's own shader reaches a Part only through the name that hosts may give.

@@ -325,10 +325,12 @@ TEST_F(SmoothTest, BadInputIsSmoothedAsFarAsItGoes) {
   const float nan = std::numeric_limits<float>::quiet_NaN(), huge = 3e38f;
   Part part;
   part.positions = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0},     {nan, 0, 0},  // a face, a vertex that is no number
-                    {0, 0, 0}, {9, 9, 9}, {-huge, 0, 0}, {huge, huge, 0}, {-0.0f, 1, 0}};
+                    {0, 0, 0}, {8, 8, 8}, {-huge, 0, 0}, {huge, huge, 0}, {-0.0f, 1, 0},
+                    {9, 9, 9}, {7, 7, 7}};
   part.triangles = {{{0, 1, 2}, shader}, {{0, 1, 3}, shader}, {{0, 4, 1}, shader},
                     {{0, 0, 0}, shader}, {{4, 6, 7}, shader}, {{8, 0, 1}, shader}};
-  part.particles = {5};
+  part.particles = {9};
+  part.cylinders = {9};
   EXPECT_EQ(Rows(part), "");
   ASSERT_EQ(part.triangles.size(), 6U);
   ASSERT_EQ(part.normals.size(), part.positions.size());
@@ -336,8 +338,10 @@ TEST_F(SmoothTest, BadInputIsSmoothedAsFarAsItGoes) {
     for (const std::uint32_t v : t.vertex) ASSERT_LT(v, part.positions.size());
   EXPECT_EQ(NormalAt(part, part.triangles[0].vertex[1]), (Vec3{0, 0, 1}));
   EXPECT_EQ(part.triangles[0].vertex[2], part.triangles[5].vertex[0]);  // both zeros are one place
-  for (const Vec3& p : part.positions) EXPECT_NE(p, (Vec3{9, 9, 9}));
-  EXPECT_TRUE(part.particles.empty());  // its vertex is gone
+  for (const Vec3& p : part.positions) EXPECT_NE(p, (Vec3{8, 8, 8}));   // of no primitive
+  EXPECT_EQ(part.positions.at(part.particles.at(0)), (Vec3{9, 9, 9}));
+  EXPECT_EQ(part.positions.at(part.cylinders.at(0)), (Vec3{9, 9, 9}));
+  EXPECT_EQ(part.positions.at(part.cylinders.at(0) + 1), (Vec3{7, 7, 7}));
 
   part.triangles.push_back({{0, 1, 1000}, shader});
   EXPECT_EQ(Rows(part), "error :( \tpart - smoothing out of range\n");

@@ -88,9 +88,9 @@ Vec2 CornerUv(const Corners& corners, const Part& part);
 // Gives the Part the normals and tangents of its shaders' smoothing angles, in degrees: each corner of a
 // triangle or tetragon sums the unit normals (and tangents) of the faces at its position within that angle of
 // its own face. An angle of 0 leaves facets; a negative one keeps what is stored, a packed zero being nothing
-// stored. Vertices split where corners differ, with the data of all sets, and vertices of no face are
-// dropped, with the particles and cylinders of such a mixture. An error row if a face points outside the
-// positions; it is dropped. The result is the same for any number of threads.
+// stored. Vertices split where corners differ, with the data of all sets; those of no primitive are dropped,
+// and those of particles and cylinders stay as they are. An error row if a face points outside the positions;
+// it is dropped. The result is the same for any number of threads.
 void Smooth(Part& part);
 // Validation, flipped faces, smoothing, strands: everything before the tree. Prints the rows of what is wrong
 // and drops primitives that point outside the positions or have none that are finite.

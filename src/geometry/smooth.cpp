@@ -17,7 +17,7 @@ namespace {
 constexpr float kNoAngle = 1e-8f;  // below, an angle asks for facets
 
 // A fan with more corners at one position is smoothed piece by piece: the work is quadratic in a piece.
-constexpr std::size_t kLargestFan = 4096;
+constexpr std::size_t kLargestFan = 1024;
 
 // One corner of a primitive, in the list of its group.
 struct CornerRecord {
@@ -246,10 +246,17 @@ struct GroupCorner {
   const SmoothAngle* angle;
 };
 
+// Most corners of a group end up with the sum of the one before them, which is packed already.
+struct LastSum {
+  Vec3 sum;
+  PackedVector packed;
+};
+
 // The vector of corner `c`: a member of its face, summed over the corners within its angle. `stored` is what
 // its vertex has so far.
 template <Vec3 FaceVectors::*kMember>
-PackedVector SmoothVector(const std::vector<GroupCorner>& group, const GroupCorner& c, PackedVector stored) {
+PackedVector SmoothVector(const std::vector<GroupCorner>& group, const GroupCorner& c, PackedVector stored,
+                          LastSum& last) {
   if (c.angle->facets) return {};
   if (c.angle->radians < 0 && !IsZero(stored)) return stored;
   const SmoothAngle angle = *c.angle;
@@ -257,7 +264,8 @@ PackedVector SmoothVector(const std::vector<GroupCorner>& group, const GroupCorn
   Vec3 sum;
   for (const GroupCorner& other : group)
     if (IsWithin(angle, own, other.face.*kMember)) sum += other.face.*kMember;
-  return Pack(UnitVector(sum));
+  if (!(sum == last.sum)) last = {sum, Pack(SafeNormalize(sum))};
+  return last.packed;
 }
 
 // Smooths the corners from `begin` to `end`, which share a position. Their new vertices append to the
@@ -276,13 +284,14 @@ std::uint32_t SmoothPiece(Smoothing& s, std::size_t begin, std::size_t end, std:
   }
   const std::size_t firstOfPiece = firstVertex + added;
   std::size_t endOfPiece = firstOfPiece;
+  LastSum lastNormal, lastTangent;
   for (std::size_t i = begin; i < end; ++i) {
     std::uint32_t& vertex = VertexOf(part, s.corners[i]);
     const GroupCorner& corner = group[i - begin];
     const PackedVector normal =
-        SmoothVector<&FaceVectors::normal>(group, corner, ValueAt(part.normals, vertex));
+        SmoothVector<&FaceVectors::normal>(group, corner, ValueAt(part.normals, vertex), lastNormal);
     const PackedVector tangent =
-        SmoothVector<&FaceVectors::tangent>(group, corner, ValueAt(part.tangents, vertex));
+        SmoothVector<&FaceVectors::tangent>(group, corner, ValueAt(part.tangents, vertex), lastTangent);
     std::size_t fit = firstOfPiece;
     while (fit < endOfPiece && !(s.normals[fit] == normal && s.tangents[fit] == tangent &&
                                  HasSameData(part, s.sources[fit], vertex)))
@@ -334,32 +343,55 @@ void Regather(std::vector<T>& values, const std::vector<std::uint32_t>& sources)
   values.swap(gathered);
 }
 
+// The vertices of particles and cylinders follow those of the faces, as they are and in their old order: a
+// cylinder's two stay neighbours.
+void KeepRoundPrimitives(Part& part, std::size_t oldCount, std::vector<std::uint32_t>& sources,
+                         std::vector<PackedVector>& normals, std::vector<PackedVector>& tangents) {
+  if (part.particles.empty() && part.cylinders.empty()) return;
+  std::vector<std::uint32_t> moved(oldCount + 1, kUnusedSlot);  // a mark first, then the new index
+  const auto mark = [&](std::uint32_t v) {
+    if (v < oldCount) moved[v] = 0;
+  };
+  for (const std::uint32_t v : part.particles) mark(v);
+  for (const std::uint32_t v : part.cylinders) {
+    mark(v);
+    mark(v + 1);
+  }
+  for (std::uint32_t v = 0; v < oldCount; ++v) {
+    if (moved[v] == kUnusedSlot) continue;
+    moved[v] = static_cast<std::uint32_t>(sources.size());
+    sources.push_back(v);
+    normals.push_back(ValueAt(part.normals, v));
+    tangents.push_back(ValueAt(part.tangents, v));
+  }
+  const auto move = [&](std::uint32_t& v) { v = moved[std::min<std::size_t>(v, oldCount)]; };
+  for (std::uint32_t& v : part.particles) move(v);
+  for (std::uint32_t& v : part.cylinders) move(v);
+}
+
 // Moves the Part from its old vertices to the new ones.
 void Replace(Smoothing& s) {
   Part& part = s.part;
   const std::size_t groupCount = s.begins.size() - 1, vertexCount = s.firstNew.back();
   std::vector<std::uint32_t> sources(vertexCount);
-  part.normals = std::vector<PackedVector>(vertexCount);
-  part.tangents = std::vector<PackedVector>(vertexCount);
+  std::vector<PackedVector> normals(vertexCount), tangents(vertexCount);
 #pragma omp parallel for schedule(static)
   for (std::size_t g = 0; g < groupCount; ++g) {
     const std::uint32_t first = s.firstNew[g];
     for (std::size_t i = s.begins[g]; i < s.begins[g + 1]; ++i) VertexOf(part, s.corners[i]) += first;
     for (std::uint32_t i = 0; i < s.firstNew[g + 1] - first; ++i) {
       sources[first + i] = s.sources[s.begins[g] + i];
-      part.normals[first + i] = s.normals[s.begins[g] + i];
-      part.tangents[first + i] = s.tangents[s.begins[g] + i];
+      normals[first + i] = s.normals[s.begins[g] + i];
+      tangents[first + i] = s.tangents[s.begins[g] + i];
     }
   }
+  KeepRoundPrimitives(part, part.positions.size(), sources, normals, tangents);
+  part.normals.swap(normals);
+  part.tangents.swap(tangents);
   Regather(part.positions, sources);
   for (auto& set : part.scalarSets) Regather(set.values, sources);
   for (auto& set : part.uvSets) Regather(set.values, sources);
   for (auto& set : part.vectorSets) Regather(set.values, sources);
-  // Their vertices are gone: validation has refused the mixture.
-  part.particles.clear();
-  part.cylinders.clear();
-  part.strandLengths.clear();
-  part.primitiveShaders.clear();
 }
 
 }  // namespace
