@@ -29,7 +29,7 @@ Vec3 FaceNormal(const Part& part, const Triangle& t) {
   return UnitVector(Cross(p[t.vertex[1]] - p[t.vertex[0]], p[t.vertex[2]] - p[t.vertex[0]]));
 }
 
-// Three sorted keys of (position, normal, tangent, uv) for each face corner, in face order.
+// Position, normal, tangent and uv of each corner, in the order of the faces.
 using CornerKey = std::tuple<float, float, float, int, int, int, int, int, int, float, float>;
 std::vector<CornerKey> CornerKeys(const Part& part) {
   std::vector<CornerKey> keys;
@@ -138,7 +138,7 @@ TEST_F(SmoothTest, CubeKeepsItsEdgesOnlyBelowTheirAngle) {
     for (std::uint32_t v = 0; v < round.positions.size(); ++v)
       EXPECT_GT(Dot(NormalAt(round, v), UnitVector(round.positions[v])), 0.9999f) << degrees;
   }
-  // Without tangents that differ the vertices stay together: none of the faces is more than 180 away.
+  // Beyond 180 degrees the tangents fall together too, opposite ones included: nothing splits.
   Part whole = SharedCube(AngleShader(1e9f));
   Smooth(whole);
   EXPECT_EQ(whole.positions.size(), 8U);
@@ -173,7 +173,7 @@ TEST_F(SmoothTest, AnglesBelongToTheShaderOfEachCorner) {
   EXPECT_EQ(part.normals.size(), 0U);
   EXPECT_EQ(part.positions.size(), 4U);
 
-  // The angle of the edge itself is not within; a shader that is not there counts as the default one.
+  // A shader that is not there counts as one with the default angle.
   part = roof(1000, -1);
   Smooth(part);
   EXPECT_LT(NormalAt(part, part.triangles[0].vertex[0]).x, -0.7f);
@@ -416,6 +416,16 @@ TEST_F(SmoothRender, SphereShowsNoFacets) {
   ASSERT_GT(*std::max_element(smooth.begin(), smooth.end()), 0);
   EXPECT_GT(largestBend(faceted), 0.05f);
   EXPECT_LT(largestBend(smooth), 0.5f * largestBend(faceted));
+
+  // The cosine of a true sphere under a beam from the right and the front.
+  const float scale = *std::max_element(smooth.begin(), smooth.end());
+  float worst = 0;
+  for (std::size_t i = 0; i < smooth.size(); ++i) {
+    const float x = ((static_cast<float>(i) + 8.5f) / 32 - 1) * 40 * std::tan(1.3f * kPi / 180);
+    const float cosine = std::max(0.0f, (x + std::sqrt(1 - x * x)) * std::sqrt(0.5f));
+    worst = std::max(worst, std::fabs(smooth[i] / scale - cosine));
+  }
+  EXPECT_LT(worst, 0.06f);
 }
 
 }  // namespace
