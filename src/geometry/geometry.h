@@ -95,8 +95,6 @@ void Smooth(Part& part);
 // Validation, flipped faces, smoothing, strands: everything before the tree. Prints the rows of what is wrong
 // and drops primitives that point outside the positions or have none that are finite.
 void PreparePart(Part& part, const Object& object);
-// Normals and tangents by the shaders' smooth angles, Part in place.
-void Smooth(Part& part);
 // Splits and moves the triangles of shaders with vector displacement layers, one layer after another, Smooth
 // before each: a layer of level L makes L * L triangles of one, on a curved patch through the corners (scene
 // units). Tetragons become triangles when some shader has a layer. Points on an edge are equal to the bit

@@ -172,10 +172,12 @@ void PreparePart(Part& part, const Object& object) {
   Validate(part);
   Release(part.vertexHash);
   part.hashedVertices = 0;
+  if (!part.cylinders.empty()) DeriveStrands(part);
   part.motion = false;
   for (const auto& set : part.vectorSets) part.motion |= set.name == "motion";
   if (!part.triangles.empty() || !part.tetragons.empty()) {
     FlipFaces(part);
+    Displace(part);
     Smooth(part);
   }
 
