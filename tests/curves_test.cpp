@@ -303,6 +303,23 @@ TEST_F(Curves, ShadowRaysMeetParticlesByTheirDiscriminant) {
   }
 }
 
+TEST_F(Curves, ParticlesInScaledInstancesCastShadows) {
+  AddPlain();
+  Part& part = Geometry();
+  part.shader = 0;
+  AddParticle(part, kBlack, 0.5f);
+  objectTable.emplace_back();
+  Instance& instance = objectTable[1].instances.emplace_back();
+  instance.object = 0;
+  for (int a = 0; a < 3; ++a) instance.matrix.m[a][a] = 2;
+  Initialize();
+  for (float y : {0.0f, 0.9f, 1.05f}) {
+    RayRecord ray = MakeRay({-10, y, 0}, {1, 0, 0});
+    ray.t = 20;
+    EXPECT_EQ(Occlude(ray), y < 1) << y;
+  }
+}
+
 // A quarter of each kind. Strands are a few segments long.
 void FillSoup(Object& object, std::int32_t shader, int count) {
   object.parts.assign(3, {});
@@ -612,6 +629,37 @@ TEST_F(Curves, MotionDrawsAStreak) {
   EXPECT_NEAR(length[1] - length[0], pixelsPerUnit * way * (kPasses - 1) / kPasses, 1);
   EXPECT_NEAR(brightest[0], 1, 1e-3f);
   EXPECT_NEAR(brightest[1], 2.0f / kPasses, 0.13f);  // two or three passes shine on a point
+}
+
+TEST_F(Curves, MotionToNowhereLosesWhatMovesAndNoMore) {
+  AddPlain();
+  FillSoup(objectTable[0], 0, 50);
+  Part& part = objectTable[0].parts[1];
+  const Vec3 still = part.positions[0];
+  part.vectorSets.push_back({"motion", std::vector<Vec3>(part.positions.size())});
+  part.vectorSets[0].values[1] = {std::nanf(""), 0, 0};
+  part.vectorSets[0].values[2] = {0, INFINITY, 0};
+  Initialize();
+  std::vector<RayRecord> rays, before;
+  for (int i = 0; i < 1000; ++i) {
+    rays.push_back(MakeRay(UniformPoint(10), UniformDirection()));
+    before.push_back(rays.back());
+    Trace(before.back());
+  }
+  for (int pass = 0; pass < 3; ++pass) UpdateScene(3);
+  int hits = 0;
+  for (std::size_t i = 0; i < rays.size(); ++i) {
+    const bool lost = before[i].kind == kKindParticle && before[i].primitive > 0 && before[i].primitive < 3;
+    if (lost) continue;
+    Trace(rays[i]);
+    EXPECT_EQ(rays[i].kind, before[i].kind) << i;
+    EXPECT_EQ(rays[i].primitive, before[i].primitive) << i;
+    hits += rays[i].primitive == kNone ? 0 : 1;
+  }
+  EXPECT_GT(hits, 20);
+  RayRecord ray = MakeRay(still + Vec3{0, 0, 0.02f}, {0, 0, 1});
+  ASSERT_TRUE(Trace(ray));
+  EXPECT_LT(ray.t, 1);
 }
 
 // A ray at a distance b from the centre of a glass ball leaves it turned by twice the difference of its
