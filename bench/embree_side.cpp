@@ -17,6 +17,8 @@ RTCDevice device = nullptr;
 RTCScene scene = nullptr;
 std::vector<Vec3> positions;  // one more than there are: Embree reads four floats for the last vertex
 std::vector<std::uint32_t> corners;
+std::vector<float> rounds, tangents;  // four floats a vertex: place and radius, and their change
+RTCGeometryType type = RTC_GEOMETRY_TYPE_TRIANGLE;
 
 RTCRay MakeEmbreeRay(const StoredRay& stored, float limit) {
   RTCRay ray;
@@ -45,6 +47,19 @@ void OpenEmbree(const Part& part, int threads) {
   for (const Triangle& t : part.triangles) corners.insert(corners.end(), t.vertex, t.vertex + 3);
   for (const Tetragon& t : part.tetragons)
     for (const int i : {0, 1, 2, 2, 3, 0}) corners.push_back(t.vertex[i]);
+  type = RTC_GEOMETRY_TYPE_TRIANGLE;
+  if (!part.cylinders.empty()) type = RTC_GEOMETRY_TYPE_ROUND_HERMITE_CURVE;
+  if (!part.particles.empty()) type = RTC_GEOMETRY_TYPE_SPHERE_POINT;
+  if (type != RTC_GEOMETRY_TYPE_TRIANGLE) {
+    corners = part.cylinders;
+    for (std::size_t i = 0; i < part.positions.size(); ++i) {
+      const Vec3 p = part.positions[i];
+      rounds.insert(rounds.end(), {p.x, p.y, p.z, part.scalarSets[0].values[i]});
+      if (part.cylinders.empty()) continue;
+      const Vec3 t = SafeNormalize(Unpack(part.tangents[i]));
+      tangents.insert(tangents.end(), {t.x, t.y, t.z, 0});
+    }
+  }
   device = rtcNewDevice(("threads=" + std::to_string(threads)).c_str());
 }
 
@@ -55,6 +70,8 @@ void CloseEmbree() {
   device = nullptr;
   positions.clear();
   corners.clear();
+  rounds.clear();
+  tangents.clear();
 }
 
 double BuildEmbree() {
@@ -63,11 +80,21 @@ double BuildEmbree() {
   const auto start = std::chrono::steady_clock::now();
   scene = rtcNewScene(device);
   rtcSetSceneBuildQuality(scene, RTC_BUILD_QUALITY_MEDIUM);
-  const RTCGeometry geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
-  rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, positions.data(), 0,
-                             sizeof(Vec3), positions.size() - 1);
-  rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, corners.data(), 0,
-                             3 * sizeof(std::uint32_t), corners.size() / 3);
+  const RTCGeometry geometry = rtcNewGeometry(device, type);
+  const auto share = [&](RTCBufferType use, RTCFormat format, const void* data, std::size_t size,
+                         std::size_t count) {
+    if (count > 0) rtcSetSharedGeometryBuffer(geometry, use, 0, format, data, 0, size, count);
+  };
+  if (type == RTC_GEOMETRY_TYPE_TRIANGLE) {
+    share(RTC_BUFFER_TYPE_VERTEX, RTC_FORMAT_FLOAT3, positions.data(), sizeof(Vec3), positions.size() - 1);
+    share(RTC_BUFFER_TYPE_INDEX, RTC_FORMAT_UINT3, corners.data(), 3 * sizeof(std::uint32_t),
+          corners.size() / 3);
+  } else {
+    constexpr std::size_t kSize = 4 * sizeof(float);
+    share(RTC_BUFFER_TYPE_VERTEX, RTC_FORMAT_FLOAT4, rounds.data(), kSize, rounds.size() / 4);
+    share(RTC_BUFFER_TYPE_TANGENT, RTC_FORMAT_FLOAT4, tangents.data(), kSize, tangents.size() / 4);
+    share(RTC_BUFFER_TYPE_INDEX, RTC_FORMAT_UINT, corners.data(), sizeof(std::uint32_t), corners.size());
+  }
   rtcSetGeometryBuildQuality(geometry, RTC_BUILD_QUALITY_MEDIUM);
   rtcCommitGeometry(geometry);
   rtcAttachGeometry(scene, geometry);

@@ -16,7 +16,8 @@ inline constexpr bool kEmbreePresent = true;
 inline constexpr bool kEmbreePresent = false;
 #endif
 
-// Copies of the Part's vertices and triangles for Embree; tetragons become two triangles each. Opens the
+// Copies of the Part's vertices and triangles for Embree; tetragons become two triangles each, strands
+// round Hermite curves with the same tangents, particles spheres: one kind a Part. Opens the
 // device, whose builds then use `threads` threads; one device at a time, as all share their worker threads.
 void OpenEmbree(const Part& part, int threads);
 void CloseEmbree();

@@ -74,7 +74,8 @@ std::size_t ContainerBytes(const Object& object) {
                     Bytes(object.compactReferences);
   for (const Part& part : object.parts) {
     sum += Bytes(part.positions) + Bytes(part.normals) + Bytes(part.tangents) + Bytes(part.triangles) +
-           Bytes(part.tetragons) + Bytes(part.primitiveShaders) + Bytes(part.vertexHash);
+           Bytes(part.tetragons) + Bytes(part.particles) + Bytes(part.cylinders) +
+           Bytes(part.primitiveShaders) + Bytes(part.vertexHash);
     for (const auto& set : part.uvSets) sum += Bytes(set.values);
     for (const auto& set : part.vectorSets) sum += Bytes(set.values);
     for (const auto& set : part.scalarSets) sum += Bytes(set.values);
@@ -106,6 +107,46 @@ void FillTerrain(Part& part, std::int64_t triangles) {
     }
 }
 
+void FillHair(Part& part, std::int64_t strands) {
+  constexpr std::uint32_t kSegments = 15;
+  constexpr float kHead = 9, kRadius = 0.01f, kGolden = 2.39996323f;
+  for (std::int64_t strand = 0; strand < strands; ++strand) {
+    const auto number = static_cast<float>(strand);
+    const auto lattice = [&](std::int32_t k) { return LatticeValue(static_cast<std::int32_t>(strand), k); };
+    const float height = 1 - 1.5f * (number + 0.5f) / static_cast<float>(strands);
+    const float ring = std::sqrt(1 - height * height), angle = std::fmod(number * kGolden, 2 * kPi);
+    Vec3 way = {ring * std::cos(angle), height, ring * std::sin(angle)};
+    Vec3 p = kHead * way;
+    const float curl = 0.6f + 0.6f * lattice(1), turn = 2 * kPi * lattice(2);
+    const auto first = static_cast<std::uint32_t>(part.positions.size());
+    for (std::uint32_t k = 0; k <= kSegments; ++k) {
+      part.positions.push_back(p);
+      part.scalarSets[0].values.push_back(kRadius);
+      if (k < kSegments) part.cylinders.push_back(first + k);
+      const float phase = turn + curl * static_cast<float>(k);
+      way = SafeNormalize(way + Vec3{0.4f * std::cos(phase), -0.25f, 0.4f * std::sin(phase)});
+      p += way;
+    }
+    part.strandLengths.push_back(kSegments);
+    for (std::uint32_t k = 0; k <= kSegments; ++k) {
+      const Vec3 before = part.positions[first + (k == 0 ? 0 : k - 1)];
+      const Vec3 behind = part.positions[first + (k == kSegments ? k : k + 1)];
+      part.tangents.push_back(Pack(behind - before));
+    }
+  }
+}
+
+void FillParticles(Part& part, std::int64_t particles) {
+  for (std::int64_t i = 0; i < particles; ++i) {
+    const auto lattice = [&](std::int32_t k) { return LatticeValue(static_cast<std::int32_t>(i), k); };
+    const float z = 2 * lattice(1) - 1, ring = std::sqrt(1 - z * z), angle = 2 * kPi * lattice(2);
+    const float reach = lattice(3) * lattice(3) + 0.2f * lattice(4);
+    part.particles.push_back(static_cast<std::uint32_t>(part.positions.size()));
+    part.positions.push_back(reach * Vec3{ring * std::cos(angle), z, ring * std::sin(angle)});
+    part.scalarSets[0].values.push_back(0.002f + 0.002f * lattice(5));
+  }
+}
+
 bool WriteObjFile(const std::string& path, const Part& part) {
   std::FILE* file = std::fopen(path.c_str(), "wb");
   if (file == nullptr) return false;
@@ -118,7 +159,9 @@ bool WriteObjFile(const std::string& path, const Part& part) {
   return (std::fclose(file) == 0) && good;
 }
 
-std::size_t PrimitiveCount(const Part& part) { return part.triangles.size() + part.tetragons.size(); }
+std::size_t PrimitiveCount(const Part& part) {
+  return part.triangles.size() + part.tetragons.size() + part.cylinders.size() + part.particles.size();
+}
 
 bool EnterMesh(const MeshSource& source) {
   if (!enteredName.empty() && enteredName == source.name) return true;
@@ -129,8 +172,12 @@ bool EnterMesh(const MeshSource& source) {
   objectTable.resize(1);
   objectTable[0].name = source.name;
   Part& part = objectTable[0].parts.emplace_back();
-  if (source.file.empty()) {
-    FillTerrain(part, source.triangles);
+  if (source.file.empty() && source.shape == Shape::kHair) {
+    FillHair(part, source.amount);
+  } else if (source.file.empty() && source.shape == Shape::kParticles) {
+    FillParticles(part, source.amount);
+  } else if (source.file.empty()) {
+    FillTerrain(part, source.amount);
   } else if (!ReadObjFile(source.file, part)) {
     std::fprintf(stderr, "zp_bench: cannot read %s\n", source.file.c_str());
     LeaveMesh();

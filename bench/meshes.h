@@ -10,11 +10,14 @@
 
 namespace zp {
 
-// A mesh by name; without a file it is the terrain.
+enum class Shape : std::uint8_t { kTerrain, kHair, kParticles };
+
+// A mesh by name: a file, or a shape that is generated.
 struct MeshSource {
   std::string name;
-  std::string file;            // OBJ, or empty
-  std::int64_t triangles = 0;  // wanted of a terrain
+  std::string file;  // OBJ, or empty
+  Shape shape = Shape::kTerrain;
+  std::int64_t amount = 0;  // wanted triangles, strands or particles
 };
 
 // Bytes of the process and of its containers around one initialisation; 0 where the system does not tell.
@@ -28,6 +31,10 @@ struct MemoryUse {
 // Value-noise hills over a rectangle of 2 x 1, y upwards, in 4 n^2 triangles: as many as fit into
 // `triangles`. The same vertices on every run.
 void FillTerrain(Part& part, std::int64_t triangles);
+// A head of curly strands of fifteen segments, each about a unit long.
+void FillHair(Part& part, std::int64_t strands);
+// A cloud of particles that is denser towards its middle.
+void FillParticles(Part& part, std::int64_t particles);
 // Positions and triangles as OBJ text. False if the file could not be written whole.
 bool WriteObjFile(const std::string& path, const Part& part);
 std::size_t PrimitiveCount(const Part& part);

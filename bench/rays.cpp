@@ -12,14 +12,26 @@
 namespace zp {
 namespace {
 
-// Unnormalised; zero for a face without area.
-Vec3 FaceNormal(const RayRecord& ray) {
+// Unnormalised; zero for a face without area. Of a strand: across its axis, towards the ray.
+Vec3 HitNormal(const RayRecord& ray) {
   const auto& positions = ray.part->positions;
   const auto index = static_cast<std::size_t>(ray.primitive);
+  if (ray.kind == kKindParticle) return ray.barycentric;
+  if (ray.kind == kKindCylinder) {
+    const std::uint32_t first = ray.part->cylinders[index];
+    const Vec3 axis = SafeNormalize(positions[first + 1] - positions[first]);
+    return Dot(ray.direction, axis) * axis - ray.direction;
+  }
   const std::uint32_t* vertex =
       ray.kind == kKindTriangle ? ray.part->triangles[index].vertex : ray.part->tetragons[index].vertex;
   const Vec3 a = positions[vertex[0]], b = positions[vertex[1]], c = positions[vertex[2]];
   return Cross(b - a, c - a);
+}
+
+// Hits on strands lie inside them, at the height of the axis.
+float Lift(const RayRecord& ray) {
+  if (ray.kind != kKindCylinder) return 0;
+  return 1.5f * ray.part->scalarSets[0].values[ray.part->cylinders[static_cast<std::size_t>(ray.primitive)]];
 }
 
 // Malley's method: a disc lifted to the hemisphere about the unit vector n.
@@ -47,11 +59,11 @@ RaySet RaysFromHits(const RaySet& rays, const Box& bounds, int threads, F make) 
   ForRays(rays.size(), threads, [&](std::size_t i, HitSums&) {
     RayRecord ray = MakeRay(rays[i], omp_get_thread_num());
     if (!Trace(ray)) return;
-    Vec3 normal = FaceNormal(ray);
+    Vec3 normal = HitNormal(ray);
     if (!(Dot(normal, normal) > 0)) return;
     normal = normal * (1 / std::sqrt(Dot(normal, normal)));
     if (Dot(normal, rays[i].direction) > 0) normal = -normal;
-    slots[i] = make(rays[i].origin + rays[i].direction * ray.t + normal * offset, normal, i);
+    slots[i] = make(rays[i].origin + rays[i].direction * ray.t + normal * (offset + Lift(ray)), normal, i);
   });
   RaySet made;
   for (const StoredRay& slot : slots)

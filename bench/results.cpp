@@ -35,10 +35,10 @@ double Minimum(const std::vector<double>& values) {
 
 bool Agrees(const Agreement& agreement) {
   return RelativeDifference(static_cast<double>(agreement.ourHits),
-                            static_cast<double>(agreement.otherHits)) <= kAgreementTolerance &&
-         RelativeDifference(agreement.ourDistance, agreement.otherDistance) <= kAgreementTolerance &&
+                            static_cast<double>(agreement.otherHits)) <= agreement.tolerance &&
+         RelativeDifference(agreement.ourDistance, agreement.otherDistance) <= agreement.tolerance &&
          static_cast<double>(agreement.different) <=
-             kAgreementTolerance * static_cast<double>(agreement.rays);
+             agreement.tolerance * static_cast<double>(agreement.rays);
 }
 
 void PrintResults(const std::vector<CaseResult>& results) {
@@ -62,9 +62,10 @@ bool PrintAgreements(const std::vector<Agreement>& agreements) {
     const bool agrees = Agrees(a);
     allAgree = allAgree && agrees;
     std::printf(
-        "%-24s %zu rays: hits %zu, Embree %zu; sum of distances %.9g, Embree %.9g; %zu rays differ: %s\n",
+        "%-24s %zu rays: hits %zu, Embree %zu; sum of distances %.9g, Embree %.9g; %zu rays differ: %s "
+        "within %g %%\n",
         a.name.c_str(), a.rays, a.ourHits, a.otherHits, a.ourDistance, a.otherDistance, a.different,
-        agrees ? "agrees within 0.01 %" : "DOES NOT AGREE within 0.01 %");
+        agrees ? "agrees" : "DOES NOT AGREE", 100 * a.tolerance);
   }
   return allAgree;
 }

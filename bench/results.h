@@ -25,11 +25,12 @@ struct Agreement {
   std::size_t ourHits = 0, otherHits = 0;
   double ourDistance = 0, otherDistance = 0;
   std::size_t different = 0;  // rays that hit on one side alone, or at another distance
+  double tolerance = 0;       // share by which the rest may differ, and share of rays that may be different
 };
 
-// Share by which counts and sums of distances may differ, and share of rays that may: two sides with
-// different triangle tests part at edges.
-inline constexpr double kAgreementTolerance = 1e-4;
+// Two sides with different triangle tests part at edges; with different curves, all along them: one side's
+// are eight straight pieces, and it counts a hit where the ray is nearest to their axis.
+inline constexpr double kAgreementTolerance = 1e-4, kCurveTolerance = 0.05;
 
 double Median(std::vector<double> values);  // 0 of none
 double Minimum(const std::vector<double>& values);

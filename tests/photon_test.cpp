@@ -445,10 +445,10 @@ TEST_F(Photons, FinalGatheringAgreesWithPathTracing) {
         for (float side : {-1.0f, 1.0f}) {
           AddTetragon(
               Geometry(),
-              {Vec3{0.4f * side, -1, 1}, Vec3{0.4f * side, 1, 1}, Vec3{side, 1, 1}, Vec3{side, -1, 1}}, room);
+              {Vec3{0.6f * side, -1, 1}, Vec3{0.6f * side, 1, 1}, Vec3{side, 1, 1}, Vec3{side, -1, 1}}, room);
           AddTetragon(Geometry(),
-                      {Vec3{-0.4f, 0.4f * side, 1}, Vec3{-0.4f, side, 1}, Vec3{0.4f, side, 1},
-                       Vec3{0.4f, 0.4f * side, 1}},
+                      {Vec3{-0.6f, 0.6f * side, 1}, Vec3{-0.6f, side, 1}, Vec3{0.6f, side, 1},
+                       Vec3{0.6f, 0.6f * side, 1}},
                       room);
         }
         if (name == "parallel") {
@@ -468,7 +468,7 @@ TEST_F(Photons, FinalGatheringAgreesWithPathTracing) {
       settings.distance = 0.3f;
       settings.rendererBounce = gathering == 1 ? 3 : 24;
       settings.rayDepth = settings.photonDepth = 24;
-      settings.rendererSample = gathering == 1 ? 256 : 1024;
+      settings.rendererSample = gathering == 1 ? 768 : 1536;
       Render();
       shown[gathering] = Quarters();
     }

@@ -13,6 +13,9 @@ void Build(Object& object);
 // Moves vertices by motion / passes, refits and rotates the binary tree, and lays out the wide one.
 // Without `force` only deformable Objects are touched, and only those move.
 void Update(Object& object, bool force, int passes);
+// Gives each strand the texture coordinates of the surface of the same Object that its root stands on; (0, 0)
+// where there is none. An Object without surfaces keeps what it has. Needs the wide tree.
+void TransferRootCoordinates(Object& object);
 // After pass 0: sorts the slots of every wide node by what blocked shadow rays in it.
 void OrderOccluders(Object& object);
 void ClearOccluderLogs();

@@ -26,6 +26,7 @@ struct Float8 {
 inline Float8 operator+(Float8 a, Float8 b) { return {_mm256_add_ps(a.v, b.v)}; }
 inline Float8 operator-(Float8 a, Float8 b) { return {_mm256_sub_ps(a.v, b.v)}; }
 inline Float8 operator*(Float8 a, Float8 b) { return {_mm256_mul_ps(a.v, b.v)}; }
+inline Float8 operator/(Float8 a, Float8 b) { return {_mm256_div_ps(a.v, b.v)}; }
 inline Float8 Max(Float8 a, Float8 b) { return {_mm256_max_ps(a.v, b.v)}; }
 inline Float8 Min(Float8 a, Float8 b) { return {_mm256_min_ps(a.v, b.v)}; }
 inline Float8 MulAdd(Float8 a, Float8 b, Float8 c) { return {_mm256_fmadd_ps(a.v, b.v, c.v)}; }
@@ -33,6 +34,10 @@ inline Float8 MulSub(Float8 a, Float8 b, Float8 c) { return {_mm256_fmsub_ps(a.v
 // Bit i set where lane i of a is at most that of b.
 inline unsigned MaskLessEqual(Float8 a, Float8 b) {
   return static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(a.v, b.v, _CMP_LE_OQ)));
+}
+// The same where it is below.
+inline unsigned MaskLess(Float8 a, Float8 b) {
+  return static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(a.v, b.v, _CMP_LT_OQ)));
 }
 
 struct Float4 {
@@ -116,6 +121,11 @@ struct PlainLanes {
   friend unsigned MaskLessEqual(PlainLanes a, PlainLanes b) {
     unsigned mask = 0;
     for (int i = 0; i < kLanes; ++i) mask |= static_cast<unsigned>(a.v[i] <= b.v[i]) << i;
+    return mask;
+  }
+  friend unsigned MaskLess(PlainLanes a, PlainLanes b) {
+    unsigned mask = 0;
+    for (int i = 0; i < kLanes; ++i) mask |= static_cast<unsigned>(a.v[i] < b.v[i]) << i;
     return mask;
   }
 };

@@ -16,8 +16,10 @@ struct OccluderCounts {
   std::uint64_t innerNodes = 0, leaves = 0, primitives = 0;
 };
 
-// The cosine of the ray and the unit geometric normal; of no defined sign.
+// The cosine of the ray and the unit geometric normal; of no defined sign. Intended: a cylinder's is that of
+// its middle line as the ray sees it, wherever it is hit.
 float HitCosine(const Part& part, const Corners& corners, const PrimitiveHit& hit, Vec3 direction) {
+  if (corners.count == 2) return hit.denominator;
   const auto at = [&](int i) { return part.positions[corners.vertex[i]]; };
   Vec3 normal = hit.barycentric;
   if (corners.count == 3) normal = Cross(at(1) - at(0), at(2) - at(0));
@@ -64,6 +66,41 @@ struct OccluderWalk {
   }
 
   template <bool kOpaque>
+  bool TestParticles(const PackedTree& tree, std::uint32_t first, std::uint32_t count) {
+    return TestParticleLanes<true>(
+        tree, first, count, ray,
+        [&](const ParticleBlock& block, int i, Vec3 d, float nearest, float discriminant) {
+          const Part& part = object.parts[block.part[i]];
+          const std::uint32_t index = block.primitive[i];
+          if (IsParent(ray, part, kKindParticle, index)) return false;
+          if (tree.filtersVisibility && !IsVisible(part.shader, ray)) return false;
+          PrimitiveHit hit;
+          hit.shader = part.shader;
+          if (!TakeSphere<true>(d, nearest, discriminant, ray, false, hit)) return false;
+          if (!kOpaque && !Absorbs(part, kKindParticle, index, hit)) return false;
+          blockingLane = static_cast<std::uint32_t>((&block - tree.particles.data()) * kParticleLanes + i);
+          return true;
+        });
+  }
+
+  template <bool kOpaque>
+  bool TestCylinders(const PackedTree& tree, std::uint32_t first, std::uint32_t count) {
+    for (std::uint32_t i = first; i < first + count; ++i) {
+      const CurveSegment& segment = tree.segments[i];
+      PrimitiveHit hit;
+      if (!TestCurveSegment<Float8>(segment, ray.origin, ray.direction, ray.t, hit)) continue;
+      const Part& part = object.parts[segment.part];
+      if (IsParent(ray, part, kKindCylinder, segment.primitive)) continue;
+      if (tree.filtersVisibility && !IsVisible(part.shader, ray)) continue;
+      hit.shader = part.shader;
+      if (!kOpaque && !Absorbs(part, kKindCylinder, segment.primitive, hit)) continue;
+      blockingLane = i;
+      return true;
+    }
+    return false;
+  }
+
+  template <bool kOpaque>
   bool TestReferences(std::uint32_t first, std::uint32_t count) {
     for (std::uint32_t i = first; i < first + count; ++i) {
       const PrimitiveRef& reference = object.compactReferences[i];
@@ -77,6 +114,7 @@ struct OccluderWalk {
       PrimitiveHit hit;
       bool met = false;
       if (kind == kKindParticle) met = TestShadowParticle(part, reference.index, ray, hit);
+      if (kind == kKindCylinder) met = TestCylinder(part, reference.index, ray, hit);
       if (kind == kKindTriangle) met = TestTriangle(part, reference.index, ray, hit);
       if (kind == kKindTetragon) met = TestTetragon(part, reference.index, ray, hit);
       if (met && (kOpaque || Absorbs(part, kind, reference.index, hit))) return true;
@@ -162,6 +200,10 @@ bool OccluderWalk::RunWithStack(const PackedTree& tree) {
                             [&](const TriangleBlock& block, const TriangleHits<Float4>& hits) {
                               return TakeHits<kOpaque>(tree, block, hits);
                             });
+      else if ((word & kCylinderLeaf) != 0)
+        blocked = TestCylinders<kOpaque>(tree, child, count);
+      else if ((word & kParticleLeaf) != 0)
+        blocked = TestParticles<kOpaque>(tree, child, count);
       else
         blocked = TestReferences<kOpaque>(child, count);
     }

@@ -1,5 +1,7 @@
 #include "accel/primitive_tests.h"
 
+#include "accel/curve_segment.h"
+
 namespace zp {
 
 bool TestTriangle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit) {
@@ -38,38 +40,59 @@ bool TestTetragon(const Part& part, std::uint32_t index, const RayRecord& ray, P
   return true;
 }
 
+float VertexRadius(const Part& part, std::uint32_t vertex) {
+  if (part.scalarSets.empty()) return 0;
+  const auto& radii = part.scalarSets.front().values;
+  return vertex < radii.size() ? radii[vertex] : 0.0f;
+}
+
 namespace {
 
 template <bool kShadow>
-bool TestSphere(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit) {
+bool TestSphere(const Part& part, std::uint32_t index, const RayRecord& ray, bool isParent,
+                PrimitiveHit& hit) {
   if (!IsVisible(part.shader, ray)) return false;
   const std::uint32_t vertex = part.particles[index];
-  const auto& radii = part.scalarSets[0].values;
-  const float radius = vertex < radii.size() ? radii[vertex] : 0.0f;
   const Vec3 d = part.positions[vertex] - ray.origin;
-  const float b = Dot(d, ray.direction);
-  const float discriminant = b * b - Dot(d, d) + radius * radius;
-  if (!(discriminant >= 0)) return false;
-  const float s = kShadow ? discriminant : SafeSqrt(discriminant);
-  hit.t = b - s;
-  if (!(hit.t > kHitEpsilon && kHitEpsilon + ray.t > hit.t)) {
-    hit.t = b + s;
-    if (!(hit.t > kHitEpsilon && kHitEpsilon + ray.t > hit.t)) return false;
-  }
-  hit.denominator = -1;
-  hit.barycentric = hit.t * ray.direction - d;
+  const SphereHits<float> hits = TestSpheres<float>(
+      ToLanes(d), VertexRadius(part, vertex), ToLanes(ray.direction), InverseSquare<kShadow>(ray), 0.0f);
+  if (hits.mask == 0 || !TakeSphere<kShadow>(d, hits.b, hits.discriminant, ray, isParent, hit)) return false;
   hit.shader = part.shader;
   return true;
 }
 
 }  // namespace
 
-bool TestParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit) {
-  return TestSphere<false>(part, index, ray, hit);
+bool TestParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit,
+                  bool isParent) {
+  return TestSphere<false>(part, index, ray, isParent, hit);
 }
 
 bool TestShadowParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit) {
-  return TestSphere<true>(part, index, ray, hit);
+  return TestSphere<true>(part, index, ray, false, hit);
+}
+
+CurveSegment MakeCurveSegment(const Part& part, std::uint32_t index) {
+  const std::uint32_t first = part.cylinders[index];
+  const auto tangent = [&](std::uint32_t vertex) {
+    return vertex < part.tangents.size() ? SafeNormalize(Unpack(part.tangents[vertex])) : Vec3{};
+  };
+  CurveSegment segment = {};
+  segment.p0 = part.positions[first];
+  segment.chord = segment.p0 - part.positions[first + 1];
+  segment.tangent0 = tangent(first);
+  segment.tangent1 = tangent(first + 1);
+  segment.radius0 = VertexRadius(part, first);
+  segment.radius1 = VertexRadius(part, first + 1);
+  segment.primitive = index;
+  return segment;
+}
+
+bool TestCylinder(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit) {
+  if (!TestCurveSegment<Float8>(MakeCurveSegment(part, index), ray.origin, ray.direction, ray.t, hit))
+    return false;
+  hit.shader = part.shader;
+  return IsVisible(part.shader, ray);
 }
 
 }  // namespace zp

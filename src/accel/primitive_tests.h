@@ -2,7 +2,8 @@
 // Object. Tests do not shorten the ray; walks do.
 //
 // What `barycentric` means on a hit: triangle: the weights of its three vertices; tetragon: u, v, 0;
-// particle: the hit point seen from the centre.
+// particle: the hit point seen from the centre; cylinder: the axis's distance beside the ray in radii, 0, and
+// the place along the curve, which is the middle of one of eight pieces.
 
 #pragma once
 
@@ -64,7 +65,7 @@ inline Lanes3<float> ToLanes(Vec3 v) { return {v.x, v.y, v.z}; }
 // Fields that a test gives back to the walk.
 struct PrimitiveHit {
   float t = 0;
-  float denominator = 0;
+  float denominator = 0;  // below 0 on the front; of a cylinder: minus the sine of ray and axis
   Vec3 barycentric;
   std::int32_t shader = kNone;
 };
@@ -84,12 +85,70 @@ inline bool IsVisible(std::int32_t shader, const RayRecord& ray) {
   }
 }
 
+// The radius of a vertex; 0 where the Part has none for it.
+float VertexRadius(const Part& part, std::uint32_t vertex);
+
 bool TestTriangle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit);
 // Valid for planar rectangles; u and v are ratios of opposite edges.
 bool TestTetragon(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit);
-// A sphere. Intended: its limit lies epsilon beyond the ray's t, where a triangle's lies before it.
-bool TestParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit);
-// The same for shadow rays. Intended: the roots are b -+ the discriminant, without the square root.
+// A sphere. Intended: its limit lies epsilon beyond the ray's t, where a triangle's lies before it. A ray
+// from within meets its back. `isParent`: the ray left this very particle, so that it meets nothing but the
+// far side, if it goes inwards.
+bool TestParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit,
+                  bool isParent = false);
+// The same for shadow rays, which always meet the front. Intended: the roots are b -+ the discriminant,
+// without the square root.
 bool TestShadowParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit);
+// A segment of a strand: accel/curve_segment.h.
+bool TestCylinder(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit);
+
+template <class F>
+struct SphereHits {
+  unsigned mask;  // bit i: the line of the ray meets sphere i
+  F b;            // where the line is nearest to the centre: in lengths of the direction
+  F discriminant;
+};
+
+// The line of a ray against spheres. r^2 - |d - b direction|^2 is b^2 - d.d + r^2 without its cancellation.
+//   d              centres seen from the origin
+//   inverseSquare  1 / squared length of the direction; 1 in the nearest walks
+template <class F>
+SphereHits<F> TestSpheres(const Lanes3<F>& d, F radius, const Lanes3<F>& direction, F inverseSquare, F zero) {
+  SphereHits<F> hits;
+  hits.b = Dot(d, direction) * inverseSquare;
+  const Lanes3<F> beside = {MulSub(hits.b, direction.x, d.x), MulSub(hits.b, direction.y, d.y),
+                            MulSub(hits.b, direction.z, d.z)};
+  hits.discriminant = MulSub(radius, radius, Dot(beside, beside));
+  hits.mask = MaskLessEqual(zero, hits.discriminant);
+  return hits;
+}
+
+// The square of a shadow ray's direction inside an Instance that scales is not 1.
+template <bool kShadow>
+float InverseSquare(const RayRecord& ray) {
+  return kShadow ? 1.0f / Dot(ray.direction, ray.direction) : 1.0f;
+}
+
+// Chooses the root; fills t, denominator and barycentric. d is the centre seen from the origin.
+template <bool kShadow>
+bool TakeSphere(Vec3 d, float b, float discriminant, const RayRecord& ray, bool isParent, PrimitiveHit& hit) {
+  const auto within = [&](float t) { return t > kHitEpsilon && kHitEpsilon + ray.t > t; };
+  const float s = kShadow ? discriminant : SafeSqrt(discriminant);
+  hit.denominator = -1;
+  hit.t = b - s;
+  if (isParent) {
+    // How far the origin may lie beside the sphere by rounding.
+    const Vec3 o = ray.origin;
+    const float blur = kHitEpsilon * (1.0f + std::fabs(o.x) + std::fabs(o.y) + std::fabs(o.z));
+    if (!(b > blur)) return false;
+  }
+  if (isParent || !within(hit.t)) {
+    hit.t = b + s;
+    if (!within(hit.t)) return false;
+    if (!kShadow) hit.denominator = 1;
+  }
+  hit.barycentric = hit.t * ray.direction - d;
+  return true;
+}
 
 }  // namespace zp

@@ -101,6 +101,7 @@ void InitializeObject(Object& object) {
   }
   Build(object);
   Update(object, true, 1);
+  TransferRootCoordinates(object);
   if (!object.deformable) {
     Release(object.nodes);
     Release(object.references);

@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -14,7 +15,7 @@ namespace zp {
 
 template <class T>
 PageArray<T>::PageArray(std::size_t count) : size_(count) {
-  static_assert(std::is_trivial_v<T>);
+  static_assert(std::is_trivially_copyable_v<T>);
   if (count == 0) return;
   constexpr std::size_t kLargePage = std::size_t{2} << 20U;
   const std::size_t bytes = count * sizeof(T);
@@ -34,16 +35,25 @@ void PageArray<T>::Release::operator()(T* p) const {
 
 template class PageArray<PackedNode>;
 template class PageArray<TriangleBlock>;
+template class PageArray<ParticleBlock>;
+template class PageArray<CurveSegment>;
 
 namespace {
 
-bool IsTriangleLeaf(const Object& object, std::uint32_t first, std::uint32_t count) {
-  for (std::uint32_t i = 0; i < count; ++i)
-    if (object.compactReferences[first + i].kind != kKindTriangle) return false;
-  return true;
+constexpr std::size_t kMixed = kPackedKindCount;
+
+// The packed kind that a leaf's references all have; kMixed if there is none.
+std::size_t LeafKind(const Object& object, std::uint32_t first, std::uint32_t count) {
+  const std::uint16_t kind = object.compactReferences[first].kind;
+  for (std::uint32_t i = 1; i < count; ++i)
+    if (object.compactReferences[first + i].kind != kind) return kMixed;
+  for (std::size_t k = 0; k < kPackedKindCount; ++k)
+    if (kPackedKinds[k].kind == kind) return k;
+  return kMixed;
 }
 
-void FillLane(TriangleBlock& block, int lane, const Object& object, const PrimitiveRef& reference) {
+void FillTriangle(TriangleBlock& block, std::uint32_t lane, const Object& object,
+                  const PrimitiveRef& reference) {
   const Part& part = object.parts[reference.part];
   const Triangle& triangle = part.triangles[reference.index];
   const Vec3 p0 = part.positions[triangle.vertex[0]];
@@ -59,6 +69,28 @@ void FillLane(TriangleBlock& block, int lane, const Object& object, const Primit
   block.part[lane] = reference.part;
 }
 
+void FillParticle(ParticleBlock& block, std::uint32_t lane, const Object& object,
+                  const PrimitiveRef& reference) {
+  const Part& part = object.parts[reference.part];
+  const std::uint32_t vertex = part.particles[reference.index];
+  for (int a = 0; a < 3; ++a) block.center[a][lane] = part.positions[vertex][a];
+  block.radius[lane] = VertexRadius(part, vertex);
+  block.primitive[lane] = reference.index;
+  block.part[lane] = reference.part;
+}
+
+void FillLane(PackedTree& tree, std::uint32_t lane, const Object& object, const PrimitiveRef& reference) {
+  switch (reference.kind) {
+    case kKindTriangle:
+      return FillTriangle(tree.blocks[lane / kBlockLanes], lane % kBlockLanes, object, reference);
+    case kKindParticle:
+      return FillParticle(tree.particles[lane / kParticleLanes], lane % kParticleLanes, object, reference);
+    default:
+      tree.segments[lane] = MakeCurveSegment(object.parts[reference.part], reference.index);
+      tree.segments[lane].part = reference.part;
+  }
+}
+
 bool IsHidden(std::int32_t shader) {
   return shader >= 0 && static_cast<std::size_t>(shader) < shaders.size() &&
          shaders[static_cast<std::size_t>(shader)].geometry.visibility != Visibility::kAll;
@@ -68,7 +100,7 @@ bool IsHidden(std::int32_t shader) {
 template <class F>
 bool AnyPrimitive(const Object& object, F test) {
   for (const Part& part : object.parts) {
-    if (!part.particles.empty() && test(part.shader)) return true;
+    if ((!part.particles.empty() || !part.cylinders.empty()) && test(part.shader)) return true;
     for (const Triangle& triangle : part.triangles)
       if (test(triangle.shader)) return true;
     for (const Tetragon& tetragon : part.tetragons)
@@ -87,59 +119,73 @@ bool IsOpaque(std::int32_t shader) {
 
 namespace {
 
-std::size_t BlocksFor(std::uint32_t lanes) { return (lanes + kBlockLanes - 1) / kBlockLanes; }
+using KindCounts = std::array<std::uint32_t, kPackedKindCount>;
 
-// Where the triangles of a wide node and of the nodes merged into it lie.
+std::uint32_t BlocksFor(std::size_t kind, std::uint32_t lanes) {
+  return (lanes + kPackedKinds[kind].blockLanes - 1) / kPackedKinds[kind].blockLanes;
+}
+
+// Where the packed primitives of a wide node and of the nodes merged into it lie.
 struct NodeLanes {
-  std::uint32_t first = 0;
-  std::uint32_t own = 0;    // in its own leaves
-  std::uint32_t count = 0;  // in all below; of merged nodes only
-  bool merged = false;      // walks see all below as one leaf
+  KindCounts first = {};
+  KindCounts own = {};        // in its own leaves
+  std::uint32_t count = 0;    // in all below; of merged nodes only
+  std::size_t kind = kMixed;  // of all below; of merged nodes only
+  bool merged = false;        // walks see all below as one leaf
+
+  // Takes in something of this kind below the node.
+  void Join(std::size_t other) {
+    if (kind == kMixed) kind = other;
+    merged = merged && other != kMixed && kind == other;
+  }
 };
 
-// Those of a node alone; merged if nothing but triangle leaves and inner nodes hang from it.
+// Those of a node alone; merged if nothing but leaves of one packed kind and inner nodes hang from it.
 NodeLanes CountLanes(const Object& object, std::size_t n) {
   const WideNode& wide = object.wideNodes[n];
   NodeLanes lanes;
   lanes.merged = n != 0;
   for (int i = 0; i < 8; ++i) {
     if (wide.child[i] == kUnusedSlot || wide.count[i] == 0) continue;
-    if (IsTriangleLeaf(object, wide.child[i], wide.count[i]))
-      lanes.own += wide.count[i];
-    else
-      lanes.merged = false;
+    const std::size_t kind = LeafKind(object, wide.child[i], wide.count[i]);
+    if (kind != kMixed) lanes.own[kind] += wide.count[i];
+    lanes.Join(kind);
   }
   return lanes;
 }
 
 // Children stand behind their parents, each subtree in a row, so that a merged one's lanes are in a row too.
-std::vector<NodeLanes> PlaceLanes(const Object& object, std::uint32_t& laneCount) {
+std::vector<NodeLanes> PlaceLanes(const Object& object, KindCounts& laneCount) {
   const std::size_t nodeCount = object.wideNodes.size();
   std::vector<NodeLanes> lanes(nodeCount);
 #pragma omp parallel for schedule(static)
   for (std::size_t n = 0; n < nodeCount; ++n) lanes[n] = CountLanes(object, n);
   for (std::size_t n = nodeCount; n-- > 0;) {
-    if (!lanes[n].merged) continue;
+    NodeLanes& node = lanes[n];
+    if (!node.merged) continue;
     const WideNode& wide = object.wideNodes[n];
-    lanes[n].count = lanes[n].own;
     for (int i = 0; i < 8; ++i) {
       if (wide.child[i] == kUnusedSlot || wide.count[i] != 0) continue;
-      lanes[n].merged = lanes[n].merged && lanes[wide.child[i]].merged;
-      lanes[n].count += lanes[wide.child[i]].count;
+      const NodeLanes& child = lanes[wide.child[i]];
+      node.Join(child.merged ? child.kind : kMixed);
+      node.count += child.count;
     }
-    lanes[n].merged = lanes[n].merged && lanes[n].count <= kMergedTriangles;
+    for (const std::uint32_t own : node.own) node.count += own;
+    node.merged = node.merged && node.kind != kMixed && node.count <= kPackedKinds[node.kind].most;
   }
-  laneCount = 0;
-  std::uint32_t inside = 0;  // first lane behind the merged subtree that node n is in
-  for (std::size_t n = 0; n < nodeCount; ++n) {
-    if (lanes[n].merged && laneCount >= inside) {
+  laneCount = {};
+  KindCounts inside = {};  // first lane behind the merged subtree that node n is in
+  for (NodeLanes& node : lanes) {
+    const std::size_t kind = node.kind;
+    if (node.merged && laneCount[kind] >= inside[kind]) {
       // It takes no more blocks than its count needs.
-      const std::uint32_t place = laneCount % kBlockLanes, count = lanes[n].count;
-      if (BlocksFor(place + count) > BlocksFor(count)) laneCount += kBlockLanes - place;
-      inside = laneCount + count;
+      const std::uint32_t blockLanes = kPackedKinds[kind].blockLanes, place = laneCount[kind] % blockLanes;
+      if (BlocksFor(kind, place + node.count) > BlocksFor(kind, node.count))
+        laneCount[kind] += blockLanes - place;
+      inside[kind] = laneCount[kind] + node.count;
     }
-    lanes[n].first = laneCount;
-    laneCount += lanes[n].own;
+    node.first = laneCount;
+    for (std::size_t k = 0; k < kPackedKindCount; ++k) laneCount[k] += node.own[k];
   }
   return lanes;
 }
@@ -148,12 +194,14 @@ std::vector<NodeLanes> PlaceLanes(const Object& object, std::uint32_t& laneCount
 
 void PackTree(Object& object) {
   const std::size_t nodeCount = object.wideNodes.size();
-  std::uint32_t laneCount = 0;
+  KindCounts laneCount;
   const std::vector<NodeLanes> lanes = PlaceLanes(object, laneCount);
 
   auto packed = std::make_shared<PackedTree>();
   packed->nodes = PageArray<PackedNode>(nodeCount);
-  packed->blocks = PageArray<TriangleBlock>(BlocksFor(laneCount));
+  packed->blocks = PageArray<TriangleBlock>(BlocksFor(0, laneCount[0]));
+  packed->particles = PageArray<ParticleBlock>(BlocksFor(1, laneCount[1]));
+  packed->segments = PageArray<CurveSegment>(BlocksFor(2, laneCount[2]));
   packed->filtersVisibility = AnyPrimitive(object, IsHidden);
   packed->opaqueOnly = !AnyPrimitive(object, [](std::int32_t shader) { return !IsOpaque(shader); });
   packed->stackSize = 7 * (object.wideDepth + 1) + 1;
@@ -162,22 +210,24 @@ void PackTree(Object& object) {
     const WideNode& wide = object.wideNodes[n];
     PackedNode& node = packed->nodes[n];
     std::memcpy(node.boxes, wide.boxes, sizeof node.boxes);
-    std::uint32_t lane = lanes[n].first;
+    KindCounts lane = lanes[n].first;
     for (int i = 0; i < 8; ++i) {
-      node.child[i] = wide.child[i];
-      node.word[i] = wide.count[i] == 0 ? 0 : kLeaf | wide.count[i];
-      if (wide.child[i] == kUnusedSlot) {  // an empty leaf: harmless even to a ray of no numbers
+      const std::uint32_t child = wide.child[i], count = wide.count[i];
+      node.child[i] = child;
+      node.word[i] = count == 0 ? 0 : kLeaf | count;
+      if (child == kUnusedSlot) {  // an empty leaf: harmless even to a ray of no numbers
         node.child[i] = 0;
         node.word[i] = kLeaf;
-      } else if (wide.count[i] == 0 && lanes[wide.child[i]].merged) {
-        node.child[i] = lanes[wide.child[i]].first;
-        node.word[i] = kLeaf | kTriangleLeaf | lanes[wide.child[i]].count;
-      } else if (wide.count[i] != 0 && IsTriangleLeaf(object, wide.child[i], wide.count[i])) {
-        node.child[i] = lane;
-        node.word[i] |= kTriangleLeaf;
-        for (std::uint32_t k = 0; k < wide.count[i]; ++k, ++lane)
-          FillLane(packed->blocks[lane / kBlockLanes], static_cast<int>(lane % kBlockLanes), object,
-                   object.compactReferences[wide.child[i] + k]);
+      } else if (count == 0) {
+        if (!lanes[child].merged) continue;
+        const std::size_t kind = lanes[child].kind;
+        node.child[i] = lanes[child].first[kind];
+        node.word[i] = kLeaf | kPackedKinds[kind].flag | lanes[child].count;
+      } else if (const std::size_t kind = LeafKind(object, child, count); kind != kMixed) {
+        node.child[i] = lane[kind];
+        node.word[i] |= kPackedKinds[kind].flag;
+        for (std::uint32_t k = 0; k < count; ++k)
+          FillLane(*packed, lane[kind]++, object, object.compactReferences[child + k]);
       }
     }
   }

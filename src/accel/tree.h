@@ -5,8 +5,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <memory>
 
+#include "accel/curve_segment.h"
 #include "geometry/object.h"
 
 namespace zp {
@@ -31,23 +33,26 @@ class PageArray {
   std::size_t size_ = 0;
 };
 
-// Four cache lines. A leaf's word is kLeaf, kTriangleLeaf if it holds triangles alone, and its count.
+// Four cache lines. A leaf's word is kLeaf, the flag of its kind if it holds one packed kind alone, and its
+// count. A packed leaf's child is its first lane among all of its kind.
 struct alignas(64) PackedNode {
   float boxes[6][8];
-  std::uint32_t
-      child[8];  // a PackedNode, the first block of a triangle leaf, or the first reference of another
-  std::uint32_t word[8];  // 0: an inner node
+  std::uint32_t child[8];  // a PackedNode, the first lane of a packed leaf, or another's first reference
+  std::uint32_t word[8];   // 0: an inner node
 };
 static_assert(sizeof(PackedNode) == 256);
 inline constexpr std::uint32_t kLeaf = 1U << 31U;
 inline constexpr std::uint32_t kTriangleLeaf = 1U << 30U;
+inline constexpr std::uint32_t kParticleLeaf = 1U << 29U;
+inline constexpr std::uint32_t kCylinderLeaf = 1U << 28U;
 inline constexpr std::uint32_t kLeafCount = 0xFFFF;
 
 inline constexpr int kBlockLanes = 4;
+inline constexpr int kParticleLanes = 8;
 
 // Four triangles. Lane number i of a tree is lane i % 4 of block i / 4: the leaves of a node follow one
 // another without gaps, so that a leaf may begin and end within a block. Lanes before a merged subtree and at
-// the tree's end may be unused: those are degenerate and never hit.
+// the tree's end may be unused: no leaf holds those.
 struct alignas(64) TriangleBlock {
   float p0[3][kBlockLanes], e1[3][kBlockLanes], e2[3][kBlockLanes];
   std::uint32_t primitive[kBlockLanes];
@@ -56,14 +61,36 @@ struct alignas(64) TriangleBlock {
 };
 static_assert(sizeof(TriangleBlock) == 192);
 
-// A subtree of triangles alone, this many at most, is one leaf to walks: its slot in the node above holds all
-// its lanes. A block costs the same whether one of its lanes is in use or all are, and three blocks cost less
-// than a node and the leaves that it leads to. Nodes inside such a leaf are packed too, but not walked.
-inline constexpr std::uint32_t kMergedTriangles = 12;
+// Eight particles, in lanes as of triangles.
+struct alignas(64) ParticleBlock {
+  float center[3][kParticleLanes], radius[kParticleLanes];
+  std::uint32_t primitive[kParticleLanes];
+  std::uint16_t part[kParticleLanes];
+};
+static_assert(sizeof(ParticleBlock) == 192);
+
+// The kinds that trees keep beside their nodes. A subtree of one such kind alone, with this many primitives
+// at most, is one leaf to walks: its slot in the node above holds all its lanes. A block costs the same
+// whether one of its lanes is in use or all are, and a few blocks cost less than a node and the leaves that
+// it leads to. Nodes inside such a leaf are packed too, but not walked.
+inline constexpr std::uint32_t kMergedTriangles = 12, kMergedParticles = 16, kMergedCylinders = 2;
+struct PackedKind {
+  std::uint16_t kind;
+  std::uint32_t flag;
+  std::uint32_t blockLanes;
+  std::uint32_t most;
+};
+inline constexpr PackedKind kPackedKinds[] = {
+    {kKindTriangle, kTriangleLeaf, kBlockLanes, kMergedTriangles},
+    {kKindParticle, kParticleLeaf, kParticleLanes, kMergedParticles},
+    {kKindCylinder, kCylinderLeaf, 1, kMergedCylinders}};
+inline constexpr std::size_t kPackedKindCount = std::size(kPackedKinds);
 
 struct PackedTree {
   PageArray<PackedNode> nodes;
   PageArray<TriangleBlock> blocks;
+  PageArray<ParticleBlock> particles;
+  PageArray<CurveSegment> segments;
   bool filtersVisibility = false;  // some primitive is hidden from some ray
   bool opaqueOnly = false;         // no primitive lets any shadow ray through
   int stackSize = 0;               // entries that a walk can need

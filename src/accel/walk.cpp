@@ -60,6 +60,37 @@ struct NearestWalk {
     return kSeek == Seek::kAll && IsParent(ray, part, kKindTriangle, index);
   }
 
+  // Probes below a surface know no particles and no strands.
+  void TestParticles(const PackedTree& tree, std::uint32_t first, std::uint32_t count) {
+    if (kSeek == Seek::kSurfaces) return;
+    TestParticleLanes<false>(
+        tree, first, count, ray,
+        [&](const ParticleBlock& block, int i, Vec3 d, float nearest, float discriminant) {
+          const Part& part = object.parts[block.part[i]];
+          const bool isParent = IsParent(ray, part, kKindParticle, block.primitive[i]);
+          PrimitiveHit found;
+          found.shader = part.shader;
+          if ((!tree.filtersVisibility || IsVisible(part.shader, ray)) &&
+              TakeSphere<false>(d, nearest, discriminant, ray, isParent, found))
+            Store(part, kKindParticle, block.primitive[i], found);
+          return false;
+        });
+  }
+
+  void TestCylinders(const PackedTree& tree, std::uint32_t first, std::uint32_t count) {
+    if (kSeek == Seek::kSurfaces) return;
+    for (std::uint32_t i = first; i < first + count; ++i) {
+      const CurveSegment& segment = tree.segments[i];
+      PrimitiveHit found;
+      if (!TestCurveSegment<Float8>(segment, ray.origin, ray.direction, ray.t, found)) continue;
+      const Part& part = object.parts[segment.part];
+      if (IsParent(ray, part, kKindCylinder, segment.primitive)) continue;
+      if (tree.filtersVisibility && !IsVisible(part.shader, ray)) continue;
+      found.shader = part.shader;
+      Store(part, kKindCylinder, segment.primitive, found);
+    }
+  }
+
   void TestReferences(std::uint32_t first, std::uint32_t count) {
     for (std::uint32_t i = first; i < first + count; ++i) {
       const PrimitiveRef& reference = object.compactReferences[i];
@@ -72,10 +103,9 @@ struct NearestWalk {
       PrimitiveHit found;
       bool met = false;
       if (kind == kKindParticle && kSeek == Seek::kAll) {
-        const bool reflected =
-            ray.event == kEventLambertian || ray.event == kEventGlossy || ray.event == kEventSpecular;
-        met = !(reflected && IsParent(ray, part, kind, reference.index)) &&
-              TestParticle(part, reference.index, ray, found);
+        met = TestParticle(part, reference.index, ray, found, IsParent(ray, part, kind, reference.index));
+      } else if (kind == kKindCylinder && kSeek == Seek::kAll) {
+        met = !IsParent(ray, part, kind, reference.index) && TestCylinder(part, reference.index, ray, found);
       } else if (kind == kKindTriangle) {
         met = !SkipsTriangle(part, reference.index) && TestTriangle(part, reference.index, ray, found);
       } else if (kind == kKindTetragon) {
@@ -144,6 +174,10 @@ void NearestWalk<kSeek>::RunWithStack(const PackedTree& tree) {
                   TakeHits(tree, block, hits);
                   return false;
                 });
+    else if ((current.word & kCylinderLeaf) != 0)
+      TestCylinders(tree, current.child, current.word & kLeafCount);
+    else if ((current.word & kParticleLeaf) != 0)
+      TestParticles(tree, current.child, current.word & kLeafCount);
     else
       TestReferences(current.child, current.word & kLeafCount);
   pop:

@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include <bit>
+
 #include "accel/float8.h"
 #include "accel/primitive_tests.h"
 #include "accel/tree.h"
@@ -74,6 +76,40 @@ inline bool TestLanes(const PackedTree& tree, std::uint32_t first, std::uint32_t
     if (b * kBlockLanes < first) hits.mask &= 0xFU << (first % kBlockLanes);
     if ((b + 1) * kBlockLanes > end) hits.mask &= (1U << (end % kBlockLanes)) - 1U;
     if (hits.mask != 0 && take(block, hits)) return true;
+  }
+  return false;
+}
+
+// Tests the particles of lanes first to first + count - 1, eight at a time. take(block, i, d, b,
+// discriminant) gets every lane that the ray's line meets, with the centre seen from the origin; true from it
+// ends the test.
+template <bool kShadow, class Take>
+inline bool TestParticleLanes(const PackedTree& tree, std::uint32_t first, std::uint32_t count,
+                              const RayRecord& ray, Take take) {
+  const Float8 zero = Float8::Set(0), inverseSquare = Float8::Set(InverseSquare<kShadow>(ray));
+  const Lanes3<Float8> direction = {Float8::Set(ray.direction.x), Float8::Set(ray.direction.y),
+                                    Float8::Set(ray.direction.z)};
+  const std::uint32_t end = first + count;
+  for (std::uint32_t b = first / kParticleLanes; b * kParticleLanes < end; ++b) {
+    const ParticleBlock& block = tree.particles[b];
+    const Lanes3<Float8> d = {Float8::LoadAligned(block.center[0]) - Float8::Set(ray.origin.x),
+                              Float8::LoadAligned(block.center[1]) - Float8::Set(ray.origin.y),
+                              Float8::LoadAligned(block.center[2]) - Float8::Set(ray.origin.z)};
+    SphereHits<Float8> hits =
+        TestSpheres(d, Float8::LoadAligned(block.radius), direction, inverseSquare, zero);
+    if (hits.mask == 0) [[likely]]
+      continue;
+    // Lanes of the leaves before and behind do not count.
+    if (b * kParticleLanes < first) hits.mask &= 0xFFU << (first % kParticleLanes);
+    if ((b + 1) * kParticleLanes > end) hits.mask &= (1U << (end % kParticleLanes)) - 1U;
+    alignas(32) float nearest[kParticleLanes], discriminant[kParticleLanes];
+    hits.b.Store(nearest);
+    hits.discriminant.Store(discriminant);
+    for (unsigned mask = hits.mask; mask != 0; mask &= mask - 1) {
+      const int i = std::countr_zero(mask);
+      const Vec3 center = {block.center[0][i], block.center[1][i], block.center[2][i]};
+      if (take(block, i, center - ray.origin, nearest[i], discriminant[i])) return true;
+    }
   }
   return false;
 }
