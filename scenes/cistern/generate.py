@@ -23,7 +23,7 @@ SLAB = 0.5       # side of a floor slab
 OUTER = -HALF - 0.25         # outer face of the arcade's wall
 SILL, WIDE = 0.45, 0.78      # of its arches: height of the sill, half width
 TOP = 0.5        # of the stone table
-TABLE = (-1.06, -0.66, -0.04, 0.1)  # left, near, right, far
+TABLE = (-1.06, -0.7, 0.06, 0.1)  # left, near, right, far
 
 
 class Placed(Model):
@@ -171,21 +171,21 @@ def carafe():
     inner = smooth([(0.046, 0.35), (0.030, 0.31), (0.030, 0.27), (0.049, 0.218), (0.098, 0.15), (0.111, 0.08),
                     (0.096, 0.022), (0.002, 0.018)], 5)
     model = Placed()
-    model.at = (-0.78, -0.2, base)
+    model.at = (-0.8, -0.1, base)
     model.shader("glass")
     model.lathe([outer[:6], outer[5:] + arc((0.049, 0.35), 0.003, 0, 180, 6)[1:] + inner[1:]], 56)
-    model.at = (-0.26, -0.06, base + 0.062)
+    model.at = (-0.24, -0.26, base + 0.07)
     model.shader("amber")
-    model.lathe([arc((0, 0), 0.062, -89, 89, 32)], 48)
+    model.lathe([arc((0, 0), 0.07, -89, 89, 32)], 48)
     model.write(FOLDER / "carafe.obj")
 
 
 def ring():
     """A hoop of polished brass; the sun meets its inner side."""
     model = Placed()
-    model.at = (-0.44, -0.42, TOP + 0.001)
+    model.at = (-0.58, -0.44, TOP + 0.001)
     model.shader("brass")
-    r, thick, high = 0.16, 0.008, 0.055
+    r, thick, high = 0.165, 0.008, 0.075
     model.lathe([
         [(r + thick, 0.0), (r + thick, high)], [(r + thick, high), (r, high)],
         [(r, high), (r, 0.0)], [(r, 0.0), (r + thick, 0.0)],
