@@ -1,6 +1,8 @@
 // fuzz/fuzz.h: what the fuzz targets share. A target hands any bytes to one reader and then requires that
 // what the reader left is well formed; sanitizers watch the rest. With the preset `fuzz` libFuzzer drives a
-// target, elsewhere fuzz/driver.cpp does.
+// target, elsewhere fuzz/driver.cpp does. What made a target stop belongs into its corpus.
+//   cmake --preset fuzz && cmake --build --preset fuzz
+//   mkdir found && build/fuzz/zp_fuzz_obj -max_total_time=600 found fuzz/corpus/obj
 
 #pragma once
 

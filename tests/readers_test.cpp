@@ -372,6 +372,13 @@ TEST_F(ReadersTest, VertexArraysComeThroughPicturesToTheBit) {
   EXPECT_TRUE(texture.packed);
 }
 
+TEST_F(ReadersTest, VectorsTooLongToMeasureAreNone) {
+  const float largest = std::numeric_limits<float>::max(), none = std::numeric_limits<float>::quiet_NaN();
+  EXPECT_EQ(Pack({1e18f, 0, 0}), (PackedVector{127, 0, 0}));
+  for (const Vec3 v : {Vec3{1e20f, 0, 0}, Vec3{largest, -largest, 0}, Vec3{none, 0, 0}})
+    EXPECT_EQ(Pack(v), PackedVector{});
+}
+
 TEST_F(ReadersTest, TriangleIndicesAreBitPatterns) {
   std::vector<float> positions(3 * 70'000);
   std::iota(positions.begin(), positions.end(), 0.0f);

@@ -61,7 +61,7 @@ std::uint64_t ArrayBytes(const HairHeader& header, const HairArrayRow& row) {
 
 // A file without points has positions of no defined place, but as many as its header says. That number has
 // nothing to be checked against, hence a limit.
-constexpr std::uint32_t kMostPointsWithoutPlace = 1U << 16U;
+constexpr std::uint32_t kMostPointsWithoutPlace = 1U << 12U;
 
 template <class T>
 T ElementAt(std::string_view array, std::size_t index) {

@@ -1,6 +1,7 @@
 #include "geometry/object.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "geometry/geometry.h"
 
@@ -9,8 +10,9 @@ namespace zp {
 std::vector<Object> objectTable;
 
 PackedVector Pack(Vec3 v) {
-  if (!IsFinite(v)) return {};  // what is no number is no vector
-  const float factor = SafeInverseLength(Dot(v, v));
+  const float squared = Dot(v, v);
+  if (!std::isfinite(squared)) return {};  // what is no number, or too long for one, is no vector
+  const float factor = SafeInverseLength(squared);
   const auto component = [&](float x) -> std::int8_t {
     const float scaled = x * 128.0f * factor;
     return static_cast<std::int8_t>(std::clamp(scaled, -127.0f, 127.0f));

@@ -1,12 +1,10 @@
 // Fur files: strands as text, by the token rules of scene files but without blocks. "segment" and "position"
 // lines may stand in any order; they are matched when all are read.
 
-#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
 
-#include "core/console.h"
 #include "geometry/geometry.h"
 #include "scene/blocks.h"
 
