@@ -27,7 +27,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parent.parent
 WIDTH, HEIGHT = 128, 72
 CLIP, FLOOR = 4.0, 0.01
-OBJECTS = (0.29, 0.58, 0.73, 1.0)  # of the picture: left, top, right, bottom
+OBJECTS = (0.1, 0.48, 0.71, 1.0)  # of the picture: left, top, right, bottom
 MODES = {
     "final gathering": {},
     "path tracing": {"bounce": 16, "ray_depth": 18, "distance": 0, "resolution": 0},
