@@ -17,7 +17,7 @@ from modelling import Model  # noqa: E402
 HERE = Path(__file__).resolve().parent
 MODEL, IMAGE = HERE / "model", HERE / "image"
 
-COUNT = 160000  # beads of the pool
+COUNT = 140000  # beads of the pool
 PITCH = 0.055  # the n-th bead of the sunflower lies PITCH * sqrt(n) from the middle
 GOLDEN = math.pi * (3 - math.sqrt(5))
 CROWN = 2.1  # radius of the crown's foot

@@ -61,26 +61,27 @@ def place():
     rows = []
     for name in ("floor", "dart", "skittle"):
         rows += ["object", f"    name {name}", f'    obj "model/{name}.obj"', "end", ""]
-    for color in ("red", "yellow", "blue", "white", "gold"):
-        rows += ["object", f"    name {color}_skittle", "    instance", "        object skittle",
-                 f'        shader "{color}"', "    end", "end", ""]
     rows += ["object", "    name flight"]
 
-    def instance(name, matrix):
+    def instance(name, matrix, shader=""):
         rows.extend(["    instance", f"        object {name}",
-                     "        matrix " + " ".join(f"{v + 0.0:.6g}" for v in matrix), "    end"])
+                     "        matrix " + " ".join(f"{v + 0.0:.6g}" for v in matrix)])
+        if shader:
+            rows.append(f'        shader "{shader}"')
+        rows.append("    end")
 
     instance("floor", [1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1])
     pitch, roll = math.radians(-6), math.radians(6)  # nose up, the near wing down
     c, s, d, t = math.cos(pitch), math.sin(pitch), math.cos(roll), math.sin(roll)
     instance("dart", [c, s * t, s * d, 0, 0, d, -t, 0, -s, c * t, c * d, HEIGHT, 0, 0, 0, 1])
-    noise = random.Random(11)
-    for y in (3.2, 6, 9.5, 14, 20):
+    noise, count = random.Random(3), 0
+    for y in (3.2, 7, 13):
         x = -0.6 * y - 6 + noise.random()
         while x < 0.6 * y + 6:
-            instance(noise.choice(("red", "yellow", "blue", "white", "white", "gold")) + "_skittle",
-                     turned(x, y + noise.uniform(-0.6, 0.6), noise.uniform(0, 6)))
-            x += noise.uniform(1.1, 2.6) * (1 + 0.03 * y)
+            matrix = turned(x, y + noise.uniform(-0.6, 0.6), noise.uniform(0, 6))
+            instance("skittle", matrix, ("red", "yellow", "blue", "white", "gold")[count % 5])
+            count += 3
+            x += noise.uniform(1.1, 2.7) * (1 + 0.03 * y)
     rows.extend(["end", ""])
     (HERE / "geometry" / "flight.zp").write_text("\n".join(rows), encoding="ascii")
 
