@@ -15,8 +15,8 @@ from modelling import Model, arc, cross, smooth, sub, unit  # noqa: E402
 
 HERE = Path(__file__).resolve().parent
 MODEL = HERE / "model"
-CORE = 3.6  # radius of the ball that the strands stand on
-CENTER = (0.0, 0.0, 4.7)
+CORE = 2.6  # radius of the ball that the strands stand on
+CENTER = (0.0, 0.0, 4.6)
 STRANDS, SEGMENTS = 13000, 5
 ROOT, TIP = 0.075, 0.02  # diameters
 
@@ -39,23 +39,22 @@ def spread(count):
 
 def comb(direction):
     """The way fur lies: down from the crown, and a little around it."""
-    around = unit(cross((0, 0, 1), direction))
-    down = cross(around, direction)
-    return add(tuple(-x if down[2] > 0 else x for x in down), around, 0.3)
+    around = cross((0, 0, 1), direction)  # nothing at the poles, where fur stands up
+    return add(cross(around, direction), around, 0.3)
 
 
 def strand(direction, lean, step):
     """Points about one unit apart, the length that a curve's unit tangents stand for."""
     point = add(CENTER, direction, CORE)
-    way = unit(add(add(direction, comb(direction), 0.5), lean, 0.3))
+    way = unit(add(add(direction, comb(direction), 0.35), lean, 0.3))
     points = [point]
     for k in range(SEGMENTS):
         out = unit(sub(point, CENTER))
-        way = unit(add(add(add(way, comb(out), 0.45), out, -0.06), lean, 0.16))
+        way = unit(add(add(add(way, comb(out), 0.24), (0, 0, -1), 0.1), lean, 0.14))
         ahead = add(point, way, step)
         # Neither into the core, nor far from it, nor through the table.
         reach = math.dist(ahead, CENTER)
-        height = min(max(reach, CORE + 0.2 * (k + 1)), CORE + 1.7)
+        height = min(max(reach, CORE + 0.3 * (k + 1)), CORE + 3.4)
         ahead = add(CENTER, sub(ahead, CENTER), height / reach)
         if ahead[2] < 0.08:
             ahead = (ahead[0], ahead[1], 0.08)
@@ -67,14 +66,14 @@ def strand(direction, lean, step):
 
 def fur():
     draws = random.Random(5)
-    clumps = [(c, [draws.gauss(0, 0.35) for _ in range(3)], draws.uniform(0.85, 1.1)) for c in spread(300)]
+    clumps = [(c, [draws.gauss(0, 0.35) for _ in range(3)], draws.uniform(0.85, 1.1)) for c in spread(180)]
     positions, widths = [], []
     for direction in spread(STRANDS):
         direction = unit([x + draws.gauss(0, 0.012) for x in direction])
         center, lean, length = max(clumps, key=lambda c: dot(c[0], direction))
         # Strands of a clump draw together towards its middle.
-        lean = add([x + draws.gauss(0, 0.12) for x in lean], sub(center, direction), 1.6)
-        positions += strand(direction, lean, length * draws.uniform(0.9, 1.05))
+        lean = add([x + draws.gauss(0, 0.3) for x in lean], sub(center, direction), 1.6)
+        positions += strand(direction, lean, length * draws.uniform(0.8, 1.05))
         widths += [ROOT + (TIP - ROOT) * (k / SEGMENTS) ** 1.5 for k in range(SEGMENTS + 1)]
     points_bit, thickness_bit = 2, 4
     header = struct.pack("<4s4If4f", b"HAIR", STRANDS, len(positions), points_bit | thickness_bit, SEGMENTS, ROOT,
@@ -111,8 +110,8 @@ def place():
             "object", "    name core", '    obj "model/core.obj"', "end", "",
             "object", "    name fur", '    hair "model/fur.hair"', "end", "",
             "object", "    name pompoms", "    instance", "        object table", "    end"]
-    for shader, x, y, turn in (("copper_hair", -9.6, 0.4, 20), ("blond_hair", 0.3, -3.2, 140),
-                               ("dark_hair", 9.9, 0.9, 265)):
+    for shader, x, y, turn in (("copper_hair", -11.6, 1.2, 20), ("blond_hair", 0, -2.5, 140),
+                               ("dark_hair", 11.6, 1.6, 265)):
         c, s = math.cos(math.radians(turn)), math.sin(math.radians(turn))
         matrix = " ".join(f"{v + 0.0:g}" for v in (c, -s, 0, x, s, c, 0, y, 0, 0, 1, 0, 0, 0, 0, 1))
         for part, dress in (("core", ""), ("fur", shader)):

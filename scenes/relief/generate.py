@@ -45,7 +45,7 @@ def tile(u, v):
     r, turn = math.hypot(x, y), math.atan2(y, x)
     outline = 0.42 + 0.27 * abs(math.cos(4 * turn)) ** 0.7
     petal = ramp(0, 0.16, outline - r) * (0.55 + 0.35 * math.cos(math.pi * (r / outline - 0.6)))
-    petal *= 1 - 0.45 * math.exp(-((math.sin(4 * turn) * r / 0.06) ** 2)) * ramp(0.2, 0.3, r)
+    petal *= 1 - 0.45 * math.exp(-((math.sin(4 * turn) * r / 0.13) ** 2)) * ramp(0.2, 0.3, r)
     boss = math.sqrt(max(0.0, 1 - (r / 0.21) ** 2))
     ring = math.exp(-(((r - 0.24) / 0.03) ** 2))
     corner = math.exp(-(((abs(x) - 0.66) ** 2 + (abs(y) - 0.66) ** 2) / 0.012))
