@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 
+#include "geometry/object.h"
 #include "lights/lights.h"
 
 namespace zp {
@@ -82,7 +83,25 @@ bool IsRigid(const Mat4& matrix) {
   return m[3][0] == 0 && m[3][1] == 0 && m[3][2] == 0 && m[3][3] == 1;
 }
 
-void CheckLayer(SceneNotes& notes, const SurfaceShader& layer, const TextPlace& place) {
+// Hair takes its gloss from the fibre and asks no layer for an index of refraction.
+bool HasStrands(const Object& object) {
+  return std::any_of(object.parts.begin(), object.parts.end(),
+                     [](const Part& part) { return !part.cylinders.empty(); });
+}
+
+bool DressesHair(const std::string& name) {
+  const std::int32_t shader = FindShader(name);
+  for (const Object& object : objectTable)
+    for (const Instance& instance : object.instances)
+      for (const Object& placed : objectTable)
+        if (shader != kNone && instance.shader == shader && placed.name == instance.objectName &&
+            HasStrands(placed))
+          return true;
+  return false;
+}
+
+void CheckLayer(SceneNotes& notes, const std::string& shader, const SurfaceShader& layer,
+                const TextPlace& place) {
   for (const ElementRow& row : kElements) {
     const ImageSlot& slot = layer[row.element];
     if (!slot.imageName.empty() && IsBlack(slot.color))
@@ -92,7 +111,7 @@ void CheckLayer(SceneNotes& notes, const SurfaceShader& layer, const TextPlace& 
   const ImageSlot& ior = layer[Element::kIor];
   const bool mirrors = !IsBlack(layer[Element::kGlossy].color) || !IsBlack(layer[Element::kSpecular].color);
   if (layer.material == Material::kConductor && mirrors && ior.imageName.empty() &&
-      std::abs(Mean(ior.color) - 1) < 1e-6f)
+      std::abs(Mean(ior.color) - 1) < 1e-6f && !DressesHair(shader))
     Error(notes, place, "a conductor of ior 1 shows no glossy and no specular color");
 }
 
@@ -129,7 +148,7 @@ void CheckShaders(SceneNotes& notes) {
                   std::to_string(entry->second.line));
     CheckWeights(notes, noted);
     for (std::size_t i = 0; i < noted.layers.size(); ++i)
-      CheckLayer(notes, noted.shader.surfaces[i], noted.layers[i]);
+      CheckLayer(notes, name, noted.shader.surfaces[i], noted.layers[i]);
   }
 }
 
