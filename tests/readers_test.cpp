@@ -137,7 +137,7 @@ TEST_F(ReadersTest, HairWithEveryCombinationOfArrays) {
     ASSERT_EQ(part.positions.size(), 9U);
     ExpectStrands(part);
     EXPECT_EQ(part.strandLengths, (arrays & kSegments) != 0 ? (std::vector<std::uint32_t>{1, 0, 5})
-                                                       : (std::vector<std::uint32_t>{2, 2, 2}));
+                                                            : (std::vector<std::uint32_t>{2, 2, 2}));
     for (std::size_t i = 0; i < 9; ++i) {
       const auto x = static_cast<float>(i);
       EXPECT_EQ(part.positions[i], (arrays & kPoints) ? (Vec3{x, 10 * x, -x}) : Vec3{});
