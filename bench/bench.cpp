@@ -18,6 +18,7 @@
 
 #include "accel/accel.h"
 #include "core/console.h"
+#include "core/settings.h"
 #include "embree_side.h"
 #include "frame/frame.h"
 #include "geometry/geometry.h"
@@ -212,6 +213,34 @@ void MeasureRays(benchmark::State& state, const MeshSource& mesh, const RayCase&
     if (result.other.empty()) rayCase.embree(rays, result.threads, nullptr);
     Sample(state, result, result.other, measure(rayCase.embree));
   }
+}
+
+// The shadow rays of the terrain, with a roof between it and the light: slots in the order that the first
+// pass gives them, beside the order of construction, which stands in the other side's place.
+void MeasureOrder(benchmark::State& state, const MeshSource& terrain, bool ordered, CaseResult& result) {
+  static RaySet rays;
+  static std::uint64_t blocked = 0;
+  if (rays.empty()) {
+    if (!Enter(terrain)) return Fail(state, "no such mesh");
+    rays = EnterRays(terrain, RayKind::kShadow);
+  }
+  LeaveMesh();
+  if (!EnterMesh({"roofed", {}, Shape::kTerrain, terrain.amount, true})) return Fail(state, "no such mesh");
+  result.amount = static_cast<double>(rays.size()) / kMillion;
+  if (ordered) {
+    const std::int32_t pass = std::exchange(settings.samplePass, 0);
+    OccludeOurs(rays, AllThreads());
+    settings.samplePass = pass;
+    OrderOccluders(objectTable[0]);
+  }
+  const std::uint64_t found = OccludeOurs(rays, result.threads).hits;
+  if (blocked == 0) blocked = found;
+  if (found == 0 || found != blocked) return Fail(state, "the order of slots changes what is blocked");
+  Sample(state, result, ordered ? result.ours : result.other, [&] {
+    const auto start = std::chrono::steady_clock::now();
+    benchmark::DoNotOptimize(OccludeOurs(rays, result.threads));
+    return SecondsSince(start);
+  });
 }
 
 // A file that is removed with its directory.
@@ -454,6 +483,10 @@ int Main(int argc, char** argv) {
   // The terrain comes first: its memory is measured while the process holds nothing else.
   for (const MeshSource& mesh : meshes) RegisterMesh(mesh);
   RegisterUpdate(meshes.front());
+  RegisterCase("ordered/roofed", "Mray/s", 1, true, "unordered",
+               [](benchmark::State& s, Side side, CaseResult& r) {
+                 MeasureOrder(s, meshes.front(), side == Side::kOurs, r);
+               });
   for (const MeshSource& mesh : meshes)
     if (mesh.shape == Shape::kTerrain)
       RegisterCase("load/" + mesh.name, "MB/s", AllThreads(), true, "plain-read",

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "accel/accel.h"
+#include "core/random.h"
 #include "geometry/geometry.h"
 
 namespace zp {
@@ -55,8 +56,9 @@ std::size_t StatusBytes(const char* field) {
   return 0;
 }
 
-// The peak starts again at what is resident now. Where that is refused, the peak of the whole run so far
-// stands, which is why the mesh whose memory counts is entered first.
+// The peak starts again at what is resident now. Where that is refused, the
+// peak of the whole run so far stands, which is why the mesh whose memory
+// counts is entered first.
 void RestartPeak() {
   if (std::FILE* file = std::fopen("/proc/self/clear_refs", "w")) {
     std::fputs("5", file);
@@ -81,6 +83,29 @@ std::size_t ContainerBytes(const Object& object) {
     for (const auto& set : part.scalarSets) sum += Bytes(set.values);
   }
   return sum;
+}
+
+// Leaves in the air above the terrain, and a roof over them, below the light of
+// the shadow rays.
+void AddRoof(Part& part) {
+  constexpr int kLeaves = 200'000;
+  constexpr float kLow = 0.2f, kHigh = 0.5f,
+                  kSize = 0.002f;  // the hills stay below, the roof is above
+  const auto first = static_cast<std::uint32_t>(part.positions.size());
+  for (const Vec3 p : {Vec3{0, 0.6f, 0}, Vec3{2, 0.6f, 0}, Vec3{2, 0.6f, 1}, Vec3{0, 0.6f, 1}})
+    part.positions.push_back(p);
+  part.triangles.push_back({{first, first + 1, first + 2}, 0});
+  part.triangles.push_back({{first, first + 2, first + 3}, 0});
+  RekeyRandom(0, 2);  // the same leaves on every run
+  for (int i = 0; i < kLeaves; ++i) {
+    const float x = 2 * RandomFloat(), z = RandomFloat(), y = kLow + (kHigh - kLow) * RandomFloat();
+    const auto corner = static_cast<std::uint32_t>(part.positions.size());
+    for (int k = 0; k < 3; ++k) {
+      const float dx = RandomFloat(), dy = RandomFloat(), dz = RandomFloat();
+      part.positions.push_back(Vec3{x, y, z} + kSize * Vec3{dx, dy, dz});
+    }
+    part.triangles.push_back({{corner, corner + 1, corner + 2}, 0});
+  }
 }
 
 }  // namespace
@@ -178,6 +203,7 @@ bool EnterMesh(const MeshSource& source) {
     FillParticles(part, source.amount);
   } else if (source.file.empty()) {
     FillTerrain(part, source.amount);
+    if (source.roofed) AddRoof(part);
   } else if (!ReadObjFile(source.file, part)) {
     std::fprintf(stderr, "zp_bench: cannot read %s\n", source.file.c_str());
     LeaveMesh();

@@ -18,6 +18,7 @@ struct MeshSource {
   std::string file;  // OBJ, or empty
   Shape shape = Shape::kTerrain;
   std::int64_t amount = 0;  // wanted triangles, strands or particles
+  bool roofed = false;      // with leaves above the terrain and a roof above those
 };
 
 // Bytes of the process and of its containers around one initialisation; 0 where the system does not tell.
