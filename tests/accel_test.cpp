@@ -13,18 +13,10 @@
 #include "accel/primitive_tests.h"
 #include "core/console.h"
 #include "geometry/geometry.h"
+#include "random_geometry.h"
 
 namespace zp {
 namespace {
-
-std::mt19937 generator(7);
-float Uniform(float low, float high) { return std::uniform_real_distribution<float>(low, high)(generator); }
-Vec3 UniformPoint(float size) { return {Uniform(-size, size), Uniform(-size, size), Uniform(-size, size)}; }
-
-std::uint32_t AddVertex(Part& part, Vec3 p) {
-  part.positions.push_back(p);
-  return static_cast<std::uint32_t>(part.positions.size() - 1);
-}
 
 // Small triangles and rectangles, scattered in a cube.
 Part MakeSoup(int count) {

@@ -14,18 +14,10 @@
 #include "core/console.h"
 #include "core/settings.h"
 #include "geometry/geometry.h"
+#include "random_geometry.h"
 
 namespace zp {
 namespace {
-
-std::mt19937 generator(11);
-float Uniform(float low, float high) { return std::uniform_real_distribution<float>(low, high)(generator); }
-Vec3 UniformPoint(float size) { return {Uniform(-size, size), Uniform(-size, size), Uniform(-size, size)}; }
-
-std::uint32_t AddVertex(Part& part, Vec3 p) {
-  part.positions.push_back(p);
-  return static_cast<std::uint32_t>(part.positions.size() - 1);
-}
 
 // Shader 0 is opaque, 1 lets half through from both sides, 2 is opaque from behind and coloured from the
 // front, 3 is a thin pane of ior 1.5.

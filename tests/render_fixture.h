@@ -6,6 +6,7 @@
 #include <omp.h>
 
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <vector>
 
@@ -80,6 +81,15 @@ inline void AddSphere(Part& part, int levels, bool smooth, std::int32_t shader) 
     }
     part.triangles.push_back({{first, first + 1, first + 2}, shader});
   }
+}
+
+// Where a ray that comes straight down, at a distance b from the axis of a glass ball of radius 1 at the
+// origin, meets the plane z = -2, away from the side that it came in: it turns by twice the difference of its
+// angles.
+inline float PlaceBehindBall(float b, float ior) {
+  const float outside = std::asin(b), inside = std::asin(b / ior);
+  const float exit = outside - 2 * inside;  // off the downward axis, seen from the centre
+  return std::sin(exit) + (2 - std::cos(exit)) * std::tan(2 * (outside - inside));
 }
 
 // One Object with one Part, a white sky, path tracing, a camera of 16 by 16 pixels and 4 passes, seed 1.

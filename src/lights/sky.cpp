@@ -5,6 +5,7 @@
 #include "core/console.h"
 #include "core/tables.h"
 #include "lights/light_aovs.h"
+#include "lights/light_photons.h"
 #include "lights/lights.h"
 #include "lights/sky_map.h"
 #include "lights/sky_model.h"
@@ -144,23 +145,14 @@ float SkyDensity(Vec3 direction) { return TableDensity(sky.table, direction); }
 void MakeSkyPhotonRay(RayRecord& ray, std::uint32_t sample) {
   const PhotonStart start = sky.table.cells.empty() ? StartAnywhere(sample) : StartAtCell(sample);
   const Vec3 d = start.direction;
-  Vec3 axis = Perpendicular(d);
-  if (Dot(axis, axis) < 1e-10f) axis = Cross(d, Vec3{1, 0, 0});  // vanishes along (-1, -1, 1), a cube corner
-  axis = SafeNormalize(axis);
+  const Vec3 axis = UnitPerpendicular(d);
   const Vec2 disc = ConcentricDisk(Halton(sample, 2), Halton(sample, 3));
-  const std::uint8_t thread = ray.thread;
-  ray = RayRecord();
-  ray.thread = thread;
-  ray.sampleNumber = sample;
-  ray.dimension = 4;
+  StartPhotonRay(ray, sample, 4, skyLight.ior);
   ray.origin = sceneCenter + sceneRadius * (disc.x * axis + disc.y * Cross(axis, d) + d);
   ray.direction = -d;
   if (skyLight.photon > 0)
     ray.photonPower = start.radiance * (sky.powerFactor / static_cast<float>(skyLight.photon));
-  ray.ior = skyLight.ior;
   ray.kind = ray.parentKind = kKindNone;
-  ray.event = ray.previousEvent = 0;
-  ray.photonIndirect = true;
 }
 
 }  // namespace zp
