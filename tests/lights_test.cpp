@@ -18,8 +18,7 @@
 #include "core/random.h"
 #include "core/settings.h"
 #include "core/tables.h"
-// The exported functions belong to the dynamic library, whose records nobody outside can read.
-#include "frame/exported_lights.cpp"  // NOLINT(bugprone-suspicious-include)
+#include "frame/zp.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
 

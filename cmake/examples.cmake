@@ -1,0 +1,1 @@
+# Tests that use the library as a host does: installed, from another project.
