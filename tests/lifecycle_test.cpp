@@ -186,6 +186,14 @@ TEST_F(Lifecycle, PointAndParallelLightsLastForOneFrame) {
   Printed([] { Finalize(); });
   EXPECT_TRUE(pointLights.empty() && parallelLights.empty());
   EXPECT_TRUE(std::filesystem::exists(folder / "end.hdr"));
+  // What cannot be written is told: here the folder is gone.
+  prepare("lost.hdr");
+  std::filesystem::remove_all(folder);
+  const std::string lost = Printed([] { Finalize(); });
+  for (const char* name : {"lost.hdr", "beauty.hdr"})
+    EXPECT_NE(lost.find("error :( \timage - " + (folder / name).string() + "\tcannot be written\n"),
+              std::string::npos)
+        << lost;
   Shutdown();
   std::filesystem::remove_all(folder);
 }

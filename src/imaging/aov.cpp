@@ -1,10 +1,11 @@
-// imaging/aov.cpp: output images before they are filled.
+// imaging/aov.cpp: output images before and after they are filled.
 
 #include <chrono>
 #include <ctime>
 #include <map>
 #include <mutex>
 
+#include "core/console.h"
 #include "imaging/imaging.h"
 
 namespace zp {
@@ -13,6 +14,12 @@ void InitializeAov(Aov& aov, int width, int height) {
   aov.width = width;
   aov.height = height;
   Allocate(aov.image, width, height, 3, 32, false);
+}
+
+void SaveAovs(const std::vector<Aov>& aovs) {
+  for (const Aov& aov : aovs)
+    if (!aov.image.fileName.empty() && aov.image.width > 0 && !SaveImage(aov.image))
+      PrintError("image - " + aov.image.fileName + "\tcannot be written");
 }
 
 // A name that was given out before gets "-2", "-3" and so on before its extension: two cameras of the same

@@ -127,8 +127,7 @@ void InitializeCameras() {
 }
 
 void FinalizeCameras() {
-  for (const Camera& camera : cameras)
-    for (const Aov& aov : camera.aovs) SaveImage(aov.image);
+  for (const Camera& camera : cameras) SaveAovs(camera.aovs);
   cameras.clear();
 }
 

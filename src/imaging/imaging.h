@@ -111,6 +111,8 @@ struct Aov {
 
 // Allocates the AOV's pixels: 3 channels of 32 bits, black.
 void InitializeAov(Aov& aov, int width, int height);
+// Writes those that have a name and pixels; one that cannot be written gets an error row.
+void SaveAovs(const std::vector<Aov>& aovs);
 // "beauty-YYYYMMDD-HHMMSS.hdr" of the local time; unique in the process.
 std::string DefaultBeautyName();
 

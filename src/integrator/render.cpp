@@ -94,8 +94,7 @@ void FinishFrame(const Aov& beauty, std::int64_t renderStart) {
   PrintRule();
   PrintLine("            close the window to exit. happy rendering :) thank you!");
   PrintRule();
-  for (const Camera& camera : cameras)
-    for (const Aov& aov : camera.aovs) SaveImage(aov.image);
+  for (const Camera& camera : cameras) SaveAovs(camera.aovs);
   FinalizeSky();
   FinalizeGeometryLight();
   FinalizeGaffer();

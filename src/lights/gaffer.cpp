@@ -71,8 +71,8 @@ void InitializeGaffer() {
 }
 
 void FinalizeGaffer() {
-  for (const PointLight& light : pointLights) SaveLightAovs(light.aovs);
-  for (const ParallelLight& light : parallelLights) SaveLightAovs(light.aovs);
+  for (const PointLight& light : pointLights) SaveAovs(light.aovs);
+  for (const ParallelLight& light : parallelLights) SaveAovs(light.aovs);
   Release(pointLights);
   Release(parallelLights);
 }

@@ -43,7 +43,7 @@ void InitializeGeometryLight() {
 }
 
 void FinalizeGeometryLight() {
-  SaveLightAovs(geometryLight.aovs);
+  SaveAovs(geometryLight.aovs);
   ResetGeometryLight();
 }
 

@@ -14,9 +14,4 @@ void InitializeLightAovs(std::vector<Aov>& aovs) {
   }
 }
 
-void SaveLightAovs(const std::vector<Aov>& aovs) {
-  for (const Aov& aov : aovs)
-    if (!aov.image.fileName.empty() && aov.image.width > 0) SaveImage(aov.image);
-}
-
 }  // namespace zp

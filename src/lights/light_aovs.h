@@ -10,7 +10,5 @@ namespace zp {
 
 // Pixels for the camera that renders, and the shader each AOV is restricted to. Nothing without a camera.
 void InitializeLightAovs(std::vector<Aov>& aovs);
-// Writes every AOV that has pixels and a file name.
-void SaveLightAovs(const std::vector<Aov>& aovs);
 
 }  // namespace zp

@@ -115,7 +115,7 @@ void InitializeSky() {
 }
 
 void FinalizeSky() {
-  SaveLightAovs(skyLight.aovs);
+  SaveAovs(skyLight.aovs);
   ResetSky();
 }
 
