@@ -62,7 +62,8 @@
 ///
 /// - A Shader without a name is called "undefined", and primitives of a Shader with that name show the last
 ///   shader that zpSetShaderID() gave their Part. Name every Shader, each differently.
-/// - A Shader without layers becomes a copy of "undefined", a grey of 0.85, with all it says of geometry.
+/// - A Shader without layers becomes a copy of "undefined", a grey of 0.85, whatever it was told of geometry;
+///   the copy has that name, too.
 /// - The default point light is a spot: its light fades linearly from +y to nothing on the opposite side.
 ///   zpSetPointLightInnerAngle() of 180 and zpSetPointLightOuterAngle() of 181 light all sides alike.
 /// - The sky shines with 0.75 unless zpSetSkyLightColor() says otherwise.
@@ -399,7 +400,7 @@ int zpAddInstance(int object) noexcept;
 ///                  converted, so that scaled Instances show wrong. Without an inverse: an error row, and
 ///                  nothing shows
 /// @param shader    replaces all shaders of the target and of what it places; -1 keeps them. What names no
-///                  other Shader shows black. Visibility and light samples stay those of the target's own
+///                  Shader shows black. Visibility and light samples stay those of the target's own
 void zpSetInstance(int object, int instance, int target, const float matrix[][4], int shader) noexcept;
 /// @}
 
