@@ -1,6 +1,6 @@
-# Gives the headings of a page the anchors that repository viewers make up for them, and turns links to such
-# anchors into references: `[text](#some-words)` and `[text](other.md#some-words)`. Anchors are unique among
-# all pages by the name of their page.
+# Prepares a page for Doxygen. Headings get the anchors that repository viewers make up for them, and links to
+# such anchors, `[text](#some-words)` and `[text](other.md#some-words)`, become references. Anchors are unique
+# among all pages by the name of their page. Links whose text runs over two lines are joined.
 
 function slug(text) {
   text = tolower(text)
@@ -25,7 +25,12 @@ fenced || /^    / { print; next }
   next
 }
 {
-  line = $0
+  line = held $0
+  held = ""
+  if (line ~ /\[[^]`]*$/ && $0 != "") {
+    held = line " "
+    next
+  }
   gsub(/\]\(#/, "](#" page "-", line)
   while (match(line, /\]\([a-z-]+\.md#/)) {
     other = substr(line, RSTART + 2, RLENGTH - 6)
@@ -33,4 +38,4 @@ fenced || /^    / { print; next }
   }
   print line
 }
-END { print "" }  # Doxygen stumbles over code that ends with the page
+END { if (held != "") print held }
