@@ -2,10 +2,10 @@
 PRESET ?= release
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: packages build demo test bench clean
+.PHONY: packages build demo test bench docs clean
 
 packages:
-	@missing=""; for package in $$(cat packages.txt); do \
+	@missing=""; for package in $$(cat packages.txt) $(EXTRA_PACKAGES); do \
 	  dpkg-query -W -f='$${Status}' $$package 2>/dev/null | grep -q 'install ok installed' || missing="$$missing $$package"; \
 	done; \
 	if [ -n "$$missing" ]; then \
@@ -27,6 +27,13 @@ test: build
 
 bench: build
 	build/$(PRESET)/zp_bench
+
+# HTML of the interface and of docs/.
+docs: EXTRA_PACKAGES := doxygen
+docs: packages
+	cmake --preset $(PRESET)
+	cmake --build --preset $(PRESET) --target docs
+	@echo "the documentation begins at build/docs/html/index.html"
 
 clean:
 	rm -rf build demo.png

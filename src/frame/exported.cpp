@@ -10,41 +10,41 @@
 
 using zp::settings;
 
-void zpStartup() { zp::Startup(); }
-void zpShutdown() { zp::Shutdown(); }
-void zpGo(const char* folder) { zp::Go(zp::Text(folder)); }
-void zpInitialize() { zp::Initialize(); }
-void zpFinalize() { zp::Finalize(); }
-void zpInitializeCameras() { zp::PrepareCameras(); }
-void zpFinalizeCameras() { zp::FinalizeCameras(); }
-void zpInitializeShaders() { zp::InitializeShaders(); }
-void zpFinalizeShaders() { zp::FinalizeShaders(); }
-void zpInitializeGaffer() { zp::InitializeGaffer(); }
-void zpFinalizeGaffer() { zp::FinalizeGaffer(); }
-void zpInitializeSkyLight() { zp::InitializeSky(); }
-void zpFinalizeSkyLight() { zp::FinalizeSky(); }
-void zpInitializeGeometryLight() { zpInitializeSkyLight(); }
-void zpFinalizeGeometryLight() { zpFinalizeSkyLight(); }
-void zpInitializeAccelerator() { zp::InitializeAccelerator(); }
-void zpFinalizeAccelerator() { zp::FinalizeAccelerator(); }
-void zpInitializeRenderer() { zp::InitializeRenderer(); }
-void zpFinalizeRenderer() { zp::FinalizeRenderer(); }
+void zpStartup() noexcept { zp::Startup(); }
+void zpShutdown() noexcept { zp::Shutdown(); }
+void zpGo(const char* folder) noexcept { zp::Go(zp::Text(folder)); }
+void zpInitialize() noexcept { zp::Initialize(); }
+void zpFinalize() noexcept { zp::Finalize(); }
+void zpInitializeCameras() noexcept { zp::PrepareCameras(); }
+void zpFinalizeCameras() noexcept { zp::FinalizeCameras(); }
+void zpInitializeShaders() noexcept { zp::InitializeShaders(); }
+void zpFinalizeShaders() noexcept { zp::FinalizeShaders(); }
+void zpInitializeGaffer() noexcept { zp::InitializeGaffer(); }
+void zpFinalizeGaffer() noexcept { zp::FinalizeGaffer(); }
+void zpInitializeSkyLight() noexcept { zp::InitializeSky(); }
+void zpFinalizeSkyLight() noexcept { zp::FinalizeSky(); }
+void zpInitializeGeometryLight() noexcept { zpInitializeSkyLight(); }
+void zpFinalizeGeometryLight() noexcept { zpFinalizeSkyLight(); }
+void zpInitializeAccelerator() noexcept { zp::InitializeAccelerator(); }
+void zpFinalizeAccelerator() noexcept { zp::FinalizeAccelerator(); }
+void zpInitializeRenderer() noexcept { zp::InitializeRenderer(); }
+void zpFinalizeRenderer() noexcept { zp::FinalizeRenderer(); }
 
-void zpRender() {
+void zpRender() noexcept {
   settings.passIndex = 0;
   zp::RenderLoop();
 }
-void zpRenderPixels(int count, float* out, int pass) {
+void zpRenderPixels(int count, float* out, int pass) noexcept {
   if (count > 0 && out != nullptr) zp::RenderPixels(count, out, pass);
 }
-void zpSetPreviewWindow(bool show) { settings.previewWindow = show; }
-void zpSetDisplayGamma(float gamma) { settings.displayGamma = gamma; }
-void zpSetRendererClamp(float r, float g, float b) { settings.clamp = {r, g, b}; }
-void zpSetRendererError(float r, float g, float b) { settings.error = {r, g, b}; }
-void zpSetRendererRayDepth(int depth) { settings.rayDepth = depth; }
-void zpSetRendererPhotonDepth(int depth) { settings.photonDepth = depth; }
-void zpSetRendererSample(int sample) { settings.rendererSample = sample; }
-void zpSetRendererBounce(int bounce) { settings.rendererBounce = bounce; }
-void zpSetRendererDistance(float distance) { settings.distance = distance; }
-void zpSetRendererResolution(float resolution) { settings.resolution = resolution; }
-void zpSetRendererRadius(float radius) { settings.photonRadius = radius; }
+void zpSetPreviewWindow(bool show) noexcept { settings.previewWindow = show; }
+void zpSetDisplayGamma(float gamma) noexcept { settings.displayGamma = gamma; }
+void zpSetRendererClamp(float r, float g, float b) noexcept { settings.clamp = {r, g, b}; }
+void zpSetRendererError(float r, float g, float b) noexcept { settings.error = {r, g, b}; }
+void zpSetRendererRayDepth(int depth) noexcept { settings.rayDepth = depth; }
+void zpSetRendererPhotonDepth(int depth) noexcept { settings.photonDepth = depth; }
+void zpSetRendererSample(int sample) noexcept { settings.rendererSample = sample; }
+void zpSetRendererBounce(int bounce) noexcept { settings.rendererBounce = bounce; }
+void zpSetRendererDistance(float distance) noexcept { settings.distance = distance; }
+void zpSetRendererResolution(float resolution) noexcept { settings.resolution = resolution; }
+void zpSetRendererRadius(float radius) noexcept { settings.photonRadius = radius; }

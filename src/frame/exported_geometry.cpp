@@ -31,69 +31,70 @@ VertexSet<T> MakeSet(std::string name, std::size_t count, const float* data, std
 
 }  // namespace
 
-int zpAddObject() { return Append(objectTable); }
+int zpAddObject() noexcept { return Append(objectTable); }
 
-void zpSetObjectName(int object, const char* name) {
+void zpSetObjectName(int object, const char* name) noexcept {
   if (Object* record = At(objectTable, object)) record->name = Text(name);
 }
 
-int zpAddPart(int object) {
+int zpAddPart(int object) noexcept {
   Object* record = At(objectTable, object);
   return record == nullptr ? kNone : Append(record->parts);
 }
 
-void zpSetShaderID(int object, int part, int shader) {
+void zpSetShaderID(int object, int part, int shader) noexcept {
   if (Part* record = PartAt(object, part)) record->shader = shader;
 }
 
-void zpAddPositions(int object, int part, int count, const float* data) {
+void zpAddPositions(int object, int part, int count, const float* data) noexcept {
   ForEachElement(object, part, count, data, 3,
                  [](Part& p, const float* element) { p.positions.push_back(ToVec3(element)); });
 }
 
-void zpAddNormals(int object, int part, int count, const float* data) {
+void zpAddNormals(int object, int part, int count, const float* data) noexcept {
   ForEachElement(object, part, count, data, 3,
                  [](Part& p, const float* element) { p.normals.push_back(Pack(ToVec3(element))); });
 }
 
-void zpAddTangents(int object, int part, int count, const float* data) {
+void zpAddTangents(int object, int part, int count, const float* data) noexcept {
   ForEachElement(object, part, count, data, 3,
                  [](Part& p, const float* element) { p.tangents.push_back(Pack(ToVec3(element))); });
 }
 
-void zpAddUVs(int object, int part, int count, const float* data) {
+void zpAddUVs(int object, int part, int count, const float* data) noexcept {
   ForEachElement(object, part, count, data, 2,
                  [](Part& p, const float* element) { p.uvSets[0].values.push_back(ToVec2(element)); });
 }
 
-void zpAddRadii(int object, int part, int count, const float* data) {
+void zpAddRadii(int object, int part, int count, const float* data) noexcept {
   ForEachElement(object, part, count, data, 1,
                  [](Part& p, const float* element) { p.scalarSets[0].values.push_back(*element); });
 }
 
-void zpAddTriangles(int object, int part, int count, const int* data) {
+void zpAddTriangles(int object, int part, int count, const int* data) noexcept {
   ForEachElement(object, part, count, data, 3, [](Part& p, const int* v) {
     p.triangles.push_back({{ToIndex(v[0]), ToIndex(v[1]), ToIndex(v[2])}, p.shader});
   });
 }
 
-void zpAddTetragons(int object, int part, int count, const int* data) {
+void zpAddTetragons(int object, int part, int count, const int* data) noexcept {
   ForEachElement(object, part, count, data, 4, [](Part& p, const int* v) {
     p.tetragons.push_back({{ToIndex(v[0]), ToIndex(v[1]), ToIndex(v[2]), ToIndex(v[3])}, p.shader});
   });
 }
 
-void zpAddCylinders(int object, int part, int count, const int* data) {
+void zpAddCylinders(int object, int part, int count, const int* data) noexcept {
   ForEachElement(object, part, count, data, 1,
                  [](Part& p, const int* v) { p.cylinders.push_back(ToIndex(*v)); });
 }
 
-void zpAddParticles(int object, int part, int count, const int* data) {
+void zpAddParticles(int object, int part, int count, const int* data) noexcept {
   ForEachElement(object, part, count, data, 1,
                  [](Part& p, const int* v) { p.particles.push_back(ToIndex(*v)); });
 }
 
-void zpAddVertexData(int object, int part, const char* name, int count, int kind, const float* data) {
+void zpAddVertexData(int object, int part, const char* name, int count, int kind,
+                     const float* data) noexcept {
   Part* record = PartAt(object, part);
   if (record == nullptr) return;
   const std::size_t size = count < 1 || data == nullptr ? 0 : static_cast<std::size_t>(count);
@@ -106,12 +107,12 @@ void zpAddVertexData(int object, int part, const char* name, int count, int kind
     record->vectorSets.push_back(MakeSet<Vec3>(Text(name), size, data, 3, ToVec3));
 }
 
-int zpAddInstance(int object) {
+int zpAddInstance(int object) noexcept {
   Object* record = At(objectTable, object);
   return record == nullptr ? kNone : Append(record->instances);
 }
 
-void zpSetInstance(int object, int instance, int target, const float matrix[][4], int shader) {
+void zpSetInstance(int object, int instance, int target, const float matrix[][4], int shader) noexcept {
   Object* record = At(objectTable, object);
   Instance* placed = record == nullptr ? nullptr : At(record->instances, instance);
   if (placed == nullptr) return;

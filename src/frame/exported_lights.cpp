@@ -36,91 +36,97 @@ void Set(std::vector<Kind>& lights, int light, Value Owner::*field, std::type_id
 
 }  // namespace
 
-int zpAddPointLight() { return zp::Append(pointLights); }
-void zpSetPointLightColor(int light, float r, float g, float b) {
+int zpAddPointLight() noexcept { return zp::Append(pointLights); }
+void zpSetPointLightColor(int light, float r, float g, float b) noexcept {
   Set(pointLights, light, &zp::Light::color, {r, g, b});
 }
-void zpSetPointLightPosition(int light, float x, float y, float z) {
+void zpSetPointLightPosition(int light, float x, float y, float z) noexcept {
   Set(pointLights, light, &zp::PointLight::position, {x, y, z});
 }
-void zpSetPointLightDirection(int light, float x, float y, float z) {
+void zpSetPointLightDirection(int light, float x, float y, float z) noexcept {
   Set(pointLights, light, &zp::PointLight::direction, {x, y, z});
 }
-void zpSetPointLightBlur(int light, float radius) { Set(pointLights, light, &zp::Light::blur, radius); }
-void zpSetPointLightOffset(int light, float offset) { Set(pointLights, light, &zp::Light::offset, offset); }
-void zpSetPointLightInnerAngle(int light, float degrees) {
+void zpSetPointLightBlur(int light, float radius) noexcept {
+  Set(pointLights, light, &zp::Light::blur, radius);
+}
+void zpSetPointLightOffset(int light, float offset) noexcept {
+  Set(pointLights, light, &zp::Light::offset, offset);
+}
+void zpSetPointLightInnerAngle(int light, float degrees) noexcept {
   Set(pointLights, light, &zp::PointLight::innerAngle, degrees);
 }
-void zpSetPointLightOuterAngle(int light, float degrees) {
+void zpSetPointLightOuterAngle(int light, float degrees) noexcept {
   Set(pointLights, light, &zp::PointLight::outerAngle, degrees);
 }
-void zpSetPointLightSample(int light, int sample) { Set(pointLights, light, &zp::Light::sample, sample); }
-void zpSetPointLightPhoton(int light, int photon) {
+void zpSetPointLightSample(int light, int sample) noexcept {
+  Set(pointLights, light, &zp::Light::sample, sample);
+}
+void zpSetPointLightPhoton(int light, int photon) noexcept {
   Set(pointLights, light, &zp::Light::photon, std::int64_t{photon});
 }
-void zpSetPointLightShaderLink(int light, int shader) { Link(pointLights, light, shader); }
-int zpAddPointLightAOV(int light) { return AddAov(pointLights, light); }
-void zpSetPointLightAOVChannel(int light, int aov, Channel channel) {
+void zpSetPointLightShaderLink(int light, int shader) noexcept { Link(pointLights, light, shader); }
+int zpAddPointLightAOV(int light) noexcept { return AddAov(pointLights, light); }
+void zpSetPointLightAOVChannel(int light, int aov, Channel channel) noexcept {
   if (zp::Aov* record = AovAt(pointLights, light, aov)) record->channel |= channel;
 }
-void zpSetPointLightAOVName(int light, int aov, const char* name) {
+void zpSetPointLightAOVName(int light, int aov, const char* name) noexcept {
   if (zp::Aov* record = AovAt(pointLights, light, aov)) record->image.fileName = zp::Text(name);
 }
 
-int zpAddParallelLight() { return zp::Append(parallelLights); }
-void zpSetParallelLightColor(int light, float r, float g, float b) {
+int zpAddParallelLight() noexcept { return zp::Append(parallelLights); }
+void zpSetParallelLightColor(int light, float r, float g, float b) noexcept {
   Set(parallelLights, light, &zp::Light::color, {r, g, b});
 }
-void zpSetParallelLightDirection(int light, float x, float y, float z) {
+void zpSetParallelLightDirection(int light, float x, float y, float z) noexcept {
   Set(parallelLights, light, &zp::Light::zAxis, {x, y, z});
 }
-void zpSetParallelLightBlur(int light, float degrees) {
+void zpSetParallelLightBlur(int light, float degrees) noexcept {
   Set(parallelLights, light, &zp::Light::blur, degrees);
 }
-void zpSetParallelLightOffset(int light, float offset) {
+void zpSetParallelLightOffset(int light, float offset) noexcept {
   Set(parallelLights, light, &zp::Light::offset, offset);
 }
-void zpSetParallelLightSample(int light, int sample) {
+void zpSetParallelLightSample(int light, int sample) noexcept {
   Set(parallelLights, light, &zp::Light::sample, sample);
 }
-void zpSetParallelLightPhoton(int light, int photon) {
+void zpSetParallelLightPhoton(int light, int photon) noexcept {
   Set(parallelLights, light, &zp::Light::photon, std::int64_t{photon});
 }
-void zpSetParallelLightShaderLink(int light, int shader) { Link(parallelLights, light, shader); }
-int zpAddParallelLightAOV(int light) { return AddAov(parallelLights, light); }
-void zpSetParallelLightAOVChannel(int light, int aov, Channel channel) {
+void zpSetParallelLightShaderLink(int light, int shader) noexcept { Link(parallelLights, light, shader); }
+int zpAddParallelLightAOV(int light) noexcept { return AddAov(parallelLights, light); }
+void zpSetParallelLightAOVChannel(int light, int aov, Channel channel) noexcept {
   if (zp::Aov* record = AovAt(parallelLights, light, aov)) record->channel |= channel;
 }
-void zpSetParallelLightAOVName(int light, int aov, const char* name) {
+void zpSetParallelLightAOVName(int light, int aov, const char* name) noexcept {
   if (zp::Aov* record = AovAt(parallelLights, light, aov)) record->image.fileName = zp::Text(name);
 }
 
-void zpSetSkyLightColor(float r, float g, float b) { skyLight.color = {r, g, b}; }
-void zpSetSkyLightNorth(float x, float y, float z) { skyLight.north = {x, y, z}; }
-void zpSetSkyLightZenith(float x, float y, float z) { skyLight.zenith = {x, y, z}; }
-void zpSetSkyLightImage(const char* path) { skyLight.image = zp::Text(path); }
-void zpSetSkyLightBackdrop(const char* path) { skyLight.backdrop = zp::Text(path); }
-void zpSetSkyLightSample(int sample) { skyLight.sample = sample; }
-void zpSetSkyLightPhoton(int photon) { skyLight.photon = photon; }
-void zpSetSkyLightShaderLink(int shader) { skyLight.link.shaders.push_back(shader); }
-int zpAddSkyLightAOV() { return zp::Append(skyLight.aovs); }
-void zpSetSkyLightAOVChannel(int aov, Channel channel) {
+void zpSetSkyLightColor(float r, float g, float b) noexcept { skyLight.color = {r, g, b}; }
+void zpSetSkyLightNorth(float x, float y, float z) noexcept { skyLight.north = {x, y, z}; }
+void zpSetSkyLightZenith(float x, float y, float z) noexcept { skyLight.zenith = {x, y, z}; }
+void zpSetSkyLightImage(const char* path) noexcept { skyLight.image = zp::Text(path); }
+void zpSetSkyLightBackdrop(const char* path) noexcept { skyLight.backdrop = zp::Text(path); }
+void zpSetSkyLightSample(int sample) noexcept { skyLight.sample = sample; }
+void zpSetSkyLightPhoton(int photon) noexcept { skyLight.photon = photon; }
+void zpSetSkyLightShaderLink(int shader) noexcept { skyLight.link.shaders.push_back(shader); }
+int zpAddSkyLightAOV() noexcept { return zp::Append(skyLight.aovs); }
+void zpSetSkyLightAOVChannel(int aov, Channel channel) noexcept {
   if (zp::Aov* record = At(skyLight.aovs, aov)) record->channel |= channel;
 }
-void zpSetSkyLightAOVName(int aov, const char* name) {
+void zpSetSkyLightAOVName(int aov, const char* name) noexcept {
   if (zp::Aov* record = At(skyLight.aovs, aov)) record->image.fileName = zp::Text(name);
 }
 
-void zpSetGeometryLightSample(int sample) { geometryLight.sample = sample; }
-void zpSetGeometryLightPhoton(int photon) { geometryLight.photon = photon; }
-void zpSetGeometryLightShaderLink(int shader) { geometryLight.link.shaders.push_back(shader); }
-int zpAddGeometryLightAOV() { return zp::Append(geometryLight.aovs); }
-void zpSetGeometryLightAOVChannel(int aov, Channel channel) {
+void zpSetGeometryLightSample(int sample) noexcept { geometryLight.sample = sample; }
+void zpSetGeometryLightPhoton(int photon) noexcept { geometryLight.photon = photon; }
+void zpSetGeometryLightShaderLink(int shader) noexcept { geometryLight.link.shaders.push_back(shader); }
+int zpAddGeometryLightAOV() noexcept { return zp::Append(geometryLight.aovs); }
+void zpSetGeometryLightAOVChannel(int aov, Channel channel) noexcept {
   if (zp::Aov* record = At(geometryLight.aovs, aov)) record->channel |= channel;
 }
-void zpSetGeometryLightAOVName(int aov, const char* name) {
+void zpSetGeometryLightAOVName(int aov, const char* name) noexcept {
   if (zp::Aov* record = At(geometryLight.aovs, aov)) record->image.fileName = zp::Text(name);
 }
-void zpSetGeometryLightAOVShaderName(int aov, const char* name) {
+void zpSetGeometryLightAOVShaderName(int aov, const char* name) noexcept {
   if (zp::Aov* record = At(geometryLight.aovs, aov)) record->shaderName = zp::Text(name);
 }

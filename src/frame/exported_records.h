@@ -27,6 +27,14 @@ int Append(std::vector<T>& table) {
   return static_cast<int>(table.size()) - 1;
 }
 
+// Whether an enumerator of the interface and one of the library pass for each other: hosts and tables
+// exchange them by value.
+template <class Public, class Internal>
+constexpr bool Agree(Public a, Internal b) {
+  return sizeof(Public) == 4 && sizeof(Internal) == 4 &&
+         static_cast<std::int64_t>(a) == static_cast<std::int64_t>(b);
+}
+
 inline std::string Text(const char* text) { return text == nullptr ? std::string() : std::string(text); }
 
 inline Part* PartAt(int object, int part) {
