@@ -5,6 +5,18 @@ include(CMakePackageConfigHelpers)
 
 install(TARGETS zephlore RUNTIME COMPONENT program)
 install(FILES docs/zephlore.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
+foreach(scene courtyard cistern flight relief)  # a megabyte each at most
+  install(DIRECTORY scenes/${scene} DESTINATION ${CMAKE_INSTALL_DATADIR}/zephlore/scenes COMPONENT program
+    PATTERN generate.py EXCLUDE PATTERN __pycache__ EXCLUDE)
+endforeach()
+install(FILES docs/scene-format.md docs/final-gathering.md docs/cistern.png docs/gather-modes.png
+  docs/gather-radius.png docs/error-over-time.svg DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT program)
+
+# The licence of all, and that of the data inside.
+file(READ LICENSE ZP_LICENSE)
+file(READ docs/third-party-notices.md ZP_NOTICES)
+file(WRITE ${PROJECT_BINARY_DIR}/copyright "${ZP_LICENSE}\n${ZP_NOTICES}")
+install(FILES ${PROJECT_BINARY_DIR}/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT program)
 
 install(TARGETS zp EXPORT zpTargets
   LIBRARY COMPONENT library NAMELINK_COMPONENT development
@@ -31,3 +43,5 @@ cmake_path(APPEND ZP_PC_LIBDIR "\${prefix}" "${CMAKE_INSTALL_LIBDIR}")  # an abs
 cmake_path(APPEND ZP_PC_INCLUDEDIR "\${prefix}" "${CMAKE_INSTALL_INCLUDEDIR}")
 configure_file(cmake/zp.pc.in zp.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/zp.pc DESTINATION ${ZP_PKGCONFIG_FOLDER} COMPONENT development)
+
+include(cmake/package.cmake)
