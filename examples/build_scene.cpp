@@ -3,8 +3,8 @@
 //   build_scene [FOLDER [WIDTH [SAMPLES]]]
 //
 // An armillary sphere of beaded gold rings around a ball of glass, within a circle of stones that carry
-// gems, under an evening sky. FOLDER (created) receives the picture, beauty.hdr, and the images beside it
-// as .pfm files. The exit status is 0 if all of them are there and none is black.
+// gems, under an evening sky. FOLDER (created) receives beauty.pfm and the images beside it. The exit status
+// is 0 if all of them are there and none is black.
 //
 // Units are metres; z points up.
 
@@ -23,7 +23,7 @@
 namespace {
 
 constexpr float kPi = 3.14159265f;
-constexpr float kFront = 180;  // azimuth of the camera, degrees from x
+constexpr float kFront = 172;  // azimuth of the camera, degrees from x
 
 struct Color {
   float r, g, b;
@@ -231,7 +231,7 @@ int AddBeadedRing(float radius, float thickness, int beads, int metal, int bead)
 
 void BuildGeometry() {
   const int stone = AddMatte("stone", {0.52f, 0.47f, 0.42f});
-  const int sand = AddMatte("sand", {0.42f, 0.34f, 0.25f});
+  const int sand = AddMatte("sand", {0.32f, 0.24f, 0.16f});
   const int slate = AddPolishedStone("slate", {0.16f, 0.19f, 0.24f}, 0.6f);
   const int gold = AddMetal("gold", {1.0f, 0.71f, 0.32f}, 0.12f);
   const int copper = AddMetal("copper", {0.95f, 0.5f, 0.36f}, 0.2f);
@@ -273,7 +273,7 @@ void BuildGeometry() {
 
   const int terrace = zpAddObject();  // two steps in a plain
   AddLathe(terrace, slate, {{7.6f, -0.4f}, {7.6f, -0.2f}, {7.0f, -0.2f}, {7.0f, 0}, {0, 0}}, 128);
-  AddLathe(terrace, sand, {{150, -0.4f}, {0, -0.4f}}, 64);
+  AddLathe(terrace, sand, {{800, -0.4f}, {0, -0.4f}}, 64);
 
   const int panel = zpAddObject();
   AddPanel(panel, lamp, 0.5f, 1.5f);
@@ -308,14 +308,14 @@ void SetUpLights() {
   // The analytic sky is bright: its colour scales it. Its sun stands in the direction (1, 2, 1), but its
   // disc is left to a parallel light.
   zpSetSkyLightImage("analytic");
-  zpSetSkyLightColor(0.05f, 0.05f, 0.055f);
+  zpSetSkyLightColor(0.04f, 0.045f, 0.06f);
   zpSetSkyLightSample(128);  // shadow rays towards bright parts of the sky, over all passes
   zpSetSkyLightPhoton(0);    // the default is a million, whether they are of use or not
 
   // The low sun. The direction is that of its light; blur is its half angle and makes soft shadows, which
   // take samples.
   const int sun = zpAddParallelLight();
-  zpSetParallelLightColor(sun, 1.5f, 0.95f, 0.5f);
+  zpSetParallelLightColor(sun, 2.2f, 1.4f, 0.75f);
   zpSetParallelLightDirection(sun, -1, -2, -1);
   zpSetParallelLightBlur(sun, 0.6f);
   zpSetParallelLightSample(sun, 64);
@@ -374,7 +374,7 @@ std::vector<std::string> NameImages(const std::string& folder) {
 
   // A camera's first AOV is its beauty image. Without a name of ours it takes one with the time of day.
   constexpr int kCamera = 0;
-  zpSetCameraAOVName(kCamera, 0, file("beauty.hdr"));
+  zpSetCameraAOVName(kCamera, 0, file("beauty.pfm"));
   const auto addCameraAov = [&](Channel channel, const char* name) {
     const int aov = zpAddCameraAOV(kCamera);
     zpSetCameraAOVChannel(kCamera, aov, channel);
@@ -399,8 +399,8 @@ std::vector<std::string> NameImages(const std::string& folder) {
   return files;
 }
 
-// No function of the library fails: what goes wrong is printed on standard output. So look at the files: a
-// byte other than 0 must stand in their pixels, after the header of a .pfm of three lines.
+// No function of the library fails: what goes wrong is printed on standard output. So look at the files: in
+// the pixels of a .pfm, after a header of three lines, a byte other than 0 must stand.
 bool HoldsLight(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   std::string line;

@@ -52,8 +52,8 @@ void BuildScene() {
     for (int i = m; i < 90; i += 3) {
       const float share = static_cast<float>(i) / 90, angle = 0.29f * static_cast<float>(i);
       const float radius = 0.34f - 0.22f * share, reach = 2.4f - 1.7f * share;
-      centers.insert(centers.end(),
-                     {reach * std::cos(angle), reach * std::sin(angle), radius + 3.0f * share});
+      centers.insert(centers.end(), {reach * std::cos(angle), reach * std::sin(angle),
+                                     radius + (2.8f - 0.9f * share) * share});
       radii.push_back(radius);
       indices.push_back(static_cast<int>(indices.size()));
     }
@@ -114,9 +114,9 @@ int main(int argc, char** argv) {
   zpSetRendererSample(passes);          // one indirect ray of a first hit in each
   zpSetParallelLightSample(0, passes);  // and one shadow ray
   zpSetCameraPosition(camera, 2.5f, -9.0f, 3.2f);
-  zpSetCameraTarget(camera, 0, 0, 1.5f);
+  zpSetCameraTarget(camera, 0, 0, 1.05f);
   zpSetCameraUpVector(camera, 0, 0, 1);
-  zpSetCameraFOV(camera, 42);
+  zpSetCameraFOV(camera, 36);
   // zpRenderPixels leaves the beauty image alone. Without a name zpFinalize does not write it.
   zpSetCameraAOVName(camera, 0, "");
   zpInitialize();
