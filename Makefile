@@ -2,7 +2,7 @@
 PRESET ?= release
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: packages build demo test bench docs clean
+.PHONY: packages build demo test bench docs install package package-test clean
 
 packages:
 	@missing=""; for package in $$(cat packages.txt) $(EXTRA_PACKAGES); do \
@@ -34,6 +34,25 @@ docs: packages
 	cmake --preset $(PRESET)
 	cmake --build --preset $(PRESET) --target docs
 	@echo "the documentation begins at build/docs/html/index.html"
+
+# Into PREFIX, by default /usr/local; DESTDIR is put before it.
+PREFIX ?= /usr/local
+install: build
+	cmake --install build/$(PRESET) --prefix $(PREFIX)
+
+# Debian packages. A build of its own, since they belong into /usr and the library into its folder for the processor.
+package: packages
+	cmake --preset release -B build/deb -DCMAKE_INSTALL_PREFIX=/usr -DZP_TESTS=OFF -DZP_BENCH=OFF
+	cmake --build build/deb
+	rm -rf build/package
+	cd build/deb && cpack
+	rm -rf build/package/_CPack_Packages
+	@ls -sh1 $(CURDIR)/build/package/*.deb
+
+# Installs the packages into a fresh Debian below TMPDIR, renders there, and builds and runs the examples.
+package-test: EXTRA_PACKAGES := debootstrap
+package-test: package
+	$(SUDO) scripts/package-test.sh build/package
 
 clean:
 	rm -rf build demo.png

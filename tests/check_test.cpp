@@ -69,7 +69,7 @@ class Check : public testing::Test {
 };
 
 TEST_F(Check, SoundScenesAreSilent) {
-  const fs::path scenes = fs::path(__FILE__).parent_path().parent_path() / "scenes";
+  const fs::path scenes = fs::path(ZP_SOURCES) / "scenes";
   for (const fs::directory_entry& scene : fs::directory_iterator(scenes)) {
     if (!fs::is_directory(scene.path() / "camera")) continue;
     EXPECT_EQ(Run(scene.path().string()), std::vector<std::string>{"0 errors, 0 warnings"}) << scene;
