@@ -172,7 +172,7 @@ Remove() {
   Inside << 'SCRIPT'
 apt-get purge -q -y $(dpkg -l 'zephlore' 'libzp*' 'python3-zp' 2> /dev/null | awk '/^ii/ { print $2 }')
 None find / -xdev \( -path /root -o -path /proc -o -path /var/log \) -prune -o \
-  \( -name '*zephlore*' -o -name 'libzp*' -o -name zp.pc -o -name zp.h \) -print
+  \( -name '*zephlore*' -o -name 'libzp*' -o -name zp.pc -o -name zp.h -o -path '*/zp' \) -print
 SCRIPT
 }
 
