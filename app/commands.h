@@ -32,7 +32,8 @@ struct RenderOptions {
   std::optional<std::uint64_t> seed;
   bool quiet = false;
   bool progress = false;
-  bool strict = false;  // kExitFailed, but all images, if a picture or model of the scene is missing
+  bool preview = false;  // a window shows the picture; closing it ends the render
+  bool strict = false;   // kExitFailed, but all images, if a picture or model of the scene is missing
 };
 int RunRender(const RenderOptions& options);
 

@@ -86,6 +86,8 @@ void AddRender(CLI::App& app, RenderOptions& options) {
       "--strict", options.strict,
       "Exit with 1 if a picture or model of the scene is missing; images are written all the same");
   render->add_flag("--progress", options.progress, "One updating line on the error stream");
+  render->add_flag("--preview", options.preview,
+                   "Show the picture in a window while it renders; closing it ends the render");
 }
 
 void AddView(CLI::App& app, ViewOptions& options) {

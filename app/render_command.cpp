@@ -12,6 +12,7 @@
 #include "core/console.h"
 #include "frame/frame.h"
 #include "imaging/imaging.h"
+#include "imaging/preview.h"
 #include "integrator/integrator.h"
 #include "lights/lights.h"
 
@@ -164,6 +165,10 @@ int RunRender(const RenderOptions& options) {
   std::error_code error;
   if (!std::filesystem::is_directory(options.scene, error))
     return Fail("there is no scene folder '" + options.scene + "'");
+  if (options.preview)
+    if (const std::string obstacle = PreviewObstacle(1, 1); !obstacle.empty())
+      return Fail("cannot open a preview window: " + obstacle);
+  settings.previewWindow = settings.previewReturns = options.preview;
   omp_set_num_threads(options.threads ? *options.threads : std::min(omp_get_max_threads(), kMaxThreads));
   SetConsoleQuiet(options.quiet);
   missingFiles = 0;

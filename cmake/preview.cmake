@@ -5,6 +5,8 @@ if(ZP_PREVIEW)
   find_package(X11 QUIET)
 endif()
 if(ZP_PREVIEW AND GLUT_FOUND AND OPENGL_FOUND AND X11_FOUND)
-  target_compile_definitions(zp_core PRIVATE ZP_HAS_PREVIEW)
   target_link_libraries(zp_core PRIVATE GLUT::GLUT OpenGL::GL X11::X11)
+  # Nothing else differs between the two kinds of build.
+  set_source_files_properties(src/imaging/preview.cpp tests/preview_test.cpp
+    PROPERTIES COMPILE_DEFINITIONS ZP_HAS_PREVIEW)
 endif()

@@ -123,8 +123,8 @@ TEST_F(Program, ExplainsItself) {
   EXPECT_NE(help.output.find("check"), std::string::npos);
   const Outcome render = Run("render --help");
   EXPECT_EQ(render.status, 0);
-  for (const char* word :
-       {"--output", "--sample", "--resolution", "--region", "--threads", "--seed", "--quiet", "--strict"})
+  for (const char* word : {"--output", "--sample", "--resolution", "--region", "--threads", "--seed",
+                           "--quiet", "--strict", "--preview"})
     EXPECT_NE(render.output.find(word), std::string::npos) << word;
   const Outcome version = Run("--version");
   EXPECT_EQ(version.status, 0);

@@ -21,6 +21,7 @@ struct RendererSettings {
   float distanceSquared = 1;
   float resolution = 1;  // target area of one density cell; scene units squared
   bool previewWindow = false;
+  bool previewReturns = false;  // a closed window ends the render loop and not the process
   // Put back by ResetRenderer.
   std::int32_t rayDepth = 8;         // a ray of this depth or more returns black
   std::int32_t photonDepth = 16;     // a photon path longer than this stops

@@ -100,6 +100,10 @@ void Go(const std::string& folder) {
   Initialize();
   settings.passIndex = 0;
   RenderLoop();
+  if (settings.previewWindow) {
+    PrintLine("         click to close the preview window. happy rendering. thank you!         ");
+    PrintRule();
+  }
   Finalize();
   Shutdown();
 }

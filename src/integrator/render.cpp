@@ -9,6 +9,7 @@
 #include "accel/accel.h"
 #include "core/console.h"
 #include "core/random.h"
+#include "imaging/preview.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
 #include "lights/lights.h"
@@ -82,6 +83,10 @@ void PrintPerformance() {
                    static_cast<float>(1e6 / time), "frames/second");
 }
 
+void SaveCameraImages() {
+  for (const Camera& camera : cameras) SaveAovs(camera.aovs);
+}
+
 void FinishFrame(const Aov& beauty, std::int64_t renderStart) {
   Vec3 mean, variance;
   ImageStatistics(beauty.image, mean, variance);
@@ -94,7 +99,7 @@ void FinishFrame(const Aov& beauty, std::int64_t renderStart) {
   PrintRule();
   PrintLine("            close the window to exit. happy rendering :) thank you!");
   PrintRule();
-  for (const Camera& camera : cameras) SaveAovs(camera.aovs);
+  SaveCameraImages();
   FinalizeSky();
   FinalizeGeometryLight();
   FinalizeGaffer();
@@ -104,6 +109,31 @@ bool HasCamera() {
   if (ActiveCamera() != nullptr) return true;
   PrintError("camera - there is no camera");
   return false;
+}
+
+const ImageBuffer* BeautyImage() {
+  const Camera* camera = ActiveCamera();
+  return camera == nullptr || camera->aovs.empty() ? nullptr : &camera->aovs[0].image;
+}
+
+// The window calls the frame step until it is closed. Unless settings.previewReturns, that ends the process.
+void RenderInWindow(const Camera& camera) {
+  Preview preview;
+  preview.width = camera.width;
+  preview.height = camera.height;
+  preview.picture = BeautyImage;
+  preview.step = [] {
+    FrameStep();
+    const Camera* active = ActiveCamera();
+    return active != nullptr && static_cast<std::int64_t>(settings.passIndex) < active->sample;
+  };
+  // Intended: only the first image. The last pass has written all of them.
+  preview.closed = [] {
+    if (const ImageBuffer* beauty = BeautyImage()) SaveImage(*beauty);
+  };
+  preview.lost = SaveCameraImages;
+  preview.end = settings.previewReturns ? PreviewEnd::kReturn : PreviewEnd::kEndProcess;
+  RunPreview(preview);
 }
 
 }  // namespace
@@ -188,6 +218,12 @@ void FrameStep() {
 void RenderLoop() {
   settings.passIndex = 0;
   if (!HasCamera()) return;
+  if (settings.previewWindow) {
+    const Camera& camera = *ActiveCamera();
+    const std::string obstacle = PreviewObstacle(camera.width, camera.height);
+    if (obstacle.empty()) return RenderInWindow(camera);
+    PrintError("preview - no window, " + obstacle);
+  }
   for (std::int32_t pass = 0, passes = ActiveCamera()->sample; pass < passes; ++pass) FrameStep();
 }
 

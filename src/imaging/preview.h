@@ -1,0 +1,38 @@
+// imaging/preview.h: a picture in a window while it is made.
+// The window drives the making: it calls `step` again and again on the thread that opened it, and shows what
+// there is after each. Knows nothing of what a step does.
+
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "imaging/imaging.h"
+
+namespace zp {
+
+// What closing the window leads to, behind `closed`.
+enum class PreviewEnd {
+  kEndProcess,  // the window library's own way: the process exits with status 0
+  kReturn,      // RunPreview returns
+};
+
+// All functions must be set. An exception that leaves one of them closes the window and leaves RunPreview.
+struct Preview {
+  int width = 0;  // of the window at first, pixels
+  int height = 0;
+  std::function<const ImageBuffer*()> picture;  // three floats a pixel, top row first; null for none
+  std::function<bool()> step;                   // one step; false when there is nothing left to do
+  std::function<void()> closed;                 // the window was closed
+  std::function<void()> lost;                   // the display is gone; the process ends behind this call
+  PreviewEnd end = PreviewEnd::kEndProcess;
+};
+
+// Why no window of this size can be opened; empty if one can.
+std::string PreviewObstacle(int width, int height);
+
+// Opens the window and returns when it has been closed, if `end` says so at all. After the last step the
+// window stays open. Only where there is no obstacle: the window library ends the process if it cannot start.
+void RunPreview(const Preview& preview);
+
+}  // namespace zp

@@ -1,0 +1,469 @@
+// The preview in a real window, on an X server of the test's own, which has no screen.
+
+#include "imaging/preview.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "frame/zp.h"
+
+#ifdef ZP_HAS_PREVIEW
+
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace zp {
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kPatience = std::chrono::seconds(30);  // of a test on a busy machine
+constexpr const char* kHostScene = "ZEPHLORE_TEST_HOST_SCENE";
+
+// Polls until `done` is true; false if it never was.
+template <class Done>
+bool Await(Done done) {
+  for (const auto end = Clock::now() + kPatience; Clock::now() < end;) {
+    if (done()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return false;
+}
+
+std::string ReadFile(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void WriteFile(const fs::path& path, const std::string& text) {
+  fs::create_directories(path.parent_path());
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+// A program that runs beside the test and dies with it.
+class Child {
+ public:
+  // `display` is its DISPLAY; null for none. Descriptor 9 of the child is `ninth`, if it is not negative.
+  Child(const std::vector<std::string>& words, const fs::path& folder, const char* display, int ninth = -1,
+        const std::string& hostScene = "") {
+    outputFile = folder.parent_path() / "stdout";
+    errorsFile = folder.parent_path() / "stderr";
+    // The first of a name counts.
+    std::vector<std::string> variables = {"OMP_NUM_THREADS=1", "LP_NUM_THREADS=0"};
+    if (display != nullptr) variables.push_back(std::string("DISPLAY=") + display);
+    if (!hostScene.empty()) {
+      variables.push_back(std::string(kHostScene) + "=" + hostScene);
+      variables.push_back("TMPDIR=" + folder.parent_path().string());  // the host cannot clean up
+    }
+    for (char** variable = environ; *variable != nullptr; ++variable)
+      if (!std::string_view(*variable).starts_with("DISPLAY=")) variables.emplace_back(*variable);
+    std::vector<char*> arguments, environment;
+    for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
+    for (const std::string& variable : variables) environment.push_back(const_cast<char*>(variable.c_str()));
+    arguments.push_back(nullptr);
+    environment.push_back(nullptr);
+    id = fork();
+    if (id != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    dup2(open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+    dup2(open(errorsFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+    if (ninth >= 0) dup2(ninth, 9);
+    if (chdir(folder.c_str()) == 0) execvpe(arguments[0], arguments.data(), environment.data());
+    _exit(127);
+  }
+  ~Child() { Kill(); }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  bool Ended() {
+    if (id > 0 && waitpid(id, &rawStatus, WNOHANG) == id) id = 0;
+    return id <= 0;
+  }
+  // The exit status; -1 if it had to be killed or a signal ended it.
+  int ExitStatus() {
+    if (!Await([this] { return Ended(); })) Kill();
+    return WIFEXITED(rawStatus) ? WEXITSTATUS(rawStatus) : -1;
+  }
+  void Kill() {
+    if (id <= 0) return;
+    kill(id, SIGKILL);
+    waitpid(id, &rawStatus, 0);
+    id = 0;
+  }
+  std::string Output() const { return ReadFile(outputFile); }
+  std::string Errors() const { return ReadFile(errorsFile); }
+
+ private:
+  fs::path outputFile, errorsFile;
+  pid_t id = -1;
+  int rawStatus = -1;
+};
+
+// A picture of bytes, three a pixel, top row first.
+struct Screenshot {
+  int width = 0, height = 0;
+  std::vector<int> bytes;
+  bool operator==(const Screenshot&) const = default;
+};
+
+// What a screen shows of a file's linear light: limited to 0 to 1, and that is all.
+Screenshot ScreenshotOf(const fs::path& path) {
+  ImageBuffer image;
+  image.allowPacked = false;
+  EXPECT_TRUE(LoadImage(image, path.string())) << path;
+  Screenshot screen = {image.width, image.height, {}};
+  for (int y = image.height - 1; y >= 0; --y)  // files are read bottom row first
+    for (int x = 0; x < image.width; ++x) {
+      const Vec3 color = ReadPixel(image, static_cast<std::size_t>(y * image.width + x));
+      for (int c = 0; c < 3; ++c)
+        screen.bytes.push_back(static_cast<int>(std::lround(255 * std::clamp(color[c], 0.0f, 1.0f))));
+    }
+  return screen;
+}
+
+// Within one level in every byte, because OpenGL may round as it likes, or within more for a coarse file.
+bool Shows(const Screenshot& window, const Screenshot& picture, int levels = 1) {
+  return window.width == picture.width && window.height == picture.height &&
+         window.bytes.size() == picture.bytes.size() &&
+         std::equal(window.bytes.begin(), window.bytes.end(), picture.bytes.begin(),
+                    [levels](int a, int b) { return std::abs(a - b) <= levels; });
+}
+
+int ByteOf(const Screenshot& screen, int x, int y, int c) {
+  return screen.bytes[static_cast<std::size_t>((y * screen.width + x) * 3 + c)];
+}
+
+// A folder "work" to run in, and a scene that is symmetric in no direction and noisy. Each first hit gathers
+// one ray a pass whatever the number of passes, so that with a seed the picture after pass k is that of a
+// render with k passes.
+class PreviewWindow : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (fs::temp_directory_path() / "zephlore-preview-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    root = pattern;
+    work = root / "work";
+    fs::create_directories(work);
+    fs::create_directories(root / "server");
+    WriteFile(root / "scene/model/room.obj",
+              "v 0 0 -9\nv 9 0 -9\nv 9 0 9\nv 0 0 9\nv -9 -9 -1\nv 9 -9 -1\nv 9 9 -1\nv -9 9 -1\n"
+              "usemtl red\nf 1 2 3 4\nf 5 6 7 8\n");
+    WriteFile(root / "scene/geometry/a.zp", "object\nname room\nobj \"model/room.obj\"\nend\n");
+    WriteFile(root / "scene/shader/a.zp",
+              "shader\nname \"red\"\nsurface_shader\nlambertian\ncolor 0.9 0.5 0.3\nend\nend\nend\n");
+    WriteFile(root / "scene/light/a.zp", "sky_light\ncolor 0.3 0.6 1.5\nend\n");
+    WriteFile(root / "scene/render/a.zp",
+              "render\nfinal_gather\nsample 1\nbounce 8\ndistance 0\nresolution 0\nend\nend\n");
+    WriteFile(root / "scene/camera/a.zp",
+              "camera\nresolution 144 96\nsample 6\naov\nimage \"second.pfm\"\ntype \"depth\"\nend\n"
+              "pose\nposition 0 -5 0\ntarget 0 0 0\nup_vector 0 0 1\nbokeh 0\nfield_of_view 60\nend\nend\n");
+    StartImageFiles();
+    XSetErrorHandler([](Display*, XErrorEvent*) { return 0; });  // a window may vanish under a look at it
+  }
+  void TearDown() override {
+    Disconnect();
+    XSetErrorHandler(nullptr);
+    server.reset();
+    StopImageFiles();
+    std::error_code error;
+    fs::remove_all(root, error);
+  }
+
+  // On a free display, whose number the server tells through descriptor 9.
+  void StartServer() {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    server.emplace(std::vector<std::string>{"Xvfb", "-displayfd", "9", "-screen", "0", "640x480x24",
+                                            "-nolisten", "tcp", "-noreset"},
+                   root / "server", nullptr, ends[1]);
+    close(ends[1]);
+    std::string number;
+    pollfd told = {ends[0], POLLIN, 0};
+    for (char letter = 0; poll(&told, 1, 20'000) == 1 && read(ends[0], &letter, 1) == 1 && letter != '\n';)
+      number += letter;
+    close(ends[0]);
+    ASSERT_FALSE(number.empty()) << "Xvfb does not start";
+    display = ":" + number;
+    connection = XOpenDisplay(display.c_str());
+    ASSERT_NE(connection, nullptr);
+  }
+  void Disconnect() {
+    if (connection != nullptr) XCloseDisplay(connection);
+    connection = nullptr;
+  }
+
+  std::vector<std::string> Words(const std::string& arguments) const {
+    std::vector<std::string> words = {ZP_PROGRAM, "render", (root / "scene").string(), "--seed", "5"};
+    std::istringstream stream(arguments);
+    words.insert(words.end(), std::istream_iterator<std::string>(stream), {});
+    return words;
+  }
+  Screenshot Reference(int passes) const {
+    const std::string name = std::to_string(passes) + ".pfm";
+    Child child(Words("--quiet --sample " + std::to_string(passes) + " --output " + name), work, nullptr);
+    EXPECT_EQ(child.ExitStatus(), 0);
+    return ScreenshotOf(work / name);
+  }
+
+  // The program's window, by its title; None so far if there is none.
+  Window FindWindow() const {
+    Window rootWindow = None, parent = None, found = None;
+    Window* children = nullptr;
+    unsigned count = 0;
+    if (XQueryTree(connection, DefaultRootWindow(connection), &rootWindow, &parent, &children, &count) == 0)
+      return None;
+    for (unsigned i = 0; i < count; ++i) {
+      char* title = nullptr;
+      if (XFetchName(connection, children[i], &title) != 0 && std::string(title) == "zephlore")
+        found = children[i];
+      if (title != nullptr) XFree(title);
+    }
+    if (children != nullptr) XFree(children);
+    return found;
+  }
+  // What the window shows; nothing if there is no such window in sight.
+  Screenshot Look() const {
+    XWindowAttributes attributes = {};
+    if (window == None || XGetWindowAttributes(connection, window, &attributes) == 0) return {};
+    if (attributes.map_state != IsViewable) return {};
+    XImage* image = XGetImage(connection, window, 0, 0, static_cast<unsigned>(attributes.width),
+                              static_cast<unsigned>(attributes.height), AllPlanes, ZPixmap);
+    if (image == nullptr) return {};
+    Screenshot screen = {attributes.width, attributes.height, {}};
+    for (int y = 0; y < image->height; ++y)
+      for (int x = 0; x < image->width; ++x) {
+        const unsigned long pixel = XGetPixel(image, x, y);
+        for (int shift : {16, 8, 0}) screen.bytes.push_back(static_cast<int>(pixel >> shift & 255));
+      }
+    XDestroyImage(image);
+    return screen;
+  }
+  // All that the window shows, one after the other, until `enough` of them is true or the program ends.
+  template <class Enough>
+  std::vector<Screenshot> Watch(Child& child, Enough enough) {
+    std::vector<Screenshot> seen;
+    EXPECT_TRUE(Await([&] {
+      if (window == None && (window = FindWindow()) != None)
+        XMoveWindow(connection, window, 0, 0);  // wholly into sight, as a window manager would
+      Screenshot screen = Look();
+      const bool black = std::all_of(screen.bytes.begin(), screen.bytes.end(), [](int b) { return b == 0; });
+      if (!black && (seen.empty() || screen != seen.back())) seen.push_back(std::move(screen));
+      return enough(seen) || child.Ended();
+    })) << child.Errors();
+    return seen;
+  }
+  // What a window manager does when its user clicks the cross.
+  void CloseWindow() {
+    XEvent event = {};
+    event.xclient.type = ClientMessage;
+    event.xclient.window = window;
+    event.xclient.message_type = XInternAtom(connection, "WM_PROTOCOLS", False);
+    event.xclient.format = 32;
+    event.xclient.data.l[0] = static_cast<long>(XInternAtom(connection, "WM_DELETE_WINDOW", False));
+    XSendEvent(connection, window, False, NoEventMask, &event);
+    XSync(connection, False);
+  }
+  // The number of the last pass that the program's progress line tells.
+  static int LastPass(const Child& child) {
+    const std::string errors = child.Errors();
+    const std::size_t at = errors.rfind("pass ");
+    return at == std::string::npos ? 0 : std::atoi(errors.c_str() + at + 5);
+  }
+
+  fs::path root, work;
+  std::optional<Child> server;
+  std::string display;
+  Display* connection = nullptr;
+  Window window = None;
+};
+
+// Each picture that is seen is that of a pass, in order; the last stays, and is the file's, however the
+// window is pulled about.
+TEST_F(PreviewWindow, ShowsEveryPassAndThenTheFile) {
+  constexpr int kPasses = 6;
+  std::vector<Screenshot> passes;
+  for (int k = 1; k <= kPasses; ++k) passes.push_back(Reference(k));
+  StartServer();
+  Child child(Words("--preview --quiet --progress --output a.pfm"), work, display.c_str());
+  const std::vector<Screenshot> seen = Watch(child, [&](const std::vector<Screenshot>& so) {
+    return !so.empty() && Shows(so.back(), passes.back());
+  });
+  ASSERT_FALSE(child.Ended()) << child.Errors();
+  ASSERT_GE(seen.size(), 3U);
+  int last = -1;
+  for (const Screenshot& screen : seen) {
+    int pass = 0;
+    while (pass < kPasses && !Shows(screen, passes[static_cast<std::size_t>(pass)])) ++pass;
+    EXPECT_LT(pass, kPasses) << "no pass looks like this";
+    EXPECT_GT(pass, last);
+    last = pass;
+  }
+  EXPECT_EQ(ReadFile(work / "a.pfm"), ReadFile(work / "6.pfm"));
+  const Screenshot& whole = seen.back();
+  EXPECT_EQ(whole.width, 144);
+  EXPECT_EQ(whole.height, 96);
+  // Sky above on the left, its blue beyond the screen's range; the floor below.
+  EXPECT_NEAR(ByteOf(whole, 5, 5, 0), 77, 1);
+  EXPECT_NEAR(ByteOf(whole, 5, 5, 1), 153, 1);
+  EXPECT_EQ(ByteOf(whole, 5, 5, 2), 255);
+  EXPECT_LT(ByteOf(whole, 5, 90, 2), 200);
+
+  // Made larger the window keeps the picture at its top left; made smaller it shows that corner.
+  for (const auto& [width, height] : {std::pair{180, 130}, std::pair{90, 60}}) {
+    XResizeWindow(connection, window, static_cast<unsigned>(width), static_cast<unsigned>(height));
+    Screenshot expected = {width, height, {}};
+    for (int y = 0; y < height; ++y)
+      for (int x = 0; x < width; ++x)
+        for (int c = 0; c < 3; ++c) expected.bytes.push_back(x < 144 && y < 96 ? ByteOf(whole, x, y, c) : 0);
+    EXPECT_TRUE(Await([&] { return Look() == expected; })) << width;
+  }
+  fs::remove(work / "a.pfm");
+  fs::remove(work / "second.pfm");
+  CloseWindow();
+  CloseWindow();
+  EXPECT_EQ(child.ExitStatus(), 0) << child.Errors();
+  EXPECT_EQ(ReadFile(work / "a.pfm"), ReadFile(work / "6.pfm"));
+  EXPECT_TRUE(fs::exists(work / "second.pfm"));
+}
+
+TEST_F(PreviewWindow, ClosedEarlyTheProgramSavesWhatItShowed) {
+  StartServer();
+  Child child(Words("--preview --quiet --progress --sample 2000 --output a.pfm"), work, display.c_str());
+  std::vector<Screenshot> seen =
+      Watch(child, [](const std::vector<Screenshot>& so) { return so.size() >= 2; });
+  ASSERT_FALSE(child.Ended()) << child.Errors();
+  CloseWindow();
+  const std::vector<Screenshot> rest = Watch(child, [](const std::vector<Screenshot>&) { return false; });
+  EXPECT_EQ(child.ExitStatus(), 0) << child.Errors();
+  EXPECT_TRUE(fs::exists(work / "second.pfm"));
+  const int done = LastPass(child);
+  ASSERT_GT(done, 1);
+  ASSERT_LT(done, 1000);
+  const Screenshot saved = Reference(done);
+  EXPECT_EQ(ReadFile(work / "a.pfm"), ReadFile(work / (std::to_string(done) + ".pfm")));
+  const Screenshot& last = rest.empty() ? seen.back() : rest.back();
+  EXPECT_TRUE(Shows(last, saved) || Shows(last, Reference(done - 1)));
+}
+
+TEST_F(PreviewWindow, IsAsLargeAsThePictureBeyondTheScreen) {
+  StartServer();
+  Child child(Words("--preview --quiet --sample 1 --resolution 1500x8 --output a.pfm"), work,
+              display.c_str());
+  ASSERT_TRUE(Await([&] { return (window = FindWindow()) != None || child.Ended(); }));
+  XWindowAttributes attributes = {};
+  ASSERT_NE(XGetWindowAttributes(connection, window, &attributes), 0) << child.Errors();
+  EXPECT_EQ(attributes.width, 1500);
+  EXPECT_EQ(attributes.height, 8);
+  CloseWindow();
+  EXPECT_EQ(child.ExitStatus(), 0) << child.Errors();
+}
+
+TEST_F(PreviewWindow, LostServerLeavesThePicture) {
+  StartServer();
+  Child child(Words("--preview --quiet --progress --sample 2000 --output a.pfm"), work, display.c_str());
+  Watch(child, [](const std::vector<Screenshot>& so) { return so.size() >= 2; });
+  ASSERT_FALSE(child.Ended()) << child.Errors();
+  Disconnect();
+  server->Kill();
+  EXPECT_EQ(child.ExitStatus(), 1) << child.Errors();
+  EXPECT_NE(child.Errors().find("zephlore: the preview window was lost"), std::string::npos)
+      << child.Errors();
+  EXPECT_TRUE(fs::exists(work / "second.pfm"));
+  const int done = LastPass(child);
+  ASSERT_GT(done, 1);
+  Reference(done);
+  EXPECT_EQ(ReadFile(work / "a.pfm"), ReadFile(work / (std::to_string(done) + ".pfm")));
+}
+
+TEST_F(PreviewWindow, WithoutADisplayTheProgramSaysSo) {
+  for (const char* nowhere : {static_cast<const char*>(nullptr), "", ":65000", "no display"}) {
+    Child child(Words("--preview --output a.pfm"), work, nowhere);
+    EXPECT_EQ(child.ExitStatus(), 1);
+    const std::string errors = child.Errors();
+    EXPECT_TRUE(errors.starts_with("zephlore: ") && errors.find("display") != std::string::npos) << errors;
+    EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
+    EXPECT_TRUE(child.Output().empty());
+    EXPECT_TRUE(fs::is_empty(work));
+  }
+}
+
+// A program of another team's. The test runs itself once more in that role.
+TEST_F(PreviewWindow, OfAHostEndsItsProcess) {
+  if (const char* scene = std::getenv(kHostScene)) {
+    zpSetPreviewWindow(true);
+    zpGo(scene);
+    return;
+  }
+  const std::vector<std::string> words = {fs::read_symlink("/proc/self/exe").string(),
+                                          "--gtest_filter=PreviewWindow.OfAHostEndsItsProcess"};
+  // Paths of the scene's text count from the current directory.
+  fs::copy(root / "scene", work, fs::copy_options::recursive);
+  const auto beauty = [this] {
+    for (const fs::directory_entry& entry : fs::directory_iterator(work))
+      if (entry.path().extension() == ".hdr") return entry.path();
+    return fs::path();
+  };
+  const std::string lastRow =
+      "         click to close the preview window. happy rendering. thank you!         \n";
+  constexpr int kLevels = 3;  // a step of the shared exponent of the brightest channel is 1/128
+  StartServer();
+  {
+    Child host(words, work, display.c_str(), -1, "./");
+    const std::vector<Screenshot> seen = Watch(host, [&](const std::vector<Screenshot>& so) {
+      return !so.empty() && host.Output().find("close the window to exit") != std::string::npos &&
+             !beauty().empty() && fs::exists(work / "second.pfm");
+    });
+    ASSERT_FALSE(host.Ended()) << host.Output() << host.Errors();
+    ASSERT_FALSE(seen.empty());
+    Screenshot last;  // of the last pass, which has been drawn or is about to be
+    EXPECT_TRUE(Await([&] { return Shows(last = Look(), ScreenshotOf(beauty()), kLevels); }));
+    fs::remove(beauty());
+    fs::remove(work / "second.pfm");
+    CloseWindow();
+    EXPECT_EQ(host.ExitStatus(), 0) << host.Errors();
+    EXPECT_EQ(host.Output().find("click to close"), std::string::npos);
+    EXPECT_EQ(host.Output().find("PASSED"), std::string::npos) << "the host went on";
+    ASSERT_FALSE(beauty().empty());
+    EXPECT_TRUE(Shows(last, ScreenshotOf(beauty()), kLevels));
+    EXPECT_FALSE(fs::exists(work / "second.pfm"));
+  }
+  fs::remove(beauty());
+  {
+    Child host(words, work, nullptr, -1, "./");
+    EXPECT_EQ(host.ExitStatus(), 0) << host.Errors();
+    EXPECT_NE(host.Output().find("PASSED"), std::string::npos);
+    EXPECT_NE(host.Output().find("error :( \tpreview - "), std::string::npos);
+    EXPECT_NE(host.Output().find(lastRow), std::string::npos);
+    EXPECT_FALSE(beauty().empty());
+    EXPECT_TRUE(fs::exists(work / "second.pfm"));
+  }
+}
+
+}  // namespace
+}  // namespace zp
+
+#else
+
+TEST(Preview, BuiltWithoutIsAnObstacle) { EXPECT_NE(zp::PreviewObstacle(8, 8), ""); }
+
+#endif
