@@ -271,10 +271,6 @@ void BuildGeometry() {
             {0, 0.8f}},
            96);
 
-  const int terrace = zpAddObject();  // two steps in a plain
-  AddLathe(terrace, slate, {{24.6f, -0.4f}, {24.6f, -0.2f}, {24, -0.2f}, {24, 0}, {0, 0}}, 128);
-  AddLathe(terrace, sand, {{800, -0.4f}, {0, -0.4f}}, 64);
-
   const int panel = zpAddObject();
   AddPanel(panel, lamp, 0.5f, 1.5f);
 
@@ -288,7 +284,10 @@ void BuildGeometry() {
   // The Object that nobody places is the scene. There should be only one of them.
   const int scene = zpAddObject();
   zpSetObjectName(scene, "scene");
-  Place(scene, terrace, Matrix());
+  // It needs a Part of its own: where it holds Instances alone, no emitter in them is sampled. Two steps in a
+  // plain.
+  AddLathe(scene, slate, {{24.6f, -0.4f}, {24.6f, -0.2f}, {24, -0.2f}, {24, 0}, {0, 0}}, 128);
+  AddLathe(scene, sand, {{800, -0.4f}, {0, -0.4f}}, 64);
   Place(scene, pedestal, Matrix());
   Place(scene, armillary, Move(0, 0, 2.35f) * Turn(2, 25));
   // Two thirds of a circle, open towards the camera.
@@ -339,7 +338,7 @@ void SetUpLights() {
 }
 
 void SetUpRenderer() {
-  // Final gathering is what the defaults choose. Here everything is placed by Instances, out of reach of its
+  // Final gathering is what the defaults choose. Here most is placed by Instances, out of reach of its
   // cells, and the air is open: a resolution of 0 chooses path tracing.
   zpSetRendererResolution(0);
   zpSetRendererBounce(3);    // diffuse bounces
@@ -386,8 +385,8 @@ std::vector<std::string> NameImages(const std::string& folder) {
   addCameraAov(kZpGlossy, "glossy.pfm");
   addCameraAov(kZpSpecular, "specular.pfm");
 
-  // A light's AOV holds what the light itself sends to the surfaces in view. Each call adds a channel. What
-  // arrives by sampling counts: of the sky its shadow rays, not the rays that happen to leave the scene.
+  // A light's AOV holds what its own samples bring to the surfaces in view; the sky's also the sky behind
+  // them. Each call adds a channel.
   const int sky = zpAddSkyLightAOV();
   zpSetSkyLightAOVChannel(sky, kZpLambertian);
   zpSetSkyLightAOVChannel(sky, kZpGlossy);
