@@ -35,7 +35,8 @@ install: build
 
 # Debian packages. A build of its own, since they belong into /usr and the library into its folder for the processor.
 package: packages
-	cmake --preset release -B build/deb -DCMAKE_INSTALL_PREFIX=/usr -DZP_TESTS=OFF -DZP_BENCH=OFF
+	cmake --preset release -B build/deb -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_SKIP_INSTALL_RPATH=ON \
+	  -DZP_TESTS=OFF -DZP_BENCH=OFF
 	cmake --build build/deb
 	rm -rf build/package
 	cd build/deb && cpack

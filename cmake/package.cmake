@@ -22,6 +22,7 @@ set(CPACK_DEBIAN_PACKAGE_SOURCE zephlore)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})  # the module's libzp.so is no package yet
 
 set(CPACK_COMPONENTS_ALL program library development)
 get_cmake_property(components COMPONENTS)
@@ -63,21 +64,23 @@ The library's functions for Python 3, with pictures as NumPy arrays.")
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-zp)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})  # libzp.so is no package yet
-set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
-  "${CPACK_DEBIAN_LIBRARY_PACKAGE_NAME} (= ${PROJECT_VERSION}), python3, python3-numpy")
-if(Python3_VERSION_MAJOR AND Python3_VERSION_MINOR)  # the module fits one version of the interpreter
+if("python" IN_LIST components)  # the module fits one version of the interpreter
   math(EXPR next "${Python3_VERSION_MINOR} + 1")
-  string(REPLACE "python3," "python3 (>= 3.${Python3_VERSION_MINOR}~), python3 (<< 3.${next}),"
-    CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "${CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS}")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "${CPACK_DEBIAN_LIBRARY_PACKAGE_NAME} (= ${PROJECT_VERSION}), \
+python3 (>= 3.${Python3_VERSION_MINOR}~), python3 (<< 3.${next}), python3-numpy")
 endif()
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+  ${PROJECT_BINARY_DIR}/debian/postinst ${PROJECT_BINARY_DIR}/debian/prerm)
 
 # What Debian wants beside the files of a plain installation, which EXCLUDE_FROM_ALL leaves alone.
 file(WRITE ${PROJECT_BINARY_DIR}/debian/triggers "activate-noawait ldconfig\n")
 file(WRITE ${PROJECT_BINARY_DIR}/debian/shlibs
   "libzp ${PROJECT_VERSION_MAJOR} libzp${PROJECT_VERSION_MAJOR} (>= ${PROJECT_VERSION})\n")
-file(CHMOD ${PROJECT_BINARY_DIR}/debian/triggers ${PROJECT_BINARY_DIR}/debian/shlibs
-  PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+# Byte code of the module comes and goes with it.
+file(WRITE ${PROJECT_BINARY_DIR}/debian/postinst
+  "#!/bin/sh\nset -e\nif command -v py3compile > /dev/null; then py3compile -p python3-zp; fi\n")
+file(WRITE ${PROJECT_BINARY_DIR}/debian/prerm
+  "#!/bin/sh\nset -e\nif command -v py3clean > /dev/null; then py3clean -p python3-zp; fi\n")
 if(DEFINED ENV{SOURCE_DATE_EPOCH})
   set(ZP_DEB_DATE "--date=@$ENV{SOURCE_DATE_EPOCH}")
 endif()
