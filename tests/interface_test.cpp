@@ -10,7 +10,6 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <type_traits>
@@ -248,41 +247,47 @@ struct Declaration {
   bool noThrow = false;
 };
 
-// A declared argument without its name, in a demangler's order of words.
-std::string ArgumentType(const std::string& argument) {
-  std::smatch m;
-  static const std::regex matrix(R"(const (\w+) \w+\[\]\[(\d)\])"), pointer(R"(const (\w+)\* \w+)"),
-      other(R"((\w+\*?) \w+)");
-  if (std::regex_match(argument, m, matrix)) return m[1].str() + " const (*) [" + m[2].str() + "]";
-  if (std::regex_match(argument, m, pointer)) return m[1].str() + " const*";
-  if (std::regex_match(argument, m, other)) return m[1].str();
-  return "unreadable: " + argument;
+bool BeginsWith(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
+
+// A declared argument without its name, in a demangler's order of words: `const float matrix[][4]` becomes
+// `float const (*) [4]`.
+std::string ArgumentType(std::string argument) {
+  std::string bounds;
+  if (const std::size_t bracket = argument.find("[]"); bracket != std::string::npos) {
+    bounds = " (*) " + argument.substr(bracket + 2);
+    argument.resize(bracket);
+  }
+  std::string type = argument.substr(0, argument.rfind(' '));
+  if (BeginsWith(type, "const ")) {
+    type.erase(0, 6);
+    type.insert(type.find_first_of('*') == std::string::npos ? type.size() : type.find('*'), " const");
+  }
+  return type + bounds;
 }
 
+// Every declaration begins a line with its result.
 std::vector<Declaration> HeaderDeclarations() {
   std::ifstream file(ZP_SOURCES "/src/frame/zp.h");
   EXPECT_TRUE(file.is_open());
   std::vector<Declaration> list;
-  static const std::regex start(R"(^(void|int) zp\w+\(.*)");
-  static const std::regex whole(R"(\w+ (\w+)\((.*)\)( noexcept)?;)");
   std::string before;
   for (std::string line; std::getline(file, line); before = line) {
-    if (!std::regex_match(line, start)) continue;
+    if (!BeginsWith(line, "void zp") && !BeginsWith(line, "int zp")) continue;
     Declaration declaration;
     declaration.before = before;
     for (std::string more; line.find(';') == std::string::npos && std::getline(file, more);)
-      line += " " + more.substr(more.find_first_not_of(' '));
-    std::smatch m;
-    if (!std::regex_match(line, m, whole)) {
+      line += " " + more.substr(std::min(more.find_first_not_of(' '), more.size()));
+    const std::size_t name = line.find("zp"), open = line.find('('), close = line.find(')');
+    if (open == std::string::npos || close == std::string::npos) {
       ADD_FAILURE() << "unreadable: " << line;
       continue;
     }
     std::string types;
-    std::istringstream arguments(m[2].str());
+    std::istringstream arguments(line.substr(open + 1, close - open - 1));
     for (std::string argument; std::getline(arguments >> std::ws, argument, ',');)
       types += (types.empty() ? "" : ", ") + ArgumentType(argument);
-    declaration.signature = m[1].str() + "(" + types + ")";
-    declaration.noThrow = m[3].matched;
+    declaration.signature = line.substr(name, open - name) + "(" + types + ")";
+    declaration.noThrow = line.substr(close) == ") noexcept;";
     list.push_back(std::move(declaration));
   }
   return list;
@@ -292,7 +297,7 @@ TEST(Interface, TheHeaderDeclaresAndExplainsEachOfThem) {
   Strings declared;
   for (const Declaration& d : HeaderDeclarations()) {
     declared.push_back(d.signature);
-    EXPECT_EQ(d.before.rfind("///", 0), 0u) << d.signature << " has no explanation";
+    EXPECT_TRUE(BeginsWith(d.before, "///")) << d.signature << " has no explanation";
     EXPECT_TRUE(d.noThrow) << d.signature;
   }
   std::sort(declared.begin(), declared.end());
