@@ -10,13 +10,18 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <type_traits>
 #include <vector>
 
+#include "core/console.h"
+#include "core/settings.h"
 #include "frame/zp.h"
+#include "geometry/object.h"
+#include "imaging/imaging.h"
+#include "lights/lights.h"
+#include "shading/shading.h"
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
@@ -242,41 +247,47 @@ struct Declaration {
   bool noThrow = false;
 };
 
-// A declared argument without its name, in a demangler's order of words.
-std::string ArgumentType(const std::string& argument) {
-  std::smatch m;
-  static const std::regex matrix(R"(const (\w+) \w+\[\]\[(\d)\])"), pointer(R"(const (\w+)\* \w+)"),
-      other(R"((\w+\*?) \w+)");
-  if (std::regex_match(argument, m, matrix)) return m[1].str() + " const (*) [" + m[2].str() + "]";
-  if (std::regex_match(argument, m, pointer)) return m[1].str() + " const*";
-  if (std::regex_match(argument, m, other)) return m[1].str();
-  return "unreadable: " + argument;
+bool BeginsWith(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
+
+// A declared argument without its name, in a demangler's order of words: `const float matrix[][4]` becomes
+// `float const (*) [4]`.
+std::string ArgumentType(std::string argument) {
+  std::string bounds;
+  if (const std::size_t bracket = argument.find("[]"); bracket != std::string::npos) {
+    bounds = " (*) " + argument.substr(bracket + 2);
+    argument.resize(bracket);
+  }
+  std::string type = argument.substr(0, argument.rfind(' '));
+  if (BeginsWith(type, "const ")) {
+    type.erase(0, 6);
+    type.insert(type.find_first_of('*') == std::string::npos ? type.size() : type.find('*'), " const");
+  }
+  return type + bounds;
 }
 
+// Every declaration begins a line with its result.
 std::vector<Declaration> HeaderDeclarations() {
   std::ifstream file(ZP_SOURCES "/src/frame/zp.h");
   EXPECT_TRUE(file.is_open());
   std::vector<Declaration> list;
-  static const std::regex start(R"(^(void|int) zp\w+\(.*)");
-  static const std::regex whole(R"(\w+ (\w+)\((.*)\)( noexcept)?;)");
   std::string before;
   for (std::string line; std::getline(file, line); before = line) {
-    if (!std::regex_match(line, start)) continue;
+    if (!BeginsWith(line, "void zp") && !BeginsWith(line, "int zp")) continue;
     Declaration declaration;
     declaration.before = before;
     for (std::string more; line.find(';') == std::string::npos && std::getline(file, more);)
-      line += " " + more.substr(more.find_first_not_of(' '));
-    std::smatch m;
-    if (!std::regex_match(line, m, whole)) {
+      line += " " + more.substr(std::min(more.find_first_not_of(' '), more.size()));
+    const std::size_t name = line.find("zp"), open = line.find('('), close = line.find(')');
+    if (open == std::string::npos || close == std::string::npos) {
       ADD_FAILURE() << "unreadable: " << line;
       continue;
     }
     std::string types;
-    std::istringstream arguments(m[2].str());
+    std::istringstream arguments(line.substr(open + 1, close - open - 1));
     for (std::string argument; std::getline(arguments >> std::ws, argument, ',');)
       types += (types.empty() ? "" : ", ") + ArgumentType(argument);
-    declaration.signature = m[1].str() + "(" + types + ")";
-    declaration.noThrow = m[3].matched;
+    declaration.signature = line.substr(name, open - name) + "(" + types + ")";
+    declaration.noThrow = line.substr(close) == ") noexcept;";
     list.push_back(std::move(declaration));
   }
   return list;
@@ -286,11 +297,240 @@ TEST(Interface, TheHeaderDeclaresAndExplainsEachOfThem) {
   Strings declared;
   for (const Declaration& d : HeaderDeclarations()) {
     declared.push_back(d.signature);
-    EXPECT_EQ(d.before.rfind("///", 0), 0u) << d.signature << " has no explanation";
+    EXPECT_TRUE(BeginsWith(d.before, "///")) << d.signature << " has no explanation";
     EXPECT_TRUE(d.noThrow) << d.signature;
   }
   std::sort(declared.begin(), declared.end());
   ExpectSame(declared, "the header");
+}
+
+// Hosts as the header tells them to be, in an empty library.
+class Host : public testing::Test {
+ protected:
+  void SetUp() override {
+    SetConsoleQuiet(true);
+    zpFinalize();
+    kept_ = settings;
+    zpStartup();
+    settings.distance = 0;
+  }
+  void TearDown() override {
+    zpFinalize();
+    zpShutdown();
+    settings = kept_;
+    skyLight = {};
+    imageSearchPaths = {};
+    SetConsoleQuiet(false);
+  }
+
+  static int AddNamedShader(const char* name, float grey) {
+    const int shader = zpAddShader();
+    zpSetShaderName(shader, name);
+    zpSetSurfaceColor(shader, zpAddSurfaceShader(shader), ::Element::kEmissive, grey, grey, grey);
+    return shader;
+  }
+  static void AddTriangle(int object, int part) {
+    const float corners[3][3] = {{-1, 0, -1}, {1, 0, -1}, {0, 0, 1}};
+    const int triangle[3] = {0, 1, 2};
+    if (objectTable[static_cast<std::size_t>(object)].parts[static_cast<std::size_t>(part)].positions.empty())
+      zpAddPositions(object, part, 3, corners[0]);
+    zpAddTriangles(object, part, 1, triangle);
+  }
+  // Looks along y from (0, -4, 0); 4 x 2 pixels, two passes, no file for the beauty image.
+  static int AddSmallCamera() {
+    const int camera = zpAddCamera();
+    zpSetCameraPosition(camera, 0, -4, 0);
+    zpSetCameraUpVector(camera, 0, 0, 1);
+    zpSetCameraFOV(camera, 5);
+    zpSetCameraResolution(camera, 4, 2);
+    zpSetCameraSample(camera, 2);
+    zpSetCameraAOVName(camera, 0, "");
+    return camera;
+  }
+
+ private:
+  RendererSettings kept_;
+};
+
+TEST_F(Host, IndicesCountFromTheFirstRecord) {
+  EXPECT_EQ(zpAddShader(), 1);  // behind "undefined"
+  EXPECT_EQ(zpAddObject(), 0);
+  EXPECT_EQ(zpAddObject(), 1);
+  EXPECT_EQ(zpAddPart(1), 0);
+  EXPECT_EQ(zpAddInstance(1), 0);
+  EXPECT_EQ(zpAddSurfaceShader(1), 0);
+  EXPECT_EQ(zpAddDisplacementShader(1), 0);
+  EXPECT_EQ(zpAddCamera(), 0);
+  EXPECT_EQ(zpAddCameraAOV(0), 1);  // behind the beauty image
+  EXPECT_EQ(zpAddPointLight(), 0);
+  EXPECT_EQ(zpAddPointLightAOV(0), 0);
+  EXPECT_EQ(zpAddParallelLight(), 0);
+  EXPECT_EQ(zpAddParallelLightAOV(0), 0);
+  EXPECT_EQ(zpAddSkyLightAOV(), 0);
+  EXPECT_EQ(zpAddGeometryLightAOV(), 0);
+}
+
+TEST_F(Host, WrongIndicesAndNullsChangeNothing) {
+  const int object = zpAddObject(), part = zpAddPart(object), camera = zpAddCamera();
+  const float numbers[16] = {};
+  const int vertices[4] = {};
+  for (const int wrong : {-1, 1, 1 << 30}) {
+    EXPECT_EQ(zpAddPart(wrong), -1);
+    EXPECT_EQ(zpAddInstance(wrong), -1);
+    EXPECT_EQ(zpAddSurfaceShader(wrong), -1);
+    EXPECT_EQ(zpAddDisplacementShader(wrong), -1);
+    EXPECT_EQ(zpAddCameraAOV(wrong), -1);
+    EXPECT_EQ(zpAddPointLightAOV(wrong), -1);
+    EXPECT_EQ(zpAddParallelLightAOV(wrong), -1);
+    zpAddPositions(object, wrong, 1, numbers);
+    zpAddTetragons(wrong, part, 1, vertices);
+    zpAddVertexData(object, wrong, "x", 1, 3, numbers);
+    zpSetInstance(object, wrong, 0, nullptr, -1);
+    zpSetSurfaceColor(0, wrong, ::Element::kLambertian, 9, 9, 9);
+    zpSetSurfaceColor(0, 0, static_cast<::Element>(wrong == 1 ? 16 : wrong), 9, 9, 9);
+    zpSetDisplacementLevel(0, wrong, 3);
+    zpSetCameraPosition(wrong, 1, 2, 3);
+    zpSetCameraAOVName(camera, wrong, "x");
+    zpSetPointLightPhoton(wrong, 1);
+    zpSetParallelLightShaderLink(wrong, 1);
+    zpSetSkyLightAOVName(wrong, "x");
+    zpSetGeometryLightAOVShaderName(wrong, "x");
+  }
+  for (const int count : {0, -5}) {
+    zpAddPositions(object, part, count, numbers);
+    zpAddTriangles(object, part, count, vertices);
+  }
+  zpAddUVs(object, part, 1, nullptr);
+  zpSetObjectName(object, nullptr);
+  EXPECT_TRUE(objectTable[0].parts[0].positions.empty() && objectTable[0].parts[0].triangles.empty());
+  EXPECT_TRUE(objectTable[0].parts[0].uvSets[0].values.empty());
+  EXPECT_EQ(shaders[0].surfaces[0][zp::Element::kLambertian].color, (Vec3{0.85f, 0.85f, 0.85f}));
+  EXPECT_EQ(cameras[0].poses[0].position, Vec3());
+  EXPECT_EQ(objectTable[0].name, "");
+}
+
+TEST_F(Host, ShadersThatCountAsNone) {
+  const int named = AddNamedShader("named", 1);
+  const int unnamed = zpAddShader();
+  zpAddSurfaceShader(unnamed);
+  const int bare = zpAddShader();  // a name, but no layer
+  zpSetShaderName(bare, "bare");
+  const int object = zpAddObject(), part = zpAddPart(object);
+  for (const int shader : {unnamed, bare, 1 << 20, named}) {
+    zpSetShaderID(object, part, shader);
+    AddTriangle(object, part);
+  }
+  zpInitialize();
+  for (const Triangle& triangle : objectTable[0].parts[0].triangles) EXPECT_EQ(triangle.shader, named);
+}
+
+TEST_F(Host, AnInstanceWithoutTargetFindsTheFirstObjectWithoutName) {
+  const int root = zpAddObject(), other = zpAddObject(), blank = zpAddObject();
+  zpSetObjectName(root, "root");
+  zpSetObjectName(other, "other");
+  const float moved[4][4] = {{1, 0, 0, 7}, {0, 1, 0, 0}, {0, 0, 1, 0}, {0, 0, 0, 1}};
+  zpSetInstance(root, zpAddInstance(root), other, moved, -1);
+  zpSetInstance(root, 0, other, nullptr, -1);  // keeps the matrix
+  zpAddInstance(root);
+  zpInitialize();
+  EXPECT_EQ(objectTable[0].instances[0].object, other);
+  EXPECT_EQ(objectTable[0].instances[0].matrix.m[0][3], 7);
+  EXPECT_EQ(objectTable[0].instances[1].object, blank);
+}
+
+TEST_F(Host, ChannelsReplaceOnCamerasAndAddUpOnLights) {
+  const int camera = zpAddCamera(), aov = zpAddCameraAOV(camera);
+  const int light = zpAddPointLight(), image = zpAddPointLightAOV(light);
+  for (const ::Channel channel : {kZpLambertian, kZpGlossy}) {
+    zpSetCameraAOVChannel(camera, aov, channel);
+    zpSetPointLightAOVChannel(light, image, channel);
+  }
+  EXPECT_EQ(cameras[0].aovs[1].channel, 64u);
+  EXPECT_EQ(pointLights[0].aovs[0].channel, 1u + 4 + 64);
+}
+
+TEST_F(Host, RenderPixelsGivesOnePassAndLeavesTheMeanAlone) {
+  const int object = zpAddObject(), part = zpAddPart(object);
+  zpSetShaderID(object, part, AddNamedShader("lamp", 3));
+  AddTriangle(object, part);
+  const int camera = AddSmallCamera(), depth = zpAddCameraAOV(camera);
+  zpSetCameraRegion(camera, 1, 0, 3, 2);
+  zpSetCameraAOVChannel(camera, depth, kZpDepth);
+  zpInitialize();
+  std::vector<float> out(3 * 6, -1);
+  for (const int pass : {0, 3}) zpRenderPixels(5, out.data(), pass);  // 3 is pass 1 of 2
+  for (std::size_t i = 0; i < out.size(); ++i) EXPECT_EQ(out[i], i < 3 * 4 ? 3 : -1) << i;
+  zpRenderPixels(1, nullptr, 0);
+  zpRenderPixels(0, out.data(), 0);
+  const ImageBuffer& beauty = cameras[0].aovs[0].image;
+  for (std::size_t pixel = 0; pixel < 8; ++pixel) {
+    const bool inside = pixel % 4 == 1 || pixel % 4 == 2;
+    EXPECT_EQ(ReadPixel(beauty, pixel), Vec3()) << pixel;
+    EXPECT_NEAR(ReadPixel(cameras[0].aovs[1].image, pixel).x, inside ? 4 : 0, 0.02f) << pixel;
+  }
+}
+
+TEST_F(Host, AFinishedFrameDropsTheLights) {
+  AddSmallCamera();
+  zpAddPointLight();
+  zpAddParallelLight();
+  zpSetSkyLightColor(2, 2, 2);
+  zpSetSkyLightImage("kept.hdr");
+  zpInitialize();
+  zpRender();
+  EXPECT_EQ(ReadPixel(cameras[0].aovs[0].image, 0), (Vec3{2, 2, 2}));
+  EXPECT_TRUE(pointLights.empty() && parallelLights.empty());
+  zpRender();
+  EXPECT_EQ(ReadPixel(cameras[0].aovs[0].image, 0), (Vec3{0.75f, 0.75f, 0.75f}));
+  EXPECT_EQ(skyLight.image, "kept.hdr");
+}
+
+TEST_F(Host, WhatCarriesOverToTheNextScene) {
+  zpSetRendererClamp(1, 2, 3);
+  zpSetRendererError(4, 5, 6);
+  zpSetRendererDistance(7);
+  zpSetRendererResolution(8);
+  zpSetRendererBounce(9);
+  zpSetDisplayGamma(10);
+  zpSetPreviewWindow(true);
+  zpSetSkyLightBackdrop("backdrop.hdr");
+  zpSetRendererRadius(11);
+  zpSetRendererRayDepth(12);
+  zpSetRendererPhotonDepth(13);
+  zpSetRendererSample(14);
+  zpSetSkyLightPhoton(15);
+  zpSetGeometryLightSample(16);
+  zpFinalize();
+  zpShutdown();
+  zpStartup();
+  EXPECT_EQ(settings.clamp, (Vec3{1, 2, 3}));
+  EXPECT_EQ(settings.error, (Vec3{4, 5, 6}));
+  EXPECT_EQ(settings.distance, 7);
+  EXPECT_EQ(settings.resolution, 8);
+  EXPECT_EQ(settings.rendererBounce, 9);
+  EXPECT_EQ(settings.displayGamma, 10);
+  EXPECT_TRUE(settings.previewWindow);
+  EXPECT_EQ(skyLight.backdrop, "backdrop.hdr");
+  // And what does not.
+  EXPECT_EQ(settings.photonRadius, 1);
+  EXPECT_EQ(settings.rayDepth, 8);
+  EXPECT_EQ(settings.photonDepth, 8);
+  EXPECT_EQ(settings.rendererSample, 64);
+  EXPECT_EQ(skyLight.photon, 1000000);
+  EXPECT_EQ(geometryLight.sample, 0);
+}
+
+TEST_F(Host, TheGeometryLightsTwoFunctionsActOnTheSky) {
+  zpSetSkyLightColor(0, 0, 0);
+  zpSetGeometryLightPhoton(5);
+  zpInitializeGeometryLight();
+  EXPECT_EQ(skyLight.photon, 0);  // a black sky is readied
+  EXPECT_FALSE(geometryLight.initialized);
+  zpFinalizeGeometryLight();
+  EXPECT_EQ(skyLight.photon, 1000000);
+  EXPECT_EQ(geometryLight.photon, 5);
+  zpInitializeRenderer();  // readies what no function of its own does
+  EXPECT_TRUE(geometryLight.initialized);
 }
 
 }  // namespace

@@ -15,7 +15,12 @@ FNR == 1 {
   sub(/\.md$/, "", page)
 }
 /^```/ { fenced = !fenced }
-fenced || /^    / { print; next }
+fenced || /^    / {
+  if (held != "") print held
+  held = ""
+  print
+  next
+}
 /^##+ / {
   title = $0
   sub(/^#+ /, "", title)

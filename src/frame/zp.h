@@ -259,19 +259,20 @@ void zpFinalizeRenderer() noexcept;
 /// before zpInitialize(), which limits them.
 /// @{
 
-/// Renders the first camera: Intended: with several cameras in the table, too, it is camera 0. Its
-/// zpSetCameraSample() passes; each folds one sample a pixel into the beauty image as a running mean, adds to
-/// the other images, moves what has motion, and prints a performance row. The last pass prints mean and
-/// variance, then writes the images of all cameras, of the sky, the geometry light and the other lights, and
-/// resets or drops these lights. Without a camera: an error row. Starts again at pass 0 when called again;
-/// images but the beauty are not cleared then.
+/// Renders all passes of the first camera. Intended: always camera 0, however many there are. Each pass folds
+/// one sample a pixel into the beauty image as a running mean, adds to the other images, moves what has
+/// motion, and prints a performance row. The last pass prints mean and variance, then writes the images of
+/// all cameras, of the sky, the geometry light and the other lights, and resets or drops these lights.
+/// Without a camera: an error row. Starts again at pass 0 when called again; images but the beauty are not
+/// cleared then.
 void zpRender() noexcept;
 /// Renders one pass of the first camera into memory. No running mean is touched: the beauty image stays as it
 /// was, and the mean is the caller's to take. The other images of the camera and the lights get their share
 /// of that pass, so call each pass number once; zpFinalize() writes them. Nothing is written, printed, moved
 /// or dropped here, and a moving scene stands still. After zpInitialize(); not after a finished zpRender(),
 /// which has dropped the lights. Without a camera: an error row.
-/// @param count  pixels to copy, at least 1; what exceeds the region's pixels is left as it was
+/// @param count  pixels to copy; below 1 nothing is rendered; what exceeds the region's pixels is left as it
+/// was
 /// @param out    room for `count` x 3 floats: RGB triples of the camera's region, row after row from the top,
 ///               pixel (x, y) at row (y - yMin) * (xMax - xMin) + (x - xMin)
 /// @param pass   the sample number, taken modulo the camera's passes. Light samples and indirect rays are
@@ -289,8 +290,8 @@ void zpSetDisplayGamma(float gamma) noexcept;
 void zpSetRendererClamp(float r, float g, float b) noexcept;
 /// Colour of a sample that is no finite number in some channel; default 0, 0, 0; carries over. Not clamped.
 void zpSetRendererError(float r, float g, float b) noexcept;
-/// A ray with this many bounces behind it returns black: 1 shows direct light alone. Default 8; limited to
-/// 1..255 at zpInitializeRenderer(). Depths of some dozens need stack.
+/// A ray with this many bounces behind it returns black: 1 shows emission and light samples alone. Default 8;
+/// limited to 1..255 at zpInitializeRenderer(). Depths of some dozens need stack.
 void zpSetRendererRayDepth(int depth) noexcept;
 /// A photon with more bounces than this ends. Default 8; limited to 1..255 at zpInitializeRenderer(). Needs
 /// stack as ray depth does.
@@ -339,36 +340,29 @@ void zpAddPositions(int object, int part, int count, const float* data) noexcept
 /// Appends vertex normals: none, or one a vertex (else they are cut or filled up with zeros, with an error
 /// row). Kept in three signed bytes. They show where the shader's smoothing angle is negative, the default;
 /// without any, faces are flat.
-///
 /// @param data  `count` x 3, of any length; zero means none
 void zpAddNormals(int object, int part, int count, const float* data) noexcept;
 /// Appends vertex tangents, by the rules of normals; for anisotropy and normal images. Those of cylinders are
 /// replaced by their direction.
-///
 /// @param data  `count` x 3
 void zpAddTangents(int object, int part, int count, const float* data) noexcept;
 /// Appends texture coordinates: none, or one pair a vertex. Without any all textures are read at (0, 0).
-///
 /// @param data  `count` x 2: u, v
 void zpAddUVs(int object, int part, int count, const float* data) noexcept;
 /// Appends radii of cylinders and particles: one a vertex, scene units. Without them both are of radius 0,
 /// which nothing hits. This is the Part's vertex data "radius".
-///
 /// @param data  `count` x 1
 void zpAddRadii(int object, int part, int count, const float* data) noexcept;
 /// Appends triangles.
-/// @param data  `count` x 3 vertex indices of the Part, from 0, counter-clockwise as seen
-/// from the face side
+/// @param data  `count` x 3 vertex indices of the Part, from 0, counter-clockwise from the face side
 void zpAddTriangles(int object, int part, int count, const int* data) noexcept;
 /// Appends planar rectangles. Other quadrangles are not checked and are hit where they are not.
-///
 /// @param data  `count` x 4 vertex indices of the Part, around the rim, counter-clockwise from the face side
 void zpAddTetragons(int object, int part, int count, const int* data) noexcept;
 /// Appends segments of strands, smooth curves with the vertices' radii. A segment runs from its vertex to the
 /// next one; a strand is a run of ascending vertices and owns one more vertex than it has segments. Surfaces
 /// on them scatter as hair does. Each vertex gets the vertex data "parameter", 0 at the root of its strand,
 /// below 1 at its tip.
-///
 /// @param data  `count` x 1: the first vertex of each segment
 void zpAddCylinders(int object, int part, int count, const int* data) noexcept;
 /// Appends spheres.
@@ -384,8 +378,7 @@ void zpAddParticles(int object, int part, int count, const int* data) noexcept;
 /// @param count   values, not numbers
 /// @param kind    1 one float, 2 two (the Part's first set of these holds the texture coordinates), any other
 ///                value three
-///
-/// @param data    `count` x `kind` floats
+/// @param data    `count` x 1, 2 or 3 floats
 void zpAddVertexData(int object, int part, const char* name, int count, int kind, const float* data) noexcept;
 /// Appends an Instance to `object` and returns its index in it. It places nothing before zpSetInstance(), but
 /// see there for Objects without a name.
