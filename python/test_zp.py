@@ -202,6 +202,22 @@ class Pictures(unittest.TestCase):
         np.testing.assert_allclose(height[..., 0], 7, rtol=1e-5)
         np.testing.assert_allclose(color, 0.5, rtol=1e-5)
 
+    def test_particles_cylinders(self):
+        """A ball on the left and a fibre on the right, in the colour of the instance that places them."""
+        shader, ball, scene = zp.add_shader(), zp.add_object(), zp.add_object()
+        zp.set_surface_color(shader, zp.add_surface_shader(shader), zp.Element.EMISSIVE, 1, 2, 3)
+        part = zp.add_part(ball)
+        zp.add_positions(ball, part, [[-0.5, 0, 0], [0.5, -0.3, 0], [0.5, 0.3, 0]])
+        zp.add_radii(ball, part, [0.2, 0.1, 0.1])
+        zp.add_particles(ball, part, [0])
+        zp.add_cylinders(ball, part, [1])
+        zp.set_instance(scene, zp.add_instance(scene), ball, shader=shader)
+        zp.initialize()
+        seen = zp.render_pixels(24, 16, 0)
+        for column, lit in ((6, True), (12, False), (17, True)):
+            np.testing.assert_allclose(seen[6:10, column], np.tile([lit, lit * 2, lit * 3], (4, 1)))
+        self.assertFalse(seen[:4].any() or seen[-4:].any())
+
     def test_other_threads_run_but_stay_outside(self):
         zp.set_camera_resolution(self.camera, 1024, 1024)
         zp.initialize()
