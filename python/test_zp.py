@@ -1,0 +1,267 @@
+"""Tests of the module zp, without anything but NumPy. PYTHONPATH names the folder of the package."""
+
+import ast
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+
+import numpy as np
+import zp
+
+PROJECT = pathlib.Path(__file__).resolve().parent.parent
+
+
+def exported():
+    header = (PROJECT / "src/frame/zp.h").read_text()
+    return re.findall(r"^(?:void|int) zp(\w+)\(", header, re.MULTILINE)
+
+
+def snake(name):
+    return re.sub(r"(?<=[a-z])(?=[A-Z])|(?<=[A-Z])(?=[A-Z][a-z]{2})", "_", name).lower()
+
+
+def read_pfm(path):
+    with open(path, "rb") as file:
+        assert file.readline() == b"PF\n"
+        width, height = map(int, file.readline().split())
+        order = "<" if float(file.readline()) < 0 else ">"
+        return np.frombuffer(file.read(), order + "f4").reshape(height, width, 3)[::-1]
+
+
+class Interface(unittest.TestCase):
+    def test_every_exported_function(self):
+        names = exported()
+        self.assertEqual(len(names), 125)
+        for name in names:
+            text = getattr(zp, snake(name)).__doc__
+            self.assertGreater(len(text.split("\n\n", 1)[1].strip()), 8, name)  # behind the signature
+        bound = {name for name in dir(zp) if callable(getattr(zp, name)) and name[0].islower()}
+        self.assertEqual(bound, {snake(name) for name in names})
+
+    def test_stubs_tell_the_truth(self):
+        tree = ast.parse((pathlib.Path(zp.__file__).parent / "_zp.pyi").read_text())
+        functions = [node for node in tree.body if isinstance(node, ast.FunctionDef)]
+        self.assertEqual([f.name for f in functions], [snake(name) for name in exported()])
+        for stub in functions:
+            signature = getattr(zp, stub.name).__doc__.splitlines()[0]
+            actual = ast.parse(f"def {re.sub(r'-> .*', '', signature)}: ...").body[0].args
+            self.assertEqual([a.arg for a in stub.args.args], [a.arg for a in actual.args], stub.name)
+            defaults = [[ast.unparse(value) for value in a.defaults] for a in (stub.args, actual)]
+            self.assertEqual(*defaults, stub.name)
+        for node in tree.body:
+            if isinstance(node, ast.ClassDef):
+                members = {m.targets[0].id: m.value.value for m in node.body}
+                self.assertEqual(members, dict(getattr(zp, node.name).__members__), node.name)
+
+    def test_wrong_arguments(self):
+        part = (zp.add_object(), zp.add_part(0))
+        cases = [  # what is raised, what it says, the call
+            (ValueError, r"add_positions.*\[n, 3\].*\[4, 2\]", zp.add_positions, *part, np.zeros((4, 2))),
+            (ValueError, r"add_uvs.*\[n, 2\].*\[6\]", zp.add_uvs, *part, np.zeros(6)),
+            (ValueError, r"add_radii.*\[n\].*\[2, 1\]", zp.add_radii, *part, np.zeros((2, 1))),
+            (ValueError, r"add_normals.*\[n, 3\]", zp.add_normals, *part, [[1, 2, 3], [1, 2]]),
+            (ValueError, r"add_tetragons.*\[n, 4\].*\[1, 3\]", zp.add_tetragons, *part, [[0, 1, 2]]),
+            (ValueError, "add_triangles.*32 bits.*4294967296", zp.add_triangles, *part, [[0, 1, 2**32]]),
+            (ValueError, "add_particles.*32 bits", zp.add_particles, *part, np.array([2**63], "uint64")),
+            (TypeError, "add_triangles.*integers.*float64", zp.add_triangles, *part, [[0, 1, 0.5]]),
+            (TypeError, "add_positions.*numbers", zp.add_positions, *part, [["1", "2", "3"]]),
+            (TypeError, "add_tangents.*numbers.*complex", zp.add_tangents, *part, [[1j, 0, 0]]),
+            (TypeError, "add_positions.*numbers", zp.add_positions, *part, None),
+            (ValueError, r"\[n\], \[n, 2\] or \[n, 3\].*\[2, 4\]", zp.add_vertex_data, *part, "a", np.ones((2, 4))),
+            (ValueError, r"\[n\], \[n, 2\] or \[n, 3\].*\[\]", zp.add_vertex_data, *part, "a", 1.0),
+            (ValueError, r"set_instance.*\[4, 4\].*\[3, 4\]", zp.set_instance, 0, 0, 0, np.zeros((3, 4))),
+            (ValueError, r"uv.*\[3, 3\].*\[2\]", zp.set_surface_image, 0, 0, zp.Element.IOR, "a", 1, None, [1, 2]),
+            (ValueError, "render_pixels.*width and height", zp.render_pixels, 4, -1, 0),
+            (ValueError, "render_pixels.*width and height", zp.render_pixels, 1 << 16, 1 << 16, 0),
+            (ValueError, "null", zp.set_shader_name, 0, "a\0b"),
+            (ValueError, "null", zp.set_sky_light_image, "a\0b"),
+            (TypeError, "zp.Material", zp.set_surface_material, 0, 0, 1),
+            (TypeError, "zp.Sideness", zp.set_surface_sideness, 0, 0, zp.Material.CONDUCTOR),
+            (TypeError, "zp.Channel", zp.set_camera_aov_channel, 0, 0, -1),
+            (TypeError, "on: bool", zp.set_surface_virtual_light, 0, 0, None),
+            (TypeError, "name: str", zp.set_shader_name, 0, None),
+            (TypeError, "sample: int", zp.set_camera_sample, 0, 2**31),
+            (TypeError, "PathLike", zp.go, 3),
+        ]
+        for error, says, function, *arguments in cases:
+            with self.subTest(says), self.assertRaisesRegex(error, says):
+                function(*arguments)
+        zp.add_positions(*part, [])  # nothing, not an error
+        self.assertEqual((zp.add_part(7), zp.add_camera_aov(-1), zp.add_surface_shader(1 << 30)), (-1, -1, -1))
+        zp.finalize_accelerator()
+
+
+class Pictures(unittest.TestCase):
+    """A black sky, path tracing, a pinhole camera of 24 by 16 pixels that looks straight down from z = 4."""
+
+    def setUp(self):
+        self.folder = tempfile.TemporaryDirectory()
+        self.addCleanup(self.folder.cleanup)
+        zp.startup()
+        self.addCleanup(zp.shutdown)
+        self.addCleanup(zp.finalize)
+        zp.set_renderer_distance(0)
+        zp.set_sky_light_photon(0)
+        zp.set_geometry_light_photon(0)
+        zp.set_sky_light_color(0, 0, 0)
+        self.camera = zp.add_camera()
+        zp.set_camera_resolution(self.camera, 24, 16)
+        zp.set_camera_sample(self.camera, 2)
+        zp.set_camera_position(self.camera, 0, 0, 4)
+        zp.set_camera_target(self.camera, 0, 0, 0)
+        zp.set_camera_up_vector(self.camera, 0, 1, 0)
+        zp.set_camera_fov(self.camera, 30)
+        zp.set_camera_aov_name(self.camera, 0, self.file("beauty"))
+
+    def file(self, name):
+        return pathlib.Path(self.folder.name) / f"{name}.pfm"
+
+    def add_plane(self, points, triangles):
+        """A square of 0.5 in all channels in the plane z = 0, placed by an instance."""
+        shader = zp.add_shader()
+        layer = zp.add_surface_shader(shader)
+        zp.set_surface_color(shader, layer, zp.Element.LAMBERTIAN, 0.5, 0.5, 0.5)
+        plane, scene = zp.add_object(), zp.add_object()
+        part = zp.add_part(plane)
+        zp.set_shader_id(plane, part, shader)
+        zp.add_positions(plane, part, points)
+        zp.add_triangles(plane, part, triangles)
+        zp.add_vertex_data(plane, part, "height", points[:, 0] * 0 + 7)
+        instance = zp.add_instance(scene)
+        zp.set_instance(scene, instance, plane)
+        return scene, instance, plane
+
+    def add_sun(self):
+        """At 60 degrees off the normal; returns the radiance of the plane: albedo * color * cosine."""
+        sun = zp.add_parallel_light()
+        zp.set_parallel_light_direction(sun, np.sqrt(3), 0, -1)
+        zp.set_parallel_light_color(sun, 1, 2, 4)
+        zp.set_parallel_light_offset(sun, 0)
+        zp.set_parallel_light_sample(sun, 2)  # one a pass
+        return np.array([1, 2, 4]) * 0.5 * 0.5
+
+    SQUARE = np.array([[-9, -9, 0], [9, -9, 0], [9, 9, 0], [-9, 9, 0]], dtype=np.float32)
+    HALVES = np.array([[0, 1, 2], [0, 2, 3]], dtype=np.int32)
+
+    def test_sky_and_region(self):
+        zp.set_sky_light_color(0.25, 0.5, 2)
+        zp.set_camera_region(self.camera, 4, 2, 14, 8)
+        zp.initialize()
+        pixels = zp.render_pixels(10, 6, 0)
+        self.assertEqual((pixels.shape, pixels.dtype), ((6, 10, 3), np.float32))
+        np.testing.assert_array_equal(pixels, np.broadcast_to(np.float32([0.25, 0.5, 2]), (6, 10, 3)))
+        taller = zp.render_pixels(10, 8, 1)
+        np.testing.assert_array_equal(taller[:6], pixels)
+        self.assertFalse(taller[6:].any())
+
+    def test_arrays_of_any_kind_show_the_same(self):
+        points, triangles = self.SQUARE, self.HALVES
+        wide = np.zeros((8, 6))
+        wide[::2, ::2] = points
+        backwards = np.ascontiguousarray(triangles[::-1, ::-1])[::-1, ::-1]
+        kinds = [(points, triangles), (points.astype(">f8"), triangles.astype(np.int64)),
+                 (wide[::2, ::2], backwards), (np.asfortranarray(points), triangles.astype(np.uint64)),
+                 (points.astype(np.int16), triangles.astype(np.uint8))]  # fmt: skip
+        for points, triangles in kinds:  # a second scene in the process each time
+            with self.subTest(points=points.dtype, triangles=triangles.dtype):
+                self.add_plane(points, triangles)
+                expected = self.add_sun()
+                zp.initialize()
+                np.testing.assert_allclose(zp.render_pixels(24, 16, 0), np.tile(expected, (16, 24, 1)), rtol=1e-5)
+            self.doCleanups()
+            self.setUp()
+
+    def test_files_and_instances(self):
+        scene, instance, plane = self.add_plane(self.SQUARE, self.HALVES)
+        place = np.eye(4)
+        place[:3, 3] = [0.5, 0, 1.5]
+        zp.set_instance(scene, instance, plane, place)
+        zp.set_instance(scene, instance, plane)  # None keeps the matrix
+        expected = self.add_sun()
+        images = {"position": zp.Channel.POSITION, "height": zp.Channel.USER_DATA,
+                  "color": zp.Channel.LAMBERTIAN_COLOR}  # fmt: skip
+        for name, channel in images.items():
+            aov = zp.add_camera_aov(self.camera)
+            zp.set_camera_aov_channel(self.camera, aov, channel)
+            zp.set_camera_aov_user_data(self.camera, aov, "height")
+            zp.set_camera_aov_name(self.camera, aov, os.fsencode(self.file(name)))
+        zp.initialize()
+        zp.render()
+        beauty, position, height, color = (read_pfm(self.file(name)) for name in ("beauty", *images))
+        np.testing.assert_allclose(beauty, np.tile(expected, (16, 24, 1)), rtol=1e-5)
+        np.testing.assert_allclose(position[..., 2], 1.5, rtol=1e-5)
+        half = 2.5 * np.tan(np.radians(15))  # of the picture, at a distance of 2.5
+        centers = (np.arange(24) + 0.5) / 12 - 1
+        np.testing.assert_allclose(position[..., 0], np.tile(half * centers, (16, 1)), atol=half / 12)
+        self.assertTrue((np.diff(position[:, 12, 1]) < 0).all())  # the top row comes first
+        np.testing.assert_allclose(height[..., 0], 7, rtol=1e-5)
+        np.testing.assert_allclose(color, 0.5, rtol=1e-5)
+
+    def test_particles_cylinders(self):
+        """A ball on the left and a fibre on the right, in the colour of the instance that places them."""
+        shader, ball, scene = zp.add_shader(), zp.add_object(), zp.add_object()
+        zp.set_surface_color(shader, zp.add_surface_shader(shader), zp.Element.EMISSIVE, 1, 2, 3)
+        part = zp.add_part(ball)
+        zp.add_positions(ball, part, [[-0.5, 0, 0], [0.5, -0.3, 0], [0.5, 0.3, 0]])
+        zp.add_radii(ball, part, [0.2, 0.1, 0.1])
+        zp.add_particles(ball, part, [0])
+        zp.add_cylinders(ball, part, [1])
+        zp.set_instance(scene, zp.add_instance(scene), ball, shader=shader)
+        zp.initialize()
+        seen = zp.render_pixels(24, 16, 0)
+        for column, lit in ((6, True), (12, False), (17, True)):
+            np.testing.assert_allclose(seen[6:10, column], np.tile([lit, lit * 2, lit * 3], (4, 1)))
+        self.assertFalse(seen[:4].any() or seen[-4:].any())
+
+    def test_other_threads_run_but_stay_outside(self):
+        zp.set_camera_resolution(self.camera, 1024, 1024)
+        zp.initialize()
+        refused, done = [], threading.Event()
+
+        def ask():
+            while not done.is_set() and not refused:
+                try:
+                    zp.set_camera_name(self.camera, "asked")
+                except RuntimeError as error:
+                    refused.append(str(error))
+
+        thread = threading.Thread(target=ask)
+        thread.start()
+        zp.render_pixels(1024, 1024, 0)  # some 100 ms, each of which would do
+        done.set()
+        thread.join()
+        self.assertIn("another thread", *refused)
+        zp.set_camera_name(self.camera, "free again")
+
+    def run_program(self, program):
+        return subprocess.run([sys.executable, "-c", program], cwd=self.folder.name, stdout=subprocess.PIPE,
+                              check=True, timeout=300, text=True).stdout  # fmt: skip
+
+    def test_scene_folder(self):
+        camera = "camera\n resolution 8 4\n pose\n target 0 1 0\n up_vector 0 0 1\n field_of_view 9\n end\nend\n"
+        scene = pathlib.Path(self.folder.name, "scene")
+        (scene / "camera").mkdir(parents=True)
+        (scene / "camera" / "camera.zp").write_text(camera)
+        rows = self.run_program("import pathlib, zp; zp.go(pathlib.Path('scene'))")
+        self.assertIn("0.7500            0.7500            0.7500", rows)  # the mean: the sky's default
+        self.assertEqual(len(list(scene.parent.glob("beauty-*.hdr"))), 1)
+
+    def test_example_of_the_documentation(self):
+        page = (PROJECT / "docs/python.md").read_text()
+        rows = self.run_program(re.search(r"```python\n(.*?)```", page, re.DOTALL).group(1))
+        order = [rows.index(text) for text in ("patiently", "4608 tetragons", "renderer sample", "rendering time")]
+        self.assertEqual(order, sorted(order))  # what Python prints stands among the rows of the library
+        depth, picture = read_pfm(self.file("spheres-depth"))[..., 0], read_pfm(self.file("spheres"))
+        self.assertEqual(depth.shape, (200, 480))
+        self.assertAlmostEqual(depth[100, 240], np.hypot(16, 3.5) - 1, delta=0.02)  # the ball in the middle
+        np.testing.assert_allclose(picture[:20], np.tile([0.35, 0.45, 0.6], (20, 480, 1)), rtol=1e-6)  # the sky
+        self.assertTrue(np.isfinite(picture).all())
+
+
+if __name__ == "__main__":
+    unittest.main()
