@@ -21,6 +21,7 @@
 #include "core/tables.h"
 #include "frame/frame.h"
 #include "frame/zp.h"
+#include "integrator/estimator.h"
 #include "lights/lights.h"
 #include "lights/photon_store.h"
 #include "scene/scene.h"
@@ -358,7 +359,7 @@ TwofoldScene Meadow() {
   return scene;
 }
 
-class Host : public testing::Test {
+class HostScenes : public testing::Test {
  protected:
   void SetUp() override {
     SetConsoleQuiet(true);
@@ -439,7 +440,7 @@ class Host : public testing::Test {
   int threads_ = 1, count_ = 0;
 };
 
-TEST_F(Host, FunctionsAndTextGiveTheSamePictures) {
+TEST_F(HostScenes, FunctionsAndTextGiveTheSamePictures) {
   const TwofoldScene scenes[] = {Studio(), Room(), Meadow()};
   const std::size_t pictures[] = {6, 1, 1};
   for (int i = 0; i < 3; ++i) {
@@ -454,7 +455,7 @@ TEST_F(Host, FunctionsAndTextGiveTheSamePictures) {
 }
 
 // Nothing of a scene shows in those that follow it in the same process.
-TEST_F(Host, ScenesInARow) {
+TEST_F(HostScenes, ScenesInARow) {
   const TwofoldScene scenes[] = {Studio(), Room(), Meadow()};
   Pictures first[3];
   for (int i = 0; i < 3; ++i) {
@@ -467,7 +468,7 @@ TEST_F(Host, ScenesInARow) {
   }
 }
 
-TEST_F(Host, GoesThroughFoldersInARow) {
+TEST_F(HostScenes, GoesThroughFoldersInARow) {
   const TwofoldScene scenes[] = {Studio(), Room(), Meadow()};
   const std::size_t pictures[] = {6, 1, 1};
   for (int i = 0; i < 3; ++i) {
@@ -488,7 +489,7 @@ TEST_F(Host, GoesThroughFoldersInARow) {
   EXPECT_EQ(skyLight.image, "analytic");
 }
 
-TEST_F(Host, CallsOutOfPlace) {
+TEST_F(HostScenes, CallsOutOfPlace) {
   zpFinalize();
   zpShutdown();
   zpRender();
@@ -506,13 +507,13 @@ TEST_F(Host, CallsOutOfPlace) {
   const std::string rows = testing::internal::GetCapturedStdout();
   EXPECT_NE(rows.find("error :( \tcamera - there is no camera"), std::string::npos) << rows;
 
-  // Nothing counts below one, and nothing is there to be set.
   const int object = zpAddObject(), part = zpAddPart(object);
   const float number[3] = {};
   const int index[4] = {};
   for (int count : {0, -1}) {
     zpAddPositions(object, part, count, number);
     zpAddNormals(object, part, count, number);
+    zpAddTangents(object, part, count, number);
     zpAddUVs(object, part, count, number);
     zpAddRadii(object, part, count, number);
     zpAddTriangles(object, part, count, index);
@@ -522,45 +523,28 @@ TEST_F(Host, CallsOutOfPlace) {
     zpAddVertexData(object, part, "heat", count, 1, number);
     zpRenderPixels(count, pixels, 0);
   }
+  zpInitialize();
   EXPECT_TRUE(objectTable[0].parts[0].positions.empty() && objectTable[0].parts[0].triangles.empty());
-  for (int none : {-1, 7}) {
-    EXPECT_EQ(zpAddPart(none), -1);
-    EXPECT_EQ(zpAddSurfaceShader(none), -1);
-    EXPECT_EQ(zpAddCameraAOV(none), -1);
-    zpSetInstance(none, 0, 0, nullptr, 0);
-    zpSetSurfaceColor(0, 0, static_cast<::Element>(none * 9), 1, 1, 1);
-    zpSetCameraFOV(none, 40);
-  }
-
-  // A null matrix keeps what is there, the second link counts like the first, and time is nothing.
-  const float shift[4][4] = {{1, 0, 0, 5}, {0, 1, 0, 0}, {0, 0, 1, 0}, {0, 0, 0, 1}};
-  const int instance = zpAddInstance(object);
-  zpSetInstance(object, instance, 1, shift, -1);
-  zpSetInstance(object, instance, 2, nullptr, 0);
-  EXPECT_EQ(objectTable[0].instances[0].matrix.m[0][3], 5);
-  EXPECT_EQ(objectTable[0].instances[0].object, 2);
-  const int light = zpAddPointLight();
-  zpSetPointLightShaderLink(light, 0);
-  zpSetPointLightShaderLink(light, 0);
-  EXPECT_EQ(pointLights[0].link.shaders, (std::vector<std::int32_t>{0, 0}));
-  zpSetShaderTime(0, 0.5f);
+  EXPECT_TRUE(sceneBounds.min.x > sceneBounds.max.x);
   zpFinalize();
   zpFinalize();
   zpShutdown();
   ExpectNothingLeft();
 }
 
-// The gather obeys at once; the copies that light sampling reads stay as they were.
-TEST_F(Host, SamplesSetAfterInitialisation) {
+// The gather obeys at once; what light samples weigh stays as it was.
+TEST_F(HostScenes, SamplesSetAfterInitialisation) {
   zpStartup();
   zpSetRendererSample(16);
   zpSetSkyLightPhoton(0);
   zpSetGeometryLightPhoton(0);
+  zpSetRendererBounce(2);
   zpInitialize();
+  skyLight.sample = geometryLight.sample = 4;  // without a picture or emitters none is drawn
   zpSetRendererSample(4);
   EXPECT_EQ(settings.rendererSample, 4);
-  EXPECT_EQ(settings.rendererSampleCopy, 16);
-  EXPECT_EQ(settings.geometrySampleCopy, 16);
+  EXPECT_FLOAT_EQ(LightSampleWeight({}, 1, 1, BudgetsOf(skyLight)), 0.2f);
+  EXPECT_FLOAT_EQ(LightSampleWeight({}, 1, 1, BudgetsOf(geometryLight)), 0.2f);
   zpFinalize();
   zpShutdown();
 }

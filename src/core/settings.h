@@ -30,8 +30,8 @@ struct RendererSettings {
   float photonRadius = 1;  // of the photon gather; scene units
   float photonRadiusSquared = 1;
   float photonRadiusCubed = 1;
-  std::int32_t rendererSampleCopy = 64;  // as it stood at renderer initialisation: for the sky
-  std::int32_t geometrySampleCopy = 64;  // and for the geometry light
+  std::int32_t rendererSampleCopy = 64;  // as it stood at renderer initialisation: weighs samples of the sky
+  std::int32_t geometrySampleCopy = 64;  // and of the geometry light
   // State of the frame.
   std::uint32_t passIndex = 0;     // the pass that comes next
   std::int32_t samplePass = 8;     // the pass that runs

@@ -77,7 +77,7 @@
 ///   default sky and emissive surfaces alone.
 /// - zpFinalize() writes the camera's images whatever is in them: after zpRenderPixels() alone a black
 ///   beauty image. zpSetCameraAOVName() with an empty name for AOV 0 keeps it from being written.
-/// - Images that cannot be written are passed over in silence.
+/// - An image that cannot be written gets an error row and nothing else.
 /// - The names of this header are global: it declares no namespace.
 ///
 /// **Several scenes in one process.** zpStartup() again, after zpFinalize() and zpShutdown(). What no reset
@@ -298,7 +298,7 @@ void zpSetRendererRayDepth(int depth) noexcept;
 void zpSetRendererPhotonDepth(int depth) noexcept;
 /// Indirect rays of a first hit, over all passes, for a white surface; darker ones get fewer, and each pass
 /// at least one. Default 64; negative ones become 0 at zpInitializeRenderer(). What is set after that acts at
-/// once, in the count of rays and in their weight against light samples, and is not limited.
+/// once on the count of rays, not on their weight against light samples, and is not limited.
 void zpSetRendererSample(int sample) noexcept;
 /// Diffuse and glossy bounces before a path ends or, in final gathering, the cells answer. Default 1; carries
 /// over; at least 1 from zpInitializeRenderer() on. Mirrors and glass do not count.

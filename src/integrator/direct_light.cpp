@@ -88,9 +88,9 @@ LobeRadiance Reflect(const HairReceiver&, const HairResponse& response, Vec3 lig
 }
 
 HairResponse Weighted(const HairReceiver& receiver, HairResponse response, const LightSample& sample,
-                      std::int32_t samples) {
+                      RayBudgets budgets) {
   const auto weight = [&](float density) {
-    return LightSampleWeight(receiver.ray, sample.pdf, density, samples);
+    return LightSampleWeight(receiver.ray, sample.pdf, density, budgets);
   };
   response.lambertian *= weight(response.lambertian);  // which is its own density
   response.drawn *= weight(response.glossyDensity);
@@ -117,10 +117,10 @@ LobeRadiance Reflect(const Receiver& receiver, const LobeResponse& response, Vec
 
 // The balance heuristic of each lobe against samples of the light.
 LobeResponse Weighted(const Receiver& receiver, LobeResponse response, const LightSample& sample,
-                      std::int32_t samples) {
+                      RayBudgets budgets) {
   const auto weight = [&](Event event) {
     return LightSampleWeight(receiver.ray, sample.pdf, LobeDensity(receiver.point, event, sample.direction),
-                             samples);
+                             budgets);
   };
   if (response.lambertian > 0) response.lambertian *= weight(kEventLambertian);
   if (response.transmissive > 0) response.transmissive *= weight(kEventTransmissive);
@@ -144,7 +144,7 @@ LobeRadiance SampleOne(const AnyReceiver& receiver, const GeometryLight& light, 
   if (IsZero(response)) return {};
   const Vec3 visible = Visibility(receiver, sample.direction, sample.distance);
   if (visible == kBlack) return {};
-  response = Weighted(receiver, response, sample, light.sample);
+  response = Weighted(receiver, response, sample, BudgetsOf(light));
   // Intended: the factor's constant stands for pi and the lights' area both.
   return Reflect(receiver, response, (kPi * sample.factor) * sample.radiance * visible);
 }
@@ -157,7 +157,7 @@ LobeRadiance SampleOne(const AnyReceiver& receiver, const SkyLight& light, const
   if (IsZero(response)) return {};
   const Vec3 visible = Visibility(receiver, sample.direction, sample.distance);
   if (visible == kBlack) return {};
-  response = Weighted(receiver, response, sample, light.sample);
+  response = Weighted(receiver, response, sample, BudgetsOf(light));
   return Reflect(receiver, response, sample.radiance * visible / sample.pdf);
 }
 

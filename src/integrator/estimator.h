@@ -7,6 +7,7 @@
 #include "core/settings.h"
 #include "core/tables.h"
 #include "imaging/imaging.h"
+#include "lights/lights.h"
 #include "shading/shading.h"
 
 namespace zp {
@@ -106,16 +107,26 @@ Vec3 MissRadiance(const RayRecord& ray);
 // What the hit surface sends back along the ray by itself. Writes the geometry light's AOVs.
 Vec3 EmittedRadiance(const RayRecord& ray, const ShadingPoint& point);
 
-// The balance heuristic (Veach and Guibas, "Optimally Combining Sampling Techniques", 1995) between `samples`
-// light samples and settings.rendererSample lobe rays of a first hit, and between one and one later on.
-// Densities are per solid angle.
+// Rays of a first hit over all passes, as they stood when the renderer was initialised: a host that changes
+// the gather's budget between passes does not change what light samples and lobe rays weigh.
+struct RayBudgets {
+  std::int32_t light = 0;  // light samples
+  std::int32_t lobe = 0;   // rays of a lobe
+};
+inline RayBudgets BudgetsOf(const SkyLight& light) { return {light.sample, settings.rendererSampleCopy}; }
+inline RayBudgets BudgetsOf(const GeometryLight& light) {
+  return {light.sample, settings.geometrySampleCopy};
+}
+
+// The balance heuristic (Veach and Guibas, "Optimally Combining Sampling Techniques", 1995) between the two
+// kinds of rays of a first hit, and between one and one later on. Densities are per solid angle.
 //
 // Density of the lobe that `event` names in a unit direction; 0 for lobes that draw no directions.
 float LobeDensity(const ShadingPoint& point, std::uint8_t event, Vec3 direction);
 // Of a light sample at the hit of `ray`; 1 where no lobe ray follows.
-float LightSampleWeight(const RayRecord& ray, float lightDensity, float lobeDensity, std::int32_t samples);
+float LightSampleWeight(const RayRecord& ray, float lightDensity, float lobeDensity, RayBudgets budgets);
 // Of a ray that has found the light by a lobe.
-float LobeRayWeight(const RayRecord& ray, float lightDensity, float lobeDensity, std::int32_t samples);
+float LobeRayWeight(const RayRecord& ray, float lightDensity, float lobeDensity, RayBudgets budgets);
 
 // Whether light that enters at this point leaves the surface somewhere else.
 bool Diffuses(const RayRecord& ray, const ShadingPoint& point);

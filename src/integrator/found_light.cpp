@@ -24,7 +24,7 @@ float SkyHitWeight(const RayRecord& ray) {
   if (skyLight.sample <= 0 || BounceCount(ray) == 0 || !MeetsLightSamples(ray)) return 1;
   if (LooksThroughHair(ray)) return 1;
   return LobeRayWeight(ray, SkyDensity(ray.direction),
-                       LobeDensity(*ray.parentPoint, ray.event, ray.direction), skyLight.sample);
+                       LobeDensity(*ray.parentPoint, ray.event, ray.direction), BudgetsOf(skyLight));
 }
 
 // Whether the samples of the virtual lights can pick the primitive that was hit. The emission lists hold
@@ -54,7 +54,7 @@ float EmitterHitWeight(const RayRecord& ray, const ShadingPoint& point) {
   if (!(cosine > 0) || !(lobe > 0)) return 0;
   // From where the lobe was left: thin panes on the way count as nothing.
   const Vec3 way = point.position - ray.parentPoint->position;
-  return LobeRayWeight(ray, Dot(way, way) / (cosine * geometryLight.area), lobe, geometryLight.sample);
+  return LobeRayWeight(ray, Dot(way, way) / (cosine * geometryLight.area), lobe, BudgetsOf(geometryLight));
 }
 
 // The channel of a light's AOV that records paths by their last scattering.

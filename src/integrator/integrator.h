@@ -29,7 +29,8 @@ void RenderPixels(int count, float* out, int pass);
 // One pass and all that surrounds it; finishes the frame after the last.
 void FrameStep();
 // All passes of the first camera; without one an error row. With settings.previewWindow a window shows them,
-// which stays open until it is closed, passes left or not. Where no window opens: an error row and all passes.
+// which stays open until it is closed, passes left or not. Where no window opens: an error row and all
+// passes.
 void RenderLoop();
 
 // What a program shows while a frame renders; called after each pass. Null for none.

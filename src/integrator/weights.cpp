@@ -44,17 +44,17 @@ float LobeDensity(const ShadingPoint& point, std::uint8_t event, Vec3 direction)
   }
 }
 
-float LightSampleWeight(const RayRecord& ray, float lightDensity, float lobeDensity, std::int32_t samples) {
+float LightSampleWeight(const RayRecord& ray, float lightDensity, float lobeDensity, RayBudgets budgets) {
   if (!LobeRayFollows(ray)) return 1;
   if (BounceCount(ray) > 0) return Share(lightDensity, lobeDensity);
-  return Share(static_cast<float>(samples) * lightDensity,
-               static_cast<float>(settings.rendererSample) * lobeDensity);
+  return Share(static_cast<float>(budgets.light) * lightDensity,
+               static_cast<float>(budgets.lobe) * lobeDensity);
 }
 
-float LobeRayWeight(const RayRecord& ray, float lightDensity, float lobeDensity, std::int32_t samples) {
+float LobeRayWeight(const RayRecord& ray, float lightDensity, float lobeDensity, RayBudgets budgets) {
   if (BounceCount(ray) > 1) return Share(lobeDensity, lightDensity);
-  return Share(static_cast<float>(settings.rendererSample) * lobeDensity,
-               static_cast<float>(samples) * lightDensity);
+  return Share(static_cast<float>(budgets.lobe) * lobeDensity,
+               static_cast<float>(budgets.light) * lightDensity);
 }
 
 }  // namespace zp
