@@ -22,6 +22,7 @@ constexpr auto kRest = std::chrono::milliseconds(100);
 
 // Callbacks have no argument of ours. There is one window at a time; null once it is closed.
 const Preview* shown = nullptr;
+bool opened = false;  // ever
 std::exception_ptr failure;
 XErrorHandler outerErrorHandler = nullptr;
 
@@ -93,6 +94,7 @@ int HandleError(Display* display, XErrorEvent* event) {
 std::string PreviewObstacle(int width, int height) {
   if (width < 1 || height < 1) return "the picture has no pixels";
   if (width > kLongestSide || height > kLongestSide) return "the picture is too large for a window";
+  if (opened) return "the window library opens only one in the life of a process";
   const char* name = std::getenv("DISPLAY");
   if (name == nullptr || *name == '\0') return "there is no display (DISPLAY is not set)";
   Display* display = XOpenDisplay(name);
@@ -121,8 +123,8 @@ void RunPreview(const Preview& preview) {
   glutIdleFunc(Step);
   glutCloseFunc(Close);
 
+  opened = true;
   shown = &preview;
-  failure = nullptr;
   outerErrorHandler = XSetErrorHandler(HandleError);
   const XIOErrorHandler outerLossHandler = XSetIOErrorHandler(HandleLostServer);
   glutMainLoop();

@@ -28,7 +28,8 @@ struct Preview {
   PreviewEnd end = PreviewEnd::kEndProcess;
 };
 
-// Why no window of this size can be opened; empty if one can.
+// Why no window of this size can be opened; empty if one can. A process has one window in its life: started
+// again, the window library has been seen to send the server requests that do not exist.
 std::string PreviewObstacle(int width, int height);
 
 // Opens the window and returns when it has been closed, if `end` says so at all. After the last step the
