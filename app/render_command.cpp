@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <vector>
 
@@ -131,6 +132,29 @@ std::string NothingToRender(const Camera& camera) {
   return {};
 }
 
+// The first signal lets the pass end and the images be written, a second one ends the process at once. What
+// the caller has chosen to ignore, as under nohup, stays ignored.
+void StopOnSignals() {
+  stopRequested = false;
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction action = {};
+    if (sigaction(number, nullptr, &action) != 0 || action.sa_handler == SIG_IGN) continue;
+    action.sa_handler = [](int) { stopRequested = true; };
+    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
+    sigaction(number, &action, nullptr);
+  }
+}
+
+// What to say of a frame that a signal has cut short; empty if none has.
+std::string StopText() {
+  if (!stopRequested || cameras.empty()) return {};
+  const auto passes = static_cast<std::uint32_t>(cameras.front().sample);
+  if (settings.passIndex >= passes) return {};
+  if (settings.passIndex == 0) return "stopped before the end of the first pass: nothing is written";
+  return "stopped after pass " + std::to_string(settings.passIndex) + " of " + std::to_string(passes) +
+         ": the images hold what was rendered";
+}
+
 // After Startup; the caller finalises whatever the result.
 int RenderScene(const RenderOptions& options) {
   // Paths in scene text count from the scene folder, those of images from the caller's directory. The scene
@@ -172,16 +196,19 @@ int RunRender(const RenderOptions& options) {
   omp_set_num_threads(options.threads ? *options.threads : std::min(omp_get_max_threads(), kMaxThreads));
   SetConsoleQuiet(options.quiet);
   missingFiles = 0;
+  StopOnSignals();
   Startup(options.seed);
   const int status = RenderScene(options);
+  const std::string stopped = status == kExitDone ? StopText() : "";
   // The last pass has written every image; closing writes those of the cameras again.
   int failed = FailedSaves(true);
-  if (status != kExitDone) ForgetNames();
+  if (status != kExitDone || (!stopped.empty() && settings.passIndex == 0)) ForgetNames();
   Finalize();
   failed = std::max(failed, FailedSaves(true));
   Shutdown();
   if (status == kExitDone && failed > 0)
     return Fail(std::to_string(failed) + (failed == 1 ? " image" : " images") + " could not be written");
+  if (!stopped.empty()) return Fail(stopped);
   if (status == kExitDone && options.strict && missingFiles > 0)
     return Fail("files of the scene are missing or hold nothing readable ('zephlore check' names them)");
   return status;

@@ -26,6 +26,11 @@ bool opened = false;  // ever
 std::exception_ptr failure;
 XErrorHandler outerErrorHandler = nullptr;
 
+void Leave() {
+  glutSetOption(GLUT_ACTION_ON_WINDOW_CLOSE, GLUT_ACTION_GLUTMAINLOOP_RETURNS);
+  glutLeaveMainLoop();
+}
+
 // The window library is C: exceptions wait until its loop has ended.
 template <class Call>
 void Guarded(Call call) {
@@ -33,8 +38,7 @@ void Guarded(Call call) {
     call();
   } catch (...) {
     if (!failure) failure = std::current_exception();
-    glutSetOption(GLUT_ACTION_ON_WINDOW_CLOSE, GLUT_ACTION_GLUTMAINLOOP_RETURNS);
-    glutLeaveMainLoop();
+    Leave();
   }
 }
 
@@ -55,6 +59,7 @@ void Draw() {
 
 void Step() {
   if (shown == nullptr) return;
+  if (shown->stop && shown->stop()) return Leave();
   bool more = false;
   Guarded([&more] { more = shown->step(); });
   if (failure) return;

@@ -17,14 +17,16 @@ enum class PreviewEnd {
   kReturn,      // RunPreview returns
 };
 
-// All functions must be set. An exception that leaves one of them closes the window and leaves RunPreview.
+// All functions but `stop` must be set. An exception that leaves one of them closes the window and leaves
+// RunPreview.
 struct Preview {
   int width = 0;  // of the window at first, pixels
   int height = 0;
   std::function<const ImageBuffer*()> picture;  // three floats a pixel, top row first; null for none
   std::function<bool()> step;                   // one step; false when there is nothing left to do
-  std::function<void()> closed;                 // the window was closed
-  std::function<void()> lost;                   // the display is gone; the process ends behind this call
+  std::function<bool()> stop;    // asked before each step, true closes the window; null for never
+  std::function<void()> closed;  // the window was closed
+  std::function<void()> lost;    // the display is gone; the process ends behind this call
   PreviewEnd end = PreviewEnd::kEndProcess;
 };
 

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 
@@ -32,6 +33,11 @@ void FrameStep();
 // which stays open until it is closed, passes left or not. Where no window opens: an error row and all
 // passes.
 void RenderLoop();
+
+// Ends RenderLoop behind the pass that runs, and closes its window: signal handlers may set it. What was
+// rendered stays in the images; settings.passIndex tells how many passes that are.
+inline std::atomic<bool> stopRequested = false;
+static_assert(std::atomic<bool>::is_always_lock_free);
 
 // What a program shows while a frame renders; called after each pass. Null for none.
 struct PassReport {

@@ -127,6 +127,7 @@ void RenderInWindow(const Camera& camera) {
     const Camera* active = ActiveCamera();
     return active != nullptr && static_cast<std::int64_t>(settings.passIndex) < active->sample;
   };
+  preview.stop = [] { return stopRequested.load(); };
   // Intended: only the first image. The last pass has written all of them.
   preview.closed = [] {
     if (const ImageBuffer* beauty = BeautyImage()) SaveImage(*beauty);
@@ -224,7 +225,8 @@ void RenderLoop() {
     if (obstacle.empty()) return RenderInWindow(camera);
     PrintError("preview - no window, " + obstacle);
   }
-  for (std::int32_t pass = 0, passes = ActiveCamera()->sample; pass < passes; ++pass) FrameStep();
+  for (std::int32_t pass = 0, passes = ActiveCamera()->sample; pass < passes && !stopRequested; ++pass)
+    FrameStep();
 }
 
 }  // namespace zp
