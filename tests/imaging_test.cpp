@@ -17,6 +17,7 @@
 #include <limits>
 #include <numeric>
 #include <set>
+#include <tuple>
 
 #include "core/console.h"
 #include "core/random.h"
@@ -233,10 +234,13 @@ TEST_F(ImageFiles, FloatsBecomeBytes) {
   const std::pair<float, int> cases[] = {{1.0f, 255},  {0.999f, 254}, {0.0f, 0},  {0.5f, 127},  {1.001f, 255},
                                          {1e30f, 255}, {kInf, 255},   {-1.0f, 1}, {-0.001f, 0}, {kNan, 0},
                                          {-1e30f, 0},  {-kInf, 0},    {-2.0f, 2}, {0.25f, 63},  {-0.5f, 129}};
-  for (const int bits : {32, 64})
-    for (const auto& [value, byte] : cases)
-      EXPECT_EQ(SaveAndLoad(MakeRow(3, bits, {value * kWhite}), "byte.png").bytePixels.at(0), byte)
-          << value << " of " << bits << " bits";
+  std::vector<Vec3> colors;
+  for (const auto& [value, byte] : cases) colors.push_back(value * kWhite);
+  for (const int bits : {32, 64}) {
+    const ImageBuffer back = SaveAndLoad(MakeRow(3, bits, colors), "bytes.png");
+    for (std::size_t i = 0; i < colors.size(); ++i)
+      EXPECT_EQ(back.bytePixels.at(3 * i), cases[i].second) << cases[i].first << " of " << bits << " bits";
+  }
 }
 
 // Every component depth reaches a float file and an integer file by its own rule.
@@ -254,7 +258,7 @@ TEST_F(ImageFiles, EveryDepthIsWritten) {
 
 TEST_F(ImageFiles, OtherChannelCounts) {
   // Three elements a pixel are taken from a picture of four: its colours run away from the grid.
-  ImageBuffer image = MakeRow(4, 8, {4, kBlack});
+  ImageBuffer image = MakeRow(4, 8, std::vector<Vec3>(4));
   std::iota(image.bytePixels.begin(), image.bytePixels.end(), std::uint8_t{0});
   ImageBuffer back = SaveAndLoad(image, "four.png");
   ASSERT_EQ(back.channels, 4);

@@ -158,7 +158,6 @@ TEST_F(Shading, TexturesThatCannotBeFound) {
 // --- The shading point -------------------------------------------------------------------------------------
 
 struct PointCase {
-  Shader shader;
   SurfaceShader layer;
   ShadingPoint point;
 };
@@ -173,9 +172,9 @@ PointCase MakePoint(float ior, Vec3 outgoing) {
   return c;
 }
 
-void Finish(PointCase& c, bool frontFace = true) {
+void Finish(PointCase& c) {
   c.point.layer = &c.layer;
-  FinishShadingPoint(c.point, c.shader, frontFace);
+  FinishShadingPoint(c.point, {}, true);
 }
 
 void ExpectOrthonormal(const ShadingPoint& p) {
@@ -433,8 +432,6 @@ TEST_F(Shading, MatricesAndColor) {
     EXPECT_EQ(LookUpTexture(grid, slot, uv), kBlack);
   }
 }
-
-// --- Media ------------------------------------------------------------------------------------------------
 
 TEST_F(Shading, VolumeCoefficients) {
   VolumeShader volume;
