@@ -101,28 +101,27 @@ class Materials : public RenderTest {
   static float RulerPosition() { return 10 * (MeanColor().x / MeanColor().y - 0.5f); }
 };
 
-TEST_F(Materials, MirrorShowsFresnelReflectance) {
-  for (const auto& [ior, degrees] : {std::pair{2.0f, 0.0f}, {2.0f, 45.0f}, {2.0f, 80.0f}, {1.0f, 80.0f}}) {
-    Restart();
-    AddPlane(0, 50, AddGlass(Material::kConductor, ior));
-    LookAtOrigin(degrees);
-    Render();
-    const float expected = ior == 1 ? 0 : Schlick(ior, std::cos(degrees * kDegree));
-    EXPECT_NEAR(MeanColor().x, expected, 1e-4f * expected) << ior << " " << degrees;
-  }
-}
-
-TEST_F(Materials, ThinGlassReflectsASheetAndTransmitsTheRest) {
-  for (float degrees : {0.0f, 60.0f})
+// Of the white sky, and of a white ground behind panes.
+TEST_F(Materials, MirrorsAndPanesShowFresnelReflectance) {
+  struct Case {
+    Material material;
+    float ior, degrees;
+  };
+  for (const auto& [material, ior, degrees] :
+       {Case{Material::kConductor, 1, 80}, Case{Material::kConductor, 2, 0},
+        Case{Material::kConductor, 2, 80}, Case{Material::kThinDielectric, kGlass, 0},
+        Case{Material::kThinDielectric, kGlass, 60}})
     for (bool reflection : {true, false}) {
       Restart();
       skyLight.color = reflection ? kWhite : kBlack;
-      AddPlane(0, 50, AddGlass(Material::kThinDielectric));
+      AddPlane(0, 50, AddGlass(material, ior));
       AddPlane(-1, 50, AddShader("ground", kBlack, reflection ? kBlack : kWhite));
       LookAtOrigin(degrees);
       Render();
-      const float f = Schlick(kGlass, std::cos(degrees * kDegree)), sheet = 2 * f / (1 + f);
-      EXPECT_NEAR(MeanColor().x, reflection ? sheet : 1 - sheet, 1e-4f) << degrees;
+      const bool pane = material == Material::kThinDielectric;
+      const float f = ior == 1 ? 0 : Schlick(ior, std::cos(degrees * kDegree));
+      const float reflected = pane ? 2 * f / (1 + f) : f;
+      EXPECT_NEAR(MeanColor().x, reflection ? reflected : pane ? 1 - reflected : 0, 1e-4f) << ior << degrees;
     }
 }
 
