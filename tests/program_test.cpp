@@ -2,34 +2,20 @@
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "imaging/imaging.h"
+#include "program_fixture.h"
 
 namespace zp {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string ReadFile(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void WriteFile(const fs::path& path, const std::string& text) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary) << text;
-}
 
 std::size_t CountLines(const std::string& text) {
   return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
@@ -40,46 +26,18 @@ struct Outcome {
   std::string output, errors;
 };
 
-// A folder of its own for each test: "work" is the caller's directory, "scene" a small scene.
-class Program : public testing::Test {
+class Program : public ProgramTest {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "zephlore-program-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    root = pattern;
-    fs::create_directories(root / "work");
-    StartImageFiles();
-  }
-  void TearDown() override {
-    StopImageFiles();
-    std::error_code error;
-    fs::remove_all(root, error);
-  }
-
   // Runs the program in root/work.
   Outcome Run(const std::string& arguments) const {
-    const std::string command = "cd '" + (root / "work").string() + "' && '" ZP_PROGRAM "' " + arguments +
-                                " >'" + (root / "stdout").string() + "' 2>'" + (root / "stderr").string() +
-                                "'";
+    const std::string command = "cd '" + work.string() + "' && '" ZP_PROGRAM "' " + arguments + " >'" +
+                                (root / "stdout").string() + "' 2>'" + (root / "stderr").string() + "'";
     const int raw = std::system(command.c_str());
     return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFile(root / "stdout"), ReadFile(root / "stderr")};
   }
 
-  // A square that faces the camera and fills the right half of the view, and more faces that the model may
-  // have, under a sky of constant colour. The model's path counts from the scene folder.
-  void WriteScene(const std::string& cameraText = "aov\nimage \"user.hdr\"\ntype \"id\"\nend\n",
-                  const std::string& modelText = "") const {
-    const std::pair<const char*, std::string> files[] = {
-        {"model/square.obj", "v 0 0 -9\nv 9 0 -9\nv 9 0 9\nv 0 0 9\nusemtl red\nf 1 2 3 4\n" + modelText},
-        {"geometry/a.zp", "object\nname square\nobj \"model/square.obj\"\nend\n"},
-        {"shader/a.zp",
-         "shader\nname \"red\"\nsurface_shader\nlambertian\ncolor 0.8 0.2 0.1\nend\nend\nend\n"},
-        {"light/a.zp", "sky_light\ncolor 0.25 0.5 1\nend\n"},
-        {"render/a.zp", "render\nfinal_gather\nsample 4\nbounce 2\ndistance 0\nresolution 0\nend\nend\n"},
-        {"camera/a.zp",
-         "camera\nresolution 32 16\nsample 2\n" + cameraText +
-             "pose\nposition 0 -5 0\ntarget 0 0 0\nup_vector 0 0 1\nbokeh 0\nfield_of_view 60\nend\nend\n"}};
-    for (const auto& [name, text] : files) WriteFile(root / "scene" / name, text);
+  void WriteScene(const std::string& aov = "image \"user.hdr\"\ntype \"id\"\n", bool onFloor = false) const {
+    ProgramTest::WriteScene("resolution 32 16\nsample 2\naov\n" + aov + "end\n", onFloor);
   }
 
   std::vector<std::string> Files(const char* folder) const {
@@ -99,8 +57,6 @@ class Program : public testing::Test {
     EXPECT_EQ(CountLines(outcome.errors), 1U) << arguments << outcome.errors;
     EXPECT_TRUE(status == 1 || outcome.output.empty()) << arguments;
   }
-
-  fs::path root;
 };
 
 // Loads a picture with its top row first.
@@ -160,9 +116,9 @@ TEST_F(Program, WrongUsageIsStatusTwoAndOneLine) {
 TEST_F(Program, SceneThatCannotBeRenderedIsStatusOneAndOneLine) {
   WriteScene();
   fs::create_directories(root / "empty");
-  fs::create_directories(root / "work/folder.hdr");
+  fs::create_directories(work / "folder.hdr");
   WriteFile(root / "file", "no folder");
-  WriteFile(root / "work/old.hdr", "old");
+  WriteFile(work / "old.hdr", "old");
   for (const char* arguments :
        {"../missing", "../file", "../empty", "../scene --region 40,0,50,9", "../scene --output missing/a.hdr",
         "../scene --output a.unknown", "../scene --output folder.hdr"}) {
@@ -170,9 +126,9 @@ TEST_F(Program, SceneThatCannotBeRenderedIsStatusOneAndOneLine) {
     EXPECT_EQ(WorkFiles(), (std::vector<std::string>{"folder.hdr", "old.hdr"})) << arguments;
   }
   // A failed save loses no old file.
-  WriteScene("aov\nimage \"missing/second.hdr\"\ntype \"depth\"\nend\n");
+  WriteScene("image \"missing/second.hdr\"\ntype \"depth\"\n");
   ExpectFailure("render ../scene --quiet --output old.hdr", 1);
-  EXPECT_EQ(ReadFile(root / "work/old.hdr"), "old");
+  EXPECT_EQ(ReadFile(work / "old.hdr"), "old");
 }
 
 // Each kind of file that a scene can lack. Without --strict nothing changes; with it only the status does.
@@ -195,8 +151,8 @@ TEST_F(Program, StrictTellsMissingFilesOfTheScene) {
     const Outcome strict = Run("render ../scene --quiet --strict --seed 3 --output c.pfm");
     EXPECT_EQ(strict.status, 1) << text;
     EXPECT_EQ(CountLines(strict.errors), 1U) << text << strict.errors;
-    const std::string picture = ReadFile(root / "work/c.pfm");
-    EXPECT_TRUE(!picture.empty() && picture == ReadFile(root / "work/b.pfm")) << text;
+    const std::string picture = ReadFile(work / "c.pfm");
+    EXPECT_TRUE(!picture.empty() && picture == ReadFile(work / "b.pfm")) << text;
     fs::remove(root / file);
   }
 }
@@ -212,15 +168,15 @@ TEST_F(Program, WritesToTheCallersDirectory) {
 
   // The model was found from here, and the picture is the scene's: sky on the left, the square on the right.
   // It sees half of a sky that nothing blocks.
-  const ImageBuffer image = LoadTopFirst(root / "work/a.hdr");
+  const ImageBuffer image = LoadTopFirst(work / "a.hdr");
   ASSERT_EQ(image.width, 32);
   ASSERT_EQ(image.height, 16);
-  ExpectColor(ReadPixel(image, 8 * 32 + 4), {0.25f, 0.5f, 1}, 0.01f);
-  ExpectColor(ReadPixel(image, 8 * 32 + 28), {0.2f, 0.1f, 0.1f}, 0.01f);
+  ExpectColor(ReadPixel(image, 8 * 32 + 4), {0.3f, 0.6f, 1.5f}, 0.01f);
+  ExpectColor(ReadPixel(image, 8 * 32 + 28), {0.27f, 0.3f, 0.45f}, 0.01f);
 
   // Without --output the beauty image has its time-stamped name; an absolute name needs no directory.
-  fs::remove_all(root / "work");
-  fs::create_directories(root / "work");
+  fs::remove_all(work);
+  fs::create_directories(work);
   EXPECT_EQ(Run("render '" + (root / "scene").string() + "' --quiet").status, 0);
   const std::vector<std::string> stamped = WorkFiles();
   ASSERT_EQ(stamped.size(), 2U);
@@ -235,10 +191,10 @@ TEST_F(Program, OptionsOverrideTheScene) {
       "render ../scene --resolution 24x12 --sample 3 --region 0,0,12,6 --output a.hdr --quiet --progress");
   EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_TRUE(outcome.output.empty()) << outcome.output;
-  const ImageBuffer image = LoadTopFirst(root / "work/a.hdr");
+  const ImageBuffer image = LoadTopFirst(work / "a.hdr");
   ASSERT_EQ(image.width, 24);
   ASSERT_EQ(image.height, 12);
-  ExpectColor(ReadPixel(image, 2 * 24 + 3), {0.25f, 0.5f, 1}, 0.01f);
+  ExpectColor(ReadPixel(image, 2 * 24 + 3), {0.3f, 0.6f, 1.5f}, 0.01f);
   ExpectColor(ReadPixel(image, 2 * 24 + 20), kBlack, 0);
   ExpectColor(ReadPixel(image, 9 * 24 + 3), kBlack, 0);
 
@@ -251,14 +207,14 @@ TEST_F(Program, OptionsOverrideTheScene) {
 
 TEST_F(Program, SeedRepeatsThePictureAtAnyThreadCount) {
   // With a floor the light of a point depends on the directions drawn.
-  WriteScene("", "v -9 -9 -1\nv 9 -9 -1\nv 9 9 -1\nv -9 9 -1\nf 5 6 7 8\n");
+  WriteScene("image \"\"\n", true);
   for (const char* arguments : {"--seed 1 --threads 1 --output a.pfm", "--seed 1 --threads 2 --output b.pfm",
                                 "--seed 2 --threads 1 --output c.pfm"})
     ASSERT_EQ(Run("render ../scene --quiet " + std::string(arguments)).status, 0);
-  const std::string first = ReadFile(root / "work/a.pfm");
+  const std::string first = ReadFile(work / "a.pfm");
   EXPECT_FALSE(first.empty());
-  EXPECT_TRUE(first == ReadFile(root / "work/b.pfm"));
-  EXPECT_FALSE(first == ReadFile(root / "work/c.pfm"));
+  EXPECT_TRUE(first == ReadFile(work / "b.pfm"));
+  EXPECT_FALSE(first == ReadFile(work / "c.pfm"));
 }
 
 TEST_F(Program, ViewKeepsOrientationAndAppliesTheCurve) {
@@ -276,7 +232,7 @@ TEST_F(Program, ViewKeepsOrientationAndAppliesTheCurve) {
     for (std::size_t x = 0; x < 8; x++) WritePixel(picture, samples[x].linear * kWhite, x);
     WritePixel(picture, {1, 0, 0}, 8);   // row 1, left
     WritePixel(picture, {0, 0, 1}, 23);  // last row, right
-    const fs::path path = root / "work" / name;
+    const fs::path path = work / name;
     fs::create_directories(path.parent_path());
     // Written by its bare name: a folder's name would take part in the choice of a format.
     const fs::path here = fs::current_path();
@@ -288,7 +244,7 @@ TEST_F(Program, ViewKeepsOrientationAndAppliesTheCurve) {
 
     const Outcome outcome = Run("view " + std::string(name) + " out.png");
     ASSERT_EQ(outcome.status, 0) << name << outcome.errors;
-    const ImageBuffer screen = LoadTopFirst(root / "work/out.png");
+    const ImageBuffer screen = LoadTopFirst(work / "out.png");
     ASSERT_EQ(screen.width, 8) << name;
     ASSERT_EQ(screen.height, 3) << name;
     const bool isByteFile = path.extension() == ".tif";  // holds 8 bits of linear light
@@ -306,22 +262,22 @@ TEST_F(Program, ViewAppliesStopsAndNeedsAPicture) {
   ImageBuffer picture;
   Allocate(picture, 2, 1, 3, 32, false);
   WritePixel(picture, {0.25f, 0.125f, 2}, 0);
-  picture.fileName = (root / "work/in.pfm").string();
+  picture.fileName = (work / "in.pfm").string();
   ASSERT_TRUE(SaveImage(picture));
   ASSERT_EQ(Run("view in.pfm up.png --exposure 1").status, 0);
   ASSERT_EQ(Run("view in.pfm a.hdr.png --exposure -1").status, 0);
-  ExpectColor(255 * ReadPixel(LoadTopFirst(root / "work/up.png"), 0), {188, 137, 255}, 0.01f);
+  ExpectColor(255 * ReadPixel(LoadTopFirst(work / "up.png"), 0), {188, 137, 255}, 0.01f);
   // The name does not make it a float file.
-  EXPECT_TRUE(ReadFile(root / "work/a.hdr.png").starts_with("\x89PNG"));
-  fs::rename(root / "work/a.hdr.png", root / "work/down.png");
-  ExpectColor(255 * ReadPixel(LoadTopFirst(root / "work/down.png"), 0), {99, 71, 255}, 0.01f);
+  EXPECT_TRUE(ReadFile(work / "a.hdr.png").starts_with("\x89PNG"));
+  fs::rename(work / "a.hdr.png", work / "down.png");
+  ExpectColor(255 * ReadPixel(LoadTopFirst(work / "down.png"), 0), {99, 71, 255}, 0.01f);
 
-  WriteFile(root / "work/text.hdr", "no picture");
-  WriteFile(root / "work/keep.png", "old");
+  WriteFile(work / "text.hdr", "no picture");
+  WriteFile(work / "keep.png", "old");
   for (const char* arguments :
        {"view missing.hdr keep.png", "view text.hdr keep.png", "view in.pfm missing/out.png"})
     ExpectFailure(arguments, 1);
-  EXPECT_EQ(ReadFile(root / "work/keep.png"), "old");
+  EXPECT_EQ(ReadFile(work / "keep.png"), "old");
 }
 
 }  // namespace
