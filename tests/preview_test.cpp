@@ -13,7 +13,6 @@
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -54,23 +53,19 @@ bool Await(Done done) {
 // A program that runs beside the test and dies with it.
 class Child {
  public:
-  // `display` is its DISPLAY; null for none. Descriptor 9 of the child is `ninth`, if it is not negative.
-  Child(const std::vector<std::string>& words, const fs::path& folder, const char* display, int ninth = -1) {
+  // `display` is its DISPLAY; null for none. What it prints goes beside its folder.
+  Child(const std::vector<std::string>& words, const fs::path& folder, const char* display) {
     outputFile = folder.parent_path() / "stdout";
     errorsFile = folder.parent_path() / "stderr";
+    fs::remove(outputFile);  // of an earlier child, which nobody shall take for this one's
     // A build that counts leaks shall not count those of OpenGL's driver. It is unloaded by then and has no
     // name; whole stacks lead to the library that had loaded it, or to our one function that draws.
     const fs::path suppressions = folder.parent_path() / "leaks";
     WriteFile(suppressions, "leak:libGLX\nleak:^Draw$\n");
     const char* options = std::getenv("ASAN_OPTIONS");
-    std::vector<std::string> all = {
-        "env",
-        "-u",
-        "DISPLAY",
-        "OMP_NUM_THREADS=1",
-        "GALLIUM_DRIVER=softpipe",
-        "LSAN_OPTIONS=print_suppressions=0:suppressions=" + suppressions.string(),
-        std::string("ASAN_OPTIONS=fast_unwind_on_malloc=0:") + (options != nullptr ? options : "")};
+    std::vector<std::string> all = {"env", "-u", "DISPLAY", "OMP_NUM_THREADS=1", "GALLIUM_DRIVER=softpipe"};
+    all.push_back("LSAN_OPTIONS=print_suppressions=0:suppressions=" + suppressions.string());
+    all.push_back(std::string("ASAN_OPTIONS=fast_unwind_on_malloc=0:") + (options ? options : ""));
     if (display != nullptr) all.push_back(std::string("DISPLAY=") + display);
     all.insert(all.end(), words.begin(), words.end());
     std::vector<char*> arguments;
@@ -81,7 +76,6 @@ class Child {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
     dup2(open(errorsFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-    if (ninth >= 0) dup2(ninth, 9);
     if (chdir(folder.c_str()) == 0) execvp(arguments[0], arguments.data());
     _exit(127);
   }
@@ -151,7 +145,7 @@ class PreviewWindow : public ProgramTest {
  protected:
   void SetUp() override {
     ProgramTest::SetUp();
-    fs::create_directories(root / "server");
+    fs::create_directories(root / "server/run");
     WriteScene("resolution 144 96\nsample 6\naov\nimage \"second.pfm\"\ntype \"depth\"\nend\n", true);
     XSetErrorHandler([](Display*, XErrorEvent*) { return 0; });  // a window may vanish under a look at it
   }
@@ -162,23 +156,17 @@ class PreviewWindow : public ProgramTest {
     ProgramTest::TearDown();
   }
 
-  // On a free display, whose number the server tells through descriptor 9.
+  // On a free display, whose number the server prints.
   void StartServer() {
     Disconnect();
     window = None;
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    server.emplace(std::vector<std::string>{"Xvfb", "-displayfd", "9", "-screen", "0", "640x480x24",
+    server.emplace(std::vector<std::string>{"Xvfb", "-displayfd", "1", "-screen", "0", "640x480x24",
                                             "-nolisten", "tcp", "-noreset"},
-                   root / "server", nullptr, ends[1]);
-    close(ends[1]);
+                   root / "server/run", nullptr);
     std::string number;
-    pollfd told = {ends[0], POLLIN, 0};
-    for (char letter = 0; poll(&told, 1, 20'000) == 1 && read(ends[0], &letter, 1) == 1 && letter != '\n';)
-      number += letter;
-    close(ends[0]);
-    ASSERT_FALSE(number.empty()) << "Xvfb does not start";
-    display = ":" + number;
+    ASSERT_TRUE(Await([&] { return (number = server->Output()).ends_with('\n') || server->Ended(); }));
+    ASSERT_FALSE(server->Ended()) << server->Errors();
+    display = ":" + number.substr(0, number.size() - 1);
     connection = XOpenDisplay(display.c_str());
     ASSERT_NE(connection, nullptr);
   }
@@ -440,17 +428,14 @@ TEST_F(PreviewWindow, OfAHostEndsItsProcess) {
     EXPECT_FALSE(fs::exists(work / "second.pfm"));
   }
   fs::remove(beauty());
-  {
-    Child host(ThisTestAsHost(), work, nullptr);
-    EXPECT_EQ(host.ExitStatus(), 0) << host.Errors();
-    EXPECT_NE(host.Output().find("PASSED"), std::string::npos);
-    EXPECT_NE(host.Output().find("error :( \tpreview - "), std::string::npos);
-    EXPECT_NE(host.Output().find(
-                  "         click to close the preview window. happy rendering. thank you!         \n"),
-              std::string::npos);
-    EXPECT_FALSE(beauty().empty());
-    EXPECT_TRUE(fs::exists(work / "second.pfm"));
-  }
+  Child host(ThisTestAsHost(), work, nullptr);
+  EXPECT_EQ(host.ExitStatus(), 0) << host.Errors();
+  for (const char* row :
+       {"PASSED", "error :( \tpreview - ",
+        "         click to close the preview window. happy rendering. thank you!         \n"})
+    EXPECT_NE(host.Output().find(row), std::string::npos) << row;
+  EXPECT_FALSE(beauty().empty());
+  EXPECT_TRUE(fs::exists(work / "second.pfm"));
 }
 
 }  // namespace
