@@ -72,6 +72,7 @@ class Interface(unittest.TestCase):
             (ValueError, r"\[n\], \[n, 2\] or \[n, 3\].*\[2, 4\]", zp.add_vertex_data, *part, "a", np.ones((2, 4))),
             (ValueError, r"set_instance.*\[4, 4\].*\[3, 4\]", zp.set_instance, 0, 0, 0, np.zeros((3, 4))),
             (ValueError, r"uv.*\[3, 3\].*\[2\]", zp.set_surface_image, 0, 0, zp.Element.IOR, "a", 1, None, [1, 2]),
+            (ValueError, "render_pixels.*width and height", zp.render_pixels, 4, -1, 0),
             (ValueError, "render_pixels.*width and height", zp.render_pixels, 1 << 16, 1 << 16, 0),
             (ValueError, "null", zp.set_shader_name, 0, "a\0b"),
             (TypeError, "zp.Material", zp.set_surface_material, 0, 0, 1),
