@@ -1,15 +1,12 @@
 // The interface that hosts link: every symbol of the library, and every one of them explained in its header.
 
-#include <cxxabi.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -163,30 +160,22 @@ Strings Expected() {
   return list;
 }
 
-std::string Demangle(const std::string& symbol) {
-  int status = -1;
-  const std::unique_ptr<char, decltype(&std::free)> name(
-      abi::__cxa_demangle(symbol.c_str(), nullptr, nullptr, &status), std::free);
-  return status == 0 ? name.get() : symbol;
-}
-
 // What the dynamic library offers, demangled and sorted; what nm could not tell is a failure.
 Strings ExportedSymbols() {
-  Strings list;
-  std::FILE* pipe = popen("nm -D --defined-only '" ZP_LIBRARY "'", "r");
-  EXPECT_NE(pipe, nullptr);
-  if (pipe == nullptr) return list;
   std::string text;
+  std::FILE* pipe = popen("nm -DC --defined-only '" ZP_LIBRARY "'", "r");
   char buffer[4096];
-  for (std::size_t n = 0; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) text.append(buffer, n);
-  const int status = pclose(pipe);
+  for (std::size_t n = 0; pipe != nullptr && (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+    text.append(buffer, n);
+  const int status = pipe == nullptr ? -1 : pclose(pipe);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 
+  Strings list;
   std::istringstream rows(text);
-  for (std::string address, kind, symbol; rows >> address >> kind >> symbol;) {
-    const std::string name = Demangle(symbol);
-    EXPECT_EQ(kind, "T") << name << " is no ordinary function";
-    list.push_back(name);
+  std::string address, kind, symbol;
+  while (rows >> address >> kind && std::getline(rows >> std::ws, symbol)) {
+    EXPECT_EQ(kind, "T") << symbol << " is no ordinary function";
+    list.push_back(symbol);
   }
   std::sort(list.begin(), list.end());
   return list;
@@ -211,12 +200,6 @@ TEST(Interface, TheLibraryExportsTheListedFunctionsAndNothingElse) {
   ExpectSame(ExportedSymbols(), "the library");
 }
 
-struct Declaration {
-  std::string signature;  // as a demangler writes it
-  std::string before;     // the line above
-  bool returnsIndex = false, noThrow = false;
-};
-
 bool BeginsWith(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
 
 // A declared argument without its name, in a demangler's order of words: `const float matrix[][4]` becomes
@@ -235,44 +218,29 @@ std::string ArgumentType(std::string argument) {
   return type + bounds;
 }
 
-// Every declaration begins a line with its result.
-std::vector<Declaration> HeaderDeclarations() {
+TEST(Interface, TheHeaderDeclaresAndExplainsEachOfThem) {
   std::ifstream file(ZP_SOURCES "/src/frame/zp.h");
   EXPECT_TRUE(file.is_open());
-  std::vector<Declaration> list;
+  Strings declared;
   std::string before;
   for (std::string line; std::getline(file, line); before = line) {
+    // Every declaration begins a line with its result.
     if (!BeginsWith(line, "void zp") && !BeginsWith(line, "int zp")) continue;
-    Declaration declaration;
-    declaration.before = before;
-    declaration.returnsIndex = BeginsWith(line, "int");
+    EXPECT_TRUE(BeginsWith(before, "///")) << line << " has no explanation";
     for (std::string more; line.find(';') == std::string::npos && std::getline(file, more);)
       line += " " + more.substr(std::min(more.find_first_not_of(' '), more.size()));
     const std::size_t name = line.find("zp"), open = line.find('('), close = line.find(')');
-    if (open == std::string::npos || close == std::string::npos) {
-      ADD_FAILURE() << "unreadable: " << line;
-      continue;
-    }
+    ASSERT_TRUE(open < close && close < line.size()) << "unreadable: " << line;
     std::string types;
     std::istringstream arguments(line.substr(open + 1, close - open - 1));
     for (std::string argument; std::getline(arguments >> std::ws, argument, ',');)
       types += (types.empty() ? "" : ", ") + ArgumentType(argument);
-    declaration.signature = line.substr(name, open - name) + "(" + types + ")";
-    declaration.noThrow = line.substr(close) == ") noexcept;";
-    list.push_back(std::move(declaration));
-  }
-  return list;
-}
-
-TEST(Interface, TheHeaderDeclaresAndExplainsEachOfThem) {
-  Strings declared;
-  for (const Declaration& d : HeaderDeclarations()) {
-    declared.push_back(d.signature);
-    EXPECT_TRUE(BeginsWith(d.before, "///")) << d.signature << " has no explanation";
-    // What a symbol does not tell. A record is added without data.
-    EXPECT_TRUE(d.noThrow) << d.signature;
-    const bool addsRecord = BeginsWith(d.signature, "zpAdd") && d.signature.find(',') == std::string::npos;
-    EXPECT_EQ(d.returnsIndex, addsRecord) << d.signature;
+    declared.push_back(line.substr(name, open - name) + "(" + types + ")");
+    // What a symbol does not tell: the result, an index where a record is added and not its data; and that no
+    // exception gets through.
+    const bool addsRecord = line.find("zpAdd") == name && types.find(',') == std::string::npos;
+    EXPECT_EQ(BeginsWith(line, "int"), addsRecord) << line;
+    EXPECT_EQ(line.substr(close), ") noexcept;") << line;
   }
   std::sort(declared.begin(), declared.end());
   ExpectSame(declared, "the header");
