@@ -7,10 +7,8 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <initializer_list>
-#include <iterator>
 #include <map>
 #include <set>
 #include <string>
@@ -25,6 +23,7 @@
 #include "frame/zp.h"
 #include "lights/lights.h"
 #include "lights/photon_store.h"
+#include "program_fixture.h"
 #include "scene/scene.h"
 
 namespace zp {
@@ -370,11 +369,7 @@ class HostScenes : public testing::Test {
   // A new folder with the files of a scene, where the process then works.
   void Enter(const TwofoldScene& scene) {
     const fs::path folder = root_ / std::to_string(count_++);
-    fs::create_directories(folder);
-    for (const auto& [name, bytes] : scene.files) {
-      fs::create_directories((folder / name).parent_path());
-      std::ofstream(folder / name, std::ios::binary) << bytes;
-    }
+    for (const auto& [name, bytes] : scene.files) WriteFile(folder / name, bytes);
     fs::current_path(folder);
   }
 
@@ -382,10 +377,7 @@ class HostScenes : public testing::Test {
   static Pictures Written() {
     Pictures pictures;
     for (const fs::directory_entry& entry : fs::directory_iterator("."))
-      if (entry.is_regular_file()) {
-        std::ifstream file(entry.path(), std::ios::binary);
-        pictures[entry.path().filename().string()] = {std::istreambuf_iterator<char>(file), {}};
-      }
+      if (entry.is_regular_file()) pictures[entry.path().filename().string()] = ReadFile(entry.path());
     return pictures;
   }
 

@@ -1,4 +1,4 @@
-// What tests share that run the program in a folder of their own.
+// What tests share that write files, or run the program, in a folder of their own.
 
 #pragma once
 
