@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <tuple>
 
 #include "accel/accel.h"
 #include "core/random.h"
@@ -94,29 +95,22 @@ TEST_F(Lifecycle, WhatCarriesOverToTheNextScene) {
     settings.finalGathering = true;
     settings.geometrySampleCopy = 1;
     Printed([&] { atStartup ? Startup() : Finalize(); });
-    EXPECT_EQ(settings.clamp, (Vec3{1, 2, 3}));
-    EXPECT_EQ(settings.error, (Vec3{4, 5, 6}));
-    EXPECT_EQ(settings.distance, 7);
-    EXPECT_EQ(settings.resolution, 8);
-    EXPECT_EQ(settings.rendererBounce, 9);
-    EXPECT_EQ(settings.displayGamma, 10);
-    EXPECT_TRUE(settings.previewWindow);
-    EXPECT_EQ(skyLight.image, "sky.hdr");
-    EXPECT_EQ(skyLight.backdrop, "backdrop.hdr");
-    EXPECT_EQ(skyLight.turbidity, 3);
+    const RendererSettings& is = settings;
+    const SkyLight& sky = skyLight;
+    EXPECT_EQ(std::tie(is.clamp, is.error), std::tuple(Vec3{1, 2, 3}, Vec3{4, 5, 6}));
+    EXPECT_EQ(std::tie(is.distance, is.resolution, is.rendererBounce, is.displayGamma, is.previewWindow),
+              std::tuple(7, 8, 9, 10, true));
+    EXPECT_EQ(std::tie(sky.image, sky.backdrop, sky.turbidity), std::tuple("sky.hdr", "backdrop.hdr", 3));
     // And what does not. The radius of photons is only put back at the end.
-    EXPECT_EQ(settings.photonRadius, atStartup ? 11 : 1);
-    EXPECT_EQ(settings.rayDepth, 8);
-    EXPECT_EQ(settings.photonDepth, 8);
-    EXPECT_EQ(settings.rendererSample, 64);
-    EXPECT_EQ(skyLight.color, (Vec3{0.75f, 0.75f, 0.75f}));
-    EXPECT_EQ(skyLight.photon, 1000000);
-    EXPECT_TRUE(skyLight.aovs.empty() && skyLight.link.names.empty());
+    EXPECT_EQ(is.photonRadius, atStartup ? 11 : 1);
+    EXPECT_EQ(
+        std::tie(is.rayDepth, is.photonDepth, is.rendererSample, is.finalGathering, is.geometrySampleCopy),
+        std::tuple(8, 8, 64, false, 64));
+    EXPECT_EQ(std::tie(sky.color, sky.photon), std::tuple(Vec3{0.75f, 0.75f, 0.75f}, 1000000));
+    EXPECT_TRUE(sky.aovs.empty() && sky.link.names.empty());
     EXPECT_EQ(geometryLight.sample, 0);
     EXPECT_EQ(geometryLight.colorWeight, kWhite);
     EXPECT_EQ(globalVolume.transmittance, kWhite);
-    EXPECT_FALSE(settings.finalGathering);
-    EXPECT_EQ(settings.geometrySampleCopy, 64);
   }
   Shutdown();
   settings = before;

