@@ -1,18 +1,14 @@
 // The interface that hosts link: every symbol of the library, and every one of them explained in its header.
 
-#include <cxxabi.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <sstream>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "core/console.h"
@@ -20,30 +16,12 @@
 #include "frame/zp.h"
 #include "geometry/object.h"
 #include "imaging/imaging.h"
+#include "integrator/estimator.h"
 #include "lights/lights.h"
 #include "shading/shading.h"
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define ZP_SANITIZED
-#endif
-#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define ZP_SANITIZED
-#endif
-
 namespace zp {
 namespace {
-
-// What a symbol does not tell: the results. No function lets an exception through.
-static_assert(std::is_same_v<decltype(&zpAddObject), int (*)() noexcept>);
-static_assert(std::is_same_v<decltype(&zpAddPart), int (*)(int) noexcept>);
-static_assert(std::is_same_v<decltype(&zpAddSurfaceShader), int (*)(int) noexcept>);
-static_assert(std::is_same_v<decltype(&zpAddCameraAOV), int (*)(int) noexcept>);
-static_assert(std::is_same_v<decltype(&zpAddSkyLightAOV), int (*)() noexcept>);
-static_assert(std::is_same_v<decltype(&zpGo), void (*)(const char*) noexcept>);
-static_assert(std::is_same_v<decltype(&zpRenderPixels), void (*)(int, float*, int) noexcept>);
-static_assert(
-    std::is_same_v<decltype(&zpSetInstance), void (*)(int, int, int, const float (*)[4], int) noexcept>);
 
 constexpr const char* kSignatures[] = {
     "zpStartup()",
@@ -182,30 +160,22 @@ Strings Expected() {
   return list;
 }
 
-std::string Demangle(const std::string& symbol) {
-  int status = -1;
-  const std::unique_ptr<char, decltype(&std::free)> name(
-      abi::__cxa_demangle(symbol.c_str(), nullptr, nullptr, &status), std::free);
-  return status == 0 ? name.get() : symbol;
-}
-
 // What the dynamic library offers, demangled and sorted; what nm could not tell is a failure.
 Strings ExportedSymbols() {
-  Strings list;
-  std::FILE* pipe = popen("nm -D --defined-only '" ZP_LIBRARY "'", "r");
-  EXPECT_NE(pipe, nullptr);
-  if (pipe == nullptr) return list;
   std::string text;
+  std::FILE* pipe = popen("nm -DC --defined-only '" ZP_LIBRARY "'", "r");
   char buffer[4096];
-  for (std::size_t n = 0; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) text.append(buffer, n);
-  const int status = pclose(pipe);
+  for (std::size_t n = 0; pipe != nullptr && (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+    text.append(buffer, n);
+  const int status = pipe == nullptr ? -1 : pclose(pipe);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 
+  Strings list;
   std::istringstream rows(text);
-  for (std::string address, kind, symbol; rows >> address >> kind >> symbol;) {
-    const std::string name = Demangle(symbol);
-    EXPECT_EQ(kind, "T") << name << " is no ordinary function";
-    list.push_back(name);
+  std::string address, kind, symbol;
+  while (rows >> address >> kind && std::getline(rows >> std::ws, symbol)) {
+    EXPECT_EQ(kind, "T") << symbol << " is no ordinary function";
+    list.push_back(symbol);
   }
   std::sort(list.begin(), list.end());
   return list;
@@ -230,12 +200,6 @@ TEST(Interface, TheLibraryExportsTheListedFunctionsAndNothingElse) {
   ExpectSame(ExportedSymbols(), "the library");
 }
 
-struct Declaration {
-  std::string signature;  // as a demangler writes it
-  std::string before;     // the line above
-  bool noThrow = false;
-};
-
 bool BeginsWith(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
 
 // A declared argument without its name, in a demangler's order of words: `const float matrix[][4]` becomes
@@ -254,40 +218,29 @@ std::string ArgumentType(std::string argument) {
   return type + bounds;
 }
 
-// Every declaration begins a line with its result.
-std::vector<Declaration> HeaderDeclarations() {
+TEST(Interface, TheHeaderDeclaresAndExplainsEachOfThem) {
   std::ifstream file(ZP_SOURCES "/src/frame/zp.h");
   EXPECT_TRUE(file.is_open());
-  std::vector<Declaration> list;
+  Strings declared;
   std::string before;
   for (std::string line; std::getline(file, line); before = line) {
+    // Every declaration begins a line with its result.
     if (!BeginsWith(line, "void zp") && !BeginsWith(line, "int zp")) continue;
-    Declaration declaration;
-    declaration.before = before;
+    EXPECT_TRUE(BeginsWith(before, "///")) << line << " has no explanation";
     for (std::string more; line.find(';') == std::string::npos && std::getline(file, more);)
       line += " " + more.substr(std::min(more.find_first_not_of(' '), more.size()));
     const std::size_t name = line.find("zp"), open = line.find('('), close = line.find(')');
-    if (open == std::string::npos || close == std::string::npos) {
-      ADD_FAILURE() << "unreadable: " << line;
-      continue;
-    }
+    ASSERT_TRUE(open < close && close < line.size()) << "unreadable: " << line;
     std::string types;
     std::istringstream arguments(line.substr(open + 1, close - open - 1));
     for (std::string argument; std::getline(arguments >> std::ws, argument, ',');)
       types += (types.empty() ? "" : ", ") + ArgumentType(argument);
-    declaration.signature = line.substr(name, open - name) + "(" + types + ")";
-    declaration.noThrow = line.substr(close) == ") noexcept;";
-    list.push_back(std::move(declaration));
-  }
-  return list;
-}
-
-TEST(Interface, TheHeaderDeclaresAndExplainsEachOfThem) {
-  Strings declared;
-  for (const Declaration& d : HeaderDeclarations()) {
-    declared.push_back(d.signature);
-    EXPECT_TRUE(BeginsWith(d.before, "///")) << d.signature << " has no explanation";
-    EXPECT_TRUE(d.noThrow) << d.signature;
+    declared.push_back(line.substr(name, open - name) + "(" + types + ")");
+    // What a symbol does not tell: the result, an index where a record is added and not its data; and that no
+    // exception gets through.
+    const bool addsRecord = line.find("zpAdd") == name && types.find(',') == std::string::npos;
+    EXPECT_EQ(BeginsWith(line, "int"), addsRecord) << line;
+    EXPECT_EQ(line.substr(close), ") noexcept;") << line;
   }
   std::sort(declared.begin(), declared.end());
   ExpectSame(declared, "the header");
@@ -312,29 +265,17 @@ class Host : public testing::Test {
     SetConsoleQuiet(false);
   }
 
-  static int AddNamedShader(const char* name, float grey) {
+  static int AddLamp() {
     const int shader = zpAddShader();
-    zpSetShaderName(shader, name);
-    zpSetSurfaceColor(shader, zpAddSurfaceShader(shader), ::Element::kEmissive, grey, grey, grey);
+    zpSetShaderName(shader, "lamp");
+    zpSetSurfaceColor(shader, zpAddSurfaceShader(shader), ::Element::kEmissive, 3, 3, 3);
     return shader;
   }
   static void AddTriangle(int object, int part) {
     const float corners[3][3] = {{-1, 0, -1}, {1, 0, -1}, {0, 0, 1}};
     const int triangle[3] = {0, 1, 2};
-    if (objectTable[static_cast<std::size_t>(object)].parts[static_cast<std::size_t>(part)].positions.empty())
-      zpAddPositions(object, part, 3, corners[0]);
+    zpAddPositions(object, part, 3, corners[0]);
     zpAddTriangles(object, part, 1, triangle);
-  }
-  // Looks along y from (0, -4, 0); 4 x 2 pixels, two passes, no file for the beauty image.
-  static int AddSmallCamera() {
-    const int camera = zpAddCamera();
-    zpSetCameraPosition(camera, 0, -4, 0);
-    zpSetCameraUpVector(camera, 0, 0, 1);
-    zpSetCameraFOV(camera, 5);
-    zpSetCameraResolution(camera, 4, 2);
-    zpSetCameraSample(camera, 2);
-    zpSetCameraAOVName(camera, 0, "");
-    return camera;
   }
 
  private:
@@ -359,18 +300,14 @@ TEST_F(Host, IndicesCountFromTheFirstRecord) {
   EXPECT_EQ(zpAddGeometryLightAOV(), 0);
 }
 
-TEST_F(Host, WrongIndicesAndNullsChangeNothing) {
+TEST_F(Host, WrongIndicesCountsAndNullsChangeNothing) {
   const int object = zpAddObject(), part = zpAddPart(object), camera = zpAddCamera();
   const float numbers[16] = {};
   const int vertices[4] = {};
   for (const int wrong : {-1, 1, 1 << 30}) {
-    EXPECT_EQ(zpAddPart(wrong), -1);
-    EXPECT_EQ(zpAddInstance(wrong), -1);
-    EXPECT_EQ(zpAddSurfaceShader(wrong), -1);
-    EXPECT_EQ(zpAddDisplacementShader(wrong), -1);
-    EXPECT_EQ(zpAddCameraAOV(wrong), -1);
-    EXPECT_EQ(zpAddPointLightAOV(wrong), -1);
-    EXPECT_EQ(zpAddParallelLightAOV(wrong), -1);
+    for (const auto add : {zpAddPart, zpAddInstance, zpAddSurfaceShader, zpAddDisplacementShader,
+                           zpAddCameraAOV, zpAddPointLightAOV, zpAddParallelLightAOV})
+      EXPECT_EQ(add(wrong), -1);
     zpAddPositions(object, wrong, 1, numbers);
     zpAddTetragons(wrong, part, 1, vertices);
     zpAddVertexData(object, wrong, "x", 1, 3, numbers);
@@ -386,20 +323,25 @@ TEST_F(Host, WrongIndicesAndNullsChangeNothing) {
     zpSetGeometryLightAOVShaderName(wrong, "x");
   }
   for (const int count : {0, -5}) {
-    zpAddPositions(object, part, count, numbers);
-    zpAddTriangles(object, part, count, vertices);
+    for (const auto add : {zpAddPositions, zpAddNormals, zpAddTangents, zpAddUVs, zpAddRadii})
+      add(object, part, count, numbers);
+    for (const auto add : {zpAddTriangles, zpAddTetragons, zpAddCylinders, zpAddParticles})
+      add(object, part, count, vertices);
+    zpAddVertexData(object, part, "heat", count, 1, numbers);
   }
-  zpAddUVs(object, part, 1, nullptr);
+  for (const auto add : {zpAddPositions, zpAddNormals, zpAddTangents, zpAddUVs, zpAddRadii})
+    add(object, part, 1, nullptr);
   zpSetObjectName(object, nullptr);
-  EXPECT_TRUE(objectTable[0].parts[0].positions.empty() && objectTable[0].parts[0].triangles.empty());
-  EXPECT_TRUE(objectTable[0].parts[0].uvSets[0].values.empty());
+  const Part& kept = objectTable[0].parts[0];
+  EXPECT_TRUE(kept.positions.empty() && kept.triangles.empty() && kept.tetragons.empty());
+  EXPECT_TRUE(kept.uvSets[0].values.empty());
   EXPECT_EQ(shaders[0].surfaces[0][zp::Element::kLambertian].color, (Vec3{0.85f, 0.85f, 0.85f}));
   EXPECT_EQ(cameras[0].poses[0].position, Vec3());
   EXPECT_EQ(objectTable[0].name, "");
 }
 
 TEST_F(Host, ShadersThatCountAsNone) {
-  const int named = AddNamedShader("named", 1);
+  const int named = AddLamp();
   const int unnamed = zpAddShader();
   zpAddSurfaceShader(unnamed);
   const int bare = zpAddShader();  // a name, but no layer
@@ -440,9 +382,14 @@ TEST_F(Host, ChannelsReplaceOnCamerasAndAddUpOnLights) {
 
 TEST_F(Host, RenderPixelsGivesOnePassAndLeavesTheMeanAlone) {
   const int object = zpAddObject(), part = zpAddPart(object);
-  zpSetShaderID(object, part, AddNamedShader("lamp", 3));
+  zpSetShaderID(object, part, AddLamp());
   AddTriangle(object, part);
-  const int camera = AddSmallCamera(), depth = zpAddCameraAOV(camera);
+  const int camera = zpAddCamera(), depth = zpAddCameraAOV(camera);
+  zpSetCameraPosition(camera, 0, -4, 0);
+  zpSetCameraUpVector(camera, 0, 0, 1);
+  zpSetCameraFOV(camera, 5);
+  zpSetCameraResolution(camera, 4, 2);
+  zpSetCameraSample(camera, 2);
   zpSetCameraRegion(camera, 1, 0, 3, 2);
   zpSetCameraAOVChannel(camera, depth, kZpDepth);
   zpInitialize();
@@ -459,58 +406,8 @@ TEST_F(Host, RenderPixelsGivesOnePassAndLeavesTheMeanAlone) {
   }
 }
 
-TEST_F(Host, AFinishedFrameDropsTheLights) {
-  AddSmallCamera();
-  zpAddPointLight();
-  zpAddParallelLight();
-  zpSetSkyLightColor(2, 2, 2);
-  zpSetSkyLightImage("kept.hdr");
-  zpInitialize();
-  zpRender();
-  EXPECT_EQ(ReadPixel(cameras[0].aovs[0].image, 0), (Vec3{2, 2, 2}));
-  EXPECT_TRUE(pointLights.empty() && parallelLights.empty());
-  zpRender();
-  EXPECT_EQ(ReadPixel(cameras[0].aovs[0].image, 0), (Vec3{0.75f, 0.75f, 0.75f}));
-  EXPECT_EQ(skyLight.image, "kept.hdr");
-}
-
-TEST_F(Host, WhatCarriesOverToTheNextScene) {
-  zpSetRendererClamp(1, 2, 3);
-  zpSetRendererError(4, 5, 6);
-  zpSetRendererDistance(7);
-  zpSetRendererResolution(8);
-  zpSetRendererBounce(9);
-  zpSetDisplayGamma(10);
-  zpSetPreviewWindow(true);
-  zpSetSkyLightBackdrop("backdrop.hdr");
-  zpSetRendererRadius(11);
-  zpSetRendererRayDepth(12);
-  zpSetRendererPhotonDepth(13);
-  zpSetRendererSample(14);
-  zpSetSkyLightPhoton(15);
-  zpSetGeometryLightSample(16);
-  zpFinalize();
-  zpShutdown();
-  zpStartup();
-  EXPECT_EQ(settings.clamp, (Vec3{1, 2, 3}));
-  EXPECT_EQ(settings.error, (Vec3{4, 5, 6}));
-  EXPECT_EQ(settings.distance, 7);
-  EXPECT_EQ(settings.resolution, 8);
-  EXPECT_EQ(settings.rendererBounce, 9);
-  EXPECT_EQ(settings.displayGamma, 10);
-  EXPECT_TRUE(settings.previewWindow);
-  EXPECT_EQ(skyLight.backdrop, "backdrop.hdr");
-  // And what does not.
-  EXPECT_EQ(settings.photonRadius, 1);
-  EXPECT_EQ(settings.rayDepth, 8);
-  EXPECT_EQ(settings.photonDepth, 8);
-  EXPECT_EQ(settings.rendererSample, 64);
-  EXPECT_EQ(skyLight.photon, 1000000);
-  EXPECT_EQ(geometryLight.sample, 0);
-}
-
 TEST_F(Host, TheGeometryLightsTwoFunctionsActOnTheSky) {
-  zpSetSkyLightColor(0, 0, 0);
+  zpSetSkyLightColor(0.0009f, 0.0009f, 0.0009f);
   zpSetGeometryLightPhoton(5);
   zpInitializeGeometryLight();
   EXPECT_EQ(skyLight.photon, 0);  // a black sky is readied
@@ -520,6 +417,19 @@ TEST_F(Host, TheGeometryLightsTwoFunctionsActOnTheSky) {
   EXPECT_EQ(geometryLight.photon, 5);
   zpInitializeRenderer();  // readies what no function of its own does
   EXPECT_TRUE(geometryLight.initialized);
+  EXPECT_EQ(geometryLight.photon, 0);  // nothing emits
+}
+
+// The gather obeys at once; what light samples weigh stays as it was.
+TEST_F(Host, SamplesSetAfterInitialisation) {
+  zpSetRendererSample(16);
+  zpSetRendererBounce(2);
+  zpInitialize();
+  skyLight.sample = geometryLight.sample = 4;  // without a picture or emitters none is drawn
+  zpSetRendererSample(4);
+  EXPECT_EQ(settings.rendererSample, 4);
+  EXPECT_FLOAT_EQ(LightSampleWeight({}, 1, 1, BudgetsOf(skyLight)), 0.2f);
+  EXPECT_FLOAT_EQ(LightSampleWeight({}, 1, 1, BudgetsOf(geometryLight)), 0.2f);
 }
 
 }  // namespace

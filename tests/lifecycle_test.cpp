@@ -2,12 +2,14 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <tuple>
 
 #include "accel/accel.h"
 #include "core/random.h"
 #include "core/settings.h"
 #include "core/tables.h"
 #include "frame/frame.h"
+#include "frame/zp.h"
 #include "integrator/integrator.h"
 #include "lights/lights.h"
 #include "scene/scene.h"
@@ -41,122 +43,96 @@ class Lifecycle : public testing::Test {
   }
 };
 
-TEST_F(Lifecycle, StartupPrintsTheBannerAndFillsTheTables) {
+TEST_F(Lifecycle, StartupPrintsTheBannerAndFillsTheTablesOnce) {
   const std::string rule = std::string(80, '_') + "\n\n";
   const std::string text = Printed([] { Startup(1); });
   EXPECT_EQ(text.rfind(rule + "            zephlore Apr 30 2015\n", 0), 0u) << text;
   EXPECT_EQ(text.substr(text.size() - rule.size()), rule);
   EXPECT_EQ(exponentTable[136], 1.0);
   EXPECT_EQ(exponentTable[0], std::ldexp(1.0, -136));
-  EXPECT_EQ(haltonTables[1][5], 2.0f / 3 + 1.0f / 9);
   EXPECT_EQ(noisePermutation[0], 151);
   EXPECT_EQ(noisePermutation[256], 151);
+  const Vec2 seeded = pixelRotationTable[3][7];
+  Printed([] { Startup(1); });
   ASSERT_EQ(shaders.size(), 1u);
   EXPECT_EQ(shaders[0].name, "undefined");
   EXPECT_EQ(shaders[0].surfaces.at(0)[Element::kLambertian].color, (Vec3{0.85f, 0.85f, 0.85f}));
-  Printed([] { Shutdown(); });
-}
-
-TEST_F(Lifecycle, StartupTwice) {
-  Printed([] { Startup(5); });
-  const Vec2 seeded = pixelRotationTable[3][7];
-  Printed([] { Startup(5); });
-  EXPECT_EQ(shaders.size(), 1u);
   EXPECT_EQ(imageSearchPaths, std::vector<std::string>{""});
   EXPECT_EQ(pixelRotationTable[3][7], seeded);
   Shutdown();
   EXPECT_TRUE(haltonTables[0].empty());
   Printed([] { Startup(6); });
   EXPECT_EQ(haltonTables[0].size(), 4096u);
-  EXPECT_EQ(haltonTables[0][1], 0.5f);
+  EXPECT_EQ(haltonTables[1][5], 2.0f / 3 + 1.0f / 9);
   EXPECT_NE(pixelRotationTable[3][7], seeded);
   Shutdown();
 }
 
-TEST_F(Lifecycle, Resets) {
+// The end of a run resets as much as the start of the next.
+TEST_F(Lifecycle, WhatCarriesOverToTheNextScene) {
   const RendererSettings before = settings;
-  settings.rayDepth = 3;
-  settings.photonDepth = 99;
-  settings.rendererSample = 2;
-  settings.finalGathering = true;
-  settings.rendererBounce = 4;
-  settings.distance = 7;
-  settings.clamp = kWhite;
-  skyLight.color = kBlack;
-  skyLight.turbidity = 3;
-  skyLight.image = "sky.hdr";
-  skyLight.link.names = {"a"};
-  skyLight.aovs.resize(2);
-  globalVolume.transmittance = kBlack;
-  geometryLight.sample = 5;
-  geometryLight.colorWeight = kBlack;
-  settings.geometrySampleCopy = 1;
-  Printed([] { Startup(); });
-  EXPECT_EQ(settings.rayDepth, 8);
-  EXPECT_EQ(settings.photonDepth, 8);
-  EXPECT_EQ(settings.rendererSample, 64);
-  EXPECT_FALSE(settings.finalGathering);
-  EXPECT_EQ(settings.geometrySampleCopy, 64);
-  EXPECT_EQ(skyLight.color, (Vec3{0.75f, 0.75f, 0.75f}));
-  EXPECT_TRUE(skyLight.link.names.empty());
-  EXPECT_TRUE(skyLight.aovs.empty());
-  EXPECT_EQ(globalVolume.transmittance, kWhite);
-  EXPECT_EQ(geometryLight.sample, 0);
-  EXPECT_EQ(geometryLight.colorWeight, kWhite);
-  // What no reset touches goes over to the next run.
-  EXPECT_EQ(settings.rendererBounce, 4);
-  EXPECT_EQ(settings.distance, 7);
-  EXPECT_EQ(settings.clamp, kWhite);
-  EXPECT_EQ(skyLight.turbidity, 3);
-  EXPECT_EQ(skyLight.image, "sky.hdr");
+  for (const bool atStartup : {true, false}) {
+    zpSetRendererClamp(1, 2, 3);
+    zpSetRendererError(4, 5, 6);
+    zpSetRendererDistance(7);
+    zpSetRendererResolution(8);
+    zpSetRendererBounce(9);
+    zpSetDisplayGamma(10);
+    zpSetPreviewWindow(true);
+    zpSetSkyLightImage("sky.hdr");
+    zpSetSkyLightBackdrop("backdrop.hdr");
+    skyLight.turbidity = 3;
+    zpSetRendererRadius(11);
+    zpSetRendererRayDepth(12);
+    zpSetRendererPhotonDepth(13);
+    zpSetRendererSample(14);
+    zpSetSkyLightColor(0, 0, 0);
+    zpSetSkyLightPhoton(15);
+    zpAddSkyLightAOV();
+    skyLight.link.names = {"a"};
+    zpSetGeometryLightSample(16);
+    geometryLight.colorWeight = globalVolume.transmittance = kBlack;
+    settings.finalGathering = true;
+    settings.geometrySampleCopy = 1;
+    Printed([&] { atStartup ? Startup() : Finalize(); });
+    const RendererSettings& is = settings;
+    const SkyLight& sky = skyLight;
+    EXPECT_EQ(std::tie(is.clamp, is.error), std::tuple(Vec3{1, 2, 3}, Vec3{4, 5, 6}));
+    EXPECT_EQ(std::tie(is.distance, is.resolution, is.rendererBounce, is.displayGamma, is.previewWindow),
+              std::tuple(7, 8, 9, 10, true));
+    EXPECT_EQ(std::tie(sky.image, sky.backdrop, sky.turbidity), std::tuple("sky.hdr", "backdrop.hdr", 3));
+    // And what does not. The radius of photons is only put back at the end.
+    EXPECT_EQ(is.photonRadius, atStartup ? 11 : 1);
+    EXPECT_EQ(
+        std::tie(is.rayDepth, is.photonDepth, is.rendererSample, is.finalGathering, is.geometrySampleCopy),
+        std::tuple(8, 8, 64, false, 64));
+    EXPECT_EQ(std::tie(sky.color, sky.photon), std::tuple(Vec3{0.75f, 0.75f, 0.75f}, 1000000));
+    EXPECT_TRUE(sky.aovs.empty() && sky.link.names.empty());
+    EXPECT_EQ(geometryLight.sample, 0);
+    EXPECT_EQ(geometryLight.colorWeight, kWhite);
+    EXPECT_EQ(globalVolume.transmittance, kWhite);
+  }
   Shutdown();
   settings = before;
   skyLight = {};
 }
 
 TEST_F(Lifecycle, SearchPaths) {
-  const std::filesystem::path folder = std::filesystem::temp_directory_path() / "zp-lifecycle-no-such-folder";
-  const std::string text = Printed([&] { EXPECT_FALSE(LoadScene(folder.string())); });
+  const std::string folder =
+      (std::filesystem::temp_directory_path() / "zp-lifecycle-no-such-folder").string();
+  const std::string text = Printed([&] { EXPECT_FALSE(LoadScene(folder)); });
   EXPECT_NE(text.find("scene parsing"), std::string::npos);
   EXPECT_NE(text.find("cannot be found"), std::string::npos);
-  EXPECT_EQ(imageSearchPaths, (std::vector<std::string>{folder.string() + "image", folder.string(), ""}));
-  EXPECT_EQ(geometrySearchPaths,
-            (std::vector<std::string>{folder.string() + "geometry", folder.string(), ""}));
-  EXPECT_EQ(sceneFolder, folder.string());
-}
-
-TEST_F(Lifecycle, SearchPathsOfAnEmptyFolderString) {
+  EXPECT_EQ(imageSearchPaths, (std::vector<std::string>{folder + "image", folder, ""}));
+  EXPECT_EQ(geometrySearchPaths, (std::vector<std::string>{folder + "geometry", folder, ""}));
+  EXPECT_EQ(sceneFolder, folder);
   Printed([] { LoadScene(""); });
   EXPECT_EQ(imageSearchPaths, (std::vector<std::string>{"image", ""}));
   EXPECT_EQ(geometrySearchPaths, (std::vector<std::string>{"geometry", "", ""}));
   EXPECT_EQ(sceneFolder, "");
 }
 
-TEST_F(Lifecycle, PlainLights) {
-  rootObject = kNone;
-  skyLight.color = {0.5f, 0.25f, 0};
-  skyLight.sample = 64;
-  geometryLight.photon = 1000;
-  const std::string sky = Printed([] { InitializeSky(); });
-  EXPECT_EQ(SkyRadiance({0, 0, 1}), (Vec3{0.5f, 0.25f, 0}));
-  EXPECT_EQ(skyLight.photon, 1000000);
-  EXPECT_EQ(skyLight.sample, 0);
-  EXPECT_NE(sky.find("sky light map width                   0 [ n/a ]"), std::string::npos) << sky;
-  skyLight.color = 0.0009f * kWhite;
-  const std::string light = Printed([] {
-    InitializeSky();
-    InitializeGeometryLight();
-  });
-  EXPECT_EQ(skyLight.photon, 0);
-  EXPECT_EQ(geometryLight.photon, 0);
-  EXPECT_NE(light.find("geometry light area             0.0000 [ m x m ]"), std::string::npos) << light;
-  FinalizeSky();
-  FinalizeGeometryLight();
-  EXPECT_EQ(skyLight.photon, 1000000);
-  EXPECT_EQ(geometryLight.photon, 1000000);
-}
-
-TEST_F(Lifecycle, PointAndParallelLightsLastForOneFrame) {
+TEST_F(Lifecycle, LightsLastForOneFrame) {
   const std::filesystem::path folder =
       std::filesystem::temp_directory_path() / ("zp-lifecycle-" + std::to_string(::getpid()));
   std::filesystem::create_directories(folder);
@@ -170,6 +146,7 @@ TEST_F(Lifecycle, PointAndParallelLightsLastForOneFrame) {
     pointLights[0].aovs.resize(1);
     pointLights[0].aovs[0].image.fileName = (folder / name).string();
     parallelLights.resize(1);
+    skyLight.color = {2, 2, 2};
     return Printed([] { Initialize(); });
   };
   const std::string rows = prepare("frame.hdr");
@@ -178,8 +155,11 @@ TEST_F(Lifecycle, PointAndParallelLightsLastForOneFrame) {
   EXPECT_TRUE(geometry < parallel && parallel < renderer && renderer < rows.size()) << rows;
   EXPECT_EQ(rows.find("geometry light sample", geometry + 1), std::string::npos);
   Printed([] { RenderLoop(); });
+  EXPECT_EQ(ReadPixel(cameras[0].aovs[0].image, 0), (Vec3{2, 2, 2}));
   EXPECT_TRUE(pointLights.empty() && parallelLights.empty());
   EXPECT_TRUE(std::filesystem::exists(folder / "frame.hdr"));
+  Printed([] { RenderLoop(); });
+  EXPECT_EQ(ReadPixel(cameras[0].aovs[0].image, 0), (Vec3{0.75f, 0.75f, 0.75f}));
   Printed([] { Finalize(); });
   // Without a frame the end of the run writes it.
   prepare("end.hdr");
@@ -201,8 +181,8 @@ TEST_F(Lifecycle, PointAndParallelLightsLastForOneFrame) {
 TEST_F(Lifecycle, EverythingRunsToItsEndWithoutAScene) {
   const std::string text = Printed([] { Go("zp-lifecycle-no-such-folder"); });
   EXPECT_NE(text.find("error :( \tcamera - there is no camera"), std::string::npos) << text;
-  EXPECT_TRUE(shaders.empty());
-  EXPECT_TRUE(images.empty());
+  EXPECT_NE(text.find("geometry light area             0.0000 [ m x m ]"), std::string::npos) << text;
+  EXPECT_TRUE(shaders.empty() && images.empty());
   EXPECT_TRUE(haltonTables[0].empty());
 }
 

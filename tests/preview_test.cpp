@@ -13,7 +13,6 @@
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,14 +22,14 @@
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <new>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "program_fixture.h"
 
 namespace zp {
 namespace {
@@ -51,53 +50,33 @@ bool Await(Done done) {
   return false;
 }
 
-std::string ReadFile(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void WriteFile(const fs::path& path, const std::string& text) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary) << text;
-}
-
 // A program that runs beside the test and dies with it.
 class Child {
  public:
-  // `display` is its DISPLAY; null for none. Descriptor 9 of the child is `ninth`, if it is not negative.
-  Child(const std::vector<std::string>& words, const fs::path& folder, const char* display, int ninth = -1,
-        const std::string& hostScene = "") {
+  // `display` is its DISPLAY; null for none. What it prints goes beside its folder.
+  Child(const std::vector<std::string>& words, const fs::path& folder, const char* display) {
     outputFile = folder.parent_path() / "stdout";
     errorsFile = folder.parent_path() / "stderr";
-    // The first of a name counts.
-    std::vector<std::string> variables = {"OMP_NUM_THREADS=1", "GALLIUM_DRIVER=softpipe"};
-    if (display != nullptr) variables.push_back(std::string("DISPLAY=") + display);
-    if (!hostScene.empty()) {
-      variables.push_back(std::string(kHostScene) + "=" + hostScene);
-      variables.push_back("TMPDIR=" + folder.parent_path().string());  // the host cannot clean up
-    }
+    fs::remove(outputFile);  // of an earlier child, which nobody shall take for this one's
     // A build that counts leaks shall not count those of OpenGL's driver. It is unloaded by then and has no
     // name; whole stacks lead to the library that had loaded it, or to our one function that draws.
     const fs::path suppressions = folder.parent_path() / "leaks";
     WriteFile(suppressions, "leak:libGLX\nleak:^Draw$\n");
-    variables.push_back("LSAN_OPTIONS=print_suppressions=0:suppressions=" + suppressions.string());
     const char* options = std::getenv("ASAN_OPTIONS");
-    variables.push_back(std::string("ASAN_OPTIONS=fast_unwind_on_malloc=0:") +
-                        (options != nullptr ? options : ""));
-    for (char** variable = environ; *variable != nullptr; ++variable)
-      if (!std::string_view(*variable).starts_with("DISPLAY=")) variables.emplace_back(*variable);
-    std::vector<char*> arguments, environment;
-    for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
-    for (const std::string& variable : variables) environment.push_back(const_cast<char*>(variable.c_str()));
+    std::vector<std::string> all = {"env", "-u", "DISPLAY", "OMP_NUM_THREADS=1", "GALLIUM_DRIVER=softpipe"};
+    all.push_back("LSAN_OPTIONS=print_suppressions=0:suppressions=" + suppressions.string());
+    all.push_back(std::string("ASAN_OPTIONS=fast_unwind_on_malloc=0:") + (options ? options : ""));
+    if (display != nullptr) all.push_back(std::string("DISPLAY=") + display);
+    all.insert(all.end(), words.begin(), words.end());
+    std::vector<char*> arguments;
+    for (std::string& word : all) arguments.push_back(word.data());
     arguments.push_back(nullptr);
-    environment.push_back(nullptr);
     id = fork();
     if (id != 0) return;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
     dup2(open(errorsFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-    if (ninth >= 0) dup2(ninth, 9);
-    if (chdir(folder.c_str()) == 0) execvpe(arguments[0], arguments.data(), environment.data());
+    if (chdir(folder.c_str()) == 0) execvp(arguments[0], arguments.data());
     _exit(127);
   }
   ~Child() { Kill(); }
@@ -162,57 +141,32 @@ int ByteOf(const Screenshot& screen, int x, int y, int c) {
   return screen.bytes[static_cast<std::size_t>((y * screen.width + x) * 3 + c)];
 }
 
-// A folder "work" to run in, and a scene that is symmetric in no direction and noisy. Each first hit gathers
-// one ray a pass whatever the number of passes, so that with a seed the picture after pass k is that of a
-// render with k passes.
-class PreviewWindow : public testing::Test {
+class PreviewWindow : public ProgramTest {
  protected:
   void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "zephlore-preview-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    root = pattern;
-    work = root / "work";
-    fs::create_directories(work);
-    fs::create_directories(root / "server");
-    WriteFile(root / "scene/model/room.obj",
-              "v 0 0 -9\nv 9 0 -9\nv 9 0 9\nv 0 0 9\nv -9 -9 -1\nv 9 -9 -1\nv 9 9 -1\nv -9 9 -1\n"
-              "usemtl red\nf 1 2 3 4\nf 5 6 7 8\n");
-    WriteFile(root / "scene/geometry/a.zp", "object\nname room\nobj \"model/room.obj\"\nend\n");
-    WriteFile(root / "scene/shader/a.zp",
-              "shader\nname \"red\"\nsurface_shader\nlambertian\ncolor 0.9 0.5 0.3\nend\nend\nend\n");
-    WriteFile(root / "scene/light/a.zp", "sky_light\ncolor 0.3 0.6 1.5\nend\n");
-    WriteFile(root / "scene/render/a.zp",
-              "render\nfinal_gather\nsample 1\nbounce 8\ndistance 0\nresolution 0\nend\nend\n");
-    WriteFile(root / "scene/camera/a.zp",
-              "camera\nresolution 144 96\nsample 6\naov\nimage \"second.pfm\"\ntype \"depth\"\nend\n"
-              "pose\nposition 0 -5 0\ntarget 0 0 0\nup_vector 0 0 1\nbokeh 0\nfield_of_view 60\nend\nend\n");
-    StartImageFiles();
+    ProgramTest::SetUp();
+    fs::create_directories(root / "server/run");
+    WriteScene("resolution 144 96\nsample 6\naov\nimage \"second.pfm\"\ntype \"depth\"\nend\n", true);
     XSetErrorHandler([](Display*, XErrorEvent*) { return 0; });  // a window may vanish under a look at it
   }
   void TearDown() override {
     Disconnect();
     XSetErrorHandler(nullptr);
     server.reset();
-    StopImageFiles();
-    std::error_code error;
-    fs::remove_all(root, error);
+    ProgramTest::TearDown();
   }
 
-  // On a free display, whose number the server tells through descriptor 9.
+  // On a free display, whose number the server prints.
   void StartServer() {
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    server.emplace(std::vector<std::string>{"Xvfb", "-displayfd", "9", "-screen", "0", "640x480x24",
+    Disconnect();
+    window = None;
+    server.emplace(std::vector<std::string>{"Xvfb", "-displayfd", "1", "-screen", "0", "640x480x24",
                                             "-nolisten", "tcp", "-noreset"},
-                   root / "server", nullptr, ends[1]);
-    close(ends[1]);
+                   root / "server/run", nullptr);
     std::string number;
-    pollfd told = {ends[0], POLLIN, 0};
-    for (char letter = 0; poll(&told, 1, 20'000) == 1 && read(ends[0], &letter, 1) == 1 && letter != '\n';)
-      number += letter;
-    close(ends[0]);
-    ASSERT_FALSE(number.empty()) << "Xvfb does not start";
-    display = ":" + number;
+    ASSERT_TRUE(Await([&] { return (number = server->Output()).ends_with('\n') || server->Ended(); }));
+    ASSERT_FALSE(server->Ended()) << server->Errors();
+    display = ":" + number.substr(0, number.size() - 1);
     connection = XOpenDisplay(display.c_str());
     ASSERT_NE(connection, nullptr);
   }
@@ -226,6 +180,12 @@ class PreviewWindow : public testing::Test {
     std::istringstream stream(arguments);
     words.insert(words.end(), std::istream_iterator<std::string>(stream), {});
     return words;
+  }
+  // The running test once more, in the role of a host. It ends in ways that leave its folder behind.
+  std::vector<std::string> ThisTestAsHost() const {
+    const std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
+    return {"env", std::string(kHostScene) + "=./", "TMPDIR=" + root.string(),
+            fs::read_symlink("/proc/self/exe").string(), "--gtest_filter=PreviewWindow." + name};
   }
   Screenshot Reference(int passes) const {
     const std::string name = std::to_string(passes) + ".pfm";
@@ -299,7 +259,6 @@ class PreviewWindow : public testing::Test {
     return at == std::string::npos ? 0 : std::atoi(errors.c_str() + at + 5);
   }
 
-  fs::path root, work;
   std::optional<Child> server;
   std::string display;
   Display* connection = nullptr;
@@ -329,8 +288,7 @@ TEST_F(PreviewWindow, ShowsEveryPassAndThenTheFile) {
   }
   EXPECT_EQ(ReadFile(work / "a.pfm"), ReadFile(work / "6.pfm"));
   const Screenshot& whole = seen.back();
-  EXPECT_EQ(whole.width, 144);
-  EXPECT_EQ(whole.height, 96);
+  EXPECT_EQ(whole.bytes.size(), 3U * 144 * 96);
   // Sky above on the left, its blue beyond the screen's range; the floor below.
   EXPECT_NEAR(ByteOf(whole, 5, 5, 0), 77, 1);
   EXPECT_NEAR(ByteOf(whole, 5, 5, 1), 153, 1);
@@ -355,23 +313,33 @@ TEST_F(PreviewWindow, ShowsEveryPassAndThenTheFile) {
   EXPECT_TRUE(fs::exists(work / "second.pfm"));
 }
 
-TEST_F(PreviewWindow, ClosedEarlyTheProgramSavesWhatItShowed) {
-  StartServer();
-  Child child(Words("--preview --quiet --progress --sample 2000 --output a.pfm"), work, display.c_str());
-  std::vector<Screenshot> seen =
-      Watch(child, [](const std::vector<Screenshot>& so) { return so.size() >= 2; });
-  ASSERT_FALSE(child.Ended()) << child.Errors();
-  CloseWindow();
-  const std::vector<Screenshot> rest = Watch(child, [](const std::vector<Screenshot>&) { return false; });
-  EXPECT_EQ(child.ExitStatus(), 0) << child.Errors();
-  EXPECT_TRUE(fs::exists(work / "second.pfm"));
-  const int done = LastPass(child);
-  ASSERT_GT(done, 1);
-  ASSERT_LT(done, 1000);
-  const Screenshot saved = Reference(done);
-  EXPECT_EQ(ReadFile(work / "a.pfm"), ReadFile(work / (std::to_string(done) + ".pfm")));
-  const Screenshot& last = rest.empty() ? seen.back() : rest.back();
-  EXPECT_TRUE(Shows(last, saved) || Shows(last, Reference(done - 1)));
+// Closed by its user, or lost with its server.
+TEST_F(PreviewWindow, EndedEarlyTheProgramSavesWhatItShowed) {
+  for (const bool lost : {false, true}) {
+    fs::remove(work / "second.pfm");
+    StartServer();
+    Child child(Words("--preview --quiet --progress --sample 2000 --output a.pfm"), work, display.c_str());
+    std::vector<Screenshot> seen =
+        Watch(child, [](const std::vector<Screenshot>& so) { return so.size() >= 2; });
+    ASSERT_FALSE(child.Ended()) << child.Errors();
+    if (lost) {
+      Disconnect();
+      server->Kill();
+    } else {
+      CloseWindow();
+      std::vector<Screenshot> rest = Watch(child, [](const std::vector<Screenshot>&) { return false; });
+      if (!rest.empty()) seen.swap(rest);
+    }
+    EXPECT_EQ(child.ExitStatus(), lost ? 1 : 0) << child.Errors();
+    EXPECT_EQ(child.Errors().find("zephlore: the preview window was lost") != std::string::npos, lost);
+    EXPECT_TRUE(fs::exists(work / "second.pfm"));
+    const int done = LastPass(child);
+    ASSERT_GT(done, 1);
+    ASSERT_LT(done, 2000);
+    const Screenshot saved = Reference(done);
+    EXPECT_EQ(ReadFile(work / "a.pfm"), ReadFile(work / (std::to_string(done) + ".pfm")));
+    EXPECT_TRUE(lost || Shows(seen.back(), saved) || Shows(seen.back(), Reference(done - 1)));
+  }
 }
 
 TEST_F(PreviewWindow, IsAsLargeAsThePictureBeyondTheScreen) {
@@ -387,23 +355,6 @@ TEST_F(PreviewWindow, IsAsLargeAsThePictureBeyondTheScreen) {
   EXPECT_EQ(child.ExitStatus(), 0) << child.Errors();
 }
 
-TEST_F(PreviewWindow, LostServerLeavesThePicture) {
-  StartServer();
-  Child child(Words("--preview --quiet --progress --sample 2000 --output a.pfm"), work, display.c_str());
-  Watch(child, [](const std::vector<Screenshot>& so) { return so.size() >= 2; });
-  ASSERT_FALSE(child.Ended()) << child.Errors();
-  Disconnect();
-  server->Kill();
-  EXPECT_EQ(child.ExitStatus(), 1) << child.Errors();
-  EXPECT_NE(child.Errors().find("zephlore: the preview window was lost"), std::string::npos)
-      << child.Errors();
-  EXPECT_TRUE(fs::exists(work / "second.pfm"));
-  const int done = LastPass(child);
-  ASSERT_GT(done, 1);
-  Reference(done);
-  EXPECT_EQ(ReadFile(work / "a.pfm"), ReadFile(work / (std::to_string(done) + ".pfm")));
-}
-
 TEST_F(PreviewWindow, WithoutADisplayTheProgramSaysSo) {
   for (const char* nowhere : {static_cast<const char*>(nullptr), "", ":65000", "no display"}) {
     Child child(Words("--preview --output a.pfm"), work, nowhere);
@@ -411,13 +362,11 @@ TEST_F(PreviewWindow, WithoutADisplayTheProgramSaysSo) {
     const std::string errors = child.Errors();
     EXPECT_TRUE(errors.starts_with("zephlore: ") && errors.find("display") != std::string::npos) << errors;
     EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
-    EXPECT_TRUE(child.Output().empty());
-    EXPECT_TRUE(fs::is_empty(work));
+    EXPECT_TRUE(child.Output().empty() && fs::is_empty(work));
   }
 }
 
 // The window library is C: what a step throws goes around it. A second window is refused.
-// The test runs itself once more, with a display.
 TEST_F(PreviewWindow, ThrowingStepClosesTheOnlyOne) {
   if (std::getenv(kHostScene) != nullptr) {
     int steps = 0, closed = 0;
@@ -437,22 +386,18 @@ TEST_F(PreviewWindow, ThrowingStepClosesTheOnlyOne) {
     return;
   }
   StartServer();
-  Child host({fs::read_symlink("/proc/self/exe").string(),
-              "--gtest_filter=PreviewWindow.ThrowingStepClosesTheOnlyOne"},
-             work, display.c_str(), -1, "./");
+  Child host(ThisTestAsHost(), work, display.c_str());
   EXPECT_EQ(host.ExitStatus(), 0) << host.Output() << host.Errors();
   EXPECT_NE(host.Output().find("[  PASSED  ] 1 test"), std::string::npos);
 }
 
-// A program of another team's. The test runs itself once more in that role.
+// A program of another team's.
 TEST_F(PreviewWindow, OfAHostEndsItsProcess) {
   if (const char* scene = std::getenv(kHostScene)) {
     zpSetPreviewWindow(true);
     zpGo(scene);
     return;
   }
-  const std::vector<std::string> words = {fs::read_symlink("/proc/self/exe").string(),
-                                          "--gtest_filter=PreviewWindow.OfAHostEndsItsProcess"};
   // Paths of the scene's text count from the current directory.
   fs::copy(root / "scene", work, fs::copy_options::recursive);
   const auto beauty = [this] {
@@ -460,12 +405,10 @@ TEST_F(PreviewWindow, OfAHostEndsItsProcess) {
       if (entry.path().extension() == ".hdr") return entry.path();
     return fs::path();
   };
-  const std::string lastRow =
-      "         click to close the preview window. happy rendering. thank you!         \n";
   constexpr int kLevels = 3;  // a step of the shared exponent of the brightest channel is 1/128
   StartServer();
   {
-    Child host(words, work, display.c_str(), -1, "./");
+    Child host(ThisTestAsHost(), work, display.c_str());
     const std::vector<Screenshot> seen = Watch(host, [&](const std::vector<Screenshot>& so) {
       return !so.empty() && host.Output().find("close the window to exit") != std::string::npos &&
              !beauty().empty() && fs::exists(work / "second.pfm");
@@ -485,15 +428,14 @@ TEST_F(PreviewWindow, OfAHostEndsItsProcess) {
     EXPECT_FALSE(fs::exists(work / "second.pfm"));
   }
   fs::remove(beauty());
-  {
-    Child host(words, work, nullptr, -1, "./");
-    EXPECT_EQ(host.ExitStatus(), 0) << host.Errors();
-    EXPECT_NE(host.Output().find("PASSED"), std::string::npos);
-    EXPECT_NE(host.Output().find("error :( \tpreview - "), std::string::npos);
-    EXPECT_NE(host.Output().find(lastRow), std::string::npos);
-    EXPECT_FALSE(beauty().empty());
-    EXPECT_TRUE(fs::exists(work / "second.pfm"));
-  }
+  Child host(ThisTestAsHost(), work, nullptr);
+  EXPECT_EQ(host.ExitStatus(), 0) << host.Errors();
+  for (const char* row :
+       {"PASSED", "error :( \tpreview - ",
+        "         click to close the preview window. happy rendering. thank you!         \n"})
+    EXPECT_NE(host.Output().find(row), std::string::npos) << row;
+  EXPECT_FALSE(beauty().empty());
+  EXPECT_TRUE(fs::exists(work / "second.pfm"));
 }
 
 }  // namespace
