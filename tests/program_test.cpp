@@ -252,6 +252,26 @@ TEST_F(Program, ViewKeepsOrientationAndAppliesTheCurve) {
   }
 }
 
+// What was rendered is not lost. The shell's job control keeps it from ignoring interrupts in the background.
+TEST_F(Program, SignalsEndARenderBehindItsPass) {
+  WriteScene();
+  WriteFile(root / "stop.sh",
+            "set -m\n'" ZP_PROGRAM
+            "' render ../scene --sample 65535 --seed 1 --output a.pfm > rows 2> ../stderr &\n"
+            "for i in $(seq 1000); do grep -q performance rows && break; sleep 0.02; done\n"
+            "kill -$1 $!\nwait $!\n");
+  for (const std::string signal : {"INT", "TERM", "HUP"}) {
+    const int raw = std::system(("cd '" + work.string() + "' && bash ../stop.sh " + signal).c_str());
+    EXPECT_TRUE(WIFEXITED(raw) && WEXITSTATUS(raw) == 1) << signal;
+    const std::string errors = ReadFile(root / "stderr");
+    EXPECT_TRUE(errors.starts_with("zephlore: stopped after pass ")) << errors;
+    EXPECT_TRUE(errors.ends_with(" of 65535: the images hold what was rendered\n")) << errors;
+    ExpectColor(ReadPixel(LoadTopFirst(work / "a.pfm"), 0), {0.3f, 0.6f, 1.5f}, 1e-5f);
+    EXPECT_TRUE(fs::exists(work / "user.hdr"));
+    for (const char* name : {"a.pfm", "user.hdr", "rows"}) fs::remove(work / name);
+  }
+}
+
 TEST_F(Program, ViewAppliesStopsAndNeedsAPicture) {
   ImageBuffer picture;
   Allocate(picture, 2, 1, 3, 32, false);
