@@ -253,21 +253,6 @@ TEST_F(DisplaceTest, CurveObeysItsNormals) {
   }
 }
 
-// No corner of a patch is special.
-TEST_F(DisplaceTest, PatchHasNoFirstCorner) {
-  const PatchCorner corners[3] = {{{0, 0, 0}, SafeNormalize({-0.3f, -0.2f, 1})},
-                                  {{1, 0.1f, 0.3f}, SafeNormalize({0.5f, 0.1f, 1})},
-                                  {{0.2f, 1.2f, -0.2f}, SafeNormalize({0.1f, 0.4f, 1})}};
-  const float weights[3] = {0.2f, 0.5f, 0.3f};
-  const Vec3 expected = PatchPoint(corners, {3, {0, 1, 2}, {weights[0], weights[1], weights[2]}});
-  int order[3] = {0, 1, 2};
-  do {
-    const Blend blend = {
-        3, {order[0], order[1], order[2]}, {weights[order[0]], weights[order[1]], weights[order[2]]}};
-    EXPECT_LT(SafeLength(PatchPoint(corners, blend) - expected), 1.1e-5f);
-  } while (std::next_permutation(order, order + 3));
-}
-
 // Thirty-two flat triangles, bent by their normals alone, come close to the sphere that these belong to.
 TEST_F(DisplaceTest, PatchBendsToASphere) {
   AddLayer(shader_, 8, {});
@@ -345,8 +330,8 @@ TEST_F(DisplaceTest, FacetedPartsAreWarnedAbout) {
   First().smoothAngle = 0;
   Part part;
   AddUnitSquare(part, shader_);
-  const std::string text = DisplaceAloud(part);
   const std::string warning = "part - missing vertex normals for displacement mapping";
+  const std::string text = DisplaceAloud(part);
   EXPECT_NE(text.find(warning), std::string::npos);
   EXPECT_EQ(text.find(warning), text.rfind(warning));
   EXPECT_NE(text.find(std::string(80, '_')), std::string::npos);
