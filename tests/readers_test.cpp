@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
-#include <numeric>
 #include <sstream>
 
 #include "geometry/geometry.h"
@@ -71,9 +70,21 @@ class ReadersTest : public testing::Test {
     return Rows([&] { return ReadArrayImage(kind, name, part); });
   }
 
+  ArrayResult Array(ArrayKind kind, const ImageBuffer& image, Part& part) {
+    return Rows([&] { return AddArrayImage(kind, image, part); });
+  }
+  // The text is one of the rows, once.
+  void ExpectRow(const std::string& text) const {
+    EXPECT_NE(rows.find(text + "\n"), rows.npos) << rows;
+    EXPECT_EQ(rows.find(text), rows.rfind(text)) << rows;
+  }
+
   fs::path folder;
   std::string rows;
 };
+
+using Lengths = std::vector<std::uint32_t>;
+constexpr const char* kTooMany = "object - strands ask for more points than there are";
 
 template <class T>
 std::string Bytes(const std::vector<T>& values) {
@@ -93,8 +104,7 @@ struct HairFile {
     const std::vector<std::uint32_t> numbers = {hairCount, pointCount, arrays, defaultSegments};
     const std::vector<float> defaults = {defaultThickness, 0.5f, 1, 0, 0};
     std::string text = signature + Bytes(numbers) + Bytes(defaults) + std::string(88, 'i');
-    std::vector<float> points, thickness, others(pointCount, 0.75f),
-        colors(3 * std::size_t{pointCount}, 0.5f);
+    std::vector<float> points, thickness;
     for (std::uint32_t i = 0; i < pointCount; ++i) {
       const auto x = static_cast<float>(i);
       points.insert(points.end(), {x, 10 * x, -x});
@@ -103,8 +113,8 @@ struct HairFile {
     if (arrays & kSegments) text += Bytes(segments);
     if (arrays & kPoints) text += Bytes(points);
     if (arrays & kThickness) text += Bytes(thickness);
-    if (arrays & kTransparency) text += Bytes(others);
-    if (arrays & kColor) text += Bytes(colors);
+    if (arrays & kTransparency) text += Bytes(std::vector<float>(pointCount, 0.75f));
+    if (arrays & kColor) text += Bytes(std::vector<float>(3 * std::size_t{pointCount}, 0.5f));
     return text;
   }
 };
@@ -136,8 +146,7 @@ TEST_F(ReadersTest, HairWithEveryCombinationOfArrays) {
     EXPECT_EQ(rows, "");
     ASSERT_EQ(part.positions.size(), 9U);
     ExpectStrands(part);
-    EXPECT_EQ(part.strandLengths, (arrays & kSegments) != 0 ? (std::vector<std::uint32_t>{1, 0, 5})
-                                                            : (std::vector<std::uint32_t>{2, 2, 2}));
+    EXPECT_EQ(part.strandLengths, (arrays & kSegments) != 0 ? (Lengths{1, 0, 5}) : (Lengths{2, 2, 2}));
     for (std::size_t i = 0; i < 9; ++i) {
       const auto x = static_cast<float>(i);
       EXPECT_EQ(part.positions[i], (arrays & kPoints) ? (Vec3{x, 10 * x, -x}) : Vec3{});
@@ -206,39 +215,35 @@ TEST_F(ReadersTest, HairHeadersThatLieCostNothing) {
     std::memcpy(text.data() + offset, &value, sizeof value);
     return text;
   };
-  HairFile file = {2, 4, kSegments | kPoints, 0, 0.25f, {1, 1}};
-  Part part;
-  EXPECT_FALSE(Hair(patch(file.Text(), 4, kMost), part));
-  EXPECT_EQ(rows, "cannot read hair segments x.hair\n");
-  EXPECT_FALSE(Hair(patch(file.Text(), 8, kMost), part));
-  EXPECT_EQ(rows, "cannot read hair points x.hair\n");
-  // Without an array of points nothing in the file bears the number out.
-  EXPECT_FALSE(Hair(patch(HairFile{2, 4, 0, 1}.Text(), 8, kMost), part));
-  EXPECT_EQ(rows, "cannot read hair points x.hair\n");
-  EXPECT_LE(part.positions.capacity(), 0U);
-
-  // Strands without end, of no segments or too many, hold what points there are.
-  const std::string warning = "object - strands ask for more points than there are\n";
-  const auto lengths = [&](const std::string& text) {
-    Part read;
-    EXPECT_TRUE(Hair(text, read));
-    ExpectStrands(read);
-    return read.strandLengths;
+  const std::size_t hairCount = 4, pointCount = 8;  // where they stand
+  const auto listed = [](std::vector<std::uint16_t> segments, std::uint32_t points) {
+    const auto hairs = static_cast<std::uint32_t>(segments.size());
+    return HairFile{hairs, points, kSegments | kPoints, 0, 0.25f, std::move(segments)}.Text();
   };
-  using Lengths = std::vector<std::uint32_t>;
-  EXPECT_EQ(lengths(patch(HairFile{2, 4, kPoints, 0}.Text(), 4, kMost)), (Lengths{0, 0, 0, 0}));
-  EXPECT_NE(rows.find(warning), rows.npos);
-  EXPECT_EQ(lengths(HairFile{2, 4, kPoints, kMost}.Text()), Lengths{3});
-  EXPECT_EQ(rows.find(warning), rows.rfind(warning));  // one row a load
-  EXPECT_NE(rows.find(warning), rows.npos);
-  file = {4, 6, kSegments | kPoints, 0, 0.25f, {1, 65535, 1, 1}};
-  EXPECT_EQ(lengths(file.Text()), (Lengths{1, 3}));
-  file.segments = {1, 1, 0, 1};  // the last strand keeps its first point alone
-  EXPECT_EQ(lengths(file.Text()), (Lengths{1, 1, 0, 0}));
-  EXPECT_NE(rows.find(warning), rows.npos);
-  file.segments = {1, 1, 0, 0};
-  EXPECT_EQ(lengths(file.Text()), (Lengths{1, 1, 0, 0}));
-  EXPECT_EQ(rows, "");
+  struct Case {
+    std::string text, row;
+    Lengths lengths;
+  };
+  const Case cases[] = {
+      {patch(listed({1, 1}, 4), hairCount, kMost), "cannot read hair segments x.hair", {}},
+      {patch(listed({1, 1}, 4), pointCount, kMost), "cannot read hair points x.hair", {}},
+      // Without an array of points nothing in the file bears the number out.
+      {patch(HairFile{2, 4, 0, 1}.Text(), pointCount, kMost), "cannot read hair points x.hair", {}},
+      // Strands without end, of no segments or too many, hold what points there are.
+      {patch(HairFile{2, 4, kPoints, 0}.Text(), hairCount, kMost), kTooMany, {0, 0, 0, 0}},
+      {HairFile{2, 4, kPoints, kMost}.Text(), kTooMany, {3}},
+      {listed({1, 65535, 1, 1}, 6), kTooMany, {1, 3}},
+      {listed({1, 1, 0, 1}, 6), kTooMany, {1, 1, 0, 0}},  // the last strand keeps its first point alone
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(&c - cases);
+    Part part;
+    EXPECT_EQ(Hair(c.text, part), !c.lengths.empty());
+    ExpectRow(c.row);
+    ExpectStrands(part);
+    EXPECT_EQ(part.strandLengths, c.lengths);
+    EXPECT_LE(part.positions.capacity(), 6U);
+  }
 }
 
 TEST_F(ReadersTest, FurMatchesLengthsAndPositionsAtTheEnd) {
@@ -247,8 +252,8 @@ TEST_F(ReadersTest, FurMatchesLengthsAndPositionsAtTheEnd) {
           "position -1 -2 -3\r\nposition 7 x 9\nhair 3\nposition 1e2 2\nposition 0 0 0\n# segment 1");
   EXPECT_EQ(part.positions,
             (std::vector<Vec3>{{1, 2, 3}, {4, 5, 6}, {-1, -2, -3}, {7, 0, 0}, {100, 2, 0}, {0, 0, 0}}));
-  EXPECT_EQ(part.strandLengths, (std::vector<std::uint32_t>{1, 2}));
-  EXPECT_EQ(part.cylinders, (std::vector<std::uint32_t>{0, 2, 3}));
+  EXPECT_EQ(part.strandLengths, (Lengths{1, 2}));
+  ExpectStrands(part);
   EXPECT_EQ(part.uvSets[0].values, std::vector<Vec2>(6));
   EXPECT_EQ(part.scalarSets[0].values, std::vector<float>(6, 0.003f));
   EXPECT_EQ(rows, "");
@@ -256,7 +261,6 @@ TEST_F(ReadersTest, FurMatchesLengthsAndPositionsAtTheEnd) {
 
 TEST_F(ReadersTest, FurThatAsksForTooMuchIsCut) {
   const std::string points = "position 0 0 0\nposition 1 0 0\nposition 2 0 0\n";
-  using Lengths = std::vector<std::uint32_t>;
   const std::pair<const char*, Lengths> cases[] = {
       {"segment 3\n", {2}},
       {"segment 1\nsegment 2147483647\nsegment 0\n", {1, 0}},
@@ -267,7 +271,7 @@ TEST_F(ReadersTest, FurThatAsksForTooMuchIsCut) {
     const Part part = Fur(text + points);
     EXPECT_EQ(part.strandLengths, lengths) << text;
     ExpectStrands(part);
-    EXPECT_NE(rows.find("object - strands ask for more points than there are\n"), rows.npos) << text;
+    ExpectRow(kTooMany);
   }
   // A number that cannot be read leaves a strand of one point.
   EXPECT_EQ(Fur("segment x\nsegment 1\n" + points).strandLengths, (Lengths{0, 1}));
@@ -308,17 +312,22 @@ TEST_F(ReadersTest, StrandsKnowTheirDirectionAndLength) {
   EXPECT_EQ(mixed.tangents, (std::vector<PackedVector>{{}, across, across, {0, 127, 0}, {0, 127, 0}}));
 }
 
-// A picture of the given components, the top row first, in a file.
-void Save(const fs::path& path, int width, int height, int channels, const std::vector<float>& components) {
+// A picture of the given components, in the order of its buffer.
+ImageBuffer Picture(int width, int height, int channels, const std::vector<float>& components) {
   ImageBuffer image;
   Allocate(image, width, height, channels, 32, false);
-  ASSERT_EQ(image.floatPixels.size(), components.size());
+  EXPECT_EQ(image.floatPixels.size(), components.size());
   image.floatPixels = components;
+  image.fileName = "made";
+  return image;
+}
+
+void Save(const fs::path& path, ImageBuffer image) {
   image.fileName = path.string();
   ASSERT_TRUE(SaveImage(image)) << path;
 }
 
-// Likewise into a TIFF file, which the renderer itself only writes in bytes.
+// The top row first into a TIFF file, which the renderer itself only writes in bytes.
 void SaveTiff(const fs::path& path, int width, int height, int channels,
               const std::vector<float>& components) {
   const int bits = 32 * channels;
@@ -335,24 +344,31 @@ void SaveTiff(const fs::path& path, int width, int height, int channels,
 // Random bits make every kind of float but the infinities and what is no number.
 std::vector<float> RandomFloats(std::size_t count) {
   std::vector<float> values;
-  std::uint32_t state = 12345;
-  while (values.size() < count) {
-    state = state * 1664525 + 1013904223;
-    const auto value = std::bit_cast<float>(state);
-    if (std::isfinite(value)) values.push_back(value);
-  }
+  for (std::uint32_t state = 12345; values.size() < count; state = state * 1664525 + 1013904223)
+    if (std::isfinite(std::bit_cast<float>(state))) values.push_back(std::bit_cast<float>(state));
   return values;
+}
+
+// Whole numbers as the bit patterns of floats.
+std::vector<float> AsFloats(const std::vector<std::uint32_t>& numbers) {
+  std::vector<float> values;
+  for (const std::uint32_t number : numbers) values.push_back(std::bit_cast<float>(number));
+  return values;
+}
+
+std::vector<std::uint32_t> Corners(const Part& part) {
+  std::vector<std::uint32_t> corners;
+  for (const Triangle& t : part.triangles) corners.insert(corners.end(), t.vertex, t.vertex + 3);
+  return corners;
 }
 
 TEST_F(ReadersTest, VertexArraysComeThroughPicturesToTheBit) {
   constexpr int kWidth = 5, kHeight = 7;
   const std::vector<float> values = RandomFloats(3 * kWidth * kHeight);
-  Save(folder / "a.pfm", kWidth, kHeight, 3, values);
+  Save(folder / "a.pfm", Picture(kWidth, kHeight, 3, values));
   Part part;
-  EXPECT_EQ(Array(ArrayKind::kPosition, "a.pfm", part), ArrayResult::kRead);
-  EXPECT_EQ(Array(ArrayKind::kUv, "a.pfm", part), ArrayResult::kRead);
-  EXPECT_EQ(Array(ArrayKind::kNormal, "a.pfm", part), ArrayResult::kRead);
-  EXPECT_EQ(Array(ArrayKind::kTangent, "a.pfm", part), ArrayResult::kRead);
+  for (ArrayKind kind : {ArrayKind::kPosition, ArrayKind::kUv, ArrayKind::kNormal, ArrayKind::kTangent})
+    EXPECT_EQ(Array(kind, "a.pfm", part), ArrayResult::kRead);
   EXPECT_EQ(rows, "");
   ASSERT_EQ(part.positions.size(), values.size() / 3);
   EXPECT_EQ(std::memcmp(part.positions.data(), values.data(), values.size() * sizeof(float)), 0);
@@ -380,63 +396,24 @@ TEST_F(ReadersTest, VectorsTooLongToMeasureAreNone) {
 }
 
 TEST_F(ReadersTest, TriangleIndicesAreBitPatterns) {
-  std::vector<float> positions(3 * 70'000);
-  std::iota(positions.begin(), positions.end(), 0.0f);
-  Save(folder / "p.pfm", 700, 100, 3, positions);
-  std::vector<std::uint32_t> indices = {0, 1, 2, 69'999, 65'536, 65'535, 255, 256, 1};
-  std::vector<float> pixels(9);
-  std::memcpy(pixels.data(), indices.data(), sizeof(float) * 9);
-  Save(folder / "t.pfm", 1, 3, 3, pixels);
   Part part;
-  EXPECT_EQ(Array(ArrayKind::kPosition, "p.pfm", part), ArrayResult::kRead);
-  EXPECT_EQ(Array(ArrayKind::kTriangle, "t.pfm", part), ArrayResult::kRead);
+  part.positions.resize(70'000);
+  const std::vector<std::uint32_t> indices = {0, 1, 2, 69'999, 65'536, 65'535, 255, 256, 1};
+  SaveTiff(folder / "t.tif", 1, 3, 3, AsFloats(indices));
+  EXPECT_EQ(Array(ArrayKind::kTriangle, "t.tif", part), ArrayResult::kRead);
   EXPECT_EQ(rows, "");
-  ASSERT_EQ(part.triangles.size(), 3U);
-  for (std::size_t i = 0; i < 9; ++i) EXPECT_EQ(part.triangles[i / 3].vertex[i % 3], indices[i]);
-  EXPECT_EQ(part.triangles[0].shader, 0);
+  EXPECT_EQ(Corners(part), indices);
+  EXPECT_EQ(part.triangles.at(0).shader, 0);
 
   // What points outside goes, alone, with one row for all.
-  indices = {70'000, 1, 2, 0, 1, 2, 0, 0xFFFFFFFF, 1};
-  std::memcpy(pixels.data(), indices.data(), sizeof(float) * 9);
   part.triangles.clear();
-  ImageBuffer image;
-  Allocate(image, 3, 1, 3, 32, false);
-  image.floatPixels = pixels;
-  image.fileName = "made";
-  EXPECT_EQ(Rows([&] { return AddArrayImage(ArrayKind::kTriangle, image, part); }), ArrayResult::kRead);
-  ASSERT_EQ(part.triangles.size(), 1U);
-  const std::string warning = "object - triangle indices out of range in made\n";
-  EXPECT_NE(rows.find(warning), rows.npos);
-  EXPECT_EQ(rows.find(warning), rows.rfind(warning));
+  const ImageBuffer outside = Picture(3, 1, 3, AsFloats({70'000, 1, 2, 0, 1, 2, 0, 0xFFFFFFFF, 1}));
+  EXPECT_EQ(Array(ArrayKind::kTriangle, outside, part), ArrayResult::kRead);
+  EXPECT_EQ(Corners(part), (std::vector<std::uint32_t>{0, 1, 2}));
+  ExpectRow("object - triangle indices out of range in made");
 }
 
 TEST_F(ReadersTest, ParticlesTakeFourComponents) {
-  // The first row of a buffer is the bottom of its picture.
-  ImageBuffer image;
-  Allocate(image, 2, 2, 4, 32, false);
-  std::iota(image.floatPixels.begin(), image.floatPixels.end(), 0.0f);
-  image.fileName = "made";
-  Part part;
-  EXPECT_EQ(Rows([&] { return AddArrayImage(ArrayKind::kParticle, image, part); }), ArrayResult::kRead);
-  EXPECT_EQ(part.positions, (std::vector<Vec3>{{8, 9, 10}, {12, 13, 14}, {0, 1, 2}, {4, 5, 6}}));
-  EXPECT_EQ(part.scalarSets[0].values, (std::vector<float>{11, 15, 3, 7}));
-  EXPECT_EQ(part.particles, (std::vector<std::uint32_t>{0, 1, 2, 3}));
-
-  // Intended: three at a time, even if pixels have four.
-  Part triples;
-  AddArrayImage(ArrayKind::kPosition, image, triples);
-  ASSERT_EQ(triples.positions.size(), 5U);
-  EXPECT_EQ(triples.positions[1], (Vec3{11, 12, 13}));
-
-  Part none;
-  image.channels = 3;
-  image.floatPixels.resize(12);
-  EXPECT_EQ(Rows([&] { return AddArrayImage(ArrayKind::kParticle, image, none); }), ArrayResult::kUnfit);
-  EXPECT_NE(rows.find("object - particles need four components in made\n"), rows.npos);
-  EXPECT_TRUE(none.positions.empty() && none.particles.empty() && none.scalarSets[0].values.empty());
-}
-
-TEST_F(ReadersTest, TiffFilesKeepParticlesAndIndices) {
   const std::vector<float> values = RandomFloats(4 * 5 * 3);
   SaveTiff(folder / "p.tif", 5, 3, 4, values);
   Part part;
@@ -448,13 +425,20 @@ TEST_F(ReadersTest, TiffFilesKeepParticlesAndIndices) {
     EXPECT_EQ(part.scalarSets[0].values.at(i), values[4 * i + 3]);
   }
 
-  const std::vector<std::uint32_t> indices = {14, 13, 12, 0, 1, 2};
-  std::vector<float> pixels(6);
-  std::memcpy(pixels.data(), indices.data(), sizeof(float) * 6);
-  SaveTiff(folder / "t.tif", 1, 2, 3, pixels);
-  EXPECT_EQ(Array(ArrayKind::kTriangle, "t.tif", part), ArrayResult::kRead);
-  ASSERT_EQ(part.triangles.size(), 2U);
-  for (std::size_t i = 0; i < 6; ++i) EXPECT_EQ(part.triangles[i / 3].vertex[i % 3], indices[i]);
+  // Intended: three at a time, even if pixels have four.
+  Part triples;
+  // The first row of a buffer is the bottom of its picture.
+  const ImageBuffer image =
+      Picture(2, 2, 4, std::vector<float>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15});
+  EXPECT_EQ(Array(ArrayKind::kPosition, image, triples), ArrayResult::kRead);
+  EXPECT_EQ(triples.positions,
+            (std::vector<Vec3>{{8, 9, 10}, {11, 12, 13}, {14, 15, 0}, {1, 2, 3}, {4, 5, 6}}));
+
+  Part none;
+  const ImageBuffer three = Picture(2, 2, 3, std::vector<float>(12));
+  EXPECT_EQ(Array(ArrayKind::kParticle, three, none), ArrayResult::kUnfit);
+  ExpectRow("object - particles need four components in made");
+  EXPECT_TRUE(none.positions.empty() && none.particles.empty() && none.scalarSets[0].values.empty());
 }
 
 TEST_F(ReadersTest, PicturesThatHoldNoArray) {
@@ -464,13 +448,12 @@ TEST_F(ReadersTest, PicturesThatHoldNoArray) {
   EXPECT_EQ(Array(ArrayKind::kPosition, "none.pfm", part), ArrayResult::kNotFound);
   EXPECT_TRUE(rows.starts_with("error :( \timage - none.pfm\tcannot be found\n")) << rows;
   EXPECT_EQ(missingFiles, 1);
-  Save(folder / "a.png", 2, 2, 3, std::vector<float>(12, 0.5f));
+  Save(folder / "a.png", Picture(2, 2, 3, std::vector<float>(12, 0.5f)));
   EXPECT_EQ(Array(ArrayKind::kPosition, "a.png", part), ArrayResult::kUnfit);
-  EXPECT_NE(rows.find("object - no 32-bit floats in a.png\n"), rows.npos);
-  ImageBuffer lying;
-  Allocate(lying, 4, 4, 3, 32, false);
+  ExpectRow("object - no 32-bit floats in a.png");
+  ImageBuffer lying = Picture(4, 4, 3, std::vector<float>(48));
   lying.height = 5;
-  EXPECT_EQ(Rows([&] { return AddArrayImage(ArrayKind::kPosition, lying, part); }), ArrayResult::kUnfit);
+  EXPECT_EQ(Array(ArrayKind::kPosition, lying, part), ArrayResult::kUnfit);
   EXPECT_TRUE(part.positions.empty());
 }
 
