@@ -166,9 +166,15 @@ TEST_F(AccelTest, NearestHitsAgreeWithALoopOverASoup) {
   EXPECT_GT(hits, 1000);
 }
 
-Mat4 RigidMatrix(float angle, Vec3 move) {
-  const float c = std::cos(angle), s = std::sin(angle);
-  return {{{c, -s, 0, move.x}, {s, c, 0, move.y}, {0, 0, 1, move.z}, {0, 0, 0, 1}}};
+// Turns around one of the axes, then moves.
+Mat4 RigidMatrix(int axis, float angle, Vec3 move) {
+  const int u = (axis + 1) % 3, v = (axis + 2) % 3;
+  Mat4 matrix;
+  matrix.m[u][u] = matrix.m[v][v] = std::cos(angle);
+  matrix.m[v][u] = std::sin(angle);
+  matrix.m[u][v] = -std::sin(angle);
+  for (int i = 0; i < 3; ++i) matrix.m[i][3] = move[i];
+  return matrix;
 }
 
 TEST_F(AccelTest, NestedInstancesShowTheSamePrimitives) {
@@ -178,7 +184,7 @@ TEST_F(AccelTest, NestedInstancesShowTheSamePrimitives) {
   Part world = objectTable[3].parts[0];
   for (int i = 2; i >= 0; --i) {
     const float level = static_cast<float>(i);
-    const Mat4 matrix = RigidMatrix(0.4f * (level + 1), {level, -2, 0.5f});
+    const Mat4 matrix = RigidMatrix(i, 0.4f * (level + 1), {level, -2, 0.5f});
     Place(static_cast<std::size_t>(i), i + 1, matrix);
     for (Vec3& p : world.positions) p = TransformPoint(matrix, p);
   }
