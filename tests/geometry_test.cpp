@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <random>
 #include <sstream>
 
@@ -136,22 +137,18 @@ TEST_F(GeometryTest, NormalsOfFaces) {
   }
 }
 
-TEST_F(GeometryTest, EqualCornersMergeAcrossLoads) {
-  const std::string text = kTriangle +
-                           "v -0 0 0\nvt 0 0\nvt 1 0\n"
-                           "f 1/1 2/1 3/1\nf 4/1 2/1 3/1\nf 1/2 3/1 2/1\nf 1/7 3/1 2/1\n";
-  Part part = Read(text);
-  ASSERT_EQ(part.triangles.size(), 4U);
-  // A second uv makes a second vertex, a zero's sign and uv 7 do not.
-  const std::uint32_t first = part.triangles[0].vertex[0], expected[] = {first, first, 3, first};
-  for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(part.triangles[i].vertex[0], expected[i]) << i;
-  ReadObj(text, part);
-  EXPECT_EQ(part.triangles.size(), 8U);
+// A second uv makes a second vertex, a zero's sign and uv 7 do not.
+TEST_F(GeometryTest, EqualCornersMerge) {
+  const Part part = Read(
+      kTriangle + "v -0 0 0\nvt 0 0\nvt 1 0\nf 1/1 2/1 3/1\nf 4/1 2/1 3/1\nf 1/2 3/1 2/1\nf 1/7 3/1 2/1\n");
+  std::vector<std::uint32_t> first;
+  for (const Triangle& t : part.triangles) first.push_back(t.vertex[0]);
+  EXPECT_EQ(first, (std::vector<std::uint32_t>{0, 0, 3, 0}));
   EXPECT_EQ(part.positions.size(), 4U);
 }
 
 // Against a quadratic search, with enough vertices for the table to grow several times.
-TEST_F(GeometryTest, MergingIsThatOfAPlainSearch) {
+TEST_F(GeometryTest, MergingIsThatOfAPlainSearchAcrossLoads) {
   std::mt19937 random(1);
   std::string text;
   Points raw, merged;
@@ -172,10 +169,13 @@ TEST_F(GeometryTest, MergingIsThatOfAPlainSearch) {
       if (found == merged.end()) merged.push_back(raw[k]);
     }
   }
-  const Part part = Read(text);
+  Part part = Read(text);
+  ReadObj(text, part);
   EXPECT_EQ(part.positions, merged);
   for (const Triangle& t : part.triangles) actual.insert(actual.end(), t.vertex, t.vertex + 3);
-  EXPECT_EQ(actual, expected);
+  ASSERT_EQ(actual.size(), 2 * expected.size());
+  EXPECT_TRUE(std::equal(expected.begin(), expected.end(), actual.begin()));
+  EXPECT_TRUE(std::equal(expected.begin(), expected.end(), actual.end() - std::ssize(expected)));
 }
 
 TEST_F(GeometryTest, UseMaterialNamesShaders) {

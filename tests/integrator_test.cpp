@@ -32,24 +32,19 @@ class Integrator : public RenderTest {
   static void BuildRichScene() {
     skyLight.image = "analytic";
     skyLight.sample = geometryLight.sample = 8;
-    const auto layers = [](std::int32_t shader) -> std::vector<SurfaceShader>& {
-      return shaders[static_cast<std::size_t>(shader)].surfaces;
-    };
     const std::int32_t floor = AddShader("floor", Grey(0.5f), kBlack),
-                       glass = AddShader("glass", kBlack, kBlack),
                        skin = AddShader("skin", {0.6f, 0.3f, 0.2f}, kBlack, Grey(0.2f)),
                        lamp = AddShader("lamp", Grey(0.2f), Grey(30));
-    layers(lamp)[0].virtualLight = true;
-    layers(glass)[0].material = Material::kDielectric;
-    layers(glass)[0][Element::kSpecular].color = Grey(0.9f);
-    layers(skin)[0][Element::kWeight].color = kWhite;
-    for (std::int32_t shader : {glass, skin}) {
-      layers(shader)[0][Element::kGlossy].color = Grey(shader == glass ? 0.1f : 0.5f);
-      layers(shader)[0][Element::kRoughness].color = Grey(0.2f);
-      layers(shader)[0][Element::kIor].color = Grey(1.5f);
-    }
-    layers(skin).push_back(layers(skin)[0]);
-    layers(skin)[0][Element::kDiffusion].color = {0.01f, 0.02f, 0.005f};
+    shaders[static_cast<std::size_t>(lamp)].surfaces[0].virtualLight = true;
+    std::vector<SurfaceShader>& layers = shaders[static_cast<std::size_t>(skin)].surfaces;
+    layers[0][Element::kWeight].color = kWhite;
+    layers[0][Element::kGlossy].color = Grey(0.5f);
+    layers[0][Element::kRoughness].color = Grey(0.2f);
+    layers[0][Element::kIor].color = Grey(1.5f);
+    layers.resize(3, layers[0]);
+    layers[1][Element::kDiffusion].color = {0.01f, 0.02f, 0.005f};
+    layers[2].material = Material::kDielectric;
+    layers[2][Element::kSpecular].color = Grey(0.9f);
     objectTable.resize(3);
     for (std::size_t i = 0; i < 3; ++i) {
       objectTable[i].name = std::to_string(i);
@@ -57,7 +52,7 @@ class Integrator : public RenderTest {
     }
     AddPlane(-1, 6, floor);
     AddPlane(3, 1, lamp);
-    AddSphere(objectTable[1].parts[0], 2, true, glass);
+    AddSphere(objectTable[1].parts[0], 2, true, skin);
     AddCube(objectTable[2].parts[0], 0.5f, skin);
     for (int i = 0; i < 6; ++i) {
       Instance& instance = objectTable[0].instances.emplace_back();
