@@ -15,43 +15,22 @@
 #include <tuple>
 
 #include "accel/accel.h"
-#include "core/console.h"
 #include "core/random.h"
-#include "core/tables.h"
 #include "frame/zp.h"
 #include "integrator/estimator.h"
+#include "render_fixture.h"
 
 namespace zp {
 namespace {
 
 constexpr double kPiD = 3.14159265358979323846;
 
-class Lights : public testing::Test {
+class Lights : public RenderTest {
  protected:
   void SetUp() override {
-    Clear();
-    SetConsoleQuiet(true);
-    StartRandom(7);
-    RekeyRandom(1, 2);
-    FillHaltonTables();
-  }
-  void TearDown() override {
-    Clear();
-    SetConsoleQuiet(false);
-    StartRandom(std::nullopt);
-    EmptyHaltonTables();
-  }
-  static void Clear() {
-    shaders = {};
-    objectTable = {};
-    cameras = {};
-    pointLights = {};
-    parallelLights = {};
-    rootObject = kNone;
+    RenderTest::SetUp();
     sceneCenter = kBlack;
     sceneRadius = 0;
-    ResetSky();
-    ResetGeometryLight();
   }
 };
 using GafferTest = Lights;
@@ -89,30 +68,6 @@ RayRecord PhotonOf(const Kind& light, std::uint32_t s) {
   return ray;
 }
 
-// A point light that shines alike in all directions.
-PointLight& AddPlainPoint(Vec3 position, Vec3 color) {
-  PointLight light;
-  light.position = position;
-  light.color = color;
-  light.innerAngle = light.outerAngle = 181;
-  pointLights.push_back(light);
-  return pointLights.back();
-}
-
-TEST_F(GafferTest, InverseSquare) {
-  const Vec3 color = {2, 1, 0.5f};
-  AddPlainPoint({1, 2, 3}, color);
-  InitializeGaffer();
-  for (float distance : {0.01f, 1.0f, 2.0f, 7.0f, 1000.0f}) {
-    const Vec3 away = SafeNormalize({1, -2, 2});
-    const LightSample sample = SampleLight(pointLights[0], Vec3{1, 2, 3} + distance * away, 0.3f, 0.8f);
-    EXPECT_NEAR(sample.distance / distance, 1, 1e-4f);
-    ExpectNear(sample.direction, -away, 1e-4f);
-    ExpectNear(sample.radiance * (distance * distance), kPi * color, 1e-3f);
-    EXPECT_EQ(sample.pdf, 0);
-  }
-}
-
 TEST_F(GafferTest, SpotFactor) {
   struct Case {
     Vec3 direction;
@@ -142,10 +97,10 @@ TEST_F(GafferTest, SpotFactor) {
 TEST_F(GafferTest, NothingIsInfinite) {
   const float infinity = std::numeric_limits<float>::infinity();
   const float nan = std::numeric_limits<float>::quiet_NaN();
-  AddPlainPoint({1, 1, 1}, kWhite);
-  AddPlainPoint({infinity, 0, 0}, kWhite);
-  AddPlainPoint({nan, 0, 0}, kWhite);
-  AddPlainPoint({1e30f, 0, 0}, kWhite);
+  AddPointLight({1, 1, 1});
+  AddPointLight({infinity, 0, 0});
+  AddPointLight({nan, 0, 0});
+  AddPointLight({1e30f, 0, 0});
   for (PointLight& light : pointLights) light.photon = 16;
   parallelLights.emplace_back().photon = 16;  // nobody gave it a direction
   sceneRadius = 1;
@@ -159,7 +114,7 @@ TEST_F(GafferTest, NothingIsInfinite) {
 }
 
 TEST_F(GafferTest, BlurOfAPointLightIsAUniformSphere) {
-  PointLight& light = AddPlainPoint({4, 5, 6}, kWhite);
+  PointLight& light = AddPointLight({4, 5, 6});
   light.blur = 0.5f;
   InitializeGaffer();
   const Vec3 place = {9, 5, 6};
@@ -241,13 +196,12 @@ TEST_F(GafferTest, PhotonsOfAPointLightInside) {
   sceneCenter = {1, 2, 3};
   sceneRadius = 4;
   const Vec3 color = {2, 1, 0.5f}, axis = SafeNormalize({1, 2, -2});
-  AddPlainPoint({3, 3, 3}, color);
-  PointLight spot = AddPlainPoint({3, 3, 3}, color);
+  AddPointLight({3, 3, 3}, 0, 20000).color = color;
+  PointLight& spot = AddPointLight({3, 3, 3}, 0, 20000);
+  spot.color = color;
   spot.direction = 5 * axis;
   spot.innerAngle = 30;
   spot.outerAngle = 75;
-  pointLights[1] = spot;
-  for (PointLight& light : pointLights) light.photon = 20000;
   InitializeGaffer();
 
   // Intensity `color` everywhere, so that irradiance times squared distance is the same.
@@ -266,8 +220,8 @@ TEST_F(GafferTest, PhotonsOfAPointLightOutside) {
   sceneRadius = 4;
   for (Vec3 away : {Vec3{5, 0, 0}, Vec3{0, -40, 0}, Vec3{-6, -6, 6}}) {
     pointLights = {};
-    PointLight& light = AddPlainPoint(sceneCenter + away, {2, 1, 0.5f});
-    light.photon = 8000;
+    PointLight& light = AddPointLight(sceneCenter + away, 0, 8000);
+    light.color = {2, 1, 0.5f};
     InitializeGaffer();
     const float cosine = Length(away) / std::sqrt(Dot(away, away) + 16);
     const PhotonSums sums = SumPhotons(light, -SafeNormalize(away), 0.5f * (1 + cosine));
@@ -291,9 +245,8 @@ TEST_F(GafferTest, PhotonsOfAPointLightOutside) {
 
 TEST_F(GafferTest, PhotonsOfABlurredPointLightStartOnItsSphere) {
   sceneRadius = 4;
-  PointLight& light = AddPlainPoint({1, 2, 3}, kWhite);
+  PointLight& light = AddPointLight({1, 2, 3}, 0, 4000);
   light.blur = 0.5f;
-  light.photon = 4000;
   InitializeGaffer();
   std::vector<double> bins(16);
   for (std::uint32_t s = 0; s < 4000; ++s) {
@@ -368,8 +321,6 @@ TEST_F(GafferTest, RowsAndImages) {
   const std::filesystem::path folder =
       std::filesystem::temp_directory_path() / ("zp-lights-" + std::to_string(::getpid()));
   std::filesystem::create_directories(folder);
-  cameras.emplace_back();
-  cameras[0].width = cameras[0].height = 4;
   shaders.resize(2);
   shaders[1].name = "lit";
   pointLights.resize(2);
@@ -390,7 +341,7 @@ TEST_F(GafferTest, RowsAndImages) {
                 "point    lights                2 %16.4f[ M bytes ]\n",
                 sizeof(ParallelLight) / 1048576.0, 2 * sizeof(PointLight) / 1048576.0);
   EXPECT_EQ(rows.find(expected), 0u) << rows;
-  EXPECT_EQ(pointLights[1].aovs[0].image.floatPixels.size(), 48u);
+  EXPECT_EQ(pointLights[1].aovs[0].image.floatPixels.size(), 3u * 16 * 16);
   for (const PointLight& light : pointLights) {
     EXPECT_EQ(light.link.shaders, std::vector<std::int32_t>{1});
     EXPECT_TRUE(IsLinked(light.link, 1));
@@ -406,14 +357,10 @@ TEST_F(GafferTest, RowsAndImages) {
 
 // Emissive on the front side only, sampled unless told otherwise.
 std::int32_t AddEmissive(Vec3 emissive, Sideness sideness = Sideness::kFace) {
-  Shader shader;
-  shader.name = "emissive " + std::to_string(shaders.size());
-  SurfaceShader& layer = shader.surfaces.emplace_back();
-  layer[Element::kEmissive].color = emissive;
-  layer.virtualLight = true;
-  layer.sideness = sideness;
-  shaders.push_back(shader);
-  return static_cast<std::int32_t>(shaders.size()) - 1;
+  const std::int32_t shader = AddShader("emissive", kBlack, emissive);
+  shaders.back().surfaces[0].virtualLight = true;
+  shaders.back().surfaces[0].sideness = sideness;
+  return shader;
 }
 
 void AddFace(Part& part, std::vector<Vec3> corners, std::int32_t shader) {
@@ -507,8 +454,7 @@ TEST_F(GeometryLightTest, PicksInProportionToArea) {
 
 TEST_F(GeometryLightTest, FirstDrawIsStratified) {
   const std::int32_t shader = AddEmissive(kWhite);
-  objectTable.resize(1);
-  Part& part = objectTable[0].parts.emplace_back();
+  Part& part = Geometry();
   for (float x = 0; x < 8; ++x) AddFace(part, {{x, 0, 0}, {x + 1, 0, 0}, {x, 1, 0}}, shader);
   InitializeScene();
   for (std::uint32_t i = 0; i < 64; ++i) {
@@ -620,7 +566,7 @@ TEST_F(GeometryLightTest, IrradianceOfAPanel) {
   const std::int32_t shader = AddEmissive({2, 1, 0.5f});
   objectTable.resize(2);
   // Half of it as two triangles, the other half as a tetragon inside an Instance; all look down.
-  Part& part = objectTable[0].parts.emplace_back();
+  Part& part = Geometry();
   AddFace(part, {{-1, -1.5f, 2}, {-1, 1.5f, 2}, {0, 1.5f, 2}}, shader);
   AddFace(part, {{-1, -1.5f, 2}, {0, 1.5f, 2}, {0, -1.5f, 2}}, shader);
   AddFace(objectTable[1].parts.emplace_back(), {{0, -1.5f, 0}, {0, 1.5f, 0}, {1, 1.5f, 0}, {1, -1.5f, 0}},
@@ -655,8 +601,7 @@ TEST_F(GeometryLightTest, IrradianceOfAPanel) {
 
 TEST_F(GeometryLightTest, LayersOfTheEmittingSide) {
   const std::int32_t shader = AddEmissive({2, 2, 2});
-  objectTable.resize(1);
-  AddFace(objectTable[0].parts.emplace_back(), {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, shader);
+  AddFace(Geometry(), {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, shader);
   auto& surfaces = shaders[static_cast<std::size_t>(shader)].surfaces;
   const auto restart = [&] {
     for (Shader& s : shaders) s.initialized = false;
@@ -700,7 +645,7 @@ TEST_F(GeometryLightTest, LayersOfTheEmittingSide) {
 TEST_F(GeometryLightTest, Photons) {
   const std::int32_t shader = AddEmissive({2, 1, 0.5f}, Sideness::kBoth);
   objectTable.resize(2);
-  AddFace(objectTable[0].parts.emplace_back(), {{0, 0, 0}, {1, 0, 0}, {0, 2, 0}}, shader);
+  AddFace(Geometry(), {{0, 0, 0}, {1, 0, 0}, {0, 2, 0}}, shader);
   AddFace(objectTable[1].parts.emplace_back(), {{0, 0, 0}, {2, 0, 0}, {2, 2, 0}, {0, 2, 0}}, shader);
   PlaceInRoot(1, Lifted(5));
   geometryLight.photon = 4000;

@@ -17,12 +17,10 @@
 #include <utility>
 
 #include "accel/accel.h"
-#include "core/console.h"
-#include "core/tables.h"
-#include "lights/lights.h"
 #include "lights/sky_map.h"
 #include "lights/sky_model.h"
 #include "lights/sky_table.h"
+#include "render_fixture.h"
 
 namespace zp {
 namespace {
@@ -44,13 +42,10 @@ Vec3 Random(std::mt19937& random) {
 }
 
 // A sky whose image is in the texture table already, as a file that was read.
-class Sky : public testing::Test {
+class Sky : public RenderTest {
  protected:
   void SetUp() override {
-    SetConsoleQuiet(true);
-    FillExponentTable();
-    FillHaltonTables();
-    oldPaths = imageSearchPaths;
+    RenderTest::SetUp();
     imageSearchPaths = {""};
     Clear();
     skyLight.color = kWhite;
@@ -59,11 +54,8 @@ class Sky : public testing::Test {
   }
   void TearDown() override {
     Clear();
-    EmptyHaltonTables();
     imageSearchPaths = oldPaths;
-    sceneCenter = {};
-    sceneRadius = 0;
-    SetConsoleQuiet(false);
+    RenderTest::TearDown();
   }
   static void Clear() {
     skyLight = {};
@@ -98,7 +90,7 @@ class Sky : public testing::Test {
     return {0.2f + 0.01f * static_cast<float>(x % 7), 0.5f, y > 32 ? 1.0f : 0.1f};
   }
 
-  std::vector<std::string> oldPaths;
+  const std::vector<std::string> oldPaths = imageSearchPaths;
 };
 
 TEST(SkyModel, SumsOfThePublishedFigures) {
@@ -236,10 +228,6 @@ TEST_F(Sky, LookUpWrapsAroundAndEndsAtThePoles) {
 }
 
 TEST(SkyTable, CellsCoverTheSphere) {
-  // The faces' corners are the cube's, the middles its axes.
-  EXPECT_EQ(CellDirection(0, 128, 128), (Vec3{1, 0, 0}));
-  EXPECT_EQ(CellDirection(5, 128, 128).y, -1);
-  EXPECT_NEAR(CellDirection(3, 0, 0).x, std::sqrt(1.0f / 3), 1e-6f);
   std::mt19937 random(2);
   std::uniform_real_distribution<float> uniform(0.001f, 0.999f);
   for (int face = 0; face < 6; ++face)
