@@ -429,18 +429,5 @@ TEST_F(Photons, FirstLandingsDrawDirectLight) {
   }
 }
 
-TEST_F(Photons, SeedRepeatsAGatheredPictureOnOneThread) {
-  std::vector<float> pictures[2];
-  for (std::vector<float>& picture : pictures) {
-    Restart();
-    omp_set_num_threads(1);
-    AddRoom(1, AddShader("room", Grey(0.6f), kBlack));
-    AddPointLight({0.3f, 0.2f, 0.4f}, 0, 20000);
-    Render();
-    picture = Pixels(0);
-  }
-  EXPECT_EQ(pictures[0], pictures[1]);
-}
-
 }  // namespace
 }  // namespace zp
