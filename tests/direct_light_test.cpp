@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <string>
 
 #include "accel/accel.h"
@@ -15,6 +16,9 @@ namespace {
 
 constexpr float kDegree = kPi / 180;
 constexpr Vec3 kPointColor = {0.8f, 0.4f, 0.2f};
+// Where a lamp of the one area that samples of the geometry light count in full hangs over the floor: their
+// constant stands for pi over that area.
+constexpr float kLampHeight = 0.04f;
 
 float Soft(float cosine, float offset) { return std::clamp((cosine - offset) / (1 - offset), 0.0f, 1.0f); }
 
@@ -44,8 +48,45 @@ class DirectLight : public RenderTest {
           << what << " channel " << c;
   }
 
-  Shader& Floor() { return shaders[static_cast<std::size_t>(floor_)]; }
-  SurfaceShader& FloorLayer() { return Floor().surfaces[0]; }
+  static SurfaceShader& Layer(std::int32_t shader) {
+    return shaders[static_cast<std::size_t>(shader)].surfaces[0];
+  }
+  SurfaceShader& FloorLayer() { return Layer(floor_); }
+
+  static ParallelLight& AddParallelLight(Vec3 direction, float offset = 0) {
+    ParallelLight& light = parallelLights.emplace_back();
+    light.zAxis = direction;
+    light.offset = offset;
+    return light;
+  }
+
+  // Black, over all that is right of x.
+  static void AddWall(float x) {
+    AddTetragon(Geometry(), {Vec3{x, -50, 4}, Vec3{50, -50, 4}, Vec3{50, 50, 4}, Vec3{x, 50, 4}},
+                AddShader("wall", kBlack, kBlack));
+  }
+
+  static void AddLamp(Part& part, float z, std::int32_t shader) {
+    const float half = 0.5f * std::sqrt(kPi / 18481.0f);
+    AddTetragon(part,
+                {Vec3{-half, -half, z}, Vec3{-half, half, z}, Vec3{half, half, z}, Vec3{half, -half, z}},
+                shader);
+  }
+
+  // Light samples and rays that find the light by themselves agree in the mean.
+  void ExpectSamplesKeepTheMean(float tolerance, int kind, const std::function<void(bool)>& build) {
+    Vec3 shown[2];
+    for (int sampled : {0, 1}) {
+      Restart();
+      FloorLayer()[Element::kLambertian].color = Grey(0.7f);
+      settings.rendererSample = 4096;
+      build(sampled == 1);
+      Render();
+      shown[sampled] = MeanColor();
+    }
+    EXPECT_GT(shown[0].x, 0.01f) << kind;
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(shown[1][c] / shown[0][c], 1, tolerance) << kind << " " << c;
+  }
 
   std::int32_t floor_ = 0;
 };
@@ -64,26 +105,11 @@ TEST_F(DirectLight, PointLightFallsOffByDistanceAndSoftCosine) {
       }
 }
 
-TEST_F(DirectLight, SpotFactorFallsBetweenItsAngles) {
-  struct Case {
-    float degrees, factor;
-  };
-  for (const Case& c : {Case{5, 1}, Case{15, 0.75f}, Case{20, 0.5f}, Case{28, 0.1f}, Case{31, 0}}) {
-    Restart();
-    PointLight& light = AddPointLight({0, 0, 2});
-    light.direction = 3 * Vec3{std::sin(c.degrees * kDegree), 0, -std::cos(c.degrees * kDegree)};
-    light.innerAngle = 10;
-    light.outerAngle = 30;
-    Render();
-    ExpectColor(kPointColor * (c.factor / 4), 0.005f, std::to_string(c.degrees));
-  }
-}
-
 TEST_F(DirectLight, ParallelLightShinesAlongItsDirectionAtAnyDistance) {
   for (float degrees : {0.0f, 60.0f, 100.0f}) {
     Restart();
-    ParallelLight& light = parallelLights.emplace_back();
-    light.zAxis = 5 * Vec3{0, -std::sin(degrees * kDegree), -std::cos(degrees * kDegree)};
+    parallelLights.emplace_back().zAxis =
+        5 * Vec3{0, -std::sin(degrees * kDegree), -std::cos(degrees * kDegree)};
     Render();
     ExpectColor(kPointColor * Soft(std::cos(degrees * kDegree), 0.1f), 0.001f, std::to_string(degrees));
   }
@@ -95,33 +121,31 @@ TEST_F(DirectLight, LightsAddUpAndLinksChooseWhatTheyLight) {
   PointLight& linked = AddPointLight({0, 0, 1});
   linked.color = {0, 0, 1};
   linked.link.names = {"floor", "no such shader"};
-  PointLight& elsewhere = AddPointLight({0, 0, 1});
-  elsewhere.color = {10, 10, 10};
-  elsewhere.link.names = {"undefined"};
+  AddPointLight({0, 0, 1}).link.names = {"undefined"};
   Render();
   ExpectColor(kPointColor, 0.001f, "sum");
-}
 
-TEST_F(DirectLight, SkyAndEmittersKeepToTheirLinks) {
-  for (bool emitter : {false, true})
-    for (bool linked : {false, true}) {
+  for (const std::string light : {"sky", "emitter", "parallel"})
+    for (const std::string name : {"floor", "undefined"}) {
       Restart();
-      ShaderLink& link = emitter ? geometryLight.link : skyLight.link;
-      link.names = {linked ? "floor" : "undefined"};
-      if (emitter)
-        AddPlane(4, 2000, AddShader("lamp", kBlack, kWhite));
-      else
+      if (light == "sky") {
         skyLight.color = kWhite;
+        skyLight.link.names = {name};
+      } else if (light == "emitter") {
+        AddPlane(4, 2000, AddShader("lamp", kBlack, kWhite));
+        geometryLight.link.names = {name};
+      } else {
+        AddParallelLight({0, 0, -1}).link.names = {name};
+      }
       settings.rendererSample = 256;
       Render();
-      ExpectColor(linked ? kPointColor : kBlack, 0.01f, linked ? "linked" : "excluded");
+      ExpectColor(name == "floor" ? kPointColor : kBlack, 0.01f, light + " " + name);
     }
   // The camera sees the background whatever the list says.
   Restart();
   skyLight.color = kWhite;
   skyLight.link.names = {"undefined"};
-  LookFrom({0, 0, 3}, {0, 0, 4}, 20);
-  for (CameraPose& pose : cameras[0].poses) pose.upVector = {0, 1, 0};
+  LookFrom({0, 0, 3}, {0, 1, 4}, 20);
   Render();
   ExpectColor(kWhite, 0.001f, "background");
 }
@@ -160,27 +184,12 @@ TEST_F(DirectLight, GlossyHighlightFollowsItsLobe) {
 
 TEST_F(DirectLight, PanesMultiplyTheirTransparencies) {
   const Vec3 tint = {0.9f, 0.5f, 0.8f};
-  for (int panes : {1, 3, 7}) {
-    Restart();
-    const std::int32_t pane = AddShader("pane", kBlack, kBlack);
-    shaders[static_cast<std::size_t>(pane)].surfaces[0][Element::kShadowTransparency].color = tint;
-    for (int i = 0; i < panes; ++i) AddPlane(4 + 0.1f * static_cast<float>(i), 10, pane);
-    AddPointLight({0, 0, 6});
-    Render();
-    Vec3 product = kWhite;
-    for (int i = 0; i < panes; ++i) product *= tint;
-    ExpectColor(kPointColor * product / 36, 0.002f, std::to_string(panes));
-  }
-  // Opaque ones stop it, whatever side they show, and hidden ones as well.
-  for (bool hidden : {false, true}) {
-    Restart();
-    const std::int32_t wall = AddShader("wall", kWhite, kBlack);
-    if (hidden) shaders[static_cast<std::size_t>(wall)].geometry.visibility = Visibility::kNotCameraPrimary;
-    AddPlane(hidden ? 1 : 4, 10, wall);
-    AddPointLight({0, 0, 6});
-    Render();
-    ExpectColor(kBlack, 0, hidden ? "hidden" : "opaque");
-  }
+  const std::int32_t pane = AddShader("pane", kBlack, kBlack);
+  Layer(pane)[Element::kShadowTransparency].color = tint;
+  for (float z : {4.0f, 4.1f, 4.2f}) AddPlane(z, 10, pane);
+  AddPointLight({0, 0, 6});
+  Render();
+  ExpectColor(kPointColor * tint * tint * tint / 36, 0.002f, "tinted");
 }
 
 TEST_F(DirectLight, ThinGlassDimsLightOnItsWayAndTheViewThroughIt) {
@@ -188,10 +197,9 @@ TEST_F(DirectLight, ThinGlassDimsLightOnItsWayAndTheViewThroughIt) {
   for (bool seenThrough : {false, true}) {
     Restart();
     const std::int32_t pane = AddShader("pane", kBlack, kBlack);
-    SurfaceShader& layer = shaders[static_cast<std::size_t>(pane)].surfaces[0];
-    layer.material = Material::kThinDielectric;
-    layer[Element::kSpecular].color = kWhite;
-    layer[Element::kIor].color = Grey(1.5f);
+    Layer(pane).material = Material::kThinDielectric;
+    Layer(pane)[Element::kSpecular].color = kWhite;
+    Layer(pane)[Element::kIor].color = Grey(1.5f);
     AddPlane(seenThrough ? 1 : 4, 10, pane);
     AddPointLight({0, 0, seenThrough ? 0.5f : 6});
     settings.rayDepth = seenThrough ? 2 : 1;  // the floor's light, not its image in the glass
@@ -205,19 +213,10 @@ TEST_F(DirectLight, ThinGlassDimsLightOnItsWayAndTheViewThroughIt) {
 TEST_F(DirectLight, BlurredLightsCastSoftShadows) {
   for (bool parallel : {false, true}) {
     Restart();
-    const std::int32_t wall = AddShader("wall", kBlack, kBlack);
-    AddTetragon(Geometry(), {Vec3{0, -50, 4}, Vec3{50, -50, 4}, Vec3{50, 50, 4}, Vec3{0, 50, 4}}, wall);
-    if (parallel) {
-      ParallelLight& light = parallelLights.emplace_back();
-      light.zAxis = {0, 0, -1};
-      light.blur = 10;
-      light.sample = 512;
-      light.offset = 0;
-    } else {
-      PointLight& light = AddPointLight({0, 0, 8});
-      light.blur = 0.5f;
-      light.sample = 512;
-    }
+    AddWall(0);
+    Light& light = parallel ? static_cast<Light&>(AddParallelLight({0, 0, -1})) : AddPointLight({0, 0, 8});
+    light.blur = parallel ? 10 : 0.5f;
+    light.sample = 512;
     LookFrom({-0.5f, 0, 3}, kBlack, 0.05f);
     Render();
     const Vec3 open = kPointColor * (parallel ? 0.9924f : 1 / 64.0f);  // the cone's mean cosine
@@ -230,19 +229,15 @@ TEST_F(DirectLight, BlurredLightsCastSoftShadows) {
 TEST_F(DirectLight, DiffusionSpreadsLight) {
   FloorLayer()[Element::kLambertian].color = Grey(0.5f);
   FloorLayer()[Element::kDiffusion].color = Grey(0.01f);
-  ParallelLight& light = parallelLights.emplace_back();
-  light.zAxis = {0, 0, -1};
+  AddParallelLight({0, 0, -1});
   Render();
   ExpectColor(Grey(0.5f), 0.001f, "endless");
 
   Restart();
   FloorLayer()[Element::kLambertian].color = kWhite;
   FloorLayer()[Element::kDiffusion].color = {0.04f, 0.01f, 0.0025f};
-  const std::int32_t wall = AddShader("wall", kBlack, kBlack);
-  AddTetragon(Geometry(), {Vec3{-0.1f, -50, 4}, Vec3{50, -50, 4}, Vec3{50, 50, 4}, Vec3{-0.1f, 50, 4}}, wall);
-  ParallelLight& sun = parallelLights.emplace_back();
-  sun.zAxis = {0, 0, -1};
-  sun.sample = 4096;
+  AddWall(-0.1f);
+  AddParallelLight({0, 0, -1}).sample = 4096;
   LookFrom({-0.5f, 0, 3}, kBlack, 0.05f);
   Render();
   const Vec3 shown = MeanColor();
@@ -252,92 +247,84 @@ TEST_F(DirectLight, DiffusionSpreadsLight) {
   EXPECT_LT(shown.x, 0.5f);
 }
 
-// A picture of the sky in memory, found by name: dim all over, with a disc of light around `sun`.
-void AddSkyPicture(Vec3 sun, float radiance) {
-  ImageBuffer image;
-  Allocate(image, 512, 256, 3, 32, false);
-  for (int y = 0; y < 256; ++y)
-    for (int x = 0; x < 512; ++x) {
-      // The zenith is at the top, and the top row is the last one.
-      const float theta = kPi * (1 - (static_cast<float>(y) + 0.5f) / 256);
-      const float phi = 2 * kPi * (static_cast<float>(x) + 0.5f) / 512;
-      const Vec3 direction = {std::sin(theta) * std::cos(phi), std::sin(theta) * std::sin(phi),
-                              std::cos(theta)};
-      // Wherever the map's seam and handedness put it: the disc is drawn around both candidates' mirror
-      // images.
-      const bool inSun = Dot(direction, sun) > std::cos(6 * kDegree);
-      WritePixel(image, inSun ? Vec3{radiance, radiance, 0.5f * radiance} : Vec3{0.3f, 0.5f, 0.7f},
-                 static_cast<std::size_t>(y) * 512 + static_cast<std::size_t>(x));
-    }
-  image.loaded = true;
-  image.fileName = "sun in memory";
-  images.push_back(image);
-  skyLight.image = image.fileName;
-}
-
-// Light samples and rays that find the light agree in the mean, for floor and shadowed wall alike.
+// For floor and shadowed wall alike.
 TEST_F(DirectLight, SkySamplesDoNotChangeTheMean) {
-  enum Kind { kPlain, kSun, kAnalytic };
-  for (Kind kind : {kPlain, kSun, kAnalytic}) {
-    Vec3 shown[2];
-    for (int sampled : {0, 1}) {
-      Restart();
+  for (bool analytic : {false, true}) {
+    ExpectSamplesKeepTheMean(0.02f, analytic, [&](bool sampled) {
       skyLight.color = kWhite;
-      skyLight.sample = 64 * sampled;
-      if (kind == kSun) AddSkyPicture(SafeNormalize({0.3f, 0.5f, 0.6f}), 60);
-      if (kind == kAnalytic) skyLight.image = "analytic";
-      FloorLayer()[Element::kLambertian].color = Grey(0.7f);
-      const std::int32_t wall = AddShader("wall", Grey(0.5f), kBlack);
-      AddTetragon(Geometry(), {Vec3{1, -3, 0}, Vec3{1, 3, 0}, Vec3{1, 3, 1}, Vec3{1, -3, 1}}, wall);
+      skyLight.sample = sampled ? 64 : 0;
+      skyLight.image = analytic ? "analytic" : "";
+      AddTetragon(Geometry(), {Vec3{1, -3, 0}, Vec3{1, 3, 0}, Vec3{1, 3, 1}, Vec3{1, -3, 1}},
+                  AddShader("wall", Grey(0.5f), kBlack));
       settings.rendererBounce = settings.rayDepth = 10;  // so many that one more does not count
-      settings.rendererSample = 4096;
       cameras[0].width = cameras[0].height = 8;
       cameras[0].sample = 4;
-      Render();
-      shown[sampled] = MeanColor();
-      EXPECT_EQ(skyLight.sample, 64) << "the frame's end puts the default back";
-      skyLight.image.clear();
-    }
-    for (int c = 0; c < 3; ++c)
-      EXPECT_NEAR(shown[1][c] / shown[0][c], 1, 0.02f) << "kind " << kind << " channel " << c;
+    });
+    EXPECT_EQ(skyLight.sample, 64) << "the frame's end puts the default back";
+    skyLight.image.clear();
   }
 }
 
-// The geometry light's constant stands for pi over an area of 1.7e-4: with a lamp of just that size, samples
-// of the lamp and rays that find it agree in the mean.
+// Where the emission lists do not hold an emitter, nothing samples it, and rays that find it bring all of it.
 TEST_F(DirectLight, EmitterSamplesDoNotChangeTheMean) {
-  const float half = 0.5f * std::sqrt(kPi / 18481.0f);
-  Vec3 shown[2];
-  for (int sampled : {0, 1}) {
-    Restart();
-    FloorLayer()[Element::kLambertian].color = Grey(0.7f);
-    const std::int32_t lamp = AddShader("lamp", kBlack, {9, 6, 3});
-    shaders[static_cast<std::size_t>(lamp)].surfaces[0].virtualLight = sampled == 1;
-    const float z = 0.04f;
-    AddTetragon(Geometry(),
-                {Vec3{-half, -half, z}, Vec3{-half, half, z}, Vec3{half, half, z}, Vec3{half, -half, z}},
-                lamp);
-    geometryLight.sample = 64 * sampled;
-    settings.rendererSample = 4096;
-    LookFrom({1, 0, 0.05f}, {0.02f, 0, 0}, 0.02f);
-    Render();
-    shown[sampled] = MeanColor();
-  }
-  EXPECT_GT(shown[0].x, 0.01f);
-  for (int c = 0; c < 3; ++c) EXPECT_NEAR(shown[1][c] / shown[0][c], 1, 0.02f) << c;
+  enum Kind { kPlain, kInstance, kRootWithoutParts, kOverride, kParticle };
+  for (Kind kind : {kPlain, kInstance, kRootWithoutParts, kOverride, kParticle})
+    ExpectSamplesKeepTheMean(0.015f, kind, [&](bool sampled) {
+      const std::int32_t lamp = AddShader("lamp", kBlack, {9, 6, 3});
+      const std::int32_t off = AddShader("off", kBlack, kBlack);
+      Layer(lamp).virtualLight = true;
+      geometryLight.sample = sampled ? 64 : 0;
+      LookFrom({1, 0, 0.05f}, {0.02f, 0, 0}, 0.02f);
+      objectTable[0].name = "root";
+      const auto place = [&](Instance instance) {
+        instance.object = static_cast<std::int32_t>(objectTable.size());
+        objectTable[0].instances.push_back(instance);
+        objectTable.emplace_back().name = "part " + std::to_string(instance.object);
+        return &objectTable.back().parts.emplace_back();
+      };
+      if (kind == kPlain) {
+        AddLamp(Geometry(), kLampHeight, lamp);
+      } else if (kind == kParticle) {
+        Part& part = Geometry();
+        part.particles = {static_cast<std::uint32_t>(part.positions.size())};
+        part.positions.push_back({0, 0, kLampHeight});
+        part.scalarSets[0].values.assign(part.positions.size(), 0.02f);
+        part.primitiveShaders = {lamp};
+        part.shader = lamp;
+        LookFrom({1, 0, 0.5f}, {0.06f, 0, 0}, 0.02f);
+      } else {
+        if (kind == kRootWithoutParts) {
+          const Part moved = Geometry();
+          objectTable[0].parts.clear();
+          *place({}) = moved;
+        }
+        Instance raised;
+        raised.matrix.m[2][3] = kLampHeight;
+        if (kind == kOverride) raised.shader = lamp;
+        AddLamp(*place(raised), 0, kind == kOverride ? off : lamp);
+      }
+      if (kind == kParticle || kind == kOverride)  // another lamp, far away, is in the list
+        AddTetragon(Geometry(), {Vec3{40, 0, 9}, Vec3{40.1f, 0, 9}, Vec3{40.1f, 0.1f, 9}, Vec3{40, 0.1f, 9}},
+                    lamp);
+    });
 }
 
 // Each light's own pictures hold its light, by lobe, and together they are the beauty image.
 TEST_F(DirectLight, LightAovsAddUpToTheBeautyImage) {
   const auto addAov = [](std::vector<Aov>& aovs, std::uint32_t channel) {
     aovs.emplace_back().channel = kChannelBeauty | channel;
+    return &aovs.back();
+  };
+  const auto mean = [](const Aov& aov) {
+    double sum = 0;
+    for (float p : aov.image.floatPixels) sum += static_cast<double>(p);
+    return sum / static_cast<double>(aov.image.floatPixels.size());
   };
   for (bool triangles : {false, true}) {
     Restart();
     if (triangles) {
-      Part& part = Geometry();
-      part.triangles = {{{0, 1, 2}, floor_}, {{0, 2, 3}, floor_}};
-      part.tetragons.clear();
+      Geometry().triangles = {{{0, 1, 2}, floor_}, {{0, 2, 3}, floor_}};
+      Geometry().tetragons.clear();
     }
     SurfaceShader& layer = FloorLayer();
     layer[Element::kGlossy].color = kPointColor;
@@ -349,43 +336,32 @@ TEST_F(DirectLight, LightAovsAddUpToTheBeautyImage) {
     PointLight& above = AddPointLight({0.5f, 0, 2});
     for (std::uint32_t channel : {+kChannelLambertian, +kChannelTransmissive, +kChannelGlossy, all})
       addAov(above.aovs, channel);
-    PointLight& below = AddPointLight({0, 0, -2});
-    addAov(below.aovs, all);
-    parallelLights.emplace_back().zAxis = {0, 0, -1};
-    addAov(parallelLights[0].aovs, all);
-    addAov(geometryLight.aovs, all);
-    geometryLight.aovs.push_back(geometryLight.aovs[0]);
-    geometryLight.aovs[0].shaderName = "floor";
-    geometryLight.aovs[1].shaderName = "undefined";
-    const std::size_t parts[] = {AddAov(kChannelLambertian), AddAov(kChannelTransmissive),
-                                 AddAov(kChannelGlossy), AddAov(kChannelSpecular), AddAov(kChannelEmissive)};
-    const std::size_t color = AddAov(kChannelGlossyColor);
+    addAov(AddPointLight({0, 0, -2}).aovs, all);
+    addAov(AddParallelLight({0, 0, -1}, 0.1f).aovs, all);
+    for (const char* name : {"floor", "undefined"}) addAov(geometryLight.aovs, all)->shaderName = name;
+    for (std::uint32_t channel : {+kChannelLambertian, +kChannelTransmissive, +kChannelGlossy,
+                                  +kChannelSpecular, +kChannelEmissive, +kChannelGlossyColor})
+      AddAov(channel);
     settings.rayDepth = 1;  // no light but from the lights
     Initialize();
     for (std::uint32_t pass = 0; pass < 2; ++pass) {
       settings.samplePass = static_cast<std::int32_t>(pass);
       RenderPixels(pass);
     }
-    const auto mean = [](const std::vector<float>& pixels) {
-      double sum = 0;
-      for (float p : pixels) sum += static_cast<double>(p);
-      return sum / static_cast<double>(pixels.size());
-    };
-    const auto light = [&](const Aov& aov) { return mean(aov.image.floatPixels); };
-    const double beauty = mean(Pixels(0));
+    const std::vector<Aov>&shown = cameras[0].aovs, &byLobe = pointLights[0].aovs;
+    const double beauty = mean(shown[0]);
     double lobes = 0;
-    for (std::size_t part : parts) lobes += mean(Pixels(part));
+    for (std::size_t i = 1; i <= 5; ++i) lobes += mean(shown[i]);
     EXPECT_NEAR(lobes, beauty, 1e-4 * beauty);
-    EXPECT_NEAR(light(pointLights[0].aovs[0]) + light(pointLights[0].aovs[1]) + light(pointLights[0].aovs[2]),
-                light(pointLights[0].aovs[3]), 1e-4 * beauty);
-    EXPECT_EQ(light(pointLights[0].aovs[1]), 0);
-    EXPECT_GT(light(pointLights[0].aovs[2]), 0);
-    EXPECT_GT(light(geometryLight.aovs[0]), 0.2);
-    EXPECT_EQ(light(geometryLight.aovs[1]), 0);
-    EXPECT_NEAR(light(pointLights[0].aovs[3]) + light(pointLights[1].aovs[0]) +
-                    light(parallelLights[0].aovs[0]) + mean(Pixels(parts[4])),
-                beauty, 1e-4 * beauty);
-    EXPECT_NEAR(mean(Pixels(color)), static_cast<double>(Mean(kPointColor)), 1e-5);
+    EXPECT_NEAR(mean(byLobe[0]) + mean(byLobe[2]), mean(byLobe[3]), 1e-4 * beauty);
+    EXPECT_EQ(mean(byLobe[1]), 0);
+    EXPECT_GT(mean(byLobe[2]), 0);
+    EXPECT_GT(mean(geometryLight.aovs[0]), 0.2);
+    EXPECT_EQ(mean(geometryLight.aovs[1]), 0);
+    EXPECT_NEAR(
+        mean(byLobe[3]) + mean(pointLights[1].aovs[0]) + mean(parallelLights[0].aovs[0]) + mean(shown[5]),
+        beauty, 1e-4 * beauty);
+    EXPECT_NEAR(mean(shown[6]), static_cast<double>(Mean(kPointColor)), 1e-5);
   }
 }
 
@@ -393,76 +369,17 @@ TEST_F(DirectLight, LightAovsAddUpToTheBeautyImage) {
 TEST_F(DirectLight, BouncedLightIsSampledUpToTheLastBounce) {
   for (int bounces : {1, 3}) {
     Restart();
-    shaders[static_cast<std::size_t>(floor_)].surfaces[0][Element::kLambertian].color = Grey(0.5f);
+    FloorLayer()[Element::kLambertian].color = Grey(0.5f);
     const std::int32_t ceiling = AddShader("ceiling", Grey(0.5f), kBlack);
     AddPlane(6, 50, ceiling);
-    for (float z : {2.9f, 3.1f}) {  // both plates get the same light, all over
-      ParallelLight& light = parallelLights.emplace_back();
-      light.zAxis = {0, 0, z < 3 ? -1.0f : 1.0f};
-      light.offset = 0;
-    }
-    for (std::int32_t plate : {floor_, ceiling})
-      shaders[static_cast<std::size_t>(plate)].surfaces[0][Element::kShadowTransparency].color = kWhite;
+    for (float z : {-1.0f, 1.0f}) AddParallelLight({0, 0, z});  // both plates get the same light, all over
+    for (std::int32_t plate : {floor_, ceiling}) Layer(plate)[Element::kShadowTransparency].color = kWhite;
     settings.rendererBounce = bounces;
     settings.rendererSample = 1024;
     Render();
     double expected = 0;
     for (int k = 0; k <= bounces; ++k) expected += std::pow(0.5, k + 1);
     EXPECT_NEAR(MeanColor().x, expected, 0.02 * expected) << bounces;
-  }
-}
-
-// Where the emission lists do not hold an emitter, nothing samples it, and rays that find it bring all of it.
-TEST_F(DirectLight, EmittersOfEveryKindShineWithAndWithoutSamples) {
-  enum Kind { kInstance, kRootWithoutParts, kOverride, kParticle };
-  const float half = 0.5f * std::sqrt(kPi / 18481.0f), z = 0.04f;
-  for (Kind kind : {kInstance, kRootWithoutParts, kOverride, kParticle}) {
-    Vec3 shown[2];
-    for (int sampled : {0, 1}) {
-      Restart();
-      FloorLayer()[Element::kLambertian].color = Grey(0.7f);
-      const std::int32_t lamp = AddShader("lamp", kBlack, {9, 6, 3});
-      const std::int32_t off = AddShader("off", kBlack, kBlack);
-      shaders[static_cast<std::size_t>(lamp)].surfaces[0].virtualLight = true;
-      geometryLight.sample = 64 * sampled;
-      settings.rendererSample = 4096;
-      LookFrom({1, 0, 0.05f}, {0.02f, 0, 0}, 0.02f);
-      objectTable[0].name = "root";
-      if (kind == kParticle) {
-        Part& part = Geometry();
-        part.particles = {static_cast<std::uint32_t>(part.positions.size())};
-        part.positions.push_back({0, 0, z});
-        part.scalarSets[0].values.assign(part.positions.size(), 0.02f);
-        part.primitiveShaders = {lamp};
-        part.shader = lamp;
-        LookFrom({1, 0, 0.5f}, {0.06f, 0, 0}, 0.02f);
-      } else {
-        const auto place = [&](Instance instance) {
-          instance.object = static_cast<std::int32_t>(objectTable.size());
-          objectTable[0].instances.push_back(instance);
-          objectTable.emplace_back().name = "part " + std::to_string(instance.object);
-          return &objectTable.back().parts.emplace_back();
-        };
-        if (kind == kRootWithoutParts) {
-          const Part moved = Geometry();
-          objectTable[0].parts.clear();
-          *place({}) = moved;
-        }
-        Instance raised;
-        raised.matrix.m[2][3] = z;
-        if (kind == kOverride) raised.shader = lamp;
-        AddTetragon(*place(raised),
-                    {Vec3{-half, -half, 0}, Vec3{-half, half, 0}, Vec3{half, half, 0}, Vec3{half, -half, 0}},
-                    kind == kOverride ? off : lamp);
-      }
-      if (kind == kParticle || kind == kOverride)  // another lamp, far away, is in the list
-        AddTetragon(Geometry(), {Vec3{40, 0, 9}, Vec3{40.1f, 0, 9}, Vec3{40.1f, 0.1f, 9}, Vec3{40, 0.1f, 9}},
-                    lamp);
-      Render();
-      shown[sampled] = MeanColor();
-    }
-    EXPECT_GT(shown[0].x, 0.01f) << kind;
-    for (int c = 0; c < 3; ++c) EXPECT_NEAR(shown[1][c] / shown[0][c], 1, 0.015f) << kind << " " << c;
   }
 }
 
@@ -494,9 +411,7 @@ TEST_F(DirectLight, HighlightsStayWhereTheyAreOnDiffusingBodies) {
     FloorLayer()[Element::kRoughness].color = Grey(0.2f);
     FloorLayer()[Element::kIor].color = Grey(1.5f);
     FloorLayer()[Element::kDiffusion].color = Grey(0.01f * static_cast<float>(diffusing));
-    ParallelLight& light = parallelLights.emplace_back();
-    light.zAxis = {0, 0, -1};
-    light.aovs.emplace_back().channel = kChannelBeauty | kChannelGlossy;
+    AddParallelLight({0, 0, -1}).aovs.emplace_back().channel = kChannelBeauty | kChannelGlossy;
     const std::size_t glossy = AddAov(kChannelGlossy);
     Render();
     shown[diffusing] = MeanColor(glossy);
@@ -505,51 +420,20 @@ TEST_F(DirectLight, HighlightsStayWhereTheyAreOnDiffusingBodies) {
   EXPECT_NEAR(shown[1].x, shown[0].x, 1e-4f);
 }
 
-TEST_F(DirectLight, ParallelLightsKeepToTheirLinks) {
-  for (const char* name : {"floor", "undefined"}) {
-    Restart();
-    ParallelLight& light = parallelLights.emplace_back();
-    light.zAxis = {0, 0, -1};
-    light.link.names = {name};
-    Render();
-    ExpectColor(std::string(name) == "floor" ? kPointColor : kBlack, 0.001f, name);
-  }
-}
-
-// A window shows the sky behind it, and as a virtual light of the one size where samples count in full it
-// lights the floor as any emitter does.
+// A window shows the sky behind it, and as a virtual light lights the floor as any emitter does.
 TEST_F(DirectLight, WindowsBringTheSkyIn) {
-  const float half = 0.5f * std::sqrt(kPi / 18481.0f), z = 0.04f;
   enum Kind { kEmitter, kWindow, kVirtualWindow };
   Vec3 shown[3];
   for (Kind kind : {kEmitter, kWindow, kVirtualWindow}) {
     Restart();
     skyLight.color = {9, 6, 3};
     FloorLayer()[Element::kLambertian].color = Grey(0.7f);
+    AddCube(Geometry(), 2, AddShader("black", kBlack, kBlack));  // keeps the sky itself out
     const std::int32_t lamp = AddShader("lamp", kBlack, kind == kEmitter ? skyLight.color : kBlack);
-    SurfaceShader& layer = shaders[static_cast<std::size_t>(lamp)].surfaces[0];
-    layer.window = kind != kEmitter;
-    layer.virtualLight = kind == kVirtualWindow;
+    Layer(lamp).window = kind != kEmitter;
+    Layer(lamp).virtualLight = kind == kVirtualWindow;
+    AddLamp(Geometry(), kLampHeight, lamp);
     geometryLight.sample = 64;
-    // A black box keeps the sky itself out; the window is in its lid.
-    const std::int32_t black = AddShader("black", kBlack, kBlack);
-    AddPlane(z + 0.001f, 50, black);
-    AddTetragon(Geometry(),
-                {Vec3{-half, -half, z}, Vec3{-half, half, z}, Vec3{half, half, z}, Vec3{half, -half, z}},
-                lamp);
-    for (int side = 0; side < 4; ++side) {
-      const float x = side == 0   ? 2.0f
-                      : side == 1 ? -2.0f
-                                  : 0.0f,
-                  y = side == 2   ? 2.0f
-                      : side == 3 ? -2.0f
-                                  : 0.0f;
-      const float dx = side < 2 ? 0.0f : 2.0f, dy = side < 2 ? 2.0f : 0.0f;
-      AddTetragon(Geometry(),
-                  {Vec3{x - dx, y - dy, -1}, Vec3{x + dx, y + dy, -1}, Vec3{x + dx, y + dy, 1},
-                   Vec3{x - dx, y - dy, 1}},
-                  black);
-    }
     settings.rendererSample = 4096;
     LookFrom({1, 0, 0.025f}, {0.02f, 0, 0}, 0.02f);
     Render();
