@@ -1,6 +1,7 @@
 // Shadow rays and surface probes against flat loops over the same primitives.
 
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include <algorithm>
 #include <cmath>
@@ -391,11 +392,11 @@ TEST_F(OccludeTest, LoggingLosesNoRayOfAnyThread) {
 #pragma omp parallel num_threads(4)
   for (int i = 0; i < 5000; ++i) {
     RayRecord ray = RayTo({0, 0, -1}, {0, 0, 1});
-    ray.thread = 4;
+    ray.thread = static_cast<std::uint8_t>(omp_get_thread_num());
     Occlude(ray);
   }
   EXPECT_EQ(LoggedRays(objectTable[0]), 20000U);
-  threadSlots[4] = {};
+  for (ThreadSlot& slot : threadSlots) slot = {};
 }
 
 TEST_F(OccludeTest, SurfaceProbes) {
