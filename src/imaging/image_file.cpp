@@ -1,6 +1,7 @@
 // imaging/image_file.cpp: pictures on disk, through FreeImage.
 
 #include <FreeImage.h>
+#include <tiffio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,6 +19,20 @@ namespace zp {
 namespace {
 
 namespace fs = std::filesystem;
+
+// FreeImage asks .tif files for tags that most do not have, and the library below it tells of each on the
+// error stream. Silences it, and a host's handlers are as they were in the end.
+class SilentTiff {
+ public:
+  ~SilentTiff() {
+    TIFFSetErrorHandler(errors_);
+    TIFFSetWarningHandler(warnings_);
+  }
+
+ private:
+  TIFFErrorHandler errors_ = TIFFSetErrorHandler(nullptr);
+  TIFFErrorHandler warnings_ = TIFFSetWarningHandler(nullptr);
+};
 
 struct ExtensionRow {
   std::string_view lower, upper;
@@ -170,6 +185,7 @@ bool WriteFile(FREE_IMAGE_FORMAT format, FIBITMAP* bitmap, const std::string& pa
   OutputFile output;
   output.file = std::fopen(path.c_str(), "w+bx");
   if (output.file == nullptr) return false;
+  const SilentTiff silence;
   FreeImageIO io = {ReadProc, WriteProc, SeekProc, TellProc};
   const bool saved = FreeImage_SaveToHandle(format, bitmap, &io, &output, 0) != 0;
   const bool sound = std::ferror(output.file) == 0 && !output.failed;
@@ -328,6 +344,7 @@ bool SaveImage(const ImageBuffer& image) {
 // does not suffice, without a size.
 bool LoadImage(ImageBuffer& image, const std::string& path) {
   image.loaded = false;
+  const SilentTiff silence;
   const FREE_IMAGE_FORMAT format = FreeImage_GetFileType(path.c_str(), 0);
   if (format == FIF_UNKNOWN || FreeImage_FIFSupportsReading(format) == 0) return false;
   const Bitmap bitmap(FreeImage_Load(format, path.c_str(), 0));
