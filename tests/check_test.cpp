@@ -267,8 +267,11 @@ TEST_F(Check, OutputsThatShowNothingOrTooLittle) {
   Write("light/a.zp", "sky_light\n" +
                           aov("k.jpg", "glossy", "~warning: \"k.jpg\" keeps 8 bits: light above 1") +
                           aov("l.exr", "glossy") + "end\ngeometry_light\n" +
-                          aov("m.pfm", "depth", "", "~warning: a light records nothing") + "end\n");
-  Expect("7 errors, 8 warnings");
+                          aov("m.pfm", "depth", "", "~warning: a light records nothing") +
+                          aov("n.pfm", "emissive", "", "~warning: a light records nothing") +
+                          aov("o.pfm", "specular") + "end\npoint_light\n position 0 0 1\n" +
+                          aov("p.pfm", "specular", "", "~warning: a light records nothing") + "end\n");
+  Expect("7 errors, 10 warnings");
   EXPECT_FALSE(fs::exists(root / "b.pfm") || fs::exists(root / "scene/b.pfm"));
 }
 

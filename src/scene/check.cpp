@@ -201,11 +201,19 @@ bool HasVertexData(const std::string& name) {
   return false;
 }
 
-constexpr std::uint32_t kLightChannels =
+constexpr std::uint32_t kRadianceChannels =
     kChannelLambertian | kChannelTransmissive | kChannelGlossy | kChannelSpecular | kChannelEmissive;
 constexpr std::uint32_t kExactChannels = kChannelPosition | kChannelDepth | kChannelUserData;
 
 const TextPlace& TypePlace(const NotedAov& noted) { return noted.type.line > 0 ? noted.type : noted.place; }
+
+// Whether a light puts anything into such an AOV. The sky shows itself in each of them; emission that is seen
+// in a mirror is the geometry light's alone.
+bool LightRecords(AovOwner owner, std::uint32_t channel) {
+  if (owner == AovOwner::kSky) return true;
+  if (owner == AovOwner::kGeometryLight && (channel & kChannelSpecular) != 0) return true;
+  return (channel & (kChannelLambertian | kChannelTransmissive | kChannelGlossy)) != 0;
+}
 
 // Cameras compare for equality with one channel, and scene text adds to the beauty bit: only a word of the
 // host's own stands alone. Lights compare bits.
@@ -220,7 +228,7 @@ void CheckChannel(SceneNotes& notes, const NotedAov& noted) {
                 : "a camera's AOV of this type stays black: only vertex data works in scene text");
     else if (!HasVertexData(noted.aov.userData))
       Warning(notes, place, "no model has vertex data named " + Quoted(noted.aov.userData));
-  } else if (noted.owner != AovOwner::kSky && (channel & kLightChannels) == 0) {
+  } else if (!LightRecords(noted.owner, channel)) {
     Warning(notes, place, "a light records nothing in an AOV of this type");
   }
 }
@@ -238,7 +246,7 @@ void CheckStorage(SceneNotes& notes, const NotedAov& noted, Storage storage) {
     if (storage == Storage::kSharedExponent)
       Warning(notes, noted.image, name + " keeps 8 bits of each number, none of them negative");
   } else if (storage == Storage::kBytes &&
-             (noted.owner != AovOwner::kCamera || (channel & (kLightChannels | kChannelLightPath)) != 0)) {
+             (noted.owner != AovOwner::kCamera || (channel & (kRadianceChannels | kChannelLightPath)) != 0)) {
     Warning(notes, noted.image, name + " keeps 8 bits: light above 1 is cut off");
   }
 }
