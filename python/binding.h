@@ -55,6 +55,17 @@ struct EnumCaster : ValueCaster<E> {
   }
 };
 
+// Any number that fits.
+template <class E, class Number>
+struct NumberCaster : ValueCaster<E> {
+  bool load(py::handle source, bool convert) {
+    py::detail::make_caster<Number> number;
+    if (!number.load(source, convert)) return false;
+    this->value = static_cast<E>(py::detail::cast_op<Number>(number));
+    return true;
+  }
+};
+
 }  // namespace zp::python
 
 namespace pybind11::detail {
@@ -79,27 +90,15 @@ template <>
 struct type_caster<Visibility> : zp::python::EnumCaster<Visibility> {
   static constexpr auto name = const_name("zp.Visibility");
 };
-// Nothing reads it and it has no members: any number that fits.
+// Nothing reads it and it has no members.
 template <>
-struct type_caster<AngleMeasure> : zp::python::ValueCaster<AngleMeasure> {
+struct type_caster<AngleMeasure> : zp::python::NumberCaster<AngleMeasure, std::int32_t> {
   static constexpr auto name = const_name("int");
-  bool load(handle source, bool convert) {
-    make_caster<std::int32_t> number;
-    if (!number.load(source, convert)) return false;
-    value = static_cast<AngleMeasure>(cast_op<std::int32_t>(number));
-    return true;
-  }
 };
 // Bits of any sum.
 template <>
-struct type_caster<Channel> : zp::python::ValueCaster<Channel> {
+struct type_caster<Channel> : zp::python::NumberCaster<Channel, std::uint32_t> {
   static constexpr auto name = const_name("zp.Channel");
-  bool load(handle source, bool convert) {
-    make_caster<std::uint32_t> number;
-    if (!number.load(source, convert)) return false;
-    value = static_cast<Channel>(cast_op<std::uint32_t>(number));
-    return true;
-  }
 };
 
 template <>
