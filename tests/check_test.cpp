@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "built_files.h"
+
 namespace zp {
 namespace {
 
@@ -52,7 +54,7 @@ class Check : public testing::Test {
   // The lines of the report; paths count from the scene folder. Sets the exit status.
   std::vector<std::string> Run(const std::string& scene = "scene") {
     const std::string command =
-        "cd '" + root.string() + "' && '" ZP_PROGRAM "' check '" + scene + "' >out 2>err";
+        "cd '" + root.string() + "' && '" + kProgram + "' check '" + scene + "' >out 2>err";
     const int raw = std::system(command.c_str());
     status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
     std::ifstream file(root / "out");
@@ -81,7 +83,7 @@ class Check : public testing::Test {
 };
 
 TEST_F(Check, SoundScenesAreSilent) {
-  const fs::path scenes = fs::path(ZP_SOURCES) / "scenes";
+  const fs::path scenes = fs::path(kSources) / "scenes";
   for (const fs::directory_entry& scene : fs::directory_iterator(scenes)) {
     if (!fs::is_directory(scene.path() / "camera")) continue;
     EXPECT_EQ(Run(scene.path().string()), std::vector<std::string>{"0 errors, 0 warnings"}) << scene;

@@ -9,6 +9,8 @@
 #include <set>
 #include <string>
 
+#include "built_files.h"
+
 namespace {
 
 // What a command line prints on both streams.
@@ -35,9 +37,9 @@ std::set<std::string> WordsBehind(const std::string& text, const std::string& ma
 }
 
 TEST(Manual, ExplainsEveryCommandAndOption) {
-  std::ifstream file(ZP_SOURCES "/docs/zephlore.1");
+  std::ifstream file(std::string(zp::kSources) + "/docs/zephlore.1");
   const std::string manual{std::istreambuf_iterator<char>(file), {}};
-  const std::string program = "'" ZP_PROGRAM "' ";
+  const std::string program = "'" + std::string(zp::kProgram) + "' ";
 
   std::string help = OutputOf(program + "--help");
   const std::set<std::string> commands = WordsBehind(help.substr(help.find("Subcommands:")), "\n  ");
@@ -48,7 +50,7 @@ TEST(Manual, ExplainsEveryCommandAndOption) {
   }
 
   std::string items;  // the lines that begin the explanation of an option
-  std::ifstream again(ZP_SOURCES "/docs/zephlore.1");
+  std::ifstream again(std::string(zp::kSources) + "/docs/zephlore.1");
   for (std::string line; std::getline(again, line);)
     if (line.starts_with(".It Fl ")) items += line + "\n";
   const std::set<std::string> options = WordsBehind(help, "--"), explained = WordsBehind(items, " -");

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "built_files.h"
 #include "core/console.h"
 #include "core/settings.h"
 #include "frame/zp.h"
@@ -163,7 +164,7 @@ Strings Expected() {
 // What the dynamic library offers, demangled and sorted; what nm could not tell is a failure.
 Strings ExportedSymbols() {
   std::string text;
-  std::FILE* pipe = popen("nm -DC --defined-only '" ZP_LIBRARY "'", "r");
+  std::FILE* pipe = popen(("nm -DC --defined-only '" + std::string(kLibrary) + "'").c_str(), "r");
   char buffer[4096];
   for (std::size_t n = 0; pipe != nullptr && (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
     text.append(buffer, n);
@@ -219,7 +220,7 @@ std::string ArgumentType(std::string argument) {
 }
 
 TEST(Interface, TheHeaderDeclaresAndExplainsEachOfThem) {
-  std::ifstream file(ZP_SOURCES "/src/frame/zp.h");
+  std::ifstream file(std::string(kSources) + "/src/frame/zp.h");
   EXPECT_TRUE(file.is_open());
   Strings declared;
   std::string before;

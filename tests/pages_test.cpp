@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "built_files.h"
 #include "imaging/imaging.h"
 #include "shading/shading.h"
 
@@ -19,7 +20,7 @@ namespace zp {
 namespace {
 
 namespace fs = std::filesystem;
-const fs::path kRoot = ZP_SOURCES;
+const fs::path kRoot = kSources;
 
 std::string ReadText(const fs::path& path) {
   std::ifstream file(path, std::ios::binary);

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 
+#include "built_files.h"
 #include "frame/zp.h"
 
 #ifdef ZP_HAS_PREVIEW
@@ -176,7 +177,7 @@ class PreviewWindow : public ProgramTest {
   }
 
   std::vector<std::string> Words(const std::string& arguments) const {
-    std::vector<std::string> words = {ZP_PROGRAM, "render", (root / "scene").string(), "--seed", "5"};
+    std::vector<std::string> words = {kProgram, "render", (root / "scene").string(), "--seed", "5"};
     std::istringstream stream(arguments);
     words.insert(words.end(), std::istream_iterator<std::string>(stream), {});
     return words;

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "built_files.h"
 #include "program_fixture.h"
 
 namespace zp {
@@ -30,7 +31,7 @@ class Program : public ProgramTest {
  protected:
   // Runs the program in root/work.
   Outcome Run(const std::string& arguments) const {
-    const std::string command = "cd '" + work.string() + "' && '" ZP_PROGRAM "' " + arguments + " >'" +
+    const std::string command = "cd '" + work.string() + "' && '" + kProgram + "' " + arguments + " >'" +
                                 (root / "stdout").string() + "' 2>'" + (root / "stderr").string() + "'";
     const int raw = std::system(command.c_str());
     return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFile(root / "stdout"), ReadFile(root / "stderr")};
@@ -256,10 +257,10 @@ TEST_F(Program, ViewKeepsOrientationAndAppliesTheCurve) {
 TEST_F(Program, SignalsEndARenderBehindItsPass) {
   WriteScene();
   WriteFile(root / "stop.sh",
-            "set -m\n'" ZP_PROGRAM
-            "' render ../scene --sample 65535 --seed 1 --output a.pfm > rows 2> ../stderr &\n"
-            "for i in $(seq 1000); do grep -q performance rows && break; sleep 0.02; done\n"
-            "kill -$1 $!\nwait $!\n");
+            "set -m\n'" + std::string(kProgram) +
+                "' render ../scene --sample 65535 --seed 1 --output a.pfm > rows 2> ../stderr &\n"
+                "for i in $(seq 1000); do grep -q performance rows && break; sleep 0.02; done\n"
+                "kill -$1 $!\nwait $!\n");
   for (const std::string signal : {"INT", "TERM", "HUP"}) {
     const int raw = std::system(("cd '" + work.string() + "' && bash ../stop.sh " + signal).c_str());
     EXPECT_TRUE(WIFEXITED(raw) && WEXITSTATUS(raw) == 1) << signal;
