@@ -1,7 +1,6 @@
 // app/render_command.cpp: a scene folder becomes image files.
 
 #include <omp.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -19,8 +18,6 @@
 
 namespace zp {
 namespace {
-
-namespace fs = std::filesystem;
 
 // "1:02:03" or "2:03".
 std::string ClockText(double seconds) {
@@ -97,31 +94,28 @@ std::vector<ImageBuffer*> OutputImages() {
   return outputs;
 }
 
-std::vector<std::string> OutputNames() {
-  std::vector<std::string> names;
-  for (const ImageBuffer* image : OutputImages())
-    if (!image->fileName.empty()) names.push_back(image->fileName);
-  return names;
-}
-
 // A run that failed before its first pass has nothing to leave behind.
 void ForgetNames() {
   for (ImageBuffer* image : OutputImages()) image->fileName.clear();
 }
 
-// True if a picture can be written under a name like this one. Tries it on a neighbour, so that nothing that
-// exists is touched: better to learn of a missing folder before an hour's render than after it.
-bool CanWrite(const std::string& name) {
-  const fs::path target(name);
-  std::error_code error;
-  if (!target.has_filename() || fs::is_directory(target, error)) return false;
-  Aov probe;
-  InitializeAov(probe, 2, 2);
-  const std::string file = "probe-" + std::to_string(getpid()) + "-" + target.filename().string();
-  probe.image.fileName = (target.parent_path() / file).string();
-  const bool written = SaveImage(probe.image);
-  fs::remove(probe.image.fileName, error);
-  return written;
+// Better to learn before an hour's render than after it.
+int TryOutputs() {
+  std::vector<const ImageBuffer*> outputs;
+  for (const ImageBuffer* image : OutputImages())
+    if (!image->fileName.empty()) outputs.push_back(image);
+  if (outputs.empty()) return Fail("no image has a file name: there is nothing to write");
+  const std::string obstacle = SaveObstacle(outputs);
+  return obstacle.empty() ? kExitDone : Fail("cannot write the image " + obstacle);
+}
+
+// "1 image could not be written: 'NAME' (REASON)"
+std::string FailureText(const std::vector<SaveFailure>& failures) {
+  std::string text = std::to_string(failures.size()) + (failures.size() == 1 ? " image" : " images") +
+                     " could not be written: ";
+  for (const SaveFailure& failure : failures)
+    text += (&failure == failures.data() ? "'" : ", '") + failure.name + "' (" + failure.reason + ")";
+  return text;
 }
 
 // Why the initialised scene has nothing to show; empty if it has.
@@ -170,12 +164,9 @@ int RenderScene(const RenderOptions& options) {
     return Fail("cannot return to the current directory: " + error.message());
 
   if (const std::string reason = NothingToRender(cameras.front()); !reason.empty()) return Fail(reason);
-  const std::vector<std::string> names = OutputNames();
-  if (names.empty()) return Fail("no image has a file name: there is nothing to write");
-  for (const std::string& name : names)
-    if (!CanWrite(name)) return Fail("cannot write the image '" + name + "'");
+  if (const int status = TryOutputs(); status != kExitDone) return status;
 
-  FailedSaves(true);
+  TakeFailedSaves();
   {
     const ProgressLine progress(options.progress);
     RenderLoop();
@@ -201,13 +192,11 @@ int RunRender(const RenderOptions& options) {
   const int status = RenderScene(options);
   const std::string stopped = status == kExitDone ? StopText() : "";
   // The last pass has written every image; closing writes those of the cameras again.
-  int failed = FailedSaves(true);
   if (status != kExitDone || (!stopped.empty() && settings.passIndex == 0)) ForgetNames();
   Finalize();
-  failed = std::max(failed, FailedSaves(true));
+  const std::vector<SaveFailure> failed = TakeFailedSaves();
   Shutdown();
-  if (status == kExitDone && failed > 0)
-    return Fail(std::to_string(failed) + (failed == 1 ? " image" : " images") + " could not be written");
+  if (status == kExitDone && !failed.empty()) return Fail(FailureText(failed));
   if (!stopped.empty()) return Fail(stopped);
   if (status == kExitDone && options.strict && missingFiles > 0)
     return Fail("files of the scene are missing or hold nothing readable ('zephlore check' names them)");

@@ -1,9 +1,6 @@
 // app/view_command.cpp: a linear picture becomes a PNG for the screen.
 
-#include <unistd.h>
-
 #include <cmath>
-#include <fstream>
 
 #include "commands.h"
 #include "imaging/imaging.h"
@@ -32,20 +29,6 @@ bool ReadPicture(const fs::path& path, ImageBuffer& image) {
   return LoadImage(image, image.fileName) && image.width > 0 && image.height > 0;
 }
 
-bool WritePng(ImageBuffer& image, const fs::path& path) {
-  DirectoryVisit visit;
-  if (visit.Enter(path.parent_path())) return false;
-  // A neutral name for the writer: "a.hdr.png" would choose another format.
-  image.fileName = "view-" + std::to_string(getpid()) + ".png";
-  std::error_code error;
-  if (SaveImage(image)) {
-    fs::rename(image.fileName, path.filename(), error);
-    if (!error) return true;
-  }
-  fs::remove(image.fileName, error);
-  return false;
-}
-
 int Convert(const ViewOptions& options) {
   ImageBuffer linear;
   if (!ReadPicture(options.input, linear))
@@ -65,8 +48,9 @@ int Convert(const ViewOptions& options) {
       for (int c = 0; c < 3; c++) *bytes++ = EncodeSrgb(scale * static_cast<double>(color[c]));
     }
   }
-  if (!WritePng(screen, options.output)) return Fail("cannot write the picture '" + options.output + "'");
-  return kExitDone;
+  screen.fileName = options.output;
+  const std::string reason = StoreImage(screen, ".png");  // not by the name: "a.hdr.png" is two
+  return reason.empty() ? kExitDone : Fail("cannot write the picture '" + options.output + "': " + reason);
 }
 
 }  // namespace

@@ -64,7 +64,7 @@ class ImageFiles : public testing::Test {
     std::string pattern = (fs::temp_directory_path() / "imagingXXXXXX").string();
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);
     folder = pattern;
-    FailedSaves(true);
+    TakeFailedSaves();
   }
   void TearDown() override {
     fs::remove_all(folder);
@@ -163,7 +163,7 @@ TEST_F(ImageFiles, EveryFormatRoundTrips) {
       }
     }
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  EXPECT_EQ(FailedSaves(false), 0);
+  EXPECT_TRUE(TakeFailedSaves().empty());
 }
 
 // Formats that only read, or cannot hold the bitmap, and names that match nothing.
@@ -172,16 +172,16 @@ TEST_F(ImageFiles, UnwritableNamesFailAndAreCounted) {
        {"a.cut", "a.g3", "a.gif", "a.iff", "a.koa", "a.mng", "a.pcd", "a.pct", "a.ras", "a.raw", "a.sgi",
         "a.wap", "a.wbmp", "a.xbm", "a.Hdr", "a.Png", "a", "a.txt", "none/a.png"}) {
     EXPECT_FALSE(SaveImage(Blocks(name))) << name;
-    EXPECT_EQ(FailedSaves(true), 1) << name;
+    EXPECT_EQ(TakeFailedSaves().size(), 1U) << name;
   }
   EXPECT_FALSE(SaveImage(Blocks("four.hdr", 4)));
   ImageBuffer image;
   image.fileName = Path("nothing.png");
   EXPECT_FALSE(SaveImage(image));
-  EXPECT_EQ(FailedSaves(true), 2);
+  EXPECT_EQ(TakeFailedSaves().size(), 2U);
   image = MakeRow(3, 32, {kWhite});  // without a name
   EXPECT_FALSE(SaveImage(image));
-  EXPECT_EQ(FailedSaves(false), 0);
+  EXPECT_TRUE(TakeFailedSaves().empty());
   EXPECT_EQ(FileCount(), 0);
 }
 
@@ -607,7 +607,7 @@ TEST_F(ImageFiles, FinalizeCamerasWritesEveryAov) {
   SetConsoleQuiet(false);
   EXPECT_TRUE(cameras.empty());
   EXPECT_EQ(FileCount(), 3);
-  EXPECT_EQ(FailedSaves(true), 1);
+  EXPECT_EQ(TakeFailedSaves().size(), 1U);
 }
 
 }  // namespace

@@ -1,15 +1,17 @@
 // Pictures onto disk.
 
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cstdio>
 #include <filesystem>
-#include <system_error>
+#include <limits>
+#include <map>
+#include <mutex>
 
 #include "imaging/free_image.h"
 #include "imaging/imaging.h"
+#include "imaging/output_file.h"
 
 namespace zp {
 namespace {
@@ -37,11 +39,19 @@ constexpr ExtensionRow kExtensions[] = {
     {".wbm", ".WBM", FIF_WBMP},      {".xbm", ".XBM", FIF_XBM},      {".xpm", ".XPM", FIF_XPM},
 };
 
-std::atomic<int> failedSaves = 0;
+// Names whose last save failed, with the reasons.
+std::mutex failuresMutex;
+std::map<std::string, std::string> failedSaves;
 
 // Intended: anywhere in the name, so that "a.png.tmp" is a PNG file.
 bool Contains(std::string_view name, std::string_view lower, std::string_view upper) {
   return name.find(lower) != name.npos || name.find(upper) != name.npos;
+}
+// The part of a name that tells the format: its last component, or all of it where that tells none.
+std::string_view FormatText(std::string_view name) {
+  const std::string_view last = name.substr(name.rfind('/') + 1);
+  const auto stands = [last](const ExtensionRow& row) { return Contains(last, row.lower, row.upper); };
+  return std::any_of(std::begin(kExtensions), std::end(kExtensions), stands) ? last : name;
 }
 bool IsPfm(std::string_view name) { return Contains(name, ".pfm", ".PFM"); }
 bool IsFloatFile(std::string_view name) {
@@ -129,106 +139,211 @@ ImageBuffer Unpack(const ImageBuffer& image) {
   return floats;
 }
 
+// Why there is no row for a name.
+std::string UnknownFormat(const std::string& name) {
+  const std::string extension = fs::path(name).extension().string();
+  if (extension.size() < 2) return "the name has no extension, which tells the format";
+  const std::string reason = "unknown format \"" + extension.substr(1) + "\"";
+  std::string lower = extension;
+  for (char& c : lower) c = 'A' <= c && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  for (const ExtensionRow& row : kExtensions)
+    if (row.lower == lower) return reason + " (did you mean \"" + lower.substr(1) + "\"?)";
+  return reason;
+}
+
+// Pixels along a side that the format's files can count.
+int LongestSide(FREE_IMAGE_FORMAT format) {
+  if (format == FIF_PSD) return 30000;
+  if (format == FIF_JPEG || format == FIF_JNG) return 65500;
+  return format == FIF_TARGA ? 65535 : std::numeric_limits<int>::max();
+}
+
 // FreeImage's plugins take other bitmaps too, and write garbage or crash on some.
 bool CanHold(FREE_IMAGE_FORMAT format, FIBITMAP* bitmap) {
-  if (!FreeImage_FIFSupportsWriting(format)) return false;
   const FREE_IMAGE_TYPE type = FreeImage_GetImageType(bitmap);
   if (type != FIT_BITMAP) return FreeImage_FIFSupportsExportType(format, type) != 0;
   return FreeImage_FIFSupportsExportBPP(format, static_cast<int>(FreeImage_GetBPP(bitmap))) != 0;
 }
 
-// A file being written. FreeImage's plugins overlook failed writes, so they are noted here.
-struct OutputFile {
-  std::FILE* file = nullptr;
-  bool failed = false;
-};
+// Why the format cannot keep the picture, before it is tried; empty if nothing is known to be against it.
+std::string FormatReason(const ExtensionRow& row, FIBITMAP* bitmap, const ImageBuffer& image) {
+  const std::string format = "the format \"" + std::string(row.lower.substr(1)) + "\"";
+  if (!FreeImage_FIFSupportsWriting(row.format)) return format + " can only be read";
+  if (!CanHold(row.format, bitmap)) return format + " cannot hold such pixels";
+  if (std::max(image.width, image.height) > LongestSide(row.format))
+    return format + " cannot hold so many pixels";
+  return {};
+}
 
 unsigned DLL_CALLCONV ReadProc(void* buffer, unsigned size, unsigned count, fi_handle handle) {
-  return static_cast<unsigned>(std::fread(buffer, size, count, static_cast<OutputFile*>(handle)->file));
+  if (size == 0) return 0;
+  return static_cast<unsigned>(static_cast<OutputFile*>(handle)->Read(buffer, std::size_t{size} * count) /
+                               size);
 }
+// FreeImage's plugins overlook failed writes: the file remembers them.
 unsigned DLL_CALLCONV WriteProc(void* buffer, unsigned size, unsigned count, fi_handle handle) {
-  auto* output = static_cast<OutputFile*>(handle);
-  const std::size_t written = std::fwrite(buffer, size, count, output->file);
-  if (size != 0 && written != count) output->failed = true;
-  return static_cast<unsigned>(written);
+  if (size == 0) return count;
+  return static_cast<unsigned>(static_cast<OutputFile*>(handle)->Write(buffer, std::size_t{size} * count) /
+                               size);
 }
 int DLL_CALLCONV SeekProc(fi_handle handle, long offset, int origin) {
-  return std::fseek(static_cast<OutputFile*>(handle)->file, offset, origin);
+  return static_cast<OutputFile*>(handle)->Seek(offset, origin);
 }
-long DLL_CALLCONV TellProc(fi_handle handle) { return std::ftell(static_cast<OutputFile*>(handle)->file); }
+long DLL_CALLCONV TellProc(fi_handle handle) { return static_cast<OutputFile*>(handle)->Tell(); }
 
-// True if all bytes of the file reached the file system.
-bool WriteFile(FREE_IMAGE_FORMAT format, FIBITMAP* bitmap, const std::string& path) {
-  OutputFile output;
-  output.file = std::fopen(path.c_str(), "w+bx");
-  if (output.file == nullptr) return false;
+// Writes a picture's bytes; false if the format refused. Failures of the disk are the file's to tell.
+bool Encode(FREE_IMAGE_FORMAT format, FIBITMAP* bitmap, OutputFile& file) {
   const SilentTiff silence;
   FreeImageIO io = {ReadProc, WriteProc, SeekProc, TellProc};
-  const bool saved = FreeImage_SaveToHandle(format, bitmap, &io, &output, 0) != 0;
-  const bool sound = std::ferror(output.file) == 0 && !output.failed;
-  return (std::fclose(output.file) == 0) && saved && sound;
+  return FreeImage_SaveToHandle(format, bitmap, &io, &file, 0) != 0;
 }
 
-// A name of this process alone, in the target's folder: a rename cannot cross file systems.
-fs::path TemporaryName(const fs::path& target) {
-  static std::atomic<unsigned> number = 0;
-  return target.parent_path() / (".zp-" + std::to_string(getpid()) + "-" + std::to_string(number++) + ".tmp");
+// One way to write a picture, and what became of it.
+struct Attempt {
+  bool keep = true;                   // else the file is gone before it has its name
+  ImageBuffer* back = nullptr;        // receives what the file holds
+  const ExtensionRow* row = nullptr;  // the format that took the picture
+  fs::path target;
+  struct stat status = {};  // of what stands at the target
+};
+
+// Empty if the picture was written.
+std::string WriteFile(const ExtensionRow& row, FIBITMAP* bitmap, const ImageBuffer& image, Attempt& attempt) {
+  OutputFile file;
+  if (std::string reason = file.Open(image.fileName); !reason.empty()) return reason;
+  const bool encoded = Encode(row.format, bitmap, file);
+  if (std::string reason = file.Trouble(); !reason.empty()) return reason;
+  if (!encoded)
+    return "the format \"" + std::string(row.lower.substr(1)) + "\" cannot hold a picture of this size";
+  attempt.row = &row;
+  attempt.target = file.Target();
+  attempt.status = file.TargetStatus();
+  if (attempt.back != nullptr) LoadImage(*attempt.back, file.Temporary().string());
+  return attempt.keep ? file.Commit() : "";
 }
 
-// Writes beside `path` and renames, so that a failure leaves what was there. Only a file, or nothing, can be
-// replaced; a link stays, and what it leads to is replaced.
-bool ReplaceFile(FREE_IMAGE_FORMAT format, FIBITMAP* bitmap, const std::string& path) {
-  std::error_code error;
-  fs::path target = path;
-  if (fs::is_symlink(target, error)) target = fs::weakly_canonical(target, error);
-  const fs::file_status status = fs::status(target, error);
-  const bool exists = fs::exists(status);
-  // A rename would replace even a file that is protected against writing.
-  if (exists && (!fs::is_regular_file(status) || access(target.c_str(), W_OK) != 0)) return false;
-  const fs::path temporary = TemporaryName(target);
-  if (WriteFile(format, bitmap, temporary.string())) {
-    if (exists) fs::permissions(temporary, status.permissions(), error);
-    fs::rename(temporary, target, error);
-    if (!error) return true;
-  }
-  fs::remove(temporary, error);
-  return false;
-}
-
-bool Save(const ImageBuffer& image) {
-  if (image.packed) return Save(Unpack(image));
-  if (image.width <= 0 || image.height <= 0) return false;
-  if (image.channels != 1 && image.channels != 3 && image.channels != 4) return false;
-  const std::string& name = image.fileName;
-  const bool isFloat = IsFloatFile(name);
+// Empty if the picture was written. The format is the one that `name` tells, which is as a rule the file's.
+std::string Save(const ImageBuffer& image, const std::string& name, Attempt& attempt) {
+  if (image.packed) return Save(Unpack(image), name, attempt);
+  if (image.width <= 0 || image.height <= 0) return "the picture has no pixels";
+  if (image.channels != 1 && image.channels != 3 && image.channels != 4)
+    return "pictures have one, three or four channels";
+  const std::string_view text = FormatText(name);
+  const bool isFloat = IsFloatFile(text);
   const Bitmap bitmap = isFloat ? MakeFloatBitmap(image) : MakeIntegerBitmap(image);
-  if (!bitmap) return false;
+  if (!bitmap) return "not enough memory";
   // FreeImage counts rows from the bottom. It writes PFM files top row first, which other programs read as
   // the bottom row: without the turn the two cancel out.
-  if (!isFloat || !IsPfm(name)) FreeImage_FlipVertical(bitmap.get());
-  for (const ExtensionRow& row : kExtensions)
-    if (Contains(name, row.lower, row.upper) && CanHold(row.format, bitmap.get()) &&
-        ReplaceFile(row.format, bitmap.get(), name))
-      return true;
-  return false;
+  if (!isFloat || !IsPfm(text)) FreeImage_FlipVertical(bitmap.get());
+  std::string refused, failed;
+  for (const ExtensionRow& row : kExtensions) {
+    if (!Contains(text, row.lower, row.upper)) continue;
+    if (const std::string reason = FormatReason(row, bitmap.get(), image); !reason.empty()) {
+      if (refused.empty()) refused = reason;
+      continue;
+    }
+    failed = WriteFile(row, bitmap.get(), image, attempt);
+    if (failed.empty()) return {};
+  }
+  if (!failed.empty()) return failed;
+  return refused.empty() ? UnknownFormat(name) : refused;
+}
+
+std::string GuardedSave(const ImageBuffer& image, const std::string& name, Attempt& attempt) {
+  try {
+    return Save(image, name, attempt);
+  } catch (const std::bad_alloc&) {  // for a copy
+    return "not enough memory";
+  } catch (const std::exception& error) {  // a path that the system refuses
+    return error.what();
+  }
+}
+
+// Bytes that a file of a format without compression cannot do without; 0 if it may shrink.
+std::int64_t LeastBytes(FREE_IMAGE_FORMAT format, const ImageBuffer& image) {
+  const std::int64_t pixels = std::int64_t{image.width} * image.height;
+  if (format == FIF_PFM) return 12 * pixels;
+  const bool plain = format == FIF_BMP || format == FIF_PPM || format == FIF_PBM || format == FIF_PGM;
+  return plain ? 3 * pixels : 0;
+}
+
+// The disks that pictures go to, as they will be filled one picture after the other.
+struct Disks {
+  std::map<dev_t, std::int64_t> available;  // bytes
+  std::map<fs::path, std::int64_t> sizes;   // of the files there, on the disk
+};
+
+// Why the picture is sure to find no space; empty if it may. The old file goes when the new one is whole.
+std::string SpaceReason(Disks& disks, const Attempt& attempt, const ImageBuffer& image) {
+  const std::int64_t size = LeastBytes(attempt.row->format, image);
+  const std::string folder = attempt.target.has_parent_path() ? attempt.target.parent_path().string() : ".";
+  struct stat status = {};
+  struct statvfs space = {};
+  // Some network disks tell no numbers.
+  if (stat(folder.c_str(), &status) != 0 || statvfs(folder.c_str(), &space) != 0 || space.f_blocks == 0)
+    return {};
+  const auto blocks = geteuid() == 0 ? space.f_bfree : space.f_bavail;
+  const auto bytes = static_cast<std::int64_t>(blocks) * static_cast<std::int64_t>(space.f_frsize);
+  std::int64_t& available = disks.available.try_emplace(status.st_dev, bytes).first->second;
+  std::int64_t& old = disks.sizes.try_emplace(attempt.target, 512 * attempt.status.st_blocks).first->second;
+  if (size > available)
+    return "no space: it needs " + std::to_string(size >> 10) + " kB, and " +
+           std::to_string(std::max<std::int64_t>(available, 0) >> 10) + " are left";
+  available += old - size;
+  old = size;
+  return {};
 }
 
 }  // namespace
 
 // The first of the extensions that stand in the name and whose format can hold the picture is written. Names
 // with ".exr", ".hdr" or ".pfm" get linear floats, all others bytes without gamma. On failure the file that
-// was there stays, no other file is left, and the failure is counted unless the name is empty.
-bool SaveImage(const ImageBuffer& image) {
-  if (image.fileName.empty()) return false;
-  bool saved = false;
-  try {
-    saved = Save(image);
-  } catch (const std::exception&) {  // no memory for a copy, or a path that the system refuses
-  }
-  if (!saved) ++failedSaves;
-  return saved;
+// was there stays, no other file is left, and the failure is kept unless the name is empty.
+std::string StoreImage(const ImageBuffer& image, const std::string& formatName) {
+  if (image.fileName.empty()) return "it has no name";
+  Attempt attempt;
+  std::string reason = GuardedSave(image, formatName.empty() ? image.fileName : formatName, attempt);
+  const std::lock_guard lock(failuresMutex);
+  if (reason.empty())
+    failedSaves.erase(image.fileName);
+  else
+    failedSaves[image.fileName] = reason;
+  return reason;
 }
 
-int FailedSaves(bool reset) { return reset ? failedSaves.exchange(0) : failedSaves.load(); }
+bool SaveImage(const ImageBuffer& image) { return StoreImage(image).empty(); }
+
+// A picture as large as tells formats with a smallest or a largest size is written in full but for its name.
+std::string SaveObstacle(const std::vector<const ImageBuffer*>& images) {
+  constexpr int kSide = 300;
+  Disks disks;
+  for (const ImageBuffer* image : images) {
+    ImageBuffer sample;
+    Allocate(sample, std::min(image->width, kSide), std::min(image->height, kSide), image->channels,
+             image->bits, false);
+    sample.fileName = image->fileName;
+    Attempt attempt;
+    attempt.keep = false;
+    std::string reason = GuardedSave(sample, sample.fileName, attempt);
+    if (reason.empty()) reason = SpaceReason(disks, attempt, *image);
+    if (!reason.empty()) return "'" + image->fileName + "': " + reason;
+  }
+  return {};
+}
+
+bool WriteAndReadBack(const ImageBuffer& image, const std::string& formatName, ImageBuffer& back) {
+  Attempt attempt;
+  attempt.keep = false;
+  attempt.back = &back;
+  return GuardedSave(image, formatName, attempt).empty();
+}
+
+std::vector<SaveFailure> TakeFailedSaves() {
+  const std::lock_guard lock(failuresMutex);
+  std::vector<SaveFailure> failures;
+  for (const auto& [name, reason] : failedSaves) failures.push_back({name, reason});
+  failedSaves.clear();
+  return failures;
+}
 
 }  // namespace zp

@@ -48,8 +48,24 @@ Vec3 ReadPixel(const ImageBuffer& image, std::size_t pixel);
 void WritePixel(ImageBuffer& image, Vec3 color, std::size_t pixel);
 std::size_t PixelBytes(const ImageBuffer& image);
 
-// Writes the picture to image.fileName, in the format that the name tells; true if a file was written.
-bool SaveImage(const ImageBuffer& image);
+// Writes the picture to image.fileName, in the format that the name tells, or `formatName` where it is given.
+// Empty if a file was written, else the reason as the rest of a sentence: "no space is left".
+std::string StoreImage(const ImageBuffer& image, const std::string& formatName = {});
+bool SaveImage(const ImageBuffer& image);  // true if a file was written
+// What will keep the first of these pictures from being written, as far as can be known: its name in quotes
+// and the reason. Needs their sizes alone. Leaves no file.
+std::string SaveObstacle(const std::vector<const ImageBuffer*>& images);
+// Writes a nameless file into the folder of image.fileName, in the format that `formatName` tells, and reads
+// it into `back`. False if it could not be written; a file that holds nothing readable leaves `back` as it
+// was.
+bool WriteAndReadBack(const ImageBuffer& image, const std::string& formatName, ImageBuffer& back);
+
+struct SaveFailure {
+  std::string name, reason;
+};
+// Pictures whose last save since the last call has failed, by name; one without a name is no failure.
+std::vector<SaveFailure> TakeFailedSaves();
+
 // Reads a file of any format FreeImage knows; false if it held no picture of a supported type.
 bool LoadImage(ImageBuffer& image, const std::string& path);
 void StartImageFiles();  // FreeImage_Initialise
@@ -111,9 +127,11 @@ struct Aov {
 
 // Allocates the AOV's pixels: 3 channels of 32 bits, black.
 void InitializeAov(Aov& aov, int width, int height);
-// Writes those that have a name and pixels; one that cannot be written gets an error row.
+// Writes those that have a name and pixels; one that cannot be written gets an error row with the reason.
 void SaveAovs(const std::vector<Aov>& aovs);
-// "beauty-YYYYMMDD-HHMMSS.hdr" of the local time; unique in the process.
+// "beauty-YYYYMMDD-HHMMSS.hdr" of the local time; a second one of the same second gets "-2" before its
+// extension. Unique in the process, and it overwrites no other's file: where there is one when the picture is
+// first saved, the picture takes the next number.
 std::string DefaultBeautyName();
 
 enum class Projection : std::int32_t { kPerspective = 0, kSpherical = 1 };
@@ -167,9 +185,6 @@ CameraPose CameraAtTime(const Camera& camera, float time);
 // Fills a fresh ray for pass `sample` through pixel (x, y), except its thread and pixel slot: the caller sets
 // ray.thread before. An unknown projection leaves origin and direction as they were.
 void MakePrimaryRay(const Camera& camera, RayRecord& ray, int x, int y, std::uint32_t sample);
-
-// Picture files that could not be written since the last call with `reset`; an empty name is no failure.
-int FailedSaves(bool reset);
 
 // Pictures and models of the scene that were sought in vain since the count was last set to 0, one for each
 // attempt. Readers on any thread add to it; nothing else depends on it.

@@ -1,7 +1,5 @@
 #include "scene/check.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
@@ -254,21 +252,18 @@ void CheckStorage(SceneNotes& notes, const NotedAov& noted, Storage storage) {
 }  // namespace
 
 Storage ProbeStorage(const std::string& fileName) {
-  // Numbers that tell the formats apart: below 0, and with more digits than a half float has.
+  // Numbers that tell the formats apart: below 0, and with more digits than a half float has. A size that
+  // every format takes.
   constexpr Vec3 kProbe = {-3.25f, 4097.0f, 0.5f};
+  constexpr int kSide = 64;
   ImageBuffer written;
-  Allocate(written, 2, 2, 3, 32, false);
-  for (std::size_t i = 0; i < 4; ++i) WritePixel(written, kProbe, i);
-  // The format's text may stand anywhere in the name, folders included.
-  written.fileName = "probe-" + std::to_string(getpid()) + "-" + fileName;
-  std::replace(written.fileName.begin(), written.fileName.end(), '/', '_');
-  if (!SaveImage(written)) return Storage::kUnwritable;
+  Allocate(written, kSide, kSide, 3, 32, false);
+  for (std::size_t i = 0; i < kSide * kSide; ++i) WritePixel(written, kProbe, i);
+  written.fileName = ".zp-probe";
   ImageBuffer read;
   read.allowPacked = false;
-  const bool loaded = LoadImage(read, written.fileName);
-  std::error_code error;
-  fs::remove(written.fileName, error);
-  if (!loaded || read.bits != 32) return Storage::kBytes;
+  if (!WriteAndReadBack(written, fileName, read)) return Storage::kUnwritable;
+  if (!read.loaded || read.bits != 32) return Storage::kBytes;
   const Vec3 pixel = ReadPixel(read, 0);
   if (pixel == kProbe) return Storage::kExact;
   return pixel.x < 0 ? Storage::kHalf : Storage::kSharedExponent;

@@ -11,8 +11,8 @@ namespace zp {
 
 // What a file format does to the floats of a picture.
 enum class Storage { kUnwritable, kBytes, kHalf, kSharedExponent, kExact };
-// Finds out by writing a tiny picture of that name, without its folders, into the current directory, and
-// reading it back. Leaves no file. kUnwritable: the name tells no format that can be written.
+// Finds out by writing a small picture of that name's format into the current directory and reading it back.
+// Leaves no file. kUnwritable: the name tells no format that can be written.
 Storage ProbeStorage(const std::string& fileName);
 
 // Adds what only the whole scene shows: names that nothing has, files that are not there, records that do not
