@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
@@ -210,17 +211,71 @@ TEST_F(ImageFiles, FailingSaveKeepsTheOldFile) {
   EXPECT_EQ(FileCount(), 1);
   EXPECT_TRUE(saveAs("kept.png"));
   EXPECT_NE(Bytes(image.fileName), before);
-  // A folder in the way stays, with what is in it.
-  fs::create_directory(Path("folder.png"));
-  EXPECT_FALSE(saveAs("folder.png"));
-  EXPECT_TRUE(fs::is_directory(image.fileName));
   // What a link leads to is written; the link stays.
   fs::create_symlink("kept.png", Path("link.png"));
   std::ofstream(Path("kept.png")) << "old";
   EXPECT_TRUE(saveAs("link.png"));
   EXPECT_TRUE(fs::is_symlink(image.fileName));
   EXPECT_TRUE(StartsWith(Path("kept.png"), "\x89PNG"));
-  EXPECT_EQ(FileCount(), 3);
+  EXPECT_EQ(FileCount(), 2);
+}
+
+// The same before a render and by the save. Nothing is touched, and a superuser is told as others are.
+TEST_F(ImageFiles, ObstaclesAreKnownBeforeTheyAreMet) {
+  Write("kept.png", "old");
+  fs::permissions(Path("kept.png"), fs::perms::owner_read);
+  ASSERT_EQ(mkfifo(Path("pipe.png").c_str(), 0600), 0);
+  for (const auto& [target, link] : {std::pair{"/dev/full", "full.png"},
+                                     {"full.png", "again.png"},
+                                     {"none/a.png", "loose.png"},
+                                     {"ring.png", "ring.png"}})
+    fs::create_symlink(target, Path(link));
+  fs::create_directories(Path("v.exr_old"));
+  fs::create_directory(Path("closed"));
+  fs::permissions(Path("closed"), fs::perms::owner_read | fs::perms::owner_exec);
+  const std::ptrdiff_t files = FileCount();
+  const std::string longest = std::string(251, 'n') + ".png";
+  for (const auto& [name, reason] : std::vector<std::pair<std::string, std::string>>{
+           {"kept.png", "no permission: the file is protected against writing"},
+           {"pipe.png", "it is a pipe"},
+           {"v.exr_old", "it is a folder"},
+           {"again.png", "it is a link to a device, \"/dev/full\""},
+           {"loose.png", "there is no folder \"" + Path("none") + "\""},
+           {"ring.png", "its links lead nowhere"},
+           {"kept.png/a.png", "\"" + Path("kept.png") + "\" is no folder"},
+           {"closed/a.png", "no permission to write into the folder \"" + Path("closed") + "\""},
+           {"n" + longest, "the name is too long"},
+           {"a.webp", "unknown format \"webp\""},
+           {"a.gif", "the format \"gif\" cannot hold such pixels"},
+           {"a.ico", "the format \"ico\" cannot hold a picture of this size"}}) {
+    ImageBuffer image = MakeRow(3, 32, {kWhite});
+    image.fileName = Path(name);
+    EXPECT_EQ(SaveObstacle({&image}), "'" + Path(name) + "': " + reason);
+    EXPECT_EQ(StoreImage(image), reason);
+  }
+  ImageBuffer huge;  // more bytes than disks have
+  huge.fileName = Path("huge.pfm");
+  huge.width = huge.height = 1 << 30;
+  EXPECT_NE(SaveObstacle({&huge}).find("no space: it needs "), std::string::npos);
+  EXPECT_EQ(FileCount(), files);
+  EXPECT_TRUE(SaveImage(Blocks(longest)));
+  // Folders tell the format where the name behind them does not.
+  EXPECT_TRUE(SaveImage(Blocks("v.exr_old/x.pfm")) && StartsWith(Path("v.exr_old/x.pfm"), "PF"));
+  EXPECT_TRUE(SaveImage(Blocks("v.exr_old/x")) && StartsWith(Path("v.exr_old/x"), "\x76\x2f\x31\x01"));
+}
+
+TEST_F(ImageFiles, DefaultNamesStepAside) {
+  const fs::path before = fs::current_path();
+  fs::current_path(folder);
+  ImageBuffer image = MakeRow(3, 32, {kWhite});
+  image.fileName = DefaultBeautyName();
+  Write(image.fileName, "another's");
+  for (int i = 0; i < 2; ++i) {  // once more to the same file
+    EXPECT_TRUE(SaveImage(image));
+    EXPECT_EQ(FileCount(), 2);
+  }
+  fs::current_path(before);
+  EXPECT_EQ(Bytes(Path(image.fileName)).size(), 9U);
 }
 
 TEST_F(ImageFiles, FloatsBecomeBytes) {

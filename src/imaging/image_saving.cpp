@@ -261,7 +261,8 @@ std::string GuardedSave(const ImageBuffer& image, const std::string& name, Attem
 
 // Bytes that a file of a format without compression cannot do without; 0 if it may shrink.
 std::int64_t LeastBytes(FREE_IMAGE_FORMAT format, const ImageBuffer& image) {
-  const std::int64_t pixels = std::int64_t{image.width} * image.height;
+  constexpr std::int64_t kMostPixels = std::int64_t{1} << 58;
+  const std::int64_t pixels = std::min(std::int64_t{image.width} * image.height, kMostPixels);
   if (format == FIF_PFM) return 12 * pixels;
   const bool plain = format == FIF_BMP || format == FIF_PPM || format == FIF_PBM || format == FIF_PGM;
   return plain ? 3 * pixels : 0;

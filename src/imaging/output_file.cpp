@@ -107,6 +107,14 @@ std::string ReplaceReason(const fs::path& path, const struct stat& file, const s
   return {};
 }
 
+// Renames outlast a power cut too, where the folder may be read.
+void SyncFolder(const fs::path& folder) {
+  const int opened = open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (opened < 0) return;
+  fsync(opened);
+  close(opened);
+}
+
 }  // namespace
 
 std::string DefaultBeautyName() {
@@ -204,15 +212,18 @@ std::string OutputFile::Trouble() {
 std::string OutputFile::Commit() {
   if (std::string reason = Trouble(); !reason.empty()) return reason;
   const int file = fileno(stream);
-  // Some file systems have no permissions to change.
-  if (status.st_mode != 0 && fchmod(file, status.st_mode & 07777U) != 0) errno = 0;
+  if (status.st_mode != 0) fchmod(file, status.st_mode & 07777U);  // fails where there are no permissions
   // On the disk before it has its name: else a power cut can leave an empty file in the place of the old one.
   if (fsync(file) != 0 && errno != EINVAL && errno != ENOTSUP) failure = errno;
   if (std::fclose(std::exchange(stream, nullptr)) != 0 && failure == 0) failure = errno;
   if (failure != 0) return SystemReason(failure);
-  if (!givenName.empty()) return TakeFreeName();
-  if (std::rename(temporary.c_str(), target.c_str()) != 0) return SystemReason(errno);
+  if (!givenName.empty()) {
+    if (std::string reason = TakeFreeName(); !reason.empty()) return reason;
+  } else if (std::rename(temporary.c_str(), target.c_str()) != 0) {
+    return SystemReason(errno);
+  }
   temporary.clear();
+  SyncFolder(target.parent_path());
   return {};
 }
 
@@ -235,7 +246,6 @@ std::string OutputFile::TakeFreeName() {
     if (errno != EEXIST) return SystemReason(errno);
   }
   takenNames[givenName] = target;
-  temporary.clear();
   return {};
 }
 
