@@ -1,8 +1,11 @@
 // A main for fuzz targets in builds without libFuzzer: runs the target on every file of the folders given,
-// then for some seconds on random mixtures of them. The input at hand when a run ends in a signal is kept.
-//   TARGET FOLDER... [seconds=N] [seed=N]
+// then on random mixtures of them, for some seconds or a number of runs. Five seconds of processor time for
+// one input, or 1 GB of memory, end the run as a crash does; the input at hand then is kept.
+//   TARGET FOLDER... [seconds=N | runs=N] [seed=N]
 
 #include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,6 +28,8 @@ namespace fs = std::filesystem;
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr const char* kCrashFile = "crash-input";
+constexpr itimerval kMostTime = {{0, 0}, {5, 0}};
+constexpr long kMostMemory = 1L << 20U;  // kilobytes
 const Bytes* current = nullptr;
 
 // Only calls that a signal handler may make.
@@ -39,11 +44,25 @@ extern "C" void KeepInput(int signal) {
   std::raise(signal);
 }
 
+rusage Usage() {
+  rusage usage = {};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage;
+}
+
+double ProcessorSeconds() {
+  const rusage usage = Usage();
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         1e-6 * static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
+}
+
 void Run(const Bytes& input) {
   // A copy of exactly this size: a read past its end is one past the allocation.
   const Bytes copy(input.begin(), input.end());
   current = &copy;
+  setitimer(ITIMER_PROF, &kMostTime, nullptr);
   LLVMFuzzerTestOneInput(copy.data(), copy.size());
+  zp::Require(Usage().ru_maxrss < kMostMemory, __LINE__);
   current = nullptr;
 }
 
@@ -110,12 +129,15 @@ void Mutate(Bytes& input, const std::vector<Bytes>& corpus, std::mt19937& random
 
 int main(int argc, char** argv) {
   double seconds = 2;
+  std::size_t most = 0;  // 0: as many as the seconds allow
   unsigned seed = 1;
   std::vector<std::string> folders;
   for (int i = 1; i < argc; ++i) {
     const std::string argument = argv[i];
     if (argument.starts_with("seconds="))
       seconds = std::strtod(argument.c_str() + 8, nullptr);
+    else if (argument.starts_with("runs="))
+      most = std::strtoull(argument.c_str() + 5, nullptr, 10);
     else if (argument.starts_with("seed="))
       seed = static_cast<unsigned>(std::strtoul(argument.c_str() + 5, nullptr, 10));
     else
@@ -126,16 +148,18 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "no inputs\n");
     return 1;
   }
-  for (const int signal : {SIGABRT, SIGSEGV, SIGFPE, SIGILL}) std::signal(signal, KeepInput);
+  for (const int signal : {SIGABRT, SIGSEGV, SIGFPE, SIGILL, SIGPROF}) std::signal(signal, KeepInput);
   for (const Bytes& input : corpus) Run(input);
   std::mt19937 random(seed);
   std::size_t runs = 0;
+  const double begin = ProcessorSeconds();
   const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  for (; std::chrono::steady_clock::now() < end; ++runs) {
+  for (; most > 0 ? runs < most : std::chrono::steady_clock::now() < end; ++runs) {
     Bytes input = corpus[random() % corpus.size()];
     Mutate(input, corpus, random);
     Run(input);
   }
-  std::printf("%zu inputs of the corpus, %zu mixtures\n", corpus.size(), runs);
+  std::printf("%zu inputs of the corpus, %zu mixtures, %.0f a second of processor time\n", corpus.size(),
+              runs, static_cast<double>(runs) / (ProcessorSeconds() - begin));
   return 0;
 }

@@ -1,9 +1,12 @@
 #include "fuzz.h"
 
+#include <omp.h>
+
 #include <cstdio>
 #include <cstdlib>
 
 #include "core/console.h"
+#include "core/files.h"
 #include "core/settings.h"
 #include "lights/lights.h"
 #include "shading/shading.h"
@@ -12,6 +15,8 @@ namespace zp {
 
 void ClearTables() {
   SetConsoleQuiet(true);
+  filesHidden = true;
+  omp_set_num_threads(1);  // waking others costs more than an input does
   shaders.clear();
   AddUndefinedShader();
   cameras.clear();

@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
 namespace zp {
 
-// No rows, and tables as a program starts with them. Called before each input.
+// No rows, no files, one thread, and tables as a program starts with them. Called before each input.
 void ClearTables();
 
 // Aborts, naming the line, unless `condition` holds.

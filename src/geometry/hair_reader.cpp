@@ -4,11 +4,10 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <system_error>
 
 #include "core/console.h"
+#include "core/files.h"
 #include "geometry/geometry.h"
 #include "imaging/imaging.h"
 
@@ -142,9 +141,9 @@ bool ReadHair(std::string_view bytes, const std::string& name, Part& part) {
 }
 
 bool ReadHairFile(const std::string& path, Part& part) {
-  std::error_code error;
-  std::ifstream stream(path, std::ios::binary);
-  if (!stream || std::filesystem::is_directory(path, error)) return Fail("cannot open ", path);
+  std::ifstream stream;
+  if (HoldsBytes(path)) stream.open(path, std::ios::binary);
+  if (!stream.is_open()) return Fail("cannot open ", path);
   return ReadHair(ReadAsPromised(stream), path, part);
 }
 

@@ -2,7 +2,6 @@
 // are known the faces become merged vertices and primitives.
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +13,7 @@
 #include <cstring>
 
 #include "core/console.h"
+#include "core/files.h"
 #include "geometry/geometry.h"
 #include "imaging/imaging.h"
 #include "shading/shading.h"
@@ -457,10 +457,8 @@ void ReadObj(std::string_view text, Part& part) {
 }
 
 bool ReadObjFile(const std::string& path, Part& part) {
-  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  struct stat status = {};
-  if (file < 0 || fstat(file, &status) != 0 || S_ISDIR(status.st_mode)) {
-    if (file >= 0) close(file);
+  const int file = HoldsBytes(path) ? open(path.c_str(), O_RDONLY | O_CLOEXEC) : -1;
+  if (file < 0) {
     ++missingFiles;
     PrintError("object - cannot open " + path + "\n");
     PrintRule();

@@ -6,6 +6,7 @@
 #include <map>
 #include <set>
 
+#include "core/files.h"
 #include "geometry/object.h"
 #include "lights/lights.h"
 
@@ -32,7 +33,6 @@ bool CanLoad(const std::string& name) {
 
 void CheckName(SceneNotes& notes, const NameUse& use, const Names& sections, const Names& objects) {
   const std::string name = Quoted(use.name);
-  std::error_code error;
   switch (use.kind) {
     case NameKind::kShader:
       if (!sections.contains(use.name)) Error(notes, use.place, "there is no shader " + name);
@@ -50,7 +50,7 @@ void CheckName(SceneNotes& notes, const NameUse& use, const Names& sections, con
       if (!CanLoad(use.name)) Error(notes, use.place, "the image " + name + " cannot be found or read");
       break;
     case NameKind::kFolder:
-      if (!fs::is_directory(use.name, error)) Warning(notes, use.place, "there is no folder " + name);
+      if (KindOfFile(use.name) != FileKind::kFolder) Warning(notes, use.place, "there is no folder " + name);
       break;
   }
 }

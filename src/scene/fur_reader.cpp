@@ -1,10 +1,9 @@
 // Fur files: strands as text, by the token rules of scene files but without blocks. "segment" and "position"
 // lines may stand in any order; they are matched when all are read.
 
-#include <filesystem>
 #include <fstream>
-#include <system_error>
 
+#include "core/files.h"
 #include "geometry/geometry.h"
 #include "scene/blocks.h"
 
@@ -49,9 +48,9 @@ void ReadFur(SceneText& text, Part& part) {
 }
 
 bool ReadFurFile(const std::string& path, Part& part) {
-  std::error_code error;
-  std::ifstream stream(path);
-  if (!stream || std::filesystem::is_directory(path, error)) {
+  std::ifstream stream;
+  if (HoldsBytes(path)) stream.open(path);
+  if (!stream.is_open()) {
     ++missingFiles;
     return false;
   }

@@ -14,13 +14,11 @@ SceneNotes* sceneNotes = nullptr;
 
 namespace {
 
-constexpr std::string_view kBlanks = " \t\r\n\v\f";
-
 std::string_view FirstToken(std::string_view text) { return text.substr(0, text.find_first_of(kBlanks)); }
 
 // A keyword alone on its line, or before a remark, may be meant to open a block.
 bool StandsAlone(const Line& line) {
-  const std::string rest = RestOfLine(line);
+  const std::string_view rest = RestOfLine(line);
   return rest.empty() || rest.front() == '#';
 }
 
@@ -36,18 +34,14 @@ void NoteLine(Line& line, Severity severity, const std::string& message) {
   Note(line.Place(), severity, line.keyword + ": " + message);
 }
 
-std::string RestOfLine(const Line& line) {
-  // By way of the buffer: asking the stream itself for its place fails once it has met the line's end.
-  const auto at = line.values.rdbuf()->pubseekoff(0, std::ios::cur, std::ios::in);
-  const std::string whole = line.values.str();
-  const auto begin = std::min(whole.size(), static_cast<std::size_t>(std::max<std::streamoff>(at, 0)));
-  const std::size_t first = whole.find_first_not_of(kBlanks, begin);
-  return first == whole.npos ? std::string() : whole.substr(first);
+std::string_view RestOfLine(const Line& line) {
+  const std::string_view rest = line.values.Rest();
+  return rest.substr(std::min(rest.find_first_not_of(kBlanks), rest.size()));
 }
 
-void NoteNumber(Line& line, const std::string& rest) {
+void NoteNumber(Line& line, std::string_view rest) {
   const std::string_view token = FirstToken(rest);
-  if (line.values.fail()) {
+  if (line.values.failed) {
     if (token.empty() || token.front() == '#')
       NoteLine(line, Severity::kError, "a number is missing");
     else
@@ -55,8 +49,8 @@ void NoteNumber(Line& line, const std::string& rest) {
     return;
   }
   // The next character must be a blank, or the number ended within its token.
-  const int next = line.values.rdbuf()->sgetc();
-  if (next != std::char_traits<char>::eof() && kBlanks.find(static_cast<char>(next)) == kBlanks.npos)
+  const std::string_view next = line.values.Rest();
+  if (!next.empty() && kBlanks.find(next.front()) == kBlanks.npos)
     NoteLine(line, Severity::kError, "only the beginning of " + Quoted(token) + " is read as a number");
 }
 

@@ -7,13 +7,12 @@
 #include <initializer_list>
 #include <istream>
 #include <limits>
-#include <locale>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "core/vec.h"
+#include "scene/line_values.h"
 #include "scene/notes.h"
 
 namespace zp {
@@ -59,26 +58,25 @@ inline bool ReadLine(SceneText& text, std::string& content) {
   }
 }
 
-// One line: its keyword, empty if there is none, and what follows it.
+// One line: its keyword, empty if there is none, and what follows it. The content outlives it.
 struct Line {
   std::string keyword;
-  std::istringstream values;
+  LineValues values;
   SceneText& text;
   int number;          // of the line
   bool noted = false;  // one finding a line is enough
 
-  Line(SceneText& from, const std::string& content) : values(content), text(from), number(from.line) {
-    values.imbue(std::locale::classic());
-    if (!content.empty() && content.front() != '#') values >> keyword;
+  Line(SceneText& from, const std::string& content) : values{content}, text(from), number(from.line) {
+    if (!content.starts_with('#')) keyword = TakeWord(values);
   }
   TextPlace Place() const { return text.Place(number); }
 };
 
 // For the observer, and only called when it is there.
 void NoteLine(Line& line, Severity severity, const std::string& message);
-std::string RestOfLine(const Line& line);  // without leading blanks
+std::string_view RestOfLine(const Line& line);  // without leading blanks
 // After an attempt to read a number at `rest`, the line's rest before it.
-void NoteNumber(Line& line, const std::string& rest);
+void NoteNumber(Line& line, std::string_view rest);
 void NoteString(Line& line, std::string_view rest);
 void NoteName(Line& line, NameKind kind, const std::string& name);
 
@@ -87,9 +85,9 @@ void NoteName(Line& line, NameKind kind, const std::string& name);
 // False if there is no number here. After one that cannot be read, none of the line is.
 template <class T>
 bool ReadValue(Line& line, T& value) {
-  if (!line.text.notes) return static_cast<bool>(line.values >> value);
-  const std::string rest = RestOfLine(line);
-  const bool read = static_cast<bool>(line.values >> value);
+  if (!line.text.notes) return TakeNumber(line.values, value);
+  const std::string_view rest = RestOfLine(line);
+  const bool read = TakeNumber(line.values, value);
   NoteNumber(line, rest);
   return read;
 }
@@ -111,8 +109,8 @@ bool ReadMatrix(Line& line, Matrix& target) {
   return true;
 }
 inline bool ReadWord(Line& line, std::string& target) {
-  std::string word;
-  if (line.values >> word) target = word;
+  const std::string word(TakeWord(line.values));
+  if (!word.empty()) target = word;
   if (line.text.notes && word.empty()) NoteLine(line, Severity::kError, "a word is missing");
   if (line.text.notes && word.find('"') != word.npos)
     NoteLine(line, Severity::kWarning, "the quotes become part of the word " + word);
@@ -121,12 +119,11 @@ inline bool ReadWord(Line& line, std::string& target) {
 
 // The characters between the first two quotes, or behind a lone one; empty without any.
 inline std::string ReadString(Line& line) {
-  std::string rest;
-  std::getline(line.values, rest, '\0');
+  const std::string_view rest = TakeRest(line.values);
   if (line.text.notes) NoteString(line, rest);
   const std::size_t open = rest.find('"');
-  if (open == std::string::npos) return {};
-  return rest.substr(open + 1, rest.find('"', open + 1) - open - 1);
+  if (open == rest.npos) return {};
+  return std::string(rest.substr(open + 1, rest.find('"', open + 1) - open - 1));
 }
 inline bool ReadString(Line& line, std::string& target) {
   target = ReadString(line);

@@ -1,7 +1,7 @@
 #include <algorithm>
-#include <filesystem>
 
 #include "core/console.h"
+#include "core/files.h"
 #include "core/random.h"
 #include "shading/shading.h"
 
@@ -26,9 +26,7 @@ bool LoadTexture(ImageBuffer& image) {
     std::string path = folder;
     if (!path.empty()) path += '/';
     path += name;
-    std::error_code error;
-    const auto kind = std::filesystem::status(path, error).type();
-    if (error || kind != std::filesystem::file_type::regular) continue;
+    if (KindOfFile(path) != FileKind::kFile) continue;
     image.loaded = LoadImage(image, path);
     image.fileName = name;
     if (image.loaded) return true;
