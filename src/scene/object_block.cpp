@@ -6,7 +6,9 @@
 namespace zp {
 namespace {
 
-bool ReadInstanceBlock(SceneText& text, Instance& instance, std::size_t object, std::size_t index) {
+bool ReadInstanceBlock(SceneText& text, std::size_t object) {
+  const std::size_t index = objectTable[object].instances.size();
+  Instance& instance = objectTable[object].instances.emplace_back();
   const TextPlace place = text.Here();
   ReadBlock(text, "instance", {"object"}, [&](const Keyword& keyword, Line& line) {
     if (keyword == "matrix") return ReadMatrix(line, instance.matrix);
@@ -140,8 +142,7 @@ void ReadObjectSection(SceneText& text) {
       object.shader = FindOrCreateShader(ReadName(line, NameKind::kShader));
       return true;
     }
-    if (keyword == "instance")
-      return ReadInstanceBlock(text, object.instances.emplace_back(), index, object.instances.size() - 1);
+    if (keyword == "instance") return ReadInstanceBlock(text, index);
     if (keyword == "obj") return ReadModel(text, line, noted, index);
     const bool known =
         ReadMeshPicture(text, keyword, line, mesh, object) || ReadOwnPart(text, keyword, line, index);
