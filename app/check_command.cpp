@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 #include "commands.h"
 #include "core/console.h"
@@ -41,25 +42,6 @@ class Observation {
   Observation& operator=(const Observation&) = delete;
 };
 
-// After Startup. Anything but kExitDone: the scene was not read.
-int ReadScene(const std::string& scene, SceneNotes& notes) {
-  DirectoryVisit visit;
-  if (const std::error_code error = visit.Enter(scene))
-    return Fail("cannot enter the scene folder '" + scene + "': " + error.message());
-  {
-    const Observation observation(notes);
-    if (!LoadScene("./")) return Fail("cannot read the scene folder '" + scene + "'");
-  }
-  CheckRecords(notes);
-  const TemporaryFolder scratch;
-  if (scratch.folder.empty() || visit.Enter(scratch.folder))
-    return Fail("there is no temporary folder to try image formats in");
-  CheckOutputs(notes);
-  if (const std::error_code error = visit.Leave())
-    return Fail("cannot return to the current directory: " + error.message());
-  return kExitDone;
-}
-
 // "1 error", "2 errors".
 std::string Count(std::size_t count, const std::string& what) {
   return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
@@ -72,22 +54,79 @@ std::string Printable(std::string text) {
   return text;
 }
 
-// Every finding, as an editor can jump to it, and the sum of them.
-int PrintFindings(const std::string& scene, const SceneNotes& notes) {
-  std::size_t errors = 0;
-  for (const Finding& finding : notes.findings) {
-    const bool isError = finding.severity == Severity::kError;
-    errors += isError;
-    const std::string path = Printable((fs::path(scene) / finding.place.file).lexically_normal().string());
-    std::printf("%s:%d: %s: %s\n", path.c_str(), finding.place.line, isError ? "error" : "warning",
-                Printable(finding.text).c_str());
+// As an editor can jump to it.
+void PrintText(const std::string& scene, const Finding& finding) {
+  const FindingRow& row = RowOf(finding.code);
+  std::string hint;
+  if (!finding.suggestion.empty())
+    hint = (row.advises ? "; write \"" : "; did you mean \"") + finding.suggestion +
+           (row.advises ? "\"" : "\"?");
+  std::printf("%s:%d: %s: %s\n", Printable(FindingPath(scene, finding)).c_str(), finding.place.line,
+              std::string(SeverityWord(row.severity)).c_str(), Printable(finding.text + hint).c_str());
+}
+
+// Bytes that are no UTF-8 become U+FFFD.
+void PrintJson(const std::string& scene, const Finding& finding) {
+  nlohmann::ordered_json line;
+  line["code"] = RowOf(finding.code).word;
+  line["severity"] = SeverityWord(RowOf(finding.code).severity);
+  line["file"] = FindingPath(scene, finding);
+  line["line"] = finding.place.line;
+  line["text"] = finding.text;
+  line["suggestion"] = finding.suggestion;
+  std::printf("%s\n", line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+}
+
+int PrintFindings(const CheckOptions& options, const std::vector<Finding>& findings) {
+  std::size_t counts[3] = {};
+  for (const Finding& finding : findings) {
+    ++counts[static_cast<std::size_t>(RowOf(finding.code).severity)];
+    if (options.json)
+      PrintJson(options.scene, finding);
+    else
+      PrintText(options.scene, finding);
   }
-  std::printf("%s, %s\n", Count(errors, "error").c_str(),
-              Count(notes.findings.size() - errors, "warning").c_str());
-  return errors > 0 ? kExitFailed : kExitDone;
+  const auto count = [&](Severity severity) {
+    return Count(counts[static_cast<std::size_t>(severity)], std::string(SeverityWord(severity)));
+  };
+  const std::size_t notes = counts[static_cast<std::size_t>(Severity::kNote)];
+  if (!options.json)
+    std::printf("%s, %s%s\n", count(Severity::kError).c_str(), count(Severity::kWarning).c_str(),
+                notes == 0 ? "" : (", " + count(Severity::kNote)).c_str());
+  return counts[static_cast<std::size_t>(Severity::kError)] > 0 ? kExitFailed : kExitDone;
 }
 
 }  // namespace
+
+bool LoadCheckedScene(std::vector<Finding>& findings, std::string& reason) {
+  SceneNotes notes;
+  {
+    const Observation observation(notes);
+    if (!LoadScene("./")) {
+      reason = "cannot read the scene folder";
+      return false;
+    }
+  }
+  CheckRecords(notes);
+  const TemporaryFolder scratch;
+  DirectoryVisit visit;
+  if (scratch.folder.empty() || visit.Enter(scratch.folder)) {
+    reason = "there is no temporary folder to try image formats in";
+    return false;
+  }
+  CheckOutputs(notes);
+  if (const std::error_code error = visit.Leave()) {
+    reason = "cannot return to the scene folder: " + error.message();
+    return false;
+  }
+  SortFindings(notes);
+  findings = std::move(notes.findings);
+  return true;
+}
+
+std::string FindingPath(const std::string& scene, const Finding& finding) {
+  return (fs::path(scene) / finding.place.file).lexically_normal().string();
+}
 
 int RunCheck(const CheckOptions& options) {
   std::error_code error;
@@ -95,12 +134,15 @@ int RunCheck(const CheckOptions& options) {
     return Fail("there is no scene folder '" + options.scene + "'");
   SetConsoleQuiet(true);
   Startup();
-  SceneNotes notes;
-  const int status = ReadScene(options.scene, notes);
+  DirectoryVisit visit;
+  std::vector<Finding> findings;
+  std::string reason;
+  error = visit.Enter(options.scene);
+  const bool read = !error && LoadCheckedScene(findings, reason);
   Shutdown();  // without Finalize, which would write images
-  if (status != kExitDone) return status;
-  SortFindings(notes);
-  return PrintFindings(options.scene, notes);
+  if (error) return Fail("cannot enter the scene folder '" + options.scene + "': " + error.message());
+  if (!read) return Fail(reason + " ('" + options.scene + "')");
+  return PrintFindings(options, findings);
 }
 
 }  // namespace zp

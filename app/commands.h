@@ -8,6 +8,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "scene/notes.h"
 
 namespace zp {
 
@@ -33,7 +36,7 @@ struct RenderOptions {
   bool quiet = false;
   bool progress = false;
   bool preview = false;  // a window shows the picture; closing it ends the render
-  bool strict = false;   // kExitFailed, but all images, if a picture or model of the scene is missing
+  bool strict = false;   // kExitFailed, before the first pass, if a check of the scene finds an error
 };
 int RunRender(const RenderOptions& options);
 
@@ -46,9 +49,14 @@ int RunView(const ViewOptions& options);
 
 struct CheckOptions {
   std::string scene;  // folder
+  bool json = false;  // an object a line instead of text, and no sum
 };
 // Prints a line for each finding and their sum on the output stream; kExitFailed if one of them is an error.
 int RunCheck(const CheckOptions& options);
+// Reads the scene of the current directory, with `findings` in order. `reason` says why where it fails.
+bool LoadCheckedScene(std::vector<Finding>& findings, std::string& reason);
+// The file of a finding, as the caller of a command finds it.
+std::string FindingPath(const std::string& scene, const Finding& finding);
 
 // Prints the one line of a failing command and returns `status`. Line ends inside the message become blanks.
 int Fail(std::string_view message, ExitStatus status = kExitFailed);

@@ -82,9 +82,8 @@ void AddRender(CLI::App& app, RenderOptions& options) {
           "Repeatable random numbers: the same seed gives the same picture")
       ->type_name("N");
   render->add_flag("--quiet", options.quiet, "No report rows on the output stream");
-  render->add_flag(
-      "--strict", options.strict,
-      "Exit with 1 if a picture or model of the scene is missing; images are written all the same");
+  render->add_flag("--strict", options.strict,
+                   "Render nothing and exit with 1 if 'zephlore check' would tell an error of the scene");
   render->add_flag("--progress", options.progress, "One updating line on the error stream");
   render->add_flag("--preview", options.preview,
                    "Show the picture in a window while it renders; closing it ends the render");
@@ -115,6 +114,7 @@ void AddView(CLI::App& app, ViewOptions& options) {
 void AddCheck(CLI::App& app, CheckOptions& options) {
   CLI::App* check = app.add_subcommand("check", "Report what a scene folder says in vain; renders nothing");
   check->add_option("scene", options.scene, "Scene folder")->required()->type_name("SCENE");
+  check->add_flag("--json", options.json, "A JSON object for each finding, one a line");
 }
 
 int Run(int argc, char** argv) {

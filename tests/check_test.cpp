@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -28,6 +29,7 @@ class Check : public testing::Test {
     Write("model/square.obj", "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nusemtl paint\nf 1 2 3 4\n");
     Write("camera/a.zp", kCamera);
     Write("shader/a.zp", "shader\n name \"paint\"\nend\n");
+    Write("render/0.zp", kPathTracing);
   }
   void TearDown() override {
     std::error_code error;
@@ -54,7 +56,7 @@ class Check : public testing::Test {
   // The lines of the report; paths count from the scene folder. Sets the exit status.
   std::vector<std::string> Run(const std::string& scene = "scene") {
     const std::string command =
-        "cd '" + root.string() + "' && '" + kProgram + "' check '" + scene + "' >out 2>err";
+        "cd '" + root.string() + "' && '" + kProgram + "' check '" + scene + "' " + option + ">out 2>err";
     const int raw = std::system(command.c_str());
     status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
     std::ifstream file(root / "out");
@@ -64,20 +66,43 @@ class Check : public testing::Test {
     return lines;
   }
 
-  // What is expected begins the lines at its places, and there are no others but the sum.
-  void Expect(const std::string& sum) {
-    std::vector<std::string> lines = Run();
-    for (const auto& [name, beginnings] : expected)
-      for (const std::string& beginning : beginnings) {
-        EXPECT_TRUE(!lines.empty() && lines[0].starts_with(beginning)) << beginning;
-        if (!lines.empty()) lines.erase(lines.begin());
-      }
-    EXPECT_EQ(lines, std::vector<std::string>{sum});
+  // The same findings in both forms, whatever bytes the text holds.
+  void ExpectJson() {
+    const std::vector<std::string> lines = Run();
+    option = "--json ";
+    const std::vector<std::string> objects = Run();
+    ASSERT_EQ(objects.size() + 1, lines.size());
+    for (std::size_t i = 0; i < objects.size(); ++i) {
+      const auto object = nlohmann::json::parse(objects[i]);
+      const std::string text = object["file"].get<std::string>().substr(6) + ":" +
+                               std::to_string(object["line"].get<int>()) + ": " +
+                               object["severity"].get<std::string>() + ": ";
+      EXPECT_TRUE(lines[i].starts_with(text) && object["code"].is_string() && object["text"].is_string())
+          << lines[i] << objects[i];
+      const std::string suggestion = object["suggestion"];
+      EXPECT_EQ(suggestion.empty(),
+                lines[i].find("did you mean") + lines[i].find("; write") == 2 * lines[i].npos);
+    }
   }
 
+  // What is expected begins the lines at its places, and there are no others but the sum.
+  void Expect(const std::string& sum) {
+    std::vector<std::string> beginnings;
+    for (const auto& [name, ofFile] : expected)
+      beginnings.insert(beginnings.end(), ofFile.begin(), ofFile.end());
+    beginnings.push_back(sum);
+    std::vector<std::string> lines = Run();
+    for (std::size_t i = 0; i < std::min(lines.size(), beginnings.size()); ++i)
+      if (lines[i].starts_with(beginnings[i]) && i + 1 < lines.size()) lines[i] = beginnings[i];
+    EXPECT_EQ(lines, beginnings);
+  }
+
+  static inline const std::string kMark = "\xEF\xBB\xBF";  // byte-order mark
+  static constexpr const char* kPathTracing = "render\n final_gather\n  resolution 0\n end\nend\n";
   static constexpr const char* kCamera =
       "camera\n pose\n  position 0 -5 0\n  target 0 0 0\n  up_vector 0 0 1\n  field_of_view 60\n end\nend\n";
   fs::path root;
+  std::string option;
   std::map<std::string, std::vector<std::string>> expected;  // by file, in the order of the report
   int status = -1;
 };
@@ -107,7 +132,8 @@ TEST_F(Check, SoundScenesAreSilent) {
 TEST_F(Check, TextThatIsNotRead) {
   expected["lights"] = {"lights:0: warning: is not read"};
   Write("render/a.zp",
-        "render\n clmap 1 1 1~error: unknown keyword \"clmap\" in \"render\" of line 1\n"
+        "render\n clmap 1 1 1~error: unknown keyword \"clmap\" in \"render\" of line 1; did you mean "
+        "\"clamp\"?\n"
         " clamp 1 x 1~error: clamp: cannot read \"x\"\n error 1 2~error: error: a number is missing\n"
         " gamma 2,2~error: gamma: only the beginning of \"2,2\"\n"
         " exposure~error: exposure: a number is missing\n final_gather\n"
@@ -143,7 +169,7 @@ TEST_F(Check, BlocksThatEndEarlyOrNever) {
         " gamma 1~error: unknown keyword \"gamma\" in \"final_gather\" of line 2\nend\n");
   Write("render/c.zp", "render\nend\nend~error: \"end\" closes nothing\n");
   Write("render/d.zp",
-        "render\n gamma 1\n"
+        "render\n clamp 1 1 1\n"
         " camera~error: unknown keyword \"camera\" in \"render\" of line 1: an \"end\" is missing\n"
         "  sample 1~error: unknown keyword \"sample\"\n end\n");
   Write("camera/a.zp",
@@ -164,12 +190,13 @@ TEST_F(Check, NamesThatResolveToNothing) {
         "render\n image_path \"maps\"\n image_path \"mops\"~warning: there is no folder \"mops\"\n"
         "end\n");
   Write("geometry/a.zp",
-        "object\n name a\n shader \"paint\"~error: an object's shader does not reach the faces\n"
+        "object~warning: nothing places \"a\"\n name a\n shader \"paint\"~error: an object's shader does not "
+        "reach the faces\n"
         " obj \"model/two.obj\"~error: there is no shader \"plain\" for faces of \"model/two.obj\"\n"
         " obj \"model/none.obj\"~error: obj: cannot open the file \"model/none.obj\"\nend\n"
         "object~warning: there is an object \"a\" already\n name a\n instance\n"
         "  object b~error: there is no object \"b\"\n"
-        "  shader \"gone\"~error: there is no shader \"gone\"\n end\n"
+        "  shader \"Pant\"~error: there is no shader \"Pant\"; did you mean \"paint\"?\n end\n"
         " instance~error: \"instance\" states no \"object\"\n end\nend\n");
   Write("shader/b.zp",
         "shader\n name \"c\"\n surface_shader\n  lambertian\n   color 1 1 1\n"
@@ -185,7 +212,7 @@ TEST_F(Check, NamesThatResolveToNothing) {
         " link\n  shader \"plain\"\n  shader \"gone!\"~error: there is no shader \"gone!\"\n"
         " end\nend\npoint_light~error: \"point_light\" states no \"position\"\nend\n"
         "parallel_light~error: \"parallel_light\" states no \"direction\"\nend\n");
-  Expect("13 errors, 5 warnings");
+  Expect("13 errors, 6 warnings");
 }
 
 TEST_F(Check, GeometryThatCannotBeRead) {
@@ -275,6 +302,89 @@ TEST_F(Check, OutputsThatShowNothingOrTooLittle) {
                           aov("p.pfm", "specular", "", "~warning: a light records nothing") + "end\n");
   Expect("7 errors, 10 warnings");
   EXPECT_FALSE(fs::exists(root / "b.pfm") || fs::exists(root / "scene/b.pfm"));
+}
+
+TEST_F(Check, ModelsThatAreDroppedOrNotDrawn) {
+  Write("model/a.stl", "solid a\nendsolid a\n");
+  Write("model/empty.obj", "");
+  Write("model/many.obj",
+        kMark +
+            "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\no lid\nf 1 2 3 4 1\no body\nf 1 2 3 4 1\nf 1 2 3 4 2\n"
+            "f 1 2\nf 1 2 9\nf 1 2 3\n");
+  Write("model/a.fur", "segment 2\nposition 0 0 0\nposition 0 0 0.1\nposition 0 0.1 0.1\n");
+  std::string parts;
+  for (int i = 0; i < 65536; ++i) parts += " particle_texture \"\"\n";
+  Write(
+      "geometry/a.zp",
+      kMark +
+          "object~warning: nothing places \"square\": it joins \"level0\"\n name square\n"
+          " obj \"model/square.obj\"\n obj \"model/a.stl\"~error: \"model/a.stl\" holds no faces: it seems "
+          "to "
+          "be an STL\n obj \"model/empty.obj\"~error: \"model/empty.obj\" holds no faces: it is empty\n"
+          " obj \"model/many.obj\"~error: \"model/many.obj\": 3 faces of 6 with five corners or more are "
+          "dropped: 1 in \"lid\", 2 in \"body\"~error: \"model/many.obj\": 1 face with less~error: "
+          "\"model/many.obj\": 1 face with corners that~warning: \"model/many.obj\": 2 faces without usemtl\n"
+          " fur \"model/a.fur\"~warning: \"model/a.fur\": segments of 0.1 scene units\nend\n"
+          "object~error: \"a\" is not drawn\n name a\n instance\n  object b\n end\nend\n"
+          "object~error: \"b\" is not drawn\n name b\n instance~error: \"b\" places \"a\", which already\n"
+          "  object a\n end\n instance~error: an object cannot place itself\n  object b\n end\nend\n"
+          "object~error: the object has 65536 parts~error: \"parts\" is not drawn\n name parts\n" +
+          parts + "end\n");
+  std::string chain;
+  for (int i = 0; i < 18; ++i)
+    chain += std::string("object") + (i == 17 ? "~error: \"level17\" is not drawn" : "") + "\n name level" +
+             std::to_string(i) + "\n instance" + (i == 16 ? "~error: \"level17\" lies more than 16" : "") +
+             "\n  object " + (i == 17 ? "parts" : "level" + std::to_string(i + 1)) + "\n end\nend\n";
+  Write("geometry/b.zp", chain);
+  Expect("13 errors, 3 warnings");
+}
+
+TEST_F(Check, NumbersThatAreNotMeantSo) {
+  Write("image/words.pgm", "P5 1 1 65535 ab");
+  Write("image/bytes.ppm", "P6 1 1 255 az!");
+  Write("image/normals.ppm", "P6 1 1 255 \x80\x80\xff");
+  Write(
+      "shader/b.zp",
+      "shader\n name \"\xff\\\"\n opacity 1~note: opacity: has no effect\n surface_shader~warning: colors "
+      "above 1\n"
+      "  virtual_light~warning: virtual_light of \"\xff\\\" is not sampled\n  lambertian\n   color 1 1.2 1\n"
+      "   fresnel 1 0 0~warning: fresnel: is stored and has no effect\n  end\n  emissive\n   color 1 1 1\n"
+      "   image \"bytes.ppm\"~warning: \"bytes.ppm\" holds colors of 8 bits\n  end\n  roughness\n   color 1 "
+      "1 1\n"
+      "   image \"words.pgm\"~warning: \"words.pgm\" holds 16 bits\n  end\n  normal\n"
+      "   image \"normals.ppm\"~warning: \"normals.ppm\" keeps normals as 0 to 1\n  end\n end\n"
+      " geometry_shader\n  vector~warning: a displaced surface\n   color 0 0 0.001\n"
+      "   image \"words.pgm\"\n  end\n end\nend\n");
+  Write("render/a.zp",
+        "render\n gamma 2.2~note: gamma: has no effect\n exposure 1~warning: exposure: is stored\n "
+        "final_gather\n"
+        "  bounce 0~warning: bounce: 0 counts as 1\n  sample 2000000000~warning: sample: about\n end\nend\n");
+  Write("camera/a.zp", "camera\n resolution 20000 20000\n sample 65535~warning: passes: about" +
+                           std::string(kCamera).substr(6));
+  Write("light/a.zp",
+        "point_light\n position 0 0 1\n photon 1000000000000000000~warning: photon: about\nend\n");
+  Write("geometry/a.zp", "object\n obj \"model/square.obj\"\nend\n");
+  Expect("0 errors, 12 warnings, 2 notes");
+  EXPECT_EQ(status, 0);
+  ExpectJson();
+}
+
+TEST_F(Check, CellsThatAreNoneOrTooMany) {
+  std::string faces = "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nusemtl paint\n";
+  for (int i = 0; i < 700; ++i) faces += "f 1 2 3 4\n";
+  Write("model/faces.obj", faces);
+  Write("geometry/a.zp",
+        "object\n name square\n obj \"model/square.obj\"\nend\nobject\n obj \"model/faces.obj\"\n instance\n"
+        "  object square\n end\nend\n");
+  Write("light/a.zp", "geometry_light\n sample 3~warning: no surface with \"virtual_light\"\nend\n");
+  Write("render/a.zp",
+        "render\n final_gather\n  bounce 1\n  resolution 1e-9~warning: resolution: cells below\n end\nend\n");
+  Expect("0 errors, 2 warnings");
+  expected.erase("render/a.zp");
+  Write("render/a.zp",
+        "render\n final_gather\n  bounce 1~warning: final gathering with \"bounce\" 1\n"
+        "  resolution 1e-7~error: resolution: the cells of one model take 1.0 GB\n end\nend\n");
+  Expect("1 error, 2 warnings");
 }
 
 TEST_F(Check, ScenesThatAreNotThere) {

@@ -14,6 +14,7 @@
 
 #include "built_files.h"
 #include "imaging/imaging.h"
+#include "scene/findings.h"
 #include "shading/shading.h"
 
 namespace zp {
@@ -50,6 +51,17 @@ std::string SectionOf(const std::string& page, const std::string& block) {
          page.substr(heading, page.find('\n', heading + 1) - heading).find(name) == page.npos)
     heading = page.find("\n##", heading + 1);
   return heading == page.npos ? "" : page.substr(heading, page.find("\n##", heading + 1) - heading);
+}
+
+TEST(Pages, CheckTellsEveryFinding) {
+  const std::string page = ReadText(kRoot / "docs/check.md");
+  std::string rows;
+  for (const FindingRow& row : kFindings)
+    rows += std::string(row.word) + " " + std::string(SeverityWord(row.severity)) + "\n";
+  std::string told;
+  for (const std::string& row : FindAll(page, "\\| (`[a-z-]+` \\| (?:error|warning|note)) \\|"))
+    told += row.substr(1, row.find('`', 1) - 1) + row.substr(row.rfind(' ')) + "\n";
+  EXPECT_EQ(told, rows);
 }
 
 TEST(Pages, SceneFormatTellsEveryKeywordUnderItsBlock) {

@@ -20,6 +20,22 @@ void TransferRootCoordinates(Object& object);
 void OrderOccluders(Object& object);
 void ClearOccluderLogs();
 
+// The steps that InitializeAccelerator finds the graph by.
+inline constexpr std::size_t kMostParts = 65535;  // of an Object
+void ResolveInstances();                          // names to indices; the first Object of equal names
+std::int32_t FindRootObject();  // the last that no Instance places; sets `referenced` of all
+// Adds to the root, as they stand, the other Objects that no Instance places. True if there are any.
+bool JoinUnplaced(std::int32_t root);
+struct InstanceCut {
+  std::int32_t object = kNone;  // that holds the Instance
+  std::size_t instance = 0;
+  std::int32_t placed = kNone;  // what it placed
+  bool isCycle = false;         // else it lies too deep
+};
+// Sets the levels of all Objects below `index`, which are -1 before, and cuts off Instances that would close
+// a cycle or lie too deep.
+void AssignLevels(std::int32_t index, std::vector<InstanceCut>& cuts);
+
 // The graph of Objects.
 extern std::int32_t rootObject;  // kNone in an empty table
 extern Box sceneBounds;

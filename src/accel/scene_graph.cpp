@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 
 #include "accel/accel.h"
 #include "core/console.h"
@@ -20,63 +22,33 @@ float sceneRadius = 0;
 namespace {
 
 constexpr int kInstanceLevels = 16;  // of the matrix stacks
-constexpr std::size_t kMostParts = 65535;
 
 Object& At(std::int32_t index) { return objectTable[static_cast<std::size_t>(index)]; }
 
-void ResolveInstances() {
-  for (Object& object : objectTable)
-    for (Instance& instance : object.instances) {
-      if (instance.object >= static_cast<std::int32_t>(objectTable.size())) instance.object = kNone;
-      for (std::size_t i = 0; instance.object < 0 && i < objectTable.size(); ++i)
-        if (objectTable[i].name == instance.objectName) instance.object = static_cast<std::int32_t>(i);
-    }
-}
-
-void FindRoot() {
-  for (Object& object : objectTable) object.referenced = false;
-  for (Object& object : objectTable)
-    for (const Instance& instance : object.instances)
-      if (instance.object >= 0) At(instance.object).referenced = true;
-  rootObject = kNone;
-  int candidates = 0;
-  for (std::size_t i = 0; i < objectTable.size(); ++i)
-    if (!objectTable[i].referenced) {
-      rootObject = static_cast<std::int32_t>(i);
-      ++candidates;
-    }
-  if (candidates < 2) return;
-  PrintWarning("object - " + At(rootObject).name + " is treated as the root object");
-  PrintRule();
-  for (std::size_t i = 0; i < objectTable.size(); ++i)
-    if (!objectTable[i].referenced && static_cast<std::int32_t>(i) != rootObject) {
-      Instance instance;
-      instance.object = static_cast<std::int32_t>(i);
-      At(rootObject).instances.push_back(instance);
-    }
-}
-
-// Levels from `index` down; `onPath` marks the Objects above it. Instances that would close a cycle or lie
-// too deep are cut off.
-void AssignLevels(std::int32_t index, int level, std::vector<bool>& onPath) {
+// `onPath` marks the Objects above.
+void AssignLevel(std::int32_t index, int level, std::vector<bool>& onPath, std::vector<InstanceCut>& cuts) {
   Object& object = At(index);
   object.level = std::max(object.level, level);
   onPath[static_cast<std::size_t>(index)] = true;
-  for (Instance& instance : object.instances) {
+  for (std::size_t i = 0; i < object.instances.size(); ++i) {
+    Instance& instance = object.instances[i];
     if (instance.object < 0) continue;
-    if (onPath[static_cast<std::size_t>(instance.object)]) {
-      PrintError("object - " + object.name + " places " + At(instance.object).name + " in itself");
-      PrintRule();
-      instance.object = kNone;
-    } else if (level + 1 > kInstanceLevels) {
-      PrintError("object - more than 16 instance levels at " + object.name);
-      PrintRule();
+    const bool isCycle = onPath[static_cast<std::size_t>(instance.object)];
+    if (isCycle || level + 1 > kInstanceLevels) {
+      cuts.push_back({index, i, instance.object, isCycle});
       instance.object = kNone;
     } else if (At(instance.object).level < level + 1) {
-      AssignLevels(instance.object, level + 1, onPath);
+      AssignLevel(instance.object, level + 1, onPath, cuts);
     }
   }
   onPath[static_cast<std::size_t>(index)] = false;
+}
+
+void PrintCut(const InstanceCut& cut) {
+  const std::string& name = At(cut.object).name;
+  PrintError(cut.isCycle ? "object - " + name + " places " + At(cut.placed).name + " in itself"
+                         : "object - more than 16 instance levels at " + name);
+  PrintRule();
 }
 
 void LimitParts(Object& object) {
@@ -124,6 +96,44 @@ void TakeSceneBounds() {
 
 }  // namespace
 
+void ResolveInstances() {
+  std::unordered_map<std::string_view, std::int32_t> indices;
+  for (std::size_t i = 0; i < objectTable.size(); ++i)
+    indices.try_emplace(objectTable[i].name, static_cast<std::int32_t>(i));
+  for (Object& object : objectTable)
+    for (Instance& instance : object.instances) {
+      if (instance.object >= static_cast<std::int32_t>(objectTable.size())) instance.object = kNone;
+      if (instance.object >= 0) continue;
+      const auto found = indices.find(instance.objectName);
+      if (found != indices.end()) instance.object = found->second;
+    }
+}
+
+std::int32_t FindRootObject() {
+  for (Object& object : objectTable) object.referenced = false;
+  for (const Object& object : objectTable)
+    for (const Instance& instance : object.instances)
+      if (instance.object >= 0) At(instance.object).referenced = true;
+  for (std::size_t i = objectTable.size(); i-- > 0;)
+    if (!objectTable[i].referenced) return static_cast<std::int32_t>(i);
+  return kNone;
+}
+
+bool JoinUnplaced(std::int32_t root) {
+  bool joined = false;
+  for (std::size_t i = 0; i < objectTable.size(); ++i) {
+    if (objectTable[i].referenced || static_cast<std::int32_t>(i) == root) continue;
+    At(root).instances.emplace_back().object = static_cast<std::int32_t>(i);
+    joined = true;
+  }
+  return joined;
+}
+
+void AssignLevels(std::int32_t index, std::vector<InstanceCut>& cuts) {
+  std::vector<bool> onPath(objectTable.size(), false);
+  AssignLevel(index, 0, onPath, cuts);
+}
+
 void InitializeAccelerator() {
   rootObject = kNone;
   sceneBounds = Box{};
@@ -131,15 +141,20 @@ void InitializeAccelerator() {
   sceneRadius = 0;
   if (objectTable.empty()) return;
   ResolveInstances();
-  FindRoot();
+  rootObject = FindRootObject();
   if (rootObject == kNone) {
     PrintError("object - there is no root object");
     PrintRule();
     return;
   }
+  if (JoinUnplaced(rootObject)) {
+    PrintWarning("object - " + At(rootObject).name + " is treated as the root object");
+    PrintRule();
+  }
   for (Object& object : objectTable) object.level = -1;  // unreached Objects stay there, and out of the way
-  std::vector<bool> onPath(objectTable.size(), false);
-  AssignLevels(rootObject, 0, onPath);
+  std::vector<InstanceCut> cuts;
+  AssignLevels(rootObject, cuts);
+  for (const InstanceCut& cut : cuts) PrintCut(cut);
   for (int level = HighestLevel(); level >= 0; --level)
     for (Object& object : objectTable)
       if (object.level == level) InitializeObject(object);

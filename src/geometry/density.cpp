@@ -12,26 +12,12 @@
 namespace zp {
 namespace {
 
-constexpr std::int64_t kBytesPerCell = 24;
-constexpr std::int64_t kMostBytes = 0x40000000;
+constexpr float kLeastResolution = 1e-8f;  // scene units squared
 
 bool ReceivesPhotons(std::int32_t shader) {
   if (shader < 0 || static_cast<std::size_t>(shader) >= shaders.size()) return false;
   const Shader& s = shaders[static_cast<std::size_t>(shader)];
   return s.frontLambertian || s.backLambertian || s.frontTransmissive || s.backTransmissive;
-}
-
-// The smallest level whose cells, of the resolution's area, cover more than `area`.
-std::int32_t LevelFor(float area) {
-  const auto covers = [&](std::int32_t n) {
-    return static_cast<float>(n) * static_cast<float>(n) * settings.resolution > area;
-  };
-  if (!covers(kMostCellLevels)) return kMostCellLevels;
-  auto level = static_cast<std::int32_t>(std::sqrt(area / settings.resolution));
-  level = std::clamp(level, 1, kMostCellLevels);
-  while (level > 1 && covers(level - 1)) --level;
-  while (!covers(level)) ++level;
-  return level;
 }
 
 [[noreturn]] void EndForMemory() {
@@ -47,11 +33,11 @@ void SetUpGrid(CellGrid& grid, std::size_t count, const Area& area, const Shader
   grid.level.resize(count);
   std::int64_t cells = 0;
   for (std::size_t i = 0; i < count; ++i) {
-    const std::int32_t level = ReceivesPhotons(shader(i)) ? LevelFor(area(i)) : 1;
+    const std::int32_t level = ReceivesPhotons(shader(i)) ? CellLevel(area(i)) : 1;
     grid.offset[i] = static_cast<std::int32_t>(cells);
     grid.level[i] = level;
     cells += static_cast<std::int64_t>(level) * level;
-    if (cells * kBytesPerCell > kMostBytes) EndForMemory();
+    if (cells * kBytesPerCell > kMostCellBytes) EndForMemory();
   }
   grid.face.resize(static_cast<std::size_t>(cells));
   grid.back.resize(static_cast<std::size_t>(cells));
@@ -94,9 +80,26 @@ CellPlace PlaceOf(const RayRecord& ray) {
 
 }  // namespace
 
+bool AsksForCells() { return settings.resolution >= kLeastResolution; }
+
+bool ChoosesFinalGathering() { return settings.distance > 0 && AsksForCells(); }
+
+// The smallest level whose cells, of the resolution's area, cover more than `area`.
+std::int32_t CellLevel(float area) {
+  const auto covers = [&](std::int32_t n) {
+    return static_cast<float>(n) * static_cast<float>(n) * settings.resolution > area;
+  };
+  if (!covers(kMostCellLevels)) return kMostCellLevels;
+  auto level = static_cast<std::int32_t>(std::sqrt(area / settings.resolution));
+  level = std::clamp(level, 1, kMostCellLevels);
+  while (level > 1 && covers(level - 1)) --level;
+  while (!covers(level)) ++level;
+  return level;
+}
+
 void SetUpDensity(Part& part) {
   part.density.reset();
-  if (settings.resolution < 1e-8f || std::isnan(settings.resolution)) return;
+  if (!AsksForCells()) return;
   settings.distanceSquared = settings.distance * settings.distance;
   part.density = std::make_shared<DensityCells>();
   SetUpGrid(

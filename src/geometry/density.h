@@ -27,8 +27,16 @@ struct DensityCells {
   CellGrid triangles, tetragons;
 };
 
-// Gives the Part fresh black cells of about settings.resolution scene units squared; none for a resolution of
-// 0. Prints the memory row. Ends the process with status 1 when one kind's cells take more than 1 GB.
+// Whether the settings ask for cells at all, and whether rays take them: final gathering.
+bool AsksForCells();
+bool ChoosesFinalGathering();
+// Cells along an edge of a primitive of `area` that receives photons.
+std::int32_t CellLevel(float area);
+inline constexpr std::int64_t kBytesPerCell = 24;
+inline constexpr std::int64_t kMostCellBytes = 0x40000000;  // of one kind of primitive of a Part
+
+// Gives the Part fresh black cells of about settings.resolution scene units squared; none where none are
+// asked for. Prints the memory row. Ends the process with status 1 when one kind's cells take more than 1 GB.
 void SetUpDensity(Part& part);
 
 // Index of the cell of a hit among the level^2 cells of its primitive; any weights give a cell inside.

@@ -13,9 +13,24 @@
 
 namespace zp {
 
-// Reads a Wavefront OBJ file into `part`, merging with what it holds. Prints the rows of what was dropped.
-// False, with an error row, if the file cannot be opened.
-bool ReadObjFile(const std::string& path, Part& part);
+// What a load of an OBJ file met and left out.
+struct ObjReport {
+  std::size_t positions = 0, faces = 0;  // lines that were read as such; dropped faces among them
+  std::size_t polygons = 0;              // faces of five corners or more, dropped
+  std::size_t slivers = 0;               // of less than three, dropped
+  std::size_t outOfRange = 0;            // with corners that are not there, dropped
+  std::size_t longLines = 0;             // dropped
+  std::size_t unnamed = 0;               // faces before the first usemtl
+  struct Group {
+    std::string name;  // of the last "o" or "g"; empty before the first
+    std::size_t polygons = 0;
+  };
+  std::vector<Group> groups;  // with polygons; the first ones
+};
+
+// Reads a Wavefront OBJ file into `part`, merging with what it holds. Prints the rows of what was dropped,
+// and counts it in `report` if there is one. False, with an error row, if the file cannot be opened.
+bool ReadObjFile(const std::string& path, Part& part, ObjReport* report = nullptr);
 // The same from memory.
 void ReadObj(std::string_view text, Part& part);
 

@@ -33,6 +33,7 @@ struct Corner {
 
 struct ModelLoader {
   Part& part;
+  ObjReport& report;
   std::vector<Vec3> positions;
   std::vector<Vec2> uvs;
   std::vector<Vec3> normals;
@@ -42,6 +43,9 @@ struct ModelLoader {
   std::int32_t shader = 0;
   bool smooth = true;
   bool warnedPolygon = false, warnedDegenerate = false, warnedRange = false;
+  bool named = false;      // a usemtl was met
+  bool started = false;    // the first line was met
+  std::string group = {};  // last "o" or "g"
 };
 
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
@@ -137,6 +141,16 @@ std::uint32_t Resolve(std::int64_t index, std::size_t count) {
 
 constexpr std::uint32_t kPolygon = 0;  // in place of a number of corners
 
+void CountPolygon(ModelLoader& loader) {
+  ObjReport& report = loader.report;
+  ++report.polygons;
+  constexpr std::size_t kMostGroups = 64;  // enough for a report
+  const bool isNew = report.groups.empty() || report.groups.back().name != loader.group;
+  if (isNew && report.groups.size() == kMostGroups) return;
+  if (isNew) report.groups.push_back({loader.group, 0});
+  ++report.groups.back().polygons;
+}
+
 void ParseFace(ModelLoader& loader, const char* cursor, const char* end) {
   std::int64_t indices[kMaxCorners][3] = {};
   for (auto& corner : indices) {
@@ -149,13 +163,19 @@ void ParseFace(ModelLoader& loader, const char* cursor, const char* end) {
     }
     while (cursor < end && !IsBlank(*cursor) && !EndsLine(*cursor)) ++cursor;
   }
+  ++loader.report.faces;
   if (indices[4][0] != 0) {
+    CountPolygon(loader);
     if (!loader.warnedPolygon) loader.faces.push_back(kPolygon);
     loader.warnedPolygon = true;
     return;
   }
   const std::uint32_t count = indices[3][0] != 0 ? 4 : 3;
-  if (indices[2][0] == 0) return;
+  if (indices[2][0] == 0) {
+    ++loader.report.slivers;
+    return;
+  }
+  loader.report.unnamed += !loader.named;
   loader.faces.push_back(count);
   loader.faces.push_back(static_cast<std::uint32_t>(loader.shader));
   for (std::uint32_t i = 0; i < count; ++i) {
@@ -179,6 +199,10 @@ std::string_view SecondWord(const char* cursor, const char* end) {
 }
 
 void ParseLine(ModelLoader& loader, const char* line, const char* end) {
+  constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // some programs begin a file with it
+  if (!loader.started && std::string_view(line, end).starts_with(kByteOrderMark))
+    line += kByteOrderMark.size();
+  loader.started = true;
   const char* p = line;
   while (p < end && IsBlank(*p)) ++p;
   if (p >= end) return;
@@ -202,12 +226,15 @@ void ParseLine(ModelLoader& loader, const char* line, const char* end) {
   if (length > 1 && IsBlank(p[1])) {
     if (*p == 'f') ParseFace(loader, p + 2, end);
     if (*p == 's') loader.smooth = SecondWord(p, end) != "off";
+    if (*p == 'o' || *p == 'g') loader.group = SecondWord(p, end);
     return;
   }
   // Intended: only at the very start of the line.
   if (end - line >= 6 && std::memcmp(line, "usemtl", 6) == 0) {
     const std::string_view name = SecondWord(line, end);
-    if (!name.empty()) loader.shader = FindOrCreateShader(name);
+    if (name.empty()) return;
+    loader.shader = FindOrCreateShader(name);
+    loader.named = true;
   }
 }
 
@@ -220,7 +247,10 @@ std::size_t ParseLines(ModelLoader& loader, std::string_view text, bool last) {
         static_cast<const char*>(std::memchr(cursor, '\n', static_cast<std::size_t>(end - cursor)));
     if (!feed && !last) break;
     const char* lineEnd = feed ? feed : end;
-    if (static_cast<std::size_t>(lineEnd - cursor) < kLineLimit) ParseLine(loader, cursor, lineEnd);
+    if (static_cast<std::size_t>(lineEnd - cursor) < kLineLimit)
+      ParseLine(loader, cursor, lineEnd);
+    else
+      ++loader.report.longLines;
     cursor = feed ? feed + 1 : end;
   }
   return static_cast<std::size_t>(cursor - text.data());
@@ -383,6 +413,7 @@ void FinishTriangles(ModelLoader& loader, std::vector<std::size_t>& rectangles) 
     if (std::any_of(c, c + count, isOutside)) {
       if (!loader.warnedRange) PrintWarning("object - face index out of range");
       loader.warnedRange = true;
+      ++loader.report.outOfRange;
       continue;
     }
     if (count == 3) {
@@ -442,6 +473,7 @@ void ReadBlocks(ModelLoader& loader, int file) {
     if (held >= kLineLimit) {
       held = 0;
       dropping = true;
+      ++loader.report.longLines;
     }
     std::memmove(buffer.data(), buffer.data() + begin, held);
   }
@@ -451,12 +483,13 @@ void ReadBlocks(ModelLoader& loader, int file) {
 }  // namespace
 
 void ReadObj(std::string_view text, Part& part) {
-  ModelLoader loader{part, {}, {}, {}, {}, {}};
+  ObjReport report;
+  ModelLoader loader{part, report, {}, {}, {}, {}, {}};
   ParseLines(loader, text, true);
   Finish(loader);
 }
 
-bool ReadObjFile(const std::string& path, Part& part) {
+bool ReadObjFile(const std::string& path, Part& part, ObjReport* report) {
   const int file = HoldsBytes(path) ? open(path.c_str(), O_RDONLY | O_CLOEXEC) : -1;
   if (file < 0) {
     ++missingFiles;
@@ -464,9 +497,11 @@ bool ReadObjFile(const std::string& path, Part& part) {
     PrintRule();
     return false;
   }
-  ModelLoader loader{part, {}, {}, {}, {}, {}};
+  ObjReport unused;
+  ModelLoader loader{part, report ? *report : unused, {}, {}, {}, {}, {}};
   ReadBlocks(loader, file);
   close(file);
+  loader.report.positions = loader.positions.size();
   Finish(loader);
   return true;
 }

@@ -5,6 +5,7 @@
 #include "core/console.h"
 #include "core/ray.h"
 #include "core/settings.h"
+#include "geometry/density.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
 #include "integrator/photons.h"
@@ -30,7 +31,7 @@ void LimitSettings() {
 void InitializeRenderer() {
   if (!geometryLight.initialized) InitializeGeometryLight();  // hosts have no function that does
   LimitSettings();
-  settings.finalGathering = settings.distance > 0 && settings.resolution > 0;
+  settings.finalGathering = ChoosesFinalGathering();
   PrintLine(settings.finalGathering ? "progressive final gathering" : "unidirectional path tracing");
   PrintRule();
 

@@ -12,7 +12,7 @@ constexpr Choice<Projection> kProjections[] = {
 };
 
 bool ReadPoseBlock(SceneText& text, CameraPose& pose) {
-  ReadBlock(text, "pose", {"position", "target", "up_vector"}, [&](std::string_view keyword, Line& line) {
+  ReadBlock(text, "pose", {"position", "target", "up_vector"}, [&](const Keyword& keyword, Line& line) {
     if (keyword == "position") return ReadTriple(line, pose.position);
     if (keyword == "target") return ReadTriple(line, pose.target);
     if (keyword == "up_vector") return ReadTriple(line, pose.upVector);
@@ -24,7 +24,7 @@ bool ReadPoseBlock(SceneText& text, CameraPose& pose) {
 }
 
 bool ReadFinalGatherBlock(SceneText& text) {
-  ReadBlock(text, "final_gather", [](std::string_view keyword, Line& line) {
+  ReadBlock(text, "final_gather", [](const Keyword& keyword, Line& line) {
     if (keyword == "ray_depth") return ReadNumber(line, settings.rayDepth);
     if (keyword == "photon_depth") return ReadNumber(line, settings.photonDepth);
     if (keyword == "sample") return ReadNumber(line, settings.rendererSample);
@@ -55,12 +55,14 @@ bool ReadAovBlock(SceneText& text, Aov& aov, AovOwner owner) {
   NotedAov noted;
   noted.place = text.Here();
   noted.owner = owner;
-  ReadBlock(text, "aov", [&](std::string_view keyword, Line& line) {
+  ReadBlock(text, "aov", [&](const Keyword& keyword, Line& line) {
     if (keyword == "image") {
       noted.image = line.Place();
       return ReadString(line, aov.image.fileName);
     }
-    if (keyword == "shader") return ReadName(line, NameKind::kLinkedShader, aov.shaderName);
+    if (keyword == "shader")
+      return ReadName(line, NameKind::kLinkedShader, aov.shaderName) &&
+             (owner == AovOwner::kGeometryLight || NoteIdle(line, false));
     if (keyword == "type") {
       noted.type = line.Place();
       return ReadType(line, aov);
@@ -76,7 +78,7 @@ bool ReadAovBlock(SceneText& text, Aov& aov, AovOwner owner) {
 void ReadCameraSection(SceneText& text) {
   Camera camera;
   if (text.notes) text.notes->cameras.push_back({text.Here(), cameras.size()});
-  ReadBlock(text, "camera", [&](std::string_view keyword, Line& line) {
+  ReadBlock(text, "camera", [&](const Keyword& keyword, Line& line) {
     if (keyword == "name") return ReadString(line, camera.name);
     if (keyword == "resolution") {
       ReadNumber(line, camera.width);
@@ -90,7 +92,8 @@ void ReadCameraSection(SceneText& text) {
     }
     if (keyword == "sample") return ReadNumber(line, camera.sample);
     if (keyword == "ior") return ReadNumber(line, camera.ior);
-    if (keyword == "exposure") return ReadTriple(line, camera.exposure);
+    if (keyword == "exposure")
+      return ReadTriple(line, camera.exposure) && NoteIdle(line, camera.exposure == kWhite);
     if (keyword == "projection") return ReadChoice(line, kProjections, camera.projection);
     if (keyword == "aov") return ReadAovBlock(text, camera.aovs.emplace_back(), AovOwner::kCamera);
     // Intended: a third pose is no keyword, so that its "end" ends the camera.
@@ -98,18 +101,21 @@ void ReadCameraSection(SceneText& text) {
       camera.poseWritten[camera.poseCount] = true;
       return ReadPoseBlock(text, camera.poses[camera.poseCount++]);
     }
-    if (keyword == "pose" && text.notes) NoteLine(line, Severity::kError, "a camera reads two poses only");
+    if (keyword == "pose" && text.notes)
+      NoteLine(line, FindingCode::kManyPoses, "a camera reads two poses only");
     return false;
   });
   cameras.push_back(std::move(camera));
 }
 
 void ReadRenderSection(SceneText& text) {
-  ReadBlock(text, "render", [&](std::string_view keyword, Line& line) {
+  ReadBlock(text, "render", [&](const Keyword& keyword, Line& line) {
     if (keyword == "clamp") return ReadTriple(line, settings.clamp);
     if (keyword == "error") return ReadTriple(line, settings.error);
-    if (keyword == "gamma") return ReadNumber(line, settings.displayGamma);
-    if (keyword == "exposure") return ReadNumber(line, settings.exposure);
+    if (keyword == "gamma")
+      return ReadNumber(line, settings.displayGamma) && NoteIdle(line, settings.displayGamma == 2.2f);
+    if (keyword == "exposure")
+      return ReadNumber(line, settings.exposure) && NoteIdle(line, settings.exposure == 0);
     if (keyword == "final_gather") return ReadFinalGatherBlock(text);
     if (keyword == "image_path") return ReadName(line, NameKind::kFolder, imageSearchPaths.emplace_back());
     return false;

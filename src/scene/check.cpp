@@ -9,64 +9,102 @@
 #include "core/files.h"
 #include "geometry/object.h"
 #include "lights/lights.h"
+#include "scene/check_parts.h"
 
 namespace zp {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::string_view kAnalyticSky = "analytic";
 constexpr float kRigidTolerance = 1e-3f;  // matrices are written with a few digits
 
 using Names = std::set<std::string, std::less<>>;
 
-void Error(SceneNotes& notes, const TextPlace& place, std::string text) {
-  notes.findings.push_back({place, Severity::kError, std::move(text)});
-}
-void Warning(SceneNotes& notes, const TextPlace& place, std::string text) {
-  notes.findings.push_back({place, Severity::kWarning, std::move(text)});
+// What the text defines, by name.
+struct Definitions {
+  std::vector<std::string_view> shaders;  // of sections, and the default
+  std::vector<std::string_view> objects;
+  Names shaderNames, objectNames, tableNames;             // the last: whatever is in the shader table
+  std::map<std::string, bool, std::less<>> pictures;      // that were tried; true: it was read
+  std::map<std::string, std::vector<std::string>> files;  // of folders
+};
+
+Definitions ReadDefinitions(const SceneNotes& notes) {
+  Definitions known;
+  known.shaderNames.emplace(kUndefinedShader);
+  for (const NotedShader& noted : notes.shaders) known.shaderNames.insert(noted.shader.name);
+  for (const Object& object : objectTable)
+    if (!object.name.empty()) known.objectNames.insert(object.name);
+  for (const Shader& shader : shaders) known.tableNames.insert(shader.name);
+  known.shaders.assign(known.shaderNames.begin(), known.shaderNames.end());
+  known.objects.assign(known.objectNames.begin(), known.objectNames.end());
+  return known;
 }
 
-bool CanLoad(const std::string& name) {
-  return LoadTexture(images[static_cast<std::size_t>(FindOrAddTexture(name))]);
+// The names of the files of a folder, which is listed once.
+const std::vector<std::string>& FilesOf(Definitions& known, const fs::path& folder) {
+  const auto [entry, isNew] = known.files.try_emplace(folder.string());
+  if (!isNew) return entry->second;
+  std::error_code error;
+  for (fs::directory_iterator file(folder, error); !error && file != fs::directory_iterator();
+       file.increment(error))
+    entry->second.push_back(file->path().filename().string());
+  std::sort(entry->second.begin(), entry->second.end());
+  return entry->second;
 }
 
-void CheckName(SceneNotes& notes, const NameUse& use, const Names& sections, const Names& objects) {
+// The picture file whose name is nearest to a missing one's, in the folders that it is sought in.
+std::string NearestFile(SceneNotes& notes, Definitions& known, const std::string& name) {
+  constexpr std::size_t kMostFolders = 20;
+  const fs::path wanted(name);
+  const std::string file = wanted.filename().string();
+  for (const std::string& folder : imageSearchPaths) {
+    if (known.files.size() >= kMostFolders) break;
+    const std::vector<std::string>& files = FilesOf(known, fs::path(".") / folder / wanted.parent_path());
+    const std::string_view nearest = Suggest(notes, file, {files.begin(), files.end()});
+    if (!nearest.empty()) return (wanted.parent_path() / nearest).string();
+  }
+  return {};
+}
+
+bool CanLoad(Definitions& known, const std::string& name) {
+  const auto [entry, isNew] = known.pictures.try_emplace(name, false);
+  if (isNew) entry->second = LoadTexture(images[static_cast<std::size_t>(FindOrAddTexture(name))]);
+  return entry->second;
+}
+
+void CheckImage(SceneNotes& notes, const NameUse& use, Definitions& known) {
+  if (!CanLoad(known, use.name))
+    Find(notes, use.place, FindingCode::kMissingImage,
+         "the image " + Quoted(use.name) + " cannot be found or read", NearestFile(notes, known, use.name));
+}
+
+void CheckName(SceneNotes& notes, const NameUse& use, Definitions& known) {
   const std::string name = Quoted(use.name);
   switch (use.kind) {
     case NameKind::kShader:
-      if (!sections.contains(use.name)) Error(notes, use.place, "there is no shader " + name);
+    case NameKind::kLinkedShader: {
+      const Names& names = use.kind == NameKind::kShader ? known.shaderNames : known.tableNames;
+      if (!names.contains(use.name))
+        Find(notes, use.place, FindingCode::kUnknownShader, "there is no shader " + name,
+             Suggest(notes, use.name, known.shaders));
       break;
-    case NameKind::kLinkedShader:
-      if (FindShader(use.name) == kNone) Error(notes, use.place, "there is no shader " + name);
-      break;
+    }
     case NameKind::kObject:
-      if (!objects.contains(use.name)) Error(notes, use.place, "there is no object " + name);
+      if (!known.objectNames.contains(use.name))
+        Find(notes, use.place, FindingCode::kUnknownObject, "there is no object " + name,
+             Suggest(notes, use.name, known.objects));
       break;
     case NameKind::kSkyImage:
-      if (use.name == kAnalyticSky) break;
-      [[fallthrough]];
+      if (use.name != kAnalyticSky) CheckImage(notes, use, known);
+      break;
     case NameKind::kImage:
-      if (!CanLoad(use.name)) Error(notes, use.place, "the image " + name + " cannot be found or read");
+      CheckImage(notes, use, known);
       break;
     case NameKind::kFolder:
-      if (KindOfFile(use.name) != FileKind::kFolder) Warning(notes, use.place, "there is no folder " + name);
+      if (KindOfFile(use.name) != FileKind::kFolder)
+        Find(notes, use.place, FindingCode::kMissingFolder, "there is no folder " + name);
       break;
-  }
-}
-
-// Shaders that the faces of a model ask for by usemtl and that no section defines.
-void CheckModel(SceneNotes& notes, const NotedModel& model, const Names& sections) {
-  const Part& part = objectTable[model.object].parts[model.part];
-  std::set<std::int32_t> used;
-  for (const Triangle& triangle : part.triangles) used.insert(triangle.shader);
-  for (const Tetragon& tetragon : part.tetragons) used.insert(tetragon.shader);
-  for (const std::int32_t shader : used) {
-    if (shader < 0 || static_cast<std::size_t>(shader) >= shaders.size()) continue;
-    const std::string& name = shaders[static_cast<std::size_t>(shader)].name;
-    if (!sections.contains(name))
-      Error(notes, model.place,
-            "there is no shader " + Quoted(name) + " for faces of " + Quoted(model.fileName));
   }
 }
 
@@ -87,30 +125,47 @@ bool HasStrands(const Object& object) {
                      [](const Part& part) { return !part.cylinders.empty(); });
 }
 
-bool DressesHair(const std::string& name) {
-  const std::int32_t shader = FindShader(name);
+// Of each shader, whether an instance gives it to strands.
+std::vector<bool> FindHairShaders() {
+  Names strands;
+  for (const Object& object : objectTable)
+    if (HasStrands(object)) strands.insert(object.name);
+  std::vector<bool> dress(shaders.size());
   for (const Object& object : objectTable)
     for (const Instance& instance : object.instances)
-      for (const Object& placed : objectTable)
-        if (shader != kNone && instance.shader == shader && placed.name == instance.objectName &&
-            HasStrands(placed))
-          return true;
-  return false;
+      if (instance.shader != kNone && strands.contains(instance.objectName))
+        dress[static_cast<std::size_t>(instance.shader)] = true;
+  return dress;
 }
 
-void CheckLayer(SceneNotes& notes, const std::string& shader, const SurfaceShader& layer,
-                const TextPlace& place) {
+// A picture may darken what is above 1.
+bool IsAboveOne(const SurfaceShader& layer) {
+  const ImageSlot& reflected = layer[Element::kLambertian];
+  const ImageSlot& passed = layer[Element::kTransmissive];
+  Vec3 sum;
+  if (reflected.imageName.empty()) sum += reflected.color;
+  if (passed.imageName.empty()) sum += passed.color;
+  constexpr float kMost = 1.0001f;  // colors are written with a few digits
+  const auto above = [](Vec3 c) { return c.x > kMost || c.y > kMost || c.z > kMost; };
+  const auto mirrors = [&](const ImageSlot& slot) { return slot.imageName.empty() && above(slot.color); };
+  return above(sum) || mirrors(layer[Element::kGlossy]) || mirrors(layer[Element::kSpecular]);
+}
+
+void CheckLayer(SceneNotes& notes, bool dressesHair, const SurfaceShader& layer, const TextPlace& place) {
   for (const ElementRow& row : kElements) {
     const ImageSlot& slot = layer[row.element];
     if (!slot.imageName.empty() && IsBlack(slot.color))
-      Warning(notes, place,
-              "the image of " + Quoted(row.keyword) + " is multiplied by a black color and shows nothing");
+      Find(notes, place, FindingCode::kBlackImage,
+           "the image of " + Quoted(row.keyword) + " is multiplied by a black color and shows nothing");
   }
+  if (IsAboveOne(layer))
+    Find(notes, place, FindingCode::kHighAlbedo,
+         "colors above 1 send back more light than arrives: pictures get brighter with each bounce");
   const ImageSlot& ior = layer[Element::kIor];
   const bool mirrors = !IsBlack(layer[Element::kGlossy].color) || !IsBlack(layer[Element::kSpecular].color);
   if (layer.material == Material::kConductor && mirrors && ior.imageName.empty() &&
-      std::abs(Mean(ior.color) - 1) < 1e-6f && !DressesHair(shader))
-    Error(notes, place, "a conductor of ior 1 shows no glossy and no specular color");
+      std::abs(Mean(ior.color) - 1) < 1e-6f && !dressesHair)
+    Find(notes, place, FindingCode::kNoIor, "a conductor of ior 1 shows no glossy and no specular color");
 }
 
 void CheckWeights(SceneNotes& notes, const NotedShader& noted) {
@@ -126,27 +181,38 @@ void CheckWeights(SceneNotes& notes, const NotedShader& noted) {
     if (layers < 2 || weighted == layers || told) continue;
     told = true;
     if (weighted == 0)
-      Error(notes, noted.place, "several layers on one side and no weight: only the first shows");
+      Find(notes, noted.place, FindingCode::kNoWeights,
+           "several layers on one side and no weight: only the first shows");
     else
-      Warning(notes, noted.place, "a layer without weight beside others never shows");
+      Find(notes, noted.place, FindingCode::kUnweightedLayer,
+           "a layer without weight beside others never shows");
   }
 }
 
 void CheckShaders(SceneNotes& notes) {
   std::map<std::string, TextPlace> first;
+  const std::vector<bool> hairShaders = FindHairShaders();
   for (const NotedShader& noted : notes.shaders) {
     const std::string& name = noted.shader.name;
     if (!noted.named)
-      Warning(notes, noted.place, "a shader without a name replaces the default of all objects");
+      Find(notes, noted.place, FindingCode::kUnnamedShader,
+           "a shader without a name replaces the default of all objects");
     const auto [entry, isNew] = first.try_emplace(name, noted.place);
     if (!isNew)
-      Warning(notes, noted.place,
-              "shader " + Quoted(name) + " replaces that of " +
-                  fs::path(entry->second.file).filename().string() + " line " +
-                  std::to_string(entry->second.line));
+      Find(notes, noted.place, FindingCode::kReplaced,
+           "shader " + Quoted(name) + " replaces that of " +
+               fs::path(entry->second.file).filename().string() + " line " +
+               std::to_string(entry->second.line));
     CheckWeights(notes, noted);
+    if (noted.vector.line > 0 && noted.shader.geometry.smoothAngle < 0)
+      Find(notes, noted.vector, FindingCode::kKeptNormals,
+           "a displaced surface with a \"smooth_angle\" below 0 keeps the normals that it had, and shades as "
+           "flat",
+           "smooth_angle 60");
+    const std::int32_t index = FindShader(name);
+    const bool dressesHair = index != kNone && hairShaders[static_cast<std::size_t>(index)];
     for (std::size_t i = 0; i < noted.layers.size(); ++i)
-      CheckLayer(notes, name, noted.shader.surfaces[i], noted.layers[i]);
+      CheckLayer(notes, dressesHair, noted.shader.surfaces[i], noted.layers[i]);
   }
 }
 
@@ -154,49 +220,56 @@ void CheckObjects(SceneNotes& notes) {
   Names names;
   for (const NotedObject& object : notes.objects) {
     if (object.hasObj && object.shader.line > 0)
-      Error(notes, object.shader, "an object's shader does not reach the faces of its OBJ file");
+      Find(notes, object.shader, FindingCode::kUnreachedShader,
+           "an object's shader does not reach the faces of its OBJ file");
     else if (object.hasOther && object.shader.line > 0)
-      Error(notes, object.shader,
-            "an object's shader does not reach its hair, fur and pictures: that of an instance does");
+      Find(notes, object.shader, FindingCode::kUnreachedShader,
+           "an object's shader does not reach its hair, fur and pictures: that of an instance does");
     if (!object.name.empty() && !names.insert(object.name).second)
-      Warning(notes, object.place,
-              "there is an object " + Quoted(object.name) + " already, which is what instances place");
+      Find(notes, object.place, FindingCode::kReplaced,
+           "there is an object " + Quoted(object.name) + " already, which is what instances place");
   }
   for (const NotedInstance& noted : notes.instances)
     if (!IsRigid(noted.instance.matrix))
-      Error(notes, noted.place,
-            "the matrix is not rigid: distances inside are compared as if it did not scale");
+      Find(notes, noted.place, FindingCode::kNotRigid,
+           "the matrix is not rigid: distances inside are compared as if it did not scale");
 }
 
 void CheckCameras(SceneNotes& notes) {
-  if (notes.cameras.empty()) Error(notes, {"camera", 0}, "there is no camera");
+  if (notes.cameras.empty()) Find(notes, {"camera", 0}, FindingCode::kNoCamera, "there is no camera");
   for (const NotedCamera& noted : notes.cameras) {
     const Camera& camera = cameras[noted.camera];
-    if (noted.camera > 0) Warning(notes, noted.place, "only the first camera is rendered");
-    if (camera.poseCount == 0) Error(notes, noted.place, "the camera has no pose");
-    if (camera.width < 1 || camera.height < 1) Error(notes, noted.place, "the camera has no pixels");
+    if (noted.camera > 0)
+      Find(notes, noted.place, FindingCode::kIdleCamera, "only the first camera is rendered");
+    if (camera.poseCount == 0) Find(notes, noted.place, FindingCode::kCameraPose, "the camera has no pose");
+    if (camera.width < 1 || camera.height < 1)
+      Find(notes, noted.place, FindingCode::kNoPixels, "the camera has no pixels");
     for (int i = 0; i < camera.poseCount; ++i) {
       const CameraPose& pose = camera.poses[i];
       const Vec3 view = pose.target - pose.position, side = Cross(view, pose.upVector);
       if (!(Dot(view, view) > 0))
-        Error(notes, noted.place, "the target is where the camera is");
+        Find(notes, noted.place, FindingCode::kCameraPose, "the target is where the camera is");
       else if (!(Dot(side, side) > 0))
-        Error(notes, noted.place, "up_vector is zero, or along the view");
+        Find(notes, noted.place, FindingCode::kCameraPose, "up_vector is zero, or along the view");
       if (camera.projection == Projection::kPerspective && !(pose.fieldOfView > 0 && pose.fieldOfView < 180))
-        Error(notes, noted.place, "field_of_view is not between 0 and 180");
+        Find(notes, noted.place, FindingCode::kCameraPose, "field_of_view is not between 0 and 180");
     }
   }
 }
 
-bool HasVertexData(const std::string& name) {
-  const auto has = [&](const auto& sets) {
-    return std::any_of(sets.begin(), sets.end(),
-                       [&](const auto& set) { return set.name == name && !set.values.empty(); });
+Names FindVertexData() {
+  Names names;
+  const auto add = [&](const auto& sets) {
+    for (const auto& set : sets)
+      if (!set.values.empty() && !names.contains(set.name)) names.insert(set.name);
   };
   for (const Object& object : objectTable)
-    for (const Part& part : object.parts)
-      if (has(part.scalarSets) || has(part.uvSets) || has(part.vectorSets)) return true;
-  return false;
+    for (const Part& part : object.parts) {
+      add(part.scalarSets);
+      add(part.uvSets);
+      add(part.vectorSets);
+    }
+  return names;
 }
 
 constexpr std::uint32_t kRadianceChannels =
@@ -215,19 +288,21 @@ bool LightRecords(AovOwner owner, std::uint32_t channel) {
 
 // Cameras compare for equality with one channel, and scene text adds to the beauty bit: only a word of the
 // host's own stands alone. Lights compare bits.
-void CheckChannel(SceneNotes& notes, const NotedAov& noted) {
+void CheckChannel(SceneNotes& notes, const NotedAov& noted, const Names& vertexData) {
   const std::uint32_t channel = noted.aov.channel;
   const TextPlace& place = TypePlace(noted);
   if (noted.owner == AovOwner::kCamera) {
     if (channel != kChannelUserData)
-      Error(notes, place,
-            noted.type.line == 0
-                ? "an AOV without a type stays black"
-                : "a camera's AOV of this type stays black: only vertex data works in scene text");
-    else if (!HasVertexData(noted.aov.userData))
-      Warning(notes, place, "no model has vertex data named " + Quoted(noted.aov.userData));
+      Find(notes, place, FindingCode::kBlackAov,
+           noted.type.line == 0
+               ? "an AOV without a type stays black"
+               : "a camera's AOV of this type stays black: only vertex data works in scene text");
+    else if (!vertexData.contains(noted.aov.userData))
+      Find(notes, place, FindingCode::kEmptyAov,
+           "no model has vertex data named " + Quoted(noted.aov.userData),
+           Suggest(notes, noted.aov.userData, {vertexData.begin(), vertexData.end()}));
   } else if (!LightRecords(noted.owner, channel)) {
-    Warning(notes, place, "a light records nothing in an AOV of this type");
+    Find(notes, place, FindingCode::kEmptyAov, "a light records nothing in an AOV of this type");
   }
 }
 
@@ -235,17 +310,21 @@ void CheckStorage(SceneNotes& notes, const NotedAov& noted, Storage storage) {
   const std::uint32_t channel = noted.aov.channel;
   const std::string name = Quoted(noted.aov.image.fileName);
   if (storage == Storage::kUnwritable)
-    return Error(notes, noted.image, "no image of this format can be written: " + name);
+    return Find(notes, noted.image, FindingCode::kUnknownFormat,
+                "no image of this format can be written: " + name);
   if ((channel & kExactChannels) != 0) {
     if (storage == Storage::kBytes)
-      Error(notes, noted.image, name + " keeps 8 bits from 0 to 1, too few for this type");
+      Find(notes, noted.image, FindingCode::kFewBits,
+           name + " keeps 8 bits from 0 to 1, too few for this type");
     if (storage == Storage::kHalf)
-      Warning(notes, noted.image, name + " keeps half floats: three digits of this type");
+      Find(notes, noted.image, FindingCode::kRoundedAov,
+           name + " keeps half floats: three digits of this type");
     if (storage == Storage::kSharedExponent)
-      Warning(notes, noted.image, name + " keeps 8 bits of each number, none of them negative");
+      Find(notes, noted.image, FindingCode::kRoundedAov,
+           name + " keeps 8 bits of each number, none of them negative");
   } else if (storage == Storage::kBytes &&
              (noted.owner != AovOwner::kCamera || (channel & (kRadianceChannels | kChannelLightPath)) != 0)) {
-    Warning(notes, noted.image, name + " keeps 8 bits: light above 1 is cut off");
+    Find(notes, noted.image, FindingCode::kClippedAov, name + " keeps 8 bits: light above 1 is cut off");
   }
 }
 
@@ -270,15 +349,23 @@ Storage ProbeStorage(const std::string& fileName) {
 }
 
 void CheckRecords(SceneNotes& notes) {
-  Names sections = {std::string(kUndefinedShader)}, objects;
-  for (const NotedShader& noted : notes.shaders) sections.insert(noted.shader.name);
-  for (const Object& object : objectTable) objects.insert(object.name);
-  for (const NameUse& use : notes.names) CheckName(notes, use, sections, objects);
-  for (const NotedModel& model : notes.models) CheckModel(notes, model, sections);
+  Definitions known = ReadDefinitions(notes);
+  for (const NameUse& use : notes.names) CheckName(notes, use, known);
+  std::vector<bool> sections;
+  sections.reserve(shaders.size());
+  Names defined;
+  for (const NotedShader& noted : notes.shaders) defined.insert(noted.shader.name);
+  for (const Shader& shader : shaders) sections.push_back(defined.contains(shader.name));
+  const SceneGraph graph = ReadGraph();
+  CheckModels(notes, graph, sections);
+  CheckGraph(notes, graph);
   CheckShaders(notes);
+  CheckPictures(notes);
   CheckObjects(notes);
   CheckCameras(notes);
-  for (const NotedAov& noted : notes.aovs) CheckChannel(notes, noted);
+  CheckRenderer(notes, graph);
+  const Names vertexData = FindVertexData();
+  for (const NotedAov& noted : notes.aovs) CheckChannel(notes, noted, vertexData);
 }
 
 void CheckOutputs(SceneNotes& notes) {
@@ -286,11 +373,12 @@ void CheckOutputs(SceneNotes& notes) {
   for (const NotedAov& noted : notes.aovs) {
     const std::string& name = noted.aov.image.fileName;
     if (name.empty()) {
-      Warning(notes, noted.place, "an AOV without an image is not written");
+      Find(notes, noted.place, FindingCode::kUnwrittenAov, "an AOV without an image is not written");
       continue;
     }
     if (!names.insert(name).second)
-      Warning(notes, noted.image, "another AOV is written to " + Quoted(name) + " too");
+      Find(notes, noted.image, FindingCode::kAovOverwritten,
+           "another AOV is written to " + Quoted(name) + " too");
     CheckStorage(notes, noted, ProbeStorage(name));
   }
 }

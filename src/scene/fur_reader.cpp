@@ -24,13 +24,15 @@ void ReadFur(SceneText& text, Part& part) {
     if (line.keyword == "segment") {
       ReadNumber(line, lengths.emplace_back(0));
       if (text.notes && lengths.back() < 0)
-        NoteLine(line, Severity::kError, "a strand has no negative number of segments");
+        NoteLine(line, FindingCode::kBadNumber, "a strand has no negative number of segments");
     } else if (line.keyword == "position") {
       ReadTriple(line, part.positions.emplace_back());
       part.uvSets[0].values.emplace_back();
       part.scalarSets[0].values.push_back(kFurRadius);
     } else if (text.notes && !line.keyword.empty() && line.keyword.front() != '#') {
-      Note(text.Here(), Severity::kError, "unknown keyword " + Quoted(line.keyword) + " in a fur file");
+      Note(text.Here(), FindingCode::kUnknownKeyword,
+           "unknown keyword " + Quoted(line.keyword) + " in a fur file",
+           NearestWord(line.keyword, {"segment", "position"}));
     }
   }
 
@@ -44,7 +46,7 @@ void ReadFur(SceneText& text, Part& part) {
   }
   strands.Finish();
   if (text.notes && strands.dropped)
-    Note(text.Place(0), Severity::kError, "the strands ask for more points than there are");
+    Note(text.Place(0), FindingCode::kStrandPoints, "the strands ask for more points than there are");
 }
 
 bool ReadFurFile(const std::string& path, Part& part) {

@@ -3,7 +3,7 @@
 namespace zp {
 
 bool ReadLinkBlock(SceneText& text, ShaderLink& link) {
-  ReadBlock(text, "link", [&](std::string_view keyword, Line& line) {
+  ReadBlock(text, "link", [&](const Keyword& keyword, Line& line) {
     if (keyword == "shader") return ReadName(line, NameKind::kLinkedShader, link.names.emplace_back());
     return false;
   });
@@ -12,7 +12,7 @@ bool ReadLinkBlock(SceneText& text, ShaderLink& link) {
 
 void ReadPointLightSection(SceneText& text) {
   PointLight& light = pointLights.emplace_back();
-  ReadBlock(text, "point_light", {"position"}, [&](std::string_view keyword, Line& line) {
+  ReadBlock(text, "point_light", {"position"}, [&](const Keyword& keyword, Line& line) {
     if (keyword == "color") return ReadTriple(line, light.color);
     if (keyword == "position") return ReadTriple(line, light.position);
     if (keyword == "blur") return ReadNumber(line, light.blur);
@@ -31,7 +31,7 @@ void ReadPointLightSection(SceneText& text) {
 
 void ReadParallelLightSection(SceneText& text) {
   ParallelLight& light = parallelLights.emplace_back();
-  ReadBlock(text, "parallel_light", {"direction"}, [&](std::string_view keyword, Line& line) {
+  ReadBlock(text, "parallel_light", {"direction"}, [&](const Keyword& keyword, Line& line) {
     if (keyword == "color") return ReadTriple(line, light.color);
     if (keyword == "blur") return ReadNumber(line, light.blur);
     if (keyword == "sample") return ReadNumber(line, light.sample);
@@ -47,7 +47,7 @@ void ReadParallelLightSection(SceneText& text) {
 
 void ReadSkyLightSection(SceneText& text) {
   ResetSky();
-  ReadBlock(text, "sky_light", [&](std::string_view keyword, Line& line) {
+  ReadBlock(text, "sky_light", [&](const Keyword& keyword, Line& line) {
     if (keyword == "image") return ReadName(line, NameKind::kSkyImage, skyLight.image);
     if (keyword == "backdrop") return ReadName(line, NameKind::kImage, skyLight.backdrop);
     if (keyword == "color") return ReadTriple(line, skyLight.color);
@@ -56,9 +56,11 @@ void ReadSkyLightSection(SceneText& text) {
     if (keyword == "zenith") return ReadTriple(line, skyLight.zenith);
     if (keyword == "volume_shader") return ReadVolumeBlock(text, globalVolume);
     if (keyword == "sample") return ReadNumber(line, skyLight.sample);
-    if (keyword == "thickness") return ReadNumber(line, skyLight.thickness);
+    if (keyword == "thickness")
+      return ReadNumber(line, skyLight.thickness) && NoteIdle(line, skyLight.thickness == 1000);
     if (keyword == "turbidity") return ReadNumber(line, skyLight.turbidity);
-    if (keyword == "stretch") return ReadNumber(line, skyLight.stretch);
+    if (keyword == "stretch")
+      return ReadNumber(line, skyLight.stretch) && NoteIdle(line, skyLight.stretch == 0.1f);
     if (keyword == "albedo") return ReadNumber(line, skyLight.albedo);
     if (keyword == "ior") return ReadNumber(line, skyLight.ior);
     if (keyword == "aov") return ReadAovBlock(text, skyLight.aovs.emplace_back(), AovOwner::kSky);
@@ -68,7 +70,7 @@ void ReadSkyLightSection(SceneText& text) {
 }
 
 void ReadGeometryLightSection(SceneText& text) {
-  ReadBlock(text, "geometry_light", [&](std::string_view keyword, Line& line) {
+  ReadBlock(text, "geometry_light", [&](const Keyword& keyword, Line& line) {
     if (keyword == "photon") return ReadNumber(line, geometryLight.photon);
     if (keyword == "sample") return ReadNumber(line, geometryLight.sample);
     if (keyword == "aov")

@@ -24,14 +24,24 @@ bool StandsAlone(const Line& line) {
 
 }  // namespace
 
-void Note(TextPlace place, Severity severity, std::string text) {
-  if (sceneNotes) sceneNotes->findings.push_back({std::move(place), severity, std::move(text)});
+void Note(TextPlace place, FindingCode code, std::string text, std::string_view suggestion) {
+  if (sceneNotes)
+    sceneNotes->findings.push_back({std::move(place), code, std::move(text), std::string(suggestion)});
 }
 
-void NoteLine(Line& line, Severity severity, const std::string& message) {
+void NoteLine(Line& line, FindingCode code, const std::string& message, std::string_view suggestion) {
   if (line.noted) return;
   line.noted = true;
-  Note(line.Place(), severity, line.keyword + ": " + message);
+  Note(line.Place(), code, line.keyword + ": " + message, suggestion);
+}
+
+bool NoteIdle(Line& line, bool isDefault) {
+  if (!line.text.notes) return true;
+  if (isDefault)
+    NoteLine(line, FindingCode::kDefaultWithoutEffect, "has no effect, and the value is the default");
+  else
+    NoteLine(line, FindingCode::kWithoutEffect, "is stored and has no effect");
+  return true;
 }
 
 std::string_view RestOfLine(const Line& line) {
@@ -43,25 +53,26 @@ void NoteNumber(Line& line, std::string_view rest) {
   const std::string_view token = FirstToken(rest);
   if (line.values.failed) {
     if (token.empty() || token.front() == '#')
-      NoteLine(line, Severity::kError, "a number is missing");
+      NoteLine(line, FindingCode::kMissingValue, "a number is missing");
     else
-      NoteLine(line, Severity::kError, "cannot read " + Quoted(token) + " as a number of this kind");
+      NoteLine(line, FindingCode::kBadNumber, "cannot read " + Quoted(token) + " as a number of this kind");
     return;
   }
   // The next character must be a blank, or the number ended within its token.
   const std::string_view next = line.values.Rest();
   if (!next.empty() && kBlanks.find(next.front()) == kBlanks.npos)
-    NoteLine(line, Severity::kError, "only the beginning of " + Quoted(token) + " is read as a number");
+    NoteLine(line, FindingCode::kBadNumber,
+             "only the beginning of " + Quoted(token) + " is read as a number");
 }
 
 void NoteString(Line& line, std::string_view rest) {
   const std::size_t open = rest.find('"');
   if (open == rest.npos) {
     const bool missing = rest.find_first_not_of(kBlanks) == rest.npos;
-    NoteLine(line, Severity::kError,
+    NoteLine(line, missing ? FindingCode::kMissingValue : FindingCode::kBadString,
              missing ? "a string is missing" : "a string without quotes counts as empty");
   } else if (rest.find('"', open + 1) == rest.npos) {
-    NoteLine(line, Severity::kError, "the closing quote is missing");
+    NoteLine(line, FindingCode::kBadString, "the closing quote is missing");
   }
 }
 
@@ -72,6 +83,12 @@ void NoteName(Line& line, NameKind kind, const std::string& name) {
 void NoteKeyword(OpenBlock& block, Line& line, bool known) {
   if (known) {
     block.seen.push_back(line.keyword);
+    auto& stated = line.text.notes->stated;
+    std::string key = std::string(block.name) + "." + line.keyword;
+    if (block.name == "camera")
+      stated.try_emplace(std::move(key), line.Place());
+    else
+      stated.insert_or_assign(std::move(key), line.Place());
     return;
   }
   if (line.keyword.front() == '#') return;  // an indented remark
@@ -82,10 +99,11 @@ void NoteKeyword(OpenBlock& block, Line& line, bool known) {
   if (line.noted) return;
   const std::string inBlock = " in " + Quoted(block.name) + " of line " + std::to_string(block.line);
   if (IsSectionKeyword(line.keyword) && StandsAlone(line))
-    Note(line.Place(), Severity::kError,
+    Note(line.Place(), FindingCode::kUnknownKeyword,
          "unknown keyword " + Quoted(line.keyword) + inBlock + ": an \"end\" is missing before it");
   else
-    Note(line.Place(), Severity::kError, "unknown keyword " + Quoted(line.keyword) + inBlock);
+    Note(line.Place(), FindingCode::kUnknownKeyword, "unknown keyword " + Quoted(line.keyword) + inBlock,
+         NearestWord(line.keyword, block.asked));
 }
 
 void NoteEnd(SceneText& text, const OpenBlock& block) {
@@ -97,14 +115,14 @@ void NoteEnd(SceneText& text, const OpenBlock& block) {
 }
 
 void NoteOpen(SceneText& text, const OpenBlock& block) {
-  Note(text.Place(block.line), Severity::kError,
+  Note(text.Place(block.line), FindingCode::kMissingEnd,
        Quoted(block.name) + " is still open at the end of the file");
 }
 
 void NoteRequired(SceneText& text, const OpenBlock& block, std::initializer_list<std::string_view> required) {
   for (const std::string_view keyword : required)
     if (std::find(block.seen.begin(), block.seen.end(), keyword) == block.seen.end())
-      Note(text.Place(block.line), Severity::kError,
+      Note(text.Place(block.line), FindingCode::kMissingKeyword,
            Quoted(block.name) + " states no " + Quoted(keyword) + ", which has no default");
 }
 

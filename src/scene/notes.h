@@ -5,12 +5,15 @@
 
 #pragma once
 
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "geometry/geometry.h"
 #include "geometry/object.h"
 #include "imaging/imaging.h"
+#include "scene/findings.h"
 #include "shading/shading.h"
 
 namespace zp {
@@ -20,13 +23,11 @@ struct TextPlace {
   int line = 0;      // from 1; 0 is the file, or folder, as a whole
 };
 
-// An error makes the scene show something else than its text says; a warning may surprise.
-enum class Severity { kWarning, kError };
-
 struct Finding {
   TextPlace place;
-  Severity severity = Severity::kError;
+  FindingCode code = FindingCode::kUnknownKeyword;
   std::string text;
+  std::string suggestion;  // the word that was probably meant, or a line to add; empty without one
 };
 
 enum class NameKind {
@@ -48,22 +49,35 @@ struct NotedShader {
   bool named = false;
   Shader shader;                  // as its section ended; a later one of the name may replace it
   std::vector<TextPlace> layers;  // one for each surface
+  TextPlace virtualLight;         // of the last one; line 0 without one
+  TextPlace vector;               // of the first layer; line 0 without one
+};
+
+// A parameter with a picture, as its block ended.
+struct NotedSlot {
+  TextPlace image;
+  std::string_view element;  // keyword of the block
+  bool gammaStated = false;
+  ImageSlot slot;
 };
 
 struct NotedInstance {
   TextPlace place;
   Instance instance;
+  std::size_t object = 0, index = 0;  // in objectTable, and in its instances
 };
 
 struct NotedModel {
   TextPlace place;
   std::string fileName;
   std::size_t object = 0, part = 0;  // in objectTable, and in its parts
+  ObjReport report;                  // of an OBJ file
 };
 
 struct NotedObject {
   TextPlace place;
-  TextPlace shader;  // line 0 without one
+  std::size_t index = 0;  // in objectTable
+  TextPlace shader;       // line 0 without one
   bool hasObj = false;
   bool hasOther = false;  // geometry of another kind
   std::string name;
@@ -87,17 +101,23 @@ struct SceneNotes {
   std::vector<Finding> findings;
   std::vector<NameUse> names;
   std::vector<NotedShader> shaders;
+  std::vector<NotedSlot> slots;
   std::vector<NotedInstance> instances;
   std::vector<NotedModel> models;
+  std::vector<NotedModel> strands;  // hair and fur files
   std::vector<NotedObject> objects;
   std::vector<NotedCamera> cameras;
   std::vector<NotedAov> aovs;
+  // Where a keyword stood that counts: "final_gather.sample". The last of all, but the first in a camera.
+  std::map<std::string, TextPlace, std::less<>> stated;
+  std::size_t comparisonsLeft = 200'000;  // of names that are like unknown ones
 };
 
 // Null in normal use: nothing is noted.
 extern SceneNotes* sceneNotes;
 
-void Note(TextPlace place, Severity severity, std::string text);  // into sceneNotes, if it is there
+// Into sceneNotes, if it is there.
+void Note(TextPlace place, FindingCode code, std::string text, std::string_view suggestion = {});
 
 inline std::string Quoted(std::string_view text) { return '"' + std::string(text) + '"'; }
 

@@ -6,9 +6,11 @@
 namespace zp {
 namespace {
 
-bool ReadInstanceBlock(SceneText& text, Instance& instance) {
+bool ReadInstanceBlock(SceneText& text, std::size_t object) {
+  const std::size_t index = objectTable[object].instances.size();
+  Instance& instance = objectTable[object].instances.emplace_back();
   const TextPlace place = text.Here();
-  ReadBlock(text, "instance", {"object"}, [&](std::string_view keyword, Line& line) {
+  ReadBlock(text, "instance", {"object"}, [&](const Keyword& keyword, Line& line) {
     if (keyword == "matrix") return ReadMatrix(line, instance.matrix);
     if (keyword == "object") {
       ReadWord(line, instance.objectName);
@@ -21,7 +23,7 @@ bool ReadInstanceBlock(SceneText& text, Instance& instance) {
     }
     return false;
   });
-  if (text.notes) text.notes->instances.push_back({place, instance});
+  if (text.notes) text.notes->instances.push_back({place, instance, object, index});
   return true;
 }
 
@@ -51,15 +53,15 @@ void NotePicture(const TextPlace& place, std::string_view keyword, const std::st
                  ArrayResult result) {
   const std::string label = std::string(keyword) + ": ";
   if (result == ArrayResult::kNotFound)
-    Note(place, Severity::kError, label + "the image " + Quoted(name) + " cannot be found or read");
+    Note(place, FindingCode::kMissingImage, label + "the image " + Quoted(name) + " cannot be found or read");
   if (result == ArrayResult::kUnfit)
-    Note(place, Severity::kError,
+    Note(place, FindingCode::kUnfitPicture,
          label + Quoted(name) + " holds no 32-bit floats, or too few of them for each pixel");
 }
 
 // A texture keyword of a mesh: remembers its name; "triangle_texture" appends a copy of all that was loaded
 // so far.
-bool ReadMeshPicture(SceneText& text, std::string_view keyword, Line& line, MeshPictures& mesh,
+bool ReadMeshPicture(SceneText& text, const Keyword& keyword, Line& line, MeshPictures& mesh,
                      Object& object) {
   std::size_t index = 0;
   while (index < std::size(kMeshPictures) && keyword != kMeshPictures[index].keyword) ++index;
@@ -74,7 +76,8 @@ bool ReadMeshPicture(SceneText& text, std::string_view keyword, Line& line, Mesh
       NotePicture(picture.place, kMeshPictures[i].keyword, picture.name, result);
     picture.used = true;
     if (text.notes && i == index && result == ArrayResult::kRead && mesh.part.triangles.size() == triangles)
-      NoteLine(line, Severity::kError, "no triangle of " + Quoted(picture.name) + " has all its positions");
+      NoteLine(line, FindingCode::kUnfitPicture,
+               "no triangle of " + Quoted(picture.name) + " has all its positions");
   }
   object.parts.push_back(mesh.part);
   return true;
@@ -84,7 +87,7 @@ void NoteUnusedPictures(const MeshPictures& mesh) {
   for (std::size_t i = 0; i < std::size(kMeshPictures); ++i) {
     const MeshPictures::Picture& picture = mesh.pictures[i];
     if (picture.name.empty() || picture.used) continue;
-    Note(picture.place, Severity::kError,
+    Note(picture.place, FindingCode::kUnusedPicture,
          std::string(kMeshPictures[i].keyword) + ": no \"triangle_texture\" follows, which would load it");
   }
 }
@@ -93,18 +96,21 @@ bool ReadModel(SceneText& text, Line& line, NotedObject& noted, std::size_t inde
   noted.hasObj = true;
   const std::string name = ReadString(line);
   Object& object = objectTable[index];
-  const bool opened = ReadObjFile(name, object.parts.emplace_back());
+  ObjReport report;
+  const bool opened = ReadObjFile(name, object.parts.emplace_back(), text.notes ? &report : nullptr);
   if (!text.notes) return true;
-  if (!opened) NoteLine(line, Severity::kError, "cannot open the file " + Quoted(name));
-  if (opened) text.notes->models.push_back({line.Place(), name, index, object.parts.size() - 1});
+  if (!opened) NoteLine(line, FindingCode::kMissingModel, "cannot open the file " + Quoted(name));
+  if (opened)
+    text.notes->models.push_back({line.Place(), name, index, object.parts.size() - 1, std::move(report)});
   return true;
 }
 
 // Strands and particles: each keyword makes a Part of its own. False if it is another keyword.
-bool ReadOwnPart(SceneText& text, std::string_view keyword, Line& line, Object& object) {
+bool ReadOwnPart(SceneText& text, const Keyword& keyword, Line& line, std::size_t index) {
   const bool hair = keyword == "hair", fur = keyword == "fur", particles = keyword == "particle_texture";
   if (!hair && !fur && !particles) return false;
   const std::string name = ReadString(line);
+  Object& object = objectTable[index];
   Part& part = object.parts.emplace_back();
   if (particles) {
     const ArrayResult result = ReadArrayImage(ArrayKind::kParticle, name, part);
@@ -112,8 +118,10 @@ bool ReadOwnPart(SceneText& text, std::string_view keyword, Line& line, Object& 
     return true;
   }
   const bool read = hair ? ReadHairFile(name, part) : ReadFurFile(name, part);
+  if (text.notes && read)
+    text.notes->strands.push_back({line.Place(), name, index, object.parts.size() - 1, {}});
   if (text.notes && !read)
-    NoteLine(line, Severity::kError,
+    NoteLine(line, FindingCode::kMissingModel,
              (hair ? "cannot open or read the file " : "cannot open the file ") + Quoted(name));
   return true;
 }
@@ -126,17 +134,18 @@ void ReadObjectSection(SceneText& text) {
   MeshPictures mesh;
   NotedObject noted;
   noted.place = text.Here();
-  ReadBlock(text, "object", [&](std::string_view keyword, Line& line) {
+  noted.index = index;
+  ReadBlock(text, "object", [&](const Keyword& keyword, Line& line) {
     if (keyword == "name") return ReadWord(line, object.name);
     if (keyword == "shader") {
       noted.shader = line.Place();
       object.shader = FindOrCreateShader(ReadName(line, NameKind::kShader));
       return true;
     }
-    if (keyword == "instance") return ReadInstanceBlock(text, object.instances.emplace_back());
+    if (keyword == "instance") return ReadInstanceBlock(text, index);
     if (keyword == "obj") return ReadModel(text, line, noted, index);
     const bool known =
-        ReadMeshPicture(text, keyword, line, mesh, object) || ReadOwnPart(text, keyword, line, object);
+        ReadMeshPicture(text, keyword, line, mesh, object) || ReadOwnPart(text, keyword, line, index);
     noted.hasOther |= known;
     return known;
   });

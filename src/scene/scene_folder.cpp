@@ -62,10 +62,10 @@ void NoteStrayEnd(SceneText& text, StrayLines& stray) {
     --stray.depth;
   } else if (!text.doubtfulEnds.empty()) {
     const DoubtfulEnd& end = text.doubtfulEnds.back();
-    Note(text.Place(end.line), Severity::kError, end.text);
+    Note(text.Place(end.line), FindingCode::kEarlyEnd, end.text);
     text.doubtfulEnds.pop_back();
   } else if (!stray.noted) {
-    Note(text.Here(), Severity::kError, "\"end\" closes nothing: one before it closed too much");
+    Note(text.Here(), FindingCode::kEarlyEnd, "\"end\" closes nothing: one before it closed too much");
   }
 }
 
@@ -75,8 +75,11 @@ void NoteStrayLine(SceneText& text, const Line& line, StrayLines& stray) {
   if (RestOfLine(line).empty()) ++stray.depth;
   if (stray.noted) return;
   stray.noted = true;
-  Note(text.Here(), Severity::kError,
-       Quoted(line.keyword) + " is no section: lines are skipped up to the next one");
+  std::vector<std::string_view> words;
+  for (const Section& section : kSections) words.push_back(section.keyword);
+  Note(text.Here(), FindingCode::kUnknownSection,
+       Quoted(line.keyword) + " is no section: lines are skipped up to the next one",
+       NearestWord(line.keyword, words));
 }
 
 void ReadText(SceneText& text) {
@@ -92,7 +95,8 @@ void ReadText(SceneText& text) {
       NoteStrayLine(text, line, stray);
     }
   }
-  if (text.notes && text.stream.bad()) Note(text.Here(), Severity::kError, "the file cannot be read further");
+  if (text.notes && text.stream.bad())
+    Note(text.Here(), FindingCode::kUnreadableFile, "the file cannot be read further");
 }
 
 // Files that look like scene text where nobody reads it.
@@ -112,7 +116,7 @@ void NoteUnreadFiles(const std::string& folder) {
     const std::string path = folder + "/" + name;
     if (std::find(std::begin(kSubfolders), std::end(kSubfolders), name) != std::end(kSubfolders)) continue;
     if (entry->is_directory(error) ? holdsText(path) : name.ends_with(".zp"))
-      Note({path, 0}, Severity::kWarning,
+      Note({path, 0}, FindingCode::kUnreadFile,
            "is not read: scene text stands in the folders shader, render, light, camera and geometry");
   }
 }
@@ -129,7 +133,7 @@ void ReadScene(std::istream& stream) {
 bool ReadSceneFile(const std::string& path) {
   std::ifstream stream(path);
   if (!stream) {
-    Note({path, 0}, Severity::kError, "cannot be opened");
+    Note({path, 0}, FindingCode::kUnreadableFile, "cannot be opened");
     return false;
   }
   SceneText text = {stream, sceneNotes, path};

@@ -26,10 +26,10 @@ bool Set(T& target, T value) {
   return true;
 }
 
-bool ReadSamplerBlock(SceneText& text, ImageSlot& slot) {
-  ReadBlock(text, "sampler", [&](std::string_view keyword, Line& line) {
+bool ReadSamplerBlock(SceneText& text, ImageSlot& slot, NotedSlot& noted) {
+  ReadBlock(text, "sampler", [&](const Keyword& keyword, Line& line) {
     if (keyword == "pixel_sampler") return ReadChoice(line, kPixelSamplers, slot.pixelSampler);
-    if (keyword == "gamma") return ReadNumber(line, slot.gamma);
+    if (keyword == "gamma") return Set(noted.gammaStated, true) && ReadNumber(line, slot.gamma);
     if (keyword == "uv_matrix") {
       slot.uvMatrixIsIdentity = false;
       return ReadMatrix(line, slot.uvMatrix);
@@ -44,28 +44,48 @@ bool ReadSamplerBlock(SceneText& text, ImageSlot& slot) {
 }
 
 bool ReadElementBlock(SceneText& text, std::string_view name, ImageSlot& slot) {
-  ReadBlock(text, name, [&](std::string_view keyword, Line& line) {
+  NotedSlot noted;
+  noted.element = name;
+  const bool displaces = name == "vector";
+  ReadBlock(text, name, [&](const Keyword& keyword, Line& line) {
     if (keyword == "color") return ReadTriple(line, slot.color);
-    if (keyword == "fresnel") return ReadTriple(line, slot.fresnel);
-    if (keyword == "direction") return ReadTriple(line, slot.direction);
-    if (keyword == "level") return ReadNumber(line, slot.level);
-    if (keyword == "image") return ReadName(line, NameKind::kImage, slot.imageName);
-    if (keyword == "fresnel_image") return ReadName(line, NameKind::kImage, slot.fresnelImageName);
-    if (keyword == "uv_set") return ReadString(line, slot.uvSetName);
-    if (keyword == "sampler") return ReadSamplerBlock(text, slot);
+    if (keyword == "fresnel") return ReadTriple(line, slot.fresnel) && NoteIdle(line, slot.fresnel == kBlack);
+    if (keyword == "direction")
+      return ReadTriple(line, slot.direction) && (displaces || NoteIdle(line, slot.direction == kBlack));
+    if (keyword == "level")
+      return ReadNumber(line, slot.level) && (displaces || NoteIdle(line, slot.level == 1));
+    if (keyword == "image") {
+      noted.image = line.Place();
+      return ReadName(line, NameKind::kImage, slot.imageName);
+    }
+    if (keyword == "fresnel_image")
+      return ReadName(line, NameKind::kImage, slot.fresnelImageName) && NoteIdle(line, false);
+    if (keyword == "uv_set")
+      return ReadString(line, slot.uvSetName) && NoteIdle(line, slot.uvSetName == "uv");
+    if (keyword == "sampler") return ReadSamplerBlock(text, slot, noted);
     return false;
   });
+  if (text.notes && noted.image.line > 0 && !slot.imageName.empty()) {
+    noted.slot = slot;
+    text.notes->slots.push_back(std::move(noted));
+  }
   return true;
 }
 
-bool ReadSurfaceBlock(SceneText& text, SurfaceShader& surface) {
-  ReadBlock(text, "surface_shader", [&](std::string_view keyword, Line& line) {
+bool ReadSurfaceBlock(SceneText& text, SurfaceShader& surface, NotedShader& noted) {
+  ReadBlock(text, "surface_shader", [&](const Keyword& keyword, Line& line) {
     for (const ElementRow& row : kElements)
-      if (keyword == row.keyword) return ReadElementBlock(text, row.keyword, surface[row.element]);
+      if (keyword == row.keyword)
+        return ReadElementBlock(text, row.keyword, surface[row.element]) &&
+               (row.element != Element::kThickness ||
+                NoteIdle(line, surface[row.element].color == row.color));
     for (const Choice<Material>& material : kMaterials)
       if (keyword == material.word) return Set(surface.material, material.value);
     if (keyword == "window") return Set(surface.window, true);
-    if (keyword == "virtual_light") return Set(surface.virtualLight, true);
+    if (keyword == "virtual_light") {
+      noted.virtualLight = line.Place();
+      return Set(surface.virtualLight, true);
+    }
     if (keyword == "sideness") return ReadChoice(line, kSides, surface.sideness);
     return false;
   });
@@ -83,19 +103,29 @@ bool ReadSwitch(Line& line, bool& target) {
   return ReadSwitch(line, [&](bool on) { target = on; });
 }
 
-bool ReadGeometryBlock(SceneText& text, GeometryShader& geometry) {
-  ReadBlock(text, "geometry_shader", [&](std::string_view keyword, Line& line) {
-    if (keyword == "vector") return ReadElementBlock(text, keyword, geometry.vector.emplace_back());
-    if (keyword == "radius") return ReadElementBlock(text, keyword, geometry.radius.emplace_back());
-    if (keyword == "length") return ReadElementBlock(text, keyword, geometry.length.emplace_back());
-    if (keyword == "height") return ReadElementBlock(text, keyword, geometry.height.emplace_back());
-    if (keyword == "clip") return ReadElementBlock(text, keyword, geometry.clip);
-    if (keyword == "round_corner") return ReadNumber(line, geometry.roundCorner);
+bool ReadGeometryBlock(SceneText& text, GeometryShader& geometry, NotedShader& noted) {
+  ReadBlock(text, "geometry_shader", [&](const Keyword& keyword, Line& line) {
+    const auto readIdle = [&](ImageSlot& slot, std::string_view name) {
+      return ReadElementBlock(text, name, slot) && NoteIdle(line, false);
+    };
+    if (keyword == "vector") {
+      if (noted.vector.line == 0) noted.vector = line.Place();
+      return ReadElementBlock(text, "vector", geometry.vector.emplace_back());
+    }
+    if (keyword == "radius") return readIdle(geometry.radius.emplace_back(), "radius");
+    if (keyword == "length") return readIdle(geometry.length.emplace_back(), "length");
+    if (keyword == "height") return readIdle(geometry.height.emplace_back(), "height");
+    if (keyword == "clip") return readIdle(geometry.clip, "clip");
+    if (keyword == "round_corner")
+      return ReadNumber(line, geometry.roundCorner) && NoteIdle(line, geometry.roundCorner >= 1);
     if (keyword == "smooth_angle") return ReadNumber(line, geometry.smoothAngle);
-    if (keyword == "reduction") return ReadNumber(line, geometry.reduction);
+    if (keyword == "reduction")
+      return ReadNumber(line, geometry.reduction) && NoteIdle(line, geometry.reduction >= 1);
     if (keyword == "flip_face") return ReadSwitch(line, geometry.flipFace);
-    if (keyword == "trivial_connection") return ReadSwitch(line, geometry.trivialConnection);
-    if (keyword == "assign_hair_texture_uv") return ReadSwitch(line, geometry.assignHairTextureUv);
+    if (keyword == "trivial_connection")
+      return ReadSwitch(line, geometry.trivialConnection) && NoteIdle(line, !geometry.trivialConnection);
+    if (keyword == "assign_hair_texture_uv")
+      return ReadSwitch(line, geometry.assignHairTextureUv) && NoteIdle(line, !geometry.assignHairTextureUv);
     const auto choose = [&](Visibility visibility, bool when) {
       return ReadSwitch(line, [&](bool on) {
         if (on == when) geometry.visibility = visibility;
@@ -112,11 +142,14 @@ bool ReadGeometryBlock(SceneText& text, GeometryShader& geometry) {
 }  // namespace
 
 bool ReadVolumeBlock(SceneText& text, VolumeShader& volume) {
-  ReadBlock(text, "volume_shader", [&](std::string_view keyword, Line& line) {
+  ReadBlock(text, "volume_shader", [&](const Keyword& keyword, Line& line) {
     if (keyword == "transmittance") return ReadTriple(line, volume.transmittance);
-    if (keyword == "average_cosine") return ReadNumber(line, volume.averageCosine);
-    if (keyword == "albedo") return ReadTriple(line, volume.albedo);
-    if (keyword == "medium_id") return ReadNumber(line, volume.mediumId);
+    if (keyword == "average_cosine")
+      return ReadNumber(line, volume.averageCosine) && NoteIdle(line, volume.averageCosine == 0);
+    if (keyword == "albedo")
+      return ReadTriple(line, volume.albedo) && NoteIdle(line, volume.albedo == kBlack);
+    if (keyword == "medium_id")
+      return ReadNumber(line, volume.mediumId) && NoteIdle(line, volume.mediumId == 0);
     return false;
   });
   return true;
@@ -126,17 +159,17 @@ void ReadShaderSection(SceneText& text) {
   Shader shader;
   NotedShader noted;
   noted.place = text.Here();
-  ReadBlock(text, "shader", [&](std::string_view keyword, Line& line) {
+  ReadBlock(text, "shader", [&](const Keyword& keyword, Line& line) {
     if (keyword == "name") {
       noted.named = true;
       return ReadString(line, shader.name);
     }
-    if (keyword == "opacity") return ReadNumber(line, shader.opacity);
+    if (keyword == "opacity") return ReadNumber(line, shader.opacity) && NoteIdle(line, shader.opacity == 1);
     if (keyword == "surface_shader") {
       if (text.notes) noted.layers.push_back(line.Place());
-      return ReadSurfaceBlock(text, shader.surfaces.emplace_back());
+      return ReadSurfaceBlock(text, shader.surfaces.emplace_back(), noted);
     }
-    if (keyword == "geometry_shader") return ReadGeometryBlock(text, shader.geometry);
+    if (keyword == "geometry_shader") return ReadGeometryBlock(text, shader.geometry, noted);
     if (keyword == "volume_shader") return ReadVolumeBlock(text, shader.volume);
     return false;
   });

@@ -12,12 +12,15 @@
 #include <vector>
 
 #include "core/vec.h"
+#include "core/words.h"
 #include "scene/line_values.h"
 #include "scene/notes.h"
 
 namespace zp {
 
 inline constexpr std::streamsize kSceneLineLimit = 4096;  // bytes; a line of this length or more is dropped
+
+inline constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // some editors begin a file with it
 
 // An "end" that may have closed more than it was meant to.
 struct DoubtfulEnd {
@@ -47,12 +50,12 @@ inline bool ReadLine(SceneText& text, std::string& content) {
     if (stream.bad()) return false;
     if (!stream.fail()) {
       content.assign(buffer, static_cast<std::size_t>(stream.gcount() - (stream.eof() ? 0 : 1)));
-      ++text.line;
+      if (++text.line == 1 && content.starts_with(kByteOrderMark)) content.erase(0, kByteOrderMark.size());
       return true;
     }
     if (stream.eof()) return false;
     ++text.line;
-    if (text.notes) Note(text.Here(), Severity::kError, "a line of 4096 bytes or more is dropped");
+    if (text.notes) Note(text.Here(), FindingCode::kLongLine, "a line of 4096 bytes or more is dropped");
     stream.clear();
     stream.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
   }
@@ -73,12 +76,14 @@ struct Line {
 };
 
 // For the observer, and only called when it is there.
-void NoteLine(Line& line, Severity severity, const std::string& message);
+void NoteLine(Line& line, FindingCode code, const std::string& message, std::string_view suggestion = {});
 std::string_view RestOfLine(const Line& line);  // without leading blanks
 // After an attempt to read a number at `rest`, the line's rest before it.
 void NoteNumber(Line& line, std::string_view rest);
 void NoteString(Line& line, std::string_view rest);
 void NoteName(Line& line, NameKind kind, const std::string& name);
+// Of a line that was read: it does nothing. True, for a handler to end with; the observer may be missing.
+bool NoteIdle(Line& line, bool isDefault);
 
 // The readers of values return true, so that a handler can end with them: it knew its keyword.
 
@@ -111,9 +116,9 @@ bool ReadMatrix(Line& line, Matrix& target) {
 inline bool ReadWord(Line& line, std::string& target) {
   const std::string word(TakeWord(line.values));
   if (!word.empty()) target = word;
-  if (line.text.notes && word.empty()) NoteLine(line, Severity::kError, "a word is missing");
+  if (line.text.notes && word.empty()) NoteLine(line, FindingCode::kMissingValue, "a word is missing");
   if (line.text.notes && word.find('"') != word.npos)
-    NoteLine(line, Severity::kWarning, "the quotes become part of the word " + word);
+    NoteLine(line, FindingCode::kQuotedWord, "the quotes become part of the word " + word);
   return true;
 }
 
@@ -154,7 +159,10 @@ bool ReadChoice(Line& line, const Choice<Value> (&choices)[kCount], Value& targe
       target = choice.value;
       return true;
     }
-  if (line.text.notes) NoteLine(line, Severity::kError, "unknown word " + Quoted(word));
+  if (!line.text.notes) return true;
+  std::vector<std::string_view> words;
+  for (const Choice<Value>& choice : choices) words.push_back(choice.word);
+  NoteLine(line, FindingCode::kUnknownWord, "unknown word " + Quoted(word), NearestWord(word, words));
   return true;
 }
 
@@ -165,26 +173,45 @@ struct OpenBlock {
   std::vector<std::string> seen;  // keywords
   std::string opener;             // the last unknown keyword that may have been meant to open a block
   int openerLine = 0;
+  std::vector<std::string_view> asked;  // what the line's keyword was compared with
 };
+
+// The first word of a line. While an observer is there it keeps what it is compared with: where nothing was
+// equal, that is all that the block knows.
+class Keyword {
+ public:
+  Keyword(std::string_view text, std::vector<std::string_view>* record) : word(text), asked(record) {}
+  operator std::string_view() const { return word; }
+  friend bool operator==(const Keyword& keyword, std::string_view other) {
+    if (keyword.asked) keyword.asked->push_back(other);
+    return keyword.word == other;
+  }
+
+ private:
+  std::string_view word;
+  std::vector<std::string_view>* asked;
+};
+
 void NoteKeyword(OpenBlock& block, Line& line, bool known);
 void NoteEnd(SceneText& text, const OpenBlock& block);
 void NoteOpen(SceneText& text, const OpenBlock& block);
 void NoteRequired(SceneText& text, const OpenBlock& block, std::initializer_list<std::string_view> required);
 
-// Hands each line with a keyword to `handle` (bool(std::string_view keyword, Line&): was it known?), which
+// Hands each line with a keyword to `handle` (bool(const Keyword&, Line&): was it known?), which
 // may itself read a nested block. Ends behind the line "end" or with the text. `required`: keywords without a
 // default.
 template <class Handler>
 void ReadBlock(SceneText& text, std::string_view name, std::initializer_list<std::string_view> required,
                Handler&& handle) {
-  OpenBlock block = {name, text.line, {}, {}, 0};
+  OpenBlock block = {name, text.line, {}, {}, 0, {}};
   std::string content;
   bool ended = false;
   while (!ended && ReadLine(text, content)) {
     Line line(text, content);
     ended = line.keyword == "end";
     if (ended || line.keyword.empty()) continue;
-    const bool known = handle(std::string_view(line.keyword), line);
+    block.asked.clear();
+    const bool known = handle(Keyword(line.keyword, text.notes ? &block.asked : nullptr), line);
     if (text.notes) NoteKeyword(block, line, known);
   }
   if (!text.notes) return;
