@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "core/console.h"
+#include "core/stop.h"
 #include "geometry/geometry.h"
 #include "imaging/imaging.h"
 
@@ -86,7 +87,7 @@ std::string ReadAsPromised(std::istream& stream) {
   const auto header = ElementAt<HairHeader>(bytes, 0);
   std::uint64_t left = 0;
   for (const HairArrayRow& row : kHairArrays) left += ArrayBytes(header, row);
-  while (left > 0 && stream) {
+  while (left > 0 && stream && !Stopping()) {
     const std::size_t held = bytes.size();
     const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(left, kBlock));
     bytes.resize(held + wanted);
@@ -145,7 +146,8 @@ bool ReadHairFile(const std::string& path, Part& part) {
   std::error_code error;
   std::ifstream stream(path, std::ios::binary);
   if (!stream || std::filesystem::is_directory(path, error)) return Fail("cannot open ", path);
-  return ReadHair(ReadAsPromised(stream), path, part);
+  const std::string bytes = ReadAsPromised(stream);
+  return !Stopping() && ReadHair(bytes, path, part);
 }
 
 }  // namespace zp

@@ -6,6 +6,8 @@
 #include <mutex>
 
 #include "core/console.h"
+#include "core/stop.h"
+#include "imaging/frame_state.h"
 #include "imaging/imaging.h"
 
 namespace zp {
@@ -17,9 +19,13 @@ void InitializeAov(Aov& aov, int width, int height) {
 }
 
 void SaveAovs(const std::vector<Aov>& aovs) {
-  for (const Aov& aov : aovs)
-    if (!aov.image.fileName.empty() && aov.image.width > 0 && !SaveImage(aov.image))
-      PrintError("image - " + aov.image.fileName + "\tcannot be written");
+  if (Stopping() && CountSamples(frameState) == 0) return;
+  for (const Aov& aov : aovs) {
+    if (aov.image.fileName.empty() || aov.image.width <= 0) continue;
+    const bool saved =
+        IsFinished(aov, frameState) ? SaveImage(aov.image) : SaveImage(FinishedPicture(aov, frameState));
+    if (!saved) PrintError("image - " + aov.image.fileName + "\tcannot be written");
+  }
 }
 
 // A name that was given out before gets "-2", "-3" and so on before its extension: two cameras of the same
