@@ -501,7 +501,8 @@ void zpSetCameraResolution(int camera, int width, int height) noexcept;
 /// the picture; an empty region renders nothing. Images keep their full size, black outside.
 void zpSetCameraRegion(int camera, int xMin, int yMin, int xMax, int yMax) noexcept;
 /// Appends an image to the camera and returns its index in it: 1 at the first call, for AOV 0 is the beauty
-/// image. It takes the camera's size at zpInitializeCameras(), and is written as the mean of the samples taken.
+/// image. It takes the camera's size at zpInitializeCameras(), and is written as the mean of the samples
+/// taken.
 int zpAddCameraAOV(int camera) noexcept;
 /// What the image records at the first hit of each camera ray; default kZpBeauty, which records nothing in
 /// any AOV but the first. Intended: replaces the stored value, unlike a light's, and a value of several bits
