@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <csignal>
 #include <exception>
 
 #include "commands.h"
@@ -141,6 +142,9 @@ int Run(int argc, char** argv) {
 }  // namespace zp
 
 int main(int argc, char** argv) {
+  // A closed pipe and a file that grows too large are failed writes, told like others, and no deaths.
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
   zp::EnlargeStacks();
   try {
     return zp::Run(argc, argv);

@@ -3,6 +3,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -10,7 +11,9 @@
 
 #include "commands.h"
 #include "core/console.h"
+#include "core/stop.h"
 #include "frame/frame.h"
+#include "imaging/frame_state.h"
 #include "imaging/imaging.h"
 #include "imaging/preview.h"
 #include "integrator/integrator.h"
@@ -34,10 +37,14 @@ std::string ClockText(double seconds) {
 class ProgressLine {
  public:
   explicit ProgressLine(bool enabled) {
-    if (enabled) passReporter = [this](const PassReport& report) { Show(report); };
+    if (!enabled) return;
+    frameObserver.passDone = [this](const FrameReport& report) { Show(report); };
+    frameObserver.rowsDone = [this](const FrameReport& report) {
+      if (Clock::now() - shown >= std::chrono::seconds(1)) Show(report);
+    };
   }
   ~ProgressLine() {
-    passReporter = nullptr;
+    frameObserver = {};
     if (width > 0) std::fputc('\n', stderr);
   }
   ProgressLine(const ProgressLine&) = delete;
@@ -46,16 +53,21 @@ class ProgressLine {
  private:
   using Clock = std::chrono::steady_clock;
 
-  void Show(const PassReport& report) {
-    const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
-    const double remaining = report.done > 0 ? elapsed / report.done * (report.total - report.done) : 0;
+  void Show(const FrameReport& report) {
+    shown = Clock::now();
+    const double elapsed = std::chrono::duration<double>(shown - start).count();
+    const double done = static_cast<double>(report.done) + static_cast<double>(report.begun);
+    const double remaining = done > 0 ? elapsed / done * (report.total - done) : 0;
     const double speed =  // rays a microsecond are millions a second
         report.microseconds > 0 ? static_cast<double>(report.rays) / static_cast<double>(report.microseconds)
                                 : 0;
-    char text[160];
+    char begun[32] = "";
+    if (report.begun > 0)
+      std::snprintf(begun, sizeof begun, " and %.0f %%", 100 * static_cast<double>(report.begun));
+    char text[192];
     const int length = std::snprintf(
-        text, sizeof text, "pass %u of %u   %.2f M rays/s   elapsed %s   remaining %s", report.done,
-        report.total, speed, ClockText(elapsed).c_str(), ClockText(remaining).c_str());
+        text, sizeof text, "pass %u of %u%s   %.2f M rays/s   elapsed %s   remaining %s", report.done,
+        report.total, begun, speed, ClockText(elapsed).c_str(), ClockText(remaining).c_str());
     if (length <= 0) return;
     // Blanks wipe what a longer line left behind.
     std::fprintf(stderr, "\r%-*s", width, text);
@@ -63,7 +75,7 @@ class ProgressLine {
     width = std::max(width, length);
   }
 
-  Clock::time_point start = Clock::now();
+  Clock::time_point start = Clock::now(), shown = start;
   int width = 0;  // of the longest line so far
 };
 
@@ -126,27 +138,58 @@ std::string NothingToRender(const Camera& camera) {
   return {};
 }
 
-// The first signal lets the pass end and the images be written, a second one ends the process at once. What
+constexpr char kStoppedEarly[] = "stopped before anything was rendered: nothing is written";
+
+// Nothing is lost when the process ends here and now: no sample is taken and no file is being written.
+std::atomic<bool> nothingToLose = false;
+
+// Loading and initialising end soon after a stop. This is for what never asks, as the decoder of a large
+// picture or a disk that does not answer.
+void EndWithNothing(int) {
+  constexpr char kText[] = "zephlore: ";
+  if (!nothingToLose) return;
+  (void)!write(STDERR_FILENO, kText, sizeof kText - 1);
+  (void)!write(STDERR_FILENO, kStoppedEarly, sizeof kStoppedEarly - 1);
+  (void)!write(STDERR_FILENO, "\n", 1);
+  _exit(kExitFailed);
+}
+
+// The first signal ends the work and lets the images be written, a second one ends the process at once. What
 // the caller has chosen to ignore, as under nohup, stays ignored.
 void StopOnSignals() {
   stopRequested = false;
+  struct sigaction action = {};
+  action.sa_handler = EndWithNothing;
+  sigaction(SIGALRM, &action, nullptr);
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-    struct sigaction action = {};
     if (sigaction(number, nullptr, &action) != 0 || action.sa_handler == SIG_IGN) continue;
-    action.sa_handler = [](int) { stopRequested = true; };
-    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
+    action.sa_handler = [](int signal) {
+      if (stopRequested.exchange(true)) {
+        std::signal(signal, SIG_DFL);
+        raise(signal);
+      }
+      if (nothingToLose) alarm(1);
+    };
+    action.sa_flags = static_cast<int>(SA_RESTART);
     sigaction(number, &action, nullptr);
   }
 }
 
 // What to say of a frame that a signal has cut short; empty if none has.
 std::string StopText() {
-  if (!stopRequested || cameras.empty()) return {};
+  if (!Stopping()) return {};
+  const std::uint64_t samples = CountSamples(frameState);
+  if (samples == 0 || cameras.empty()) return kStoppedEarly;
   const auto passes = static_cast<std::uint32_t>(cameras.front().sample);
   if (settings.passIndex >= passes) return {};
-  if (settings.passIndex == 0) return "stopped before the end of the first pass: nothing is written";
-  return "stopped after pass " + std::to_string(settings.passIndex) + " of " + std::to_string(passes) +
-         ": the images hold what was rendered";
+  if (settings.passIndex > 0)
+    return "stopped after pass " + std::to_string(settings.passIndex) + " of " + std::to_string(passes) +
+           ": the images hold what was rendered";
+  const std::uint64_t pixels =
+      static_cast<std::uint64_t>(frameState.right - frameState.left) *
+      static_cast<std::uint64_t>(cameras.front().regionYMax - cameras.front().regionYMin);
+  return "stopped in pass 1 of " + std::to_string(passes) + ": the images hold " +
+         std::to_string(100 * samples / pixels) + " % of their pixels, the others are black";
 }
 
 // Why a strict render must not begin; empty if the scene, which is read by this, has no error. Counts from
@@ -170,14 +213,21 @@ int RenderScene(const RenderOptions& options) {
   if (const std::error_code error = visit.Enter(options.scene))
     return Fail("cannot enter the scene folder '" + options.scene + "': " + error.message());
   if (options.strict) {
-    if (const std::string obstacle = StrictObstacle(options.scene); !obstacle.empty()) return Fail(obstacle);
-  } else if (!LoadScene("./"))
-    return Fail("cannot read the scene folder '" + options.scene + "'");
+    const std::string obstacle = StrictObstacle(options.scene);
+    if (Stopping()) return kExitDone;
+    if (!obstacle.empty()) return Fail(obstacle);
+  } else {
+    const bool loaded = LoadScene("./");
+    if (Stopping()) return kExitDone;
+    if (!loaded) return Fail("cannot read the scene folder '" + options.scene + "'");
+  }
   if (cameras.empty()) return Fail("there is no camera in the scene '" + options.scene + "'");
   ApplyOptions(options, cameras.front());
   Initialize();
   if (const std::error_code error = visit.Leave())
     return Fail("cannot return to the current directory: " + error.message());
+  nothingToLose = false;
+  if (Stopping()) return kExitDone;
 
   if (const std::string reason = NothingToRender(cameras.front()); !reason.empty()) return Fail(reason);
   if (const int status = TryOutputs(); status != kExitDone) return status;
@@ -205,10 +255,12 @@ int RunRender(const RenderOptions& options) {
   missingFiles = 0;
   StopOnSignals();
   Startup(options.seed);
+  nothingToLose = true;
   const int status = RenderScene(options);
+  nothingToLose = false;
   const std::string stopped = status == kExitDone ? StopText() : "";
   // The last pass has written every image; closing writes those of the cameras again.
-  if (status != kExitDone || (!stopped.empty() && settings.passIndex == 0)) ForgetNames();
+  if (status != kExitDone) ForgetNames();
   Finalize();
   const std::vector<SaveFailure> failed = TakeFailedSaves();
   Shutdown();

@@ -198,14 +198,23 @@ class LongCall {
   PyThreadState* state_ = nullptr;
 };
 
+// Behind a long call: a signal has ended it, and what its handler raises, as KeyboardInterrupt, is raised
+// here.
+inline void RaiseOfSignals() {
+  if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+}
+
 // Binds an exported function that prints or works for long.
 template <class... A, class... Extra>
 void DefineLong(py::module_& module, const char* name, void (*function)(A...), const Extra&... extra) {
   module.def(
       name,
       [function](const typename Taken<A, Path>::Type&... arguments) {
-        const LongCall call;
-        function(Taken<A, Path>::Hand(arguments)...);
+        {
+          const LongCall call;
+          function(Taken<A, Path>::Hand(arguments)...);
+        }
+        RaiseOfSignals();
       },
       extra...);
 }

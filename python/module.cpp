@@ -124,9 +124,12 @@ py::array_t<float> RenderPixels(int width, int height, int pass) {
         std::to_string(width) + " and " + std::to_string(height));
   py::array_t<float> pixels(std::vector<py::ssize_t>{height, width, 3});
   float* out = pixels.mutable_data();
-  const LongCall call;
-  std::fill_n(out, 3 * static_cast<std::size_t>(width) * static_cast<std::size_t>(height), 0.0f);
-  zpRenderPixels(width * height, out, pass);
+  {
+    const LongCall call;
+    std::fill_n(out, 3 * static_cast<std::size_t>(width) * static_cast<std::size_t>(height), 0.0f);
+    zpRenderPixels(width * height, out, pass);
+  }
+  RaiseOfSignals();
   return pixels;
 }
 

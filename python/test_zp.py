@@ -4,10 +4,12 @@ import ast
 import os
 import pathlib
 import re
+import signal
 import subprocess
 import sys
 import tempfile
 import threading
+import time
 import unittest
 
 import numpy as np
@@ -220,6 +222,17 @@ class Pictures(unittest.TestCase):
         thread.join()
         self.assertIn("another thread", *refused)
         zp.set_camera_name(self.camera, "free again")
+
+    def test_a_signal_ends_a_render(self):
+        zp.set_camera_sample(self.camera, 65535)
+        zp.initialize()
+        started = time.process_time()
+        timer = threading.Timer(0.3, os.kill, (os.getpid(), signal.SIGINT))
+        timer.start()
+        with self.assertRaises(KeyboardInterrupt):
+            zp.render()
+        timer.join()
+        self.assertLess(time.process_time() - started, 5)
 
     def run_program(self, program):
         return subprocess.run([sys.executable, "-c", program], cwd=self.folder.name, stdout=subprocess.PIPE,

@@ -246,8 +246,8 @@ TEST_F(Integrator, BeautyIsTheMeanOfThePasses) {
     EXPECT_EQ(settings.samplePass, 0);
     EXPECT_EQ(pass, first);
   }
-  std::vector<PassReport> reports;
-  passReporter = [&](const PassReport& report) { reports.push_back(report); };
+  std::vector<FrameReport> reports;
+  frameObserver.passDone = [&](const FrameReport& report) { reports.push_back(report); };
   RenderLoop();
   for (int y = 0; y < 16; ++y)
     for (int x = 0; x < 16; ++x)

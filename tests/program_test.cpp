@@ -253,23 +253,45 @@ TEST_F(Program, ViewKeepsOrientationAndAppliesTheCurve) {
   }
 }
 
-// What was rendered is not lost. The shell's job control keeps it from ignoring interrupts in the background.
-TEST_F(Program, SignalsEndARenderBehindItsPass) {
+// What was rendered is not lost, and all images go together: after whole passes, and in the midst of the
+// first, where a budget without end lets only the sky finish. The shell's job control keeps it from ignoring
+// interrupts in the background.
+TEST_F(Program, SignalsEndARenderAtOnce) {
   WriteScene();
+  WriteFile(root / "scene/light/b.zp",
+            "sky_light\ncolor 0.3 0.6 1.5\naov\nimage \"sky.pfm\"\nend\nend\npoint_light\nposition 4 -9 "
+            "0\ndirection 0 1 0\n"
+            "sample 2000000000\nblur 1\naov\nimage \"lamp.pfm\"\ntype \"lambertian\"\nend\nend\n");
   WriteFile(root / "stop.sh",
             "set -m\n'" + std::string(kProgram) +
-                "' render ../scene --sample 65535 --seed 1 --output a.pfm > rows 2> ../stderr &\n"
-                "for i in $(seq 1000); do grep -q performance rows && break; sleep 0.02; done\n"
+                "' render ../scene --sample $4 --seed 1 --output a.pfm > rows 2> ../stderr &\n"
+                "for i in $(seq 1000); do grep -q \"$2\" rows && break; sleep 0.02; done\nsleep $3\n"
                 "kill -$1 $!\nwait $!\n");
-  for (const std::string signal : {"INT", "TERM", "HUP"}) {
-    const int raw = std::system(("cd '" + work.string() + "' && bash ../stop.sh " + signal).c_str());
-    EXPECT_TRUE(WIFEXITED(raw) && WEXITSTATUS(raw) == 1) << signal;
+  struct Case {
+    const char *arguments, *blurOfLamp, *told, *rest;
+  };
+  for (const Case& c :
+       {Case{"INT performance 0 65535", "0", "after pass ", " of 65535: the images hold what was rendered\n"},
+        Case{"HUP performance 0.1 65535", "0", "after pass ",
+             " of 65535: the images hold what was rendered\n"},
+        Case{"TERM 'renderer sample' 1 1", "1", "in pass 1 of 1: the images hold ",
+             " the others are black\n"}}) {
+    std::string light = ReadFile(root / "scene/light/b.zp");
+    light.replace(light.find("blur ") + 5, 1, c.blurOfLamp);
+    WriteFile(root / "scene/light/b.zp", light);
+    const int raw = std::system(("cd '" + work.string() + "' && bash ../stop.sh " + c.arguments).c_str());
+    EXPECT_TRUE(WIFEXITED(raw) && WEXITSTATUS(raw) == 1) << c.arguments;
     const std::string errors = ReadFile(root / "stderr");
-    EXPECT_TRUE(errors.starts_with("zephlore: stopped after pass ")) << errors;
-    EXPECT_TRUE(errors.ends_with(" of 65535: the images hold what was rendered\n")) << errors;
-    ExpectColor(ReadPixel(LoadTopFirst(work / "a.pfm"), 0), {0.3f, 0.6f, 1.5f}, 1e-5f);
+    EXPECT_TRUE(errors.starts_with(std::string("zephlore: stopped ") + c.told)) << errors;
+    EXPECT_TRUE(errors.ends_with(c.rest)) << errors;
+    for (const char* name : {"a.pfm", "sky.pfm"})
+      ExpectColor(ReadPixel(LoadTopFirst(work / name), 0), {0.3f, 0.6f, 1.5f}, 1e-4f);
+    // The lamp has begun with this pixel, and one that is not finished has left no trace.
+    const float lamp = ReadPixel(LoadTopFirst(work / "lamp.pfm"), 20).x;
+    EXPECT_EQ(lamp > 0.001f, *c.blurOfLamp == '0') << lamp;
+    EXPECT_EQ(lamp == 0, *c.blurOfLamp == '1') << lamp;
     EXPECT_TRUE(fs::exists(work / "user.hdr"));
-    for (const char* name : {"a.pfm", "user.hdr", "rows"}) fs::remove(work / name);
+    for (const std::string& name : WorkFiles()) fs::remove(work / name);
   }
 }
 

@@ -113,7 +113,7 @@ class RenderTest : public testing::Test {
   }
 
   void TearDown() override {
-    passReporter = nullptr;
+    frameObserver = {};
     omp_set_num_threads(threads_);
     Finalize();
     Shutdown();

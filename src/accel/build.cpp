@@ -14,6 +14,7 @@
 #include "accel/float8.h"
 #include "core/console.h"
 #include "core/release.h"
+#include "core/stop.h"
 #include "geometry/geometry.h"
 
 namespace zp {
@@ -216,6 +217,7 @@ struct Builder {
   // Splits the task's node into two tasks; false if it became a leaf.
   bool Process(const BuildTask& task, BuildTask children[2], bool parallel) {
     std::uint32_t left = 0;
+    if (Stopping()) return MakeLeaf(task), false;
     if (task.count >= 2 && task.depth < kDepthLimit) {
       const LaneBox centroids =
           parallel ? CentroidBoxParallel(task.first, task.count) : CentroidBox(task.first, task.count);
@@ -311,6 +313,7 @@ void Build(Object& object) {
   Release(object.wideNodes);
   Release(object.compactReferences);
   object.packed.reset();
+  if (Stopping()) return;
 
   std::vector<BuildRecord> records = CollectRecords(object);
   const auto total = static_cast<std::uint32_t>(records.size());
@@ -350,6 +353,7 @@ void Build(Object& object) {
     }
     wavefront = std::move(next);
   }
+  if (Stopping()) return Release(object.nodes);
   PrintIntegerRow(label, static_cast<std::uint64_t>(depth), "n/a");
 
   object.nodes.resize(builder.nodeCount);

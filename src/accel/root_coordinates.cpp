@@ -6,6 +6,7 @@
 
 #include "accel/accel.h"
 #include "accel/nearest_point.h"
+#include "core/stop.h"
 
 namespace zp {
 namespace {
@@ -103,7 +104,7 @@ void TransferRootCoordinates(Object& object) {
 #pragma omp parallel for schedule(dynamic, 256)
     for (std::size_t i = 0; i < strands; ++i) {
       RootSearch search{object, part.positions[roots[i]]};
-      search.Walk(0);
+      if (!Stopping()) search.Walk(0);
       found[i] = search.uv;
     }
     std::vector<Vec2>& uvs = part.uvSets[0].values;

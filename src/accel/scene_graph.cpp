@@ -8,6 +8,7 @@
 #include "accel/accel.h"
 #include "core/console.h"
 #include "core/release.h"
+#include "core/stop.h"
 #include "geometry/density.h"
 #include "geometry/geometry.h"
 #include "shading/hair.h"
@@ -73,6 +74,7 @@ void InitializeObject(Object& object) {
   }
   Build(object);
   Update(object, true, 1);
+  if (Stopping()) return;
   TransferRootCoordinates(object);
   if (!object.deformable) {
     Release(object.nodes);
@@ -157,7 +159,9 @@ void InitializeAccelerator() {
   for (const InstanceCut& cut : cuts) PrintCut(cut);
   for (int level = HighestLevel(); level >= 0; --level)
     for (Object& object : objectTable)
-      if (object.level == level) InitializeObject(object);
+      if (object.level == level && !Stopping()) InitializeObject(object);
+  if (Stopping()) rootObject = kNone;  // what is half built shall never be walked
+  if (rootObject == kNone) return;
   TakeSceneBounds();
   for (Part& part : At(rootObject).parts) SetUpDensity(part);
   PrintVectorRow("scene size  ", sceneBounds.max - sceneBounds.min, "m");

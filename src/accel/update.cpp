@@ -8,6 +8,7 @@
 #include "accel/accel.h"
 #include "accel/tree.h"
 #include "core/release.h"
+#include "core/stop.h"
 #include "geometry/geometry.h"
 
 namespace zp {
@@ -51,6 +52,7 @@ struct TreeRotator {
   // rotation at n has to beat is the one before any rotation below n; the result says it for the parent.
   float Walk(std::uint32_t index, int depth) {
     BinaryNode& n = nodes[index];
+    if (Stopping()) return 0;
     if (IsLeaf(n)) {
       Refit(n);
       return n.cost;
@@ -303,7 +305,7 @@ void MoveVertices(Part& part, int passes) {
 }  // namespace
 
 void Update(Object& object, bool force, int passes) {
-  if (!force && !object.deformable) return;
+  if ((!force && !object.deformable) || Stopping()) return;
   // Right after Build nothing has moved yet: the first pass sees vertices where the files put them.
   if (!force) {
     for (Part& part : object.parts) MoveVertices(part, passes);
@@ -315,6 +317,7 @@ void Update(Object& object, bool force, int passes) {
 #pragma omp parallel
 #pragma omp single
   rotator.Walk(0, 0);
+  if (Stopping()) return;
   object.bounds = object.nodes[0].box;
   object.treeCost = static_cast<double>(object.nodes[0].cost);
 

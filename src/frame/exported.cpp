@@ -4,6 +4,7 @@
 #include "core/settings.h"
 #include "frame/exported_records.h"
 #include "frame/frame.h"
+#include "frame/host_signals.h"
 #include "frame/zp.h"
 #include "integrator/integrator.h"
 #include "lights/lights.h"
@@ -12,29 +13,55 @@ using zp::settings;
 
 void zpStartup() noexcept { zp::Startup(); }
 void zpShutdown() noexcept { zp::Shutdown(); }
-void zpGo(const char* folder) noexcept { zp::Go(zp::Text(folder)); }
-void zpInitialize() noexcept { zp::Initialize(); }
+void zpGo(const char* folder) noexcept {
+  const zp::HostSignals signals;
+  zp::Go(zp::Text(folder));
+}
+void zpInitialize() noexcept {
+  const zp::HostSignals signals;
+  zp::Initialize();
+}
 void zpFinalize() noexcept { zp::Finalize(); }
-void zpInitializeCameras() noexcept { zp::PrepareCameras(); }
+void zpInitializeCameras() noexcept {
+  const zp::HostSignals signals;
+  zp::PrepareCameras();
+}
 void zpFinalizeCameras() noexcept { zp::FinalizeCameras(); }
-void zpInitializeShaders() noexcept { zp::InitializeShaders(); }
+void zpInitializeShaders() noexcept {
+  const zp::HostSignals signals;
+  zp::InitializeShaders();
+}
 void zpFinalizeShaders() noexcept { zp::FinalizeShaders(); }
-void zpInitializeGaffer() noexcept { zp::InitializeGaffer(); }
+void zpInitializeGaffer() noexcept {
+  const zp::HostSignals signals;
+  zp::InitializeGaffer();
+}
 void zpFinalizeGaffer() noexcept { zp::FinalizeGaffer(); }
-void zpInitializeSkyLight() noexcept { zp::InitializeSky(); }
+void zpInitializeSkyLight() noexcept {
+  const zp::HostSignals signals;
+  zp::InitializeSky();
+}
 void zpFinalizeSkyLight() noexcept { zp::FinalizeSky(); }
 void zpInitializeGeometryLight() noexcept { zpInitializeSkyLight(); }
 void zpFinalizeGeometryLight() noexcept { zpFinalizeSkyLight(); }
-void zpInitializeAccelerator() noexcept { zp::InitializeAccelerator(); }
+void zpInitializeAccelerator() noexcept {
+  const zp::HostSignals signals;
+  zp::InitializeAccelerator();
+}
 void zpFinalizeAccelerator() noexcept { zp::FinalizeAccelerator(); }
-void zpInitializeRenderer() noexcept { zp::InitializeRenderer(); }
+void zpInitializeRenderer() noexcept {
+  const zp::HostSignals signals;
+  zp::InitializeRenderer();
+}
 void zpFinalizeRenderer() noexcept { zp::FinalizeRenderer(); }
 
 void zpRender() noexcept {
+  const zp::HostSignals signals;
   settings.passIndex = 0;
   zp::RenderLoop();
 }
 void zpRenderPixels(int count, float* out, int pass) noexcept {
+  const zp::HostSignals signals;
   if (count > 0 && out != nullptr) zp::RenderPixels(count, out, pass);
 }
 void zpSetPreviewWindow(bool show) noexcept { settings.previewWindow = show; }

@@ -12,7 +12,8 @@ namespace zp {
 void Startup(std::optional<std::uint64_t> seed = std::nullopt);
 // Reads a scene folder into the tables; sets up the search paths first. False without such a folder.
 bool LoadScene(const std::string& folder);
-// Cameras, textures, shaders, accelerator, sky light, geometry light, gaffer, renderer.
+// Cameras, textures, shaders, accelerator, sky light, geometry light, gaffer, renderer. A stop (core/stop.h)
+// leaves the rest out: then rays hit nothing, and the scene is only fit to be finalised.
 void Initialize();
 // Writes all AOVs and empties all tables.
 void Finalize();

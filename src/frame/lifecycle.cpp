@@ -5,6 +5,7 @@
 #include "core/random.h"
 #include "core/release.h"
 #include "core/settings.h"
+#include "core/stop.h"
 #include "core/tables.h"
 #include "frame/frame.h"
 #include "imaging/imaging.h"
@@ -69,13 +70,9 @@ void PrepareCameras() {
 }
 
 void Initialize() {
-  PrepareCameras();
-  InitializeShaders();
-  InitializeAccelerator();
-  InitializeSky();
-  InitializeGeometryLight();
-  InitializeGaffer();
-  InitializeRenderer();
+  for (void (*const step)() : {PrepareCameras, InitializeShaders, InitializeAccelerator, InitializeSky,
+                               InitializeGeometryLight, InitializeGaffer, InitializeRenderer})
+    if (!Stopping()) step();
 }
 
 void Finalize() {

@@ -184,6 +184,10 @@ enum class Visibility : std::int32_t {
 /// order: zpInitializeCameras(), zpInitializeShaders(), zpInitializeAccelerator(), zpInitializeSkyLight(),
 /// zpInitializeGaffer(), zpInitializeRenderer(). Each prints its rows. None is meant to be called twice for
 /// one scene.
+///
+/// A SIGINT, SIGTERM or SIGHUP for which the host has a handler also ends zpGo(), the functions that
+/// initialise, zpRender() and zpRenderPixels() within a second. Images are then written with what was
+/// rendered, or not at all if nothing was. After a stopped initialisation only zpFinalize() makes sense.
 /// @{
 
 /// First of all calls; zpGo() includes it. Prints the banner, fills the constant tables, draws new random
@@ -497,7 +501,8 @@ void zpSetCameraResolution(int camera, int width, int height) noexcept;
 /// the picture; an empty region renders nothing. Images keep their full size, black outside.
 void zpSetCameraRegion(int camera, int xMin, int yMin, int xMax, int yMax) noexcept;
 /// Appends an image to the camera and returns its index in it: 1 at the first call, for AOV 0 is the beauty
-/// image. It takes the camera's size at zpInitializeCameras(), and reaches its full value with the last pass.
+/// image. It takes the camera's size at zpInitializeCameras(), and is written as the mean of the samples
+/// taken.
 int zpAddCameraAOV(int camera) noexcept;
 /// What the image records at the first hit of each camera ray; default kZpBeauty, which records nothing in
 /// any AOV but the first. Intended: replaces the stored value, unlike a light's, and a value of several bits

@@ -4,6 +4,7 @@
 #include "core/console.h"
 #include "core/random.h"
 #include "core/release.h"
+#include "core/stop.h"
 #include "geometry/displace_patch.h"
 #include "geometry/geometry.h"
 #include "shading/shading.h"
@@ -224,6 +225,7 @@ bool RefineAndMove(Part& part, std::size_t pass) {
   const auto count = static_cast<std::int64_t>(part.triangles.size());
 #pragma omp parallel for schedule(static)
   for (std::int64_t i = 0; i < count; ++i) {
+    if (Stopping()) continue;
     const Triangle& triangle = part.triangles[static_cast<std::size_t>(i)];
     const Slice& slice = plan.slices[static_cast<std::size_t>(i)];
     if (slice.level == 0) {
@@ -244,7 +246,7 @@ void Displace(Part& part) {
   const std::size_t passes = CountPasses(part);
   if (passes == 0) return;
   SplitTetragons(part);
-  for (std::size_t pass = 0; pass < passes; ++pass) {
+  for (std::size_t pass = 0; pass < passes && !Stopping(); ++pass) {
     Smooth(part);
     if (part.normals.empty() || part.tangents.empty()) break;
     // Guarded for Parts whose arrays do not match, which cannot be refined without reading past an end.

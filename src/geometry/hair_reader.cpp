@@ -8,6 +8,7 @@
 
 #include "core/console.h"
 #include "core/files.h"
+#include "core/stop.h"
 #include "geometry/geometry.h"
 #include "imaging/imaging.h"
 
@@ -85,7 +86,7 @@ std::string ReadAsPromised(std::istream& stream) {
   const auto header = ElementAt<HairHeader>(bytes, 0);
   std::uint64_t left = 0;
   for (const HairArrayRow& row : kHairArrays) left += ArrayBytes(header, row);
-  while (left > 0 && stream) {
+  while (left > 0 && stream && !Stopping()) {
     const std::size_t held = bytes.size();
     const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(left, kBlock));
     bytes.resize(held + wanted);
@@ -144,7 +145,8 @@ bool ReadHairFile(const std::string& path, Part& part) {
   std::ifstream stream;
   if (HoldsBytes(path)) stream.open(path, std::ios::binary);
   if (!stream.is_open()) return Fail("cannot open ", path);
-  return ReadHair(ReadAsPromised(stream), path, part);
+  const std::string bytes = ReadAsPromised(stream);
+  return !Stopping() && ReadHair(bytes, path, part);
 }
 
 }  // namespace zp

@@ -3,6 +3,7 @@
 
 #include "core/console.h"
 #include "core/release.h"
+#include "core/stop.h"
 #include "geometry/geometry.h"
 #include "shading/shading.h"
 
@@ -169,6 +170,7 @@ void FinishEmissionList(EmissionList& list) {
 
 void PreparePart(Part& part, const Object& object) {
   if (part.shader == 0 && part.materialName == kUndefinedShader) part.shader = object.shader;
+  if (Stopping()) return;
   Validate(part);
   Release(part.vertexHash);
   part.hashedVertices = 0;

@@ -14,6 +14,7 @@
 
 #include "core/console.h"
 #include "core/files.h"
+#include "core/stop.h"
 #include "geometry/geometry.h"
 #include "imaging/imaging.h"
 #include "shading/shading.h"
@@ -396,7 +397,7 @@ bool IsRectangle(const ModelLoader& loader, const Corner* c) {
 
 // Triangles of the file and of quadrangles that are split, in file order; rectangles wait for their turn.
 void FinishTriangles(ModelLoader& loader, std::vector<std::size_t>& rectangles) {
-  for (std::size_t at = 0; at < loader.faces.size();) {
+  for (std::size_t at = 0; at < loader.faces.size() && !Stopping();) {
     const std::uint32_t count = loader.faces[at];
     if (count == kPolygon) {
       PrintWarning("object - please triangulate/quadrangulate the input model(s)");
@@ -448,6 +449,7 @@ void Finish(ModelLoader& loader) {
   std::vector<std::size_t> rectangles;
   FinishTriangles(loader, rectangles);
   for (const std::size_t begin : rectangles) {
+    if (Stopping()) break;
     Corner c[4] = {};
     std::memcpy(c, &loader.faces[begin + 2], sizeof c);
     AddTetragon(loader, c, static_cast<std::int32_t>(loader.faces[begin + 1]));
@@ -458,7 +460,7 @@ void ReadBlocks(ModelLoader& loader, int file) {
   std::vector<char> buffer(kBlockSize);
   std::size_t held = 0;   // bytes of an unfinished line
   bool dropping = false;  // the rest of a line that is too long
-  for (;;) {
+  while (!Stopping()) {
     const ssize_t got = read(file, buffer.data() + held, buffer.size() - held);
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) break;

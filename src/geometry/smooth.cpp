@@ -8,6 +8,7 @@
 
 #include "core/console.h"
 #include "core/release.h"
+#include "core/stop.h"
 #include "geometry/geometry.h"
 #include "shading/shading.h"
 
@@ -318,6 +319,7 @@ void SmoothGroups(Smoothing& s) {
     std::vector<GroupCorner> group;
 #pragma omp for schedule(dynamic, 1024)
     for (std::size_t g = 0; g < groupCount; ++g) {
+      if (Stopping()) continue;
       std::uint32_t added = 0;
       for (std::size_t begin = s.begins[g]; begin < s.begins[g + 1]; begin += kLargestFan)
         added =
@@ -409,11 +411,13 @@ void Smooth(Part& part) {
   for (const Shader& shader : shaders) s.angles.push_back(MakeSmoothAngle(shader.geometry.smoothAngle));
   s.angles.push_back(MakeSmoothAngle(DegreesOf(kNone)));
   MakeFaces(s);
+  if (Stopping()) return;
   s.groups = FindGroups(part.positions);
+  if (Stopping()) return;
   CollectCorners(s);
   Release(s.groups);
   SmoothGroups(s);
-  Replace(s);
+  if (!Stopping()) Replace(s);
 }
 
 }  // namespace zp

@@ -1,6 +1,8 @@
 // imaging/aov.cpp: output images before and after they are filled.
 
 #include "core/console.h"
+#include "core/stop.h"
+#include "imaging/frame_state.h"
 #include "imaging/imaging.h"
 
 namespace zp {
@@ -12,9 +14,11 @@ void InitializeAov(Aov& aov, int width, int height) {
 }
 
 void SaveAovs(const std::vector<Aov>& aovs) {
+  if (Stopping() && CountSamples(frameState) == 0) return;
   for (const Aov& aov : aovs) {
     if (aov.image.fileName.empty() || aov.image.width <= 0) continue;
-    const std::string reason = StoreImage(aov.image);
+    const std::string reason = IsFinished(aov, frameState) ? StoreImage(aov.image)
+                                                           : StoreImage(FinishedPicture(aov, frameState));
     if (!reason.empty()) PrintError("image - " + aov.image.fileName + "\tcannot be written: " + reason);
   }
 }

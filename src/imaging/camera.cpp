@@ -7,7 +7,9 @@
 
 #include "core/console.h"
 #include "core/random.h"
+#include "core/stop.h"
 #include "core/tables.h"
+#include "imaging/frame_state.h"
 #include "imaging/imaging.h"
 
 namespace zp {
@@ -89,7 +91,8 @@ void AimSpherical(const Camera& camera, const CameraPose& pose, float x, float y
 // Black pixels for every AOV. Without the memory for them the camera is left with nothing to render.
 void AllocateAovs(Camera& camera) {
   try {
-    for (Aov& aov : camera.aovs) InitializeAov(aov, camera.width, camera.height);
+    for (Aov& aov : camera.aovs)
+      if (!Stopping()) InitializeAov(aov, camera.width, camera.height);
   } catch (const std::bad_alloc&) {
     PrintError("camera - not enough memory for its images");
     camera.regionXMax = camera.regionYMax = 0;
@@ -107,9 +110,13 @@ void PrintReport(const Camera& camera) {
 
 }  // namespace
 
-Camera::Camera() : aovs(1) { aovs[0].image.fileName = DefaultBeautyName(); }
+Camera::Camera() : aovs(1) {
+  aovs[0].image.fileName = DefaultBeautyName();
+  aovs[0].mean = true;
+}
 
 void InitializeCameras() {
+  frameState = {};
   for (Camera& camera : cameras) {
     camera.sample = std::clamp(camera.sample, 1, kMostSamples);
     camera.inverseSample = 1.0f / static_cast<float>(camera.sample);

@@ -123,11 +123,14 @@ struct Aov {
   std::int32_t width = 0;
   std::int32_t height = 0;
   std::uint32_t channel = kChannelBeauty;
+  bool mean = false;  // of the samples so far, not a sum of their shares
 };
 
 // Allocates the AOV's pixels: 3 channels of 32 bits, black.
 void InitializeAov(Aov& aov, int width, int height);
-// Writes those that have a name and pixels; one that cannot be written gets an error row with the reason.
+// Writes those that have a name and pixels, as finished pictures; one that cannot be written gets an error
+// row with the reason. Where all was stopped before the first sample there is nothing to write, and old files
+// stay.
 void SaveAovs(const std::vector<Aov>& aovs);
 // "beauty-YYYYMMDD-HHMMSS.hdr" of the local time; a second one of the same second gets "-2" before its
 // extension. Unique in the process, and it overwrites no other's file: where there is one when the picture is

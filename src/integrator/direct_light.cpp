@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "accel/accel.h"
+#include "core/stop.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
 #include "lights/lights.h"
@@ -232,7 +233,7 @@ LobeRadiance SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyL
   }
   const float scale = 1.0f / static_cast<float>(share.count);
   const bool writes = ray.depth == 0 && !light.aovs.empty();
-  for (std::uint32_t i = share.first; i < share.end; i += share.step) {
+  for (std::uint32_t i = share.first; i < share.end && !Stopping(); i += share.step) {
     Draw draw;
     if (firstHit) {
       draw.number = i;

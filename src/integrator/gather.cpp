@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "core/settings.h"
+#include "core/stop.h"
 #include "core/tables.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
@@ -50,7 +51,7 @@ Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event,
     const std::int32_t sampleWeight = ray.sampleWeight * share.count;
     const bool diffuses = Diffuses(ray, point);
     int taken = 0;
-    for (std::uint32_t i = share.first; i < share.end; i += share.step)
+    for (std::uint32_t i = share.first; i < share.end && !Stopping(); i += share.step)
       taken += diffuses ? AddDiffusedSample(ray, point, event, throughput, i, sampleWeight, sum)
                         : AddDiffuseSample(ray, point, event, throughput, i, sampleWeight, kWhite, sum);
     if (taken > 0) sum *= 1.0f / static_cast<float>(taken);  // a hair takes all of its share
@@ -104,7 +105,7 @@ Vec3 GatherFiber(const RayRecord& ray, const ShadingPoint& point, Vec3 throughpu
   Vec3 sum;
   if (BounceCount(ray) == 0) {
     const PassShare share = ShareOf(GatherCount(throughput, settings.rendererSample, CameraPasses()));
-    for (std::uint32_t i = share.first; i < share.end; i += share.step)
+    for (std::uint32_t i = share.first; i < share.end && !Stopping(); i += share.step)
       sum += FollowFiberRay(ray, point, throughput, i, ray.sampleWeight * share.count);
     sum *= 1.0f / static_cast<float>(share.count);
   } else if (BounceCount(ray) < settings.rendererBounce) {
@@ -156,7 +157,7 @@ Vec3 GatherGlossy(const RayRecord& ray, const ShadingPoint& point) {
   if (BounceCount(ray) == 0) {
     const Vec3 brightest = throughput * MaxOf(point.specularWeight, point.diffuseWeight);
     const PassShare share = ShareOf(GatherCount(brightest, settings.rendererSample, CameraPasses()));
-    for (std::uint32_t i = share.first; i < share.end; i += share.step)
+    for (std::uint32_t i = share.first; i < share.end && !Stopping(); i += share.step)
       AddGlossySample(ray, point, throughput, i, ray.sampleWeight * share.count, sums);
     if (sums.reflections > 0) sums.reflected *= 1.0f / static_cast<float>(sums.reflections);
     if (sums.refractions > 0) sums.refracted *= 1.0f / static_cast<float>(sums.refractions);

@@ -3,12 +3,12 @@
 
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 
 #include "core/ray.h"
 #include "core/settings.h"
+#include "core/stop.h"
 #include "shading/shading.h"
 
 namespace zp {
@@ -23,8 +23,8 @@ Vec3 Radiance(RayRecord& ray);
 // How many rays of a budget a colour deserves over all passes: a positive multiple of `passes`.
 std::int32_t GatherCount(Vec3 color, std::int32_t budget, std::int32_t passes);
 
-// One pass into the beauty image, as a running mean.
-void RenderPixels(std::uint32_t pass);
+// One pass into the beauty image, as a running mean. False if a stop has cut it short.
+bool RenderPixels(std::uint32_t pass);
 // One pass into `out`: `count` RGB triples of the region, row after row. No running mean is touched.
 void RenderPixels(int count, float* out, int pass);
 // One pass and all that surrounds it; finishes the frame after the last.
@@ -34,19 +34,28 @@ void FrameStep();
 // passes.
 void RenderLoop();
 
-// Ends RenderLoop behind the pass that runs, and closes its window: signal handlers may set it. What was
-// rendered stays in the images; settings.passIndex tells how many passes that are.
-inline std::atomic<bool> stopRequested = false;
-static_assert(std::atomic<bool>::is_always_lock_free);
+// Once a stop is requested (core/stop.h) RenderLoop returns in the midst of its pass and closes its window,
+// and RenderPixels leaves the rest of its pixels out. Samples that were not finished leave no trace;
+// frameState (imaging/frame_state.h) tells how many each pixel has, settings.passIndex how many passes are
+// whole.
 
-// What a program shows while a frame renders; called after each pass. Null for none.
-struct PassReport {
-  std::uint32_t done = 0;  // passes
+// How far a frame has come.
+struct FrameReport {
+  std::uint32_t done = 0;  // whole passes
   std::uint32_t total = 0;
-  std::uint64_t rays = 0;         // of the pass, shadow rays included
-  std::int64_t microseconds = 0;  // of the pass
+  float begun = 0;                // share of the rows of the pass that runs; 0 behind a pass
+  std::uint64_t rays = 0;         // of the last whole pass, shadow rays included
+  std::int64_t microseconds = 0;  // of that pass
 };
-extern std::function<void(const PassReport&)> passReporter;
+// What watches a frame; either may be null, and both may request a stop. They are called by the thread that
+// called RenderLoop or FrameStep.
+struct FrameObserver {
+  // After each pass: the sums of the AOVs and frameState hold whole passes, to be read, shown or saved.
+  std::function<void(const FrameReport&)> passDone;
+  // In the midst of a pass, between rows, ten times a second at most: other threads still write the sums.
+  std::function<void(const FrameReport&)> rowsDone;
+};
+inline FrameObserver frameObserver;
 
 // Mean and variance of a float image. Intended: one second moment, of the largest channel, for all three.
 void ImageStatistics(const ImageBuffer& image, Vec3& mean, Vec3& variance);

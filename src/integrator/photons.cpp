@@ -3,6 +3,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include "core/console.h"
 #include "core/random.h"
 #include "core/shared_add.h"
+#include "core/stop.h"
 #include "geometry/density.h"
 #include "integrator/estimator.h"
 #include "lights/lights.h"
@@ -144,7 +146,7 @@ void BounceLobe(const RayRecord& ray, const ShadingPoint& point, const LobeRays&
 }
 
 void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings) {
-  if (ray.depth > settings.photonDepth || IsBlack(ray.throughput) || !Trace(ray)) return;
+  if (ray.depth > settings.photonDepth || IsBlack(ray.throughput) || Stopping() || !Trace(ray)) return;
   ShadingPoint point;
   if (!SetUpShadingPoint(ray, point)) return;
   TestElements(point);
@@ -209,9 +211,7 @@ void CastFrom(std::int64_t count, std::uint32_t ordinal, const Cast& cast, const
   const int threads = std::clamp(omp_get_max_threads(), 1, kMaxThreads);
   std::vector<Landings> landings(static_cast<std::size_t>(threads));
   CastProgress progress(count);
-  // Paths differ greatly in length; so many photons at a time keep the threads from queueing for work.
-#pragma omp parallel for schedule(dynamic, 64) num_threads(threads)
-  for (std::int64_t i = 0; i < count; ++i) {
+  const auto castOne = [&](std::int64_t i) {
     const auto thread = static_cast<std::uint8_t>(omp_get_thread_num());
     const auto number = static_cast<std::uint32_t>(static_cast<std::int64_t>(ordinal) * count + i);
     RekeyRandom(number, ~std::uint64_t{0});
@@ -222,7 +222,18 @@ void CastFrom(std::int64_t count, std::uint32_t ordinal, const Cast& cast, const
     if (std::max({power.x, power.y, power.z}) > 0 && IsFinite(power))
       BouncePhoton(ray, cast, landings[thread]);
     progress.Report(i);
+  };
+  // Paths differ greatly in length; so many photons at a time keep the threads from queueing for work. Dealt
+  // out by hand, since a loop of OpenMP has no end before its last number.
+  constexpr std::int64_t kShare = 64;
+  std::atomic<std::int64_t> next = 0;
+#pragma omp parallel num_threads(threads)
+  while (!Stopping()) {
+    const std::int64_t first = next.fetch_add(kShare, std::memory_order_relaxed);
+    if (first >= count) break;
+    for (std::int64_t i = first; i < std::min(first + kShare, count); ++i) castOne(i);
   }
+  if (Stopping()) return;
   Store(landings);
   const double microseconds = std::max(static_cast<double>(WallTicks() - start) / 10, 1.0);
   std::uint64_t rays = 0;

@@ -4,6 +4,7 @@
 
 #include "accel/accel.h"
 #include "core/settings.h"
+#include "core/stop.h"
 #include "geometry/geometry.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
@@ -145,7 +146,7 @@ void AddToAov(Aov& aov, std::size_t pixel, Vec3 value) {
 // With the gather functions a level of recursion takes about 1.2 kilobytes of stack, so that all 255 levels
 // and a tree walk on top fit a worker of half a megabyte.
 Vec3 Radiance(RayRecord& ray) {
-  if (ray.depth >= settings.rayDepth || IsBlack(ray.throughput)) return kBlack;
+  if (ray.depth >= settings.rayDepth || IsBlack(ray.throughput) || Stopping()) return kBlack;
   if (!Trace(ray)) return MissRadiance(ray);
 
   ShadingPoint point;

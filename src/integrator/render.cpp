@@ -3,20 +3,21 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <atomic>
 #include <string>
 #include <vector>
 
 #include "accel/accel.h"
 #include "core/console.h"
 #include "core/random.h"
+#include "core/stop.h"
+#include "imaging/frame_state.h"
 #include "imaging/preview.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
 #include "lights/lights.h"
 
 namespace zp {
-
-std::function<void(const PassReport&)> passReporter;
 
 namespace {
 
@@ -33,10 +34,14 @@ Region RegionOf(const Camera& camera) {
   return region;
 }
 
+std::uint32_t PixelIndex(const Camera& camera, int x, int y) {
+  return static_cast<std::uint32_t>(camera.width) * static_cast<std::uint32_t>(y) +
+         static_cast<std::uint32_t>(x);
+}
+
 // One sample of one pixel, fit to be shown.
 Vec3 SamplePixel(const Camera& camera, int x, int y, std::uint32_t pass, std::uint8_t thread) {
-  const auto pixel = static_cast<std::uint32_t>(camera.width) * static_cast<std::uint32_t>(y) +
-                     static_cast<std::uint32_t>(x);
+  const std::uint32_t pixel = PixelIndex(camera, x, y);
   threadSlots[thread].pixel = pixel;
   RekeyRandom(pixel, pass);
   RayRecord ray;
@@ -61,19 +66,141 @@ void ClearPassStatistics() {
   for (ThreadSlot& slot : threadSlots) slot.innerNodes = slot.leaves = slot.primitives = 0;
 }
 
-// Samples every pixel of the region once; `sink` receives x, y and the colour, from any thread.
+// Visits the AOVs of the camera that renders and of all lights.
+template <class Visit>
+void ForEachAov(Camera& camera, const Visit& visit) {
+  const auto visitAll = [&](std::vector<Aov>& aovs) {
+    for (Aov& aov : aovs) visit(aov);
+  };
+  visitAll(camera.aovs);
+  for (PointLight& light : pointLights) visitAll(light.aovs);
+  for (ParallelLight& light : parallelLights) visitAll(light.aovs);
+  visitAll(skyLight.aovs);
+  visitAll(geometryLight.aovs);
+}
+
+// What samples add to the sums of a pixel, so that an unfinished one can be taken back. A thread has its own.
+class PixelSums {
+ public:
+  explicit PixelSums(const std::vector<Aov*>& aovs) : aovs_(aovs), kept_(aovs.size()) {}
+
+  void Keep(std::size_t pixel) {
+    for (std::size_t i = 0; i < aovs_.size(); ++i) kept_[i] = ReadPixel(aovs_[i]->image, pixel);
+  }
+  void PutBack(std::size_t pixel) const {
+    for (std::size_t i = 0; i < aovs_.size(); ++i) WritePixel(aovs_[i]->image, kept_[i], pixel);
+  }
+
+ private:
+  const std::vector<Aov*>& aovs_;
+  std::vector<Vec3> kept_;
+};
+
+// The AOVs that samples add to, of the camera's size as those are that can be written to.
+std::vector<Aov*> SummingAovs(Camera& camera) {
+  std::vector<Aov*> aovs;
+  const std::size_t pixels = static_cast<std::size_t>(std::max(camera.width, 0)) *
+                             static_cast<std::size_t>(std::max(camera.height, 0));
+  ForEachAov(camera, [&](Aov& aov) {
+    if (aov.image.channels == 3 && aov.image.floatPixels.size() >= 3 * pixels &&
+        aov.channel != kChannelLightPath && !(aov.mean && aov.channel == kChannelBeauty))
+      aovs.push_back(&aov);
+  });
+  return aovs;
+}
+
+void CountFrame(const Camera& camera, const Region& region) {
+  frameState.planned = static_cast<std::uint32_t>(std::max(camera.sample, 1));
+  frameState.left = region.xMin;
+  frameState.right = region.xMax;
+  frameState.rows.resize(static_cast<std::size_t>(std::max(camera.height, 0)));
+}
+
+// Behind a pass that was cut short there is no next one: the frame starts over, its photons as they are.
+void ForgetCutFrame(Camera& camera) {
+  if (!frameState.interrupted) return;
+  frameState = {};
+  ForEachAov(camera, [](Aov& aov) {
+    if (aov.channel != kChannelLightPath)
+      std::fill(aov.image.floatPixels.begin(), aov.image.floatPixels.end(), 0.0f);
+  });
+}
+
+FrameReport frameReport;  // behind the last whole pass
+
+// Counts the whole rows of a pass, and tells the observer from the pass's first thread.
+class RowCounter {
+ public:
+  explicit RowCounter(const Region& region) : rows_(region.yMax - region.yMin) {}
+
+  void Add(int thread) {
+    const int done = done_.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (thread != 0 || !frameObserver.rowsDone) return;
+    constexpr std::int64_t kPause = 1'000'000;  // ticks
+    const std::int64_t now = WallTicks();
+    if (now - told_ < kPause && now >= told_) return;
+    told_ = now;
+    FrameReport report = frameReport;
+    report.begun = static_cast<float>(done) / static_cast<float>(rows_);
+    frameObserver.rowsDone(report);
+  }
+  bool HasAll() const { return done_ == rows_; }
+
+ private:
+  int rows_;
+  std::atomic<int> done_ = 0;
+  std::int64_t told_ = WallTicks();  // of the first thread
+};
+
+// One sample of each pixel of a row, from the left. Returns the first column that got none: the region's end
+// unless a stop has cut the row short.
 template <class Sink>
-void SampleRegion(const Camera& camera, const Region& region, std::uint32_t pass, const Sink& sink) {
+int SampleRow(const Camera& camera, const Region& region, int y, std::uint32_t pass, std::uint8_t thread,
+              PixelSums& sums, const Sink& sink) {
+  int x = region.xMin;
+  for (; x < region.xMax && !Stopping(); ++x) {
+    const std::size_t pixel = PixelIndex(camera, x, y);
+    sums.Keep(pixel);
+    const Vec3 color = SamplePixel(camera, x, y, pass, thread);
+    if (Stopping()) {
+      sums.PutBack(pixel);
+      break;
+    }
+    sink(x, y, color);
+  }
+  return x;
+}
+
+// Samples every pixel of the region once; `sink` receives x, y and the colour, from any thread. False when a
+// stop has left pixels out.
+template <class Sink>
+bool SampleRegion(Camera& camera, const Region& region, std::uint32_t pass, const Sink& sink) {
   settings.currentPass = static_cast<std::uint16_t>(pass);
   const int threads = std::clamp(omp_get_max_threads(), 1, kMaxThreads);
+  const std::vector<Aov*> aovs = SummingAovs(camera);
+  CountFrame(camera, region);
+  RowCounter rows(region);
   const std::int64_t start = WallTicks();
-#pragma omp parallel for schedule(dynamic, 1) num_threads(threads)
-  for (int y = region.yMin; y < region.yMax; ++y) {
+#pragma omp parallel num_threads(threads)
+  {
     const auto thread = static_cast<std::uint8_t>(omp_get_thread_num());
-    for (int x = region.xMin; x < region.xMax; ++x) sink(x, y, SamplePixel(camera, x, y, pass, thread));
+    PixelSums sums(aovs);
+#pragma omp for schedule(dynamic, 1)
+    for (int y = region.yMin; y < region.yMax; ++y) {
+      const int end = SampleRow(camera, region, y, pass, thread, sums, sink);
+      RowSamples& row = frameState.rows[static_cast<std::size_t>(y)];
+      if (end < region.xMax) {
+        row.cut = end;
+      } else {
+        ++row.whole;
+        rows.Add(thread);
+      }
+    }
   }
+  if (!rows.HasAll()) frameState.interrupted = true;
   settings.renderMicroseconds += (WallTicks() - start) / 10;
   CollectRayCounts();
+  return rows.HasAll();
 }
 
 void PrintPerformance() {
@@ -127,7 +254,7 @@ void RenderInWindow(const Camera& camera) {
     const Camera* active = ActiveCamera();
     return active != nullptr && static_cast<std::int64_t>(settings.passIndex) < active->sample;
   };
-  preview.stop = [] { return stopRequested.load(); };
+  preview.stop = Stopping;
   // Intended: only the first image. The last pass has written all of them.
   preview.closed = [] {
     if (const ImageBuffer* beauty = BeautyImage()) SaveImage(*beauty);
@@ -159,23 +286,23 @@ void ImageStatistics(const ImageBuffer& image, Vec3& mean, Vec3& variance) {
   }
 }
 
-void RenderPixels(std::uint32_t pass) {
-  if (!HasCamera()) return;
+bool RenderPixels(std::uint32_t pass) {
+  if (!HasCamera()) return true;
   Camera& camera = *ActiveCamera();
-  if (camera.aovs.empty()) return;
+  if (camera.aovs.empty()) return true;
   ImageBuffer& beauty = camera.aovs[0].image;
-  if (beauty.width != camera.width || beauty.height != camera.height || beauty.floatPixels.empty()) return;
+  if (beauty.width != camera.width || beauty.height != camera.height || beauty.floatPixels.empty())
+    return !Stopping();
   const auto done = static_cast<float>(pass);
-  SampleRegion(camera, RegionOf(camera), pass, [&](int x, int y, Vec3 color) {
-    const std::size_t pixel =
-        static_cast<std::size_t>(y) * static_cast<std::size_t>(camera.width) + static_cast<std::size_t>(x);
+  return SampleRegion(camera, RegionOf(camera), pass, [&](int x, int y, Vec3 color) {
+    const std::size_t pixel = PixelIndex(camera, x, y);
     WritePixel(beauty, (ReadPixel(beauty, pixel) * done + color) / (done + 1.0f), pixel);
   });
 }
 
 void RenderPixels(int count, float* out, int pass) {
   if (!HasCamera()) return;
-  const Camera& camera = *ActiveCamera();
+  Camera& camera = *ActiveCamera();
   const Region region = RegionOf(camera);
   const std::int32_t passes = std::max(camera.sample, 1);
   const std::int32_t sample = (pass % passes + passes) % passes;
@@ -204,28 +331,30 @@ void FrameStep() {
   settings.samplePass = static_cast<std::int32_t>(settings.passIndex);
   ClearOccluderLogs();
   ClearPassStatistics();
-  RenderPixels(settings.passIndex);
+  if (!RenderPixels(settings.passIndex)) return;
   if (settings.passIndex == 0)
     for (Object& object : objectTable) OrderOccluders(object);
   UpdateScene(camera->sample);
   ++settings.passIndex;
   PrintPerformance();
-  if (passReporter)
-    passReporter({settings.passIndex, total, settings.rendererRays + settings.shadowRays,
-                  settings.renderMicroseconds});
+  frameReport = {settings.passIndex, total, 0, settings.rendererRays + settings.shadowRays,
+                 settings.renderMicroseconds};
+  if (frameObserver.passDone) frameObserver.passDone(frameReport);
   if (settings.passIndex == total && !camera->aovs.empty()) FinishFrame(camera->aovs[0], renderStart);
 }
 
 void RenderLoop() {
   settings.passIndex = 0;
   if (!HasCamera()) return;
+  ForgetCutFrame(*ActiveCamera());
+  frameReport = {0, static_cast<std::uint32_t>(std::max(ActiveCamera()->sample, 0))};
   if (settings.previewWindow) {
     const Camera& camera = *ActiveCamera();
     const std::string obstacle = PreviewObstacle(camera.width, camera.height);
     if (obstacle.empty()) return RenderInWindow(camera);
     PrintError("preview - no window, " + obstacle);
   }
-  for (std::int32_t pass = 0, passes = ActiveCamera()->sample; pass < passes && !stopRequested; ++pass)
+  for (std::int32_t pass = 0, passes = ActiveCamera()->sample; pass < passes && !Stopping(); ++pass)
     FrameStep();
 }
 

@@ -5,6 +5,7 @@
 #include "core/console.h"
 #include "core/ray.h"
 #include "core/settings.h"
+#include "core/stop.h"
 #include "geometry/density.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
@@ -45,6 +46,7 @@ void InitializeRenderer() {
   settings.photonRadiusSquared = settings.photonRadius * settings.photonRadius;
   settings.photonRadiusCubed = settings.photonRadiusSquared * settings.photonRadius;
   BuildPhotonStore(settings.photonRadius);
+  if (Stopping()) EmptyPhotonStore();  // half a cast would be half the light
   PrintRule();
   ForgetGathers();
 

@@ -8,6 +8,7 @@
 
 #include "core/console.h"
 #include "core/release.h"
+#include "core/stop.h"
 
 namespace zp {
 
@@ -117,7 +118,7 @@ struct Builder {
     int axis = extent.y > extent.x ? 1 : 0;
     if (extent.z > extent[axis]) axis = 2;
     if (end - first < kSmallestSplit || depth >= kDeepest || !(0.25f * radius <= extent[axis]) ||
-        !(extent[axis] > 0))
+        !(extent[axis] > 0) || Stopping())
       return MakeLeaf(node, first, end);
 
     const Split split = BestSplit(box, axis, first, end);

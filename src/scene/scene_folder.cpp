@@ -4,6 +4,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "core/stop.h"
 #include "scene/blocks.h"
 #include "scene/scene.h"
 
@@ -47,7 +48,8 @@ void ReadSectionFolder(const std::string& folder) {
     if (name.ends_with(".zp")) paths.push_back(folder + "/" + name);
   }
   std::sort(paths.begin(), paths.end());
-  for (const std::string& path : paths) ReadSceneFile(path);
+  for (const std::string& path : paths)
+    if (!Stopping()) ReadSceneFile(path);
 }
 
 // Lines of a file that stand in no section, for the observer.

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "core/stop.h"
 #include "core/vec.h"
 #include "core/words.h"
 #include "scene/line_values.h"
@@ -40,12 +41,13 @@ struct SceneText {
   TextPlace Here() const { return {file, line}; }
 };
 
-// The next line without its line feed. False at the end of the stream, or when it can be read no further.
+// The next line without its line feed. False at the end of the stream, when it can be read no further, or
+// once all is to stop.
 inline bool ReadLine(SceneText& text, std::string& content) {
   char buffer[kSceneLineLimit];
   std::istream& stream = text.stream;
   for (;;) {
-    if (!stream.good()) return false;
+    if (!stream.good() || Stopping()) return false;
     stream.getline(buffer, kSceneLineLimit);
     if (stream.bad()) return false;
     if (!stream.fail()) {

@@ -6,6 +6,7 @@
 
 #include "core/console.h"
 #include "core/random.h"
+#include "core/stop.h"
 #include "shading/shading.h"
 
 namespace zp {
@@ -97,8 +98,9 @@ std::shared_ptr<const FiberLut> BuildLut(const FiberParameters& fiber) {
   for (ImageBuffer* image : {&lut->lutLobeWeights, &lut->lutR, &lut->lutTT, &lut->lutTRT})
     Allocate(*image, kFiberLutSize, kFiberLutSize, 3, 32, false);
 #pragma omp parallel for schedule(dynamic)
-  for (int row = 0; row < kFiberLutSize; ++row) FillRow(fiber, row, *lut);
-  return lut;
+  for (int row = 0; row < kFiberLutSize; ++row)
+    if (!Stopping()) FillRow(fiber, row, *lut);
+  return Stopping() ? nullptr : lut;
 }
 
 // Written so that what is no number becomes a limit too.

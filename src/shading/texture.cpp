@@ -3,6 +3,7 @@
 #include "core/console.h"
 #include "core/files.h"
 #include "core/random.h"
+#include "core/stop.h"
 #include "shading/shading.h"
 
 namespace zp {
@@ -21,6 +22,7 @@ std::int32_t FindOrAddTexture(std::string_view name) {
 bool LoadTexture(ImageBuffer& image) {
   if (image.fileName.empty()) return false;
   if (image.loaded) return true;
+  if (Stopping()) return false;
   const std::string name = image.fileName;  // the table's key, whatever path the file is found under
   for (const std::string& folder : imageSearchPaths) {
     std::string path = folder;
@@ -31,6 +33,7 @@ bool LoadTexture(ImageBuffer& image) {
     image.fileName = name;
     if (image.loaded) return true;
   }
+  if (Stopping()) return false;
   // A file that holds no picture is as good as none.
   ++missingFiles;
   PrintError("image - " + name + "\tcannot be found");
