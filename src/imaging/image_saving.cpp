@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "imaging/exr_file.h"
 #include "imaging/free_image.h"
 #include "imaging/imaging.h"
 
@@ -157,6 +158,24 @@ int DLL_CALLCONV SeekProc(fi_handle handle, long offset, int origin) {
 }
 long DLL_CALLCONV TellProc(fi_handle handle) { return std::ftell(static_cast<OutputFile*>(handle)->file); }
 
+// Without FreeImage, whose half floats turn what they cannot hold into infinity.
+bool WriteExr(FIBITMAP* bitmap, std::FILE* file) try {
+  const auto width = static_cast<int>(FreeImage_GetWidth(bitmap));
+  const auto height = static_cast<int>(FreeImage_GetHeight(bitmap));
+  const auto channels = static_cast<int>(FreeImage_GetBPP(bitmap) / 32);
+  const std::size_t row = static_cast<std::size_t>(width) * static_cast<std::size_t>(channels);
+  std::vector<float> pixels;
+  pixels.reserve(row * static_cast<std::size_t>(height));
+  for (int y = height - 1; y >= 0; --y) {
+    const auto* line = reinterpret_cast<const float*>(FreeImage_GetScanLine(bitmap, y));
+    pixels.insert(pixels.end(), line, line + row);
+  }
+  const std::string bytes = EncodeExr(pixels.data(), width, height, channels);
+  return std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
+} catch (const std::exception&) {
+  return false;
+}
+
 // True if all bytes of the file reached the file system.
 bool WriteFile(FREE_IMAGE_FORMAT format, FIBITMAP* bitmap, const std::string& path) {
   OutputFile output;
@@ -164,7 +183,8 @@ bool WriteFile(FREE_IMAGE_FORMAT format, FIBITMAP* bitmap, const std::string& pa
   if (output.file == nullptr) return false;
   const SilentTiff silence;
   FreeImageIO io = {ReadProc, WriteProc, SeekProc, TellProc};
-  const bool saved = FreeImage_SaveToHandle(format, bitmap, &io, &output, 0) != 0;
+  const bool saved = format == FIF_EXR ? WriteExr(bitmap, output.file)
+                                       : FreeImage_SaveToHandle(format, bitmap, &io, &output, 0) != 0;
   const bool sound = std::ferror(output.file) == 0 && !output.failed;
   return (std::fclose(output.file) == 0) && saved && sound;
 }

@@ -22,6 +22,7 @@ bool LoadTexture(ImageBuffer& image) {
   if (image.fileName.empty()) return false;
   if (image.loaded) return true;
   const std::string name = image.fileName;  // the table's key, whatever path the file is found under
+  PictureProblem problem = PictureProblem::kMissing;
   for (const std::string& folder : imageSearchPaths) {
     std::string path = folder;
     if (!path.empty()) path += '/';
@@ -32,10 +33,11 @@ bool LoadTexture(ImageBuffer& image) {
     image.loaded = LoadImage(image, path);
     image.fileName = name;
     if (image.loaded) return true;
+    problem = image.problem;
   }
-  // A file that holds no picture is as good as none.
+  image.problem = problem;
   ++missingFiles;
-  PrintError("image - " + name + "\tcannot be found");
+  PrintError("image - " + name + '\t' + std::string(ProblemText(problem)));
   PrintRule();
   return false;
 }
