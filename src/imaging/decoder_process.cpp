@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,7 +20,7 @@ namespace {
 
 constexpr int kFirstStatus = 64;  // of the child; plus the problem's number
 bool isChild = false;
-rlimit hostTime = {}, hostMemory = {};
+rlimit hostMemory = {};
 
 struct Format {
   std::int32_t width, height, channels, bits, packed;
@@ -96,12 +97,11 @@ PictureProblem Receive(int file, ImageBuffer& image) {
 // The host's handlers, its streams and its core files have nothing to do with what may happen here.
 void LeaveHost(pid_t parent) {
   isChild = true;
-  getrlimit(RLIMIT_CPU, &hostTime);
   getrlimit(RLIMIT_AS, &hostMemory);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(kFirstStatus);
   for (const int number :
-       {SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGXCPU, SIGALRM, SIGTERM})
+       {SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGXCPU, SIGALRM, SIGPROF, SIGTERM})
     std::signal(number, SIG_DFL);
   std::signal(SIGINT, SIG_IGN);  // the parent decides
   sigset_t none;
@@ -141,12 +141,6 @@ PictureProblem Await(pid_t child, int file, ImageBuffer& image) {
   return problem == PictureProblem::kSound ? Receive(file, image) : problem;
 }
 
-// The host's own limit stays if it is lower.
-void Limit(decltype(RLIMIT_CPU) resource, const rlimit& host, rlim_t most) {
-  const rlimit limit = {std::min(host.rlim_cur, most), host.rlim_max};
-  setrlimit(resource, &limit);
-}
-
 // Bytes of address space in use; 0 if the system does not tell.
 std::size_t AddressSpace() {
   std::FILE* file = std::fopen("/proc/self/statm", "re");
@@ -172,13 +166,16 @@ std::optional<PictureProblem> DecodeInChild(const DecoderJob& job, ImageBuffer& 
   return Await(child, file.Number(), image);
 }
 
-void LimitDecoder(std::chrono::seconds processorTime, std::size_t memory) {
+void LimitDecoder(std::chrono::milliseconds processorTime, std::size_t memory) {
   if (!isChild) return;
-  const auto seconds = static_cast<rlim_t>(processorTime.count());
-  Limit(RLIMIT_CPU, hostTime, seconds);
-  alarm(static_cast<unsigned>(60 + 20 * seconds));  // one that waits for ever takes no processor time
+  const itimerval time = {{0, 0}, {processorTime.count() / 1000, processorTime.count() % 1000 * 1000}};
+  setitimer(ITIMER_PROF, &time, nullptr);
+  alarm(static_cast<unsigned>(60 + processorTime.count() / 50));  // one that waits takes no processor time
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-  if (const std::size_t used = AddressSpace(); used > 0) Limit(RLIMIT_AS, hostMemory, used + memory);
+  if (const std::size_t used = AddressSpace(); used > 0) {
+    const rlimit limit = {std::min<rlim_t>(hostMemory.rlim_cur, used + memory), hostMemory.rlim_max};
+    setrlimit(RLIMIT_AS, &limit);
+  }
 #else
   static_cast<void>(memory);
 #endif

@@ -21,7 +21,7 @@ struct DecoderJob {
 std::optional<PictureProblem> DecodeInChild(const DecoderJob& job, ImageBuffer& image);
 
 // For jobs. Limits of the child, from now on; without effect in other processes.
-void LimitDecoder(std::chrono::seconds processorTime, std::size_t memory);
+void LimitDecoder(std::chrono::milliseconds processorTime, std::size_t memory);
 // Ends the child at once, as damaged; returns in other processes.
 void GiveUpDecoding();
 

@@ -99,7 +99,7 @@ Selection SelectChannels(const Imf::ChannelList& channels) {
 // pixels better than a thousand times.
 bool CanHold(std::size_t bytes, const Box2i& window, int channels) {
   const double width = 1.0 + window.max.x - window.min.x, height = 1.0 + window.max.y - window.min.y;
-  const double capacity = 0x1p28 + 2048.0 * static_cast<double>(bytes);
+  const double capacity = 0x1p26 + 2048.0 * static_cast<double>(bytes);
   return width >= 1 && height >= 1 && width <= 0x1p24 && height <= 0x1p24 &&
          width * height * channels * sizeof(float) <= capacity;
 }

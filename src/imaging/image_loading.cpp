@@ -155,6 +155,11 @@ long DLL_CALLCONV TellProc(fi_handle handle) {
 }
 unsigned DLL_CALLCONV NoWriteProc(void*, unsigned, unsigned, fi_handle) { return 0; }
 
+// Processor time that a file of so many bytes, and pixels of so many, may take.
+std::chrono::milliseconds Patience(double fileBytes, double pixelBytes) {
+  return std::chrono::milliseconds(500 + static_cast<long>(1e-3 * fileBytes + 1e-5 * pixelBytes));
+}
+
 // How a format's plugin reads, and the most bytes of pixels that a byte of a file may become.
 struct FormatTraits {
   bool readsAhead;  // in blocks that may be longer than the file
@@ -174,7 +179,6 @@ FormatTraits TraitsOf(FREE_IMAGE_FORMAT format) {
     case FIF_PNG:
     case FIF_JNG:
     case FIF_MNG:
-    case FIF_TIFF:
     case FIF_J2K:
     case FIF_JP2:
     case FIF_WEBP:
@@ -183,6 +187,8 @@ FormatTraits TraitsOf(FREE_IMAGE_FORMAT format) {
     case FIF_TARGA:
     case FIF_PCX:
       return {true, 4096};
+    case FIF_TIFF:
+      return {false, 4096};
     default:
       return {false, 1024};  // runs of equal pixels
   }
@@ -205,7 +211,45 @@ bool BoxesAreWhole(std::span<const std::uint8_t> bytes) {
   return hasCodes;
 }
 
+// The next two plugins read blocks, of which the last keeps the bytes of the one before where the file ends.
+// They are followed through their runs, without the colours.
+std::size_t Number16(std::span<const std::uint8_t> bytes, std::size_t at) {
+  return bytes[at] | bytes[at + 1] << 8;
+}
+
+bool PcxIsWhole(std::span<const std::uint8_t> bytes) {
+  constexpr std::size_t kHeader = 128;
+  if (bytes.size() < kHeader) return false;
+  const std::size_t rows = Number16(bytes, 10) - Number16(bytes, 6) + 1, planes = bytes[65];
+  const std::size_t wanted = rows * planes * Number16(bytes, 66);
+  std::size_t at = kHeader, got = 0;
+  for (; got < wanted && at < bytes.size(); ++at) {
+    const bool isRun = bytes[2] == 1 && bytes[at] >= 0xC0;
+    got += isRun ? bytes[at] & 0x3FU : 1;
+    at += isRun;
+  }
+  return got >= wanted && at <= bytes.size();
+}
+
+bool TargaIsWhole(std::span<const std::uint8_t> bytes) {
+  constexpr std::size_t kHeader = 18;
+  if (bytes.size() < kHeader) return false;
+  const std::size_t pixelBytes = (bytes[16] + 7U) / 8;
+  const std::size_t wanted = Number16(bytes, 12) * Number16(bytes, 14);
+  std::size_t at = kHeader + bytes[0] + (bytes[1] == 0 ? 0 : Number16(bytes, 5) * ((bytes[7] + 7U) / 8));
+  if (bytes[2] < 8) return at + wanted * pixelBytes <= bytes.size();
+  for (std::size_t got = 0; got < wanted;) {
+    if (at >= bytes.size()) return false;
+    const std::size_t length = (bytes[at] & 0x7FU) + 1;
+    at += 1 + (bytes[at] >= 0x80 ? 1 : length) * pixelBytes;
+    got += length;
+  }
+  return at <= bytes.size();
+}
+
 bool EndedEarly(FREE_IMAGE_FORMAT format, const ByteSource& source) {
+  if (format == FIF_PCX) return !PcxIsWhole(source.bytes);
+  if (format == FIF_TARGA) return !TargaIsWhole(source.bytes);
   if (format == FIF_JP2) return !BoxesAreWhole(source.bytes);
   return TraitsOf(format).readsAhead ? source.endedBefore : source.endedWithin;
 }
@@ -213,11 +257,11 @@ bool EndedEarly(FREE_IMAGE_FORMAT format, const ByteSource& source) {
 // Looks at the header alone, where the plugin can, for the size that it claims. Limits what reading the rest
 // may take.
 bool IsPlausible(FREE_IMAGE_FORMAT format, FreeImageIO& io, ByteSource& source) {
-  constexpr double kSmall = 0x1p28;  // bytes that are there at once, whatever the file
+  constexpr double kSmall = 0x1p26;  // bytes that are there at once, whatever the file
   const auto size = static_cast<double>(source.bytes.size());
   const FormatTraits traits = TraitsOf(format);
   double most = kSmall + 600 * size;
-  LimitDecoder(std::chrono::seconds(2 + static_cast<long>(size * 1e-6)), std::size_t{1} << 30);
+  LimitDecoder(Patience(size, most), std::size_t{1} << 30);
   if (FreeImage_FIFSupportsNoPixels(format) != 0) {
     const Bitmap header(FreeImage_LoadFromHandle(format, &io, &source, FIF_LOAD_NOPIXELS));
     if (!header) return false;
@@ -226,9 +270,7 @@ bool IsPlausible(FREE_IMAGE_FORMAT format, FreeImageIO& io, ByteSource& source) 
     most = bits / 8;
     if (most > (traits.ratio == 1 ? size : kSmall + traits.ratio * size)) return false;
   }
-  const double seconds = 2 + size * 1e-6 + most * 5e-9;
-  LimitDecoder(std::chrono::seconds(static_cast<long>(seconds)),
-               static_cast<std::size_t>(0x1p29 + 12 * most));
+  LimitDecoder(Patience(size, most), static_cast<std::size_t>(0x1p29 + 12 * most));
   source = {source.bytes};
   return true;
 }
@@ -237,7 +279,7 @@ PictureProblem DecodeWithFreeImage(std::span<const std::uint8_t> bytes, ImageBuf
   const SilentTiff silence;
   FreeImageIO io = {ReadProc, NoWriteProc, SeekProc, TellProc};
   ByteSource source = {bytes};
-  LimitDecoder(std::chrono::seconds(2), std::size_t{1} << 30);
+  LimitDecoder(Patience(static_cast<double>(bytes.size()), 0), std::size_t{1} << 30);
   const FREE_IMAGE_FORMAT format = FreeImage_GetFileTypeFromHandle(&io, &source, 0);
   if (format == FIF_UNKNOWN || FreeImage_FIFSupportsReading(format) == 0)
     return PictureProblem::kUnknownFormat;
@@ -318,8 +360,7 @@ PictureProblem ReadPicture(ImageBuffer& image, const std::string& path) {
 PictureProblem DecodePicture(std::span<const std::uint8_t> bytes, ImageBuffer& image) {
   if (!IsExr(bytes)) return DecodeWithFreeImage(bytes, image);
   const auto size = static_cast<double>(bytes.size());
-  LimitDecoder(std::chrono::seconds(2 + static_cast<long>(size * 1e-6)),
-               static_cast<std::size_t>(0x1p31 + 6000 * size));
+  LimitDecoder(Patience(size, 0x1p26 + 100 * size), static_cast<std::size_t>(0x1p29 + 6000 * size));
   const bool allowPacked = image.allowPacked;
   const PictureProblem problem = DecodeExr(bytes, image);
   if (problem != PictureProblem::kSound || image.channels != 3 || !allowPacked) return problem;
