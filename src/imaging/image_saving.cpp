@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 
+#include "imaging/exr_file.h"
 #include "imaging/free_image.h"
 #include "imaging/imaging.h"
 #include "imaging/output_file.h"
@@ -191,8 +192,25 @@ int DLL_CALLCONV SeekProc(fi_handle handle, long offset, int origin) {
 }
 long DLL_CALLCONV TellProc(fi_handle handle) { return static_cast<OutputFile*>(handle)->Tell(); }
 
+// Without FreeImage, whose half floats turn what they cannot hold into infinity.
+bool EncodeExrFile(FIBITMAP* bitmap, OutputFile& file) {
+  const auto width = static_cast<int>(FreeImage_GetWidth(bitmap));
+  const auto height = static_cast<int>(FreeImage_GetHeight(bitmap));
+  const auto channels = static_cast<int>(FreeImage_GetBPP(bitmap) / 32);
+  const std::size_t row = static_cast<std::size_t>(width) * static_cast<std::size_t>(channels);
+  std::vector<float> pixels;
+  pixels.reserve(row * static_cast<std::size_t>(height));
+  for (int y = height - 1; y >= 0; --y) {
+    const auto* line = reinterpret_cast<const float*>(FreeImage_GetScanLine(bitmap, y));
+    pixels.insert(pixels.end(), line, line + row);
+  }
+  const std::string bytes = EncodeExr(pixels.data(), width, height, channels);
+  return file.Write(bytes.data(), bytes.size()) == bytes.size();
+}
+
 // Writes a picture's bytes; false if the format refused. Failures of the disk are the file's to tell.
 bool Encode(FREE_IMAGE_FORMAT format, FIBITMAP* bitmap, OutputFile& file) {
+  if (format == FIF_EXR) return EncodeExrFile(bitmap, file);
   const SilentTiff silence;
   FreeImageIO io = {ReadProc, WriteProc, SeekProc, TellProc};
   return FreeImage_SaveToHandle(format, bitmap, &io, &file, 0) != 0;

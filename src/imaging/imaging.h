@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,6 +20,20 @@ namespace zp {
 struct PackedPixel {
   std::uint8_t r = 0, g = 0, b = 0, exponent = 0;
 };
+
+// Why a file gave no picture.
+enum class PictureProblem : std::int32_t {
+  kSound,          // it did
+  kMissing,        // there is no such file
+  kUnreadable,     // no permission, or what is there is no file
+  kUnknownFormat,  // of its content
+  kUnsupported,    // one or four bits a pixel, or deep pixels
+  kDamaged,        // cut off, or not what its format asks for
+  kNoMemory,
+  kLast = kNoMemory,
+};
+// What follows "the image ... ", as in "cannot be found".
+std::string_view ProblemText(PictureProblem problem);
 
 // One picture. Only the array that `bits` and `packed` choose is in use. Rows lie one after the other,
 // components interleaved; pixel p starts at element p * channels.
@@ -36,7 +51,8 @@ struct ImageBuffer {
   std::vector<float> floatPixels;
   std::vector<double> doublePixels;
   std::vector<PackedPixel> packedPixels;
-  std::string fileName;  // loaded from, or saved to
+  std::string fileName;                             // loaded from, or saved to
+  PictureProblem problem = PictureProblem::kSound;  // of the last attempt to load it
 };
 
 // Sets the format and clears the pixels; does nothing but clear `loaded` unless all four sizes are positive.
@@ -66,8 +82,11 @@ struct SaveFailure {
 // Pictures whose last save since the last call has failed, by name; one without a name is no failure.
 std::vector<SaveFailure> TakeFailedSaves();
 
-// Reads a file of any format FreeImage knows; false if it held no picture of a supported type.
+// Reads a file of any format FreeImage knows; false, with image.problem, if it held no whole picture of a
+// supported type.
 bool LoadImage(ImageBuffer& image, const std::string& path);
+// The same for a file's bytes, in this process: for tests, and for bytes that are trusted.
+PictureProblem DecodePicture(std::span<const std::uint8_t> bytes, ImageBuffer& image);
 void StartImageFiles();  // FreeImage_Initialise
 void StopImageFiles();   // FreeImage_DeInitialise
 

@@ -24,6 +24,7 @@ bool LoadTexture(ImageBuffer& image) {
   if (image.loaded) return true;
   if (Stopping()) return false;
   const std::string name = image.fileName;  // the table's key, whatever path the file is found under
+  PictureProblem problem = PictureProblem::kMissing;
   for (const std::string& folder : imageSearchPaths) {
     std::string path = folder;
     if (!path.empty()) path += '/';
@@ -32,11 +33,12 @@ bool LoadTexture(ImageBuffer& image) {
     image.loaded = LoadImage(image, path);
     image.fileName = name;
     if (image.loaded) return true;
+    problem = image.problem;
   }
   if (Stopping()) return false;
-  // A file that holds no picture is as good as none.
+  image.problem = problem;
   ++missingFiles;
-  PrintError("image - " + name + "\tcannot be found");
+  PrintError("image - " + name + '\t' + std::string(ProblemText(problem)));
   PrintRule();
   return false;
 }
