@@ -155,17 +155,15 @@ std::string StopText() {
          ": the images hold what was rendered";
 }
 
-// Why a strict render must not begin; empty if the scene, which is read by this, has no error. Counts from
-// the scene folder, which is the current directory.
-std::string StrictObstacle(const std::string& scene) {
+// Reads the scene, which is the current directory. kExitFailed where a check finds an error.
+int LoadStrictly(const std::string& scene) {
   std::vector<Finding> findings;
-  std::string reason;
-  if (!LoadCheckedScene(findings, reason)) return reason + " ('" + scene + "')";
+  if (!LoadCheckedScene(findings)) return kExitFailed;
   std::erase_if(findings, [](const Finding& f) { return RowOf(f.code).severity != Severity::kError; });
-  if (findings.empty()) return {};
-  return "the scene has " + std::to_string(findings.size()) +
-         (findings.size() == 1 ? " error: " : " errors: ") + FindingPath(scene, findings[0]) + ":" +
-         std::to_string(findings[0].place.line) + ": " + findings[0].text + " ('zephlore check' names all)";
+  if (findings.empty()) return kExitDone;
+  const std::string place = FindingPath(scene, findings[0]) + ":" + std::to_string(findings[0].place.line);
+  return Fail("errors of the scene (" + std::to_string(findings.size()) + "), the first at " + place + ": " +
+              findings[0].text + " ('zephlore check' names all)");
 }
 
 // After Startup; the caller finalises whatever the result.
@@ -175,9 +173,8 @@ int RenderScene(const RenderOptions& options) {
   DirectoryVisit visit;
   if (const std::error_code error = visit.Enter(options.scene))
     return Fail("cannot enter the scene folder '" + options.scene + "': " + error.message());
-  if (options.strict) {
-    if (const std::string obstacle = StrictObstacle(options.scene); !obstacle.empty()) return Fail(obstacle);
-  } else if (!LoadScene("./"))
+  if (options.strict && LoadStrictly(options.scene) != kExitDone) return kExitFailed;
+  if (!options.strict && !LoadScene("./"))
     return Fail("cannot read the scene folder '" + options.scene + "'");
   if (cameras.empty()) return Fail("there is no camera in the scene '" + options.scene + "'");
   ApplyOptions(options, cameras.front());
