@@ -98,12 +98,12 @@ int PrintFindings(const CheckOptions& options, const std::vector<Finding>& findi
 
 }  // namespace
 
-bool LoadCheckedScene(std::vector<Finding>& findings, std::string& reason) {
+bool LoadCheckedScene(std::vector<Finding>& findings) {
   SceneNotes notes;
   {
     const Observation observation(notes);
     if (!LoadScene("./")) {
-      reason = "cannot read the scene folder";
+      Fail("cannot read the scene folder");
       return false;
     }
   }
@@ -111,12 +111,12 @@ bool LoadCheckedScene(std::vector<Finding>& findings, std::string& reason) {
   const TemporaryFolder scratch;
   DirectoryVisit visit;
   if (scratch.folder.empty() || visit.Enter(scratch.folder)) {
-    reason = "there is no temporary folder to try image formats in";
+    Fail("there is no temporary folder to try image formats in");
     return false;
   }
   CheckOutputs(notes);
   if (const std::error_code error = visit.Leave()) {
-    reason = "cannot return to the scene folder: " + error.message();
+    Fail("cannot return to the scene folder: " + error.message());
     return false;
   }
   SortFindings(notes);
@@ -136,13 +136,11 @@ int RunCheck(const CheckOptions& options) {
   Startup();
   DirectoryVisit visit;
   std::vector<Finding> findings;
-  std::string reason;
   error = visit.Enter(options.scene);
-  const bool read = !error && LoadCheckedScene(findings, reason);
+  const bool read = !error && LoadCheckedScene(findings);
   Shutdown();  // without Finalize, which would write images
   if (error) return Fail("cannot enter the scene folder '" + options.scene + "': " + error.message());
-  if (!read) return Fail(reason + " ('" + options.scene + "')");
-  return PrintFindings(options, findings);
+  return read ? PrintFindings(options, findings) : kExitFailed;
 }
 
 }  // namespace zp

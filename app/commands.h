@@ -53,8 +53,8 @@ struct CheckOptions {
 };
 // Prints a line for each finding and their sum on the output stream; kExitFailed if one of them is an error.
 int RunCheck(const CheckOptions& options);
-// Reads the scene of the current directory, with `findings` in order. `reason` says why where it fails.
-bool LoadCheckedScene(std::vector<Finding>& findings, std::string& reason);
+// Reads the scene of the current directory, with `findings` in order. False where it fails, which it says.
+bool LoadCheckedScene(std::vector<Finding>& findings);
 // The file of a finding, as the caller of a command finds it.
 std::string FindingPath(const std::string& scene, const Finding& finding);
 

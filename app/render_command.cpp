@@ -192,17 +192,15 @@ std::string StopText() {
          std::to_string(100 * samples / pixels) + " % of their pixels, the others are black";
 }
 
-// Why a strict render must not begin; empty if the scene, which is read by this, has no error. Counts from
-// the scene folder, which is the current directory.
-std::string StrictObstacle(const std::string& scene) {
+// Reads the scene, which is the current directory. kExitFailed where a check finds an error.
+int LoadStrictly(const std::string& scene) {
   std::vector<Finding> findings;
-  std::string reason;
-  if (!LoadCheckedScene(findings, reason)) return reason + " ('" + scene + "')";
+  if (!LoadCheckedScene(findings)) return kExitFailed;
   std::erase_if(findings, [](const Finding& f) { return RowOf(f.code).severity != Severity::kError; });
-  if (findings.empty()) return {};
-  return "the scene has " + std::to_string(findings.size()) +
-         (findings.size() == 1 ? " error: " : " errors: ") + FindingPath(scene, findings[0]) + ":" +
-         std::to_string(findings[0].place.line) + ": " + findings[0].text + " ('zephlore check' names all)";
+  if (findings.empty()) return kExitDone;
+  const std::string place = FindingPath(scene, findings[0]) + ":" + std::to_string(findings[0].place.line);
+  return Fail("errors of the scene (" + std::to_string(findings.size()) + "), the first at " + place + ": " +
+              findings[0].text + " ('zephlore check' names all)");
 }
 
 // After Startup; the caller finalises whatever the result.
@@ -213,14 +211,12 @@ int RenderScene(const RenderOptions& options) {
   if (const std::error_code error = visit.Enter(options.scene))
     return Fail("cannot enter the scene folder '" + options.scene + "': " + error.message());
   if (options.strict) {
-    const std::string obstacle = StrictObstacle(options.scene);
-    if (Stopping()) return kExitDone;
-    if (!obstacle.empty()) return Fail(obstacle);
-  } else {
-    const bool loaded = LoadScene("./");
-    if (Stopping()) return kExitDone;
-    if (!loaded) return Fail("cannot read the scene folder '" + options.scene + "'");
+    const int status = LoadStrictly(options.scene);
+    if (status != kExitDone) return Stopping() ? kExitDone : status;
+  } else if (!LoadScene("./") && !Stopping()) {
+    return Fail("cannot read the scene folder '" + options.scene + "'");
   }
+  if (Stopping()) return kExitDone;
   if (cameras.empty()) return Fail("there is no camera in the scene '" + options.scene + "'");
   ApplyOptions(options, cameras.front());
   Initialize();

@@ -47,8 +47,10 @@ void AssignLevel(std::int32_t index, int level, std::vector<bool>& onPath, std::
 
 void PrintCut(const InstanceCut& cut) {
   const std::string& name = At(cut.object).name;
-  PrintError(cut.isCycle ? "object - " + name + " places " + At(cut.placed).name + " in itself"
-                         : "object - more than 16 instance levels at " + name);
+  if (cut.isCycle)
+    PrintError("object - " + name + " places " + At(cut.placed).name + " in itself");
+  else
+    PrintError("object - more than 16 instance levels at " + name);
   PrintRule();
 }
 
