@@ -1,8 +1,11 @@
 // fuzz/fuzz.h: what the fuzz targets share. A target hands any bytes to one reader and then requires that
-// what the reader left is well formed; sanitizers watch the rest. With the preset `fuzz` libFuzzer drives a
-// target, elsewhere fuzz/driver.cpp does. What made a target stop belongs into its corpus.
+// what the reader left is well formed; sanitizers watch the rest. With the presets `fuzz` (sanitizers) and
+// `fuzz-fast` (none) libFuzzer drives a target, elsewhere fuzz/driver.cpp does. What made a target stop
+// belongs into its corpus.
 //   cmake --preset fuzz && cmake --build --preset fuzz
-//   mkdir found && build/fuzz/zp_fuzz_obj -max_total_time=600 found fuzz/corpus/obj
+//   mkdir found && build/fuzz/zp_fuzz_obj -runs=10000000 -entropic=0 -timeout=5 found fuzz/corpus/obj
+//   build/release/zp_fuzz_obj found runs=10000000
+// libFuzzer's entropic schedule takes more time than a reader does, once the corpus has grown.
 
 #pragma once
 

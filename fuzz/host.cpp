@@ -10,6 +10,7 @@
 #include "core/console.h"
 #include "frame/zp.h"
 #include "fuzz.h"
+#include "lights/lights.h"
 
 namespace {
 
@@ -315,17 +316,17 @@ void Lights(Bytes& in) {
   }
 }
 
-// The two lights that are always there cast a million photons each by default.
+// The two lights that are always there cast a million photons each by default, as often as something resets
+// them.
 void FewPhotons() {
-  zpSetSkyLightPhoton(64);
-  zpSetGeometryLightPhoton(64);
+  zp::skyLight.photon = std::min(zp::skyLight.photon, 64);
+  zp::geometryLight.photon = std::min(zp::geometryLight.photon, 64);
 }
 
 void LifeCycle(Bytes& in) {
   switch (in.Below(22)) {
     case 0:
-      zpStartup();
-      return FewPhotons();
+      return zpStartup();
     case 1:
       return zpShutdown();
     case 2:
@@ -343,13 +344,11 @@ void LifeCycle(Bytes& in) {
     case 8:
       return zpInitializeSkyLight();
     case 9:
-      zpFinalizeSkyLight();
-      return FewPhotons();
+      return zpFinalizeSkyLight();
     case 10:
       return zpInitializeGeometryLight();
     case 11:
-      zpFinalizeGeometryLight();
-      return FewPhotons();
+      return zpFinalizeGeometryLight();
     case 12:
       return zpInitializeAccelerator();
     case 13:
@@ -362,8 +361,7 @@ void LifeCycle(Bytes& in) {
     case 17:
       return zpInitialize();
     case 18:
-      zpFinalize();
-      return FewPhotons();
+      return zpFinalize();
     case 19:
     case 20:
       return zpRender();
@@ -384,8 +382,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   zp::FinalizeAccelerator();
   Bytes in{data, data + size};
   if (in.Chance(7, 8)) zpStartup();
-  FewPhotons();
   while (in.at < in.end) {
+    FewPhotons();
     const int family = in.Below(16);
     if (family < 1)
       Settings(in);
@@ -402,7 +400,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     else {  // what a host does in the end
       zpInitialize();
       zpRender();
-      FewPhotons();
     }
   }
   zpFinalize();
