@@ -97,7 +97,7 @@ void PrintCountRow(std::string_view name, std::uint64_t count, float megabytes) 
   Put(name);
   PutInteger(count);
   char text[512];
-  const int length = std::snprintf(text, sizeof text, "%16.4f", static_cast<double>(megabytes));
+  const int length = std::snprintf(text, sizeof text, "%16.4f ", static_cast<double>(megabytes));
   if (length > 0) Put({text, static_cast<std::size_t>(length)});
   PutUnit("M bytes");
   End();

@@ -53,6 +53,17 @@ bool SamePose(const CameraPose& a, const CameraPose& b) {
          a.upVector == b.upVector && a.target == b.target;
 }
 
+void CompletePose(Camera& camera, int index) {
+  const int missing = camera.poseWritten[1 - index] & ~camera.poseWritten[index];
+  const CameraPose& other = camera.poses[1 - index];
+  CameraPose& pose = camera.poses[index];
+  if ((missing & kPosePosition) != 0) pose.position = other.position;
+  if ((missing & kPoseTarget) != 0) pose.target = other.target;
+  if ((missing & kPoseUpVector) != 0) pose.upVector = other.upVector;
+  if ((missing & kPoseBokeh) != 0) pose.bokeh = other.bokeh;
+  if ((missing & kPoseFieldOfView) != 0) pose.fieldOfView = other.fieldOfView;
+}
+
 // Turns the pinhole ray into one through a random point of the lens. All of a pixel's rays meet at the focus
 // point and are uniform over the cone of half angle `bokeh` around the pinhole ray.
 void PassThroughLens(const CameraPose& pose, RayRecord& ray) {
@@ -109,6 +120,11 @@ void PrintReport(const Camera& camera) {
 
 Camera::Camera() : aovs(1) { aovs[0].image.fileName = DefaultBeautyName(); }
 
+void CompletePoses(Camera& camera) {
+  CompletePose(camera, 0);
+  CompletePose(camera, 1);
+}
+
 void InitializeCameras() {
   for (Camera& camera : cameras) {
     camera.sample = std::clamp(camera.sample, 1, kMostSamples);
@@ -117,8 +133,7 @@ void InitializeCameras() {
     camera.regionYMin = std::max(0, camera.regionYMin);
     camera.regionXMax = std::min(camera.width, camera.regionXMax);
     camera.regionYMax = std::min(camera.height, camera.regionYMax);
-    for (int i = 0; i < 2; ++i)
-      if (!camera.poseWritten[i] && camera.poseWritten[1 - i]) camera.poses[i] = camera.poses[1 - i];
+    CompletePoses(camera);
     for (CameraPose& pose : camera.poses) DerivePose(pose, static_cast<float>(camera.width));
     camera.moving = !SamePose(camera.poses[0], camera.poses[1]);
     AllocateAovs(camera);

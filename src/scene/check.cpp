@@ -173,7 +173,8 @@ void CheckObjects(SceneNotes& notes) {
 void CheckCameras(SceneNotes& notes) {
   if (notes.cameras.empty()) Error(notes, {"camera", 0}, "there is no camera");
   for (const NotedCamera& noted : notes.cameras) {
-    const Camera& camera = cameras[noted.camera];
+    Camera& camera = cameras[noted.camera];
+    CompletePoses(camera);
     if (noted.camera > 0) Warning(notes, noted.place, "only the first camera is rendered");
     if (camera.poseCount == 0) Error(notes, noted.place, "the camera has no pose");
     if (camera.width < 1 || camera.height < 1) Error(notes, noted.place, "the camera has no pixels");
