@@ -41,7 +41,8 @@ class ProgressLine {
   }
   ~ProgressLine() {
     passReporter = nullptr;
-    if (width > 0) std::fputc('\n', stderr);
+    if (openErrorLine) std::fputc('\n', stderr);
+    openErrorLine = false;
   }
   ProgressLine(const ProgressLine&) = delete;
   ProgressLine& operator=(const ProgressLine&) = delete;
@@ -64,6 +65,7 @@ class ProgressLine {
     std::fprintf(stderr, "\r%-*s", width, text);
     std::fflush(stderr);
     width = std::max(width, length);
+    openErrorLine = true;
   }
 
   Clock::time_point start = Clock::now();
@@ -127,6 +129,8 @@ bool CanWrite(const std::string& name) {
 // Why the initialised scene has nothing to show; empty if it has.
 std::string NothingToRender(const Camera& camera) {
   if (camera.width < 1 || camera.height < 1) return "the camera has no pixels";
+  for (const Aov& aov : camera.aovs)
+    if (PixelBytes(aov.image) == 0) return "not enough memory for the camera's images";
   if (camera.regionXMin >= camera.regionXMax || camera.regionYMin >= camera.regionYMax)
     return "the region holds no pixels of the picture";
   return {};
@@ -195,6 +199,7 @@ int RunRender(const RenderOptions& options) {
   settings.previewWindow = settings.previewReturns = options.preview;
   omp_set_num_threads(options.threads ? *options.threads : std::min(omp_get_max_threads(), kMaxThreads));
   SetConsoleQuiet(options.quiet);
+  TellErrors();
   missingFiles = 0;
   StopOnSignals();
   Startup(options.seed);

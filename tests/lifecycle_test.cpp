@@ -180,8 +180,8 @@ TEST_F(Lifecycle, LightsLastForOneFrame) {
   std::filesystem::remove_all(folder);
 }
 
-// A host may call the finer functions in any order that ends with the accelerator and the renderer: photons of
-// all lights are aimed at bounds that are known by then.
+// A host may call the finer functions in any order that ends with the accelerator and the renderer: photons
+// of all lights are aimed at bounds that are known by then.
 TEST_F(Lifecycle, FinerInitialisersAimAllPhotons) {
   const auto render = [](std::initializer_list<void (*)()> calls) {
     std::vector<float> pixels(3 * 8 * 8);

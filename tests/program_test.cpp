@@ -105,6 +105,10 @@ TEST_F(Program, WrongUsageIsStatusTwoAndOneLine) {
       {"view in.hdr out.png --exposure ", "bright", "nan"}};
   for (const std::vector<std::string>& group : words)
     for (std::size_t i = 1; i < group.size(); ++i) ExpectFailure(group[0] + group[i], 2);
+  for (const auto& [typed, meant] : {std::pair{"rendr ../scene", "'render'"},
+                                     {"render ../scene --samples 4", "'--sample'"},
+                                     {"view --exposur=1 a.hdr b.png", "'--exposure'"}})
+    EXPECT_NE(Run(typed).errors.find("did you mean " + std::string(meant)), std::string::npos) << typed;
   EXPECT_TRUE(WorkFiles().empty());
 }
 
@@ -120,13 +124,18 @@ TEST_F(Program, SceneThatCannotBeRenderedIsStatusOneAndOneLine) {
     ExpectFailure("render " + std::string(arguments), 1);
     EXPECT_EQ(WorkFiles(), (std::vector<std::string>{"folder.hdr", "old.hdr"})) << arguments;
   }
+  // Cells beyond a gigabyte.
+  WriteFile(root / "scene/render/b.zp", "render\nfinal_gather\ndistance 1\nresolution 5e-8\nend\nend\n");
+  ExpectFailure("render ../scene --quiet", 1);
+  fs::remove(root / "scene/render/b.zp");
   // A failed save loses no old file.
   WriteScene("image \"missing/second.hdr\"\ntype \"depth\"\n");
   ExpectFailure("render ../scene --quiet --output old.hdr", 1);
   EXPECT_EQ(ReadFile(work / "old.hdr"), "old");
 }
 
-// Each kind of file that a scene can lack. Without --strict nothing changes; with it only the status does.
+// Each kind of file that a scene can lack is told, quiet or not, and once. Without --strict nothing else
+// changes; with it only the status does.
 TEST_F(Program, StrictTellsMissingFilesOfTheScene) {
   WriteScene();
   EXPECT_EQ(Run("render ../scene --quiet --strict --seed 3 --output a.pfm").status, 0);
@@ -142,10 +151,15 @@ TEST_F(Program, StrictTellsMissingFilesOfTheScene) {
       {"scene/shader/b.zp", shaderWith("shader/b.zp")}};
   for (const auto& [file, text] : losses) {
     WriteFile(root / file, text);
-    EXPECT_EQ(Run("render ../scene --quiet --seed 3 --output b.pfm").status, 0) << text;
+    const Outcome lax = Run("render ../scene --seed 3 --output b.pfm");
+    EXPECT_EQ(lax.status, 0) << text;
+    EXPECT_EQ(lax.output.find("error :("), std::string::npos) << text;
+    EXPECT_TRUE(lax.errors.starts_with("error :( \t")) << text << lax.errors;
     const Outcome strict = Run("render ../scene --quiet --strict --seed 3 --output c.pfm");
     EXPECT_EQ(strict.status, 1) << text;
-    EXPECT_EQ(CountLines(strict.errors), 1U) << text << strict.errors;
+    EXPECT_EQ(strict.output, "") << text;
+    EXPECT_EQ(strict.errors.find(lax.errors), 0U) << text << strict.errors;
+    EXPECT_EQ(CountLines(strict.errors), CountLines(lax.errors) + 1) << text << strict.errors;
     const std::string picture = ReadFile(work / "c.pfm");
     EXPECT_TRUE(!picture.empty() && picture == ReadFile(work / "b.pfm")) << text;
     fs::remove(root / file);

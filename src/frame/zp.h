@@ -198,7 +198,8 @@ void zpShutdown() noexcept;
 /// Renders one scene folder from start-up to shut-down, with all output in files; a host calls nothing else
 /// around it. `folder` is the path of a scene folder, of which `shader`, `render`, `light`, `camera` and
 /// `geometry` are read. A folder that is not there gives an error row, and the run goes on with an empty
-/// scene. Settings that zpStartup() resets cannot be set before; those that carry over and
+/// scene. Paths of models that are not there from the working directory are tried from the scene folder.
+/// Settings that zpStartup() resets cannot be set before; those that carry over and
 /// zpSetPreviewWindow() can. Tables are not emptied at the start: what a host has added before is rendered
 /// along, its first camera first.
 void zpGo(const char* folder) noexcept;

@@ -35,7 +35,7 @@ std::int32_t LevelFor(float area) {
 }
 
 [[noreturn]] void EndForMemory() {
-  PrintLine("density estimator consumes more than 1GB memory.");
+  PrintFatal("density estimator consumes more than 1GB memory.");
   PrintRule();
   std::exit(1);
 }

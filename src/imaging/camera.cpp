@@ -7,6 +7,7 @@
 
 #include "core/console.h"
 #include "core/random.h"
+#include "core/release.h"
 #include "core/tables.h"
 #include "imaging/imaging.h"
 
@@ -97,13 +98,18 @@ void AimSpherical(const Camera& camera, const CameraPose& pose, float x, float y
                   std::sin(a) * std::sin(b) * pose.forward;
 }
 
-// Black pixels for every AOV. Without the memory for them the camera is left with nothing to render.
+// Black pixels for every AOV. Without the memory for them the camera is left with nothing to render, and no
+// AOV with pixels.
 void AllocateAovs(Camera& camera) {
   try {
     for (Aov& aov : camera.aovs) InitializeAov(aov, camera.width, camera.height);
   } catch (const std::bad_alloc&) {
     PrintError("camera - not enough memory for its images");
     camera.regionXMax = camera.regionYMax = 0;
+    for (Aov& aov : camera.aovs) {
+      Release(aov.image.floatPixels);
+      aov.image.width = aov.image.height = 0;
+    }
   }
 }
 

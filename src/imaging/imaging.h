@@ -152,7 +152,8 @@ struct Camera {
   AngleMeasure angleMeasure = {};  // Intended: never read, angles are in degrees
   std::int32_t poseIndex = 0;      // the pose that setters write
   CameraPose poses[2];             // shutter open and close
-  std::uint8_t poseWritten[2] = {};  // PoseField bits; a field that nobody wrote is a copy of the other pose's
+  std::uint8_t poseWritten[2] =
+      {};  // PoseField bits; a field that nobody wrote is a copy of the other pose's
   std::string name;
   Vec3 exposure = {1, 1, 1};   // Intended: never applied
   std::int32_t poseCount = 0;  // pose blocks read so far

@@ -1,5 +1,6 @@
 #include "core/settings.h"
 #include "scene/blocks.h"
+#include "scene/scene.h"
 
 namespace zp {
 namespace {
@@ -116,7 +117,12 @@ void ReadRenderSection(SceneText& text) {
     if (keyword == "gamma") return ReadNumber(line, settings.displayGamma);
     if (keyword == "exposure") return ReadNumber(line, settings.exposure);
     if (keyword == "final_gather") return ReadFinalGatherBlock(text);
-    if (keyword == "image_path") return ReadName(line, NameKind::kFolder, imageSearchPaths.emplace_back());
+    if (keyword == "image_path") {
+      std::string& folder = imageSearchPaths.emplace_back();
+      ReadName(line, NameKind::kFolder, folder);
+      folder = ScenePath(folder);
+      return true;
+    }
     return false;
   });
 }

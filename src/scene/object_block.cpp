@@ -2,6 +2,7 @@
 
 #include "geometry/geometry.h"
 #include "scene/blocks.h"
+#include "scene/scene.h"
 
 namespace zp {
 namespace {
@@ -93,7 +94,7 @@ bool ReadModel(SceneText& text, Line& line, NotedObject& noted, std::size_t inde
   noted.hasObj = true;
   const std::string name = ReadString(line);
   Object& object = objectTable[index];
-  const bool opened = ReadObjFile(name, object.parts.emplace_back());
+  const bool opened = ReadObjFile(ScenePath(name), object.parts.emplace_back());
   if (!text.notes) return true;
   if (!opened) NoteLine(line, Severity::kError, "cannot open the file " + Quoted(name));
   if (opened) text.notes->models.push_back({line.Place(), name, index, object.parts.size() - 1});
@@ -111,7 +112,7 @@ bool ReadOwnPart(SceneText& text, std::string_view keyword, Line& line, Object& 
     if (text.notes) NotePicture(line.Place(), keyword, name, result);
     return true;
   }
-  const bool read = hair ? ReadHairFile(name, part) : ReadFurFile(name, part);
+  const bool read = hair ? ReadHairFile(ScenePath(name), part) : ReadFurFile(ScenePath(name), part);
   if (text.notes && !read)
     NoteLine(line, Severity::kError,
              (hair ? "cannot open or read the file " : "cannot open the file ") + Quoted(name));
