@@ -124,10 +124,6 @@ TEST_F(Program, SceneThatCannotBeRenderedIsStatusOneAndOneLine) {
     ExpectFailure("render " + std::string(arguments), 1);
     EXPECT_EQ(WorkFiles(), (std::vector<std::string>{"folder.hdr", "old.hdr"})) << arguments;
   }
-  // Cells beyond a gigabyte.
-  WriteFile(root / "scene/render/b.zp", "render\nfinal_gather\ndistance 1\nresolution 5e-8\nend\nend\n");
-  ExpectFailure("render ../scene --quiet", 1);
-  fs::remove(root / "scene/render/b.zp");
   // A failed save loses no old file.
   WriteScene("image \"missing/second.hdr\"\ntype \"depth\"\n");
   ExpectFailure("render ../scene --quiet --output old.hdr", 1);
