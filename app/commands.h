@@ -61,6 +61,12 @@ std::string FindingPath(const std::string& scene, const Finding& finding);
 // Prints the one line of a failing command and returns `status`. Line ends inside the message become blanks.
 int Fail(std::string_view message, ExitStatus status = kExitFailed);
 
+// Puts errors of the scene on the error stream, one row each, in place of the output stream.
+void TellErrors();
+
+// A line on the error stream waits for its end: what is written there next ends it first.
+inline bool openErrorLine = false;
+
 // Makes `folder` the current directory until it goes out of scope or Leave is called.
 class DirectoryVisit {
  public:

@@ -5,10 +5,12 @@
 #include <charconv>
 #include <cmath>
 #include <csignal>
+#include <cstdlib>
 #include <exception>
 
 #include "commands.h"
 #include "core/ray.h"
+#include "core/words.h"
 
 namespace zp {
 namespace {
@@ -118,6 +120,41 @@ void AddCheck(CLI::App& app, CheckOptions& options) {
   check->add_flag("--json", options.json, "A JSON object for each finding, one a line");
 }
 
+// ", did you mean ...?" for the first word that names no verb or option but nearly does; empty without one.
+std::string Suggestion(const CLI::App& app, int argc, char** argv) {
+  std::vector<std::string_view> words;
+  const std::vector<CLI::App*> verbs = app.get_subcommands();
+  if (verbs.empty()) {
+    const std::vector<const CLI::App*> all = app.get_subcommands([](const CLI::App*) { return true; });
+    for (const CLI::App* verb : all) words.push_back(verb->get_name());
+    const std::string_view nearest = argc > 1 ? NearestWord(argv[1], words) : std::string_view();
+    return nearest.empty() ? "" : ", did you mean '" + std::string(nearest) + "'?";
+  }
+  for (const CLI::Option* option : verbs.front()->get_options())
+    for (const std::string& name : option->get_lnames()) words.push_back(name);
+  for (int i = 2; i < argc && std::string_view(argv[i]) != "--"; i++) {
+    const std::string_view argument = argv[i];
+    if (!argument.starts_with('-')) continue;
+    const std::string_view name = argument.substr(std::min(argument.find_first_not_of('-'), argument.size()));
+    const std::string_view nearest = NearestWord(name.substr(0, name.find('=')), words);
+    if (!nearest.empty()) return ", did you mean '--" + std::string(nearest) + "'?";
+  }
+  return {};
+}
+
+// Memory that runs out within a parallel loop, where no handler outside can catch it.
+[[noreturn]] void EndUncaught() {
+  try {
+    if (const std::exception_ptr reason = std::current_exception()) std::rethrow_exception(reason);
+  } catch (const std::bad_alloc&) {
+    Fail("not enough memory");
+    std::_Exit(kExitFailed);
+  } catch (...) {
+    std::abort();
+  }
+  std::abort();
+}
+
 int Run(int argc, char** argv) {
   RenderOptions renderOptions;
   CheckOptions checkOptions;
@@ -132,7 +169,7 @@ int Run(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
-    return Fail(std::string(error.what()) + " (see zephlore --help)", kExitUsage);
+    return Fail(error.what() + Suggestion(app, argc, argv) + " (see zephlore --help)", kExitUsage);
   }
   if (app.got_subcommand("check")) return RunCheck(checkOptions);
   return app.got_subcommand("render") ? RunRender(renderOptions) : RunView(viewOptions);
@@ -146,6 +183,7 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
   zp::EnlargeStacks();
+  std::set_terminate(zp::EndUncaught);
   try {
     return zp::Run(argc, argv);
   } catch (const std::bad_alloc&) {

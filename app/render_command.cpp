@@ -45,7 +45,8 @@ class ProgressLine {
   }
   ~ProgressLine() {
     frameObserver = {};
-    if (width > 0) std::fputc('\n', stderr);
+    if (openErrorLine) std::fputc('\n', stderr);
+    openErrorLine = false;
   }
   ProgressLine(const ProgressLine&) = delete;
   ProgressLine& operator=(const ProgressLine&) = delete;
@@ -73,6 +74,7 @@ class ProgressLine {
     std::fprintf(stderr, "\r%-*s", width, text);
     std::fflush(stderr);
     width = std::max(width, length);
+    openErrorLine = true;
   }
 
   Clock::time_point start = Clock::now(), shown = start;
@@ -133,6 +135,8 @@ std::string FailureText(const std::vector<SaveFailure>& failures) {
 // Why the initialised scene has nothing to show; empty if it has.
 std::string NothingToRender(const Camera& camera) {
   if (camera.width < 1 || camera.height < 1) return "the camera has no pixels";
+  for (const Aov& aov : camera.aovs)
+    if (PixelBytes(aov.image) == 0) return "not enough memory for the camera's images";
   if (camera.regionXMin >= camera.regionXMax || camera.regionYMin >= camera.regionYMax)
     return "the region holds no pixels of the picture";
   return {};
@@ -248,6 +252,7 @@ int RunRender(const RenderOptions& options) {
   settings.previewWindow = settings.previewReturns = options.preview;
   omp_set_num_threads(options.threads ? *options.threads : std::min(omp_get_max_threads(), kMaxThreads));
   SetConsoleQuiet(options.quiet);
+  TellErrors();
   missingFiles = 0;
   StopOnSignals();
   Startup(options.seed);

@@ -78,14 +78,14 @@ int AddGlass(const char* name, Color color) {
   return shader;
 }
 
-// Emission as radiance, of the front side only. A virtual light is sampled directly, with shadow rays of the
-// geometry light (see SetUpLights); without it only paths that happen to meet the surface find its light.
+// Emission as radiance, of the front side only. Paths find its light where they meet the surface. (A virtual
+// light is sampled as well, but of the right brightness only at pi / 18481 square units and far too dark at
+// the size of these panels. For a small lamp take a point light with a blur.)
 int AddEmitter(const char* name, Color radiance) {
   const int shader = AddShader(name);
   const int layer = zpAddSurfaceShader(shader);
   SetColor(shader, layer, Element::kEmissive, radiance);
   zpSetSurfaceSideness(shader, layer, Sideness::kFace);
-  zpSetSurfaceVirtualLight(shader, layer, true);
   return shader;
 }
 
@@ -331,10 +331,7 @@ void SetUpLights() {
   zpSetPointLightBlur(spot, 0.15f);
   zpSetPointLightSample(spot, 64);
 
-  // The panels: shadow rays to surfaces that are virtual lights. The default is none, and again a million
-  // photons.
-  zpSetGeometryLightSample(64);
-  zpSetGeometryLightPhoton(0);
+  zpSetGeometryLightPhoton(0);  // of the panels; the default is again a million
 }
 
 void SetUpRenderer() {

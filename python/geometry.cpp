@@ -1,6 +1,6 @@
 // Objects, Parts and Instances.
 
-#include "binding.h"
+#include "tables.h"
 
 namespace zp::python {
 namespace {
@@ -32,6 +32,7 @@ void DefineFloats(py::module_& m, void (*function)(int, int, int, const float*),
       row.name,
       [=](int object, int part, const ArrayLike& data) {
         RequireIdle();
+        RequireRecord(row.name, kParts, {object, part});
         const Wanted wanted = {row.name, row.argument};
         const py::array array = ToArray(data, wanted, ShapeOf(row.width), "biuf");
         RequireShape(array, wanted, row.width);
@@ -46,6 +47,7 @@ void DefineIntegers(py::module_& m, void (*function)(int, int, int, const int*),
       row.name,
       [=](int object, int part, const ArrayLike& data) {
         RequireIdle();
+        RequireRecord(row.name, kParts, {object, part});
         const Wanted wanted = {row.name, row.argument};
         const py::array array = ToArray(data, wanted, ShapeOf(row.width), "iu");
         RequireShape(array, wanted, row.width);
@@ -58,6 +60,7 @@ void DefineIntegers(py::module_& m, void (*function)(int, int, int, const int*),
 // The kind of zpAddVertexData is the number of columns.
 void AddVertexData(int object, int part, const Name& name, const ArrayLike& values) {
   RequireIdle();
+  RequireRecord("add_vertex_data", kParts, {object, part});
   const Wanted wanted = {"add_vertex_data", "values"};
   const char* shape = "[n], [n, 2] or [n, 3]";
   const py::array array = ToArray(values, wanted, shape, "biuf");
@@ -71,18 +74,21 @@ void AddVertexData(int object, int part, const Name& name, const ArrayLike& valu
 
 void SetInstance(int object, int instance, int target, const ArrayLike& matrix, int shader) {
   RequireIdle();
+  RequireRecord("set_instance", kInstances, {object, instance});
   zpSetInstance(object, instance, target, ToMatrix<4>(matrix, {"set_instance", "matrix"}).Hand(), shader);
 }
 
 }  // namespace
 
 void DefineGeometry(py::module_& m) {
-  Define(m, "add_object", zpAddObject, "Appends an object and returns its index.");
-  Define(m, "set_object_name", zpSetObjectName, "object"_a, "name"_a, "Free text. Default empty.");
-  Define(m, "add_part", zpAddPart, "object"_a,
-         "Appends a part to an object and returns its index, or -1 without such an object.");
-  Define(m, "set_shader_id", zpSetShaderID, "object"_a, "part"_a, "shader"_a,
-         "The shader of the triangles and tetragons that are added next. Default 0, \"undefined\".");
+  DefineAdd<kObjects>(m, "add_object", zpAddObject, "Appends an object and returns its index.");
+  DefineSetter<kObjects>(m, "set_object_name", zpSetObjectName, "object"_a, "name"_a,
+                         "Free text. Default empty.");
+  DefineAdd<kParts>(m, "add_part", zpAddPart, "object"_a,
+                    "Appends a part to an object and returns its index.");
+  DefineSetter<kParts>(
+      m, "set_shader_id", zpSetShaderID, "object"_a, "part"_a, "shader"_a,
+      "The shader of the triangles and tetragons that are added next. Default 0, \"undefined\".");
   DefineFloats(m, zpAddPositions,
                {"add_positions", "positions", 3,
                 "positions: [n, 3], scene units, appended. The vertices that all else counts from 0."});
@@ -110,8 +116,8 @@ void DefineGeometry(py::module_& m) {
   m.def("add_vertex_data", AddVertexData, "object"_a, "part"_a, "name"_a, "values"_a,
         "values: [n], [n, 2] or [n, 3], one a vertex or none; a new set of that name.\n"
         "\"motion\" [n, 3] moves vertices over the frame; an AOV of user data shows the set it names.");
-  Define(m, "add_instance", zpAddInstance, "object"_a,
-         "Appends an instance to an object and returns its index, or -1 without such an object.");
+  DefineAdd<kInstances>(m, "add_instance", zpAddInstance, "object"_a,
+                        "Appends an instance to an object and returns its index.");
   m.def("set_instance", SetInstance, "object"_a, "instance"_a, "target"_a, "matrix"_a = py::none(),
         "shader"_a = -1,
         "Places the object `target` in `object`.\nmatrix: [4, 4], target to object, for columns: the "

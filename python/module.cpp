@@ -1,10 +1,13 @@
 // The module `zp._zp`: enumerations, life cycle, rendering and its settings. The other families have files of
 // their own.
 
+#include <dirent.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <initializer_list>
 
-#include "binding.h"
+#include "tables.h"
 
 namespace zp::python {
 namespace {
@@ -75,41 +78,92 @@ void DefineEnums(py::module_& m) {
                           {"ALL", Visibility::kAll}});
 }
 
+// Raises FileNotFoundError and its kin. Inside a long call.
+void RequireFolder(const char* path) {
+  if (DIR* folder = opendir(path)) {
+    closedir(folder);
+    return;
+  }
+  const int reason = errno;
+  const py::gil_scoped_acquire lock;
+  errno = reason;
+  PyErr_SetFromErrnoWithFilename(PyExc_OSError, path);
+  throw py::error_already_set();
+}
+
+// Life cycle, with the count of records kept in step.
+void Startup() {
+  zpStartup();
+  NoteStartup();
+}
+void Go(const char* folder) {
+  RequireFolder(folder);
+  zpGo(folder);
+  ForgetAllTables();
+}
+void Render() {
+  zpRender();
+  ForgetLights();
+}
+void Finalize() {
+  zpFinalize();
+  ForgetAllTables();
+}
+void FinalizeCameras() {
+  zpFinalizeCameras();
+  ForgetTable(kCameras);
+}
+void FinalizeShaders() {
+  zpFinalizeShaders();
+  ForgetTable(kShaders);
+}
+void FinalizeGaffer() {
+  zpFinalizeGaffer();
+  ForgetTable(kPointLights);
+  ForgetTable(kParallelLights);
+}
+void FinalizeSkyLight() {
+  zpFinalizeSkyLight();
+  ForgetTable(kSkyAovs);
+}
+void FinalizeAccelerator() {
+  zpFinalizeAccelerator();
+  ForgetTable(kObjects);
+}
+
 void DefineLifeCycle(py::module_& m) {
-  DefineLong(m, "startup", zpStartup,
+  DefineLong(m, "startup", Startup,
              "Prints the banner, fills tables, sets defaults.\nFirst of all calls; go includes it.");
   DefineLong(m, "shutdown", zpShutdown, "Last of all calls. startup may follow for another scene.");
-  DefineLong(m, "go", zpGo, "folder"_a,
+  DefineLong(m, "go", Go, "folder"_a,
              "Renders one scene folder from startup to shutdown; nothing else is called around it.\n"
-             "Images are written to the working directory. A folder that is missing prints a row.");
+             "Images are written to the working directory. Raises FileNotFoundError or another OSError\n"
+             "for a folder that cannot be read.");
   DefineLong(m, "initialize", zpInitialize,
              "Readies all that was added: cameras, shaders, accelerator, lights, renderer (photons, too).\n"
              "After all additions, before render.");
-  DefineLong(m, "finalize", zpFinalize,
+  DefineLong(m, "finalize", Finalize,
              "Writes all images once more and empties all tables; indices are void from here on.");
   DefineLong(m, "initialize_cameras", zpInitializeCameras,
              "Limits cameras, makes their images black.\nThe parts of initialize follow the order: cameras, "
-             "shaders, accelerator, sky light, gaffer, renderer.");
-  DefineLong(m, "finalize_cameras", zpFinalizeCameras,
-             "Writes the images of all cameras, empties the table.");
+             "shaders; gaffer, sky light, accelerator; renderer.");
+  DefineLong(m, "finalize_cameras", FinalizeCameras, "Writes the images of all cameras, empties the table.");
   DefineLong(m, "initialize_shaders", zpInitializeShaders,
              "Loads textures, fills shaders without layers from the shader \"undefined\".");
-  DefineLong(m, "finalize_shaders", zpFinalizeShaders, "Empties the table of shaders.");
-  DefineLong(m, "initialize_gaffer", zpInitializeGaffer,
-             "Readies point and parallel lights.\nAfter the accelerator and the sky light.");
-  DefineLong(m, "finalize_gaffer", zpFinalizeGaffer,
+  DefineLong(m, "finalize_shaders", FinalizeShaders, "Empties the table of shaders.");
+  DefineLong(m, "initialize_gaffer", zpInitializeGaffer, "Readies point and parallel lights.");
+  DefineLong(m, "finalize_gaffer", FinalizeGaffer,
              "Writes the images of point and parallel lights, empties both tables.");
   DefineLong(m, "initialize_sky_light", zpInitializeSkyLight, "Loads the sky's images, tables their light.");
-  DefineLong(m, "finalize_sky_light", zpFinalizeSkyLight,
+  DefineLong(m, "finalize_sky_light", FinalizeSkyLight,
              "Writes the sky's images, puts its defaults back but for image and backdrop.");
   DefineLong(m, "initialize_geometry_light", zpInitializeGeometryLight,
              "The same as initialize_sky_light, on purpose.\n"
              "The geometry light is readied by initialize, or by initialize_renderer if it was not.");
-  DefineLong(m, "finalize_geometry_light", zpFinalizeGeometryLight,
-             "The same as finalize_sky_light, on purpose.");
+  DefineLong(m, "finalize_geometry_light", FinalizeSkyLight, "The same as finalize_sky_light, on purpose.");
   DefineLong(m, "initialize_accelerator", zpInitializeAccelerator,
              "Prepares all objects and builds the trees that rays walk.");
-  DefineLong(m, "finalize_accelerator", zpFinalizeAccelerator, "Empties the table of objects.");
+  DefineLong(m, "finalize_accelerator", FinalizeAccelerator, "Empties the table of objects.");
   DefineLong(m, "initialize_renderer", zpInitializeRenderer, "Limits the settings, casts photons.");
   DefineLong(m, "finalize_renderer", zpFinalizeRenderer,
              "Drops photons; puts ray depth, photon depth, sample and radius back.");
@@ -122,6 +176,8 @@ py::array_t<float> RenderPixels(int width, int height, int pass) {
         "zp.render_pixels: width and height must be at least 1, their product a 32-bit "
         "number, not " +
         std::to_string(width) + " and " + std::to_string(height));
+  RequireIdle();
+  RequireFrame("render_pixels", width, height);
   py::array_t<float> pixels(std::vector<py::ssize_t>{height, width, 3});
   float* out = pixels.mutable_data();
   {
@@ -135,13 +191,14 @@ py::array_t<float> RenderPixels(int width, int height, int pass) {
 
 void DefineRendering(py::module_& m) {
   DefineLong(
-      m, "render", zpRender,
+      m, "render", Render,
       "Renders all passes of the first camera and writes the images. Between initialize and finalize.\n"
       "Afterwards the lights are gone: another render takes another scene.");
   m.def("render_pixels", RenderPixels, "width"_a, "height"_a, "pass_index"_a,
         "Renders one pass; returns an array [height, width, 3] of float32, linear RGB, top row first.\n"
-        "width, height: those of the first camera's region, which the library does not tell; another width\n"
-        "shears the picture, and what lies beyond the region is 0. The mean of all passes is the picture.\n"
+        "width, height: those of the first camera's region; others raise ValueError. The mean of all passes "
+        "is\n"
+        "the picture.\n"
         "Adds to the camera's other images, as render does. Before render, which puts the lights away.");
   Define(m, "set_preview_window", zpSetPreviewWindow, py::arg("show").noconvert(),
          "Whether render and go open a window. Default False.");

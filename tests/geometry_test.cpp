@@ -456,8 +456,8 @@ TEST_F(GeometryTest, ReportCountsElementsAndBytes) {
   object.bounds = {{-1, 0, 2}, {1, 4, 8}};
   const std::string report = Printed([&] { PrintObjectReport(object); });
   EXPECT_TRUE(
-      report.starts_with("positions          1048578          12.0000[ M bytes ]\n"
-                         "uv coords                0           0.0000[ M bytes ]\n"))
+      report.starts_with("positions          1048578          12.0000 [ M bytes ]\n"
+                         "uv coords                0           0.0000 [ M bytes ]\n"))
       << report;
   EXPECT_TRUE(
       report.ends_with(kRule + "bbox size             2.0000            4.0000            6.0000 [ m ]\n" +

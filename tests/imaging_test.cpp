@@ -465,7 +465,7 @@ class Cameras : public testing::Test {
     pose.target = {1, 12, 3};
     pose.upVector = {0, 0, 7};
     pose.fieldOfView = 90;
-    TheCamera().poseWritten[0] = true;
+    TheCamera().poseWritten[0] = kWholePose;
     TheCamera().width = 40;
     TheCamera().height = 20;
     TheCamera().sample = 4;
@@ -596,7 +596,15 @@ TEST_F(Cameras, PosesAndTheirInterpolation) {
   InitializeCameras();
   EXPECT_EQ(open.target, (Vec3{1, 12, 3}));
 
-  camera.poseWritten[0] = camera.poseWritten[1] = true;
+  // Of a pose in part the rest is the other's.
+  camera.poseWritten[0] = kPosePosition;
+  open = {};
+  InitializeCameras();
+  EXPECT_EQ(std::tuple(open.position, open.target, open.upVector, open.fieldOfView),
+            std::tuple(Vec3{0, 0, 0}, Vec3{1, 12, 3}, Vec3{0, 0, 7}, 90));
+
+  camera.poseWritten[0] = camera.poseWritten[1] = kWholePose;
+  open.position = {1, 2, 3};
   close.position = {5, 2, 3};
   close.target = {5, 2, 13};
   close.fieldOfView = 50;

@@ -61,6 +61,11 @@ std::size_t BinOf(double share, std::size_t bins) {
 double Turn(float x, float y) { return (std::atan2(double{y}, double{x}) / kPiD + 1) / 2; }
 std::size_t Octant(Vec3 v) { return (v.x > 0 ? 4u : 0u) + (v.y > 0 ? 2u : 0u) + (v.z > 0 ? 1u : 0u); }
 
+void Ready() {
+  InitializeGaffer();
+  AimPhotons();
+}
+
 // Whatever an earlier photon could have left in the ray is gone, except the thread.
 template <class Kind>
 RayRecord PhotonOf(const Kind& light, std::uint32_t s) {
@@ -98,7 +103,7 @@ TEST_F(GafferTest, SpotFactor) {
     light.direction = c.direction;
     light.innerAngle = c.inner;
     light.outerAngle = c.outer;
-    InitializeGaffer();
+    Ready();
     for (const auto& [degrees, factor] : c.factors) {
       const float angle = degrees * kPi / 180;
       const Vec3 off = {std::sin(angle), std::cos(angle), 0};
@@ -117,7 +122,7 @@ TEST_F(GafferTest, NothingIsInfinite) {
   for (PointLight& light : pointLights) light.photon = 16;
   parallelLights.emplace_back().photon = 16;  // nobody gave it a direction
   sceneRadius = 1;
-  InitializeGaffer();
+  Ready();
   for (const PointLight& light : pointLights)
     EXPECT_EQ(SampleLight(light, {1, 1, 1}, 0.5f, 0.5f).radiance, kBlack);
   EXPECT_EQ(SampleLight(pointLights[0], {1, 1, 1 + 1e-6f}, 0.5f, 0.5f).radiance, kBlack);
@@ -129,7 +134,7 @@ TEST_F(GafferTest, NothingIsInfinite) {
 TEST_F(GafferTest, BlurOfAPointLightIsAUniformSphere) {
   PointLight& light = AddPointLight({4, 5, 6});
   light.blur = 0.5f;
-  InitializeGaffer();
+  Ready();
   const Vec3 place = {9, 5, 6};
   std::vector<double> octants(8), bands[3];
   for (std::vector<double>& band : bands) band.resize(20);
@@ -153,7 +158,7 @@ TEST_F(GafferTest, ParallelLight) {
     ParallelLight& light = parallelLights.emplace_back();
     light.zAxis = axis;
     light.color = {1, 2, 3};
-    InitializeGaffer();
+    Ready();
     const Vec3 expected = axis * (1e8f / Length(axis * 1e8f));
     ExpectNear(light.zAxis, expected, 1e-6f);
     for (Vec3 a : {light.xAxis, light.yAxis}) EXPECT_NEAR(Dot(a, a), 1, 1e-5f);
@@ -170,7 +175,7 @@ TEST_F(GafferTest, BlurOfAParallelLightIsAUniformCone) {
   for (float degrees : {2.0f, 20.0f, 170.0f}) {
     light.zAxis = {1, 1, -1};
     light.blur = degrees;
-    InitializeGaffer();
+    Ready();
     std::vector<double> bins(5 * 8);
     const double height = 1 - std::cos(double{degrees} * kPiD / 180);
     for (int i = 0; i < 40000; ++i) {
@@ -215,7 +220,7 @@ TEST_F(GafferTest, PhotonsOfAPointLightInside) {
   spot.direction = 5 * axis;
   spot.innerAngle = 30;
   spot.outerAngle = 75;
-  InitializeGaffer();
+  Ready();
 
   // Intensity `color` everywhere, so that irradiance times squared distance is the same.
   const float cap = 0.8f;
@@ -235,7 +240,7 @@ TEST_F(GafferTest, PhotonsOfAPointLightOutside) {
     pointLights = {};
     PointLight& light = AddPointLight(sceneCenter + away, 0, 8000);
     light.color = {2, 1, 0.5f};
-    InitializeGaffer();
+    Ready();
     const float cosine = Length(away) / std::sqrt(Dot(away, away) + 16);
     const PhotonSums sums = SumPhotons(light, -SafeNormalize(away), 0.5f * (1 + cosine));
     ExpectNear(sums.power / (2 * kPi * (1 - cosine)), {2, 1, 0.5f}, 2e-3f);
@@ -248,11 +253,11 @@ TEST_F(GafferTest, PhotonsOfAPointLightOutside) {
     }
   }
   pointLights[0].photon = 0;
-  InitializeGaffer();
+  Ready();
   EXPECT_EQ(pointLights[0].power, kBlack);
   EXPECT_NE(SampleLight(pointLights[0], sceneCenter, 0, 0).radiance, kBlack);
   globalVolume.sigmaT = {0, 0, 0.1f};  // an atmosphere is lit from everywhere
-  InitializeGaffer();
+  Ready();
   EXPECT_TRUE(pointLights[0].inside);
 }
 
@@ -260,7 +265,7 @@ TEST_F(GafferTest, PhotonsOfABlurredPointLightStartOnItsSphere) {
   sceneRadius = 4;
   PointLight& light = AddPointLight({1, 2, 3}, 0, 4000);
   light.blur = 0.5f;
-  InitializeGaffer();
+  Ready();
   std::vector<double> bins(16);
   for (std::uint32_t s = 0; s < 4000; ++s) {
     const RayRecord ray = PhotonOf(light, s);
@@ -279,7 +284,7 @@ TEST_F(GafferTest, PhotonsOfAParallelLight) {
   light.zAxis = {1, 1, -1};
   light.color = {2, 1, 0.5f};
   light.photon = 4000;
-  InitializeGaffer();
+  Ready();
   ExpectNear(SumPhotons(light, light.zAxis, 0).power, 4 * kPi * light.color, 1e-2f);
   std::vector<double> disc(4 * 8);
   for (std::uint32_t s = 0; s < 4000; ++s) {
@@ -294,7 +299,7 @@ TEST_F(GafferTest, PhotonsOfAParallelLight) {
   ExpectShares(disc);
 
   light.blur = 10;
-  InitializeGaffer();
+  Ready();
   for (std::uint32_t s = 0; s < 4000; ++s)
     ASSERT_GE(Dot(PhotonOf(light, s).direction, light.zAxis), light.cosine - 1e-5f);
 }
@@ -325,12 +330,12 @@ TEST_F(GafferTest, RowsAndImages) {
   parallelLights[0].aovs[0].image.fileName = (folder / "parallel.hdr").string();
   SetConsoleQuiet(false);
   testing::internal::CaptureStdout();
-  InitializeGaffer();
+  Ready();
   const std::string rows = testing::internal::GetCapturedStdout();
   char expected[160];
   std::snprintf(expected, sizeof expected,
-                "parallel lights                1 %16.4f[ M bytes ]\n"
-                "point    lights                2 %16.4f[ M bytes ]\n",
+                "parallel lights                1 %16.4f [ M bytes ]\n"
+                "point    lights                2 %16.4f [ M bytes ]\n",
                 sizeof(ParallelLight) / 1048576.0, 2 * sizeof(PointLight) / 1048576.0);
   EXPECT_EQ(rows.find(expected), 0u) << rows;
   EXPECT_EQ(pointLights[1].aovs[0].image.floatPixels.size(), 3u * 16 * 16);

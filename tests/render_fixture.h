@@ -129,7 +129,7 @@ class RenderTest : public testing::Test {
       cameras[0].poses[i].target = target;
       cameras[0].poses[i].upVector = {0, 0, 1};
       cameras[0].poses[i].fieldOfView = degrees;
-      cameras[0].poseWritten[i] = true;
+      cameras[0].poseWritten[i] = kWholePose;
     }
   }
 

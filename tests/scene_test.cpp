@@ -160,10 +160,11 @@ TEST_F(SceneTest, ThirdPoseEndsTheCamera) {
   EXPECT_EQ(camera.poses[0].position, (Vec3{1, 2, 3}));
   EXPECT_EQ(camera.poses[0].bokeh, 0.5f);
   EXPECT_EQ(camera.poses[1].target, (Vec3{4, 5, 6}));
-  EXPECT_TRUE(camera.poseWritten[0] && camera.poseWritten[1]);
+  EXPECT_EQ(camera.poseWritten[0], kPosePosition | kPoseBokeh);
+  EXPECT_EQ(camera.poseWritten[1], kPoseTarget);
   EXPECT_EQ(camera.sample, 9);  // a line of the camera
   Read("camera\nend\n");
-  EXPECT_FALSE(cameras[1].poseWritten[0]);
+  EXPECT_EQ(cameras[1].poseWritten[0], 0);
 }
 
 TEST_F(SceneTest, RepeatedShadersReplaceAndElementsMerge) {

@@ -501,6 +501,7 @@ TEST_F(Sky, PhotonRays) {
       UseImage(8, 4, [](int, int) { return kWhite; });
     else
       InitializeSky();
+    AimPhotons();
     double power[3] = {};
     Vec3 sum;
     for (std::uint32_t s = 0; s < 20000; ++s) {
@@ -529,6 +530,7 @@ TEST_F(Sky, PhotonRays) {
 TEST_F(Sky, PhotonsFollowTheImage) {
   skyLight.photon = 50000;
   UseImage(128, 64, Spotted);
+  AimPhotons();
   const Vec3 spot = MapDirection({}, {41.0f / 128, 49.0f / 64});
   int towardsSpot = 0;
   double power = 0, squares = 0;

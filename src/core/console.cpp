@@ -9,6 +9,7 @@ namespace zp {
 namespace {
 
 bool consoleQuiet = false;
+TroubleSink troubleSink = nullptr;
 
 void Put(std::string_view text) {
   if (!consoleQuiet) std::fwrite(text.data(), 1, text.size(), stdout);
@@ -39,9 +40,18 @@ void PutUnit(std::string_view unit) {
   Put(" ]");
 }
 
+// A row that starts with `start`, unless the sink has told of it.
+void Tell(TroubleKind kind, std::string_view start, std::string_view message) {
+  const std::string_view text = message.substr(0, message.find_last_not_of(" \n") + 1);
+  if (troubleSink != nullptr && troubleSink({kind, text})) return;
+  Put(start);
+  PrintLine(message);
+}
+
 }  // namespace
 
 void SetConsoleQuiet(bool quiet) { consoleQuiet = quiet; }
+void SetTroubleSink(TroubleSink sink) { troubleSink = sink; }
 
 void PrintRule() {
   Put(std::string(80, '_'));
@@ -54,15 +64,10 @@ void PrintLine(std::string_view message) {
   End();
 }
 
-void PrintError(std::string_view message) {
-  Put("error :( \t");
-  PrintLine(message);
-}
-
-void PrintWarning(std::string_view message) {
-  Put("warning :( \t");
-  PrintLine(message);
-}
+void PrintWarning(std::string_view message) { Tell(TroubleKind::kWarning, "warning :( \t", message); }
+void PrintError(std::string_view message) { Tell(TroubleKind::kError, "error :( \t", message); }
+void PrintBareError(std::string_view message) { Tell(TroubleKind::kError, "", message); }
+void PrintFatal(std::string_view message) { Tell(TroubleKind::kFatal, "", message); }
 
 void PrintFloatRow(std::string_view name, float value, std::string_view unit, int decimals) {
   Put(name);
@@ -97,7 +102,7 @@ void PrintCountRow(std::string_view name, std::uint64_t count, float megabytes) 
   Put(name);
   PutInteger(count);
   char text[512];
-  const int length = std::snprintf(text, sizeof text, "%16.4f", static_cast<double>(megabytes));
+  const int length = std::snprintf(text, sizeof text, "%16.4f ", static_cast<double>(megabytes));
   if (length > 0) Put({text, static_cast<std::size_t>(length)});
   PutUnit("M bytes");
   End();

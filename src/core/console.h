@@ -14,10 +14,22 @@ inline constexpr float kMegabytesPerByte = 9.536743e-07f;  // 1 / 1,048,576
 
 void SetConsoleQuiet(bool quiet);  // true: print nothing at all
 
+enum class TroubleKind { kWarning, kError, kFatal };
+// Something wrong with the scene, a file or the machine. A row is one way to tell of it.
+struct Trouble {
+  TroubleKind kind;
+  std::string_view text;  // what and why, one line, as in the row but for the words that start it
+};
+// Hears of every trouble, quiet or not, on the thread that has it. False: the row is wanted as well.
+using TroubleSink = bool (*)(const Trouble&);
+void SetTroubleSink(TroubleSink sink);  // null, at first: rows alone
+
 void PrintRule();                          // 80 underscores and two line ends
 void PrintLine(std::string_view message);  // the message and a line end
-void PrintError(std::string_view message);
 void PrintWarning(std::string_view message);
+void PrintError(std::string_view message);
+void PrintBareError(std::string_view message);  // without the words that start an error
+void PrintFatal(std::string_view message);      // likewise; the caller ends the process behind it
 // name, value in a field of 16, unit in brackets; an empty unit leaves the brackets out.
 void PrintFloatRow(std::string_view name, float value, std::string_view unit, int decimals = 4);
 void PrintIntegerRow(std::string_view name, std::uint64_t value, std::string_view unit);

@@ -28,12 +28,12 @@ static_assert(Agree(Projection::kPerspective, zp::Projection::kPerspective));
 static_assert(Agree(Projection::kSpherical, zp::Projection::kSpherical));
 static_assert(sizeof(AngleMeasure) == 4);
 
-// The pose that setters write, now marked as written; null without such a camera.
-zp::CameraPose* WrittenPose(int camera) {
+// The pose that setters write, with `field` marked as written; null without such a camera.
+zp::CameraPose* WrittenPose(int camera, zp::PoseField field) {
   zp::Camera* record = At(zp::cameras, camera);
   if (record == nullptr) return nullptr;
   const int pose = record->poseIndex == 1 ? 1 : 0;
-  record->poseWritten[pose] = true;
+  record->poseWritten[pose] |= field;
   return &record->poses[pose];
 }
 
@@ -45,19 +45,19 @@ void zpSetCameraName(int camera, const char* name) noexcept {
   if (zp::Camera* record = At(zp::cameras, camera)) record->name = zp::Text(name);
 }
 void zpSetCameraPosition(int camera, float x, float y, float z) noexcept {
-  if (zp::CameraPose* pose = WrittenPose(camera)) pose->position = {x, y, z};
+  if (zp::CameraPose* pose = WrittenPose(camera, zp::kPosePosition)) pose->position = {x, y, z};
 }
 void zpSetCameraTarget(int camera, float x, float y, float z) noexcept {
-  if (zp::CameraPose* pose = WrittenPose(camera)) pose->target = {x, y, z};
+  if (zp::CameraPose* pose = WrittenPose(camera, zp::kPoseTarget)) pose->target = {x, y, z};
 }
 void zpSetCameraUpVector(int camera, float x, float y, float z) noexcept {
-  if (zp::CameraPose* pose = WrittenPose(camera)) pose->upVector = {x, y, z};
+  if (zp::CameraPose* pose = WrittenPose(camera, zp::kPoseUpVector)) pose->upVector = {x, y, z};
 }
 void zpSetCameraBokeh(int camera, float degrees) noexcept {
-  if (zp::CameraPose* pose = WrittenPose(camera)) pose->bokeh = degrees;
+  if (zp::CameraPose* pose = WrittenPose(camera, zp::kPoseBokeh)) pose->bokeh = degrees;
 }
 void zpSetCameraFOV(int camera, float degrees) noexcept {
-  if (zp::CameraPose* pose = WrittenPose(camera)) pose->fieldOfView = degrees;
+  if (zp::CameraPose* pose = WrittenPose(camera, zp::kPoseFieldOfView)) pose->fieldOfView = degrees;
 }
 void zpSetCameraAngleMeasure(int camera, AngleMeasure measure) noexcept {
   if (zp::Camera* record = At(zp::cameras, camera))

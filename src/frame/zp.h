@@ -180,10 +180,10 @@ enum class Visibility : std::int32_t {
 
 /// @defgroup lifecycle Life cycle
 /// The order: zpStartup(), the scene, zpInitialize(), zpRender() or zpRenderPixels(), zpFinalize(),
-/// zpShutdown(). Nothing checks it. In place of zpInitialize() a host may call the finer functions, in this
-/// order: zpInitializeCameras(), zpInitializeShaders(), zpInitializeAccelerator(), zpInitializeSkyLight(),
-/// zpInitializeGaffer(), zpInitializeRenderer(). Each prints its rows. None is meant to be called twice for
-/// one scene.
+/// zpShutdown(). Nothing checks it. In place of zpInitialize() a host may call the finer functions:
+/// zpInitializeCameras(), zpInitializeShaders(), then zpInitializeGaffer(), zpInitializeSkyLight() and
+/// zpInitializeAccelerator() in any order, and zpInitializeRenderer(). Each prints its rows. None is meant to
+/// be called twice for one scene.
 ///
 /// A SIGINT, SIGTERM or SIGHUP for which the host has a handler also ends zpGo(), the functions that
 /// initialise, zpRender() and zpRenderPixels() within a second. Images are then written with what was
@@ -202,7 +202,8 @@ void zpShutdown() noexcept;
 /// Renders one scene folder from start-up to shut-down, with all output in files; a host calls nothing else
 /// around it. `folder` is the path of a scene folder, of which `shader`, `render`, `light`, `camera` and
 /// `geometry` are read. A folder that is not there gives an error row, and the run goes on with an empty
-/// scene. Settings that zpStartup() resets cannot be set before; those that carry over and
+/// scene. Paths of models that are not there from the working directory are tried from the scene folder.
+/// Settings that zpStartup() resets cannot be set before; those that carry over and
 /// zpSetPreviewWindow() can. Tables are not emptied at the start: what a host has added before is rendered
 /// along, its first camera first.
 void zpGo(const char* folder) noexcept;
@@ -226,15 +227,13 @@ void zpInitializeShaders() noexcept;
 /// Empties the table of Shaders, "undefined" included: zpStartup() makes it anew. Textures stay until
 /// zpFinalize().
 void zpFinalizeShaders() noexcept;
-/// Readies point and parallel lights. Their photons are aimed at the scene and their reach depends on the
-/// medium of the sky: zpInitializeAccelerator() and zpInitializeSkyLight() come first.
+/// Readies point and parallel lights. zpInitializeRenderer() aims their photons.
 void zpInitializeGaffer() noexcept;
 /// Writes the images of point and parallel lights that have a name, and empties both tables. The end of a
 /// frame does so, too.
 void zpFinalizeGaffer() noexcept;
-/// Loads the pictures of the sky, prepares its sampling and its images. After zpInitializeAccelerator(),
-/// whose bounds its photons are aimed at. A black sky loses its samples and photons, a sky without a picture
-/// its samples.
+/// Loads the pictures of the sky, prepares its sampling and its images. A black sky loses its samples and
+/// photons, a sky without a picture its samples.
 void zpInitializeSkyLight() noexcept;
 /// Writes the images of the sky that have a name, and resets the sky but for the names of its pictures and
 /// the numbers of its model. The end of a frame does so, too.
@@ -250,8 +249,8 @@ void zpFinalizeGeometryLight() noexcept;
 void zpInitializeAccelerator() noexcept;
 /// Empties the table of Objects.
 void zpFinalizeAccelerator() noexcept;
-/// Limits the renderer settings, chooses between final gathering and path tracing (a row tells which), and
-/// casts photons. Comes last. A second call casts all photons again on top of what the cells hold.
+/// Limits the renderer settings, chooses between final gathering and path tracing (a row tells which), aims
+/// the photons of all lights at the scene's bounds, and casts them. Comes last. A second call casts all photons again on top of what the cells hold.
 void zpInitializeRenderer() noexcept;
 /// Drops the stored photons and puts back the radius of caustics (1), ray depth (8), photon depth (8) and
 /// renderer samples (64). All other settings stay.
@@ -444,7 +443,10 @@ void zpSetSurfaceMaterial(int shader, int layer, Material material) noexcept;
 /// The side that shows the layer; default Sideness::kBoth.
 void zpSetSurfaceSideness(int shader, int layer, Sideness sideness) noexcept;
 /// Whether emission of the layer is sampled directly, with zpSetGeometryLightSample() rays; default false.
-/// For small bright emitters. Triangles and tetragons only.
+/// Triangles and tetragons only.
+/// Intended: samples are of the right brightness for lamps of pi / 18481 square units (1.3 x 1.3 cm in metres)
+/// together, and at one square unit some 50 times too dark: leave emitters unsampled, or take a point light
+/// with zpSetPointLightBlur() for a small lamp.
 void zpSetSurfaceVirtualLight(int shader, int layer, bool on) noexcept;
 /// Appends a displacement layer and returns its index in the Shader. Layers act one after another, on
 /// triangles and tetragons that have normals and tangents (from texture coordinates and a smoothing angle, or
@@ -490,8 +492,8 @@ void zpSetCameraExposure(int camera, float r, float g, float b) noexcept;
 /// Passes: samples of each pixel. Default 17; limited to 1..65535 at zpInitializeCameras(). Not to be changed
 /// between then and the end of the frame.
 void zpSetCameraSample(int camera, int sample) noexcept;
-/// The pose that setters write from now on: shutter close from 0.5 up, else shutter open, the default.
-/// Intended: poses in between cannot be set.
+/// The pose that setters write from now on: shutter close from 0.5 up, else shutter open, the default. What
+/// only one of the two is told holds for both. Intended: poses in between cannot be set.
 void zpSetCameraTime(int camera, float time) noexcept;
 /// How the picture is made; default Projection::kPerspective.
 void zpSetCameraProjection(int camera, Projection projection) noexcept;
@@ -635,8 +637,8 @@ void zpSetSkyLightAOVName(int aov, const char* name) noexcept;
 /// frame resets it.
 /// @{
 
-/// Shadow rays of a first hit towards layers with zpSetSurfaceVirtualLight(), over all passes, at least one a
-/// pass; default 0, as below 0: none.
+/// Shadow rays of a first hit towards layers with zpSetSurfaceVirtualLight(), which tells why none is best,
+/// over all passes, at least one a pass; default 0, as below 0: none.
 void zpSetGeometryLightSample(int sample) noexcept;
 /// Number of photons of all emissive layers; default 1000000; 0 or less: none. They are cast in final
 /// gathering, with virtual lights in path tracing as well (caustics), and for light paths. Nothing emissive

@@ -21,7 +21,7 @@ bool ReceivesPhotons(std::int32_t shader) {
 }
 
 [[noreturn]] void EndForMemory() {
-  PrintLine("density estimator consumes more than 1GB memory.");
+  PrintFatal("density estimator consumes more than 1GB memory.");
   PrintRule();
   std::exit(1);
 }

@@ -17,8 +17,8 @@ void SaveAovs(const std::vector<Aov>& aovs) {
   if (Stopping() && CountSamples(frameState) == 0) return;
   for (const Aov& aov : aovs) {
     if (aov.image.fileName.empty() || aov.image.width <= 0) continue;
-    const std::string reason = IsFinished(aov, frameState) ? StoreImage(aov.image)
-                                                           : StoreImage(FinishedPicture(aov, frameState));
+    const std::string reason =
+        IsFinished(aov, frameState) ? StoreImage(aov.image) : StoreImage(FinishedPicture(aov, frameState));
     if (!reason.empty()) PrintError("image - " + aov.image.fileName + "\tcannot be written: " + reason);
   }
 }

@@ -7,6 +7,7 @@
 
 #include "core/console.h"
 #include "core/random.h"
+#include "core/release.h"
 #include "core/stop.h"
 #include "core/tables.h"
 #include "imaging/frame_state.h"
@@ -55,6 +56,17 @@ bool SamePose(const CameraPose& a, const CameraPose& b) {
          a.upVector == b.upVector && a.target == b.target;
 }
 
+void CompletePose(Camera& camera, int index) {
+  const int missing = camera.poseWritten[1 - index] & ~camera.poseWritten[index];
+  const CameraPose& other = camera.poses[1 - index];
+  CameraPose& pose = camera.poses[index];
+  if ((missing & kPosePosition) != 0) pose.position = other.position;
+  if ((missing & kPoseTarget) != 0) pose.target = other.target;
+  if ((missing & kPoseUpVector) != 0) pose.upVector = other.upVector;
+  if ((missing & kPoseBokeh) != 0) pose.bokeh = other.bokeh;
+  if ((missing & kPoseFieldOfView) != 0) pose.fieldOfView = other.fieldOfView;
+}
+
 // Turns the pinhole ray into one through a random point of the lens. All of a pixel's rays meet at the focus
 // point and are uniform over the cone of half angle `bokeh` around the pinhole ray.
 void PassThroughLens(const CameraPose& pose, RayRecord& ray) {
@@ -88,7 +100,8 @@ void AimSpherical(const Camera& camera, const CameraPose& pose, float x, float y
                   std::sin(a) * std::sin(b) * pose.forward;
 }
 
-// Black pixels for every AOV. Without the memory for them the camera is left with nothing to render.
+// Black pixels for every AOV. Without the memory for them the camera is left with nothing to render, and no
+// AOV with pixels.
 void AllocateAovs(Camera& camera) {
   try {
     for (Aov& aov : camera.aovs)
@@ -96,6 +109,10 @@ void AllocateAovs(Camera& camera) {
   } catch (const std::bad_alloc&) {
     PrintError("camera - not enough memory for its images");
     camera.regionXMax = camera.regionYMax = 0;
+    for (Aov& aov : camera.aovs) {
+      Release(aov.image.floatPixels);
+      aov.image.width = aov.image.height = 0;
+    }
   }
 }
 
@@ -115,6 +132,11 @@ Camera::Camera() : aovs(1) {
   aovs[0].mean = true;
 }
 
+void CompletePoses(Camera& camera) {
+  CompletePose(camera, 0);
+  CompletePose(camera, 1);
+}
+
 void InitializeCameras() {
   frameState = {};
   for (Camera& camera : cameras) {
@@ -124,8 +146,7 @@ void InitializeCameras() {
     camera.regionYMin = std::max(0, camera.regionYMin);
     camera.regionXMax = std::min(camera.width, camera.regionXMax);
     camera.regionYMax = std::min(camera.height, camera.regionYMax);
-    for (int i = 0; i < 2; ++i)
-      if (!camera.poseWritten[i] && camera.poseWritten[1 - i]) camera.poses[i] = camera.poses[1 - i];
+    CompletePoses(camera);
     for (CameraPose& pose : camera.poses) DerivePose(pose, static_cast<float>(camera.width));
     camera.moving = !SamePose(camera.poses[0], camera.poses[1]);
     AllocateAovs(camera);

@@ -159,6 +159,16 @@ std::string DefaultBeautyName();
 enum class Projection : std::int32_t { kPerspective = 0, kSpherical = 1 };
 enum class AngleMeasure : std::int32_t {};
 
+// The fields of a pose that text and hosts write: a set of bits.
+enum PoseField : std::uint8_t {
+  kPosePosition = 1,
+  kPoseTarget = 2,
+  kPoseUpVector = 4,
+  kPoseBokeh = 8,
+  kPoseFieldOfView = 16,
+  kWholePose = 31,
+};
+
 // Where the camera stands at one instant. The first four members and the lengths are derived.
 struct CameraPose {
   Vec3 right, forward, up;  // unit vectors, perpendicular
@@ -182,7 +192,8 @@ struct Camera {
   AngleMeasure angleMeasure = {};  // Intended: never read, angles are in degrees
   std::int32_t poseIndex = 0;      // the pose that setters write
   CameraPose poses[2];             // shutter open and close
-  bool poseWritten[2] = {};        // a pose that nobody wrote is a copy of the other
+  std::uint8_t poseWritten[2] =
+      {};  // PoseField bits; a field that nobody wrote is a copy of the other pose's
   std::string name;
   Vec3 exposure = {1, 1, 1};   // Intended: never applied
   std::int32_t poseCount = 0;  // pose blocks read so far
@@ -198,6 +209,8 @@ struct Camera {
 
 extern std::vector<Camera> cameras;
 
+// Fields that only one pose has are copied to the other, so that what is not said twice stands still.
+void CompletePoses(Camera& camera);
 // Limits, poses and AOV pixels of every camera; prints their report. AOVs are bound to shaders elsewhere.
 void InitializeCameras();
 // Writes every AOV of every camera and empties the table.

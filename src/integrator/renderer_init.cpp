@@ -37,6 +37,7 @@ void InitializeRenderer() {
   PrintRule();
 
   EmptyPhotonStore();
+  AimPhotons();
   const std::int64_t start = WallTicks();
   CastPhotons();
   PrintFloatRow("photon cast   ", static_cast<float>(static_cast<double>(WallTicks() - start) / 1e7),

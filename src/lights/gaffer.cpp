@@ -9,6 +9,7 @@
 #include "core/release.h"
 #include "lights/light_aovs.h"
 #include "lights/light_frame.h"
+#include "lights/light_photons.h"
 
 namespace zp {
 
@@ -25,6 +26,12 @@ constexpr float kRadiansPerDegree = kPi / 180;
 void InitializePointLight(PointLight& light) {
   ResolveLink(light.link);
   light.direction = UnitVector(light.direction);
+  InitializeLightAovs(light.aovs);
+  light.innerCut = light.innerAngle * kRadiansPerDegree;
+  light.outerCut = light.outerAngle * kRadiansPerDegree;
+}
+
+void AimPointLight(PointLight& light) {
   light.xAxis = light.yAxis = light.zAxis = light.power = kBlack;
   light.cosine = 1;
   const Vec3 toScene = sceneCenter - light.position;
@@ -39,20 +46,20 @@ void InitializePointLight(PointLight& light) {
     AxesAround(light.zAxis, light.xAxis, light.yAxis);
   }
   if (light.photon > 0) light.power = solidAngle * light.color;
-  InitializeLightAovs(light.aovs);
-  light.innerCut = light.innerAngle * kRadiansPerDegree;
-  light.outerCut = light.outerAngle * kRadiansPerDegree;
 }
 
 void InitializeParallelLight(ParallelLight& light) {
   ResolveLink(light.link);
   light.zAxis = UnitVector(light.zAxis);
   AxesAround(light.zAxis, light.xAxis, light.yAxis);
+  light.cosine = std::cos(light.blur * kRadiansPerDegree);
+  InitializeLightAovs(light.aovs);
+}
+
+void AimParallelLight(ParallelLight& light) {
   // Without a direction it shines nowhere.
   const bool shines = light.photon > 0 && light.zAxis != kBlack;
   light.power = shines ? sceneRadius * sceneRadius * kPi * light.color : kBlack;
-  light.cosine = std::cos(light.blur * kRadiansPerDegree);
-  InitializeLightAovs(light.aovs);
 }
 
 template <class Kind>
@@ -68,6 +75,12 @@ void InitializeGaffer() {
   PrintLights("parallel lights", parallelLights);
   PrintLights("point    lights", pointLights);
   PrintRule();
+}
+
+void AimPhotons() {
+  for (PointLight& light : pointLights) AimPointLight(light);
+  for (ParallelLight& light : parallelLights) AimParallelLight(light);
+  AimSky();
 }
 
 void FinalizeGaffer() {

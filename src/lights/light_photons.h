@@ -19,4 +19,6 @@ inline void StartPhotonRay(RayRecord& ray, std::uint32_t sample, std::int32_t di
   ray.photonIndirect = true;
 }
 
+void AimSky();  // the sky's share of AimPhotons
+
 }  // namespace zp

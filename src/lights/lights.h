@@ -71,8 +71,8 @@ struct ParallelLight final : Light {
 extern std::vector<PointLight> pointLights;
 extern std::vector<ParallelLight> parallelLights;
 
-void InitializeGaffer();  // after the scene's bounds and the sky are known
-void FinalizeGaffer();    // writes the AOVs and empties both tables
+void InitializeGaffer();
+void FinalizeGaffer();  // writes the AOVs and empties both tables
 // u, v in [0, 1) place a sample on a light with `blur` and are not used otherwise. `radiance` is the
 // perpendicular irradiance that arrives at `position`: pi * color, by spot factor and squared distance for a
 // point light.
@@ -113,6 +113,10 @@ void InitializeSky();
 void InitializeGeometryLight();
 void FinalizeSky();  // writes the AOVs and resets
 void FinalizeGeometryLight();
+
+// Powers and cones of the photons of sky, point and parallel lights: what depends on the scene's bounds and
+// on the medium around it, which are known when all else is initialised.
+void AimPhotons();
 
 // Radiance of the sky in a unit direction, `color` included.
 Vec3 SkyRadiance(Vec3 direction);

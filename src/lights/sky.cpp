@@ -92,7 +92,6 @@ void InitializeSky() {
     PrintWarning("sky light - north and zenith must be two directions, defaults take their place");
   const double elevation = SunElevation();
   InitializeVolume(globalVolume);
-  if (skyLight.photon > 0) sky.powerFactor = 4 * kPi * sceneRadius * sceneRadius;
   sky.backdrop = LoadSkyMap(skyLight.backdrop);
   if (skyLight.image == kAnalyticSky)
     sky.image = BakeSkyModel(MakeSkyModelState(static_cast<double>(skyLight.turbidity),
@@ -112,6 +111,10 @@ void InitializeSky() {
   PrintFloatRow("sky light memory      ", static_cast<float>(TableBytes(sky.table)) * kMegabytesPerByte,
                 "M bytes");
   PrintRule();
+}
+
+void AimSky() {
+  sky.powerFactor = skyLight.photon > 0 ? 4 * kPi * sceneRadius * sceneRadius : 0;
 }
 
 void FinalizeSky() {

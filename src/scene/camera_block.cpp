@@ -1,5 +1,6 @@
 #include "core/settings.h"
 #include "scene/blocks.h"
+#include "scene/scene.h"
 
 namespace zp {
 namespace {
@@ -11,13 +12,18 @@ constexpr Choice<Projection> kProjections[] = {
     {"panorama", Projection::kSpherical},
 };
 
-bool ReadPoseBlock(SceneText& text, CameraPose& pose) {
+//   written  takes the fields that are there, PoseField bits
+bool ReadPoseBlock(SceneText& text, CameraPose& pose, std::uint8_t& written) {
+  const auto mark = [&](PoseField field, bool read) {
+    written |= field;
+    return read;
+  };
   ReadBlock(text, "pose", {"position", "target", "up_vector"}, [&](const Keyword& keyword, Line& line) {
-    if (keyword == "position") return ReadTriple(line, pose.position);
-    if (keyword == "target") return ReadTriple(line, pose.target);
-    if (keyword == "up_vector") return ReadTriple(line, pose.upVector);
-    if (keyword == "bokeh") return ReadNumber(line, pose.bokeh);
-    if (keyword == "field_of_view") return ReadNumber(line, pose.fieldOfView);
+    if (keyword == "position") return mark(kPosePosition, ReadTriple(line, pose.position));
+    if (keyword == "target") return mark(kPoseTarget, ReadTriple(line, pose.target));
+    if (keyword == "up_vector") return mark(kPoseUpVector, ReadTriple(line, pose.upVector));
+    if (keyword == "bokeh") return mark(kPoseBokeh, ReadNumber(line, pose.bokeh));
+    if (keyword == "field_of_view") return mark(kPoseFieldOfView, ReadNumber(line, pose.fieldOfView));
     return false;
   });
   return true;
@@ -98,8 +104,8 @@ void ReadCameraSection(SceneText& text) {
     if (keyword == "aov") return ReadAovBlock(text, camera.aovs.emplace_back(), AovOwner::kCamera);
     // Intended: a third pose is no keyword, so that its "end" ends the camera.
     if (keyword == "pose" && camera.poseCount < 2) {
-      camera.poseWritten[camera.poseCount] = true;
-      return ReadPoseBlock(text, camera.poses[camera.poseCount++]);
+      const std::int32_t pose = camera.poseCount++;
+      return ReadPoseBlock(text, camera.poses[pose], camera.poseWritten[pose]);
     }
     if (keyword == "pose" && text.notes)
       NoteLine(line, FindingCode::kManyPoses, "a camera reads two poses only");
@@ -117,7 +123,12 @@ void ReadRenderSection(SceneText& text) {
     if (keyword == "exposure")
       return ReadNumber(line, settings.exposure) && NoteIdle(line, settings.exposure == 0);
     if (keyword == "final_gather") return ReadFinalGatherBlock(text);
-    if (keyword == "image_path") return ReadName(line, NameKind::kFolder, imageSearchPaths.emplace_back());
+    if (keyword == "image_path") {
+      std::string& folder = imageSearchPaths.emplace_back();
+      ReadName(line, NameKind::kFolder, folder);
+      folder = ScenePath(folder);
+      return true;
+    }
     return false;
   });
 }

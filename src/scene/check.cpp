@@ -238,7 +238,8 @@ void CheckObjects(SceneNotes& notes) {
 void CheckCameras(SceneNotes& notes) {
   if (notes.cameras.empty()) Find(notes, {"camera", 0}, FindingCode::kNoCamera, "there is no camera");
   for (const NotedCamera& noted : notes.cameras) {
-    const Camera& camera = cameras[noted.camera];
+    Camera& camera = cameras[noted.camera];
+    CompletePoses(camera);
     if (noted.camera > 0)
       Find(notes, noted.place, FindingCode::kIdleCamera, "only the first camera is rendered");
     if (camera.poseCount == 0) Find(notes, noted.place, FindingCode::kCameraPose, "the camera has no pose");

@@ -2,6 +2,7 @@
 
 #include "geometry/geometry.h"
 #include "scene/blocks.h"
+#include "scene/scene.h"
 
 namespace zp {
 namespace {
@@ -97,7 +98,8 @@ bool ReadModel(SceneText& text, Line& line, NotedObject& noted, std::size_t inde
   const std::string name = ReadString(line);
   Object& object = objectTable[index];
   ObjReport report;
-  const bool opened = ReadObjFile(name, object.parts.emplace_back(), text.notes ? &report : nullptr);
+  const bool opened =
+      ReadObjFile(ScenePath(name), object.parts.emplace_back(), text.notes ? &report : nullptr);
   if (!text.notes) return true;
   if (!opened) NoteLine(line, FindingCode::kMissingModel, "cannot open the file " + Quoted(name));
   if (opened)
@@ -117,7 +119,7 @@ bool ReadOwnPart(SceneText& text, const Keyword& keyword, Line& line, std::size_
     if (text.notes) NotePicture(line.Place(), keyword, name, result);
     return true;
   }
-  const bool read = hair ? ReadHairFile(name, part) : ReadFurFile(name, part);
+  const bool read = hair ? ReadHairFile(ScenePath(name), part) : ReadFurFile(ScenePath(name), part);
   if (text.notes && read)
     text.notes->strands.push_back({line.Place(), name, index, object.parts.size() - 1, {}});
   if (text.notes && !read)

@@ -17,6 +17,9 @@ bool ReadSceneFile(const std::string& path);
 void ReadScene(std::istream& stream);
 
 extern std::string sceneFolder;
+// Where a file or folder of scene text is: as it stands, from the current directory, or else in the scene
+// folder if it is there.
+std::string ScenePath(const std::string& name);
 extern std::vector<std::string> geometrySearchPaths;  // Intended: written, never read
 
 }  // namespace zp

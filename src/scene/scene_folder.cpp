@@ -143,6 +143,13 @@ bool ReadSceneFile(const std::string& path) {
   return true;
 }
 
+std::string ScenePath(const std::string& name) {
+  std::error_code error;
+  if (name.empty() || std::filesystem::exists(name, error)) return name;
+  const std::filesystem::path inScene = std::filesystem::path(sceneFolder) / name;
+  return std::filesystem::exists(inScene, error) ? inScene.string() : name;
+}
+
 bool ReadSceneFolder(const std::string& folder) {
   std::error_code error;
   if (!std::filesystem::is_directory(folder, error)) return false;
