@@ -32,7 +32,6 @@ constexpr Kind kKinds[] = {
     {"24.jpg", FIF_JPEG, FIT_BITMAP, 24, 0},
     {"progressive.jpg", FIF_JPEG, FIT_BITMAP, 24, JPEG_PROGRESSIVE},
     {"24.jng", FIF_JNG, FIT_BITMAP, 24, 0},
-    {"24.jxr", FIF_JXR, FIT_BITMAP, 24, 0},
     {"1.pbm", FIF_PBMRAW, FIT_BITMAP, 1, PNM_SAVE_RAW},
     {"8.pgm", FIF_PGMRAW, FIT_BITMAP, 8, PNM_SAVE_RAW},
     {"text.ppm", FIF_PPM, FIT_BITMAP, 24, PNM_SAVE_ASCII},
@@ -54,9 +53,9 @@ constexpr Kind kKinds[] = {
 };
 
 bool Write(const Kind& kind, const std::string& path) {
-  FIBITMAP* bitmap = FreeImage_AllocateT(kind.type, 16, 12, kind.bits, 0, 0, 0);
+  FIBITMAP* bitmap = FreeImage_AllocateT(kind.type, 32, 32, kind.bits, 0, 0, 0);
   if (bitmap == nullptr) return false;
-  for (unsigned y = 0; y < 12; ++y) {
+  for (unsigned y = 0; y < 32; ++y) {
     BYTE* line = FreeImage_GetScanLine(bitmap, static_cast<int>(y));
     for (unsigned i = 0; kind.type != FIT_RGBF && kind.type != FIT_RGBAF && i < FreeImage_GetLine(bitmap);
          ++i)

@@ -388,6 +388,24 @@ TEST_F(ImageFiles, LoadingWhatIsNoPicture) {
   }
 }
 
+// Half floats where they can hold all, else 32 bits; a file that is cut is damaged, not smaller.
+TEST_F(ImageFiles, OpenExrKeepsLargeNumbers) {
+  for (const float largest : {65504.0f, 65520.0f, 100000.0f}) {
+    const ImageBuffer image = MakeRow(3, 32, {{largest, 1.0f / 3, -kInf}});
+    const ImageBuffer back = SaveAndLoad(image, "large.exr");
+    EXPECT_EQ(back.floatPixels[0], largest);
+    EXPECT_EQ(back.floatPixels[1] == 1.0f / 3, largest > 65504);
+    EXPECT_EQ(back.floatPixels[2], -kInf);
+  }
+  for (const char* name : {"cut.exr", "cut.ppm", "cut.jpg", "cut.bmp", "cut.tga", "cut.psd"}) {
+    ImageBuffer image = Blocks(name);
+    ASSERT_TRUE(SaveImage(image));
+    fs::resize_file(image.fileName, fs::file_size(image.fileName) / 2);
+    EXPECT_FALSE(LoadImage(image, image.fileName)) << name;
+    EXPECT_EQ(image.problem, PictureProblem::kDamaged) << name;
+  }
+}
+
 // The indices of a palette picture are its grey levels; 16 bits keep their components.
 TEST_F(ImageFiles, LoadsPalettesAndWords) {
   const auto load = [this](const char* name, const std::string& content) {

@@ -142,7 +142,8 @@ TEST_F(Shading, TexturesThatCannotBeFound) {
     SurfaceShader& surface = shaders[AddShader(name, {Side::kBoth})].surfaces[0];
     surface[Element::kLambertian].imageName = surface[Element::kGlossy].imageName = name;
     surface[Element::kLambertian].color = kWhite;
-    rows += "error :( \timage - " + std::string(name) + "\tcannot be found\n" + rule;
+    const char* what = name == std::string("text.png") ? "\tis of no known format\n" : "\tcannot be found\n";
+    rows += "error :( \timage - " + std::string(name) + what + rule;
   }
   const std::string text = Initialize();
   std::filesystem::remove_all(folder);
