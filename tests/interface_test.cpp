@@ -233,32 +233,6 @@ TEST_F(Host, ChannelsReplaceOnCamerasAndAddUpOnLights) {
   EXPECT_EQ(pointLights[0].aovs[0].channel, 1u + 4 + 64);
 }
 
-TEST_F(Host, RenderPixelsGivesOnePassAndLeavesTheMeanAlone) {
-  const int object = zpAddObject(), part = zpAddPart(object);
-  zpSetShaderID(object, part, AddLamp());
-  AddTriangle(object, part);
-  const int camera = zpAddCamera(), depth = zpAddCameraAOV(camera);
-  zpSetCameraPosition(camera, 0, -4, 0);
-  zpSetCameraUpVector(camera, 0, 0, 1);
-  zpSetCameraFOV(camera, 5);
-  zpSetCameraResolution(camera, 4, 2);
-  zpSetCameraSample(camera, 2);
-  zpSetCameraRegion(camera, 1, 0, 3, 2);
-  zpSetCameraAOVChannel(camera, depth, kZpDepth);
-  zpInitialize();
-  std::vector<float> out(3 * 6, -1);
-  for (const int pass : {0, 3}) zpRenderPixels(5, out.data(), pass);  // 3 is pass 1 of 2
-  for (std::size_t i = 0; i < out.size(); ++i) EXPECT_EQ(out[i], i < 3 * 4 ? 3 : -1) << i;
-  zpRenderPixels(1, nullptr, 0);
-  zpRenderPixels(0, out.data(), 0);
-  const ImageBuffer& beauty = cameras[0].aovs[0].image;
-  for (std::size_t pixel = 0; pixel < 8; ++pixel) {
-    const bool inside = pixel % 4 == 1 || pixel % 4 == 2;
-    EXPECT_EQ(ReadPixel(beauty, pixel), Vec3()) << pixel;
-    EXPECT_NEAR(ReadPixel(cameras[0].aovs[1].image, pixel).x, inside ? 4 : 0, 0.02f) << pixel;
-  }
-}
-
 TEST_F(Host, TheGeometryLightsTwoFunctionsActOnTheSky) {
   zpSetSkyLightColor(0.0009f, 0.0009f, 0.0009f);
   zpSetGeometryLightPhoton(5);
