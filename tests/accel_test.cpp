@@ -17,6 +17,7 @@
 #include "core/console.h"
 #include "geometry/geometry.h"
 #include "random_geometry.h"
+#include "surroundings.h"
 
 namespace zp {
 namespace {
@@ -152,29 +153,10 @@ TEST_F(AccelTest, StrangeGeometryDoesNotHang) {
   Update(broken, true, 1);
 }
 
-TEST_F(AccelTest, RaysOfNoNumbersMeetNothing) {
-  objectTable.resize(1);
-  objectTable[0].parts.push_back(MakeSoup(100));
-  InitializeAccelerator();
-  const float nan = std::numeric_limits<float>::quiet_NaN(),
-              infinite = std::numeric_limits<float>::infinity();
-  for (const Vec3 bad : {Vec3{nan, 0, 1}, Vec3{0, infinite, 1}, Vec3{0, 0, 0}}) {
-    RayRecord ray;
-    ray.direction = bad;
-    EXPECT_FALSE(Trace(ray));
-    if (bad == kBlack) continue;
-    ray.direction = {0, 0, 1};
-    ray.origin = bad;
-    EXPECT_FALSE(Trace(ray));
-  }
-}
-
 TEST_F(AccelTest, GraphOfObjectsIsSoundWhateverTheInstancesSay) {
   SetConsoleQuiet(false);
   const auto expectRow = [](const std::string& row) {
-    testing::internal::CaptureStdout();
-    InitializeAccelerator();
-    EXPECT_NE(testing::internal::GetCapturedStdout().find(row), std::string::npos) << row;
+    EXPECT_NE(Printed(InitializeAccelerator).find(row), std::string::npos) << row;
   };
   const auto start = [](std::size_t objects) {
     objectTable = {};
@@ -224,23 +206,6 @@ TEST_F(AccelTest, MotionMovesVerticesAndTheSceneBoundFollows) {
     RayRecord ray = MakeRay({x + 0.25f, 0.25f, 5}, {0, 0, -1});
     EXPECT_TRUE(Trace(ray));
   }
-}
-
-TEST_F(AccelTest, OrderOccludersSortsSlotsByWhatBlockedPerCost) {
-  objectTable.resize(1);
-  objectTable[0].parts.push_back(MakeSoup(2000));
-  InitializeAccelerator();
-  Object& object = objectTable[0];
-  for (WideNode& node : object.wideNodes)
-    for (int i = 0; i < 8; ++i)
-      if (node.count[i] != 0) node.log[i] = static_cast<std::uint32_t>(generator() % 100);
-  OrderOccluders(object);
-  for (const WideNode& node : object.wideNodes)
-    for (int i = 1; i < 8; ++i) {
-      if (node.child[i] == kUnusedSlot) continue;
-      EXPECT_GE(std::bit_cast<float>(node.log[i - 1]), std::bit_cast<float>(node.log[i]));
-    }
-  ExpectWellFormed(object);
 }
 
 TEST(Lanes, AgreeWithTheirPlainTwin) {

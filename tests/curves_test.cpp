@@ -8,7 +8,6 @@
 
 #include "accel/accel.h"
 #include "accel/curve_segment.h"
-#include "accel/nearest_point.h"
 #include "accel/tree.h"
 #include "geometry/geometry.h"
 #include "integrator/estimator.h"
@@ -56,7 +55,7 @@ class Curves : public RenderTest {
 
   static std::int32_t AddGlass(Material material) {
     const std::int32_t shader = AddShader("glass", kBlack, kBlack);
-    SurfaceShader& layer = shaders[static_cast<std::size_t>(shader)].surfaces[0];
+    SurfaceShader& layer = Layer(shader);
     layer.material = material;
     layer[Element::kSpecular].color = kWhite;
     layer[Element::kIor].color = Grey(1.5f);
@@ -297,23 +296,6 @@ TEST_F(Curves, StrandsSkipTheirParentAndTintShadows) {
   EXPECT_FALSE(Trace(again));
 }
 
-TEST_F(Curves, NearestPointsProjectOntoSurfaces) {
-  Part part;
-  AddTetragon(part, {Vec3{1, 1, 0}, Vec3{3, 1, 0}, Vec3{3, 2, 0}, Vec3{1, 2, 0}}, 0);
-  part.triangles.push_back({{0, 1, 2}, 0});
-  for (float height : {0.25f, -0.25f}) {
-    EXPECT_NEAR(NearestOnTriangle(part, 0, {2.5f, 1.25f, height}).distance, 0.25f, 1e-6f);
-    // A rank: the normal is as long as the product of the diagonals, here 4 along z.
-    EXPECT_NEAR(NearestOnTetragon(part, 0, {1.5f, 1.75f, height}).distance,
-                SafeLength(Vec3{1.5f, 1.75f, height + 16 * height}), 1e-5f);
-  }
-  EXPECT_EQ(NearestOnTriangle(part, 0, {1.5f, 1.75f, 0.1f}).distance, kFarthest);
-  EXPECT_EQ(NearestOnTriangle(part, 0, {2, 1, 0}).distance, kFarthest);  // above an edge
-  EXPECT_EQ(NearestOnTetragon(part, 0, {0.9f, 1.5f, 0}).distance, kFarthest);
-  part.uvSets.clear();
-  EXPECT_EQ(NearestOnTriangle(part, 0, {2.5f, 1.25f, 0}).uv, Vec2{});
-}
-
 TEST_F(Curves, StrandsTakeTheCoordinatesUnderTheirRoots) {
   enum class Variant { kSurface, kNoSurface, kLengthsBeyondTheEnd };
   for (Variant variant : {Variant::kSurface, Variant::kNoSurface, Variant::kLengthsBeyondTheEnd}) {
@@ -421,26 +403,6 @@ TEST_F(Curves, MotionToNowhereLosesWhatMovesAndNoMore) {
     hits += rays[i].primitive == kNone ? 0 : 1;
   }
   EXPECT_GT(hits, 20);
-}
-
-TEST_F(Curves, ParticlesInAFurnaceKeepItsRadiance) {
-  enum class Variant { kGreyBall, kHeapOfWhiteBalls, kGlassBall };
-  for (Variant variant : {Variant::kGreyBall, Variant::kHeapOfWhiteBalls, Variant::kGlassBall}) {
-    Restart();
-    const bool heap = variant == Variant::kHeapOfWhiteBalls;
-    const float albedo = variant == Variant::kGreyBall ? 0.6f : 1.0f;
-    Geometry().shader = variant == Variant::kGlassBall ? AddGlass(Material::kDielectric)
-                                                       : AddShader("ball", Grey(albedo), kBlack);
-    for (int i = 0; i < (heap ? 60 : 1); ++i)
-      AddParticle(Geometry(), heap ? UniformPoint(1) : kBlack, heap ? 0.3f : 1);
-    cameras[0].width = cameras[0].height = 8;
-    LookFrom({0, -4, 0}, kBlack, heap ? 15 : 20);
-    settings.rayDepth = settings.rendererBounce = 40;
-    settings.rendererSample = 4;
-    Render();
-    EXPECT_NEAR(MeanColor().y, albedo, variant == Variant::kGreyBall ? 1e-3f : 0.02f);
-    EXPECT_LT(*std::max_element(Pixels(0).begin(), Pixels(0).end()), albedo + 1e-3f);
-  }
 }
 
 }  // namespace

@@ -49,30 +49,29 @@ inline Vec3 FromPolar(double cosine, double phi) {
 
 // Bins over the sphere that are polar around an axis: equal steps of angle both ways.
 struct SphereGrid {
-  static constexpr int kRings = 60, kSectors = 90;
-
-  explicit SphereGrid(Vec3 axis = {0, 0, 1}) : z(axis), x(UnitPerpendicular(axis)), y(Cross(z, x)) {}
+  explicit SphereGrid(Vec3 axis = {0, 0, 1}, int ringCount = 60, int sectorCount = 90)
+      : z(axis), x(UnitPerpendicular(axis)), y(Cross(z, x)), rings(ringCount), sectors(sectorCount) {}
 
   std::size_t Bin(Vec3 d) const {
     const double angle = std::atan2(std::hypot(Dot(d, x), Dot(d, y)), Dot(d, z));
     double turn = std::atan2(Dot(d, y), Dot(d, x)) / kTau;
     if (turn < 0) turn += 1;
-    const int ring = std::min(kRings - 1, static_cast<int>(angle / (kTau / 2) * kRings));
-    const int sector = std::min(kSectors - 1, static_cast<int>(turn * kSectors));
-    return static_cast<std::size_t>(ring * kSectors + sector);
+    const int ring = std::min(rings - 1, static_cast<int>(angle / (kTau / 2) * rings));
+    const int sector = std::min(sectors - 1, static_cast<int>(turn * sectors));
+    return static_cast<std::size_t>(ring * sectors + sector);
   }
 
   // The integral of `density` over each bin, by the midpoints of `fine` times `fine` pieces.
   template <class Density>
   std::vector<double> Integrate(const Density& density, int fine = 6) const {
-    std::vector<double> shares(kRings * kSectors);
-    const double step = kTau / 2 / (kRings * fine), turn = kTau / (kSectors * fine);
-    for (int i = 0; i < kRings * fine; ++i) {
+    std::vector<double> shares(static_cast<std::size_t>(rings * sectors));
+    const double step = kTau / 2 / (rings * fine), turn = kTau / (sectors * fine);
+    for (int i = 0; i < rings * fine; ++i) {
       const double angle = (i + 0.5) * step;
-      for (int j = 0; j < kSectors * fine; ++j) {
+      for (int j = 0; j < sectors * fine; ++j) {
         const Vec3 local = FromPolar(std::cos(angle), (j + 0.5) * turn);
         const Vec3 d = local.x * x + local.y * y + local.z * z;
-        shares[static_cast<std::size_t>(i / fine * kSectors + j / fine)] +=
+        shares[static_cast<std::size_t>(i / fine * sectors + j / fine)] +=
             static_cast<double>(density(d)) * std::sin(angle) * step * turn;
       }
     }
@@ -80,6 +79,7 @@ struct SphereGrid {
   }
 
   Vec3 z, x, y;
+  int rings, sectors;
 };
 
 inline double Sum(const std::vector<double>& values) {
