@@ -150,6 +150,16 @@ TEST_F(DirectLight, TransmissiveLayerTakesLightFromBehindOnly) {
   }
 }
 
+TEST_F(DirectLight, PanesMultiplyTheirTransparencies) {
+  const Vec3 tint = {0.9f, 0.5f, 0.8f};
+  const std::int32_t pane = AddShader("pane", kBlack, kBlack);
+  Layer(pane)[Element::kShadowTransparency].color = tint;
+  for (float z : {4.0f, 4.1f, 4.2f}) AddPlane(z, 10, pane);
+  AddPointLight({0, 0, 6});
+  Render();
+  ExpectColor(kPointColor * tint * tint * tint / 36, 0.002f, "tinted");
+}
+
 // Half of a spherical lamp stands behind an edge: half of its light arrives.
 TEST_F(DirectLight, BlurredLightsCastSoftShadows) {
   for (bool parallel : {false, true}) {
