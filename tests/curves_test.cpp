@@ -8,7 +8,6 @@
 
 #include "accel/accel.h"
 #include "accel/curve_segment.h"
-#include "accel/nearest_point.h"
 #include "accel/tree.h"
 #include "geometry/geometry.h"
 #include "integrator/estimator.h"
@@ -17,13 +16,6 @@
 
 namespace zp {
 namespace {
-
-Vec3 UniformDirection() {
-  for (;;) {
-    const Vec3 v = UniformPoint(1);
-    if (Dot(v, v) > 0.01f && Dot(v, v) < 1) return SafeNormalize(v);
-  }
-}
 
 RayRecord MakeRay(Vec3 origin, Vec3 direction, float t = kFarthest) {
   RayRecord ray;
@@ -41,17 +33,6 @@ RayRecord LeaveHit(const RayRecord& hit, Vec3 origin, Vec3 direction, float t = 
   ray.parentPrimitive = hit.primitive;
   ray.parentPlace = hit.hitPlace;
   return ray;
-}
-
-void AddParticle(Part& part, Vec3 center, float radius) {
-  part.particles.push_back(AddVertex(part, center));
-  part.scalarSets[0].values.push_back(radius);
-}
-
-void AddStrandVertex(Part& part, Vec3 p, Vec3 tangent, float radius) {
-  AddVertex(part, p);
-  part.tangents.push_back(Pack(tangent));
-  part.scalarSets[0].values.push_back(radius);
 }
 
 // One segment about a unit long that bends moderately.
@@ -74,7 +55,7 @@ class Curves : public RenderTest {
 
   static std::int32_t AddGlass(Material material) {
     const std::int32_t shader = AddShader("glass", kBlack, kBlack);
-    SurfaceShader& layer = shaders[static_cast<std::size_t>(shader)].surfaces[0];
+    SurfaceShader& layer = Layer(shader);
     layer.material = material;
     layer[Element::kSpecular].color = kWhite;
     layer[Element::kIor].color = Grey(1.5f);
@@ -291,133 +272,6 @@ TEST_F(Curves, ShadowRaysMeetParticlesByTheirDiscriminant) {
   }
 }
 
-// A quarter of each kind. Strands are a few segments long.
-void FillSoup(Object& object, std::int32_t shader, int count) {
-  object.parts.assign(3, {});
-  for (Part& part : object.parts) part.shader = shader;
-  for (int i = 0; i < count; ++i) {
-    const Vec3 p = UniformPoint(8), u = UniformPoint(0.6f);
-    const Vec3 v = 0.6f * Cross(SafeNormalize(u), UniformDirection());
-    AddTetragon(object.parts[0], {p, p + u, p + u + v, p + v}, shader);
-    const Vec3 q = UniformPoint(8);
-    Triangle& triangle = object.parts[0].triangles.emplace_back();
-    triangle.shader = shader;
-    for (std::uint32_t& vertex : triangle.vertex) vertex = AddVertex(object.parts[0], q + UniformPoint(0.5f));
-    AddParticle(object.parts[1], UniformPoint(8), Uniform(0.05f, 0.3f));
-    Part& hair = object.parts[2];
-    Vec3 root = UniformPoint(8), way = UniformDirection();
-    const float radius = Uniform(0.02f, 0.08f);
-    const std::uint32_t segments = 1 + generator() % 4;
-    for (std::uint32_t k = 0; k <= segments; ++k) {
-      if (k < segments) hair.cylinders.push_back(static_cast<std::uint32_t>(hair.positions.size()));
-      AddStrandVertex(hair, root, way, radius);
-      way = SafeNormalize(way + 0.4f * UniformDirection());
-      root += way;
-    }
-    hair.strandLengths.push_back(segments);
-  }
-}
-
-struct LoopHit {
-  float t = kFarthest;
-  std::uint8_t kind = kKindUnset;
-  std::int32_t primitive = kNone;
-  bool front = false;
-  int blocking = 0;      // of shadow rays: how many surfaces there are
-  bool unclear = false;  // rounding decides
-};
-
-void LoopOver(const Object& object, const RayRecord& ray, bool shadow, LoopHit& best) {
-  for (const Part& part : object.parts) {
-    const auto consider = [&](bool met, const PrimitiveHit& hit, std::uint8_t kind, std::uint32_t i) {
-      if (!met) return;
-      const Vec3 b = hit.barycentric, p = ray.origin + hit.t * ray.direction;
-      if (kind == kKindTriangle) best.unclear |= std::min({b.x, b.y, b.z}) < 1e-4f;
-      if (kind == kKindTetragon) best.unclear |= std::min({b.x, b.y, 1 - b.x, 1 - b.y}) < 1e-4f;
-      if (kind == kKindParticle) best.unclear |= std::abs(Dot(b, ray.direction)) < 0.01f;
-      if (kind == kKindCylinder) {
-        const Box box = CylinderBox(part, i);  // what sticks out at bends may be lost
-        for (int a = 0; a < 3; ++a) best.unclear |= !(box.min[a] < p[a] && p[a] < box.max[a]);
-        best.unclear |= std::abs(b.x) > 0.99f;
-      }
-      ++best.blocking;
-      best.unclear |= std::abs(hit.t - best.t) < 1e-4f;
-      if (hit.t >= best.t) return;
-      best = {hit.t, kind, static_cast<std::int32_t>(i), hit.denominator < 0, best.blocking, best.unclear};
-    };
-    PrimitiveHit hit;
-    for (std::uint32_t i = 0; i < part.triangles.size(); ++i)
-      consider(TestTriangle(part, i, ray, hit), hit, kKindTriangle, i);
-    for (std::uint32_t i = 0; i < part.tetragons.size(); ++i)
-      consider(TestTetragon(part, i, ray, hit), hit, kKindTetragon, i);
-    for (std::uint32_t i = 0; i < part.cylinders.size(); ++i)
-      consider(TestCylinder(part, i, ray, hit), hit, kKindCylinder, i);
-    for (std::uint32_t i = 0; i < part.particles.size(); ++i) {
-      if (!shadow) {
-        consider(TestParticle(part, i, ray, hit), hit, kKindParticle, i);
-        continue;
-      }
-      // Shadows of particles have tests of their own.
-      const Vec3 d = part.positions[part.particles[i]] - ray.origin;
-      const float b = Dot(d, ray.direction);
-      best.unclear |= SafeLength(d - b * ray.direction) < 0.31f && -0.4f < b && b < ray.t + 0.4f;
-    }
-  }
-}
-
-TEST_F(Curves, AllWalksAgreeWithALoopOverAllKinds) {
-  AddPlain();
-  const std::int32_t veil = AddShader("veil", kWhite, kBlack);
-  shaders[static_cast<std::size_t>(veil)].surfaces[0][Element::kShadowTransparency].color = Grey(0.5f);
-  objectTable.resize(2);
-  FillSoup(objectTable[0], veil, 400);
-  FillSoup(objectTable[1], veil, 400);
-  const float c = std::cos(0.7f), s = std::sin(0.7f);
-  const Mat4 placement = {{{c, -s, 0, 2}, {s, c, 0, -1}, {0, 0, 1, 0.5f}, {0, 0, 0, 1}}};
-  Instance& instance = objectTable[0].instances.emplace_back();
-  instance.object = 1;
-  instance.matrix = placement;
-  Initialize();
-  Mat4 inverse;
-  ASSERT_TRUE(Invert(placement, inverse));
-  int seen[8] = {}, compared = 0, dimmed = 0;
-  for (int i = 0; i < 2400; ++i) {
-    const Vec3 origin = UniformPoint(10);
-    RayRecord ray = MakeRay(origin, UniformPoint(8) - origin);
-    const bool shadow = i % 2 == 0;
-    if (shadow) ray.t = Uniform(1, 12);
-    LoopHit expected;
-    LoopOver(objectTable[0], ray, shadow, expected);
-    RayRecord placed = ray;
-    placed.origin = TransformPoint(inverse, ray.origin);
-    placed.direction = TransformDirection(inverse, ray.direction);
-    LoopOver(objectTable[1], placed, shadow, expected);
-    if (expected.unclear) continue;
-    ++compared;
-    if (shadow) {
-      settings.samplePass = i / 2 % 2;
-      const bool blocked = Occlude(ray);
-      const float left = std::pow(0.5f, static_cast<float>(expected.blocking));
-      EXPECT_EQ(blocked, left <= kBlackThreshold) << i;
-      EXPECT_NEAR(blocked ? left : ray.throughput.y, left, 1e-5f) << i;
-      dimmed += expected.blocking > 0 ? 1 : 0;
-      continue;
-    }
-    const bool hit = Trace(ray);
-    ASSERT_EQ(hit, expected.kind != kKindUnset) << i;
-    if (!hit) continue;
-    EXPECT_NEAR(ray.t, expected.t, 5e-5f) << i;
-    EXPECT_EQ(ray.kind, expected.kind) << i;
-    EXPECT_EQ(ray.primitive, expected.primitive) << i;
-    EXPECT_EQ(ray.frontFace, expected.front) << i;
-    ++seen[ray.kind];
-  }
-  EXPECT_GT(compared, 1500);
-  EXPECT_GT(dimmed, 150);
-  EXPECT_GT(std::min(seen[kKindTriangle], seen[kKindTetragon]), 100);
-  EXPECT_GT(std::min(seen[kKindParticle], seen[kKindCylinder]), 50);
-}
-
 TEST_F(Curves, StrandsSkipTheirParentAndTintShadows) {
   Part& part = Geometry();
   part.shader = AddGlass(Material::kThinDielectric);
@@ -440,23 +294,6 @@ TEST_F(Curves, StrandsSkipTheirParentAndTintShadows) {
   EXPECT_EQ(shadow.throughput, kWhite);
   RayRecord again = LeaveHit(ray, origin, direction);
   EXPECT_FALSE(Trace(again));
-}
-
-TEST_F(Curves, NearestPointsProjectOntoSurfaces) {
-  Part part;
-  AddTetragon(part, {Vec3{1, 1, 0}, Vec3{3, 1, 0}, Vec3{3, 2, 0}, Vec3{1, 2, 0}}, 0);
-  part.triangles.push_back({{0, 1, 2}, 0});
-  for (float height : {0.25f, -0.25f}) {
-    EXPECT_NEAR(NearestOnTriangle(part, 0, {2.5f, 1.25f, height}).distance, 0.25f, 1e-6f);
-    // A rank: the normal is as long as the product of the diagonals, here 4 along z.
-    EXPECT_NEAR(NearestOnTetragon(part, 0, {1.5f, 1.75f, height}).distance,
-                SafeLength(Vec3{1.5f, 1.75f, height + 16 * height}), 1e-5f);
-  }
-  EXPECT_EQ(NearestOnTriangle(part, 0, {1.5f, 1.75f, 0.1f}).distance, kFarthest);
-  EXPECT_EQ(NearestOnTriangle(part, 0, {2, 1, 0}).distance, kFarthest);  // above an edge
-  EXPECT_EQ(NearestOnTetragon(part, 0, {0.9f, 1.5f, 0}).distance, kFarthest);
-  part.uvSets.clear();
-  EXPECT_EQ(NearestOnTriangle(part, 0, {2.5f, 1.25f, 0}).uv, Vec2{});
 }
 
 TEST_F(Curves, StrandsTakeTheCoordinatesUnderTheirRoots) {
@@ -541,7 +378,7 @@ TEST_F(Curves, MotionDrawsAStreak) {
 }
 
 TEST_F(Curves, MotionToNowhereLosesWhatMovesAndNoMore) {
-  FillSoup(objectTable[0], AddPlain(), 50);
+  FillSoup(objectTable[0], 50, AddPlain);
   Part& part = objectTable[0].parts[1];
   part.vectorSets.push_back({"motion", std::vector<Vec3>(part.positions.size())});
   part.vectorSets[0].values[1] = {std::nanf(""), 0, 0};
@@ -566,26 +403,6 @@ TEST_F(Curves, MotionToNowhereLosesWhatMovesAndNoMore) {
     hits += rays[i].primitive == kNone ? 0 : 1;
   }
   EXPECT_GT(hits, 20);
-}
-
-TEST_F(Curves, ParticlesInAFurnaceKeepItsRadiance) {
-  enum class Variant { kGreyBall, kHeapOfWhiteBalls, kGlassBall };
-  for (Variant variant : {Variant::kGreyBall, Variant::kHeapOfWhiteBalls, Variant::kGlassBall}) {
-    Restart();
-    const bool heap = variant == Variant::kHeapOfWhiteBalls;
-    const float albedo = variant == Variant::kGreyBall ? 0.6f : 1.0f;
-    Geometry().shader = variant == Variant::kGlassBall ? AddGlass(Material::kDielectric)
-                                                       : AddShader("ball", Grey(albedo), kBlack);
-    for (int i = 0; i < (heap ? 60 : 1); ++i)
-      AddParticle(Geometry(), heap ? UniformPoint(1) : kBlack, heap ? 0.3f : 1);
-    cameras[0].width = cameras[0].height = 8;
-    LookFrom({0, -4, 0}, kBlack, heap ? 15 : 20);
-    settings.rayDepth = settings.rendererBounce = 40;
-    settings.rendererSample = 4;
-    Render();
-    EXPECT_NEAR(MeanColor().y, albedo, variant == Variant::kGreyBall ? 1e-3f : 0.02f);
-    EXPECT_LT(*std::max_element(Pixels(0).begin(), Pixels(0).end()), albedo + 1e-3f);
-  }
 }
 
 }  // namespace

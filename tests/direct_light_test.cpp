@@ -14,7 +14,6 @@
 namespace zp {
 namespace {
 
-constexpr float kDegree = kPi / 180;
 constexpr Vec3 kPointColor = {0.8f, 0.4f, 0.2f};
 // Where a lamp of the one area that samples of the geometry light count in full hangs over the floor: their
 // constant stands for pi over that area.
@@ -48,17 +47,7 @@ class DirectLight : public RenderTest {
           << what << " channel " << c;
   }
 
-  static SurfaceShader& Layer(std::int32_t shader) {
-    return shaders[static_cast<std::size_t>(shader)].surfaces[0];
-  }
   SurfaceShader& FloorLayer() { return Layer(floor_); }
-
-  static ParallelLight& AddParallelLight(Vec3 direction, float offset = 0) {
-    ParallelLight& light = parallelLights.emplace_back();
-    light.zAxis = direction;
-    light.offset = offset;
-    return light;
-  }
 
   // Black, over all that is right of x.
   static void AddWall(float x) {
@@ -161,27 +150,6 @@ TEST_F(DirectLight, TransmissiveLayerTakesLightFromBehindOnly) {
   }
 }
 
-// The lobe by its own formula, from the angle between the half vector and the normal.
-TEST_F(DirectLight, GlossyHighlightFollowsItsLobe) {
-  for (float degrees : {0.0f, 10.0f, 25.0f}) {
-    Restart();
-    const float alpha = 0.2f, ior = 1.6f;
-    FloorLayer()[Element::kLambertian].color = kBlack;
-    FloorLayer()[Element::kGlossy].color = kPointColor;
-    FloorLayer()[Element::kRoughness].color = Grey(alpha);
-    FloorLayer()[Element::kIor].color = Grey(ior);
-    const float angle = degrees * kDegree;
-    AddPointLight({2 * std::sin(angle), 0, 2 * std::cos(angle)});
-    settings.rayDepth = 1;
-    Render();
-    const float fresnel = (0.6f / 2.6f) * (0.6f / 2.6f);  // seen from straight above
-    const float tangent = std::tan(angle / 2), cosine = std::cos(angle / 2), half = 2 * cosine;
-    const float ward = std::exp(-tangent * tangent / (alpha * alpha)) /
-                       (kPi * alpha * alpha * half * half * std::pow(cosine, 4.0f));
-    ExpectColor(kPointColor * (kPi * ward * std::cos(angle) * fresnel / 4), 0.005f, std::to_string(degrees));
-  }
-}
-
 TEST_F(DirectLight, PanesMultiplyTheirTransparencies) {
   const Vec3 tint = {0.9f, 0.5f, 0.8f};
   const std::int32_t pane = AddShader("pane", kBlack, kBlack);
@@ -190,23 +158,6 @@ TEST_F(DirectLight, PanesMultiplyTheirTransparencies) {
   AddPointLight({0, 0, 6});
   Render();
   ExpectColor(kPointColor * tint * tint * tint / 36, 0.002f, "tinted");
-}
-
-TEST_F(DirectLight, ThinGlassDimsLightOnItsWayAndTheViewThroughIt) {
-  const float head = 0.04f, sheet = 2 * head / (1 + head);  // 0.0769 at normal incidence
-  for (bool seenThrough : {false, true}) {
-    Restart();
-    const std::int32_t pane = AddShader("pane", kBlack, kBlack);
-    Layer(pane).material = Material::kThinDielectric;
-    Layer(pane)[Element::kSpecular].color = kWhite;
-    Layer(pane)[Element::kIor].color = Grey(1.5f);
-    AddPlane(seenThrough ? 1 : 4, 10, pane);
-    AddPointLight({0, 0, seenThrough ? 0.5f : 6});
-    settings.rayDepth = seenThrough ? 2 : 1;  // the floor's light, not its image in the glass
-    Render();
-    ExpectColor(kPointColor * ((1 - sheet) / (seenThrough ? 0.25f : 36)), 0.002f,
-                seenThrough ? "view" : "light");
-  }
 }
 
 // Half of a spherical lamp stands behind an edge: half of its light arrives.
@@ -380,25 +331,6 @@ TEST_F(DirectLight, BouncedLightIsSampledUpToTheLastBounce) {
     double expected = 0;
     for (int k = 0; k <= bounces; ++k) expected += std::pow(0.5, k + 1);
     EXPECT_NEAR(MeanColor().x, expected, 0.02 * expected) << bounces;
-  }
-}
-
-// The lower of two Instances of one plate lies in the shadow of the upper one, and does not shadow itself.
-TEST_F(DirectLight, CopiesOfAPrimitiveShadowEachOther) {
-  for (float height : {2.0f, -2.0f}) {
-    Restart();
-    objectTable.emplace_back(objectTable[0]).name = "plate";
-    objectTable[0].parts.clear();
-    for (float z : {0.0f, height}) {
-      Instance instance;
-      instance.object = 1;
-      instance.matrix.m[2][3] = z;
-      objectTable[0].instances.push_back(instance);
-    }
-    AddPointLight({0, 0, 4});
-    LookDown(1);
-    Render();
-    ExpectColor(height > 0 ? kBlack : kPointColor / 16, 0.002f, std::to_string(height));
   }
 }
 

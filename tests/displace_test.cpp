@@ -22,24 +22,10 @@ namespace {
 
 constexpr float kTwoPi = 2 * kPi;
 
-// A float picture of `texel(u, v)`, with the texel at column c standing at u = c / width.
-template <class Function>
-std::int32_t AddTexture(const char* name, int width, int height, Function&& texel) {
-  ImageBuffer& image = images.emplace_back();
-  Allocate(image, width, height, 3, 32, false);
-  for (int i = 0; i < width * height; ++i)
-    WritePixel(image,
-               texel(static_cast<float>(i % width) / static_cast<float>(width),
-                     static_cast<float>(i / width) / static_cast<float>(height)),
-               static_cast<std::size_t>(i));
-  image.fileName = name;
-  image.loaded = true;
-  return static_cast<std::int32_t>(images.size()) - 1;
-}
-
 // Waves in all three channels, around mid-grey.
 std::int32_t AddWaves() {
-  return AddTexture("waves", 64, 32, [](float u, float v) {
+  return AddImage("waves", 64, 32, [](int x, int y) {
+    const float u = static_cast<float>(x) / 64, v = static_cast<float>(y) / 32;
     return Vec3{0.5f + 0.3f * std::sin(kTwoPi * u), 0.4f + 0.2f * std::cos(2 * kTwoPi * v),
                 0.5f + 0.5f * std::sin(kTwoPi * (u + 2 * v))};
   });
@@ -129,11 +115,7 @@ class DisplaceTest : public RenderTest {
   GeometryShader& First() const { return shaders[static_cast<std::size_t>(shader_)].geometry; }
 
   static std::string DisplaceAloud(Part& part) {
-    SetConsoleQuiet(false);
-    testing::internal::CaptureStdout();
-    Displace(part);
-    SetConsoleQuiet(true);
-    return testing::internal::GetCapturedStdout();
+    return Aloud([&] { Displace(part); });
   }
 
   std::int32_t shader_ = 0, other_ = 0;
@@ -198,17 +180,6 @@ TEST_F(DisplaceTest, EdgesMeetToTheBit) {
     }
 }
 
-TEST_F(DisplaceTest, EdgesMeetThroughTwoLayersAndSmoothing) {
-  const std::int32_t waves = AddWaves();
-  First().smoothAngle = 180;
-  AddLayer(shader_, 3, {0, 0, 0.2f}, waves);
-  AddLayer(shader_, 5, {0.01f, 0.02f, 0.05f}, waves).direction = {1, 2, 3};
-  Part part = BumpyBall(shader_);
-  Displace(part);
-  EXPECT_EQ(part.triangles.size(), 32u * 9 * 25);
-  EXPECT_TRUE(IsClosed(part));
-}
-
 // A level that divides the other's has its edge points among the other's.
 TEST_F(DisplaceTest, PointsOfDifferentLevelsCoincide) {
   const std::int32_t waves = AddWaves();
@@ -266,8 +237,8 @@ TEST_F(DisplaceTest, PatchBendsToASphere) {
 }
 
 TEST_F(DisplaceTest, OffsetFollowsFrameOrDirection) {
-  const std::int32_t grey = AddTexture("grey", 2, 2, [](float, float) { return Grey(0.5f); });
-  const std::int32_t color = AddTexture("color", 2, 2, [](float, float) { return Vec3{1, 0.25f, 0}; });
+  const std::int32_t grey = AddImage("grey", 2, 2, [](int, int) { return Grey(0.5f); });
+  const std::int32_t color = AddImage("color", 2, 2, [](int, int) { return Vec3{1, 0.25f, 0}; });
   struct Case {
     Vec3 vector;
     std::int32_t image;
@@ -362,44 +333,29 @@ TEST_F(DisplaceTest, TooFineLevelsAreLeftOut) {
   }
 }
 
-TEST_F(DisplaceTest, ThreadsDoNotChangeTheSurface) {
+// Smoothed and displaced in two layers, it is closed and the same at every thread count.
+TEST_F(DisplaceTest, ThreadsChangeNothing) {
   const std::int32_t waves = AddWaves();
+  First().smoothAngle = 180;
   AddLayer(shader_, 3, {0.1f, 0.1f, 0.2f}, waves).pixelSampler = PixelSampler::kStochastic;
-  AddLayer(shader_, 4, {0, 0, 0.1f}, waves);
-  const auto corners = [&](int threads) {
+  AddLayer(shader_, 4, {0, 0, 0.1f}, waves).direction = {1, 2, 3};
+  AddLayer(other_, 12, {});
+  const auto prepared = [&](int threads) {
     omp_set_num_threads(threads);
     Part part = BumpyBall(shader_);
-    for (std::size_t i = 0; i < part.triangles.size(); i += 3) part.triangles[i].shader = other_;
-    Displace(part);
-    std::vector<Bits> all;
-    for (const std::uint32_t v : Corners(part)) all.push_back(BitsOf(part.positions[v]));
-    return all;
+    PreparePart(part, {});
+    return part;
   };
-  const auto reference = corners(1);
-  ASSERT_EQ(reference.size(), 3u * (11 + 21 * 144));
-  for (const int threads : {2, 3, 7}) EXPECT_EQ(corners(threads), reference) << threads << " threads";
-}
-
-// What the camera sees of a plane whose texture is a sine.
-TEST_F(DisplaceTest, DepthShowsTheSine) {
-  constexpr float kHeight = 0.4f;
-  AddTexture("sine", 256, 1, [](float u, float) { return Grey(0.5f + 0.5f * std::sin(kTwoPi * u)); });
-  AddLayer(shader_, 96, {0, 0, kHeight}).imageName = "sine";
-  AddUnitSquare(Geometry(), shader_);
-  // From far away all rays run straight down, so that depth alone tells the height.
-  const float away = 200, width = 0.9f;
-  LookFrom({0.5f, 0.5f, away}, {0.5f, 0.5f, 0}, 2 * std::atan(0.5f * width / away) * 180 / kPi);
-  for (int i = 0; i < 2; ++i) cameras[0].poses[i].upVector = {0, 1, 0};
-  settings.rendererBounce = 0;
-  const std::size_t depth = AddAov(kChannelDepth), position = AddAov(kChannelPosition);
-  Render();
-  float most = 0;
-  for (std::size_t pixel = 0; pixel < 16 * 16; ++pixel) {
-    const float height = away - Pixels(depth)[3 * pixel];
-    EXPECT_NEAR(height, 0.5f * kHeight * std::sin(kTwoPi * Pixels(position)[3 * pixel]), 0.006f);
-    most = std::max(most, height);
+  const Part reference = prepared(1);
+  EXPECT_EQ(reference.triangles.size(), 32u * 144);
+  EXPECT_TRUE(IsClosed(reference));
+  for (const int threads : {2, 3, 7}) {
+    const Part part = prepared(threads);
+    EXPECT_EQ(Corners(part), Corners(reference)) << threads;
+    EXPECT_EQ(part.positions, reference.positions) << threads;
+    EXPECT_EQ(part.normals, reference.normals) << threads;
+    EXPECT_EQ(part.tangents, reference.tangents) << threads;
   }
-  EXPECT_NEAR(most, 0.5f * kHeight, 0.01f);
 }
 
 }  // namespace

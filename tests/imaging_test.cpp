@@ -23,6 +23,7 @@
 #include "core/console.h"
 #include "core/random.h"
 #include "core/tables.h"
+#include "surroundings.h"
 
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/lsan_interface.h>
@@ -36,14 +37,7 @@ namespace fs = std::filesystem;
 constexpr float kInf = std::numeric_limits<float>::infinity();
 constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 
-std::vector<char> Bytes(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-bool StartsWith(const fs::path& path, std::string_view magic) {
-  const std::vector<char> bytes = Bytes(path);
-  return std::string_view(bytes.data(), bytes.size()).starts_with(magic);
-}
+bool StartsWith(const fs::path& path, std::string_view magic) { return ReadFile(path).starts_with(magic); }
 
 void ExpectNear(Vec3 value, Vec3 expected, float tolerance) {
   for (int c = 0; c < 3; ++c) EXPECT_NEAR(value[c], expected[c], tolerance) << c;
@@ -62,21 +56,13 @@ class ImageFiles : public testing::Test {
   void SetUp() override {
     StartImageFiles();
     FillExponentTable();
-    std::string pattern = (fs::temp_directory_path() / "imagingXXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    folder = pattern;
     TakeFailedSaves();
   }
-  void TearDown() override {
-    fs::remove_all(folder);
-    StopImageFiles();
-  }
-  std::string Path(std::string_view name) const { return (folder / name).string(); }
-  std::ptrdiff_t FileCount() const { return std::distance(fs::directory_iterator(folder), {}); }
+  void TearDown() override { StopImageFiles(); }
+  std::string Path(std::string_view name) const { return folder / name; }
+  std::ptrdiff_t FileCount() const { return std::distance(fs::directory_iterator(folder.path), {}); }
 
-  void Write(std::string_view name, const std::string& content) const {
-    std::ofstream(Path(name), std::ios::binary) << content;
-  }
+  void Write(std::string_view name, const std::string& content) const { WriteFile(Path(name), content); }
   static ImageBuffer Load(const std::string& path, bool allowPacked = false) {
     ImageBuffer image;
     image.allowPacked = allowPacked;
@@ -104,7 +90,7 @@ class ImageFiles : public testing::Test {
     return {column, static_cast<float>(y / 32) * 0.25f + 0.1f, 0.4f};
   }
 
-  fs::path folder;
+  const TemporaryFolder folder;
 };
 
 // The rows come back bottom first. The eight blocks differ, so that a turn or a mirror image shows. XPM files
@@ -189,7 +175,7 @@ TEST_F(ImageFiles, UnwritableNamesFailAndAreCounted) {
 TEST_F(ImageFiles, FailingSaveKeepsTheOldFile) {
   ImageBuffer image = Blocks("kept.png");
   ASSERT_TRUE(SaveImage(image));
-  const std::vector<char> before = Bytes(image.fileName);
+  const std::string before = ReadFile(image.fileName);
   for (float& v : image.floatPixels) v = 1 - v;
   const auto saveAs = [&](const char* name) {
     image.fileName = Path(name);
@@ -207,10 +193,10 @@ TEST_F(ImageFiles, FailingSaveKeepsTheOldFile) {
   setrlimit(RLIMIT_FSIZE, &limit);
   std::signal(SIGXFSZ, oldHandler);
   EXPECT_EQ(saved, "");
-  EXPECT_EQ(Bytes(Path("kept.png")), before);
+  EXPECT_EQ(ReadFile(Path("kept.png")), before);
   EXPECT_EQ(FileCount(), 1);
   EXPECT_TRUE(saveAs("kept.png"));
-  EXPECT_NE(Bytes(image.fileName), before);
+  EXPECT_NE(ReadFile(image.fileName), before);
   // What a link leads to is written; the link stays.
   fs::create_symlink("kept.png", Path("link.png"));
   std::ofstream(Path("kept.png")) << "old";
@@ -275,7 +261,7 @@ TEST_F(ImageFiles, DefaultNamesStepAside) {
     EXPECT_EQ(FileCount(), 2);
   }
   fs::current_path(before);
-  EXPECT_EQ(Bytes(Path(image.fileName)).size(), 9U);
+  EXPECT_EQ(ReadFile(Path(image.fileName)).size(), 9U);
 }
 
 TEST_F(ImageFiles, FloatsBecomeBytes) {
@@ -332,7 +318,7 @@ TEST_F(ImageFiles, RowsOnDisk) {
   SaveAndLoad(image, "rows.pfm");
   SaveAndLoad(image, "rows.hdr");
   // PFM is defined to store the bottom row first: its last 24 bytes are the two pixels.
-  const std::vector<char> pfm = Bytes(Path("rows.pfm")), hdr = Bytes(Path("rows.hdr"));
+  const std::string pfm = ReadFile(Path("rows.pfm")), hdr = ReadFile(Path("rows.hdr"));
   const float rows[] = {1, 1, 1, 4, 4, 4};
   ASSERT_GE(pfm.size(), sizeof rows);
   EXPECT_EQ(std::memcmp(rows, pfm.data() + pfm.size() - sizeof rows, sizeof rows), 0);
@@ -659,36 +645,6 @@ TEST_F(Cameras, DegeneratePosesStayFinite) {
   pose.target = pose.position;
   expectFiniteRay();
   EXPECT_EQ(pose.forward, kBlack);
-}
-
-TEST_F(Cameras, ReportRows) {
-  SetConsoleQuiet(false);
-  testing::internal::CaptureStdout();
-  InitializeCameras();
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "camera sensor width                40 [ pixels ]\n"
-            "camera sensor height               20 [ pixels ]\n"
-            "camera memory                  0.0092 [ M bytes ]\n" +
-                std::string(80, '_') + "\n\n");
-}
-
-TEST_F(ImageFiles, FinalizeCamerasWritesEveryAov) {
-  SetConsoleQuiet(true);
-  cameras.clear();
-  for (const char* first : {"a.hdr", "b.hdr"}) {
-    Camera& camera = cameras.emplace_back();
-    camera.width = camera.height = 4;
-    camera.aovs.resize(3);  // one without a name is no failure
-    camera.aovs[0].image.fileName = Path(first);
-    camera.aovs[1].image.fileName = Path("no/such/folder.png");
-  }
-  cameras[0].aovs[1].image.fileName = Path("c.png");
-  InitializeCameras();
-  FinalizeCameras();
-  SetConsoleQuiet(false);
-  EXPECT_TRUE(cameras.empty());
-  EXPECT_EQ(FileCount(), 3);
-  EXPECT_EQ(TakeFailedSaves().size(), 1U);
 }
 
 }  // namespace

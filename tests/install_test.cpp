@@ -2,28 +2,15 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <set>
+#include <sstream>
 #include <string>
 
 #include "built_files.h"
+#include "surroundings.h"
 
+namespace zp {
 namespace {
-
-// What a command line prints on both streams.
-std::string OutputOf(const std::string& command) {
-  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-  if (pipe == nullptr) return {};
-  std::string text;
-  std::array<char, 4096> block;
-  while (const std::size_t size = std::fread(block.data(), 1, block.size(), pipe))
-    text.append(block.data(), size);
-  pclose(pipe);
-  return text;
-}
 
 // The words of small letters and hyphens that follow `mark` in the text.
 std::set<std::string> WordsBehind(const std::string& text, const std::string& mark) {
@@ -37,9 +24,8 @@ std::set<std::string> WordsBehind(const std::string& text, const std::string& ma
 }
 
 TEST(Manual, ExplainsEveryCommandAndOption) {
-  std::ifstream file(std::string(zp::kSources) + "/docs/zephlore.1");
-  const std::string manual{std::istreambuf_iterator<char>(file), {}};
-  const std::string program = "'" + std::string(zp::kProgram) + "' ";
+  const std::string manual = ReadFile(std::string(kSources) + "/docs/zephlore.1");
+  const std::string program = "'" + std::string(kProgram) + "' ";
 
   std::string help = OutputOf(program + "--help");
   const std::set<std::string> commands = WordsBehind(help.substr(help.find("Subcommands:")), "\n  ");
@@ -50,8 +36,8 @@ TEST(Manual, ExplainsEveryCommandAndOption) {
   }
 
   std::string items;  // the lines that begin the explanation of an option
-  std::ifstream again(std::string(zp::kSources) + "/docs/zephlore.1");
-  for (std::string line; std::getline(again, line);)
+  std::istringstream lines(manual);
+  for (std::string line; std::getline(lines, line);)
     if (line.starts_with(".It Fl ")) items += line + "\n";
   const std::set<std::string> options = WordsBehind(help, "--"), explained = WordsBehind(items, " -");
   EXPECT_GE(options.size(), 11U);
@@ -59,3 +45,4 @@ TEST(Manual, ExplainsEveryCommandAndOption) {
 }
 
 }  // namespace
+}  // namespace zp

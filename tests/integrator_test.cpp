@@ -70,29 +70,6 @@ class Integrator : public RenderTest {
   }
 };
 
-// Every pixel shows the colour where the body is and the sky elsewhere, in the parts that its samples met.
-TEST_F(Integrator, Furnaces) {
-  struct Case {
-    float albedo;
-    void (*addBody)(std::int32_t);
-  };
-  const auto cube = [](std::int32_t shader) { AddCube(Geometry(), 0.8f, shader); };
-  const auto facets = [](std::int32_t shader) { AddSphere(Geometry(), 2, false, shader); };
-  const auto smooth = [](std::int32_t shader) { AddSphere(Geometry(), 3, true, shader); };
-  for (const Case& c : {Case{0.6f, cube}, Case{1, cube}, Case{0.3f, facets}, Case{1, smooth}}) {
-    Restart();
-    c.addBody(AddShader("body", Grey(c.albedo), kBlack));
-    const std::size_t cover = AddAov(kChannelLambertianColor);
-    Render();
-    for (std::size_t i = 0; i < Pixels(0).size(); ++i) {
-      const float share = Pixels(cover)[i] / c.albedo;
-      ASSERT_NEAR(Pixels(0)[i], share * c.albedo + (1 - share), 0.005f) << i;
-    }
-    const float covered = Average(cover) / c.albedo;
-    EXPECT_TRUE(covered > 0.1f && covered < 0.9f) << covered;
-  }
-}
-
 // Two endless plates, the lower one glowing: lower = 1 + a upper, upper = b lower. Each is the only primitive
 // of its Part, so that both have the same index.
 TEST_F(Integrator, FacingPlatesExchangeLight) {
@@ -190,18 +167,6 @@ TEST_F(Integrator, GathersHaveTheCosineDensity) {
   }
 }
 
-TEST_F(Integrator, MediumAbsorbsByDistance) {
-  AddTetragon(Geometry(), {Vec3{-9, 0, -9}, Vec3{9, 0, -9}, Vec3{9, 0, 9}, Vec3{-9, 0, 9}},
-              AddShader("panel", kBlack, kWhite));
-  LookFrom({0, -3, 0}, kBlack, 0.5f);
-  Initialize();
-  globalVolume.transmittance = {0.5f, 1, 0.25f};
-  RenderLoop();
-  EXPECT_NEAR(Pixels(0)[0], 1.0 / 8, 1e-4);
-  EXPECT_NEAR(Pixels(0)[1], 1.0, 1e-6);
-  EXPECT_NEAR(Pixels(0)[2], 1.0 / 64, 1e-4);
-}
-
 TEST_F(Integrator, SeededPicturesIgnoreThreadsAndWhatWasRenderedBefore) {
   std::vector<float> first;
   struct Case {
@@ -282,48 +247,6 @@ TEST(Gather, CountIsAPositiveMultipleOfThePasses) {
       }
 }
 
-TEST_F(Integrator, AovsTellTheFirstHit) {
-  Part& part = Geometry();
-  const Vec3 color = {0.25f, 0.5f, 0.75f}, emission = {0.1f, 0.2f, 0.3f}, eye = {0, -5, 0};
-  const std::int32_t shader = AddShader("wall", color, emission);
-  AddTetragon(part, {Vec3{-1, 0, -1}, Vec3{0, 0, -1}, Vec3{0, 0, 1}, Vec3{-1, 0, 1}}, shader);
-  part.positions.insert(part.positions.end(), {Vec3{0, 0, -3}, Vec3{3, 0, 0}, Vec3{0, 0, 3}});
-  part.triangles.push_back({{4, 5, 6}, shader});
-  part.vectorSets.push_back({"place", part.positions});
-  for (Vec3 p : part.positions) part.scalarSets[0].values.push_back(p.z);
-  part.scalarSets[0].name = "height";
-  LookFrom(eye, kBlack, 20);
-  const std::size_t normal = AddAov(kChannelNormal), position = AddAov(kChannelPosition),
-                    depth = AddAov(kChannelDepth), lambertian = AddAov(kChannelLambertianColor),
-                    emissive = AddAov(kChannelEmissive), place = AddAov(kChannelUserData, "place"),
-                    height = AddAov(kChannelUserData, "height"), none = AddAov(kChannelUserData, "nothing"),
-                    twoBits = AddAov(kChannelNormal | kChannelBeauty);
-  Render();
-  float leftmost = 0, highest = 0;
-  for (std::size_t i = 0; i < 256; ++i) {
-    const auto at = [i](std::size_t aov) {
-      const float* p = &Pixels(aov)[3 * i];
-      return Vec3{p[0], p[1], p[2]};
-    };
-    const auto expect = [&](std::size_t aov, Vec3 expected, float limit) {
-      EXPECT_LT(SafeLength(at(aov) - expected), limit) << aov << " at " << i;
-    };
-    const Vec3 p = at(position);
-    leftmost = std::min(leftmost, p.x);
-    highest = std::max(highest, p.z);
-    expect(position, {p.x, 0, p.z}, 2e-5f);
-    expect(normal, {0.5f, 0, 0.5f}, 2e-5f);
-    expect(depth, Grey(SafeLength(p - eye)), 4e-3f);  // a mean of lengths, in each channel
-    expect(lambertian, color, 2e-5f);
-    expect(emissive, emission, 2e-5f);
-    expect(place, p, 1e-4f);
-    expect(height, Grey(p.z), 1e-4f);
-    for (const std::size_t black : {none, twoBits}) EXPECT_EQ(at(black), kBlack);
-  }
-  EXPECT_NEAR(leftmost, -5 * std::tan(10 * kPi / 180), 0.1);
-  EXPECT_NEAR(highest, 5 * std::tan(10 * kPi / 180), 0.1);
-}
-
 TEST_F(Integrator, BadSamplesBecomeTheErrorColour) {
   objectTable.clear();
   settings.error = {0.5f, 0.25f, 2};
@@ -338,12 +261,6 @@ TEST_F(Integrator, BadSamplesBecomeTheErrorColour) {
   skyLight.color = Grey(0.15f);
   RenderPixels(1, pixel, 0);
   EXPECT_EQ((Vec3{pixel[0], pixel[1], pixel[2]}), (Vec3{0.1f, 0.15f, 0}));
-}
-
-TEST_F(Integrator, FramesWithoutCameraAreNone) {
-  cameras.clear();
-  FrameStep();
-  EXPECT_EQ(settings.passIndex, 0u);
 }
 
 TEST_F(Integrator, SetUpGuardsAndFrames) {

@@ -1,10 +1,8 @@
 // The interface that hosts link: every symbol of the library, and every one of them explained in its header.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -20,159 +18,17 @@
 #include "integrator/estimator.h"
 #include "lights/lights.h"
 #include "shading/shading.h"
+#include "surroundings.h"
 
 namespace zp {
 namespace {
 
-constexpr const char* kSignatures[] = {
-    "zpStartup()",
-    "zpShutdown()",
-    "zpGo(char const*)",
-    "zpInitialize()",
-    "zpFinalize()",
-    "zpInitializeCameras()",
-    "zpFinalizeCameras()",
-    "zpInitializeShaders()",
-    "zpFinalizeShaders()",
-    "zpInitializeGaffer()",
-    "zpFinalizeGaffer()",
-    "zpInitializeSkyLight()",
-    "zpFinalizeSkyLight()",
-    "zpInitializeGeometryLight()",
-    "zpFinalizeGeometryLight()",
-    "zpInitializeAccelerator()",
-    "zpFinalizeAccelerator()",
-    "zpInitializeRenderer()",
-    "zpFinalizeRenderer()",
-    "zpRender()",
-    "zpRenderPixels(int, float*, int)",
-    "zpSetPreviewWindow(bool)",
-    "zpSetDisplayGamma(float)",
-    "zpSetRendererClamp(float, float, float)",
-    "zpSetRendererError(float, float, float)",
-    "zpSetRendererRayDepth(int)",
-    "zpSetRendererPhotonDepth(int)",
-    "zpSetRendererSample(int)",
-    "zpSetRendererBounce(int)",
-    "zpSetRendererDistance(float)",
-    "zpSetRendererResolution(float)",
-    "zpSetRendererRadius(float)",
-    "zpAddObject()",
-    "zpSetObjectName(int, char const*)",
-    "zpAddPart(int)",
-    "zpSetShaderID(int, int, int)",
-    "zpAddPositions(int, int, int, float const*)",
-    "zpAddNormals(int, int, int, float const*)",
-    "zpAddTangents(int, int, int, float const*)",
-    "zpAddUVs(int, int, int, float const*)",
-    "zpAddRadii(int, int, int, float const*)",
-    "zpAddTriangles(int, int, int, int const*)",
-    "zpAddTetragons(int, int, int, int const*)",
-    "zpAddCylinders(int, int, int, int const*)",
-    "zpAddParticles(int, int, int, int const*)",
-    "zpAddVertexData(int, int, char const*, int, int, float const*)",
-    "zpAddInstance(int)",
-    "zpSetInstance(int, int, int, float const (*) [4], int)",
-    "zpAddShader()",
-    "zpSetShaderName(int, char const*)",
-    "zpSetShaderVisibility(int, Visibility)",
-    "zpSetShaderSmoothAngle(int, float)",
-    "zpSetShaderRoundCorner(int, float)",
-    "zpSetShaderTime(int, float)",
-    "zpAddSurfaceShader(int)",
-    "zpSetSurfaceColor(int, int, Element, float, float, float)",
-    "zpSetSurfaceImage(int, int, Element, char const*, float, float const (*) [4], float const (*) [3])",
-    "zpSetSurfaceMaterial(int, int, Material)",
-    "zpSetSurfaceSideness(int, int, Sideness)",
-    "zpSetSurfaceVirtualLight(int, int, bool)",
-    "zpAddDisplacementShader(int)",
-    "zpSetDisplacementImage(int, int, char const*, float, float const (*) [4], float const (*) [3])",
-    "zpSetDisplacementLevel(int, int, int)",
-    "zpSetDisplacementVector(int, int, float, float, float)",
-    "zpAddCamera()",
-    "zpSetCameraName(int, char const*)",
-    "zpSetCameraPosition(int, float, float, float)",
-    "zpSetCameraTarget(int, float, float, float)",
-    "zpSetCameraUpVector(int, float, float, float)",
-    "zpSetCameraBokeh(int, float)",
-    "zpSetCameraFOV(int, float)",
-    "zpSetCameraAngleMeasure(int, AngleMeasure)",
-    "zpSetCameraExposure(int, float, float, float)",
-    "zpSetCameraSample(int, int)",
-    "zpSetCameraTime(int, float)",
-    "zpSetCameraProjection(int, Projection)",
-    "zpSetCameraResolution(int, int, int)",
-    "zpSetCameraRegion(int, int, int, int, int)",
-    "zpAddCameraAOV(int)",
-    "zpSetCameraAOVChannel(int, int, Channel)",
-    "zpSetCameraAOVName(int, int, char const*)",
-    "zpSetCameraAOVUserData(int, int, char const*)",
-    "zpAddPointLight()",
-    "zpSetPointLightColor(int, float, float, float)",
-    "zpSetPointLightPosition(int, float, float, float)",
-    "zpSetPointLightDirection(int, float, float, float)",
-    "zpSetPointLightBlur(int, float)",
-    "zpSetPointLightOffset(int, float)",
-    "zpSetPointLightInnerAngle(int, float)",
-    "zpSetPointLightOuterAngle(int, float)",
-    "zpSetPointLightSample(int, int)",
-    "zpSetPointLightPhoton(int, int)",
-    "zpSetPointLightShaderLink(int, int)",
-    "zpAddPointLightAOV(int)",
-    "zpSetPointLightAOVChannel(int, int, Channel)",
-    "zpSetPointLightAOVName(int, int, char const*)",
-    "zpAddParallelLight()",
-    "zpSetParallelLightColor(int, float, float, float)",
-    "zpSetParallelLightDirection(int, float, float, float)",
-    "zpSetParallelLightBlur(int, float)",
-    "zpSetParallelLightOffset(int, float)",
-    "zpSetParallelLightSample(int, int)",
-    "zpSetParallelLightPhoton(int, int)",
-    "zpSetParallelLightShaderLink(int, int)",
-    "zpAddParallelLightAOV(int)",
-    "zpSetParallelLightAOVChannel(int, int, Channel)",
-    "zpSetParallelLightAOVName(int, int, char const*)",
-    "zpSetSkyLightColor(float, float, float)",
-    "zpSetSkyLightNorth(float, float, float)",
-    "zpSetSkyLightZenith(float, float, float)",
-    "zpSetSkyLightImage(char const*)",
-    "zpSetSkyLightBackdrop(char const*)",
-    "zpSetSkyLightSample(int)",
-    "zpSetSkyLightPhoton(int)",
-    "zpSetSkyLightShaderLink(int)",
-    "zpAddSkyLightAOV()",
-    "zpSetSkyLightAOVChannel(int, Channel)",
-    "zpSetSkyLightAOVName(int, char const*)",
-    "zpSetGeometryLightSample(int)",
-    "zpSetGeometryLightPhoton(int)",
-    "zpSetGeometryLightShaderLink(int)",
-    "zpAddGeometryLightAOV()",
-    "zpSetGeometryLightAOVChannel(int, Channel)",
-    "zpSetGeometryLightAOVName(int, char const*)",
-    "zpSetGeometryLightAOVShaderName(int, char const*)",
-};
-static_assert(std::size(kSignatures) == 125);
-
 using Strings = std::vector<std::string>;
 
-Strings Expected() {
-  Strings list(std::begin(kSignatures), std::end(kSignatures));
-  std::sort(list.begin(), list.end());
-  return list;
-}
-
-// What the dynamic library offers, demangled and sorted; what nm could not tell is a failure.
-Strings ExportedSymbols() {
-  std::string text;
-  std::FILE* pipe = popen(("nm -DC --defined-only '" + std::string(kLibrary) + "'").c_str(), "r");
-  char buffer[4096];
-  for (std::size_t n = 0; pipe != nullptr && (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-    text.append(buffer, n);
-  const int status = pipe == nullptr ? -1 : pclose(pipe);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-
+// What the dynamic library offers, demangled and sorted.
+Strings ExportedFunctions() {
   Strings list;
-  std::istringstream rows(text);
+  std::istringstream rows(OutputOf("nm -DC --defined-only '" + std::string(kLibrary) + "'"));
   std::string address, kind, symbol;
   while (rows >> address >> kind && std::getline(rows >> std::ws, symbol)) {
     EXPECT_EQ(kind, "T") << symbol << " is no ordinary function";
@@ -191,18 +47,6 @@ std::string Surplus(const Strings& a, const Strings& b) {
   return text;
 }
 
-void ExpectSame(const Strings& found, const char* where) {
-  EXPECT_EQ(Surplus(Expected(), found), "") << "missing in " << where;
-  EXPECT_EQ(Surplus(found, Expected()), "") << "surplus in " << where;
-  EXPECT_EQ(found.size(), std::size(kSignatures)) << "in " << where;
-}
-
-TEST(Interface, TheLibraryExportsTheListedFunctionsAndNothingElse) {
-  ExpectSame(ExportedSymbols(), "the library");
-}
-
-bool BeginsWith(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
-
 // A declared argument without its name, in a demangler's order of words: `const float matrix[][4]` becomes
 // `float const (*) [4]`.
 std::string ArgumentType(std::string argument) {
@@ -212,26 +56,27 @@ std::string ArgumentType(std::string argument) {
     argument.resize(bracket);
   }
   std::string type = argument.substr(0, argument.rfind(' '));
-  if (BeginsWith(type, "const ")) {
+  if (type.starts_with("const ")) {
     type.erase(0, 6);
     type.insert(type.find_first_of('*') == std::string::npos ? type.size() : type.find('*'), " const");
   }
   return type + bounds;
 }
 
-TEST(Interface, TheHeaderDeclaresAndExplainsEachOfThem) {
+// Likewise of what the header declares, each of them behind its explanation.
+Strings DeclaredFunctions() {
   std::ifstream file(std::string(kSources) + "/src/frame/zp.h");
   EXPECT_TRUE(file.is_open());
   Strings declared;
   std::string before;
   for (std::string line; std::getline(file, line); before = line) {
     // Every declaration begins a line with its result.
-    if (!BeginsWith(line, "void zp") && !BeginsWith(line, "int zp")) continue;
-    EXPECT_TRUE(BeginsWith(before, "///")) << line << " has no explanation";
+    if (!line.starts_with("void zp") && !line.starts_with("int zp")) continue;
+    EXPECT_TRUE(before.starts_with("///")) << line << " has no explanation";
     for (std::string more; line.find(';') == std::string::npos && std::getline(file, more);)
       line += " " + more.substr(std::min(more.find_first_not_of(' '), more.size()));
     const std::size_t name = line.find("zp"), open = line.find('('), close = line.find(')');
-    ASSERT_TRUE(open < close && close < line.size()) << "unreadable: " << line;
+    EXPECT_TRUE(open < close && close < line.size()) << "unreadable: " << line;
     std::string types;
     std::istringstream arguments(line.substr(open + 1, close - open - 1));
     for (std::string argument; std::getline(arguments >> std::ws, argument, ',');)
@@ -240,11 +85,18 @@ TEST(Interface, TheHeaderDeclaresAndExplainsEachOfThem) {
     // What a symbol does not tell: the result, an index where a record is added and not its data; and that no
     // exception gets through.
     const bool addsRecord = line.find("zpAdd") == name && types.find(',') == std::string::npos;
-    EXPECT_EQ(BeginsWith(line, "int"), addsRecord) << line;
+    EXPECT_EQ(line.starts_with("int"), addsRecord) << line;
     EXPECT_EQ(line.substr(close), ") noexcept;") << line;
   }
   std::sort(declared.begin(), declared.end());
-  ExpectSame(declared, "the header");
+  return declared;
+}
+
+TEST(Interface, TheLibraryExportsWhatTheHeaderDeclares) {
+  const Strings declared = DeclaredFunctions(), exported = ExportedFunctions();
+  EXPECT_EQ(Surplus(declared, exported), "") << "missing in the library";
+  EXPECT_EQ(Surplus(exported, declared), "") << "missing in the header";
+  EXPECT_EQ(exported.size(), 125U);
 }
 
 // Hosts as the header tells them to be, in an empty library.
@@ -379,32 +231,6 @@ TEST_F(Host, ChannelsReplaceOnCamerasAndAddUpOnLights) {
   }
   EXPECT_EQ(cameras[0].aovs[1].channel, 64u);
   EXPECT_EQ(pointLights[0].aovs[0].channel, 1u + 4 + 64);
-}
-
-TEST_F(Host, RenderPixelsGivesOnePassAndLeavesTheMeanAlone) {
-  const int object = zpAddObject(), part = zpAddPart(object);
-  zpSetShaderID(object, part, AddLamp());
-  AddTriangle(object, part);
-  const int camera = zpAddCamera(), depth = zpAddCameraAOV(camera);
-  zpSetCameraPosition(camera, 0, -4, 0);
-  zpSetCameraUpVector(camera, 0, 0, 1);
-  zpSetCameraFOV(camera, 5);
-  zpSetCameraResolution(camera, 4, 2);
-  zpSetCameraSample(camera, 2);
-  zpSetCameraRegion(camera, 1, 0, 3, 2);
-  zpSetCameraAOVChannel(camera, depth, kZpDepth);
-  zpInitialize();
-  std::vector<float> out(3 * 6, -1);
-  for (const int pass : {0, 3}) zpRenderPixels(5, out.data(), pass);  // 3 is pass 1 of 2
-  for (std::size_t i = 0; i < out.size(); ++i) EXPECT_EQ(out[i], i < 3 * 4 ? 3 : -1) << i;
-  zpRenderPixels(1, nullptr, 0);
-  zpRenderPixels(0, out.data(), 0);
-  const ImageBuffer& beauty = cameras[0].aovs[0].image;
-  for (std::size_t pixel = 0; pixel < 8; ++pixel) {
-    const bool inside = pixel % 4 == 1 || pixel % 4 == 2;
-    EXPECT_EQ(ReadPixel(beauty, pixel), Vec3()) << pixel;
-    EXPECT_NEAR(ReadPixel(cameras[0].aovs[1].image, pixel).x, inside ? 4 : 0, 0.02f) << pixel;
-  }
 }
 
 TEST_F(Host, TheGeometryLightsTwoFunctionsActOnTheSky) {

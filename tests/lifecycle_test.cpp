@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <omp.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <tuple>
@@ -15,17 +14,10 @@
 #include "integrator/integrator.h"
 #include "lights/lights.h"
 #include "scene/scene.h"
+#include "surroundings.h"
 
 namespace zp {
 namespace {
-
-// Runs what it is given and returns the rows it printed.
-template <class Call>
-std::string Printed(Call call) {
-  testing::internal::CaptureStdout();
-  call();
-  return testing::internal::GetCapturedStdout();
-}
 
 class Lifecycle : public testing::Test {
  protected:
@@ -135,18 +127,16 @@ TEST_F(Lifecycle, SearchPaths) {
 }
 
 TEST_F(Lifecycle, LightsLastForOneFrame) {
-  const std::filesystem::path folder =
-      std::filesystem::temp_directory_path() / ("zp-lifecycle-" + std::to_string(::getpid()));
-  std::filesystem::create_directories(folder);
+  const TemporaryFolder folder;
   const auto prepare = [&](const char* name) {
     Printed([] { Startup(1); });
     cameras.resize(1);
     cameras[0].width = cameras[0].height = 2;
     cameras[0].sample = 1;
-    cameras[0].aovs.at(0).image.fileName = (folder / "beauty.hdr").string();
+    cameras[0].aovs.at(0).image.fileName = folder / "beauty.hdr";
     pointLights.resize(1);
     pointLights[0].aovs.resize(1);
-    pointLights[0].aovs[0].image.fileName = (folder / name).string();
+    pointLights[0].aovs[0].image.fileName = folder / name;
     parallelLights.resize(1);
     skyLight.color = {2, 2, 2};
     return Printed([] { Initialize(); });
@@ -170,15 +160,13 @@ TEST_F(Lifecycle, LightsLastForOneFrame) {
   EXPECT_TRUE(std::filesystem::exists(folder / "end.hdr"));
   // What cannot be written is told: here the folder is gone.
   prepare("lost.hdr");
-  std::filesystem::remove_all(folder);
+  std::filesystem::remove_all(folder.path);
   const std::string lost = Printed([] { Finalize(); });
   for (const char* name : {"lost.hdr", "beauty.hdr"})
-    EXPECT_NE(lost.find("error :( \timage - " + (folder / name).string() +
-                        "\tcannot be written: there is no folder"),
+    EXPECT_NE(lost.find("error :( \timage - " + (folder / name) + "\tcannot be written: there is no folder"),
               std::string::npos)
         << lost;
   Shutdown();
-  std::filesystem::remove_all(folder);
 }
 
 // A host may call the finer functions in any order that ends with the accelerator and the renderer: photons

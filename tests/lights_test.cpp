@@ -4,26 +4,21 @@
 #include "lights/lights.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <limits>
 #include <map>
-#include <numeric>
 #include <tuple>
 
 #include "accel/accel.h"
 #include "core/random.h"
-#include "frame/zp.h"
 #include "integrator/estimator.h"
 #include "render_fixture.h"
+#include "statistics.h"
 
 namespace zp {
 namespace {
-
-constexpr double kPiD = 3.14159265358979323846;
 
 class Lights : public RenderTest {
  protected:
@@ -36,29 +31,13 @@ class Lights : public RenderTest {
 using GafferTest = Lights;
 using GeometryLightTest = Lights;
 
-void ExpectNear(Vec3 actual, Vec3 expected, float tolerance) {
-  for (int c = 0; c < 3; ++c) EXPECT_NEAR(actual[c], expected[c], tolerance) << "component " << c;
-}
-
 float Length(Vec3 v) { return std::sqrt(Dot(v, v)); }
-
-// Chi-square against `shares` (alike for all, without them), with the limit of one in 30000 that Wilson and
-// Hilferty give in "The Distribution of Chi-square", 1931.
-void ExpectShares(const std::vector<double>& counts, std::vector<double> shares = {}) {
-  shares.resize(counts.size(), 1 / static_cast<double>(counts.size()));
-  const double total = std::accumulate(counts.begin(), counts.end(), 0.0);
-  double sum = 0;
-  for (std::size_t i = 0; i < counts.size(); ++i)
-    sum += (counts[i] / total - shares[i]) * (counts[i] / total - shares[i]) / shares[i];
-  const double k = static_cast<double>(counts.size()) - 1, spread = 2 / (9 * k);
-  EXPECT_LT(total * sum, k * std::pow(1 - spread + 4 * std::sqrt(spread), 3.0));
-}
 
 // One of so many equal parts of 0..1.
 std::size_t BinOf(double share, std::size_t bins) {
   return static_cast<std::size_t>(std::clamp(share, 0.0, 0.9999) * static_cast<double>(bins));
 }
-double Turn(float x, float y) { return (std::atan2(double{y}, double{x}) / kPiD + 1) / 2; }
+double Turn(float x, float y) { return std::atan2(double{y}, double{x}) / kTau + 0.5; }
 std::size_t Octant(Vec3 v) { return (v.x > 0 ? 4u : 0u) + (v.y > 0 ? 2u : 0u) + (v.z > 0 ? 1u : 0u); }
 
 void Ready() {
@@ -151,25 +130,6 @@ TEST_F(GafferTest, BlurOfAPointLightIsAUniformSphere) {
   for (const std::vector<double>& band : bands) ExpectShares(band);
 }
 
-TEST_F(GafferTest, ParallelLight) {
-  // The frame's own blind direction included.
-  const Vec3 axes[] = {{0, 0, 1}, {0, -3, 0}, {1, 1, -1}, {-2, -2, 2}, {1e-7f, 2e-7f, -3e-7f}};
-  for (Vec3 axis : axes) {
-    ParallelLight& light = parallelLights.emplace_back();
-    light.zAxis = axis;
-    light.color = {1, 2, 3};
-    Ready();
-    const Vec3 expected = axis * (1e8f / Length(axis * 1e8f));
-    ExpectNear(light.zAxis, expected, 1e-6f);
-    for (Vec3 a : {light.xAxis, light.yAxis}) EXPECT_NEAR(Dot(a, a), 1, 1e-5f);
-    ExpectNear(Cross(light.xAxis, light.yAxis), light.zAxis, 1e-5f);
-    const LightSample sample = SampleLight(light, {5, 5, 5}, 0.2f, 0.9f);
-    ExpectNear(sample.direction, -expected, 1e-6f);
-    EXPECT_EQ(sample.distance, kFarthest);
-    EXPECT_EQ(sample.radiance, (kPi * Vec3{1, 2, 3}));
-  }
-}
-
 TEST_F(GafferTest, BlurOfAParallelLightIsAUniformCone) {
   ParallelLight& light = parallelLights.emplace_back();
   for (float degrees : {2.0f, 20.0f, 170.0f}) {
@@ -177,7 +137,7 @@ TEST_F(GafferTest, BlurOfAParallelLightIsAUniformCone) {
     light.blur = degrees;
     Ready();
     std::vector<double> bins(5 * 8);
-    const double height = 1 - std::cos(double{degrees} * kPiD / 180);
+    const double height = 1 - std::cos(double{degrees} * kTau / 360);
     for (int i = 0; i < 40000; ++i) {
       const Vec3 d = -SampleLight(light, kBlack, RandomFloat(), RandomFloat()).direction;
       ASSERT_NEAR(Dot(d, d), 1, 1e-5f);
@@ -191,66 +151,53 @@ TEST_F(GafferTest, BlurOfAParallelLightIsAUniformCone) {
   }
 }
 
-// Sums over all photons of a light.
-struct PhotonSums {
-  Vec3 power;
-  double near = 0;  // red power within `cosine` of `axis`
-};
+// The power of all photons of a light together.
 template <class Kind>
-PhotonSums SumPhotons(const Kind& light, Vec3 axis, float cosine) {
+Vec3 PowerOf(const Kind& light) {
   double sum[3] = {};
-  PhotonSums result;
   for (std::uint32_t s = 0; s < static_cast<std::uint32_t>(light.photon); ++s) {
     const RayRecord ray = PhotonOf(light, s);
     EXPECT_NEAR(Dot(ray.direction, ray.direction), 1, 1e-5f);
     for (int c = 0; c < 3; ++c) sum[c] += double{ray.photonPower[c]};
-    if (Dot(ray.direction, axis) > cosine) result.near += double{ray.photonPower.x};
   }
-  for (int c = 0; c < 3; ++c) result.power[c] = static_cast<float>(sum[c]);
-  return result;
+  return {static_cast<float>(sum[0]), static_cast<float>(sum[1]), static_cast<float>(sum[2])};
 }
 
-TEST_F(GafferTest, PhotonsOfAPointLightInside) {
+// Intensity `color` in all directions that can meet the scene, a ball of radius 4.
+TEST_F(GafferTest, PhotonsOfPointLights) {
   sceneCenter = {1, 2, 3};
   sceneRadius = 4;
-  const Vec3 color = {2, 1, 0.5f}, axis = SafeNormalize({1, 2, -2});
-  AddPointLight({3, 3, 3}, 0, 20000).color = color;
-  PointLight& spot = AddPointLight({3, 3, 3}, 0, 20000);
-  spot.color = color;
-  spot.direction = 5 * axis;
-  spot.innerAngle = 30;
-  spot.outerAngle = 75;
-  Ready();
-
-  // Intensity `color` everywhere, so that irradiance times squared distance is the same.
-  const float cap = 0.8f;
-  const PhotonSums plain = SumPhotons(pointLights[0], axis, cap);
-  ExpectNear(plain.power, 4 * kPi * color, 2e-3f);
-  EXPECT_NEAR(plain.near, 2 * kPiD * (1 - double{cap}) * 2, 0.03);
-  // Integral of the spot factor over the sphere.
-  const float inner = kPi / 6, outer = kPi * 75 / 180;
-  const float share = 2 * kPi * (1 - (std::sin(outer) - std::sin(inner)) / (outer - inner));
-  ExpectNear(SumPhotons(pointLights[1], axis, cap).power, share * color, 0.02f);
-}
-
-TEST_F(GafferTest, PhotonsOfAPointLightOutside) {
-  sceneCenter = {1, 2, 3};
-  sceneRadius = 4;
-  for (Vec3 away : {Vec3{5, 0, 0}, Vec3{0, -40, 0}, Vec3{-6, -6, 6}}) {
+  const float inner = kPi / 6, outer = kPi * 75 / 180;  // the spot factor's integral over the sphere:
+  const float spot = 2 * kPi * (1 - (std::sin(outer) - std::sin(inner)) / (outer - inner));
+  const auto cone = [](float distance) { return 2 * kPi * (1 - distance / std::hypot(distance, 4.0f)); };
+  struct Case {
+    Vec3 away;  // from the centre
+    bool isSpot;
+    float solidAngle;
+  };
+  for (const Case& c :
+       {Case{{2, 1, 0}, false, 4 * kPi}, Case{{2, 1, 0}, true, spot}, Case{{5, 0, 0}, false, cone(5)},
+        Case{{0, -40, 0}, false, cone(40)}, Case{{-6, -6, 6}, false, cone(std::sqrt(108.0f))}}) {
+    SCOPED_TRACE(c.solidAngle);
     pointLights = {};
-    PointLight& light = AddPointLight(sceneCenter + away, 0, 8000);
+    PointLight& light = AddPointLight(sceneCenter + c.away, 0, 20000);
     light.color = {2, 1, 0.5f};
+    light.direction = {1, 2, -2};
+    if (c.isSpot) light.innerAngle = 30, light.outerAngle = 75;
     Ready();
-    const float cosine = Length(away) / std::sqrt(Dot(away, away) + 16);
-    const PhotonSums sums = SumPhotons(light, -SafeNormalize(away), 0.5f * (1 + cosine));
-    ExpectNear(sums.power / (2 * kPi * (1 - cosine)), {2, 1, 0.5f}, 2e-3f);
-    EXPECT_NEAR(sums.near / double{sums.power.x}, 0.5, 0.01);  // half the solid angle
-    for (std::uint32_t s = 0; s < 8000; ++s) {
+    ExpectNear(PowerOf(light) / c.solidAngle, light.color, c.isSpot ? 5e-3f : 1e-3f);
+    std::vector<double> bins(8);  // even around the way to the scene, or over the sphere
+    for (std::uint32_t s = 0; s < 20000; ++s) {
       const RayRecord ray = PhotonOf(light, s);
       const Vec3 toCenter = sceneCenter - ray.origin;
-      ASSERT_GT(Dot(toCenter, ray.direction), 0);
-      ASSERT_LT(Length(Cross(toCenter, ray.direction)), sceneRadius);
+      ASSERT_TRUE(light.inside ||
+                  (Dot(toCenter, ray.direction) > 0 && Length(Cross(toCenter, ray.direction)) < sceneRadius));
+      if (light.inside)
+        bins[Octant(ray.direction)] += 1;
+      else
+        bins[BinOf(double{1 - Dot(ray.direction, light.zAxis)} / double{1 - light.cosine}, 8)] += 1;
     }
+    ExpectShares(bins);
   }
   pointLights[0].photon = 0;
   Ready();
@@ -271,85 +218,35 @@ TEST_F(GafferTest, PhotonsOfABlurredPointLightStartOnItsSphere) {
     const RayRecord ray = PhotonOf(light, s);
     const Vec3 out = (ray.origin - light.position) / light.blur;
     ASSERT_NEAR(Length(out), 1, 1e-4f);
+    ASSERT_EQ(ray.dimension, 3);
     // The place says nothing about the direction.
     bins[2 * Octant(out) + (Dot(out, ray.direction) > 0 ? 1 : 0)] += 1;
   }
   ExpectShares(bins);
 }
 
-TEST_F(GafferTest, PhotonsOfAParallelLight) {
+TEST_F(GafferTest, PhotonsOfAParallelLightFillADisc) {
   sceneCenter = {1, 2, 3};
   sceneRadius = 2;
-  ParallelLight& light = parallelLights.emplace_back();
-  light.zAxis = {1, 1, -1};
+  ParallelLight& light = AddParallelLight({1, 1, -1}, 0, 4000);
   light.color = {2, 1, 0.5f};
-  light.photon = 4000;
-  Ready();
-  ExpectNear(SumPhotons(light, light.zAxis, 0).power, 4 * kPi * light.color, 1e-2f);
-  std::vector<double> disc(4 * 8);
-  for (std::uint32_t s = 0; s < 4000; ++s) {
-    const RayRecord ray = PhotonOf(light, s);
-    const Vec3 across = (ray.origin - sceneCenter) / sceneRadius + light.zAxis;
-    ASSERT_NEAR(Dot(across, light.zAxis), 0, 1e-4f);
-    ASSERT_LE(Length(across), 1.0001f);
-    ASSERT_EQ(ray.direction, light.zAxis);
-    const double turn = Turn(Dot(across, light.xAxis), Dot(across, light.yAxis));
-    disc[8 * BinOf(double{Dot(across, across)}, 4) + BinOf(turn, 8)] += 1;
+  for (const float blur : {0.0f, 10.0f}) {
+    light.blur = blur;
+    Ready();
+    ExpectNear(PowerOf(light), 4 * kPi * light.color, 1e-2f);
+    std::vector<double> disc(4 * 8);
+    for (std::uint32_t s = 0; s < 4000; ++s) {
+      const RayRecord ray = PhotonOf(light, s);
+      const Vec3 across = (ray.origin - sceneCenter) / sceneRadius + light.zAxis;
+      ASSERT_NEAR(Dot(across, light.zAxis), 0, 1e-4f);
+      ASSERT_LE(Length(across), 1.0001f);
+      ASSERT_GE(Dot(ray.direction, light.zAxis), light.cosine - 1e-5f);
+      ASSERT_EQ(ray.dimension, blur > 0 ? 4 : 2);
+      const double turn = Turn(Dot(across, light.xAxis), Dot(across, light.yAxis));
+      disc[8 * BinOf(double{Dot(across, across)}, 4) + BinOf(turn, 8)] += 1;
+    }
+    ExpectShares(disc);
   }
-  ExpectShares(disc);
-
-  light.blur = 10;
-  Ready();
-  for (std::uint32_t s = 0; s < 4000; ++s)
-    ASSERT_GE(Dot(PhotonOf(light, s).direction, light.zAxis), light.cosine - 1e-5f);
-}
-
-TEST_F(GafferTest, PhotonsGoOnWithTheNextDimension) {
-  AddPointLight(kBlack).ior = 1.5f;
-  parallelLights.emplace_back().ior = 2;
-  for (float blur : {0.0f, 0.5f}) {
-    pointLights[0].blur = parallelLights[0].blur = blur;
-    EXPECT_EQ(PhotonOf(pointLights[0], 17).dimension, blur > 0 ? 3 : 1);
-    EXPECT_EQ(PhotonOf(parallelLights[0], 17).dimension, blur > 0 ? 4 : 2);
-  }
-}
-
-TEST_F(GafferTest, RowsAndImages) {
-  const std::filesystem::path folder =
-      std::filesystem::temp_directory_path() / ("zp-lights-" + std::to_string(::getpid()));
-  std::filesystem::create_directories(folder);
-  shaders.resize(2);
-  shaders[1].name = "lit";
-  pointLights.resize(2);
-  pointLights[1].aovs.resize(1);
-  pointLights[1].aovs[0].image.fileName = (folder / "point.hdr").string();
-  pointLights[1].link.names = {"lit", "nowhere"};
-  zpSetPointLightShaderLink(0, 1);
-  parallelLights.resize(1);
-  parallelLights[0].aovs.resize(1);
-  parallelLights[0].aovs[0].image.fileName = (folder / "parallel.hdr").string();
-  SetConsoleQuiet(false);
-  testing::internal::CaptureStdout();
-  Ready();
-  const std::string rows = testing::internal::GetCapturedStdout();
-  char expected[160];
-  std::snprintf(expected, sizeof expected,
-                "parallel lights                1 %16.4f [ M bytes ]\n"
-                "point    lights                2 %16.4f [ M bytes ]\n",
-                sizeof(ParallelLight) / 1048576.0, 2 * sizeof(PointLight) / 1048576.0);
-  EXPECT_EQ(rows.find(expected), 0u) << rows;
-  EXPECT_EQ(pointLights[1].aovs[0].image.floatPixels.size(), 3u * 16 * 16);
-  for (const PointLight& light : pointLights) {
-    EXPECT_EQ(light.link.shaders, std::vector<std::int32_t>{1});
-    EXPECT_TRUE(IsLinked(light.link, 1));
-    EXPECT_FALSE(IsLinked(light.link, 0));
-  }
-  EXPECT_TRUE(IsLinked(parallelLights[0].link, 0));
-  FinalizeGaffer();
-  EXPECT_TRUE(std::filesystem::exists(folder / "point.hdr"));
-  EXPECT_TRUE(std::filesystem::exists(folder / "parallel.hdr"));
-  EXPECT_EQ(pointLights.capacity() + parallelLights.capacity(), 0u);
-  std::filesystem::remove_all(folder);
 }
 
 // Emissive on the front side only, sampled unless told otherwise.
@@ -572,7 +469,7 @@ TEST_F(GeometryLightTest, IrradianceOfAPanel) {
   InitializeScene();
   EXPECT_NEAR(geometryLight.area, 6, 1e-4);
   constexpr std::uint32_t kSamples = 40000;
-  double sum = 0, squares = 0;
+  RunningMean found;
   for (std::uint32_t i = 0; i < kSamples; ++i) {
     LightSample sample;
     ASSERT_TRUE(SampleGeometryLight({0, 0, 0.5f}, i, kSamples, RandomFloat(), RandomFloat(), sample));
@@ -582,14 +479,10 @@ TEST_F(GeometryLightTest, IrradianceOfAPanel) {
     // The two ways to weight a sample differ by their constant and the probability of the pick.
     const double weight = sample.direction.x < 0 ? 1.5 / 6 : 3.0 / 6;
     ASSERT_NEAR(double{sample.factor} * double{sample.pdf} * 18481 * weight * 6, 1, 1e-3);
-    const double estimate = double{sample.radiance.y * sample.direction.z / sample.pdf};
-    sum += estimate;
-    squares += estimate * estimate;
+    found.Add(double{sample.radiance.y * sample.direction.z / sample.pdf});
   }
-  const double mean = sum / kSamples;
-  const double error = std::sqrt((squares / kSamples - mean * mean) / kSamples);
-  EXPECT_NEAR(mean, FacingIrradiance(2, 3, 1.5), 4 * error);
-  EXPECT_LT(error, 0.01);
+  EXPECT_NEAR(found.Mean(), FacingIrradiance(2, 3, 1.5), 4 * found.Error());
+  EXPECT_LT(found.Error(), 0.01);
 
   LightSample sample;
   EXPECT_FALSE(SampleGeometryLight({0, 0, 3}, 0, 1, 0.5f, 0.5f, sample));     // behind it

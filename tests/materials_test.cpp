@@ -11,7 +11,6 @@
 namespace zp {
 namespace {
 
-constexpr float kDegree = kPi / 180;
 constexpr float kGlass = 1.5f;
 constexpr float kDistance = 5;   // of the camera
 constexpr float kSpecular = -1;  // in place of a roughness
@@ -34,10 +33,6 @@ class Materials : public RenderTest {
     skyLight.color = kBlack;
   }
 
-  static SurfaceShader& Layer(std::int32_t shader) {
-    return shaders[static_cast<std::size_t>(shader)].surfaces[0];
-  }
-
   static std::int32_t AddGlass(Material material, float ior = kGlass, float roughness = kSpecular,
                                float anisotropy = 0) {
     const std::int32_t shader = AddShader("glass", kBlack, kBlack);
@@ -50,15 +45,6 @@ class Materials : public RenderTest {
     return shader;
   }
 
-  template <class ColorOfColumn>
-  static void AddImage(const char* name, int width, int height, ColorOfColumn color) {
-    ImageBuffer& image = images.emplace_back();
-    Allocate(image, width, height, 3, 32, false);
-    for (int i = 0; i < width * height; ++i) WritePixel(image, color(i % width), static_cast<std::size_t>(i));
-    image.loaded = true;
-    image.fileName = name;
-  }
-
   // A slab from z = -thickness to 0, its faces outwards.
   static void AddSlab(float thickness, std::int32_t shader) {
     AddPlane(0, 100, shader);
@@ -69,7 +55,7 @@ class Materials : public RenderTest {
 
   // An emissive floor whose red shows where it is: x / 10 + 0.5 over ten units, the rest is 1.
   static void AddRuler(float z) {
-    AddImage("ruler", 1024, 1, [](int x) { return Vec3{static_cast<float>(x) / 1024, 1, 1}; });
+    AddImage("ruler", 1024, 1, [](int x, int) { return Vec3{static_cast<float>(x) / 1024, 1, 1}; });
     const std::int32_t ruler = AddShader("ruler", kBlack, kWhite);
     Layer(ruler)[Element::kEmissive].imageName = "ruler";
     AddPlane(z, 5, ruler);
@@ -152,20 +138,6 @@ TEST_F(Materials, SlabShiftsAndDimsTheView) {
   }
 }
 
-// A ray at a distance b from the centre of a glass ball leaves it turned by twice the difference of its
-// angles.
-TEST_F(Materials, GlassBallBendsRaysTwice) {
-  for (float b : {0.0f, 0.3f, 0.6f}) {
-    RestartInTheDark();
-    AddSphere(Geometry(), 6, false, AddGlass(Material::kDielectric));
-    AddRuler(-2);
-    LookAlong({-b, 0, 5}, {-b, 0, 0});
-    settings.rayDepth = 3;
-    Render();
-    EXPECT_NEAR(RulerPosition(), PlaceBehindBall(b, kGlass), 0.06f) << b;
-  }
-}
-
 // A prism turns the view at its long side without loss, where 45 degrees is past the critical angle.
 TEST_F(Materials, TotalReflectionKeepsAllLight) {
   for (float ior : {kGlass, 1.3f}) {  // critical angles 41.8 and 50.3 degrees
@@ -204,70 +176,6 @@ TEST_F(Materials, BehindGlassItIsOpenAgain) {
   }
 }
 
-// No body that only reflects or refracts shows more than the white sky around it.
-TEST_F(Materials, GlossyAndSpecularBodiesGainNoEnergy) {
-  const std::pair<float, float> lobes[] = {{kSpecular, 0}, {0.0f, 0},    {0.1f, 0}, {0.1f, 0.8f},
-                                           {0.4f, 0},      {0.4f, 0.8f}, {1, 0},    {1, 0.8f}};
-  for (Material material : {Material::kConductor, Material::kDielectric, Material::kThinDielectric})
-    for (const auto& [roughness, anisotropy] : lobes)
-      for (float ior : {1.2f, 1.5f, 4.0f})
-        for (bool sphere : {true, false}) {
-          SCOPED_TRACE(testing::Message() << static_cast<int>(material) << " " << roughness << " "
-                                          << anisotropy << " " << ior << (sphere ? " sphere" : " cube"));
-          Restart();
-          const std::int32_t shader = AddGlass(material, ior, roughness, anisotropy);
-          if (sphere)
-            AddSphere(Geometry(), 3, true, shader);
-          else
-            AddCube(Geometry(), 0.8f, shader);
-          cameras[0].width = cameras[0].height = 8;
-          settings.rendererSample = 32;
-          settings.rendererBounce = 4;
-          Render();
-          const auto [least, most] = std::minmax_element(Pixels(0).begin(), Pixels(0).end());
-          EXPECT_LE(*most, 1.0001f);
-          EXPECT_LT(*least, 1);
-          EXPECT_GE(*least, 0);
-        }
-}
-
-// A white glossy or specular glass ball in a white sky shows what its bounces bring out again: nearly all.
-TEST_F(Materials, LosslessGlassVanishesInAWhiteSky) {
-  for (float roughness : {kSpecular, 0.3f}) {
-    Restart();
-    AddSphere(Geometry(), 4, true, AddGlass(Material::kDielectric, kGlass, roughness));
-    settings.rayDepth = 12;
-    settings.rendererBounce = 12;
-    settings.rendererSample = 64;
-    Render();
-    EXPECT_GT(Average(0), 0.97f) << roughness;
-  }
-}
-
-// A white picture as a sky has an importance table, so that samples and rays of the lobe share the light. It
-// is all there again, but for what rough lobes send below the horizon: rays leave that out of their mean.
-TEST_F(Materials, GlossySurfacesGainNothingFromSkySamples) {
-  struct Case {
-    Material material;
-    float roughness, anisotropy, degrees, least;
-  };
-  for (const Case& c :
-       {Case{Material::kConductor, 0.0f, 0, 45, 0.995f}, Case{Material::kConductor, 0.2f, 0, 0, 0.985f},
-        Case{Material::kConductor, 0.2f, 0.5f, 80, 0.94f}, Case{Material::kDielectric, 0.2f, 0, 70, 0.985f},
-        Case{Material::kConductor, 1.0f, 0, 87, 0.7f}}) {
-    Restart();
-    AddImage("white", 8, 4, [](int) { return kWhite; });
-    skyLight.image = "white";
-    skyLight.sample = settings.rendererSample = 64;
-    AddPlane(0, 1000, AddGlass(c.material, 1e6f, c.roughness, c.anisotropy));
-    LookAtOrigin(c.degrees);
-    cameras[0].width = cameras[0].height = 16;
-    Render();
-    EXPECT_LT(MeanColor().x, 1.002f) << c.roughness << " " << c.degrees;
-    EXPECT_GT(MeanColor().x, c.least) << c.roughness << " " << c.degrees;
-  }
-}
-
 // The highlight is wide across the hair-fine grooves of a brushed surface: along the tangent its width is
 // alpha (1 - a), along the bitangent alpha / (1 - a). A quarter turn exchanges them.
 TEST_F(Materials, AnisotropyStretchesAlongTheFrameAndAngleTurnsIt) {
@@ -292,25 +200,6 @@ TEST_F(Materials, AnisotropyStretchesAlongTheFrameAndAngleTurnsIt) {
     }
 }
 
-// A normal map of one colour tilts the mirror by its angle, along the tangent of tetragons and triangles.
-TEST_F(Materials, NormalMapsBendMirrors) {
-  for (bool triangles : {false, true})
-    for (float degrees : {0.0f, 10.0f, 20.0f}) {
-      RestartInTheDark();
-      const Vec3 normal = {std::sin(degrees * kDegree), 0, std::cos(degrees * kDegree)};
-      AddImage("slope", 2, 2, [&](int) { return normal; });
-      const std::int32_t mirror = AddGlass(Material::kConductor, 1e6f);
-      Layer(mirror)[Element::kNormal].imageName = "slope";
-      AddPlane(0, 1, mirror);
-      if (triangles) SplitTetragon(mirror);
-      AddRuler(2);
-      Geometry().tangents.assign(Geometry().positions.size(), Pack({1, 0, 0}));
-      LookAlong({0, 0, 1}, kBlack);
-      Render();
-      EXPECT_NEAR(RulerPosition(), 2 * std::tan(2 * degrees * kDegree), 0.03f) << degrees << triangles;
-    }
-}
-
 // What a camera records of a point that has every layer: the lobes add up to the beauty.
 TEST_F(Materials, AovsOfAPointWithEveryLayer) {
   const Vec3 lambertian = {0.1f, 0.2f, 0.3f}, transmissive = {0.3f, 0.1f, 0.2f}, glossy = {0.5f, 0.4f, 0.3f},
@@ -327,17 +216,31 @@ TEST_F(Materials, AovsOfAPointWithEveryLayer) {
     if (triangles) SplitTetragon(shader);
     Geometry().tangents.assign(4, Pack({0, 1, 0}));
     Geometry().uvSets.push_back({"pair", {}});
-    for (Vec3 p : Geometry().positions) Geometry().uvSets.back().values.push_back({p.x, 2 * p.y});
+    Geometry().scalarSets.push_back({"height", {}});
+    Geometry().vectorSets.push_back({"place", Geometry().positions});
+    for (Vec3 p : Geometry().positions) {
+      Geometry().uvSets.back().values.push_back({p.x, 2 * p.y});
+      Geometry().scalarSets.back().values.push_back(p.x + p.y);
+    }
     AddPointLight({0.5f, 0.2f, 2});
     LookFrom({0, 0, 3}, {0.5f, 0.25f, 0}, 0.02f);
     settings.rendererSample = 64;
-    const Vec3 shown = emissive * (1 - Schlick(1.8f, 3 / std::sqrt(9 + 0.3125f)));
+    const Vec3 place = {0.5f, 0.25f, 0};
+    const float depth = SafeLength(Vec3{0, 0, 3} - place);
+    const Vec3 shown = emissive * (1 - Schlick(1.8f, 3 / depth));
     const std::pair<std::size_t, Vec3> flat[] = {{AddAov(kChannelLambertianColor), lambertian},
                                                  {AddAov(kChannelTransmissiveColor), transmissive},
                                                  {AddAov(kChannelGlossyColor), glossy},
                                                  {AddAov(kChannelSpecularColor), specular},
                                                  {AddAov(kChannelEmissive), shown},
                                                  {AddAov(kChannelTangent), {0.5f, 1, 0.5f}},
+                                                 {AddAov(kChannelNormal), {0.5f, 0.5f, 1}},
+                                                 {AddAov(kChannelPosition), place},
+                                                 {AddAov(kChannelDepth), Grey(depth)},
+                                                 {AddAov(kChannelUserData, "height"), Grey(0.75f)},
+                                                 {AddAov(kChannelUserData, "place"), place},
+                                                 {AddAov(kChannelUserData, "nothing"), kBlack},
+                                                 {AddAov(kChannelNormal | kChannelBeauty), kBlack},
                                                  {AddAov(kChannelUserData, "pair"), {0.5f, 0.5f, 0}}};
     const std::size_t lobes[] = {AddAov(kChannelLambertian), AddAov(kChannelTransmissive),
                                  AddAov(kChannelGlossy), AddAov(kChannelSpecular)};

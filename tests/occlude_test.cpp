@@ -1,16 +1,16 @@
-// Shadow rays and surface probes against flat loops over the same primitives.
+// All walks through the trees against flat loops; what shadow rays and surface probes meet, and what not.
 
 #include <gtest/gtest.h>
 #include <omp.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <limits>
 #include <numeric>
-#include <random>
+#include <tuple>
 
 #include "accel/accel.h"
-#include "accel/primitive_tests.h"
 #include "accel/tree.h"
 #include "core/console.h"
 #include "core/settings.h"
@@ -55,73 +55,6 @@ Vec3 Factor(std::int32_t shader, bool front, float cosine) {
   if (shader == kOneWay && front) return kTinted;
   if (shader == kPane) return kWhite * PaneFactor(cosine);
   return kBlack;
-}
-
-// Triangles, rectangles and particles; the Part's shader is that of the particles.
-Part MakeSoup(int count, bool opaque) {
-  Part part;
-  part.shader = opaque ? kSolid : kVeil;
-  for (int i = 0; i < count; ++i) {
-    const Vec3 p = UniformPoint(10), u = UniformPoint(1);
-    const Vec3 v = Cross(SafeNormalize(u), SafeNormalize(UniformPoint(1)));
-    const auto drawn = opaque ? kSolid : static_cast<std::int32_t>(generator() % 8);
-    const std::int32_t shader = drawn > kPane ? kVeil : drawn;
-    const std::uint32_t a = AddVertex(part, p), b = AddVertex(part, p + u), c = AddVertex(part, p + v);
-    if (i % 3 == 0) part.triangles.push_back({{a, b, c}, shader});
-    if (i % 3 == 1) part.tetragons.push_back({{a, b, AddVertex(part, p + u + v), c}, shader});
-    if (i % 3 == 2) part.particles.push_back(a);
-  }
-  part.scalarSets[0].values.assign(part.positions.size(), 0.3f);
-  return part;
-}
-
-struct Expected {
-  Vec3 throughput = kWhite;
-  bool grazes = false;  // so close to an edge, or to the threshold, that rounding decides
-  bool blocked = false;
-};
-
-Expected OccludeByLoop(const Part& part, RayRecord ray) {
-  Expected expected;
-  ray.depth = 1;
-  const auto at = [&](std::uint32_t i) { return part.positions[i]; };
-  const auto pass = [&](const PrimitiveHit& hit, Vec3 normal, float toEdge) {
-    if (toEdge < 1e-4f || std::abs(hit.t - ray.t) < 1e-3f) expected.grazes = true;
-    expected.throughput *= Factor(hit.shader, hit.denominator < 0, Dot(ray.direction, SafeNormalize(normal)));
-  };
-  PrimitiveHit hit;
-  const Vec3& b = hit.barycentric;
-  for (std::uint32_t i = 0; i < part.triangles.size(); ++i) {
-    const auto& v = part.triangles[i].vertex;
-    if (TestTriangle(part, i, ray, hit))
-      pass(hit, Cross(at(v[1]) - at(v[0]), at(v[2]) - at(v[0])), std::min({b.x, b.y, b.z}));
-  }
-  for (std::uint32_t i = 0; i < part.tetragons.size(); ++i) {
-    const auto& v = part.tetragons[i].vertex;
-    if (TestTetragon(part, i, ray, hit))
-      pass(hit, Cross(at(v[2]) - at(v[0]), at(v[3]) - at(v[1])), std::min({b.x, b.y, 1 - b.x, 1 - b.y}));
-  }
-  for (std::uint32_t i = 0; i < part.particles.size(); ++i) {
-    // Spheres whose roots come from the discriminant itself.
-    const Vec3 d = at(part.particles[i]) - ray.origin;
-    const float middle = Dot(d, ray.direction), radius = part.scalarSets[0].values[part.particles[i]];
-    const float discriminant = middle * middle - Dot(d, d) + radius * radius;
-    if (std::abs(discriminant) < 1e-3f) expected.grazes = true;
-    if (discriminant < 0) continue;
-    const auto counts = [&](float t) {
-      if (std::abs(t - ray.t) < 1e-3f || std::abs(t) < 1e-3f) expected.grazes = true;
-      return t > kHitEpsilon && t < ray.t + kHitEpsilon;
-    };
-    // Roots outside the box of the sphere are met only if the ray enters the box before its end.
-    if (middle - radius < ray.t && middle + radius > ray.t) expected.grazes = true;
-    if (counts(middle - discriminant) || counts(middle + discriminant))
-      expected.throughput *= Factor(part.shader, true, 1);
-  }
-  const float brightest = std::max({expected.throughput.x, expected.throughput.y, expected.throughput.z});
-  if (std::abs(brightest - kBlackThreshold) < 1e-4f * kBlackThreshold && brightest != kBlackThreshold)
-    expected.grazes = true;
-  expected.blocked = IsBlack(expected.throughput);
-  return expected;
 }
 
 RayRecord RayTo(Vec3 from, Vec3 to) {
@@ -169,28 +102,6 @@ class OccludeTest : public testing::Test {
     objectTable.resize(objects);
     return objectTable[0].parts.emplace_back();
   }
-
-  // Returns how many rays were blocked and how many came through dimmed.
-  static std::pair<int, int> Compare(const Part& oracle, int rays, float tolerance) {
-    int blocked = 0, dimmed = 0, compared = 0;
-    for (int i = 0; i < rays; ++i) {
-      RayRecord ray = RayTo(UniformPoint(11), UniformPoint(11));
-      const Expected expected = OccludeByLoop(oracle, ray);
-      if (expected.grazes) continue;
-      ++compared;
-      EXPECT_EQ(Occlude(ray), expected.blocked) << i;
-      EXPECT_EQ(ray.depth, 0);
-      if (expected.blocked) {
-        ++blocked;
-        EXPECT_TRUE(IsBlack(ray.throughput));
-        continue;
-      }
-      if (expected.throughput.x < 1) ++dimmed;
-      for (int c = 0; c < 3; ++c) EXPECT_NEAR(ray.throughput[c], expected.throughput[c], tolerance);
-    }
-    EXPECT_GT(compared, rays / 2);
-    return {blocked, dimmed};
-  }
 };
 
 // Around a vertical axis: a triangle at height 0, a rectangle at 10, a particle at 20; each the first of its
@@ -204,39 +115,88 @@ void AddOneOfEach(Part& part, float x) {
   part.scalarSets[0].values.assign(part.positions.size(), 1.0f);
 }
 
-TEST_F(OccludeTest, AgreesWithALoopOverASoup) {
-  for (const bool opaque : {false, true}) {
-    Restart() = MakeSoup(opaque ? 900 : 3000, opaque);
-    InitializeAccelerator();
-    EXPECT_EQ(objectTable[0].packed->opaqueOnly, opaque);
-    const auto [blocked, dimmed] = Compare(objectTable[0].parts[0], 4000, 1e-4f);
-    EXPECT_GT(blocked, 400) << opaque;
-    EXPECT_LT(blocked, 3600);
-    EXPECT_EQ(dimmed > 400, !opaque);
-  }
-}
-
-TEST_F(OccludeTest, NestedInstancesCastTheSameShadowsAndTheOutermostShaderCounts) {
-  for (const std::int32_t outer : {std::int32_t{kNone}, std::int32_t{kVeil}, std::int32_t{kSolid}}) {
-    Restart(4);
-    Part world = objectTable[3].parts.emplace_back(MakeSoup(2000, false));
-    for (int i = 2; i >= 0; --i) {
-      const float level = static_cast<float>(i);
-      Instance instance = Place(i + 1, 0.4f * (level + 1), {0.3f * level, -0.4f, 0.5f});
-      if (i == 1) instance.shader = outer;
-      if (i == 2 && outer != kNone) instance.shader = kPane;  // hidden by the one around it
-      for (Vec3& p : world.positions) p = TransformPoint(instance.matrix, p);
-      objectTable[static_cast<std::size_t>(i)].instances.push_back(instance);
-    }
-    if (outer != kNone) {
-      world.shader = outer;
-      for (Triangle& t : world.triangles) t.shader = outer;
-      for (Tetragon& t : world.tetragons) t.shader = outer;
+// Four Objects of all kinds of primitives, each inside the one before: what Trace, Occlude and the matrices
+// tell of a ray, against a loop that takes the ray into each of them. The outermost Instance with a shader
+// counts.
+TEST_F(OccludeTest, WalksAgreeWithALoopOverNestedSoups) {
+  constexpr std::int32_t kLevels = 4;
+  struct Case {
+    bool opaque;
+    std::int32_t outer;
+  };
+  for (const Case& c : {Case{false, kNone}, Case{true, kNone}, Case{false, kVeil}, Case{false, kSolid}}) {
+    Restart(kLevels);
+    const auto draw = [&] { return c.opaque ? kSolid : static_cast<std::int32_t>(generator() % 4); };
+    for (std::int32_t i = 0; i < kLevels; ++i) {
+      Object& object = objectTable[static_cast<std::size_t>(i)];
+      FillSoup(object, i == 0 ? 400 : 60, draw);
+      if (i + 1 == kLevels) break;
+      const auto level = static_cast<float>(i);
+      Instance& instance =
+          object.instances.emplace_back(Place(i + 1, 0.4f * (level + 1), {0.3f * level, -0.4f, 0.5f}));
+      if (i == 1) instance.shader = c.outer;
+      if (i == 2 && c.outer != kNone) instance.shader = kPane;  // hidden by the one around it
     }
     InitializeAccelerator();
-    const auto [blocked, dimmed] = Compare(world, 1500, 1e-3f);
-    EXPECT_EQ(blocked > 50, outer != kVeil) << outer;
-    EXPECT_EQ(dimmed > 50, outer != kSolid) << outer;
+    EXPECT_EQ(objectTable[0].packed->opaqueOnly, c.opaque);
+    int blocked = 0, dimmed = 0, compared = 0, seen[8] = {}, seenAt[kLevels] = {};
+    for (int i = 0; i < 1200; ++i) {
+      const bool shadow = i % 2 == 0;
+      RayRecord ray = RayTo(UniformPoint(9), UniformPoint(9));
+      if (!shadow) ray.t = kFarthest;
+      if (i % 20 == 1) ray.direction = {i % 40 == 1 ? 1.0f : -1.0f, 0, 0};  // infinite reciprocals
+      LoopAnswer expected;
+      RayRecord inside[kLevels];  // the ray in the space of each Object
+      for (std::int32_t level = 0; level < kLevels; ++level) {
+        inside[level] = ray;
+        if (level > 0) {
+          const RayRecord& around = inside[level - 1];
+          const Mat4& inverse = objectTable[static_cast<std::size_t>(level - 1)].instances[0].inverse;
+          inside[level].origin = TransformPoint(inverse, around.origin);
+          inside[level].direction = TransformDirection(inverse, around.direction);
+        }
+        const std::int32_t stands = level < 2 ? std::int32_t{kNone} : c.outer;
+        AskLoop(
+            objectTable[static_cast<std::size_t>(level)], inside[level], shadow, level,
+            [stands](std::int32_t shader, bool front, float cosine) {
+              return Factor(stands == kNone ? shader : stands, front, cosine);
+            },
+            expected);
+      }
+      const float brightest = std::max({expected.throughput.x, expected.throughput.y, expected.throughput.z});
+      if (expected.unclear || std::abs(brightest / kBlackThreshold - 1) < 1e-3f) continue;
+      ++compared;
+      SCOPED_TRACE(i);
+      if (shadow) {
+        settings.samplePass = i / 2 % 2;
+        const Vec3 left = IsBlack(expected.throughput) ? kBlack : expected.throughput;
+        EXPECT_EQ(Occlude(ray), left == kBlack);
+        EXPECT_LT(SafeLength(ray.throughput - left), 1e-3f);
+        EXPECT_EQ(ray.depth, 0);
+        blocked += left == kBlack;
+        dimmed += left != kBlack && left != kWhite;
+        continue;
+      }
+      ASSERT_EQ(Trace(ray), expected.kind != kKindUnset);
+      if (expected.kind == kKindUnset) continue;
+      ASSERT_EQ(std::tuple(ray.kind, ray.primitive, ray.hitMatrixDepth, ray.frontFace),
+                std::tuple(expected.kind, expected.primitive, expected.level, expected.front));
+      ++seen[ray.kind];
+      ++seenAt[expected.level];
+      EXPECT_NEAR(ray.t, expected.t, 1e-4f * (1 + expected.t));
+      EXPECT_EQ(ray.levelZeroHit, expected.level == 0);
+      if (expected.level >= 2 && c.outer != kNone) {
+        EXPECT_EQ(ray.shader, c.outer);
+      }
+      // The product of the normal matrices turns any direction of the hit's Object into world space.
+      EXPECT_LT(SafeLength(HitNormalMatrix(ray) * inside[expected.level].direction - ray.direction), 1e-3f);
+    }
+    EXPECT_GT(compared, 700);
+    EXPECT_GT(blocked, 50);
+    EXPECT_EQ(dimmed > 60, !c.opaque);
+    for (const int count : seenAt) EXPECT_GT(count, 10);
+    for (const int kind : {kKindTriangle, kKindTetragon, kKindParticle, kKindCylinder})
+      EXPECT_GT(seen[kind], 10);
   }
 }
 
@@ -310,7 +270,7 @@ TEST_F(OccludeTest, StrangeRaysAndScenes) {
   for (const Vec3 bad : {Vec3{nan, 0, 1}, Vec3{0, inf, 1}, Vec3{0, 0, 0}}) {
     RayRecord ray = RayTo({0, 0, -1}, {0, 0, 1});
     ray.direction = bad;
-    EXPECT_FALSE(Occlude(ray));
+    EXPECT_FALSE(Occlude(ray) || Trace(ray));
     EXPECT_EQ(ray.throughput, kWhite);
   }
   RayRecord endless = RayTo({0, 0, -1}, {0, 0, 1}), nowhere = endless;
@@ -339,7 +299,7 @@ std::uint64_t LoggedRays(const Object& object) {
 TEST_F(OccludeTest, PassZeroLogsAndOrderedSlotsAnswerTheSameSooner) {
   // A cloud of small triangles around a wall of a few large ones; an Instance of more stands behind.
   Part& part = Restart(2);
-  objectTable[1].parts.push_back(MakeSoup(300, true));
+  objectTable[1].parts.push_back(MakeSoup(300));
   for (int i = 0; i < 4000; ++i) {
     const Vec3 p = UniformPoint(10);
     const std::uint32_t a = AddVertex(part, p);
@@ -376,6 +336,9 @@ TEST_F(OccludeTest, PassZeroLogsAndOrderedSlotsAnswerTheSameSooner) {
 
   const auto innerBefore = objectTable[1].packed;
   for (Object& object : objectTable) OrderOccluders(object);
+  for (const WideNode& node : root.wideNodes)  // by what blocked per cost, the most first
+    for (int i = 1; i < 8 && node.child[i] != kUnusedSlot; ++i)
+      EXPECT_GE(std::bit_cast<float>(node.log[i - 1]), std::bit_cast<float>(node.log[i]));
   EXPECT_EQ(objectTable[1].packed, innerBefore);
   settings.samplePass = 1;
   const std::uint64_t after = walk(ordered);

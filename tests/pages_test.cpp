@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -16,18 +14,13 @@
 #include "imaging/imaging.h"
 #include "scene/findings.h"
 #include "shading/shading.h"
+#include "surroundings.h"
 
 namespace zp {
 namespace {
 
 namespace fs = std::filesystem;
 const fs::path kRoot = kSources;
-
-std::string ReadText(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  EXPECT_TRUE(file) << path;
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // The first group of every match.
 std::vector<std::string> FindAll(const std::string& text, const std::string& pattern) {
@@ -65,12 +58,12 @@ TEST(Pages, CheckTellsEveryFinding) {
 }
 
 TEST(Pages, SceneFormatTellsEveryKeywordUnderItsBlock) {
-  const std::string page = ReadText(kRoot / "docs/scene-format.md");
+  const std::string page = ReadFile(kRoot / "docs/scene-format.md");
   int blocks = 0, words = 0;
   for (const fs::directory_entry& entry : fs::directory_iterator(kRoot / "src/scene")) {
     const std::string name = entry.path().filename().string();
     if (!name.ends_with("_block.cpp") && name != "scene_folder.cpp" && name != "fur_reader.cpp") continue;
-    const std::string source = ReadText(entry.path());
+    const std::string source = ReadFile(entry.path());
     for (const std::string& word :
          FindAll(source, "(?:keyword == \"|\\{\"(?=[a-z_]+\", [A-Z]))([a-z_]+)\"")) {
       EXPECT_TRUE(Tells(page, word)) << word << " of " << name;
@@ -97,13 +90,13 @@ TEST(Pages, SceneFormatTellsEveryKeywordUnderItsBlock) {
 
 TEST(Pages, ConsoleTellsEveryMessageAndRow) {
   std::vector<std::string> lines;
-  std::istringstream page(ReadText(kRoot / "docs/console.md"));
+  std::istringstream page(ReadFile(kRoot / "docs/console.md"));
   for (std::string line; std::getline(page, line);) lines.push_back(line);
   int messages = 0;
   for (const char* folder : {"src", "app"})
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(kRoot / folder)) {
       if (entry.path().extension() != ".cpp" || entry.path().filename() == "console.cpp") continue;
-      const std::string source = ReadText(entry.path());
+      const std::string source = ReadFile(entry.path());
       // The fixed parts of each message stand in one line of the page.
       for (const std::string& call : FindAll(
                source, "\\b(?:Print(?:Error|Warning|Line|Lights|\\w*Row)|row|Fail)\\(([^;]*\"[^;]*)\\);")) {
@@ -121,7 +114,7 @@ TEST(Pages, ConsoleTellsEveryMessageAndRow) {
 }
 
 TEST(Pages, AovGuideTellsEveryChannel) {
-  const std::string page = ReadText(kRoot / "docs/aov-guide.md");
+  const std::string page = ReadFile(kRoot / "docs/aov-guide.md");
   for (const ChannelWord& row : kChannelWords)
     EXPECT_NE(page.find("| " + std::to_string(row.channel) + " | `" + std::string(row.word) + "` |"),
               page.npos)

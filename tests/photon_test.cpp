@@ -172,13 +172,6 @@ class Photons : public RenderTest {
     return shaders.back().surfaces[0];
   }
 
-  static void AddParallelLight(Vec3 direction, std::int64_t photons) {
-    ParallelLight& light = parallelLights.emplace_back();
-    light.zAxis = direction;
-    light.offset = 0;
-    light.photon = photons;
-  }
-
   // The shader that was added last.
   static void MakeSpecular(Material material, Vec3 color, float ior) {
     SurfaceShader& layer = shaders.back().surfaces[0];
@@ -239,7 +232,7 @@ TEST_F(Photons, CellsHoldThePowerThatLanded) {
     part.positions = {{-1, -1, 0}, {1, -1, 0}, {1, 1, 0}, {-1, 1, 0}};
     const std::int32_t shader = AddShader("cloth", albedo, kBlack, cloth);
     part.triangles = {{{0, 1, 2}, shader}, {{0, 2, 3}, shader}};
-    AddParallelLight({slope, 0, -1}, 100000);
+    AddParallelLight({slope, 0, -1}, 0, 100000);
     Initialize();
     const float landed = 4 / std::sqrt(1 + slope * slope);
     ExpectPower(PaintedPower(&CellGrid::face), landed * albedo);
@@ -274,21 +267,17 @@ TEST_F(Photons, MemoryRowAndLimit) {
   part.positions = {{0, 0, 0}, {2, 0, 0}, {0, 2, 0}};
   part.triangles.assign(3, {{0, 1, 2}, shader});
   settings.resolution = 0.5f;  // level 3: 4.5 is above the area of 2
-  SetConsoleQuiet(false);
-  testing::internal::CaptureStdout();
-  SetUpDensity(part);
-  const std::string row = testing::internal::GetCapturedStdout();
+  const std::string row = Aloud([&] { SetUpDensity(part); });
   char expected[128];
   std::snprintf(expected, sizeof expected, "%.4f [ M bytes ]", (3 * 1 + 3 * 4 + 24 * 27) * 9.536743e-07);
   EXPECT_NE(row.find(expected), std::string::npos) << row;
+  SetConsoleQuiet(false);
   // In a process of its own: the threads of this one do not survive a fork.
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   // 255 * 255 * 24 bytes a triangle pass 2^30 at the 689th.
   settings.resolution = 1e-6f;
   part.triangles.assign(688, {{0, 1, 2}, shader});
-  testing::internal::CaptureStdout();
-  SetUpDensity(part);
-  testing::internal::GetCapturedStdout();
+  Printed([&] { SetUpDensity(part); });
   part.density.reset();
   part.triangles.push_back(part.triangles[0]);
   EXPECT_EXIT(
@@ -389,7 +378,7 @@ TEST_F(Photons, FinalGatheringAgreesWithPathTracing) {
         if (name == "sky")
           skyLight.photon = 2000000;
         else
-          AddParallelLight({0.4f, 0.2f, -1}, 2000000);
+          AddParallelLight({0.4f, 0.2f, -1}, 0, 2000000);
       }
       settings.resolution = gathering == 1 ? 0.005f : 0;
       settings.distance = 0.3f;

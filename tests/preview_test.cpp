@@ -343,19 +343,6 @@ TEST_F(PreviewWindow, EndedEarlyTheProgramSavesWhatItShowed) {
   }
 }
 
-TEST_F(PreviewWindow, IsAsLargeAsThePictureBeyondTheScreen) {
-  StartServer();
-  Child child(Words("--preview --quiet --sample 1 --resolution 1500x8 --output a.pfm"), work,
-              display.c_str());
-  ASSERT_TRUE(Await([&] { return (window = FindWindow()) != None || child.Ended(); }));
-  XWindowAttributes attributes = {};
-  ASSERT_NE(XGetWindowAttributes(connection, window, &attributes), 0) << child.Errors();
-  EXPECT_EQ(attributes.width, 1500);
-  EXPECT_EQ(attributes.height, 8);
-  CloseWindow();
-  EXPECT_EQ(child.ExitStatus(), 0) << child.Errors();
-}
-
 TEST_F(PreviewWindow, WithoutADisplayTheProgramSaysSo) {
   for (const char* nowhere : {static_cast<const char*>(nullptr), "", ":65000", "no display"}) {
     Child child(Words("--preview --output a.pfm"), work, nowhere);

@@ -1,47 +1,27 @@
-// What tests share that write files, or run the program, in a folder of their own.
+// What tests share that run the program in a folder of their own.
 
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <utility>
 
 #include "imaging/imaging.h"
+#include "surroundings.h"
 
 namespace zp {
-
-inline std::string ReadFile(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-inline void WriteFile(const std::filesystem::path& path, const std::string& text) {
-  std::filesystem::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary) << text;
-}
 
 // "work" is the caller's directory, "scene" a scene that a test may ask for.
 class ProgramTest : public testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = (std::filesystem::temp_directory_path() / "zephlore-program-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    root = pattern;
-    work = root / "work";
     std::filesystem::create_directories(work);
     StartImageFiles();
   }
-  void TearDown() override {
-    StopImageFiles();
-    std::error_code error;
-    std::filesystem::remove_all(root, error);
-  }
+  void TearDown() override { StopImageFiles(); }
 
   // A square that faces the camera and fills the right half of the view under a sky of constant colour, on a
   // floor that makes the picture noisy. Each first hit gathers one ray a pass whatever the number of passes,
@@ -64,7 +44,8 @@ class ProgramTest : public testing::Test {
           << "v -9 -9 -1\nv 9 -9 -1\nv 9 9 -1\nv -9 9 -1\nf 5 6 7 8\n";
   }
 
-  std::filesystem::path root, work;
+  const TemporaryFolder own;
+  const std::filesystem::path root = own.path, work = root / "work";
 };
 
 }  // namespace zp

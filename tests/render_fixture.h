@@ -8,6 +8,7 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "core/console.h"
@@ -18,8 +19,11 @@
 #include "integrator/integrator.h"
 #include "lights/lights.h"
 #include "shading/shading.h"
+#include "surroundings.h"
 
 namespace zp {
+
+inline constexpr float kDegree = kPi / 180;
 
 inline Vec3 Grey(float value) { return {value, value, value}; }
 
@@ -32,6 +36,26 @@ inline std::int32_t AddShader(const char* name, Vec3 lambertian, Vec3 emissive, 
   shader.surfaces[0][Element::kTransmissive].color = transmissive;
   shaders.push_back(shader);
   return static_cast<std::int32_t>(shaders.size()) - 1;
+}
+
+inline SurfaceShader& Layer(std::int32_t shader) {
+  return shaders[static_cast<std::size_t>(shader)].surfaces[0];
+}
+
+// A float picture in the texture table, as if it had been read; color(column, row), row 0 at the bottom.
+template <class Color>
+std::int32_t AddImage(const std::string& name, int width, int height, const Color& color) {
+  const std::int32_t index = FindOrAddTexture(name);
+  ImageBuffer& image = images[static_cast<std::size_t>(index)];
+  Allocate(image, width, height, 3, 32, false);
+  for (int i = 0; i < width * height; ++i)
+    WritePixel(image, color(i % width, i / width), static_cast<std::size_t>(i));
+  image.loaded = true;
+  return index;
+}
+
+inline void ExpectNear(Vec3 actual, Vec3 expected, float tolerance) {
+  for (int c = 0; c < 3; ++c) EXPECT_NEAR(actual[c], expected[c], tolerance) << "component " << c;
 }
 
 inline void AddTetragon(Part& part, std::array<Vec3, 4> corners, std::int32_t shader) {
@@ -83,15 +107,6 @@ inline void AddSphere(Part& part, int levels, bool smooth, std::int32_t shader) 
   }
 }
 
-// Where a ray that comes straight down, at a distance b from the axis of a glass ball of radius 1 at the
-// origin, meets the plane z = -2, away from the side that it came in: it turns by twice the difference of its
-// angles.
-inline float PlaceBehindBall(float b, float ior) {
-  const float outside = std::asin(b), inside = std::asin(b / ior);
-  const float exit = outside - 2 * inside;  // off the downward axis, seen from the centre
-  return std::sin(exit) + (2 - std::cos(exit)) * std::tan(2 * (outside - inside));
-}
-
 // One Object with one Part, a white sky, path tracing, a camera of 16 by 16 pixels and 4 passes, seed 1.
 // Nothing is written.
 class RenderTest : public testing::Test {
@@ -123,6 +138,15 @@ class RenderTest : public testing::Test {
 
   static Part& Geometry() { return objectTable[0].parts[0]; }
 
+  // What the console shows of the call.
+  template <class Call>
+  static std::string Aloud(const Call& call) {
+    SetConsoleQuiet(false);
+    std::string rows = Printed(call);
+    SetConsoleQuiet(true);
+    return rows;
+  }
+
   static void LookFrom(Vec3 position, Vec3 target, float degrees) {
     for (int i = 0; i < 2; ++i) {
       cameras[0].poses[i].position = position;
@@ -146,6 +170,14 @@ class RenderTest : public testing::Test {
     light.position = position;
     light.offset = offset;
     light.innerAngle = 180;
+    light.photon = photons;
+    return light;
+  }
+
+  static ParallelLight& AddParallelLight(Vec3 direction, float offset = 0, std::int64_t photons = 0) {
+    ParallelLight& light = parallelLights.emplace_back();
+    light.zAxis = direction;
+    light.offset = offset;
     light.photon = photons;
     return light;
   }

@@ -3,11 +3,9 @@
 #include "scene/scene.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <tuple>
 
@@ -15,6 +13,7 @@
 #include "geometry/geometry.h"
 #include "lights/lights.h"
 #include "scene/notes.h"
+#include "surroundings.h"
 
 namespace zp {
 namespace {
@@ -23,15 +22,8 @@ namespace fs = std::filesystem;
 
 class SceneTest : public testing::Test {
  protected:
-  void SetUp() override {
-    Clear();
-    folder_ = fs::temp_directory_path() / ("scene_test_" + std::to_string(getpid()));
-    fs::create_directories(folder_);
-  }
-  void TearDown() override {
-    Clear();
-    fs::remove_all(folder_);
-  }
+  void SetUp() override { Clear(); }
+  void TearDown() override { Clear(); }
 
   static void Clear() {
     shaders.clear();
@@ -51,19 +43,14 @@ class SceneTest : public testing::Test {
   // The reader never prints.
   static void Read(const std::string& text) {
     std::istringstream stream(text);
-    testing::internal::CaptureStdout();
-    ReadScene(stream);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(Printed([&] { ReadScene(stream); }), "");
   }
-  void Write(const std::string& name, const std::string& bytes) const {
-    fs::create_directories((folder_ / name).parent_path());
-    std::ofstream(folder_ / name, std::ios::binary) << bytes;
-  }
+  void Write(const std::string& name, const std::string& bytes) const { WriteFile(folder_ / name, bytes); }
   static Shader& Named(std::string_view name) {
     return shaders.at(static_cast<std::size_t>(FindShader(name)));
   }
 
-  fs::path folder_;
+  const TemporaryFolder folder_;
 };
 
 TEST_F(SceneTest, BlocksEndEarlyAndLate) {
@@ -292,9 +279,9 @@ TEST_F(SceneTest, GeometryOfEveryKind) {
   const std::uint32_t indices[] = {0, 1, 2, 2, 1, 0, 1, 0, 2};
   picture("p.pfm", corners), picture("v.pfm", up), picture("t.pfm", indices);
 
-  imageSearchPaths = {folder_.string()};
+  imageSearchPaths = {folder_.path.string()};
   const auto own = [&](const std::string& keyword, const std::string& name) {
-    return " " + keyword + " \"" + (folder_ / name).string() + "\"\n";
+    return " " + keyword + " \"" + (folder_ / name) + "\"\n";
   };
   Read("object\n triangle_texture\n" + own("hair", "a.hair") + own("obj", "a.obj") +
        " normal_texture \"v.pfm\"\n position_texture \"p.pfm\"\n" + own("fur", "a.fur") +
@@ -336,13 +323,13 @@ TEST_F(SceneTest, FoldersAreReadInOrder) {
   Write("shader/a.zp", "render\n image_path \"shader\"\nend\n");
   Write("camera/a.zp", "");
   Write("other/a.zp", "render\n gamma 9\nend\n");
-  EXPECT_TRUE(ReadSceneFolder(folder_.string()));
+  EXPECT_TRUE(ReadSceneFolder(folder_.path.string()));
   EXPECT_EQ(imageSearchPaths, (std::vector<std::string>{"shader", "B", "a", "b", "geometry"}));
   EXPECT_EQ(settings.displayGamma, 2);
 
-  fs::remove_all(folder_);
-  EXPECT_FALSE(ReadSceneFolder(folder_.string()));
-  EXPECT_FALSE(ReadSceneFile((folder_ / "none.zp").string()));
+  fs::remove_all(folder_.path);
+  EXPECT_FALSE(ReadSceneFolder(folder_.path.string()));
+  EXPECT_FALSE(ReadSceneFile(folder_ / "none.zp"));
 }
 
 }  // namespace

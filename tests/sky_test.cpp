@@ -2,12 +2,9 @@
 // from it.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <limits>
 #include <random>
@@ -20,24 +17,17 @@
 #include "lights/sky_model.h"
 #include "lights/sky_table.h"
 #include "render_fixture.h"
+#include "statistics.h"
 
 namespace zp {
 namespace {
 
-constexpr double kTau = 2 * 3.14159265358979323846;
-
 double Radians(double degrees) { return degrees * kTau / 360; }
-
-Vec3 FromAngles(double cosTheta, double phi) {
-  const double sine = std::sqrt(std::max(0.0, 1 - cosTheta * cosTheta));
-  return {static_cast<float>(sine * std::cos(phi)), static_cast<float>(sine * std::sin(phi)),
-          static_cast<float>(cosTheta)};
-}
 
 Vec3 Random(std::mt19937& random) {
   std::uniform_real_distribution<double> uniform(0, 1);
   const double z = 1 - 2 * uniform(random);
-  return FromAngles(z, kTau * uniform(random));
+  return FromPolar(z, kTau * uniform(random));
 }
 
 // A sky whose image is in the texture table already, as a file that was read.
@@ -61,27 +51,10 @@ class Sky : public RenderTest {
     ResetSky();
     images.clear();
   }
-  // color(x, y) with y = 0 at the bottom.
-  static void AddImage(const std::string& name, int width, int height,
-                       const std::function<Vec3(int, int)>& color) {
-    ImageBuffer& image = images[static_cast<std::size_t>(FindOrAddTexture(name))];
-    Allocate(image, width, height, 3, 32, false);
-    for (int y = 0; y < height; ++y)
-      for (int x = 0; x < width; ++x) WritePixel(image, color(x, y), static_cast<std::size_t>(y * width + x));
-    image.loaded = true;
-  }
   static void UseImage(int width, int height, const std::function<Vec3(int, int)>& color) {
     AddImage("sky.hdr", width, height, color);
     skyLight.image = "sky.hdr";
     InitializeSky();
-  }
-  // And what the console shows of it.
-  static std::string InitializeAloud() {
-    testing::internal::CaptureStdout();
-    SetConsoleQuiet(false);
-    InitializeSky();
-    SetConsoleQuiet(true);
-    return testing::internal::GetCapturedStdout();
   }
   // Dim, uneven, with a sun of a few texels.
   static Vec3 Spotted(int x, int y) {
@@ -180,24 +153,6 @@ TEST_F(Sky, FrameTurnsTheMap) {
   }
 }
 
-TEST_F(Sky, CoordinatesInvert) {
-  SkyFrame frame;
-  EXPECT_TRUE(MakeSkyFrame({1, 2, -1}, {0, 3, 1}, frame));
-  std::mt19937 random(1);
-  for (int i = 0; i < 1000; ++i) {
-    const Vec3 d = Random(random);
-    const Vec3 back = MapDirection(frame, MapCoordinates(frame, d));
-    EXPECT_LT(SafeLength(back - d), 2e-3f);
-  }
-  const SkyFrame plain;
-  EXPECT_EQ(MapCoordinates(plain, {0, 0, 1}).y, 1);
-  for (int i = 0; i < 1000; ++i) {
-    const Vec3 d = Random(random);
-    const double angle = std::atan2(double{d.y}, double{d.x});
-    EXPECT_NEAR(static_cast<double>(MapCoordinates(plain, d).x), 0.5 - angle / kTau, 2e-7);
-  }
-}
-
 TEST_F(Sky, LookUpWrapsAroundAndEndsAtThePoles) {
   ImageBuffer image;
   Allocate(image, 4, 2, 3, 32, false);
@@ -243,77 +198,37 @@ TEST(SkyTable, CellsCoverTheSphere) {
   }
 }
 
-// Integral of f over the sphere, on a grid that is even in area.
-double OverSphere(int rows, const std::function<double(Vec3)>& f) {
-  double sum = 0;
-  for (int i = 0; i < rows; ++i)
-    for (int j = 0; j < 2 * rows; ++j)
-      sum += f(FromAngles(1 - 2 * (i + 0.5) / rows, kTau * (j + 0.5) / (2 * rows)));
-  return sum * 2 * kTau / (2.0 * rows * rows);
-}
-
-// Chi-square over the sphere: 20 x 40 areas, each expectation by numerical integration, which wants a smooth
-// sky.
 void ExpectSamplesFollowDensity(std::uint32_t seed) {
-  constexpr int kRows = 20, kFineRows = 800, kSamples = 300000;
-  const auto area = [](Vec3 d) {
-    const double turn = std::atan2(double{d.y}, double{d.x}) / kTau + 0.5;
-    const int row = std::clamp(static_cast<int>((1 - double{d.z}) / 2 * kRows), 0, kRows - 1);
-    return static_cast<std::size_t>(row * 2 * kRows + static_cast<int>(turn * 2 * kRows) % (2 * kRows));
-  };
-  std::vector<double> expected(2 * kRows * kRows), counts(expected.size());
-  const double total = OverSphere(kFineRows, [&](Vec3 d) {
-    const auto density = double{SkyDensity(d)};
-    expected[area(d)] += density * kSamples * kTau / kFineRows / kFineRows;
-    return density;
-  });
-  EXPECT_NEAR(total, 1, 0.001);
+  const SphereGrid grid;
+  const std::vector<double> shares = grid.Integrate(SkyDensity, 10);
+  EXPECT_NEAR(Sum(shares), 1, 0.001);
+  std::vector<double> counts(shares.size());
   std::mt19937 random(seed);
   std::uniform_real_distribution<float> uniform(0, 1);
-  for (int i = 0; i < kSamples; ++i) {
+  for (int i = 0; i < 300000; ++i) {
     LightSample sample;
     ASSERT_TRUE(SampleSky(uniform(random), uniform(random), sample));
     ASSERT_NEAR(SkyDensity(sample.direction), sample.pdf, 1e-3f * sample.pdf);
-    counts[area(sample.direction)] += 1;
+    counts[grid.Bin(sample.direction)] += 1;
   }
-  double chiSquare = 0, restExpected = 0, restCount = 0;
-  int degrees = -1;
-  const auto add = [&](double count, double mean) {
-    chiSquare += (count - mean) * (count - mean) / mean;
-    ++degrees;
-  };
-  for (std::size_t i = 0; i < expected.size(); ++i) {
-    if (expected[i] >= 20) {
-      add(counts[i], expected[i]);
-      continue;
-    }
-    restExpected += expected[i];
-    restCount += counts[i];
-  }
-  if (restExpected > 5) add(restCount, restExpected);
-  EXPECT_LT(chiSquare, degrees + 5 * std::sqrt(2.0 * degrees)) << degrees;
+  ExpectShares(counts, shares);
 }
 
 // Irradiance of a surface that faces `normal`, by samples and by a sum over the sphere.
 void ExpectSameIrradiance(Vec3 normal, std::uint32_t seed) {
-  constexpr int kSamples = 100000;
-  const auto cosine = [&](Vec3 d) { return static_cast<double>(std::max(Dot(d, normal), 0.0f)); };
-  const double integral = OverSphere(600, [&](Vec3 d) { return cosine(d) * double{Mean(SkyRadiance(d))}; });
+  const auto cosine = [&](Vec3 d) { return std::max(Dot(d, normal), 0.0f); };
+  const double integral = OverSphere([&](Vec3 d) { return cosine(d) * Mean(SkyRadiance(d)); }, 12);
   std::mt19937 random(seed);
   std::uniform_real_distribution<float> uniform(0, 1);
-  double sum = 0, squares = 0;
-  for (int i = 0; i < kSamples; ++i) {
+  RunningMean found;
+  for (int i = 0; i < 100000; ++i) {
     LightSample sample;
     ASSERT_TRUE(SampleSky(uniform(random), uniform(random), sample));
     ASSERT_EQ(sample.distance, kFarthest);
-    const double value = cosine(sample.direction) * static_cast<double>(Mean(sample.radiance) / sample.pdf);
-    sum += value;
-    squares += value * value;
+    found.Add(double{cosine(sample.direction) * Mean(sample.radiance) / sample.pdf});
   }
-  const double mean = sum / kSamples;
-  const double error = std::sqrt((squares / kSamples - mean * mean) / kSamples);
-  EXPECT_NEAR(mean, integral, 4 * error + 0.002 * integral);
-  EXPECT_LT(error, 0.02 * mean);
+  EXPECT_NEAR(found.Mean(), integral, 4 * found.Error() + 0.002 * integral);
+  EXPECT_LT(found.Error(), 0.02 * found.Mean());
 }
 
 TEST_F(Sky, SamplesFollowTheDensity) {
@@ -357,8 +272,7 @@ TEST_F(Sky, AnalyticSkyShowsTheModel) {
       EXPECT_EQ(double{seen.y}, ground);
     }
   }
-  const double irradiance =
-      OverSphere(500, [](Vec3 d) { return static_cast<double>(std::max(d.z, 0.0f) * SkyRadiance(d).y); });
+  const double irradiance = OverSphere([](Vec3 d) { return std::max(d.z, 0.0f) * SkyRadiance(d).y; }, 6);
   EXPECT_NEAR(ground, 0.5 * irradiance / (kTau / 2), 0.01 * ground);
 }
 
@@ -371,20 +285,10 @@ TEST_F(Sky, ALowSunIsNeverNegative) {
     InitializeSky();
     float lowest = 0;
     for (int i = 0; i < 40000; ++i) {
-      const Vec3 c = SkyRadiance(FromAngles(0.02 * (i % 100) / 100, kTau * i / 40000));
+      const Vec3 c = SkyRadiance(FromPolar(0.02 * (i % 100) / 100, kTau * i / 40000));
       lowest = std::min({lowest, c.x, c.y, c.z});
     }
     EXPECT_EQ(lowest, 0);
-  }
-}
-
-TEST_F(Sky, ABlackImageIsSampledEvenly) {
-  UseImage(8, 4, [](int, int) { return kBlack; });
-  std::mt19937 random(9);
-  for (int i = 0; i < 1000; ++i) {
-    const Vec3 d = Random(random);
-    // Even over the cells, whose solid angles differ by a small factor.
-    EXPECT_NEAR(SkyDensity(d) * 4 * kPi, 1, 0.35f);
   }
 }
 
@@ -407,45 +311,25 @@ TEST_F(Sky, HostileImages) {
   EXPECT_EQ(SkyDensity({odd[0], 0, 0}), 0);
 }
 
-// From a picture's file to a direction: its top row is the zenith's side, its left half lies
-// beyond the north.
-TEST_F(Sky, FilesOfEveryFormatStandUpright) {
+// A file is read from the top, a map from the bottom. Without a picture that can be used there is the colour.
+TEST_F(Sky, FilesStandUprightAndMissingOnesAreTold) {
   StartImageFiles();
-  const std::filesystem::path folder =
-      std::filesystem::temp_directory_path() / ("zp-sky-" + std::to_string(::getpid()));
-  std::filesystem::create_directories(folder);
-  for (const char* extension : {".hdr", ".pfm", ".exr", ".png", ".tif", ".bmp"}) {
-    SCOPED_TRACE(extension);
-    ImageBuffer picture;
-    Allocate(picture, 16, 8, 3, 32, false);
-    for (int y = 0; y < 8; ++y)  // row 0 is the top one
-      for (int x = 0; x < 16; ++x)
-        WritePixel(picture, {y < 4 ? 1.0f : 0.25f, x < 8 ? 1.0f : 0.25f, 1},
-                   static_cast<std::size_t>(y * 16 + x));
-    picture.fileName = skyLight.image = skyLight.backdrop =
-        (folder / (std::string("sky") + extension)).string();
-    ASSERT_TRUE(SaveImage(picture));
-    InitializeSky();
-    for (const float up : {-0.7f, 0.7f})
-      for (const float north : {-0.7f, 0.7f}) {
-        const Vec3 direction = SafeNormalize({-0.1f, north, up});
-        for (const Vec3 c : {SkyRadiance(direction), BackgroundRadiance(direction)}) {
-          EXPECT_NEAR(c.x, up > 0 ? 1.0f : 0.25f, 0.01f);
-          EXPECT_NEAR(c.y, north > 0 ? 1.0f : 0.25f, 0.01f);
-        }
-      }
-  }
-  // A file without a picture that can be used is reported like a missing one.
-  const std::string bits = (folder / "bits.pbm").string();
-  std::ofstream(bits) << "P1\n2 1\n1 0\n";
+  const TemporaryFolder folder;
+  ImageBuffer picture;
+  Allocate(picture, 1, 2, 3, 32, false);
+  WritePixel(picture, {4, 4, 4}, 0);  // the top row
+  picture.fileName = skyLight.image = folder / "sky.pfm";
+  ASSERT_TRUE(SaveImage(picture));
+  InitializeSky();
+  EXPECT_GT(SkyRadiance({0, 0.6f, 0.8f}).x, SkyRadiance({0, 0.6f, -0.8f}).x);
+  WriteFile(folder / "bits.pbm", "P1\n2 1\n1 0\n");
   skyLight.color = {0.5f, 0.25f, 1};
-  for (const std::string& name : {bits, std::string("no-such-sky.hdr")}) {
+  for (const std::string& name : {folder / "bits.pbm", std::string("no-such-sky.hdr")}) {
     skyLight.image = skyLight.backdrop = name;
-    const std::string text = InitializeAloud();
+    const std::string text = Aloud(InitializeSky);
     EXPECT_NE(text.find("image - " + name + "\tcannot be found"), std::string::npos) << text;
     EXPECT_NE(text.find("sky light map width                   0 [ n/a ]"), std::string::npos) << text;
-    EXPECT_EQ(skyLight.sample, 0);
-    EXPECT_EQ(skyLight.photon, 1000000);
+    EXPECT_EQ(std::tuple(skyLight.sample, skyLight.photon), std::tuple(0, 1000000));
     EXPECT_EQ(SkyRadiance({0, 0, 1}), skyLight.color);
     EXPECT_EQ(BackgroundRadiance({0, 0, 1}), skyLight.color);
     LightSample sample;
@@ -453,7 +337,6 @@ TEST_F(Sky, FilesOfEveryFormatStandUpright) {
     EXPECT_EQ(SkyDensity({0, 0, 1}), 0);
   }
   StopImageFiles();
-  std::filesystem::remove_all(folder);
 }
 
 TEST_F(Sky, BackdropAndSettings) {
@@ -462,12 +345,7 @@ TEST_F(Sky, BackdropAndSettings) {
   AddImage("sky.hdr", 8, 4, [](int, int) { return Vec3{2, 2, 2}; });
   skyLight.image = "sky.hdr";
   skyLight.color = {0.5f, 0.5f, 0.5f};
-  const std::string text = InitializeAloud();
-  // 1537 distributions of three arrays, four bytes an entry, and 1536 headers of 80 bytes.
-  for (const char* row :
-       {"sky light map width                   8 [ n/a ]", "sky light map height                  4 [ n/a ]",
-        "sky light memory                 4.6465 [ M bytes ]"})
-    EXPECT_NE(text.find(row), std::string::npos) << text;
+  InitializeSky();
   EXPECT_EQ(BackgroundRadiance({1, 0, 0}), (Vec3{7, 8, 9}));
   EXPECT_GT(SkyDensity({1, 0, 0}), 0);
   LightSample sample;
@@ -533,17 +411,18 @@ TEST_F(Sky, PhotonsFollowTheImage) {
   AimPhotons();
   const Vec3 spot = MapDirection({}, {41.0f / 128, 49.0f / 64});
   int towardsSpot = 0;
-  double power = 0, squares = 0;
+  RunningMean power;
   for (std::uint32_t s = 0; s < 50000; ++s) {
     RayRecord ray;
     MakeSkyPhotonRay(ray, s);
-    if (Dot(-ray.direction, spot) > 0.99f) ++towardsSpot;
-    const double p = double{Mean(ray.photonPower)};
-    power += p;
-    squares += p * p;
+    towardsSpot += Dot(-ray.direction, spot) > 0.99f;
+    power.Add(double{Mean(ray.photonPower)});
   }
   EXPECT_GT(towardsSpot, 40000);
-  EXPECT_LT(squares * 50000 / (power * power), 4);
+  // All together carry the sky's light through the scene's ball; cells are nearly alike in size.
+  const double light = OverSphere([](Vec3 d) { return Mean(SkyRadiance(d)); }, 6);
+  EXPECT_NEAR(power.sum / (light * double{sceneRadius * sceneRadius}), 1, 0.1);
+  EXPECT_LT(power.Error() * std::sqrt(50000.0), 1.7 * power.Mean());
 }
 
 }  // namespace

@@ -67,13 +67,8 @@ class SmoothTest : public RenderTest {
     return shader;
   }
 
-  // What Smooth prints.
   static std::string Rows(Part& part) {
-    SetConsoleQuiet(false);
-    testing::internal::CaptureStdout();
-    Smooth(part);
-    SetConsoleQuiet(true);
-    return testing::internal::GetCapturedStdout();
+    return Aloud([&] { Smooth(part); });
   }
 
   // Eight shared vertices, six tetragons that face outwards.
@@ -174,22 +169,6 @@ TEST_F(SmoothTest, NegativeAngleKeepsWhatIsStoredAndLeavesTheRestFaceted) {
   EXPECT_EQ(faceted, 6U);
 }
 
-TEST_F(SmoothTest, ObjFileWithoutNormalsIsFaceted) {
-  // A pyramid of which one half has normals.
-  Part& part = Geometry();
-  ReadObj(
-      "v 0 0 1\nv 1 0 0\nv 0 1 0\nv -1 0 0\nv 0 -1 0\nvn 0 0 1\n"
-      "f 1//1 2//1 3//1\nf 1 3 4\nf 1 4 5\ns off\nf 1//1 5//1 2//1\n",
-      part);
-  InitializeAccelerator();
-  ASSERT_EQ(part.triangles.size(), 4U);
-  for (std::size_t i = 0; i < 4; ++i)
-    for (const std::uint32_t v : part.triangles[i].vertex) {
-      const Vec3 expected = i == 0 ? Vec3{0, 0, 1} : FaceNormal(part, part.triangles[i]);
-      EXPECT_EQ(part.normals.at(v), Pack(expected)) << i;
-    }
-}
-
 TEST_F(SmoothTest, TangentsFollowU) {
   const std::int32_t shader = AngleShader(60);
   struct Case {
@@ -218,30 +197,6 @@ TEST_F(SmoothTest, TangentsFollowU) {
       EXPECT_NEAR(Dot(TangentAt(part, 0), normal), 0, kPackingError);
       EXPECT_FALSE(IsZero(part.tangents[0]));
     }
-}
-
-TEST_F(SmoothTest, ThreadsChangeNothing) {
-  // Mixed angles, corners that share nothing but a position, and a second kind of face.
-  const std::int32_t soft = AngleShader(25), kept = AngleShader(-1);
-  Part original = WavySheet(60, soft);
-  for (std::size_t i = 0; i < original.triangles.size(); i += 3) original.triangles[i].shader = kept;
-  const auto offset = static_cast<std::uint32_t>(original.positions.size());
-  const Part cube = SharedCube(soft);
-  original.positions.insert(original.positions.end(), cube.positions.begin(), cube.positions.end());
-  original.uvSets[0].values.resize(original.positions.size());
-  original.tetragons = cube.tetragons;
-  for (Tetragon& face : original.tetragons)
-    for (std::uint32_t& v : face.vertex) v += offset;
-  Part one = original;
-  omp_set_num_threads(1);
-  Smooth(one);
-  for (const int threads : {2, 3, 7}) {
-    Part many = original;
-    omp_set_num_threads(threads);
-    Smooth(many);
-    ExpectSame(many, one);
-  }
-  EXPECT_GT(one.positions.size(), original.positions.size());
 }
 
 TEST_F(SmoothTest, DataTravelsWithItsVertex) {
@@ -337,31 +292,6 @@ TEST_F(SmoothTest, LongFansTakeNoTime) {
   Smooth(part);
   for (std::uint32_t v = 0; v < part.positions.size(); ++v)
     ASSERT_EQ(part.normals[v], (PackedVector{0, 0, 127}));
-}
-
-// A coarse sphere in a beam from the right and the front, seen from the front: its middle row, which runs
-// through the terminator, shows the cosine of a true sphere, and of facets does not.
-TEST_F(SmoothTest, SphereShowsNoFacets) {
-  for (float degrees : {180.0f, -1.0f}) {
-    Restart();
-    skyLight.color = kBlack;
-    AddSphere(Geometry(), 3, false, AngleShader(degrees));
-    AddPointLight({30, -30, 0}).color = Grey(5000);
-    cameras[0].width = cameras[0].height = 64;
-    LookFrom({0, -40, 0.02f}, {0, 0, 0.02f}, 2.6f);
-    Render();
-    std::vector<float> row;
-    for (std::size_t x = 8; x < 56; ++x) row.push_back(Pixels(0)[3 * (32 * 64 + x)]);
-    const float scale = *std::max_element(row.begin(), row.end());
-    ASSERT_GT(scale, 0);
-    float worst = 0;
-    for (std::size_t i = 0; i < row.size(); ++i) {
-      const float x = ((static_cast<float>(i) + 8.5f) / 32 - 1) * 40 * std::tan(1.3f * kPi / 180);
-      const float cosine = std::max(0.0f, (x + std::sqrt(1 - x * x)) * std::sqrt(0.5f));
-      worst = std::max(worst, std::fabs(row[i] / scale - cosine));
-    }
-    EXPECT_EQ(worst < 0.06f, degrees == 180) << worst;
-  }
 }
 
 }  // namespace
