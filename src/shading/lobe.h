@@ -8,27 +8,9 @@
 
 #include "core/ray.h"
 #include "imaging/imaging.h"
+#include "shading/element.h"
 
 namespace zp {
-
-enum class Element : std::int32_t {
-  kLambertian,
-  kTransmissive,
-  kGlossy,
-  kSpecular,
-  kEmissive,
-  kDiffusion,
-  kShadowTransparency,
-  kNormal,
-  kWeight,
-  kAnisotropy,
-  kRoughness,
-  kAngle,
-  kIor,
-  kUnnamed13,
-  kThickness,
-  kUnnamed15,
-};
 
 enum class Lobe : std::uint8_t { kLambertian, kTransmissive, kGlossy, kSpecular };
 

@@ -12,37 +12,11 @@
 #include "core/ray.h"
 #include "core/vec.h"
 #include "imaging/imaging.h"
+#include "shading/element.h"
 #include "shading/hair.h"
 #include "shading/lobe.h"
 
 namespace zp {
-
-inline constexpr int kElementCount = 16;
-
-struct ElementRow {
-  Element element;
-  std::string_view keyword;  // empty: reached by functions only
-  Vec3 color;                // default
-};
-inline constexpr ElementRow kElements[] = {
-    {Element::kLambertian, "lambertian", kBlack},
-    {Element::kTransmissive, "transmissive", kBlack},
-    {Element::kGlossy, "glossy", kBlack},
-    {Element::kSpecular, "specular", kBlack},
-    {Element::kEmissive, "emissive", kBlack},
-    {Element::kDiffusion, "diffusion", kBlack},
-    {Element::kShadowTransparency, "shadow_transparency", kBlack},
-    {Element::kNormal, "normal", kWhite},
-    {Element::kWeight, "weight", kBlack},
-    {Element::kAnisotropy, "anisotropy", kBlack},
-    {Element::kRoughness, "roughness", kBlack},
-    {Element::kAngle, "angle", kBlack},
-    {Element::kIor, "ior", kWhite},
-    {Element::kUnnamed13, "", kWhite},
-    {Element::kThickness, "thickness", kBlack},
-    {Element::kUnnamed15, "", kBlack},
-};
-static_assert(std::size(kElements) == kElementCount);
 
 enum class Material : std::int32_t { kConductor, kDielectric, kThinDielectric };
 enum class Sideness : std::int32_t { kFace, kBack, kBoth };
