@@ -307,9 +307,9 @@ TEST_F(LitHair, PointLightsMeetTheLobes) {
     const Vec3 light = (kPi / Dot(place, place)) * color, glossy = light * (s.r + s.tt + s.trt);
     const Vec3 diffuse = light * FiberDiffuse(point_.outgoing, direction, point_.tangent);
     ASSERT_GT(Mean(glossy), 0.01f);
-    EXPECT_LT(SafeLength(lobes.glossy - glossy), 2e-5f);
-    EXPECT_LT(SafeLength(lobes.lambertian - diffuse), 2e-5f);
-    EXPECT_EQ(lobes.transmissive, kBlack);
+    EXPECT_LT(SafeLength(lobes[Lobe::kGlossy] - glossy), 2e-5f);
+    EXPECT_LT(SafeLength(lobes[Lobe::kLambertian] - diffuse), 2e-5f);
+    EXPECT_EQ(lobes[Lobe::kTransmissive], kBlack);
   }
 }
 
@@ -322,8 +322,8 @@ TEST_F(LitHair, SkyLightAddsUpForTheGlossyLobes) {
     ASSERT_TRUE(Hit(0.3f, SafeNormalize({0, 1, 0.4f})));
     const double expected =
         Expected([&](const FiberScattering& s) { return sampled ? s.r + s.tt + s.trt : s.r; });
-    const double direct = double{Mean(SampleLights(ray_, point_).glossy)};
-    const double found = double{Mean(GatherGlossy(ray_, point_))};
+    const double direct = double{Mean(SampleLights(ray_, point_)[Lobe::kGlossy])};
+    const double found = double{Mean(Gather(Lobe::kGlossy, ray_, point_))};
     EXPECT_NEAR(direct + found, expected, 0.03 * expected) << sampled << " " << direct << " " << found;
     EXPECT_GT(found, 0.01);
     EXPECT_EQ(direct > 0.01, sampled);
@@ -341,7 +341,9 @@ TEST_F(LitHair, SkyLightAddsUpForTheDiffuseLobe) {
     constexpr int kOffsets = 32;
     for (int i = 0; i < kOffsets; ++i) {
       ASSERT_TRUE(Hit((static_cast<float>(i) + 0.5f) / (kOffsets / 2) - 1));
-      sum += double{Mean(SampleLights(ray_, point_).lambertian + GatherLambertian(ray_, point_))} / kOffsets;
+      sum += double{Mean(SampleLights(ray_, point_)[Lobe::kLambertian] +
+                         Gather(Lobe::kLambertian, ray_, point_))} /
+             kOffsets;
     }
     EXPECT_NEAR(sum, 1, 0.015) << samples;
   }

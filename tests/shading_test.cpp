@@ -240,7 +240,7 @@ TEST_F(Shading, AnglesAndNormalMapsKeepTheFrameOrthonormal) {
 TEST_F(Shading, GlossyWidthsOfHostileNumbers) {
   for (float hostile : {0.0f, 1.0f, 2.0f, -kFarthest, -INFINITY, std::nanf("")}) {
     PointCase c = MakePoint(1, {0, 0, 1});
-    c.layer.hasGlossy = c.layer.isGlossy = c.layer.isAnisotropic = true;
+    c.layer.has[Lobe::kGlossy] = c.layer.isGlossy = c.layer.isAnisotropic = true;
     c.layer[Element::kRoughness].color = -hostile * kWhite;
     c.layer[Element::kAnisotropy].color = hostile * kWhite;
     Finish(c);

@@ -78,7 +78,7 @@ bool DiffuseDirection(const RayRecord& ray, const ShadingPoint& point, Event eve
   const Vec2 draw = DrawPair(ray, sample);
   const Vec3 local = CosineDirection(draw.x, draw.y);
   direction = local.x * point.tangent + local.y * point.bitangent + (side * local.z) * point.normal;
-  return ray.kind == kKindCylinder || side * Dot(direction, point.geometricNormal) > 0;
+  return IsHair(point) || side * Dot(direction, point.geometricNormal) > 0;
 }
 
 LobeRays GlossyRays(const RayRecord& ray, const ShadingPoint& point, std::uint32_t sample) {

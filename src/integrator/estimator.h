@@ -71,16 +71,19 @@ inline Vec2 DrawPair(const RayRecord& ray, std::uint32_t sample) {
 }
 
 // What each lobe sends back along the ray.
-struct LobeRadiance {
-  Vec3 lambertian, transmissive, glossy, specular;
-};
+using LobeRadiance = PerLobe<Vec3>;
 inline LobeRadiance& operator+=(LobeRadiance& a, const LobeRadiance& b) {
-  a.lambertian += b.lambertian;
-  a.transmissive += b.transmissive;
-  a.glossy += b.glossy;
-  a.specular += b.specular;
+  for (std::size_t i = 0; i < kLobeCount; ++i) a.values[i] += b.values[i];
   return a;
 }
+inline LobeRadiance& operator*=(LobeRadiance& a, float scale) {
+  for (Vec3& light : a.values) light *= scale;
+  return a;
+}
+
+// Whether lights are sampled where the ray is, and lobe rays compete with those samples: in the open, not
+// inside a medium, which is known by its index of refraction.
+inline bool IsInOpen(const RayRecord& ray) { return std::fabs(1 - ray.ior) < 1e-8f; }
 
 // What the lobes receive straight from lights, without the lobes' colours. Writes the lights' AOVs at depth
 // 0.
@@ -90,10 +93,7 @@ LobeRadiance SampleLights(const RayRecord& ray, const ShadingPoint& point);
 bool SamplesEmitters();
 
 // What a lobe receives from the scene, without the lobe's colour. Black for a lobe of black throughput.
-Vec3 GatherLambertian(const RayRecord& ray, const ShadingPoint& point);
-Vec3 GatherTransmissive(const RayRecord& ray, const ShadingPoint& point);
-Vec3 GatherGlossy(const RayRecord& ray, const ShadingPoint& point);
-Vec3 GatherSpecular(const RayRecord& ray, const ShadingPoint& point);
+Vec3 Gather(Lobe lobe, const RayRecord& ray, const ShadingPoint& point);
 
 // Caustic photons around the hit, for the lobe that `event` names: their power by the area that they cover.
 Vec3 GatherCaustics(const RayRecord& ray, const ShadingPoint& point, Event event);
@@ -121,7 +121,8 @@ inline RayBudgets BudgetsOf(const GeometryLight& light) {
 // The balance heuristic (Veach and Guibas, "Optimally Combining Sampling Techniques", 1995) between the two
 // kinds of rays of a first hit, and between one and one later on. Densities are per solid angle.
 //
-// Density of the lobe that `event` names in a unit direction; 0 for lobes that draw no directions.
+// Density of the lobe that `event` names in a unit direction; 0 for lobes that draw no directions. It stands
+// beside the lobe's response: surface_response.h, hair_response.h.
 float LobeDensity(const ShadingPoint& point, std::uint8_t event, Vec3 direction);
 // Of a light sample at the hit of `ray`; 1 where no lobe ray follows.
 float LightSampleWeight(const RayRecord& ray, float lightDensity, float lobeDensity, RayBudgets budgets);

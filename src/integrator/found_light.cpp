@@ -1,5 +1,7 @@
 // Light that a ray finds by itself: the sky behind a miss, and emission at a hit.
 
+#include <algorithm>
+
 #include "geometry/density.h"
 #include "integrator/estimator.h"
 #include "lights/lights.h"
@@ -9,14 +11,15 @@ namespace {
 
 // Whether samples of a light at the ray's start compete with it: it was drawn from a lobe, in the open.
 bool MeetsLightSamples(const RayRecord& ray) {
-  const bool lobe =
-      ray.event == kEventLambertian || ray.event == kEventTransmissive || ray.event == kEventGlossy;
-  return lobe && ray.parentPoint != nullptr && std::fabs(1 - ray.ior) < 1e-8f;
+  const bool lobe = std::any_of(std::begin(kLobes), std::end(kLobes), [&](const LobeRow& row) {
+    return row.meetsLightSamples && row.event == ray.event;
+  });
+  return lobe && ray.parentPoint != nullptr && IsInOpen(ray);
 }
 
 // Light samples do not look through hair: the rays of its transmissive lobe bring all of that light.
 bool LooksThroughHair(const RayRecord& ray) {
-  return ray.event == kEventTransmissive && ray.parentPoint != nullptr && ray.parentPoint->fiber != nullptr;
+  return ray.event == kEventTransmissive && ray.parentPoint != nullptr && IsHair(*ray.parentPoint);
 }
 
 // The share of the sky that belongs to the ray, and not to samples of the sky.
@@ -59,20 +62,9 @@ float EmitterHitWeight(const RayRecord& ray, const ShadingPoint& point) {
 
 // The channel of a light's AOV that records paths by their last scattering.
 std::uint32_t PathChannel(std::uint8_t event) {
-  switch (event) {
-    case kEventLambertian:
-      return kChannelLambertian;
-    case kEventTransmissive:
-      return kChannelTransmissive;
-    case kEventGlossy:
-    case kEventGlossyRefraction:
-      return kChannelGlossy;
-    case kEventSpecular:
-    case kEventSpecularRefraction:
-      return kChannelSpecular;
-    default:
-      return 0;
-  }
+  for (const LobeRow& row : kLobes)
+    if (event == row.event || event == row.refraction) return row.light;
+  return 0;
 }
 
 // A ray that comes from the camera, if only through thin panes, sees lights whatever they are linked to.
@@ -116,7 +108,7 @@ Vec3 MissRadiance(const RayRecord& ray) {
 Vec3 EmittedRadiance(const RayRecord& ray, const ShadingPoint& point) {
   const Vec3 emission = Emission(ray, point);
   if (!geometryLight.aovs.empty()) WriteEmissionAovs(ray, emission);
-  const bool diffuse = point.layer->hasLambertian || point.layer->hasTransmissive;
+  const bool diffuse = point.layer->has[Lobe::kLambertian] || point.layer->has[Lobe::kTransmissive];
   const Vec3 density = point.useDensity && diffuse ? ReadDensity(ray) : kBlack;
   return point.diffuseWeight * (density + emission);
 }

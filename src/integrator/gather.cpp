@@ -40,7 +40,7 @@ namespace {
 
 // Of the Lambertian or the transmissive lobe, which differ by the side they look to.
 Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event, Vec3 color) {
-  const bool hair = ray.kind == kKindCylinder;
+  const bool hair = IsHair(point);
   Vec3 throughput = ray.throughput * color;
   if (event == kEventLambertian && !hair) throughput *= point.diffuseWeight;
   if (IsBlack(throughput)) return kBlack;
@@ -114,6 +114,35 @@ Vec3 GatherFiber(const RayRecord& ray, const ShadingPoint& point, Vec3 throughpu
   return sum;
 }
 
+Vec3 GatherGlossy(const RayRecord& ray, const ShadingPoint& point) {
+  const Vec3 throughput = ray.throughput * point.color[Lobe::kGlossy];
+  if (IsBlack(throughput)) return kBlack;
+  if (IsHair(point)) return GatherFiber(ray, point, throughput);
+  GlossySums sums;
+  if (BounceCount(ray) == 0) {
+    const Vec3 brightest = throughput * MaxOf(point.specularWeight, point.diffuseWeight);
+    const PassShare share = ShareOf(GatherCount(brightest, settings.rendererSample, CameraPasses()));
+    for (std::uint32_t i = share.first; i < share.end && !Stopping(); i += share.step)
+      AddGlossySample(ray, point, throughput, i, ray.sampleWeight * share.count, sums);
+    if (sums.reflections > 0) sums.reflected *= 1.0f / static_cast<float>(sums.reflections);
+    if (sums.refractions > 0) sums.refracted *= 1.0f / static_cast<float>(sums.refractions);
+  } else if (BounceCount(ray) < settings.rendererBounce) {
+    AddGlossySample(ray, point, throughput, ray.sampleNumber, ray.sampleWeight, sums);
+  }
+  return sums.reflected + sums.refracted;
+}
+
+// A tree of at most two rays at every hit, bounded by the ray depth alone.
+Vec3 GatherSpecular(const RayRecord& ray, const ShadingPoint& point) {
+  const Vec3 throughput = ray.throughput * point.color[Lobe::kSpecular];
+  if (IsBlack(throughput)) return kBlack;
+  Vec3 sum;
+  const LobeRays ways = SpecularRays(ray, point);
+  for (int i = 0; i < ways.count; ++i)
+    sum += FollowLobeRay(ray, point, ways.ways[i], throughput, ray.sampleNumber, ray.sampleWeight);
+  return sum;
+}
+
 }  // namespace
 
 std::int32_t GatherCount(Vec3 color, std::int32_t budget, std::int32_t passes) {
@@ -141,41 +170,18 @@ PassShare ShareOf(std::int32_t count) {
   return share;
 }
 
-Vec3 GatherLambertian(const RayRecord& ray, const ShadingPoint& point) {
-  return GatherDiffuse(ray, point, kEventLambertian, point.lambertianColor);
-}
-
-Vec3 GatherTransmissive(const RayRecord& ray, const ShadingPoint& point) {
-  return GatherDiffuse(ray, point, kEventTransmissive, point.transmissiveColor);
-}
-
-Vec3 GatherGlossy(const RayRecord& ray, const ShadingPoint& point) {
-  const Vec3 throughput = ray.throughput * point.glossyColor;
-  if (IsBlack(throughput)) return kBlack;
-  if (point.fiber != nullptr) return GatherFiber(ray, point, throughput);
-  GlossySums sums;
-  if (BounceCount(ray) == 0) {
-    const Vec3 brightest = throughput * MaxOf(point.specularWeight, point.diffuseWeight);
-    const PassShare share = ShareOf(GatherCount(brightest, settings.rendererSample, CameraPasses()));
-    for (std::uint32_t i = share.first; i < share.end && !Stopping(); i += share.step)
-      AddGlossySample(ray, point, throughput, i, ray.sampleWeight * share.count, sums);
-    if (sums.reflections > 0) sums.reflected *= 1.0f / static_cast<float>(sums.reflections);
-    if (sums.refractions > 0) sums.refracted *= 1.0f / static_cast<float>(sums.refractions);
-  } else if (BounceCount(ray) < settings.rendererBounce) {
-    AddGlossySample(ray, point, throughput, ray.sampleNumber, ray.sampleWeight, sums);
+Vec3 Gather(Lobe lobe, const RayRecord& ray, const ShadingPoint& point) {
+  switch (lobe) {
+    case Lobe::kLambertian:
+      return GatherDiffuse(ray, point, kEventLambertian, point.color[lobe]);
+    case Lobe::kTransmissive:
+      return GatherDiffuse(ray, point, kEventTransmissive, point.color[lobe]);
+    case Lobe::kGlossy:
+      return GatherGlossy(ray, point);
+    case Lobe::kSpecular:
+      return GatherSpecular(ray, point);
   }
-  return sums.reflected + sums.refracted;
-}
-
-// A tree of at most two rays at every hit, bounded by the ray depth alone.
-Vec3 GatherSpecular(const RayRecord& ray, const ShadingPoint& point) {
-  const Vec3 throughput = ray.throughput * point.specularColor;
-  if (IsBlack(throughput)) return kBlack;
-  Vec3 sum;
-  const LobeRays ways = SpecularRays(ray, point);
-  for (int i = 0; i < ways.count; ++i)
-    sum += FollowLobeRay(ray, point, ways.ways[i], throughput, ray.sampleNumber, ray.sampleWeight);
-  return sum;
+  return kBlack;
 }
 
 }  // namespace zp

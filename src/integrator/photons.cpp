@@ -79,11 +79,11 @@ bool ProjectToSensor(const PathSensor& sensor, Vec3 position, std::size_t& pixel
 Vec3 Scattering(const ShadingPoint& point, Vec3 direction) {
   Vec3 sum;
   if (Dot(direction, point.geometricNormal) > 0) {
-    if (point.hasLambertian) sum += point.diffuseWeight * point.lambertianColor;
-    if (point.hasGlossy && Dot(direction, point.normal) > 0)
-      sum += 4 * kPi * GlossyD(point, direction) * point.specularWeight * point.glossyColor;
-  } else if (point.hasTransmissive) {
-    sum += point.diffuseWeight * point.transmissiveColor;
+    if (point.has[Lobe::kLambertian]) sum += point.diffuseWeight * point.color[Lobe::kLambertian];
+    if (point.has[Lobe::kGlossy] && Dot(direction, point.normal) > 0)
+      sum += 4 * kPi * GlossyD(point, direction) * point.specularWeight * point.color[Lobe::kGlossy];
+  } else if (point.has[Lobe::kTransmissive]) {
+    sum += point.diffuseWeight * point.color[Lobe::kTransmissive];
   }
   return sum;
 }
@@ -130,11 +130,10 @@ void BounceDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event,
 // Light, then mirrors and glass alone, then a diffuse surface.
 bool IsCaustic(const RayRecord& ray, const ShadingPoint& point) {
   if (!ray.photonStore || BounceCount(ray) > 0 || ray.specularBounces == 0) return false;
-  const auto reflects = [&](bool has, Vec3 color) {
-    return has && !IsBlack(point.diffuseWeight * color * ray.throughput);
-  };
-  return reflects(point.hasLambertian, point.lambertianColor) ||
-         reflects(point.hasTransmissive, point.transmissiveColor);
+  return std::any_of(std::begin(kLobes), std::end(kLobes), [&](const LobeRow& row) {
+    return row.diffuse && point.has[row.lobe] &&
+           !IsBlack(point.diffuseWeight * point.color[row.lobe] * ray.throughput);
+  });
 }
 
 void BounceLobe(const RayRecord& ray, const ShadingPoint& point, const LobeRays& ways, Vec3 color,
@@ -153,26 +152,27 @@ void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings) {
   // The link is for the light's own landings; thin panes before them are no bounce.
   const bool linked = ray.parentPoint != nullptr || IsLinked(cast.link, ray.shader);
   if (linked && !cast.sensor.aovs.empty()) SplatLightPath(ray, point, cast);
-  if (linked && (point.hasLambertian || point.hasTransmissive)) {
+  if (linked && (point.has[Lobe::kLambertian] || point.has[Lobe::kTransmissive])) {
     if (IsCaustic(ray, point))
       landings.push_back({ray.sampleNumber,
                           {point.position, ray.photonPower * ray.throughput, PackDirection(point.outgoing),
                            PackDirection(point.geometricNormal)}});
-    if (point.hasLambertian)
-      BounceDiffuse(ray, point, kEventLambertian, point.lambertianColor, cast, landings);
-    if (point.hasTransmissive)
-      BounceDiffuse(ray, point, kEventTransmissive, point.transmissiveColor, cast, landings);
+    if (point.has[Lobe::kLambertian])
+      BounceDiffuse(ray, point, kEventLambertian, point.color[Lobe::kLambertian], cast, landings);
+    if (point.has[Lobe::kTransmissive])
+      BounceDiffuse(ray, point, kEventTransmissive, point.color[Lobe::kTransmissive], cast, landings);
   }
   if (ray.depth == 255) return;  // the bytes that count bounces are full
-  if (point.hasGlossy && point.fiber != nullptr) {
+  if (point.has[Lobe::kGlossy] && IsHair(point)) {
     Vec3 weight;
-    RayRecord child = MakeFiberChild(ray, point, ray.throughput * point.glossyColor, weight);
+    RayRecord child = MakeFiberChild(ray, point, ray.throughput * point.color[Lobe::kGlossy], weight);
     BouncePhoton(child, cast, landings);
-  } else if (point.hasGlossy) {
-    BounceLobe(ray, point, GlossyRays(ray, point, ray.sampleNumber), point.glossyColor, cast, landings);
+  } else if (point.has[Lobe::kGlossy]) {
+    BounceLobe(ray, point, GlossyRays(ray, point, ray.sampleNumber), point.color[Lobe::kGlossy], cast,
+               landings);
   }
-  if (point.hasSpecular)
-    BounceLobe(ray, point, SpecularRays(ray, point), point.specularColor, cast, landings);
+  if (point.has[Lobe::kSpecular])
+    BounceLobe(ray, point, SpecularRays(ray, point), point.color[Lobe::kSpecular], cast, landings);
 }
 
 // Prints how far a cast has come, from any of its threads, once for each per cent.

@@ -1,5 +1,6 @@
 // The radiance estimate along one ray, and the pictures it leaves at a first hit.
 
+#include <algorithm>
 #include <cmath>
 
 #include "accel/accel.h"
@@ -13,7 +14,8 @@ namespace zp {
 namespace {
 
 // The lobes' light, and what the surface adds by itself.
-struct HitRadiance : LobeRadiance {
+struct HitRadiance {
+  LobeRadiance lobes;
   Vec3 emission;
 };
 
@@ -49,23 +51,12 @@ Vec3 HitUserData(const RayRecord& ray, const std::string& name) {
 }
 
 Vec3 AovValue(const Aov& aov, const RayRecord& ray, const ShadingPoint& point, const HitRadiance& radiance) {
-  switch (aov.channel) {  // Intended: equality. A word with two bits records nothing.
-    case kChannelLambertian:
-      return radiance.lambertian;
-    case kChannelLambertianColor:
-      return point.lambertianColor;
-    case kChannelTransmissive:
-      return radiance.transmissive;
-    case kChannelTransmissiveColor:
-      return point.transmissiveColor;
-    case kChannelGlossy:
-      return radiance.glossy;
-    case kChannelGlossyColor:
-      return point.glossyColor;
-    case kChannelSpecular:
-      return radiance.specular;
-    case kChannelSpecularColor:
-      return point.specularColor;
+  // Intended: equality. A word with two bits records nothing.
+  for (const LobeRow& row : kLobes) {
+    if (aov.channel == row.light) return radiance.lobes[row.lobe];
+    if (aov.channel == row.color) return point.color[row.lobe];
+  }
+  switch (aov.channel) {
     case kChannelEmissive:
       return radiance.emission;
     case kChannelNormal:
@@ -112,23 +103,28 @@ bool ReadsDensity(const RayRecord& ray, const ShadingPoint& point) {
   return ray.diffuseBounces > 0 && (point.virtualLight || ray.t > settings.distance);
 }
 
-// Lights are not sampled inside a medium, which is known by its index of refraction.
+// A point that reads cells asks them, and not the lights, for its diffuse lobes.
 bool TakesDirectLight(const RayRecord& ray, const ShadingPoint& point) {
-  const bool diffuse = !point.useDensity && (point.hasLambertian || point.hasTransmissive);
-  return (diffuse || point.hasGlossy || ray.kind == kKindCylinder) && std::fabs(1 - ray.ior) < 1e-8f;
+  const bool lobe = std::any_of(std::begin(kLobes), std::end(kLobes), [&](const LobeRow& row) {
+    return row.meetsLightSamples && point.has[row.lobe] && !(row.diffuse && point.useDensity);
+  });
+  return (lobe || IsHair(point)) && IsInOpen(ray);
 }
 
 }  // namespace
 
 void TestElements(ShadingPoint& point) {
   const SurfaceShader& layer = *point.layer;
+  const auto test = [&](bool diffuse) {
+    for (const LobeRow& row : kLobes)
+      if (row.diffuse == diffuse)
+        point.has[row.lobe] = TestElement(layer, row.element, point.uv, point.color[row.lobe]);
+  };
   if (!point.useDensity) {
-    point.hasLambertian = TestElement(layer, Element::kLambertian, point.uv, point.lambertianColor);
-    point.hasTransmissive = TestElement(layer, Element::kTransmissive, point.uv, point.transmissiveColor);
+    test(true);
     point.hasDiffusion = TestElement(layer, Element::kDiffusion, point.uv, point.diffusionColor);
   }
-  point.hasGlossy = TestElement(layer, Element::kGlossy, point.uv, point.glossyColor);
-  point.hasSpecular = TestElement(layer, Element::kSpecular, point.uv, point.specularColor);
+  test(false);
 }
 
 Camera* ActiveCamera() {
@@ -156,21 +152,19 @@ Vec3 Radiance(RayRecord& ray) {
   TestElements(point);
 
   HitRadiance radiance;
-  if (TakesDirectLight(ray, point)) static_cast<LobeRadiance&>(radiance) = SampleLights(ray, point);
-  if (point.hasLambertian)
-    radiance.lambertian = (radiance.lambertian + GatherLambertian(ray, point)) * point.lambertianColor;
-  if (point.hasTransmissive)
-    radiance.transmissive =
-        (radiance.transmissive + GatherTransmissive(ray, point)) * point.transmissiveColor;
-  if (point.hasGlossy) radiance.glossy = (radiance.glossy + GatherGlossy(ray, point)) * point.glossyColor;
-  if (point.hasSpecular) radiance.specular = GatherSpecular(ray, point) * point.specularColor;
+  if (TakesDirectLight(ray, point)) radiance.lobes = SampleLights(ray, point);
+  for (const LobeRow& row : kLobes)
+    if (point.has[row.lobe])
+      radiance.lobes[row.lobe] =
+          (radiance.lobes[row.lobe] + Gather(row.lobe, ray, point)) * point.color[row.lobe];
   radiance.emission = EmittedRadiance(ray, point);
 
   Camera* camera = ActiveCamera();
   if (ray.depth == 0 && camera != nullptr) WriteCameraAovs(*camera, ray, point, radiance);
 
-  const Vec3 sum =
-      radiance.lambertian + radiance.transmissive + radiance.glossy + radiance.specular + radiance.emission;
+  Vec3 sum;
+  for (const Vec3& light : radiance.lobes.values) sum += light;
+  sum += radiance.emission;
   const bool outside = camera == nullptr || std::fabs(camera->ior - ray.ior) < 1e-8f;
   return sum *
          Transmission(outside ? globalVolume : shaders[static_cast<std::size_t>(ray.shader)].volume, ray.t);

@@ -1,6 +1,8 @@
 // Which share of a light belongs to its own samples, and which to the rays that find it.
 
 #include "integrator/estimator.h"
+#include "integrator/hair_response.h"
+#include "integrator/surface_response.h"
 
 namespace zp {
 namespace {
@@ -15,33 +17,10 @@ bool LobeRayFollows(const RayRecord& ray) {
   return BounceCount(ray) < settings.rendererBounce && ray.depth + 1 < settings.rayDepth;
 }
 
-// Of hair. Its Lambertian rays leave the one place that was hit, but light samples show the mean over the
-// width: with that mean's density the two complete each other in the mean.
-float FiberLobeDensity(const ShadingPoint& point, std::uint8_t event, Vec3 direction) {
-  switch (event) {
-    case kEventLambertian:
-      return FiberDiffuse(point.outgoing, direction, point.tangent);
-    case kEventGlossy:
-      return DrawnDensity(*point.fiber,
-                          EvaluateFiber(*point.fiber, point.outgoing, direction, point.tangent));
-    default:
-      return 0;
-  }
-}
-
 }  // namespace
 
 float LobeDensity(const ShadingPoint& point, std::uint8_t event, Vec3 direction) {
-  if (point.fiber != nullptr) return FiberLobeDensity(point, event, direction);
-  switch (event) {
-    case kEventLambertian:
-    case kEventTransmissive:
-      return std::fabs(Dot(point.normal, direction)) / kPi;
-    case kEventGlossy:
-      return GlossyD(point, direction);
-    default:
-      return 0;
-  }
+  return IsHair(point) ? HairDensity(point, event, direction) : SurfaceDensity(point, event, direction);
 }
 
 float LightSampleWeight(const RayRecord& ray, float lightDensity, float lobeDensity, RayBudgets budgets) {

@@ -90,19 +90,16 @@ void DeriveFlags(SurfaceShader& s) {
   const auto shows = [&](Element e) { return !IsBlack(s[e].color); };
   s.hasImage =
       std::any_of(s.slots.begin(), s.slots.end(), [](const ImageSlot& i) { return i.image != kNone; });
-  s.hasLambertian = shows(Element::kLambertian);
-  s.hasTransmissive = shows(Element::kTransmissive);
-  s.hasGlossy = shows(Element::kGlossy);
-  s.hasSpecular = shows(Element::kSpecular);
+  for (const LobeRow& row : kLobes) s.has[row.lobe] = shows(row.element);
   s.hasDiffusion = shows(Element::kDiffusion);
   s.hasNormalMap = s[Element::kNormal].image != kNone;
-  s.isGlossy = s.hasGlossy && shows(Element::kRoughness);
+  s.isGlossy = s.has[Lobe::kGlossy] && shows(Element::kRoughness);
   s.isAnisotropic = s.isGlossy && shows(Element::kAnisotropy);
   s.needsTangents = s.hasNormalMap || s.isAnisotropic;
   s.hasAngle = s.needsTangents && shows(Element::kAngle);
-  s.hasDiffuse = s.hasLambertian || s.hasTransmissive;
-  s.hasReflection = s.hasSpecular || s.hasGlossy;
-  s.isPlain = !s.hasImage && !s.hasReflection;
+  s.isPlain = !s.hasImage && std::none_of(std::begin(kLobes), std::end(kLobes), [&](const LobeRow& row) {
+    return !row.diffuse && s.has[row.lobe];
+  });
 }
 
 // True if no shadow ray passes the layer at any point: an image only multiplies the colour. Exactly black,
@@ -120,8 +117,8 @@ void DeriveSideFlags(Shader& shader) {
       const SurfaceShader& surface = shader.surfaces[list[static_cast<std::size_t>(i)]];
       virtualLight |= surface.virtualLight;
       emissive |= !IsBlack(surface[Element::kEmissive].color);
-      lambertian |= surface.hasLambertian;
-      transmissive |= surface.hasTransmissive;
+      lambertian |= surface.has[Lobe::kLambertian];
+      transmissive |= surface.has[Lobe::kTransmissive];
       opaque |= IsOpaque(surface);
     }
   };

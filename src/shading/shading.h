@@ -12,54 +12,11 @@
 #include "core/ray.h"
 #include "core/vec.h"
 #include "imaging/imaging.h"
+#include "shading/element.h"
 #include "shading/hair.h"
+#include "shading/lobe.h"
 
 namespace zp {
-
-enum class Element : std::int32_t {
-  kLambertian,
-  kTransmissive,
-  kGlossy,
-  kSpecular,
-  kEmissive,
-  kDiffusion,
-  kShadowTransparency,
-  kNormal,
-  kWeight,
-  kAnisotropy,
-  kRoughness,
-  kAngle,
-  kIor,
-  kUnnamed13,
-  kThickness,
-  kUnnamed15,
-};
-inline constexpr int kElementCount = 16;
-
-struct ElementRow {
-  Element element;
-  std::string_view keyword;  // empty: reached by functions only
-  Vec3 color;                // default
-};
-inline constexpr ElementRow kElements[] = {
-    {Element::kLambertian, "lambertian", kBlack},
-    {Element::kTransmissive, "transmissive", kBlack},
-    {Element::kGlossy, "glossy", kBlack},
-    {Element::kSpecular, "specular", kBlack},
-    {Element::kEmissive, "emissive", kBlack},
-    {Element::kDiffusion, "diffusion", kBlack},
-    {Element::kShadowTransparency, "shadow_transparency", kBlack},
-    {Element::kNormal, "normal", kWhite},
-    {Element::kWeight, "weight", kBlack},
-    {Element::kAnisotropy, "anisotropy", kBlack},
-    {Element::kRoughness, "roughness", kBlack},
-    {Element::kAngle, "angle", kBlack},
-    {Element::kIor, "ior", kWhite},
-    {Element::kUnnamed13, "", kWhite},
-    {Element::kThickness, "thickness", kBlack},
-    {Element::kUnnamed15, "", kBlack},
-};
-static_assert(std::size(kElements) == kElementCount);
 
 enum class Material : std::int32_t { kConductor, kDielectric, kThinDielectric };
 enum class Sideness : std::int32_t { kFace, kBack, kBoth };
@@ -98,9 +55,9 @@ struct SurfaceShader {
   bool window = false;
   // Derived at initialisation.
   bool hasImage = false, needsTangents = false, hasAngle = false, hasNormalMap = false, isGlossy = false;
-  bool isAnisotropic = false, hasDiffuse = false, hasReflection = false, isPlain = false;
-  bool hasDiffusion = false, hasLambertian = false, hasTransmissive = false, hasGlossy = false;
-  bool hasSpecular = false;
+  bool isAnisotropic = false, hasDiffusion = false;
+  bool isPlain = false;  // its colours are the same everywhere, and it has diffuse ones alone
+  PerLobe<bool> has;
 
   ImageSlot& operator[](Element e) { return slots[static_cast<std::size_t>(e)]; }
   const ImageSlot& operator[](Element e) const { return slots[static_cast<std::size_t>(e)]; }
@@ -182,7 +139,8 @@ struct ShadingPoint {
   Vec3 outgoing;                 // back along the ray
   float alphaX = 0, alphaY = 0;  // glossy widths along tangent and bitangent
   Vec2 uv;
-  Vec3 lambertianColor, transmissiveColor, glossyColor, specularColor, diffusionColor;
+  PerLobe<Vec3> color;
+  Vec3 diffusionColor;
   float specularWeight = 0;  // Fresnel reflectance
   float diffuseWeight = 1;   // what is left
   float iorRatio = 1;        // factor that turns the ray's ior on refraction
@@ -192,9 +150,11 @@ struct ShadingPoint {
   bool useDensity = false;                 // takes its diffuse radiance from the density cells
   Material material = Material::kConductor;
   bool virtualLight = false;
-  bool hasLambertian = false, hasTransmissive = false, hasGlossy = false, hasSpecular = false;
+  PerLobe<bool> has;  // lobes whose colour is not black
   bool hasDiffusion = false;
 };
+// Hair scatters light as a fibre does, from all sides, and not as a surface.
+inline bool IsHair(const ShadingPoint& point) { return point.fiber != nullptr; }
 
 // A slot's value at a point: its colour, times its image.
 Vec3 LookUp(const ImageSlot& slot, Vec2 uv);

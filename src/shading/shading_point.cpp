@@ -43,7 +43,7 @@ void GuardMirror(ShadingPoint& point) {
 
 void SetWidths(ShadingPoint& point) {
   const SurfaceShader& layer = *point.layer;
-  if (!layer.hasGlossy) return;
+  if (!layer.has[Lobe::kGlossy]) return;
   const float width = Mean(LookUp(layer[Element::kRoughness], point.uv)) + kSmallestWidth;
   point.alphaX = point.alphaY = width > kSmallestWidth ? MinOf(width, kLargestWidth) : kSmallestWidth;
   if (!layer.isAnisotropic) return;
@@ -61,7 +61,7 @@ void FinishShadingPoint(ShadingPoint& point, const Shader& shader, bool frontFac
   point.material = layer.material;
   point.virtualLight = layer.virtualLight;
 
-  if (point.fiber == nullptr) {  // hair's tangent is its axis, and stays
+  if (!IsHair(point)) {  // hair's tangent is its axis, and stays
     if (layer.hasAngle) TurnFrame(point, Mean(LookUp(layer[Element::kAngle], point.uv)));
     if (layer.hasNormalMap) BendNormal(point, LookUp(layer[Element::kNormal], point.uv));
   }

@@ -1,0 +1,18 @@
+// accel/update_steps.h: what Update is made of, in this order.
+
+#pragma once
+
+#include "geometry/object.h"
+
+namespace zp {
+
+// An Object without primitives has an empty leaf as its root; no other node has nothing below it.
+inline bool IsLeaf(const BinaryNode& n) { return n.count != 0 || n.sum == 0; }
+
+// Boxes, costs and sums of object.nodes from the primitives as they stand, and the tree rotated, each node
+// once, leaves first. Sets the Object's bounds and tree cost.
+void RotateTree(Object& object);
+// object.wideNodes and object.compactReferences anew, from object.nodes.
+void CollapseTree(Object& object);
+
+}  // namespace zp
