@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 
 #include "accel/accel.h"
 #include "core/console.h"
@@ -25,11 +27,15 @@ constexpr std::size_t kMostParts = 65535;
 Object& At(std::int32_t index) { return objectTable[static_cast<std::size_t>(index)]; }
 
 void ResolveInstances() {
+  std::unordered_map<std::string_view, std::int32_t> first;  // of equal names
+  for (std::size_t i = 0; i < objectTable.size(); ++i)
+    first.try_emplace(objectTable[i].name, static_cast<std::int32_t>(i));
   for (Object& object : objectTable)
     for (Instance& instance : object.instances) {
       if (instance.object >= static_cast<std::int32_t>(objectTable.size())) instance.object = kNone;
-      for (std::size_t i = 0; instance.object < 0 && i < objectTable.size(); ++i)
-        if (objectTable[i].name == instance.objectName) instance.object = static_cast<std::int32_t>(i);
+      if (instance.object >= 0) continue;
+      if (const auto found = first.find(instance.objectName); found != first.end())
+        instance.object = found->second;
     }
 }
 

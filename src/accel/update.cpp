@@ -8,6 +8,7 @@
 #include "accel/accel.h"
 #include "accel/tree.h"
 #include "core/release.h"
+#include "core/threads.h"
 #include "geometry/geometry.h"
 
 namespace zp {
@@ -294,7 +295,7 @@ void MoveVertices(Part& part, int passes) {
   if (!part.motion || passes < 1) return;
   for (const auto& set : part.vectorSets) {
     if (set.name != "motion" || set.values.size() != part.positions.size()) continue;
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (IsWorthThreads(part.positions.size(), 3))
     for (std::size_t i = 0; i < part.positions.size(); ++i)
       part.positions[i] += set.values[i] / static_cast<float>(passes);
   }
@@ -312,7 +313,7 @@ void Update(Object& object, bool force, int passes) {
         FinishInstance(instance, objectTable[static_cast<std::size_t>(instance.object)].bounds);
   }
   TreeRotator rotator{object, object.nodes};
-#pragma omp parallel
+#pragma omp parallel if (IsWorthThreads(object.nodes.size(), 100))
 #pragma omp single
   rotator.Walk(0, 0);
   object.bounds = object.nodes[0].box;
