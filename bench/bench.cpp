@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "accel/accel.h"
+#include "axis.h"
 #include "core/console.h"
 #include "core/settings.h"
 #include "embree_side.h"
@@ -241,6 +242,40 @@ void MeasureOrder(benchmark::State& state, const MeshSource& terrain, bool order
     benchmark::DoNotOptimize(OccludeOurs(rays, result.threads));
     return SecondsSince(start);
   });
+}
+
+struct AxisCase {
+  AxisWork work;
+  const char* name;
+};
+constexpr AxisCase kAxisCases[] = {{AxisWork::kNearest, "axis/nearest"},
+                                   {AxisWork::kShadow, "axis/shadow"},
+                                   {AxisWork::kPhotons, "axis/photons"}};
+
+// Along the axes, beside tilted ones, which stand in the other side's place.
+void MeasureAxis(benchmark::State& state, const MeshSource& terrain, AxisWork work, bool tilted,
+                 CaseResult& result) {
+  if (!Enter(terrain)) return Fail(state, "no such mesh");
+  const auto measure = [&, work]() -> double {
+    if (work == AxisWork::kPhotons) return TimeAxisPhotons(tilted, result.threads);
+    static RaySet sets[2][2];
+    RaySet& nearest = sets[0][tilted ? 1 : 0];
+    RaySet& shadow = sets[1][tilted ? 1 : 0];
+    if (nearest.empty()) {
+      nearest = AxisRays(objectTable[0].bounds, tilted);
+      shadow = AxisShadowRays(nearest, objectTable[0].bounds, AllThreads());
+    }
+    const RaySet& rays = work == AxisWork::kNearest ? nearest : shadow;
+    const auto start = std::chrono::steady_clock::now();
+    benchmark::DoNotOptimize(work == AxisWork::kNearest ? TraceOurs(rays, result.threads)
+                                                        : OccludeOurs(rays, result.threads));
+    // As if there were as many of them as first rays, of which some on one side may have missed.
+    return SecondsSince(start) * static_cast<double>(nearest.size()) / static_cast<double>(rays.size());
+  };
+  result.amount = (work == AxisWork::kPhotons ? kAxisPhotons : kImageSize * kImageSize) / kMillion;
+  std::vector<double>& samples = tilted ? result.other : result.ours;
+  if (samples.empty()) measure();
+  Sample(state, result, samples, measure);
 }
 
 // A file that is removed with its directory.
@@ -487,6 +522,11 @@ int Main(int argc, char** argv) {
                [](benchmark::State& s, Side side, CaseResult& r) {
                  MeasureOrder(s, meshes.front(), side == Side::kOurs, r);
                });
+  for (const AxisCase& axisCase : kAxisCases)
+    RegisterCase(axisCase.name, "Mray/s", 1, true, "tilted",
+                 [&axisCase](benchmark::State& s, Side side, CaseResult& r) {
+                   MeasureAxis(s, meshes.front(), axisCase.work, side == Side::kEmbree, r);
+                 });
   for (const MeshSource& mesh : meshes)
     if (mesh.shape == Shape::kTerrain)
       RegisterCase("load/" + mesh.name, "MB/s", AllThreads(), true, "plain-read",

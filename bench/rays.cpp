@@ -50,10 +50,10 @@ RayRecord MakeRay(const StoredRay& stored, int thread) {
   return ray;
 }
 
-// make(origin, normal, i) for the first hit of each ray number i that hits; the normal is of unit length, on
-// the side that was hit.
-template <class F>
-RaySet RaysFromHits(const RaySet& rays, const Box& bounds, int threads, F make) {
+}  // namespace
+
+RaySet RaysFromHits(const RaySet& rays, const Box& bounds, int threads,
+                    const std::function<StoredRay(Vec3, Vec3, std::size_t)>& make) {
   const float offset = 1e-5f * SafeLength(bounds.max - bounds.min);
   RaySet slots(rays.size());  // a zero direction marks a ray that hit nothing
   ForRays(rays.size(), threads, [&](std::size_t i, HitSums&) {
@@ -70,8 +70,6 @@ RaySet RaysFromHits(const RaySet& rays, const Box& bounds, int threads, F make) 
     if (!(slot.direction == kBlack)) made.push_back(slot);
   return made;
 }
-
-}  // namespace
 
 RaySet CameraRays(const Box& bounds) {
   constexpr float kHalfAngle = 22.5f * kPi / 180;

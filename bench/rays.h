@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "core/box.h"
@@ -47,6 +48,11 @@ HitSums ForRays(std::size_t count, int threads, F trace) {
   }
   return {hits, distance};
 }
+
+// make(origin, normal, i) for the first hit of each ray number i on the entered mesh; origins as of
+// bounce rays, the normal of unit length on the side that was hit.
+RaySet RaysFromHits(const RaySet& rays, const Box& bounds, int threads,
+                    const std::function<StoredRay(Vec3, Vec3, std::size_t)>& make);
 
 // A pinhole picture of 1024 x 1024 pixels, row after row, from above one corner of the bounds.
 RaySet CameraRays(const Box& bounds);

@@ -102,6 +102,47 @@ float RefitCost(const Object& object, std::uint32_t index, Box& box) {
   return cost + HalfArea(box);
 }
 
+// Steps whose corners lie on a lattice, so that axis-parallel rays through lattice points run within planes
+// of boxes: no box may be lost, whatever a vanishing component of the direction is written as.
+TEST_F(AccelTest, RaysWithinPlanesOfBoxesMissNoBox) {
+  for (const float scale : {1.0f, 0.3f, 1000.7f}) {
+    constexpr int kSide = 16;
+    objectTable = {};
+    Part& part = objectTable.emplace_back().parts.emplace_back();
+    const auto corner = [&](int x, int z, int y) {
+      return AddVertex(part,
+                       scale * Vec3{static_cast<float>(x), static_cast<float>(y), static_cast<float>(z)});
+    };
+    for (int i = 0; i < kSide * kSide; ++i) {
+      const int x = i % kSide, z = i / kSide, y = i * 7 % 5;
+      const std::uint32_t a = corner(x, z, y), b = corner(x + 1, z, y), c = corner(x, z + 1, y);
+      part.triangles.push_back({{a, b, c}, 0});
+      part.triangles.push_back({{b, corner(x + 1, z + 1, y), c}, 0});
+      part.triangles.push_back({{a, c, corner(x, z, y - 1)}, 0});
+    }
+    InitializeAccelerator();
+    int hits = 0;
+    for (const float nearlyZero : {0.0f, -0.0f, 1e-38f, 1e-30f, -1e-20f, 1e-12f, -1e-9f})
+      for (int i = 0; i < 3 * kSide * kSide; ++i) {
+        const int axis = i / (kSide * kSide);
+        const auto inside = [](int k) { return static_cast<float>(std::max(k % kSide, 1)); };
+        Vec3 origin = {inside(i), static_cast<float>(i % 5), inside(i / kSide)},
+             direction = {nearlyZero, nearlyZero, nearlyZero};
+        origin[axis] = 20;
+        direction[axis] = -1;
+        RayRecord ray = MakeRay(scale * origin, direction);
+        LoopAnswer expected;
+        AskLoop(
+            objectTable[0], ray, false, 0, [](auto...) { return kWhite; }, expected);
+        ASSERT_EQ(Trace(ray), expected.kind != kKindUnset) << scale << ' ' << nearlyZero << ' ' << i;
+        if (expected.kind == kKindUnset) continue;
+        ++hits;
+        EXPECT_NEAR(ray.t, expected.t, 1e-5f * expected.t);
+      }
+    EXPECT_GT(hits, 1500);
+  }
+}
+
 TEST_F(AccelTest, BinaryTreeKeepsItsInvariantsAndRotationsNeverCostMore) {
   Object object;
   object.parts.push_back(MakeSoup(5000));

@@ -13,6 +13,7 @@
 #include "accel/accel.h"
 #include "geometry/density.h"
 #include "geometry/geometry.h"
+#include "integrator/estimator.h"
 #include "integrator/photons.h"
 #include "lights/photon_store.h"
 #include "render_fixture.h"
@@ -287,6 +288,27 @@ TEST_F(Photons, MemoryRowAndLimit) {
       },
       testing::ExitedWithCode(1), "^density estimator consumes more than 1GB memory.\n_{80}\n\n$");
   SetConsoleQuiet(true);
+}
+
+// What the eye meets of a level floor lies off the photons' box by rounding.
+TEST_F(Store, LevelFloorsLoseNoCaustic) {
+  for (int i = 0; i < 100; ++i) {
+    PhotonRecord& photon = photonStore.photons.emplace_back();
+    photon.position = {static_cast<float>(i % 10) * 0.01f, static_cast<float>(i / 10) * 0.01f, 0};
+    photon.power = kWhite;
+    photon.normal = PackDirection({0, 0, 1});
+  }
+  settings.photonRadius = 0.02f;
+  settings.photonRadiusSquared = settings.photonRadius * settings.photonRadius;
+  BuildPhotonStore(settings.photonRadius);
+  ShadingPoint point;
+  point.geometricNormal = {0, 0, 1};
+  for (const float height : {-2e-7f, 0.0f, 2e-7f}) {
+    point.position = {0.05f, 0.05f, height};
+    EXPECT_GT(GatherCaustics(RayRecord(), point, kEventLambertian).x, 0) << height;
+  }
+  ForgetGathers();
+  ResetPhotonRadius();
 }
 
 // Light, mirror, floor: stored, with the mirror's share. Light, floor and sky, mirror, floor: not.

@@ -111,6 +111,11 @@ TEST_F(Shading, TwoShadersOfOneName) {
   AddShader("red", {Side::kBoth});
   EXPECT_EQ(FindShader("red"), 1);
   EXPECT_EQ(FindShader("Red"), kNone);
+  RenameShader(1, "blue");  // the later one becomes the first
+  EXPECT_EQ(FindShader("red"), 2);
+  RenameShader(1, "red");
+  EXPECT_EQ(FindShader("blue"), kNone);
+  EXPECT_EQ(FindShader("red"), 1);
   Aov aov;
   aov.shaderName = "red";
   BindAovShader(aov);

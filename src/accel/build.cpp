@@ -15,6 +15,7 @@
 #include "core/console.h"
 #include "core/release.h"
 #include "core/stop.h"
+#include "core/threads.h"
 #include "geometry/geometry.h"
 
 namespace zp {
@@ -291,7 +292,7 @@ std::vector<BuildRecord> CollectRecords(const Object& object) {
   add(0, kKindInstance, object.instances.size());
 
   std::vector<BuildRecord> records(references.size());
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (IsWorthThreads(references.size(), 30))
   for (std::size_t i = 0; i < references.size(); ++i) {
     const PrimitiveRef& reference = references[i];
     const Box box = PrimitiveBox(object, reference);
@@ -326,12 +327,16 @@ void Build(Object& object) {
   while (!wavefront.empty()) {
     PrintProgressRow(label, static_cast<std::uint64_t>(wavefront.front().depth), "n/a");
     std::vector<BuildTask> next;
+    std::size_t shared = 0;                    // primitives of the tasks that go to a thread each
     for (const BuildTask& task : wavefront) {  // the few large ones, each by all threads
-      if (task.count < kParallelBinning) continue;
+      if (task.count < kParallelBinning) {
+        shared += task.count;
+        continue;
+      }
       BuildTask children[2];
       if (builder.Process(task, children, true)) next.insert(next.end(), children, children + 2);
     }
-#pragma omp parallel
+#pragma omp parallel if (IsWorthThreads(shared, 200))
     {
       std::vector<BuildTask> mine;
       int deepest = 0;

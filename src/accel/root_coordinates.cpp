@@ -7,6 +7,7 @@
 #include "accel/accel.h"
 #include "accel/nearest_point.h"
 #include "core/stop.h"
+#include "core/threads.h"
 
 namespace zp {
 namespace {
@@ -101,7 +102,7 @@ void TransferRootCoordinates(Object& object) {
     if (vertexCount == 0) continue;
     const std::size_t strands = std::min(roots.size(), part.strandLengths.size());
     std::vector<Vec2> found(strands);
-#pragma omp parallel for schedule(dynamic, 256)
+#pragma omp parallel for schedule(dynamic, 256) if (IsWorthThreads(strands, 1000))
     for (std::size_t i = 0; i < strands; ++i) {
       RootSearch search{object, part.positions[roots[i]]};
       if (!Stopping()) search.Walk(0);

@@ -10,6 +10,7 @@
 
 #include "accel/update_steps.h"
 #include "core/stop.h"
+#include "core/threads.h"
 #include "geometry/geometry.h"
 
 namespace zp {
@@ -231,7 +232,7 @@ struct TreeRotator {
 
 void RotateTree(Object& object) {
   TreeRotator rotator{object, object.nodes};
-#pragma omp parallel
+#pragma omp parallel if (IsWorthThreads(object.nodes.size(), 100))
 #pragma omp single
   rotator.Walk(0, 0);
   if (Stopping()) return;

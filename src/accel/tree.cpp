@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "core/threads.h"
 #include "shading/shading.h"
 
 namespace zp {
@@ -19,7 +20,8 @@ PageArray<T>::PageArray(std::size_t count) : size_(count) {
   if (count == 0) return;
   constexpr std::size_t kLargePage = std::size_t{2} << 20U;
   const std::size_t bytes = count * sizeof(T);
-  const std::size_t alignment = bytes >= kLargePage ? kLargePage : std::size_t{4096};
+  constexpr std::size_t kPage = 4096, kLine = 64;  // scenes may hold thousands of trees of a node or two
+  const std::size_t alignment = bytes >= kLargePage ? kLargePage : bytes >= kPage ? kPage : kLine;
   const std::size_t whole = (bytes + alignment - 1) / alignment * alignment;
   void* memory = std::aligned_alloc(alignment, whole);
   if (memory == nullptr) throw std::bad_alloc();
@@ -158,7 +160,7 @@ NodeLanes CountLanes(const Object& object, std::size_t n) {
 std::vector<NodeLanes> PlaceLanes(const Object& object, KindCounts& laneCount) {
   const std::size_t nodeCount = object.wideNodes.size();
   std::vector<NodeLanes> lanes(nodeCount);
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (IsWorthThreads(nodeCount, 40))
   for (std::size_t n = 0; n < nodeCount; ++n) lanes[n] = CountLanes(object, n);
   for (std::size_t n = nodeCount; n-- > 0;) {
     NodeLanes& node = lanes[n];
@@ -205,7 +207,7 @@ void PackTree(Object& object) {
   packed->filtersVisibility = AnyPrimitive(object, IsHidden);
   packed->opaqueOnly = !AnyPrimitive(object, [](std::int32_t shader) { return !IsOpaque(shader); });
   packed->stackSize = 7 * (object.wideDepth + 1) + 1;
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (IsWorthThreads(nodeCount, 400))
   for (std::size_t n = 0; n < nodeCount; ++n) {
     const WideNode& wide = object.wideNodes[n];
     PackedNode& node = packed->nodes[n];

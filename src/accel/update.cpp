@@ -4,6 +4,7 @@
 #include "accel/tree.h"
 #include "accel/update_steps.h"
 #include "core/stop.h"
+#include "core/threads.h"
 #include "geometry/geometry.h"
 
 namespace zp {
@@ -13,7 +14,7 @@ void MoveVertices(Part& part, int passes) {
   if (!part.motion || passes < 1) return;
   for (const auto& set : part.vectorSets) {
     if (set.name != "motion" || set.values.size() != part.positions.size()) continue;
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (IsWorthThreads(part.positions.size(), 3))
     for (std::size_t i = 0; i < part.positions.size(); ++i)
       part.positions[i] += set.values[i] / static_cast<float>(passes);
   }

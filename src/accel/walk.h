@@ -4,6 +4,7 @@
 #pragma once
 
 #include <bit>
+#include <cmath>
 
 #include "accel/float8.h"
 #include "accel/primitive_tests.h"
@@ -13,32 +14,43 @@ namespace zp {
 
 inline constexpr int kInstanceDepth = 16;  // Instances that a ray can be inside of
 
-// What a walk keeps of its ray for box tests.
+// What a walk keeps of its ray for box tests. Where a direction's component is zero or nearly so, the inverse
+// is limited, since infinities of planes and origin would leave no number, and the slab is widened by what
+// coordinates are rounded by: a ray within a plane of a box meets the box.
 struct SlabRay {
-  Float8 inverse[3], scaledOrigin[3];  // scaledOrigin = origin * inverse
+  Float8 inverse[3], nearOrigin[3], farOrigin[3];  // origin * inverse, and the slack
   int nearRow[3], farRow[3];
 
   explicit SlabRay(const RayRecord& ray) {
+    constexpr float kSteep = 0x1p20f;     // beyond, rounding of coordinates can be more than a distance
+    constexpr float kSteepest = 0x1p80f;  // the slack is still farther than any box, and no product overflows
+    constexpr float kRounding = 0x1p-22f, kLeastRounding = 0x1p-30f;
     for (int a = 0; a < 3; ++a) {
-      const int negative = ray.inverseDirection[a] < 0 ? 1 : 0;  // a direction's zero has a sign, too
-      inverse[a] = Float8::Set(ray.inverseDirection[a]);
-      scaledOrigin[a] = Float8::Set(ray.origin[a] * ray.inverseDirection[a]);
+      float steep = ray.inverseDirection[a], slack = 0;
+      const int negative = steep < 0 ? 1 : 0;  // a direction's zero has a sign, too
+      if (std::fabs(steep) > kSteep) [[unlikely]] {
+        steep = std::copysign(MinOf(std::fabs(steep), kSteepest), steep);
+        slack = std::fabs(steep) * (std::fabs(ray.origin[a]) * kRounding + kLeastRounding);
+      }
+      inverse[a] = Float8::Set(steep);
+      nearOrigin[a] = Float8::Set(ray.origin[a] * steep + slack);
+      farOrigin[a] = Float8::Set(ray.origin[a] * steep - slack);
       nearRow[a] = a + 3 * negative;
       farRow[a] = a + 3 * (1 - negative);
     }
   }
 };
 
-// Which of a node's boxes the ray enters before `limit`, and where. A plane that gives no number (a ray
-// within it) does not count, so that a box is never lost.
+// Which of a node's boxes the ray enters before `limit`, and where. A plane that gives no number (an origin
+// beyond all bounds) does not count, so that a box is never lost.
 inline unsigned SlabTest(const PackedNode& node, const SlabRay& ray, float limit, Float8& near) {
   near = Float8::Set(1e-8f);
   Float8 far = Float8::Set(limit);
   for (int a = 0; a < 3; ++a) {
-    near = Max(MulSub(Float8::LoadAligned(node.boxes[ray.nearRow[a]]), ray.inverse[a], ray.scaledOrigin[a]),
-               near);
-    far =
-        Min(MulSub(Float8::LoadAligned(node.boxes[ray.farRow[a]]), ray.inverse[a], ray.scaledOrigin[a]), far);
+    const Float8 nearPlane = Float8::LoadAligned(node.boxes[ray.nearRow[a]]);
+    const Float8 farPlane = Float8::LoadAligned(node.boxes[ray.farRow[a]]);
+    near = Max(MulSub(nearPlane, ray.inverse[a], ray.nearOrigin[a]), near);
+    far = Min(MulSub(farPlane, ray.inverse[a], ray.farOrigin[a]), far);
   }
   return MaskLessEqual(near, far);
 }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "core/threads.h"
+
 namespace zp {
 
 Distribution MakeDistribution(std::span<const float> weights) {
@@ -25,7 +27,7 @@ Distribution MakeDistribution(std::span<const float> weights) {
   result.cumulative[count] = 1;
   const auto begin = result.cumulative.begin();
   const auto end = begin + static_cast<std::ptrdiff_t>(count) - 1;
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (IsWorthThreads(count, 30))
   for (std::size_t i = 0; i < count; ++i)
     result.lookup[i] = static_cast<std::int32_t>(
         std::upper_bound(begin, end, static_cast<float>(i) / static_cast<float>(count)) - begin);

@@ -59,7 +59,7 @@ void SetImage(zp::ImageSlot* slot, const char* path, float gamma, const float co
 int zpAddShader() noexcept { return zp::Append(zp::shaders); }
 
 void zpSetShaderName(int shader, const char* name) noexcept {
-  if (zp::Shader* record = At(zp::shaders, shader)) record->name = zp::Text(name);
+  if (At(zp::shaders, shader) != nullptr) zp::RenameShader(shader, zp::Text(name));
 }
 void zpSetShaderVisibility(int shader, Visibility visibility) noexcept {
   if (zp::Shader* record = At(zp::shaders, shader))

@@ -5,6 +5,7 @@
 #include "core/random.h"
 #include "core/release.h"
 #include "core/stop.h"
+#include "core/threads.h"
 #include "geometry/displace_patch.h"
 #include "geometry/geometry.h"
 #include "shading/shading.h"
@@ -63,7 +64,7 @@ bool PlanPass(const Part& part, std::size_t pass, PassPlan& plan) {
   const auto count = static_cast<std::int64_t>(part.triangles.size());
   plan.slices.resize(part.triangles.size());
   std::uint64_t kept = 0;
-#pragma omp parallel for schedule(static) reduction(+ : kept)
+#pragma omp parallel for schedule(static) reduction(+ : kept) if (IsWorthThreads(part.triangles.size(), 10))
   for (std::int64_t i = 0; i < count; ++i) {
     const Triangle& triangle = part.triangles[static_cast<std::size_t>(i)];
     const ImageSlot* layer = FindLayer(triangle.shader, pass);
@@ -223,7 +224,7 @@ bool RefineAndMove(Part& part, std::size_t pass) {
     return false;
   }
   const auto count = static_cast<std::int64_t>(part.triangles.size());
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (IsWorthThreads(plan.vertices, 100))
   for (std::int64_t i = 0; i < count; ++i) {
     if (Stopping()) continue;
     const Triangle& triangle = part.triangles[static_cast<std::size_t>(i)];

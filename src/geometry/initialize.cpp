@@ -110,13 +110,17 @@ void Validate(Part& part) {
   DropUnusablePrimitives(part);
 
   if (static_cast<std::size_t>(part.shader) >= shaders.size()) part.shader = 0;
-  // Looked up once for each Shader, not for each primitive: names are slow to compare. An index outside the
+  // Names are slow to compare, but primitives of one Shader mostly follow one another. An index outside the
   // table counts as undefined too, so that no look-up leaves it.
-  std::vector<bool> undefined(shaders.size());
-  for (std::size_t i = 0; i < shaders.size(); ++i) undefined[i] = shaders[i].name == kUndefinedShader;
+  std::int32_t last = kNone;
+  bool isUndefined = true;
   const auto settle = [&](std::int32_t& shader) {
-    if (static_cast<std::size_t>(shader) >= undefined.size() || undefined[static_cast<std::size_t>(shader)])
-      shader = part.shader;
+    if (shader != last) {
+      last = shader;
+      const auto index = static_cast<std::size_t>(shader);
+      isUndefined = index >= shaders.size() || shaders[index].name == kUndefinedShader;
+    }
+    if (isUndefined) shader = part.shader;
   };
   for (Triangle& triangle : part.triangles) settle(triangle.shader);
   for (Tetragon& tetragon : part.tetragons) settle(tetragon.shader);

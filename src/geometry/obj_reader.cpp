@@ -299,7 +299,8 @@ Vertex VertexAt(const Part& part, std::uint32_t index) {
 // Keeps at least half of the slots free.
 void GrowVertexHash(Part& part) {
   const std::vector<std::uint32_t> old = std::move(part.vertexHash);
-  part.vertexHash.assign(std::max<std::size_t>(1U << 12U, old.size() * 4), kUnusedSlot);
+  constexpr std::size_t kFirstSlots = 16;  // of one quad: scenes hold thousands of such Parts
+  part.vertexHash.assign(std::max(kFirstSlots, old.size() * 4), kUnusedSlot);
   const std::size_t mask = part.vertexHash.size() - 1;
   for (const std::uint32_t index : old) {
     if (index == kUnusedSlot) continue;

@@ -9,6 +9,7 @@
 #include "core/console.h"
 #include "core/release.h"
 #include "core/stop.h"
+#include "core/threads.h"
 #include "geometry/geometry.h"
 #include "shading/shading.h"
 
@@ -108,14 +109,14 @@ std::vector<std::uint32_t> FindGroups(const std::vector<Vec3>& positions) {
   std::vector<std::uint32_t> hashes(count), order(count), groups(count);
   std::vector<std::size_t> begins((std::size_t{1} << bits) + 1);
   const auto shareOf = [bits](std::uint32_t hash) { return std::size_t{hash >> (32 - bits)}; };
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (IsWorthThreads(count, 3))
   for (std::size_t v = 0; v < count; ++v) hashes[v] = PositionHash(positions[v]);
   for (const std::uint32_t hash : hashes) ++begins[shareOf(hash) + 1];
   for (std::size_t i = 1; i < begins.size(); ++i) begins[i] += begins[i - 1];
   std::vector<std::size_t> ends(begins.begin(), begins.end() - 1);
   for (std::size_t v = 0; v < count; ++v) order[ends[shareOf(hashes[v])]++] = static_cast<std::uint32_t>(v);
 
-#pragma omp parallel
+#pragma omp parallel if (IsWorthThreads(count, 20))
   {
     std::vector<std::uint32_t> table;
 #pragma omp for schedule(dynamic)
@@ -166,7 +167,10 @@ FaceVectors MakeFaceVectors(const Part& part, const std::uint32_t* vertex) {
 // Everything that lives while one Part is smoothed.
 struct Smoothing {
   Part& part;
-  std::vector<SmoothAngle> angles;     // of each Shader, then of one that is not in the table
+  // Of the Shaders from the first to the last in use, of which there may be far more, then of one that is not
+  // in the table.
+  std::vector<SmoothAngle> angles;
+  std::size_t firstShader = 0;
   std::vector<FaceVectors> triangles;  // of each triangle
   std::vector<FaceVectors> tetragons;
   std::vector<std::uint32_t> groups;  // of each vertex: the first one at its position
@@ -181,7 +185,25 @@ struct Smoothing {
 };
 
 const SmoothAngle& AngleOf(const Smoothing& s, std::int32_t shader) {
-  return s.angles[std::min(static_cast<std::size_t>(shader), s.angles.size() - 1)];
+  return s.angles[std::min(static_cast<std::size_t>(shader) - s.firstShader, s.angles.size() - 1)];
+}
+
+void FindAngles(Smoothing& s) {
+  std::size_t first = shaders.size(), last = 0;
+  const auto meet = [&](const auto& faces) {
+    for (const auto& face : faces) {
+      const auto index = static_cast<std::size_t>(face.shader);
+      if (index >= shaders.size()) continue;
+      first = std::min(first, index);
+      last = std::max(last, index);
+    }
+  };
+  meet(s.part.triangles);
+  meet(s.part.tetragons);
+  s.firstShader = first < shaders.size() ? first : 0;
+  for (std::size_t i = first; i <= last && i < shaders.size(); ++i)
+    s.angles.push_back(MakeSmoothAngle(shaders[i].geometry.smoothAngle));
+  s.angles.push_back(MakeSmoothAngle(DegreesOf(kNone)));
 }
 
 std::uint32_t& VertexOf(Part& part, CornerRecord corner) {
@@ -193,7 +215,7 @@ void MakeFaces(Smoothing& s) {
   const Part& part = s.part;
   s.triangles.resize(part.triangles.size());
   s.tetragons.resize(part.tetragons.size());
-#pragma omp parallel
+#pragma omp parallel if (IsWorthThreads(s.triangles.size() + s.tetragons.size(), 40))
   {
 #pragma omp for schedule(static)
     for (std::size_t i = 0; i < s.triangles.size(); ++i)
@@ -314,7 +336,7 @@ void SmoothGroups(Smoothing& s) {
   s.normals.resize(s.corners.size());
   s.tangents.resize(s.corners.size());
   s.firstNew.assign(groupCount + 1, 0);
-#pragma omp parallel
+#pragma omp parallel if (IsWorthThreads(s.corners.size(), 60))
   {
     std::vector<GroupCorner> group;
 #pragma omp for schedule(dynamic, 1024)
@@ -340,7 +362,7 @@ template <class T>
 void Regather(std::vector<T>& values, const std::vector<std::uint32_t>& sources) {
   if (values.empty()) return;
   std::vector<T> gathered(sources.size());
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (IsWorthThreads(sources.size(), 3))
   for (std::size_t i = 0; i < sources.size(); ++i) gathered[i] = ValueAt(values, sources[i]);
   values.swap(gathered);
 }
@@ -377,7 +399,7 @@ void Replace(Smoothing& s) {
   const std::size_t groupCount = s.begins.size() - 1, vertexCount = s.firstNew.back();
   std::vector<std::uint32_t> sources(vertexCount);
   std::vector<PackedVector> normals(vertexCount), tangents(vertexCount);
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (IsWorthThreads(s.corners.size(), 10))
   for (std::size_t g = 0; g < groupCount; ++g) {
     const std::uint32_t first = s.firstNew[g];
     for (std::size_t i = s.begins[g]; i < s.begins[g + 1]; ++i) VertexOf(part, s.corners[i]) += first;
@@ -407,9 +429,8 @@ void Smooth(Part& part) {
     Release(part.normals);
     return;
   }
-  Smoothing s{part, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}};
-  for (const Shader& shader : shaders) s.angles.push_back(MakeSmoothAngle(shader.geometry.smoothAngle));
-  s.angles.push_back(MakeSmoothAngle(DegreesOf(kNone)));
+  Smoothing s{part, {}, 0, {}, {}, {}, {}, {}, {}, {}, {}, {}};
+  FindAngles(s);
   MakeFaces(s);
   if (Stopping()) return;
   s.groups = FindGroups(part.positions);

@@ -26,15 +26,17 @@ void ForgetGathers() {
 Vec3 GatherCaustics(const RayRecord& ray, const ShadingPoint& point, Event event) {
   if (photonStore.nodes.empty() || settings.photonRadius < 1e-8f) return kBlack;
   const Box& box = photonStore.box;
+  // As wide as the search: the photons of a level floor lie in a box that only rounding has made thick.
+  const float reach = settings.photonRadius;
   for (int a = 0; a < 3; ++a)
-    if (!(point.position[a] >= box.min[a] && point.position[a] <= box.max[a])) return kBlack;
+    if (!(point.position[a] >= box.min[a] - reach && point.position[a] <= box.max[a] + reach)) return kBlack;
 
   float squaredRadius = settings.photonRadiusSquared;
   LastGather& last = lastGathers[ray.thread];
   if (ray.depth == 0 && last.event == event) {
     const Vec3 way = point.position - last.position;
-    const float reach = std::sqrt(last.squaredRadius) + std::sqrt(Dot(way, way));
-    if (reach < settings.photonRadius) squaredRadius = reach * reach;
+    const float known = std::sqrt(last.squaredRadius) + std::sqrt(Dot(way, way));
+    if (known < settings.photonRadius) squaredRadius = known * known;
   }
   FoundPhotons found;
   // Transmitted light landed on the other side.

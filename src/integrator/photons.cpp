@@ -12,6 +12,7 @@
 #include "core/random.h"
 #include "core/shared_add.h"
 #include "core/stop.h"
+#include "core/threads.h"
 #include "geometry/density.h"
 #include "integrator/estimator.h"
 #include "lights/lights.h"
@@ -208,7 +209,8 @@ template <class MakeRay>
 void CastFrom(std::int64_t count, std::uint32_t ordinal, const Cast& cast, const MakeRay& make) {
   for (ThreadSlot& slot : threadSlots) slot.rays = slot.shadowRays = 0;
   const std::int64_t start = WallTicks();
-  const int threads = std::clamp(omp_get_max_threads(), 1, kMaxThreads);
+  const bool few = !IsWorthThreads(static_cast<std::size_t>(std::max<std::int64_t>(count, 0)), 500);
+  const int threads = few ? 1 : std::clamp(omp_get_max_threads(), 1, kMaxThreads);
   std::vector<Landings> landings(static_cast<std::size_t>(threads));
   CastProgress progress(count);
   const auto castOne = [&](std::int64_t i) {

@@ -9,6 +9,7 @@
 #include "core/console.h"
 #include "core/release.h"
 #include "core/stop.h"
+#include "core/threads.h"
 
 namespace zp {
 
@@ -57,7 +58,6 @@ constexpr int kBins = 17;
 constexpr std::uint32_t kSmallestSplit = 17;  // photons; fewer are a leaf
 constexpr int kDeepest = 31;
 constexpr int kDeepestThread = 16;
-constexpr std::uint32_t kSmallestThread = 1025;  // photons of each child
 
 float HalfArea(Vec3 min, Vec3 max) {
   const Vec3 d = max - min;
@@ -143,7 +143,7 @@ struct Builder {
                       : Build(upper, first, end, depth + 1, child);
     const auto buildLower = [&] { Build(lower, first, pivot, depth + 1, child); };
     const auto buildUpper = [&] { Build(upper, pivot, end, depth + 1, child + 1); };
-    if (depth < kDeepestThread && std::min(left, right) >= kSmallestThread && TakeThread()) {
+    if (depth < kDeepestThread && IsWorthThreads(std::min(left, right), 100) && TakeThread()) {
       std::thread larger = left > right ? std::thread(buildLower) : std::thread(buildUpper);
       if (left > right)
         buildUpper();

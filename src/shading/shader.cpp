@@ -1,14 +1,20 @@
 // The table of Shaders: names, textures, side lists and derived flags.
 
 #include <algorithm>
+#include <utility>
 
 #include "core/console.h"
 #include "core/release.h"
+#include "shading/name_index.h"
 #include "shading/shading.h"
 
 namespace zp {
 
 std::vector<Shader> shaders;
+
+namespace {
+NameIndex<Shader> shaderNames;
+}  // namespace
 
 SurfaceShader::SurfaceShader() {
   for (const ElementRow& row : kElements) (*this)[row.element].color = row.color;
@@ -25,9 +31,13 @@ void AddUndefinedShader() {
 }
 
 std::int32_t FindShader(std::string_view name) {
-  for (std::size_t i = 0; i < shaders.size(); ++i)
-    if (shaders[i].name == name) return static_cast<std::int32_t>(i);
-  return kNone;
+  return shaderNames.Find(shaders, name,
+                          [](const Shader& shader) -> const std::string& { return shader.name; });
+}
+
+void RenameShader(std::int32_t index, std::string name) {
+  shaders[static_cast<std::size_t>(index)].name = std::move(name);
+  shaderNames.Renamed(static_cast<std::size_t>(index));
 }
 
 std::int32_t FindOrCreateShader(std::string_view name) {
@@ -190,11 +200,15 @@ void InitializeShaders() {
     else
       InitializeShader(shader);
   }
+  shaderNames.Forget();  // copies of "undefined" have its name
   const std::size_t bytes = shaders.size() * sizeof(Shader);
   PrintCountRow("shaders ", shaders.size(), static_cast<float>(bytes) * kMegabytesPerByte);
   PrintRule();
 }
 
-void FinalizeShaders() { Release(shaders); }
+void FinalizeShaders() {
+  Release(shaders);
+  shaderNames.Forget();
+}
 
 }  // namespace zp

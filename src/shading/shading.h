@@ -117,6 +117,8 @@ void AddUndefinedShader();
 std::int32_t FindShader(std::string_view name);
 // The same, appending a default Shader of that name when there is none.
 std::int32_t FindOrCreateShader(std::string_view name);
+// The one way to change the name of a Shader that may have been looked up.
+void RenameShader(std::int32_t index, std::string name);
 // Loads textures, fills the side lists and derived flags of every Shader, prints the reports.
 void InitializeShaders();
 void FinalizeShaders();

@@ -4,6 +4,7 @@
 #include "core/files.h"
 #include "core/random.h"
 #include "core/stop.h"
+#include "shading/name_index.h"
 #include "shading/shading.h"
 
 namespace zp {
@@ -13,8 +14,9 @@ std::vector<std::string> imageSearchPaths;
 
 std::int32_t FindOrAddTexture(std::string_view name) {
   if (name.empty()) return kNone;
-  for (std::size_t i = 0; i < images.size(); ++i)
-    if (images[i].fileName == name) return static_cast<std::int32_t>(i);
+  static NameIndex<ImageBuffer> imageNames;
+  const auto nameOf = [](const ImageBuffer& image) -> const std::string& { return image.fileName; };
+  if (const std::int32_t found = imageNames.Find(images, name, nameOf); found != kNone) return found;
   images.emplace_back().fileName = name;
   return static_cast<std::int32_t>(images.size() - 1);
 }
