@@ -252,7 +252,7 @@ TEST_F(ImageFiles, ObstaclesAreKnownBeforeTheyAreMet) {
 
 TEST_F(ImageFiles, DefaultNamesStepAside) {
   const fs::path before = fs::current_path();
-  fs::current_path(folder);
+  fs::current_path(folder.path);
   ImageBuffer image = MakeRow(3, 32, {kWhite});
   image.fileName = DefaultBeautyName();
   Write(image.fileName, "another's");

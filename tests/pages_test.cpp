@@ -47,7 +47,7 @@ std::string SectionOf(const std::string& page, const std::string& block) {
 }
 
 TEST(Pages, CheckTellsEveryFinding) {
-  const std::string page = ReadText(kRoot / "docs/check.md");
+  const std::string page = ReadFile(kRoot / "docs/check.md");
   std::string rows;
   for (const FindingRow& row : kFindings)
     rows += std::string(row.word) + " " + std::string(SeverityWord(row.severity)) + "\n";
