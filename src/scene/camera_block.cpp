@@ -18,7 +18,7 @@ bool ReadPoseBlock(SceneText& text, CameraPose& pose, std::uint8_t& written) {
     written |= field;
     return read;
   };
-  ReadBlock(text, "pose", {"position", "target", "up_vector"}, [&](const Keyword& keyword, Line& line) {
+  ReadBlock(text, "pose", [&](const Keyword& keyword, Line& line) {
     if (keyword == "position") return mark(kPosePosition, ReadTriple(line, pose.position));
     if (keyword == "target") return mark(kPoseTarget, ReadTriple(line, pose.target));
     if (keyword == "up_vector") return mark(kPoseUpVector, ReadTriple(line, pose.upVector));

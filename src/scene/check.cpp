@@ -235,10 +235,22 @@ void CheckObjects(SceneNotes& notes) {
            "the matrix is not rigid: distances inside are compared as if it did not scale");
 }
 
+// What no pose states has no other to come from.
+void CheckPoseFields(SceneNotes& notes, const NotedCamera& noted) {
+  constexpr std::pair<PoseField, std::string_view> kNeeded[] = {
+      {kPosePosition, "position"}, {kPoseTarget, "target"}, {kPoseUpVector, "up_vector"}};
+  const Camera& camera = cameras[noted.camera];
+  for (const auto& [field, keyword] : kNeeded)
+    if (camera.poseCount > 0 && ((camera.poseWritten[0] | camera.poseWritten[1]) & field) == 0)
+      Find(notes, noted.place, FindingCode::kMissingKeyword,
+           "no \"pose\" states " + Quoted(keyword) + ", which has no default");
+}
+
 void CheckCameras(SceneNotes& notes) {
   if (notes.cameras.empty()) Find(notes, {"camera", 0}, FindingCode::kNoCamera, "there is no camera");
   for (const NotedCamera& noted : notes.cameras) {
     Camera& camera = cameras[noted.camera];
+    CheckPoseFields(notes, noted);
     CompletePoses(camera);
     if (noted.camera > 0)
       Find(notes, noted.place, FindingCode::kIdleCamera, "only the first camera is rendered");
