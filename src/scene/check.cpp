@@ -44,7 +44,7 @@ Definitions ReadDefinitions(const SceneNotes& notes) {
 // The names of the files of a folder, which is listed once.
 const std::vector<std::string>& FilesOf(Definitions& known, const fs::path& folder) {
   const auto [entry, isNew] = known.files.try_emplace(folder.string());
-  if (!isNew) return entry->second;
+  if (!isNew || KindOfFile(folder.string()) != FileKind::kFolder) return entry->second;
   std::error_code error;
   for (fs::directory_iterator file(folder, error); !error && file != fs::directory_iterator();
        file.increment(error))
