@@ -4,6 +4,8 @@
 
 #pragma once
 
+#include <string>
+
 #include "geometry/object.h"
 
 namespace zp {
@@ -13,6 +15,8 @@ void Build(Object& object);
 // Moves vertices by motion / passes, refits and rotates the binary tree, and lays out the wide one.
 // Without `force` only deformable Objects are touched, and only those move.
 void Update(Object& object, bool force, int passes);
+// Whether the trees that Update left are sound, binary, wide and packed; see core/validate.h.
+std::string ValidateTree(const Object& object);
 // Gives each strand the texture coordinates of the surface of the same Object that its root stands on; (0, 0)
 // where there is none. An Object without surfaces keeps what it has. Needs the wide tree.
 void TransferRootCoordinates(Object& object);

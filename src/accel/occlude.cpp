@@ -2,11 +2,13 @@
 
 #include <atomic>
 #include <bit>
+#include <cassert>
 
 #include "accel/accel.h"
 #include "accel/walk.h"
 #include "core/settings.h"
 #include "geometry/geometry.h"
+#include "geometry/validate.h"
 
 namespace zp {
 namespace {
@@ -102,8 +104,10 @@ struct OccluderWalk {
 
   template <bool kOpaque>
   bool TestReferences(std::uint32_t first, std::uint32_t count) {
+    assert(first + count <= object.compactReferences.size());
     for (std::uint32_t i = first; i < first + count; ++i) {
       const PrimitiveRef& reference = object.compactReferences[i];
+      assert(Holds(object, reference));
       if (reference.kind == kKindInstance) {
         if (EnterInstance(object.instances[reference.index])) return true;
         continue;
@@ -136,8 +140,9 @@ struct OccluderWalk {
     const PackedTree* tree = object.packed.get();
     if (tree == nullptr || tree->nodes.size() == 0) return false;
     const bool opaque = shader == kNone ? tree->opaqueOnly : IsOpaque(shader);
-    if (tree->stackSize > 128) return RunWithStack<kLog, false, 2048>(*tree);  // as deep as trees can be
-    return opaque ? RunWithStack<kLog, true, 128>(*tree) : RunWithStack<kLog, false, 128>(*tree);
+    if (tree->stackSize > kFewStackEntries) return RunWithStack<kLog, false, kMostStackEntries>(*tree);
+    return opaque ? RunWithStack<kLog, true, kFewStackEntries>(*tree)
+                  : RunWithStack<kLog, false, kFewStackEntries>(*tree);
   }
 
   template <bool kLog, bool kOpaque, int kStackSize>
@@ -153,6 +158,7 @@ struct OccluderWalk {
       while (slot < 7 && blockingLane - node.child[slot] >= (node.word[slot] & kLeafCount)) ++slot;
       place = below * 8 + slot;
     }
+    assert(place / 8 < object.wideNodes.size());
     std::atomic_ref<std::uint32_t> log(object.wideNodes[place / 8].log[place % 8]);
     log.fetch_add(1, std::memory_order_relaxed);
   }
@@ -173,6 +179,7 @@ bool OccluderWalk::RunWithStack(const PackedTree& tree) {
   for (;;) {
     while (word == 0) {
       ++innerNodes;
+      assert(child < tree.nodes.size() && top <= kStackSize);
       const PackedNode& node = nodes[child];
       Float8 near;
       const unsigned mask = SlabTest(node, slab, ray.t, near);

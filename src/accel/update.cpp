@@ -5,6 +5,7 @@
 #include "accel/update_steps.h"
 #include "core/stop.h"
 #include "core/threads.h"
+#include "core/validate.h"
 #include "geometry/geometry.h"
 
 namespace zp {
@@ -35,6 +36,7 @@ void Update(Object& object, bool force, int passes) {
   if (Stopping()) return;
   CollapseTree(object);
   PackTree(object);
+  if (kValidates) RequireSound(ValidateTree(object));
 }
 
 }  // namespace zp

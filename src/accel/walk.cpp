@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <bit>
+#include <cassert>
 
 #include "accel/accel.h"
+#include "geometry/validate.h"
 
 namespace zp {
 namespace {
@@ -29,6 +31,7 @@ struct NearestWalk {
   bool hit = false;
 
   void Store(const Part& part, std::uint8_t kind, std::uint32_t index, const PrimitiveHit& found) {
+    assert(index < PrimitiveCount(part, kind));
     ray.t = found.t;
     ray.part = &part;
     ray.shader = found.shader;
@@ -92,8 +95,10 @@ struct NearestWalk {
   }
 
   void TestReferences(std::uint32_t first, std::uint32_t count) {
+    assert(first + count <= object.compactReferences.size());
     for (std::uint32_t i = first; i < first + count; ++i) {
       const PrimitiveRef& reference = object.compactReferences[i];
+      assert(Holds(object, reference));
       if (reference.kind == kKindInstance) {
         EnterInstance(object.instances[reference.index]);
         continue;
@@ -132,6 +137,7 @@ void NearestWalk<kSeek>::RunWithStack(const PackedTree& tree) {
   StackEntry current = {0, 0, 0};
   for (;;) {
     while (current.word == 0) {
+      assert(current.child < tree.nodes.size() && top + 7 <= stack + kStackSize);
       const PackedNode& node = nodes[current.child];
       Float8 nearLanes;
       unsigned mask = SlabTest(node, slab, ray.t, nearLanes);
@@ -193,10 +199,10 @@ void NearestWalk<kSeek>::Run() {
   const PackedTree* tree = object.packed.get();
   if (tree == nullptr || tree->nodes.size() == 0) return;
   if (kSeek == Seek::kAll) ray.direction = SafeNormalize(ray.direction);
-  if (tree->stackSize <= 128)
-    RunWithStack<128>(*tree);
+  if (tree->stackSize <= kFewStackEntries)
+    RunWithStack<kFewStackEntries>(*tree);
   else
-    RunWithStack<2048>(*tree);  // no binary tree is deep enough to need more
+    RunWithStack<kMostStackEntries>(*tree);
 }
 
 template <Seek kSeek>
@@ -241,6 +247,7 @@ bool Trace(RayRecord& ray) {
 bool TraceSurfaces(RayRecord& ray) { return WalkFromRoot<Seek::kSurfaces>(ray); }
 
 Mat3 HitNormalMatrix(const RayRecord& ray) {
+  assert(ray.thread < kMaxThreads && ray.hitMatrixDepth <= kInstanceDepth);
   Mat3 product;
   for (int level = 0; level < ray.hitMatrixDepth; ++level) {
     const Mat3& matrix = matrixStacks[ray.thread][level];

@@ -1,12 +1,15 @@
 #include "geometry/density.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdlib>
 
 #include "core/console.h"
 #include "core/settings.h"
 #include "core/shared_add.h"
+#include "core/validate.h"
 #include "geometry/geometry.h"
+#include "geometry/validate.h"
 #include "shading/shading.h"
 
 namespace zp {
@@ -74,6 +77,7 @@ CellPlace PlaceOf(const RayRecord& ray) {
   const std::int32_t cell = triangle ? TriangleCell(ray.barycentric, place.level)
                                      : TetragonCell(ray.barycentric.x, ray.barycentric.y, place.level);
   place.index = static_cast<std::size_t>(grid.offset[primitive]) + static_cast<std::size_t>(cell);
+  assert(cell >= 0 && cell < place.level * place.level && place.index < grid.face.size());
   place.grid = &grid;
   return place;
 }
@@ -110,6 +114,7 @@ void SetUpDensity(Part& part) {
       part.density->tetragons, part.tetragons.size(),
       [&](std::size_t i) { return TetragonArea(part, static_cast<std::uint32_t>(i)); },
       [&](std::size_t i) { return part.tetragons[i].shader; });
+  if (kValidates) RequireSound(ValidateDensity(part));
   const std::size_t bytes = ReportedBytes(part.density->triangles) + ReportedBytes(part.density->tetragons);
   PrintFloatRow("density estimator buffer", static_cast<float>(bytes) * kMegabytesPerByte, "M bytes");
   PrintRule();

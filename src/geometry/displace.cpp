@@ -6,6 +6,7 @@
 #include "core/release.h"
 #include "core/stop.h"
 #include "core/threads.h"
+#include "core/validate.h"
 #include "geometry/displace_patch.h"
 #include "geometry/geometry.h"
 #include "shading/shading.h"
@@ -215,6 +216,32 @@ class Refiner {
   int order_[3] = {};
 };
 
+// After a pass: each triangle is that of one slice, and each new vertex has corners in its slice alone.
+std::string ValidateRefined(const Part& part, const PassPlan& plan) {
+  Fault fault;
+  std::vector<bool> taken(part.triangles.size()), owned(part.positions.size());
+  for (const Slice& slice : plan.slices) {
+    const auto level = static_cast<std::uint64_t>(slice.level);
+    const std::uint64_t faces = level == 0 ? 1 : LatticeTriangles(level);
+    const std::uint64_t points = level == 0 ? 0 : LatticePoints(level);
+    if (!fault.Require(slice.triangle + faces <= taken.size() && slice.vertex + points <= owned.size(),
+                       "refined slice", slice.triangle))
+      break;
+    for (std::size_t v = slice.vertex; v < slice.vertex + points; ++v)
+      fault.Require(!owned[v], "point of two refined triangles", v);
+    for (std::size_t i = slice.triangle; i < slice.triangle + faces; ++i) {
+      fault.Require(!taken[i], "refined triangle's place", i);
+      taken[i] = true;
+      for (const std::uint32_t v : part.triangles[i].vertex)
+        if (level != 0 && fault.Require(v - slice.vertex < points, "refined triangle's vertex", i))
+          owned[v] = true;
+    }
+    for (std::size_t v = slice.vertex; v < slice.vertex + points; ++v)
+      fault.Require(owned[v], "point of no triangle", v);
+  }
+  return fault.text;
+}
+
 // One layer of every shader. False, with an error row and the Part unchanged, when the result is too large.
 bool RefineAndMove(Part& part, std::size_t pass) {
   PassPlan plan;
@@ -238,6 +265,7 @@ bool RefineAndMove(Part& part, std::size_t pass) {
                  &triangles[slice.triangle]);
   }
   part.triangles.swap(triangles);
+  if (kValidates && !Stopping()) RequireSound(ValidateRefined(part, plan));
   return true;
 }
 

@@ -4,7 +4,9 @@
 #include "core/console.h"
 #include "core/release.h"
 #include "core/stop.h"
+#include "core/validate.h"
 #include "geometry/geometry.h"
+#include "geometry/validate.h"
 #include "shading/shading.h"
 
 namespace zp {
@@ -195,6 +197,7 @@ void PreparePart(Part& part, const Object& object) {
   part.tangents.shrink_to_fit();
   part.triangles.shrink_to_fit();
   part.tetragons.shrink_to_fit();
+  if (kValidates && !Stopping()) RequireSound(ValidatePart(part));
 }
 
 // Gauss-Jordan elimination with row pivots, in double precision. False, with `inverse` untouched, for a
@@ -290,6 +293,7 @@ void BuildEmissionLists(Object& object) {
   }
   FinishEmissionList(object.emitters);
   FinishEmissionList(object.virtualLights);
+  if (kValidates) RequireSound(ValidateEmission(object));
 }
 
 void PrintObjectReport(const Object& object) {
