@@ -227,7 +227,7 @@ class LitHair : public RenderTest {
     shader.surfaces[0][Element::kGlossy].color = glossy;
     shader.usedByHair = true;
     cameras[0].sample = 1;
-    settings.rendererSample = 4096;
+    settings.said.rendererSample = 4096;
   }
 
   // A white picture: a plain sky is not sampled.
@@ -335,7 +335,7 @@ TEST_F(LitHair, SkyLightAddsUpForTheDiffuseLobe) {
   for (int samples : {0, 512, 8192}) {
     Start(kWhite, kBlack);
     SampleWhiteSky(samples);
-    settings.rendererSample = 1024;
+    settings.said.rendererSample = 1024;
     Prepare();
     double sum = 0;
     constexpr int kOffsets = 32;

@@ -87,12 +87,12 @@ class OccludeTest : public testing::Test {
     objectTable = {};
     shaders = {};
     AddTestShaders();
-    settings.samplePass = 1;
+    settings.frame.samplePass = 1;
   }
   void TearDown() override {
     FinalizeAccelerator();
     shaders = {};
-    settings.samplePass = 8;
+    settings.frame.samplePass = 8;
     SetConsoleQuiet(false);
   }
 
@@ -168,7 +168,7 @@ TEST_F(OccludeTest, WalksAgreeWithALoopOverNestedSoups) {
       ++compared;
       SCOPED_TRACE(i);
       if (shadow) {
-        settings.samplePass = i / 2 % 2;
+        settings.frame.samplePass = i / 2 % 2;
         const Vec3 left = IsBlack(expected.throughput) ? kBlack : expected.throughput;
         EXPECT_EQ(Occlude(ray), left == kBlack);
         EXPECT_LT(SafeLength(ray.throughput - left), 1e-3f);
@@ -327,7 +327,7 @@ TEST_F(OccludeTest, PassZeroLogsAndOrderedSlotsAnswerTheSameSooner) {
   EXPECT_GE(threadSlots[0].innerNodes, rays.size());
   EXPECT_TRUE(threadSlots[0].leaves > 2000 && threadSlots[0].leaves <= threadSlots[0].primitives);
   EXPECT_EQ(LoggedRays(root), 0U);
-  settings.samplePass = 0;
+  settings.frame.samplePass = 0;
   EXPECT_EQ(walk(logged), before);
   const auto blocked = static_cast<std::uint64_t>(std::count(plain.begin(), plain.end(), true));
   EXPECT_GT(blocked, 2000U);
@@ -340,7 +340,7 @@ TEST_F(OccludeTest, PassZeroLogsAndOrderedSlotsAnswerTheSameSooner) {
     for (int i = 1; i < 8 && node.child[i] != kUnusedSlot; ++i)
       EXPECT_GE(std::bit_cast<float>(node.log[i - 1]), std::bit_cast<float>(node.log[i]));
   EXPECT_EQ(objectTable[1].packed, innerBefore);
-  settings.samplePass = 1;
+  settings.frame.samplePass = 1;
   const std::uint64_t after = walk(ordered);
   EXPECT_EQ(plain, logged);
   EXPECT_EQ(plain, ordered);
@@ -351,7 +351,7 @@ TEST_F(OccludeTest, PassZeroLogsAndOrderedSlotsAnswerTheSameSooner) {
 TEST_F(OccludeTest, LoggingLosesNoRayOfAnyThread) {
   AddSheet(Restart(), 0, 1, kSolid);
   InitializeAccelerator();
-  settings.samplePass = 0;
+  settings.frame.samplePass = 0;
 #pragma omp parallel num_threads(4)
   for (int i = 0; i < 5000; ++i) {
     RayRecord ray = RayTo({0, 0, -1}, {0, 0, 1});

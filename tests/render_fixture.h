@@ -114,7 +114,7 @@ class RenderTest : public testing::Test {
   void SetUp() override {
     SetConsoleQuiet(true);
     settings = {};
-    settings.resolution = 0;  // path tracing
+    settings.said.resolution = 0;  // path tracing
     threads_ = omp_get_max_threads();
     Startup(1);
     skyLight.color = kWhite;

@@ -60,11 +60,13 @@ bool TraceSurfaces(RayRecord& ray);
 
 // Walks from origin along direction (unit) to ray.t and multiplies ray.throughput, white at the start, by the
 // transparency of every surface in between, but for the ray's parent. True, with a throughput of no meaning
-// above black, when nothing is left; stops there. Counts the shadow ray. In pass 0 (settings.samplePass) the
-// blocking slots of the RootObject are logged.
+// above black, when nothing is left; stops there. Counts the shadow ray. In pass 0
+// (settings.frame.samplePass) the blocking slots of the RootObject are logged.
 bool Occlude(RayRecord& ray);
 
 // Product of the normal matrices of the Instances around the ray's hit, outermost last; identity without.
+// They stay in slots of the ray's thread, which its next Trace or TraceSurfaces, of whatever ray, writes
+// over: to be asked right after the hit, on the same thread. Occlude leaves them alone.
 Mat3 HitNormalMatrix(const RayRecord& ray);
 
 }  // namespace zp

@@ -243,7 +243,7 @@ bool Occlude(RayRecord& ray) {
   if (depth == 0) ray.depth = 1;
   OccluderCounts counts;
   OccluderWalk walk{objectTable[static_cast<std::size_t>(rootObject)], ray, counts, kNone};
-  const bool blocked = settings.samplePass == 0 ? walk.Run<true>() : walk.Run<false>();
+  const bool blocked = settings.frame.samplePass == 0 ? walk.Run<true>() : walk.Run<false>();
   if (blocked) ray.throughput = kBlack;
   ray.depth = depth;
   slot.innerNodes += counts.innerNodes;

@@ -84,17 +84,17 @@ CellPlace PlaceOf(const RayRecord& ray) {
 
 }  // namespace
 
-bool AsksForCells() { return settings.resolution >= kLeastResolution; }
+bool AsksForCells() { return settings.said.resolution >= kLeastResolution; }
 
-bool ChoosesFinalGathering() { return settings.distance > 0 && AsksForCells(); }
+bool ChoosesFinalGathering() { return settings.said.distance > 0 && AsksForCells(); }
 
 // The smallest level whose cells, of the resolution's area, cover more than `area`.
 std::int32_t CellLevel(float area) {
   const auto covers = [&](std::int32_t n) {
-    return static_cast<float>(n) * static_cast<float>(n) * settings.resolution > area;
+    return static_cast<float>(n) * static_cast<float>(n) * settings.said.resolution > area;
   };
   if (!covers(kMostCellLevels)) return kMostCellLevels;
-  auto level = static_cast<std::int32_t>(std::sqrt(area / settings.resolution));
+  auto level = static_cast<std::int32_t>(std::sqrt(area / settings.said.resolution));
   level = std::clamp(level, 1, kMostCellLevels);
   while (level > 1 && covers(level - 1)) --level;
   while (!covers(level)) ++level;
@@ -104,7 +104,6 @@ std::int32_t CellLevel(float area) {
 void SetUpDensity(Part& part) {
   part.density.reset();
   if (!AsksForCells()) return;
-  settings.distanceSquared = settings.distance * settings.distance;
   part.density = std::make_shared<DensityCells>();
   SetUpGrid(
       part.density->triangles, part.triangles.size(),

@@ -62,8 +62,9 @@ struct Part {
   std::int32_t shader = 0;
   std::string materialName;
   std::string typeName = "undefined";
-  std::shared_ptr<DensityCells> density;  // of a Part of the RootObject, while there are cells
-  bool motion = false;                    // some vector set is named "motion"
+  // Of a Part of the RootObject, while there are cells. A handle: a const Part's cells can be written.
+  std::shared_ptr<DensityCells> density;
+  bool motion = false;  // some vector set is named "motion"
   // Of the reader that merges vertices; transient. Open addressing, a power of two of slots with vertex
   // indices.
   std::vector<std::uint32_t> vertexHash;

@@ -19,6 +19,7 @@ std::int32_t CameraPasses();
 
 // Fills `point` from the hit of `ray`: position, frame, uv, layer, Fresnel weights. World space.
 // A layer that is set already is kept. False, with the point unfinished, for a hit that has no layer to show.
+// Comes before the thread's next Trace (HitNormalMatrix).
 bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point);
 
 // An orthonormal frame around the unit vector point.normal. `tangent` of any length is bent into it; one that
@@ -113,9 +114,11 @@ struct RayBudgets {
   std::int32_t light = 0;  // light samples
   std::int32_t lobe = 0;   // rays of a lobe
 };
-inline RayBudgets BudgetsOf(const SkyLight& light) { return {light.sample, settings.rendererSampleCopy}; }
+inline RayBudgets BudgetsOf(const SkyLight& light) {
+  return {light.sample, settings.derived.rendererSampleCopy};
+}
 inline RayBudgets BudgetsOf(const GeometryLight& light) {
-  return {light.sample, settings.geometrySampleCopy};
+  return {light.sample, settings.derived.geometrySampleCopy};
 }
 
 // The balance heuristic (Veach and Guibas, "Optimally Combining Sampling Techniques", 1995) between the two

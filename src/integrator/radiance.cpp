@@ -91,16 +91,16 @@ Vec3 Transmission(const VolumeShader& medium, float distance) {
 
 // Whether the cells may answer for this hit at all, as far as the ray knows.
 bool MayReadDensity(const RayRecord& ray) {
-  if (!settings.finalGathering || !ray.levelZeroHit) return false;
-  return (ray.diffuseBounces > 0 && ray.t > settings.distance + 1e-6f) ||
-         ray.diffuseBounces >= settings.rendererBounce;
+  if (!settings.derived.finalGathering || !ray.levelZeroHit) return false;
+  return (ray.diffuseBounces > 0 && ray.t > settings.said.distance + 1e-6f) ||
+         ray.diffuseBounces >= settings.said.rendererBounce;
 }
 
 // Whether they do, once the point is known. Intended: hits between distance and 1e-6 behind it fail both.
 bool ReadsDensity(const RayRecord& ray, const ShadingPoint& point) {
   if (ray.kind != kKindTriangle && ray.kind != kKindTetragon) return false;
-  if (ray.diffuseBounces >= settings.rendererBounce) return true;
-  return ray.diffuseBounces > 0 && (point.virtualLight || ray.t > settings.distance);
+  if (ray.diffuseBounces >= settings.said.rendererBounce) return true;
+  return ray.diffuseBounces > 0 && (point.virtualLight || ray.t > settings.said.distance);
 }
 
 // A point that reads cells asks them, and not the lights, for its diffuse lobes.
@@ -128,7 +128,7 @@ void TestElements(ShadingPoint& point) {
 }
 
 Camera* ActiveCamera() {
-  const auto index = static_cast<std::size_t>(settings.activeCamera);
+  const auto index = static_cast<std::size_t>(settings.frame.activeCamera);
   return index < cameras.size() ? &cameras[index] : nullptr;
 }
 
@@ -142,7 +142,7 @@ void AddToAov(Aov& aov, std::size_t pixel, Vec3 value) {
 // With the gather functions a level of recursion takes about 1.2 kilobytes of stack, so that all 255 levels
 // and a tree walk on top fit a worker of half a megabyte.
 Vec3 Radiance(RayRecord& ray) {
-  if (ray.depth >= settings.rayDepth || IsBlack(ray.throughput) || Stopping()) return kBlack;
+  if (ray.depth >= settings.said.rayDepth || IsBlack(ray.throughput) || Stopping()) return kBlack;
   if (!Trace(ray)) return MissRadiance(ray);
 
   ShadingPoint point;

@@ -10,7 +10,7 @@ GeometryLight geometryLight;
 
 void ResetGeometryLight() {
   geometryLight = {};
-  settings.geometrySampleCopy = 64;
+  settings.derived.geometrySampleCopy = 64;
 }
 
 void InitializeGeometryLight() {

@@ -7,7 +7,7 @@
 namespace zp {
 
 void InitializeLightAovs(std::vector<Aov>& aovs) {
-  const auto active = static_cast<std::size_t>(settings.activeCamera);
+  const auto active = static_cast<std::size_t>(settings.frame.activeCamera);
   for (Aov& aov : aovs) {
     // Paths write these by the camera's pixel index, so they are of its size.
     if (active < cameras.size() && !Stopping())
