@@ -65,9 +65,7 @@ void RequirePrepared(Part& part) {
   fits(part.tangents.size());
   for (const std::uint32_t vertex : part.particles) Require(vertex < count, __LINE__);
   for (const std::uint32_t vertex : part.cylinders) Require(vertex + 1ULL < count, __LINE__);
-  const auto shader = [](std::int32_t index) {
-    Require(index >= 0 && static_cast<std::size_t>(index) < shaders.size(), __LINE__);
-  };
+  const auto shader = [](std::int32_t index) { Require(HasShader(index), __LINE__); };
   for (const Triangle& triangle : part.triangles) {
     for (const std::uint32_t vertex : triangle.vertex) Require(vertex < count, __LINE__);
     shader(triangle.shader);

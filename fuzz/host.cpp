@@ -9,6 +9,7 @@
 
 #include "accel/accel.h"
 #include "core/console.h"
+#include "core/index.h"
 #include "frame/zp.h"
 #include "fuzz.h"
 #include "lights/lights.h"
@@ -38,9 +39,7 @@ struct Bytes {
 
 using Calls = std::vector<std::function<void()>>;
 
-void CallOneOf(Bytes& in, const Calls& calls) {
-  calls[static_cast<std::size_t>(in.Below(static_cast<int>(calls.size())))]();
-}
+void CallOneOf(Bytes& in, const Calls& calls) { At(calls, in.Below(static_cast<int>(calls.size())))(); }
 
 std::vector<float> Numbers(Bytes& in, int count) {
   std::vector<float> values(static_cast<std::size_t>(count));
