@@ -8,6 +8,7 @@
 
 #include "accel/accel.h"
 #include "core/console.h"
+#include "core/index.h"
 #include "frame/zp.h"
 #include "fuzz.h"
 #include "lights/lights.h"

@@ -349,7 +349,7 @@ TEST_F(GeometryTest, UnusablePrimitivesAreDropped) {
 
 TEST_F(GeometryTest, UndefinedShadersTakeThePartsAndFacesFlip) {
   const std::int32_t paint = FindOrCreateShader("paint"), flipped = FindOrCreateShader("flipped");
-  shaders[static_cast<std::size_t>(flipped)].geometry.flipFace = true;
+  ShaderAt(flipped).geometry.flipFace = true;
   Part part;
   part.positions = kRectangle;
   part.shader = paint;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "accel/accel.h"
+#include "core/index.h"
 #include "core/random.h"
 #include "integrator/estimator.h"
 #include "render_fixture.h"
@@ -35,8 +36,8 @@ class Integrator : public RenderTest {
     const std::int32_t floor = AddShader("floor", Grey(0.5f), kBlack),
                        skin = AddShader("skin", {0.6f, 0.3f, 0.2f}, kBlack, Grey(0.2f)),
                        lamp = AddShader("lamp", Grey(0.2f), Grey(30));
-    shaders[static_cast<std::size_t>(lamp)].surfaces[0].virtualLight = true;
-    std::vector<SurfaceShader>& layers = shaders[static_cast<std::size_t>(skin)].surfaces;
+    ShaderAt(lamp).surfaces[0].virtualLight = true;
+    std::vector<SurfaceShader>& layers = ShaderAt(skin).surfaces;
     layers[0][Element::kWeight].color = kWhite;
     layers[0][Element::kGlossy].color = Grey(0.5f);
     layers[0][Element::kRoughness].color = Grey(0.2f);
@@ -217,7 +218,7 @@ TEST_F(Integrator, BeautyIsTheMeanOfThePasses) {
   for (int y = 0; y < 16; ++y)
     for (int x = 0; x < 16; ++x)
       for (int c = 0; c < 3; ++c) {
-        const float value = Pixels(0)[static_cast<std::size_t>(3 * (16 * y + x) + c)];
+        const float value = At(Pixels(0), 3 * (16 * y + x) + c);
         const bool inside = x >= 3 && x < 14 && y >= 5 && y < 9;
         const auto k = static_cast<std::size_t>(3 * (kWidth * (y - 5) + x - 3) + c);
         ASSERT_NEAR(value, inside ? sum[k] : 0, 1e-5f) << x << " " << y;

@@ -119,7 +119,7 @@ TEST_F(Materials, SlabShiftsAndDimsTheView) {
   for (float degrees : {0.0f, 30.0f, 60.0f}) {
     RestartInTheDark();
     const std::int32_t shader = AddGlass(Material::kDielectric);
-    shaders[static_cast<std::size_t>(shader)].volume.transmittance = glass;
+    ShaderAt(shader).volume.transmittance = glass;
     globalVolume.transmittance = air;
     AddSlab(thickness, shader);
     AddRuler(-thickness - below);

@@ -13,6 +13,7 @@
 #include "accel/accel.h"
 #include "accel/tree.h"
 #include "core/console.h"
+#include "core/index.h"
 #include "core/settings.h"
 #include "geometry/geometry.h"
 #include "random_geometry.h"
@@ -128,7 +129,7 @@ TEST_F(OccludeTest, WalksAgreeWithALoopOverNestedSoups) {
     Restart(kLevels);
     const auto draw = [&] { return c.opaque ? kSolid : static_cast<std::int32_t>(generator() % 4); };
     for (std::int32_t i = 0; i < kLevels; ++i) {
-      Object& object = objectTable[static_cast<std::size_t>(i)];
+      Object& object = At(objectTable, i);
       FillSoup(object, i == 0 ? 400 : 60, draw);
       if (i + 1 == kLevels) break;
       const auto level = static_cast<float>(i);
@@ -151,13 +152,13 @@ TEST_F(OccludeTest, WalksAgreeWithALoopOverNestedSoups) {
         inside[level] = ray;
         if (level > 0) {
           const RayRecord& around = inside[level - 1];
-          const Mat4& inverse = objectTable[static_cast<std::size_t>(level - 1)].instances[0].inverse;
+          const Mat4& inverse = At(objectTable, level - 1).instances[0].inverse;
           inside[level].origin = TransformPoint(inverse, around.origin);
           inside[level].direction = TransformDirection(inverse, around.direction);
         }
         const std::int32_t stands = level < 2 ? std::int32_t{kNone} : c.outer;
         AskLoop(
-            objectTable[static_cast<std::size_t>(level)], inside[level], shadow, level,
+            At(objectTable, level), inside[level], shadow, level,
             [stands](std::int32_t shader, bool front, float cosine) {
               return Factor(stands == kNone ? shader : stands, front, cosine);
             },
@@ -239,7 +240,7 @@ TEST_F(OccludeTest, TheParentCastsNoShadowOnItselfButOnOtherParts) {
           ray.event = event;
           ray.parentKind = kinds[parent];
           ray.parentPrimitive = 0;
-          ray.parentPart = &objectTable[0].parts[static_cast<std::size_t>(parentPart)];
+          ray.parentPart = &At(objectTable[0].parts, parentPart);
           EXPECT_EQ(Occlude(ray), parent != target || parentPart != 0);
         }
 }

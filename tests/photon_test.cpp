@@ -11,6 +11,7 @@
 #include <string>
 
 #include "accel/accel.h"
+#include "core/index.h"
 #include "geometry/density.h"
 #include "geometry/geometry.h"
 #include "integrator/estimator.h"
@@ -122,8 +123,8 @@ TEST_F(Store, SearchFindsThePhotonsOfAPlainLoop) {
       std::vector<float> found;
       std::set<std::uint32_t> distinct;
       for (int i = 0; i < result.count; ++i) {
-        found.push_back(result.found[static_cast<std::size_t>(i)].squaredDistance);
-        distinct.insert(result.found[static_cast<std::size_t>(i)].photon);
+        found.push_back(At(result.found, i).squaredDistance);
+        distinct.insert(At(result.found, i).photon);
       }
       std::sort(found.begin(), found.end());
       ASSERT_EQ(found, expected) << shape << " " << query;

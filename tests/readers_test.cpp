@@ -9,6 +9,7 @@
 #include <limits>
 #include <sstream>
 
+#include "core/index.h"
 #include "geometry/geometry.h"
 #include "scene/blocks.h"
 #include "shading/shading.h"
@@ -371,7 +372,7 @@ TEST_F(ReadersTest, VertexArraysComeThroughPicturesToTheBit) {
   }
   EXPECT_TRUE(images.empty());  // no texture was made of them
   // The texture of the name keeps what it is, and each load appends.
-  ImageBuffer& texture = images[static_cast<std::size_t>(FindOrAddTexture("a.pfm"))];
+  ImageBuffer& texture = At(images, FindOrAddTexture("a.pfm"));
   ASSERT_TRUE(LoadTexture(texture));
   EXPECT_TRUE(texture.packed);
   EXPECT_EQ(Array(ArrayKind::kPosition, "a.pfm", part), ArrayResult::kRead);

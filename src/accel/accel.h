@@ -26,6 +26,7 @@ void ClearOccluderLogs();
 
 // The steps that InitializeAccelerator finds the graph by.
 inline constexpr std::size_t kMostParts = 65535;  // of an Object
+inline constexpr int kMostInstanceLevels = 16;    // of Instances around a primitive
 void ResolveInstances();                          // names to indices; the first Object of equal names
 std::int32_t FindRootObject();  // the last that no Instance places; sets `referenced` of all
 // Adds to the root, as they stand, the other Objects that no Instance places. True if there are any.

@@ -6,6 +6,7 @@
 
 #include "accel/accel.h"
 #include "accel/walk.h"
+#include "core/index.h"
 #include "core/settings.h"
 #include "geometry/geometry.h"
 #include "geometry/validate.h"
@@ -40,8 +41,8 @@ struct OccluderWalk {
   // True when the surface that was met leaves nothing of the light.
   bool Absorbs(const Part& part, std::uint8_t kind, std::uint32_t index, const PrimitiveHit& hit) const {
     const std::int32_t number = shader == kNone ? hit.shader : shader;
-    if (number < 0 || static_cast<std::size_t>(number) >= shaders.size()) return true;
-    const Shader& met = shaders[static_cast<std::size_t>(number)];
+    if (!HasShader(number)) return true;
+    const Shader& met = ShaderAt(number);
     const bool front = hit.denominator < 0;
     if (front ? met.frontOpaque : met.backOpaque) return true;
     const Corners corners = HitCorners(part, kind, index, hit.barycentric);
@@ -127,9 +128,9 @@ struct OccluderWalk {
   }
 
   bool EnterInstance(const Instance& instance) {
-    if (instance.object < 0 || ray.matrixDepth >= kInstanceDepth) return false;
+    if (instance.object < 0 || ray.matrixDepth >= kMostInstanceLevels) return false;
     const InsideInstance inside(ray, instance);
-    OccluderWalk inner{objectTable[static_cast<std::size_t>(instance.object)], ray, counts,
+    OccluderWalk inner{At(objectTable, instance.object), ray, counts,
                        shader == kNone ? instance.shader : shader};
     return inner.Run<false>();
   }
@@ -242,7 +243,7 @@ bool Occlude(RayRecord& ray) {
   const std::uint8_t depth = ray.depth;
   if (depth == 0) ray.depth = 1;
   OccluderCounts counts;
-  OccluderWalk walk{objectTable[static_cast<std::size_t>(rootObject)], ray, counts, kNone};
+  OccluderWalk walk{At(objectTable, rootObject), ray, counts, kNone};
   const bool blocked = settings.frame.samplePass == 0 ? walk.Run<true>() : walk.Run<false>();
   if (blocked) ray.throughput = kBlack;
   ray.depth = depth;

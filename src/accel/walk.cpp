@@ -7,13 +7,14 @@
 #include <cassert>
 
 #include "accel/accel.h"
+#include "core/index.h"
 #include "geometry/validate.h"
 
 namespace zp {
 namespace {
 
 // Of the Instances around each thread's best hit: level k - 1 holds the matrix at nesting depth k.
-Mat3 matrixStacks[kMaxThreads][kInstanceDepth];
+Mat3 matrixStacks[kMaxThreads][kMostInstanceLevels];
 
 struct StackEntry {
   std::uint32_t child;
@@ -207,9 +208,9 @@ void NearestWalk<kSeek>::Run() {
 
 template <Seek kSeek>
 void NearestWalk<kSeek>::EnterInstance(const Instance& instance) {
-  if (instance.object < 0 || ray.matrixDepth >= kInstanceDepth) return;
+  if (instance.object < 0 || ray.matrixDepth >= kMostInstanceLevels) return;
   const InsideInstance inside(ray, instance);
-  NearestWalk inner{objectTable[static_cast<std::size_t>(instance.object)], ray};
+  NearestWalk inner{At(objectTable, instance.object), ray};
   inner.Run();
   if (!inner.hit) return;
   Mat3& matrix = matrixStacks[ray.thread][ray.matrixDepth - 1];
@@ -223,7 +224,7 @@ template <Seek kSeek>
 bool WalkFromRoot(RayRecord& ray) {
   ++threadSlots[ray.thread].rays;
   if (!PrepareRay(ray)) return false;
-  NearestWalk<kSeek> walk{objectTable[static_cast<std::size_t>(rootObject)], ray};
+  NearestWalk<kSeek> walk{At(objectTable, rootObject), ray};
   walk.Run();
   return walk.hit;
 }
@@ -233,7 +234,7 @@ bool WalkFromRoot(RayRecord& ray) {
 bool PrepareRay(RayRecord& ray) {
   ray.matrixDepth = 0;
   ray.place = 0;
-  if (rootObject < 0 || static_cast<std::size_t>(rootObject) >= objectTable.size()) return false;
+  if (!IsIndex(objectTable, rootObject)) return false;
   if (!IsFinite(ray.origin) || !IsFinite(ray.direction) || ray.direction == kBlack) return false;
   ray.inverseDirection = Reciprocal(ray.direction);
   return true;

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "core/console.h"
+#include "core/index.h"
 #include "core/settings.h"
 #include "core/shared_add.h"
 #include "core/validate.h"
@@ -18,8 +19,8 @@ namespace {
 constexpr float kLeastResolution = 1e-8f;  // scene units squared
 
 bool ReceivesPhotons(std::int32_t shader) {
-  if (shader < 0 || static_cast<std::size_t>(shader) >= shaders.size()) return false;
-  const Shader& s = shaders[static_cast<std::size_t>(shader)];
+  if (!HasShader(shader)) return false;
+  const Shader& s = ShaderAt(shader);
   return s.frontLambertian || s.backLambertian || s.frontTransmissive || s.backTransmissive;
 }
 
@@ -60,7 +61,7 @@ std::int32_t Step(float share, std::int32_t level) {
 // Where a hit's light is kept. Null arrays: nowhere.
 struct CellPlace {
   CellGrid* grid = nullptr;
-  std::size_t index = 0;
+  std::int32_t index = 0;
   std::int32_t level = 1;
 };
 
@@ -71,13 +72,12 @@ CellPlace PlaceOf(const RayRecord& ray) {
   const bool triangle = ray.kind == kKindTriangle;
   if (!triangle && ray.kind != kKindTetragon) return place;
   CellGrid& grid = triangle ? ray.part->density->triangles : ray.part->density->tetragons;
-  const auto primitive = static_cast<std::size_t>(ray.primitive);
-  if (primitive >= grid.level.size()) return place;
-  place.level = grid.level[primitive];
+  if (!IsIndex(grid.level, ray.primitive)) return place;
+  place.level = At(grid.level, ray.primitive);
   const std::int32_t cell = triangle ? TriangleCell(ray.barycentric, place.level)
                                      : TetragonCell(ray.barycentric.x, ray.barycentric.y, place.level);
-  place.index = static_cast<std::size_t>(grid.offset[primitive]) + static_cast<std::size_t>(cell);
-  assert(cell >= 0 && cell < place.level * place.level && place.index < grid.face.size());
+  place.index = At(grid.offset, ray.primitive) + cell;
+  assert(cell >= 0 && cell < place.level * place.level && IsIndex(grid.face, place.index));
   place.grid = &grid;
   return place;
 }
@@ -141,13 +141,13 @@ void AddDensity(const RayRecord& ray, CellSide side, Vec3 power) {
   if (!(area > 1e-5f)) return;
   const bool face = ray.frontFace == (side == CellSide::kMet);
   const auto cells = static_cast<float>(place.level * place.level);
-  AddShared((face ? place.grid->face : place.grid->back)[place.index], power / area * cells);
+  AddShared(At(face ? place.grid->face : place.grid->back, place.index), power / area * cells);
 }
 
 Vec3 ReadDensity(const RayRecord& ray) {
   const CellPlace place = PlaceOf(ray);
   if (place.grid == nullptr) return kBlack;
-  return (ray.frontFace ? place.grid->face : place.grid->back)[place.index];
+  return At(ray.frontFace ? place.grid->face : place.grid->back, place.index);
 }
 
 }  // namespace zp

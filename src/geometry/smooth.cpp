@@ -71,8 +71,7 @@ T ValueAt(const std::vector<T>& values, std::uint32_t vertex) {
 
 float DegreesOf(std::int32_t shader) {
   static const GeometryShader kDefaults;
-  const auto index = static_cast<std::size_t>(shader);
-  return index < shaders.size() ? shaders[index].geometry.smoothAngle : kDefaults.smoothAngle;
+  return (HasShader(shader) ? ShaderAt(shader).geometry : kDefaults).smoothAngle;
 }
 
 // True if all shaders in use ask for facets.
@@ -193,8 +192,8 @@ void FindAngles(Smoothing& s) {
   std::size_t first = shaders.size(), last = 0;
   const auto meet = [&](const auto& faces) {
     for (const auto& face : faces) {
+      if (!HasShader(face.shader)) continue;
       const auto index = static_cast<std::size_t>(face.shader);
-      if (index >= shaders.size()) continue;
       first = std::min(first, index);
       last = std::max(last, index);
     }

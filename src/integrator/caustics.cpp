@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "core/index.h"
 #include "integrator/estimator.h"
 #include "lights/photon_store.h"
 
@@ -49,8 +50,7 @@ Vec3 GatherCaustics(const RayRecord& ray, const ShadingPoint& point, Event event
     last = {point.position, found.count == kMostFoundPhotons ? found.largestSquared : kFarthest, event};
   if (found.count < 2 || !(found.largestSquared > 0)) return kBlack;
   Vec3 power;
-  for (int i = 0; i < found.count; ++i)
-    power += photonStore.photons[found.found[static_cast<std::size_t>(i)].photon].power;
+  for (int i = 0; i < found.count; ++i) power += photonStore.photons[At(found.found, i).photon].power;
   return power / (kPi * found.largestSquared);
 }
 

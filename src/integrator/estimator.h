@@ -84,7 +84,7 @@ inline LobeRadiance& operator*=(LobeRadiance& a, float scale) {
 
 // Whether lights are sampled where the ray is, and lobe rays compete with those samples: in the open, not
 // inside a medium, which is known by its index of refraction.
-inline bool IsInOpen(const RayRecord& ray) { return std::fabs(1 - ray.ior) < 1e-8f; }
+inline bool IsInOpen(const RayRecord& ray) { return IsSameMedium(ray.ior, 1); }
 
 // What the lobes receive straight from lights, without the lobes' colours. Writes the lights' AOVs at depth
 // 0.

@@ -255,7 +255,7 @@ void CastPhotonsFromLights(const std::vector<Light>& lights) {
   for (const Light& light : lights) {
     if (light.photon <= 0) continue;
     CastFrom(light.photon, ordinal++, {light.link, light.offset, MakePathSensor()},
-             [&](RayRecord& ray, std::uint32_t number) { light.MakePhotonRay(ray, number); });
+             [&](RayRecord& ray, std::uint32_t number) { MakePhotonRay(light, ray, number); });
   }
 }
 

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "accel/accel.h"
+#include "core/index.h"
 #include "core/settings.h"
 #include "core/stop.h"
 #include "geometry/geometry.h"
@@ -128,8 +129,8 @@ void TestElements(ShadingPoint& point) {
 }
 
 Camera* ActiveCamera() {
-  const auto index = static_cast<std::size_t>(settings.frame.activeCamera);
-  return index < cameras.size() ? &cameras[index] : nullptr;
+  const std::int32_t index = settings.frame.activeCamera;
+  return IsIndex(cameras, index) ? &At(cameras, index) : nullptr;
 }
 
 void AddToAov(Aov& aov, std::size_t pixel, Vec3 value) {
@@ -165,9 +166,8 @@ Vec3 Radiance(RayRecord& ray) {
   Vec3 sum;
   for (const Vec3& light : radiance.lobes.values) sum += light;
   sum += radiance.emission;
-  const bool outside = camera == nullptr || std::fabs(camera->ior - ray.ior) < 1e-8f;
-  return sum *
-         Transmission(outside ? globalVolume : shaders[static_cast<std::size_t>(ray.shader)].volume, ray.t);
+  const bool outside = camera == nullptr || IsSameMedium(camera->ior, ray.ior);
+  return sum * Transmission(outside ? globalVolume : ShaderAt(ray.shader).volume, ray.t);
 }
 
 }  // namespace zp

@@ -9,6 +9,7 @@
 
 #include "accel/accel.h"
 #include "core/console.h"
+#include "core/index.h"
 #include "core/random.h"
 #include "core/stop.h"
 #include "imaging/frame_state.h"
@@ -187,7 +188,7 @@ bool SampleRegion(Camera& camera, const Region& region, std::uint32_t pass, cons
 #pragma omp for schedule(dynamic, 1)
     for (int y = region.yMin; y < region.yMax; ++y) {
       const int end = SampleRow(camera, region, y, pass, thread, sums, sink);
-      RowSamples& row = frameState.rows[static_cast<std::size_t>(y)];
+      RowSamples& row = At(frameState.rows, y);
       if (end < region.xMax) {
         row.cut = end;
       } else {

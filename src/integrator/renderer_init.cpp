@@ -16,11 +16,9 @@
 namespace zp {
 namespace {
 
-constexpr std::int32_t kMaxDepth = 255;  // RayRecord counts bounces in bytes
-
 void LimitSettings() {
-  settings.said.rayDepth = std::clamp(settings.said.rayDepth, 1, kMaxDepth);
-  settings.said.photonDepth = std::clamp(settings.said.photonDepth, 1, kMaxDepth);
+  settings.said.rayDepth = std::clamp(settings.said.rayDepth, 1, kMostDepth);
+  settings.said.photonDepth = std::clamp(settings.said.photonDepth, 1, kMostDepth);
   settings.said.rendererSample = std::max(settings.said.rendererSample, 0);  // it weighs lobes against lights
   settings.said.rendererBounce = std::max(settings.said.rendererBounce, 1);
   for (int c = 0; c < 3; ++c)

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "core/files.h"
+#include "core/index.h"
 #include "geometry/object.h"
 #include "lights/lights.h"
 #include "scene/check_parts.h"
@@ -69,7 +70,7 @@ std::string NearestFile(SceneNotes& notes, Definitions& known, const std::string
 
 bool CanLoad(Definitions& known, const std::string& name) {
   const auto [entry, isNew] = known.pictures.try_emplace(name, false);
-  if (isNew) entry->second = LoadTexture(images[static_cast<std::size_t>(FindOrAddTexture(name))]);
+  if (isNew) entry->second = LoadTexture(At(images, FindOrAddTexture(name)));
   return entry->second;
 }
 
@@ -134,7 +135,7 @@ std::vector<bool> FindHairShaders() {
   for (const Object& object : objectTable)
     for (const Instance& instance : object.instances)
       if (instance.shader != kNone && strands.contains(instance.objectName))
-        dress[static_cast<std::size_t>(instance.shader)] = true;
+        At(dress, instance.shader) = true;
   return dress;
 }
 
@@ -210,7 +211,7 @@ void CheckShaders(SceneNotes& notes) {
            "flat",
            "smooth_angle 60");
     const std::int32_t index = FindShader(name);
-    const bool dressesHair = index != kNone && hairShaders[static_cast<std::size_t>(index)];
+    const bool dressesHair = index != kNone && At(hairShaders, index);
     for (std::size_t i = 0; i < noted.layers.size(); ++i)
       CheckLayer(notes, dressesHair, noted.shader.surfaces[i], noted.layers[i]);
   }
