@@ -13,6 +13,7 @@
 #include "accel/accel.h"
 #include "geometry/density.h"
 #include "geometry/geometry.h"
+#include "geometry/validate.h"
 #include "integrator/estimator.h"
 #include "integrator/photons.h"
 #include "lights/photon_store.h"
@@ -254,6 +255,7 @@ TEST_F(Photons, LevelsFollowTheResolutionAndTheShaders) {
     SetUpDensity(Geometry());
     EXPECT_EQ(Geometry().density->tetragons.level[0], level) << resolution;
     EXPECT_EQ(Geometry().density->tetragons.level[1], 1);
+    EXPECT_EQ(ValidateDensity(Geometry()), "");
   }
   EXPECT_EQ(Geometry().density->tetragons.level[2], 255);
   settings.resolution = 0;
