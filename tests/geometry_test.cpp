@@ -13,6 +13,7 @@
 
 #include "accel/accel.h"
 #include "core/console.h"
+#include "geometry/validate.h"
 #include "shading/shading.h"
 #include "surroundings.h"
 
@@ -50,7 +51,9 @@ class GeometryTest : public testing::Test {
     return part;
   }
   static std::string Prepare(Part& part, const Object& object = {}) {
-    return Printed([&] { PreparePart(part, object); });
+    std::string printed = Printed([&] { PreparePart(part, object); });
+    EXPECT_EQ(ValidatePart(part), "");
+    return printed;
   }
 
   const TemporaryFolder folder_;

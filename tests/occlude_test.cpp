@@ -16,6 +16,7 @@
 #include "core/index.h"
 #include "core/settings.h"
 #include "geometry/geometry.h"
+#include "geometry/validate.h"
 #include "random_geometry.h"
 
 namespace zp {
@@ -336,7 +337,10 @@ TEST_F(OccludeTest, PassZeroLogsAndOrderedSlotsAnswerTheSameSooner) {
   EXPECT_EQ(LoggedRays(objectTable[1]), 0U);
 
   const auto innerBefore = objectTable[1].packed;
-  for (Object& object : objectTable) OrderOccluders(object);
+  for (Object& object : objectTable) {
+    OrderOccluders(object);
+    EXPECT_EQ(ValidateTree(object) + ValidateEmission(object), "");
+  }
   for (const WideNode& node : root.wideNodes)  // by what blocked per cost, the most first
     for (int i = 1; i < 8 && node.child[i] != kUnusedSlot; ++i)
       EXPECT_GE(std::bit_cast<float>(node.log[i - 1]), std::bit_cast<float>(node.log[i]));

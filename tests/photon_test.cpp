@@ -14,6 +14,7 @@
 #include "core/index.h"
 #include "geometry/density.h"
 #include "geometry/geometry.h"
+#include "geometry/validate.h"
 #include "integrator/estimator.h"
 #include "integrator/photons.h"
 #include "lights/photon_store.h"
@@ -255,6 +256,7 @@ TEST_F(Photons, LevelsFollowTheResolutionAndTheShaders) {
     SetUpDensity(Geometry());
     EXPECT_EQ(Geometry().density->tetragons.level[0], level) << resolution;
     EXPECT_EQ(Geometry().density->tetragons.level[1], 1);
+    EXPECT_EQ(ValidateDensity(Geometry()), "");
   }
   EXPECT_EQ(Geometry().density->tetragons.level[2], 255);
   settings.said.resolution = 0;
