@@ -1,9 +1,7 @@
 // `zephlore check`: every kind of mistake is found where it stands, and sound scenes are silent.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -12,8 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "built_files.h"
-#include "surroundings.h"
+#include "program_fixture.h"
 
 namespace zp {
 namespace {
@@ -22,17 +19,15 @@ namespace fs = std::filesystem;
 
 const fs::path kCases = fs::path(kSources) / "tests/check";
 
-class Check : public testing::Test {
+class Check : public ProgramTest {
  protected:
   // The lines of the report; paths count from the scene folder. Sets the exit status.
   std::vector<std::string> Run(const fs::path& scene, const std::string& option = "") {
-    const std::string command = "cd '" + root.string() + "' && '" + kProgram + "' check " + option + " '" +
-                                scene.string() + "' >out 2>err";
-    const int raw = std::system(command.c_str());
-    status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    std::ifstream file(root / "out");
+    const Outcome outcome = ProgramTest::Run("check " + option + " '" + scene.string() + "'");
+    status = outcome.status;
+    std::istringstream rows(outcome.output);
     std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);)
+    for (std::string line; std::getline(rows, line);)
       lines.push_back(line.starts_with("scene/") ? line.substr(6) : line);
     return lines;
   }
@@ -54,8 +49,6 @@ class Check : public testing::Test {
     }
   }
 
-  const TemporaryFolder own;
-  const fs::path root = own.path;
   int status = -1;
 };
 
@@ -107,7 +100,7 @@ TEST_F(Check, MistakesAreFoundWhereTheyStand) {
     for (std::string line; std::getline(expected, line); sum = line)
       if (const std::size_t colon = line.find(':'); colon != line.npos)
         remarks[line.substr(0, colon)].push_back(line);
-    const fs::path scene = root / "scene";
+    const fs::path scene = work / "scene";
     fs::remove_all(scene);
     for (const fs::path& layer : {kCases / "common", test.path()})
       for (const fs::directory_entry& file : fs::recursive_directory_iterator(layer))
@@ -126,7 +119,7 @@ TEST_F(Check, MistakesAreFoundWhereTheyStand) {
       if (lines[i].starts_with(beginnings[i])) compared[i] = beginnings[i];
     EXPECT_EQ(compared, beginnings);
     EXPECT_EQ(status, sum.starts_with("0 errors") ? 0 : 1);
-    EXPECT_FALSE(fs::exists(root / "b.pfm") || fs::exists(scene / "b.pfm"));  // nothing is written
+    EXPECT_FALSE(fs::exists(work / "b.pfm") || fs::exists(scene / "b.pfm"));  // nothing is written
     ExpectJson("scene", lines);
   }
   EXPECT_GE(count, 12);
@@ -143,7 +136,7 @@ TEST_F(Check, ShippedScenesAreSilent) {
 TEST_F(Check, ScenesThatAreNotThere) {
   EXPECT_TRUE(Run("missing").empty());
   EXPECT_EQ(status, 1);
-  fs::create_directories(root / "empty");
+  fs::create_directories(work / "empty");
   EXPECT_EQ(Run("empty"),
             (std::vector<std::string>{"empty/camera:0: error: there is no camera", "1 error, 0 warnings"}));
   EXPECT_EQ(status, 1);

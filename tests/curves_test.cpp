@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <tuple>
 
 #include "accel/accel.h"
 #include "accel/curve_segment.h"
@@ -17,17 +18,9 @@
 namespace zp {
 namespace {
 
-RayRecord MakeRay(Vec3 origin, Vec3 direction, float t = kFarthest) {
-  RayRecord ray;
-  ray.origin = origin;
-  ray.direction = SafeNormalize(direction);
-  ray.t = t;
-  return ray;
-}
-
 // A ray that leaves the primitive which `hit` met, from `origin`.
 RayRecord LeaveHit(const RayRecord& hit, Vec3 origin, Vec3 direction, float t = kFarthest) {
-  RayRecord ray = MakeRay(origin, direction, t);
+  RayRecord ray = AimRay(origin, direction, t);
   ray.parentPart = hit.part;
   ray.parentKind = hit.kind;
   ray.parentPrimitive = hit.primitive;
@@ -52,15 +45,6 @@ class Curves : public RenderTest {
 
   // One Shader that every ray sees and no shadow ray passes, unless a test adds others.
   static std::int32_t AddPlain() { return AddShader("plain", kWhite, kBlack); }
-
-  static std::int32_t AddGlass(Material material) {
-    const std::int32_t shader = AddShader("glass", kBlack, kBlack);
-    SurfaceShader& layer = Layer(shader);
-    layer.material = material;
-    layer[Element::kSpecular].color = kWhite;
-    layer[Element::kIor].color = Grey(1.5f);
-    return shader;
-  }
 };
 
 // The curve is cut into thousands of points.
@@ -80,7 +64,7 @@ TEST_F(Curves, LanesAgreeWithADenseSubdivision) {
     const Vec3 origin = UniformPoint(6);
     const Vec3 target =
         CurvePoint(part, 0, Uniform(0.05f, 0.95f)) + Uniform(0, 3 * radius) * UniformDirection();
-    const RayRecord ray = MakeRay(origin, target - origin);
+    const RayRecord ray = AimRay(origin, target - origin);
     std::size_t closest = 0;
     float distance = kFarthest, t = 0;
     for (std::size_t k = 0; k <= kSteps; ++k) {
@@ -134,7 +118,7 @@ TEST_F(Curves, StraightSegmentsGiveClosedForms) {
   part.cylinders = {0};
   PrimitiveHit hit;
   const auto meets = [&](Vec3 origin, Vec3 direction = {0, 0, -1}, float t = kFarthest) {
-    return TestCylinder(part, 0, MakeRay(origin, direction, t), hit);
+    return TestCylinder(part, 0, AimRay(origin, direction, t), hit);
   };
   for (int i = 0; i < 8; ++i) {
     const float radius = 0.1f + 0.7f * static_cast<float>(i) / 7;
@@ -178,9 +162,8 @@ TEST_F(Curves, LanesAgreeWithTheirPlainTwin) {
     ASSERT_EQ(met, TestCurveSegment<PlainLanes<8>>(segment, origin, direction, kFarthest, plain)) << i;
     if (!met) continue;
     ++hits;
-    EXPECT_EQ(lanes.t, plain.t);
-    EXPECT_EQ(lanes.denominator, plain.denominator);
-    EXPECT_EQ(lanes.barycentric, plain.barycentric);
+    EXPECT_EQ(std::tie(lanes.t, lanes.denominator, lanes.barycentric),
+              std::tie(plain.t, plain.denominator, plain.barycentric));
   }
   EXPECT_GT(hits, 1000);
 }
@@ -197,13 +180,11 @@ TEST_F(Curves, ParticlesAreSpheresFromOutsideAndInside) {
         center + UniformDirection() * (inside ? Uniform(0, 0.9f) * radius : Uniform(0.6f, 40));
     const Vec3 target = center + UniformDirection() * (Uniform(0, 1.5f) * radius);
     if (SafeLength(target - origin) < 1e-2f) continue;
-    RayRecord ray = MakeRay(origin, target - origin);
+    RayRecord ray = AimRay(origin, target - origin);
     double b = 0, lengthSquared = 0, distanceSquared = 0;
     for (int a = 0; a < 3; ++a) {
       const double d = double{center[a]} - origin[a], way = double{ray.direction[a]};
-      b += d * way;
-      lengthSquared += way * way;
-      distanceSquared += d * d;
+      b += d * way, lengthSquared += way * way, distanceSquared += d * d;
     }
     b /= std::sqrt(lengthSquared);
     const double discriminant = b * b - distanceSquared + double{radius} * radius;
@@ -258,15 +239,15 @@ TEST_F(Curves, ShadowRaysMeetParticlesByTheirDiscriminant) {
   for (int pass : {0, 1}) {
     settings.frame.samplePass = pass;
     for (const Case& c : cases) {
-      RayRecord ray = MakeRay(c.origin, {1, 0, 0}, c.t);
+      RayRecord ray = AimRay(c.origin, {1, 0, 0}, c.t);
       EXPECT_EQ(Occlude(ray), c.blocked) << &c - cases;
     }
-    RayRecord inside = MakeRay({-1, 0, 0}, {1, 0, 0});
+    RayRecord inside = AimRay({-1, 0, 0}, {1, 0, 0});
     ASSERT_TRUE(Trace(inside));
     RayRecord child = LeaveHit(inside, {-1, 0, 0}, {1, 0, 0}, 20);
     EXPECT_FALSE(Occlude(child));
     for (float y : {0.0f, 3.6f, 4.2f}) {
-      RayRecord ray = MakeRay({-40, 100 + y, 0}, {1, 0, 0}, 80);
+      RayRecord ray = AimRay({-40, 100 + y, 0}, {1, 0, 0}, 80);
       EXPECT_EQ(Occlude(ray), y < 4) << y;
     }
   }
@@ -281,11 +262,9 @@ TEST_F(Curves, StrandsSkipTheirParentAndTintShadows) {
   settings.frame.samplePass = 1;
   const float sine = std::sin(0.9f), cosine = std::cos(0.9f);
   const Vec3 origin = {0.55f - 3 * cosine, 0.05f, 3 * sine}, direction = {cosine, 0, -sine};
-  RayRecord ray = MakeRay(origin, direction), shadow = MakeRay(origin, direction, 6);
+  RayRecord ray = AimRay(origin, direction), shadow = AimRay(origin, direction, 6);
   ASSERT_TRUE(Trace(ray));
-  EXPECT_EQ(ray.kind, kKindCylinder);
-  EXPECT_EQ(ray.primitive, 0);
-  EXPECT_TRUE(ray.frontFace);
+  EXPECT_EQ(std::tuple(ray.kind, ray.primitive, ray.frontFace), std::tuple(kKindCylinder, 0, true));
   EXPECT_FALSE(Occlude(shadow));
   const float r0 = 0.04f, r = r0 + (1 - r0) * std::pow(1 - sine, 5.0f);
   EXPECT_NEAR(shadow.throughput.x, (1 - r) * (1 - r) / (1 - r * r), 1e-4f);
@@ -360,8 +339,7 @@ TEST_F(Curves, MotionDrawsAStreak) {
     for (Vec3& p : Geometry().positions) p.x -= way / 2;
     Geometry().vectorSets.push_back(
         {moving == 1 ? "motion" : "velocity", std::vector<Vec3>(4, {way, 0, 0})});  // the name decides
-    LookFrom({0, 0, 50}, kBlack, 4.6f);
-    for (CameraPose& pose : cameras[0].poses) pose.upVector = {0, 1, 0};
+    LookFrom({0, 0, 50}, kBlack, 4.6f, {0, 1, 0});
     Render();
     std::vector<float> columns(kWidth);
     for (std::size_t i = 0; i < kWidth * kWidth; ++i)
@@ -388,7 +366,7 @@ TEST_F(Curves, MotionToNowhereLosesWhatMovesAndNoMore) {
   for (int i = 0; i < 1000; ++i) {
     // Some start in a particle that stays.
     const Vec3 origin = i < 10 ? part.positions[0] + Vec3{0, 0, 0.02f} : UniformPoint(10);
-    rays.push_back(MakeRay(origin, UniformDirection()));
+    rays.push_back(AimRay(origin, UniformDirection()));
     before.push_back(rays.back());
     Trace(before.back());
   }
@@ -398,8 +376,7 @@ TEST_F(Curves, MotionToNowhereLosesWhatMovesAndNoMore) {
     const bool lost = before[i].kind == kKindParticle && before[i].primitive > 0 && before[i].primitive < 3;
     if (lost) continue;
     Trace(rays[i]);
-    EXPECT_EQ(rays[i].kind, before[i].kind) << i;
-    EXPECT_EQ(rays[i].primitive, before[i].primitive) << i;
+    EXPECT_EQ(std::tie(rays[i].kind, rays[i].primitive), std::tie(before[i].kind, before[i].primitive)) << i;
     hits += rays[i].primitive == kNone ? 0 : 1;
   }
   EXPECT_GT(hits, 20);

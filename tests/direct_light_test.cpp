@@ -29,15 +29,10 @@ class DirectLight : public RenderTest {
     skyLight.color = kBlack;
     floor_ = AddShader("floor", kPointColor, kBlack);
     AddPlane(0, 50, floor_);
-    LookDown(3);
+    LookFrom({0, 0, 3}, kBlack, 0.05f, {0, 1, 0});
     cameras[0].width = cameras[0].height = 4;
     cameras[0].sample = 2;
     settings.said.rendererSample = 2;
-  }
-
-  static void LookDown(float height) {
-    LookFrom({0, 0, height}, kBlack, 0.05f);
-    for (CameraPose& pose : cameras[0].poses) pose.upVector = {0, 1, 0};
   }
 
   static void ExpectColor(Vec3 expected, float tolerance, const std::string& what, std::size_t aov = 0) {
@@ -92,16 +87,6 @@ TEST_F(DirectLight, PointLightFallsOffByDistanceAndSoftCosine) {
                     0.002f,
                     std::to_string(distance) + " " + std::to_string(degrees) + " " + std::to_string(offset));
       }
-}
-
-TEST_F(DirectLight, ParallelLightShinesAlongItsDirectionAtAnyDistance) {
-  for (float degrees : {0.0f, 60.0f, 100.0f}) {
-    Restart();
-    parallelLights.emplace_back().zAxis =
-        5 * Vec3{0, -std::sin(degrees * kDegree), -std::cos(degrees * kDegree)};
-    Render();
-    ExpectColor(kPointColor * Soft(std::cos(degrees * kDegree), 0.1f), 0.001f, std::to_string(degrees));
-  }
 }
 
 TEST_F(DirectLight, LightsAddUpAndLinksChooseWhatTheyLight) {
@@ -273,10 +258,7 @@ TEST_F(DirectLight, LightAovsAddUpToTheBeautyImage) {
   };
   for (bool triangles : {false, true}) {
     Restart();
-    if (triangles) {
-      Geometry().triangles = {{{0, 1, 2}, floor_}, {{0, 2, 3}, floor_}};
-      Geometry().tetragons.clear();
-    }
+    if (triangles) SplitTetragon(floor_);
     SurfaceShader& layer = FloorLayer();
     layer[Element::kGlossy].color = kPointColor;
     layer[Element::kTransmissive].color = Grey(0.3f);

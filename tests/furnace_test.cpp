@@ -10,20 +10,8 @@
 namespace zp {
 namespace {
 
-constexpr float kSpecular = -1;  // in place of a roughness
-
 class Furnace : public RenderTest {
  protected:
-  static std::int32_t AddGlossy(Material material, float ior, float roughness, float anisotropy = 0) {
-    const std::int32_t shader = AddShader("glossy", kBlack, kBlack);
-    SurfaceShader& layer = Layer(shader);
-    layer[roughness == kSpecular ? Element::kSpecular : Element::kGlossy].color = kWhite;
-    layer[Element::kRoughness].color = Grey(roughness);
-    layer[Element::kAnisotropy].color = Grey(anisotropy);
-    layer[Element::kIor].color = Grey(ior);
-    layer.material = material;
-    return shader;
-  }
   static void AddBall(std::int32_t shader) {
     Geometry().shader = shader;
     AddParticle(Geometry(), kBlack, 1);
@@ -70,7 +58,7 @@ TEST_F(Furnace, GlossyAndSpecularBodiesGainNothing) {
           SCOPED_TRACE(testing::Message() << static_cast<int>(material) << " " << roughness << " "
                                           << anisotropy << " " << ior << (sphere ? " sphere" : " cube"));
           Restart();
-          const std::int32_t shader = AddGlossy(material, ior, roughness, anisotropy);
+          const std::int32_t shader = AddGlass(material, ior, roughness, anisotropy);
           if (sphere)
             AddSphere(Geometry(), 3, true, shader);
           else
@@ -93,7 +81,7 @@ TEST_F(Furnace, LosslessGlassVanishes) {
     for (bool particle : {false, true}) {
       if (particle && roughness != kSpecular) continue;
       Restart();
-      const std::int32_t glass = AddGlossy(Material::kDielectric, 1.5f, roughness);
+      const std::int32_t glass = AddGlass(Material::kDielectric, 1.5f, roughness);
       if (particle)
         AddBall(glass);
       else
@@ -120,8 +108,8 @@ TEST_F(Furnace, GlossySurfacesGainNothingFromSkySamples) {
     Restart();
     AddImage("white", 8, 4, [](int, int) { return kWhite; });
     skyLight.image = "white";
-    skyLight.sample = settings.said.rendererSample = 64;
-    AddPlane(0, 1000, AddGlossy(c.material, 1e6f, c.roughness, c.anisotropy));
+    skyLight.sample = settings.rendererSample = 64;
+    AddPlane(0, 1000, AddGlass(c.material, 1e6f, c.roughness, c.anisotropy));
     const float angle = c.degrees * kDegree;
     LookFrom({-5 * std::sin(angle), 0.01f, 5 * std::cos(angle)}, kBlack, 0.02f);
     cameras[0].sample = 2;

@@ -248,18 +248,13 @@ class LitHair : public RenderTest {
   bool Hit(float offset, Vec3 direction = {0, 1, 0}) {
     ray_ = {};
     point_ = {};
-    ray_.direction = direction;
-    ray_.origin = -2 * direction;
-    ray_.t = 2;
-    ray_.part = &strand_;
-    ray_.primitive = 0;
-    ray_.kind = kKindCylinder;
-    ray_.shader = shader_;
-    ray_.frontFace = true;
+    ray_.direction = direction, ray_.origin = -2 * direction, ray_.t = 2;
+    ray_.part = &strand_, ray_.kind = kKindCylinder, ray_.primitive = 0;
+    ray_.shader = shader_, ray_.frontFace = true;
     ray_.barycentric = {offset, 0, 0.5f};
-    if (!SetUpShadingPoint(ray_, point_)) return false;
-    TestElements(point_);
-    return true;
+    const bool met = SetUpShadingPoint(ray_, point_);
+    if (met) TestElements(point_);
+    return met;
   }
 
   double Expected(const std::function<Vec3(const FiberScattering&)>& lobes) const {

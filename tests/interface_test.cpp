@@ -137,20 +137,13 @@ class Host : public testing::Test {
 
 TEST_F(Host, IndicesCountFromTheFirstRecord) {
   EXPECT_EQ(zpAddShader(), 1);  // behind "undefined"
-  EXPECT_EQ(zpAddObject(), 0);
-  EXPECT_EQ(zpAddObject(), 1);
-  EXPECT_EQ(zpAddPart(1), 0);
-  EXPECT_EQ(zpAddInstance(1), 0);
-  EXPECT_EQ(zpAddSurfaceShader(1), 0);
-  EXPECT_EQ(zpAddDisplacementShader(1), 0);
-  EXPECT_EQ(zpAddCamera(), 0);
+  for (const auto add : {zpAddObject, zpAddCamera, zpAddPointLight, zpAddParallelLight, zpAddSkyLightAOV,
+                         zpAddGeometryLightAOV})
+    for (const int index : {0, 1}) EXPECT_EQ(add(), index);
+  for (const auto add : {zpAddPart, zpAddInstance, zpAddSurfaceShader, zpAddDisplacementShader,
+                         zpAddPointLightAOV, zpAddParallelLightAOV})
+    for (const int index : {0, 1}) EXPECT_EQ(add(1), index);
   EXPECT_EQ(zpAddCameraAOV(0), 1);  // behind the beauty image
-  EXPECT_EQ(zpAddPointLight(), 0);
-  EXPECT_EQ(zpAddPointLightAOV(0), 0);
-  EXPECT_EQ(zpAddParallelLight(), 0);
-  EXPECT_EQ(zpAddParallelLightAOV(0), 0);
-  EXPECT_EQ(zpAddSkyLightAOV(), 0);
-  EXPECT_EQ(zpAddGeometryLightAOV(), 0);
 }
 
 TEST_F(Host, WrongIndicesCountsAndNullsChangeNothing) {

@@ -66,20 +66,14 @@ TEST_F(Lifecycle, StartupPrintsTheBannerAndFillsTheTablesOnce) {
 TEST_F(Lifecycle, WhatCarriesOverToTheNextScene) {
   const RendererSettings before = settings;
   for (const bool atStartup : {true, false}) {
-    zpSetRendererClamp(1, 2, 3);
-    zpSetRendererError(4, 5, 6);
-    zpSetRendererDistance(7);
-    zpSetRendererResolution(8);
-    zpSetRendererBounce(9);
-    zpSetDisplayGamma(10);
-    zpSetPreviewWindow(true);
+    zpSetRendererClamp(1, 2, 3), zpSetRendererError(4, 5, 6);
+    zpSetRendererDistance(7), zpSetRendererResolution(8), zpSetRendererBounce(9);
+    zpSetDisplayGamma(10), zpSetPreviewWindow(true);
     zpSetSkyLightImage("sky.hdr");
     zpSetSkyLightBackdrop("backdrop.hdr");
     skyLight.turbidity = 3;
-    zpSetRendererRadius(11);
-    zpSetRendererRayDepth(12);
-    zpSetRendererPhotonDepth(13);
-    zpSetRendererSample(14);
+    zpSetRendererRadius(11), zpSetRendererSample(14);
+    zpSetRendererRayDepth(12), zpSetRendererPhotonDepth(13);
     zpSetSkyLightColor(0, 0, 0);
     zpSetSkyLightPhoton(15);
     zpAddSkyLightAOV();
@@ -168,51 +162,6 @@ TEST_F(Lifecycle, LightsLastForOneFrame) {
               std::string::npos)
         << lost;
   Shutdown();
-}
-
-// A host may call the finer functions in any order that ends with the accelerator and the renderer: photons
-// of all lights are aimed at bounds that are known by then.
-TEST_F(Lifecycle, FinerInitialisersAimAllPhotons) {
-  const auto render = [](std::initializer_list<void (*)()> calls) {
-    std::vector<float> pixels(3 * 8 * 8);
-    Printed([&] {
-      Startup(3);
-      const float corners[4][3] = {{-1, -1, 0}, {3, -1, 0}, {3, 2, 0}, {-1, 2, 0}};
-      const int square[4] = {0, 1, 2, 3};
-      const int object = zpAddObject(), part = zpAddPart(object);
-      zpAddPositions(object, part, 4, corners[0]);
-      zpAddTetragons(object, part, 1, square);
-      zpSetRendererResolution(0.1f);
-      zpSetRendererDistance(1e-6f);
-      zpSetSkyLightPhoton(2000);
-      const int point = zpAddPointLight(), parallel = zpAddParallelLight(), camera = zpAddCamera();
-      zpSetPointLightPosition(point, 1, -4, 3);
-      zpSetPointLightPhoton(point, 2000);
-      zpSetParallelLightDirection(parallel, 1, 2, -3);
-      zpSetParallelLightPhoton(parallel, 2000);
-      zpSetCameraResolution(camera, 8, 8);
-      zpSetCameraPosition(camera, 1, 0, 4);
-      zpSetCameraUpVector(camera, 0, 1, 0);
-      zpSetCameraFOV(camera, 40);
-      zpSetCameraAOVName(camera, 0, "");
-      for (const auto& call : calls) call();
-      zpRenderPixels(64, pixels.data(), 0);
-    });
-    double cells = 0;
-    for (const Vec3 cell : objectTable.at(0).parts.at(0).density->tetragons.face) cells += double{Mean(cell)};
-    Printed([] { Finalize(); });
-    Shutdown();
-    return std::pair(pixels, cells);
-  };
-  const RendererSettings before = settings;
-  const int threads = omp_get_max_threads();
-  omp_set_num_threads(1);  // cells are sums, whose order threads change
-  const auto whole = render({zpInitialize});
-  EXPECT_GT(whole.second, 0);
-  EXPECT_EQ(whole, render({zpInitializeCameras, zpInitializeShaders, zpInitializeGaffer, zpInitializeSkyLight,
-                           zpInitializeGeometryLight, zpInitializeAccelerator, zpInitializeRenderer}));
-  omp_set_num_threads(threads);
-  settings = before;
 }
 
 TEST_F(Lifecycle, EverythingRunsToItsEndWithoutAScene) {

@@ -31,8 +31,6 @@ class Lights : public RenderTest {
 using GafferTest = Lights;
 using GeometryLightTest = Lights;
 
-float Length(Vec3 v) { return std::sqrt(Dot(v, v)); }
-
 // One of so many equal parts of 0..1.
 std::size_t BinOf(double share, std::size_t bins) {
   return static_cast<std::size_t>(std::clamp(share, 0.0, 0.9999) * static_cast<double>(bins));
@@ -120,7 +118,7 @@ TEST_F(GafferTest, BlurOfAPointLightIsAUniformSphere) {
   for (int i = 0; i < 40000; ++i) {
     const LightSample sample = SampleLight(light, place, RandomFloat(), RandomFloat());
     const Vec3 out = (place + sample.distance * sample.direction - light.position) / 0.5f;
-    ASSERT_NEAR(Length(out), 1, 2e-4f);
+    ASSERT_NEAR(SafeLength(out), 1, 2e-4f);
     ASSERT_NEAR(sample.radiance.x * sample.distance * sample.distance, kPi, 1e-3f);
     octants[Octant(out)] += 1;
     // Each coordinate of a uniform sphere is uniform: Archimedes.
@@ -154,13 +152,13 @@ TEST_F(GafferTest, BlurOfAParallelLightIsAUniformCone) {
 // The power of all photons of a light together.
 template <class Kind>
 Vec3 PowerOf(const Kind& light) {
-  double sum[3] = {};
+  Vec3 sum;
   for (std::uint32_t s = 0; s < static_cast<std::uint32_t>(light.photon); ++s) {
     const RayRecord ray = PhotonOf(light, s);
     EXPECT_NEAR(Dot(ray.direction, ray.direction), 1, 1e-5f);
-    for (int c = 0; c < 3; ++c) sum[c] += double{ray.photonPower[c]};
+    sum += ray.photonPower;
   }
-  return {static_cast<float>(sum[0]), static_cast<float>(sum[1]), static_cast<float>(sum[2])};
+  return sum;
 }
 
 // Intensity `color` in all directions that can meet the scene, a ball of radius 4.
@@ -190,8 +188,8 @@ TEST_F(GafferTest, PhotonsOfPointLights) {
     for (std::uint32_t s = 0; s < 20000; ++s) {
       const RayRecord ray = PhotonOf(light, s);
       const Vec3 toCenter = sceneCenter - ray.origin;
-      ASSERT_TRUE(light.inside ||
-                  (Dot(toCenter, ray.direction) > 0 && Length(Cross(toCenter, ray.direction)) < sceneRadius));
+      ASSERT_TRUE(light.inside || (Dot(toCenter, ray.direction) > 0 &&
+                                   SafeLength(Cross(toCenter, ray.direction)) < sceneRadius));
       if (light.inside)
         bins[Octant(ray.direction)] += 1;
       else
@@ -217,7 +215,7 @@ TEST_F(GafferTest, PhotonsOfABlurredPointLightStartOnItsSphere) {
   for (std::uint32_t s = 0; s < 4000; ++s) {
     const RayRecord ray = PhotonOf(light, s);
     const Vec3 out = (ray.origin - light.position) / light.blur;
-    ASSERT_NEAR(Length(out), 1, 1e-4f);
+    ASSERT_NEAR(SafeLength(out), 1, 1e-4f);
     ASSERT_EQ(ray.dimension, 3);
     // The place says nothing about the direction.
     bins[2 * Octant(out) + (Dot(out, ray.direction) > 0 ? 1 : 0)] += 1;
@@ -239,7 +237,7 @@ TEST_F(GafferTest, PhotonsOfAParallelLightFillADisc) {
       const RayRecord ray = PhotonOf(light, s);
       const Vec3 across = (ray.origin - sceneCenter) / sceneRadius + light.zAxis;
       ASSERT_NEAR(Dot(across, light.zAxis), 0, 1e-4f);
-      ASSERT_LE(Length(across), 1.0001f);
+      ASSERT_LE(SafeLength(across), 1.0001f);
       ASSERT_GE(Dot(ray.direction, light.zAxis), light.cosine - 1e-5f);
       ASSERT_EQ(ray.dimension, blur > 0 ? 4 : 2);
       const double turn = Turn(Dot(across, light.xAxis), Dot(across, light.yAxis));
@@ -261,10 +259,8 @@ void AddFace(Part& part, std::vector<Vec3> corners, std::int32_t shader) {
   const auto first = static_cast<std::uint32_t>(part.positions.size());
   part.positions.insert(part.positions.end(), corners.begin(), corners.end());
   for (Vec3 p : corners) part.uvSets[0].values.push_back({p.x + 0.5f * p.z, p.y});
-  if (corners.size() == 3)
-    part.triangles.push_back({{first, first + 1, first + 2}, shader});
-  else
-    part.tetragons.push_back({{first, first + 1, first + 2, first + 3}, shader});
+  if (corners.size() == 3) part.triangles.push_back({{first, first + 1, first + 2}, shader});
+  if (corners.size() == 4) part.tetragons.push_back({{first, first + 1, first + 2, first + 3}, shader});
 }
 
 void PlaceInRoot(std::int32_t object, const Mat4& matrix, std::int32_t shader = kNone) {
@@ -273,11 +269,7 @@ void PlaceInRoot(std::int32_t object, const Mat4& matrix, std::int32_t shader = 
   instance.matrix = matrix;
   instance.shader = shader;
 }
-Mat4 Lifted(float height) {
-  Mat4 matrix;
-  matrix.m[2][3] = height;
-  return matrix;
-}
+Mat4 Lifted(float height) { return {{{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, height}, {0, 0, 0, 1}}}; }
 
 void InitializeScene() {
   InitializeShaders();
@@ -288,11 +280,7 @@ void InitializeScene() {
 // Turned about z by a quarter and about x by `tilt`, then moved.
 Mat4 Rigid(float tilt, Vec3 move) {
   const float c = std::cos(tilt), s = std::sin(tilt);
-  Mat4 m;
-  m.m[0][0] = 0, m.m[0][1] = -1, m.m[0][3] = move.x;
-  m.m[1][0] = c, m.m[1][1] = 0, m.m[1][2] = -s, m.m[1][3] = move.y;
-  m.m[2][0] = s, m.m[2][1] = 0, m.m[2][2] = c, m.m[2][3] = move.z;
-  return m;
+  return {{{0, -1, 0, move.x}, {c, 0, -s, move.y}, {s, 0, c, move.z}, {0, 0, 0, 1}}};
 }
 
 // A root with a triangle and a tetragon, that places an Object with a tetragon of its own twice (once with

@@ -12,8 +12,7 @@ namespace zp {
 namespace {
 
 constexpr float kGlass = 1.5f;
-constexpr float kDistance = 5;   // of the camera
-constexpr float kSpecular = -1;  // in place of a roughness
+constexpr float kDistance = 5;  // of the camera
 
 float Schlick(float ior, float cosine) {
   const float head = (ior - 1) * (ior - 1) / ((ior + 1) * (ior + 1));
@@ -31,18 +30,6 @@ class Materials : public RenderTest {
   void RestartInTheDark() {
     Restart();
     skyLight.color = kBlack;
-  }
-
-  static std::int32_t AddGlass(Material material, float ior = kGlass, float roughness = kSpecular,
-                               float anisotropy = 0) {
-    const std::int32_t shader = AddShader("glass", kBlack, kBlack);
-    SurfaceShader& layer = Layer(shader);
-    layer[roughness == kSpecular ? Element::kSpecular : Element::kGlossy].color = kWhite;
-    layer[Element::kRoughness].color = Grey(roughness);
-    layer[Element::kAnisotropy].color = Grey(anisotropy);
-    layer[Element::kIor].color = Grey(ior);
-    layer.material = material;
-    return shader;
   }
 
   // A slab from z = -thickness to 0, its faces outwards.
@@ -67,17 +54,8 @@ class Materials : public RenderTest {
     }
   }
 
-  // The plane's two triangles in place of its tetragon.
-  static void SplitTetragon(std::int32_t shader) {
-    Geometry().tetragons.clear();
-    Geometry().triangles = {{{0, 1, 2}, shader}, {{0, 2, 3}, shader}};
-  }
-
   // All pixels as one.
-  static void LookAlong(Vec3 from, Vec3 to) {
-    LookFrom(from, to, 0.02f);
-    for (CameraPose& pose : cameras[0].poses) pose.upVector = {0, 1, 0};
-  }
+  static void LookAlong(Vec3 from, Vec3 to) { LookFrom(from, to, 0.02f, {0, 1, 0}); }
 
   // From `degrees` off the z axis.
   static void LookAtOrigin(float degrees) {

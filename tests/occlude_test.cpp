@@ -59,13 +59,7 @@ Vec3 Factor(std::int32_t shader, bool front, float cosine) {
   return kBlack;
 }
 
-RayRecord RayTo(Vec3 from, Vec3 to) {
-  RayRecord ray;
-  ray.origin = from;
-  ray.direction = SafeNormalize(to - from);
-  ray.t = SafeLength(to - from);
-  return ray;
-}
+RayRecord RayTo(Vec3 from, Vec3 to) { return AimRay(from, to - from, SafeLength(to - from)); }
 
 Instance Place(std::int32_t object, float angle, Vec3 move) {
   const float c = std::cos(angle), s = std::sin(angle);

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
-#include <random>
 #include <set>
 #include <string>
 
@@ -18,20 +17,14 @@
 #include "integrator/estimator.h"
 #include "integrator/photons.h"
 #include "lights/photon_store.h"
+#include "random_geometry.h"
 #include "render_fixture.h"
 
 namespace zp {
 namespace {
 
-Vec3 RandomDirection(std::mt19937& random) {
-  std::normal_distribution<float> normal;
-  return UnitVector({normal(random), normal(random), normal(random)});
-}
-
 // Cells of a triangle are similar to it: their corners differ in weights by a cell's size at the most.
 TEST(DensityCells, EveryCellOfAPrimitiveIsHitAndNoOther) {
-  std::mt19937 random(1);
-  std::uniform_real_distribution<float> uniform(0, 1);
   for (std::int32_t level : {1, 2, 3, 9, 16, 255}) {
     std::map<std::int32_t, Vec3> triangle, tetragon;  // with one place inside
     const auto add = [&](std::map<std::int32_t, Vec3>& cells, std::int32_t cell, Vec3 w) {
@@ -40,7 +33,7 @@ TEST(DensityCells, EveryCellOfAPrimitiveIsHitAndNoOther) {
         ASSERT_LT(std::fabs(step), 1.0001f / static_cast<float>(level)) << level;
     };
     for (int i = 0; i < 20 * level * level + 100; ++i) {
-      const float root = std::sqrt(uniform(random)), u = uniform(random), v = uniform(random);
+      const float root = std::sqrt(Uniform(0, 1)), u = Uniform(0, 1), v = Uniform(0, 1);
       const Vec3 w = {1 - root, root * (1 - v), root * v};
       add(triangle, TriangleCell(w, level), w);
       add(tetragon, TetragonCell(u, v, level), {u, v, 0});
@@ -61,10 +54,9 @@ TEST(DensityCells, EveryCellOfAPrimitiveIsHitAndNoOther) {
 }
 
 TEST(PackedDirections, ComeBackWithinTheirStep) {
-  std::mt19937 random(3);
   float worst = 1;
   for (int i = 0; i < 100000; ++i) {
-    const Vec3 v = RandomDirection(random);
+    const Vec3 v = UniformDirection();
     const std::uint16_t packed = PackDirection(4 * v);
     EXPECT_NE(packed & 3, 0);
     EXPECT_EQ(PackDirection(UnpackDirection(packed)), packed);
@@ -89,14 +81,12 @@ class Store : public testing::Test {
 };
 
 TEST_F(Store, SearchFindsThePhotonsOfAPlainLoop) {
-  std::mt19937 random(4);
-  std::uniform_real_distribution<float> uniform(0, 1);
   for (int shape = 0; shape < 4; ++shape) {
     EmptyPhotonStore();
     const int count = shape == 3 ? 40 : 20000;
     for (int i = 0; i < count; ++i) {
       PhotonRecord photon;
-      photon.position = {uniform(random), uniform(random), uniform(random)};
+      photon.position = {Uniform(0, 1), Uniform(0, 1), Uniform(0, 1)};
       if (shape == 1) photon.position.z = 0.5f;                              // a floor
       if (shape == 2) photon.position *= photon.position * photon.position;  // a caustic's edge
       if (i % 7 == 0) photon.position = {0.25f, 0.5f, 0.5f};                 // on one point
@@ -107,9 +97,9 @@ TEST_F(Store, SearchFindsThePhotonsOfAPlainLoop) {
     BuildPhotonStore(0.2f);
     ASSERT_EQ(photonStore.photons.size(), static_cast<std::size_t>(count));
     for (int query = 0; query < 400; ++query) {
-      Vec3 position = {uniform(random), uniform(random), uniform(random)};
+      Vec3 position = {Uniform(0, 1), Uniform(0, 1), Uniform(0, 1)};
       if (shape == 1) position.z = 0.5f;
-      const float squaredRadius = 0.04f * uniform(random);
+      const float squaredRadius = 0.04f * Uniform(0, 1);
       const Vec3 normal = UnitVector({0.3f, 0, query % 2 == 0 ? 1.0f : -1.0f});
       std::vector<float> expected;
       for (const PhotonRecord& photon : photonStore.photons) {
@@ -173,14 +163,6 @@ class Photons : public RenderTest {
                 AddShader("lamp", kBlack, Grey(radiance)));
     shaders.back().surfaces[0].sideness = Sideness::kFace;
     return shaders.back().surfaces[0];
-  }
-
-  // The shader that was added last.
-  static void MakeSpecular(Material material, Vec3 color, float ior) {
-    SurfaceShader& layer = shaders.back().surfaces[0];
-    layer.material = material;
-    layer[Element::kSpecular].color = color;
-    layer[Element::kIor].color = Grey(ior);
   }
 
   // Density times area over all cells of a side: power that left the surfaces.
@@ -325,9 +307,8 @@ TEST_F(Photons, StoreHoldsCausticPathsAlone) {
                         Case{"light, thin pane, floor: direct light", false, true, false, false},
                         Case{"sky, mirror, ceiling", true, false, true, false}}) {
     Restart();
-    if (c.stored) settings.said.resolution = 0;  // in both modes, but diffuse bounces need cells
-    AddPlane(c.thin ? 0.5f : -1, 1, AddShader("mirror", kBlack, kBlack));
-    MakeSpecular(c.thin ? Material::kThinDielectric : Material::kConductor, kWhite, 3);
+    if (c.stored) settings.resolution = 0;  // in both modes, but diffuse bounces need cells
+    AddPlane(c.thin ? 0.5f : -1, 1, AddGlass(c.thin ? Material::kThinDielectric : Material::kConductor, 3));
     if (!c.mirrorFirst && !c.thin) AddPlane(-0.5f, 0.6f, AddShader("shield", kBlack, kBlack));
     AddPlane(1, c.sky ? 2 : 30, AddShader("floor", Grey(0.5f), kBlack));
     skyLight.color = c.sky ? kWhite : kBlack;
@@ -358,13 +339,12 @@ TEST_F(Photons, GlassBallFocusesLikePathTracing) {
   float mean[2] = {}, brightest[2] = {};
   for (int photons : {0, 1}) {
     Restart();
-    settings.said.resolution = 0;
-    settings.said.rendererBounce = 1;
-    settings.said.rayDepth = 4;
-    settings.said.photonRadius = 0.08f;
-    AddSphere(Geometry(), 4, false, AddShader("glass", kBlack, kBlack));
+    settings.resolution = 0;
+    settings.rendererBounce = 1;
+    settings.rayDepth = 4;
+    settings.photonRadius = 0.08f;
+    AddSphere(Geometry(), 4, false, AddGlass(Material::kDielectric));
     for (Vec3& p : Geometry().positions) p = 0.5f * p + Vec3{0, 0, 1.2f};
-    MakeSpecular(Material::kDielectric, kWhite, 1.5f);
     AddFrame(1.2f, 0.3f, 20, AddShader("shield", kBlack, kBlack));
     AddPlane(0, 4, AddShader("floor", Grey(0.8f), kBlack));
     AddLamp(3, 20).virtualLight = photons == 1;
@@ -384,8 +364,8 @@ TEST_F(Photons, GlassBallFocusesLikePathTracing) {
 
 // The four lights, once by many bounces and once by cells.
 TEST_F(Photons, FinalGatheringAgreesWithPathTracing) {
-  for (const char* source : {"emitter", "point", "parallel", "sky"}) {
-    const std::string name = source;
+  for (const std::string name : {"emitter", "point", "parallel", "sky"}) {
+    SCOPED_TRACE(name);
     std::array<Vec3, 4> shown[2];
     for (int gathering : {0, 1}) {
       Restart();
@@ -414,9 +394,7 @@ TEST_F(Photons, FinalGatheringAgreesWithPathTracing) {
       shown[gathering] = Quarters();
     }
     for (std::size_t q = 0; q < 4; ++q)
-      for (int c = 0; c < 3; ++c)
-        EXPECT_NEAR(shown[1][q][c] / shown[0][q][c], 1, 0.03f)
-            << name << " quarter " << q << " channel " << c;
+      for (int c = 0; c < 3; ++c) EXPECT_NEAR(shown[1][q][c] / shown[0][q][c], 1, 0.03f) << q << " " << c;
   }
 }
 

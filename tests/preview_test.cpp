@@ -6,28 +6,19 @@
 
 #include <filesystem>
 
-#include "built_files.h"
 #include "frame/zp.h"
 
 #ifdef ZP_HAS_PREVIEW
 
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
-#include <fcntl.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
-#include <csignal>
 #include <cstdlib>
 #include <new>
 #include <optional>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "core/index.h"
@@ -37,77 +28,7 @@ namespace zp {
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
-
-constexpr auto kPatience = std::chrono::seconds(30);  // of a test on a busy machine
 constexpr const char* kHostScene = "ZEPHLORE_TEST_HOST_SCENE";
-
-// Polls until `done` is true; false if it never was.
-template <class Done>
-bool Await(Done done) {
-  for (const auto end = Clock::now() + kPatience; Clock::now() < end;) {
-    if (done()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return false;
-}
-
-// A program that runs beside the test and dies with it.
-class Child {
- public:
-  // `display` is its DISPLAY; null for none. What it prints goes beside its folder.
-  Child(const std::vector<std::string>& words, const fs::path& folder, const char* display) {
-    outputFile = folder.parent_path() / "stdout";
-    errorsFile = folder.parent_path() / "stderr";
-    fs::remove(outputFile);  // of an earlier child, which nobody shall take for this one's
-    // A build that counts leaks shall not count those of OpenGL's driver. It is unloaded by then and has no
-    // name; whole stacks lead to the library that had loaded it, or to our one function that draws.
-    const fs::path suppressions = folder.parent_path() / "leaks";
-    WriteFile(suppressions, "leak:libGLX\nleak:^Draw$\n");
-    const char* options = std::getenv("ASAN_OPTIONS");
-    std::vector<std::string> all = {"env", "-u", "DISPLAY", "OMP_NUM_THREADS=1", "GALLIUM_DRIVER=softpipe"};
-    all.push_back("LSAN_OPTIONS=print_suppressions=0:suppressions=" + suppressions.string());
-    all.push_back(std::string("ASAN_OPTIONS=fast_unwind_on_malloc=0:") + (options ? options : ""));
-    if (display != nullptr) all.push_back(std::string("DISPLAY=") + display);
-    all.insert(all.end(), words.begin(), words.end());
-    std::vector<char*> arguments;
-    for (std::string& word : all) arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    id = fork();
-    if (id != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    dup2(open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
-    dup2(open(errorsFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-    if (chdir(folder.c_str()) == 0) execvp(arguments[0], arguments.data());
-    _exit(127);
-  }
-  ~Child() { Kill(); }
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
-
-  bool Ended() {
-    if (id > 0 && waitpid(id, &rawStatus, WNOHANG) == id) id = 0;
-    return id <= 0;
-  }
-  // The exit status; -1 if it had to be killed or a signal ended it.
-  int ExitStatus() {
-    if (!Await([this] { return Ended(); })) Kill();
-    return WIFEXITED(rawStatus) ? WEXITSTATUS(rawStatus) : -1;
-  }
-  void Kill() {
-    if (id <= 0) return;
-    kill(id, SIGKILL);
-    waitpid(id, &rawStatus, 0);
-    id = 0;
-  }
-  std::string Output() const { return ReadFile(outputFile); }
-  std::string Errors() const { return ReadFile(errorsFile); }
-
- private:
-  fs::path outputFile, errorsFile;
-  pid_t id = -1;
-  int rawStatus = -1;
-};
 
 // A picture of bytes, three a pixel, top row first.
 struct Screenshot {
@@ -148,6 +69,7 @@ class PreviewWindow : public ProgramTest {
   void SetUp() override {
     ProgramTest::SetUp();
     fs::create_directories(root / "server/run");
+    WriteFile(root / "leaks", "leak:libGLX\nleak:^Draw$\n");
     WriteScene("resolution 144 96\nsample 6\naov\nimage \"second.pfm\"\ntype \"depth\"\nend\n", true);
     XSetErrorHandler([](Display*, XErrorEvent*) { return 0; });  // a window may vanish under a look at it
   }
@@ -162,9 +84,7 @@ class PreviewWindow : public ProgramTest {
   void StartServer() {
     Disconnect();
     window = None;
-    server.emplace(std::vector<std::string>{"Xvfb", "-displayfd", "1", "-screen", "0", "640x480x24",
-                                            "-nolisten", "tcp", "-noreset"},
-                   root / "server/run", nullptr);
+    server.emplace("Xvfb -displayfd 1 -screen 0 640x480x24 -nolisten tcp -noreset", root / "server/run");
     std::string number;
     ASSERT_TRUE(Await([&] { return (number = server->Output()).ends_with('\n') || server->Ended(); }));
     ASSERT_FALSE(server->Ended()) << server->Errors();
@@ -177,22 +97,30 @@ class PreviewWindow : public ProgramTest {
     connection = nullptr;
   }
 
-  std::vector<std::string> Words(const std::string& arguments) const {
-    std::vector<std::string> words = {kProgram, "render", (root / "scene").string(), "--seed", "5"};
-    std::istringstream stream(arguments);
-    words.insert(words.end(), std::istream_iterator<std::string>(stream), {});
-    return words;
+  // What runs the command with this DISPLAY; null for none. A build that counts leaks shall not count those
+  // of OpenGL's driver. It is unloaded by then and has no name; whole stacks lead to the library that had
+  // loaded it, or to our one function that draws.
+  std::string On(const char* where, const std::string& command) const {
+    const char* options = std::getenv("ASAN_OPTIONS");
+    return "env -u DISPLAY OMP_NUM_THREADS=1 GALLIUM_DRIVER=softpipe LSAN_OPTIONS=print_suppressions=0:" +
+           ("suppressions=" + (root / "leaks").string()) +
+           " ASAN_OPTIONS=fast_unwind_on_malloc=0:" + (options ? options : "") +
+           (where ? " DISPLAY='" + std::string(where) + "' " : " ") + command;
+  }
+  static std::string Rendering(const std::string& arguments) {
+    return "'" + std::string(kProgram) + "' render ../scene --seed 5 " + arguments;
   }
   // The running test once more, in the role of a host. It ends in ways that leave its folder behind.
-  std::vector<std::string> ThisTestAsHost() const {
-    const std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
-    return {"env", std::string(kHostScene) + "=./", "TMPDIR=" + root.string(),
-            fs::read_symlink("/proc/self/exe").string(), "--gtest_filter=PreviewWindow." + name};
+  std::string ThisTestAsHost() const {
+    return std::string(kHostScene) + "=./ TMPDIR='" + root.string() + "' '" +
+           fs::read_symlink("/proc/self/exe").string() + "' --gtest_filter=PreviewWindow." +
+           testing::UnitTest::GetInstance()->current_test_info()->name();
   }
   Screenshot Reference(int passes) const {
     const std::string name = std::to_string(passes) + ".pfm";
-    Child child(Words("--quiet --sample " + std::to_string(passes) + " --output " + name), work, nullptr);
-    EXPECT_EQ(child.ExitStatus(), 0);
+    EXPECT_EQ(Run("render ../scene --seed 5 --quiet --sample " + std::to_string(passes) + " --output " + name)
+                  .status,
+              0);
     return ScreenshotOf(work / name);
   }
 
@@ -274,7 +202,7 @@ TEST_F(PreviewWindow, ShowsEveryPassAndThenTheFile) {
   std::vector<Screenshot> passes;
   for (int k = 1; k <= kPasses; ++k) passes.push_back(Reference(k));
   StartServer();
-  Child child(Words("--preview --quiet --progress --output a.pfm"), work, display.c_str());
+  Child child(On(display.c_str(), Rendering("--preview --quiet --progress --output a.pfm")), work);
   const std::vector<Screenshot> seen = Watch(child, [&](const std::vector<Screenshot>& so) {
     return !so.empty() && Shows(so.back(), passes.back());
   });
@@ -320,7 +248,8 @@ TEST_F(PreviewWindow, EndedEarlyTheProgramSavesWhatItShowed) {
   for (const bool lost : {false, true}) {
     fs::remove(work / "second.pfm");
     StartServer();
-    Child child(Words("--preview --quiet --progress --sample 2000 --output a.pfm"), work, display.c_str());
+    Child child(On(display.c_str(), Rendering("--preview --quiet --progress --sample 2000 --output a.pfm")),
+                work);
     std::vector<Screenshot> seen =
         Watch(child, [](const std::vector<Screenshot>& so) { return so.size() >= 2; });
     ASSERT_FALSE(child.Ended()) << child.Errors();
@@ -346,7 +275,7 @@ TEST_F(PreviewWindow, EndedEarlyTheProgramSavesWhatItShowed) {
 
 TEST_F(PreviewWindow, WithoutADisplayTheProgramSaysSo) {
   for (const char* nowhere : {static_cast<const char*>(nullptr), "", ":65000", "no display"}) {
-    Child child(Words("--preview --output a.pfm"), work, nowhere);
+    Child child(On(nowhere, Rendering("--preview --output a.pfm")), work);
     EXPECT_EQ(child.ExitStatus(), 1);
     const std::string errors = child.Errors();
     EXPECT_TRUE(errors.starts_with("zephlore: ") && errors.find("display") != std::string::npos) << errors;
@@ -375,7 +304,7 @@ TEST_F(PreviewWindow, ThrowingStepClosesTheOnlyOne) {
     return;
   }
   StartServer();
-  Child host(ThisTestAsHost(), work, display.c_str());
+  Child host(On(display.c_str(), ThisTestAsHost()), work);
   EXPECT_EQ(host.ExitStatus(), 0) << host.Output() << host.Errors();
   EXPECT_NE(host.Output().find("[  PASSED  ] 1 test"), std::string::npos);
 }
@@ -397,7 +326,7 @@ TEST_F(PreviewWindow, OfAHostEndsItsProcess) {
   constexpr int kLevels = 3;  // a step of the shared exponent of the brightest channel is 1/128
   StartServer();
   {
-    Child host(ThisTestAsHost(), work, display.c_str());
+    Child host(On(display.c_str(), ThisTestAsHost()), work);
     const std::vector<Screenshot> seen = Watch(host, [&](const std::vector<Screenshot>& so) {
       return !so.empty() && host.Output().find("close the window to exit") != std::string::npos &&
              !beauty().empty() && fs::exists(work / "second.pfm");
@@ -417,7 +346,7 @@ TEST_F(PreviewWindow, OfAHostEndsItsProcess) {
     EXPECT_FALSE(fs::exists(work / "second.pfm"));
   }
   fs::remove(beauty());
-  Child host(ThisTestAsHost(), work, nullptr);
+  Child host(On(nullptr, ThisTestAsHost()), work);
   EXPECT_EQ(host.ExitStatus(), 0) << host.Errors();
   for (const char* row :
        {"PASSED", "error :( \tpreview - ",

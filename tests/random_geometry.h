@@ -28,6 +28,14 @@ inline Vec3 UniformDirection() {
   }
 }
 
+inline RayRecord AimRay(Vec3 origin, Vec3 direction, float t = kFarthest) {
+  RayRecord ray;
+  ray.origin = origin;
+  ray.direction = SafeNormalize(direction);
+  ray.t = t;
+  return ray;
+}
+
 inline std::uint32_t AddVertex(Part& part, Vec3 p) {
   part.positions.push_back(p);
   return static_cast<std::uint32_t>(part.positions.size() - 1);

@@ -41,6 +41,21 @@ inline std::int32_t AddShader(const char* name, Vec3 lambertian, Vec3 emissive, 
 
 inline SurfaceShader& Layer(std::int32_t shader) { return ShaderAt(shader).surfaces[0]; }
 
+inline constexpr float kSpecular = -1;  // in place of a roughness
+
+// Glossy, or specular where there is no roughness; white.
+inline std::int32_t AddGlass(Material material, float ior = 1.5f, float roughness = kSpecular,
+                             float anisotropy = 0) {
+  const std::int32_t shader = AddShader("glass", kBlack, kBlack);
+  SurfaceShader& layer = Layer(shader);
+  layer[roughness == kSpecular ? Element::kSpecular : Element::kGlossy].color = kWhite;
+  layer[Element::kRoughness].color = Grey(roughness);
+  layer[Element::kAnisotropy].color = Grey(anisotropy);
+  layer[Element::kIor].color = Grey(ior);
+  layer.material = material;
+  return shader;
+}
+
 // A float picture in the texture table, as if it had been read; color(column, row), row 0 at the bottom.
 template <class Color>
 std::int32_t AddImage(const std::string& name, int width, int height, const Color& color) {
@@ -51,10 +66,6 @@ std::int32_t AddImage(const std::string& name, int width, int height, const Colo
     WritePixel(image, color(i % width, i / width), static_cast<std::size_t>(i));
   image.loaded = true;
   return index;
-}
-
-inline void ExpectNear(Vec3 actual, Vec3 expected, float tolerance) {
-  for (int c = 0; c < 3; ++c) EXPECT_NEAR(actual[c], expected[c], tolerance) << "component " << c;
 }
 
 inline void AddTetragon(Part& part, std::array<Vec3, 4> corners, std::int32_t shader) {
@@ -146,11 +157,11 @@ class RenderTest : public testing::Test {
     return rows;
   }
 
-  static void LookFrom(Vec3 position, Vec3 target, float degrees) {
+  static void LookFrom(Vec3 position, Vec3 target, float degrees, Vec3 up = {0, 0, 1}) {
     for (int i = 0; i < 2; ++i) {
       cameras[0].poses[i].position = position;
       cameras[0].poses[i].target = target;
-      cameras[0].poses[i].upVector = {0, 0, 1};
+      cameras[0].poses[i].upVector = up;
       cameras[0].poses[i].fieldOfView = degrees;
       cameras[0].poseWritten[i] = kWholePose;
     }
@@ -161,6 +172,12 @@ class RenderTest : public testing::Test {
     AddTetragon(Geometry(),
                 {Vec3{-half, -half, z}, Vec3{half, -half, z}, Vec3{half, half, z}, Vec3{-half, half, z}},
                 shader);
+  }
+
+  // The plane's two triangles in place of its tetragon.
+  static void SplitTetragon(std::int32_t shader) {
+    Geometry().tetragons.clear();
+    Geometry().triangles = {{{0, 1, 2}, shader}, {{0, 2, 3}, shader}};
   }
 
   // It shines in all directions alike; by default a light falls off around +y.

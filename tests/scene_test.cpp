@@ -33,7 +33,6 @@ class SceneTest : public testing::Test {
     imageSearchPaths.clear();
     settings = {};
     pointLights.clear();
-    parallelLights.clear();
     ResetSky();
     skyLight = {};
     ResetGeometryLight();
@@ -206,63 +205,28 @@ TEST_F(SceneTest, GeometryShaderSwitches) {
   EXPECT_EQ(geometry.roundCorner, 7);
 }
 
-TEST_F(SceneTest, SkyAndGeometryLight) {
+// Where their other lines go is seen in the pictures of scenes that are built once by functions.
+TEST_F(SceneTest, LightsThatAreTheirOwnAndLightsThatGoOn) {
   Read(
+      "point_light\n ior 1.25\nend\npoint_light\n photon 5000000000\n aov\n  image \"lamp.exr\"\n"
+      "  type \"depth\"\n  type \"normal\"\n end\n link\n  shader \"a\"\n  shader \"b\"\n end\nend\n"
       "sky_light\n color 1 2 3\n image \"map.hdr\"\n turbidity 3\n link\n  shader \"a\"\n end\n link\n"
-      "  shader \"b\"\n end\n volume_shader\n  transmittance 0.5 0.6 0.7\n  medium_id 12\n end\n"
-      " aov\n  image \"out.exr\"\n  type \"depth\"\n  type \"normal\"\n end\nend\n");
-  EXPECT_EQ(skyLight.color, (Vec3{1, 2, 3}));
-  EXPECT_EQ(skyLight.link.names, (std::vector<std::string>{"a", "b"}));
-  EXPECT_EQ(std::tuple(globalVolume.transmittance, globalVolume.mediumId),
-            std::tuple(Vec3{0.5f, 0.6f, 0.7f}, 12U));
-  ASSERT_EQ(skyLight.aovs.size(), 1U);
-  EXPECT_EQ(skyLight.aovs[0].channel, kChannelBeauty | kChannelDepth | kChannelNormal);
-  EXPECT_EQ(skyLight.aovs[0].image.fileName, "out.exr");
-  Read("sky_light\n ior 1.5\nend\n");  // starts over, but for what is kept
-  EXPECT_EQ(std::tuple(skyLight.color, skyLight.image, skyLight.turbidity, skyLight.ior),
-            std::tuple(Vec3{0.75f, 0.75f, 0.75f}, "map.hdr", 3, 1.5f));
-
-  Read(
-      "geometry_light\n photon 5\nend\ngeometry_light\n sample 6\n aov\n  type \"mine\"\n  shader \"s\"\n"
-      "  type \"depth\"\n end\nend\n");  // goes on
-  EXPECT_EQ(std::tuple(geometryLight.photon, geometryLight.sample), std::tuple(5, 6));
-  ASSERT_EQ(geometryLight.aovs.size(), 1U);
-  const Aov& aov = geometryLight.aovs[0];
-  EXPECT_EQ(std::tuple(aov.channel, aov.userData, aov.shaderName),
-            std::tuple(kChannelUserData | kChannelDepth, "mine", "s"));
-}
-
-TEST_F(SceneTest, PointAndParallelLights) {
-  Read(
-      "point_light\n position 1 2 3\nend\n"
-      "point_light\n color 4 5 6\n position 7 8 9\n blur 0.25\n sample 16\n photon 5000000000\n"
-      " direction 0 0 -1\n inner_angle 10\n outer_angle 20\n offset 0.5\n ior 1.25\n"
-      " aov\n  image \"lamp.exr\"\n  type \"lambertian\"\n  type \"glossy\"\n end\n"
-      " link\n  shader \"a\"\n  shader \"b\"\n end\nend\n"
-      "parallel_light\n color 1 2 3\n position 9 9 9\n inner_angle 5\n direction 0 1 -1\n blur 2\n"
-      " sample 3\n photon 6000000000\n ior 1.5\n offset 0\n aov\n end\n link\n  shader \"c\"\n end\nend\n");
-  const auto shared = [](const Light& light) {  // photons: more than 32 bits hold
-    return std::tuple(light.color, light.blur, light.sample, light.photon, light.offset, light.ior);
-  };
-  const auto ofSpot = [](const PointLight& light) {
-    return std::tuple(light.position, light.direction, light.innerAngle, light.outerAngle);
-  };
+      "  shader \"b\"\n end\n volume_shader\n  medium_id 12\n end\nend\ngeometry_light\n photon 5\nend\n");
   ASSERT_EQ(pointLights.size(), 2U);  // each section is a light of its own
-  EXPECT_EQ(shared(pointLights[0]), std::tuple(kWhite, 0, 1, 0, 0.1f, 1));
-  EXPECT_EQ(ofSpot(pointLights[0]), std::tuple(Vec3{1, 2, 3}, Vec3{0, 1, 0}, 0, 180));
-  const PointLight& spot = pointLights[1];
-  EXPECT_EQ(shared(spot), std::tuple(Vec3{4, 5, 6}, 0.25f, 16, 5000000000, 0.5f, 1.25f));
-  EXPECT_EQ(ofSpot(spot), std::tuple(Vec3{7, 8, 9}, Vec3{0, 0, -1}, 10, 20));
-  ASSERT_EQ(spot.aovs.size(), 1U);
-  EXPECT_EQ(spot.aovs[0].channel, kChannelBeauty | kChannelLambertian | kChannelGlossy);
-  EXPECT_EQ(spot.link.names, (std::vector<std::string>{"a", "b"}));
-
-  ASSERT_EQ(parallelLights.size(), 1U);
-  const ParallelLight& sun = parallelLights[0];
-  EXPECT_EQ(shared(sun), std::tuple(Vec3{1, 2, 3}, 2, 3, 6000000000, 0, 1.5f));
-  EXPECT_EQ(sun.zAxis, (Vec3{0, 1, -1}));
-  EXPECT_EQ(sun.aovs.size(), 1U);
-  EXPECT_EQ(sun.link.names, std::vector<std::string>{"c"});
+  EXPECT_EQ(std::tuple(pointLights[0].ior, pointLights[0].photon, pointLights[0].outerAngle),
+            std::tuple(1.25f, 0, 180));
+  EXPECT_EQ(std::tuple(pointLights[1].ior, pointLights[1].photon), std::tuple(1, 5000000000));
+  const Aov& depth = pointLights[1].aovs.at(0);
+  EXPECT_EQ(std::tuple(depth.channel, depth.image.fileName),
+            std::tuple(kChannelBeauty | kChannelDepth | kChannelNormal, "lamp.exr"));
+  for (const ShaderLink& link : {pointLights[1].link, skyLight.link})
+    EXPECT_EQ(link.names, (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(std::tuple(skyLight.color, globalVolume.mediumId), std::tuple(Vec3{1, 2, 3}, 12U));
+  Read("sky_light\n ior 1.5\nend\ngeometry_light\n sample 6\n aov\n  type \"mine\"\n end\nend\n");
+  EXPECT_EQ(std::tuple(skyLight.color, skyLight.image, skyLight.turbidity, skyLight.ior),
+            std::tuple(Vec3{0.75f, 0.75f, 0.75f}, "map.hdr", 3, 1.5f));  // starts over, but for what is kept
+  EXPECT_EQ(std::tuple(geometryLight.photon, geometryLight.sample), std::tuple(5, 6));  // goes on
+  EXPECT_EQ(geometryLight.aovs.at(0).userData, "mine");
 }
 
 TEST_F(SceneTest, GeometryOfEveryKind) {
@@ -304,12 +268,9 @@ TEST_F(SceneTest, GeometryOfEveryKind) {
   ASSERT_EQ(parts[4].triangles.size(), 3U);
   EXPECT_EQ(parts[4].triangles[1].vertex[0], 2U);
   EXPECT_EQ(parts[6].strandLengths, std::vector<std::uint32_t>{2});
-  // The same mesh again, with everything loaded on top of what it held.
-  const Part& last = parts[8];
-  for (const std::size_t size : {last.positions.size(), last.normals.size(), last.tangents.size(),
-                                 last.uvSets[0].values.size(), last.triangles.size()})
-    ASSERT_EQ(size, 6U);
-  EXPECT_EQ(last.triangles[4].vertex[0], 2U);  // indices count from the first position of all
+  // The same mesh again, loaded on top of what it held: indices count from the first position of all.
+  EXPECT_EQ(parts[8].positions.size() + parts[8].tangents.size() + parts[8].uvSets[0].values.size(), 18U);
+  EXPECT_EQ(parts[8].triangles.at(4).vertex[0], 2U);
 }
 
 TEST_F(SceneTest, FoldersAreReadInOrder) {

@@ -106,8 +106,7 @@ TEST_F(Shading, LayersAreChosenByWeight) {
 TEST_F(Shading, TwoShadersOfOneName) {
   AddUndefinedShader();
   AddUndefinedShader();
-  EXPECT_EQ(FindOrCreateShader("red"), 1);
-  EXPECT_EQ(FindOrCreateShader("red"), 1);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(FindOrCreateShader("red"), 1);
   AddShader("red", {Side::kBoth});
   EXPECT_EQ(FindShader("red"), 1);
   EXPECT_EQ(FindShader("Red"), kNone);

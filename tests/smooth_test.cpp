@@ -270,14 +270,6 @@ TEST_F(SmoothTest, BadInputIsSmoothedAsFarAsItGoes) {
   }
 }
 
-TEST_F(SmoothTest, FlippedFacesTurnTheirNormals) {
-  Part part = SharedCube(AngleShader(180));
-  shaders.back().geometry.flipFace = true;
-  PreparePart(part, {});
-  for (std::uint32_t v = 0; v < part.positions.size(); ++v)
-    EXPECT_LT(Dot(NormalAt(part, v), UnitVector(part.positions[v])), -0.99f);
-}
-
 // A fan of 20,000 triangles: the quadratic rule over all of it would take minutes.
 TEST_F(SmoothTest, LongFansTakeNoTime) {
   constexpr std::uint32_t kCount = 20000;

@@ -1,4 +1,4 @@
-// What tests share that deal with their surroundings: files, the console, other programs.
+// What all tests share: files, the console, other programs, colours that are nearly alike.
 
 #pragma once
 
@@ -15,7 +15,13 @@
 #include <string>
 #include <string_view>
 
+#include "core/vec.h"
+
 namespace zp {
+
+inline void ExpectNear(Vec3 actual, Vec3 expected, float tolerance) {
+  for (int c = 0; c < 3; ++c) EXPECT_NEAR(actual[c], expected[c], tolerance) << "component " << c;
+}
 
 inline std::string ReadFile(const std::filesystem::path& path) {
   std::ifstream file(path, std::ios::binary);
