@@ -39,7 +39,7 @@ struct Bytes {
 
 using Calls = std::vector<std::function<void()>>;
 
-void CallOneOf(Bytes& in, const Calls& calls) { At(calls, in.Below(static_cast<int>(calls.size())))(); }
+void CallOneOf(Bytes& in, const Calls& calls) { zp::At(calls, in.Below(static_cast<int>(calls.size())))(); }
 
 std::vector<float> Numbers(Bytes& in, int count) {
   std::vector<float> values(static_cast<std::size_t>(count));
