@@ -108,7 +108,7 @@ TEST_F(Furnace, GlossySurfacesGainNothingFromSkySamples) {
     Restart();
     AddImage("white", 8, 4, [](int, int) { return kWhite; });
     skyLight.image = "white";
-    skyLight.sample = settings.rendererSample = 64;
+    skyLight.sample = settings.said.rendererSample = 64;
     AddPlane(0, 1000, AddGlass(c.material, 1e6f, c.roughness, c.anisotropy));
     const float angle = c.degrees * kDegree;
     LookFrom({-5 * std::sin(angle), 0.01f, 5 * std::cos(angle)}, kBlack, 0.02f);

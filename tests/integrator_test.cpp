@@ -191,8 +191,8 @@ TEST_F(Integrator, BeautyIsTheMeanOfThePasses) {
   const std::int32_t shader = AddShader("grey", {0.8f, 0.6f, 0.4f}, kBlack);
   AddCube(Geometry(), 0.7f, shader);
   AddPlane(-1, 4, shader);
-  settings.rendererBounce = 3;
-  settings.rendererSample = 12;
+  settings.said.rendererBounce = 3;
+  settings.said.rendererSample = 12;
   cameras[0].regionXMin = 3, cameras[0].regionXMax = 14;
   cameras[0].regionYMin = 5, cameras[0].regionYMax = 9;
   Initialize();

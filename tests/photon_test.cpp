@@ -307,7 +307,7 @@ TEST_F(Photons, StoreHoldsCausticPathsAlone) {
                         Case{"light, thin pane, floor: direct light", false, true, false, false},
                         Case{"sky, mirror, ceiling", true, false, true, false}}) {
     Restart();
-    if (c.stored) settings.resolution = 0;  // in both modes, but diffuse bounces need cells
+    if (c.stored) settings.said.resolution = 0;  // in both modes, but diffuse bounces need cells
     AddPlane(c.thin ? 0.5f : -1, 1, AddGlass(c.thin ? Material::kThinDielectric : Material::kConductor, 3));
     if (!c.mirrorFirst && !c.thin) AddPlane(-0.5f, 0.6f, AddShader("shield", kBlack, kBlack));
     AddPlane(1, c.sky ? 2 : 30, AddShader("floor", Grey(0.5f), kBlack));
@@ -339,10 +339,10 @@ TEST_F(Photons, GlassBallFocusesLikePathTracing) {
   float mean[2] = {}, brightest[2] = {};
   for (int photons : {0, 1}) {
     Restart();
-    settings.resolution = 0;
-    settings.rendererBounce = 1;
-    settings.rayDepth = 4;
-    settings.photonRadius = 0.08f;
+    settings.said.resolution = 0;
+    settings.said.rendererBounce = 1;
+    settings.said.rayDepth = 4;
+    settings.said.photonRadius = 0.08f;
     AddSphere(Geometry(), 4, false, AddGlass(Material::kDielectric));
     for (Vec3& p : Geometry().positions) p = 0.5f * p + Vec3{0, 0, 1.2f};
     AddFrame(1.2f, 0.3f, 20, AddShader("shield", kBlack, kBlack));
