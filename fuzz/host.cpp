@@ -42,15 +42,11 @@ std::function<void()> With(Function function, Values... values) {
   return [=] { function(values...); };
 }
 
-<<<<<<< HEAD
 template <class... Calls>
 void CallOneOf(Bytes& in, const Calls&... calls) {
   const std::function<void()> table[] = {calls...};
   table[in.Below(static_cast<int>(sizeof...(calls)))]();
 }
-=======
-void CallOneOf(Bytes& in, const Calls& calls) { zp::At(calls, in.Below(static_cast<int>(calls.size())))(); }
->>>>>>> h-r
 
 std::vector<float> Numbers(Bytes& in, int count) {
   std::vector<float> values(static_cast<std::size_t>(count));
