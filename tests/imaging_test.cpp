@@ -22,6 +22,7 @@
 
 #include "core/console.h"
 #include "core/random.h"
+#include "core/stop.h"
 #include "core/tables.h"
 #include "surroundings.h"
 
@@ -389,6 +390,10 @@ TEST_F(ImageFiles, OpenExrKeepsLargeNumbers) {
     fs::resize_file(image.fileName, fs::file_size(image.fileName) / 2);
     EXPECT_FALSE(LoadImage(image, image.fileName)) << name;
     EXPECT_EQ(image.problem, PictureProblem::kDamaged) << name;
+    stopRequested = true;
+    EXPECT_FALSE(LoadImage(image, image.fileName));
+    stopRequested = false;
+    EXPECT_EQ(image.problem, PictureProblem::kStopped) << name;
   }
 }
 
