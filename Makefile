@@ -2,7 +2,7 @@
 PRESET ?= release
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: packages build demo test bench docs install package package-test clean
+.PHONY: packages build demo test bench docs scenes pictures install package package-test clean
 
 packages:
 	@missing=""; for package in $$(cat packages.txt) $(EXTRA_PACKAGES); do \
@@ -34,6 +34,15 @@ docs: packages
 	cmake --preset $(PRESET)
 	cmake --build --preset $(PRESET) --target docs
 	@echo "the documentation begins at build/docs/html/index.html"
+
+# The models, pictures and hair of scenes/, made anew by their generators; fails if one differs from what was there.
+scenes: packages
+	scripts/scenes.sh
+
+# The pictures of docs/, PICTURES of them or all; hours on a busy machine. Look at them before they are committed.
+pictures: EXTRA_PACKAGES := imagemagick
+pictures: build
+	PRESET=$(PRESET) scripts/doc-pictures.sh $(PICTURES)
 
 # Into PREFIX, by default /usr/local; DESTDIR is put before it.
 PREFIX ?= /usr/local

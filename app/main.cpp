@@ -11,12 +11,12 @@
 #include "commands.h"
 #include "core/ray.h"
 #include "core/words.h"
+#include "imaging/imaging.h"
 
 namespace zp {
 namespace {
 
-constexpr std::int32_t kMaxSide = 65535;    // pixels
-constexpr std::int32_t kMaxSample = 65535;  // what a camera accepts
+constexpr std::int32_t kMaxSide = 65535;  // pixels
 
 // Whole numbers with `separator` between them and nothing else in the text.
 template <std::size_t kCount>
@@ -43,7 +43,7 @@ void AddRender(CLI::App& app, RenderOptions& options) {
           [](const std::string& text) { return std::string(text.empty() ? "a file name is missing" : ""); });
   render->add_option("--sample", options.sample, "Samples for each pixel")
       ->type_name("N")
-      ->check(CLI::Range(1, kMaxSample));
+      ->check(CLI::Range(1, kMostSamples));
   render
       ->add_option_function<std::string>(
           "--resolution",

@@ -185,10 +185,10 @@ std::string StopText() {
   const std::uint64_t samples = CountSamples(frameState);
   if (samples == 0 || cameras.empty()) return kStoppedEarly;
   const auto passes = static_cast<std::uint32_t>(cameras.front().sample);
-  if (settings.passIndex >= passes) return {};
-  if (settings.passIndex > 0)
-    return "stopped after pass " + std::to_string(settings.passIndex) + " of " + std::to_string(passes) +
-           ": the images hold what was rendered";
+  if (settings.frame.passIndex >= passes) return {};
+  if (settings.frame.passIndex > 0)
+    return "stopped after pass " + std::to_string(settings.frame.passIndex) + " of " +
+           std::to_string(passes) + ": the images hold what was rendered";
   const std::uint64_t pixels =
       static_cast<std::uint64_t>(frameState.right - frameState.left) *
       static_cast<std::uint64_t>(cameras.front().regionYMax - cameras.front().regionYMin);
@@ -249,7 +249,7 @@ int RunRender(const RenderOptions& options) {
   if (options.preview)
     if (const std::string obstacle = PreviewObstacle(1, 1); !obstacle.empty())
       return Fail("cannot open a preview window: " + obstacle);
-  settings.previewWindow = settings.previewReturns = options.preview;
+  settings.said.previewWindow = settings.said.previewReturns = options.preview;
   omp_set_num_threads(options.threads ? *options.threads : std::min(omp_get_max_threads(), kMaxThreads));
   SetConsoleQuiet(options.quiet);
   TellErrors();

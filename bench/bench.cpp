@@ -229,9 +229,9 @@ void MeasureOrder(benchmark::State& state, const MeshSource& terrain, bool order
   if (!EnterMesh({"roofed", {}, Shape::kTerrain, terrain.amount, true})) return Fail(state, "no such mesh");
   result.amount = static_cast<double>(rays.size()) / kMillion;
   if (ordered) {
-    const std::int32_t pass = std::exchange(settings.samplePass, 0);
+    const std::int32_t pass = std::exchange(settings.frame.samplePass, 0);
     OccludeOurs(rays, AllThreads());
-    settings.samplePass = pass;
+    settings.frame.samplePass = pass;
     OrderOccluders(objectTable[0]);
   }
   const std::uint64_t found = OccludeOurs(rays, result.threads).hits;

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "accel/accel.h"
+#include "core/index.h"
 #include "core/random.h"
 #include "core/ray.h"
 #include "geometry/object.h"
@@ -15,15 +16,14 @@ namespace {
 // Unnormalised; zero for a face without area. Of a strand: across its axis, towards the ray.
 Vec3 HitNormal(const RayRecord& ray) {
   const auto& positions = ray.part->positions;
-  const auto index = static_cast<std::size_t>(ray.primitive);
   if (ray.kind == kKindParticle) return ray.barycentric;
   if (ray.kind == kKindCylinder) {
-    const std::uint32_t first = ray.part->cylinders[index];
+    const std::uint32_t first = At(ray.part->cylinders, ray.primitive);
     const Vec3 axis = SafeNormalize(positions[first + 1] - positions[first]);
     return Dot(ray.direction, axis) * axis - ray.direction;
   }
-  const std::uint32_t* vertex =
-      ray.kind == kKindTriangle ? ray.part->triangles[index].vertex : ray.part->tetragons[index].vertex;
+  const std::uint32_t* vertex = ray.kind == kKindTriangle ? At(ray.part->triangles, ray.primitive).vertex
+                                                          : At(ray.part->tetragons, ray.primitive).vertex;
   const Vec3 a = positions[vertex[0]], b = positions[vertex[1]], c = positions[vertex[2]];
   return Cross(b - a, c - a);
 }
@@ -31,7 +31,7 @@ Vec3 HitNormal(const RayRecord& ray) {
 // Hits on strands lie inside them, at the height of the axis.
 float Lift(const RayRecord& ray) {
   if (ray.kind != kKindCylinder) return 0;
-  return 1.5f * ray.part->scalarSets[0].values[ray.part->cylinders[static_cast<std::size_t>(ray.primitive)]];
+  return 1.5f * ray.part->scalarSets[0].values[At(ray.part->cylinders, ray.primitive)];
 }
 
 // Malley's method: a disc lifted to the hemisphere about the unit vector n.

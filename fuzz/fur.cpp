@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     zp::SceneText text = {stream, observer};
     zp::Part part;
     zp::ReadFur(text, part);
-    zp::RequireStrands(part);
+    zp::RequireSound(zp::ValidateStrands(part));
     zp::RequirePrepared(part);
   }
   zp::sceneNotes = nullptr;

@@ -12,7 +12,9 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/validate.h"
 #include "geometry/geometry.h"
+#include "geometry/validate.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
@@ -24,10 +26,10 @@ void ClearTables();
 // Aborts, naming the line, unless `condition` holds.
 void Require(bool condition, int line);
 
-// Every strand has its segments, each between two positions, in the order of the strands.
-void RequireStrands(const Part& part);
-// Prepares the Part as for a tree; then no index may leave its array, and no array of a value a vertex may
-// have another length.
-void RequirePrepared(Part& part);
+// Prepares the Part as for a tree, and aborts unless it is sound then.
+inline void RequirePrepared(Part& part) {
+  PreparePart(part, Object());
+  RequireSound(ValidatePart(part));
+}
 
 }  // namespace zp

@@ -7,7 +7,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string_view bytes(reinterpret_cast<const char*>(data), size);
   zp::Part part;
   if (zp::ReadHair(bytes, "", part))
-    zp::RequireStrands(part);
+    zp::RequireSound(zp::ValidateStrands(part));
   else
     zp::Require(part.positions.empty() && part.strandLengths.empty(), __LINE__);
   zp::RequirePrepared(part);

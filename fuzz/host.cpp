@@ -2,13 +2,13 @@
 // that would only ask for much work (pixels, photons, levels, samples) stay small.
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <functional>
 #include <vector>
 
 #include "accel/accel.h"
 #include "core/console.h"
+#include "core/index.h"
 #include "frame/zp.h"
 #include "fuzz.h"
 #include "lights/lights.h"
@@ -36,10 +36,16 @@ struct Bytes {
   }
 };
 
-using Calls = std::vector<std::function<void()>>;
+// A call whose values are known before it is chosen.
+template <class Function, class... Values>
+std::function<void()> With(Function function, Values... values) {
+  return [=] { function(values...); };
+}
 
-void CallOneOf(Bytes& in, const Calls& calls) {
-  calls[static_cast<std::size_t>(in.Below(static_cast<int>(calls.size())))]();
+template <class... Calls>
+void CallOneOf(Bytes& in, const Calls&... calls) {
+  const std::function<void()> table[] = {calls...};
+  table[in.Below(static_cast<int>(sizeof...(calls)))]();
 }
 
 std::vector<float> Numbers(Bytes& in, int count) {
@@ -57,30 +63,19 @@ std::vector<int> Indices(Bytes& in, int count, int limit) {
 void Settings(Bytes& in) {
   const int i = in.Index();
   const float a = in.Number(), b = in.Number(), c = in.Number();
-  const Calls calls = {
-      [&] { zpSetDisplayGamma(a); },
-      [&] { zpSetRendererClamp(a, b, c); },
-      [&] { zpSetRendererError(a, b, c); },
-      [&] { zpSetRendererRayDepth(i * 3); },
-      [&] { zpSetRendererPhotonDepth(i * 3); },
-      [&] { zpSetRendererSample(i * 2); },
-      [&] { zpSetRendererBounce(i); },
-      [&] { zpSetRendererDistance(a); },
-      [&] { zpSetRendererResolution(a < 0.05f ? std::min(a, 0.0f) : a); },
-      [&] { zpSetRendererRadius(a); },
-      [&] { zpSetPreviewWindow(false); },
-      [&] { zpSetShaderTime(i, a); },
-  };
-  CallOneOf(in, calls);
+  CallOneOf(in, With(zpSetDisplayGamma, a), With(zpSetRendererClamp, a, b, c),
+            With(zpSetRendererError, a, b, c), With(zpSetRendererRayDepth, i * 3),
+            With(zpSetRendererPhotonDepth, i * 3), With(zpSetRendererSample, i * 2),
+            With(zpSetRendererBounce, i), With(zpSetRendererDistance, a),
+            With(zpSetRendererResolution, a < 0.05f ? std::min(a, 0.0f) : a), With(zpSetRendererRadius, a),
+            With(zpSetPreviewWindow, false), With(zpSetShaderTime, i, a));
 }
 
 void Geometry(Bytes& in) {
   const int object = in.Index(), part = in.Below(3) - 1, count = in.Below(24) - 1;
   const int size = std::max(count, 0), limit = 16;
-  const Calls calls = {
-      [&] { zpAddObject(); },
-      [&] { zpSetObjectName(object, in.Name()); },
-      [&] { zpAddPart(object); },
+  CallOneOf(
+      in, With(zpAddObject), [&] { zpSetObjectName(object, in.Name()); }, [&] { zpAddPart(object); },
       [&] { zpSetShaderID(object, part, in.Index()); },
       [&] { zpAddPositions(object, part, count, Numbers(in, 3 * size).data()); },
       [&] { zpAddPositions(object, part, count, Numbers(in, 3 * size).data()); },
@@ -104,25 +99,20 @@ void Geometry(Bytes& in) {
           for (int column = 0; column < 4; ++column)
             matrix[row][column] = in.Chance(1, 4) ? in.Number() : static_cast<float>(row == column);
         zpSetInstance(object, instance, in.Index(), in.Chance(1, 4) ? nullptr : matrix, in.Index());
-      },
-  };
-  CallOneOf(in, calls);
+      });
 }
 
 void Shaders(Bytes& in) {
   const int shader = in.Index(), layer = in.Below(3) - 1;
   const auto element = static_cast<Element>(in.Below(18) - 1);
   const float a = in.Number(), b = in.Number(), c = in.Number();
-  const Calls calls = {
-      [&] { zpAddShader(); },
-      [&] { zpSetShaderName(shader, in.Name()); },
+  CallOneOf(
+      in, With(zpAddShader), [&] { zpSetShaderName(shader, in.Name()); },
       [&] { zpSetShaderVisibility(shader, static_cast<Visibility>(in.Index())); },
-      [&] { zpSetShaderSmoothAngle(shader, 60 * a); },
-      [&] { zpSetShaderRoundCorner(shader, a); },
-      [&] { zpAddSurfaceShader(shader); },
-      [&] { zpSetSurfaceColor(shader, layer, element, a, b, c); },
-      [&] { zpSetSurfaceColor(shader, layer, element, a, b, c); },
-      [&] { zpSetSurfaceColor(shader, layer, element, a, b, c); },
+      With(zpSetShaderSmoothAngle, shader, 60 * a), With(zpSetShaderRoundCorner, shader, a),
+      With(zpAddSurfaceShader, shader), With(zpSetSurfaceColor, shader, layer, element, a, b, c),
+      With(zpSetSurfaceColor, shader, layer, element, a, b, c),
+      With(zpSetSurfaceColor, shader, layer, element, a, b, c),
       [&] { zpSetSurfaceImage(shader, layer, element, in.Name(), a, nullptr, nullptr); },
       [&] { zpSetSurfaceMaterial(shader, layer, static_cast<Material>(in.Index())); },
       [&] { zpSetSurfaceSideness(shader, layer, static_cast<Sideness>(in.Index())); },
@@ -132,9 +122,7 @@ void Shaders(Bytes& in) {
         zpSetDisplacementImage(shader, layer, in.Name(), a, nullptr, nullptr);
         zpSetDisplacementLevel(shader, layer, in.Below(5) - 1);
         zpSetDisplacementVector(shader, layer, a, b, c);
-      },
-  };
-  CallOneOf(in, calls);
+      });
 }
 
 // A small one, whose picture is not written.
@@ -148,18 +136,13 @@ void AddCamera() {
 void Cameras(Bytes& in) {
   const int camera = in.Below(3) - 1, aov = in.Below(4);
   const float a = in.Number(), b = in.Number(), c = in.Number();
-  const Calls calls = {
-      [&] { AddCamera(); },
-      [&] { zpSetCameraName(camera, in.Name()); },
-      [&] { zpSetCameraPosition(camera, a, b, c); },
-      [&] { zpSetCameraTarget(camera, a, b, c); },
-      [&] { zpSetCameraUpVector(camera, a, b, c); },
-      [&] { zpSetCameraBokeh(camera, a); },
-      [&] { zpSetCameraFOV(camera, 30 * a); },
+  CallOneOf(
+      in, AddCamera, [&] { zpSetCameraName(camera, in.Name()); }, With(zpSetCameraPosition, camera, a, b, c),
+      With(zpSetCameraTarget, camera, a, b, c), With(zpSetCameraUpVector, camera, a, b, c),
+      With(zpSetCameraBokeh, camera, a), With(zpSetCameraFOV, camera, 30 * a),
       [&] { zpSetCameraAngleMeasure(camera, static_cast<AngleMeasure>(in.Index())); },
-      [&] { zpSetCameraExposure(camera, a, b, c); },
-      [&] { zpSetCameraSample(camera, in.Index()); },
-      [&] { zpSetCameraTime(camera, a); },
+      With(zpSetCameraExposure, camera, a, b, c), [&] { zpSetCameraSample(camera, in.Index()); },
+      With(zpSetCameraTime, camera, a),
       [&] { zpSetCameraProjection(camera, static_cast<Projection>(in.Index())); },
       [&] { zpSetCameraResolution(camera, in.Below(9) - 1, in.Below(9) - 1); },
       [&] { zpSetCameraRegion(camera, in.Index(), in.Index(), in.Index() + 3, in.Index() + 3); },
@@ -168,62 +151,36 @@ void Cameras(Bytes& in) {
         zpSetCameraAOVChannel(camera, aov,
                               static_cast<Channel>(in.Chance(1, 4) ? in.Next() : 1 << in.Below(17)));
         zpSetCameraAOVUserData(camera, aov, in.Name());
-      },
-  };
-  CallOneOf(in, calls);
+      });
 }
 
 void Lights(Bytes& in) {
   const int light = in.Below(3) - 1, aov = in.Below(3) - 1, few = in.Index(), photons = in.Below(64) - 4;
   const auto channel = static_cast<Channel>(1 << in.Below(17));
   const float a = in.Number(), b = in.Number(), c = in.Number();
-  const Calls calls = {
-      [&] { zpAddPointLight(); },
-      [&] { zpSetPointLightColor(light, a, b, c); },
-      [&] { zpSetPointLightPosition(light, a, b, c); },
-      [&] { zpSetPointLightDirection(light, a, b, c); },
-      [&] { zpSetPointLightBlur(light, a); },
-      [&] { zpSetPointLightOffset(light, a); },
-      [&] { zpSetPointLightInnerAngle(light, 60 * a); },
-      [&] { zpSetPointLightOuterAngle(light, 60 * a); },
-      [&] { zpSetPointLightSample(light, few); },
-      [&] { zpSetPointLightPhoton(light, photons); },
-      [&] { zpSetPointLightShaderLink(light, few); },
-      [&] { zpAddPointLightAOV(light); },
-      [&] { zpSetPointLightAOVChannel(light, aov, channel); },
-      [&] { zpSetPointLightAOVName(light, aov, ""); },
-      [&] { zpAddParallelLight(); },
-      [&] { zpSetParallelLightColor(light, a, b, c); },
-      [&] { zpSetParallelLightDirection(light, a, b, c); },
-      [&] { zpSetParallelLightBlur(light, 30 * a); },
-      [&] { zpSetParallelLightOffset(light, a); },
-      [&] { zpSetParallelLightSample(light, few); },
-      [&] { zpSetParallelLightPhoton(light, photons); },
-      [&] { zpSetParallelLightShaderLink(light, few); },
-      [&] { zpAddParallelLightAOV(light); },
-      [&] { zpSetParallelLightAOVChannel(light, aov, channel); },
-      [&] { zpSetParallelLightAOVName(light, aov, ""); },
-      [&] { zpSetSkyLightColor(a, b, c); },
-      [&] { zpSetSkyLightNorth(a, b, c); },
-      [&] { zpSetSkyLightZenith(a, b, c); },
-      [&] { zpSetSkyLightImage(in.Name()); },
-      [&] { zpSetSkyLightBackdrop(in.Name()); },
-      [&] { zpSetSkyLightSample(few); },
-      [&] { zpSetSkyLightPhoton(photons); },
-      [&] { zpSetSkyLightShaderLink(few); },
-      [&] { zpAddSkyLightAOV(); },
-      [&] { zpSetSkyLightAOVChannel(aov, channel); },
-      [&] { zpSetSkyLightAOVName(aov, in.Name()); },
-      [&] { zpSetGeometryLightSample(few); },
-      [&] { zpSetGeometryLightPhoton(photons); },
-      [&] { zpSetGeometryLightShaderLink(few); },
-      [&] { zpAddGeometryLightAOV(); },
-      [&] { zpSetGeometryLightAOVChannel(aov, channel); },
+  CallOneOf(
+      in, With(zpAddPointLight), With(zpSetPointLightColor, light, a, b, c),
+      With(zpSetPointLightPosition, light, a, b, c), With(zpSetPointLightDirection, light, a, b, c),
+      With(zpSetPointLightBlur, light, a), With(zpSetPointLightOffset, light, a),
+      With(zpSetPointLightInnerAngle, light, 60 * a), With(zpSetPointLightOuterAngle, light, 60 * a),
+      With(zpSetPointLightSample, light, few), With(zpSetPointLightPhoton, light, photons),
+      With(zpSetPointLightShaderLink, light, few), With(zpAddPointLightAOV, light),
+      With(zpSetPointLightAOVChannel, light, aov, channel), With(zpSetPointLightAOVName, light, aov, ""),
+      With(zpAddParallelLight), With(zpSetParallelLightColor, light, a, b, c),
+      With(zpSetParallelLightDirection, light, a, b, c), With(zpSetParallelLightBlur, light, 30 * a),
+      With(zpSetParallelLightOffset, light, a), With(zpSetParallelLightSample, light, few),
+      With(zpSetParallelLightPhoton, light, photons), With(zpSetParallelLightShaderLink, light, few),
+      With(zpAddParallelLightAOV, light), With(zpSetParallelLightAOVChannel, light, aov, channel),
+      With(zpSetParallelLightAOVName, light, aov, ""), With(zpSetSkyLightColor, a, b, c),
+      With(zpSetSkyLightNorth, a, b, c), With(zpSetSkyLightZenith, a, b, c),
+      [&] { zpSetSkyLightImage(in.Name()); }, [&] { zpSetSkyLightBackdrop(in.Name()); },
+      With(zpSetSkyLightSample, few), With(zpSetSkyLightPhoton, photons), With(zpSetSkyLightShaderLink, few),
+      With(zpAddSkyLightAOV), With(zpSetSkyLightAOVChannel, aov, channel),
+      [&] { zpSetSkyLightAOVName(aov, in.Name()); }, With(zpSetGeometryLightSample, few),
+      With(zpSetGeometryLightPhoton, photons), With(zpSetGeometryLightShaderLink, few),
+      With(zpAddGeometryLightAOV), With(zpSetGeometryLightAOVChannel, aov, channel),
       [&] { zpSetGeometryLightAOVName(aov, in.Name()); },
-      [&] { zpSetGeometryLightAOVShaderName(aov, in.Name()); },
-      [&] { return; },
-  };
-  CallOneOf(in, calls);
+      [&] { zpSetGeometryLightAOVShaderName(aov, in.Name()); }, [&] { return; });
 }
 
 // The two lights that are always there cast a million photons each by default, as often as something resets
@@ -234,36 +191,16 @@ void FewPhotons() {
 }
 
 void LifeCycle(Bytes& in) {
-  const Calls calls = {
-      [&] { zpStartup(); },
-      [&] { zpShutdown(); },
-      [&] { zpInitializeCameras(); },
-      [&] { zpFinalizeCameras(); },
-      [&] { zpInitializeShaders(); },
-      [&] { zpFinalizeShaders(); },
-      [&] { zpInitializeGaffer(); },
-      [&] { zpFinalizeGaffer(); },
-      [&] { zpInitializeSkyLight(); },
-      [&] { zpFinalizeSkyLight(); },
-      [&] { zpInitializeGeometryLight(); },
-      [&] { zpFinalizeGeometryLight(); },
-      [&] { zpInitializeAccelerator(); },
-      [&] { zpFinalizeAccelerator(); },
-      [&] { zpInitializeRenderer(); },
-      [&] { zpFinalizeRenderer(); },
-      [&] { zpInitialize(); },
-      [&] { zpInitialize(); },
-      [&] { zpFinalize(); },
-      [&] { zpRender(); },
-      [&] { zpRender(); },
-      [&] {
-        const int count = in.Below(80) - 1;
-        std::vector<float> out(3 * static_cast<std::size_t>(std::max(count, 0)) + 1, 7.0f);
-        zpRenderPixels(count, out.data(), in.Index());
-        zp::Require(out.back() == 7.0f, __LINE__);
-      },
-  };
-  CallOneOf(in, calls);
+  CallOneOf(in, zpStartup, zpShutdown, zpInitializeCameras, zpFinalizeCameras, zpInitializeShaders,
+            zpFinalizeShaders, zpInitializeGaffer, zpFinalizeGaffer, zpInitializeSkyLight, zpFinalizeSkyLight,
+            zpInitializeGeometryLight, zpFinalizeGeometryLight, zpInitializeAccelerator,
+            zpFinalizeAccelerator, zpInitializeRenderer, zpFinalizeRenderer, zpInitialize, zpInitialize,
+            zpFinalize, zpRender, zpRender, [&] {
+              const int count = in.Below(80) - 1;
+              std::vector<float> out(3 * static_cast<std::size_t>(std::max(count, 0)) + 1, 7.0f);
+              zpRenderPixels(count, out.data(), in.Index());
+              zp::Require(out.back() == 7.0f, __LINE__);
+            });
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -24,9 +25,9 @@ const fs::path kCases = fs::path(kSources) / "tests/check";
 class Check : public testing::Test {
  protected:
   // The lines of the report; paths count from the scene folder. Sets the exit status.
-  std::vector<std::string> Run(const fs::path& scene) {
-    const std::string command =
-        "cd '" + root.string() + "' && '" + kProgram + "' check '" + scene.string() + "' >out 2>err";
+  std::vector<std::string> Run(const fs::path& scene, const std::string& option = "") {
+    const std::string command = "cd '" + root.string() + "' && '" + kProgram + "' check " + option + " '" +
+                                scene.string() + "' >out 2>err";
     const int raw = std::system(command.c_str());
     status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
     std::ifstream file(root / "out");
@@ -34,6 +35,23 @@ class Check : public testing::Test {
     for (std::string line; std::getline(file, line);)
       lines.push_back(line.starts_with("scene/") ? line.substr(6) : line);
     return lines;
+  }
+
+  // The same findings in the other form, whatever bytes the text holds.
+  void ExpectJson(const fs::path& scene, const std::vector<std::string>& lines) {
+    const std::vector<std::string> objects = Run(scene, "--json");
+    ASSERT_EQ(objects.size() + 1, lines.size());
+    for (std::size_t i = 0; i < objects.size(); ++i) {
+      const auto object = nlohmann::json::parse(objects[i]);
+      const std::string text = object["file"].get<std::string>().substr(6) + ":" +
+                               std::to_string(object["line"].get<int>()) + ": " +
+                               object["severity"].get<std::string>() + ": ";
+      EXPECT_TRUE(lines[i].starts_with(text) && object["code"].is_string() && object["text"].is_string())
+          << lines[i] << objects[i];
+      const bool suggests =
+          lines[i].find("did you mean") != text.npos || lines[i].find("; write") != text.npos;
+      EXPECT_EQ(object["suggestion"].get<std::string>().empty(), !suggests) << lines[i] << objects[i];
+    }
   }
 
   const TemporaryFolder own;
@@ -60,6 +78,20 @@ void CopyText(const fs::path& from, const fs::path& to, const std::string& name,
   }
 }
 
+// What is too long to be kept: a chain of objects, the last of too many parts, and a model of many faces.
+void WriteLongFiles(const fs::path& scene, bool withChain) {
+  std::ofstream faces(scene / "model/faces.obj");
+  faces << ReadFile(scene / "model/square.obj");
+  for (int i = 1; i < 700; ++i) faces << "f 1 2 3 4\n";
+  if (!withChain) return;
+  std::ofstream chain(scene / "geometry/chain.zp");
+  for (int i = 0; i < 18; ++i)
+    chain << "object\n name level" << i << "\n instance\n  object level" << i + 1 << "\n end\nend\n";
+  chain << "object\n name level18\n";
+  for (int i = 0; i < 65536; ++i) chain << " particle_texture \"\"\n";
+  chain << "end\n";
+}
+
 // Each folder of tests/check is laid over the common scene. Its expected.txt tells the remarks that no line
 // of text can carry, and at last the sum.
 TEST_F(Check, MistakesAreFoundWhereTheyStand) {
@@ -82,18 +114,22 @@ TEST_F(Check, MistakesAreFoundWhereTheyStand) {
         if (const fs::path inside = fs::relative(file.path(), layer); file.is_regular_file())
           CopyText(file.path(), scene / inside, inside.string(), remarks);
     fs::remove(scene / "expected.txt");
+    WriteLongFiles(scene, name == "models");
 
-    std::vector<std::string> lines = Run("scene");
-    for (const auto& [file, beginnings] : remarks)
-      for (const std::string& beginning : beginnings) {
-        EXPECT_TRUE(!lines.empty() && lines[0].starts_with(beginning)) << beginning;
-        if (!lines.empty()) lines.erase(lines.begin());
-      }
-    EXPECT_EQ(lines, std::vector<std::string>{sum});
+    std::vector<std::string> beginnings;
+    for (const auto& [file, ofFile] : remarks)
+      beginnings.insert(beginnings.end(), ofFile.begin(), ofFile.end());
+    beginnings.push_back(sum);
+    const std::vector<std::string> lines = Run("scene");
+    std::vector<std::string> compared = lines;  // cut where they begin as they should
+    for (std::size_t i = 0; i + 1 < std::min(lines.size(), beginnings.size()); ++i)
+      if (lines[i].starts_with(beginnings[i])) compared[i] = beginnings[i];
+    EXPECT_EQ(compared, beginnings);
     EXPECT_EQ(status, sum.starts_with("0 errors") ? 0 : 1);
     EXPECT_FALSE(fs::exists(root / "b.pfm") || fs::exists(scene / "b.pfm"));  // nothing is written
+    ExpectJson("scene", lines);
   }
-  EXPECT_GE(count, 8);
+  EXPECT_GE(count, 12);
 }
 
 TEST_F(Check, ShippedScenesAreSilent) {

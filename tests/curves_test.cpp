@@ -256,7 +256,7 @@ TEST_F(Curves, ShadowRaysMeetParticlesByTheirDiscriminant) {
   objectTable[1].instances[1].matrix = {{{2, 0, 0, 0}, {0, 2, 0, 100}, {0, 0, 2, 0}, {0, 0, 0, 1}}};
   Initialize();
   for (int pass : {0, 1}) {
-    settings.samplePass = pass;
+    settings.frame.samplePass = pass;
     for (const Case& c : cases) {
       RayRecord ray = MakeRay(c.origin, {1, 0, 0}, c.t);
       EXPECT_EQ(Occlude(ray), c.blocked) << &c - cases;
@@ -278,7 +278,7 @@ TEST_F(Curves, StrandsSkipTheirParentAndTintShadows) {
   for (float x : {0.0f, 1.0f, 2.0f}) AddStrandVertex(part, {x, 0, 0}, {1, 0, 0}, 0.1f);
   part.cylinders = {0, 1};
   Initialize();
-  settings.samplePass = 1;
+  settings.frame.samplePass = 1;
   const float sine = std::sin(0.9f), cosine = std::cos(0.9f);
   const Vec3 origin = {0.55f - 3 * cosine, 0.05f, 3 * sine}, direction = {cosine, 0, -sine};
   RayRecord ray = MakeRay(origin, direction), shadow = MakeRay(origin, direction, 6);

@@ -32,7 +32,7 @@ class DirectLight : public RenderTest {
     LookDown(3);
     cameras[0].width = cameras[0].height = 4;
     cameras[0].sample = 2;
-    settings.rendererSample = 2;
+    settings.said.rendererSample = 2;
   }
 
   static void LookDown(float height) {
@@ -68,7 +68,7 @@ class DirectLight : public RenderTest {
     for (int sampled : {0, 1}) {
       Restart();
       FloorLayer()[Element::kLambertian].color = Grey(0.7f);
-      settings.rendererSample = 4096;
+      settings.said.rendererSample = 4096;
       build(sampled == 1);
       Render();
       shown[sampled] = MeanColor();
@@ -126,7 +126,7 @@ TEST_F(DirectLight, LightsAddUpAndLinksChooseWhatTheyLight) {
       } else {
         AddParallelLight({0, 0, -1}).link.names = {name};
       }
-      settings.rendererSample = 256;
+      settings.said.rendererSample = 256;
       Render();
       ExpectColor(name == "floor" ? kPointColor : kBlack, 0.01f, light + " " + name);
     }
@@ -207,7 +207,7 @@ TEST_F(DirectLight, SkySamplesDoNotChangeTheMean) {
       skyLight.image = analytic ? "analytic" : "";
       AddTetragon(Geometry(), {Vec3{1, -3, 0}, Vec3{1, 3, 0}, Vec3{1, 3, 1}, Vec3{1, -3, 1}},
                   AddShader("wall", Grey(0.5f), kBlack));
-      settings.rendererBounce = settings.rayDepth = 10;  // so many that one more does not count
+      settings.said.rendererBounce = settings.said.rayDepth = 10;  // so many that one more does not count
       cameras[0].width = cameras[0].height = 8;
       cameras[0].sample = 4;
     });
@@ -293,10 +293,10 @@ TEST_F(DirectLight, LightAovsAddUpToTheBeautyImage) {
     for (std::uint32_t channel : {+kChannelLambertian, +kChannelTransmissive, +kChannelGlossy,
                                   +kChannelSpecular, +kChannelEmissive, +kChannelGlossyColor})
       AddAov(channel);
-    settings.rayDepth = 1;  // no light but from the lights
+    settings.said.rayDepth = 1;  // no light but from the lights
     Initialize();
     for (std::uint32_t pass = 0; pass < 2; ++pass) {
-      settings.samplePass = static_cast<std::int32_t>(pass);
+      settings.frame.samplePass = static_cast<std::int32_t>(pass);
       RenderPixels(pass);
     }
     const std::vector<Aov>&shown = cameras[0].aovs, &byLobe = pointLights[0].aovs;
@@ -325,8 +325,8 @@ TEST_F(DirectLight, BouncedLightIsSampledUpToTheLastBounce) {
     AddPlane(6, 50, ceiling);
     for (float z : {-1.0f, 1.0f}) AddParallelLight({0, 0, z});  // both plates get the same light, all over
     for (std::int32_t plate : {floor_, ceiling}) Layer(plate)[Element::kShadowTransparency].color = kWhite;
-    settings.rendererBounce = bounces;
-    settings.rendererSample = 1024;
+    settings.said.rendererBounce = bounces;
+    settings.said.rendererSample = 1024;
     Render();
     double expected = 0;
     for (int k = 0; k <= bounces; ++k) expected += std::pow(0.5, k + 1);
@@ -366,7 +366,7 @@ TEST_F(DirectLight, WindowsBringTheSkyIn) {
     Layer(lamp).virtualLight = kind == kVirtualWindow;
     AddLamp(Geometry(), kLampHeight, lamp);
     geometryLight.sample = 64;
-    settings.rendererSample = 4096;
+    settings.said.rendererSample = 4096;
     LookFrom({1, 0, 0.025f}, {0.02f, 0, 0}, 0.02f);
     Render();
     shown[kind] = MeanColor();

@@ -32,7 +32,7 @@ std::int32_t AddWaves() {
 }
 
 ImageSlot& AddLayer(std::int32_t shader, int level, Vec3 vector, std::int32_t image = kNone) {
-  ImageSlot& layer = shaders[static_cast<std::size_t>(shader)].geometry.vector.emplace_back();
+  ImageSlot& layer = ShaderAt(shader).geometry.vector.emplace_back();
   layer.level = level;
   layer.color = vector;
   layer.image = image;
@@ -112,7 +112,7 @@ class DisplaceTest : public RenderTest {
     other_ = AddShader("second", kWhite, kBlack);
   }
 
-  GeometryShader& First() const { return shaders[static_cast<std::size_t>(shader_)].geometry; }
+  GeometryShader& First() const { return ShaderAt(shader_).geometry; }
 
   static std::string DisplaceAloud(Part& part) {
     return Aloud([&] { Displace(part); });

@@ -77,8 +77,8 @@ TEST_F(Furnace, GlossyAndSpecularBodiesGainNothing) {
             AddCube(Geometry(), 0.8f, shader);
           cameras[0].width = cameras[0].height = 8;
           cameras[0].sample = 2;
-          settings.rendererSample = 32;
-          settings.rendererBounce = 4;
+          settings.said.rendererSample = 32;
+          settings.said.rendererBounce = 4;
           Render();
           const auto [least, most] = std::minmax_element(Pixels(0).begin(), Pixels(0).end());
           EXPECT_LE(*most, 1.0001f);
@@ -98,8 +98,8 @@ TEST_F(Furnace, LosslessGlassVanishes) {
         AddBall(glass);
       else
         AddSphere(Geometry(), 4, true, glass);
-      settings.rayDepth = settings.rendererBounce = 12;
-      settings.rendererSample = 64;
+      settings.said.rayDepth = settings.said.rendererBounce = 12;
+      settings.said.rendererSample = 64;
       Render();
       EXPECT_GT(Average(0), 0.96f) << roughness << particle;
       EXPECT_LT(Average(0), 1.001f) << roughness << particle;
@@ -120,7 +120,7 @@ TEST_F(Furnace, GlossySurfacesGainNothingFromSkySamples) {
     Restart();
     AddImage("white", 8, 4, [](int, int) { return kWhite; });
     skyLight.image = "white";
-    skyLight.sample = settings.rendererSample = 64;
+    skyLight.sample = settings.said.rendererSample = 64;
     AddPlane(0, 1000, AddGlossy(c.material, 1e6f, c.roughness, c.anisotropy));
     const float angle = c.degrees * kDegree;
     LookFrom({-5 * std::sin(angle), 0.01f, 5 * std::cos(angle)}, kBlack, 0.02f);

@@ -13,6 +13,7 @@
 
 #include "accel/accel.h"
 #include "core/console.h"
+#include "geometry/validate.h"
 #include "shading/shading.h"
 #include "surroundings.h"
 
@@ -50,7 +51,9 @@ class GeometryTest : public testing::Test {
     return part;
   }
   static std::string Prepare(Part& part, const Object& object = {}) {
-    return Printed([&] { PreparePart(part, object); });
+    std::string printed = Printed([&] { PreparePart(part, object); });
+    EXPECT_EQ(ValidatePart(part), "");
+    return printed;
   }
 
   const TemporaryFolder folder_;
@@ -349,7 +352,7 @@ TEST_F(GeometryTest, UnusablePrimitivesAreDropped) {
 
 TEST_F(GeometryTest, UndefinedShadersTakeThePartsAndFacesFlip) {
   const std::int32_t paint = FindOrCreateShader("paint"), flipped = FindOrCreateShader("flipped");
-  shaders[static_cast<std::size_t>(flipped)].geometry.flipFace = true;
+  ShaderAt(flipped).geometry.flipFace = true;
   Part part;
   part.positions = kRectangle;
   part.shader = paint;

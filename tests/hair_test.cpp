@@ -223,11 +223,11 @@ class LitHair : public RenderTest {
   void Start(Vec3 lambertian, Vec3 glossy) {
     Restart();
     shader_ = AddShader("hair", lambertian, kBlack);
-    Shader& shader = shaders[static_cast<std::size_t>(shader_)];
+    Shader& shader = ShaderAt(shader_);
     shader.surfaces[0][Element::kGlossy].color = glossy;
     shader.usedByHair = true;
     cameras[0].sample = 1;
-    settings.rendererSample = 4096;
+    settings.said.rendererSample = 4096;
   }
 
   // A white picture: a plain sky is not sampled.
@@ -276,7 +276,7 @@ class LitHair : public RenderTest {
 
 TEST_F(LitHair, FrameFollowsTheAxis) {
   Start(kBlack, kWhite);
-  shaders[static_cast<std::size_t>(shader_)].surfaces[0][Element::kAngle].color = Grey(0.3f);
+  ShaderAt(shader_).surfaces[0][Element::kAngle].color = Grey(0.3f);
   Prepare();
   for (float offset : {-1.0f, -0.6f, 0.0f, 0.6f, 1.0f})
     for (Vec3 direction : {Vec3{0, 1, 0}, SafeNormalize({0.3f, 0.2f, 0.8f}), SafeNormalize({0, 1e-4f, 1}),
@@ -335,7 +335,7 @@ TEST_F(LitHair, SkyLightAddsUpForTheDiffuseLobe) {
   for (int samples : {0, 512, 8192}) {
     Start(kWhite, kBlack);
     SampleWhiteSky(samples);
-    settings.rendererSample = 1024;
+    settings.said.rendererSample = 1024;
     Prepare();
     double sum = 0;
     constexpr int kOffsets = 32;

@@ -578,7 +578,6 @@ TEST_F(Cameras, LimitsOfSampleAndRegion) {
     camera.sample = given;
     InitializeCameras();
     EXPECT_EQ(camera.sample, expected);
-    EXPECT_FLOAT_EQ(camera.inverseSample, 1.0f / static_cast<float>(expected));
   }
   EXPECT_EQ(camera.regionXMax, 40);
   camera.regionXMin = -3, camera.regionYMin = -4, camera.regionXMax = 1000, camera.regionYMax = 7;
@@ -598,7 +597,6 @@ TEST_F(Cameras, PosesAndTheirInterpolation) {
   CameraPose& close = camera.poses[1];
   // One pose makes a still camera, whichever it is.
   InitializeCameras();
-  EXPECT_FALSE(camera.moving);
   EXPECT_EQ(close.target, open.target);
   std::swap(camera.poseWritten[0], camera.poseWritten[1]);
   open = {};
@@ -620,7 +618,6 @@ TEST_F(Cameras, PosesAndTheirInterpolation) {
   open.upVector = {0, 0, 1};
   close.upVector = {1, 0, 0};
   InitializeCameras();
-  EXPECT_TRUE(camera.moving);
   const CameraPose mid = CameraAtTime(camera, 0.25f);
   EXPECT_EQ(mid.position, (Vec3{2, 2, 3}));
   EXPECT_EQ(mid.target, (Vec3{2, 9.5f, 5.5f}));

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "accel/accel.h"
+#include "core/index.h"
 #include "core/random.h"
 #include "integrator/estimator.h"
 #include "render_fixture.h"
@@ -35,8 +36,8 @@ class Integrator : public RenderTest {
     const std::int32_t floor = AddShader("floor", Grey(0.5f), kBlack),
                        skin = AddShader("skin", {0.6f, 0.3f, 0.2f}, kBlack, Grey(0.2f)),
                        lamp = AddShader("lamp", Grey(0.2f), Grey(30));
-    shaders[static_cast<std::size_t>(lamp)].surfaces[0].virtualLight = true;
-    std::vector<SurfaceShader>& layers = shaders[static_cast<std::size_t>(skin)].surfaces;
+    ShaderAt(lamp).surfaces[0].virtualLight = true;
+    std::vector<SurfaceShader>& layers = ShaderAt(skin).surfaces;
     layers[0][Element::kWeight].color = kWhite;
     layers[0][Element::kGlossy].color = Grey(0.5f);
     layers[0][Element::kRoughness].color = Grey(0.2f);
@@ -63,8 +64,8 @@ class Integrator : public RenderTest {
     PointLight& light = AddPointLight({2, -2, 3}, 0.1f);
     light.blur = 0.3f;
     light.sample = 8;
-    settings.rendererBounce = 3;
-    settings.rendererSample = 8;
+    settings.said.rendererBounce = 3;
+    settings.said.rendererSample = 8;
     cameras[0].width = cameras[0].height = 24;
     cameras[0].poses[0].bokeh = cameras[0].poses[1].bokeh = 1;
   }
@@ -82,8 +83,8 @@ TEST_F(Integrator, FacingPlatesExchangeLight) {
                 {Vec3{-size, -size, 1}, Vec3{-size, size, 1}, Vec3{size, size, 1}, Vec3{size, -size, 1}},
                 AddShader("upper", Grey(b), kBlack));
     LookFrom({0, 0, 0.5f}, {0.1f, 0.2f, 0.5f + direction}, 60);
-    settings.rendererBounce = settings.rayDepth = 60;
-    settings.rendererSample = 16;
+    settings.said.rendererBounce = settings.said.rayDepth = 60;
+    settings.said.rendererSample = 16;
     Render();
     const float expected = (direction < 0 ? 1 : b) / (1 - a * b);
     EXPECT_NEAR(Average(0), expected, 0.003f * expected);
@@ -112,9 +113,9 @@ TEST_F(Integrator, ClosedBoxSumsTheBounces) {
     LookAround(AddShader("box", Grey(c.albedo), kWhite));
     cameras[0].width = cameras[0].height = 8;
     cameras[0].sample = 2;
-    settings.rendererSample = 2;
-    settings.rendererBounce = c.bounces;
-    settings.rayDepth = c.rayDepth;
+    settings.said.rendererSample = 2;
+    settings.said.rendererBounce = c.bounces;
+    settings.said.rayDepth = c.rayDepth;
     Render();
     double expected = 0;
     for (int k = 0; k < c.terms; ++k) expected += std::pow(static_cast<double>(c.albedo), k);
@@ -132,10 +133,10 @@ TEST_F(Integrator, DeepestPathFits) {
   LookAround(AddShader("box", kWhite, kWhite));
   skyLight.color = Grey(100);
   cameras[0].sample = 1;
-  settings.rendererBounce = settings.rayDepth = 100000;
+  settings.said.rendererBounce = settings.said.rayDepth = 100000;
   omp_set_num_threads(2);
   Render();
-  EXPECT_EQ(settings.rayDepth, 255);
+  EXPECT_EQ(settings.said.rayDepth, 255);
   for (float value : Pixels(0)) ASSERT_NEAR(value, 255, 100);
   EXPECT_NEAR(Average(0), 255, 2);
 }
@@ -153,7 +154,7 @@ TEST_F(Integrator, GathersHaveTheCosineDensity) {
     LookFrom({0, -3, height}, kBlack, 0.5f);
     cameras[0].width = cameras[0].height = 8;
     cameras[0].sample = 16;
-    settings.rendererSample = 512;
+    settings.said.rendererSample = 512;
     const std::size_t lambertian = AddAov(kChannelLambertian), transmissive = AddAov(kChannelTransmissive);
     Render();
     Vec3 mean, variance;
@@ -190,8 +191,8 @@ TEST_F(Integrator, BeautyIsTheMeanOfThePasses) {
   const std::int32_t shader = AddShader("grey", {0.8f, 0.6f, 0.4f}, kBlack);
   AddCube(Geometry(), 0.7f, shader);
   AddPlane(-1, 4, shader);
-  settings.rendererBounce = 3;
-  settings.rendererSample = 12;
+  settings.said.rendererBounce = 3;
+  settings.said.rendererSample = 12;
   cameras[0].regionXMin = 3;
   cameras[0].regionYMin = 5;
   cameras[0].regionXMax = 14;
@@ -208,7 +209,7 @@ TEST_F(Integrator, BeautyIsTheMeanOfThePasses) {
   EXPECT_EQ(Average(0), 0);    // the host's passes leave the picture alone
   for (int other : {4, -4}) {  // passes are counted modulo the camera's samples
     RenderPixels(kCount, pass.data(), other);
-    EXPECT_EQ(settings.samplePass, 0);
+    EXPECT_EQ(settings.frame.samplePass, 0);
     EXPECT_EQ(pass, first);
   }
   std::vector<FrameReport> reports;
@@ -217,7 +218,7 @@ TEST_F(Integrator, BeautyIsTheMeanOfThePasses) {
   for (int y = 0; y < 16; ++y)
     for (int x = 0; x < 16; ++x)
       for (int c = 0; c < 3; ++c) {
-        const float value = Pixels(0)[static_cast<std::size_t>(3 * (16 * y + x) + c)];
+        const float value = At(Pixels(0), 3 * (16 * y + x) + c);
         const bool inside = x >= 3 && x < 14 && y >= 5 && y < 9;
         const auto k = static_cast<std::size_t>(3 * (kWidth * (y - 5) + x - 3) + c);
         ASSERT_NEAR(value, inside ? sum[k] : 0, 1e-5f) << x << " " << y;
@@ -249,14 +250,14 @@ TEST(Gather, CountIsAPositiveMultipleOfThePasses) {
 
 TEST_F(Integrator, BadSamplesBecomeTheErrorColour) {
   objectTable.clear();
-  settings.error = {0.5f, 0.25f, 2};
-  settings.clamp = {0.1f, 0.2f, -1};  // does not reach the error colour; a negative limit is raised to 0
+  settings.said.error = {0.5f, 0.25f, 2};
+  settings.said.clamp = {0.1f, 0.2f, -1};  // does not reach the error colour; a negative limit is raised to 0
   Initialize();
   float pixel[3];
   for (Vec3 bad : {Vec3{kInfinity, 0.1f, 0.1f}, Vec3{0.1f, -kInfinity, 0.1f}, Vec3{0.1f, 0.1f, kNan}}) {
     skyLight.color = bad;
     RenderPixels(1, pixel, 0);
-    EXPECT_EQ((Vec3{pixel[0], pixel[1], pixel[2]}), settings.error);
+    EXPECT_EQ((Vec3{pixel[0], pixel[1], pixel[2]}), settings.said.error);
   }
   skyLight.color = Grey(0.15f);
   RenderPixels(1, pixel, 0);

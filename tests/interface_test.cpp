@@ -107,7 +107,7 @@ class Host : public testing::Test {
     zpFinalize();
     kept_ = settings;
     zpStartup();
-    settings.distance = 0;
+    settings.said.distance = 0;
   }
   void TearDown() override {
     zpFinalize();
@@ -254,7 +254,7 @@ TEST_F(Host, SamplesSetAfterInitialisation) {
   zpInitialize();
   skyLight.sample = geometryLight.sample = 4;  // without a picture or emitters none is drawn
   zpSetRendererSample(4);
-  EXPECT_EQ(settings.rendererSample, 4);
+  EXPECT_EQ(settings.said.rendererSample, 4);
   EXPECT_FLOAT_EQ(LightSampleWeight({}, 1, 1, BudgetsOf(skyLight)), 0.2f);
   EXPECT_FLOAT_EQ(LightSampleWeight({}, 1, 1, BudgetsOf(geometryLight)), 0.2f);
 }

@@ -55,7 +55,7 @@ RayRecord PhotonOf(const Kind& light, std::uint32_t s) {
   ray.kind = ray.parentKind = kKindTriangle;
   ray.primitive = ray.parentPrimitive = 9;
   ray.event = ray.previousEvent = kEventGlossy;
-  light.MakePhotonRay(ray, s);
+  MakePhotonRay(light, ray, s);
   EXPECT_EQ(std::tuple(ray.thread, ray.sampleNumber, ray.ior), std::tuple(5, s, light.ior));
   EXPECT_EQ(ray.throughput, kWhite);
   EXPECT_EQ(ray.depth + BounceCount(ray) + ray.specularBounces + ray.event + ray.previousEvent, 0);
@@ -492,7 +492,7 @@ TEST_F(GeometryLightTest, IrradianceOfAPanel) {
 TEST_F(GeometryLightTest, LayersOfTheEmittingSide) {
   const std::int32_t shader = AddEmissive({2, 2, 2});
   AddFace(Geometry(), {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, shader);
-  auto& surfaces = shaders[static_cast<std::size_t>(shader)].surfaces;
+  auto& surfaces = ShaderAt(shader).surfaces;
   const auto restart = [&] {
     for (Shader& s : shaders) s.initialized = false;
     InitializeScene();

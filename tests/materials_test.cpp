@@ -26,7 +26,7 @@ class Materials : public RenderTest {
     RenderTest::SetUp();
     cameras[0].width = cameras[0].height = 4;
     cameras[0].sample = 2;
-    settings.rendererSample = 2;
+    settings.said.rendererSample = 2;
   }
   void RestartInTheDark() {
     Restart();
@@ -119,12 +119,12 @@ TEST_F(Materials, SlabShiftsAndDimsTheView) {
   for (float degrees : {0.0f, 30.0f, 60.0f}) {
     RestartInTheDark();
     const std::int32_t shader = AddGlass(Material::kDielectric);
-    shaders[static_cast<std::size_t>(shader)].volume.transmittance = glass;
+    ShaderAt(shader).volume.transmittance = glass;
     globalVolume.transmittance = air;
     AddSlab(thickness, shader);
     AddRuler(-thickness - below);
     LookAtOrigin(degrees);
-    settings.rayDepth = 3;  // no reflections within the slab
+    settings.said.rayDepth = 3;  // no reflections within the slab
     Render();
     const float outside = degrees * kDegree, inside = std::asin(std::sin(outside) / kGlass);
     EXPECT_NEAR(RulerPosition(), thickness * std::tan(inside) + below * std::tan(outside), 0.01f) << degrees;
@@ -153,7 +153,7 @@ TEST_F(Materials, TotalReflectionKeepsAllLight) {
     add({1, 0, -1}, {-1, 0, 1}, glass);  // long side
     add({3, 0, 1}, {3, 0, -1}, AddShader("lamp", kBlack, kWhite));
     LookAlong({0.2f, 0, 5}, {0.2f, 0, 0});
-    settings.rayDepth = 4;
+    settings.said.rayDepth = 4;
     Render();
     const float pass = 1 - Schlick(ior, 1);
     const float turned = ior == kGlass ? 1 : Schlick(1 / ior, std::cos(45 * kDegree));
@@ -169,7 +169,7 @@ TEST_F(Materials, BehindGlassItIsOpenAgain) {
     AddPlane(-3, 50, AddShader("ground", Grey(0.5f), kBlack));
     AddPointLight({0, 0, -2});
     LookAtOrigin(0);
-    settings.rayDepth = 3;
+    settings.said.rayDepth = 3;
     Render();
     const float pass = 1 - Schlick(ior, 1);
     EXPECT_NEAR(MeanColor().x, 0.5f * pass * pass, 0.001f) << ior;
@@ -191,7 +191,7 @@ TEST_F(Materials, AnisotropyStretchesAlongTheFrameAndAngleTurnsIt) {
       ParallelLight& light = parallelLights.emplace_back();
       light.zAxis = {alongX ? -std::sin(tilt) : 0, alongX ? 0 : -std::sin(tilt), -std::cos(tilt)};
       LookAtOrigin(0);
-      settings.rayDepth = 1;
+      settings.said.rayDepth = 1;
       Render();
       const float width = alongX == (turns == 0) ? alpha * stretch : alpha / stretch;
       const float expected = std::exp(-slope * slope / (width * width)) * std::cos(tilt) * fresnel /
@@ -224,7 +224,7 @@ TEST_F(Materials, AovsOfAPointWithEveryLayer) {
     }
     AddPointLight({0.5f, 0.2f, 2});
     LookFrom({0, 0, 3}, {0.5f, 0.25f, 0}, 0.02f);
-    settings.rendererSample = 64;
+    settings.said.rendererSample = 64;
     const Vec3 place = {0.5f, 0.25f, 0};
     const float depth = SafeLength(Vec3{0, 0, 3} - place);
     const Vec3 shown = emissive * (1 - Schlick(1.8f, 3 / depth));

@@ -13,8 +13,10 @@
 #include "accel/accel.h"
 #include "accel/tree.h"
 #include "core/console.h"
+#include "core/index.h"
 #include "core/settings.h"
 #include "geometry/geometry.h"
+#include "geometry/validate.h"
 #include "random_geometry.h"
 
 namespace zp {
@@ -87,12 +89,12 @@ class OccludeTest : public testing::Test {
     objectTable = {};
     shaders = {};
     AddTestShaders();
-    settings.samplePass = 1;
+    settings.frame.samplePass = 1;
   }
   void TearDown() override {
     FinalizeAccelerator();
     shaders = {};
-    settings.samplePass = 8;
+    settings.frame.samplePass = 8;
     SetConsoleQuiet(false);
   }
 
@@ -128,7 +130,7 @@ TEST_F(OccludeTest, WalksAgreeWithALoopOverNestedSoups) {
     Restart(kLevels);
     const auto draw = [&] { return c.opaque ? kSolid : static_cast<std::int32_t>(generator() % 4); };
     for (std::int32_t i = 0; i < kLevels; ++i) {
-      Object& object = objectTable[static_cast<std::size_t>(i)];
+      Object& object = At(objectTable, i);
       FillSoup(object, i == 0 ? 400 : 60, draw);
       if (i + 1 == kLevels) break;
       const auto level = static_cast<float>(i);
@@ -151,13 +153,13 @@ TEST_F(OccludeTest, WalksAgreeWithALoopOverNestedSoups) {
         inside[level] = ray;
         if (level > 0) {
           const RayRecord& around = inside[level - 1];
-          const Mat4& inverse = objectTable[static_cast<std::size_t>(level - 1)].instances[0].inverse;
+          const Mat4& inverse = At(objectTable, level - 1).instances[0].inverse;
           inside[level].origin = TransformPoint(inverse, around.origin);
           inside[level].direction = TransformDirection(inverse, around.direction);
         }
         const std::int32_t stands = level < 2 ? std::int32_t{kNone} : c.outer;
         AskLoop(
-            objectTable[static_cast<std::size_t>(level)], inside[level], shadow, level,
+            At(objectTable, level), inside[level], shadow, level,
             [stands](std::int32_t shader, bool front, float cosine) {
               return Factor(stands == kNone ? shader : stands, front, cosine);
             },
@@ -168,7 +170,7 @@ TEST_F(OccludeTest, WalksAgreeWithALoopOverNestedSoups) {
       ++compared;
       SCOPED_TRACE(i);
       if (shadow) {
-        settings.samplePass = i / 2 % 2;
+        settings.frame.samplePass = i / 2 % 2;
         const Vec3 left = IsBlack(expected.throughput) ? kBlack : expected.throughput;
         EXPECT_EQ(Occlude(ray), left == kBlack);
         EXPECT_LT(SafeLength(ray.throughput - left), 1e-3f);
@@ -239,7 +241,7 @@ TEST_F(OccludeTest, TheParentCastsNoShadowOnItselfButOnOtherParts) {
           ray.event = event;
           ray.parentKind = kinds[parent];
           ray.parentPrimitive = 0;
-          ray.parentPart = &objectTable[0].parts[static_cast<std::size_t>(parentPart)];
+          ray.parentPart = &At(objectTable[0].parts, parentPart);
           EXPECT_EQ(Occlude(ray), parent != target || parentPart != 0);
         }
 }
@@ -327,7 +329,7 @@ TEST_F(OccludeTest, PassZeroLogsAndOrderedSlotsAnswerTheSameSooner) {
   EXPECT_GE(threadSlots[0].innerNodes, rays.size());
   EXPECT_TRUE(threadSlots[0].leaves > 2000 && threadSlots[0].leaves <= threadSlots[0].primitives);
   EXPECT_EQ(LoggedRays(root), 0U);
-  settings.samplePass = 0;
+  settings.frame.samplePass = 0;
   EXPECT_EQ(walk(logged), before);
   const auto blocked = static_cast<std::uint64_t>(std::count(plain.begin(), plain.end(), true));
   EXPECT_GT(blocked, 2000U);
@@ -335,12 +337,15 @@ TEST_F(OccludeTest, PassZeroLogsAndOrderedSlotsAnswerTheSameSooner) {
   EXPECT_EQ(LoggedRays(objectTable[1]), 0U);
 
   const auto innerBefore = objectTable[1].packed;
-  for (Object& object : objectTable) OrderOccluders(object);
+  for (Object& object : objectTable) {
+    OrderOccluders(object);
+    EXPECT_EQ(ValidateTree(object) + ValidateEmission(object), "");
+  }
   for (const WideNode& node : root.wideNodes)  // by what blocked per cost, the most first
     for (int i = 1; i < 8 && node.child[i] != kUnusedSlot; ++i)
       EXPECT_GE(std::bit_cast<float>(node.log[i - 1]), std::bit_cast<float>(node.log[i]));
   EXPECT_EQ(objectTable[1].packed, innerBefore);
-  settings.samplePass = 1;
+  settings.frame.samplePass = 1;
   const std::uint64_t after = walk(ordered);
   EXPECT_EQ(plain, logged);
   EXPECT_EQ(plain, ordered);
@@ -351,7 +356,7 @@ TEST_F(OccludeTest, PassZeroLogsAndOrderedSlotsAnswerTheSameSooner) {
 TEST_F(OccludeTest, LoggingLosesNoRayOfAnyThread) {
   AddSheet(Restart(), 0, 1, kSolid);
   InitializeAccelerator();
-  settings.samplePass = 0;
+  settings.frame.samplePass = 0;
 #pragma omp parallel num_threads(4)
   for (int i = 0; i < 5000; ++i) {
     RayRecord ray = RayTo({0, 0, -1}, {0, 0, 1});

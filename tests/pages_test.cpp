@@ -57,6 +57,18 @@ TEST(Pages, CheckTellsEveryFinding) {
   EXPECT_EQ(told, rows);
 }
 
+// The third column of the table of folders.
+TEST(Pages, ArchitectureTellsWhichHeadersOthersInclude) {
+  const std::string page = ReadFile(kRoot / "docs/architecture.md");
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(kRoot / "src"))
+    for (const fs::path header :
+         FindAll(entry.is_directory() ? "" : ReadFile(entry.path()), "\n#include \"(\\w+/\\w+\\.h)\"")) {
+      const std::string folder = header.parent_path(), file = header.filename();
+      if (folder == "core" || folder == entry.path().parent_path().filename()) continue;
+      EXPECT_FALSE(FindAll(page, "\n(\\| `" + folder + "` \\|.*`" + file + "`)").empty()) << header;
+    }
+}
+
 TEST(Pages, SceneFormatTellsEveryKeywordUnderItsBlock) {
   const std::string page = ReadFile(kRoot / "docs/scene-format.md");
   int blocks = 0, words = 0;

@@ -11,8 +11,10 @@
 #include <string>
 
 #include "accel/accel.h"
+#include "core/index.h"
 #include "geometry/density.h"
 #include "geometry/geometry.h"
+#include "geometry/validate.h"
 #include "integrator/estimator.h"
 #include "integrator/photons.h"
 #include "lights/photon_store.h"
@@ -122,8 +124,8 @@ TEST_F(Store, SearchFindsThePhotonsOfAPlainLoop) {
       std::vector<float> found;
       std::set<std::uint32_t> distinct;
       for (int i = 0; i < result.count; ++i) {
-        found.push_back(result.found[static_cast<std::size_t>(i)].squaredDistance);
-        distinct.insert(result.found[static_cast<std::size_t>(i)].photon);
+        found.push_back(At(result.found, i).squaredDistance);
+        distinct.insert(At(result.found, i).photon);
       }
       std::sort(found.begin(), found.end());
       ASSERT_EQ(found, expected) << shape << " " << query;
@@ -141,8 +143,8 @@ class Photons : public RenderTest {
     RenderTest::SetUp();
     skyLight.color = kBlack;
     skyLight.photon = geometryLight.photon = 0;
-    settings.distance = 0.1f;
-    settings.resolution = 0.01f;
+    settings.said.distance = 0.1f;
+    settings.said.resolution = 0.01f;
   }
   // As AddCube, faces inwards.
   static void AddRoom(float half, std::int32_t shader) {
@@ -219,7 +221,7 @@ class Photons : public RenderTest {
 
 TEST_F(Photons, CellsHoldThePowerThatLanded) {
   const Vec3 albedo = {0.8f, 0.4f, 0.1f}, cloth = {0.2f, 0.3f, 0.4f};
-  settings.photonDepth = 1;  // the first landing, and one more
+  settings.said.photonDepth = 1;  // the first landing, and one more
   // A point light in a closed room: all of its 4 pi color lands, and lands again.
   AddRoom(1, AddShader("room", albedo, kBlack));
   AddPointLight({0.2f, -0.3f, 0.1f}, 0, 50000).color = {1, 2, 3};
@@ -250,13 +252,14 @@ TEST_F(Photons, LevelsFollowTheResolutionAndTheShaders) {
   InitializeShaders();
   for (const auto& [resolution, level] : {std::pair(2.0f, 1), std::pair(1.0f, 2), std::pair(0.26f, 2),
                                           std::pair(0.25f, 3), std::pair(0.1f, 4), std::pair(0.01f, 11)}) {
-    settings.resolution = resolution;
+    settings.said.resolution = resolution;
     SetUpDensity(Geometry());
     EXPECT_EQ(Geometry().density->tetragons.level[0], level) << resolution;
     EXPECT_EQ(Geometry().density->tetragons.level[1], 1);
+    EXPECT_EQ(ValidateDensity(Geometry()), "");
   }
   EXPECT_EQ(Geometry().density->tetragons.level[2], 255);
-  settings.resolution = 0;
+  settings.said.resolution = 0;
   SetUpDensity(Geometry());
   EXPECT_EQ(Geometry().density, nullptr);
 }
@@ -267,7 +270,7 @@ TEST_F(Photons, MemoryRowAndLimit) {
   Part& part = Geometry();
   part.positions = {{0, 0, 0}, {2, 0, 0}, {0, 2, 0}};
   part.triangles.assign(3, {{0, 1, 2}, shader});
-  settings.resolution = 0.5f;  // level 3: 4.5 is above the area of 2
+  settings.said.resolution = 0.5f;  // level 3: 4.5 is above the area of 2
   const std::string row = Aloud([&] { SetUpDensity(part); });
   char expected[128];
   std::snprintf(expected, sizeof expected, "%.4f [ M bytes ]", (3 * 1 + 3 * 4 + 24 * 27) * 9.536743e-07);
@@ -276,7 +279,7 @@ TEST_F(Photons, MemoryRowAndLimit) {
   // In a process of its own: the threads of this one do not survive a fork.
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   // 255 * 255 * 24 bytes a triangle pass 2^30 at the 689th.
-  settings.resolution = 1e-6f;
+  settings.said.resolution = 1e-6f;
   part.triangles.assign(688, {{0, 1, 2}, shader});
   Printed([&] { SetUpDensity(part); });
   part.density.reset();
@@ -298,9 +301,9 @@ TEST_F(Store, LevelFloorsLoseNoCaustic) {
     photon.power = kWhite;
     photon.normal = PackDirection({0, 0, 1});
   }
-  settings.photonRadius = 0.02f;
-  settings.photonRadiusSquared = settings.photonRadius * settings.photonRadius;
-  BuildPhotonStore(settings.photonRadius);
+  settings.said.photonRadius = 0.02f;
+  settings.derived.photonRadiusSquared = settings.said.photonRadius * settings.said.photonRadius;
+  BuildPhotonStore(settings.said.photonRadius);
   ShadingPoint point;
   point.geometricNormal = {0, 0, 1};
   for (const float height : {-2e-7f, 0.0f, 2e-7f}) {
@@ -322,7 +325,7 @@ TEST_F(Photons, StoreHoldsCausticPathsAlone) {
                         Case{"light, thin pane, floor: direct light", false, true, false, false},
                         Case{"sky, mirror, ceiling", true, false, true, false}}) {
     Restart();
-    if (c.stored) settings.resolution = 0;  // in both modes, but diffuse bounces need cells
+    if (c.stored) settings.said.resolution = 0;  // in both modes, but diffuse bounces need cells
     AddPlane(c.thin ? 0.5f : -1, 1, AddShader("mirror", kBlack, kBlack));
     MakeSpecular(c.thin ? Material::kThinDielectric : Material::kConductor, kWhite, 3);
     if (!c.mirrorFirst && !c.thin) AddPlane(-0.5f, 0.6f, AddShader("shield", kBlack, kBlack));
@@ -355,10 +358,10 @@ TEST_F(Photons, GlassBallFocusesLikePathTracing) {
   float mean[2] = {}, brightest[2] = {};
   for (int photons : {0, 1}) {
     Restart();
-    settings.resolution = 0;
-    settings.rendererBounce = 1;
-    settings.rayDepth = 4;
-    settings.photonRadius = 0.08f;
+    settings.said.resolution = 0;
+    settings.said.rendererBounce = 1;
+    settings.said.rayDepth = 4;
+    settings.said.photonRadius = 0.08f;
     AddSphere(Geometry(), 4, false, AddShader("glass", kBlack, kBlack));
     for (Vec3& p : Geometry().positions) p = 0.5f * p + Vec3{0, 0, 1.2f};
     MakeSpecular(Material::kDielectric, kWhite, 1.5f);
@@ -367,7 +370,7 @@ TEST_F(Photons, GlassBallFocusesLikePathTracing) {
     AddLamp(3, 20).virtualLight = photons == 1;
     geometryLight.sample = photons;
     geometryLight.photon = 1000000 * photons;
-    settings.rendererSample = photons == 1 ? 4 : 4096;
+    settings.said.rendererSample = photons == 1 ? 4 : 4096;
     LookFrom({0.05f, -2.2f, 0.8f}, {0, 0, 0}, 36);
     cameras[0].sample = 32;
     Render();
@@ -402,11 +405,11 @@ TEST_F(Photons, FinalGatheringAgreesWithPathTracing) {
         else
           AddParallelLight({0.4f, 0.2f, -1}, 0, 2000000);
       }
-      settings.resolution = gathering == 1 ? 0.005f : 0;
-      settings.distance = 0.3f;
-      settings.rendererBounce = gathering == 1 ? 3 : 24;
-      settings.rayDepth = settings.photonDepth = 24;
-      settings.rendererSample = gathering == 1 ? 768 : 1536;
+      settings.said.resolution = gathering == 1 ? 0.005f : 0;
+      settings.said.distance = 0.3f;
+      settings.said.rendererBounce = gathering == 1 ? 3 : 24;
+      settings.said.rayDepth = settings.said.photonDepth = 24;
+      settings.said.rendererSample = gathering == 1 ? 768 : 1536;
       Render();
       shown[gathering] = Quarters();
     }
@@ -421,8 +424,8 @@ TEST_F(Photons, FinalGatheringAgreesWithPathTracing) {
 TEST_F(Photons, FirstLandingsDrawDirectLight) {
   for (float offset : {0.0f, 0.3f}) {
     Restart();
-    settings.resolution = 0;
-    settings.rayDepth = 1;
+    settings.said.resolution = 0;
+    settings.said.rayDepth = 1;
     AddPlane(0, 1, AddShader("floor", {0.8f, 0.5f, 0.2f}, kBlack));
     AddTetragon(Geometry(),
                 {Vec3{0, -0.5f, 0.3f}, Vec3{0.5f, -0.5f, 0.3f}, Vec3{0.5f, 0.5f, 0.3f}, Vec3{0, 0.5f, 0.3f}},

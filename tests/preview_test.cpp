@@ -30,6 +30,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/index.h"
 #include "program_fixture.h"
 
 namespace zp {
@@ -139,7 +140,7 @@ bool Shows(const Screenshot& window, const Screenshot& picture, int levels = 1) 
 }
 
 int ByteOf(const Screenshot& screen, int x, int y, int c) {
-  return screen.bytes[static_cast<std::size_t>((y * screen.width + x) * 3 + c)];
+  return At(screen.bytes, (y * screen.width + x) * 3 + c);
 }
 
 class PreviewWindow : public ProgramTest {
@@ -282,7 +283,7 @@ TEST_F(PreviewWindow, ShowsEveryPassAndThenTheFile) {
   int last = -1;
   for (const Screenshot& screen : seen) {
     int pass = 0;
-    while (pass < kPasses && !Shows(screen, passes[static_cast<std::size_t>(pass)])) ++pass;
+    while (pass < kPasses && !Shows(screen, At(passes, pass))) ++pass;
     EXPECT_LT(pass, kPasses) << "no pass looks like this";
     EXPECT_GT(pass, last);
     last = pass;

@@ -9,7 +9,9 @@
 #include <limits>
 #include <sstream>
 
+#include "core/index.h"
 #include "geometry/geometry.h"
+#include "geometry/validate.h"
 #include "scene/blocks.h"
 #include "shading/shading.h"
 #include "surroundings.h"
@@ -110,20 +112,6 @@ struct HairFile {
   }
 };
 
-// Each strand's segments follow each other and stay within the positions.
-void ExpectStrands(const Part& part) {
-  std::vector<std::uint32_t> cylinders;
-  std::uint64_t base = 0;
-  for (const std::uint32_t length : part.strandLengths) {
-    for (std::uint32_t i = 0; i < length; ++i) cylinders.push_back(static_cast<std::uint32_t>(base + i));
-    base += std::uint64_t{length} + 1;
-  }
-  EXPECT_LE(base, part.positions.size());
-  EXPECT_EQ(part.cylinders, cylinders);
-  EXPECT_EQ(part.uvSets.at(0).values.size(), part.positions.size());
-  EXPECT_EQ(part.scalarSets.at(0).values.size(), part.positions.size());
-}
-
 TEST_F(ReadersTest, HairWithEveryCombinationOfArrays) {
   for (std::uint32_t arrays = 0; arrays < 64; ++arrays) {  // the sixth bit has no meaning
     SCOPED_TRACE(arrays);
@@ -136,7 +124,7 @@ TEST_F(ReadersTest, HairWithEveryCombinationOfArrays) {
     ASSERT_TRUE(Hair(file.Text(), part));
     EXPECT_EQ(rows, "");
     ASSERT_EQ(part.positions.size(), 9U);
-    ExpectStrands(part);
+    EXPECT_EQ(ValidateStrands(part), "");
     EXPECT_EQ(part.strandLengths, (arrays & kSegments) != 0 ? (Lengths{1, 0, 5}) : (Lengths{2, 2, 2}));
     for (std::size_t i = 0; i < 9; ++i) {
       const auto x = static_cast<float>(i);
@@ -231,7 +219,7 @@ TEST_F(ReadersTest, HairHeadersThatLieCostNothing) {
     Part part;
     EXPECT_EQ(Hair(c.text, part), !c.lengths.empty());
     ExpectRow(c.row);
-    ExpectStrands(part);
+    EXPECT_EQ(ValidateStrands(part), "");
     EXPECT_EQ(part.strandLengths, c.lengths);
     EXPECT_LE(part.positions.capacity(), 6U);
   }
@@ -244,7 +232,7 @@ TEST_F(ReadersTest, FurMatchesLengthsAndPositionsAtTheEnd) {
   EXPECT_EQ(part.positions,
             (std::vector<Vec3>{{1, 2, 3}, {4, 5, 6}, {-1, -2, -3}, {7, 0, 0}, {100, 2, 0}, {0, 0, 0}}));
   EXPECT_EQ(part.strandLengths, (Lengths{1, 2}));
-  ExpectStrands(part);
+  EXPECT_EQ(ValidateStrands(part), "");
   EXPECT_EQ(part.uvSets[0].values, std::vector<Vec2>(6));
   EXPECT_EQ(part.scalarSets[0].values, std::vector<float>(6, 0.003f));
   EXPECT_EQ(rows, "");
@@ -261,7 +249,7 @@ TEST_F(ReadersTest, FurThatAsksForTooMuchIsCut) {
   for (const auto& [text, lengths] : cases) {
     const Part part = Fur(text + points);
     EXPECT_EQ(part.strandLengths, lengths) << text;
-    ExpectStrands(part);
+    EXPECT_EQ(ValidateStrands(part), "");
     ExpectRow(kTooMany);
   }
   // A number that cannot be read leaves a strand of one point.
@@ -371,7 +359,7 @@ TEST_F(ReadersTest, VertexArraysComeThroughPicturesToTheBit) {
   }
   EXPECT_TRUE(images.empty());  // no texture was made of them
   // The texture of the name keeps what it is, and each load appends.
-  ImageBuffer& texture = images[static_cast<std::size_t>(FindOrAddTexture("a.pfm"))];
+  ImageBuffer& texture = At(images, FindOrAddTexture("a.pfm"));
   ASSERT_TRUE(LoadTexture(texture));
   EXPECT_TRUE(texture.packed);
   EXPECT_EQ(Array(ArrayKind::kPosition, "a.pfm", part), ArrayResult::kRead);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "core/console.h"
+#include "core/index.h"
 #include "core/settings.h"
 #include "frame/frame.h"
 #include "geometry/object.h"
@@ -38,15 +39,13 @@ inline std::int32_t AddShader(const char* name, Vec3 lambertian, Vec3 emissive, 
   return static_cast<std::int32_t>(shaders.size()) - 1;
 }
 
-inline SurfaceShader& Layer(std::int32_t shader) {
-  return shaders[static_cast<std::size_t>(shader)].surfaces[0];
-}
+inline SurfaceShader& Layer(std::int32_t shader) { return ShaderAt(shader).surfaces[0]; }
 
 // A float picture in the texture table, as if it had been read; color(column, row), row 0 at the bottom.
 template <class Color>
 std::int32_t AddImage(const std::string& name, int width, int height, const Color& color) {
   const std::int32_t index = FindOrAddTexture(name);
-  ImageBuffer& image = images[static_cast<std::size_t>(index)];
+  ImageBuffer& image = At(images, index);
   Allocate(image, width, height, 3, 32, false);
   for (int i = 0; i < width * height; ++i)
     WritePixel(image, color(i % width, i / width), static_cast<std::size_t>(i));
@@ -70,7 +69,7 @@ inline void AddCube(Part& part, float half, std::int32_t shader) {
     for (float side : {-half, half}) {
       std::array<Vec3, 4> corners;
       for (int i = 0; i < 4; ++i) {
-        Vec3& p = corners[static_cast<std::size_t>(side > 0 ? i : 3 - i)];
+        Vec3& p = At(corners, side > 0 ? i : 3 - i);
         p[axis] = side;
         p[(axis + 1) % 3] = i == 1 || i == 2 ? half : -half;
         p[(axis + 2) % 3] = i >= 2 ? half : -half;
@@ -114,7 +113,7 @@ class RenderTest : public testing::Test {
   void SetUp() override {
     SetConsoleQuiet(true);
     settings = {};
-    settings.resolution = 0;  // path tracing
+    settings.said.resolution = 0;  // path tracing
     threads_ = omp_get_max_threads();
     Startup(1);
     skyLight.color = kWhite;

@@ -57,13 +57,13 @@ TEST_F(SceneTest, BlocksEndEarlyAndLate) {
   Read(
       "end\nend\nrender\nend\nrender\n unknown\n  clamp 1 2 3\n end\n error 1 1 1\nend\n"
       "object\n name a\n");
-  EXPECT_EQ(settings.clamp, (Vec3{1, 2, 3}));  // an unknown block's body belongs to the block around it
-  EXPECT_EQ(settings.error, (Vec3{0, 0, 0}));  // and its end ends that
-  ASSERT_EQ(objectTable.size(), 1U);           // the end of the file ends every block
+  EXPECT_EQ(settings.said.clamp, (Vec3{1, 2, 3}));  // an unknown block's body belongs to the block around it
+  EXPECT_EQ(settings.said.error, (Vec3{0, 0, 0}));  // and its end ends that
+  ASSERT_EQ(objectTable.size(), 1U);                // the end of the file ends every block
   EXPECT_EQ(objectTable[0].name, "a");
   // Unknown sections: their lines are read at file level.
   Read("fog\n render\n  gamma 3\n end\nend\ncamera\n render\n sample 5\nend\n");
-  EXPECT_EQ(settings.displayGamma, 3);
+  EXPECT_EQ(settings.said.displayGamma, 3);
   ASSERT_EQ(cameras.size(), 1U);
   EXPECT_EQ(cameras[0].sample, 5);
 }
@@ -81,12 +81,12 @@ TEST_F(SceneTest, MissingAndBadValuesKeepTheFieldAndAreNoted) {
     if (observed) sceneNotes = &notes;
     Read(text);
     sceneNotes = nullptr;
-    EXPECT_EQ(settings.clamp, (Vec3{5, kFarthest, kFarthest}));
-    EXPECT_EQ(settings.error, (Vec3{1, 0, 0}));
-    EXPECT_EQ(std::tuple(settings.displayGamma, settings.exposure), std::tuple(2.2f, 2.5f));
-    EXPECT_EQ(std::tuple(settings.rendererSample, settings.rendererBounce, settings.rayDepth),
+    EXPECT_EQ(settings.said.clamp, (Vec3{5, kFarthest, kFarthest}));
+    EXPECT_EQ(settings.said.error, (Vec3{1, 0, 0}));
+    EXPECT_EQ(std::tuple(settings.said.displayGamma, settings.said.exposure), std::tuple(2.2f, 2.5f));
+    EXPECT_EQ(std::tuple(settings.said.rendererSample, settings.said.rendererBounce, settings.said.rayDepth),
               std::tuple(64, 1, 8));
-    EXPECT_EQ(settings.photonRadius, 1);
+    EXPECT_EQ(settings.said.photonRadius, 1);
     ASSERT_EQ(cameras.size(), 1U);
     const Camera& c = cameras[0];
     EXPECT_EQ(std::tuple(c.name, c.width, c.height), std::tuple("", 640, 540));
@@ -120,7 +120,7 @@ TEST_F(SceneTest, LineEndsCommentsAndLongLines) {
   Read(
       "#render\r\n\r\nrender\r\n# gamma 9\r\n  #gamma 9\r\n\tgamma 4\r\n\r\nend\r\n"
       "shader\r\n name \"grey\"\r\nend\r\ncamera\r\n sample 3\r\nend");
-  EXPECT_EQ(settings.displayGamma, 4);
+  EXPECT_EQ(settings.said.displayGamma, 4);
   EXPECT_NE(FindShader("grey"), kNone);
   ASSERT_EQ(cameras.size(), 1U);
   const auto line = [](std::string text, std::size_t length) {
@@ -129,13 +129,13 @@ TEST_F(SceneTest, LineEndsCommentsAndLongLines) {
   };
   Read("render\n" + line(" gamma 5", 4095) + "\n" + line(" gamma 6", 4096) + "\n" +
        line(" error 1 1 1", 20000) + "\n clamp 1 1 1\nend\n");
-  EXPECT_EQ(settings.displayGamma, 5);
-  EXPECT_EQ(settings.error, (Vec3{0, 0, 0}));
-  EXPECT_EQ(settings.clamp, (Vec3{1, 1, 1}));
+  EXPECT_EQ(settings.said.displayGamma, 5);
+  EXPECT_EQ(settings.said.error, (Vec3{0, 0, 0}));
+  EXPECT_EQ(settings.said.clamp, (Vec3{1, 1, 1}));
   // The last line counts without its line feed, and has the same limit.
   Read("render\n" + line(" gamma 7", 4095));
   Read("render\n" + line(" gamma 8", 4096));
-  EXPECT_EQ(settings.displayGamma, 7);
+  EXPECT_EQ(settings.said.displayGamma, 7);
 }
 
 TEST_F(SceneTest, ThirdPoseEndsTheCamera) {
@@ -325,7 +325,7 @@ TEST_F(SceneTest, FoldersAreReadInOrder) {
   Write("other/a.zp", "render\n gamma 9\nend\n");
   EXPECT_TRUE(ReadSceneFolder(folder_.path.string()));
   EXPECT_EQ(imageSearchPaths, (std::vector<std::string>{"shader", "B", "a", "b", "geometry"}));
-  EXPECT_EQ(settings.displayGamma, 2);
+  EXPECT_EQ(settings.said.displayGamma, 2);
 
   fs::remove_all(folder_.path);
   EXPECT_FALSE(ReadSceneFolder(folder_.path.string()));

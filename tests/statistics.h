@@ -9,6 +9,7 @@
 #include <numeric>
 #include <vector>
 
+#include "core/index.h"
 #include "core/vec.h"
 
 namespace zp {
@@ -71,7 +72,7 @@ struct SphereGrid {
       for (int j = 0; j < sectors * fine; ++j) {
         const Vec3 local = FromPolar(std::cos(angle), (j + 0.5) * turn);
         const Vec3 d = local.x * x + local.y * y + local.z * z;
-        shares[static_cast<std::size_t>(i / fine * sectors + j / fine)] +=
+        At(shares, i / fine * sectors + j / fine) +=
             static_cast<double>(density(d)) * std::sin(angle) * step * turn;
       }
     }

@@ -4,6 +4,8 @@
 
 #pragma once
 
+#include <string>
+
 #include "geometry/object.h"
 
 namespace zp {
@@ -13,6 +15,8 @@ void Build(Object& object);
 // Moves vertices by motion / passes, refits and rotates the binary tree, and lays out the wide one.
 // Without `force` only deformable Objects are touched, and only those move.
 void Update(Object& object, bool force, int passes);
+// Whether the trees that Update left are sound, binary, wide and packed; see core/validate.h.
+std::string ValidateTree(const Object& object);
 // Gives each strand the texture coordinates of the surface of the same Object that its root stands on; (0, 0)
 // where there is none. An Object without surfaces keeps what it has. Needs the wide tree.
 void TransferRootCoordinates(Object& object);
@@ -22,6 +26,7 @@ void ClearOccluderLogs();
 
 // The steps that InitializeAccelerator finds the graph by.
 inline constexpr std::size_t kMostParts = 65535;  // of an Object
+inline constexpr int kMostInstanceLevels = 16;    // of Instances around a primitive
 void ResolveInstances();                          // names to indices; the first Object of equal names
 std::int32_t FindRootObject();  // the last that no Instance places; sets `referenced` of all
 // Adds to the root, as they stand, the other Objects that no Instance places. True if there are any.
@@ -56,11 +61,13 @@ bool TraceSurfaces(RayRecord& ray);
 
 // Walks from origin along direction (unit) to ray.t and multiplies ray.throughput, white at the start, by the
 // transparency of every surface in between, but for the ray's parent. True, with a throughput of no meaning
-// above black, when nothing is left; stops there. Counts the shadow ray. In pass 0 (settings.samplePass) the
-// blocking slots of the RootObject are logged.
+// above black, when nothing is left; stops there. Counts the shadow ray. In pass 0
+// (settings.frame.samplePass) the blocking slots of the RootObject are logged.
 bool Occlude(RayRecord& ray);
 
 // Product of the normal matrices of the Instances around the ray's hit, outermost last; identity without.
+// They stay in slots of the ray's thread, which its next Trace or TraceSurfaces, of whatever ray, writes
+// over: to be asked right after the hit, on the same thread. Occlude leaves them alone.
 Mat3 HitNormalMatrix(const RayRecord& ray);
 
 }  // namespace zp

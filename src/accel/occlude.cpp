@@ -2,11 +2,14 @@
 
 #include <atomic>
 #include <bit>
+#include <cassert>
 
 #include "accel/accel.h"
 #include "accel/walk.h"
+#include "core/index.h"
 #include "core/settings.h"
 #include "geometry/geometry.h"
+#include "geometry/validate.h"
 
 namespace zp {
 namespace {
@@ -38,8 +41,8 @@ struct OccluderWalk {
   // True when the surface that was met leaves nothing of the light.
   bool Absorbs(const Part& part, std::uint8_t kind, std::uint32_t index, const PrimitiveHit& hit) const {
     const std::int32_t number = shader == kNone ? hit.shader : shader;
-    if (number < 0 || static_cast<std::size_t>(number) >= shaders.size()) return true;
-    const Shader& met = shaders[static_cast<std::size_t>(number)];
+    if (!HasShader(number)) return true;
+    const Shader& met = ShaderAt(number);
     const bool front = hit.denominator < 0;
     if (front ? met.frontOpaque : met.backOpaque) return true;
     const Corners corners = HitCorners(part, kind, index, hit.barycentric);
@@ -102,8 +105,10 @@ struct OccluderWalk {
 
   template <bool kOpaque>
   bool TestReferences(std::uint32_t first, std::uint32_t count) {
+    assert(first + count <= object.compactReferences.size());
     for (std::uint32_t i = first; i < first + count; ++i) {
       const PrimitiveRef& reference = object.compactReferences[i];
+      assert(Holds(object, reference));
       if (reference.kind == kKindInstance) {
         if (EnterInstance(object.instances[reference.index])) return true;
         continue;
@@ -123,9 +128,9 @@ struct OccluderWalk {
   }
 
   bool EnterInstance(const Instance& instance) {
-    if (instance.object < 0 || ray.matrixDepth >= kInstanceDepth) return false;
+    if (instance.object < 0 || ray.matrixDepth >= kMostInstanceLevels) return false;
     const InsideInstance inside(ray, instance);
-    OccluderWalk inner{objectTable[static_cast<std::size_t>(instance.object)], ray, counts,
+    OccluderWalk inner{At(objectTable, instance.object), ray, counts,
                        shader == kNone ? instance.shader : shader};
     return inner.Run<false>();
   }
@@ -136,8 +141,9 @@ struct OccluderWalk {
     const PackedTree* tree = object.packed.get();
     if (tree == nullptr || tree->nodes.size() == 0) return false;
     const bool opaque = shader == kNone ? tree->opaqueOnly : IsOpaque(shader);
-    if (tree->stackSize > 128) return RunWithStack<kLog, false, 2048>(*tree);  // as deep as trees can be
-    return opaque ? RunWithStack<kLog, true, 128>(*tree) : RunWithStack<kLog, false, 128>(*tree);
+    if (tree->stackSize > kFewStackEntries) return RunWithStack<kLog, false, kMostStackEntries>(*tree);
+    return opaque ? RunWithStack<kLog, true, kFewStackEntries>(*tree)
+                  : RunWithStack<kLog, false, kFewStackEntries>(*tree);
   }
 
   template <bool kLog, bool kOpaque, int kStackSize>
@@ -153,6 +159,7 @@ struct OccluderWalk {
       while (slot < 7 && blockingLane - node.child[slot] >= (node.word[slot] & kLeafCount)) ++slot;
       place = below * 8 + slot;
     }
+    assert(place / 8 < object.wideNodes.size());
     std::atomic_ref<std::uint32_t> log(object.wideNodes[place / 8].log[place % 8]);
     log.fetch_add(1, std::memory_order_relaxed);
   }
@@ -173,6 +180,7 @@ bool OccluderWalk::RunWithStack(const PackedTree& tree) {
   for (;;) {
     while (word == 0) {
       ++innerNodes;
+      assert(child < tree.nodes.size() && top <= kStackSize);
       const PackedNode& node = nodes[child];
       Float8 near;
       const unsigned mask = SlabTest(node, slab, ray.t, near);
@@ -235,8 +243,8 @@ bool Occlude(RayRecord& ray) {
   const std::uint8_t depth = ray.depth;
   if (depth == 0) ray.depth = 1;
   OccluderCounts counts;
-  OccluderWalk walk{objectTable[static_cast<std::size_t>(rootObject)], ray, counts, kNone};
-  const bool blocked = settings.samplePass == 0 ? walk.Run<true>() : walk.Run<false>();
+  OccluderWalk walk{At(objectTable, rootObject), ray, counts, kNone};
+  const bool blocked = settings.frame.samplePass == 0 ? walk.Run<true>() : walk.Run<false>();
   if (blocked) ray.throughput = kBlack;
   ray.depth = depth;
   slot.innerNodes += counts.innerNodes;

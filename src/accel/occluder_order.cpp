@@ -6,6 +6,7 @@
 
 #include "accel/accel.h"
 #include "accel/tree.h"
+#include "core/validate.h"
 
 namespace zp {
 namespace {
@@ -66,6 +67,7 @@ OccluderTotals OrderNode(Object& object, std::uint32_t index) {
 void OrderOccluders(Object& object) {
   if (object.wideNodes.empty() || object.packed == nullptr) return;
   OrderNode(object, 0);
+  if (kValidates) RequireSound(ValidateTree(object));
 }
 
 void ClearOccluderLogs() {

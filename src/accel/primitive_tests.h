@@ -72,8 +72,8 @@ struct PrimitiveHit {
 
 // Whether the ray may see surfaces of this Shader at all. An index outside the table is visible.
 inline bool IsVisible(std::int32_t shader, const RayRecord& ray) {
-  if (shader < 0 || static_cast<std::size_t>(shader) >= shaders.size()) return true;
-  switch (shaders[static_cast<std::size_t>(shader)].geometry.visibility) {
+  if (!HasShader(shader)) return true;
+  switch (ShaderAt(shader).geometry.visibility) {
     case Visibility::kInvisible:
       return false;
     case Visibility::kNotLightPrimary:

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "accel/update_steps.h"
+#include "core/index.h"
 #include "core/stop.h"
 #include "core/threads.h"
 #include "geometry/geometry.h"
@@ -198,7 +199,7 @@ struct TreeRotator {
   void Arrange(const Arrangement& arrangement, const std::array<BinaryNode, 4>& grandchildren,
                const GroupBoxes& boxes, BinaryNode& l, BinaryNode& r) {
     const auto at = [&](int place) -> const BinaryNode& {
-      return grandchildren[arrangement.place[static_cast<std::size_t>(place)]];
+      return grandchildren[At(arrangement.place, place)];
     };
     const Box &first = boxes.of[arrangement.First()], &second = boxes.of[arrangement.Second()];
     const std::uint32_t lPair = l.first, rPair = r.first;

@@ -7,6 +7,7 @@
 
 #include "accel/accel.h"
 #include "core/console.h"
+#include "core/index.h"
 #include "core/release.h"
 #include "core/stop.h"
 #include "geometry/density.h"
@@ -22,41 +23,37 @@ float sceneRadius = 0;
 
 namespace {
 
-constexpr int kInstanceLevels = 16;  // of the matrix stacks
-
-Object& At(std::int32_t index) { return objectTable[static_cast<std::size_t>(index)]; }
-
 // `onPath` marks the Objects above.
 void AssignLevel(std::int32_t index, int level, std::vector<bool>& onPath, std::vector<InstanceCut>& cuts) {
-  Object& object = At(index);
+  Object& object = At(objectTable, index);
   object.level = std::max(object.level, level);
-  onPath[static_cast<std::size_t>(index)] = true;
+  At(onPath, index) = true;
   for (std::size_t i = 0; i < object.instances.size(); ++i) {
     Instance& instance = object.instances[i];
     if (instance.object < 0) continue;
-    const bool isCycle = onPath[static_cast<std::size_t>(instance.object)];
-    if (isCycle || level + 1 > kInstanceLevels) {
+    const bool isCycle = At(onPath, instance.object);
+    if (isCycle || level + 1 > kMostInstanceLevels) {
       cuts.push_back({index, i, instance.object, isCycle});
       instance.object = kNone;
-    } else if (At(instance.object).level < level + 1) {
+    } else if (At(objectTable, instance.object).level < level + 1) {
       AssignLevel(instance.object, level + 1, onPath, cuts);
     }
   }
-  onPath[static_cast<std::size_t>(index)] = false;
+  At(onPath, index) = false;
 }
 
 void PrintCut(const InstanceCut& cut) {
-  const std::string& name = At(cut.object).name;
+  const std::string& name = At(objectTable, cut.object).name;
   if (cut.isCycle)
-    PrintError("object - " + name + " places " + At(cut.placed).name + " in itself");
+    PrintError("object - " + name + " places " + At(objectTable, cut.placed).name + " in itself");
   else
-    PrintError("object - more than 16 instance levels at " + name);
+    PrintError("object - more than " + std::to_string(kMostInstanceLevels) + " instance levels at " + name);
   PrintRule();
 }
 
 void LimitParts(Object& object) {
   if (object.parts.size() <= kMostParts) return;
-  PrintError("object - more than 65535 parts in " + object.name);
+  PrintError("object - more than " + std::to_string(kMostParts) + " parts in " + object.name);
   PrintRule();
   object.parts.resize(kMostParts);
 }
@@ -70,9 +67,9 @@ void InitializeObject(Object& object) {
   }
   for (Instance& instance : object.instances) {
     const bool placed = instance.object >= 0;
-    FinishInstance(instance, placed ? At(instance.object).bounds : Box{});
+    FinishInstance(instance, placed ? At(objectTable, instance.object).bounds : Box{});
     // What moves inside an Instance moves the boxes around it.
-    if (placed && At(instance.object).deformable) object.deformable = true;
+    if (placed && At(objectTable, instance.object).deformable) object.deformable = true;
   }
   Build(object);
   Update(object, true, 1);
@@ -93,7 +90,7 @@ int HighestLevel() {
 }
 
 void TakeSceneBounds() {
-  sceneBounds = At(rootObject).bounds;
+  sceneBounds = At(objectTable, rootObject).bounds;
   sceneCenter = Center(sceneBounds);
   sceneRadius = IsEmpty(sceneBounds) ? 0.0f : 0.5f * SafeLength(sceneBounds.max - sceneBounds.min);
 }
@@ -117,7 +114,7 @@ std::int32_t FindRootObject() {
   for (Object& object : objectTable) object.referenced = false;
   for (const Object& object : objectTable)
     for (const Instance& instance : object.instances)
-      if (instance.object >= 0) At(instance.object).referenced = true;
+      if (instance.object >= 0) At(objectTable, instance.object).referenced = true;
   for (std::size_t i = objectTable.size(); i-- > 0;)
     if (!objectTable[i].referenced) return static_cast<std::int32_t>(i);
   return kNone;
@@ -127,7 +124,7 @@ bool JoinUnplaced(std::int32_t root) {
   bool joined = false;
   for (std::size_t i = 0; i < objectTable.size(); ++i) {
     if (objectTable[i].referenced || static_cast<std::int32_t>(i) == root) continue;
-    At(root).instances.emplace_back().object = static_cast<std::int32_t>(i);
+    At(objectTable, root).instances.emplace_back().object = static_cast<std::int32_t>(i);
     joined = true;
   }
   return joined;
@@ -152,7 +149,7 @@ void InitializeAccelerator() {
     return;
   }
   if (JoinUnplaced(rootObject)) {
-    PrintWarning("object - " + At(rootObject).name + " is treated as the root object");
+    PrintWarning("object - " + At(objectTable, rootObject).name + " is treated as the root object");
     PrintRule();
   }
   for (Object& object : objectTable) object.level = -1;  // unreached Objects stay there, and out of the way
@@ -165,7 +162,7 @@ void InitializeAccelerator() {
   if (Stopping()) rootObject = kNone;  // what is half built shall never be walked
   if (rootObject == kNone) return;
   TakeSceneBounds();
-  for (Part& part : At(rootObject).parts) SetUpDensity(part);
+  for (Part& part : At(objectTable, rootObject).parts) SetUpDensity(part);
   PrintVectorRow("scene size  ", sceneBounds.max - sceneBounds.min, "m");
   PrintVectorRow("scene min   ", sceneBounds.min, "n/a");
   PrintVectorRow("scene max   ", sceneBounds.max, "n/a");

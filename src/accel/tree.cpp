@@ -94,8 +94,7 @@ void FillLane(PackedTree& tree, std::uint32_t lane, const Object& object, const 
 }
 
 bool IsHidden(std::int32_t shader) {
-  return shader >= 0 && static_cast<std::size_t>(shader) < shaders.size() &&
-         shaders[static_cast<std::size_t>(shader)].geometry.visibility != Visibility::kAll;
+  return HasShader(shader) && ShaderAt(shader).geometry.visibility != Visibility::kAll;
 }
 
 // Whether some primitive's Shader is one of those that `test` names.
@@ -114,8 +113,8 @@ bool AnyPrimitive(const Object& object, F test) {
 }  // namespace
 
 bool IsOpaque(std::int32_t shader) {
-  if (shader < 0 || static_cast<std::size_t>(shader) >= shaders.size()) return true;
-  const Shader& s = shaders[static_cast<std::size_t>(shader)];
+  if (!HasShader(shader)) return true;
+  const Shader& s = ShaderAt(shader);
   return s.frontOpaque && s.backOpaque;
 }
 

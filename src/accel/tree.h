@@ -86,6 +86,9 @@ inline constexpr PackedKind kPackedKinds[] = {
     {kKindCylinder, kCylinderLeaf, 1, kMergedCylinders}};
 inline constexpr std::size_t kPackedKindCount = std::size(kPackedKinds);
 
+// Entries of a walk's stack: what nearly all trees do with, and more than any can need.
+inline constexpr int kFewStackEntries = 128, kMostStackEntries = 2048;
+
 struct PackedTree {
   PageArray<PackedNode> nodes;
   PageArray<TriangleBlock> blocks;

@@ -3,8 +3,10 @@
 #include "accel/accel.h"
 #include "accel/tree.h"
 #include "accel/update_steps.h"
+#include "core/index.h"
 #include "core/stop.h"
 #include "core/threads.h"
+#include "core/validate.h"
 #include "geometry/geometry.h"
 
 namespace zp {
@@ -28,13 +30,13 @@ void Update(Object& object, bool force, int passes) {
   if (!force) {
     for (Part& part : object.parts) MoveVertices(part, passes);
     for (Instance& instance : object.instances)
-      if (instance.object >= 0)
-        FinishInstance(instance, objectTable[static_cast<std::size_t>(instance.object)].bounds);
+      if (instance.object >= 0) FinishInstance(instance, At(objectTable, instance.object).bounds);
   }
   RotateTree(object);
   if (Stopping()) return;
   CollapseTree(object);
   PackTree(object);
+  if (kValidates) RequireSound(ValidateTree(object));
 }
 
 }  // namespace zp

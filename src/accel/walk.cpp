@@ -4,14 +4,17 @@
 
 #include <algorithm>
 #include <bit>
+#include <cassert>
 
 #include "accel/accel.h"
+#include "core/index.h"
+#include "geometry/validate.h"
 
 namespace zp {
 namespace {
 
 // Of the Instances around each thread's best hit: level k - 1 holds the matrix at nesting depth k.
-Mat3 matrixStacks[kMaxThreads][kInstanceDepth];
+Mat3 matrixStacks[kMaxThreads][kMostInstanceLevels];
 
 struct StackEntry {
   std::uint32_t child;
@@ -29,6 +32,7 @@ struct NearestWalk {
   bool hit = false;
 
   void Store(const Part& part, std::uint8_t kind, std::uint32_t index, const PrimitiveHit& found) {
+    assert(index < PrimitiveCount(part, kind));
     ray.t = found.t;
     ray.part = &part;
     ray.shader = found.shader;
@@ -92,8 +96,10 @@ struct NearestWalk {
   }
 
   void TestReferences(std::uint32_t first, std::uint32_t count) {
+    assert(first + count <= object.compactReferences.size());
     for (std::uint32_t i = first; i < first + count; ++i) {
       const PrimitiveRef& reference = object.compactReferences[i];
+      assert(Holds(object, reference));
       if (reference.kind == kKindInstance) {
         EnterInstance(object.instances[reference.index]);
         continue;
@@ -132,6 +138,7 @@ void NearestWalk<kSeek>::RunWithStack(const PackedTree& tree) {
   StackEntry current = {0, 0, 0};
   for (;;) {
     while (current.word == 0) {
+      assert(current.child < tree.nodes.size() && top + 7 <= stack + kStackSize);
       const PackedNode& node = nodes[current.child];
       Float8 nearLanes;
       unsigned mask = SlabTest(node, slab, ray.t, nearLanes);
@@ -193,17 +200,17 @@ void NearestWalk<kSeek>::Run() {
   const PackedTree* tree = object.packed.get();
   if (tree == nullptr || tree->nodes.size() == 0) return;
   if (kSeek == Seek::kAll) ray.direction = SafeNormalize(ray.direction);
-  if (tree->stackSize <= 128)
-    RunWithStack<128>(*tree);
+  if (tree->stackSize <= kFewStackEntries)
+    RunWithStack<kFewStackEntries>(*tree);
   else
-    RunWithStack<2048>(*tree);  // no binary tree is deep enough to need more
+    RunWithStack<kMostStackEntries>(*tree);
 }
 
 template <Seek kSeek>
 void NearestWalk<kSeek>::EnterInstance(const Instance& instance) {
-  if (instance.object < 0 || ray.matrixDepth >= kInstanceDepth) return;
+  if (instance.object < 0 || ray.matrixDepth >= kMostInstanceLevels) return;
   const InsideInstance inside(ray, instance);
-  NearestWalk inner{objectTable[static_cast<std::size_t>(instance.object)], ray};
+  NearestWalk inner{At(objectTable, instance.object), ray};
   inner.Run();
   if (!inner.hit) return;
   Mat3& matrix = matrixStacks[ray.thread][ray.matrixDepth - 1];
@@ -217,7 +224,7 @@ template <Seek kSeek>
 bool WalkFromRoot(RayRecord& ray) {
   ++threadSlots[ray.thread].rays;
   if (!PrepareRay(ray)) return false;
-  NearestWalk<kSeek> walk{objectTable[static_cast<std::size_t>(rootObject)], ray};
+  NearestWalk<kSeek> walk{At(objectTable, rootObject), ray};
   walk.Run();
   return walk.hit;
 }
@@ -227,7 +234,7 @@ bool WalkFromRoot(RayRecord& ray) {
 bool PrepareRay(RayRecord& ray) {
   ray.matrixDepth = 0;
   ray.place = 0;
-  if (rootObject < 0 || static_cast<std::size_t>(rootObject) >= objectTable.size()) return false;
+  if (!IsIndex(objectTable, rootObject)) return false;
   if (!IsFinite(ray.origin) || !IsFinite(ray.direction) || ray.direction == kBlack) return false;
   ray.inverseDirection = Reciprocal(ray.direction);
   return true;
@@ -241,6 +248,7 @@ bool Trace(RayRecord& ray) {
 bool TraceSurfaces(RayRecord& ray) { return WalkFromRoot<Seek::kSurfaces>(ray); }
 
 Mat3 HitNormalMatrix(const RayRecord& ray) {
+  assert(ray.thread < kMaxThreads && ray.hitMatrixDepth <= kInstanceDepth);
   Mat3 product;
   for (int level = 0; level < ray.hitMatrixDepth; ++level) {
     const Mat3& matrix = matrixStacks[ray.thread][level];

@@ -6,13 +6,12 @@
 #include <bit>
 #include <cmath>
 
+#include "accel/accel.h"
 #include "accel/float8.h"
 #include "accel/primitive_tests.h"
 #include "accel/tree.h"
 
 namespace zp {
-
-inline constexpr int kInstanceDepth = 16;  // Instances that a ray can be inside of
 
 // What a walk keeps of its ray for box tests. Where a direction's component is zero or nearly so, the inverse
 // is limited, since infinities of planes and origin would leave no number, and the slab is widened by what

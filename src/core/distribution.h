@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 #include <vector>
 
 namespace zp {
@@ -17,6 +18,8 @@ struct Distribution {
 };
 
 Distribution MakeDistribution(std::span<const float> weights);
+// Whether searches find what the weights promise; see core/validate.h.
+std::string ValidateDistribution(const Distribution& distribution);
 
 // The first entry whose cumulative value is above u in [0, 1); -1 in an empty distribution.
 std::int32_t UpperBound(const Distribution& distribution, float u);

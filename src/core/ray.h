@@ -37,6 +37,8 @@ enum PrimitiveKind : std::uint8_t {
   kKindUnset = 255,  // on a ray that has hit nothing yet
 };
 
+inline constexpr std::int32_t kMostDepth = 255;  // bounces of a path, which a ray counts in bytes
+
 // Lives on its caller's stack, one for each ray.
 struct RayRecord {
   Vec2 rotation;                              // the pixel's entry of pixelRotationTable
@@ -63,8 +65,6 @@ struct RayRecord {
   std::uint64_t parentPlace = 0;  // and of the hit that the ray left
   std::uint8_t kind = kKindUnset;
   std::uint8_t parentKind = kKindUnset;
-  std::uint8_t hitSide = 0;
-  std::uint8_t parentHitSide = 0;
   std::uint8_t previousEvent = kEventSpecular;
   std::uint8_t event = kEventSpecular;
   std::uint8_t thread = 0;          // OpenMP thread number: index of all per-thread slots

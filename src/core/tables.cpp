@@ -1,5 +1,6 @@
 #include "core/tables.h"
 
+#include "core/index.h"
 #include "core/random.h"
 
 namespace zp {
@@ -45,10 +46,9 @@ void FillExponentTable() {
 void FillHaltonTables() {
 #pragma omp parallel for schedule(static, 1)
   for (int d = 0; d < kHaltonDimensions; ++d) {
-    auto& table = haltonTables[static_cast<std::size_t>(d)];
+    auto& table = At(haltonTables, d);
     table.resize(kHaltonSamples);
-    for (std::uint32_t i = 0; i < kHaltonSamples; ++i)
-      table[i] = RadicalInverse(i, kHaltonBases[static_cast<std::size_t>(d)]);
+    for (std::uint32_t i = 0; i < kHaltonSamples; ++i) table[i] = RadicalInverse(i, At(kHaltonBases, d));
   }
 }
 

@@ -26,9 +26,12 @@ std::size_t EditDistance(std::string_view a, std::string_view b, std::size_t lim
   auto* row = &rows[2];
   for (std::size_t j = 0; j <= b.size(); ++j) (*last)[j] = j;
   for (std::size_t i = 1; i <= a.size(); ++i) {
-    (*row)[0] = i;
-    std::size_t least = i;
-    for (std::size_t j = 1; j <= b.size(); ++j) {
+    // Cells further off the diagonal than the limit are beyond it.
+    const std::size_t begin = i > limit ? i - limit : 1, end = std::min(i + limit, b.size());
+    (*row)[begin - 1] = begin == 1 ? i : limit + 1;
+    if (end < b.size()) (*row)[end + 1] = limit + 1;
+    std::size_t least = (*row)[begin - 1];
+    for (std::size_t j = begin; j <= end; ++j) {
       const bool same = Fold(a[i - 1]) == Fold(b[j - 1]);
       std::size_t cost = std::min({(*last)[j] + 1, (*row)[j - 1] + 1, (*last)[j - 1] + (same ? 0 : 1)});
       if (i > 1 && j > 1 && Fold(a[i - 1]) == Fold(b[j - 2]) && Fold(a[i - 2]) == Fold(b[j - 1]))

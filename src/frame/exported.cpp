@@ -57,21 +57,21 @@ void zpFinalizeRenderer() noexcept { zp::FinalizeRenderer(); }
 
 void zpRender() noexcept {
   const zp::HostSignals signals;
-  settings.passIndex = 0;
+  settings.frame.passIndex = 0;
   zp::RenderLoop();
 }
 void zpRenderPixels(int count, float* out, int pass) noexcept {
   const zp::HostSignals signals;
   if (count > 0 && out != nullptr) zp::RenderPixels(count, out, pass);
 }
-void zpSetPreviewWindow(bool show) noexcept { settings.previewWindow = show; }
-void zpSetDisplayGamma(float gamma) noexcept { settings.displayGamma = gamma; }
-void zpSetRendererClamp(float r, float g, float b) noexcept { settings.clamp = {r, g, b}; }
-void zpSetRendererError(float r, float g, float b) noexcept { settings.error = {r, g, b}; }
-void zpSetRendererRayDepth(int depth) noexcept { settings.rayDepth = depth; }
-void zpSetRendererPhotonDepth(int depth) noexcept { settings.photonDepth = depth; }
-void zpSetRendererSample(int sample) noexcept { settings.rendererSample = sample; }
-void zpSetRendererBounce(int bounce) noexcept { settings.rendererBounce = bounce; }
-void zpSetRendererDistance(float distance) noexcept { settings.distance = distance; }
-void zpSetRendererResolution(float resolution) noexcept { settings.resolution = resolution; }
-void zpSetRendererRadius(float radius) noexcept { settings.photonRadius = radius; }
+void zpSetPreviewWindow(bool show) noexcept { settings.said.previewWindow = show; }
+void zpSetDisplayGamma(float gamma) noexcept { settings.said.displayGamma = gamma; }
+void zpSetRendererClamp(float r, float g, float b) noexcept { settings.said.clamp = {r, g, b}; }
+void zpSetRendererError(float r, float g, float b) noexcept { settings.said.error = {r, g, b}; }
+void zpSetRendererRayDepth(int depth) noexcept { settings.said.rayDepth = depth; }
+void zpSetRendererPhotonDepth(int depth) noexcept { settings.said.photonDepth = depth; }
+void zpSetRendererSample(int sample) noexcept { settings.said.rendererSample = sample; }
+void zpSetRendererBounce(int bounce) noexcept { settings.said.rendererBounce = bounce; }
+void zpSetRendererDistance(float distance) noexcept { settings.said.distance = distance; }
+void zpSetRendererResolution(float resolution) noexcept { settings.said.resolution = resolution; }
+void zpSetRendererRadius(float radius) noexcept { settings.said.photonRadius = radius; }

@@ -30,7 +30,7 @@ static_assert(sizeof(AngleMeasure) == 4);
 
 // The pose that setters write, with `field` marked as written; null without such a camera.
 zp::CameraPose* WrittenPose(int camera, zp::PoseField field) {
-  zp::Camera* record = At(zp::cameras, camera);
+  zp::Camera* record = RecordAt(zp::cameras, camera);
   if (record == nullptr) return nullptr;
   const int pose = record->poseIndex == 1 ? 1 : 0;
   record->poseWritten[pose] |= field;
@@ -42,7 +42,7 @@ zp::CameraPose* WrittenPose(int camera, zp::PoseField field) {
 int zpAddCamera() noexcept { return zp::Append(zp::cameras); }
 
 void zpSetCameraName(int camera, const char* name) noexcept {
-  if (zp::Camera* record = At(zp::cameras, camera)) record->name = zp::Text(name);
+  if (zp::Camera* record = RecordAt(zp::cameras, camera)) record->name = zp::Text(name);
 }
 void zpSetCameraPosition(int camera, float x, float y, float z) noexcept {
   if (zp::CameraPose* pose = WrittenPose(camera, zp::kPosePosition)) pose->position = {x, y, z};
@@ -60,30 +60,30 @@ void zpSetCameraFOV(int camera, float degrees) noexcept {
   if (zp::CameraPose* pose = WrittenPose(camera, zp::kPoseFieldOfView)) pose->fieldOfView = degrees;
 }
 void zpSetCameraAngleMeasure(int camera, AngleMeasure measure) noexcept {
-  if (zp::Camera* record = At(zp::cameras, camera))
+  if (zp::Camera* record = RecordAt(zp::cameras, camera))
     record->angleMeasure = static_cast<zp::AngleMeasure>(measure);
 }
 void zpSetCameraExposure(int camera, float r, float g, float b) noexcept {
-  if (zp::Camera* record = At(zp::cameras, camera)) record->exposure = {r, g, b};
+  if (zp::Camera* record = RecordAt(zp::cameras, camera)) record->exposure = {r, g, b};
 }
 void zpSetCameraSample(int camera, int sample) noexcept {
-  if (zp::Camera* record = At(zp::cameras, camera)) record->sample = sample;
+  if (zp::Camera* record = RecordAt(zp::cameras, camera)) record->sample = sample;
 }
 void zpSetCameraTime(int camera, float time) noexcept {
-  if (zp::Camera* record = At(zp::cameras, camera)) record->poseIndex = time >= 0.5f ? 1 : 0;
+  if (zp::Camera* record = RecordAt(zp::cameras, camera)) record->poseIndex = time >= 0.5f ? 1 : 0;
 }
 void zpSetCameraProjection(int camera, Projection projection) noexcept {
-  if (zp::Camera* record = At(zp::cameras, camera))
+  if (zp::Camera* record = RecordAt(zp::cameras, camera))
     record->projection = static_cast<zp::Projection>(projection);
 }
 void zpSetCameraResolution(int camera, int width, int height) noexcept {
-  if (zp::Camera* record = At(zp::cameras, camera)) {
+  if (zp::Camera* record = RecordAt(zp::cameras, camera)) {
     record->width = width;
     record->height = height;
   }
 }
 void zpSetCameraRegion(int camera, int xMin, int yMin, int xMax, int yMax) noexcept {
-  if (zp::Camera* record = At(zp::cameras, camera)) {
+  if (zp::Camera* record = RecordAt(zp::cameras, camera)) {
     record->regionXMin = xMin;
     record->regionYMin = yMin;
     record->regionXMax = xMax;
@@ -92,7 +92,7 @@ void zpSetCameraRegion(int camera, int xMin, int yMin, int xMax, int yMax) noexc
 }
 
 int zpAddCameraAOV(int camera) noexcept {
-  zp::Camera* record = At(zp::cameras, camera);
+  zp::Camera* record = RecordAt(zp::cameras, camera);
   return record == nullptr ? zp::kNone : zp::Append(record->aovs);
 }
 void zpSetCameraAOVChannel(int camera, int aov, Channel channel) noexcept {

@@ -34,11 +34,11 @@ VertexSet<T> MakeSet(std::string name, std::size_t count, const float* data, std
 int zpAddObject() noexcept { return Append(objectTable); }
 
 void zpSetObjectName(int object, const char* name) noexcept {
-  if (Object* record = At(objectTable, object)) record->name = Text(name);
+  if (Object* record = RecordAt(objectTable, object)) record->name = Text(name);
 }
 
 int zpAddPart(int object) noexcept {
-  Object* record = At(objectTable, object);
+  Object* record = RecordAt(objectTable, object);
   return record == nullptr ? kNone : Append(record->parts);
 }
 
@@ -108,13 +108,13 @@ void zpAddVertexData(int object, int part, const char* name, int count, int kind
 }
 
 int zpAddInstance(int object) noexcept {
-  Object* record = At(objectTable, object);
+  Object* record = RecordAt(objectTable, object);
   return record == nullptr ? kNone : Append(record->instances);
 }
 
 void zpSetInstance(int object, int instance, int target, const float matrix[][4], int shader) noexcept {
-  Object* record = At(objectTable, object);
-  Instance* placed = record == nullptr ? nullptr : At(record->instances, instance);
+  Object* record = RecordAt(objectTable, object);
+  Instance* placed = record == nullptr ? nullptr : RecordAt(record->instances, instance);
   if (placed == nullptr) return;
   placed->object = target;
   placed->shader = shader;

@@ -17,21 +17,21 @@ namespace {
 // Both kinds of the Gaffer share these fields and their rules.
 template <class Kind>
 int AddAov(std::vector<Kind>& lights, int light) {
-  Kind* record = At(lights, light);
+  Kind* record = RecordAt(lights, light);
   return record == nullptr ? zp::kNone : zp::Append(record->aovs);
 }
 template <class Kind>
 zp::Aov* AovAt(std::vector<Kind>& lights, int light, int aov) {
-  Kind* record = At(lights, light);
-  return record == nullptr ? nullptr : At(record->aovs, aov);
+  Kind* record = RecordAt(lights, light);
+  return record == nullptr ? nullptr : RecordAt(record->aovs, aov);
 }
 template <class Kind>
 void Link(std::vector<Kind>& lights, int light, int shader) {
-  if (Kind* record = At(lights, light)) record->link.shaders.push_back(shader);
+  if (Kind* record = RecordAt(lights, light)) record->link.shaders.push_back(shader);
 }
 template <class Kind, class Owner, class Value>
 void Set(std::vector<Kind>& lights, int light, Value Owner::*field, std::type_identity_t<Value> value) {
-  if (Kind* record = At(lights, light)) record->*field = value;
+  if (Kind* record = RecordAt(lights, light)) record->*field = value;
 }
 
 }  // namespace
@@ -111,10 +111,10 @@ void zpSetSkyLightPhoton(int photon) noexcept { skyLight.photon = photon; }
 void zpSetSkyLightShaderLink(int shader) noexcept { skyLight.link.shaders.push_back(shader); }
 int zpAddSkyLightAOV() noexcept { return zp::Append(skyLight.aovs); }
 void zpSetSkyLightAOVChannel(int aov, Channel channel) noexcept {
-  if (zp::Aov* record = At(skyLight.aovs, aov)) record->channel |= channel;
+  if (zp::Aov* record = RecordAt(skyLight.aovs, aov)) record->channel |= channel;
 }
 void zpSetSkyLightAOVName(int aov, const char* name) noexcept {
-  if (zp::Aov* record = At(skyLight.aovs, aov)) record->image.fileName = zp::Text(name);
+  if (zp::Aov* record = RecordAt(skyLight.aovs, aov)) record->image.fileName = zp::Text(name);
 }
 
 void zpSetGeometryLightSample(int sample) noexcept { geometryLight.sample = sample; }
@@ -122,11 +122,11 @@ void zpSetGeometryLightPhoton(int photon) noexcept { geometryLight.photon = phot
 void zpSetGeometryLightShaderLink(int shader) noexcept { geometryLight.link.shaders.push_back(shader); }
 int zpAddGeometryLightAOV() noexcept { return zp::Append(geometryLight.aovs); }
 void zpSetGeometryLightAOVChannel(int aov, Channel channel) noexcept {
-  if (zp::Aov* record = At(geometryLight.aovs, aov)) record->channel |= channel;
+  if (zp::Aov* record = RecordAt(geometryLight.aovs, aov)) record->channel |= channel;
 }
 void zpSetGeometryLightAOVName(int aov, const char* name) noexcept {
-  if (zp::Aov* record = At(geometryLight.aovs, aov)) record->image.fileName = zp::Text(name);
+  if (zp::Aov* record = RecordAt(geometryLight.aovs, aov)) record->image.fileName = zp::Text(name);
 }
 void zpSetGeometryLightAOVShaderName(int aov, const char* name) noexcept {
-  if (zp::Aov* record = At(geometryLight.aovs, aov)) record->shaderName = zp::Text(name);
+  if (zp::Aov* record = RecordAt(geometryLight.aovs, aov)) record->shaderName = zp::Text(name);
 }

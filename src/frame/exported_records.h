@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "core/index.h"
 #include "geometry/object.h"
 #include "imaging/imaging.h"
 #include "shading/shading.h"
@@ -14,10 +15,8 @@ namespace zp {
 
 // The record of that index; null when there is none.
 template <class T>
-T* At(std::vector<T>& table, int index) {
-  return index < 0 || static_cast<std::size_t>(index) >= table.size()
-             ? nullptr
-             : &table[static_cast<std::size_t>(index)];
+T* RecordAt(std::vector<T>& table, int index) {
+  return IsIndex(table, index) ? &At(table, index) : nullptr;
 }
 
 // Appends a default record and returns its index.
@@ -38,20 +37,20 @@ constexpr bool Agree(Public a, Internal b) {
 inline std::string Text(const char* text) { return text == nullptr ? std::string() : std::string(text); }
 
 inline Part* PartAt(int object, int part) {
-  Object* record = At(objectTable, object);
-  return record == nullptr ? nullptr : At(record->parts, part);
+  Object* record = RecordAt(objectTable, object);
+  return record == nullptr ? nullptr : RecordAt(record->parts, part);
 }
 inline SurfaceShader* LayerAt(int shader, int layer) {
-  Shader* record = At(shaders, shader);
-  return record == nullptr ? nullptr : At(record->surfaces, layer);
+  Shader* record = RecordAt(shaders, shader);
+  return record == nullptr ? nullptr : RecordAt(record->surfaces, layer);
 }
 inline ImageSlot* DisplacementAt(int shader, int layer) {
-  Shader* record = At(shaders, shader);
-  return record == nullptr ? nullptr : At(record->geometry.vector, layer);
+  Shader* record = RecordAt(shaders, shader);
+  return record == nullptr ? nullptr : RecordAt(record->geometry.vector, layer);
 }
 inline Aov* CameraAovAt(int camera, int aov) {
-  Camera* record = At(cameras, camera);
-  return record == nullptr ? nullptr : At(record->aovs, aov);
+  Camera* record = RecordAt(cameras, camera);
+  return record == nullptr ? nullptr : RecordAt(record->aovs, aov);
 }
 
 }  // namespace zp

@@ -1,5 +1,6 @@
 // Shaders and their layers, as a host fills them.
 
+#include "core/index.h"
 #include "frame/exported_records.h"
 #include "frame/zp.h"
 
@@ -38,8 +39,7 @@ static_assert(Agree(Visibility::kAll, zp::Visibility::kAll));
 zp::ImageSlot* SlotAt(int shader, int layer, Element element) {
   const int i = static_cast<int>(element);
   zp::SurfaceShader* record = zp::LayerAt(shader, layer);
-  return record == nullptr || i < 0 || i >= zp::kElementCount ? nullptr
-                                                              : &record->slots[static_cast<std::size_t>(i)];
+  return record != nullptr && zp::IsIndex(record->slots, i) ? &At(record->slots, i) : nullptr;
 }
 
 // Intended: the identity flags stay set, so that matrices given here are kept but not applied.
@@ -59,22 +59,22 @@ void SetImage(zp::ImageSlot* slot, const char* path, float gamma, const float co
 int zpAddShader() noexcept { return zp::Append(zp::shaders); }
 
 void zpSetShaderName(int shader, const char* name) noexcept {
-  if (At(zp::shaders, shader) != nullptr) zp::RenameShader(shader, zp::Text(name));
+  if (RecordAt(zp::shaders, shader) != nullptr) zp::RenameShader(shader, zp::Text(name));
 }
 void zpSetShaderVisibility(int shader, Visibility visibility) noexcept {
-  if (zp::Shader* record = At(zp::shaders, shader))
+  if (zp::Shader* record = RecordAt(zp::shaders, shader))
     record->geometry.visibility = static_cast<zp::Visibility>(visibility);
 }
 void zpSetShaderSmoothAngle(int shader, float degrees) noexcept {
-  if (zp::Shader* record = At(zp::shaders, shader)) record->geometry.smoothAngle = degrees;
+  if (zp::Shader* record = RecordAt(zp::shaders, shader)) record->geometry.smoothAngle = degrees;
 }
 void zpSetShaderRoundCorner(int shader, float radius) noexcept {
-  if (zp::Shader* record = At(zp::shaders, shader)) record->geometry.roundCorner = radius;
+  if (zp::Shader* record = RecordAt(zp::shaders, shader)) record->geometry.roundCorner = radius;
 }
 void zpSetShaderTime(int /*shader*/, float /*time*/) noexcept {}
 
 int zpAddSurfaceShader(int shader) noexcept {
-  zp::Shader* record = At(zp::shaders, shader);
+  zp::Shader* record = RecordAt(zp::shaders, shader);
   return record == nullptr ? zp::kNone : zp::Append(record->surfaces);
 }
 void zpSetSurfaceColor(int shader, int layer, Element element, float r, float g, float b) noexcept {
@@ -97,7 +97,7 @@ void zpSetSurfaceVirtualLight(int shader, int layer, bool on) noexcept {
 }
 
 int zpAddDisplacementShader(int shader) noexcept {
-  zp::Shader* record = At(zp::shaders, shader);
+  zp::Shader* record = RecordAt(zp::shaders, shader);
   return record == nullptr ? zp::kNone : zp::Append(record->geometry.vector);
 }
 void zpSetDisplacementImage(int shader, int layer, const char* path, float gamma, const float color[][4],

@@ -95,9 +95,9 @@ void Go(const std::string& folder) {
   Startup();
   LoadScene(folder);
   Initialize();
-  settings.passIndex = 0;
+  settings.frame.passIndex = 0;
   RenderLoop();
-  if (settings.previewWindow) {
+  if (settings.said.previewWindow) {
     PrintLine("         click to close the preview window. happy rendering. thank you!         ");
     PrintRule();
   }

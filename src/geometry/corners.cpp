@@ -1,10 +1,14 @@
 // Which vertices a hit lies between.
 
+#include <cassert>
+
 #include "geometry/geometry.h"
+#include "geometry/validate.h"
 
 namespace zp {
 
 Corners HitCorners(const Part& part, std::uint8_t kind, std::uint32_t index, Vec3 barycentric) {
+  assert(index < PrimitiveCount(part, kind) || kind < kKindParticle || kind > kKindTetragon);
   const Vec3 b = barycentric;
   switch (kind) {
     case kKindParticle:

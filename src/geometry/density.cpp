@@ -1,12 +1,16 @@
 #include "geometry/density.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdlib>
 
 #include "core/console.h"
+#include "core/index.h"
 #include "core/settings.h"
 #include "core/shared_add.h"
+#include "core/validate.h"
 #include "geometry/geometry.h"
+#include "geometry/validate.h"
 #include "shading/shading.h"
 
 namespace zp {
@@ -15,8 +19,8 @@ namespace {
 constexpr float kLeastResolution = 1e-8f;  // scene units squared
 
 bool ReceivesPhotons(std::int32_t shader) {
-  if (shader < 0 || static_cast<std::size_t>(shader) >= shaders.size()) return false;
-  const Shader& s = shaders[static_cast<std::size_t>(shader)];
+  if (!HasShader(shader)) return false;
+  const Shader& s = ShaderAt(shader);
   return s.frontLambertian || s.backLambertian || s.frontTransmissive || s.backTransmissive;
 }
 
@@ -57,7 +61,7 @@ std::int32_t Step(float share, std::int32_t level) {
 // Where a hit's light is kept. Null arrays: nowhere.
 struct CellPlace {
   CellGrid* grid = nullptr;
-  std::size_t index = 0;
+  std::int32_t index = 0;
   std::int32_t level = 1;
 };
 
@@ -68,29 +72,29 @@ CellPlace PlaceOf(const RayRecord& ray) {
   const bool triangle = ray.kind == kKindTriangle;
   if (!triangle && ray.kind != kKindTetragon) return place;
   CellGrid& grid = triangle ? ray.part->density->triangles : ray.part->density->tetragons;
-  const auto primitive = static_cast<std::size_t>(ray.primitive);
-  if (primitive >= grid.level.size()) return place;
-  place.level = grid.level[primitive];
+  if (!IsIndex(grid.level, ray.primitive)) return place;
+  place.level = At(grid.level, ray.primitive);
   const std::int32_t cell = triangle ? TriangleCell(ray.barycentric, place.level)
                                      : TetragonCell(ray.barycentric.x, ray.barycentric.y, place.level);
-  place.index = static_cast<std::size_t>(grid.offset[primitive]) + static_cast<std::size_t>(cell);
+  place.index = At(grid.offset, ray.primitive) + cell;
+  assert(cell >= 0 && cell < place.level * place.level && IsIndex(grid.face, place.index));
   place.grid = &grid;
   return place;
 }
 
 }  // namespace
 
-bool AsksForCells() { return settings.resolution >= kLeastResolution; }
+bool AsksForCells() { return settings.said.resolution >= kLeastResolution; }
 
-bool ChoosesFinalGathering() { return settings.distance > 0 && AsksForCells(); }
+bool ChoosesFinalGathering() { return settings.said.distance > 0 && AsksForCells(); }
 
 // The smallest level whose cells, of the resolution's area, cover more than `area`.
 std::int32_t CellLevel(float area) {
   const auto covers = [&](std::int32_t n) {
-    return static_cast<float>(n) * static_cast<float>(n) * settings.resolution > area;
+    return static_cast<float>(n) * static_cast<float>(n) * settings.said.resolution > area;
   };
   if (!covers(kMostCellLevels)) return kMostCellLevels;
-  auto level = static_cast<std::int32_t>(std::sqrt(area / settings.resolution));
+  auto level = static_cast<std::int32_t>(std::sqrt(area / settings.said.resolution));
   level = std::clamp(level, 1, kMostCellLevels);
   while (level > 1 && covers(level - 1)) --level;
   while (!covers(level)) ++level;
@@ -100,7 +104,6 @@ std::int32_t CellLevel(float area) {
 void SetUpDensity(Part& part) {
   part.density.reset();
   if (!AsksForCells()) return;
-  settings.distanceSquared = settings.distance * settings.distance;
   part.density = std::make_shared<DensityCells>();
   SetUpGrid(
       part.density->triangles, part.triangles.size(),
@@ -110,6 +113,7 @@ void SetUpDensity(Part& part) {
       part.density->tetragons, part.tetragons.size(),
       [&](std::size_t i) { return TetragonArea(part, static_cast<std::uint32_t>(i)); },
       [&](std::size_t i) { return part.tetragons[i].shader; });
+  if (kValidates) RequireSound(ValidateDensity(part));
   const std::size_t bytes = ReportedBytes(part.density->triangles) + ReportedBytes(part.density->tetragons);
   PrintFloatRow("density estimator buffer", static_cast<float>(bytes) * kMegabytesPerByte, "M bytes");
   PrintRule();
@@ -137,13 +141,13 @@ void AddDensity(const RayRecord& ray, CellSide side, Vec3 power) {
   if (!(area > 1e-5f)) return;
   const bool face = ray.frontFace == (side == CellSide::kMet);
   const auto cells = static_cast<float>(place.level * place.level);
-  AddShared((face ? place.grid->face : place.grid->back)[place.index], power / area * cells);
+  AddShared(At(face ? place.grid->face : place.grid->back, place.index), power / area * cells);
 }
 
 Vec3 ReadDensity(const RayRecord& ray) {
   const CellPlace place = PlaceOf(ray);
   if (place.grid == nullptr) return kBlack;
-  return (ray.frontFace ? place.grid->face : place.grid->back)[place.index];
+  return At(ray.frontFace ? place.grid->face : place.grid->back, place.index);
 }
 
 }  // namespace zp

@@ -1,6 +1,8 @@
 // geometry/density.h: the density estimator. Every triangle and tetragon of the RootObject carries a grid of
 // cells on each of its sides; photons are added where they land, and one array read answers for the light
 // that leaves there. A cell holds radiance: photon power (flux over pi) by area, times the surface's colour.
+// Part::density is a handle: photons write its cells through the const Part of their hit. Nothing reads them
+// before the cast has ended.
 
 #pragma once
 
@@ -35,7 +37,7 @@ std::int32_t CellLevel(float area);
 inline constexpr std::int64_t kBytesPerCell = 24;
 inline constexpr std::int64_t kMostCellBytes = 0x40000000;  // of one kind of primitive of a Part
 
-// Gives the Part fresh black cells of about settings.resolution scene units squared; none where none are
+// Gives the Part fresh black cells of about settings.said.resolution scene units squared; none where none are
 // asked for. Prints the memory row. Ends the process with status 1 when one kind's cells take more than 1 GB.
 void SetUpDensity(Part& part);
 

@@ -2,10 +2,12 @@
 #include <new>
 
 #include "core/console.h"
+#include "core/index.h"
 #include "core/random.h"
 #include "core/release.h"
 #include "core/stop.h"
 #include "core/threads.h"
+#include "core/validate.h"
 #include "geometry/displace_patch.h"
 #include "geometry/geometry.h"
 #include "shading/shading.h"
@@ -19,16 +21,15 @@ constexpr std::uint64_t kMostVertices = 0xFFFFFFFEU;
 constexpr std::uint64_t kMostTriangles = kMostVertices / 3;
 
 const ImageSlot* FindLayer(std::int32_t shader, std::size_t pass) {
-  if (static_cast<std::size_t>(shader) >= shaders.size()) return nullptr;
-  const auto& layers = shaders[static_cast<std::size_t>(shader)].geometry.vector;
+  if (!HasShader(shader)) return nullptr;
+  const auto& layers = ShaderAt(shader).geometry.vector;
   return pass < layers.size() ? &layers[pass] : nullptr;
 }
 
 std::size_t CountPasses(const Part& part) {
   std::size_t passes = 0;
   const auto consider = [&](std::int32_t shader) {
-    if (static_cast<std::size_t>(shader) < shaders.size())
-      passes = std::max(passes, shaders[static_cast<std::size_t>(shader)].geometry.vector.size());
+    if (HasShader(shader)) passes = std::max(passes, ShaderAt(shader).geometry.vector.size());
   };
   for (const Triangle& triangle : part.triangles) consider(triangle.shader);
   for (const Tetragon& tetragon : part.tetragons) consider(tetragon.shader);
@@ -66,13 +67,13 @@ bool PlanPass(const Part& part, std::size_t pass, PassPlan& plan) {
   std::uint64_t kept = 0;
 #pragma omp parallel for schedule(static) reduction(+ : kept) if (IsWorthThreads(part.triangles.size(), 10))
   for (std::int64_t i = 0; i < count; ++i) {
-    const Triangle& triangle = part.triangles[static_cast<std::size_t>(i)];
+    const Triangle& triangle = At(part.triangles, i);
     const ImageSlot* layer = FindLayer(triangle.shader, pass);
     bool refined = layer != nullptr;
     for (const std::uint32_t v : triangle.vertex)
       refined = refined && !IsZero(part.normals[v]) && !IsZero(part.tangents[v]);
     // A level below 1 would leave a hole where the triangle was.
-    plan.slices[static_cast<std::size_t>(i)].level = refined ? std::max(layer->level, 1) : 0;
+    At(plan.slices, i).level = refined ? std::max(layer->level, 1) : 0;
     kept += refined ? 0 : 1;
   }
   plan.vertices = part.positions.size();
@@ -145,9 +146,9 @@ class DrawFromUv {
 // How far a layer moves a point, in scene units. An image counts from mid-grey.
 Vec3 Offset(const ImageSlot& layer, Vec2 uv, PackedVector packedNormal, PackedVector packedTangent) {
   Vec3 amount = layer.color;
-  if (static_cast<std::size_t>(layer.image) < images.size()) {
+  if (IsIndex(images, layer.image)) {
     const DrawFromUv draws(uv);
-    const Vec3 texel = LookUpTexture(images[static_cast<std::size_t>(layer.image)], layer, uv);
+    const Vec3 texel = LookUpTexture(At(images, layer.image), layer, uv);
     amount = (texel - Vec3{0.5f, 0.5f, 0.5f}) * layer.color;
   }
   if (layer.direction != Vec3{}) return layer.direction * amount;
@@ -215,6 +216,32 @@ class Refiner {
   int order_[3] = {};
 };
 
+// After a pass: each triangle is that of one slice, and each new vertex has corners in its slice alone.
+std::string ValidateRefined(const Part& part, const PassPlan& plan) {
+  Fault fault;
+  std::vector<bool> taken(part.triangles.size()), owned(part.positions.size());
+  for (const Slice& slice : plan.slices) {
+    const auto level = static_cast<std::uint64_t>(slice.level);
+    const std::uint64_t faces = level == 0 ? 1 : LatticeTriangles(level);
+    const std::uint64_t points = level == 0 ? 0 : LatticePoints(level);
+    if (!fault.Require(slice.triangle + faces <= taken.size() && slice.vertex + points <= owned.size(),
+                       "refined slice", slice.triangle))
+      break;
+    for (std::size_t v = slice.vertex; v < slice.vertex + points; ++v)
+      fault.Require(!owned[v], "point of two refined triangles", v);
+    for (std::size_t i = slice.triangle; i < slice.triangle + faces; ++i) {
+      fault.Require(!taken[i], "refined triangle's place", i);
+      taken[i] = true;
+      for (const std::uint32_t v : part.triangles[i].vertex)
+        if (level != 0 && fault.Require(v - slice.vertex < points, "refined triangle's vertex", i))
+          owned[v] = true;
+    }
+    for (std::size_t v = slice.vertex; v < slice.vertex + points; ++v)
+      fault.Require(owned[v], "point of no triangle", v);
+  }
+  return fault.text;
+}
+
 // One layer of every shader. False, with an error row and the Part unchanged, when the result is too large.
 bool RefineAndMove(Part& part, std::size_t pass) {
   PassPlan plan;
@@ -227,8 +254,8 @@ bool RefineAndMove(Part& part, std::size_t pass) {
 #pragma omp parallel for schedule(static) if (IsWorthThreads(plan.vertices, 100))
   for (std::int64_t i = 0; i < count; ++i) {
     if (Stopping()) continue;
-    const Triangle& triangle = part.triangles[static_cast<std::size_t>(i)];
-    const Slice& slice = plan.slices[static_cast<std::size_t>(i)];
+    const Triangle& triangle = At(part.triangles, i);
+    const Slice& slice = At(plan.slices, i);
     if (slice.level == 0) {
       triangles[slice.triangle] = triangle;
       continue;
@@ -238,6 +265,7 @@ bool RefineAndMove(Part& part, std::size_t pass) {
                  &triangles[slice.triangle]);
   }
   part.triangles.swap(triangles);
+  if (kValidates && !Stopping()) RequireSound(ValidateRefined(part, plan));
   return true;
 }
 

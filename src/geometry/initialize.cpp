@@ -2,9 +2,12 @@
 #include <utility>
 
 #include "core/console.h"
+#include "core/index.h"
 #include "core/release.h"
 #include "core/stop.h"
+#include "core/validate.h"
 #include "geometry/geometry.h"
+#include "geometry/validate.h"
 #include "shading/shading.h"
 
 namespace zp {
@@ -109,7 +112,7 @@ void Validate(Part& part) {
 
   DropUnusablePrimitives(part);
 
-  if (static_cast<std::size_t>(part.shader) >= shaders.size()) part.shader = 0;
+  if (!HasShader(part.shader)) part.shader = 0;
   // Names are slow to compare, but primitives of one Shader mostly follow one another. An index outside the
   // table counts as undefined too, so that no look-up leaves it.
   std::int32_t last = kNone;
@@ -117,8 +120,7 @@ void Validate(Part& part) {
   const auto settle = [&](std::int32_t& shader) {
     if (shader != last) {
       last = shader;
-      const auto index = static_cast<std::size_t>(shader);
-      isUndefined = index >= shaders.size() || shaders[index].name == kUndefinedShader;
+      isUndefined = !HasShader(shader) || ShaderAt(shader).name == kUndefinedShader;
     }
     if (isUndefined) shader = part.shader;
   };
@@ -129,8 +131,7 @@ void Validate(Part& part) {
 
 void FlipFaces(Part& part) {
   const auto flips = [](std::int32_t shader) {
-    return static_cast<std::size_t>(shader) < shaders.size() &&
-           shaders[static_cast<std::size_t>(shader)].geometry.flipFace;
+    return HasShader(shader) && ShaderAt(shader).geometry.flipFace;
   };
   for (Triangle& triangle : part.triangles)
     if (flips(triangle.shader)) std::swap(triangle.vertex[0], triangle.vertex[1]);
@@ -140,8 +141,8 @@ void FlipFaces(Part& part) {
 
 // Adds the records of one primitive, in the order of the four flags of its Shader.
 void AddEmitter(Object& object, EmissionRecord record, std::int32_t shaderIndex) {
-  if (static_cast<std::size_t>(shaderIndex) >= shaders.size()) return;
-  const Shader& shader = shaders[static_cast<std::size_t>(shaderIndex)];
+  if (!HasShader(shaderIndex)) return;
+  const Shader& shader = ShaderAt(shaderIndex);
   const auto add = [&](EmissionList& list, bool flag, std::uint8_t side) {
     if (!flag) return;
     record.side = side;
@@ -154,8 +155,8 @@ void AddEmitter(Object& object, EmissionRecord record, std::int32_t shaderIndex)
 }
 
 bool IsLight(std::int32_t shaderIndex) {
-  if (static_cast<std::size_t>(shaderIndex) >= shaders.size()) return false;
-  const Shader& s = shaders[static_cast<std::size_t>(shaderIndex)];
+  if (!HasShader(shaderIndex)) return false;
+  const Shader& s = ShaderAt(shaderIndex);
   return s.frontEmissive || s.backEmissive || s.frontVirtualLight || s.backVirtualLight;
 }
 
@@ -195,6 +196,7 @@ void PreparePart(Part& part, const Object& object) {
   part.tangents.shrink_to_fit();
   part.triangles.shrink_to_fit();
   part.tetragons.shrink_to_fit();
+  if (kValidates && !Stopping()) RequireSound(ValidatePart(part));
 }
 
 // Gauss-Jordan elimination with row pivots, in double precision. False, with `inverse` untouched, for a
@@ -280,16 +282,17 @@ void BuildEmissionLists(Object& object) {
     record.kind = kKindInstance;
     record.side = 1;
     for (record.index = 0; record.index < object.instances.size(); ++record.index) {
-      const auto target = static_cast<std::size_t>(object.instances[record.index].object);
-      const bool known = target < objectTable.size();
-      record.area = known ? objectTable[target].emitters.area : 0.0f;
+      const std::int32_t target = object.instances[record.index].object;
+      const bool known = IsIndex(objectTable, target);
+      record.area = known ? At(objectTable, target).emitters.area : 0.0f;
       object.emitters.records.push_back(record);
-      record.area = known ? objectTable[target].virtualLights.area : 0.0f;
+      record.area = known ? At(objectTable, target).virtualLights.area : 0.0f;
       object.virtualLights.records.push_back(record);
     }
   }
   FinishEmissionList(object.emitters);
   FinishEmissionList(object.virtualLights);
+  if (kValidates) RequireSound(ValidateEmission(object));
 }
 
 void PrintObjectReport(const Object& object) {

@@ -1,9 +1,11 @@
 #include "geometry/object.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 
 #include "geometry/geometry.h"
+#include "geometry/validate.h"
 
 namespace zp {
 
@@ -89,6 +91,7 @@ Box CylinderBox(const Part& part, std::uint32_t index) {
 }
 
 Box PrimitiveBox(const Object& object, const PrimitiveRef& reference) {
+  assert(Holds(object, reference));
   switch (reference.kind) {
     case kKindParticle:
       return ParticleBox(object.parts[reference.part], reference.index);

@@ -61,9 +61,9 @@ struct Part {
   std::vector<std::int32_t> primitiveShaders;
   std::int32_t shader = 0;
   std::string materialName;
-  std::string typeName = "undefined";
-  std::shared_ptr<DensityCells> density;  // of a Part of the RootObject, while there are cells
-  bool motion = false;                    // some vector set is named "motion"
+  // Of a Part of the RootObject, while there are cells. A handle: a const Part's cells can be written.
+  std::shared_ptr<DensityCells> density;
+  bool motion = false;  // some vector set is named "motion"
   // Of the reader that merges vertices; transient. Open addressing, a power of two of slots with vertex
   // indices.
   std::vector<std::uint32_t> vertexHash;
@@ -77,7 +77,6 @@ struct Instance {
   Box bounds;         // world
   std::int32_t object = kNone;
   std::string objectName;
-  std::string typeName = "undefined";
   std::int32_t shader = kNone;  // overrides the Object's own shaders, unless kNone
 };
 
@@ -133,7 +132,6 @@ struct PackedTree;  // accel: the same tree, laid out for walking
 struct Object {
   Box bounds;
   std::string name;
-  std::string typeName = "undefined";
   std::int32_t shader = 0;  // of scene text; see PreparePart for when it reaches a Part
   std::vector<Part> parts;
   std::vector<Instance> instances;

@@ -10,6 +10,7 @@
 #include "core/release.h"
 #include "core/stop.h"
 #include "core/threads.h"
+#include "core/validate.h"
 #include "geometry/geometry.h"
 #include "shading/shading.h"
 
@@ -70,8 +71,7 @@ T ValueAt(const std::vector<T>& values, std::uint32_t vertex) {
 
 float DegreesOf(std::int32_t shader) {
   static const GeometryShader kDefaults;
-  const auto index = static_cast<std::size_t>(shader);
-  return index < shaders.size() ? shaders[index].geometry.smoothAngle : kDefaults.smoothAngle;
+  return (HasShader(shader) ? ShaderAt(shader).geometry : kDefaults).smoothAngle;
 }
 
 // True if all shaders in use ask for facets.
@@ -192,8 +192,8 @@ void FindAngles(Smoothing& s) {
   std::size_t first = shaders.size(), last = 0;
   const auto meet = [&](const auto& faces) {
     for (const auto& face : faces) {
+      if (!HasShader(face.shader)) continue;
       const auto index = static_cast<std::size_t>(face.shader);
-      if (index >= shaders.size()) continue;
       first = std::min(first, index);
       last = std::max(last, index);
     }
@@ -249,6 +249,28 @@ void CollectCorners(Smoothing& s) {
     s.corners[s.begins[s.groups[vertex] + 1]++] = corner;
   });
   s.begins.pop_back();
+}
+
+// Each corner of a face stands once, in the group of its vertex, whose vertices share a position.
+std::string ValidateCorners(const Smoothing& s) {
+  Fault fault;
+  const std::size_t triangles = s.part.triangles.size(), count = 3 * triangles + 4 * s.part.tetragons.size();
+  if (!fault.Require(s.corners.size() == count && s.begins.back() == count, "corners' number", count))
+    return fault.text;
+  std::vector<bool> met(count);
+  for (std::size_t g = 0; g + 1 < s.begins.size(); ++g)
+    for (std::size_t i = s.begins[g]; i < s.begins[g + 1]; ++i) {
+      const CornerRecord corner = s.corners[i];
+      const std::size_t number = corner.kind == kKindTriangle
+                                     ? 3 * std::size_t{corner.primitive} + corner.corner
+                                     : 3 * triangles + 4 * std::size_t{corner.primitive} + corner.corner;
+      if (!fault.Require(number < count && !met[number], "corner", i)) return fault.text;
+      met[number] = true;
+      const std::uint32_t vertex = VertexOf(s.part, corner);
+      fault.Require(s.groups[vertex] == g, "corner's group", i);
+      fault.Require(vertex == g || s.part.positions[vertex] == s.part.positions[g], "corner's position", i);
+    }
+  return fault.text;
 }
 
 // Whether the vertex `other` holds in all sets what `vertex` holds.
@@ -436,6 +458,7 @@ void Smooth(Part& part) {
   s.groups = FindGroups(part.positions);
   if (Stopping()) return;
   CollectCorners(s);
+  if (kValidates) RequireSound(ValidateCorners(s));
   Release(s.groups);
   SmoothGroups(s);
   if (!Stopping()) Replace(s);

@@ -45,8 +45,7 @@ void StrandLayout::Finish() const {
 
 void DeriveStrands(Part& part) {
   const std::size_t count = part.positions.size();
-  const auto shader = static_cast<std::size_t>(part.shader);
-  if (shader < shaders.size()) shaders[shader].usedByHair = true;
+  if (HasShader(part.shader)) ShaderAt(part.shader).usedByHair = true;
 
   part.scalarSets.push_back({"parameter", {}});
   std::vector<float>& parameters = part.scalarSets.back().values;

@@ -20,7 +20,6 @@ std::vector<Camera> cameras;
 namespace {
 
 constexpr float kRadians = kPi / 180.0f;
-constexpr std::int32_t kMostSamples = 65535;
 // Stands in for the infinite focal length of a field of view of 0; its square is still a float.
 constexpr float kLongestFocalLength = 1e15f;
 
@@ -49,11 +48,6 @@ Vec3 MixUpVectors(Vec3 a, Vec3 b, float time) {
   const float angle = std::acos(std::clamp(cosine, -1.0f, 1.0f));
   const float inverseSine = 1.0f / std::sin(angle);
   return std::sin(rest * angle) * inverseSine * a + std::sin(time * angle) * inverseSine * b;
-}
-
-bool SamePose(const CameraPose& a, const CameraPose& b) {
-  return a.position == b.position && a.fieldOfView == b.fieldOfView && a.bokeh == b.bokeh &&
-         a.upVector == b.upVector && a.target == b.target;
 }
 
 void CompletePose(Camera& camera, int index) {
@@ -141,14 +135,12 @@ void InitializeCameras() {
   frameState = {};
   for (Camera& camera : cameras) {
     camera.sample = std::clamp(camera.sample, 1, kMostSamples);
-    camera.inverseSample = 1.0f / static_cast<float>(camera.sample);
     camera.regionXMin = std::max(0, camera.regionXMin);
     camera.regionYMin = std::max(0, camera.regionYMin);
     camera.regionXMax = std::min(camera.width, camera.regionXMax);
     camera.regionYMax = std::min(camera.height, camera.regionYMax);
     CompletePoses(camera);
     for (CameraPose& pose : camera.poses) DerivePose(pose, static_cast<float>(camera.width));
-    camera.moving = !SamePose(camera.poses[0], camera.poses[1]);
     AllocateAovs(camera);
     PrintReport(camera);
   }

@@ -167,8 +167,9 @@ PictureProblem Await(pid_t child, int file, ImageBuffer& image) {
   return problem == PictureProblem::kSound ? Receive(file, image) : problem;
 }
 
-// Bytes of address space in use; 0 if the system does not tell.
-std::size_t AddressSpace() {
+// Bytes of address space in use; 0 if the system does not tell. Sanitizers, which reserve most of it, do not
+// ask.
+[[maybe_unused]] std::size_t AddressSpace() {
   std::FILE* file = std::fopen("/proc/self/statm", "re");
   unsigned long pages = 0;
   if (file == nullptr) return 0;

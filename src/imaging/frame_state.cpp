@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "core/index.h"
+
 namespace zp {
 
 FrameState frameState;
@@ -19,9 +21,8 @@ bool LacksSamples(const FrameState& state) {
 }  // namespace
 
 std::uint32_t SamplesOf(const FrameState& state, std::int32_t x, std::int32_t y) {
-  if (y < 0 || static_cast<std::size_t>(y) >= state.rows.size() || x < state.left || x >= state.right)
-    return 0;
-  const RowSamples& row = state.rows[static_cast<std::size_t>(y)];
+  if (!IsIndex(state.rows, y) || x < state.left || x >= state.right) return 0;
+  const RowSamples& row = At(state.rows, y);
   return row.whole + (x < row.cut ? 1 : 0);
 }
 

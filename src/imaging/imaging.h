@@ -183,14 +183,14 @@ struct CameraPose {
   float fieldOfView = 0;    // full horizontal angle, degrees
 };
 
+inline constexpr std::int32_t kMostSamples = 65535;  // of a camera
+
 struct Camera {
   Camera();  // with a beauty AOV of its own
 
-  float inverseSample = 1;
-  bool moving = false;    // the two poses differ; nothing depends on it
   std::vector<Aov> aovs;  // the first is the beauty image
   Projection projection = Projection::kPerspective;
-  AngleMeasure angleMeasure = {};  // Intended: never read, angles are in degrees
+  AngleMeasure angleMeasure = {};  // Intended: stored, without effect; angles are in degrees
   std::int32_t poseIndex = 0;      // the pose that setters write
   CameraPose poses[2];             // shutter open and close
   std::uint8_t poseWritten[2] =

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "core/index.h"
 #include "integrator/estimator.h"
 #include "lights/photon_store.h"
 
@@ -24,33 +25,32 @@ void ForgetGathers() {
 }
 
 Vec3 GatherCaustics(const RayRecord& ray, const ShadingPoint& point, Event event) {
-  if (photonStore.nodes.empty() || settings.photonRadius < 1e-8f) return kBlack;
+  if (photonStore.nodes.empty() || settings.said.photonRadius < 1e-8f) return kBlack;
   const Box& box = photonStore.box;
   // As wide as the search: the photons of a level floor lie in a box that only rounding has made thick.
-  const float reach = settings.photonRadius;
+  const float reach = settings.said.photonRadius;
   for (int a = 0; a < 3; ++a)
     if (!(point.position[a] >= box.min[a] - reach && point.position[a] <= box.max[a] + reach)) return kBlack;
 
-  float squaredRadius = settings.photonRadiusSquared;
+  float squaredRadius = settings.derived.photonRadiusSquared;
   LastGather& last = lastGathers[ray.thread];
   if (ray.depth == 0 && last.event == event) {
     const Vec3 way = point.position - last.position;
     const float known = std::sqrt(last.squaredRadius) + std::sqrt(Dot(way, way));
-    if (known < settings.photonRadius) squaredRadius = known * known;
+    if (known < settings.said.photonRadius) squaredRadius = known * known;
   }
   FoundPhotons found;
   // Transmitted light landed on the other side.
   const Vec3 normal = event == kEventTransmissive ? -point.geometricNormal : point.geometricNormal;
   FindPhotons(point.position, normal, squaredRadius, found);
   // The guess counted on photons that faced another way.
-  if (found.count < kMostFoundPhotons && squaredRadius < settings.photonRadiusSquared)
-    FindPhotons(point.position, normal, settings.photonRadiusSquared, found);
+  if (found.count < kMostFoundPhotons && squaredRadius < settings.derived.photonRadiusSquared)
+    FindPhotons(point.position, normal, settings.derived.photonRadiusSquared, found);
   if (ray.depth == 0)
     last = {point.position, found.count == kMostFoundPhotons ? found.largestSquared : kFarthest, event};
   if (found.count < 2 || !(found.largestSquared > 0)) return kBlack;
   Vec3 power;
-  for (int i = 0; i < found.count; ++i)
-    power += photonStore.photons[found.found[static_cast<std::size_t>(i)].photon].power;
+  for (int i = 0; i < found.count; ++i) power += photonStore.photons[At(found.found, i).photon].power;
   return power / (kPi * found.largestSquared);
 }
 

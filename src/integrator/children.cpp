@@ -25,7 +25,6 @@ RayRecord MakeChildRay(const RayRecord& parent, const ShadingPoint& point, Event
   child.part = nullptr;
   child.primitive = kNone;
   child.kind = kKindUnset;
-  child.hitSide = 0;
   child.matrixDepth = child.hitMatrixDepth = 0;
   child.frontFace = child.levelZeroHit = false;
   child.parentShader = parent.shader;
@@ -33,7 +32,6 @@ RayRecord MakeChildRay(const RayRecord& parent, const ShadingPoint& point, Event
   child.parentPart = parent.part;
   child.parentPlace = parent.hitPlace;
   child.parentKind = parent.kind;
-  child.parentHitSide = parent.hitSide;
   child.depth = static_cast<std::uint8_t>(parent.depth + 1);
   child.event = event;
   child.previousEvent = parent.event == event ? parent.previousEvent : parent.event;

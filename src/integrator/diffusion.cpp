@@ -53,7 +53,6 @@ RayRecord WithHitOf(const RayRecord& ray, const RayRecord& probe) {
   exitRay.primitive = probe.primitive;
   exitRay.kind = probe.kind;
   exitRay.shader = probe.shader;
-  exitRay.hitSide = probe.hitSide;
   exitRay.barycentric = probe.barycentric;
   exitRay.hitMatrixDepth = probe.hitMatrixDepth;
   return exitRay;

@@ -19,6 +19,7 @@ std::int32_t CameraPasses();
 
 // Fills `point` from the hit of `ray`: position, frame, uv, layer, Fresnel weights. World space.
 // A layer that is set already is kept. False, with the point unfinished, for a hit that has no layer to show.
+// Comes before the thread's next Trace (HitNormalMatrix).
 bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point);
 
 // An orthonormal frame around the unit vector point.normal. `tangent` of any length is bent into it; one that
@@ -83,7 +84,7 @@ inline LobeRadiance& operator*=(LobeRadiance& a, float scale) {
 
 // Whether lights are sampled where the ray is, and lobe rays compete with those samples: in the open, not
 // inside a medium, which is known by its index of refraction.
-inline bool IsInOpen(const RayRecord& ray) { return std::fabs(1 - ray.ior) < 1e-8f; }
+inline bool IsInOpen(const RayRecord& ray) { return IsSameMedium(ray.ior, 1); }
 
 // What the lobes receive straight from lights, without the lobes' colours. Writes the lights' AOVs at depth
 // 0.
@@ -113,9 +114,11 @@ struct RayBudgets {
   std::int32_t light = 0;  // light samples
   std::int32_t lobe = 0;   // rays of a lobe
 };
-inline RayBudgets BudgetsOf(const SkyLight& light) { return {light.sample, settings.rendererSampleCopy}; }
+inline RayBudgets BudgetsOf(const SkyLight& light) {
+  return {light.sample, settings.derived.rendererSampleCopy};
+}
 inline RayBudgets BudgetsOf(const GeometryLight& light) {
-  return {light.sample, settings.geometrySampleCopy};
+  return {light.sample, settings.derived.geometrySampleCopy};
 }
 
 // The balance heuristic (Veach and Guibas, "Optimally Combining Sampling Techniques", 1995) between the two

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "core/index.h"
 #include "geometry/density.h"
 #include "integrator/estimator.h"
 #include "lights/lights.h"
@@ -33,12 +34,11 @@ float SkyHitWeight(const RayRecord& ray) {
 // Whether the samples of the virtual lights can pick the primitive that was hit. The emission lists hold
 // triangles and tetragons by their own Shaders: an Instance does not make virtual lights of what is none.
 bool IsInEmissionLists(const RayRecord& ray) {
-  const auto index = static_cast<std::size_t>(ray.primitive);
   std::int32_t own = kNone;
-  if (ray.kind == kKindTriangle) own = ray.part->triangles[index].shader;
-  if (ray.kind == kKindTetragon) own = ray.part->tetragons[index].shader;
-  if (own < 0 || static_cast<std::size_t>(own) >= shaders.size()) return false;
-  const Shader& shader = shaders[static_cast<std::size_t>(own)];
+  if (ray.kind == kKindTriangle) own = At(ray.part->triangles, ray.primitive).shader;
+  if (ray.kind == kKindTetragon) own = At(ray.part->tetragons, ray.primitive).shader;
+  if (!HasShader(own)) return false;
+  const Shader& shader = ShaderAt(own);
   return ray.frontFace ? shader.frontVirtualLight : shader.backVirtualLight;
 }
 

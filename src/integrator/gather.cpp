@@ -47,7 +47,7 @@ Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event,
 
   Vec3 sum;
   if (BounceCount(ray) == 0) {
-    const PassShare share = ShareOf(GatherCount(throughput, settings.rendererSample, CameraPasses()));
+    const PassShare share = ShareOf(GatherCount(throughput, settings.said.rendererSample, CameraPasses()));
     const std::int32_t sampleWeight = ray.sampleWeight * share.count;
     const bool diffuses = Diffuses(ray, point);
     int taken = 0;
@@ -56,7 +56,7 @@ Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event,
                         : AddDiffuseSample(ray, point, event, throughput, i, sampleWeight, kWhite, sum);
     if (taken > 0) sum *= 1.0f / static_cast<float>(taken);  // a hair takes all of its share
     if (!hair) sum += GatherCaustics(ray, point, event);
-  } else if (BounceCount(ray) < settings.rendererBounce) {
+  } else if (BounceCount(ray) < settings.said.rendererBounce) {
     AddDiffuseSample(ray, point, event, throughput, ray.sampleNumber, ray.sampleWeight, kWhite, sum);
     if (!hair) sum += GatherCaustics(ray, point, event);
   }
@@ -104,11 +104,11 @@ void AddGlossySample(const RayRecord& ray, const ShadingPoint& point, Vec3 throu
 Vec3 GatherFiber(const RayRecord& ray, const ShadingPoint& point, Vec3 throughput) {
   Vec3 sum;
   if (BounceCount(ray) == 0) {
-    const PassShare share = ShareOf(GatherCount(throughput, settings.rendererSample, CameraPasses()));
+    const PassShare share = ShareOf(GatherCount(throughput, settings.said.rendererSample, CameraPasses()));
     for (std::uint32_t i = share.first; i < share.end && !Stopping(); i += share.step)
       sum += FollowFiberRay(ray, point, throughput, i, ray.sampleWeight * share.count);
     sum *= 1.0f / static_cast<float>(share.count);
-  } else if (BounceCount(ray) < settings.rendererBounce) {
+  } else if (BounceCount(ray) < settings.said.rendererBounce) {
     sum = FollowFiberRay(ray, point, throughput, ray.sampleNumber, ray.sampleWeight);
   }
   return sum;
@@ -121,12 +121,12 @@ Vec3 GatherGlossy(const RayRecord& ray, const ShadingPoint& point) {
   GlossySums sums;
   if (BounceCount(ray) == 0) {
     const Vec3 brightest = throughput * MaxOf(point.specularWeight, point.diffuseWeight);
-    const PassShare share = ShareOf(GatherCount(brightest, settings.rendererSample, CameraPasses()));
+    const PassShare share = ShareOf(GatherCount(brightest, settings.said.rendererSample, CameraPasses()));
     for (std::uint32_t i = share.first; i < share.end && !Stopping(); i += share.step)
       AddGlossySample(ray, point, throughput, i, ray.sampleWeight * share.count, sums);
     if (sums.reflections > 0) sums.reflected *= 1.0f / static_cast<float>(sums.reflections);
     if (sums.refractions > 0) sums.refracted *= 1.0f / static_cast<float>(sums.refractions);
-  } else if (BounceCount(ray) < settings.rendererBounce) {
+  } else if (BounceCount(ray) < settings.said.rendererBounce) {
     AddGlossySample(ray, point, throughput, ray.sampleNumber, ray.sampleWeight, sums);
   }
   return sums.reflected + sums.refracted;
@@ -163,7 +163,7 @@ std::int32_t CameraPasses() {
 PassShare ShareOf(std::int32_t count) {
   const std::int32_t passes = CameraPasses();
   PassShare share;
-  share.first = static_cast<std::uint32_t>(settings.samplePass % passes);
+  share.first = static_cast<std::uint32_t>(settings.frame.samplePass % passes);
   share.end = static_cast<std::uint32_t>(count);
   share.step = static_cast<std::uint32_t>(passes);
   share.count = std::max(count / passes, 1);

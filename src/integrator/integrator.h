@@ -29,15 +29,15 @@ bool RenderPixels(std::uint32_t pass);
 void RenderPixels(int count, float* out, int pass);
 // One pass and all that surrounds it; finishes the frame after the last.
 void FrameStep();
-// All passes of the first camera; without one an error row. With settings.previewWindow a window shows them,
-// which stays open until it is closed, passes left or not. Where no window opens: an error row and all
+// All passes of the first camera; without one an error row. With settings.said.previewWindow a window shows
+// them, which stays open until it is closed, passes left or not. Where no window opens: an error row and all
 // passes.
 void RenderLoop();
 
 // Once a stop is requested (core/stop.h) RenderLoop returns in the midst of its pass and closes its window,
 // and RenderPixels leaves the rest of its pixels out. Samples that were not finished leave no trace;
-// frameState (imaging/frame_state.h) tells how many each pixel has, settings.passIndex how many passes are
-// whole.
+// frameState (imaging/frame_state.h) tells how many each pixel has, settings.frame.passIndex how many passes
+// are whole.
 
 // How far a frame has come.
 struct FrameReport {

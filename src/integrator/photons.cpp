@@ -118,7 +118,7 @@ void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings);
 void BounceDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event, Vec3 color, const Cast& cast,
                    Landings& landings) {
   const Vec3 throughput = point.diffuseWeight * color * ray.throughput;
-  if (IsBlack(throughput) || !settings.finalGathering) return;
+  if (IsBlack(throughput) || !settings.derived.finalGathering) return;
   AddDensity(ray, event == kEventLambertian ? CellSide::kMet : CellSide::kOther,
              throughput * ray.photonPower);
   Vec3 direction;
@@ -146,7 +146,7 @@ void BounceLobe(const RayRecord& ray, const ShadingPoint& point, const LobeRays&
 }
 
 void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings) {
-  if (ray.depth > settings.photonDepth || IsBlack(ray.throughput) || Stopping() || !Trace(ray)) return;
+  if (ray.depth > settings.said.photonDepth || IsBlack(ray.throughput) || Stopping() || !Trace(ray)) return;
   ShadingPoint point;
   if (!SetUpShadingPoint(ray, point)) return;
   TestElements(point);
@@ -246,7 +246,7 @@ void CastFrom(std::int64_t count, std::uint32_t ordinal, const Cast& cast, const
 
 // Photons that neither paint cells nor can become caustics, nor are drawn, leave nothing behind.
 bool LeavesNothing(const Cast& cast, bool stores) {
-  return !settings.finalGathering && !stores && cast.sensor.aovs.empty();
+  return !settings.derived.finalGathering && !stores && cast.sensor.aovs.empty();
 }
 
 template <class Light>
@@ -255,7 +255,7 @@ void CastPhotonsFromLights(const std::vector<Light>& lights) {
   for (const Light& light : lights) {
     if (light.photon <= 0) continue;
     CastFrom(light.photon, ordinal++, {light.link, light.offset, MakePathSensor()},
-             [&](RayRecord& ray, std::uint32_t number) { light.MakePhotonRay(ray, number); });
+             [&](RayRecord& ray, std::uint32_t number) { MakePhotonRay(light, ray, number); });
   }
 }
 

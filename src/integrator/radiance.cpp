@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "accel/accel.h"
+#include "core/index.h"
 #include "core/settings.h"
 #include "core/stop.h"
 #include "geometry/geometry.h"
@@ -91,16 +92,16 @@ Vec3 Transmission(const VolumeShader& medium, float distance) {
 
 // Whether the cells may answer for this hit at all, as far as the ray knows.
 bool MayReadDensity(const RayRecord& ray) {
-  if (!settings.finalGathering || !ray.levelZeroHit) return false;
-  return (ray.diffuseBounces > 0 && ray.t > settings.distance + 1e-6f) ||
-         ray.diffuseBounces >= settings.rendererBounce;
+  if (!settings.derived.finalGathering || !ray.levelZeroHit) return false;
+  return (ray.diffuseBounces > 0 && ray.t > settings.said.distance + 1e-6f) ||
+         ray.diffuseBounces >= settings.said.rendererBounce;
 }
 
 // Whether they do, once the point is known. Intended: hits between distance and 1e-6 behind it fail both.
 bool ReadsDensity(const RayRecord& ray, const ShadingPoint& point) {
   if (ray.kind != kKindTriangle && ray.kind != kKindTetragon) return false;
-  if (ray.diffuseBounces >= settings.rendererBounce) return true;
-  return ray.diffuseBounces > 0 && (point.virtualLight || ray.t > settings.distance);
+  if (ray.diffuseBounces >= settings.said.rendererBounce) return true;
+  return ray.diffuseBounces > 0 && (point.virtualLight || ray.t > settings.said.distance);
 }
 
 // A point that reads cells asks them, and not the lights, for its diffuse lobes.
@@ -128,8 +129,8 @@ void TestElements(ShadingPoint& point) {
 }
 
 Camera* ActiveCamera() {
-  const auto index = static_cast<std::size_t>(settings.activeCamera);
-  return index < cameras.size() ? &cameras[index] : nullptr;
+  const std::int32_t index = settings.frame.activeCamera;
+  return IsIndex(cameras, index) ? &At(cameras, index) : nullptr;
 }
 
 void AddToAov(Aov& aov, std::size_t pixel, Vec3 value) {
@@ -142,7 +143,7 @@ void AddToAov(Aov& aov, std::size_t pixel, Vec3 value) {
 // With the gather functions a level of recursion takes about 1.2 kilobytes of stack, so that all 255 levels
 // and a tree walk on top fit a worker of half a megabyte.
 Vec3 Radiance(RayRecord& ray) {
-  if (ray.depth >= settings.rayDepth || IsBlack(ray.throughput) || Stopping()) return kBlack;
+  if (ray.depth >= settings.said.rayDepth || IsBlack(ray.throughput) || Stopping()) return kBlack;
   if (!Trace(ray)) return MissRadiance(ray);
 
   ShadingPoint point;
@@ -165,9 +166,8 @@ Vec3 Radiance(RayRecord& ray) {
   Vec3 sum;
   for (const Vec3& light : radiance.lobes.values) sum += light;
   sum += radiance.emission;
-  const bool outside = camera == nullptr || std::fabs(camera->ior - ray.ior) < 1e-8f;
-  return sum *
-         Transmission(outside ? globalVolume : shaders[static_cast<std::size_t>(ray.shader)].volume, ray.t);
+  const bool outside = camera == nullptr || IsSameMedium(camera->ior, ray.ior);
+  return sum * Transmission(outside ? globalVolume : ShaderAt(ray.shader).volume, ray.t);
 }
 
 }  // namespace zp

@@ -9,6 +9,7 @@
 
 #include "accel/accel.h"
 #include "core/console.h"
+#include "core/index.h"
 #include "core/random.h"
 #include "core/stop.h"
 #include "imaging/frame_state.h"
@@ -48,21 +49,21 @@ Vec3 SamplePixel(const Camera& camera, int x, int y, std::uint32_t pass, std::ui
   ray.thread = thread;
   MakePrimaryRay(camera, ray, x, y, pass);
   const Vec3 color = Radiance(ray);
-  return IsFinite(color) ? MinOf(settings.clamp, color) : settings.error;
+  return IsFinite(color) ? MinOf(settings.said.clamp, color) : settings.said.error;
 }
 
 // Sums the threads' counters into the settings and clears them.
 void CollectRayCounts() {
   for (ThreadSlot& slot : threadSlots) {
-    settings.rendererRays += slot.rays;
-    settings.shadowRays += slot.shadowRays;
+    settings.frame.rendererRays += slot.rays;
+    settings.frame.shadowRays += slot.shadowRays;
     slot.rays = slot.shadowRays = 0;
   }
 }
 
 void ClearPassStatistics() {
-  settings.renderMicroseconds = 0;
-  settings.rendererRays = settings.shadowRays = 0;
+  settings.frame.renderMicroseconds = 0;
+  settings.frame.rendererRays = settings.frame.shadowRays = 0;
   for (ThreadSlot& slot : threadSlots) slot.innerNodes = slot.leaves = slot.primitives = 0;
 }
 
@@ -175,7 +176,6 @@ int SampleRow(const Camera& camera, const Region& region, int y, std::uint32_t p
 // stop has left pixels out.
 template <class Sink>
 bool SampleRegion(Camera& camera, const Region& region, std::uint32_t pass, const Sink& sink) {
-  settings.currentPass = static_cast<std::uint16_t>(pass);
   const int threads = std::clamp(omp_get_max_threads(), 1, kMaxThreads);
   const std::vector<Aov*> aovs = SummingAovs(camera);
   CountFrame(camera, region);
@@ -188,7 +188,7 @@ bool SampleRegion(Camera& camera, const Region& region, std::uint32_t pass, cons
 #pragma omp for schedule(dynamic, 1)
     for (int y = region.yMin; y < region.yMax; ++y) {
       const int end = SampleRow(camera, region, y, pass, thread, sums, sink);
-      RowSamples& row = frameState.rows[static_cast<std::size_t>(y)];
+      RowSamples& row = At(frameState.rows, y);
       if (end < region.xMax) {
         row.cut = end;
       } else {
@@ -198,14 +198,14 @@ bool SampleRegion(Camera& camera, const Region& region, std::uint32_t pass, cons
     }
   }
   if (!rows.HasAll()) frameState.interrupted = true;
-  settings.renderMicroseconds += (WallTicks() - start) / 10;
+  settings.frame.renderMicroseconds += (WallTicks() - start) / 10;
   CollectRayCounts();
   return rows.HasAll();
 }
 
 void PrintPerformance() {
-  const auto rays = static_cast<double>(settings.rendererRays + settings.shadowRays);
-  const auto time = static_cast<double>(std::max<std::int64_t>(settings.renderMicroseconds, 1));
+  const auto rays = static_cast<double>(settings.frame.rendererRays + settings.frame.shadowRays);
+  const auto time = static_cast<double>(std::max<std::int64_t>(settings.frame.renderMicroseconds, 1));
   PrintTwoValueRow("performance", static_cast<float>(rays / time), "M rays/second", "    ",
                    static_cast<float>(1e6 / time), "frames/second");
 }
@@ -243,7 +243,8 @@ const ImageBuffer* BeautyImage() {
   return camera == nullptr || camera->aovs.empty() ? nullptr : &camera->aovs[0].image;
 }
 
-// The window calls the frame step until it is closed. Unless settings.previewReturns, that ends the process.
+// The window calls the frame step until it is closed. Unless settings.said.previewReturns, that ends the
+// process.
 void RenderInWindow(const Camera& camera) {
   Preview preview;
   preview.width = camera.width;
@@ -252,7 +253,7 @@ void RenderInWindow(const Camera& camera) {
   preview.step = [] {
     FrameStep();
     const Camera* active = ActiveCamera();
-    return active != nullptr && static_cast<std::int64_t>(settings.passIndex) < active->sample;
+    return active != nullptr && static_cast<std::int64_t>(settings.frame.passIndex) < active->sample;
   };
   preview.stop = Stopping;
   // Intended: only the first image. The last pass has written all of them.
@@ -260,7 +261,7 @@ void RenderInWindow(const Camera& camera) {
     if (const ImageBuffer* beauty = BeautyImage()) SaveImage(*beauty);
   };
   preview.lost = SaveCameraImages;
-  preview.end = settings.previewReturns ? PreviewEnd::kReturn : PreviewEnd::kEndProcess;
+  preview.end = settings.said.previewReturns ? PreviewEnd::kReturn : PreviewEnd::kEndProcess;
   RunPreview(preview);
 }
 
@@ -306,7 +307,7 @@ void RenderPixels(int count, float* out, int pass) {
   const Region region = RegionOf(camera);
   const std::int32_t passes = std::max(camera.sample, 1);
   const std::int32_t sample = (pass % passes + passes) % passes;
-  settings.samplePass = sample;
+  settings.frame.samplePass = sample;
   ClearPassStatistics();
 
   const auto width = static_cast<std::size_t>(region.xMax - region.xMin);
@@ -326,29 +327,29 @@ void FrameStep() {
   Camera* camera = ActiveCamera();
   if (camera == nullptr || camera->sample <= 0) return;
   const auto total = static_cast<std::uint32_t>(camera->sample);
-  if (settings.passIndex >= total) return;
+  if (settings.frame.passIndex >= total) return;
 
-  settings.samplePass = static_cast<std::int32_t>(settings.passIndex);
+  settings.frame.samplePass = static_cast<std::int32_t>(settings.frame.passIndex);
   ClearOccluderLogs();
   ClearPassStatistics();
-  if (!RenderPixels(settings.passIndex)) return;
-  if (settings.passIndex == 0)
+  if (!RenderPixels(settings.frame.passIndex)) return;
+  if (settings.frame.passIndex == 0)
     for (Object& object : objectTable) OrderOccluders(object);
   UpdateScene(camera->sample);
-  ++settings.passIndex;
+  ++settings.frame.passIndex;
   PrintPerformance();
-  frameReport = {settings.passIndex, total, 0, settings.rendererRays + settings.shadowRays,
-                 settings.renderMicroseconds};
+  frameReport = {settings.frame.passIndex, total, 0, settings.frame.rendererRays + settings.frame.shadowRays,
+                 settings.frame.renderMicroseconds};
   if (frameObserver.passDone) frameObserver.passDone(frameReport);
-  if (settings.passIndex == total && !camera->aovs.empty()) FinishFrame(camera->aovs[0], renderStart);
+  if (settings.frame.passIndex == total && !camera->aovs.empty()) FinishFrame(camera->aovs[0], renderStart);
 }
 
 void RenderLoop() {
-  settings.passIndex = 0;
+  settings.frame.passIndex = 0;
   if (!HasCamera()) return;
   ForgetCutFrame(*ActiveCamera());
   frameReport = {0, static_cast<std::uint32_t>(std::max(ActiveCamera()->sample, 0))};
-  if (settings.previewWindow) {
+  if (settings.said.previewWindow) {
     const Camera& camera = *ActiveCamera();
     const std::string obstacle = PreviewObstacle(camera.width, camera.height);
     if (obstacle.empty()) return RenderInWindow(camera);

@@ -16,15 +16,13 @@
 namespace zp {
 namespace {
 
-constexpr std::int32_t kMaxDepth = 255;  // RayRecord counts bounces in bytes
-
 void LimitSettings() {
-  settings.rayDepth = std::clamp(settings.rayDepth, 1, kMaxDepth);
-  settings.photonDepth = std::clamp(settings.photonDepth, 1, kMaxDepth);
-  settings.rendererSample = std::max(settings.rendererSample, 0);  // it weighs lobes against lights
-  settings.rendererBounce = std::max(settings.rendererBounce, 1);
+  settings.said.rayDepth = std::clamp(settings.said.rayDepth, 1, kMostDepth);
+  settings.said.photonDepth = std::clamp(settings.said.photonDepth, 1, kMostDepth);
+  settings.said.rendererSample = std::max(settings.said.rendererSample, 0);  // it weighs lobes against lights
+  settings.said.rendererBounce = std::max(settings.said.rendererBounce, 1);
   for (int c = 0; c < 3; ++c)
-    if (!(settings.clamp[c] >= 0)) settings.clamp[c] = 0;  // no number at all included
+    if (!(settings.said.clamp[c] >= 0)) settings.said.clamp[c] = 0;  // no number at all included
 }
 
 }  // namespace
@@ -32,8 +30,8 @@ void LimitSettings() {
 void InitializeRenderer() {
   if (!geometryLight.initialized) InitializeGeometryLight();  // hosts have no function that does
   LimitSettings();
-  settings.finalGathering = ChoosesFinalGathering();
-  PrintLine(settings.finalGathering ? "progressive final gathering" : "unidirectional path tracing");
+  settings.derived.finalGathering = ChoosesFinalGathering();
+  PrintLine(settings.derived.finalGathering ? "progressive final gathering" : "unidirectional path tracing");
   PrintRule();
 
   EmptyPhotonStore();
@@ -42,18 +40,17 @@ void InitializeRenderer() {
   CastPhotons();
   PrintFloatRow("photon cast   ", static_cast<float>(static_cast<double>(WallTicks() - start) / 1e7),
                 "seconds");
-  PrintFloatRow("photon radius ", settings.photonRadius, "m");
+  PrintFloatRow("photon radius ", settings.said.photonRadius, "m");
   PrintRule();
-  settings.photonRadiusSquared = settings.photonRadius * settings.photonRadius;
-  settings.photonRadiusCubed = settings.photonRadiusSquared * settings.photonRadius;
-  BuildPhotonStore(settings.photonRadius);
+  settings.derived.photonRadiusSquared = settings.said.photonRadius * settings.said.photonRadius;
+  BuildPhotonStore(settings.said.photonRadius);
   if (Stopping()) EmptyPhotonStore();  // half a cast would be half the light
   PrintRule();
   ForgetGathers();
 
   for (ThreadSlot& slot : threadSlots) slot = {};
-  settings.rendererSampleCopy = settings.geometrySampleCopy = settings.rendererSample;
-  PrintIntegerRow("renderer sample", static_cast<std::uint64_t>(settings.rendererSample), "n/a");
+  settings.derived.rendererSampleCopy = settings.derived.geometrySampleCopy = settings.said.rendererSample;
+  PrintIntegerRow("renderer sample", static_cast<std::uint64_t>(settings.said.rendererSample), "n/a");
   PrintRule();
 }
 

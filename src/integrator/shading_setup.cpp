@@ -91,8 +91,8 @@ void SetFrame(ShadingPoint& point, Vec3 tangent) {
 
 bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
   if (ray.part == nullptr || ray.primitive < 0 || ray.shader < 0) return false;
-  if (static_cast<std::size_t>(ray.shader) >= shaders.size()) return false;
-  const Shader& shader = shaders[static_cast<std::size_t>(ray.shader)];
+  if (!HasShader(ray.shader)) return false;
+  const Shader& shader = ShaderAt(ray.shader);
   if (shader.surfaces.empty()) return false;
 
   LocalSurface surface = SurfaceOf(ray);

@@ -16,9 +16,6 @@ namespace zp {
 std::vector<PointLight> pointLights;
 std::vector<ParallelLight> parallelLights;
 
-void PointLight::Reset() { *this = PointLight(); }
-void ParallelLight::Reset() { *this = ParallelLight(); }
-
 namespace {
 
 constexpr float kRadiansPerDegree = kPi / 180;

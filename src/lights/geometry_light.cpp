@@ -1,5 +1,6 @@
 #include "accel/accel.h"
 #include "core/console.h"
+#include "core/index.h"
 #include "core/settings.h"
 #include "lights/light_aovs.h"
 #include "lights/lights.h"
@@ -10,20 +11,18 @@ GeometryLight geometryLight;
 
 void ResetGeometryLight() {
   geometryLight = {};
-  settings.geometrySampleCopy = 64;
+  settings.derived.geometrySampleCopy = 64;
 }
 
 void InitializeGeometryLight() {
   geometryLight.initialized = true;
   ResolveLink(geometryLight.link);
   InitializeLightAovs(geometryLight.aovs);
-  const auto root = static_cast<std::size_t>(rootObject);
-  const bool hasRoot = rootObject != kNone && root < objectTable.size();
   float emitterArea = 0;
   bool emits = false;
   geometryLight.area = 0;
-  if (hasRoot) {
-    const Object& object = objectTable[root];
+  if (IsIndex(objectTable, rootObject)) {
+    const Object& object = At(objectTable, rootObject);
     geometryLight.area = object.virtualLights.area;
     emitterArea = object.emitters.area;
     emits = emitterArea > 0;  // Instances of what does not emit are records too

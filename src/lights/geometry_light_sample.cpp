@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "accel/accel.h"
+#include "core/index.h"
 #include "core/random.h"
 #include "core/tables.h"
 #include "geometry/geometry.h"
@@ -13,7 +14,6 @@
 namespace zp {
 namespace {
 
-constexpr int kInstanceLevels = 16;
 // Intended: part of the rule that weights samples of this light, with a pi of its own.
 constexpr float kGeometryFactorScale = 18481.0f;
 // Shadow rays end this share of the way before an emitter, which would block its own light.
@@ -30,8 +30,8 @@ Mat4 Product(const Mat4& a, const Mat4& b) {
 
 // Finishes a pick with a record that is no Instance. False for one that the Object does not hold.
 bool TakePrimitive(const Object& object, const EmissionRecord& record, EmitterPick& pick) {
-  if (static_cast<std::size_t>(record.part) >= object.parts.size()) return false;
-  pick.part = &object.parts[static_cast<std::size_t>(record.part)];
+  if (!IsIndex(object.parts, record.part)) return false;
+  pick.part = &At(object.parts, record.part);
   pick.kind = record.kind;
   pick.side = record.side;
   pick.index = record.index;
@@ -43,19 +43,17 @@ bool TakePrimitive(const Object& object, const EmissionRecord& record, EmitterPi
   else
     return false;
   if (pick.shader == kNone) pick.shader = shader;
-  return static_cast<std::size_t>(pick.shader) < shaders.size() &&
-         !shaders[static_cast<std::size_t>(pick.shader)].surfaces.empty();
+  return HasShader(pick.shader) && !ShaderAt(pick.shader).surfaces.empty();
 }
 
 // The Shader of a pick that PickEmitter has filled.
-const Shader& ShaderOf(const EmitterPick& pick) { return shaders[static_cast<std::size_t>(pick.shader)]; }
+const Shader& ShaderOf(const EmitterPick& pick) { return ShaderAt(pick.shader); }
 
 // Sum of what all layers of the emitting side emit.
 Vec3 Emission(const Shader& shader, bool front, Vec2 uv) {
-  const auto& list = front ? shader.front : shader.back;
-  const auto count = static_cast<std::size_t>(front ? shader.frontCount : shader.backCount);
   Vec3 sum;
-  for (std::size_t i = 0; i < count; ++i) sum += LookUp(shader.surfaces[list[i]][Element::kEmissive], uv);
+  for (const std::uint8_t layer : LayersOf(shader, front))
+    sum += LookUp(shader.surfaces[layer][Element::kEmissive], uv);
   return sum;
 }
 
@@ -80,14 +78,14 @@ bool PickEmitter(bool virtualLights, std::uint32_t i, std::uint32_t n, EmitterPi
   // Only the first draw is stratified. Double precision keeps a million strata apart.
   const std::uint32_t strata = std::max(n, 1U);
   double r = (static_cast<double>(RandomBits()) * 0x1p-32 + i % strata) / strata;
-  for (int level = 0; level <= kInstanceLevels; ++level) {
-    if (static_cast<std::size_t>(index) >= objectTable.size()) return false;
-    const Object& object = objectTable[static_cast<std::size_t>(index)];
+  for (int level = 0; level <= kMostInstanceLevels; ++level) {
+    if (!IsIndex(objectTable, index)) return false;
+    const Object& object = At(objectTable, index);
     const EmissionList& list = virtualLights ? object.virtualLights : object.emitters;
     const std::int32_t found = UpperBound(list.distribution, static_cast<float>(r));
-    if (static_cast<std::size_t>(found) >= list.records.size()) return false;
-    const EmissionRecord& record = list.records[static_cast<std::size_t>(found)];
-    pick.weight *= list.distribution.weights[static_cast<std::size_t>(found)];
+    if (!IsIndex(list.records, found)) return false;
+    const EmissionRecord& record = At(list.records, found);
+    pick.weight *= At(list.distribution.weights, found);
     if (!(pick.weight > 0)) return false;
     if (record.kind != kKindInstance) return TakePrimitive(object, record, pick);
 

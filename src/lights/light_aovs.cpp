@@ -1,5 +1,6 @@
 #include "lights/light_aovs.h"
 
+#include "core/index.h"
 #include "core/settings.h"
 #include "core/stop.h"
 #include "shading/shading.h"
@@ -7,11 +8,11 @@
 namespace zp {
 
 void InitializeLightAovs(std::vector<Aov>& aovs) {
-  const auto active = static_cast<std::size_t>(settings.activeCamera);
+  const std::int32_t active = settings.frame.activeCamera;
   for (Aov& aov : aovs) {
     // Paths write these by the camera's pixel index, so they are of its size.
-    if (active < cameras.size() && !Stopping())
-      InitializeAov(aov, cameras[active].width, cameras[active].height);
+    if (IsIndex(cameras, active) && !Stopping())
+      InitializeAov(aov, At(cameras, active).width, At(cameras, active).height);
     BindAovShader(aov);
   }
 }

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "imaging/imaging.h"
@@ -32,10 +33,6 @@ struct LightSample {
 
 // Lights that are not in the scene. They shine on surfaces directly and shoot photons.
 struct Light {
-  virtual void Reset() = 0;  // back to the defaults
-  // Fills the whole ray as photon number `sample` of the light's `photon`.
-  virtual void MakePhotonRay(RayRecord& ray, std::uint32_t sample) const = 0;
-
   Vec3 xAxis, yAxis, zAxis;  // emission frame; a parallel light shines along zAxis
   Vec3 color = {1, 1, 1};    // linear RGB
   Vec3 power;                // of all photons together; black without photons
@@ -47,15 +44,9 @@ struct Light {
   std::vector<Aov> aovs;
   float cosine = 1;     // of the cone that photons are shot into
   float offset = 0.1f;  // softens the terminator of Lambertian surfaces
-
- protected:
-  ~Light() = default;
 };
 
-struct PointLight final : Light {
-  void Reset() override;
-  void MakePhotonRay(RayRecord& ray, std::uint32_t sample) const override;
-
+struct PointLight : Light {
   bool inside = false;                     // shoots photons everywhere, not just towards the scene
   Vec3 position;                           // scene units
   Vec3 direction = {0, 1, 0};              // spot axis
@@ -63,10 +54,7 @@ struct PointLight final : Light {
   float innerAngle = 0, outerAngle = 180;  // degrees off the axis
 };
 
-struct ParallelLight final : Light {
-  void Reset() override;
-  void MakePhotonRay(RayRecord& ray, std::uint32_t sample) const override;
-};
+struct ParallelLight : Light {};
 
 extern std::vector<PointLight> pointLights;
 extern std::vector<ParallelLight> parallelLights;
@@ -78,18 +66,24 @@ void FinalizeGaffer();  // writes the AOVs and empties both tables
 // point light.
 LightSample SampleLight(const PointLight& light, Vec3 position, float u, float v);
 LightSample SampleLight(const ParallelLight& light, Vec3 position, float u, float v);
+// Fills the whole ray as photon number `sample` of the light's `photon`.
+void MakePhotonRay(const PointLight& light, RayRecord& ray, std::uint32_t sample);
+void MakePhotonRay(const ParallelLight& light, RayRecord& ray, std::uint32_t sample);
+
+inline constexpr std::string_view kAnalyticSky = "analytic";  // reserved as an image: no file is looked for
 
 struct SkyLight {
   // Kept by a reset.
   std::string image, backdrop;
-  float turbidity = 9, stretch = 0.1f, albedo = 0.2f;
+  float turbidity = 9, albedo = 0.2f;
+  float stretch = 0.1f;  // Intended: stored, without effect
   // Put back by a reset.
   Vec3 color = {0.75f, 0.75f, 0.75f};
   std::int32_t photon = 1000000;
   std::int32_t sample = 64;
   Vec3 north = {0, 1, 0};
   Vec3 zenith = {0, 0, 1};
-  float thickness = 1000;
+  float thickness = 1000;  // Intended: stored, without effect
   float ior = 1;
   ShaderLink link;
   std::vector<Aov> aovs;

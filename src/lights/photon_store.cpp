@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "core/console.h"
+#include "core/index.h"
 #include "core/release.h"
 #include "core/stop.h"
 #include "core/threads.h"
@@ -208,7 +209,7 @@ void Take(FoundPhotons& result, FoundPhotons::Found photon, float& limit) {
     std::pop_heap(begin, begin + result.count, IsNearer);
     --result.count;
   }
-  result.found[static_cast<std::size_t>(result.count++)] = photon;
+  At(result.found, result.count++) = photon;
   std::push_heap(begin, begin + result.count, IsNearer);
   if (result.count == kMostFoundPhotons) limit = result.found[0].squaredDistance;
 }

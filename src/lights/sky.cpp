@@ -3,6 +3,7 @@
 
 #include "accel/accel.h"
 #include "core/console.h"
+#include "core/index.h"
 #include "core/tables.h"
 #include "lights/light_aovs.h"
 #include "lights/light_photons.h"
@@ -16,8 +17,6 @@ namespace zp {
 SkyLight skyLight;
 
 namespace {
-
-constexpr std::string_view kAnalyticSky = "analytic";  // reserved as a name: no file is looked for
 
 // What initialisation derives from the settings.
 struct SkyState {
@@ -42,7 +41,7 @@ double SunElevation() {
 SkyMap LoadSkyMap(const std::string& name) {
   const std::int32_t texture = FindOrAddTexture(name);
   if (texture == kNone) return {};
-  ImageBuffer& image = images[static_cast<std::size_t>(texture)];
+  ImageBuffer& image = At(images, texture);
   return LoadTexture(image) ? MakeSkyMap(image) : SkyMap();
 }
 
@@ -59,10 +58,9 @@ PhotonStart StartAnywhere(std::uint32_t sample) {
 }
 PhotonStart StartAtCell(std::uint32_t sample) {
   const std::int32_t row = UpperBound(sky.table.rows, Halton(sample, 0));
-  const Distribution& cells = sky.table.cells[static_cast<std::size_t>(row)];
+  const Distribution& cells = At(sky.table.cells, row);
   const std::int32_t cell = UpperBound(cells, Halton(sample, 1));
-  const float probability =
-      sky.table.rows.weights[static_cast<std::size_t>(row)] * cells.weights[static_cast<std::size_t>(cell)];
+  const float probability = At(sky.table.rows.weights, row) * At(cells.weights, cell);
   // Intended: from the corner of the cell, as if all cells were of one size.
   const Vec3 direction =
       CellDirection(row / kSkyFaceSize, static_cast<float>(cell), static_cast<float>(row % kSkyFaceSize));
@@ -113,9 +111,7 @@ void InitializeSky() {
   PrintRule();
 }
 
-void AimSky() {
-  sky.powerFactor = skyLight.photon > 0 ? 4 * kPi * sceneRadius * sceneRadius : 0;
-}
+void AimSky() { sky.powerFactor = skyLight.photon > 0 ? 4 * kPi * sceneRadius * sceneRadius : 0; }
 
 void FinalizeSky() {
   SaveAovs(skyLight.aovs);

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <limits>
 
+#include "core/index.h"
+
 namespace zp {
 namespace {
 
@@ -43,14 +45,10 @@ SkyCell CellOf(const FacePoint& p) {
   return {p.face * kSkyFaceSize + index(p.b), index(p.a)};
 }
 
-float CellBegin(const Distribution& d, int i) {
-  return i > 0 ? d.cumulative[static_cast<std::size_t>(i - 1)] : 0.0f;
-}
+float CellBegin(const Distribution& d, int i) { return i > 0 ? At(d.cumulative, i - 1) : 0.0f; }
 // Probability with which UpperBound picks an entry. The stored share differs in the last bits, which are all
 // that the dark entries of a sky with a sun have.
-float Probability(const Distribution& d, int i) {
-  return d.cumulative[static_cast<std::size_t>(i)] - CellBegin(d, i);
-}
+float Probability(const Distribution& d, int i) { return At(d.cumulative, i) - CellBegin(d, i); }
 // Where u lies in the entry that it picked, off both ends.
 float PlaceInEntry(const Distribution& d, int i, float u) {
   return std::clamp((u - CellBegin(d, i)) / Probability(d, i), kMargin, 1 - kMargin);
@@ -60,8 +58,8 @@ float DensityAt(const SkyTable& table, SkyCell cell, const FacePoint& p) {
   const float square = 1 + p.a * p.a + p.b * p.b;
   // Solid angle of a unit of the face's (a, b) in -1..1, before the warp.
   const float solidAngle = WarpSlope(p.a) * WarpSlope(p.b) / (square * std::sqrt(square));
-  return Probability(table.rows, cell.row) *
-         Probability(table.cells[static_cast<std::size_t>(cell.row)], cell.cell) * kHalf * kHalf / solidAngle;
+  return Probability(table.rows, cell.row) * Probability(At(table.cells, cell.row), cell.cell) * kHalf *
+         kHalf / solidAngle;
 }
 
 float CellWeight(const SkyMap& map, const SkyFrame& frame, Vec3 color, int face, int x, int y) {
@@ -135,7 +133,7 @@ bool SampleTable(const SkyTable& table, float u, float v, Vec3& direction, float
   u = limit(u);
   v = limit(v);
   const std::int32_t row = UpperBound(table.rows, u);
-  const Distribution& cells = table.cells[static_cast<std::size_t>(row)];
+  const Distribution& cells = At(table.cells, row);
   const std::int32_t cell = UpperBound(cells, v);
   direction = CellDirection(row / kSkyFaceSize, static_cast<float>(cell) + PlaceInEntry(cells, cell, v),
                             static_cast<float>(row % kSkyFaceSize) + PlaceInEntry(table.rows, row, u));

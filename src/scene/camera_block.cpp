@@ -18,7 +18,7 @@ bool ReadPoseBlock(SceneText& text, CameraPose& pose, std::uint8_t& written) {
     written |= field;
     return read;
   };
-  ReadBlock(text, "pose", {"position", "target", "up_vector"}, [&](const Keyword& keyword, Line& line) {
+  ReadBlock(text, "pose", [&](const Keyword& keyword, Line& line) {
     if (keyword == "position") return mark(kPosePosition, ReadTriple(line, pose.position));
     if (keyword == "target") return mark(kPoseTarget, ReadTriple(line, pose.target));
     if (keyword == "up_vector") return mark(kPoseUpVector, ReadTriple(line, pose.upVector));
@@ -31,13 +31,13 @@ bool ReadPoseBlock(SceneText& text, CameraPose& pose, std::uint8_t& written) {
 
 bool ReadFinalGatherBlock(SceneText& text) {
   ReadBlock(text, "final_gather", [](const Keyword& keyword, Line& line) {
-    if (keyword == "ray_depth") return ReadNumber(line, settings.rayDepth);
-    if (keyword == "photon_depth") return ReadNumber(line, settings.photonDepth);
-    if (keyword == "sample") return ReadNumber(line, settings.rendererSample);
-    if (keyword == "bounce") return ReadNumber(line, settings.rendererBounce);
-    if (keyword == "distance") return ReadNumber(line, settings.distance);
-    if (keyword == "resolution") return ReadNumber(line, settings.resolution);
-    if (keyword == "radius") return ReadNumber(line, settings.photonRadius);
+    if (keyword == "ray_depth") return ReadNumber(line, settings.said.rayDepth);
+    if (keyword == "photon_depth") return ReadNumber(line, settings.said.photonDepth);
+    if (keyword == "sample") return ReadNumber(line, settings.said.rendererSample);
+    if (keyword == "bounce") return ReadNumber(line, settings.said.rendererBounce);
+    if (keyword == "distance") return ReadNumber(line, settings.said.distance);
+    if (keyword == "resolution") return ReadNumber(line, settings.said.resolution);
+    if (keyword == "radius") return ReadNumber(line, settings.said.photonRadius);
     return false;
   });
   return true;
@@ -116,12 +116,13 @@ void ReadCameraSection(SceneText& text) {
 
 void ReadRenderSection(SceneText& text) {
   ReadBlock(text, "render", [&](const Keyword& keyword, Line& line) {
-    if (keyword == "clamp") return ReadTriple(line, settings.clamp);
-    if (keyword == "error") return ReadTriple(line, settings.error);
+    if (keyword == "clamp") return ReadTriple(line, settings.said.clamp);
+    if (keyword == "error") return ReadTriple(line, settings.said.error);
     if (keyword == "gamma")
-      return ReadNumber(line, settings.displayGamma) && NoteIdle(line, settings.displayGamma == 2.2f);
+      return ReadNumber(line, settings.said.displayGamma) &&
+             NoteIdle(line, settings.said.displayGamma == 2.2f);
     if (keyword == "exposure")
-      return ReadNumber(line, settings.exposure) && NoteIdle(line, settings.exposure == 0);
+      return ReadNumber(line, settings.said.exposure) && NoteIdle(line, settings.said.exposure == 0);
     if (keyword == "final_gather") return ReadFinalGatherBlock(text);
     if (keyword == "image_path") {
       std::string& folder = imageSearchPaths.emplace_back();

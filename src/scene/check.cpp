@@ -7,6 +7,7 @@
 #include <set>
 
 #include "core/files.h"
+#include "core/index.h"
 #include "geometry/object.h"
 #include "lights/lights.h"
 #include "scene/check_parts.h"
@@ -44,7 +45,7 @@ Definitions ReadDefinitions(const SceneNotes& notes) {
 // The names of the files of a folder, which is listed once.
 const std::vector<std::string>& FilesOf(Definitions& known, const fs::path& folder) {
   const auto [entry, isNew] = known.files.try_emplace(folder.string());
-  if (!isNew) return entry->second;
+  if (!isNew || KindOfFile(folder.string()) != FileKind::kFolder) return entry->second;
   std::error_code error;
   for (fs::directory_iterator file(folder, error); !error && file != fs::directory_iterator();
        file.increment(error))
@@ -69,7 +70,7 @@ std::string NearestFile(SceneNotes& notes, Definitions& known, const std::string
 
 PictureProblem TryPicture(Definitions& known, const std::string& name) {
   const auto [entry, isNew] = known.pictures.try_emplace(name, PictureProblem::kSound);
-  ImageBuffer& image = images[static_cast<std::size_t>(FindOrAddTexture(name))];
+  ImageBuffer& image = At(images, FindOrAddTexture(name));
   if (isNew && !LoadTexture(image)) entry->second = image.problem;
   return entry->second;
 }
@@ -137,7 +138,7 @@ std::vector<bool> FindHairShaders() {
   for (const Object& object : objectTable)
     for (const Instance& instance : object.instances)
       if (instance.shader != kNone && strands.contains(instance.objectName))
-        dress[static_cast<std::size_t>(instance.shader)] = true;
+        At(dress, instance.shader) = true;
   return dress;
 }
 
@@ -213,7 +214,7 @@ void CheckShaders(SceneNotes& notes) {
            "flat",
            "smooth_angle 60");
     const std::int32_t index = FindShader(name);
-    const bool dressesHair = index != kNone && hairShaders[static_cast<std::size_t>(index)];
+    const bool dressesHair = index != kNone && At(hairShaders, index);
     for (std::size_t i = 0; i < noted.layers.size(); ++i)
       CheckLayer(notes, dressesHair, noted.shader.surfaces[i], noted.layers[i]);
   }
@@ -238,10 +239,22 @@ void CheckObjects(SceneNotes& notes) {
            "the matrix is not rigid: distances inside are compared as if it did not scale");
 }
 
+// What no pose states has no other to come from.
+void CheckPoseFields(SceneNotes& notes, const NotedCamera& noted) {
+  constexpr std::pair<PoseField, std::string_view> kNeeded[] = {
+      {kPosePosition, "position"}, {kPoseTarget, "target"}, {kPoseUpVector, "up_vector"}};
+  const Camera& camera = cameras[noted.camera];
+  for (const auto& [field, keyword] : kNeeded)
+    if (camera.poseCount > 0 && ((camera.poseWritten[0] | camera.poseWritten[1]) & field) == 0)
+      Find(notes, noted.place, FindingCode::kMissingKeyword,
+           "no \"pose\" states " + Quoted(keyword) + ", which has no default");
+}
+
 void CheckCameras(SceneNotes& notes) {
   if (notes.cameras.empty()) Find(notes, {"camera", 0}, FindingCode::kNoCamera, "there is no camera");
   for (const NotedCamera& noted : notes.cameras) {
     Camera& camera = cameras[noted.camera];
+    CheckPoseFields(notes, noted);
     CompletePoses(camera);
     if (noted.camera > 0)
       Find(notes, noted.place, FindingCode::kIdleCamera, "only the first camera is rendered");

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <map>
 
+#include "core/index.h"
 #include "geometry/geometry.h"
 #include "scene/check_parts.h"
 
@@ -63,19 +64,19 @@ void CheckMaterials(SceneNotes& notes, const NotedModel& model, const std::vecto
   std::vector<std::int32_t> used;
   std::vector<bool> seen(shaders.size());
   const auto use = [&](std::int32_t shader) {
-    if (shader < 0 || static_cast<std::size_t>(shader) >= seen.size()) return;
-    if (!seen[static_cast<std::size_t>(shader)]) used.push_back(shader);
-    seen[static_cast<std::size_t>(shader)] = true;
+    if (!IsIndex(seen, shader)) return;
+    if (!At(seen, shader)) used.push_back(shader);
+    At(seen, shader) = true;
   };
   for (const Triangle& triangle : part.triangles) use(triangle.shader);
   for (const Tetragon& tetragon : part.tetragons) use(tetragon.shader);
   std::vector<std::string_view> known;
   for (const std::int32_t index : used) {
-    if (index == 0 || sections[static_cast<std::size_t>(index)]) continue;
+    if (index == 0 || At(sections, index)) continue;
     if (known.empty())
       for (std::size_t i = 0; i < shaders.size(); ++i)
         if (sections[i]) known.push_back(shaders[i].name);
-    const std::string& name = shaders[static_cast<std::size_t>(index)].name;
+    const std::string& name = ShaderAt(index).name;
     Find(notes, model.place, FindingCode::kUnknownShader,
          "there is no shader " + Quoted(name) + " for faces of " + Quoted(model.fileName),
          Suggest(notes, name, known));
@@ -127,15 +128,15 @@ SceneGraph ReadGraph() {
   if (graph.root != kNone) {
     JoinUnplaced(graph.root);
     AssignLevels(graph.root, graph.cuts);
-    std::vector<std::size_t> open = {static_cast<std::size_t>(graph.root)};
-    graph.undressed[open[0]] = true;
+    std::vector<std::int32_t> open = {graph.root};
+    At(graph.undressed, graph.root) = true;
     while (!open.empty()) {
-      const Object& object = objectTable[open.back()];
+      const Object& object = At(objectTable, open.back());
       open.pop_back();
       for (const Instance& instance : object.instances) {
-        const auto placed = static_cast<std::size_t>(instance.object);
-        if (instance.object < 0 || instance.shader != kNone || graph.undressed[placed]) continue;
-        graph.undressed[placed] = true;
+        const std::int32_t placed = instance.object;
+        if (placed < 0 || instance.shader != kNone || At(graph.undressed, placed)) continue;
+        At(graph.undressed, placed) = true;
         open.push_back(placed);
       }
     }
@@ -160,10 +161,10 @@ void CheckGraph(SceneNotes& notes, const SceneGraph& graph) {
   if (!graph.cuts.empty())
     for (const NotedInstance& noted : notes.instances) places[{noted.object, noted.index}] = noted.place;
   for (const InstanceCut& cut : graph.cuts) {
-    const Object& object = objectTable[static_cast<std::size_t>(cut.object)];
+    const Object& object = At(objectTable, cut.object);
     const auto place = places.find({static_cast<std::size_t>(cut.object), cut.instance});
     if (place == places.end()) continue;
-    const std::string& placed = objectTable[static_cast<std::size_t>(cut.placed)].name;
+    const std::string& placed = At(objectTable, cut.placed).name;
     if (cut.isCycle)
       Find(notes, place->second, FindingCode::kCyclicInstance,
            cut.object == cut.placed
@@ -171,7 +172,8 @@ void CheckGraph(SceneNotes& notes, const SceneGraph& graph) {
                : NameOf(object) + " places " + Quoted(placed) + ", which already holds it");
     else
       Find(notes, place->second, FindingCode::kDeepInstance,
-           Quoted(placed) + " lies more than 16 levels of instances deep and is not drawn");
+           Quoted(placed) + " lies more than " + std::to_string(kMostInstanceLevels) +
+               " levels of instances deep and is not drawn");
   }
   for (const NotedObject& noted : notes.objects) {
     const Object& object = objectTable[noted.index];
@@ -185,8 +187,8 @@ void CheckGraph(SceneNotes& notes, const SceneGraph& graph) {
            NameOf(object) + " is not drawn: nothing that is drawn places it");
     else if (!object.referenced && static_cast<std::int32_t>(noted.index) != graph.root)
       Find(notes, noted.place, FindingCode::kUnplacedObject,
-           "nothing places " + NameOf(object) + ": it joins " +
-               NameOf(objectTable[static_cast<std::size_t>(graph.root)]) + " where its model stands");
+           "nothing places " + NameOf(object) + ": it joins " + NameOf(At(objectTable, graph.root)) +
+               " where its model stands");
   }
 }
 

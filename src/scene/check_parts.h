@@ -18,8 +18,6 @@ inline void Find(SceneNotes& notes, const TextPlace& place, FindingCode code, st
   notes.findings.push_back({place, code, std::move(text), std::string(suggestion)});
 }
 
-inline constexpr std::string_view kAnalyticSky = "analytic";
-
 // The name that was probably meant. Gives up on a text that asks too often: each question goes through all.
 inline std::string_view Suggest(SceneNotes& notes, std::string_view name,
                                 const std::vector<std::string_view>& known) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "core/index.h"
 #include "lights/lights.h"
 #include "scene/check_parts.h"
 
@@ -17,7 +18,7 @@ float Largest(Vec3 color) { return std::max({std::abs(color.x), std::abs(color.y
 
 const ImageBuffer* LoadedPicture(const std::string& name) {
   if (name.empty()) return nullptr;
-  const ImageBuffer& image = images[static_cast<std::size_t>(FindOrAddTexture(name))];
+  const ImageBuffer& image = At(images, FindOrAddTexture(name));
   return image.loaded && image.width > 0 && image.height > 0 ? &image : nullptr;
 }
 

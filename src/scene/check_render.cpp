@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "core/index.h"
 #include "core/settings.h"
 #include "geometry/density.h"
 #include "geometry/geometry.h"
@@ -30,11 +31,11 @@ void FindLimit(SceneNotes& notes, std::string_view keyword, double value, double
 
 void CheckLimits(SceneNotes& notes) {
   constexpr double kMost = 2147483647;
-  FindLimit(notes, "final_gather.ray_depth", settings.rayDepth, 1, 255);
-  FindLimit(notes, "final_gather.photon_depth", settings.photonDepth, 1, 255);
-  FindLimit(notes, "final_gather.bounce", settings.rendererBounce, 1, kMost);
-  FindLimit(notes, "final_gather.sample", settings.rendererSample, 0, kMost);
-  if (!cameras.empty()) FindLimit(notes, "camera.sample", cameras[0].sample, 1, 65535);
+  FindLimit(notes, "final_gather.ray_depth", settings.said.rayDepth, 1, kMostDepth);
+  FindLimit(notes, "final_gather.photon_depth", settings.said.photonDepth, 1, kMostDepth);
+  FindLimit(notes, "final_gather.bounce", settings.said.rendererBounce, 1, kMost);
+  FindLimit(notes, "final_gather.sample", settings.said.rendererSample, 0, kMost);
+  if (!cameras.empty()) FindLimit(notes, "camera.sample", cameras[0].sample, 1, kMostSamples);
   if (skyLight.image != kAnalyticSky) return;
   FindLimit(notes, "sky_light.turbidity", static_cast<double>(skyLight.turbidity), 1, 10);
   FindLimit(notes, "sky_light.albedo", static_cast<double>(skyLight.albedo), 0, 1);
@@ -68,10 +69,10 @@ bool HasPrimitives(const Object& object) {
 
 void CheckGathering(SceneNotes& notes, const SceneGraph& graph) {
   const TextPlace resolution = StatedAt(notes, "final_gather.resolution", kRenderFolder);
-  if (settings.distance > 0 && settings.resolution > 0 && !AsksForCells())
+  if (settings.said.distance > 0 && settings.said.resolution > 0 && !AsksForCells())
     Find(notes, resolution, FindingCode::kTinyCells,
          "resolution: cells below 1e-8 square scene units are none, and the mode is path tracing");
-  if (!ChoosesFinalGathering() || settings.rendererBounce > 1) return;
+  if (!ChoosesFinalGathering() || settings.said.rendererBounce > 1) return;
   for (std::size_t i = 0; i < objectTable.size(); ++i) {
     if (!graph.placed[i] || !HasPrimitives(objectTable[i])) continue;
     Find(notes, StatedAt(notes, "final_gather.bounce", StatedAt(notes, "render.final_gather", kRenderFolder)),
@@ -105,8 +106,8 @@ std::vector<CellShader> ReadCellShaders() {
 }
 
 double CellBytes(const std::vector<CellShader>& looks, std::int32_t shader, float area) {
-  if (static_cast<std::size_t>(shader) >= looks.size()) shader = 0;
-  const CellShader& look = looks[static_cast<std::size_t>(shader)];
+  if (!IsIndex(looks, shader)) shader = 0;
+  const CellShader& look = At(looks, shader);
   const double level = look.receives ? CellLevel(area / static_cast<float>(look.pieces)) : 1;
   return static_cast<double>(kBytesPerCell) * level * level * look.pieces;
 }
@@ -121,7 +122,7 @@ void CheckCells(SceneNotes& notes, const SceneGraph& graph) {
     });
   };
   double most = 0;
-  for (const Part& part : objectTable[static_cast<std::size_t>(graph.root)].parts) {
+  for (const Part& part : At(objectTable, graph.root).parts) {
     double triangles = 0, tetragons = 0;
     for (std::uint32_t i = 0; i < part.triangles.size(); ++i)
       if (inside(part, part.triangles[i].vertex))
@@ -165,9 +166,9 @@ void CheckCost(SceneNotes& notes) {
   };
   const double pixels = side(camera.width, camera.regionXMin, camera.regionXMax) *
                         side(camera.height, camera.regionYMin, camera.regionYMax);
-  const double passes = std::clamp(camera.sample, 1, 65535), each = 1 + CountLights();
-  const double gathered = std::max(passes, static_cast<double>(settings.rendererSample));
-  const double bounces = ChoosesFinalGathering() ? 1 : std::max(settings.rendererBounce, 1);
+  const double passes = std::clamp(camera.sample, 1, kMostSamples), each = 1 + CountLights();
+  const double gathered = std::max(passes, static_cast<double>(settings.said.rendererSample));
+  const double bounces = ChoosesFinalGathering() ? 1 : std::max(settings.said.rendererBounce, 1);
   const TextPlace cameraPlace = notes.cameras.empty() ? TextPlace{"camera", 0} : notes.cameras[0].place;
   // Passes gather once each at least: what is beyond that is the gather sample's.
   const double byPasses = pixels * passes * each * (1 + std::min(bounces, 255.0));

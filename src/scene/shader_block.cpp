@@ -178,7 +178,7 @@ void ReadShaderSection(SceneText& text) {
     text.notes->shaders.push_back(std::move(noted));
   }
   const std::int32_t index = FindOrCreateShader(shader.name);
-  shaders[static_cast<std::size_t>(index)] = std::move(shader);
+  ShaderAt(index) = std::move(shader);
 }
 
 }  // namespace zp

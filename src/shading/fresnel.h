@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "core/vec.h"
+#include "shading/shading.h"
 
 namespace zp {
 
@@ -12,7 +12,7 @@ namespace zp {
 // number, reflects nothing.
 // Schlick, "An Inexpensive BRDF Model for Physically-based Rendering", 1994.
 inline float FresnelReflectance(float ior, float cosine) {
-  if (!std::isfinite(ior) || std::abs(ior - 1) < 1e-8f) return 0;
+  if (!std::isfinite(ior) || IsSameMedium(ior, 1)) return 0;
   const float ratio = ior == -1 ? 1.0f : (ior - 1) / (ior + 1);
   const float head = MinOf(ratio * ratio, 1.0f);
   const float m = MinOf(MaxOf(1 - cosine, 0.0f), 1.0f);

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "core/console.h"
+#include "core/index.h"
 #include "core/random.h"
 #include "core/stop.h"
 #include "shading/shading.h"
@@ -71,7 +72,7 @@ void FillRow(const FiberParameters& fiber, int row, FiberLut& lut) {
   const float etaP = SafeSqrt(fiber.ior * fiber.ior - 1 + cosThetaD * cosThetaD) / cosThetaD;
   std::array<OffsetPaths, kOffsets> offsets;
   for (int k = 0; k < kOffsets; ++k)
-    offsets[static_cast<std::size_t>(k)] = FollowOffset(fiber, (static_cast<float>(k) - 63.5f) / 64, etaP);
+    At(offsets, k) = FollowOffset(fiber, (static_cast<float>(k) - 63.5f) / 64, etaP);
 
   for (int column = 0; column < kFiberLutSize; ++column) {
     const float phi = (static_cast<float>(column) + 0.5f) / step * kPi;

@@ -1,13 +1,14 @@
 // Reading a layer at a point, and drawing one layer out of a side's mixture.
 
+#include "core/index.h"
 #include "core/random.h"
 #include "shading/shading.h"
 
 namespace zp {
 
 Vec3 LookUp(const ImageSlot& slot, Vec2 uv) {
-  if (slot.image < 0 || static_cast<std::size_t>(slot.image) >= images.size()) return slot.color;
-  return LookUpTexture(images[static_cast<std::size_t>(slot.image)], slot, uv) * slot.color;
+  if (!IsIndex(images, slot.image)) return slot.color;
+  return LookUpTexture(At(images, slot.image), slot, uv) * slot.color;
 }
 
 bool TestElement(const SurfaceShader& layer, Element element, Vec2 uv, Vec3& color) {
@@ -16,11 +17,11 @@ bool TestElement(const SurfaceShader& layer, Element element, Vec2 uv, Vec3& col
 }
 
 const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, Vec2 uv) {
-  const auto& list = frontFace ? shader.front : shader.back;
-  const auto count = static_cast<std::size_t>(frontFace ? shader.frontCount : shader.backCount);
+  const std::span<const std::uint8_t> list = LayersOf(shader, frontFace);
+  const std::size_t count = list.size();
+  if (count == 0) return shader.surfaces[0];  // a side without layers shows the first surface
   const auto layer = [&](std::size_t i) -> const SurfaceShader& { return shader.surfaces[list[i]]; };
-  // An unused entry is 0, so a side without layers shows the first surface.
-  if (count < 2) return layer(0);
+  if (count == 1) return layer(0);
 
   std::array<float, kMaxLayersOnSide> cumulative;
   float total = 0;

@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "core/index.h"
 #include "core/ray.h"
 
 namespace zp {
@@ -27,8 +28,8 @@ class NameIndex {
     if (known_ > table.size() || (known_ > 0 && last_ && nameOf(table[known_ - 1]) != *last_)) Forget();
     TakeIn(table, nameOf);
     auto found = first_.find(name);
-    const auto at = [&] { return static_cast<std::size_t>(found->second); };
-    if (found != first_.end() && (at() >= table.size() || nameOf(table[at()]) != name)) {
+    if (found != first_.end() &&
+        (!IsIndex(table, found->second) || nameOf(At(table, found->second)) != name)) {
       Forget();  // it was renamed, and a later one of its old name may have become the first
       TakeIn(table, nameOf);
       found = first_.find(name);

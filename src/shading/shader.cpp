@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "core/console.h"
+#include "core/index.h"
 #include "core/release.h"
 #include "shading/name_index.h"
 #include "shading/shading.h"
@@ -36,7 +37,7 @@ std::int32_t FindShader(std::string_view name) {
 }
 
 void RenameShader(std::int32_t index, std::string name) {
-  shaders[static_cast<std::size_t>(index)].name = std::move(name);
+  ShaderAt(index).name = std::move(name);
   shaderNames.Renamed(static_cast<std::size_t>(index));
 }
 
@@ -67,7 +68,7 @@ void ForEachSlot(Shader& shader, Visit visit) {
 
 // What is left of a texture index once its file was tried.
 std::int32_t IfLoaded(std::int32_t image) {
-  return image != kNone && images[static_cast<std::size_t>(image)].loaded ? image : kNone;
+  return image != kNone && At(images, image).loaded ? image : kNone;
 }
 
 // Both sides of a shader with one one-sided surface have something to show.
@@ -87,7 +88,7 @@ void FillSideLists(Shader& shader) {
       if (count == kMaxLayersOnSide || i > 255)
         dropped = true;
       else
-        list[static_cast<std::size_t>(count++)] = static_cast<std::uint8_t>(i);
+        At(list, count++) = static_cast<std::uint8_t>(i);
     };
     const Sideness sideness = shader.surfaces[i].sideness;
     if (sideness != Sideness::kBack) add(shader.front, shader.frontCount);
@@ -124,7 +125,7 @@ void DeriveSideFlags(Shader& shader) {
                           bool& lambertian, bool& transmissive, bool& opaque) {
     virtualLight = emissive = lambertian = transmissive = opaque = false;
     for (std::int32_t i = 0; i < count; ++i) {
-      const SurfaceShader& surface = shader.surfaces[list[static_cast<std::size_t>(i)]];
+      const SurfaceShader& surface = shader.surfaces[At(list, i)];
       virtualLight |= surface.virtualLight;
       emissive |= !IsBlack(surface[Element::kEmissive].color);
       lambertian |= surface.has[Lobe::kLambertian];
@@ -146,7 +147,6 @@ void InitializeShader(Shader& shader) {
   const auto unit = [](float x) { return x > 0 ? MinOf(x, 1.0f) : 0.0f; };
   shader.geometry.roundCorner = unit(shader.geometry.roundCorner);
   shader.geometry.reduction = unit(shader.geometry.reduction);
-  shader.geometry.hasClip = shader.geometry.clip.image != kNone;
   InitializeVolume(shader.volume);
   for (SurfaceShader& surface : shader.surfaces) DeriveFlags(surface);
   DeriveSideFlags(shader);
@@ -170,7 +170,7 @@ void InitializeTextures(std::int32_t undefined) {
       if (name->empty()) continue;  // keeps an index that a host gave
       *index = FindOrAddTexture(*name);
       wanted.resize(images.size(), false);
-      wanted[static_cast<std::size_t>(*index)] = true;
+      At(wanted, *index) = true;
     }
   });
   bool failed = false;
@@ -193,10 +193,10 @@ void InitializeTextures(std::int32_t undefined) {
 void InitializeShaders() {
   const std::int32_t undefined = FindShader(kUndefinedShader);
   InitializeTextures(undefined);
-  if (undefined != kNone) InitializeShader(shaders[static_cast<std::size_t>(undefined)]);
+  if (undefined != kNone) InitializeShader(ShaderAt(undefined));
   for (Shader& shader : shaders) {
     if (shader.surfaces.empty() && undefined != kNone)
-      shader = Shader(shaders[static_cast<std::size_t>(undefined)]);
+      shader = Shader(ShaderAt(undefined));
     else
       InitializeShader(shader);
   }

@@ -4,11 +4,14 @@
 #pragma once
 
 #include <array>
+#include <cmath>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "core/index.h"
 #include "core/ray.h"
 #include "core/vec.h"
 #include "imaging/imaging.h"
@@ -33,13 +36,14 @@ struct ImageSlot {
   bool colorMatrixIsIdentity = true;  // cleared by scene text only
   bool uvMatrixIsIdentity = true;
   std::string imageName;
-  std::string fresnelImageName;
-  std::string uvSetName;
   Vec3 direction;
   Vec3 color;
-  Vec3 fresnel;
   std::int32_t image = kNone;  // index in the texture table
+  // Intended: stored, without effect; the picture is loaded.
+  Vec3 fresnel;
+  std::string fresnelImageName;
   std::int32_t fresnelImage = kNone;
+  std::string uvSetName;
   std::int32_t level = 1;
 };
 
@@ -64,23 +68,28 @@ struct SurfaceShader {
 };
 
 struct GeometryShader {
-  std::vector<ImageSlot> radius, length, vector, height;
-  ImageSlot clip;          // colour white
-  float smoothAngle = -1;  // degrees; negative keeps supplied normals
-  float roundCorner = 1;
-  float reduction = kFarthest;
+  std::vector<ImageSlot> vector;
+  std::vector<ImageSlot> radius, length, height;  // Intended: stored, without effect
+  ImageSlot clip;                                 // colour white
+  float smoothAngle = -1;                         // degrees; negative keeps supplied normals
+  float roundCorner = 1;                          // Intended: stored, without effect
+  float reduction = kFarthest;                    // Intended: likewise
   Visibility visibility = Visibility::kAll;
-  bool flipFace = false, trivialConnection = false, assignHairTextureUv = false, hasClip = false;
+  bool flipFace = false;
+  bool trivialConnection = false, assignHairTextureUv = false;  // Intended: stored, without effect
 
   GeometryShader() { clip.color = kWhite; }
 };
 
+// Whether light goes on unbent from one index of refraction to the other.
+inline bool IsSameMedium(float ior, float other) { return std::fabs(ior - other) < 1e-8f; }
+
 // A medium: absorption along a ray is transmittance to the power of the distance.
 struct VolumeShader {
-  Vec3 sigmaSNormalized, sigmaS, sigmaSCopy, sigmaT, sigmaTShifted;
-  float sigmaMax = 0;
-  Vec3 albedo;
   Vec3 transmittance = {1, 1, 1};  // of one scene unit
+  Vec3 sigmaT;                     // derived: its negative logarithm
+  // Intended: stored, without effect. Media do not scatter.
+  Vec3 albedo;
   float averageCosine = 0;
   std::uint32_t mediumId = 0;
 };
@@ -97,7 +106,7 @@ struct Shader {
   std::int32_t frontCount = 0, backCount = 0;
   std::array<std::uint8_t, kMaxLayersOnSide> front = {}, back = {};  // indices into surfaces
   std::vector<SurfaceShader> surfaces;
-  float opacity = 1;
+  float opacity = 1;  // Intended: stored, without effect
   bool frontVirtualLight = false, backVirtualLight = false;
   bool frontEmissive = false, backEmissive = false;
   bool frontLambertian = false, backLambertian = false;
@@ -106,6 +115,13 @@ struct Shader {
 };
 
 extern std::vector<Shader> shaders;
+inline bool HasShader(std::int32_t index) { return IsIndex(shaders, index); }
+inline Shader& ShaderAt(std::int32_t index) { return At(shaders, index); }
+// The layers of a side, as indices into `surfaces`.
+inline std::span<const std::uint8_t> LayersOf(const Shader& shader, bool frontFace) {
+  const auto count = static_cast<std::size_t>(frontFace ? shader.frontCount : shader.backCount);
+  return {frontFace ? shader.front.data() : shader.back.data(), count};
+}
 inline constexpr std::string_view kUndefinedShader = "undefined";
 
 // The medium around everything: the sky's volume block.

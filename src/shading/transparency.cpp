@@ -15,10 +15,9 @@ Vec3 LayerTransparency(const SurfaceShader& layer, Vec2 uv, float cosine) {
 
 // All layers of a side count, unlike at a shading point, which shows one of them.
 Vec3 ShadowTransparency(const Shader& shader, bool frontFace, Vec2 uv, float cosine) {
-  const auto& list = frontFace ? shader.front : shader.back;
-  const auto count = static_cast<std::size_t>(frontFace ? shader.frontCount : shader.backCount);
   Vec3 product = kWhite;
-  for (std::size_t i = 0; i < count; ++i) product *= LayerTransparency(shader.surfaces[list[i]], uv, cosine);
+  for (const std::uint8_t layer : LayersOf(shader, frontFace))
+    product *= LayerTransparency(shader.surfaces[layer], uv, cosine);
   return product;
 }
 

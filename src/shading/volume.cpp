@@ -15,12 +15,6 @@ void InitializeVolume(VolumeShader& volume) {
     return;
   }
   volume.sigmaT = {-SafeLog(t.x), -SafeLog(t.y), -SafeLog(t.z)};
-  volume.sigmaS = volume.sigmaT * volume.albedo;
-  volume.sigmaSCopy = volume.sigmaS;
-  volume.sigmaMax = MaxOf(MaxOf(volume.sigmaS.x, volume.sigmaS.y), volume.sigmaS.z);
-  // A medium that does not scatter has nothing to normalise.
-  volume.sigmaSNormalized = volume.sigmaMax == 0 ? kBlack : volume.sigmaS / volume.sigmaMax;
-  volume.sigmaTShifted = volume.sigmaT - Vec3{volume.sigmaMax, volume.sigmaMax, volume.sigmaMax};
 }
 
 }  // namespace zp
