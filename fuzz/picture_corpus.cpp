@@ -87,5 +87,6 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "%s is not written\n", kind.name);
       written = false;
     }
+  zp::StopImageFiles();
   return written ? 0 : 1;
 }

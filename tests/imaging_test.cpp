@@ -22,6 +22,7 @@
 
 #include "core/console.h"
 #include "core/random.h"
+#include "core/stop.h"
 #include "core/tables.h"
 #include "surroundings.h"
 
@@ -375,6 +376,10 @@ TEST_F(ImageFiles, LoadingWhatIsNoPicture) {
     EXPECT_FALSE(image.loaded);
     EXPECT_EQ(image.floatPixels.size(), 12U);
     EXPECT_TRUE(!name.starts_with("cut") || image.problem == PictureProblem::kDamaged) << name;
+    stopRequested = true;
+    EXPECT_FALSE(LoadImage(image, Path(name)));
+    stopRequested = false;
+    EXPECT_TRUE(!name.starts_with("cut") || image.problem == PictureProblem::kStopped) << name;
   }
 }
 

@@ -417,7 +417,7 @@ TEST_F(ReadersTest, PicturesThatHoldNoArray) {
   Part part;
   EXPECT_EQ(Array(ArrayKind::kPosition, "", part), ArrayResult::kNothing);
   EXPECT_EQ(rows, "");
-  EXPECT_EQ(Array(ArrayKind::kPosition, "none.pfm", part), ArrayResult::kNotFound);
+  EXPECT_EQ(Array(ArrayKind::kPosition, "none.pfm", part), ArrayResult::kNotLoaded);
   EXPECT_TRUE(rows.starts_with("error :( \timage - none.pfm\tcannot be found\n")) << rows;
   EXPECT_EQ(missingFiles, 1);
   Save(folder / "a.png", Picture(2, 2, 3, std::vector<float>(12, 0.5f)));

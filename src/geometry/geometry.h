@@ -64,14 +64,15 @@ bool ReadHair(std::string_view bytes, const std::string& name, Part& part);
 enum class ArrayKind { kPosition, kUv, kNormal, kTangent, kTriangle, kParticle };
 enum class ArrayResult {
   kRead,
-  kNothing,   // no name
-  kNotFound,  // no such file in the search paths, or no picture in it
-  kUnfit,     // not of 32-bit floats, or with too few components: nothing was added
+  kNothing,    // no name
+  kNotLoaded,  // no such file in the search paths, or no picture in it
+  kUnfit,      // not of 32-bit floats, or with too few components: nothing was added
 };
 // Finds the picture as textures are found and appends its pixels, the top row first, to one array of the
 // Part. The picture is the geometry's own copy: no texture, never packed. Prints a row unless all of it was
-// added.
-ArrayResult ReadArrayImage(ArrayKind kind, const std::string& name, Part& part);
+// added. `problem`, where it is given, becomes that of a picture that is not loaded.
+ArrayResult ReadArrayImage(ArrayKind kind, const std::string& name, Part& part,
+                           PictureProblem* problem = nullptr);
 // The same with the picture in hand; its fileName stands in the rows.
 ArrayResult AddArrayImage(ArrayKind kind, ImageBuffer image, Part& part);
 

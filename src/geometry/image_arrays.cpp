@@ -105,12 +105,14 @@ ArrayResult AddArrayImage(ArrayKind kind, ImageBuffer image, Part& part) {
   return ArrayResult::kRead;
 }
 
-ArrayResult ReadArrayImage(ArrayKind kind, const std::string& name, Part& part) {
+ArrayResult ReadArrayImage(ArrayKind kind, const std::string& name, Part& part, PictureProblem* problem) {
   if (name.empty()) return ArrayResult::kNothing;
   ImageBuffer image;
   image.fileName = name;
   image.allowPacked = false;
-  if (!LoadTexture(image)) return ArrayResult::kNotFound;
+  const bool loaded = LoadTexture(image);
+  if (problem != nullptr) *problem = image.problem;
+  if (!loaded) return ArrayResult::kNotLoaded;
   return AddArrayImage(kind, std::move(image), part);
 }
 

@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <omp.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,8 +17,19 @@
 #include <cstdio>
 #include <type_traits>
 
+#include "core/stop.h"
+
 namespace zp {
 namespace {
+
+// Sanitizers reserve more address space than any limit leaves.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kIsSanitized = true;
+#elif defined(__has_feature)
+constexpr bool kIsSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
+#else
+constexpr bool kIsSanitized = false;
+#endif
 
 constexpr int kFirstStatus = 64;  // of the child; plus the problem's number
 bool isChild = false;
@@ -127,11 +140,24 @@ void LeaveHost(pid_t parent) {
   _exit(kFirstStatus + static_cast<int>(problem));
 }
 
+// Waits for the child's end, as waitpid does. Once all shall stop it is killed.
+pid_t WaitOrKill(pid_t child, int& status) {
+  constexpr int kInterval = 20, kWithoutHandle = 1;  // milliseconds
+  const Descriptor handle(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+  bool isKilled = false;
+  while (true) {
+    pollfd ends = {handle.Number(), POLLIN, 0};
+    poll(&ends, 1, handle.Number() < 0 ? kWithoutHandle : kInterval);
+    const pid_t ended = waitpid(child, &status, WNOHANG);
+    if (ended > 0 || (ended < 0 && errno != EINTR)) return ended;
+    if (Stopping() && !isKilled) isKilled = kill(child, SIGKILL) == 0;
+  }
+}
+
 PictureProblem Await(pid_t child, int file, ImageBuffer& image) {
   int status = 0;
-  pid_t ended = 0;
-  do ended = waitpid(child, &status, 0);
-  while (ended < 0 && errno == EINTR);
+  const pid_t ended = WaitOrKill(child, status);
+  if (Stopping()) return PictureProblem::kStopped;
   // A host that ignores SIGCHLD gets no status; a picture that is not whole shows itself.
   if (ended < 0) return Receive(file, image);
   if (!WIFEXITED(status)) return PictureProblem::kDamaged;
@@ -172,14 +198,11 @@ void LimitDecoder(std::chrono::milliseconds processorTime, std::size_t memory) {
   const itimerval time = {{0, 0}, {processorTime.count() / 1000, processorTime.count() % 1000 * 1000}};
   setitimer(ITIMER_PROF, &time, nullptr);
   alarm(static_cast<unsigned>(60 + processorTime.count() / 50));  // one that waits takes no processor time
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  if (kIsSanitized) return;
   if (const std::size_t used = AddressSpace(); used > 0) {
     const rlimit limit = {std::min<rlim_t>(hostMemory.rlim_cur, used + memory), hostMemory.rlim_max};
     setrlimit(RLIMIT_AS, &limit);
   }
-#else
-  static_cast<void>(memory);
-#endif
 }
 
 void GiveUpDecoding() {

@@ -17,7 +17,8 @@ struct DecoderJob {
 };
 
 // Runs the job in a copy of this process and hands over the picture. Whatever the job does, in wild writes,
-// endless loops or greed for memory, ends there and is kDamaged here. None if no process can be had.
+// endless loops or greed for memory, ends there and is kDamaged here; kStopped once all shall stop. None if
+// no process can be had.
 std::optional<PictureProblem> DecodeInChild(const DecoderJob& job, ImageBuffer& image);
 
 // For jobs. Limits of the child, from now on; without effect in other processes.

@@ -13,6 +13,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "core/stop.h"
+
 namespace zp {
 namespace {
 
@@ -22,7 +24,7 @@ class BytesIn : public Imf::IStream {
  public:
   explicit BytesIn(std::span<const std::uint8_t> bytes) : IStream("picture"), bytes_(bytes) {}
   bool read(char out[], int count) override {
-    if (count < 0 || static_cast<std::uint64_t>(count) > bytes_.size() - at_)
+    if (Stopping() || count < 0 || static_cast<std::uint64_t>(count) > bytes_.size() - at_)
       throw std::runtime_error("the file ends early");
     std::memcpy(out, bytes_.data() + at_, static_cast<std::size_t>(count));
     at_ += static_cast<std::size_t>(count);

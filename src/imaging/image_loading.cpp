@@ -8,11 +8,13 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <new>
 #include <span>
 
+#include "core/stop.h"
 #include "imaging/decoder_process.h"
 #include "imaging/exr_file.h"
 #include "imaging/free_image.h"
@@ -120,23 +122,28 @@ bool CopyBitmap(ImageBuffer& image, FIBITMAP* bitmap) {
 struct ByteSource {
   std::span<const std::uint8_t> bytes;
   std::size_t at = 0;
-  bool endedWithin = false;  // a read got less than it asked for
-  bool endedBefore = false;  // a read got nothing
-  int vainReads = 0;
+  bool endedWithin = false;   // a read got less than it asked for
+  bool endedBefore = false;   // a read got nothing
+  std::size_t vainCalls = 0;  // reads that got nothing, and steps back
 };
 
+// Sound files need few such calls; a plugin that makes more of them has lost its way.
+void CountVainCall(ByteSource& source) {
+  constexpr std::size_t kPatience = 256;
+  if (++source.vainCalls > kPatience + source.bytes.size() / 4) GiveUpDecoding();
+}
+
 unsigned DLL_CALLCONV ReadProc(void* buffer, unsigned size, unsigned count, fi_handle handle) {
-  constexpr int kPatience = 4096;
   auto& source = *static_cast<ByteSource*>(handle);
   const std::uint64_t wanted = std::uint64_t{size} * count;
   if (wanted == 0) return 0;
-  const std::size_t left = source.bytes.size() - source.at;
+  const std::size_t left = Stopping() ? 0 : source.bytes.size() - source.at;
   const std::size_t given = std::min<std::uint64_t>(wanted, left);
   std::memcpy(buffer, source.bytes.data() + source.at, given);
   source.at += given;
   if (given < wanted) source.endedWithin = true;
   if (given == 0) source.endedBefore = true;
-  if (given == 0 && ++source.vainReads > kPatience) GiveUpDecoding();
+  if (given == 0) CountVainCall(source);
   return static_cast<unsigned>(given / size);
 }
 
@@ -146,6 +153,7 @@ int DLL_CALLCONV SeekProc(fi_handle handle, long offset, int origin) {
   const std::size_t from = origin == SEEK_SET ? 0 : origin == SEEK_CUR ? source.at : source.bytes.size();
   long place = 0;
   if (__builtin_add_overflow(static_cast<long>(from), offset, &place) || place < 0) return -1;
+  if (static_cast<std::size_t>(place) < source.at) CountVainCall(source);
   source.at = std::min(static_cast<std::size_t>(place), source.bytes.size());
   if (static_cast<std::size_t>(place) > source.bytes.size()) source.endedWithin = true;
   return 0;
@@ -220,8 +228,10 @@ std::size_t Number16(std::span<const std::uint8_t> bytes, std::size_t at) {
 bool PcxIsWhole(std::span<const std::uint8_t> bytes) {
   constexpr std::size_t kHeader = 128;
   if (bytes.size() < kHeader) return false;
+  if (Number16(bytes, 8) < Number16(bytes, 4) || Number16(bytes, 10) < Number16(bytes, 6)) return false;
+  const std::size_t width = Number16(bytes, 8) - Number16(bytes, 4) + 1, bits = bytes[3];
   const std::size_t rows = Number16(bytes, 10) - Number16(bytes, 6) + 1, planes = bytes[65];
-  const std::size_t wanted = rows * planes * Number16(bytes, 66);
+  const std::size_t wanted = rows * planes * std::max(Number16(bytes, 66), (width * bits + 7) / 8);
   std::size_t at = kHeader, got = 0;
   for (; got < wanted && at < bytes.size(); ++at) {
     const bool isRun = bytes[2] == 1 && bytes[at] >= 0xC0;
@@ -247,10 +257,19 @@ bool TargaIsWhole(std::span<const std::uint8_t> bytes) {
   return at <= bytes.size();
 }
 
+// The TIFF library makes up the rest of a JPEG stream that ends early, and warns.
+thread_local bool streamEndedEarly = false;
+void NoteEarlyEnd(const char*, const char* format, va_list arguments) {
+  char text[200] = {};
+  std::vsnprintf(text, sizeof text, format, arguments);
+  if (std::strstr(text, "remature end") != nullptr) streamEndedEarly = true;
+}
+
 bool EndedEarly(FREE_IMAGE_FORMAT format, const ByteSource& source) {
   if (format == FIF_PCX) return !PcxIsWhole(source.bytes);
   if (format == FIF_TARGA) return !TargaIsWhole(source.bytes);
   if (format == FIF_JP2) return !BoxesAreWhole(source.bytes);
+  if (format == FIF_TIFF && streamEndedEarly) return true;
   return TraitsOf(format).readsAhead ? source.endedBefore : source.endedWithin;
 }
 
@@ -261,6 +280,7 @@ bool IsPlausible(FREE_IMAGE_FORMAT format, FreeImageIO& io, ByteSource& source) 
   const auto size = static_cast<double>(source.bytes.size());
   const FormatTraits traits = TraitsOf(format);
   double most = kSmall + 600 * size;
+  auto memory = static_cast<std::size_t>(0x1p27 + 4 * most);
   LimitDecoder(Patience(size, most), std::size_t{1} << 30);
   if (FreeImage_FIFSupportsNoPixels(format) != 0) {
     const Bitmap header(FreeImage_LoadFromHandle(format, &io, &source, FIF_LOAD_NOPIXELS));
@@ -269,14 +289,17 @@ bool IsPlausible(FREE_IMAGE_FORMAT format, FreeImageIO& io, ByteSource& source) 
                         FreeImage_GetHeight(header.get()) * FreeImage_GetBPP(header.get());
     most = bits / 8;
     if (most > (traits.ratio == 1 ? size : kSmall + traits.ratio * size)) return false;
+    memory = static_cast<std::size_t>(0x1p29 + 12 * most);
   }
-  LimitDecoder(Patience(size, most), static_cast<std::size_t>(0x1p29 + 12 * most));
+  LimitDecoder(Patience(size, most), memory);
   source = {source.bytes};
   return true;
 }
 
 PictureProblem DecodeWithFreeImage(std::span<const std::uint8_t> bytes, ImageBuffer& image) {
   const SilentTiff silence;
+  TIFFSetWarningHandler(NoteEarlyEnd);
+  streamEndedEarly = false;
   FreeImageIO io = {ReadProc, NoWriteProc, SeekProc, TellProc};
   ByteSource source = {bytes};
   LimitDecoder(Patience(static_cast<double>(bytes.size()), 0), std::size_t{1} << 30);
@@ -314,8 +337,11 @@ struct OpenFile {
 };
 
 bool ReadAll(int file, std::vector<std::uint8_t>& bytes) {
+  constexpr std::size_t kBlock = std::size_t{1} << 24;
   for (std::size_t at = 0; at < bytes.size();) {
-    const ssize_t got = pread(file, bytes.data() + at, bytes.size() - at, static_cast<off_t>(at));
+    if (Stopping()) return false;
+    const std::size_t size = std::min(kBlock, bytes.size() - at);
+    const ssize_t got = pread(file, bytes.data() + at, size, static_cast<off_t>(at));
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) return false;
     if (got == 0) bytes.resize(at);  // it has become shorter
@@ -393,9 +419,11 @@ std::string_view ProblemText(PictureProblem problem) {
     case PictureProblem::kDamaged:
       return "is damaged or cut off";
     case PictureProblem::kNoMemory:
+      return "takes more memory than there is";
+    case PictureProblem::kStopped:
       break;
   }
-  return "takes more memory than there is";
+  return "is not read to its end";
 }
 
 void StartImageFiles() { FreeImage_Initialise(0); }

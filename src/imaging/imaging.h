@@ -21,7 +21,7 @@ struct PackedPixel {
   std::uint8_t r = 0, g = 0, b = 0, exponent = 0;
 };
 
-// Why a file gave no picture.
+// Why a file gave no picture. Of several files, the last of these says most.
 enum class PictureProblem : std::int32_t {
   kSound,          // it did
   kMissing,        // there is no such file
@@ -30,7 +30,8 @@ enum class PictureProblem : std::int32_t {
   kUnsupported,    // one or four bits a pixel, or deep pixels
   kDamaged,        // cut off, or not what its format asks for
   kNoMemory,
-  kLast = kNoMemory,
+  kStopped,  // all work was, within this one
+  kLast = kStopped,
 };
 // What follows "the image ... ", as in "cannot be found".
 std::string_view ProblemText(PictureProblem problem);

@@ -25,9 +25,9 @@ using Names = std::set<std::string, std::less<>>;
 struct Definitions {
   std::vector<std::string_view> shaders;  // of sections, and the default
   std::vector<std::string_view> objects;
-  Names shaderNames, objectNames, tableNames;             // the last: whatever is in the shader table
-  std::map<std::string, bool, std::less<>> pictures;      // that were tried; true: it was read
-  std::map<std::string, std::vector<std::string>> files;  // of folders
+  Names shaderNames, objectNames, tableNames;                   // the last: whatever is in the shader table
+  std::map<std::string, PictureProblem, std::less<>> pictures;  // that were tried
+  std::map<std::string, std::vector<std::string>> files;        // of folders
 };
 
 Definitions ReadDefinitions(const SceneNotes& notes) {
@@ -68,16 +68,19 @@ std::string NearestFile(SceneNotes& notes, Definitions& known, const std::string
   return {};
 }
 
-bool CanLoad(Definitions& known, const std::string& name) {
-  const auto [entry, isNew] = known.pictures.try_emplace(name, false);
-  if (isNew) entry->second = LoadTexture(At(images, FindOrAddTexture(name)));
+PictureProblem TryPicture(Definitions& known, const std::string& name) {
+  const auto [entry, isNew] = known.pictures.try_emplace(name, PictureProblem::kSound);
+  ImageBuffer& image = At(images, FindOrAddTexture(name));
+  if (isNew && !LoadTexture(image)) entry->second = image.problem;
   return entry->second;
 }
 
 void CheckImage(SceneNotes& notes, const NameUse& use, Definitions& known) {
-  if (!CanLoad(known, use.name))
-    Find(notes, use.place, FindingCode::kMissingImage,
-         "the image " + Quoted(use.name) + " cannot be found or read", NearestFile(notes, known, use.name));
+  const PictureProblem problem = TryPicture(known, use.name);
+  if (problem == PictureProblem::kSound) return;
+  const FindingCode code = CodeOf(problem);
+  Find(notes, use.place, code, "the image " + Quoted(use.name) + ' ' + std::string(ProblemText(problem)),
+       code == FindingCode::kMissingImage ? NearestFile(notes, known, use.name) : std::string());
 }
 
 void CheckName(SceneNotes& notes, const NameUse& use, Definitions& known) {

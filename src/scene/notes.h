@@ -119,6 +119,12 @@ extern SceneNotes* sceneNotes;
 // Into sceneNotes, if it is there.
 void Note(TextPlace place, FindingCode code, std::string text, std::string_view suggestion = {});
 
+// Of a picture that is not loaded.
+inline FindingCode CodeOf(PictureProblem problem) {
+  const bool isFile = problem > PictureProblem::kUnreadable;
+  return isFile ? FindingCode::kDamagedImage : FindingCode::kMissingImage;
+}
+
 inline std::string Quoted(std::string_view text) { return '"' + std::string(text) + '"'; }
 
 }  // namespace zp

@@ -51,10 +51,11 @@ struct MeshPictures {
 };
 
 void NotePicture(const TextPlace& place, std::string_view keyword, const std::string& name,
-                 ArrayResult result) {
+                 ArrayResult result, PictureProblem problem) {
   const std::string label = std::string(keyword) + ": ";
-  if (result == ArrayResult::kNotFound)
-    Note(place, FindingCode::kMissingImage, label + "the image " + Quoted(name) + " cannot be found or read");
+  if (result == ArrayResult::kNotLoaded)
+    Note(place, CodeOf(problem),
+         label + "the image " + Quoted(name) + ' ' + std::string(ProblemText(problem)));
   if (result == ArrayResult::kUnfit)
     Note(place, FindingCode::kUnfitPicture,
          label + Quoted(name) + " holds no 32-bit floats, or too few of them for each pixel");
@@ -72,9 +73,10 @@ bool ReadMeshPicture(SceneText& text, const Keyword& keyword, Line& line, MeshPi
   for (std::size_t i = 0; i < std::size(kMeshPictures); ++i) {
     MeshPictures::Picture& picture = mesh.pictures[i];
     const std::size_t triangles = mesh.part.triangles.size();
-    const ArrayResult result = ReadArrayImage(kMeshPictures[i].kind, picture.name, mesh.part);
+    PictureProblem problem = {};
+    const ArrayResult result = ReadArrayImage(kMeshPictures[i].kind, picture.name, mesh.part, &problem);
     if (text.notes && !picture.used)
-      NotePicture(picture.place, kMeshPictures[i].keyword, picture.name, result);
+      NotePicture(picture.place, kMeshPictures[i].keyword, picture.name, result, problem);
     picture.used = true;
     if (text.notes && i == index && result == ArrayResult::kRead && mesh.part.triangles.size() == triangles)
       NoteLine(line, FindingCode::kUnfitPicture,
@@ -115,8 +117,9 @@ bool ReadOwnPart(SceneText& text, const Keyword& keyword, Line& line, std::size_
   Object& object = objectTable[index];
   Part& part = object.parts.emplace_back();
   if (particles) {
-    const ArrayResult result = ReadArrayImage(ArrayKind::kParticle, name, part);
-    if (text.notes) NotePicture(line.Place(), keyword, name, result);
+    PictureProblem problem = {};
+    const ArrayResult result = ReadArrayImage(ArrayKind::kParticle, name, part, &problem);
+    if (text.notes) NotePicture(line.Place(), keyword, name, result, problem);
     return true;
   }
   const bool read = hair ? ReadHairFile(ScenePath(name), part) : ReadFurFile(ScenePath(name), part);

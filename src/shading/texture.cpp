@@ -35,7 +35,7 @@ bool LoadTexture(ImageBuffer& image) {
     image.loaded = LoadImage(image, path);
     image.fileName = name;
     if (image.loaded) return true;
-    problem = image.problem;
+    problem = std::max(problem, image.problem);
   }
   if (Stopping()) return false;
   image.problem = problem;
