@@ -6,6 +6,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -15,6 +16,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
+#include <mutex>
 #include <type_traits>
 
 #include "core/stop.h"
@@ -133,7 +136,7 @@ void LeaveHost(pid_t parent) {
   try {
     ImageBuffer image;
     image.loaded = false;
-    problem = job.decode(job.context, image);
+    problem = job.decode(job, image);
     if (problem == PictureProblem::kSound && !Send(image, file)) problem = PictureProblem::kNoMemory;
   } catch (const std::exception&) {
   }
@@ -154,17 +157,130 @@ pid_t WaitOrKill(pid_t child, int& status) {
   }
 }
 
-PictureProblem Await(pid_t child, int file, ImageBuffer& image) {
-  int status = 0;
-  const pid_t ended = WaitOrKill(child, status);
+// Of a wait status, which is none where a host that ignores SIGCHLD gets none: a picture that is not whole
+// shows itself.
+PictureProblem Conclude(std::optional<int> status, int file, ImageBuffer& image) {
   if (Stopping()) return PictureProblem::kStopped;
-  // A host that ignores SIGCHLD gets no status; a picture that is not whole shows itself.
-  if (ended < 0) return Receive(file, image);
-  if (!WIFEXITED(status)) return PictureProblem::kDamaged;
-  const int number = WEXITSTATUS(status) - kFirstStatus;
+  if (!status) return Receive(file, image);
+  if (!WIFEXITED(*status)) return PictureProblem::kDamaged;
+  const int number = WEXITSTATUS(*status) - kFirstStatus;
   if (number < 0 || number > static_cast<int>(PictureProblem::kLast)) return PictureProblem::kDamaged;
   const auto problem = static_cast<PictureProblem>(number);
   return problem == PictureProblem::kSound ? Receive(file, image) : problem;
+}
+
+// The small process that forks the others, by the socket to it.
+struct Nursery {
+  std::mutex mutex;  // of one exchange
+  int socket = -1;
+  pid_t owner = 0;  // a copy of that process, as hosts make them, must not speak on its socket
+
+  void Close() {
+    if (socket >= 0) close(socket);
+    socket = -1;
+  }
+};
+Nursery nursery;
+
+// One packet with `count` descriptors beside its bytes. False if the other side is gone.
+bool SendPacket(int socket, const void* bytes, std::size_t size, const int* descriptors = nullptr,
+                std::size_t count = 0) {
+  iovec part = {const_cast<void*>(bytes), size};
+  alignas(cmsghdr) char control[CMSG_SPACE(2 * sizeof(int))] = {};
+  msghdr message = {};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  if (count > 0) {
+    message.msg_control = control;
+    message.msg_controllen = CMSG_SPACE(count * sizeof(int));
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(count * sizeof(int));
+    std::memcpy(CMSG_DATA(header), descriptors, count * sizeof(int));
+  }
+  ssize_t sent = 0;
+  do sent = sendmsg(socket, &message, MSG_NOSIGNAL);
+  while (sent < 0 && errno == EINTR);
+  return sent == static_cast<ssize_t>(size);
+}
+
+// A packet of exactly these two descriptors, if `descriptors` is given.
+bool ReceivePacket(int socket, void* bytes, std::size_t size, int* descriptors = nullptr) {
+  iovec part = {bytes, size};
+  alignas(cmsghdr) char control[CMSG_SPACE(2 * sizeof(int))] = {};
+  msghdr message = {};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
+  ssize_t got = 0;
+  do got = recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
+  while (got < 0 && errno == EINTR);
+  if (got != static_cast<ssize_t>(size)) return false;
+  if (descriptors == nullptr) return true;
+  const cmsghdr* header = CMSG_FIRSTHDR(&message);
+  if (header == nullptr || header->cmsg_len != CMSG_LEN(2 * sizeof(int))) return false;
+  std::memcpy(descriptors, CMSG_DATA(header), 2 * sizeof(int));
+  return true;
+}
+
+// The small process. A child stays a zombie until the next request, so that its number is nobody else's as
+// long as the other side may want to kill it. Ends when the socket does.
+[[noreturn]] void Serve(int socket) {
+  constexpr int kOwn = 3;
+  const int null = open("/dev/null", O_RDWR);
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(null, stream);
+  if (socket != kOwn) dup2(socket, kOwn);
+  close_range(kOwn + 1, ~0U, 0);  // the host's pipes must not be held open here
+  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) std::signal(number, SIG_IGN);
+  std::signal(SIGCHLD, SIG_DFL);
+  const pid_t self = getpid();
+  DecoderJob job;
+  pid_t last = 0;
+  int files[2];
+  while (ReceivePacket(kOwn, &job, sizeof job, files)) {
+    if (last > 0) waitpid(last, nullptr, 0);
+    last = fork();
+    if (last == 0) {
+      close(kOwn);
+      LeaveHost(self);
+      job.file = files[0];
+      RunChild(job, files[1]);
+    }
+    for (const int file : files) close(file);
+    siginfo_t info = {};
+    const bool told = SendPacket(kOwn, &last, sizeof last);
+    if (last < 0) continue;
+    while (waitid(P_PID, static_cast<id_t>(last), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+    }
+    const int status = info.si_code == CLD_EXITED ? (info.si_status & 0xFF) << 8 : info.si_status & 0x7F;
+    if (!told || !SendPacket(kOwn, &status, sizeof status)) break;
+  }
+  _exit(0);
+}
+
+// The wait status of a child of the small process; none if that is not there, or could not fork.
+std::optional<int> RunInNursery(const DecoderJob& job, int file) {
+  const std::lock_guard lock(nursery.mutex);
+  if (nursery.socket < 0 || nursery.owner != getpid()) return std::nullopt;
+  const int files[2] = {job.file, file};
+  pid_t child = 0;
+  int status = 0;
+  bool isKilled = false;
+  bool alive = SendPacket(nursery.socket, &job, sizeof job, files, 2) &&
+               ReceivePacket(nursery.socket, &child, sizeof child);
+  if (alive && child < 0) return std::nullopt;
+  while (alive) {
+    constexpr int kInterval = 20;  // milliseconds
+    pollfd answer = {nursery.socket, POLLIN, 0};
+    if (poll(&answer, 1, kInterval) > 0) break;
+    if (Stopping() && !isKilled) isKilled = kill(child, SIGKILL) == 0;
+  }
+  alive = alive && ReceivePacket(nursery.socket, &status, sizeof status);
+  if (alive) return status;
+  nursery.Close();
+  return std::nullopt;
 }
 
 // Bytes of address space in use; 0 if the system does not tell. Sanitizers, which reserve most of it, do not
@@ -180,9 +296,31 @@ PictureProblem Await(pid_t child, int file, ImageBuffer& image) {
 
 }  // namespace
 
+// By way of a process in between, so that a host that waits for its children meets none of these.
+void StartDecoders() {
+  StopDecoders();
+  int ends[2];
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return;
+  const pid_t between = fork();
+  if (between == 0) {
+    if (fork() == 0) Serve(ends[1]);
+    _exit(0);
+  }
+  close(ends[1]);
+  nursery.socket = ends[0];
+  nursery.owner = getpid();
+  if (between < 0) return nursery.Close();
+  while (waitpid(between, nullptr, 0) < 0 && errno == EINTR) {
+  }
+}
+
+void StopDecoders() { nursery.Close(); }
+
 std::optional<PictureProblem> DecodeInChild(const DecoderJob& job, ImageBuffer& image) {
   const Descriptor file(memfd_create("picture", MFD_CLOEXEC));
   if (file.Number() < 0) return std::nullopt;
+  if (const std::optional<int> status = RunInNursery(job, file.Number()))
+    return Conclude(status, file.Number(), image);
   const pid_t parent = getpid();
   const pid_t child = fork();
   if (child < 0) return std::nullopt;
@@ -190,7 +328,9 @@ std::optional<PictureProblem> DecodeInChild(const DecoderJob& job, ImageBuffer& 
     LeaveHost(parent);
     RunChild(job, file.Number());
   }
-  return Await(child, file.Number(), image);
+  int status = 0;
+  const pid_t ended = WaitOrKill(child, status);
+  return Conclude(ended < 0 ? std::nullopt : std::optional(status), file.Number(), image);
 }
 
 void LimitDecoder(std::chrono::milliseconds processorTime, std::size_t memory) {

@@ -350,16 +350,10 @@ bool ReadAll(int file, std::vector<std::uint8_t>& bytes) {
   return true;
 }
 
-struct FileJob {
-  const OpenFile& file;
-  bool allowPacked;
-};
-
-PictureProblem DecodeFile(void* context, ImageBuffer& image) {
-  const auto& job = *static_cast<const FileJob*>(context);
+PictureProblem DecodeFile(const DecoderJob& job, ImageBuffer& image) {
   try {
-    std::vector<std::uint8_t> bytes(job.file.size);
-    if (!ReadAll(job.file.number, bytes)) return PictureProblem::kUnreadable;
+    std::vector<std::uint8_t> bytes(job.size);
+    if (!ReadAll(job.file, bytes)) return PictureProblem::kUnreadable;
     image.allowPacked = job.allowPacked;
     return DecodePicture(bytes, image);
   } catch (const std::bad_alloc&) {
@@ -370,11 +364,10 @@ PictureProblem DecodeFile(void* context, ImageBuffer& image) {
 PictureProblem ReadPicture(ImageBuffer& image, const std::string& path) {
   const OpenFile file(path.c_str());
   if (file.problem != PictureProblem::kSound) return file.problem;
-  FileJob job = {file, image.allowPacked};
-  const DecoderJob decoder = {DecodeFile, &job};
+  const DecoderJob job = {DecodeFile, file.number, file.size, image.allowPacked};
   try {
-    if (const auto result = DecodeInChild(decoder, image)) return *result;
-    return DecodeFile(&job, image);
+    if (const auto result = DecodeInChild(job, image)) return *result;
+    return DecodeFile(job, image);
   } catch (const std::bad_alloc&) {
     image.width = image.height = 0;
     return PictureProblem::kNoMemory;
@@ -426,7 +419,13 @@ std::string_view ProblemText(PictureProblem problem) {
   return "is not read to its end";
 }
 
-void StartImageFiles() { FreeImage_Initialise(0); }
-void StopImageFiles() { FreeImage_DeInitialise(); }
+void StartImageFiles() {
+  FreeImage_Initialise(0);
+  StartDecoders();
+}
+void StopImageFiles() {
+  StopDecoders();
+  FreeImage_DeInitialise();
+}
 
 }  // namespace zp
