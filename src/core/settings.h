@@ -11,6 +11,7 @@ namespace zp {
 
 struct RendererSettings {
   std::int32_t format = 1;        // the rules that the scene is read and rendered by: 1 or 2
+  bool formatIsSettled = false;   // the program's user has chosen it: scene text has no say
   std::int32_t activeCamera = 0;  // Intended: nothing writes it, camera 0 is the one rendered
   // Not reset between runs: a second scene in the process inherits these.
   Vec3 clamp = {kFarthest, kFarthest, kFarthest};  // upper limit of one sample's radiance
