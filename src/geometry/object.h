@@ -64,6 +64,7 @@ struct Part {
   std::string typeName = "undefined";
   std::shared_ptr<DensityCells> density;  // of a Part of the RootObject, while there are cells
   bool motion = false;                    // some vector set is named "motion"
+  bool mirroredUvs = false;               // see KeepsHandedness
   // Of the reader that merges vertices; transient. Open addressing, a power of two of slots with vertex
   // indices.
   std::vector<std::uint32_t> vertexHash;
