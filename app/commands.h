@@ -33,6 +33,7 @@ struct RenderOptions {
   std::optional<Region> region;
   std::optional<std::int32_t> threads;
   std::optional<std::uint64_t> seed;
+  std::optional<std::int32_t> format;  // of the rules, whatever the scene says
   bool quiet = false;
   bool progress = false;
   bool preview = false;  // a window shows the picture; closing it ends the render

@@ -84,6 +84,9 @@ void AddRender(CLI::App& app, RenderOptions& options) {
           },
           "Repeatable random numbers: the same seed gives the same picture")
       ->type_name("N");
+  render->add_option("--format", options.format, "Rules of format 1 or 2, whatever the scene says")
+      ->type_name("N")
+      ->check(CLI::IsMember({"1", "2"}));
   render->add_flag("--quiet", options.quiet, "No report rows on the output stream");
   render->add_flag("--strict", options.strict,
                    "Render nothing and exit with 1 if 'zephlore check' would tell an error of the scene");

@@ -11,6 +11,7 @@
 
 #include "commands.h"
 #include "core/console.h"
+#include "core/format.h"
 #include "core/stop.h"
 #include "frame/frame.h"
 #include "imaging/frame_state.h"
@@ -221,6 +222,7 @@ int RenderScene(const RenderOptions& options) {
     return Fail("cannot read the scene folder '" + options.scene + "'");
   }
   if (Stopping()) return kExitDone;
+  if (!formatProblem.empty()) return Fail(formatProblem);
   if (cameras.empty()) return Fail("there is no camera in the scene '" + options.scene + "'");
   ApplyOptions(options, cameras.front());
   Initialize();
@@ -246,6 +248,8 @@ int RunRender(const RenderOptions& options) {
   std::error_code error;
   if (!std::filesystem::is_directory(options.scene, error))
     return Fail("there is no scene folder '" + options.scene + "'");
+  if (std::string problem; !options.format && FormatOfEnvironment(problem) > 0 && !problem.empty())
+    return Fail(problem);
   if (options.preview)
     if (const std::string obstacle = PreviewObstacle(1, 1); !obstacle.empty())
       return Fail("cannot open a preview window: " + obstacle);
@@ -255,7 +259,7 @@ int RunRender(const RenderOptions& options) {
   TellErrors();
   missingFiles = 0;
   StopOnSignals();
-  Startup(options.seed);
+  Startup(options.seed, options.format);
   nothingToLose = true;
   const int status = RenderScene(options);
   nothingToLose = false;

@@ -2,10 +2,14 @@
 // their own.
 
 #include <dirent.h>
+#include <pybind11/stl.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <initializer_list>
+#include <optional>
+#include <string>
 
 #include "tables.h"
 
@@ -91,9 +95,19 @@ void RequireFolder(const char* path) {
   throw py::error_already_set();
 }
 
+constexpr const char* kFormatVariable = "ZP_FORMAT";
+
 // Life cycle, with the count of records kept in step.
-void Startup() {
+// The library takes a format from the environment alone, which is as it was afterwards.
+void Startup(std::optional<int> format) {
+  if (format && *format != 1 && *format != 2)
+    throw py::value_error("zp.startup: there are the formats 1 and 2, not " + std::to_string(*format));
+  const char* const found = std::getenv(kFormatVariable);
+  const std::optional<std::string> kept = found ? std::optional<std::string>(found) : std::nullopt;
+  if (format) setenv(kFormatVariable, std::to_string(*format).c_str(), 1);
   zpStartup();
+  if (format && kept) setenv(kFormatVariable, kept->c_str(), 1);
+  if (format && !kept) unsetenv(kFormatVariable);
   NoteStartup();
 }
 void Go(const char* folder) {
@@ -132,8 +146,10 @@ void FinalizeAccelerator() {
 }
 
 void DefineLifeCycle(py::module_& m) {
-  DefineLong(m, "startup", Startup,
-             "Prints the banner, fills tables, sets defaults.\nFirst of all calls; go includes it.");
+  DefineLong(m, "startup", Startup, "format"_a = py::none(),
+             "Prints the banner, fills tables, sets defaults.\nFirst of all calls; go includes it.\n"
+             "format: the rules, 1 or 2, others raise ValueError; without it the environment variable "
+             "ZP_FORMAT tells, or else 1.");
   DefineLong(m, "shutdown", zpShutdown, "Last of all calls. startup may follow for another scene.");
   DefineLong(m, "go", Go, "folder"_a,
              "Renders one scene folder from startup to shutdown; nothing else is called around it.\n"

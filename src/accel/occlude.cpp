@@ -79,7 +79,7 @@ struct OccluderWalk {
           if (tree.filtersVisibility && !IsVisible(part.shader, ray)) return false;
           PrimitiveHit hit;
           hit.shader = part.shader;
-          if (!TakeSphere<true>(d, nearest, discriminant, ray, false, hit)) return false;
+          if (!TakeShadowSphere(tree.shadowRoots, d, nearest, discriminant, ray, hit)) return false;
           if (!kOpaque && !Absorbs(part, kKindParticle, index, hit)) return false;
           blockingLane = static_cast<std::uint32_t>((&block - tree.particles.data()) * kParticleLanes + i);
           return true;
@@ -118,7 +118,8 @@ struct OccluderWalk {
       if (IsParent(ray, part, kind, reference.index)) continue;
       PrimitiveHit hit;
       bool met = false;
-      if (kind == kKindParticle) met = TestShadowParticle(part, reference.index, ray, hit);
+      if (kind == kKindParticle)
+        met = TestShadowParticle(part, reference.index, ray, hit, object.packed->shadowRoots);
       if (kind == kKindCylinder) met = TestCylinder(part, reference.index, ray, hit);
       if (kind == kKindTriangle) met = TestTriangle(part, reference.index, ray, hit);
       if (kind == kKindTetragon) met = TestTetragon(part, reference.index, ray, hit);

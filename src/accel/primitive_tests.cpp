@@ -1,6 +1,7 @@
 #include "accel/primitive_tests.h"
 
 #include "accel/curve_segment.h"
+#include "geometry/geometry.h"
 
 namespace zp {
 
@@ -48,15 +49,15 @@ float VertexRadius(const Part& part, std::uint32_t vertex) {
 
 namespace {
 
-template <bool kShadow>
-bool TestSphere(const Part& part, std::uint32_t index, const RayRecord& ray, bool isParent,
-                PrimitiveHit& hit) {
+//   take  chooses the root
+template <bool kShadow, class Take>
+bool TestSphere(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit, Take&& take) {
   if (!IsVisible(part.shader, ray)) return false;
   const std::uint32_t vertex = part.particles[index];
   const Vec3 d = part.positions[vertex] - ray.origin;
   const SphereHits<float> hits = TestSpheres<float>(
       ToLanes(d), VertexRadius(part, vertex), ToLanes(ray.direction), InverseSquare<kShadow>(ray), 0.0f);
-  if (hits.mask == 0 || !TakeSphere<kShadow>(d, hits.b, hits.discriminant, ray, isParent, hit)) return false;
+  if (hits.mask == 0 || !take(d, hits)) return false;
   hit.shader = part.shader;
   return true;
 }
@@ -65,21 +66,27 @@ bool TestSphere(const Part& part, std::uint32_t index, const RayRecord& ray, boo
 
 bool TestParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit,
                   bool isParent) {
-  return TestSphere<false>(part, index, ray, isParent, hit);
+  return TestSphere<false>(part, index, ray, hit, [&](Vec3 d, const SphereHits<float>& hits) {
+    return TakeSphere<false>(d, hits.b, hits.discriminant, ray, isParent, hit);
+  });
 }
 
-bool TestShadowParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit) {
-  return TestSphere<true>(part, index, ray, false, hit);
+bool TestShadowParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit,
+                        bool roots) {
+  return TestSphere<true>(part, index, ray, hit, [&](Vec3 d, const SphereHits<float>& hits) {
+    return TakeShadowSphere(roots, d, hits.b, hits.discriminant, ray, hit);
+  });
 }
 
 CurveSegment MakeCurveSegment(const Part& part, std::uint32_t index) {
   const std::uint32_t first = part.cylinders[index];
-  const auto tangent = [&](std::uint32_t vertex) {
-    return vertex < part.tangents.size() ? SafeNormalize(Unpack(part.tangents[vertex])) : Vec3{};
-  };
   CurveSegment segment = {};
   segment.p0 = part.positions[first];
   segment.chord = segment.p0 - part.positions[first + 1];
+  const float length = StrandTangentLength(segment.chord);
+  const auto tangent = [&](std::uint32_t vertex) {
+    return vertex < part.tangents.size() ? length * SafeNormalize(Unpack(part.tangents[vertex])) : Vec3{};
+  };
   segment.tangent0 = tangent(first);
   segment.tangent1 = tangent(first + 1);
   segment.radius0 = VertexRadius(part, first);

@@ -96,9 +96,9 @@ bool TestTetragon(const Part& part, std::uint32_t index, const RayRecord& ray, P
 // far side, if it goes inwards.
 bool TestParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit,
                   bool isParent = false);
-// The same for shadow rays, which always meet the front. Intended: the roots are b -+ the discriminant,
-// without the square root.
-bool TestShadowParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit);
+// The same for shadow rays. `roots`: as TakeShadowSphere.
+bool TestShadowParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit,
+                        bool roots = false);
 // A segment of a strand: accel/curve_segment.h.
 bool TestCylinder(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit);
 
@@ -149,6 +149,14 @@ bool TakeSphere(Vec3 d, float b, float discriminant, const RayRecord& ray, bool 
   }
   hit.barycentric = hit.t * ray.direction - d;
   return true;
+}
+
+// Of a shadow ray, whose direction need not be of unit length. `roots`: as any other ray, and not by format
+// 1, where the front is always met and the roots are b -+ the discriminant, without its square root.
+inline bool TakeShadowSphere(bool roots, Vec3 d, float b, float discriminant, const RayRecord& ray,
+                             PrimitiveHit& hit) {
+  if (roots) return TakeSphere<false>(d, b, discriminant * InverseSquare<true>(ray), ray, false, hit);
+  return TakeSphere<true>(d, b, discriminant, ray, false, hit);
 }
 
 }  // namespace zp

@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "core/settings.h"
 #include "core/threads.h"
 #include "shading/shading.h"
 
@@ -203,6 +204,7 @@ void PackTree(Object& object) {
   packed->blocks = PageArray<TriangleBlock>(BlocksFor(0, laneCount[0]));
   packed->particles = PageArray<ParticleBlock>(BlocksFor(1, laneCount[1]));
   packed->segments = PageArray<CurveSegment>(BlocksFor(2, laneCount[2]));
+  packed->shadowRoots = settings.format >= 2;
   packed->filtersVisibility = AnyPrimitive(object, IsHidden);
   packed->opaqueOnly = !AnyPrimitive(object, [](std::int32_t shader) { return !IsOpaque(shader); });
   packed->stackSize = 7 * (object.wideDepth + 1) + 1;

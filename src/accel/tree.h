@@ -95,6 +95,7 @@ struct PackedTree {
   PageArray<ParticleBlock> particles;
   PageArray<CurveSegment> segments;
   bool filtersVisibility = false;  // some primitive is hidden from some ray
+  bool shadowRoots = false;        // of particles: TakeShadowSphere
   bool opaqueOnly = false;         // no primitive lets any shadow ray through
   int stackSize = 0;               // entries that a walk can need
 };

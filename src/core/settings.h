@@ -48,7 +48,8 @@ struct FrameSettings {
 };
 
 struct RendererSettings {
-  std::int32_t format = 1;  // the rules that the scene is read and rendered by: 1 or 2
+  std::int32_t format = 1;       // the rules that the scene is read and rendered by: 1 or 2
+  bool formatIsSettled = false;  // the program's user has chosen it: scene text has no say
   SaidSettings said;
   DerivedSettings derived;
   FrameSettings frame;

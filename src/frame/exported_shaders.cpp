@@ -1,6 +1,7 @@
 // Shaders and their layers, as a host fills them.
 
 #include "core/index.h"
+#include "core/settings.h"
 #include "frame/exported_records.h"
 #include "frame/zp.h"
 
@@ -42,7 +43,9 @@ zp::ImageSlot* SlotAt(int shader, int layer, Element element) {
   return record != nullptr && zp::IsIndex(record->slots, i) ? &At(record->slots, i) : nullptr;
 }
 
-// Intended: the identity flags stay set, so that matrices given here are kept but not applied.
+// Format 1 keeps the matrices that a host gives, and does not apply them.
+bool HostMatricesAct() { return zp::settings.format >= 2; }
+
 void SetImage(zp::ImageSlot* slot, const char* path, float gamma, const float color[][4],
               const float uv[][3]) {
   if (slot == nullptr) return;
@@ -52,6 +55,9 @@ void SetImage(zp::ImageSlot* slot, const char* path, float gamma, const float co
     for (int column = 0; column < 4; ++column) slot->colorMatrix.m[column][row] = color[row][column];
   for (int row = 0; uv != nullptr && row < 3; ++row)
     for (int column = 0; column < 3; ++column) slot->uvMatrix.m[row][column] = uv[row][column];
+  if (!HostMatricesAct()) return;
+  slot->colorMatrixIsIdentity = color == nullptr;
+  slot->uvMatrixIsIdentity = uv == nullptr;
 }
 
 }  // namespace

@@ -8,8 +8,10 @@
 
 namespace zp {
 
-// Banner, tables, resets, the Shader "undefined". With a seed, pictures repeat.
-void Startup(std::optional<std::uint64_t> seed = std::nullopt);
+// Banner, tables, resets, the Shader "undefined". With a seed, pictures repeat. `format`: chosen before
+// whatever scene text and ZP_FORMAT say; without it an error row for a ZP_FORMAT that is none.
+void Startup(std::optional<std::uint64_t> seed = std::nullopt,
+             std::optional<std::int32_t> format = std::nullopt);
 // Reads a scene folder into the tables; sets up the search paths first. False without such a folder.
 bool LoadScene(const std::string& folder);
 // Cameras, textures, shaders, accelerator, sky light, geometry light, gaffer, renderer. A stop (core/stop.h)

@@ -2,6 +2,7 @@
 
 #include "accel/accel.h"
 #include "core/console.h"
+#include "core/format.h"
 #include "core/random.h"
 #include "core/release.h"
 #include "core/settings.h"
@@ -24,20 +25,28 @@ void AddImageSearchPath(const std::string& folder) {
 
 void SetSearchPaths(const std::string& folder) {
   Release(imageSearchPaths);
-  // Intended: no separator in between, so the first entry finds files only behind a folder that ends in one.
-  AddImageSearchPath(folder + "image");
+  AddImageSearchPath(SceneImageFolder());
   AddImageSearchPath(folder);
   AddImageSearchPath("");
   geometrySearchPaths = {folder + "geometry", folder, ""};
 }
 
+void StartFormat(std::optional<std::int32_t> chosen) {
+  std::string problem;
+  settings.format = chosen ? *chosen : FormatOfEnvironment(problem);
+  settings.formatIsSettled = chosen.has_value();
+  formatProblem.clear();
+  if (!problem.empty()) PrintError("settings - " + problem);
+}
+
 }  // namespace
 
-void Startup(std::optional<std::uint64_t> seed) {
+void Startup(std::optional<std::uint64_t> seed, std::optional<std::int32_t> format) {
   PrintRule();
   PrintLine("            zephlore Apr 30 2015");
   PrintLine("            light, patiently followed");
   PrintRule();
+  StartFormat(format);
   FillExponentTable();
   StartImageFiles();
   AddImageSearchPath("");
@@ -52,8 +61,8 @@ void Startup(std::optional<std::uint64_t> seed) {
 }
 
 bool LoadScene(const std::string& folder) {
-  SetSearchPaths(folder);
   sceneFolder = folder;
+  SetSearchPaths(folder);
   const std::int64_t start = ProcessorMilliseconds();
   const bool found = ReadSceneFolder(folder);
   const std::int64_t end = ProcessorMilliseconds();
@@ -94,6 +103,7 @@ void Shutdown() {
 void Go(const std::string& folder) {
   Startup();
   LoadScene(folder);
+  if (!formatProblem.empty()) PrintError("settings - " + formatProblem);
   Initialize();
   settings.frame.passIndex = 0;
   RenderLoop();

@@ -194,7 +194,8 @@ enum class Visibility : std::int32_t {
 /// numbers, adds the working directory to the folders of pictures, resets geometry light, sky light and
 /// renderer settings (the scene's setters come after it), and registers the Shader "undefined", a grey of
 /// 0.85, unless one of that name is there: in an empty table it gets index 0. Tables of a scene that was not
-/// finalised stay.
+/// finalised stay. The environment variable `ZP_FORMAT` chooses the rules, 1 (the default) or 2: docs/format-2.md
+/// tells the differences. Another word gives an error row, and format 1.
 void zpStartup() noexcept;
 /// Last of all calls. Ends the picture library and empties the constant tables; a new zpStartup() fills them
 /// again. Scene tables stay: zpFinalize() comes before.
@@ -432,10 +433,11 @@ void zpSetSurfaceColor(int shader, int layer, Element element, float r, float g,
 /// @param layer    index of the layer in it
 /// @param element  what the image is for; its colour multiplies it
 /// @param path     picture file, relative to the working directory; default none. A picture of 16 bits a
-///                 component reads up to 257
+///                 component reads up to 257 in format 1
 /// @param gamma    exponent of each component, default 1; 2.2 makes common 8-bit pictures linear
-/// @param color    4 x 4, or null. Intended: kept, but only matrices of scene text are applied
-/// @param uv       3 x 3, or null. Intended: likewise
+/// @param color    4 x 4, or null: column i makes component i of red, green, blue and 1, and the fourth divides.
+///                 Intended: format 1 keeps it, but applies only matrices of scene text
+/// @param uv       3 x 3, or null: applied to (u, v, 1), row by row. Intended: likewise
 void zpSetSurfaceImage(int shader, int layer, Element element, const char* path, float gamma,
                        const float color[][4], const float uv[][3]) noexcept;
 /// What becomes of light that the layer does not reflect; default Material::kConductor.
@@ -453,7 +455,7 @@ void zpSetSurfaceVirtualLight(int shader, int layer, bool on) noexcept;
 /// supplied); else a warning row, or the face stays.
 int zpAddDisplacementShader(int shader) noexcept;
 /// The layer's image: each component minus 0.5 counts, times the displacement vector. Without one the vector
-/// counts alone. Arguments as those of zpSetSurfaceImage(); both matrices are kept and not applied.
+/// counts alone. Arguments as those of zpSetSurfaceImage(); in format 1 both matrices are kept and not applied.
 void zpSetDisplacementImage(int shader, int layer, const char* path, float gamma, const float color[][4],
                             const float uv[][3]) noexcept;
 /// Splits each triangle into `level` x `level`; default 1, below 1 counts as 1. Levels that memory cannot

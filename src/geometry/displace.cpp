@@ -143,8 +143,10 @@ class DrawFromUv {
   RandomState kept_;
 };
 
-// How far a layer moves a point, in scene units. An image counts from mid-grey.
-Vec3 Offset(const ImageSlot& layer, Vec2 uv, PackedVector packedNormal, PackedVector packedTangent) {
+// How far a layer moves a point, in scene units. An image counts from mid-grey. `hand`: -1 where the
+// bitangent is minus the product of normal and tangent, else 1.
+Vec3 Offset(const ImageSlot& layer, Vec2 uv, PackedVector packedNormal, PackedVector packedTangent,
+            float hand) {
   Vec3 amount = layer.color;
   if (IsIndex(images, layer.image)) {
     const DrawFromUv draws(uv);
@@ -153,7 +155,7 @@ Vec3 Offset(const ImageSlot& layer, Vec2 uv, PackedVector packedNormal, PackedVe
   }
   if (layer.direction != Vec3{}) return layer.direction * amount;
   const Vec3 normal = SafeNormalize(Unpack(packedNormal)), tangent = SafeNormalize(Unpack(packedTangent));
-  return amount.x * tangent - amount.y * Cross(normal, tangent) + amount.z * normal;
+  return amount.x * tangent - (hand * amount.y) * Cross(normal, tangent) + amount.z * normal;
 }
 
 // Computes what the plan gave one triangle room for.
@@ -168,6 +170,7 @@ class Refiner {
       tangents_[c] = SafeNormalize(Unpack(part.tangents[v]));
       corners_[c] = {part.positions[v], normals_[c]};
     }
+    if (part.mirroredUvs && IsMirrored(part, triangle.vertex)) hand_ = -1;
   }
 
   void WriteVertices(const Slice& slice) {
@@ -195,7 +198,7 @@ class Refiner {
     }
     const bool hasUv = !part_.uvSets.empty() && !part_.uvSets.front().values.empty();
     const Vec2 uv = hasUv ? part_.uvSets.front().values[vertex] : Vec2{};
-    const Vec3 moved = position + Offset(layer_, uv, part_.normals[vertex], part_.tangents[vertex]);
+    const Vec3 moved = position + Offset(layer_, uv, part_.normals[vertex], part_.tangents[vertex], hand_);
     // The sum with 0 leaves no negative zeros: positions are compared by their bits.
     part_.positions[vertex] = (IsFinite(moved) ? moved : position) + Vec3{0, 0, 0};
   }
@@ -214,6 +217,7 @@ class Refiner {
   PatchCorner corners_[3];
   Vec3 normals_[3], tangents_[3];
   int order_[3] = {};
+  float hand_ = 1;
 };
 
 // After a pass: each triangle is that of one slice, and each new vertex has corners in its slice alone.

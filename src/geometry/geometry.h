@@ -87,9 +87,17 @@ Box PrimitiveBox(const Object& object, const PrimitiveRef& reference);
 float TriangleArea(const Part& part, std::uint32_t index);
 float TetragonArea(const Part& part, std::uint32_t index);
 
+// How long the tangents of a segment with that chord are: as it is itself, so that the shape of a strand does
+// not depend on its size; 1 scene unit in format 1.
+float StrandTangentLength(Vec3 chord);
 // A point of a cylinder's Hermite curve at t in 0..1, and the vertices' unit tangents it is made of.
 Vec3 CurvePoint(const Part& part, std::uint32_t cylinder, float t);
 
+// Whether the uvs of the first three corners run round the other way than the corners themselves. Asked of
+// Parts with `mirroredUvs` alone: there tangents run along u, and the bitangent is minus the product of
+// normal and tangent on such faces. Elsewhere, and in format 1, it is that product, and tangents run against
+// u.
+bool IsMirrored(const Part& part, const std::uint32_t* vertex);
 // The vertices of a hit primitive and how much each of them counts at the hit.
 struct Corners {
   std::uint32_t vertex[4] = {};

@@ -1,9 +1,11 @@
+#include <algorithm>
 #include <cmath>
 #include <utility>
 
 #include "core/console.h"
 #include "core/index.h"
 #include "core/release.h"
+#include "core/settings.h"
 #include "core/stop.h"
 #include "core/validate.h"
 #include "geometry/geometry.h"
@@ -173,8 +175,26 @@ void FinishEmissionList(EmissionList& list) {
 
 }  // namespace
 
+namespace {
+
+// An Object's shader is for all of its Parts that have none of their own. Format 1 asks for a name, too,
+// which no reader gives to a Part.
+bool TakesShaderOfObject(const Part& part) {
+  return part.shader == 0 && (settings.format >= 2 || part.materialName == kUndefinedShader);
+}
+
+// Whether the Part has faces of which the tangents run against u in format 1.
+bool KeepsHandedness(const Part& part) {
+  const auto mirrored = [&](const auto& face) { return IsMirrored(part, face.vertex); };
+  return settings.format >= 2 && !part.uvSets.empty() &&
+         (std::any_of(part.triangles.begin(), part.triangles.end(), mirrored) ||
+          std::any_of(part.tetragons.begin(), part.tetragons.end(), mirrored));
+}
+
+}  // namespace
+
 void PreparePart(Part& part, const Object& object) {
-  if (part.shader == 0 && part.materialName == kUndefinedShader) part.shader = object.shader;
+  if (TakesShaderOfObject(part)) part.shader = object.shader;
   if (Stopping()) return;
   Validate(part);
   Release(part.vertexHash);
@@ -184,6 +204,7 @@ void PreparePart(Part& part, const Object& object) {
   for (const auto& set : part.vectorSets) part.motion |= set.name == "motion";
   if (!part.triangles.empty() || !part.tetragons.empty()) {
     FlipFaces(part);
+    part.mirroredUvs = KeepsHandedness(part);
     Displace(part);
     Smooth(part);
   }

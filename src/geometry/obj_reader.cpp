@@ -14,7 +14,9 @@
 
 #include "core/console.h"
 #include "core/files.h"
+#include "core/settings.h"
 #include "core/stop.h"
+#include "geometry/ear_clipping.h"
 #include "geometry/geometry.h"
 #include "imaging/imaging.h"
 #include "shading/shading.h"
@@ -22,7 +24,6 @@
 namespace zp {
 namespace {
 
-constexpr std::size_t kLineLimit = 4096;  // bytes, without the line feed; such a line is dropped
 constexpr std::size_t kBlockSize = 1U << 20U;
 constexpr std::uint32_t kMissing = 0xFFFFFFFF;
 constexpr int kMaxCorners = 8;
@@ -31,6 +32,15 @@ constexpr int kMaxCorners = 8;
 struct Corner {
   std::uint32_t position, uv, normal;  // kMissing where the file has none
 };
+
+// What faces a file may have. Format 1 drops those of five corners and more, and splits all of four alike.
+struct FaceRules {
+  bool anyCorners;        // and concave ones: by ear clipping
+  std::size_t lineLimit;  // bytes, without the line feed; such a line is dropped
+};
+FaceRules RulesOfFormat() {
+  return settings.format >= 2 ? FaceRules{true, kBlockSize} : FaceRules{false, 4096};
+}
 
 struct ModelLoader {
   Part& part;
@@ -41,6 +51,7 @@ struct ModelLoader {
   // Faces in file order: number of corners (kPolygon: one was dropped here), shader, three words a corner.
   std::vector<std::uint32_t> faces;
   std::vector<std::uint32_t> lastVertex;  // of a raw position: the Part's vertex that it last became
+  FaceRules rules = RulesOfFormat();
   std::int32_t shader = 0;
   bool smooth = true;
   bool warnedPolygon = false, warnedDegenerate = false, warnedRange = false;
@@ -152,20 +163,48 @@ void CountPolygon(ModelLoader& loader) {
   ++report.groups.back().polygons;
 }
 
-void ParseFace(ModelLoader& loader, const char* cursor, const char* end) {
-  std::int64_t indices[kMaxCorners][3] = {};
-  for (auto& corner : indices) {
-    while (cursor < end && IsBlank(*cursor)) ++cursor;
-    if (cursor >= end || EndsLine(*cursor) || *cursor == '#') break;  // no number of a remark is a corner
-    for (int i = 0; i < 3; ++i) {
-      corner[i] = ParseIndex(cursor, end);
-      if (cursor >= end || *cursor != '/') break;
-      ++cursor;
-    }
-    while (cursor < end && !IsBlank(*cursor) && !EndsLine(*cursor)) ++cursor;
+// The next corner of a face; moves `cursor` behind it. False if there is none.
+bool ParseCorner(const char*& cursor, const char* end, std::int64_t (&corner)[3]) {
+  while (cursor < end && IsBlank(*cursor)) ++cursor;
+  if (cursor >= end || EndsLine(*cursor) || *cursor == '#')
+    return false;  // no number of a remark is a corner
+  for (std::int64_t& index : corner) {
+    index = ParseIndex(cursor, end);
+    if (cursor >= end || *cursor != '/') break;
+    ++cursor;
   }
+  while (cursor < end && !IsBlank(*cursor) && !EndsLine(*cursor)) ++cursor;
+  return true;
+}
+
+void AddFaceCorner(ModelLoader& loader, const std::int64_t (&corner)[3]) {
+  loader.faces.push_back(Resolve(corner[0], loader.positions.size()));
+  loader.faces.push_back(Resolve(corner[1], loader.uvs.size()));
+  loader.faces.push_back(loader.smooth ? Resolve(corner[2], loader.normals.size()) : kMissing);
+}
+
+// A face of any number of corners, up to the first that is none.
+void ParsePolygon(ModelLoader& loader, const char* cursor, const char* end) {
+  const std::size_t begin = loader.faces.size();
+  loader.report.unnamed += !loader.named;
+  loader.faces.push_back(0);
+  loader.faces.push_back(static_cast<std::uint32_t>(loader.shader));
+  for (;;) {
+    std::int64_t corner[3] = {};
+    if (!ParseCorner(cursor, end, corner) || corner[0] == 0) break;
+    AddFaceCorner(loader, corner);
+    ++loader.faces[begin];
+  }
+}
+
+void ParseFace(ModelLoader& loader, const char* cursor, const char* end) {
+  const char* const begin = cursor;
+  std::int64_t indices[kMaxCorners][3] = {};
+  for (auto& corner : indices)
+    if (!ParseCorner(cursor, end, corner)) break;
   ++loader.report.faces;
   if (indices[4][0] != 0) {
+    if (loader.rules.anyCorners) return ParsePolygon(loader, begin, end);
     CountPolygon(loader);
     if (!loader.warnedPolygon) loader.faces.push_back(kPolygon);
     loader.warnedPolygon = true;
@@ -179,11 +218,7 @@ void ParseFace(ModelLoader& loader, const char* cursor, const char* end) {
   loader.report.unnamed += !loader.named;
   loader.faces.push_back(count);
   loader.faces.push_back(static_cast<std::uint32_t>(loader.shader));
-  for (std::uint32_t i = 0; i < count; ++i) {
-    loader.faces.push_back(Resolve(indices[i][0], loader.positions.size()));
-    loader.faces.push_back(Resolve(indices[i][1], loader.uvs.size()));
-    loader.faces.push_back(loader.smooth ? Resolve(indices[i][2], loader.normals.size()) : kMissing);
-  }
+  for (std::uint32_t i = 0; i < count; ++i) AddFaceCorner(loader, indices[i]);
 }
 
 // The second word of a line; empty without one.
@@ -248,7 +283,7 @@ std::size_t ParseLines(ModelLoader& loader, std::string_view text, bool last) {
         static_cast<const char*>(std::memchr(cursor, '\n', static_cast<std::size_t>(end - cursor)));
     if (!feed && !last) break;
     const char* lineEnd = feed ? feed : end;
-    if (static_cast<std::size_t>(lineEnd - cursor) < kLineLimit)
+    if (static_cast<std::size_t>(lineEnd - cursor) < loader.rules.lineLimit)
       ParseLine(loader, cursor, lineEnd);
     else
       ++loader.report.longLines;
@@ -396,8 +431,33 @@ bool IsRectangle(const ModelLoader& loader, const Corner* c) {
   return true;
 }
 
-// Triangles of the file and of quadrangles that are split, in file order; rectangles wait for their turn.
+// The rim of a face of five corners or more, or of a concave one of four where the rules ask.
+bool AddByEars(ModelLoader& loader, const std::vector<Corner>& corners, std::int32_t shader) {
+  if (!loader.rules.anyCorners || corners.size() < 4) return false;
+  std::vector<Vec3> rim;
+  for (const Corner& corner : corners) rim.push_back(loader.positions[corner.position]);
+  if (corners.size() == 4 && !IsConcave(rim)) return false;
+  for (const auto& ear : ClipEars(rim))
+    AddTriangle(loader, corners[ear[0]], corners[ear[1]], corners[ear[2]], shader);
+  return true;
+}
+
+// A face that is no rectangle, or one of four corners that is less.
+void AddFace(ModelLoader& loader, std::vector<Corner>& c, std::int32_t shader) {
+  const int redundant = c.size() == 4 ? RedundantCorner(c.data()) : -1;
+  if (redundant >= 0) {
+    if (!loader.warnedDegenerate) PrintWarning("object - there are degenerated quadrangles");
+    loader.warnedDegenerate = true;
+    c.erase(c.begin() + redundant);
+  }
+  if (AddByEars(loader, c, shader)) return;
+  AddTriangle(loader, c[0], c[1], c[2], shader);
+  if (c.size() == 4) AddTriangle(loader, c[2], c[3], c[0], shader);
+}
+
+// Triangles of the file and of faces that are split, in file order; rectangles wait for their turn.
 void FinishTriangles(ModelLoader& loader, std::vector<std::size_t>& rectangles) {
+  std::vector<Corner> c;
   for (std::size_t at = 0; at < loader.faces.size() && !Stopping();) {
     const std::uint32_t count = loader.faces[at];
     if (count == kPolygon) {
@@ -408,32 +468,19 @@ void FinishTriangles(ModelLoader& loader, std::vector<std::size_t>& rectangles) 
     }
     const std::size_t begin = at;
     at += 2 + 3 * static_cast<std::size_t>(count);
-    const auto shader = static_cast<std::int32_t>(loader.faces[begin + 1]);
-    Corner c[4] = {};
-    std::memcpy(c, &loader.faces[begin + 2], count * sizeof(Corner));
+    c.resize(count);
+    std::memcpy(c.data(), &loader.faces[begin + 2], count * sizeof(Corner));
     const auto isOutside = [&](const Corner& corner) { return corner.position >= loader.positions.size(); };
-    if (std::any_of(c, c + count, isOutside)) {
+    if (std::any_of(c.begin(), c.end(), isOutside)) {
       if (!loader.warnedRange) PrintWarning("object - face index out of range");
       loader.warnedRange = true;
       ++loader.report.outOfRange;
       continue;
     }
-    if (count == 3) {
-      AddTriangle(loader, c[0], c[1], c[2], shader);
-      continue;
-    }
-    const int redundant = RedundantCorner(c);
-    if (redundant >= 0) {
-      if (!loader.warnedDegenerate) PrintWarning("object - there are degenerated quadrangles");
-      loader.warnedDegenerate = true;
-      std::copy(c + redundant + 1, c + 4, c + redundant);
-      AddTriangle(loader, c[0], c[1], c[2], shader);
-    } else if (IsRectangle(loader, c)) {
+    if (count == 4 && RedundantCorner(c.data()) < 0 && IsRectangle(loader, c.data()))
       rectangles.push_back(begin);
-    } else {
-      AddTriangle(loader, c[0], c[1], c[2], shader);
-      AddTriangle(loader, c[2], c[3], c[0], shader);
-    }
+    else
+      AddFace(loader, c, static_cast<std::int32_t>(loader.faces[begin + 1]));
   }
 }
 
@@ -473,7 +520,7 @@ void ReadBlocks(ModelLoader& loader, int file) {
     }
     begin += ParseLines(loader, {buffer.data() + begin, size - begin}, false);
     held = size - begin;
-    if (held >= kLineLimit) {
+    if (held >= loader.rules.lineLimit) {
       held = 0;
       dropping = true;
       ++loader.report.longLines;

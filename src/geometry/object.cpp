@@ -4,6 +4,7 @@
 #include <cassert>
 #include <cmath>
 
+#include "core/settings.h"
 #include "geometry/geometry.h"
 #include "geometry/validate.h"
 
@@ -70,21 +71,33 @@ Box ParticleBox(const Part& part, std::uint32_t index) {
   return box;
 }
 
+float StrandTangentLength(Vec3 chord) { return settings.format >= 2 ? std::sqrt(Dot(chord, chord)) : 1.0f; }
+
 Vec3 CurvePoint(const Part& part, std::uint32_t cylinder, float t) {
   const std::uint32_t first = part.cylinders[cylinder];
   const Vec3 p0 = part.positions[first], p1 = part.positions[first + 1];
+  const float length = StrandTangentLength(p0 - p1);
   const auto tangent = [&](std::uint32_t vertex) {
-    return vertex < part.tangents.size() ? SafeNormalize(Unpack(part.tangents[vertex])) : Vec3{};
+    return vertex < part.tangents.size() ? length * SafeNormalize(Unpack(part.tangents[vertex])) : Vec3{};
   };
   const float t2 = t * t, t3 = t2 * t;
   const float h1 = -(3 * t2 - 2 * t3), h2 = t3 - 2 * t2 + t, h3 = t3 - t2;
   return p0 + (p0 - p1) * h1 + tangent(first) * h2 + tangent(first + 1) * h3;
 }
 
-// Intended: the second vertex's radius is not consulted.
+namespace {
+
+// How far a segment reaches beyond its curve. Format 1 does not ask the second vertex.
+float SegmentReach(float radius0, float radius1) {
+  return settings.format >= 2 ? std::max(radius0, radius1) : radius0;
+}
+
+}  // namespace
+
 Box CylinderBox(const Part& part, std::uint32_t index) {
   Box box;
-  const float radius = Radius(part, part.cylinders[index]);
+  const std::uint32_t first = part.cylinders[index];
+  const float radius = SegmentReach(Radius(part, first), Radius(part, first + 1));
   for (int i = 0; i <= 8; ++i)
     GrowAround(box, CurvePoint(part, index, static_cast<float>(i) * 0.125f), radius);
   return box;

@@ -63,7 +63,8 @@ struct Part {
   std::string materialName;
   // Of a Part of the RootObject, while there are cells. A handle: a const Part's cells can be written.
   std::shared_ptr<DensityCells> density;
-  bool motion = false;  // some vector set is named "motion"
+  bool motion = false;       // some vector set is named "motion"
+  bool mirroredUvs = false;  // see KeepsHandedness
   // Of the reader that merges vertices; transient. Open addressing, a power of two of slots with vertex
   // indices.
   std::vector<std::uint32_t> vertexHash;

@@ -161,6 +161,8 @@ FaceVectors MakeFaceVectors(const Part& part, const std::uint32_t* vertex) {
   if (!IsFinite(face.normal)) face.normal = {};
   if (part.uvSets.empty() || !FindUvTangent(part.uvSets.front().values, vertex, e1, e2, face.tangent))
     face.tangent = Cross(UnitPerpendicular(face.normal), face.normal);
+  else if (part.mirroredUvs && IsMirrored(part, vertex))
+    face.tangent = -face.tangent;
   return face;
 }
 
@@ -441,6 +443,12 @@ void Replace(Smoothing& s) {
 }
 
 }  // namespace
+
+bool IsMirrored(const Part& part, const std::uint32_t* vertex) {
+  const auto uv = [&](int i) { return ValueAt(part.uvSets.front().values, vertex[i]); };
+  const Vec2 a = uv(0), b = uv(1), c = uv(2);
+  return (b.x - a.x) * (c.y - a.y) - (b.y - a.y) * (c.x - a.x) < 0;
+}
 
 void Smooth(Part& part) {
   const bool drops[] = {DropOutOfRange(part.triangles, part.positions.size()),

@@ -4,6 +4,7 @@
 #include <new>
 #include <type_traits>
 
+#include "core/settings.h"
 #include "core/tables.h"
 #include "imaging/imaging.h"
 
@@ -11,6 +12,9 @@ namespace zp {
 namespace {
 
 constexpr float kByteScale = 1.0f / 255.0f;
+
+// Format 1 takes 16 bits for 8.
+float WordScale() { return settings.format >= 2 ? 1.0f / 65535.0f : kByteScale; }
 
 // Stored so that 1 is the largest value: truncated, limited at both ends. Not a number is 0.
 template <class Integer>
@@ -74,6 +78,7 @@ void Allocate(ImageBuffer& image, int width, int height, int channels, int bits,
   image.channels = channels;
   image.bits = bits;
   image.packed = packed;
+  image.wordScale = WordScale();
   DropUnused(image);
   if (packed) {
     image.packedPixels.resize(ElementCount(width, height, 1));
@@ -107,9 +112,10 @@ Vec3 ReadPixel(const ImageBuffer& image, std::size_t pixel) {
         return static_cast<float>(bytes[i]) * kByteScale;
       });
     case 16:
-      return components(image.wordPixels.size(), [words = image.wordPixels.data()](std::size_t i) {
-        return static_cast<float>(words[i]) * kByteScale;
-      });
+      return components(image.wordPixels.size(),
+                        [words = image.wordPixels.data(), scale = image.wordScale](std::size_t i) {
+                          return static_cast<float>(words[i]) * scale;
+                        });
     case 32:
       return components(image.floatPixels.size(),
                         [floats = image.floatPixels.data()](std::size_t i) { return floats[i]; });

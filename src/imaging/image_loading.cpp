@@ -14,6 +14,7 @@
 #include <new>
 #include <span>
 
+#include "core/settings.h"
 #include "core/stop.h"
 #include "imaging/decoder_process.h"
 #include "imaging/exr_file.h"
@@ -51,7 +52,6 @@ void CopyLines(FIBITMAP* bitmap, std::vector<Element>& pixels, std::size_t rowEl
 bool CopyIntegerBitmap(ImageBuffer& image, FIBITMAP* bitmap, int width, int height) {
   const unsigned sourceBytes = FreeImage_GetBPP(bitmap) / 8;
   if (sourceBytes != 1 && sourceBytes != 3 && sourceBytes != 4) return false;
-  // Intended: the index of a palette picture is its grey level, whatever the palette says.
   const bool hasPalette = FreeImage_GetPalette(bitmap) != nullptr;
   const int channels = sourceBytes == 4 ? 4 : sourceBytes == 1 && !hasPalette ? 1 : 3;
   Allocate(image, width, height, channels, 8, false);
@@ -71,6 +71,10 @@ bool CopyIntegerBitmap(ImageBuffer& image, FIBITMAP* bitmap, int width, int heig
   }
   return true;
 }
+
+// A picture of up to 256 colours shows those of its palette. Format 1 takes the index for a grey level, and
+// no picture of less than 8 bits.
+bool ShowsPalette(FIBITMAP* bitmap) { return settings.format >= 2 && FreeImage_GetBPP(bitmap) <= 8; }
 
 void PackFloats(ImageBuffer& image) {
   const std::vector<float> floats = std::move(image.floatPixels);
@@ -99,6 +103,10 @@ bool CopyBitmap(ImageBuffer& image, FIBITMAP* bitmap) {
   };
   switch (FreeImage_GetImageType(bitmap)) {
     case FIT_BITMAP:
+      if (ShowsPalette(bitmap)) {
+        const Bitmap colors(FreeImage_ConvertTo24Bits(bitmap));
+        return colors && CopyIntegerBitmap(image, colors.get(), width, height);
+      }
       return CopyIntegerBitmap(image, bitmap, width, height);
     case FIT_UINT16:
       return copy(1, 16, image.wordPixels);

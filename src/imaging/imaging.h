@@ -46,6 +46,7 @@ struct ImageBuffer {
   std::int32_t channels = 3;  // 1, 3 or 4
   std::int32_t width = 0;
   std::int32_t height = 0;
+  float wordScale = 1.0f / 65535;        // what a component of 16 bits reads as, for each step
   std::vector<std::uint32_t> bitPixels;  // 32 pixels a word, lowest bit first
   std::vector<std::uint8_t> bytePixels;
   std::vector<std::uint16_t> wordPixels;
@@ -58,8 +59,8 @@ struct ImageBuffer {
 
 // Sets the format and clears the pixels; does nothing but clear `loaded` unless all four sizes are positive.
 void Allocate(ImageBuffer& image, int width, int height, int channels, int bits, bool packed);
-// One pixel as three floats. Intended: a 16-bit component reads as value / 255, so that 1.0 written reads
-// 257.
+// One pixel as three floats, integers from 0 to 1. In format 1 a 16-bit component reads as value / 255, so
+// that 1.0 written reads 257.
 Vec3 ReadPixel(const ImageBuffer& image, std::size_t pixel);
 // Packed and 1-bit pictures are not written.
 void WritePixel(ImageBuffer& image, Vec3 color, std::size_t pixel);

@@ -124,6 +124,8 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
   point.outgoing = -ray.direction;
   point.uv = CornerUv(surface.corners, *ray.part);
   SetFrame(point, surface.tangent);
+  if (ray.part->mirroredUvs && surface.corners.count > 2 && IsMirrored(*ray.part, surface.corners.vertex))
+    point.bitangent = -point.bitangent;
 
   if (ray.kind == kKindCylinder) {
     if (point.layer == nullptr) point.layer = &ChooseLayer(shader, ray.frontFace, point.uv);

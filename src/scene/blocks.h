@@ -16,8 +16,10 @@ namespace zp {
 bool IsSectionKeyword(std::string_view keyword);
 
 void ReadRenderSection(SceneText& text);
-void ReadCameraSection(SceneText& text);         // appends to the camera table
-void ReadObjectSection(SceneText& text);         // appends to the object table
+void ReadCameraSection(SceneText& text);  // appends to the camera table
+void ReadObjectSection(SceneText& text);  // appends to the object table
+// Reads the model files that objects have named, when all text is read: its format says how.
+void ReadNamedModels();
 void ReadShaderSection(SceneText& text);         // replaces the Shader of its name
 void ReadPointLightSection(SceneText& text);     // appends to the point light table
 void ReadParallelLightSection(SceneText& text);  // appends to the parallel light table

@@ -1,3 +1,4 @@
+#include "core/format.h"
 #include "core/settings.h"
 #include "scene/blocks.h"
 #include "scene/scene.h"
@@ -114,8 +115,22 @@ void ReadCameraSection(SceneText& text) {
   cameras.push_back(std::move(camera));
 }
 
+namespace {
+
+bool ReadFormat(Line& line) {
+  const std::string_view word = TakeWord(line.values);
+  AskForFormat(word);
+  if (!sceneFolder.empty() && !imageSearchPaths.empty()) imageSearchPaths.front() = SceneImageFolder();
+  if (line.text.notes && FormatOf(word) == 0)
+    NoteLine(line, word.empty() ? FindingCode::kMissingValue : FindingCode::kBadNumber, NoFormatText(word));
+  return true;
+}
+
+}  // namespace
+
 void ReadRenderSection(SceneText& text) {
   ReadBlock(text, "render", [&](const Keyword& keyword, Line& line) {
+    if (keyword == "format") return ReadFormat(line);
     if (keyword == "clamp") return ReadTriple(line, settings.said.clamp);
     if (keyword == "error") return ReadTriple(line, settings.said.error);
     if (keyword == "gamma")

@@ -8,6 +8,7 @@
 
 #include "core/files.h"
 #include "core/index.h"
+#include "core/settings.h"
 #include "geometry/object.h"
 #include "lights/lights.h"
 #include "scene/check_parts.h"
@@ -129,7 +130,7 @@ bool HasStrands(const Object& object) {
                      [](const Part& part) { return !part.cylinders.empty(); });
 }
 
-// Of each shader, whether an instance gives it to strands.
+// Of each shader, whether an instance gives it to strands, or in format 2 their object.
 std::vector<bool> FindHairShaders() {
   Names strands;
   for (const Object& object : objectTable)
@@ -139,6 +140,9 @@ std::vector<bool> FindHairShaders() {
     for (const Instance& instance : object.instances)
       if (instance.shader != kNone && strands.contains(instance.objectName))
         At(dress, instance.shader) = true;
+  if (settings.format >= 2)
+    for (const Object& object : objectTable)
+      if (HasStrands(object)) At(dress, object.shader) = true;
   return dress;
 }
 
@@ -223,12 +227,14 @@ void CheckShaders(SceneNotes& notes) {
 void CheckObjects(SceneNotes& notes) {
   Names names;
   for (const NotedObject& object : notes.objects) {
-    if (object.hasObj && object.shader.line > 0)
+    const bool unreached = object.shader.line > 0 && settings.format < 2;
+    if (unreached && object.hasObj)
       Find(notes, object.shader, FindingCode::kUnreachedShader,
-           "an object's shader does not reach the faces of its OBJ file");
-    else if (object.hasOther && object.shader.line > 0)
+           "an object's shader does not reach the faces of its OBJ file; in format 2 it does");
+    else if (unreached && object.hasOther)
       Find(notes, object.shader, FindingCode::kUnreachedShader,
-           "an object's shader does not reach its hair, fur and pictures: that of an instance does");
+           "an object's shader does not reach its hair, fur and pictures: that of an instance does, and "
+           "in format 2 both do");
     if (!object.name.empty() && !names.insert(object.name).second)
       Find(notes, object.place, FindingCode::kReplaced,
            "there is an object " + Quoted(object.name) + " already, which is what instances place");

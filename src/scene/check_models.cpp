@@ -6,6 +6,7 @@
 #include <map>
 
 #include "core/index.h"
+#include "core/settings.h"
 #include "geometry/geometry.h"
 #include "scene/check_parts.h"
 
@@ -81,13 +82,16 @@ void CheckMaterials(SceneNotes& notes, const NotedModel& model, const std::vecto
          "there is no shader " + Quoted(name) + " for faces of " + Quoted(model.fileName),
          Suggest(notes, name, known));
   }
-  if (model.report.unnamed > 0 && !sections[0])
+  const bool dressed = settings.format >= 2 && objectTable[model.object].shader != 0;
+  if (model.report.unnamed > 0 && !sections[0] && !dressed)
     Find(notes, model.place, FindingCode::kNoMaterial,
          Quoted(model.fileName) + ": " + Count(model.report.unnamed, "face") +
              " without usemtl in the default shader, a grey of 0.85");
 }
 
+// Of format 1; in format 2 tangents are as long as their segments.
 void CheckStrands(SceneNotes& notes, const NotedModel& model) {
+  if (settings.format >= 2) return;
   const Part& part = objectTable[model.object].parts[model.part];
   double sum = 0;
   std::size_t count = 0;
@@ -103,7 +107,7 @@ void CheckStrands(SceneNotes& notes, const NotedModel& model) {
   std::snprintf(text, sizeof text, "%.3g", mean);
   Find(notes, model.place, FindingCode::kShortSegments,
        Quoted(model.fileName) + ": segments of " + text +
-           " scene units on average tangle: their tangents have a length of 1");
+           " scene units on average tangle: their tangents have a length of 1 but in format 2");
 }
 
 std::string NameOf(const Object& object) {

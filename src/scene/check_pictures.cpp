@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "core/index.h"
+#include "core/settings.h"
 #include "lights/lights.h"
 #include "scene/check_parts.h"
 
@@ -52,8 +53,9 @@ bool HoldsHalvedNormals(const ImageBuffer& image) {
 
 void FindSixteenBits(SceneNotes& notes, const TextPlace& place, const std::string& name,
                      std::string_view suggestion) {
-  Find(notes, place, FindingCode::kSixteenBits, Quoted(name) + " holds 16 bits, which read as 0 to 257",
-       suggestion);
+  if (settings.format >= 2) return;
+  Find(notes, place, FindingCode::kSixteenBits,
+       Quoted(name) + " holds 16 bits, which read as 0 to 257 but in format 2", suggestion);
 }
 
 void CheckSlot(SceneNotes& notes, const NotedSlot& noted) {
@@ -63,7 +65,7 @@ void CheckSlot(SceneNotes& notes, const NotedSlot& noted) {
   if (image->bits == 16 && Largest(slot.color) > kGain)
     FindSixteenBits(notes, noted.image, slot.imageName,
                     "color_matrix 0.00389105 0 0 0  0 0.00389105 0 0  0 0 0.00389105 0  0 0 0 1");
-  if (noted.element == "normal" && image->bits != 16 && HoldsHalvedNormals(*image))
+  if (noted.element == "normal" && (image->bits != 16 || settings.format >= 2) && HoldsHalvedNormals(*image))
     Find(notes, noted.image, FindingCode::kNormalRange,
          Quoted(slot.imageName) + " keeps normals as 0 to 1, and is read as it stands",
          "color_matrix 2 0 0 -1  0 2 0 -1  0 0 2 -1  0 0 0 1");

@@ -95,43 +95,75 @@ void NoteUnusedPictures(const MeshPictures& mesh) {
   }
 }
 
-bool ReadModel(SceneText& text, Line& line, NotedObject& noted, std::size_t index) {
-  noted.hasObj = true;
-  const std::string name = ReadString(line);
+enum class ModelKind { kObj, kHair, kFur };
+
+// A model file that the text has named.
+struct NamedModel {
+  ModelKind kind;
+  std::size_t object, part;
+  std::string name;
+  TextPlace place;
+};
+std::vector<NamedModel> namedModels;
+
+// The keyword of a model file, which makes a Part of its own. False if it is another keyword.
+bool ReadModelName(const Keyword& keyword, Line& line, std::size_t index) {
+  const bool obj = keyword == "obj", hair = keyword == "hair", fur = keyword == "fur";
+  if (!obj && !hair && !fur) return false;
   Object& object = objectTable[index];
-  ObjReport report;
-  const bool opened =
-      ReadObjFile(ScenePath(name), object.parts.emplace_back(), text.notes ? &report : nullptr);
-  if (!text.notes) return true;
-  if (!opened) NoteLine(line, FindingCode::kMissingModel, "cannot open the file " + Quoted(name));
-  if (opened)
-    text.notes->models.push_back({line.Place(), name, index, object.parts.size() - 1, std::move(report)});
+  object.parts.emplace_back();
+  namedModels.push_back({obj    ? ModelKind::kObj
+                         : hair ? ModelKind::kHair
+                                : ModelKind::kFur,
+                         index, object.parts.size() - 1, ReadString(line), line.Place()});
   return true;
 }
 
-// Strands and particles: each keyword makes a Part of its own. False if it is another keyword.
-bool ReadOwnPart(SceneText& text, const Keyword& keyword, Line& line, std::size_t index) {
-  const bool hair = keyword == "hair", fur = keyword == "fur", particles = keyword == "particle_texture";
-  if (!hair && !fur && !particles) return false;
+void ReadObjModel(const NamedModel& model, Part& part) {
+  ObjReport report;
+  const bool opened = ReadObjFile(ScenePath(model.name), part, sceneNotes ? &report : nullptr);
+  if (!sceneNotes) return;
+  if (opened)
+    sceneNotes->models.push_back({model.place, model.name, model.object, model.part, std::move(report)});
+  else
+    Note(model.place, FindingCode::kMissingModel, "obj: cannot open the file " + Quoted(model.name));
+}
+
+void ReadStrandModel(const NamedModel& model, Part& part) {
+  const bool hair = model.kind == ModelKind::kHair;
+  const std::string path = ScenePath(model.name);
+  const bool read = hair ? ReadHairFile(path, part) : ReadFurFile(path, part);
+  if (sceneNotes && read)
+    sceneNotes->strands.push_back({model.place, model.name, model.object, model.part, {}});
+  if (sceneNotes && !read)
+    Note(model.place, FindingCode::kMissingModel,
+         (hair ? "hair: cannot open or read the file " : "fur: cannot open the file ") + Quoted(model.name));
+}
+
+// A picture of particles makes a Part of its own.
+bool ReadParticlePicture(SceneText& text, const Keyword& keyword, Line& line, Object& object) {
+  if (keyword != "particle_texture") return false;
   const std::string name = ReadString(line);
-  Object& object = objectTable[index];
-  Part& part = object.parts.emplace_back();
-  if (particles) {
-    PictureProblem problem = {};
-    const ArrayResult result = ReadArrayImage(ArrayKind::kParticle, name, part, &problem);
-    if (text.notes) NotePicture(line.Place(), keyword, name, result, problem);
-    return true;
-  }
-  const bool read = hair ? ReadHairFile(ScenePath(name), part) : ReadFurFile(ScenePath(name), part);
-  if (text.notes && read)
-    text.notes->strands.push_back({line.Place(), name, index, object.parts.size() - 1, {}});
-  if (text.notes && !read)
-    NoteLine(line, FindingCode::kMissingModel,
-             (hair ? "cannot open or read the file " : "cannot open the file ") + Quoted(name));
+  PictureProblem problem = {};
+  const ArrayResult result =
+      ReadArrayImage(ArrayKind::kParticle, name, object.parts.emplace_back(), &problem);
+  if (text.notes) NotePicture(line.Place(), keyword, name, result, problem);
   return true;
 }
 
 }  // namespace
+
+void ReadNamedModels() {
+  for (const NamedModel& model : namedModels) {
+    Part& part = objectTable[model.object].parts[model.part];
+    if (Stopping()) break;
+    if (model.kind == ModelKind::kObj)
+      ReadObjModel(model, part);
+    else
+      ReadStrandModel(model, part);
+  }
+  namedModels.clear();
+}
 
 void ReadObjectSection(SceneText& text) {
   const std::size_t index = objectTable.size();
@@ -148,9 +180,13 @@ void ReadObjectSection(SceneText& text) {
       return true;
     }
     if (keyword == "instance") return ReadInstanceBlock(text, index);
-    if (keyword == "obj") return ReadModel(text, line, noted, index);
-    const bool known =
-        ReadMeshPicture(text, keyword, line, mesh, object) || ReadOwnPart(text, keyword, line, index);
+    if (ReadModelName(keyword, line, index)) {
+      noted.hasObj |= keyword == "obj";
+      noted.hasOther |= keyword != "obj";
+      return true;
+    }
+    const bool known = ReadMeshPicture(text, keyword, line, mesh, object) ||
+                       ReadParticlePicture(text, keyword, line, object);
     noted.hasOther |= known;
     return known;
   });

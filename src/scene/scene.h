@@ -18,8 +18,10 @@ void ReadScene(std::istream& stream);
 
 extern std::string sceneFolder;
 // Where a file or folder of scene text is: as it stands, from the current directory, or else in the scene
-// folder if it is there.
+// folder if it is there. Format 2 looks in the scene folder first.
 std::string ScenePath(const std::string& name);
+// The folder of pictures that is searched first. Format 1 puts no separator behind the scene folder.
+std::string SceneImageFolder();
 extern std::vector<std::string> geometrySearchPaths;  // Intended: written, never read
 
 }  // namespace zp

@@ -4,6 +4,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "core/settings.h"
 #include "core/stop.h"
 #include "scene/blocks.h"
 #include "scene/scene.h"
@@ -39,6 +40,8 @@ const Section* FindSection(std::string_view keyword) {
 // The order of reading: a Shader comes before what refers to it.
 constexpr std::string_view kSubfolders[] = {"shader", "render", "light", "camera", "geometry"};
 
+bool ReadFile(const std::string& path);
+
 void ReadSectionFolder(const std::string& folder) {
   std::vector<std::string> paths;
   std::error_code error;
@@ -49,7 +52,7 @@ void ReadSectionFolder(const std::string& folder) {
   }
   std::sort(paths.begin(), paths.end());
   for (const std::string& path : paths)
-    if (!Stopping()) ReadSceneFile(path);
+    if (!Stopping()) ReadFile(path);
 }
 
 // Lines of a file that stand in no section, for the observer.
@@ -101,6 +104,17 @@ void ReadText(SceneText& text) {
     Note(text.Here(), FindingCode::kUnreadableFile, "the file cannot be read further");
 }
 
+bool ReadFile(const std::string& path) {
+  std::ifstream stream(path);
+  if (!stream) {
+    Note({path, 0}, FindingCode::kUnreadableFile, "cannot be opened");
+    return false;
+  }
+  SceneText text = {stream, sceneNotes, path};
+  ReadText(text);
+  return true;
+}
+
 // Files that look like scene text where nobody reads it.
 void NoteUnreadFiles(const std::string& folder) {
   namespace fs = std::filesystem;
@@ -130,24 +144,28 @@ bool IsSectionKeyword(std::string_view keyword) { return FindSection(keyword) !=
 void ReadScene(std::istream& stream) {
   SceneText text = {stream, sceneNotes};
   ReadText(text);
+  ReadNamedModels();
 }
 
 bool ReadSceneFile(const std::string& path) {
-  std::ifstream stream(path);
-  if (!stream) {
-    Note({path, 0}, FindingCode::kUnreadableFile, "cannot be opened");
-    return false;
-  }
-  SceneText text = {stream, sceneNotes, path};
-  ReadText(text);
-  return true;
+  const bool opened = ReadFile(path);
+  ReadNamedModels();
+  return opened;
 }
 
 std::string ScenePath(const std::string& name) {
+  if (name.empty()) return name;
   std::error_code error;
-  if (name.empty() || std::filesystem::exists(name, error)) return name;
-  const std::filesystem::path inScene = std::filesystem::path(sceneFolder) / name;
-  return std::filesystem::exists(inScene, error) ? inScene.string() : name;
+  const std::string inScene = (std::filesystem::path(sceneFolder) / name).string();
+  const std::string& first = settings.format >= 2 ? inScene : name;
+  const std::string& second = settings.format >= 2 ? name : inScene;
+  if (std::filesystem::exists(first, error)) return first;
+  return std::filesystem::exists(second, error) ? second : name;
+}
+
+std::string SceneImageFolder() {
+  const bool joins = settings.format >= 2 && !sceneFolder.empty() && !sceneFolder.ends_with('/');
+  return sceneFolder + (joins ? "/image" : "image");
 }
 
 bool ReadSceneFolder(const std::string& folder) {
@@ -155,6 +173,7 @@ bool ReadSceneFolder(const std::string& folder) {
   if (!std::filesystem::is_directory(folder, error)) return false;
   for (const std::string_view subfolder : kSubfolders)
     ReadSectionFolder(folder + "/" + std::string(subfolder));
+  ReadNamedModels();
   if (sceneNotes) NoteUnreadFiles(folder);
   return true;
 }

@@ -6,6 +6,7 @@
 #include "core/console.h"
 #include "core/index.h"
 #include "core/release.h"
+#include "core/settings.h"
 #include "shading/name_index.h"
 #include "shading/shading.h"
 
@@ -64,6 +65,14 @@ void ForEachSlot(Shader& shader, Visit visit) {
   visit(geometry.clip);
   for (SurfaceShader& surface : shader.surfaces)
     for (ImageSlot& slot : surface.slots) visit(slot);
+}
+
+// In the fourth row of a colour matrix format 1 has the third number go with green, not with blue.
+void SettleMatrices(ImageSlot& slot) {
+  if (settings.format >= 2) return;
+  auto& divisor = slot.colorMatrix.m[3];
+  divisor[1] += divisor[2];
+  divisor[2] = 0;
 }
 
 // What is left of a texture index once its file was tried.
@@ -177,6 +186,7 @@ void InitializeTextures(std::int32_t undefined) {
   for (std::size_t i = 0; i < images.size(); ++i)
     if (wanted[i] && !LoadTexture(images[i])) failed = true;
   forEachSlot([&](ImageSlot& slot) {
+    SettleMatrices(slot);
     if (!slot.imageName.empty()) slot.image = IfLoaded(slot.image);
     if (!slot.fresnelImageName.empty()) slot.fresnelImage = IfLoaded(slot.fresnelImage);
   });

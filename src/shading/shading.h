@@ -33,7 +33,7 @@ struct ImageSlot {
   Mat3 uvMatrix;
   std::int8_t wrapU = 0, wrapV = 0;  // 0 repeat, 1 clamp
   PixelSampler pixelSampler = PixelSampler::kBilinear;
-  bool colorMatrixIsIdentity = true;  // cleared by scene text only
+  bool colorMatrixIsIdentity = true;  // cleared where a matrix is given
   bool uvMatrixIsIdentity = true;
   std::string imageName;
   Vec3 direction;

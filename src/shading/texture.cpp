@@ -75,10 +75,9 @@ constexpr Vec3 Mix(Vec3 a, Vec3 b, float t) { return (1 - t) * a + t * b; }
 
 Vec3 ApplyColorMatrix(const Mat4& matrix, Vec3 c) {
   const auto& m = matrix.m;
-  // Intended: the fourth row's third number goes with green, not with blue.
-  const float d = m[3][0] * c.x + (m[3][1] + m[3][2]) * c.y + m[3][3];
-  const auto row = [&](int i) { return (m[i][0] * c.x + m[i][1] * c.y + m[i][2] * c.z + m[i][3]) / d; };
-  const Vec3 result = {row(0), row(1), row(2)};
+  const auto row = [&](int i) { return m[i][0] * c.x + m[i][1] * c.y + m[i][2] * c.z + m[i][3]; };
+  const float d = row(3);
+  const Vec3 result = {row(0) / d, row(1) / d, row(2) / d};
   return IsFinite(result) ? result : kBlack;
 }
 

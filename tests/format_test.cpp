@@ -1,0 +1,128 @@
+// What format 2 does differently: each case is the same thing said in another way, or a closed form.
+
+#include "core/format.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <sstream>
+
+#include "accel/curve_segment.h"
+#include "accel/primitive_tests.h"
+#include "frame/frame.h"
+#include "geometry/geometry.h"
+#include "scene/scene.h"
+#include "shading/shading.h"
+#include "surroundings.h"
+
+namespace zp {
+namespace {
+
+class Formats : public testing::Test {
+ protected:
+  void TearDown() override {
+    unsetenv("ZP_FORMAT");
+    settings.format = 1;
+    settings.formatIsSettled = false;
+    formatProblem.clear();
+  }
+};
+
+TEST_F(Formats, OptionBeforeTextBeforeEnvironment) {
+  struct Case {
+    int option;
+    const char *text, *environment;
+    int format;
+    bool sound;
+  };
+  for (const Case& c : {Case{0, "", "", 1, true},
+                        {0, "", "2", 2, true},
+                        {0, "format 1", "2", 1, true},
+                        {0, "format 2", "", 2, true},
+                        {1, "format 2", "2", 1, true},
+                        {2, "format x", "", 2, true},
+                        {0, "format 3", "2", 1, false},
+                        {0, "format", "", 1, false}}) {
+    setenv("ZP_FORMAT", c.environment, 1);
+    Printed([&] { Startup(1, c.option > 0 ? std::optional(c.option) : std::nullopt); });
+    std::istringstream text(std::string("render\n") + c.text + "\nend\n");
+    ReadScene(text);
+    EXPECT_EQ(std::tuple(settings.format, formatProblem.empty()), std::tuple(c.format, c.sound)) << c.text;
+  }
+  setenv("ZP_FORMAT", "two", 1);
+  EXPECT_NE(Printed([] { Startup(1); }).find("ZP_FORMAT: 'two' is no format"), std::string::npos);
+}
+
+// Of a square spiral, an arrow from each of its corners, and a rim that touches itself around a hole.
+TEST_F(Formats, FacesOfAnyCornersKeepTheirArea) {
+  settings.format = 2;
+  const std::pair<const char*, float> faces[] = {
+      {"v 0 0 0\nv 3 0 0\nv 3 3 0\nv 1 3 0\nv 1 2 0\nv 2 2 0\nv 2 1 0\nv 0 1 0\nf 1 2 3 4 5 6 7 8\n", 6},
+      {"v 0 1 0\nv 2 0 0\nv 0 4 0\nv -2 0 0\nf 1 2 3 4\n", 6},
+      {"v 0 1 0\nv 2 0 0\nv 0 4 0\nv -2 0 0\nf 4 1 2 3\n", 6},
+      {"v 0 0 0\nv 0 3 0\nv 0 3 3\nv 0 0 3\nv 0 1 1\nv 0 1 2\nv 0 2 2\nv 0 2 1\nf 1 2 3 4 1 5 6 7 8 5\n", 8}};
+  for (const auto& [text, area] : faces) {
+    Part part;
+    ReadObj(text, part);
+    float sum = 0;
+    for (std::uint32_t i = 0; i < part.triangles.size(); ++i) sum += TriangleArea(part, i);
+    EXPECT_NEAR(sum, area, 1e-3f) << text;
+  }
+}
+
+// A strand is the same shape in metres and in centimetres, and its box holds both radii.
+TEST_F(Formats, StrandsHaveNoScaleOfTheirOwn) {
+  settings.format = 2;
+  for (const float scale : {1.0f, 0.01f}) {
+    Part part;
+    part.positions = {{0, 0, 0}, scale * Vec3{1, 0, 0}};
+    part.tangents = {Pack({0, 1, 0}), Pack({0, -1, 0})};
+    part.scalarSets[0].values = {scale * 0.1f, scale * 0.2f};
+    part.cylinders = {0};
+    EXPECT_NEAR(CurvePoint(part, 0, 0.5f).y / scale, 0.25f, 1e-3f);
+    EXPECT_NEAR(MakeCurveSegment(part, 0).tangent0.y / scale, 1, 1e-3f);
+    EXPECT_NEAR(CylinderBox(part, 0).min.x / scale, -0.2f, 0.1f);
+    EXPECT_NEAR(CylinderBox(part, 0).max.x / scale, 1.2f, 1e-3f);
+  }
+}
+
+// A sphere of radius 10, light behind it at 40: the discriminant of 100 goes past both ends.
+TEST_F(Formats, LargeSpheresCastShadows) {
+  Part part;
+  part.positions = {{0, 0, 20}};
+  part.scalarSets[0].values = {10};
+  part.particles = {0};
+  RayRecord ray;
+  ray.t = 40;
+  ray.direction = {0, 0, 1};
+  PrimitiveHit hit;
+  EXPECT_FALSE(TestShadowParticle(part, 0, ray, hit));
+  EXPECT_TRUE(TestShadowParticle(part, 0, ray, hit, true));
+  EXPECT_FLOAT_EQ(hit.t, 10);
+}
+
+// Along u on a face and on its mirror image, with the uvs' hand kept apart.
+TEST_F(Formats, TangentsOfMirroredUvsRunAlongU) {
+  for (const int format : {1, 2}) {
+    settings.format = format;
+    Part part;
+    ReadObj("v 0 0 0\nv 1 0 0\nv 0 1 0\nvt 0 0\nvt -1 0\nvt 0 1\nf 1/1 2/2 3/3\n", part);
+    part.mirroredUvs = format == 2;
+    EXPECT_TRUE(IsMirrored(part, part.triangles[0].vertex));
+    Smooth(part);
+    EXPECT_EQ(part.tangents.empty() ? 0 : part.tangents[0].x < 0 ? -1 : 1, format == 2 ? -1 : 1);
+  }
+}
+
+TEST_F(Formats, SixteenBitsReadUpToOne) {
+  settings.format = 2;
+  ImageBuffer image;
+  Allocate(image, 1, 1, 3, 16, false);
+  WritePixel(image, {1, 0.5f, 0}, 0);
+  EXPECT_NEAR(ReadPixel(image, 0).x, 1, 1e-6f);
+  EXPECT_NEAR(ReadPixel(image, 0).y, 0.5f, 1e-4f);
+}
+
+}  // namespace
+}  // namespace zp
