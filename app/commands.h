@@ -28,6 +28,7 @@ struct Region {
 struct RenderOptions {
   std::string scene;   // folder
   std::string output;  // beauty image, relative to the caller's directory; empty: as in the scene
+  std::string camera;  // name, number from 0, or "all"; empty: the first one
   std::optional<std::int32_t> sample;  // passes
   std::optional<std::int32_t> width, height;
   std::optional<Region> region;

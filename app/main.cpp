@@ -41,6 +41,11 @@ void AddRender(CLI::App& app, RenderOptions& options) {
       ->type_name("FILE")
       ->check(
           [](const std::string& text) { return std::string(text.empty() ? "a file name is missing" : ""); });
+  render
+      ->add_option("--camera", options.camera,
+                   "Camera to render: its name, its number from 0, or 'all'; the first one if not given")
+      ->type_name("NAME|NUMBER|all")
+      ->check([](const std::string& text) { return std::string(text.empty() ? "a camera is missing" : ""); });
   render->add_option("--sample", options.sample, "Samples for each pixel")
       ->type_name("N")
       ->check(CLI::Range(1, kMaxSample));

@@ -11,7 +11,7 @@ namespace zp {
 
 struct RendererSettings {
   std::int32_t format = 1;        // the rules that the scene is read and rendered by: 1 or 2
-  std::int32_t activeCamera = 0;  // Intended: nothing writes it, camera 0 is the one rendered
+  std::int32_t activeCamera = 0;  // the one rendered: the first but where the program was told another
   // Not reset between runs: a second scene in the process inherits these.
   Vec3 clamp = {kFarthest, kFarthest, kFarthest};  // upper limit of one sample's radiance
   Vec3 error;                                      // stands in for a sample that is no finite number

@@ -1,11 +1,16 @@
 // imaging/aov.cpp: output images before and after they are filled.
 
 #include "core/console.h"
+#include "core/settings.h"
 #include "core/stop.h"
 #include "imaging/frame_state.h"
 #include "imaging/imaging.h"
 
 namespace zp {
+
+void SettleChannel(Aov& aov) {
+  if (settings.format >= 2 && aov.lastType != 0) aov.channel = aov.lastType;
+}
 
 void InitializeAov(Aov& aov, int width, int height) {
   aov.width = width;
@@ -14,7 +19,7 @@ void InitializeAov(Aov& aov, int width, int height) {
 }
 
 void SaveAovs(const std::vector<Aov>& aovs) {
-  if (Stopping() && CountSamples(frameState) == 0) return;
+  if ((Stopping() || settings.format >= 2) && CountSamples(frameState) == 0) return;
   for (const Aov& aov : aovs) {
     if (aov.image.fileName.empty() || aov.image.width <= 0) continue;
     const std::string reason =

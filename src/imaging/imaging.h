@@ -142,14 +142,18 @@ struct Aov {
   std::int32_t width = 0;
   std::int32_t height = 0;
   std::uint32_t channel = kChannelBeauty;
-  bool mean = false;  // of the samples so far, not a sum of their shares
+  std::uint32_t lastType = 0;  // of scene text, alone; 0 without one, and where a host has chosen the channel
+  bool mean = false;           // of the samples so far, not a sum of their shares
 };
 
+// What a camera's AOV records by the types of scene text: in format 1 the bits of all of them and beauty's,
+// in format 2 the last. Lights' AOVs add in both.
+void SettleChannel(Aov& aov);
 // Allocates the AOV's pixels: 3 channels of 32 bits, black.
 void InitializeAov(Aov& aov, int width, int height);
 // Writes those that have a name and pixels, as finished pictures; one that cannot be written gets an error
-// row with the reason. Where all was stopped before the first sample there is nothing to write, and old files
-// stay.
+// row with the reason. Where all was stopped before the first sample, and in format 2 wherever none was
+// taken, there is nothing to write, and old files stay.
 void SaveAovs(const std::vector<Aov>& aovs);
 // "beauty-YYYYMMDD-HHMMSS.hdr" of the local time; a second one of the same second gets "-2" before its
 // extension. Unique in the process, and it overwrites no other's file: where there is one when the picture is
@@ -211,7 +215,8 @@ extern std::vector<Camera> cameras;
 
 // Fields that only one pose has are copied to the other, so that what is not said twice stands still.
 void CompletePoses(Camera& camera);
-// Limits, poses and AOV pixels of every camera; prints their report. AOVs are bound to shaders elsewhere.
+// Limits, poses, channels and AOV pixels of every camera; prints their report. AOVs are bound to shaders
+// elsewhere. In format 2 a camera that is not rendered gets no pixels, and so writes no files.
 void InitializeCameras();
 // Writes every AOV of every camera and empties the table.
 void FinalizeCameras();

@@ -48,9 +48,10 @@ bool ReadType(Line& line, Aov& aov) {
   for (const ChannelWord& row : kChannelWords)
     if (type == row.word) {
       aov.channel |= row.channel;
+      aov.lastType = row.channel;
       return true;
     }
-  aov.channel = kChannelUserData;
+  aov.channel = aov.lastType = kChannelUserData;
   aov.userData = type;
   return true;
 }
@@ -70,6 +71,7 @@ bool ReadAovBlock(SceneText& text, Aov& aov, AovOwner owner) {
       return ReadName(line, NameKind::kLinkedShader, aov.shaderName) &&
              (owner == AovOwner::kGeometryLight || NoteIdle(line, false));
     if (keyword == "type") {
+      noted.earlierType = noted.type;
       noted.type = line.Place();
       return ReadType(line, aov);
     }

@@ -91,8 +91,9 @@ struct NotedCamera {
 enum class AovOwner { kCamera, kSky, kGeometryLight, kLight };
 struct NotedAov {
   TextPlace place;
-  TextPlace image;  // line 0 without one
-  TextPlace type;   // of the last; line 0 without one
+  TextPlace image;        // line 0 without one
+  TextPlace type;         // of the last; line 0 without one
+  TextPlace earlierType;  // of the one before
   AovOwner owner = AovOwner::kCamera;
   Aov aov;
 };
