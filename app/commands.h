@@ -37,6 +37,7 @@ struct RenderOptions {
   bool quiet = false;
   bool progress = false;
   bool preview = false;  // a window shows the picture; closing it ends the render
+  bool linear = false;   // files of 8 bits keep numbers, in format 2 too
   bool strict = false;   // kExitFailed, before the first pass, if a check of the scene finds an error
 };
 int RunRender(const RenderOptions& options);

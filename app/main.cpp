@@ -92,6 +92,8 @@ void AddRender(CLI::App& app, RenderOptions& options) {
   render->add_flag("--quiet", options.quiet, "No report rows on the output stream");
   render->add_flag("--strict", options.strict,
                    "Render nothing and exit with 1 if 'zephlore check' would tell an error of the scene");
+  render->add_flag("--linear", options.linear,
+                   "Linear numbers in files of 8 bits too: no exposure and no sRGB curve");
   render->add_flag("--progress", options.progress, "One updating line on the error stream");
   render->add_flag("--preview", options.preview,
                    "Show the picture in a window while it renders; closing it ends the render");

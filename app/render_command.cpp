@@ -337,6 +337,7 @@ int RunRender(const RenderOptions& options) {
       return Fail("cannot open a preview window: " + obstacle);
   settings.previewWindow = settings.previewReturns = options.preview;
   omp_set_num_threads(options.threads ? *options.threads : std::min(omp_get_max_threads(), kMaxThreads));
+  settings.linearFiles = options.linear;
   SetConsoleQuiet(options.quiet);
   TellErrors();
   missingFiles = 0;

@@ -20,7 +20,8 @@ struct RendererSettings {
   std::int32_t rendererBounce = 1;  // diffuse bounces before paths stop or the density cells answer
   float distance = 1;               // hits nearer than this are gathered further; scene units
   float distanceSquared = 1;
-  float resolution = 1;  // target area of one density cell; scene units squared
+  float resolution = 1;      // target area of one density cell; scene units squared
+  bool linearFiles = false;  // files of 8 bits keep linear numbers in format 2 too
   bool previewWindow = false;
   bool previewReturns = false;  // a closed window ends the render loop and not the process
   // Put back by ResetRenderer.

@@ -8,6 +8,31 @@
 
 namespace zp {
 
+namespace {
+
+// Numbers are kept as they are, and light is where somebody has asked for it.
+bool IsForEye(const Aov& aov) {
+  return settings.format >= 2 && !settings.linearFiles && KindOf(aov) != ChannelKind::kNumber &&
+         KeepsBytes(aov.image.fileName);
+}
+
+// A surface's colour is no light: it looks the same at every exposure.
+std::array<double, 3> ExposureOf(const Aov& aov) {
+  const auto active = static_cast<std::size_t>(settings.activeCamera);
+  if (KindOf(aov) != ChannelKind::kLight || active >= cameras.size()) return {1, 1, 1};
+  const Vec3 exposure = cameras[active].exposure;
+  return {static_cast<double>(exposure.x), static_cast<double>(exposure.y), static_cast<double>(exposure.z)};
+}
+
+}  // namespace
+
+ChannelKind KindOf(const Aov& aov) {
+  if (aov.mean || aov.ofLight) return ChannelKind::kLight;
+  for (const ChannelWord& row : kChannelWords)
+    if (aov.channel == row.channel) return row.kind;
+  return ChannelKind::kNumber;
+}
+
 void SettleChannel(Aov& aov) {
   if (settings.format >= 2 && aov.lastType != 0) aov.channel = aov.lastType;
 }
@@ -20,12 +45,17 @@ void InitializeAov(Aov& aov, int width, int height) {
 
 void SaveAovs(const std::vector<Aov>& aovs) {
   if ((Stopping() || settings.format >= 2) && CountSamples(frameState) == 0) return;
-  for (const Aov& aov : aovs) {
-    if (aov.image.fileName.empty() || aov.image.width <= 0) continue;
-    const std::string reason =
-        IsFinished(aov, frameState) ? StoreImage(aov.image) : StoreImage(FinishedPicture(aov, frameState));
-    if (!reason.empty()) PrintError("image - " + aov.image.fileName + "\tcannot be written: " + reason);
-  }
+  for (const Aov& aov : aovs)
+    if (!aov.image.fileName.empty() && aov.image.width > 0) SaveAov(aov);
+}
+
+void SaveAov(const Aov& aov) {
+  const auto store = [&aov](const ImageBuffer& picture) {
+    return IsForEye(aov) ? StoreImage(ScreenPicture(picture, ExposureOf(aov))) : StoreImage(picture);
+  };
+  const std::string reason =
+      IsFinished(aov, frameState) ? store(aov.image) : store(FinishedPicture(aov, frameState));
+  if (!reason.empty()) PrintError("image - " + aov.image.fileName + "\tcannot be written: " + reason);
 }
 
 }  // namespace zp

@@ -62,6 +62,7 @@ bool ReadAovBlock(SceneText& text, Aov& aov, AovOwner owner) {
   NotedAov noted;
   noted.place = text.Here();
   noted.owner = owner;
+  if (owner == AovOwner::kCamera) noted.camera = cameras.size();
   ReadBlock(text, "aov", [&](const Keyword& keyword, Line& line) {
     if (keyword == "image") {
       noted.image = line.Place();
@@ -85,7 +86,7 @@ bool ReadAovBlock(SceneText& text, Aov& aov, AovOwner owner) {
 
 void ReadCameraSection(SceneText& text) {
   Camera camera;
-  if (text.notes) text.notes->cameras.push_back({text.Here(), cameras.size()});
+  if (text.notes) text.notes->cameras.push_back({text.Here(), cameras.size(), {}});
   ReadBlock(text, "camera", [&](const Keyword& keyword, Line& line) {
     if (keyword == "name") return ReadString(line, camera.name);
     if (keyword == "resolution") {
@@ -100,8 +101,10 @@ void ReadCameraSection(SceneText& text) {
     }
     if (keyword == "sample") return ReadNumber(line, camera.sample);
     if (keyword == "ior") return ReadNumber(line, camera.ior);
-    if (keyword == "exposure")
-      return ReadTriple(line, camera.exposure) && NoteIdle(line, camera.exposure == kWhite);
+    if (keyword == "exposure") {
+      if (text.notes) text.notes->cameras.back().exposure = line.Place();
+      return ReadTriple(line, camera.exposure);
+    }
     if (keyword == "projection") return ReadChoice(line, kProjections, camera.projection);
     if (keyword == "aov") return ReadAovBlock(text, camera.aovs.emplace_back(), AovOwner::kCamera);
     // Intended: a third pose is no keyword, so that its "end" ends the camera.

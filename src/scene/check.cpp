@@ -7,6 +7,7 @@
 #include <set>
 
 #include "core/files.h"
+#include "core/settings.h"
 #include "geometry/object.h"
 #include "lights/lights.h"
 #include "scene/check_parts.h"
@@ -251,6 +252,10 @@ void CheckCameras(SceneNotes& notes) {
   for (const NotedCamera& noted : notes.cameras) {
     Camera& camera = cameras[noted.camera];
     CheckPoseFields(notes, noted);
+    if (noted.exposure.line > 0 && settings.format < 2)
+      Find(notes, noted.exposure,
+           camera.exposure == kWhite ? FindingCode::kDefaultWithoutEffect : FindingCode::kWithoutEffect,
+           "exposure: has no effect in format 1; in format 2 it acts on files of 8 bits");
     CompletePoses(camera);
     if (noted.camera > 0)
       Find(notes, noted.place, FindingCode::kIdleCamera,
@@ -341,7 +346,7 @@ void CheckStorage(SceneNotes& notes, const NotedAov& noted, Storage storage) {
     if (storage == Storage::kSharedExponent)
       Find(notes, noted.image, FindingCode::kRoundedAov,
            name + " keeps 8 bits of each number, none of them negative");
-  } else if (storage == Storage::kBytes &&
+  } else if (storage == Storage::kBytes && settings.format < 2 &&
              (noted.owner != AovOwner::kCamera || (channel & (kRadianceChannels | kChannelLightPath)) != 0)) {
     Find(notes, noted.image, FindingCode::kClippedAov, name + " keeps 8 bits: light above 1 is cut off");
   }
@@ -397,7 +402,9 @@ void CheckOutputs(SceneNotes& notes) {
       Find(notes, noted.place, FindingCode::kUnwrittenAov, "an AOV without an image is not written");
       continue;
     }
-    if (!names.insert(name).second)
+    // In format 2 only the rendered camera writes: the others may use the same names.
+    const bool apart = settings.format >= 2 && noted.camera > 0;
+    if (!names.insert(apart ? name + '\n' + std::to_string(noted.camera) : name).second)
       Find(notes, noted.image, FindingCode::kAovOverwritten,
            "another AOV is written to " + Quoted(name) + " too");
     CheckStorage(notes, noted, ProbeStorage(name));

@@ -86,6 +86,7 @@ struct NotedObject {
 struct NotedCamera {
   TextPlace place;
   std::size_t camera = 0;  // in the table
+  TextPlace exposure;      // line 0 without one
 };
 
 enum class AovOwner { kCamera, kSky, kGeometryLight, kLight };
@@ -95,6 +96,7 @@ struct NotedAov {
   TextPlace type;         // of the last; line 0 without one
   TextPlace earlierType;  // of the one before
   AovOwner owner = AovOwner::kCamera;
+  std::size_t camera = 0;  // in the table, where the owner is one
   Aov aov;
 };
 
