@@ -28,6 +28,7 @@ struct Region {
 struct RenderOptions {
   std::string scene;   // folder
   std::string output;  // beauty image, relative to the caller's directory; empty: as in the scene
+  std::string camera;  // name, number from 0, or "all"; empty: the first one
   std::optional<std::int32_t> sample;  // passes
   std::optional<std::int32_t> width, height;
   std::optional<Region> region;
@@ -37,6 +38,7 @@ struct RenderOptions {
   bool quiet = false;
   bool progress = false;
   bool preview = false;  // a window shows the picture; closing it ends the render
+  bool linear = false;   // files of 8 bits keep numbers, in format 2 too
   bool strict = false;   // kExitFailed, before the first pass, if a check of the scene finds an error
 };
 int RunRender(const RenderOptions& options);

@@ -41,6 +41,11 @@ void AddRender(CLI::App& app, RenderOptions& options) {
       ->type_name("FILE")
       ->check(
           [](const std::string& text) { return std::string(text.empty() ? "a file name is missing" : ""); });
+  render
+      ->add_option("--camera", options.camera,
+                   "Camera to render: its name, its number from 0, or 'all'; the first one if not given")
+      ->type_name("NAME|NUMBER|all")
+      ->check([](const std::string& text) { return std::string(text.empty() ? "a camera is missing" : ""); });
   render->add_option("--sample", options.sample, "Samples for each pixel")
       ->type_name("N")
       ->check(CLI::Range(1, kMostSamples));
@@ -90,6 +95,8 @@ void AddRender(CLI::App& app, RenderOptions& options) {
   render->add_flag("--quiet", options.quiet, "No report rows on the output stream");
   render->add_flag("--strict", options.strict,
                    "Render nothing and exit with 1 if 'zephlore check' would tell an error of the scene");
+  render->add_flag("--linear", options.linear,
+                   "Linear numbers in files of 8 bits too: no exposure and no sRGB curve");
   render->add_flag("--progress", options.progress, "One updating line on the error stream");
   render->add_flag("--preview", options.preview,
                    "Show the picture in a window while it renders; closing it ends the render");

@@ -7,12 +7,16 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
+#include "camera_choice.h"
 #include "commands.h"
 #include "core/console.h"
 #include "core/format.h"
+#include "core/settings.h"
 #include "core/stop.h"
+#include "core/words.h"
 #include "frame/frame.h"
 #include "imaging/frame_state.h"
 #include "imaging/imaging.h"
@@ -82,6 +86,28 @@ class ProgressLine {
   int width = 0;  // of the longest line so far
 };
 
+// The cameras that are rendered, one after the other. Each is a run of its own, from reading the scene on: a
+// finished frame leaves no lights behind.
+struct Turns {
+  std::vector<std::size_t> cameras;  // known once the scene is read
+  std::size_t index = 0;             // of the one at hand
+
+  bool AreMore() const { return index + 1 < cameras.size(); }
+};
+
+// Sets `turns` where it is the first one. Empty if there is a camera to render, else why not.
+std::string ChooseTurns(const RenderOptions& options, Turns& turns) {
+  if (cameras.empty()) return "there is no camera in the scene '" + options.scene + "'";
+  if (turns.index == 0) turns.cameras = ChooseCameras(options.camera);
+  if (turns.index < turns.cameras.size() && turns.cameras[turns.index] < cameras.size()) return {};
+  std::vector<std::string_view> names;
+  for (const Camera& camera : cameras)
+    if (!camera.name.empty()) names.push_back(camera.name);
+  const std::string_view nearest = NearestWord(options.camera, names);
+  return "there is no camera '" + options.camera + "' among the " + std::to_string(cameras.size()) +
+         " of the scene" + (nearest.empty() ? "" : ", did you mean '" + std::string(nearest) + "'?");
+}
+
 void ApplyOptions(const RenderOptions& options, Camera& camera) {
   if (options.sample) camera.sample = *options.sample;
   if (options.width) camera.width = *options.width;
@@ -95,30 +121,62 @@ void ApplyOptions(const RenderOptions& options, Camera& camera) {
   if (!options.output.empty()) camera.aovs.front().image.fileName = options.output;
 }
 
-// All images that closing a run writes, if they have a name.
-std::vector<ImageBuffer*> OutputImages() {
-  std::vector<ImageBuffer*> outputs;
-  const auto add = [&outputs](std::vector<Aov>& aovs) {
-    for (Aov& aov : aovs) outputs.push_back(&aov.image);
+template <class Visit>
+void ForEachLightAov(const Visit& visit) {
+  const auto visitAll = [&visit](std::vector<Aov>& aovs) {
+    for (Aov& aov : aovs) visit(aov.image);
   };
-  for (Camera& camera : cameras) add(camera.aovs);
-  for (PointLight& light : pointLights) add(light.aovs);
-  for (ParallelLight& light : parallelLights) add(light.aovs);
-  add(skyLight.aovs);
-  add(geometryLight.aovs);
-  return outputs;
+  for (PointLight& light : pointLights) visitAll(light.aovs);
+  for (ParallelLight& light : parallelLights) visitAll(light.aovs);
+  visitAll(skyLight.aovs);
+  visitAll(geometryLight.aovs);
 }
 
 // A run that failed before its first pass has nothing to leave behind.
 void ForgetNames() {
-  for (ImageBuffer* image : OutputImages()) image->fileName.clear();
+  for (Camera& camera : cameras)
+    for (Aov& aov : camera.aovs) aov.image.fileName.clear();
+  ForEachLightAov([](ImageBuffer& image) { image.fileName.clear(); });
+}
+
+// In format 1 the cameras that are not rendered write black images, unless a camera was asked for.
+bool WritesIdleCameras(const RenderOptions& options) { return settings.format < 2 && options.camera.empty(); }
+
+// Names and sizes, without pixels, of all that will be written: by the cameras to render, or by all.
+std::vector<ImageBuffer> PlanOutputs(const RenderOptions& options, const Turns& turns,
+                                     const std::vector<std::string>& labels) {
+  std::vector<ImageBuffer> outputs;
+  const auto add = [&](const ImageBuffer& image, std::size_t index, const std::string& label) {
+    ImageBuffer output;
+    output.fileName = LabelledName(image.fileName, label);
+    output.width = cameras[index].width;
+    output.height = cameras[index].height;
+    if (!output.fileName.empty()) outputs.push_back(std::move(output));
+  };
+  for (std::size_t i = 0; i < cameras.size(); ++i) {
+    const bool renders = std::find(turns.cameras.begin(), turns.cameras.end(), i) != turns.cameras.end();
+    if (!renders && !WritesIdleCameras(options)) continue;
+    for (const Aov& aov : cameras[i].aovs) add(aov.image, i, labels[i]);
+    if (renders) ForEachLightAov([&](const ImageBuffer& image) { add(image, i, labels[i]); });
+  }
+  return outputs;
+}
+
+// Names the images of the camera at hand and those of the lights, and keeps the others from being written.
+void NameOutputs(const RenderOptions& options, std::size_t active, const std::string& label) {
+  const auto name = [&label](ImageBuffer& image) { image.fileName = LabelledName(image.fileName, label); };
+  for (std::size_t i = 0; i < cameras.size(); ++i)
+    for (Aov& aov : cameras[i].aovs) {
+      if (i == active) name(aov.image);
+      if (i != active && !WritesIdleCameras(options)) aov.image.fileName.clear();
+    }
+  ForEachLightAov(name);
 }
 
 // Better to learn before an hour's render than after it.
-int TryOutputs() {
+int TryOutputs(const std::vector<ImageBuffer>& planned) {
   std::vector<const ImageBuffer*> outputs;
-  for (const ImageBuffer* image : OutputImages())
-    if (!image->fileName.empty()) outputs.push_back(image);
+  for (const ImageBuffer& image : planned) outputs.push_back(&image);
   if (outputs.empty()) return Fail("no image has a file name: there is nothing to write");
   const std::string obstacle = SaveObstacle(outputs);
   return obstacle.empty() ? kExitDone : Fail("cannot write the image " + obstacle);
@@ -144,6 +202,9 @@ std::string NothingToRender(const Camera& camera) {
 }
 
 constexpr char kStoppedEarly[] = "stopped before anything was rendered: nothing is written";
+constexpr char kStoppedBetween[] =
+    "stopped before all cameras were rendered: the images of the others are written";
+std::atomic<const char*> stoppedEarly = kStoppedEarly;
 
 // Nothing is lost when the process ends here and now: no sample is taken and no file is being written.
 std::atomic<bool> nothingToLose = false;
@@ -154,7 +215,7 @@ void EndWithNothing(int) {
   constexpr char kText[] = "zephlore: ";
   if (!nothingToLose) return;
   (void)!write(STDERR_FILENO, kText, sizeof kText - 1);
-  (void)!write(STDERR_FILENO, kStoppedEarly, sizeof kStoppedEarly - 1);
+  (void)!write(STDERR_FILENO, stoppedEarly, std::strlen(stoppedEarly));
   (void)!write(STDERR_FILENO, "\n", 1);
   _exit(kExitFailed);
 }
@@ -181,18 +242,18 @@ void StopOnSignals() {
 }
 
 // What to say of a frame that a signal has cut short; empty if none has.
-std::string StopText() {
+std::string StopText(const Turns& turns) {
   if (!Stopping()) return {};
   const std::uint64_t samples = CountSamples(frameState);
-  if (samples == 0 || cameras.empty()) return kStoppedEarly;
-  const auto passes = static_cast<std::uint32_t>(cameras.front().sample);
-  if (settings.frame.passIndex >= passes) return {};
+  if (samples == 0 || cameras.empty()) return stoppedEarly.load();
+  const Camera& camera = cameras[turns.cameras[turns.index]];
+  const auto passes = static_cast<std::uint32_t>(camera.sample);
+  if (settings.frame.passIndex >= passes) return turns.AreMore() ? kStoppedBetween : "";
   if (settings.frame.passIndex > 0)
     return "stopped after pass " + std::to_string(settings.frame.passIndex) + " of " +
            std::to_string(passes) + ": the images hold what was rendered";
-  const std::uint64_t pixels =
-      static_cast<std::uint64_t>(frameState.right - frameState.left) *
-      static_cast<std::uint64_t>(cameras.front().regionYMax - cameras.front().regionYMin);
+  const std::uint64_t pixels = static_cast<std::uint64_t>(frameState.right - frameState.left) *
+                               static_cast<std::uint64_t>(camera.regionYMax - camera.regionYMin);
   return "stopped in pass 1 of " + std::to_string(passes) + ": the images hold " +
          std::to_string(100 * samples / pixels) + " % of their pixels, the others are black";
 }
@@ -209,13 +270,13 @@ int LoadStrictly(const std::string& scene) {
 }
 
 // After Startup; the caller finalises whatever the result.
-int RenderScene(const RenderOptions& options) {
+int RenderScene(const RenderOptions& options, Turns& turns) {
   // Paths in scene text count from the scene folder, those of images from the caller's directory. The scene
   // is left before anything is written, so image names need no rewriting.
   DirectoryVisit visit;
   if (const std::error_code error = visit.Enter(options.scene))
     return Fail("cannot enter the scene folder '" + options.scene + "': " + error.message());
-  if (options.strict) {
+  if (options.strict && turns.index == 0) {
     const int status = LoadStrictly(options.scene);
     if (status != kExitDone) return Stopping() ? kExitDone : status;
   } else if (!LoadScene("./") && !Stopping()) {
@@ -223,23 +284,46 @@ int RenderScene(const RenderOptions& options) {
   }
   if (Stopping()) return kExitDone;
   if (!formatProblem.empty()) return Fail(formatProblem);
-  if (cameras.empty()) return Fail("there is no camera in the scene '" + options.scene + "'");
-  ApplyOptions(options, cameras.front());
+  if (const std::string reason = ChooseTurns(options, turns); !reason.empty()) return Fail(reason);
+  const std::size_t active = turns.cameras[turns.index];
+  settings.frame.activeCamera = static_cast<std::int32_t>(active);
+  for (const std::size_t chosen : turns.cameras) ApplyOptions(options, cameras[chosen]);
+  const std::vector<std::string> labels =
+      options.camera == kAllCameras ? CameraLabels() : std::vector<std::string>(cameras.size());
+  const std::vector<ImageBuffer> planned = PlanOutputs(options, turns, labels);
+  NameOutputs(options, active, labels[active]);
   Initialize();
   if (const std::error_code error = visit.Leave())
     return Fail("cannot return to the current directory: " + error.message());
   nothingToLose = false;
   if (Stopping()) return kExitDone;
 
-  if (const std::string reason = NothingToRender(cameras.front()); !reason.empty()) return Fail(reason);
-  if (const int status = TryOutputs(); status != kExitDone) return status;
+  if (const std::string reason = NothingToRender(cameras[active]); !reason.empty()) return Fail(reason);
+  if (turns.index == 0)
+    if (const int status = TryOutputs(planned); status != kExitDone) return status;
 
-  TakeFailedSaves();
   {
     const ProgressLine progress(options.progress);
     RenderLoop();
   }
   return kExitDone;
+}
+
+// One camera, from the start of the library to its end.
+int RenderTurn(const RenderOptions& options, Turns& turns) {
+  frameState = {};
+  Startup(options.seed, options.format);
+  nothingToLose = true;
+  const int status = RenderScene(options, turns);
+  nothingToLose = false;
+  const std::string stopped = status == kExitDone ? StopText(turns) : "";
+  // The last pass has written every image; closing writes those of the cameras again.
+  if (status != kExitDone) ForgetNames();
+  Finalize();
+  Shutdown();
+  if (stopped.empty()) return status;
+  const std::vector<SaveFailure> failed = TakeFailedSaves();
+  return Fail(failed.empty() ? stopped : FailureText(failed));
 }
 
 }  // namespace
@@ -250,27 +334,28 @@ int RunRender(const RenderOptions& options) {
     return Fail("there is no scene folder '" + options.scene + "'");
   if (std::string problem; !options.format && FormatOfEnvironment(problem) > 0 && !problem.empty())
     return Fail(problem);
+  if (options.preview && options.camera == kAllCameras)
+    return Fail("--preview shows one camera, not all", kExitUsage);
   if (options.preview)
     if (const std::string obstacle = PreviewObstacle(1, 1); !obstacle.empty())
       return Fail("cannot open a preview window: " + obstacle);
   settings.said.previewWindow = settings.said.previewReturns = options.preview;
   omp_set_num_threads(options.threads ? *options.threads : std::min(omp_get_max_threads(), kMaxThreads));
+  settings.said.linearFiles = options.linear;
   SetConsoleQuiet(options.quiet);
   TellErrors();
   missingFiles = 0;
   StopOnSignals();
-  Startup(options.seed, options.format);
-  nothingToLose = true;
-  const int status = RenderScene(options);
-  nothingToLose = false;
-  const std::string stopped = status == kExitDone ? StopText() : "";
-  // The last pass has written every image; closing writes those of the cameras again.
-  if (status != kExitDone) ForgetNames();
-  Finalize();
+  TakeFailedSaves();
+  Turns turns;
+  int status = RenderTurn(options, turns);
+  while (status == kExitDone && turns.AreMore()) {
+    ++turns.index;
+    stoppedEarly = kStoppedBetween;
+    status = RenderTurn(options, turns);
+  }
   const std::vector<SaveFailure> failed = TakeFailedSaves();
-  Shutdown();
   if (status == kExitDone && !failed.empty()) return Fail(FailureText(failed));
-  if (!stopped.empty()) return Fail(stopped);
   if (status == kExitDone && options.strict && missingFiles > 0)
     return Fail("files of the scene are missing or hold nothing readable ('zephlore check' names them)");
   return status;

@@ -22,8 +22,10 @@
 
 #include "core/console.h"
 #include "core/random.h"
+#include "core/settings.h"
 #include "core/stop.h"
 #include "core/tables.h"
+#include "imaging/frame_state.h"
 #include "surroundings.h"
 
 #ifdef __SANITIZE_ADDRESS__
@@ -275,6 +277,46 @@ TEST_F(ImageFiles, FloatsBecomeBytes) {
 }
 
 // Every component depth reaches a float file and an integer file by its own rule.
+// A camera's last type counts, an idle camera writes nothing, and files of 8 bits show light times the
+// exposure, and colours, by the curve; numbers and floats stay what they are.
+TEST_F(ImageFiles, FormatTwoShowsLightToTheEye) {
+  settings.format = 2;
+  cameras.assign(2, {});
+  const std::tuple<const char*, Channel, Vec3> cases[] = {
+      {"beauty.png", kChannelBeauty, {82, 126, 173}},
+      {"light.tif", kChannelGlossy, {82, 126, 173}},
+      {"color.png", kChannelGlossyColor, {126, 126, 126}},
+      {"number.png", kChannelNormal, {53, 53, 53}},
+      {"float.pfm", kChannelGlossy, {53.125f, 53.125f, 53.125f}}};
+  for (Camera& camera : cameras) {
+    camera.aovs.resize(std::size(cases));
+    camera.exposure = {0.4f, 1, 2};
+    camera.width = camera.height = 1;
+  }
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    cameras[0].aovs[i].image.fileName = Path(std::get<0>(cases[i]));
+    cameras[1].aovs[i].image.fileName = Path("idle.png");
+    if (i > 0) cameras[0].aovs[i].channel = kChannelBeauty | kChannelDepth;
+    if (i > 0) cameras[0].aovs[i].lastType = std::get<1>(cases[i]);
+  }
+  InitializeCameras();
+  const std::vector<Camera> kept = cameras;
+  for (Camera& camera : cameras)
+    for (Aov& aov : camera.aovs)
+      if (aov.image.width > 0) WritePixel(aov.image, 53.125f / 255 * kWhite, 0);
+  FinalizeCameras();
+  EXPECT_EQ(FileCount(), 0) << "without a sample";
+  cameras = kept;
+  for (Aov& aov : cameras[0].aovs) WritePixel(aov.image, 53.125f / 255 * kWhite, 0);
+  frameState = {.planned = 1, .left = 0, .right = 1, .rows = {{1, 0}}};
+  FinalizeCameras();
+  for (const auto& [name, channel, bytes] : cases)
+    ExpectNear(255 * ReadPixel(Load(Path(name)), 0), bytes, 1e-4f);
+  EXPECT_FALSE(fs::exists(Path("idle.png")));
+  settings.format = 1;
+  frameState = {};
+}
+
 TEST_F(ImageFiles, EveryDepthIsWritten) {
   for (const int bits : {1, 8, 16, 32, 64})
     for (const char* name : {"depth.pfm", "depth.png"}) {

@@ -185,6 +185,24 @@ TEST_F(Program, OptionsOverrideTheScene) {
     EXPECT_NE(outcome.errors.find(words), std::string::npos) << words;
 }
 
+TEST_F(Program, CameraIsChosenByNameOrNumber) {
+  WriteScene();
+  std::string side = ReadFile(root / "scene/camera/a.zp");
+  side.insert(side.find('\n') + 1, "name \"si/de\"\n");
+  WriteFile(root / "scene/camera/b.zp", side.replace(side.find("32 16"), 5, "8 4  "));
+  WriteFile(root / "scene/light/b.zp", "sky_light\naov\nimage \"sky.pfm\"\nend\nend\n");
+  for (const char* arguments : {"si/de -o a.pfm", "1 -o b.pfm", "all -o c.pfm"})
+    EXPECT_EQ(Run("render ../scene --quiet --seed 1 --camera " + std::string(arguments)).status, 0);
+  EXPECT_EQ(WorkFiles(), (std::vector<std::string>{"a.pfm", "b.pfm", "c-0.pfm", "c-si_de.pfm", "sky-0.pfm",
+                                                   "sky-si_de.pfm", "sky.pfm", "user-0.hdr", "user-si_de.hdr",
+                                                   "user.hdr"}));
+  for (const auto& [one, other] :
+       {std::pair{"a.pfm", "b.pfm"}, {"a.pfm", "c-si_de.pfm"}, {"sky.pfm", "sky-si_de.pfm"}})
+    EXPECT_EQ(ReadFile(work / one), ReadFile(work / other)) << one;
+  EXPECT_EQ(LoadTopFirst(work / "sky-0.pfm").width, 32);
+  ExpectFailure("render ../scene --camera 2", 1);
+}
+
 TEST_F(Program, SeedRepeatsThePictureAtAnyThreadCount) {
   // With a floor the light of a point depends on the directions drawn.
   WriteScene("image \"\"\n", true);

@@ -19,6 +19,7 @@ struct SaidSettings {
   std::int32_t rendererBounce = 1;  // diffuse bounces before paths stop or the density cells answer
   float distance = 1;               // hits nearer than this are gathered further; scene units
   float resolution = 1;             // target area of one density cell; scene units squared
+  bool linearFiles = false;         // files of 8 bits keep linear numbers in format 2 too
   bool previewWindow = false;
   bool previewReturns = false;  // a closed window ends the render loop and not the process
   // Put back by ResetRenderer.
@@ -39,7 +40,7 @@ struct DerivedSettings {
 
 // Where the frame is. The counters of the last pass are put back by ResetRenderer.
 struct FrameSettings {
-  std::int32_t activeCamera = 0;   // Intended: nothing writes it, camera 0 is the one rendered
+  std::int32_t activeCamera = 0;   // the one rendered: the first but where the program was told another
   std::uint32_t passIndex = 0;     // the pass that comes next
   std::int32_t samplePass = 8;     // the pass that runs
   std::uint64_t rendererRays = 0;  // of the last pass

@@ -96,7 +96,10 @@ int zpAddCameraAOV(int camera) noexcept {
   return record == nullptr ? zp::kNone : zp::Append(record->aovs);
 }
 void zpSetCameraAOVChannel(int camera, int aov, Channel channel) noexcept {
-  if (zp::Aov* record = zp::CameraAovAt(camera, aov)) record->channel = channel;
+  if (zp::Aov* record = zp::CameraAovAt(camera, aov)) {
+    record->channel = channel;
+    record->lastType = 0;
+  }
 }
 void zpSetCameraAOVName(int camera, int aov, const char* name) noexcept {
   if (zp::Aov* record = zp::CameraAovAt(camera, aov)) record->image.fileName = zp::Text(name);

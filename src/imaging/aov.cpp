@@ -1,11 +1,41 @@
 // imaging/aov.cpp: output images before and after they are filled.
 
 #include "core/console.h"
+#include "core/settings.h"
 #include "core/stop.h"
 #include "imaging/frame_state.h"
 #include "imaging/imaging.h"
 
 namespace zp {
+
+namespace {
+
+// Numbers are kept as they are, and light is where somebody has asked for it.
+bool IsForEye(const Aov& aov) {
+  return settings.format >= 2 && !settings.said.linearFiles && KindOf(aov) != ChannelKind::kNumber &&
+         KeepsBytes(aov.image.fileName);
+}
+
+// A surface's colour is no light: it looks the same at every exposure.
+std::array<double, 3> ExposureOf(const Aov& aov) {
+  const auto active = static_cast<std::size_t>(settings.frame.activeCamera);
+  if (KindOf(aov) != ChannelKind::kLight || active >= cameras.size()) return {1, 1, 1};
+  const Vec3 exposure = cameras[active].exposure;
+  return {static_cast<double>(exposure.x), static_cast<double>(exposure.y), static_cast<double>(exposure.z)};
+}
+
+}  // namespace
+
+ChannelKind KindOf(const Aov& aov) {
+  if (aov.mean || aov.ofLight) return ChannelKind::kLight;
+  for (const ChannelWord& row : kChannelWords)
+    if (aov.channel == row.channel) return row.kind;
+  return ChannelKind::kNumber;
+}
+
+void SettleChannel(Aov& aov) {
+  if (settings.format >= 2 && aov.lastType != 0) aov.channel = aov.lastType;
+}
 
 void InitializeAov(Aov& aov, int width, int height) {
   aov.width = width;
@@ -14,13 +44,18 @@ void InitializeAov(Aov& aov, int width, int height) {
 }
 
 void SaveAovs(const std::vector<Aov>& aovs) {
-  if (Stopping() && CountSamples(frameState) == 0) return;
-  for (const Aov& aov : aovs) {
-    if (aov.image.fileName.empty() || aov.image.width <= 0) continue;
-    const std::string reason =
-        IsFinished(aov, frameState) ? StoreImage(aov.image) : StoreImage(FinishedPicture(aov, frameState));
-    if (!reason.empty()) PrintError("image - " + aov.image.fileName + "\tcannot be written: " + reason);
-  }
+  if ((Stopping() || settings.format >= 2) && CountSamples(frameState) == 0) return;
+  for (const Aov& aov : aovs)
+    if (!aov.image.fileName.empty() && aov.image.width > 0) SaveAov(aov);
+}
+
+void SaveAov(const Aov& aov) {
+  const auto store = [&aov](const ImageBuffer& picture) {
+    return IsForEye(aov) ? StoreImage(ScreenPicture(picture, ExposureOf(aov))) : StoreImage(picture);
+  };
+  const std::string reason =
+      IsFinished(aov, frameState) ? store(aov.image) : store(FinishedPicture(aov, frameState));
+  if (!reason.empty()) PrintError("image - " + aov.image.fileName + "\tcannot be written: " + reason);
 }
 
 }  // namespace zp

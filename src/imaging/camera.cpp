@@ -8,6 +8,7 @@
 #include "core/console.h"
 #include "core/random.h"
 #include "core/release.h"
+#include "core/settings.h"
 #include "core/stop.h"
 #include "core/tables.h"
 #include "imaging/frame_state.h"
@@ -97,6 +98,8 @@ void AimSpherical(const Camera& camera, const CameraPose& pose, float x, float y
 // Black pixels for every AOV. Without the memory for them the camera is left with nothing to render, and no
 // AOV with pixels.
 void AllocateAovs(Camera& camera) {
+  const bool idle = &camera - cameras.data() != settings.frame.activeCamera;
+  if (idle && settings.format >= 2) return;
   try {
     for (Aov& aov : camera.aovs)
       if (!Stopping()) InitializeAov(aov, camera.width, camera.height);
@@ -140,6 +143,7 @@ void InitializeCameras() {
     camera.regionXMax = std::min(camera.width, camera.regionXMax);
     camera.regionYMax = std::min(camera.height, camera.regionYMax);
     CompletePoses(camera);
+    for (Aov& aov : camera.aovs) SettleChannel(aov);
     for (CameraPose& pose : camera.poses) DerivePose(pose, static_cast<float>(camera.width));
     AllocateAovs(camera);
     PrintReport(camera);

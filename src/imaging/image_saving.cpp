@@ -22,16 +22,17 @@ namespace fs = std::filesystem;
 struct ExtensionRow {
   std::string_view lower, upper;
   FREE_IMAGE_FORMAT format;
+  bool keepsFloats = false;  // else 8 bits
 };
 // Searched from the top. A mixed spelling does not count.
 constexpr ExtensionRow kExtensions[] = {
     {".bmp", ".BMP", FIF_BMP},       {".cut", ".CUT", FIF_CUT},      {".dds", ".DDS", FIF_DDS},
-    {".exr", ".EXR", FIF_EXR},       {".g3", ".G3", FIF_FAXG3},      {".gif", ".GIF", FIF_GIF},
-    {".hdr", ".HDR", FIF_HDR},       {".ico", ".ICO", FIF_ICO},      {".iff", ".IFF", FIF_IFF},
+    {".exr", ".EXR", FIF_EXR, true}, {".g3", ".G3", FIF_FAXG3},      {".gif", ".GIF", FIF_GIF},
+    {".hdr", ".HDR", FIF_HDR, true}, {".ico", ".ICO", FIF_ICO},      {".iff", ".IFF", FIF_IFF},
     {".j2k", ".J2K", FIF_J2K},       {".jng", ".JNG", FIF_JNG},      {".jp2", ".JP2", FIF_JP2},
     {".jpg", ".JPG", FIF_JPEG},      {".jpeg", ".JPEG", FIF_JPEG},   {".koa", ".KOA", FIF_KOALA},
     {".mng", ".MNG", FIF_MNG},       {".pbm", ".PBM", FIF_PBM},      {".pcd", ".PCD", FIF_PCD},
-    {".pfm", ".PFM", FIF_PFM},       {".pgm", ".PGM", FIF_PGM},      {".pic", ".PIC", FIF_PICT},
+    {".pfm", ".PFM", FIF_PFM, true}, {".pgm", ".PGM", FIF_PGM},      {".pic", ".PIC", FIF_PICT},
     {".pct", ".PCT", FIF_PICT},      {".pict", ".PICT", FIF_PICT},   {".png", ".PNG", FIF_PNG},
     {".ppm", ".PPM", FIF_PPM},       {".psd", ".PSD", FIF_PSD},      {".ras", ".RAS", FIF_RAS},
     {".raw", ".RAW", FIF_RAW},       {".sgi", ".SGI", FIF_SGI},      {".tga", ".TGA", FIF_TARGA},
@@ -56,7 +57,9 @@ std::string_view FormatText(std::string_view name) {
 }
 bool IsPfm(std::string_view name) { return Contains(name, ".pfm", ".PFM"); }
 bool IsFloatFile(std::string_view name) {
-  return Contains(name, ".exr", ".EXR") || Contains(name, ".hdr", ".HDR") || IsPfm(name);
+  return std::any_of(std::begin(kExtensions), std::end(kExtensions), [name](const ExtensionRow& row) {
+    return row.keepsFloats && Contains(name, row.lower, row.upper);
+  });
 }
 
 // Intended: a negative value wraps instead of turning black. What no integer can hold is 0.
@@ -329,6 +332,8 @@ std::string StoreImage(const ImageBuffer& image, const std::string& formatName) 
     failedSaves[image.fileName] = reason;
   return reason;
 }
+
+bool KeepsBytes(const std::string& fileName) { return !IsFloatFile(FormatText(fileName)); }
 
 bool SaveImage(const ImageBuffer& image) { return StoreImage(image).empty(); }
 

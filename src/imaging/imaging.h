@@ -4,6 +4,7 @@
 
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <span>
@@ -66,6 +67,11 @@ Vec3 ReadPixel(const ImageBuffer& image, std::size_t pixel);
 void WritePixel(ImageBuffer& image, Vec3 color, std::size_t pixel);
 std::size_t PixelBytes(const ImageBuffer& image);
 
+// The picture in 8 bits for a screen: each channel times its exposure, then the curve of sRGB.
+ImageBuffer ScreenPicture(const ImageBuffer& linear, const std::array<double, 3>& exposure);
+// Whether the format that the name tells keeps 8 bits of each number, from 0 to 1, and no floats.
+bool KeepsBytes(const std::string& fileName);
+
 // Writes the picture to image.fileName, in the format that the name tells, or `formatName` where it is given.
 // Empty if a file was written, else the reason as the rest of a sentence: "no space is left".
 std::string StoreImage(const ImageBuffer& image, const std::string& formatName = {});
@@ -112,26 +118,30 @@ enum Channel : std::uint32_t {
   kChannelUserData = 32768,
 };
 
+// What a channel's numbers are: what a screen can show, with an exposure or without, or nothing of the kind.
+enum class ChannelKind { kLight, kColor, kNumber };
+
 struct ChannelWord {
   std::string_view word;
   Channel channel;
+  ChannelKind kind;
 };
 // The words of scene text, in the order of their bits.
 inline constexpr ChannelWord kChannelWords[] = {
-    {"light_path", kChannelLightPath},
-    {"lambertian", kChannelLambertian},
-    {"lambertian_color", kChannelLambertianColor},
-    {"transmissive", kChannelTransmissive},
-    {"transmissive_color", kChannelTransmissiveColor},
-    {"glossy", kChannelGlossy},
-    {"glossy_color", kChannelGlossyColor},
-    {"specular", kChannelSpecular},
-    {"specular_color", kChannelSpecularColor},
-    {"emissive", kChannelEmissive},
-    {"normal", kChannelNormal},
-    {"tangent", kChannelTangent},
-    {"position", kChannelPosition},
-    {"depth", kChannelDepth},
+    {"light_path", kChannelLightPath, ChannelKind::kLight},
+    {"lambertian", kChannelLambertian, ChannelKind::kLight},
+    {"lambertian_color", kChannelLambertianColor, ChannelKind::kColor},
+    {"transmissive", kChannelTransmissive, ChannelKind::kLight},
+    {"transmissive_color", kChannelTransmissiveColor, ChannelKind::kColor},
+    {"glossy", kChannelGlossy, ChannelKind::kLight},
+    {"glossy_color", kChannelGlossyColor, ChannelKind::kColor},
+    {"specular", kChannelSpecular, ChannelKind::kLight},
+    {"specular_color", kChannelSpecularColor, ChannelKind::kColor},
+    {"emissive", kChannelEmissive, ChannelKind::kLight},
+    {"normal", kChannelNormal, ChannelKind::kNumber},
+    {"tangent", kChannelTangent, ChannelKind::kNumber},
+    {"position", kChannelPosition, ChannelKind::kNumber},
+    {"depth", kChannelDepth, ChannelKind::kNumber},
 };
 static_assert(std::size(kChannelWords) == 14);
 
@@ -144,15 +154,25 @@ struct Aov {
   std::int32_t width = 0;
   std::int32_t height = 0;
   std::uint32_t channel = kChannelBeauty;
-  bool mean = false;  // of the samples so far, not a sum of their shares
+  std::uint32_t lastType = 0;  // of scene text, alone; 0 without one, and where a host has chosen the channel
+  bool ofLight = false;        // owned by one: light whatever the channel
+  bool mean = false;           // of the samples so far, not a sum of their shares
 };
 
+// What a camera's AOV records by the types of scene text: in format 1 the bits of all of them and beauty's,
+// in format 2 the last. Lights' AOVs add in both.
+void SettleChannel(Aov& aov);
+// Of the channel, where it is one alone; of a beauty image and of what lights record always light.
+ChannelKind KindOf(const Aov& aov);
 // Allocates the AOV's pixels: 3 channels of 32 bits, black.
 void InitializeAov(Aov& aov, int width, int height);
 // Writes those that have a name and pixels, as finished pictures; one that cannot be written gets an error
-// row with the reason. Where all was stopped before the first sample there is nothing to write, and old files
-// stay.
+// row with the reason. Where all was stopped before the first sample, and in format 2 wherever none was
+// taken, there is nothing to write, and old files stay. In format 2 files of 8 bits show light and colours to
+// the eye, unless settings.said.linearFiles: light times the exposure of the rendered camera, and the sRGB curve.
 void SaveAovs(const std::vector<Aov>& aovs);
+// One of them, which has a name and pixels, however much is rendered.
+void SaveAov(const Aov& aov);
 // "beauty-YYYYMMDD-HHMMSS.hdr" of the local time; a second one of the same second gets "-2" before its
 // extension. Unique in the process, and it overwrites no other's file: where there is one when the picture is
 // first saved, the picture takes the next number.
@@ -213,7 +233,8 @@ extern std::vector<Camera> cameras;
 
 // Fields that only one pose has are copied to the other, so that what is not said twice stands still.
 void CompletePoses(Camera& camera);
-// Limits, poses and AOV pixels of every camera; prints their report. AOVs are bound to shaders elsewhere.
+// Limits, poses, channels and AOV pixels of every camera; prints their report. AOVs are bound to shaders
+// elsewhere. In format 2 a camera that is not rendered gets no pixels, and so writes no files.
 void InitializeCameras();
 // Writes every AOV of every camera and empties the table.
 void FinalizeCameras();

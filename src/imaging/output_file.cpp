@@ -36,13 +36,15 @@ std::string NextName(const std::string& stem) {
   return (number > 1 ? stem + "-" + std::to_string(number) : stem) + ".hdr";
 }
 
-// What a default name has before its number; empty for other names.
+// What a default name has before its number and a camera's name; empty for other names.
 std::string StemOf(const std::string& name) {
   if (!name.ends_with(".hdr")) return {};
   std::string stem = name.substr(0, name.size() - 4);
-  if (usedNumbers.contains(stem)) return stem;
-  stem.resize(std::min(stem.rfind('-'), stem.size()));
-  return usedNumbers.contains(stem) ? stem : "";
+  while (!stem.empty() && !usedNumbers.contains(stem)) {
+    const std::size_t dash = stem.rfind('-');
+    stem.resize(dash == stem.npos ? 0 : dash);
+  }
+  return stem;
 }
 
 std::string SystemReason(int error) {

@@ -43,19 +43,19 @@ struct Landing {
 };
 using Landings = std::vector<Landing>;
 
-// Without AOVs where nothing asks for light paths. Intended: the first camera's first pose, in perspective.
+// Without AOVs where nothing asks for light paths. Intended: the camera's first pose, in perspective.
 PathSensor MakePathSensor() {
   PathSensor sensor;
   Camera* camera = ActiveCamera();
-  if (camera == nullptr || cameras[0].projection != Projection::kPerspective) return sensor;
+  if (camera == nullptr || camera->projection != Projection::kPerspective) return sensor;
   const std::size_t floats =
-      3 * static_cast<std::size_t>(cameras[0].width) * static_cast<std::size_t>(cameras[0].height);
+      3 * static_cast<std::size_t>(camera->width) * static_cast<std::size_t>(camera->height);
   for (Aov& aov : camera->aovs)
     if (aov.channel == kChannelLightPath && aov.image.floatPixels.size() >= floats)
       sensor.aovs.push_back(&aov);
-  sensor.pose = CameraAtTime(cameras[0], 0);
-  sensor.width = static_cast<float>(cameras[0].width);
-  sensor.height = static_cast<float>(cameras[0].height);
+  sensor.pose = CameraAtTime(*camera, 0);
+  sensor.width = static_cast<float>(camera->width);
+  sensor.height = static_cast<float>(camera->height);
   return sensor;
 }
 

@@ -258,7 +258,7 @@ void RenderInWindow(const Camera& camera) {
   preview.stop = Stopping;
   // Intended: only the first image. The last pass has written all of them.
   preview.closed = [] {
-    if (const ImageBuffer* beauty = BeautyImage()) SaveImage(*beauty);
+    if (BeautyImage() != nullptr) SaveAov(ActiveCamera()->aovs[0]);
   };
   preview.lost = SaveCameraImages;
   preview.end = settings.said.previewReturns ? PreviewEnd::kReturn : PreviewEnd::kEndProcess;

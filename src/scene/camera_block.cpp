@@ -49,9 +49,10 @@ bool ReadType(Line& line, Aov& aov) {
   for (const ChannelWord& row : kChannelWords)
     if (type == row.word) {
       aov.channel |= row.channel;
+      aov.lastType = row.channel;
       return true;
     }
-  aov.channel = kChannelUserData;
+  aov.channel = aov.lastType = kChannelUserData;
   aov.userData = type;
   return true;
 }
@@ -62,6 +63,7 @@ bool ReadAovBlock(SceneText& text, Aov& aov, AovOwner owner) {
   NotedAov noted;
   noted.place = text.Here();
   noted.owner = owner;
+  if (owner == AovOwner::kCamera) noted.camera = cameras.size();
   ReadBlock(text, "aov", [&](const Keyword& keyword, Line& line) {
     if (keyword == "image") {
       noted.image = line.Place();
@@ -71,6 +73,7 @@ bool ReadAovBlock(SceneText& text, Aov& aov, AovOwner owner) {
       return ReadName(line, NameKind::kLinkedShader, aov.shaderName) &&
              (owner == AovOwner::kGeometryLight || NoteIdle(line, false));
     if (keyword == "type") {
+      noted.earlierType = noted.type;
       noted.type = line.Place();
       return ReadType(line, aov);
     }
@@ -84,7 +87,7 @@ bool ReadAovBlock(SceneText& text, Aov& aov, AovOwner owner) {
 
 void ReadCameraSection(SceneText& text) {
   Camera camera;
-  if (text.notes) text.notes->cameras.push_back({text.Here(), cameras.size()});
+  if (text.notes) text.notes->cameras.push_back({text.Here(), cameras.size(), {}});
   ReadBlock(text, "camera", [&](const Keyword& keyword, Line& line) {
     if (keyword == "name") return ReadString(line, camera.name);
     if (keyword == "resolution") {
@@ -99,8 +102,10 @@ void ReadCameraSection(SceneText& text) {
     }
     if (keyword == "sample") return ReadNumber(line, camera.sample);
     if (keyword == "ior") return ReadNumber(line, camera.ior);
-    if (keyword == "exposure")
-      return ReadTriple(line, camera.exposure) && NoteIdle(line, camera.exposure == kWhite);
+    if (keyword == "exposure") {
+      if (text.notes) text.notes->cameras.back().exposure = line.Place();
+      return ReadTriple(line, camera.exposure);
+    }
     if (keyword == "projection") return ReadChoice(line, kProjections, camera.projection);
     if (keyword == "aov") return ReadAovBlock(text, camera.aovs.emplace_back(), AovOwner::kCamera);
     // Intended: a third pose is no keyword, so that its "end" ends the camera.

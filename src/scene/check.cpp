@@ -261,9 +261,14 @@ void CheckCameras(SceneNotes& notes) {
   for (const NotedCamera& noted : notes.cameras) {
     Camera& camera = cameras[noted.camera];
     CheckPoseFields(notes, noted);
+    if (noted.exposure.line > 0 && settings.format < 2)
+      Find(notes, noted.exposure,
+           camera.exposure == kWhite ? FindingCode::kDefaultWithoutEffect : FindingCode::kWithoutEffect,
+           "exposure: has no effect in format 1; in format 2 it acts on files of 8 bits");
     CompletePoses(camera);
     if (noted.camera > 0)
-      Find(notes, noted.place, FindingCode::kIdleCamera, "only the first camera is rendered");
+      Find(notes, noted.place, FindingCode::kIdleCamera,
+           "only the first camera is rendered, unless --camera chooses another");
     if (camera.poseCount == 0) Find(notes, noted.place, FindingCode::kCameraPose, "the camera has no pose");
     if (camera.width < 1 || camera.height < 1)
       Find(notes, noted.place, FindingCode::kNoPixels, "the camera has no pixels");
@@ -309,18 +314,23 @@ bool LightRecords(AovOwner owner, std::uint32_t channel) {
   return (channel & (kChannelLambertian | kChannelTransmissive | kChannelGlossy)) != 0;
 }
 
-// Cameras compare for equality with one channel, and scene text adds to the beauty bit: only a word of the
-// host's own stands alone. Lights compare bits.
+// Cameras compare for equality with one channel, and scene text of format 1 adds to the beauty bit: there
+// only a word of the host's own stands alone. Lights compare bits.
 void CheckChannel(SceneNotes& notes, const NotedAov& noted, const Names& vertexData) {
   const std::uint32_t channel = noted.aov.channel;
   const TextPlace& place = TypePlace(noted);
   if (noted.owner == AovOwner::kCamera) {
-    if (channel != kChannelUserData)
+    if (channel == noted.aov.lastType && noted.earlierType.line > 0)
+      Find(notes, place, FindingCode::kReplaced,
+           "this type replaces that of line " + std::to_string(noted.earlierType.line) +
+               ": a camera's AOV records one");
+    if (noted.type.line == 0)
+      Find(notes, place, FindingCode::kBlackAov, "an AOV without a type stays black");
+    else if (channel != noted.aov.lastType)
       Find(notes, place, FindingCode::kBlackAov,
-           noted.type.line == 0
-               ? "an AOV without a type stays black"
-               : "a camera's AOV of this type stays black: only vertex data works in scene text");
-    else if (!vertexData.contains(noted.aov.userData))
+           "a camera's AOV of this type stays black: only vertex data works in scene text of format 1",
+           "format 2");
+    else if (channel == kChannelUserData && !vertexData.contains(noted.aov.userData))
       Find(notes, place, FindingCode::kEmptyAov,
            "no model has vertex data named " + Quoted(noted.aov.userData),
            Suggest(notes, noted.aov.userData, {vertexData.begin(), vertexData.end()}));
@@ -345,7 +355,7 @@ void CheckStorage(SceneNotes& notes, const NotedAov& noted, Storage storage) {
     if (storage == Storage::kSharedExponent)
       Find(notes, noted.image, FindingCode::kRoundedAov,
            name + " keeps 8 bits of each number, none of them negative");
-  } else if (storage == Storage::kBytes &&
+  } else if (storage == Storage::kBytes && settings.format < 2 &&
              (noted.owner != AovOwner::kCamera || (channel & (kRadianceChannels | kChannelLightPath)) != 0)) {
     Find(notes, noted.image, FindingCode::kClippedAov, name + " keeps 8 bits: light above 1 is cut off");
   }
@@ -387,6 +397,8 @@ void CheckRecords(SceneNotes& notes) {
   CheckObjects(notes);
   CheckCameras(notes);
   CheckRenderer(notes, graph);
+  for (NotedAov& noted : notes.aovs)
+    if (noted.owner == AovOwner::kCamera) SettleChannel(noted.aov);
   const Names vertexData = FindVertexData();
   for (const NotedAov& noted : notes.aovs) CheckChannel(notes, noted, vertexData);
 }
@@ -399,7 +411,9 @@ void CheckOutputs(SceneNotes& notes) {
       Find(notes, noted.place, FindingCode::kUnwrittenAov, "an AOV without an image is not written");
       continue;
     }
-    if (!names.insert(name).second)
+    // In format 2 only the rendered camera writes: the others may use the same names.
+    const bool apart = settings.format >= 2 && noted.camera > 0;
+    if (!names.insert(apart ? name + '\n' + std::to_string(noted.camera) : name).second)
       Find(notes, noted.image, FindingCode::kAovOverwritten,
            "another AOV is written to " + Quoted(name) + " too");
     CheckStorage(notes, noted, ProbeStorage(name));

@@ -148,7 +148,7 @@ inline constexpr FindingRow kFindings[] = {
     {FindingCode::kManyPoses, "many-poses", Severity::kError},
     {FindingCode::kCameraPose, "camera-pose", Severity::kError},
     {FindingCode::kNoPixels, "no-pixels", Severity::kError},
-    {FindingCode::kBlackAov, "black-aov", Severity::kError},
+    {FindingCode::kBlackAov, "black-aov", Severity::kError, true},
     {FindingCode::kEmptyAov, "empty-aov", Severity::kWarning},
     {FindingCode::kUnwrittenAov, "unwritten-aov", Severity::kWarning},
     {FindingCode::kAovOverwritten, "aov-overwritten", Severity::kWarning},

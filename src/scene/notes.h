@@ -86,14 +86,17 @@ struct NotedObject {
 struct NotedCamera {
   TextPlace place;
   std::size_t camera = 0;  // in the table
+  TextPlace exposure;      // line 0 without one
 };
 
 enum class AovOwner { kCamera, kSky, kGeometryLight, kLight };
 struct NotedAov {
   TextPlace place;
-  TextPlace image;  // line 0 without one
-  TextPlace type;   // of the last; line 0 without one
+  TextPlace image;        // line 0 without one
+  TextPlace type;         // of the last; line 0 without one
+  TextPlace earlierType;  // of the one before
   AovOwner owner = AovOwner::kCamera;
+  std::size_t camera = 0;  // in the table, where the owner is one
   Aov aov;
 };
 
