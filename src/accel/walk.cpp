@@ -248,7 +248,7 @@ bool Trace(RayRecord& ray) {
 bool TraceSurfaces(RayRecord& ray) { return WalkFromRoot<Seek::kSurfaces>(ray); }
 
 Mat3 HitNormalMatrix(const RayRecord& ray) {
-  assert(ray.thread < kMaxThreads && ray.hitMatrixDepth <= kMostInstanceLevels);
+  assert(ray.hitMatrixDepth <= kMostInstanceLevels);
   Mat3 product;
   for (int level = 0; level < ray.hitMatrixDepth; ++level) {
     const Mat3& matrix = matrixStacks[ray.thread][level];
