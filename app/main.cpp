@@ -32,6 +32,34 @@ bool ParseIntegers(const std::string& text, char separator, std::array<std::int3
   return at == end;
 }
 
+void AddPixels(CLI::App& render, RenderOptions& options) {
+  render
+      .add_option_function<std::string>(
+          "--resolution",
+          [&options](const std::string& text) {
+            std::array<std::int32_t, 2> size = {};
+            if (!ParseIntegers(text, 'x', size) || size[0] < 1 || size[1] < 1 || size[0] > kMaxSide ||
+                size[1] > kMaxSide)
+              throw CLI::ValidationError("--resolution", "'" + text + "' is no size like 960x540");
+            options.width = size[0];
+            options.height = size[1];
+          },
+          "Width and height in pixels")
+      ->type_name("WxH");
+  render
+      .add_option_function<std::string>(
+          "--region",
+          [&options](const std::string& text) {
+            std::array<std::int32_t, 4> box = {};
+            if (!ParseIntegers(text, ',', box) || box[0] < 0 || box[1] < 0 || box[2] <= box[0] ||
+                box[3] <= box[1])
+              throw CLI::ValidationError("--region", "'" + text + "' is no region like 0,0,480,270");
+            options.region = Region{box[0], box[1], box[2], box[3]};
+          },
+          "Render these pixels only: left, top, right, bottom; right and bottom excluded")
+      ->type_name("L,T,R,B");
+}
+
 void AddRender(CLI::App& app, RenderOptions& options) {
   CLI::App* render = app.add_subcommand("render", "Render a scene folder into its images");
   render->add_option("scene", options.scene, "Scene folder")->required()->type_name("SCENE");
@@ -49,31 +77,7 @@ void AddRender(CLI::App& app, RenderOptions& options) {
   render->add_option("--sample", options.sample, "Samples for each pixel")
       ->type_name("N")
       ->check(CLI::Range(1, kMostSamples));
-  render
-      ->add_option_function<std::string>(
-          "--resolution",
-          [&options](const std::string& text) {
-            std::array<std::int32_t, 2> size = {};
-            if (!ParseIntegers(text, 'x', size) || size[0] < 1 || size[1] < 1 || size[0] > kMaxSide ||
-                size[1] > kMaxSide)
-              throw CLI::ValidationError("--resolution", "'" + text + "' is no size like 960x540");
-            options.width = size[0];
-            options.height = size[1];
-          },
-          "Width and height in pixels")
-      ->type_name("WxH");
-  render
-      ->add_option_function<std::string>(
-          "--region",
-          [&options](const std::string& text) {
-            std::array<std::int32_t, 4> box = {};
-            if (!ParseIntegers(text, ',', box) || box[0] < 0 || box[1] < 0 || box[2] <= box[0] ||
-                box[3] <= box[1])
-              throw CLI::ValidationError("--region", "'" + text + "' is no region like 0,0,480,270");
-            options.region = Region{box[0], box[1], box[2], box[3]};
-          },
-          "Render these pixels only: left, top, right, bottom; right and bottom excluded")
-      ->type_name("L,T,R,B");
+  AddPixels(*render, options);
   render->add_option("--threads", options.threads, "Worker threads; all processors if not given")
       ->type_name("N")
       ->check(CLI::Range(1, kMaxThreads));

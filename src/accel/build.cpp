@@ -307,13 +307,21 @@ std::vector<BuildRecord> CollectRecords(const Object& object) {
 
 }  // namespace
 
-void Build(Object& object) {
-  const std::int64_t start = ProcessorMilliseconds();
+namespace {
+
+void ReleaseTrees(Object& object) {
   Release(object.nodes);
   Release(object.references);
   Release(object.wideNodes);
   Release(object.compactReferences);
   object.packed.reset();
+}
+
+}  // namespace
+
+void Build(Object& object) {
+  const std::int64_t start = ProcessorMilliseconds();
+  ReleaseTrees(object);
   if (Stopping()) return;
 
   std::vector<BuildRecord> records = CollectRecords(object);

@@ -150,6 +150,19 @@ struct OccluderWalk {
   template <bool kLog, bool kOpaque, int kStackSize>
   bool RunWithStack(const PackedTree& tree);
 
+  template <bool kOpaque>
+  [[gnu::always_inline]] bool TestLeaf(const PackedTree& tree, std::uint32_t first, std::uint32_t word) {
+    const std::uint32_t count = word & kLeafCount;
+    if ((word & kTriangleLeaf) != 0)
+      return TestLanes(tree, first, count, ray,
+                       [&](const TriangleBlock& block, const TriangleHits<Float4>& hits) {
+                         return TakeHits<kOpaque>(tree, block, hits);
+                       });
+    if ((word & kCylinderLeaf) != 0) return TestCylinders<kOpaque>(tree, first, count);
+    if ((word & kParticleLeaf) != 0) return TestParticles<kOpaque>(tree, first, count);
+    return TestReferences<kOpaque>(first, count);
+  }
+
   // A thread's blocked ray counts for the leaf's slot in the node above it: within a merged subtree, for that
   // of the lane.
   void Log(const PackedTree& tree, std::uint32_t place) {
@@ -200,22 +213,9 @@ bool OccluderWalk::RunWithStack(const PackedTree& tree) {
       child = node.child[first];
       word = node.word[first];
     }
-    {
-      ++leaves;
-      const std::uint32_t count = word & kLeafCount;
-      primitives += count;
-      if ((word & kTriangleLeaf) != 0)
-        blocked = TestLanes(tree, child, count, ray,
-                            [&](const TriangleBlock& block, const TriangleHits<Float4>& hits) {
-                              return TakeHits<kOpaque>(tree, block, hits);
-                            });
-      else if ((word & kCylinderLeaf) != 0)
-        blocked = TestCylinders<kOpaque>(tree, child, count);
-      else if ((word & kParticleLeaf) != 0)
-        blocked = TestParticles<kOpaque>(tree, child, count);
-      else
-        blocked = TestReferences<kOpaque>(child, count);
-    }
+    ++leaves;
+    primitives += word & kLeafCount;
+    blocked = TestLeaf<kOpaque>(tree, child, word);
     if (blocked) {
       if constexpr (kLog) Log(tree, place);
       break;

@@ -126,6 +126,21 @@ struct NearestWalk {
   void Run();
   template <int kStackSize>
   void RunWithStack(const PackedTree& tree);
+
+  [[gnu::always_inline]] void TestLeaf(const PackedTree& tree, std::uint32_t first, std::uint32_t word) {
+    const std::uint32_t count = word & kLeafCount;
+    if ((word & kTriangleLeaf) != 0)
+      TestLanes(tree, first, count, ray, [&](const TriangleBlock& block, const TriangleHits<Float4>& hits) {
+        TakeHits(tree, block, hits);
+        return false;
+      });
+    else if ((word & kCylinderLeaf) != 0)
+      TestCylinders(tree, first, count);
+    else if ((word & kParticleLeaf) != 0)
+      TestParticles(tree, first, count);
+    else
+      TestReferences(first, count);
+  }
 };
 
 template <Seek kSeek>
@@ -175,18 +190,7 @@ void NearestWalk<kSeek>::RunWithStack(const PackedTree& tree) {
       } while (mask != 0);
       current = *--top;
     }
-    if ((current.word & kTriangleLeaf) != 0)
-      TestLanes(tree, current.child, current.word & kLeafCount, ray,
-                [&](const TriangleBlock& block, const TriangleHits<Float4>& hits) {
-                  TakeHits(tree, block, hits);
-                  return false;
-                });
-    else if ((current.word & kCylinderLeaf) != 0)
-      TestCylinders(tree, current.child, current.word & kLeafCount);
-    else if ((current.word & kParticleLeaf) != 0)
-      TestParticles(tree, current.child, current.word & kLeafCount);
-    else
-      TestReferences(current.child, current.word & kLeafCount);
+    TestLeaf(tree, current.child, current.word);
   pop:
     do {
       if (top == stack) return;
