@@ -321,6 +321,8 @@ std::optional<PictureProblem> DecodeInChild(const DecoderJob& job, ImageBuffer& 
   if (file.Number() < 0) return std::nullopt;
   if (const std::optional<int> status = RunInNursery(job, file.Number()))
     return Conclude(status, file.Number(), image);
+  // The small process may have been lost in the midst of a picture.
+  if (ftruncate(file.Number(), 0) != 0 || lseek(file.Number(), 0, SEEK_SET) != 0) return std::nullopt;
   const pid_t parent = getpid();
   const pid_t child = fork();
   if (child < 0) return std::nullopt;
