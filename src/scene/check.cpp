@@ -397,6 +397,7 @@ void CheckRecords(SceneNotes& notes) {
   CheckObjects(notes);
   CheckCameras(notes);
   CheckRenderer(notes, graph);
+  CheckFormat(notes, graph);
   for (NotedAov& noted : notes.aovs)
     if (noted.owner == AovOwner::kCamera) SettleChannel(noted.aov);
   const Names vertexData = FindVertexData();

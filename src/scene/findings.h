@@ -85,6 +85,8 @@ enum class FindingCode {
   kManyCells,
   kDarkInstances,
   kEndless,
+  // The format.
+  kOldFormat,
 };
 
 struct FindingRow {
@@ -160,11 +162,12 @@ inline constexpr FindingRow kFindings[] = {
     {FindingCode::kManyCells, "many-cells", Severity::kError},
     {FindingCode::kDarkInstances, "dark-instances", Severity::kWarning, true},
     {FindingCode::kEndless, "endless", Severity::kWarning},
+    {FindingCode::kOldFormat, "old-format", Severity::kWarning, true},
 };
 constexpr bool FindingsAreInOrder() {
   for (std::size_t i = 0; i < std::size(kFindings); ++i)
     if (static_cast<std::size_t>(kFindings[i].code) != i) return false;
-  return std::size(kFindings) == static_cast<std::size_t>(FindingCode::kEndless) + 1;
+  return std::size(kFindings) == static_cast<std::size_t>(FindingCode::kOldFormat) + 1;
 }
 static_assert(FindingsAreInOrder());
 
