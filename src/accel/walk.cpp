@@ -25,10 +25,13 @@ struct StackEntry {
 // Nearest hit among all kinds, or among surfaces alone for rays that probe below a surface.
 enum class Seek : std::uint8_t { kAll, kSurfaces };
 
+float Reach(Vec3 p) { return std::fabs(p.x) + std::fabs(p.y) + std::fabs(p.z); }
+
 template <Seek kSeek>
 struct NearestWalk {
   const Object& object;
   RayRecord& ray;
+  Vec3 start;  // the ray's origin in scene space
   bool hit = false;
 
   void Store(const Part& part, std::uint8_t kind, std::uint32_t index, const PrimitiveHit& found) {
@@ -64,21 +67,30 @@ struct NearestWalk {
     return kSeek == Seek::kAll && IsParent(ray, part, kKindTriangle, index);
   }
 
+  // How far the origin may lie beside a sphere that the ray has left, by the rounding of its coordinates.
+  float ParentBlur(const Part& part, std::uint32_t index) const {
+    if (!IsParent(ray, part, kKindParticle, index)) return kNotParent;
+    const Vec3 o = ray.origin;
+    if (ray.matrixDepth == 0 || !MeasuresInScene())
+      return kHitEpsilon * (1.0f + std::fabs(o.x) + std::fabs(o.y) + std::fabs(o.z));
+    return kHitEpsilon * (1.0f + Reach(start) + Reach(o) * std::sqrt(InverseSquare(ray, true)));
+  }
+
   // Probes below a surface know no particles and no strands.
   void TestParticles(const PackedTree& tree, std::uint32_t first, std::uint32_t count) {
     if (kSeek == Seek::kSurfaces) return;
-    TestParticleLanes<false>(
-        tree, first, count, ray,
-        [&](const ParticleBlock& block, int i, Vec3 d, float nearest, float discriminant) {
-          const Part& part = object.parts[block.part[i]];
-          const bool isParent = IsParent(ray, part, kKindParticle, block.primitive[i]);
-          PrimitiveHit found;
-          found.shader = part.shader;
-          if ((!tree.filtersVisibility || IsVisible(part.shader, ray)) &&
-              TakeSphere<false>(d, nearest, discriminant, ray, isParent, found))
-            Store(part, kKindParticle, block.primitive[i], found);
-          return false;
-        });
+    const bool scaled = MeasuresInScene();
+    TestParticleLanes(tree, first, count, ray, scaled,
+                      [&](const ParticleBlock& block, int i, Vec3 d, float nearest, float discriminant) {
+                        const Part& part = object.parts[block.part[i]];
+                        const float blur = ParentBlur(part, block.primitive[i]);
+                        PrimitiveHit found;
+                        found.shader = part.shader;
+                        if ((!tree.filtersVisibility || IsVisible(part.shader, ray)) &&
+                            TakeScaledSphere(scaled, d, nearest, discriminant, ray, blur, found))
+                          Store(part, kKindParticle, block.primitive[i], found);
+                        return false;
+                      });
   }
 
   void TestCylinders(const PackedTree& tree, std::uint32_t first, std::uint32_t count) {
@@ -109,7 +121,8 @@ struct NearestWalk {
       PrimitiveHit found;
       bool met = false;
       if (kind == kKindParticle && kSeek == Seek::kAll) {
-        met = TestParticle(part, reference.index, ray, found, IsParent(ray, part, kind, reference.index));
+        met = TestParticle(part, reference.index, ray, found, ParentBlur(part, reference.index),
+                           MeasuresInScene());
       } else if (kind == kKindCylinder && kSeek == Seek::kAll) {
         met = !IsParent(ray, part, kind, reference.index) && TestCylinder(part, reference.index, ray, found);
       } else if (kind == kKindTriangle) {
@@ -203,7 +216,8 @@ template <Seek kSeek>
 void NearestWalk<kSeek>::Run() {
   const PackedTree* tree = object.packed.get();
   if (tree == nullptr || tree->nodes.size() == 0) return;
-  if (kSeek == Seek::kAll) ray.direction = SafeNormalize(ray.direction);
+  if (kSeek == Seek::kAll && (ray.matrixDepth == 0 || !MeasuresInScene()))
+    ray.direction = SafeNormalize(ray.direction);
   if (tree->stackSize <= kFewStackEntries)
     RunWithStack<kFewStackEntries>(*tree);
   else
@@ -214,7 +228,7 @@ template <Seek kSeek>
 void NearestWalk<kSeek>::EnterInstance(const Instance& instance) {
   if (instance.object < 0 || ray.matrixDepth >= kMostInstanceLevels) return;
   const InsideInstance inside(ray, instance);
-  NearestWalk inner{At(objectTable, instance.object), ray};
+  NearestWalk inner{At(objectTable, instance.object), ray, start};
   inner.Run();
   if (!inner.hit) return;
   Mat3& matrix = matrixStacks[ray.thread][ray.matrixDepth - 1];
@@ -228,7 +242,7 @@ template <Seek kSeek>
 bool WalkFromRoot(RayRecord& ray) {
   ++threadSlots[ray.thread].rays;
   if (!PrepareRay(ray)) return false;
-  NearestWalk<kSeek> walk{At(objectTable, rootObject), ray};
+  NearestWalk<kSeek> walk{At(objectTable, rootObject), ray, ray.origin};
   walk.Run();
   return walk.hit;
 }

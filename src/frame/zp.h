@@ -393,9 +393,9 @@ int zpAddInstance(int object) noexcept;
 /// @param instance  index of the Instance in it
 /// @param target    index of the Object to place. What names none finds the first Object without a name
 /// @param matrix    4 x 4, target to `object`; the translation is the last column. Null keeps the stored one,
-///                  which starts as the identity. Rotations and translations only: distances inside are not
-///                  converted, so that scaled Instances show wrong. Without an inverse: an error row, and
-///                  nothing shows
+///                  which starts as the identity. In format 1 rotations and translations only: distances inside are
+///                  not converted, so that scaled Instances show wrong. Without an inverse: an error row,
+///                  and nothing shows
 /// @param shader    replaces all shaders of the target and of what it places; -1 keeps them. What names no
 ///                  Shader shows black. Visibility and light samples stay those of the target's own
 void zpSetInstance(int object, int instance, int target, const float matrix[][4], int shader) noexcept;

@@ -92,6 +92,8 @@ float TetragonArea(const Part& part, std::uint32_t index);
 float StrandTangentLength(Vec3 chord);
 // A point of a cylinder's Hermite curve at t in 0..1, and the vertices' unit tangents it is made of.
 Vec3 CurvePoint(const Part& part, std::uint32_t cylinder, float t);
+// The curve's unit direction over the straight piece whose middle is at t: zero where it stands still.
+Vec3 CurveAxis(const Part& part, std::uint32_t cylinder, float t);
 
 // Whether the uvs of the first three corners run round the other way than the corners themselves. Asked of
 // Parts with `mirroredUvs` alone: there tangents run along u, and the bitangent is minus the product of

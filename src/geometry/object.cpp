@@ -85,6 +85,12 @@ Vec3 CurvePoint(const Part& part, std::uint32_t cylinder, float t) {
   return p0 + (p0 - p1) * h1 + tangent(first) * h2 + tangent(first + 1) * h3;
 }
 
+Vec3 CurveAxis(const Part& part, std::uint32_t cylinder, float t) {
+  constexpr float kHalfStep = 1.0f / 16.0f;  // of the eight straight pieces
+  return UnitVector(CurvePoint(part, cylinder, std::min(t + kHalfStep, 1.0f)) -
+                    CurvePoint(part, cylinder, std::max(t - kHalfStep, 0.0f)));
+}
+
 namespace {
 
 // How far a segment reaches beyond its curve. Format 1 does not ask the second vertex.

@@ -240,9 +240,10 @@ void CheckObjects(SceneNotes& notes) {
            "there is an object " + Quoted(object.name) + " already, which is what instances place");
   }
   for (const NotedInstance& noted : notes.instances)
-    if (!IsRigid(noted.instance.matrix))
+    if (settings.format < 2 && !IsRigid(noted.instance.matrix))
       Find(notes, noted.place, FindingCode::kNotRigid,
-           "the matrix is not rigid: distances inside are compared as if it did not scale");
+           "the matrix is not rigid: distances inside are compared as if it did not scale; in format 2 they "
+           "are right");
 }
 
 // What no pose states has no other to come from.
