@@ -283,9 +283,9 @@ TEST_F(Store, LevelFloorsLoseNoCaustic) {
     photon.power = kWhite;
     photon.normal = PackDirection({0, 0, 1});
   }
-  settings.said.photonRadius = 0.02f;
-  settings.derived.photonRadiusSquared = settings.said.photonRadius * settings.said.photonRadius;
-  BuildPhotonStore(settings.said.photonRadius);
+  const float radius = settings.derived.photonRadius = 0.02f;
+  settings.derived.photonRadiusSquared = radius * radius;
+  BuildPhotonStore(radius);
   ShadingPoint point;
   point.geometricNormal = {0, 0, 1};
   for (const float height : {-2e-7f, 0.0f, 2e-7f}) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "core/vec.h"
 
@@ -17,22 +18,25 @@ struct SaidSettings {
   float exposure = 0;                              // Intended: stored, without effect
   float displayGamma = 2.2f;                       // Intended: likewise
   std::int32_t rendererBounce = 1;  // diffuse bounces before paths stop or the density cells answer
-  float distance = 1;               // hits nearer than this are gathered further; scene units
-  float resolution = 1;             // target area of one density cell; scene units squared
   bool linearFiles = false;         // files of 8 bits keep linear numbers in format 2 too
   bool previewWindow = false;
   bool previewReturns = false;  // a closed window ends the render loop and not the process
+  // Of earlier runs: they hold in format 1 where this run says nothing.
+  float keptDistance = 1, keptResolution = 1;
   // Put back by ResetRenderer.
   std::int32_t rayDepth = 8;         // a ray of this depth or more returns black
   std::int32_t photonDepth = 16;     // a photon path longer than this stops; Intended: 8 once put back
   std::int32_t rendererSample = 64;  // indirect rays of a first hit, over all passes
+  std::optional<float> distance;     // hits nearer than this are gathered further; scene units
+  std::optional<float> resolution;   // target area of one density cell; scene units squared
   // Put back by ResetPhotonRadius.
-  float photonRadius = 1;  // of the photon gather; scene units
+  std::optional<float> photonRadius;  // of the photon gather; scene units
 };
 
 // What renderer initialisation makes of it.
 struct DerivedSettings {
   bool finalGathering = false;  // put back by ResetRenderer
+  float photonRadius = 1;       // put back by ResetPhotonRadius
   float photonRadiusSquared = 1;
   std::int32_t rendererSampleCopy = 64;  // rendererSample as it stood then: weighs samples of the sky
   std::int32_t geometrySampleCopy = 64;  // and of the geometry light; put back by ResetGeometryLight
@@ -57,7 +61,23 @@ struct RendererSettings {
 };
 inline RendererSettings settings;
 
+// What chooses final gathering: both are above 0 where nobody says anything in format 1, and 0 in format 2.
+inline float GatherDistance() {
+  return settings.said.distance.value_or(settings.format >= 2 ? 0 : settings.said.keptDistance);
+}
+inline float CellResolution() {
+  return settings.said.resolution.value_or(settings.format >= 2 ? 0 : settings.said.keptResolution);
+}
+// Photons of the sky and of the geometry light, which format 1 casts without being asked.
+inline std::int32_t PhotonsOf(const std::optional<std::int32_t>& said) {
+  return said.value_or(settings.format >= 2 ? 0 : 1000000);
+}
+
 inline void ResetRenderer() {
+  settings.said.keptDistance = settings.said.distance.value_or(settings.said.keptDistance);
+  settings.said.keptResolution = settings.said.resolution.value_or(settings.said.keptResolution);
+  settings.said.distance.reset();
+  settings.said.resolution.reset();
   settings.said.photonDepth = 8;
   settings.said.rayDepth = 8;
   settings.said.rendererSample = 64;
@@ -67,8 +87,8 @@ inline void ResetRenderer() {
 }
 
 inline void ResetPhotonRadius() {
-  settings.said.photonRadius = 1;
-  settings.derived.photonRadiusSquared = 1;
+  settings.said.photonRadius.reset();
+  settings.derived.photonRadius = settings.derived.photonRadiusSquared = 1;
 }
 
 }  // namespace zp

@@ -67,10 +67,11 @@
 /// - The default point light is a spot: its light fades linearly from +y to nothing on the opposite side.
 ///   zpSetPointLightInnerAngle() of 180 and zpSetPointLightOuterAngle() of 181 light all sides alike.
 /// - The sky shines with 0.75 unless zpSetSkyLightColor() says otherwise.
-/// - Final gathering is on by default, and so are a million photons of the sky and, with emissive surfaces, a
-///   million of the geometry light: each zpInitializeRenderer() casts them. zpSetRendererDistance(0) or
-///   zpSetRendererResolution(0) switches it off; then the sky casts none, and the geometry light only where
-///   there are virtual lights. zpSetSkyLightPhoton(0) and zpSetGeometryLightPhoton(0) end both.
+/// - In format 1 final gathering is on by default, and so are a million photons of the sky and, with emissive
+///   surfaces, a million of the geometry light: each zpInitializeRenderer() casts them.
+///   zpSetRendererDistance(0) or zpSetRendererResolution(0) switches it off; then the sky casts none, and the
+///   geometry light only where there are virtual lights. zpSetSkyLightPhoton(0) and
+///   zpSetGeometryLightPhoton(0) end both. In format 2 all of this is off until it is asked for.
 /// - Memory for the cells of final gathering above 1 GB a Part and primitive kind ends the process with
 ///   status 1: large scenes need a larger zpSetRendererResolution() or none.
 /// - The last pass of zpRender() writes all images and drops the lights, so a second zpRender() sees the
@@ -194,8 +195,8 @@ enum class Visibility : std::int32_t {
 /// numbers, adds the working directory to the folders of pictures, resets geometry light, sky light and
 /// renderer settings (the scene's setters come after it), and registers the Shader "undefined", a grey of
 /// 0.85, unless one of that name is there: in an empty table it gets index 0. Tables of a scene that was not
-/// finalised stay. The environment variable `ZP_FORMAT` chooses the rules, 1 (the default) or 2: docs/format-2.md
-/// tells the differences. Another word gives an error row, and format 1.
+/// finalised stay. The environment variable `ZP_FORMAT` chooses the rules, 1 (the default) or 2:
+/// docs/format-2.md tells the differences. Another word gives an error row, and format 1.
 void zpStartup() noexcept;
 /// Last of all calls. Ends the picture library and empties the constant tables; a new zpStartup() fills them
 /// again. Scene tables stay: zpFinalize() comes before.
@@ -251,7 +252,8 @@ void zpInitializeAccelerator() noexcept;
 /// Empties the table of Objects.
 void zpFinalizeAccelerator() noexcept;
 /// Limits the renderer settings, chooses between final gathering and path tracing (a row tells which), aims
-/// the photons of all lights at the scene's bounds, and casts them. Comes last. A second call casts all photons again on top of what the cells hold.
+/// the photons of all lights at the scene's bounds, and casts them. Comes last. A second call casts all
+/// photons again on top of what the cells hold.
 void zpInitializeRenderer() noexcept;
 /// Drops the stored photons and puts back the radius of caustics (1), ray depth (8), photon depth (8) and
 /// renderer samples (64). All other settings stay.
@@ -308,15 +310,17 @@ void zpSetRendererSample(int sample) noexcept;
 /// over; at least 1 from zpInitializeRenderer() on. Mirrors and glass do not count.
 void zpSetRendererBounce(int bounce) noexcept;
 /// Final gathering: with zpSetRendererBounce() of 2 or more, indirect hits nearer than this are gathered once
-/// more, farther ones answer from the cells. Scene units; default 1; carries over. 0 or less, and what is no
-/// number, switch final gathering off.
+/// more, farther ones answer from the cells. Scene units; default 1, which carries over, in format 2 0. 0 or
+/// less, and what is no number, switch final gathering off.
 void zpSetRendererDistance(float distance) noexcept;
-/// Final gathering: target area of a cell on the surfaces of the root Object, scene units squared; default 1;
-/// carries over. A triangle or tetragon has at most 255 x 255 cells of 24 bytes each; too many end the
-/// process. 0 or less, and what is no number, switch final gathering off. Before zpInitializeAccelerator().
+/// Final gathering: target area of a cell on the surfaces of the root Object, scene units squared; default 1,
+/// which carries over, in format 2 0. A triangle or tetragon has at most 255 x 255 cells of 24 bytes each;
+/// too many end the process. 0 or less, and what is no number, switch final gathering off. Before
+/// zpInitializeAccelerator().
 void zpSetRendererResolution(float resolution) noexcept;
-/// How far around a point caustic photons are gathered, scene units; the nearest 32 count. Default 1; below
-/// 1e-8 no caustics show. Before zpInitializeRenderer(), in both modes.
+/// How far around a point caustic photons are gathered, scene units; the nearest 32 count. Default 1, in
+/// format 2 0.005 of the diagonal of the scene's bounds; below 1e-8 no caustics show. Before
+/// zpInitializeRenderer(), in both modes.
 void zpSetRendererRadius(float radius) noexcept;
 /// @}
 
@@ -435,7 +439,8 @@ void zpSetSurfaceColor(int shader, int layer, Element element, float r, float g,
 /// @param path     picture file, relative to the working directory; default none. A picture of 16 bits a
 ///                 component reads up to 257 in format 1
 /// @param gamma    exponent of each component, default 1; 2.2 makes common 8-bit pictures linear
-/// @param color    4 x 4, or null: column i makes component i of red, green, blue and 1, and the fourth divides.
+/// @param color    4 x 4, or null: column i makes component i of red, green, blue and 1, and the fourth
+/// divides.
 ///                 Intended: format 1 keeps it, but applies only matrices of scene text
 /// @param uv       3 x 3, or null: applied to (u, v, 1), row by row. Intended: likewise
 void zpSetSurfaceImage(int shader, int layer, Element element, const char* path, float gamma,
@@ -446,16 +451,17 @@ void zpSetSurfaceMaterial(int shader, int layer, Material material) noexcept;
 void zpSetSurfaceSideness(int shader, int layer, Sideness sideness) noexcept;
 /// Whether emission of the layer is sampled directly, with zpSetGeometryLightSample() rays; default false.
 /// Triangles and tetragons only.
-/// Intended: samples are of the right brightness for lamps of pi / 18481 square units (1.3 x 1.3 cm in metres)
-/// together, and at one square unit some 50 times too dark: leave emitters unsampled, or take a point light
-/// with zpSetPointLightBlur() for a small lamp.
+/// Intended: samples are of the right brightness for lamps of pi / 18481 square units (1.3 x 1.3 cm in
+/// metres) together, and at one square unit some 50 times too dark: leave emitters unsampled, or take a point
+/// light with zpSetPointLightBlur() for a small lamp.
 void zpSetSurfaceVirtualLight(int shader, int layer, bool on) noexcept;
 /// Appends a displacement layer and returns its index in the Shader. Layers act one after another, on
 /// triangles and tetragons that have normals and tangents (from texture coordinates and a smoothing angle, or
 /// supplied); else a warning row, or the face stays.
 int zpAddDisplacementShader(int shader) noexcept;
 /// The layer's image: each component minus 0.5 counts, times the displacement vector. Without one the vector
-/// counts alone. Arguments as those of zpSetSurfaceImage(); in format 1 both matrices are kept and not applied.
+/// counts alone. Arguments as those of zpSetSurfaceImage(); in format 1 both matrices are kept and not
+/// applied.
 void zpSetDisplacementImage(int shader, int layer, const char* path, float gamma, const float color[][4],
                             const float uv[][3]) noexcept;
 /// Splits each triangle into `level` x `level`; default 1, below 1 counts as 1. Levels that memory cannot

@@ -84,17 +84,18 @@ CellPlace PlaceOf(const RayRecord& ray) {
 
 }  // namespace
 
-bool AsksForCells() { return settings.said.resolution >= kLeastResolution; }
+bool AsksForCells() { return CellResolution() >= kLeastResolution; }
 
-bool ChoosesFinalGathering() { return settings.said.distance > 0 && AsksForCells(); }
+bool ChoosesFinalGathering() { return GatherDistance() > 0 && AsksForCells(); }
 
 // The smallest level whose cells, of the resolution's area, cover more than `area`.
 std::int32_t CellLevel(float area) {
+  const float resolution = CellResolution();
   const auto covers = [&](std::int32_t n) {
-    return static_cast<float>(n) * static_cast<float>(n) * settings.said.resolution > area;
+    return static_cast<float>(n) * static_cast<float>(n) * resolution > area;
   };
   if (!covers(kMostCellLevels)) return kMostCellLevels;
-  auto level = static_cast<std::int32_t>(std::sqrt(area / settings.said.resolution));
+  auto level = static_cast<std::int32_t>(std::sqrt(area / resolution));
   level = std::clamp(level, 1, kMostCellLevels);
   while (level > 1 && covers(level - 1)) --level;
   while (!covers(level)) ++level;

@@ -37,7 +37,7 @@ std::int32_t CellLevel(float area);
 inline constexpr std::int64_t kBytesPerCell = 24;
 inline constexpr std::int64_t kMostCellBytes = 0x40000000;  // of one kind of primitive of a Part
 
-// Gives the Part fresh black cells of about settings.said.resolution scene units squared; none where none are
+// Gives the Part fresh black cells of about CellResolution() scene units squared; none where none are
 // asked for. Prints the memory row. Ends the process with status 1 when one kind's cells take more than 1 GB.
 void SetUpDensity(Part& part);
 

@@ -48,7 +48,7 @@ float EmitterHitWeight(const RayRecord& ray, const ShadingPoint& point) {
   if (!IsInEmissionLists(ray) || LooksThroughHair(ray)) return 1;
   if (ray.event == kEventSpecular || ray.event == kEventSpecularRefraction) {
     const bool diffuse = ray.previousEvent == kEventLambertian || ray.previousEvent == kEventTransmissive;
-    if (diffuse && geometryLight.photon == 0) return 1;  // else caustic photons bring it
+    if (diffuse && PhotonsOf(geometryLight.photon) == 0) return 1;  // else caustic photons bring it
     if (ray.previousEvent == kEventGlossy) return 1;
   }
   if (!MeetsLightSamples(ray)) return 0;

@@ -260,15 +260,17 @@ void CastPhotonsFromLights(const std::vector<Light>& lights) {
 }
 
 void CastPhotonsFromGeometryLight() {
+  const std::int32_t photons = PhotonsOf(geometryLight.photon);
   const Cast cast = {geometryLight.link, 0, MakePathSensor()};
-  if (geometryLight.photon <= 0 || LeavesNothing(cast, geometryLight.area > 0)) return;
-  CastFrom(geometryLight.photon, 0, cast, MakeGeometryPhotonRay);
+  if (photons <= 0 || LeavesNothing(cast, geometryLight.area > 0)) return;
+  CastFrom(photons, 0, cast, MakeGeometryPhotonRay);
 }
 
 void CastPhotonsFromSky() {
+  const std::int32_t photons = PhotonsOf(skyLight.photon);
   const Cast cast = {skyLight.link, 0, MakePathSensor()};
-  if (skyLight.photon <= 0 || LeavesNothing(cast, false)) return;
-  CastFrom(skyLight.photon, 0, cast, MakeSkyPhotonRay);
+  if (photons <= 0 || LeavesNothing(cast, false)) return;
+  CastFrom(photons, 0, cast, MakeSkyPhotonRay);
 }
 
 }  // namespace

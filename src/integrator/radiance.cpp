@@ -93,7 +93,7 @@ Vec3 Transmission(const VolumeShader& medium, float distance) {
 // Whether the cells may answer for this hit at all, as far as the ray knows.
 bool MayReadDensity(const RayRecord& ray) {
   if (!settings.derived.finalGathering || !ray.levelZeroHit) return false;
-  return (ray.diffuseBounces > 0 && ray.t > settings.said.distance + 1e-6f) ||
+  return (ray.diffuseBounces > 0 && ray.t > GatherDistance() + 1e-6f) ||
          ray.diffuseBounces >= settings.said.rendererBounce;
 }
 
@@ -101,7 +101,7 @@ bool MayReadDensity(const RayRecord& ray) {
 bool ReadsDensity(const RayRecord& ray, const ShadingPoint& point) {
   if (ray.kind != kKindTriangle && ray.kind != kKindTetragon) return false;
   if (ray.diffuseBounces >= settings.said.rendererBounce) return true;
-  return ray.diffuseBounces > 0 && (point.virtualLight || ray.t > settings.said.distance);
+  return ray.diffuseBounces > 0 && (point.virtualLight || ray.t > GatherDistance());
 }
 
 // A point that reads cells asks them, and not the lights, for its diffuse lobes.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "accel/accel.h"
 #include "core/console.h"
 #include "core/ray.h"
 #include "core/settings.h"
@@ -25,6 +26,11 @@ void LimitSettings() {
     if (!(settings.said.clamp[c] >= 0)) settings.said.clamp[c] = 0;  // no number at all included
 }
 
+// Where nobody says one: 1 scene unit in format 1, 0.005 of the diagonal of the scene's bounds in format 2.
+float CausticRadius() {
+  return settings.said.photonRadius.value_or(settings.format >= 2 ? 0.01f * sceneRadius : 1.0f);
+}
+
 }  // namespace
 
 void InitializeRenderer() {
@@ -40,10 +46,12 @@ void InitializeRenderer() {
   CastPhotons();
   PrintFloatRow("photon cast   ", static_cast<float>(static_cast<double>(WallTicks() - start) / 1e7),
                 "seconds");
-  PrintFloatRow("photon radius ", settings.said.photonRadius, "m");
+  const float radius = CausticRadius();
+  PrintFloatRow("photon radius ", radius, "m");
   PrintRule();
-  settings.derived.photonRadiusSquared = settings.said.photonRadius * settings.said.photonRadius;
-  BuildPhotonStore(settings.said.photonRadius);
+  settings.derived.photonRadius = radius;
+  settings.derived.photonRadiusSquared = radius * radius;
+  BuildPhotonStore(radius);
   if (Stopping()) EmptyPhotonStore();  // half a cast would be half the light
   PrintRule();
   ForgetGathers();

@@ -5,6 +5,7 @@
 #include "accel/accel.h"
 #include "core/index.h"
 #include "core/random.h"
+#include "core/settings.h"
 #include "core/tables.h"
 #include "geometry/geometry.h"
 #include "lights/light_frame.h"
@@ -156,7 +157,8 @@ void MakeGeometryPhotonRay(RayRecord& ray, std::uint32_t sample) {
   StartPhotonRay(ray, sample, 4, 1);
   EmitterPick pick;
   // Without an emitter the ray has no power, and nobody follows it.
-  if (!PickEmitter(false, sample, static_cast<std::uint32_t>(std::max(geometryLight.photon, 1)), pick))
+  if (!PickEmitter(false, sample, static_cast<std::uint32_t>(std::max(PhotonsOf(geometryLight.photon), 1)),
+                   pick))
     return;
   ShadingPoint point;
   PlaceOnEmitter(pick, Halton(sample, 0), Halton(sample, 1), point);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -79,7 +80,7 @@ struct SkyLight {
   float stretch = 0.1f;  // Intended: stored, without effect
   // Put back by a reset.
   Vec3 color = {0.75f, 0.75f, 0.75f};
-  std::int32_t photon = 1000000;
+  std::optional<std::int32_t> photon;  // PhotonsOf
   std::int32_t sample = 64;
   Vec3 north = {0, 1, 0};
   Vec3 zenith = {0, 0, 1};
@@ -91,7 +92,7 @@ struct SkyLight {
 extern SkyLight skyLight;
 
 struct GeometryLight {
-  std::int32_t photon = 1000000;
+  std::optional<std::int32_t> photon;  // PhotonsOf
   std::int32_t sample = 0;
   float area = 0;                // of the RootObject's virtual lights
   Vec3 colorWeight = {1, 1, 1};  // factor from emission to a photon's power

@@ -4,6 +4,7 @@
 #include "accel/accel.h"
 #include "core/console.h"
 #include "core/index.h"
+#include "core/settings.h"
 #include "core/tables.h"
 #include "lights/light_aovs.h"
 #include "lights/light_photons.h"
@@ -111,7 +112,7 @@ void InitializeSky() {
   PrintRule();
 }
 
-void AimSky() { sky.powerFactor = skyLight.photon > 0 ? 4 * kPi * sceneRadius * sceneRadius : 0; }
+void AimSky() { sky.powerFactor = PhotonsOf(skyLight.photon) > 0 ? 4 * kPi * sceneRadius * sceneRadius : 0; }
 
 void FinalizeSky() {
   SaveAovs(skyLight.aovs);
@@ -149,8 +150,8 @@ void MakeSkyPhotonRay(RayRecord& ray, std::uint32_t sample) {
   StartPhotonRay(ray, sample, 4, skyLight.ior);
   ray.origin = sceneCenter + sceneRadius * (disc.x * axis + disc.y * Cross(axis, d) + d);
   ray.direction = -d;
-  if (skyLight.photon > 0)
-    ray.photonPower = start.radiance * (sky.powerFactor / static_cast<float>(skyLight.photon));
+  const std::int32_t photons = PhotonsOf(skyLight.photon);
+  if (photons > 0) ray.photonPower = start.radiance * (sky.powerFactor / static_cast<float>(photons));
   ray.kind = ray.parentKind = kKindNone;
 }
 

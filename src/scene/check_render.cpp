@@ -69,7 +69,7 @@ bool HasPrimitives(const Object& object) {
 
 void CheckGathering(SceneNotes& notes, const SceneGraph& graph) {
   const TextPlace resolution = StatedAt(notes, "final_gather.resolution", kRenderFolder);
-  if (settings.said.distance > 0 && settings.said.resolution > 0 && !AsksForCells())
+  if (GatherDistance() > 0 && CellResolution() > 0 && !AsksForCells())
     Find(notes, resolution, FindingCode::kTinyCells,
          "resolution: cells below 1e-8 square scene units are none, and the mode is path tracing");
   if (!ChoosesFinalGathering() || settings.said.rendererBounce > 1) return;

@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <istream>
 #include <limits>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -101,6 +102,13 @@ bool ReadValue(Line& line, T& value) {
 
 template <class T>
 bool ReadNumber(Line& line, T& target) {
+  T value{};
+  if (ReadValue(line, value)) target = value;
+  return true;
+}
+// What was no number has not been said.
+template <class T>
+bool ReadNumber(Line& line, std::optional<T>& target) {
   T value{};
   if (ReadValue(line, value)) target = value;
   return true;
