@@ -35,6 +35,7 @@ void InitializeRenderer() {
   PrintRule();
 
   EmptyPhotonStore();
+  InitializeMedia();
   AimPhotons();
   const std::int64_t start = WallTicks();
   CastPhotons();
