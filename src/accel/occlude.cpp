@@ -17,7 +17,19 @@ namespace {
 // Of one ray, through all Instances.
 struct OccluderCounts {
   std::uint64_t innerNodes = 0, leaves = 0, primitives = 0;
+  BodyCrossings* crossings = nullptr;
 };
+
+// A sphere is met at its front alone, and left again on the other side of its centre.
+void NoteBody(BodyCrossings& crossings, std::uint8_t kind, std::int32_t shader, const PrimitiveHit& hit,
+              Vec3 direction) {
+  if (kind == kKindCylinder || !ShaderAt(shader).isBody) return;
+  const bool front = hit.denominator < 0;
+  AddCrossing(crossings, {hit.t, shader, front});
+  if (kind != kKindParticle || !front) return;
+  const float chord = -2 * Dot(hit.barycentric, direction) / Dot(direction, direction);
+  AddCrossing(crossings, {hit.t + MaxOf(chord, 0.0f), shader, false});
+}
 
 struct OccluderWalk {
   Object& object;
@@ -66,7 +78,9 @@ struct OccluderWalk {
     const Corners corners = HitCorners(part, kind, index, hit.barycentric);
     ray.throughput *=
         ShadowTransparency(met, front, CornerUv(corners, part), HitCosine(part, index, corners, hit));
-    return IsBlack(ray.throughput);
+    if (IsBlack(ray.throughput)) return true;
+    if (counts.crossings != nullptr) NoteBody(*counts.crossings, kind, number, hit, ray.direction);
+    return false;
   }
 
   template <bool kOpaque>
@@ -253,7 +267,22 @@ bool OccluderWalk::RunWithStack(const PackedTree& tree) {
 
 }  // namespace
 
-bool Occlude(RayRecord& ray) {
+// In the order of distances. An edge that two faces share is one crossing.
+void AddCrossing(BodyCrossings& crossings, const BodyCrossing& crossing) {
+  constexpr float kSame = 1e-5f;
+  for (int i = 0; i < crossings.count; ++i) {
+    const BodyCrossing& other = crossings.list[i];
+    if (other.shader == crossing.shader && other.front == crossing.front &&
+        std::fabs(other.t - crossing.t) <= kSame * crossing.t)
+      return;
+  }
+  if (crossings.count == BodyCrossings::kMost && crossings.list[crossings.count - 1].t < crossing.t) return;
+  int i = crossings.count < BodyCrossings::kMost ? crossings.count++ : BodyCrossings::kMost - 1;
+  for (; i > 0 && crossings.list[i - 1].t > crossing.t; --i) crossings.list[i] = crossings.list[i - 1];
+  crossings.list[i] = crossing;
+}
+
+bool Occlude(RayRecord& ray, BodyCrossings* crossings) {
   ThreadSlot& slot = threadSlots[ray.thread];
   ++slot.shadowRays;
   ray.throughput = kWhite;
@@ -262,6 +291,7 @@ bool Occlude(RayRecord& ray) {
   const std::uint8_t depth = ray.depth;
   if (depth == 0) ray.depth = 1;
   OccluderCounts counts;
+  counts.crossings = crossings;
   OccluderWalk walk{At(objectTable, rootObject), ray, counts, kNone};
   const bool blocked = settings.frame.samplePass == 0 ? walk.Run<true>() : walk.Run<false>();
   if (blocked) ray.throughput = kBlack;

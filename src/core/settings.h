@@ -39,6 +39,8 @@ struct DerivedSettings {
   float photonRadius = 1;       // put back by ResetPhotonRadius
   float photonRadiusSquared = 1;
   std::int32_t rendererSampleCopy = 64;  // rendererSample as it stood then: weighs samples of the sky
+  bool tracksMedia = false;  // rays know the bodies around them, and media dim whatever runs through them
+  float openIor = 1;         // a ray's index in the open, where lights are sampled
   std::int32_t geometrySampleCopy = 64;  // and of the geometry light; put back by ResetGeometryLight
 };
 
@@ -81,7 +83,8 @@ inline void ResetRenderer() {
   settings.said.photonDepth = 8;
   settings.said.rayDepth = 8;
   settings.said.rendererSample = 64;
-  settings.derived.finalGathering = false;
+  settings.derived.finalGathering = settings.derived.tracksMedia = false;
+  settings.derived.openIor = 1;
   settings.frame.rendererRays = settings.frame.shadowRays = 0;
   settings.frame.renderMicroseconds = 0;
 }

@@ -20,7 +20,7 @@ Vec3 Visibility(const AnyReceiver& receiver, Vec3 direction, float distance) {
   shadow.depth = 0;
   shadow.photonStore = false;
   shadow.t = distance;
-  return Occlude(shadow) ? kBlack : shadow.throughput;
+  return LightLeft(shadow);
 }
 
 // Draw number `number` of a sequence of `count`, and its place on the light.

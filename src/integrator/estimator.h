@@ -84,7 +84,16 @@ inline LobeRadiance& operator*=(LobeRadiance& a, float scale) {
 
 // Whether lights are sampled where the ray is, and lobe rays compete with those samples: in the open, not
 // inside a medium, which is known by its index of refraction.
-inline bool IsInOpen(const RayRecord& ray) { return IsSameMedium(ray.ior, 1); }
+inline bool IsInOpen(const RayRecord& ray) { return IsSameMedium(ray.ior, settings.derived.openIor); }
+
+// Media. Whether there are any that rays have to know, and what index the open has. Needs the accelerator.
+void InitializeMedia();
+// Goes through the surface of a body: into it at its front, out of it at its back.
+void CrossSurface(RayRecord& ray, std::int32_t shader, bool front);
+// The share of light that media leave on the way of a ray to its hit, or out of the scene.
+Vec3 Transmission(const RayRecord& ray);
+// What surfaces and media leave of the light that comes along a shadow ray from ray.t; black in the shadow.
+Vec3 LightLeft(RayRecord& shadow);
 
 // What the lobes receive straight from lights, without the lobes' colours. Writes the lights' AOVs at depth
 // 0.

@@ -102,8 +102,9 @@ Vec3 Scattering(const ShadingPoint& point, Vec3 direction) {
   if (!(std::max({light.x, light.y, light.z}) > 0)) return;
   RayRecord shadow = MakeChildRay(ray, point, kEventLightSample, direction, kWhite);
   shadow.t = distance;
-  if (Occlude(shadow)) return;
-  light *= shadow.throughput * (std::fabs(Dot(direction, point.geometricNormal)) / facingArea);
+  const Vec3 left = LightLeft(shadow);
+  if (left == kBlack) return;
+  light *= left * (std::fabs(Dot(direction, point.geometricNormal)) / facingArea);
   if (ray.depth == 0 && cast.offset != 0 && point.reflectCosine > 0)
     light *= SoftCosine(point.reflectCosine, cast.offset) / point.reflectCosine;
   for (Aov* aov : cast.sensor.aovs) {
@@ -147,6 +148,7 @@ void BounceLobe(const RayRecord& ray, const ShadingPoint& point, const LobeRays&
 
 void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings) {
   if (ray.depth > settings.said.photonDepth || IsBlack(ray.throughput) || Stopping() || !Trace(ray)) return;
+  if (settings.derived.tracksMedia) ray.throughput *= Transmission(ray);
   ShadingPoint point;
   if (!SetUpShadingPoint(ray, point)) return;
   TestElements(point);

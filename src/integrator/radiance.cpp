@@ -83,13 +83,6 @@ Vec3 AovValue(const Aov& aov, const RayRecord& ray, const ShadingPoint& point, c
       AddToAov(aov, threadSlots[ray.thread].pixel, AovValue(aov, ray, point, radiance) / samples);
 }
 
-// The share of light that a medium lets through over a distance.
-Vec3 Transmission(const VolumeShader& medium, float distance) {
-  const Vec3 c = medium.transmittance;
-  if (c == kWhite) return kWhite;
-  return {std::pow(c.x, distance), std::pow(c.y, distance), std::pow(c.z, distance)};
-}
-
 // Whether the cells may answer for this hit at all, as far as the ray knows.
 bool MayReadDensity(const RayRecord& ray) {
   if (!settings.derived.finalGathering || !ray.levelZeroHit) return false;
@@ -144,7 +137,8 @@ void AddToAov(Aov& aov, std::size_t pixel, Vec3 value) {
 // and a tree walk on top fit a worker of half a megabyte.
 Vec3 Radiance(RayRecord& ray) {
   if (ray.depth >= settings.said.rayDepth || IsBlack(ray.throughput) || Stopping()) return kBlack;
-  if (!Trace(ray)) return MissRadiance(ray);
+  if (!Trace(ray))
+    return settings.derived.tracksMedia ? MissRadiance(ray) * Transmission(ray) : MissRadiance(ray);
 
   ShadingPoint point;
   point.useDensity = MayReadDensity(ray);
@@ -166,8 +160,7 @@ Vec3 Radiance(RayRecord& ray) {
   Vec3 sum;
   for (const Vec3& light : radiance.lobes.values) sum += light;
   sum += radiance.emission;
-  const bool outside = camera == nullptr || IsSameMedium(camera->ior, ray.ior);
-  return sum * Transmission(outside ? globalVolume : ShaderAt(ray.shader).volume, ray.t);
+  return sum * Transmission(ray);
 }
 
 }  // namespace zp

@@ -41,6 +41,7 @@ void InitializeRenderer() {
   PrintRule();
 
   EmptyPhotonStore();
+  InitializeMedia();
   AimPhotons();
   const std::int64_t start = WallTicks();
   CastPhotons();

@@ -148,6 +148,11 @@ void DeriveSideFlags(Shader& shader) {
          shader.backTransmissive, shader.backOpaque);
 }
 
+bool Refracts(const SurfaceShader& s) {
+  const ImageSlot& ior = s[Element::kIor];
+  return s.material == Material::kDielectric && (ior.image != kNone || !IsSameMedium(Mean(ior.color), 1));
+}
+
 void InitializeShader(Shader& shader) {
   if (shader.initialized) return;
   CompleteSides(shader);
@@ -159,6 +164,8 @@ void InitializeShader(Shader& shader) {
   InitializeVolume(shader.volume);
   for (SurfaceShader& surface : shader.surfaces) DeriveFlags(surface);
   DeriveSideFlags(shader);
+  shader.bends = std::any_of(shader.surfaces.begin(), shader.surfaces.end(), Refracts);
+  shader.isBody = shader.bends || Absorbs(shader.volume);
   shader.initialized = true;
 }
 

@@ -94,6 +94,8 @@ struct VolumeShader {
   std::uint32_t mediumId = 0;
 };
 
+inline bool Absorbs(const VolumeShader& volume) { return volume.transmittance != kWhite; }
+
 inline constexpr int kMaxLayersOnSide = 16;
 
 struct Shader {
@@ -106,7 +108,9 @@ struct Shader {
   std::int32_t frontCount = 0, backCount = 0;
   std::array<std::uint8_t, kMaxLayersOnSide> front = {}, back = {};  // indices into surfaces
   std::vector<SurfaceShader> surfaces;
-  float opacity = 1;  // Intended: stored, without effect
+  float opacity = 1;    // Intended: stored, without effect
+  bool bends = false;   // derived: some layer refracts what goes through it
+  bool isBody = false;  // derived: what it bounds has an inside of its own
   bool frontVirtualLight = false, backVirtualLight = false;
   bool frontEmissive = false, backEmissive = false;
   bool frontLambertian = false, backLambertian = false;
