@@ -75,6 +75,13 @@ void InitializeObject(Object& object) {
   Update(object, true, 1);
   if (Stopping()) return;
   TransferRootCoordinates(object);
+  bool scaled = false;
+  for (Part& part : object.parts) scaled |= ScaleStrands(part);
+  if (scaled) {  // roots had to be found first
+    Build(object);
+    Update(object, true, 1);
+    if (Stopping()) return;
+  }
   if (!object.deformable) {
     Release(object.nodes);
     Release(object.references);

@@ -384,8 +384,8 @@ void zpAddParticles(int object, int part, int count, const int* data) noexcept;
 /// @param part    index of the Part in it
 /// @param name    what AOVs call it
 /// @param count   values, not numbers
-/// @param kind    1 one float, 2 two (the Part's first set of these holds the texture coordinates), any other
-///                value three
+/// @param kind    1 one float, 2 two (the Part's first set of these holds the texture coordinates, and others
+///                are for pictures of format 2 that ask for their name by "uv_set"), any other value three
 /// @param data    `count` x 1, 2 or 3 floats
 void zpAddVertexData(int object, int part, const char* name, int count, int kind, const float* data) noexcept;
 /// Appends an Instance to `object` and returns its index in it. It places nothing before zpSetInstance(), but

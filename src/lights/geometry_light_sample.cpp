@@ -51,7 +51,7 @@ bool TakePrimitive(const Object& object, const EmissionRecord& record, EmitterPi
 const Shader& ShaderOf(const EmitterPick& pick) { return ShaderAt(pick.shader); }
 
 // Sum of what all layers of the emitting side emit.
-Vec3 Emission(const Shader& shader, bool front, Vec2 uv) {
+Vec3 Emission(const Shader& shader, bool front, const SurfaceUv& uv) {
   Vec3 sum;
   for (const std::uint8_t layer : LayersOf(shader, front))
     sum += LookUp(shader.surfaces[layer][Element::kEmissive], uv);

@@ -212,8 +212,10 @@ void CheckShaders(SceneNotes& notes) {
                fs::path(entry->second.file).filename().string() + " line " +
                std::to_string(entry->second.line));
     CheckWeights(notes, noted);
-    if (noted.vector.line > 0 && noted.shader.geometry.smoothAngle < 0)
-      Find(notes, noted.vector, FindingCode::kKeptNormals,
+    const bool byHeight = settings.format >= 2 && noted.vector.line == 0;
+    const TextPlace& displaced = byHeight ? noted.height : noted.vector;
+    if (displaced.line > 0 && noted.shader.geometry.smoothAngle < 0)
+      Find(notes, displaced, FindingCode::kKeptNormals,
            "a displaced surface with a \"smooth_angle\" below 0 keeps the normals that it had, and shades as "
            "flat",
            "smooth_angle 60");
@@ -301,6 +303,22 @@ Names FindVertexData() {
   return names;
 }
 
+// A picture by a set that no model has is read by the first one.
+void CheckUvSets(SceneNotes& notes) {
+  if (settings.format < 2) return;
+  Names sets;
+  for (const Object& object : objectTable)
+    for (const Part& part : object.parts)
+      for (const auto& set : part.uvSets) sets.insert(set.name);
+  for (const NotedSlot& noted : notes.slots) {
+    const std::string& name = noted.slot.uvSetName;
+    if (noted.uvSet.line > 0 && !name.empty() && !sets.contains(name))
+      Find(notes, noted.uvSet, FindingCode::kUnknownUvSet,
+           "no model has a set of texture coordinates named " + Quoted(name) + ": the first one counts",
+           Suggest(notes, name, {sets.begin(), sets.end()}));
+  }
+}
+
 constexpr std::uint32_t kRadianceChannels =
     kChannelLambertian | kChannelTransmissive | kChannelGlossy | kChannelSpecular | kChannelEmissive;
 constexpr std::uint32_t kExactChannels = kChannelPosition | kChannelDepth | kChannelUserData;
@@ -383,6 +401,8 @@ Storage ProbeStorage(const std::string& fileName) {
 }
 
 void CheckRecords(SceneNotes& notes) {
+  if (settings.format >= 2)
+    std::erase_if(notes.findings, [](const Finding& finding) { return finding.ofFormat1; });
   Definitions known = ReadDefinitions(notes);
   for (const NameUse& use : notes.names) CheckName(notes, use, known);
   std::vector<bool> sections;
@@ -395,6 +415,7 @@ void CheckRecords(SceneNotes& notes) {
   CheckGraph(notes, graph);
   CheckShaders(notes);
   CheckPictures(notes);
+  CheckUvSets(notes);
   CheckObjects(notes);
   CheckCameras(notes);
   CheckRenderer(notes, graph);

@@ -99,8 +99,12 @@ std::vector<CellShader> ReadCellShaders() {
     for (const SurfaceShader& surface : shader.surfaces)
       result[i].receives |=
           !IsBlack(surface[Element::kLambertian].color) || !IsBlack(surface[Element::kTransmissive].color);
-    for (const ImageSlot& layer : shader.geometry.vector)
-      if (layer.level > 1) result[i].pieces *= static_cast<double>(layer.level) * layer.level;
+    const auto split = [&](const std::vector<ImageSlot>& layers) {
+      for (const ImageSlot& layer : layers)
+        if (layer.level > 1) result[i].pieces *= static_cast<double>(layer.level) * layer.level;
+    };
+    split(shader.geometry.vector);
+    if (settings.format >= 2) split(shader.geometry.height);
   }
   return result;
 }

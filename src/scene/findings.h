@@ -47,6 +47,7 @@ enum class FindingCode {
   kSixteenBits,
   kLinearColors,
   kNormalRange,
+  kUnknownUvSet,
   kReplaced,
   // Shaders.
   kUnnamedShader,
@@ -128,6 +129,7 @@ inline constexpr FindingRow kFindings[] = {
     {FindingCode::kSixteenBits, "sixteen-bits", Severity::kWarning, true},
     {FindingCode::kLinearColors, "linear-colors", Severity::kWarning, true},
     {FindingCode::kNormalRange, "normal-range", Severity::kWarning, true},
+    {FindingCode::kUnknownUvSet, "unknown-uv-set", Severity::kWarning},
     {FindingCode::kReplaced, "replaced", Severity::kWarning},
     {FindingCode::kUnnamedShader, "unnamed-shader", Severity::kWarning},
     {FindingCode::kBlackImage, "black-image", Severity::kWarning},

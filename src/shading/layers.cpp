@@ -6,17 +6,30 @@
 
 namespace zp {
 
-Vec3 LookUp(const ImageSlot& slot, Vec2 uv) {
-  if (!IsIndex(images, slot.image)) return slot.color;
-  return LookUpTexture(At(images, slot.image), slot, uv) * slot.color;
+Vec2 UvOfSet(const SurfaceUv& uv, std::int32_t set) {
+  if (set == 0 || uv.sets == nullptr) [[likely]]
+    return uv;
+  const Vec2* values = uv.sets[set - 1];
+  if (values == nullptr) return uv;
+  Vec2 sum;
+  for (int i = 0; i < uv.count; ++i) {
+    sum.x += uv.weight[i] * values[uv.vertex[i]].x;
+    sum.y += uv.weight[i] * values[uv.vertex[i]].y;
+  }
+  return sum;
 }
 
-bool TestElement(const SurfaceShader& layer, Element element, Vec2 uv, Vec3& color) {
+Vec3 LookUp(const ImageSlot& slot, const SurfaceUv& uv) {
+  if (!IsIndex(images, slot.image)) return slot.color;
+  return LookUpTexture(At(images, slot.image), slot, UvOfSet(uv, slot.uvSet)) * slot.color;
+}
+
+bool TestElement(const SurfaceShader& layer, Element element, const SurfaceUv& uv, Vec3& color) {
   color = LookUp(layer[element], uv);
   return !IsBlack(color);
 }
 
-const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, Vec2 uv) {
+const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, const SurfaceUv& uv) {
   const std::span<const std::uint8_t> list = LayersOf(shader, frontFace);
   const std::size_t count = list.size();
   if (count == 0) return shader.surfaces[0];  // a side without layers shows the first surface

@@ -13,6 +13,7 @@
 namespace zp {
 
 std::vector<Shader> shaders;
+std::vector<std::string> uvSetNames;
 
 namespace {
 NameIndex<Shader> shaderNames;
@@ -73,6 +74,15 @@ void SettleMatrices(ImageSlot& slot) {
   auto& divisor = slot.colorMatrix.m[3];
   divisor[1] += divisor[2];
   divisor[2] = 0;
+}
+
+// In format 1 all pictures are read by a model's first set, which is named "uv".
+void SettleUvSet(ImageSlot& slot) {
+  slot.uvSet = 0;
+  if (settings.format < 2 || slot.image == kNone || slot.uvSetName.empty() || slot.uvSetName == "uv") return;
+  const auto found = std::find(uvSetNames.begin(), uvSetNames.end(), slot.uvSetName);
+  slot.uvSet = static_cast<std::int32_t>(found - uvSetNames.begin()) + 1;
+  if (found == uvSetNames.end()) uvSetNames.push_back(slot.uvSetName);
 }
 
 // What is left of a texture index once its file was tried.
@@ -196,6 +206,7 @@ void InitializeTextures(std::int32_t undefined) {
     SettleMatrices(slot);
     if (!slot.imageName.empty()) slot.image = IfLoaded(slot.image);
     if (!slot.fresnelImageName.empty()) slot.fresnelImage = IfLoaded(slot.fresnelImage);
+    SettleUvSet(slot);
   });
 
   if (failed) PrintRule();
@@ -225,6 +236,7 @@ void InitializeShaders() {
 
 void FinalizeShaders() {
   Release(shaders);
+  Release(uvSetNames);
   shaderNames.Forget();
 }
 

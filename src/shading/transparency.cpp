@@ -4,7 +4,7 @@
 namespace zp {
 namespace {
 
-Vec3 LayerTransparency(const SurfaceShader& layer, Vec2 uv, float cosine) {
+Vec3 LayerTransparency(const SurfaceShader& layer, const SurfaceUv& uv, float cosine) {
   if (layer.material != Material::kThinDielectric) return LookUp(layer[Element::kShadowTransparency], uv);
   const float ior = Mean(LookUp(layer[Element::kIor], uv));
   const float reflected = SheetReflectance(FresnelReflectance(ior, std::abs(cosine)));
@@ -14,7 +14,7 @@ Vec3 LayerTransparency(const SurfaceShader& layer, Vec2 uv, float cosine) {
 }  // namespace
 
 // All layers of a side count, unlike at a shading point, which shows one of them.
-Vec3 ShadowTransparency(const Shader& shader, bool frontFace, Vec2 uv, float cosine) {
+Vec3 ShadowTransparency(const Shader& shader, bool frontFace, const SurfaceUv& uv, float cosine) {
   Vec3 product = kWhite;
   for (const std::uint8_t layer : LayersOf(shader, frontFace))
     product *= LayerTransparency(shader.surfaces[layer], uv, cosine);
