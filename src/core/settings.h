@@ -36,6 +36,7 @@ struct DerivedSettings {
   float photonRadiusSquared = 1;
   std::int32_t rendererSampleCopy = 64;  // rendererSample as it stood then: weighs samples of the sky
   std::int32_t geometrySampleCopy = 64;  // and of the geometry light; put back by ResetGeometryLight
+  std::int32_t lightSegment = 0;  // 1 where rays leave the last hit to meet light: see SeeksLightByChance
 };
 
 // Where the frame is. The counters of the last pass are put back by ResetRenderer.
