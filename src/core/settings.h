@@ -42,6 +42,7 @@ struct DerivedSettings {
   bool tracksMedia = false;  // rays know the bodies around them, and media dim whatever runs through them
   float openIor = 1;         // a ray's index in the open, where lights are sampled
   std::int32_t geometrySampleCopy = 64;  // and of the geometry light; put back by ResetGeometryLight
+  std::int32_t lightSegment = 0;  // 1 where rays leave the last hit to meet light: see SeeksLightByChance
 };
 
 // Where the frame is. The counters of the last pass are put back by ResetRenderer.

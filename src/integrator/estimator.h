@@ -151,6 +151,20 @@ float SoftCosine(float cosine, float offset);
 void DrawExit(const RayRecord& ray, const ShadingPoint& point, RayRecord& exitRay, ShadingPoint& exit,
               Vec3& weight);
 
+// Whether rays of the lobes leave a hit other than the first. The last hit that `bounce` allows, or the ray
+// depth, is lit by samples alone in format 1; in format 2 its rays go out as well, where they can meet light
+// that no sample finds.
+inline bool LobeRaysLeave(const RayRecord& ray) {
+  return BounceCount(ray) < settings.said.rendererBounce + settings.derived.lightSegment;
+}
+// Whether a ray beyond the ray depth does nothing but meet light.
+inline bool OnlyMeetsLight(const RayRecord& ray) {
+  return settings.derived.lightSegment > 0 && ray.depth == settings.said.rayDepth &&
+         ray.event < kEventSpecular;
+}
+// Whether such rays are needed. Asked once, when lights and shaders are ready.
+bool SeeksLightByChance();
+
 // Adds to one pixel of an AOV; does nothing for a picture that was not allocated as floats.
 void AddToAov(Aov& aov, std::size_t pixel, Vec3 value);
 

@@ -93,6 +93,23 @@ Vec3 Emission(const RayRecord& ray, const ShadingPoint& point) {
 // An Object without Parts of its own has empty lists, whatever its Instances hold.
 bool SamplesEmitters() { return geometryLight.sample > 0 && geometryLight.area > 0; }
 
+bool SeeksLightByChance() {
+  if (skyLight.sample <= 0 && !(skyLight.color == kBlack)) return true;
+  const bool rounds = std::any_of(objectTable.begin(), objectTable.end(), [](const Object& object) {
+    return std::any_of(object.parts.begin(), object.parts.end(),
+                       [](const Part& part) { return !part.particles.empty() || !part.cylinders.empty(); });
+  });
+  return std::any_of(shaders.begin(), shaders.end(), [&](const Shader& shader) {
+    return std::any_of(shader.surfaces.begin(), shader.surfaces.end(), [&](const SurfaceShader& layer) {
+      const bool emits = layer.window || !(layer[Element::kEmissive].color == kBlack);
+      if (emits && (rounds || !layer.virtualLight || !SamplesEmitters())) return true;
+      // Samples do not reach through mirrors and glass, nor through hair.
+      return layer.has[Lobe::kSpecular] || (rounds && layer.has[Lobe::kTransmissive]) ||
+             (layer.has[Lobe::kGlossy] && layer.material == Material::kDielectric);
+    });
+  });
+}
+
 Vec3 MissRadiance(const RayRecord& ray) {
   if (!IsCameraRay(ray)) {
     if (!IsLinked(skyLight.link, ray.parentShader)) return kBlack;

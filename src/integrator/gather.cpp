@@ -38,6 +38,10 @@ namespace {
   return AddDiffuseSample(exitRay, exit, event, throughput, sample, sampleWeight, weight, sum);
 }
 
+// Rays of a first hit that would go through the surface take their share with them in format 2, as they do at
+// later hits and with samples of lights. In format 1 the others take it over.
+bool CountsLostRays() { return settings.format >= 2; }
+
 // Of the Lambertian or the transmissive lobe, which differ by the side they look to.
 Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event, Vec3 color) {
   const bool hair = IsHair(point);
@@ -54,9 +58,10 @@ Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event,
     for (std::uint32_t i = share.first; i < share.end && !Stopping(); i += share.step)
       taken += diffuses ? AddDiffusedSample(ray, point, event, throughput, i, sampleWeight, sum)
                         : AddDiffuseSample(ray, point, event, throughput, i, sampleWeight, kWhite, sum);
+    if (CountsLostRays()) taken = share.count;
     if (taken > 0) sum *= 1.0f / static_cast<float>(taken);  // a hair takes all of its share
     if (!hair) sum += GatherCaustics(ray, point, event);
-  } else if (BounceCount(ray) < settings.said.rendererBounce) {
+  } else if (LobeRaysLeave(ray)) {
     AddDiffuseSample(ray, point, event, throughput, ray.sampleNumber, ray.sampleWeight, kWhite, sum);
     if (!hair) sum += GatherCaustics(ray, point, event);
   }
@@ -108,7 +113,7 @@ Vec3 GatherFiber(const RayRecord& ray, const ShadingPoint& point, Vec3 throughpu
     for (std::uint32_t i = share.first; i < share.end && !Stopping(); i += share.step)
       sum += FollowFiberRay(ray, point, throughput, i, ray.sampleWeight * share.count);
     sum *= 1.0f / static_cast<float>(share.count);
-  } else if (BounceCount(ray) < settings.said.rendererBounce) {
+  } else if (LobeRaysLeave(ray)) {
     sum = FollowFiberRay(ray, point, throughput, ray.sampleNumber, ray.sampleWeight);
   }
   return sum;
@@ -124,9 +129,10 @@ Vec3 GatherGlossy(const RayRecord& ray, const ShadingPoint& point) {
     const PassShare share = ShareOf(GatherCount(brightest, settings.said.rendererSample, CameraPasses()));
     for (std::uint32_t i = share.first; i < share.end && !Stopping(); i += share.step)
       AddGlossySample(ray, point, throughput, i, ray.sampleWeight * share.count, sums);
+    if (CountsLostRays()) sums.reflections = sums.refractions = share.count;
     if (sums.reflections > 0) sums.reflected *= 1.0f / static_cast<float>(sums.reflections);
     if (sums.refractions > 0) sums.refracted *= 1.0f / static_cast<float>(sums.refractions);
-  } else if (BounceCount(ray) < settings.said.rendererBounce) {
+  } else if (LobeRaysLeave(ray)) {
     AddGlossySample(ray, point, throughput, ray.sampleNumber, ray.sampleWeight, sums);
   }
   return sums.reflected + sums.refracted;

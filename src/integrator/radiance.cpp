@@ -136,7 +136,8 @@ void AddToAov(Aov& aov, std::size_t pixel, Vec3 value) {
 // With the gather functions a level of recursion takes about 1.2 kilobytes of stack, so that all 255 levels
 // and a tree walk on top fit a worker of half a megabyte.
 Vec3 Radiance(RayRecord& ray) {
-  if (ray.depth >= settings.said.rayDepth || IsBlack(ray.throughput) || Stopping()) return kBlack;
+  const bool scatters = ray.depth < settings.said.rayDepth;
+  if (!(scatters || OnlyMeetsLight(ray)) || IsBlack(ray.throughput) || Stopping()) return kBlack;
   if (!Trace(ray))
     return settings.derived.tracksMedia ? MissRadiance(ray) * Transmission(ray) : MissRadiance(ray);
 
@@ -147,9 +148,9 @@ Vec3 Radiance(RayRecord& ray) {
   TestElements(point);
 
   HitRadiance radiance;
-  if (TakesDirectLight(ray, point)) radiance.lobes = SampleLights(ray, point);
+  if (scatters && TakesDirectLight(ray, point)) radiance.lobes = SampleLights(ray, point);
   for (const LobeRow& row : kLobes)
-    if (point.has[row.lobe])
+    if (scatters && point.has[row.lobe])
       radiance.lobes[row.lobe] =
           (radiance.lobes[row.lobe] + Gather(row.lobe, ray, point)) * point.color[row.lobe];
   radiance.emission = EmittedRadiance(ray, point);

@@ -37,6 +37,7 @@ void InitializeRenderer() {
   if (!geometryLight.initialized) InitializeGeometryLight();  // hosts have no function that does
   LimitSettings();
   settings.derived.finalGathering = ChoosesFinalGathering();
+  settings.derived.lightSegment = settings.format >= 2 && SeeksLightByChance() ? 1 : 0;
   PrintLine(settings.derived.finalGathering ? "progressive final gathering" : "unidirectional path tracing");
   PrintRule();
 
