@@ -383,6 +383,8 @@ Storage ProbeStorage(const std::string& fileName) {
 }
 
 void CheckRecords(SceneNotes& notes) {
+  if (settings.format >= 2)
+    std::erase_if(notes.findings, [](const Finding& finding) { return finding.ofFormat1; });
   Definitions known = ReadDefinitions(notes);
   for (const NameUse& use : notes.names) CheckName(notes, use, known);
   std::vector<bool> sections;

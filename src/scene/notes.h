@@ -28,6 +28,7 @@ struct Finding {
   FindingCode code = FindingCode::kUnknownKeyword;
   std::string text;
   std::string suggestion;  // the word that was probably meant, or a line to add; empty without one
+  bool ofFormat1 = false;  // the scene's format is known when all text is read: goes where it is another
 };
 
 enum class NameKind {

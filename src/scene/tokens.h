@@ -85,7 +85,8 @@ void NoteNumber(Line& line, std::string_view rest);
 void NoteString(Line& line, std::string_view rest);
 void NoteName(Line& line, NameKind kind, const std::string& name);
 // Of a line that was read: it does nothing. True, for a handler to end with; the observer may be missing.
-bool NoteIdle(Line& line, bool isDefault);
+enum class IdleIn { kAll, kFormat1 };
+bool NoteIdle(Line& line, bool isDefault, IdleIn formats = IdleIn::kAll);
 
 // The readers of values return true, so that a handler can end with them: it knew its keyword.
 

@@ -148,6 +148,16 @@ void DeriveSideFlags(Shader& shader) {
          shader.backTransmissive, shader.backOpaque);
 }
 
+// By format 1 opacity and clip are stored, without effect.
+void DeriveCutOuts(Shader& shader) {
+  ImageSlot& clip = shader.geometry.clip;
+  const bool shows = clip.image == kNone && shader.opacity * Mean(clip.color) >= 1;
+  shader.cutsOut = settings.format >= 2 && !shows;
+  if (shader.cutsOut) clip.image = MaskTexture(clip.image);
+  // How often walks ask depends on their order, so that they must not draw numbers.
+  if (clip.pixelSampler == PixelSampler::kStochastic) clip.pixelSampler = PixelSampler::kBilinear;
+}
+
 void InitializeShader(Shader& shader) {
   if (shader.initialized) return;
   CompleteSides(shader);
@@ -159,6 +169,7 @@ void InitializeShader(Shader& shader) {
   InitializeVolume(shader.volume);
   for (SurfaceShader& surface : shader.surfaces) DeriveFlags(surface);
   DeriveSideFlags(shader);
+  DeriveCutOuts(shader);
   shader.initialized = true;
 }
 
