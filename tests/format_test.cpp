@@ -151,5 +151,29 @@ TEST_F(Formats, SixteenBitsReadUpToOne) {
   EXPECT_NEAR(ReadPixel(image, 0).y, 0.5f, 1e-4f);
 }
 
+// By the picture's alpha, where it has one that says something; else by its colours.
+TEST_F(Formats, OpacityAndClipCutOut) {
+  for (const int format : {1, 2})
+    for (const float alpha : {0.5f, 1.0f}) {
+      shaders = {};
+      images = {};
+      settings.format = format;
+      ImageBuffer& leaf = At(images, FindOrAddTexture("leaf"));
+      Allocate(leaf, 1, 1, 4, 32, false);
+      leaf.floatPixels = {0.25f, 0.25f, 0.25f, alpha};
+      leaf.loaded = true;
+      std::istringstream text(
+          "shader\nname \"leaf\"\nopacity 0.5\nsurface_shader\nend\ngeometry_shader\n"
+          "clip\nimage \"leaf\"\nend\nend\nend\n");
+      Printed([&] {
+        ReadScene(text);
+        InitializeShaders();
+      });
+      EXPECT_EQ(Opacity(ShaderAt(FindShader("leaf")), {}), format == 1 ? 1 : alpha == 1 ? 0.125f : 0.25f);
+    }
+  shaders = {};
+  images = {};
+}
+
 }  // namespace
 }  // namespace zp

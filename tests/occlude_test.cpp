@@ -260,6 +260,37 @@ TEST_F(OccludeTest, TheParentCastsNoShadowOnItselfButOnOtherParts) {
         }
 }
 
+// One of each kind, and the same in an Instance of another Shader: the share of rays that are stopped, which
+// is that of the light that is, and each ray as often as it is asked.
+TEST_F(OccludeTest, CutOutsStopTheirShareOfAllRays) {
+  for (const float opacity : {0.0f, 0.3f, 1.0f}) {
+    shaders[kSolid].cutsOut = true;
+    shaders[kSolid].opacity = opacity;
+    AddOneOfEach(Restart(2), 0);
+    AddOneOfEach(objectTable[1].parts.emplace_back(), 0);
+    for (Tetragon& face : objectTable[1].parts[0].tetragons) face.shader = kVeil;
+    objectTable[0].instances.push_back(Place(1, 1, {100, 0, 0}));
+    objectTable[0].instances[0].shader = kSolid;
+    InitializeAccelerator();
+    for (const float x : {0.0f, 100.0f})
+      for (const float z : {0.0f, 10.0f, 20.0f}) {
+        constexpr int kRays = 2000;
+        int stopped = 0;
+        for (int i = 0; i < kRays; ++i) {
+          const Vec3 aside = {x + Uniform(-0.1f, 0.1f), Uniform(-0.1f, 0.1f), 0};
+          RayRecord ray = RayTo(aside + Vec3{0, 0, z - 4}, aside + Vec3{0, 0, z - 3});
+          const bool hit = Trace(ray) && ray.t < 9;
+          EXPECT_EQ(Trace(ray) && ray.t < 9, hit);
+          stopped += hit;
+          ray.t = 8;
+          EXPECT_EQ(Occlude(ray), opacity == 1);
+          EXPECT_FLOAT_EQ(ray.throughput.y, 1 - opacity);
+        }
+        EXPECT_NEAR(static_cast<float>(stopped) / kRays, opacity, opacity == 0.3f ? 0.04f : 0.0f);
+      }
+  }
+}
+
 TEST_F(OccludeTest, OnlyInvisibleSurfacesCastNoShadow) {
   for (const std::uint8_t depth : {std::uint8_t{0}, std::uint8_t{1}})
     for (const Visibility visibility : {Visibility::kInvisible, Visibility::kNotLightPrimary,

@@ -211,11 +211,15 @@ TEST_F(Photons, CellsHoldThePowerThatLanded) {
   ExpectPower(PaintedPower(&CellGrid::face), 4 * kPi * Vec3{1, 2, 3} * (albedo + albedo * albedo));
   // A parallel light on two triangles: the share of its disc that they cover, once. Aslant, by the cosine.
   // Transmitted light is painted on the side that it leaves by; both lobes together lose and gain nothing.
-  for (float slope : {0.0f, 1.0f}) {
+  // Nor does a cut-out: what lands is less, and so is where it lands.
+  for (const auto& [slope, opacity] :
+       {std::pair(0.0f, 1.0f), std::pair(1.0f, 1.0f), std::pair(1.0f, 0.25f)}) {
     Restart();
+    settings.format = 2;
     Part& part = Geometry();
     part.positions = {{-1, -1, 0}, {1, -1, 0}, {1, 1, 0}, {-1, 1, 0}};
     const std::int32_t shader = AddShader("cloth", albedo, kBlack, cloth);
+    ShaderAt(shader).opacity = opacity;
     part.triangles = {{{0, 1, 2}, shader}, {{0, 2, 3}, shader}};
     AddParallelLight({slope, 0, -1}, 0, 100000);
     Initialize();
@@ -223,6 +227,7 @@ TEST_F(Photons, CellsHoldThePowerThatLanded) {
     ExpectPower(PaintedPower(&CellGrid::face), landed * albedo);
     ExpectPower(PaintedPower(&CellGrid::back), landed * cloth);
   }
+  settings.format = 1;
 }
 
 TEST_F(Photons, LevelsFollowTheResolutionAndTheShaders) {

@@ -43,6 +43,7 @@ void AssignLevels(std::int32_t index, std::vector<InstanceCut>& cuts);
 
 // The graph of Objects.
 extern std::int32_t rootObject;  // kNone in an empty table
+extern bool cutOutsExist;        // hits on some Shader count by chance
 extern Box sceneBounds;
 extern Vec3 sceneCenter;
 extern float sceneRadius;

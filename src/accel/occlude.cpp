@@ -68,18 +68,23 @@ struct OccluderWalk {
     return length > 0 ? Dot(ray.direction, normal) / length : 1.0f;
   }
 
-  // True when the surface that was met leaves nothing of the light.
+  // True when the surface that was met leaves nothing of the light. What counts by chance takes its share.
   bool Absorbs(const Part& part, std::uint8_t kind, std::uint32_t index, const PrimitiveHit& hit) const {
     const std::int32_t number = shader == kNone ? hit.shader : shader;
     if (!HasShader(number)) return true;
     const Shader& met = ShaderAt(number);
     const bool front = hit.denominator < 0;
-    if (front ? met.frontOpaque : met.backOpaque) return true;
+    const bool opaque = front ? met.frontOpaque : met.backOpaque;
+    if (opaque && !met.cutsOut) return true;
     const Corners corners = HitCorners(part, kind, index, hit.barycentric);
-    ray.throughput *=
-        ShadowTransparency(met, front, CornerUv(corners, part), HitCosine(part, index, corners, hit));
+    const Vec3 passes = opaque ? kBlack
+                               : ShadowTransparency(met, front, CornerUv(corners, part),
+                                                    HitCosine(part, index, corners, hit));
+    const float share = Opacity(met, CornerUv(corners, part));
+    ray.throughput *= share == 1 ? passes : kWhite * (1 - share) + share * passes;
     if (IsBlack(ray.throughput)) return true;
-    if (counts.crossings != nullptr) NoteBody(*counts.crossings, kind, number, hit, ray.direction);
+    if (counts.crossings != nullptr && share > 0)
+      NoteBody(*counts.crossings, kind, number, hit, ray.direction);
     return false;
   }
 

@@ -13,10 +13,12 @@
 #include "geometry/density.h"
 #include "geometry/geometry.h"
 #include "shading/hair.h"
+#include "shading/shading.h"
 
 namespace zp {
 
 std::int32_t rootObject = kNone;
+bool cutOutsExist = false;
 Box sceneBounds;
 Vec3 sceneCenter;
 float sceneRadius = 0;
@@ -144,6 +146,7 @@ void AssignLevels(std::int32_t index, std::vector<InstanceCut>& cuts) {
 
 void InitializeAccelerator() {
   rootObject = kNone;
+  cutOutsExist = std::any_of(shaders.begin(), shaders.end(), [](const Shader& s) { return s.cutsOut; });
   sceneBounds = Box{};
   sceneCenter = kBlack;
   sceneRadius = 0;

@@ -7,6 +7,7 @@
 #include <cassert>
 
 #include "accel/accel.h"
+#include "accel/cut_outs.h"
 #include "core/index.h"
 #include "geometry/validate.h"
 
@@ -31,7 +32,10 @@ template <Seek kSeek>
 struct NearestWalk {
   const Object& object;
   RayRecord& ray;
-  Vec3 start;  // the ray's origin in scene space
+  Vec3 start;                   // the ray's origin in scene space
+  std::uint64_t key = 0;        // of the ray in this Object; for cut-outs
+  std::int32_t shader = kNone;  // of the outermost Instance that has one; it stands for all below
+  bool cutsOut = false;         // some hits do not count
   bool hit = false;
 
   void Store(const Part& part, std::uint8_t kind, std::uint32_t index, const PrimitiveHit& found) {
@@ -49,6 +53,14 @@ struct NearestWalk {
     hit = true;
   }
 
+  // Whether a hit that is nearer than all before counts.
+  bool Counts(const Part& part, std::uint8_t kind, std::uint32_t index, const PrimitiveHit& found) const {
+    if (!cutsOut) [[likely]]
+      return true;
+    const std::int32_t shown = shader == kNone ? found.shader : shader;
+    return !CutsOut(shown) || CountsByChance(key, object, part, kind, index, found.barycentric, shown);
+  }
+
   // In the order of the leaf, each against the limit that the one before has left.
   void TakeHits(const PackedTree& tree, const TriangleBlock& block, const TriangleHits<Float4>& hits) {
     const StoredHits stored(hits);
@@ -58,7 +70,9 @@ struct NearestWalk {
       const Part& part = object.parts[block.part[i]];
       if (SkipsTriangle(part, block.primitive[i])) continue;
       if (tree.filtersVisibility && !IsVisible(block.shader[i], ray)) continue;
-      Store(part, kKindTriangle, block.primitive[i], stored.Lane(i, block.shader[i]));
+      const PrimitiveHit found = stored.Lane(i, block.shader[i]);
+      if (Counts(part, kKindTriangle, block.primitive[i], found))
+        Store(part, kKindTriangle, block.primitive[i], found);
     }
   }
 
@@ -87,7 +101,8 @@ struct NearestWalk {
                         PrimitiveHit found;
                         found.shader = part.shader;
                         if ((!tree.filtersVisibility || IsVisible(part.shader, ray)) &&
-                            TakeScaledSphere(scaled, d, nearest, discriminant, ray, blur, found))
+                            TakeScaledSphere(scaled, d, nearest, discriminant, ray, blur, found) &&
+                            Counts(part, kKindParticle, block.primitive[i], found))
                           Store(part, kKindParticle, block.primitive[i], found);
                         return false;
                       });
@@ -103,7 +118,8 @@ struct NearestWalk {
       if (IsParent(ray, part, kKindCylinder, segment.primitive)) continue;
       if (tree.filtersVisibility && !IsVisible(part.shader, ray)) continue;
       found.shader = part.shader;
-      Store(part, kKindCylinder, segment.primitive, found);
+      if (Counts(part, kKindCylinder, segment.primitive, found))
+        Store(part, kKindCylinder, segment.primitive, found);
     }
   }
 
@@ -130,7 +146,7 @@ struct NearestWalk {
       } else if (kind == kKindTetragon) {
         met = !IsParent(ray, part, kind, reference.index) && TestTetragon(part, reference.index, ray, found);
       }
-      if (met) Store(part, kind, reference.index, found);
+      if (met && Counts(part, kind, reference.index, found)) Store(part, kind, reference.index, found);
     }
   }
 
@@ -218,6 +234,7 @@ void NearestWalk<kSeek>::Run() {
   if (tree == nullptr || tree->nodes.size() == 0) return;
   if (kSeek == Seek::kAll && (ray.matrixDepth == 0 || !MeasuresInScene()))
     ray.direction = SafeNormalize(ray.direction);
+  cutsOut = shader == kNone ? tree->cutsOut : CutsOut(shader);
   if (tree->stackSize <= kFewStackEntries)
     RunWithStack<kFewStackEntries>(*tree);
   else
@@ -229,6 +246,8 @@ void NearestWalk<kSeek>::EnterInstance(const Instance& instance) {
   if (instance.object < 0 || ray.matrixDepth >= kMostInstanceLevels) return;
   const InsideInstance inside(ray, instance);
   NearestWalk inner{At(objectTable, instance.object), ray, start};
+  inner.shader = shader == kNone ? instance.shader : shader;
+  if (cutOutsExist) inner.key = MixKey(key, static_cast<std::uint64_t>(&instance - object.instances.data()));
   inner.Run();
   if (!inner.hit) return;
   Mat3& matrix = matrixStacks[ray.thread][ray.matrixDepth - 1];
@@ -243,6 +262,7 @@ bool WalkFromRoot(RayRecord& ray) {
   ++threadSlots[ray.thread].rays;
   if (!PrepareRay(ray)) return false;
   NearestWalk<kSeek> walk{At(objectTable, rootObject), ray, ray.origin};
+  if (cutOutsExist) walk.key = RayKey(ray);
   walk.Run();
   return walk.hit;
 }

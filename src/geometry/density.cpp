@@ -8,6 +8,7 @@
 #include "core/index.h"
 #include "core/settings.h"
 #include "core/shared_add.h"
+#include "core/threads.h"
 #include "core/validate.h"
 #include "geometry/geometry.h"
 #include "geometry/validate.h"
@@ -45,6 +46,43 @@ void SetUpGrid(CellGrid& grid, std::size_t count, const Area& area, const Shader
   }
   grid.face.resize(static_cast<std::size_t>(cells));
   grid.back.resize(static_cast<std::size_t>(cells));
+}
+
+// What a cut-out leaves of each cell of primitive i, from points evenly over the primitive.
+void MeasureShares(CellGrid& grid, const Part& part, std::uint8_t kind, std::size_t i, std::int32_t shader) {
+  constexpr int kPointsAlongCell = 8;
+  constexpr float kLeastShare = 1.0f / 64;  // points may miss what photons find
+  const std::int32_t level = grid.level[i], steps = level * kPointsAlongCell;
+  std::vector<float> sums(static_cast<std::size_t>(level) * level), counts(sums.size());
+  for (std::int32_t k = 0; k < steps * steps; ++k) {
+    const float a = (static_cast<float>(k / steps) + 0.5f) / static_cast<float>(steps);
+    const float b = (static_cast<float>(k % steps) + 0.5f) / static_cast<float>(steps);
+    const float root = std::sqrt(a);
+    const bool triangle = kind == kKindTriangle;
+    const Vec3 place = triangle ? Vec3{1 - root, root * (1 - b), root * b} : Vec3{a, b, 0};
+    const Corners corners = HitCorners(part, kind, static_cast<std::uint32_t>(i), place);
+    const std::int32_t cell = triangle ? TriangleCell(place, level) : TetragonCell(a, b, level);
+    At(sums, cell) += Opacity(ShaderAt(shader), CornerUv(corners, part));
+    ++At(counts, cell);
+  }
+  for (std::size_t cell = 0; cell < sums.size(); ++cell)
+    if (counts[cell] > 0)
+      grid.share[static_cast<std::size_t>(grid.offset[i]) + cell] =
+          std::max(sums[cell] / counts[cell], kLeastShare);
+}
+
+template <class ShaderOf>
+void SetUpShares(CellGrid& grid, const Part& part, std::uint8_t kind, const ShaderOf& shader) {
+  const auto cutsOut = [&](std::size_t i) {
+    return ReceivesPhotons(shader(i)) && ShaderAt(shader(i)).cutsOut;
+  };
+  const std::size_t count = grid.level.size();
+  for (std::size_t i = 0; i < count && grid.share.empty(); ++i)
+    if (cutsOut(i)) grid.share.assign(grid.face.size(), 1.0f);
+  if (grid.share.empty()) return;
+#pragma omp parallel for schedule(dynamic, 64) if (IsWorthThreads(count, 1000))
+  for (std::size_t i = 0; i < count; ++i)
+    if (cutsOut(i)) MeasureShares(grid, part, kind, i, shader(i));
 }
 
 // Intended: levels count as one byte each.
@@ -114,6 +152,10 @@ void SetUpDensity(Part& part) {
       part.density->tetragons, part.tetragons.size(),
       [&](std::size_t i) { return TetragonArea(part, static_cast<std::uint32_t>(i)); },
       [&](std::size_t i) { return part.tetragons[i].shader; });
+  SetUpShares(part.density->triangles, part, kKindTriangle,
+              [&](std::size_t i) { return part.triangles[i].shader; });
+  SetUpShares(part.density->tetragons, part, kKindTetragon,
+              [&](std::size_t i) { return part.tetragons[i].shader; });
   if (kValidates) RequireSound(ValidateDensity(part));
   const std::size_t bytes = ReportedBytes(part.density->triangles) + ReportedBytes(part.density->tetragons);
   PrintFloatRow("density estimator buffer", static_cast<float>(bytes) * kMegabytesPerByte, "M bytes");
@@ -141,7 +183,8 @@ void AddDensity(const RayRecord& ray, CellSide side, Vec3 power) {
       ray.kind == kKindTriangle ? TriangleArea(*ray.part, primitive) : TetragonArea(*ray.part, primitive);
   if (!(area > 1e-5f)) return;
   const bool face = ray.frontFace == (side == CellSide::kMet);
-  const auto cells = static_cast<float>(place.level * place.level);
+  auto cells = static_cast<float>(place.level * place.level);
+  if (!place.grid->share.empty()) cells /= At(place.grid->share, place.index);
   AddShared(At(face ? place.grid->face : place.grid->back, place.index), power / area * cells);
 }
 

@@ -23,6 +23,7 @@ struct CellGrid {
   std::vector<std::int32_t> level;
   std::vector<Vec3> face;  // seen from the side that the normal points to
   std::vector<Vec3> back;
+  std::vector<float> share;  // of the cell's area that is there; empty where no Shader cuts out
 };
 
 struct DensityCells {

@@ -157,9 +157,11 @@ void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings) {
   if (linked && !cast.sensor.aovs.empty()) SplatLightPath(ray, point, cast);
   if (linked && (point.has[Lobe::kLambertian] || point.has[Lobe::kTransmissive])) {
     if (IsCaustic(ray, point))
-      landings.push_back({ray.sampleNumber,
-                          {point.position, ray.photonPower * ray.throughput, PackDirection(point.outgoing),
-                           PackDirection(point.geometricNormal)}});
+      // Of the photons that came, those on a cut-out stand for the others, which flew on.
+      landings.push_back(
+          {ray.sampleNumber,
+           {point.position, ray.photonPower * ray.throughput / Opacity(ShaderAt(ray.shader), point.uv),
+            PackDirection(point.outgoing), PackDirection(point.geometricNormal)}});
     if (point.has[Lobe::kLambertian])
       BounceDiffuse(ray, point, kEventLambertian, point.color[Lobe::kLambertian], cast, landings);
     if (point.has[Lobe::kTransmissive])

@@ -146,7 +146,7 @@ bool SampleGeometryLight(Vec3 position, std::uint32_t i, std::uint32_t n, float 
   sample.direction = -point.outgoing;
   const Vec3 emission = point.layer->window ? SkyRadiance(sample.direction)
                                             : LookUp((*point.layer)[Element::kEmissive], point.uv);
-  sample.radiance = point.diffuseWeight * emission;
+  sample.radiance = (Opacity(shader, point.uv) * point.diffuseWeight) * emission;
   sample.distance = std::sqrt(squared) * (1 - kShortOfEmitter);
   sample.pdf = squared / (cosine * geometryLight.area);
   sample.factor = cosine / (squared * kGeometryFactorScale * pick.weight);
@@ -168,7 +168,7 @@ void MakeGeometryPhotonRay(RayRecord& ray, std::uint32_t sample) {
   ray.direction = local.x * point.tangent + local.y * point.bitangent + local.z * point.normal;
   const Shader& shader = ShaderOf(pick);
   const bool front = pick.side != 0;
-  ray.photonPower = Emission(shader, front, point.uv) * geometryLight.colorWeight;
+  ray.photonPower = Opacity(shader, point.uv) * Emission(shader, front, point.uv) * geometryLight.colorWeight;
   ray.photonStore = front ? shader.frontVirtualLight : shader.backVirtualLight;
   ray.parentShader = pick.shader;
   ray.parentPart = pick.part;

@@ -128,7 +128,7 @@ bool ReadGeometryBlock(SceneText& text, GeometryShader& geometry, NotedShader& n
       if (noted.height.line == 0) noted.height = line.Place();
       return readIdle(geometry.height.emplace_back(), "height");
     }
-    if (keyword == "clip") return readIdle(geometry.clip, "clip", IdleIn::kAll);
+    if (keyword == "clip") return readIdle(geometry.clip, "clip");
     if (keyword == "round_corner")
       return ReadNumber(line, geometry.roundCorner) && NoteIdle(line, geometry.roundCorner >= 1);
     if (keyword == "smooth_angle") return ReadNumber(line, geometry.smoothAngle);
@@ -177,7 +177,8 @@ void ReadShaderSection(SceneText& text) {
       noted.named = true;
       return ReadString(line, shader.name);
     }
-    if (keyword == "opacity") return ReadNumber(line, shader.opacity) && NoteIdle(line, shader.opacity == 1);
+    if (keyword == "opacity")
+      return ReadNumber(line, shader.opacity) && NoteIdle(line, shader.opacity == 1, IdleIn::kFormat1);
     if (keyword == "surface_shader") {
       if (text.notes) noted.layers.push_back(line.Place());
       return ReadSurfaceBlock(text, shader.surfaces.emplace_back(), noted);

@@ -163,6 +163,16 @@ bool Refracts(const SurfaceShader& s) {
   return s.material == Material::kDielectric && (ior.image != kNone || !IsSameMedium(Mean(ior.color), 1));
 }
 
+// By format 1 opacity and clip are stored, without effect.
+void DeriveCutOuts(Shader& shader) {
+  ImageSlot& clip = shader.geometry.clip;
+  const bool shows = clip.image == kNone && shader.opacity * Mean(clip.color) >= 1;
+  shader.cutsOut = settings.format >= 2 && !shows;
+  if (shader.cutsOut) clip.image = MaskTexture(clip.image);
+  // How often walks ask depends on their order, so that they must not draw numbers.
+  if (clip.pixelSampler == PixelSampler::kStochastic) clip.pixelSampler = PixelSampler::kBilinear;
+}
+
 void InitializeShader(Shader& shader) {
   if (shader.initialized) return;
   CompleteSides(shader);
@@ -176,6 +186,7 @@ void InitializeShader(Shader& shader) {
   DeriveSideFlags(shader);
   shader.bends = std::any_of(shader.surfaces.begin(), shader.surfaces.end(), Refracts);
   shader.isBody = shader.bends || Absorbs(shader.volume);
+  DeriveCutOuts(shader);
   shader.initialized = true;
 }
 

@@ -71,7 +71,7 @@ struct SurfaceShader {
 struct GeometryShader {
   std::vector<ImageSlot> vector;
   std::vector<ImageSlot> radius, length, height;  // Intended: in format 1 stored, without effect
-  ImageSlot clip;                                 // colour white
+  ImageSlot clip;                                 // colour white; see Opacity
   float smoothAngle = -1;                         // degrees; negative keeps supplied normals
   float roundCorner = 1;                          // Intended: stored, without effect
   float reduction = kFarthest;                    // Intended: likewise
@@ -109,9 +109,10 @@ struct Shader {
   std::int32_t frontCount = 0, backCount = 0;
   std::array<std::uint8_t, kMaxLayersOnSide> front = {}, back = {};  // indices into surfaces
   std::vector<SurfaceShader> surfaces;
-  float opacity = 1;    // Intended: stored, without effect
-  bool bends = false;   // derived: some layer refracts what goes through it
-  bool isBody = false;  // derived: what it bounds has an inside of its own
+  float opacity = 1;     // see Opacity
+  bool cutsOut = false;  // derived: some hits do not count
+  bool bends = false;    // derived: some layer refracts what goes through it
+  bool isBody = false;   // derived: what it bounds has an inside of its own
   bool frontVirtualLight = false, backVirtualLight = false;
   bool frontEmissive = false, backEmissive = false;
   bool frontLambertian = false, backLambertian = false;
@@ -153,6 +154,9 @@ extern std::vector<std::string> imageSearchPaths;
 std::int32_t FindOrAddTexture(std::string_view name);  // kNone for an empty name
 // Reads the file unless it was read; on failure prints the row that says so and returns false.
 bool LoadTexture(ImageBuffer& image);
+// What a picture says as a mask: a texture of its alpha channel, made if there is none yet, or the picture
+// itself where it has no such channel or is nowhere transparent.
+std::int32_t MaskTexture(std::int32_t image);
 
 // Sets of texture coordinates, beside the first of each model, that slots of format 2 ask for by name. Filled
 // by InitializeShaders.
@@ -206,6 +210,10 @@ const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, const Sur
 // Fresnel weights, widths, normal map, mirror guard: from layer, uv, frame and outgoing, which are set.
 // A point with useDensity and a plain layer skips the Fresnel term. The five colours are the caller's.
 void FinishShadingPoint(ShadingPoint& point, const Shader& shader, bool frontFace);
+
+// The chance that a hit on the Shader counts, 0 to 1: its opacity times the mean of its clip element,
+// whatever layer shows. By format 1 all hits count.
+float Opacity(const Shader& shader, const SurfaceUv& uv);
 
 // What a shadow ray keeps of its light behind the surface: the product over all layers of the side.
 // `cosine` is that of the ray and the unit geometric normal; its sign does not matter.

@@ -13,6 +13,12 @@ Vec3 LayerTransparency(const SurfaceShader& layer, const SurfaceUv& uv, float co
 
 }  // namespace
 
+float Opacity(const Shader& shader, const SurfaceUv& uv) {
+  if (!shader.cutsOut) return 1;
+  const float opacity = shader.opacity * Mean(LookUp(shader.geometry.clip, uv));
+  return opacity > 0 ? MinOf(opacity, 1.0f) : 0.0f;  // written so that what is no number counts as nothing
+}
+
 // All layers of a side count, unlike at a shading point, which shows one of them.
 Vec3 ShadowTransparency(const Shader& shader, bool frontFace, const SurfaceUv& uv, float cosine) {
   Vec3 product = kWhite;
