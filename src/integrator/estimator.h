@@ -142,6 +142,12 @@ float SoftCosine(float cosine, float offset);
 void DrawExit(const RayRecord& ray, const ShadingPoint& point, RayRecord& exitRay, ShadingPoint& exit,
               Vec3& weight);
 
+// Whether rays of the lobes leave a hit other than the first. Gathering of format 2 follows a path until
+// cells answer or the ray depth ends it: no light is lost on what has no cells.
+inline bool LobeRaysLeave(const RayRecord& ray) {
+  return settings.derived.seeksCells || BounceCount(ray) < settings.said.rendererBounce;
+}
+
 // Adds to one pixel of an AOV; does nothing for a picture that was not allocated as floats.
 void AddToAov(Aov& aov, std::size_t pixel, Vec3 value);
 

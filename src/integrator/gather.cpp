@@ -56,7 +56,7 @@ Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event,
                         : AddDiffuseSample(ray, point, event, throughput, i, sampleWeight, kWhite, sum);
     if (taken > 0) sum *= 1.0f / static_cast<float>(taken);  // a hair takes all of its share
     if (!hair) sum += GatherCaustics(ray, point, event);
-  } else if (BounceCount(ray) < settings.said.rendererBounce) {
+  } else if (LobeRaysLeave(ray)) {
     AddDiffuseSample(ray, point, event, throughput, ray.sampleNumber, ray.sampleWeight, kWhite, sum);
     if (!hair) sum += GatherCaustics(ray, point, event);
   }
@@ -108,7 +108,7 @@ Vec3 GatherFiber(const RayRecord& ray, const ShadingPoint& point, Vec3 throughpu
     for (std::uint32_t i = share.first; i < share.end && !Stopping(); i += share.step)
       sum += FollowFiberRay(ray, point, throughput, i, ray.sampleWeight * share.count);
     sum *= 1.0f / static_cast<float>(share.count);
-  } else if (BounceCount(ray) < settings.said.rendererBounce) {
+  } else if (LobeRaysLeave(ray)) {
     sum = FollowFiberRay(ray, point, throughput, ray.sampleNumber, ray.sampleWeight);
   }
   return sum;
@@ -126,7 +126,7 @@ Vec3 GatherGlossy(const RayRecord& ray, const ShadingPoint& point) {
       AddGlossySample(ray, point, throughput, i, ray.sampleWeight * share.count, sums);
     if (sums.reflections > 0) sums.reflected *= 1.0f / static_cast<float>(sums.reflections);
     if (sums.refractions > 0) sums.refracted *= 1.0f / static_cast<float>(sums.refractions);
-  } else if (BounceCount(ray) < settings.said.rendererBounce) {
+  } else if (LobeRaysLeave(ray)) {
     AddGlossySample(ray, point, throughput, ray.sampleNumber, ray.sampleWeight, sums);
   }
   return sums.reflected + sums.refracted;

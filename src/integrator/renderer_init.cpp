@@ -37,6 +37,7 @@ void InitializeRenderer() {
   if (!geometryLight.initialized) InitializeGeometryLight();  // hosts have no function that does
   LimitSettings();
   settings.derived.finalGathering = ChoosesFinalGathering();
+  settings.derived.seeksCells = settings.derived.finalGathering && settings.format >= 2;
   PrintLine(settings.derived.finalGathering ? "progressive final gathering" : "unidirectional path tracing");
   PrintRule();
 

@@ -14,7 +14,7 @@ float Share(float mine, float others) {
 }
 
 bool LobeRayFollows(const RayRecord& ray) {
-  return BounceCount(ray) < settings.said.rendererBounce && ray.depth + 1 < settings.said.rayDepth;
+  return LobeRaysLeave(ray) && ray.depth + 1 < settings.said.rayDepth;
 }
 
 }  // namespace

@@ -84,6 +84,7 @@ enum class FindingCode {
   kTinyCells,
   kManyCells,
   kDarkInstances,
+  kHalfGathering,
   kEndless,
 };
 
@@ -159,6 +160,7 @@ inline constexpr FindingRow kFindings[] = {
     {FindingCode::kTinyCells, "tiny-cells", Severity::kWarning},
     {FindingCode::kManyCells, "many-cells", Severity::kError},
     {FindingCode::kDarkInstances, "dark-instances", Severity::kWarning, true},
+    {FindingCode::kHalfGathering, "half-gathering", Severity::kWarning},
     {FindingCode::kEndless, "endless", Severity::kWarning},
 };
 constexpr bool FindingsAreInOrder() {
