@@ -120,7 +120,8 @@ void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings);
 // cells being asked for it when they are read, and the soft terminator of what comes straight from a light.
 float LandingWeight(const RayRecord& ray, const ShadingPoint& point, const Cast& cast) {
   if (settings.format < 2) return point.diffuseWeight;
-  if (ray.parentPoint != nullptr || cast.offset == 0 || !(point.reflectCosine > 0)) return 1;
+  const bool softens = ray.parentPoint == nullptr && cast.offset != 0 && !IsHair(point);
+  if (!softens || !(point.reflectCosine > 0)) return 1;
   return SoftCosine(point.reflectCosine, cast.offset) / point.reflectCosine;
 }
 float LeavingWeight(const ShadingPoint& point, Vec3 direction) {
