@@ -403,6 +403,52 @@ TEST_F(Photons, FinalGatheringAgreesWithPathTracing) {
   }
 }
 
+// A closed room of albedo 1/2 that shines with 1 shows 2, whatever it is made of: cells, paths where there
+// are none, faces of a millionth, or layers of which one shines and one reflects.
+TEST_F(Photons, GatheringOfFormat2KnowsNoCuts) {
+  struct Case {
+    const char* name;
+    std::size_t instanced;  // sides of the room
+    float half;
+    bool layered;
+  };
+  for (const Case& c : {Case{"cells", 0, 1, false},
+                        {"half of it instanced", 3, 1, false},
+                        {"instanced", 6, 1, false},
+                        {"small", 0, 0.0005f, false},
+                        {"layered", 0, 1, true}}) {
+    Restart();
+    settings.format = 2;
+    const std::int32_t shader = AddShader("wall", Grey(0.5f), kWhite);
+    if (c.layered) {
+      shaders.back().surfaces.push_back(Layer(shader));
+      for (int i = 0; i < 2; ++i) {
+        SurfaceShader& layer = shaders.back().surfaces[static_cast<std::size_t>(i)];
+        layer[Element::kEmissive].color = Grey(i == 0 ? 2 : 0);
+        layer[Element::kLambertian].color = Grey(i == 0 ? 0 : 1);
+      }
+    }
+    AddRoom(1, shader);
+    for (Vec3& p : Geometry().positions) p *= c.half;
+    for (int i = 0; i < 2; ++i) cameras[0].poses[i].position *= c.half, cameras[0].poses[i].target *= c.half;
+    std::vector<Part> sides(6, Geometry());
+    for (std::size_t i = 0; i < 6; ++i) sides[i].tetragons = {Geometry().tetragons[i]};
+    objectTable[0].parts.assign(sides.begin() + static_cast<std::ptrdiff_t>(c.instanced), sides.end());
+    if (c.instanced > 0) {
+      objectTable.emplace_back().parts.assign(sides.begin(),
+                                              sides.begin() + static_cast<std::ptrdiff_t>(c.instanced));
+      objectTable[0].instances.emplace_back().object = 1;
+    }
+    geometryLight.photon = 100000;
+    settings.said.resolution = 0.05f * c.half * c.half;
+    settings.said.distance = 0.1f * c.half;
+    settings.said.rayDepth = settings.said.photonDepth = 16;
+    settings.said.rendererSample = 16;
+    Render();
+    EXPECT_NEAR(Average(0), 2, 0.02f) << c.name;
+  }
+}
+
 // Drawn photons show what the lights themselves make of the surface, terminator included, and shadows.
 TEST_F(Photons, FirstLandingsDrawDirectLight) {
   for (float offset : {0.0f, 0.3f}) {

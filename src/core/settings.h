@@ -36,6 +36,7 @@ struct SaidSettings {
 // What renderer initialisation makes of it.
 struct DerivedSettings {
   bool finalGathering = false;  // put back by ResetRenderer
+  bool seeksCells = false;      // in format 2 with it: paths end at cells, however many bounces that takes
   float photonRadius = 1;       // put back by ResetPhotonRadius
   float photonRadiusSquared = 1;
   std::int32_t rendererSampleCopy = 64;  // rendererSample as it stood then: weighs samples of the sky

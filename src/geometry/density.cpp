@@ -96,6 +96,9 @@ std::int32_t Step(float share, std::int32_t level) {
   return x > 0 ? static_cast<std::int32_t>(MinOf(x, static_cast<float>(level - 1))) : 0;
 }
 
+// Faces must be larger to take photons: none is too small in format 2.
+float LeastFace() { return settings.format >= 2 ? 0.0f : 1e-5f; }
+
 // Where a hit's light is kept. Null arrays: nowhere.
 struct CellPlace {
   CellGrid* grid = nullptr;
@@ -181,7 +184,7 @@ void AddDensity(const RayRecord& ray, CellSide side, Vec3 power) {
   const auto primitive = static_cast<std::uint32_t>(ray.primitive);
   const float area =
       ray.kind == kKindTriangle ? TriangleArea(*ray.part, primitive) : TetragonArea(*ray.part, primitive);
-  if (!(area > 1e-5f)) return;
+  if (!(area > LeastFace())) return;
   const bool face = ray.frontFace == (side == CellSide::kMet);
   auto cells = static_cast<float>(place.level * place.level);
   if (!place.grid->share.empty()) cells /= At(place.grid->share, place.index);

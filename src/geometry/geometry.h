@@ -91,7 +91,8 @@ Box CylinderBox(const Part& part, std::uint32_t index);
 // The box of one reference; an Instance's is its stored world box.
 Box PrimitiveBox(const Object& object, const PrimitiveRef& reference);
 
-// Areas by Heron's rule on squared edges, with the safe root; scene units squared.
+// Areas by Heron's rule on squared edges; scene units squared. By the safe root in format 1, so that none is
+// below 2.5e-6.
 float TriangleArea(const Part& part, std::uint32_t index);
 float TetragonArea(const Part& part, std::uint32_t index);
 

@@ -288,6 +288,21 @@ void FinishInstance(Instance& instance, const Box& bounds) {
   instance.bounds = box;
 }
 
+// A record for each Instance. Format 1 has them once for each Part, so that k Parts count an Instance's
+// emitters k times, and none never; format 2 once.
+void AddPlacedEmitters(Object& object) {
+  EmissionRecord record;
+  record.kind = kKindInstance;
+  for (record.index = 0; record.index < object.instances.size(); ++record.index) {
+    const std::int32_t target = object.instances[record.index].object;
+    const bool known = IsIndex(objectTable, target);
+    record.area = known ? At(objectTable, target).emitters.area : 0.0f;
+    object.emitters.records.push_back(record);
+    record.area = known ? At(objectTable, target).virtualLights.area : 0.0f;
+    object.virtualLights.records.push_back(record);
+  }
+}
+
 void BuildEmissionLists(Object& object) {
   object.emitters = {};
   object.virtualLights = {};
@@ -309,19 +324,9 @@ void BuildEmissionLists(Object& object) {
       record.area = TetragonArea(part, record.index);
       AddEmitter(object, record, shader);
     }
-    // Intended: inside the loop over the Parts, so that k Parts count each Instance k times, and none never.
-    record.part = kNone;
-    record.kind = kKindInstance;
-    record.side = 1;
-    for (record.index = 0; record.index < object.instances.size(); ++record.index) {
-      const std::int32_t target = object.instances[record.index].object;
-      const bool known = IsIndex(objectTable, target);
-      record.area = known ? At(objectTable, target).emitters.area : 0.0f;
-      object.emitters.records.push_back(record);
-      record.area = known ? At(objectTable, target).virtualLights.area : 0.0f;
-      object.virtualLights.records.push_back(record);
-    }
+    if (settings.format < 2) AddPlacedEmitters(object);
   }
+  if (settings.format >= 2) AddPlacedEmitters(object);
   FinishEmissionList(object.emitters);
   FinishEmissionList(object.virtualLights);
   if (kValidates) RequireSound(ValidateEmission(object));

@@ -160,7 +160,7 @@ float SoftCosine(float cosine, float offset) {
 
 [[gnu::noinline]] LobeRadiance SampleLights(const RayRecord& ray, const ShadingPoint& point) {
   LobeRadiance sum;
-  if (BounceCount(ray) > settings.said.rendererBounce) return sum;
+  if (BounceCount(ray) > settings.said.rendererBounce && !settings.derived.seeksCells) return sum;
   if (SamplesEmitters()) sum += SampleLightAt(ray, point, geometryLight, false);
   if (skyLight.sample > 0) sum += SampleLightAt(ray, point, skyLight, false);
   for (PointLight& light : pointLights) sum += SampleLightAt(ray, point, light, !(light.blur > 0));

@@ -153,9 +153,10 @@ void DrawExit(const RayRecord& ray, const ShadingPoint& point, RayRecord& exitRa
 
 // Whether rays of the lobes leave a hit other than the first. The last hit that `bounce` allows, or the ray
 // depth, is lit by samples alone in format 1; in format 2 its rays go out as well, where they can meet light
-// that no sample finds.
+// that no sample finds, and gathering follows a path until cells answer: no light is lost on what has none.
 inline bool LobeRaysLeave(const RayRecord& ray) {
-  return BounceCount(ray) < settings.said.rendererBounce + settings.derived.lightSegment;
+  return settings.derived.seeksCells ||
+         BounceCount(ray) < settings.said.rendererBounce + settings.derived.lightSegment;
 }
 // Whether a ray beyond the ray depth does nothing but meet light.
 inline bool OnlyMeetsLight(const RayRecord& ray) {

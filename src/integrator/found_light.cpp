@@ -88,6 +88,17 @@ Vec3 Emission(const RayRecord& ray, const ShadingPoint& point) {
   return weight * emission;
 }
 
+// What the cells answer for a layer that paints them. All layers of the side have painted them, each as often
+// as it is drawn: in format 2 those that answer do so for the rest.
+Vec3 CellRadiance(const RayRecord& ray, const ShadingPoint& point) {
+  const bool paints = point.layer->has[Lobe::kLambertian] || point.layer->has[Lobe::kTransmissive];
+  if (!point.useDensity || !paints) return kBlack;
+  const Vec3 density = ReadDensity(ray);
+  const Shader& shader = ShaderAt(ray.shader);
+  if (settings.format < 2 || shader.surfaces.size() < 2) return density;
+  return density / DiffuseLayerShare(shader, ray.frontFace, point.uv);
+}
+
 }  // namespace
 
 // An Object without Parts of its own has empty lists, whatever its Instances hold.
@@ -125,9 +136,7 @@ Vec3 MissRadiance(const RayRecord& ray) {
 Vec3 EmittedRadiance(const RayRecord& ray, const ShadingPoint& point) {
   const Vec3 emission = Emission(ray, point);
   if (!geometryLight.aovs.empty()) WriteEmissionAovs(ray, emission);
-  const bool diffuse = point.layer->has[Lobe::kLambertian] || point.layer->has[Lobe::kTransmissive];
-  const Vec3 density = point.useDensity && diffuse ? ReadDensity(ray) : kBlack;
-  return point.diffuseWeight * (density + emission);
+  return point.diffuseWeight * (CellRadiance(ray, point) + emission);
 }
 
 }  // namespace zp

@@ -10,6 +10,7 @@
 #include "accel/accel.h"
 #include "core/console.h"
 #include "core/random.h"
+#include "core/settings.h"
 #include "core/shared_add.h"
 #include "core/stop.h"
 #include "core/threads.h"
@@ -115,16 +116,31 @@ Vec3 Scattering(const ShadingPoint& point, Vec3 direction) {
 
 void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings);
 
+// What is left of the light at a landing, before the colour, and what of that goes on in a direction. Format
+// 1 takes off the mirrored share by where the photon came from; format 2 by where the light goes, as eyes do,
+// cells being asked for it when they are read, and the soft terminator of what comes straight from a light.
+float LandingWeight(const RayRecord& ray, const ShadingPoint& point, const Cast& cast) {
+  if (settings.format < 2) return point.diffuseWeight;
+  const bool softens = ray.parentPoint == nullptr && cast.offset != 0 && !IsHair(point);
+  if (!softens || !(point.reflectCosine > 0)) return 1;
+  return SoftCosine(point.reflectCosine, cast.offset) / point.reflectCosine;
+}
+float LeavingWeight(const ShadingPoint& point, Vec3 direction) {
+  return settings.format < 2 || IsHair(point)
+             ? 1.0f
+             : DiffuseWeightAt(point, std::fabs(Dot(direction, point.normal)));
+}
+
 // One of the two diffuse lobes: paints the side that the light leaves by, and goes on.
 void BounceDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event, Vec3 color, const Cast& cast,
                    Landings& landings) {
-  const Vec3 throughput = point.diffuseWeight * color * ray.throughput;
+  const Vec3 throughput = LandingWeight(ray, point, cast) * color * ray.throughput;
   if (IsBlack(throughput) || !settings.derived.finalGathering) return;
   AddDensity(ray, event == kEventLambertian ? CellSide::kMet : CellSide::kOther,
              throughput * ray.photonPower);
   Vec3 direction;
   if (!DiffuseDirection(ray, point, event, ray.sampleNumber, direction)) return;
-  RayRecord child = MakeChildRay(ray, point, event, direction, throughput);
+  RayRecord child = MakeChildRay(ray, point, event, direction, LeavingWeight(point, direction) * throughput);
   ++child.diffuseBounces;
   BouncePhoton(child, cast, landings);
 }

@@ -38,6 +38,7 @@ void InitializeRenderer() {
   LimitSettings();
   settings.derived.finalGathering = ChoosesFinalGathering();
   settings.derived.lightSegment = settings.format >= 2 && SeeksLightByChance() ? 1 : 0;
+  settings.derived.seeksCells = settings.derived.finalGathering && settings.format >= 2;
   PrintLine(settings.derived.finalGathering ? "progressive final gathering" : "unidirectional path tracing");
   PrintRule();
 

@@ -58,11 +58,18 @@ PhotonStart StartAnywhere(std::uint32_t sample) {
   return {direction, SkyRadiance(direction)};
 }
 PhotonStart StartAtCell(std::uint32_t sample) {
+  if (settings.format >= 2) {
+    PhotonStart start;
+    float density = 0;
+    if (!SampleTable(sky.table, Halton(sample, 0), Halton(sample, 1), start.direction, density)) return start;
+    start.radiance = SkyRadiance(start.direction) / (4 * kPi * density);
+    return start;
+  }
   const std::int32_t row = UpperBound(sky.table.rows, Halton(sample, 0));
   const Distribution& cells = At(sky.table.cells, row);
   const std::int32_t cell = UpperBound(cells, Halton(sample, 1));
   const float probability = At(sky.table.rows.weights, row) * At(cells.weights, cell);
-  // Intended: from the corner of the cell, as if all cells were of one size.
+  // From the corner of the cell, as if all cells were of one size: format 1.
   const Vec3 direction =
       CellDirection(row / kSkyFaceSize, static_cast<float>(cell), static_cast<float>(row % kSkyFaceSize));
   if (probability < 1e-8f) return {direction, kBlack};

@@ -67,12 +67,34 @@ bool HasPrimitives(const Object& object) {
                      [](const Part& part) { return !part.triangles.empty() || !part.tetragons.empty(); });
 }
 
+bool CastsPhotons() {
+  const auto casts = [](const Light& light) { return light.photon > 0; };
+  return PhotonsOf(skyLight.photon) > 0 || PhotonsOf(geometryLight.photon) > 0 ||
+         std::any_of(pointLights.begin(), pointLights.end(), casts) ||
+         std::any_of(parallelLights.begin(), parallelLights.end(), casts);
+}
+
+// Format 2 gathers where all is said that it takes.
+void CheckHalfGathering(SceneNotes& notes) {
+  const TextPlace place = StatedAt(notes, "render.final_gather", kRenderFolder);
+  if (ChoosesFinalGathering() && !CastsPhotons())
+    Find(notes, place, FindingCode::kHalfGathering,
+         "final gathering without photons: the cells stay black, for no light states \"photon\"");
+  for (const bool far : {true, false})
+    if (far ? GatherDistance() > 0 && !settings.said.resolution
+            : CellResolution() > 0 && !settings.said.distance)
+      Find(notes, place, FindingCode::kHalfGathering,
+           std::string(far ? "distance without \"resolution\"" : "resolution without \"distance\"") +
+               ": the mode is path tracing, for format 2 has no default of it");
+}
+
 void CheckGathering(SceneNotes& notes, const SceneGraph& graph) {
+  if (settings.format >= 2) CheckHalfGathering(notes);
   const TextPlace resolution = StatedAt(notes, "final_gather.resolution", kRenderFolder);
   if (GatherDistance() > 0 && CellResolution() > 0 && !AsksForCells())
     Find(notes, resolution, FindingCode::kTinyCells,
          "resolution: cells below 1e-8 square scene units are none, and the mode is path tracing");
-  if (!ChoosesFinalGathering() || settings.said.rendererBounce > 1) return;
+  if (settings.format >= 2 || !ChoosesFinalGathering() || settings.said.rendererBounce > 1) return;
   for (std::size_t i = 0; i < objectTable.size(); ++i) {
     if (!graph.placed[i] || !HasPrimitives(objectTable[i])) continue;
     Find(notes, StatedAt(notes, "final_gather.bounce", StatedAt(notes, "render.final_gather", kRenderFolder)),

@@ -85,6 +85,7 @@ enum class FindingCode {
   kTinyCells,
   kManyCells,
   kDarkInstances,
+  kHalfGathering,
   kEndless,
   // The format.
   kOldFormat,
@@ -163,6 +164,7 @@ inline constexpr FindingRow kFindings[] = {
     {FindingCode::kTinyCells, "tiny-cells", Severity::kWarning},
     {FindingCode::kManyCells, "many-cells", Severity::kError},
     {FindingCode::kDarkInstances, "dark-instances", Severity::kWarning, true},
+    {FindingCode::kHalfGathering, "half-gathering", Severity::kWarning},
     {FindingCode::kEndless, "endless", Severity::kWarning},
     {FindingCode::kOldFormat, "old-format", Severity::kWarning, true},
 };

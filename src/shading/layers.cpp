@@ -29,6 +29,16 @@ bool TestElement(const SurfaceShader& layer, Element element, const SurfaceUv& u
   return !IsBlack(color);
 }
 
+namespace {
+
+// Comparisons that are false for a weight that is no number; the limit keeps the sum finite.
+float LayerWeight(const SurfaceShader& layer, const SurfaceUv& uv) {
+  const float weight = Mean(LookUp(layer[Element::kWeight], uv));
+  return weight > 0 ? MinOf(weight, kFarthest / (2 * kMaxLayersOnSide)) : 0.0f;
+}
+
+}  // namespace
+
 const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, const SurfaceUv& uv) {
   const std::span<const std::uint8_t> list = LayersOf(shader, frontFace);
   const std::size_t count = list.size();
@@ -40,12 +50,9 @@ const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, const Sur
   float total = 0;
   std::size_t last = 0;  // of those with a weight
   for (std::size_t i = 0; i < count; ++i) {
-    const float weight = Mean(LookUp(layer(i)[Element::kWeight], uv));
-    // Comparisons that are false for a weight that is no number; the limit keeps the sum finite.
-    if (weight > 0) {
-      total += MinOf(weight, kFarthest / (2 * kMaxLayersOnSide));
-      last = i;
-    }
+    const float weight = LayerWeight(layer(i), uv);
+    if (weight > 0) last = i;
+    total += weight;
     cumulative[i] = total;
   }
   if (!(total > 0)) return layer(0);
@@ -53,6 +60,17 @@ const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, const Sur
   for (std::size_t i = 0; i < last; ++i)
     if (cumulative[i] > draw) return layer(i);
   return layer(last);
+}
+
+float DiffuseLayerShare(const Shader& shader, bool frontFace, const SurfaceUv& uv) {
+  float total = 0, diffuse = 0;
+  for (const std::uint8_t index : LayersOf(shader, frontFace)) {
+    const SurfaceShader& layer = shader.surfaces[index];
+    const float weight = LayerWeight(layer, uv);
+    total += weight;
+    if (layer.has[Lobe::kLambertian] || layer.has[Lobe::kTransmissive]) diffuse += weight;
+  }
+  return diffuse > 0 ? diffuse / total : 1.0f;
 }
 
 }  // namespace zp

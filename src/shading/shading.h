@@ -208,8 +208,13 @@ bool TestElement(const SurfaceShader& layer, Element element, const SurfaceUv& u
 // One layer of the side that was hit, drawn in proportion to the layers' weights. `shader` has layers.
 const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, const SurfaceUv& uv);
 // Fresnel weights, widths, normal map, mirror guard: from layer, uv, frame and outgoing, which are set.
-// A point with useDensity and a plain layer skips the Fresnel term. The five colours are the caller's.
+// A point with useDensity and a plain layer skips the Fresnel term in format 1. The five colours are the
+// caller's.
 void FinishShadingPoint(ShadingPoint& point, const Shader& shader, bool frontFace);
+// What a finished point's diffuseWeight is when it is seen at that cosine to its normal.
+float DiffuseWeightAt(const ShadingPoint& point, float cosine);
+// Share of the layers with a diffuse colour among those that ChooseLayer draws from, by weight.
+float DiffuseLayerShare(const Shader& shader, bool frontFace, const SurfaceUv& uv);
 
 // The chance that a hit on the Shader counts, 0 to 1: its opacity times the mean of its clip element,
 // whatever layer shows. By format 1 all hits count.
