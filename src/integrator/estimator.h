@@ -147,9 +147,9 @@ bool Diffuses(const RayRecord& ray, const ShadingPoint& point);
 float SoftCosine(float cosine, float offset);
 
 // Where it leaves: `exit` and the hit `exitRay` that stands for it, and the colour that the way costs. A draw
-// that finds nothing leaves the point where it is.
-void DrawExit(const RayRecord& ray, const ShadingPoint& point, RayRecord& exitRay, ShadingPoint& exit,
-              Vec3& weight);
+// that finds nothing leaves the point where it is. `sample`: the draw's number in the pixel.
+void DrawExit(const RayRecord& ray, const ShadingPoint& point, std::uint32_t sample, RayRecord& exitRay,
+              ShadingPoint& exit, Vec3& weight);
 
 // Adds to one pixel of an AOV; does nothing for a picture that was not allocated as floats.
 void AddToAov(Aov& aov, std::size_t pixel, Vec3 value);
