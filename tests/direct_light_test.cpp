@@ -204,7 +204,7 @@ TEST_F(DirectLight, DiffusionOfFormat2LosesNothing) {
       AddCube(Geometry(), 0.5f, wax);
       LookFrom({3, 2.6f, 2.8f}, kBlack, 8);
     }
-    settings.said.rendererSample = edge ? 4 : 256;
+    settings.said.rendererSample = edge ? 4 : 4096;
     Render();
     const Vec3 shown = MeanColor();
     for (int c = 0; c < 3; ++c)

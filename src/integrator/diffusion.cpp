@@ -108,34 +108,37 @@ float RadiusDensity(float radius, float variance) {
   return std::exp(-radius * radius / (2 * variance)) / (variance * variance);
 }
 
-// How much more often a chord of one spread finds the body than one of the other: the mean of these draws. Of
-// flat bodies it is 1, always. The same chord is tried at both scales; only where they disagree draws count
-// how rare the other's success is.
-float DrawSuccessRatio(const RayRecord& ray, const ShadingPoint& point, float spread, float other) {
-  if (spread == other) return 1;
+// By channel: how much more often chords of the drawn channel find the body than those of that one; the mean
+// of these draws. Of flat bodies it is 1, always. One chord is tried at the scales of all; only where they
+// disagree draws count how rare the other's success is.
+Vec3 DrawSuccessRatios(const RayRecord& ray, const ShadingPoint& point, int drawn) {
+  const Vec3 variances = point.diffusionColor;
+  Vec3 ratios = kWhite;
+  if (variances == Vec3{variances.x, variances.x, variances.x}) return ratios;
+  const auto finds = [&](const Chord& chord, float radius, int c) {
+    return FindsBody(ray, point, chord, std::sqrt(variances[c]) * radius);
+  };
   const Chord chord = ChordThrough(point.geometricNormal);
   const float radius = DrawRadius();
-  const bool found = FindsBody(ray, point, chord, spread * radius);
-  if (found == FindsBody(ray, point, chord, other * radius)) return 1;
-  int draws = 1;
-  while (draws < kMostDraws &&
-         !FindsBody(ray, point, ChordThrough(point.geometricNormal), other * DrawRadius()))
-    ++draws;
-  return 1 + (found ? 1.0f : -1.0f) * static_cast<float>(draws);
+  const bool found = finds(chord, radius, drawn);
+  for (int c = 0; c < 3; ++c) {
+    if (variances[c] == variances[drawn] || finds(chord, radius, c) == found) continue;
+    int draws = 1;
+    while (draws < kMostDraws && !finds(ChordThrough(point.geometricNormal), DrawRadius(), c)) ++draws;
+    ratios[c] += (found ? 1.0f : -1.0f) * static_cast<float>(draws);
+  }
+  return ratios;
 }
 
 // The radius is drawn by one of the channels; each channel weighs it by the balance heuristic (Veach and
 // Guibas, "Optimally Combining Sampling Techniques", 1995), so that a channel's mean weight is 1 on whatever
-// body.
+// body. Where bodies are narrow one draw's weight can be below 0.
 Vec3 ChannelWeights(const RayRecord& ray, const ShadingPoint& point, int drawn, float radius) {
-  const Vec3 variances = point.diffusionColor;
-  Vec3 weight;
-  float sum = 0;
-  for (int c = 0; c < 3; ++c) sum += weight[c] = RadiusDensity(radius, variances[c]);
+  Vec3 densities;
+  for (int c = 0; c < 3; ++c) densities[c] = RadiusDensity(radius, point.diffusionColor[c]);
+  const float sum = densities.x + densities.y + densities.z;
   if (!(sum > 0)) return kWhite;
-  for (int c = 0; c < 3; ++c)
-    weight[c] *= 3 / sum * DrawSuccessRatio(ray, point, std::sqrt(variances[drawn]), std::sqrt(variances[c]));
-  return weight;
+  return (3 / sum) * densities * DrawSuccessRatios(ray, point, drawn);
 }
 
 // Numbers along the golden ratio come to all channels evenly, and go with no dimension of Halton's sequence.
