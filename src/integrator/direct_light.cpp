@@ -73,7 +73,7 @@ template <class AnyLight>
   RayRecord exitRay;
   ShadingPoint exit;
   Vec3 weight;
-  DrawExit(ray, point, exitRay, exit, weight);
+  DrawExit(ray, point, draw.number, exitRay, exit, weight);
   return SampleOne(SurfaceReceiver{exitRay, exit, weight, true, false}, light, draw, sample);
 }
 

@@ -147,9 +147,9 @@ bool Diffuses(const RayRecord& ray, const ShadingPoint& point);
 float SoftCosine(float cosine, float offset);
 
 // Where it leaves: `exit` and the hit `exitRay` that stands for it, and the colour that the way costs. A draw
-// that finds nothing leaves the point where it is.
-void DrawExit(const RayRecord& ray, const ShadingPoint& point, RayRecord& exitRay, ShadingPoint& exit,
-              Vec3& weight);
+// that finds nothing leaves the point where it is. `sample`: the draw's number in the pixel.
+void DrawExit(const RayRecord& ray, const ShadingPoint& point, std::uint32_t sample, RayRecord& exitRay,
+              ShadingPoint& exit, Vec3& weight);
 
 // Whether rays of the lobes leave a hit other than the first. The last hit that `bounce` allows, or the ray
 // depth, is lit by samples alone in format 1; in format 2 its rays go out as well, where they can meet light

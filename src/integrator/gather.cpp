@@ -34,7 +34,7 @@ namespace {
   RayRecord exitRay;
   ShadingPoint exit;
   Vec3 weight;
-  DrawExit(ray, point, exitRay, exit, weight);
+  DrawExit(ray, point, sample, exitRay, exit, weight);
   return AddDiffuseSample(exitRay, exit, event, throughput, sample, sampleWeight, weight, sum);
 }
 
