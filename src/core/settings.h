@@ -4,10 +4,14 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 
 #include "core/vec.h"
 
 namespace zp {
+
+// What nobody has said: initialisation puts the default of the format in its place.
+inline constexpr std::int32_t kUnsaid = std::numeric_limits<std::int32_t>::min();
 
 // What scene text and hosts say. Renderer initialisation limits it to what can be rendered.
 struct SaidSettings {
@@ -23,9 +27,10 @@ struct SaidSettings {
   bool previewWindow = false;
   bool previewReturns = false;  // a closed window ends the render loop and not the process
   // Put back by ResetRenderer.
-  std::int32_t rayDepth = 8;         // a ray of this depth or more returns black
-  std::int32_t photonDepth = 16;     // a photon path longer than this stops; Intended: 8 once put back
-  std::int32_t rendererSample = 64;  // indirect rays of a first hit, over all passes
+  std::int32_t rayDepth = 8;      // a ray of this depth or more returns black
+  std::int32_t photonDepth = 16;  // a photon path longer than this stops; Intended: 8 once put back
+  // Indirect rays of a first hit, over all passes or, in format 2, in each. Not said: see GatherBudget.
+  std::int32_t rendererSample = kUnsaid;
   // Put back by ResetPhotonRadius.
   float photonRadius = 1;  // of the photon gather; scene units
 };
@@ -57,10 +62,17 @@ struct RendererSettings {
 };
 inline RendererSettings settings;
 
+// `said`, or the format's default where nobody has said it. Format 2 counts in each pass.
+inline std::int32_t SaidOr(std::int32_t said, std::int32_t overAllPasses, std::int32_t inEachPass) {
+  if (said != kUnsaid) return said;
+  return settings.format >= 2 ? inEachPass : overAllPasses;
+}
+inline std::int32_t GatherBudget() { return SaidOr(settings.said.rendererSample, 64, 1); }
+
 inline void ResetRenderer() {
   settings.said.photonDepth = 8;
   settings.said.rayDepth = 8;
-  settings.said.rendererSample = 64;
+  settings.said.rendererSample = kUnsaid;
   settings.derived.finalGathering = false;
   settings.frame.rendererRays = settings.frame.shadowRays = 0;
   settings.frame.renderMicroseconds = 0;

@@ -194,8 +194,8 @@ enum class Visibility : std::int32_t {
 /// numbers, adds the working directory to the folders of pictures, resets geometry light, sky light and
 /// renderer settings (the scene's setters come after it), and registers the Shader "undefined", a grey of
 /// 0.85, unless one of that name is there: in an empty table it gets index 0. Tables of a scene that was not
-/// finalised stay. The environment variable `ZP_FORMAT` chooses the rules, 1 (the default) or 2: docs/format-2.md
-/// tells the differences. Another word gives an error row, and format 1.
+/// finalised stay. The environment variable `ZP_FORMAT` chooses the rules, 1 (the default) or 2:
+/// docs/format-2.md tells the differences. Another word gives an error row, and format 1.
 void zpStartup() noexcept;
 /// Last of all calls. Ends the picture library and empties the constant tables; a new zpStartup() fills them
 /// again. Scene tables stay: zpFinalize() comes before.
@@ -251,10 +251,11 @@ void zpInitializeAccelerator() noexcept;
 /// Empties the table of Objects.
 void zpFinalizeAccelerator() noexcept;
 /// Limits the renderer settings, chooses between final gathering and path tracing (a row tells which), aims
-/// the photons of all lights at the scene's bounds, and casts them. Comes last. A second call casts all photons again on top of what the cells hold.
+/// the photons of all lights at the scene's bounds, and casts them. Comes last. A second call casts all
+/// photons again on top of what the cells hold.
 void zpInitializeRenderer() noexcept;
 /// Drops the stored photons and puts back the radius of caustics (1), ray depth (8), photon depth (8) and
-/// renderer samples (64). All other settings stay.
+/// renderer samples (64, in format 2 1). All other settings stay.
 void zpFinalizeRenderer() noexcept;
 /// @}
 
@@ -280,7 +281,8 @@ void zpRender() noexcept;
 /// @param out    room for `count` x 3 floats: RGB triples of the camera's region, row after row from the top,
 ///               pixel (x, y) at row (y - yMin) * (xMax - xMin) + (x - xMin)
 /// @param pass   the sample number, taken modulo the camera's passes. Light samples and indirect rays are
-///               shared out over the passes, so that only all of them together are without bias
+///               shared out over the passes, so that only all of them together are without bias; in format
+///               2 each pass is, and all together have the least noise
 void zpRenderPixels(int count, float* out, int pass) noexcept;
 /// Whether zpRender() and zpGo() show a window that follows the passes; default false, carries over. While it
 /// is open the calls do not return: closing the window writes the beauty image and ends the process. Where no
@@ -301,8 +303,9 @@ void zpSetRendererRayDepth(int depth) noexcept;
 /// stack as ray depth does.
 void zpSetRendererPhotonDepth(int depth) noexcept;
 /// Indirect rays of a first hit, over all passes, for a white surface; darker ones get fewer, and each pass
-/// at least one. Default 64; negative ones become 0 at zpInitializeRenderer(). What is set after that acts at
-/// once on the count of rays, not on their weight against light samples, and is not limited.
+/// at least one; in format 2 in each pass. Default 64, in format 2 1; negative ones become 0 at
+/// zpInitializeRenderer(). What is set after that acts at once on the count of rays, not on their weight
+/// against light samples, and is not limited.
 void zpSetRendererSample(int sample) noexcept;
 /// Diffuse and glossy bounces before a path ends or, in final gathering, the cells answer. Default 1; carries
 /// over; at least 1 from zpInitializeRenderer() on. Mirrors and glass do not count.
@@ -435,7 +438,8 @@ void zpSetSurfaceColor(int shader, int layer, Element element, float r, float g,
 /// @param path     picture file, relative to the working directory; default none. A picture of 16 bits a
 ///                 component reads up to 257 in format 1
 /// @param gamma    exponent of each component, default 1; 2.2 makes common 8-bit pictures linear
-/// @param color    4 x 4, or null: column i makes component i of red, green, blue and 1, and the fourth divides.
+/// @param color    4 x 4, or null: column i makes component i of red, green, blue and 1, and the fourth
+/// divides.
 ///                 Intended: format 1 keeps it, but applies only matrices of scene text
 /// @param uv       3 x 3, or null: applied to (u, v, 1), row by row. Intended: likewise
 void zpSetSurfaceImage(int shader, int layer, Element element, const char* path, float gamma,
@@ -446,16 +450,17 @@ void zpSetSurfaceMaterial(int shader, int layer, Material material) noexcept;
 void zpSetSurfaceSideness(int shader, int layer, Sideness sideness) noexcept;
 /// Whether emission of the layer is sampled directly, with zpSetGeometryLightSample() rays; default false.
 /// Triangles and tetragons only.
-/// Intended: samples are of the right brightness for lamps of pi / 18481 square units (1.3 x 1.3 cm in metres)
-/// together, and at one square unit some 50 times too dark: leave emitters unsampled, or take a point light
-/// with zpSetPointLightBlur() for a small lamp.
+/// Intended: samples are of the right brightness for lamps of pi / 18481 square units (1.3 x 1.3 cm in
+/// metres) together, and at one square unit some 50 times too dark: leave emitters unsampled, or take a point
+/// light with zpSetPointLightBlur() for a small lamp.
 void zpSetSurfaceVirtualLight(int shader, int layer, bool on) noexcept;
 /// Appends a displacement layer and returns its index in the Shader. Layers act one after another, on
 /// triangles and tetragons that have normals and tangents (from texture coordinates and a smoothing angle, or
 /// supplied); else a warning row, or the face stays.
 int zpAddDisplacementShader(int shader) noexcept;
 /// The layer's image: each component minus 0.5 counts, times the displacement vector. Without one the vector
-/// counts alone. Arguments as those of zpSetSurfaceImage(); in format 1 both matrices are kept and not applied.
+/// counts alone. Arguments as those of zpSetSurfaceImage(); in format 1 both matrices are kept and not
+/// applied.
 void zpSetDisplacementImage(int shader, int layer, const char* path, float gamma, const float color[][4],
                             const float uv[][3]) noexcept;
 /// Splits each triangle into `level` x `level`; default 1, below 1 counts as 1. Levels that memory cannot
@@ -545,8 +550,8 @@ void zpSetPointLightOffset(int light, float offset) noexcept;
 void zpSetPointLightInnerAngle(int light, float degrees) noexcept;
 /// Angle off the axis from which there is no light, degrees; default 180. Equal angles make a hard edge.
 void zpSetPointLightOuterAngle(int light, float degrees) noexcept;
-/// Shadow rays of a first hit, over all passes, at least one a pass; default 1. Counts with a blur above 0,
-/// since others need no more than one.
+/// Shadow rays of a first hit, over all passes, at least one a pass, or, in format 2, in each pass;
+/// default 1. Counts with a blur above 0, since others need no more than one.
 void zpSetPointLightSample(int light, int sample) noexcept;
 /// Number of photons; default 0, as below 0. They make the light's caustics, and in final gathering its
 /// indirect light: without photons it lights no cells.
@@ -614,8 +619,8 @@ void zpSetSkyLightImage(const char* path) noexcept;
 /// A latitude-longitude picture that camera rays see instead of the sky, without its colour. Default none.
 /// Carries over; an empty name removes it.
 void zpSetSkyLightBackdrop(const char* path) noexcept;
-/// Shadow rays of a first hit towards bright parts of the picture, over all passes, at least one a pass;
-/// default 64; 0 or less: none, rays find the sky by themselves. A sky without a picture is never sampled.
+/// Shadow rays of a first hit towards bright parts of the picture, as zpSetPointLightSample(); default 64, in
+/// format 2 1; 0 or less: none, rays find the sky by themselves. A sky without a picture is never sampled.
 void zpSetSkyLightSample(int sample) noexcept;
 /// Number of photons; default 1000000; 0 or less: none, and in final gathering no sky light in the cells.
 /// They are cast in final gathering and for light paths.
@@ -640,7 +645,7 @@ void zpSetSkyLightAOVName(int aov, const char* name) noexcept;
 /// @{
 
 /// Shadow rays of a first hit towards layers with zpSetSurfaceVirtualLight(), which tells why none is best,
-/// over all passes, at least one a pass; default 0, as below 0: none.
+/// as zpSetPointLightSample(); default 0, as below 0: none; in format 2 1.
 void zpSetGeometryLightSample(int sample) noexcept;
 /// Number of photons of all emissive layers; default 1000000; 0 or less: none. They are cast in final
 /// gathering, with virtual lights in path tracing as well (caustics), and for light paths. Nothing emissive
