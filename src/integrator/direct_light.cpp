@@ -30,22 +30,14 @@ struct Draw {
   Vec2 place;
 };
 
-// Sample `sample` of a light. Format 1 has strata at a first hit only, one for each sample of the sequence;
-// in format 2 a third dimension chooses one of many, at every hit.
-Draw DrawOf(const RayRecord& ray, const PassShare& share, std::uint32_t sample, Drawer drawer) {
+// Format 1 has strata at a first hit only, one for each sample of the sequence; in format 2 a third dimension
+// chooses one of many, at every hit.
+[[gnu::noinline]] void ChooseStratum(const RayRecord& ray, std::uint32_t sample, Drawer drawer, Draw& draw) {
   constexpr std::uint32_t kStrata = 4096;
-  Draw draw;
-  if (settings.format >= 2) {
-    const std::int32_t dimension = ray.dimension + 2;
-    const float choice = Rotate(Halton(sample, dimension), RotationOf(ray, dimension, drawer).x);
-    draw.number = static_cast<std::uint32_t>(choice * kStrata);
-    draw.count = kStrata;
-  } else if (BounceCount(ray) == 0) {
-    draw.number = sample;
-    draw.count = share.step * static_cast<std::uint32_t>(share.count);
-  }
-  draw.place = DrawPair(ray, sample, drawer);
-  return draw;
+  const std::int32_t dimension = ray.dimension + 2;
+  const float choice = Rotate(Halton(sample, dimension), OwnRotation(ray, dimension, drawer).x);
+  draw.number = static_cast<std::uint32_t>(choice * kStrata);
+  draw.count = kStrata;
 }
 
 template <class AnyReceiver>
@@ -146,7 +138,14 @@ LobeRadiance SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyL
   const float scale = 1.0f / static_cast<float>(share.count);
   const bool writes = ray.depth == 0 && !light.aovs.empty();
   for (std::int32_t i = 0; i < share.count && !Stopping(); ++i) {
-    const Draw draw = DrawOf(ray, share, share.Number(i), drawer);
+    const std::uint32_t number = share.Number(i);
+    Draw draw;
+    if (firstHit) {
+      draw.number = number;
+      draw.count = share.step * static_cast<std::uint32_t>(share.count);
+    }
+    if (settings.format >= 2) ChooseStratum(ray, number, drawer, draw);
+    draw.place = DrawPair(ray, number, drawer);
     const auto add = [&](const LobeRadiance& lobes, const LightSample& sample) {
       if (writes) WriteLightAovs(light, ray, point, lobes, scale, sample.shader);
       sum += lobes;
@@ -175,7 +174,7 @@ float SoftCosine(float cosine, float offset) {
 [[gnu::noinline]] LobeRadiance SampleLights(const RayRecord& ray, const ShadingPoint& point) {
   LobeRadiance sum;
   if (BounceCount(ray) > settings.said.rendererBounce) return sum;
-  Drawer drawer = kLobeCount;
+  Drawer drawer = kFirstLight;
   if (SamplesEmitters()) sum += SampleLightAt(ray, point, geometryLight, drawer, false);
   ++drawer;
   if (skyLight.sample > 0) sum += SampleLightAt(ray, point, skyLight, drawer, false);

@@ -67,12 +67,16 @@ struct PassShare {
 // in format 2 each pass takes it, and the numbers that come next.
 PassShare ShareOf(Vec3 color, std::int32_t budget);
 
-// Who draws: a lobe by its number, then the lights.
+// Who draws: a lobe by its Event, then the lights.
 using Drawer = std::uint32_t;
+inline constexpr Drawer kFirstLight = kEventSpecularRefraction + 1;
 
 // The pixel's rotation of one pair of dimensions. Format 1 turns all pairs alike, so that the first numbers
 // of a path, and of all lobes and lights at a hit, go together; in format 2 each is turned by itself.
-Vec2 RotationOf(const RayRecord& ray, std::int32_t dimension, Drawer drawer);
+Vec2 OwnRotation(const RayRecord& ray, std::int32_t dimension, Drawer drawer);
+inline Vec2 RotationOf(const RayRecord& ray, std::int32_t dimension, Drawer drawer) {
+  return settings.format >= 2 ? OwnRotation(ray, dimension, drawer) : ray.rotation;
+}
 
 // Two numbers of sample `sample`, from the ray's Halton dimensions, turned by the pixel.
 inline Vec2 DrawPair(const RayRecord& ray, std::uint32_t sample, Drawer drawer) {

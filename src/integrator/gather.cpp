@@ -190,8 +190,7 @@ PassShare ShareOf(Vec3 color, std::int32_t budget) {
   return settings.format >= 2 ? CountedInEachPass(color, budget) : SharedByAllPasses(color, budget);
 }
 
-Vec2 RotationOf(const RayRecord& ray, std::int32_t dimension, Drawer drawer) {
-  if (settings.format < 2) return ray.rotation;
+Vec2 OwnRotation(const RayRecord& ray, std::int32_t dimension, Drawer drawer) {
   const std::uint32_t key = static_cast<std::uint32_t>(dimension) + 1024 * drawer;
   return {Scrambled(ray.rotation.x, key), Scrambled(ray.rotation.y, key + 1)};
 }
