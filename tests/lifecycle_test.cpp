@@ -94,10 +94,10 @@ TEST_F(Lifecycle, WhatCarriesOverToTheNextScene) {
     EXPECT_EQ(is.said.photonRadius.value_or(1), atStartup ? 11 : 1);
     EXPECT_EQ(std::tie(is.said.rayDepth, is.said.photonDepth, is.said.rendererSample,
                        is.derived.finalGathering, is.derived.geometrySampleCopy),
-              std::tuple(8, 8, 64, false, 64));
+              std::tuple(8, 8, kUnsaid, false, 64));
     EXPECT_EQ(std::tuple(sky.color, PhotonsOf(sky.photon)), std::tuple(Vec3{0.75f, 0.75f, 0.75f}, 1000000));
     EXPECT_TRUE(sky.aovs.empty() && sky.link.names.empty());
-    EXPECT_EQ(geometryLight.sample, 0);
+    EXPECT_EQ(geometryLight.sample, kUnsaid);
     EXPECT_EQ(geometryLight.colorWeight, kWhite);
     EXPECT_EQ(globalVolume.transmittance, kWhite);
   }

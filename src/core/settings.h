@@ -4,11 +4,15 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <optional>
 
 #include "core/vec.h"
 
 namespace zp {
+
+// What nobody has said: initialisation puts the default of the format in its place.
+inline constexpr std::int32_t kUnsaid = std::numeric_limits<std::int32_t>::min();
 
 // What scene text and hosts say. Renderer initialisation limits it to what can be rendered.
 struct SaidSettings {
@@ -24,11 +28,12 @@ struct SaidSettings {
   // Of earlier runs: they hold in format 1 where this run says nothing.
   float keptDistance = 1, keptResolution = 1;
   // Put back by ResetRenderer.
-  std::int32_t rayDepth = 8;         // a ray of this depth or more returns black
-  std::int32_t photonDepth = 16;     // a photon path longer than this stops; Intended: 8 once put back
-  std::int32_t rendererSample = 64;  // indirect rays of a first hit, over all passes
-  std::optional<float> distance;     // hits nearer than this are gathered further; scene units
-  std::optional<float> resolution;   // target area of one density cell; scene units squared
+  std::int32_t rayDepth = 8;        // a ray of this depth or more returns black
+  std::int32_t photonDepth = 16;    // a photon path longer than this stops; Intended: 8 once put back
+  std::optional<float> distance;    // hits nearer than this are gathered further; scene units
+  std::optional<float> resolution;  // target area of one density cell; scene units squared
+  // Indirect rays of a first hit, over all passes or, in format 2, in each. Not said: see GatherBudget.
+  std::int32_t rendererSample = kUnsaid;
   // Put back by ResetPhotonRadius.
   std::optional<float> photonRadius;  // of the photon gather; scene units
 };
@@ -76,6 +81,12 @@ inline float CellResolution() {
 inline std::int32_t PhotonsOf(const std::optional<std::int32_t>& said) {
   return said.value_or(settings.format >= 2 ? 0 : 1000000);
 }
+// `said`, or the format's default where nobody has said it. Format 2 counts in each pass.
+inline std::int32_t SaidOr(std::int32_t said, std::int32_t overAllPasses, std::int32_t inEachPass) {
+  if (said != kUnsaid) return said;
+  return settings.format >= 2 ? inEachPass : overAllPasses;
+}
+inline std::int32_t GatherBudget() { return SaidOr(settings.said.rendererSample, 64, 1); }
 
 inline void ResetRenderer() {
   settings.said.keptDistance = settings.said.distance.value_or(settings.said.keptDistance);
@@ -84,7 +95,7 @@ inline void ResetRenderer() {
   settings.said.resolution.reset();
   settings.said.photonDepth = 8;
   settings.said.rayDepth = 8;
-  settings.said.rendererSample = 64;
+  settings.said.rendererSample = kUnsaid;
   settings.derived.finalGathering = settings.derived.tracksMedia = false;
   settings.derived.openIor = 1;
   settings.frame.rendererRays = settings.frame.shadowRays = 0;

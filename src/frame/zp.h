@@ -256,7 +256,7 @@ void zpFinalizeAccelerator() noexcept;
 /// photons again on top of what the cells hold.
 void zpInitializeRenderer() noexcept;
 /// Drops the stored photons and puts back the radius of caustics (1), ray depth (8), photon depth (8) and
-/// renderer samples (64). All other settings stay.
+/// renderer samples (64, in format 2 1). All other settings stay.
 void zpFinalizeRenderer() noexcept;
 /// @}
 
@@ -282,7 +282,8 @@ void zpRender() noexcept;
 /// @param out    room for `count` x 3 floats: RGB triples of the camera's region, row after row from the top,
 ///               pixel (x, y) at row (y - yMin) * (xMax - xMin) + (x - xMin)
 /// @param pass   the sample number, taken modulo the camera's passes. Light samples and indirect rays are
-///               shared out over the passes, so that only all of them together are without bias
+///               shared out over the passes, so that only all of them together are without bias; in format
+///               2 each pass is, and all together have the least noise
 void zpRenderPixels(int count, float* out, int pass) noexcept;
 /// Whether zpRender() and zpGo() show a window that follows the passes; default false, carries over. While it
 /// is open the calls do not return: closing the window writes the beauty image and ends the process. Where no
@@ -303,8 +304,9 @@ void zpSetRendererRayDepth(int depth) noexcept;
 /// stack as ray depth does.
 void zpSetRendererPhotonDepth(int depth) noexcept;
 /// Indirect rays of a first hit, over all passes, for a white surface; darker ones get fewer, and each pass
-/// at least one. Default 64; negative ones become 0 at zpInitializeRenderer(). What is set after that acts at
-/// once on the count of rays, not on their weight against light samples, and is not limited.
+/// at least one; in format 2 in each pass. Default 64, in format 2 1; negative ones become 0 at
+/// zpInitializeRenderer(). What is set after that acts at once on the count of rays, not on their weight
+/// against light samples, and is not limited.
 void zpSetRendererSample(int sample) noexcept;
 /// Diffuse and glossy bounces before a path ends or, in final gathering, the cells answer. Default 1; carries
 /// over; at least 1 from zpInitializeRenderer() on. Mirrors and glass do not count.
@@ -551,8 +553,8 @@ void zpSetPointLightOffset(int light, float offset) noexcept;
 void zpSetPointLightInnerAngle(int light, float degrees) noexcept;
 /// Angle off the axis from which there is no light, degrees; default 180. Equal angles make a hard edge.
 void zpSetPointLightOuterAngle(int light, float degrees) noexcept;
-/// Shadow rays of a first hit, over all passes, at least one a pass; default 1. Counts with a blur above 0,
-/// since others need no more than one.
+/// Shadow rays of a first hit, over all passes, at least one a pass, or, in format 2, in each pass;
+/// default 1. Counts with a blur above 0, since others need no more than one.
 void zpSetPointLightSample(int light, int sample) noexcept;
 /// Number of photons; default 0, as below 0. They make the light's caustics, and in final gathering its
 /// indirect light: without photons it lights no cells.
@@ -620,8 +622,8 @@ void zpSetSkyLightImage(const char* path) noexcept;
 /// A latitude-longitude picture that camera rays see instead of the sky, without its colour. Default none.
 /// Carries over; an empty name removes it.
 void zpSetSkyLightBackdrop(const char* path) noexcept;
-/// Shadow rays of a first hit towards bright parts of the picture, over all passes, at least one a pass;
-/// default 64; 0 or less: none, rays find the sky by themselves. A sky without a picture is never sampled.
+/// Shadow rays of a first hit towards bright parts of the picture, as zpSetPointLightSample(); default 64, in
+/// format 2 1; 0 or less: none, rays find the sky by themselves. A sky without a picture is never sampled.
 void zpSetSkyLightSample(int sample) noexcept;
 /// Number of photons; default 1000000; 0 or less: none, and in final gathering no sky light in the cells.
 /// They are cast in final gathering and for light paths.
@@ -646,7 +648,7 @@ void zpSetSkyLightAOVName(int aov, const char* name) noexcept;
 /// @{
 
 /// Shadow rays of a first hit towards layers with zpSetSurfaceVirtualLight(), which tells why none is best,
-/// over all passes, at least one a pass; default 0, as below 0: none.
+/// as zpSetPointLightSample(); default 0, as below 0: none; in format 2 1.
 void zpSetGeometryLightSample(int sample) noexcept;
 /// Number of photons of all emissive layers; default 1000000; 0 or less: none. They are cast in final
 /// gathering, with virtual lights in path tracing as well (caustics), and for light paths. Nothing emissive

@@ -20,7 +20,7 @@ namespace {
 void LimitSettings() {
   settings.said.rayDepth = std::clamp(settings.said.rayDepth, 1, kMostDepth);
   settings.said.photonDepth = std::clamp(settings.said.photonDepth, 1, kMostDepth);
-  settings.said.rendererSample = std::max(settings.said.rendererSample, 0);  // it weighs lobes against lights
+  settings.said.rendererSample = std::max(GatherBudget(), 0);  // it weighs lobes against lights
   settings.said.rendererBounce = std::max(settings.said.rendererBounce, 1);
   for (int c = 0; c < 3; ++c)
     if (!(settings.said.clamp[c] >= 0)) settings.said.clamp[c] = 0;  // no number at all included

@@ -16,6 +16,7 @@ void ResetGeometryLight() {
 
 void InitializeGeometryLight() {
   geometryLight.initialized = true;
+  geometryLight.sample = LightBudget(geometryLight);
   ResolveLink(geometryLight.link);
   InitializeLightAovs(geometryLight.aovs);
   float emitterArea = 0;

@@ -93,6 +93,7 @@ void ResetSky() {
 
 void InitializeSky() {
   sky = SkyState();
+  skyLight.sample = LightBudget(skyLight);
   ResolveLink(skyLight.link);
   if (!MakeSkyFrame(skyLight.north, skyLight.zenith, sky.frame))
     PrintWarning("sky light - north and zenith must be two directions, defaults take their place");

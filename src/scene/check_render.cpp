@@ -34,7 +34,7 @@ void CheckLimits(SceneNotes& notes) {
   FindLimit(notes, "final_gather.ray_depth", settings.said.rayDepth, 1, kMostDepth);
   FindLimit(notes, "final_gather.photon_depth", settings.said.photonDepth, 1, kMostDepth);
   FindLimit(notes, "final_gather.bounce", settings.said.rendererBounce, 1, kMost);
-  FindLimit(notes, "final_gather.sample", settings.said.rendererSample, 0, kMost);
+  FindLimit(notes, "final_gather.sample", GatherBudget(), 0, kMost);
   if (!cameras.empty()) FindLimit(notes, "camera.sample", cameras[0].sample, 1, kMostSamples);
   if (skyLight.image != kAnalyticSky) return;
   FindLimit(notes, "sky_light.turbidity", static_cast<double>(skyLight.turbidity), 1, 10);
@@ -53,11 +53,11 @@ void CheckEmitters(SceneNotes& notes) {
   const NotedShader* light = FindVirtualLight(notes);
   const auto stated = notes.stated.find("geometry_light.sample");
   const bool isStated = stated != notes.stated.end();
-  if (light != nullptr && geometryLight.sample <= 0 && !isStated)
+  if (light != nullptr && LightBudget(geometryLight) <= 0 && !isStated)
     Find(notes, light->virtualLight, FindingCode::kUnsampledEmitter,
          "virtual_light of " + Quoted(light->shader.name) +
              " is not sampled: geometry_light states no \"sample\"");
-  if (light == nullptr && geometryLight.sample > 0 && isStated)
+  if (light == nullptr && LightBudget(geometryLight) > 0 && isStated)
     Find(notes, stated->second, FindingCode::kNoEmitter,
          "no surface with \"virtual_light\" takes these samples");
 }
@@ -179,9 +179,16 @@ void FindEndless(SceneNotes& notes, const TextPlace& place, std::string_view wha
 }
 
 // Shadow rays of a hit towards point and parallel lights and what is sampled else.
-double CountLights() {
+double CountLights(bool emitters) {
   return static_cast<double>(pointLights.size() + parallelLights.size()) +
-         (geometryLight.sample > 0 ? 1 : 0) + (skyLight.image.empty() || skyLight.sample <= 0 ? 0 : 1);
+         (emitters && LightBudget(geometryLight) > 0 ? 1 : 0) +
+         (skyLight.image.empty() || LightBudget(skyLight) <= 0 ? 0 : 1);
+}
+
+// Indirect rays of a first hit in all passes together, which gather once each at least.
+double CountGathered(double passes) {
+  const double budget = GatherBudget();
+  return settings.format >= 2 ? passes * std::max(budget, 1.0) : std::max(passes, budget);
 }
 
 void CheckCost(SceneNotes& notes) {
@@ -192,15 +199,15 @@ void CheckCost(SceneNotes& notes) {
   };
   const double pixels = side(camera.width, camera.regionXMin, camera.regionXMax) *
                         side(camera.height, camera.regionYMin, camera.regionYMax);
-  const double passes = std::clamp(camera.sample, 1, kMostSamples), each = 1 + CountLights();
-  const double gathered = std::max(passes, static_cast<double>(settings.said.rendererSample));
+  const double passes = std::clamp(camera.sample, 1, kMostSamples),
+               each = 1 + CountLights(FindVirtualLight(notes) != nullptr);
   const double bounces = ChoosesFinalGathering() ? 1 : std::max(settings.said.rendererBounce, 1);
   const TextPlace cameraPlace = notes.cameras.empty() ? TextPlace{"camera", 0} : notes.cameras[0].place;
-  // Passes gather once each at least: what is beyond that is the gather sample's.
+  // What is beyond a ray for each pass is the gather sample's.
   const double byPasses = pixels * passes * each * (1 + std::min(bounces, 255.0));
   FindEndless(notes, StatedAt(notes, "camera.sample", cameraPlace), "passes", byPasses);
   FindEndless(notes, StatedAt(notes, "final_gather.sample", kRenderFolder), "sample",
-              pixels * (gathered - passes) * each * std::min(bounces, 255.0));
+              pixels * (CountGathered(passes) - passes) * each * std::min(bounces, 255.0));
   const auto checkPhotons = [&](std::string_view keyword, double photons) {
     FindEndless(notes, StatedAt(notes, keyword, {"light", 0}), "photon", photons * 2);
   };
