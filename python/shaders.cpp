@@ -52,8 +52,8 @@ void DefineShaders(py::module_& m) {
   m.def("set_surface_image", SetSurfaceImage, "shader"_a, "layer"_a, "element"_a, "path"_a, "gamma"_a = 1.0f,
         "color"_a = py::none(), "uv"_a = py::none(),
         "An image that multiplies the element's colour: on black it shows nothing.\n"
-        "gamma: exponent of each texel component. color: [4, 4], uv: [3, 3]; kept, but not applied, on "
-        "purpose.");
+        "gamma: exponent of each texel component. color: [4, 4], uv: [3, 3]; in format 1 kept, but not "
+        "applied.");
   DefineSetter<kSurfaces>(m, "set_surface_material", zpSetSurfaceMaterial, "shader"_a, "layer"_a,
                           "material"_a, "Default CONDUCTOR.");
   DefineSetter<kSurfaces>(m, "set_surface_sideness", zpSetSurfaceSideness, "shader"_a, "layer"_a,
