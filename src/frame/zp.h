@@ -194,8 +194,8 @@ enum class Visibility : std::int32_t {
 /// numbers, adds the working directory to the folders of pictures, resets geometry light, sky light and
 /// renderer settings (the scene's setters come after it), and registers the Shader "undefined", a grey of
 /// 0.85, unless one of that name is there: in an empty table it gets index 0. Tables of a scene that was not
-/// finalised stay. The environment variable `ZP_FORMAT` chooses the rules, 1 (the default) or 2: docs/format-2.md
-/// tells the differences. Another word gives an error row, and format 1.
+/// finalised stay. The environment variable `ZP_FORMAT` chooses the rules, 1 (the default) or 2:
+/// docs/format-2.md tells the differences. Another word gives an error row, and format 1.
 void zpStartup() noexcept;
 /// Last of all calls. Ends the picture library and empties the constant tables; a new zpStartup() fills them
 /// again. Scene tables stay: zpFinalize() comes before.
@@ -251,7 +251,8 @@ void zpInitializeAccelerator() noexcept;
 /// Empties the table of Objects.
 void zpFinalizeAccelerator() noexcept;
 /// Limits the renderer settings, chooses between final gathering and path tracing (a row tells which), aims
-/// the photons of all lights at the scene's bounds, and casts them. Comes last. A second call casts all photons again on top of what the cells hold.
+/// the photons of all lights at the scene's bounds, and casts them. Comes last. A second call casts all
+/// photons again on top of what the cells hold.
 void zpInitializeRenderer() noexcept;
 /// Drops the stored photons and puts back the radius of caustics (1), ray depth (8), photon depth (8) and
 /// renderer samples (64). All other settings stay.
@@ -374,8 +375,8 @@ void zpAddCylinders(int object, int part, int count, const int* data) noexcept;
 void zpAddParticles(int object, int part, int count, const int* data) noexcept;
 /// Adds a named set of values to the Part, one a vertex or none at all (`count` below 1); other counts are
 /// cut or filled up with zeros, with an error row. AOVs show it. Of kind 3 and named "motion" it is the way
-/// that vertices move while zpRender() runs, scene units over all passes. A second set of one name is not
-/// found.
+/// that vertices move while zpRender() runs, scene units over all passes; in format 2 they carry their
+/// normals and the tangents of strands along. A second set of one name is not found.
 /// @param object  index of the Object
 /// @param part    index of the Part in it
 /// @param name    what AOVs call it
@@ -435,7 +436,8 @@ void zpSetSurfaceColor(int shader, int layer, Element element, float r, float g,
 /// @param path     picture file, relative to the working directory; default none. A picture of 16 bits a
 ///                 component reads up to 257 in format 1
 /// @param gamma    exponent of each component, default 1; 2.2 makes common 8-bit pictures linear
-/// @param color    4 x 4, or null: column i makes component i of red, green, blue and 1, and the fourth divides.
+/// @param color    4 x 4, or null: column i makes component i of red, green, blue and 1, and the fourth
+/// divides.
 ///                 Intended: format 1 keeps it, but applies only matrices of scene text
 /// @param uv       3 x 3, or null: applied to (u, v, 1), row by row. Intended: likewise
 void zpSetSurfaceImage(int shader, int layer, Element element, const char* path, float gamma,
@@ -446,16 +448,17 @@ void zpSetSurfaceMaterial(int shader, int layer, Material material) noexcept;
 void zpSetSurfaceSideness(int shader, int layer, Sideness sideness) noexcept;
 /// Whether emission of the layer is sampled directly, with zpSetGeometryLightSample() rays; default false.
 /// Triangles and tetragons only.
-/// Intended: samples are of the right brightness for lamps of pi / 18481 square units (1.3 x 1.3 cm in metres)
-/// together, and at one square unit some 50 times too dark: leave emitters unsampled, or take a point light
-/// with zpSetPointLightBlur() for a small lamp.
+/// Intended: samples are of the right brightness for lamps of pi / 18481 square units (1.3 x 1.3 cm in
+/// metres) together, and at one square unit some 50 times too dark: leave emitters unsampled, or take a point
+/// light with zpSetPointLightBlur() for a small lamp.
 void zpSetSurfaceVirtualLight(int shader, int layer, bool on) noexcept;
 /// Appends a displacement layer and returns its index in the Shader. Layers act one after another, on
 /// triangles and tetragons that have normals and tangents (from texture coordinates and a smoothing angle, or
 /// supplied); else a warning row, or the face stays.
 int zpAddDisplacementShader(int shader) noexcept;
 /// The layer's image: each component minus 0.5 counts, times the displacement vector. Without one the vector
-/// counts alone. Arguments as those of zpSetSurfaceImage(); in format 1 both matrices are kept and not applied.
+/// counts alone. Arguments as those of zpSetSurfaceImage(); in format 1 both matrices are kept and not
+/// applied.
 void zpSetDisplacementImage(int shader, int layer, const char* path, float gamma, const float color[][4],
                             const float uv[][3]) noexcept;
 /// Splits each triangle into `level` x `level`; default 1, below 1 counts as 1. Levels that memory cannot
