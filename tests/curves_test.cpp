@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <tuple>
 
 #include "accel/accel.h"
 #include "accel/curve_segment.h"
 #include "accel/tree.h"
 #include "geometry/geometry.h"
+#include "geometry/motion.h"
 #include "integrator/estimator.h"
 #include "random_geometry.h"
 #include "render_fixture.h"
@@ -384,6 +386,68 @@ TEST_F(Curves, MotionDrawsAStreak) {
   EXPECT_NEAR(length[1] - length[0], pixelsPerUnit * way * (kPasses - 1) / kPasses, 1);
   EXPECT_NEAR(brightest[0], 1, 1e-3f);
   EXPECT_NEAR(brightest[1], 2.0f / kPasses, 0.13f);  // two or three passes shine on a point
+}
+
+// A quarter turn that doubles, and mirrors or not: arcs, not chords.
+TEST_F(Curves, InstancesTurnTheShortWay) {
+  settings.format = 2;
+  for (const float mirror : {1.0f, -1.0f})
+    for (const float endMirror : {1.0f, -1.0f}) {
+      Instance instance;
+      instance.matrix.m[0][0] = mirror;
+      InstanceMotion motion;
+      motion.close = {{{0, -2, 0, 4}, {2 * endMirror, 0, 0, 0}, {0, 0, 2, 0}, {0, 0, 0, 1}}};
+      instance.motion = std::make_shared<InstanceMotion>(motion);
+      const bool fits = mirror == endMirror;
+      PrepareMotion(instance);
+      EXPECT_EQ(instance.motion != nullptr, fits);
+      MoveInstance(instance, 0.5f);
+      const float reach = mirror * 1.5f * std::sqrt(0.5f);
+      const Vec3 expected = fits ? Vec3{2 + reach, reach, 0} : Vec3{mirror, 0, 0};
+      EXPECT_LT(SafeLength(TransformPoint(instance.matrix, {1, 0, 0}) - expected), 1e-4f) << mirror;
+    }
+}
+
+// A triangle that folds by a quarter, raised by half a unit where layers act, and a strand that leans over.
+TEST_F(Curves, MovingVerticesCarryTheirVectors) {
+  for (const int format : {1, 2}) {
+    Restart();
+    settings.format = format;
+    const std::int32_t shader = AddPlain();
+    ShaderAt(shader).geometry.height.emplace_back().color = Grey(0.5f);
+    Part& part = Geometry();
+    part.positions = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
+    part.normals.assign(3, Pack({0, 0, 1}));
+    part.triangles = {{{0, 1, 2}, shader}};
+    part.vectorSets = {{"motion", {{}, {}, {0, -1, 1}}}};
+    Part hair;
+    for (const float z : {0.0f, 1.0f}) AddStrandVertex(hair, {5, 0, z}, {}, 0.1f);
+    hair.cylinders = {0};
+    hair.vectorSets = {{"motion", {{}, {1, 0, -1}}}};
+    objectTable[0].parts.push_back(hair);
+    Initialize();
+    const auto moved = [&](float time) {
+      if (format == 2)
+        MoveScene(time);
+      else
+        UpdateScene(2);
+    };
+    moved(0.5f);
+    const float half = std::sqrt(0.5f);
+    const Vec3 normal = SafeNormalize(Unpack(Geometry().normals[0]));
+    EXPECT_LT(SafeLength(normal - (format == 2 ? Vec3{0, -half, half} : Vec3{0, 0, 1})), 0.02f);
+    const Vec3 tangent = SafeNormalize(Unpack(objectTable[0].parts[1].tangents[0]));
+    EXPECT_LT(SafeLength(tangent - (format == 2 ? Vec3{half, 0, half} : Vec3{0, 0, 1})), 0.02f);
+    moved(1);
+    const Vec3 lift = {0, format == 2 ? -0.5f : 0.0f, 0};
+    for (std::size_t v = 0; v < 3; ++v) {
+      const Vec3 expected[] = {{0, 0, 0}, {1, 0, 0}, {0, 0, 1}};
+      EXPECT_LT(SafeLength(Geometry().positions[v] - expected[v] - lift), 0.02f) << v;
+    }
+    RayRecord ray = AimRay(Vec3{0.25f, -5, 0.25f}, {0, 1, 0});
+    EXPECT_TRUE(Trace(ray));
+    EXPECT_NEAR(ray.t, 5 + lift.y, 0.02f);
+  }
 }
 
 TEST_F(Curves, MotionToNowhereLosesWhatMovesAndNoMore) {

@@ -293,5 +293,34 @@ TEST_F(SceneTest, FoldersAreReadInOrder) {
   EXPECT_FALSE(ReadSceneFile(folder_ / "none.zp"));
 }
 
+// By the order of the file: two vertices that start at one place and part do not merge.
+TEST_F(SceneTest, ModelsMayEndElsewhere) {
+  Write("a.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 0 0 0\nv 0 0 1\nf 1 2 3\nf 4 3 5\n");
+  Write("e.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 0 0 -7\nv 0 0 1\nf 1 2 3\nf 4 3 5\n");
+  Write("faces.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 0 0 0\nv 0 0 1\nf 1 2 3\n");
+  Write("vertices.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 0 0 0\nf 1 2 3\nf 4 3 2\n");
+  struct Case {
+    const char *end, *format;
+    std::size_t vertices, sets;
+  };
+  for (const Case& c : {Case{"e.obj", "2", 5, 1},
+                        {"e.obj", "1", 4, 0},
+                        {"faces.obj", "2", 4, 0},
+                        {"vertices.obj", "2", 4, 0}}) {
+    settings = {};
+    objectTable.clear();
+    std::istringstream text("object\nobj \"" + (folder_ / "a.obj") + "\"\nobj_end \"" + (folder_ / c.end) +
+                            "\"\nend\nrender\nformat " + c.format + "\nend\n");
+    const std::string rows = Printed([&] { ReadScene(text); });
+    const Part& part = objectTable.at(0).parts.at(0);
+    EXPECT_EQ(std::pair(part.positions.size(), part.vectorSets.size()), std::pair(c.vertices, c.sets))
+        << c.end;
+    EXPECT_EQ(rows.find("nothing moves") != rows.npos, c.sets == 0 && *c.format == '2') << c.end << rows;
+    if (c.sets == 0) continue;
+    EXPECT_EQ(part.vectorSets[0].values.at(part.triangles.at(1).vertex[0]), (Vec3{0, 0, -7}));
+  }
+  settings = {};
+}
+
 }  // namespace
 }  // namespace zp

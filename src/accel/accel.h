@@ -15,6 +15,8 @@ void Build(Object& object);
 // Moves vertices by motion / passes, refits and rotates the binary tree, and lays out the wide one.
 // Without `force` only deformable Objects are touched, and only those move.
 void Update(Object& object, bool force, int passes);
+// In format 2: puts a deformable Object to a time, 0 as the shutter opens to 1 as it closes, and its trees.
+void MoveObject(Object& object, float time);
 // Whether the trees that Update left are sound, binary, wide and packed; see core/validate.h.
 std::string ValidateTree(const Object& object);
 // Gives each strand the texture coordinates of the surface of the same Object that its root stands on; (0, 0)
@@ -50,8 +52,10 @@ extern float sceneRadius;
 // Finds the RootObject, initialises Objects deepest first, prints the scene rows.
 void InitializeAccelerator();
 void FinalizeAccelerator();
-// Between passes: moves deformable Objects, deepest level first, and the scene bound after them.
+// Between passes of format 1: moves deformable Objects, deepest level first, and the scene bound after them.
 void UpdateScene(int passes);
+// Before a pass of format 2: the same to the pass's time.
+void MoveScene(float time);
 
 // Nearest hit; counts the ray; fills the hit fields only on true. Needs origin and direction.
 bool Trace(RayRecord& ray);

@@ -9,9 +9,11 @@
 #include "core/console.h"
 #include "core/index.h"
 #include "core/release.h"
+#include "core/settings.h"
 #include "core/stop.h"
 #include "geometry/density.h"
 #include "geometry/geometry.h"
+#include "geometry/motion.h"
 #include "shading/hair.h"
 #include "shading/shading.h"
 
@@ -69,6 +71,8 @@ void InitializeObject(Object& object) {
   }
   for (Instance& instance : object.instances) {
     const bool placed = instance.object >= 0;
+    PrepareMotion(instance);
+    if (instance.motion) object.deformable = true;
     FinishInstance(instance, placed ? At(objectTable, instance.object).bounds : Box{});
     // What moves inside an Instance moves the boxes around it.
     if (placed && At(objectTable, instance.object).deformable) object.deformable = true;
@@ -187,10 +191,19 @@ void FinalizeAccelerator() {
 }
 
 void UpdateScene(int passes) {
-  if (rootObject == kNone) return;
+  if (rootObject == kNone || settings.format >= 2) return;
   for (int level = HighestLevel(); level >= 0; --level)
     for (Object& object : objectTable)
       if (object.level == level && object.deformable) Update(object, false, passes);
+  TakeSceneBounds();
+}
+
+void MoveScene(float time) {
+  // What moves inside an Instance makes the Objects around it deformable, up to the root.
+  if (rootObject == kNone || settings.format < 2 || !At(objectTable, rootObject).deformable) return;
+  for (int level = HighestLevel(); level >= 0; --level)
+    for (Object& object : objectTable)
+      if (object.level == level) MoveObject(object, time);
   TakeSceneBounds();
 }
 

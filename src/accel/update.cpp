@@ -8,6 +8,7 @@
 #include "core/threads.h"
 #include "core/validate.h"
 #include "geometry/geometry.h"
+#include "geometry/motion.h"
 
 namespace zp {
 namespace {
@@ -22,7 +23,26 @@ void MoveVertices(Part& part, int passes) {
   }
 }
 
+void RefreshTrees(Object& object) {
+  RotateTree(object);
+  if (Stopping()) return;
+  CollapseTree(object);
+  PackTree(object);
+  if (kValidates) RequireSound(ValidateTree(object));
+}
+
 }  // namespace
+
+void MoveObject(Object& object, float time) {
+  if (!object.deformable || Stopping()) return;
+  for (Part& part : object.parts) MovePart(part, time);
+  for (Instance& instance : object.instances) {
+    if (instance.object < 0) continue;
+    MoveInstance(instance, time);
+    FinishInstance(instance, At(objectTable, instance.object).bounds);
+  }
+  RefreshTrees(object);
+}
 
 void Update(Object& object, bool force, int passes) {
   if ((!force && !object.deformable) || Stopping()) return;
@@ -32,11 +52,7 @@ void Update(Object& object, bool force, int passes) {
     for (Instance& instance : object.instances)
       if (instance.object >= 0) FinishInstance(instance, At(objectTable, instance.object).bounds);
   }
-  RotateTree(object);
-  if (Stopping()) return;
-  CollapseTree(object);
-  PackTree(object);
-  if (kValidates) RequireSound(ValidateTree(object));
+  RefreshTrees(object);
 }
 
 }  // namespace zp

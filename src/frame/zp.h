@@ -380,8 +380,8 @@ void zpAddCylinders(int object, int part, int count, const int* data) noexcept;
 void zpAddParticles(int object, int part, int count, const int* data) noexcept;
 /// Adds a named set of values to the Part, one a vertex or none at all (`count` below 1); other counts are
 /// cut or filled up with zeros, with an error row. AOVs show it. Of kind 3 and named "motion" it is the way
-/// that vertices move while zpRender() runs, scene units over all passes. A second set of one name is not
-/// found.
+/// that vertices move while zpRender() runs, scene units over all passes; in format 2 they carry their
+/// normals and the tangents of strands along. A second set of one name is not found.
 /// @param object  index of the Object
 /// @param part    index of the Part in it
 /// @param name    what AOVs call it

@@ -11,6 +11,7 @@
 #include "core/validate.h"
 #include "geometry/displace_patch.h"
 #include "geometry/geometry.h"
+#include "geometry/motion.h"
 #include "shading/shading.h"
 
 namespace zp {
@@ -117,6 +118,8 @@ bool GrowArrays(Part& part, const PassPlan& plan, std::vector<Triangle>& triangl
     visit(part.positions);
     visit(part.normals);
     visit(part.tangents);
+    visit(part.endNormals);
+    visit(part.endTangents);
     for (auto& set : part.scalarSets) visit(set.values);
     for (auto& set : part.uvSets) visit(set.values);
     for (auto& set : part.vectorSets) visit(set.values);
@@ -180,11 +183,17 @@ class Refiner {
   Refiner(Part& part, const Layer& layer, const Triangle& triangle)
       : part_(part), layer_(layer), triangle_(triangle) {
     OrderCorners(part, triangle, order_);
+    for (auto& set : part.vectorSets)
+      if (motion_ == nullptr && set.name == "motion") motion_ = &set;
     for (int c = 0; c < 3; ++c) {
       const std::uint32_t v = triangle.vertex[c];
       normals_[c] = SafeNormalize(Unpack(part.normals[v]));
       tangents_[c] = SafeNormalize(Unpack(part.tangents[v]));
       corners_[c] = {part.positions[v], normals_[c]};
+      if (part.endNormals.empty()) continue;
+      endNormals_[c] = SafeNormalize(Unpack(part.endNormals[v]));
+      endTangents_[c] = SafeNormalize(Unpack(part.endTangents[v]));
+      endCorners_[c] = {part.positions[v] + motion_->values[v], endNormals_[c]};
     }
     if (part.mirroredUvs && IsMirrored(part, triangle.vertex)) hand_ = -1;
     if (!part.uvSets.empty()) uvs_ = &UvSetOf(part, layer.slot->uvSet).values;
@@ -215,8 +224,18 @@ class Refiner {
     }
     const Vec2 uv = uvs_ != nullptr && !uvs_->empty() ? (*uvs_)[vertex] : Vec2{};
     const Vec3 moved = position + Offset(layer_, uv, part_.normals[vertex], part_.tangents[vertex], hand_);
+    if (!part_.endNormals.empty()) WriteMotion(vertex, blend, uv, moved);
     // The sum with 0 leaves no negative zeros: positions are compared by their bits.
     part_.positions[vertex] = (IsFinite(moved) ? moved : position) + Vec3{0, 0, 0};
+  }
+
+  // The same when the shutter closes, and the way there; what leads nowhere moves as the triangle does.
+  void WriteMotion(std::size_t vertex, const Blend& blend, Vec2 uv, Vec3 start) {
+    part_.endNormals[vertex] = Pack(BlendValues(endNormals_, blend));
+    part_.endTangents[vertex] = Pack(BlendValues(endTangents_, blend));
+    const Vec3 end = PatchPoint(endCorners_, blend) +
+                     Offset(layer_, uv, part_.endNormals[vertex], part_.endTangents[vertex], hand_);
+    if (IsFinite(end) && IsFinite(start)) motion_->values[vertex] = end - start;
   }
 
   template <class T>
@@ -231,8 +250,9 @@ class Refiner {
   const Layer& layer_;
   const std::vector<Vec2>* uvs_ = nullptr;  // by which the layer's picture is read
   const Triangle& triangle_;
-  PatchCorner corners_[3];
-  Vec3 normals_[3], tangents_[3];
+  VertexSet<Vec3>* motion_ = nullptr;  // of a Part with end vectors
+  PatchCorner corners_[3], endCorners_[3];
+  Vec3 normals_[3], tangents_[3], endNormals_[3], endTangents_[3];
   int order_[3] = {};
   float hand_ = 1;
 };
@@ -302,6 +322,7 @@ void Displace(Part& part) {
     // Guarded for Parts whose arrays do not match, which cannot be refined without reading past an end.
     part.normals.resize(part.positions.size());
     part.tangents.resize(part.positions.size());
+    DeriveEndVectors(part);
     if (!RefineAndMove(part, pass)) break;
   }
   if (part.normals.empty()) PrintWarning("part - missing vertex normals for displacement mapping");

@@ -29,9 +29,21 @@ struct ObjReport {
   std::vector<Group> groups;  // with polygons; the first ones
 };
 
+// What became of the file with a model as it is when the shutter closes.
+enum class EndResult {
+  kTaken,
+  kMissing,  // cannot be opened
+  kOther,    // another number of vertices, or of faces and their corners
+};
+
 // Reads a Wavefront OBJ file into `part`, merging with what it holds. Prints the rows of what was dropped,
-// and counts it in `report` if there is one. False, with an error row, if the file cannot be opened.
-bool ReadObjFile(const std::string& path, Part& part, ObjReport* report = nullptr);
+// and counts it in `report` if there is one. False, with an error row, if the file cannot be opened. With an
+// `endPath` the vertices get a vector set "motion", towards that file's of the same number, and its normals;
+// an error row, and no motion, if it does not fit.
+bool ReadObjFile(const std::string& path, Part& part, ObjReport* report = nullptr,
+                 const std::string& endPath = {}, EndResult* endResult = nullptr);
+// The row of an end that does not fit.
+void PrintOtherEnd(const std::string& path, const std::string& endPath);
 // The same from memory.
 void ReadObj(std::string_view text, Part& part);
 
@@ -65,6 +77,9 @@ bool ScaleStrands(Part& part);
 // the file. False, with a row and an untouched Part, if the file cannot be read or ends before what its
 // header promises. Prints one row if the strands ask for more points than there are.
 bool ReadHairFile(const std::string& path, Part& part);
+// Gives the Part of a hair file the vector set "motion" towards the points of another one, in their order. A
+// row, and no motion, unless that has as many points in strands as long.
+EndResult ReadHairEnd(const std::string& path, const std::string& endPath, Part& part);
 // The same from memory; `name` stands in the rows.
 bool ReadHair(std::string_view bytes, const std::string& name, Part& part);
 

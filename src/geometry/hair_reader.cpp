@@ -149,4 +149,17 @@ bool ReadHairFile(const std::string& path, Part& part) {
   return !Stopping() && ReadHair(bytes, path, part);
 }
 
+EndResult ReadHairEnd(const std::string& path, const std::string& endPath, Part& part) {
+  Part end;
+  if (!ReadHairFile(endPath, end)) return EndResult::kMissing;
+  if (end.positions.size() != part.positions.size() || end.strandLengths != part.strandLengths) {
+    PrintOtherEnd(path, endPath);
+    return EndResult::kOther;
+  }
+  for (std::size_t i = 0; i < end.positions.size(); ++i)
+    end.positions[i] = end.positions[i] - part.positions[i];
+  part.vectorSets.push_back({"motion", std::move(end.positions)});
+  return EndResult::kTaken;
+}
+
 }  // namespace zp

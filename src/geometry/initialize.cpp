@@ -9,6 +9,7 @@
 #include "core/stop.h"
 #include "core/validate.h"
 #include "geometry/geometry.h"
+#include "geometry/motion.h"
 #include "geometry/validate.h"
 #include "shading/shading.h"
 
@@ -218,6 +219,7 @@ void PreparePart(Part& part, const Object& object) {
     Displace(part);
     Smooth(part);
   }
+  PrepareMotion(part);
 
   for (auto& set : part.uvSets) set.values.shrink_to_fit();
   for (auto& set : part.scalarSets) set.values.shrink_to_fit();

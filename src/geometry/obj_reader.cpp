@@ -18,6 +18,7 @@
 #include "core/stop.h"
 #include "geometry/ear_clipping.h"
 #include "geometry/geometry.h"
+#include "geometry/motion.h"
 #include "imaging/imaging.h"
 #include "shading/shading.h"
 
@@ -31,6 +32,11 @@ constexpr int kMaxCorners = 8;
 // Raw indices of one corner.
 struct Corner {
   std::uint32_t position, uv, normal;  // kMissing where the file has none
+};
+
+// The normals of a corner in a file and in that of the model's end.
+struct NormalPair {
+  std::uint32_t open, close;
 };
 
 // What faces a file may have. Format 1 drops those of five corners and more, and splits all of four alike.
@@ -58,6 +64,12 @@ struct ModelLoader {
   bool named = false;      // a usemtl was met
   bool started = false;    // the first line was met
   std::string group = {};  // last "o" or "g"
+  // The same model when the shutter closes, or null. With it the third word of a corner counts `pairs`, and
+  // the Part's new vertices have the way to their end and their normal there.
+  const ModelLoader* end = nullptr;
+  std::vector<NormalPair> pairs = {};
+  std::vector<Vec3> motions = {}, endNormals = {};
+  bool isEnd = false;  // names no shaders
 };
 
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
@@ -268,7 +280,7 @@ void ParseLine(ModelLoader& loader, const char* line, const char* end) {
   // Intended: only at the very start of the line.
   if (end - line >= 6 && std::memcmp(line, "usemtl", 6) == 0) {
     const std::string_view name = SecondWord(line, end);
-    if (name.empty()) return;
+    if (name.empty() || loader.isEnd) return;
     loader.shader = FindOrCreateShader(name);
     loader.named = true;
   }
@@ -297,6 +309,7 @@ struct Vertex {
   Vec3 position;
   Vec2 uv;
   PackedVector normal, tangent;
+  Vec3 motion = {}, endNormal = {};  // of a model with an end
 };
 
 // Equal floats have equal keys: both zeros share one, and each not-a-number is equal to itself.
@@ -306,7 +319,11 @@ bool SameFloats(Vec3 a, Vec3 b) {
   return Key(a.x) == Key(b.x) && Key(a.y) == Key(b.y) && Key(a.z) == Key(b.z);
 }
 
-bool IsVertex(const Part& part, std::uint32_t index, const Vertex& v) {
+bool IsVertex(const ModelLoader& loader, std::uint32_t index, const Vertex& v) {
+  const Part& part = loader.part;
+  if (loader.end != nullptr &&
+      !(SameFloats(loader.motions[index], v.motion) && SameFloats(loader.endNormals[index], v.endNormal)))
+    return false;
   const Vec2 uv = part.uvSets[0].values[index];
   return SameFloats(part.positions[index], v.position) && part.normals[index] == v.normal &&
          part.tangents[index] == v.tangent && Key(uv.x) == Key(v.uv.x) && Key(uv.y) == Key(v.uv.y);
@@ -346,12 +363,13 @@ void GrowVertexHash(Part& part) {
 }
 
 // The index of the vertex, which is appended if the Part has no equal one.
-std::uint32_t MergeVertex(Part& part, const Vertex& v) {
+std::uint32_t MergeVertex(ModelLoader& loader, const Vertex& v) {
+  Part& part = loader.part;
   if (static_cast<std::size_t>(part.hashedVertices) * 2 >= part.vertexHash.size()) GrowVertexHash(part);
   const std::size_t mask = part.vertexHash.size() - 1;
   std::size_t slot = HashVertex(v) & mask;
   while (part.vertexHash[slot] != kUnusedSlot) {
-    if (IsVertex(part, part.vertexHash[slot], v)) return part.vertexHash[slot];
+    if (IsVertex(loader, part.vertexHash[slot], v)) return part.vertexHash[slot];
     slot = (slot + 1) & mask;
   }
   const auto index = static_cast<std::uint32_t>(part.positions.size());
@@ -361,31 +379,61 @@ std::uint32_t MergeVertex(Part& part, const Vertex& v) {
   part.uvSets[0].values.push_back(v.uv);
   part.normals.push_back(v.normal);
   part.tangents.push_back(v.tangent);
+  if (loader.end != nullptr) {
+    loader.motions.push_back(v.motion);
+    loader.endNormals.push_back(v.endNormal);
+  }
   return index;
 }
 
 // Faces share most corners with their neighbours: the vertex that this raw position last became comes first.
 std::uint32_t MergeCorner(ModelLoader& loader, std::uint32_t rawPosition, const Vertex& v) {
   std::uint32_t& last = loader.lastVertex[rawPosition];
-  if (last == kMissing || !IsVertex(loader.part, last, v)) last = MergeVertex(loader.part, v);
+  if (last == kMissing || !IsVertex(loader, last, v)) last = MergeVertex(loader, v);
   return last;
 }
 
-// Merges the corners of a triangle (count 3) or tetragon (4) into `vertices`. `outward` is the unit normal of
-// its winding; corner normals that all look the other way are turned round.
-void MergeFace(ModelLoader& loader, const Corner* corners, int count, Vec3 outward, std::uint32_t* vertices) {
-  Vec3 normals[4];
-  bool present[4] = {}, against = true;
-  for (int i = 0; i < count; ++i) {
-    present[i] = corners[i].normal < loader.normals.size();
-    if (present[i]) normals[i] = loader.normals[corners[i].normal];
-    against = against && Dot(normals[i], outward) < 0;
+// Of a face's corners, zero where there is none. `outward` looks along the normal of its winding; normals
+// that all look the other way are turned round.
+struct CornerNormals {
+  Vec3 of[4];
+  bool present[4] = {};
+
+  template <class NumberOf>
+  CornerNormals(const ModelLoader& loader, int count, Vec3 outward, NumberOf numberOf) {
+    bool against = true;
+    for (int i = 0; i < count; ++i) {
+      const std::uint32_t number = numberOf(i);
+      present[i] = number < loader.normals.size();
+      if (present[i]) of[i] = loader.normals[number];
+      against = against && Dot(of[i], outward) < 0;
+    }
+    for (int i = 0; i < count && against; ++i) of[i] = -of[i];
   }
+};
+
+// A direction along the normal of a triangle's (count 3) or tetragon's (4) winding.
+Vec3 Outward(const std::vector<Vec3>& positions, const Corner* c, int count) {
+  const auto p = [&](int i) { return positions[c[i].position]; };
+  return count == 3 ? Cross(p(1) - p(0), p(2) - p(0)) : Cross(p(2) - p(0), p(3) - p(1));
+}
+
+// Merges the corners of a triangle or tetragon into `vertices`.
+void MergeFace(ModelLoader& loader, const Corner* corners, int count, std::uint32_t* vertices) {
+  const ModelLoader* end = loader.end;
+  const CornerNormals normals(
+      loader, count, SafeNormalize(Outward(loader.positions, corners, count)),
+      [&](int i) { return end ? loader.pairs[corners[i].normal].open : corners[i].normal; });
+  const CornerNormals endNormals(
+      end ? *end : loader, count, end ? Outward(end->positions, corners, count) : Vec3{},
+      [&](int i) { return end ? loader.pairs[corners[i].normal].close : kMissing; });
   for (int i = 0; i < count; ++i) {
     Vertex v;
     v.position = loader.positions[corners[i].position];
     if (corners[i].uv < loader.uvs.size()) v.uv = loader.uvs[corners[i].uv];
-    if (present[i]) v.normal = Pack(against ? -normals[i] : normals[i]);
+    if (normals.present[i]) v.normal = Pack(normals.of[i]);
+    if (end) v.motion = end->positions[corners[i].position] - v.position;
+    if (endNormals.present[i]) v.endNormal = endNormals.of[i];
     vertices[i] = MergeCorner(loader, corners[i].position, v);
   }
 }
@@ -397,7 +445,7 @@ void AddTriangle(ModelLoader& loader, const Corner& a, const Corner& b, const Co
   if (p0 == p1 || p1 == p2 || p2 == p0) return;
   const Corner corners[] = {a, b, c};
   Triangle triangle{{}, shader};
-  MergeFace(loader, corners, 3, SafeNormalize(Cross(p1 - p0, p2 - p0)), triangle.vertex);
+  MergeFace(loader, corners, 3, triangle.vertex);
   loader.part.triangles.push_back(triangle);
 }
 
@@ -406,7 +454,7 @@ void AddTetragon(ModelLoader& loader, const Corner* corners, std::int32_t shader
   for (int i = 0; i < 4; ++i) p[i] = loader.positions[corners[i].position];
   if (p[0] == p[2] || p[1] == p[3]) return;
   Tetragon tetragon{{}, shader};
-  MergeFace(loader, corners, 4, SafeNormalize(Cross(p[2] - p[0], p[3] - p[1])), tetragon.vertex);
+  MergeFace(loader, corners, 4, tetragon.vertex);
   loader.part.tetragons.push_back(tetragon);
 }
 
@@ -484,6 +532,44 @@ void FinishTriangles(ModelLoader& loader, std::vector<std::size_t>& rectangles) 
   }
 }
 
+// Whether two streams of faces have as many corners each. Puts pairs of normals in place of the first one's.
+bool PairFaces(ModelLoader& loader, const ModelLoader& end) {
+  const auto &a = loader.faces, &b = end.faces;
+  if (a.size() != b.size()) return false;
+  std::vector<NormalPair> pairs;
+  std::vector<std::size_t> places;  // of the normals in the streams
+  for (std::size_t at = 0; at < a.size();) {
+    if (a[at] != b[at]) return false;
+    const std::size_t corners = a[at];
+    at += corners == kPolygon ? 1 : 2;
+    for (std::size_t i = 0; i < corners; ++i, at += 3) {
+      pairs.push_back({a[at + 2], b[at + 2]});
+      places.push_back(at + 2);
+    }
+  }
+  if (pairs.size() >= kMissing) return false;
+  for (std::size_t i = 0; i < places.size(); ++i) loader.faces[places[i]] = static_cast<std::uint32_t>(i);
+  loader.pairs = std::move(pairs);
+  return true;
+}
+
+// Vertices are what they are by their order in the two files.
+bool TakeEnd(ModelLoader& loader, const ModelLoader& end) {
+  if (loader.positions.size() != end.positions.size() || !PairFaces(loader, end)) return false;
+  loader.end = &end;
+  loader.motions.resize(loader.part.positions.size());
+  loader.endNormals.resize(loader.part.positions.size());
+  return true;
+}
+
+void AddEndSets(ModelLoader& loader) {
+  if (loader.end == nullptr) return;
+  loader.part.vectorSets.push_back({"motion", std::move(loader.motions)});
+  const bool hasNormals = std::any_of(loader.endNormals.begin(), loader.endNormals.end(),
+                                      [](Vec3 normal) { return normal != Vec3{}; });
+  if (hasNormals) loader.part.vectorSets.push_back({kEndNormalSet, std::move(loader.endNormals)});
+}
+
 void Finish(ModelLoader& loader) {
   if (loader.faces.empty()) return;
   Part& part = loader.part;
@@ -502,6 +588,7 @@ void Finish(ModelLoader& loader) {
     std::memcpy(c, &loader.faces[begin + 2], sizeof c);
     AddTetragon(loader, c, static_cast<std::int32_t>(loader.faces[begin + 1]));
   }
+  AddEndSets(loader);
 }
 
 void ReadBlocks(ModelLoader& loader, int file) {
@@ -539,7 +626,10 @@ void ReadObj(std::string_view text, Part& part) {
   Finish(loader);
 }
 
-bool ReadObjFile(const std::string& path, Part& part, ObjReport* report) {
+namespace {
+
+// False, with an error row, if the file cannot be opened.
+bool ReadLines(ModelLoader& loader, const std::string& path) {
   const int file = HoldsBytes(path) ? open(path.c_str(), O_RDONLY | O_CLOEXEC) : -1;
   if (file < 0) {
     ++missingFiles;
@@ -547,11 +637,29 @@ bool ReadObjFile(const std::string& path, Part& part, ObjReport* report) {
     PrintRule();
     return false;
   }
-  ObjReport unused;
-  ModelLoader loader{part, report ? *report : unused, {}, {}, {}, {}, {}};
   ReadBlocks(loader, file);
   close(file);
   loader.report.positions = loader.positions.size();
+  return true;
+}
+
+}  // namespace
+
+bool ReadObjFile(const std::string& path, Part& part, ObjReport* report, const std::string& endPath,
+                 EndResult* endResult) {
+  ObjReport unused, endReport;
+  ModelLoader loader{part, report ? *report : unused, {}, {}, {}, {}, {}};
+  if (!ReadLines(loader, path)) return false;
+  Part endPart;
+  ModelLoader end{endPart, endReport, {}, {}, {}, {}, {}};
+  end.isEnd = true;
+  EndResult result = EndResult::kTaken;
+  if (!endPath.empty() && !ReadLines(end, endPath)) result = EndResult::kMissing;
+  if (!endPath.empty() && result == EndResult::kTaken && !TakeEnd(loader, end)) {
+    result = EndResult::kOther;
+    PrintOtherEnd(path, endPath);
+  }
+  if (endResult != nullptr) *endResult = result;
   Finish(loader);
   return true;
 }

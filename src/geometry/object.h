@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -46,6 +47,12 @@ struct VertexSet {
 
 struct DensityCells;  // geometry/density.h
 
+// Vertices of a Part at one instant.
+struct VertexState {
+  std::vector<Vec3> positions;
+  std::vector<PackedVector> normals, tangents;
+};
+
 struct Part {
   std::vector<std::uint32_t> particles;  // a particle's vertex
   std::vector<std::uint32_t> cylinders;  // a segment's first vertex; it runs to the next one
@@ -61,6 +68,10 @@ struct Part {
   std::vector<std::int32_t> primitiveShaders;
   std::int32_t shader = 0;
   std::string materialName;
+  // Of a moving Part in format 2 (geometry/motion.h): its normals and tangents when the shutter closes, empty
+  // where it has none, and all as it opens.
+  std::vector<PackedVector> endNormals, endTangents;
+  std::shared_ptr<const VertexState> atOpen;
   // Of a Part of the RootObject, while there are cells. A handle: a const Part's cells can be written.
   std::shared_ptr<DensityCells> density;
   // Values of its uv sets by uvSetNames, null where it has none of that name. Empty: no names.
@@ -73,14 +84,27 @@ struct Part {
   std::uint32_t hashedVertices = 0;  // slots in use
 };
 
+// A matrix as rotation (a unit quaternion, its real part last), stretch (symmetric) and origin.
+struct InstancePlace {
+  std::array<double, 4> turn = {0, 0, 0, 1};
+  std::array<std::array<double, 3>, 3> stretch = {};
+  std::array<double, 3> origin = {};
+};
+struct InstanceMotion {
+  Mat4 close;  // object to world when the shutter closes
+  InstancePlace first, last;
+  bool mirrored = false;  // both places are the opposites of what they say
+};
+
 struct Instance {
-  Mat4 matrix;        // object to world
+  Mat4 matrix;        // object to world; of a moving Instance at the instant that is rendered
   Mat4 inverse;       // filled at initialisation, like the next two
   Mat4 normalMatrix;  // transpose of the inverse's upper 3 x 3
   Box bounds;         // world
   std::int32_t object = kNone;
   std::string objectName;
-  std::int32_t shader = kNone;  // overrides the Object's own shaders, unless kNone
+  std::int32_t shader = kNone;                   // overrides the Object's own shaders, unless kNone
+  std::shared_ptr<const InstanceMotion> motion;  // of format 2; null where it stands still
 };
 
 // A number for the way to what an Instance places, from the number of the way to the Instance itself; 0

@@ -7,6 +7,7 @@
 #include "core/console.h"
 #include "core/settings.h"
 #include "geometry/geometry.h"
+#include "geometry/motion.h"
 #include "shading/shading.h"
 
 namespace zp {
@@ -58,6 +59,7 @@ void DeriveStrands(Part& part) {
     for (std::size_t v = starts[s]; v < starts[s + 1]; ++v)
       parameters[v] = static_cast<float>(v - starts[s]) / static_cast<float>(starts[s + 1] - starts[s]);
 
+  part.tangents.assign(count, {});
   DeriveStrandTangents(part);
 }
 
@@ -71,7 +73,9 @@ void DeriveStrandTangents(Part& part) {
   }
   part.tangents.resize(count);
   // Twice, since once leaves a tiny vector short.
-  for (std::size_t v = 0; v < count; ++v) part.tangents[v] = Pack(SafeNormalize(SafeNormalize(sums[v])));
+  for (const std::uint32_t vertex : part.cylinders)
+    for (const std::uint32_t v : {vertex, vertex + 1})
+      part.tangents[v] = Pack(SafeNormalize(SafeNormalize(sums[v])));
 }
 
 namespace {
@@ -126,7 +130,16 @@ bool ScaleStrand(Part& part, const GeometryShader& shader, std::uint32_t first, 
   const float radius = Factor(shader.radius, part, first), length = Factor(shader.length, part, first);
   if (!(radius > 0) || !(length > 0)) return false;
   for (std::uint32_t v = first; v <= last; ++v) ScaleRadius(part, v, radius);
-  if (length != 1) Slide({part.positions.data() + first, last - first + std::size_t{1}}, length);
+  if (length == 1) return true;
+  std::vector<Vec3>* motion = MotionOf(part);
+  const std::size_t count = last - first + std::size_t{1};
+  std::vector<Vec3> end;
+  for (std::size_t i = 0; motion != nullptr && i < count; ++i)
+    end.push_back(part.positions[first + i] + (*motion)[first + i]);
+  Slide({part.positions.data() + first, count}, length);
+  if (motion == nullptr) return true;
+  Slide(end, length);
+  for (std::size_t i = 0; i < count; ++i) (*motion)[first + i] = end[i] - part.positions[first + i];
   return true;
 }
 
@@ -171,6 +184,7 @@ bool ScaleStrands(Part& part) {
   }
   DropMarked(part, part.particles, marked);
   if (!part.cylinders.empty()) DeriveStrandTangents(part);
+  PrepareMotion(part);
   return true;
 }
 

@@ -169,10 +169,12 @@ CameraPose CameraAtTime(const Camera& camera, float time) {
   return pose;
 }
 
-// All rays of one pass see the same instant: the pass number stratifies the shutter.
+float TimeOfPass(const Camera& camera, std::uint32_t pass) {
+  return (static_cast<float>(pass) + 0.5f) / static_cast<float>(std::max(1, camera.sample));
+}
+
 void MakePrimaryRay(const Camera& camera, RayRecord& ray, int x, int y, std::uint32_t sample) {
-  const float passes = static_cast<float>(std::max(1, camera.sample));
-  const CameraPose pose = CameraAtTime(camera, (static_cast<float>(sample) + 0.5f) / passes);
+  const CameraPose pose = CameraAtTime(camera, TimeOfPass(camera, sample));
   RayRecord fresh;
   fresh.origin = ray.origin;
   fresh.direction = ray.direction;

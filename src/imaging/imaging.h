@@ -169,7 +169,8 @@ void InitializeAov(Aov& aov, int width, int height);
 // Writes those that have a name and pixels, as finished pictures; one that cannot be written gets an error
 // row with the reason. Where all was stopped before the first sample, and in format 2 wherever none was
 // taken, there is nothing to write, and old files stay. In format 2 files of 8 bits show light and colours to
-// the eye, unless settings.said.linearFiles: light times the exposure of the rendered camera, and the sRGB curve.
+// the eye, unless settings.said.linearFiles: light times the exposure of the rendered camera, and the sRGB
+// curve.
 void SaveAovs(const std::vector<Aov>& aovs);
 // One of them, which has a name and pixels, however much is rendered.
 void SaveAov(const Aov& aov);
@@ -240,6 +241,8 @@ void InitializeCameras();
 void FinalizeCameras();
 // The pose at `time` in 0 (shutter open) to 1 (close).
 CameraPose CameraAtTime(const Camera& camera, float time);
+// The instant that all rays of a pass see: the pass number stratifies the shutter.
+float TimeOfPass(const Camera& camera, std::uint32_t pass);
 // Fills a fresh ray for pass `sample` through pixel (x, y), except its thread and pixel slot: the caller sets
 // ray.thread before. An unknown projection leaves origin and direction as they were.
 void MakePrimaryRay(const Camera& camera, RayRecord& ray, int x, int y, std::uint32_t sample);

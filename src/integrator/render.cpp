@@ -309,6 +309,7 @@ void RenderPixels(int count, float* out, int pass) {
   const std::int32_t sample = (pass % passes + passes) % passes;
   settings.frame.samplePass = sample;
   ClearPassStatistics();
+  MoveScene(TimeOfPass(camera, static_cast<std::uint32_t>(sample)));
 
   const auto width = static_cast<std::size_t>(region.xMax - region.xMin);
   std::vector<Vec3> colors(width * static_cast<std::size_t>(region.yMax - region.yMin));
@@ -332,6 +333,7 @@ void FrameStep() {
   settings.frame.samplePass = static_cast<std::int32_t>(settings.frame.passIndex);
   ClearOccluderLogs();
   ClearPassStatistics();
+  MoveScene(TimeOfPass(*camera, settings.frame.passIndex));
   if (!RenderPixels(settings.frame.passIndex)) return;
   if (settings.frame.passIndex == 0)
     for (Object& object : objectTable) OrderOccluders(object);

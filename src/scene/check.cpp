@@ -9,6 +9,7 @@
 #include "core/files.h"
 #include "core/index.h"
 #include "core/settings.h"
+#include "geometry/motion.h"
 #include "geometry/object.h"
 #include "lights/lights.h"
 #include "scene/check_parts.h"
@@ -246,6 +247,13 @@ void CheckObjects(SceneNotes& notes) {
       Find(notes, noted.place, FindingCode::kNotRigid,
            "the matrix is not rigid: distances inside are compared as if it did not scale; in format 2 they "
            "are right");
+  for (const NotedInstance& noted : notes.instances) {
+    if (settings.format < 2 || !noted.instance.motion) continue;
+    const std::string problem = MotionProblem(noted.instance.matrix, noted.instance.motion->close);
+    if (!problem.empty())
+      Find(notes, noted.place, FindingCode::kUnfitEnd,
+           "the instance stands still, of matrix and matrix_end: " + problem);
+  }
 }
 
 // What no pose states has no other to come from.

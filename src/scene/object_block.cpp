@@ -1,5 +1,7 @@
 #include <array>
+#include <memory>
 
+#include "core/settings.h"
 #include "geometry/geometry.h"
 #include "scene/blocks.h"
 #include "scene/scene.h"
@@ -13,6 +15,13 @@ bool ReadInstanceBlock(SceneText& text, std::size_t object) {
   const TextPlace place = text.Here();
   ReadBlock(text, "instance", {"object"}, [&](const Keyword& keyword, Line& line) {
     if (keyword == "matrix") return ReadMatrix(line, instance.matrix);
+    if (keyword == "matrix_end") {
+      InstanceMotion motion;
+      ReadMatrix(line, motion.close);
+      instance.motion = std::make_shared<InstanceMotion>(motion);
+      NoteOfFormat2(line);
+      return true;
+    }
     if (keyword == "object") {
       ReadWord(line, instance.objectName);
       if (text.notes) NoteName(line, NameKind::kObject, instance.objectName);
@@ -103,8 +112,45 @@ struct NamedModel {
   std::size_t object, part;
   std::string name;
   TextPlace place;
+  std::string endName = {};  // of the same model when the shutter closes; empty without one
+  TextPlace endPlace = {};
 };
 std::vector<NamedModel> namedModels;
+
+// The keyword of a model's end, on the line behind the model. False if it is another keyword.
+bool ReadModelEnd(const Keyword& keyword, Line& line, std::size_t index) {
+  const bool obj = keyword == "obj_end", hair = keyword == "hair_end";
+  if (!obj && !hair) return false;
+  const std::string name = ReadString(line);
+  NoteOfFormat2(line);
+  const ModelKind kind = obj ? ModelKind::kObj : ModelKind::kHair;
+  const bool follows = !namedModels.empty() && namedModels.back().object == index &&
+                       namedModels.back().part + 1 == objectTable[index].parts.size() &&
+                       namedModels.back().kind == kind;
+  if (follows) {
+    namedModels.back().endName = name;
+    namedModels.back().endPlace = line.Place();
+  } else if (line.text.notes) {
+    NoteLine(line, FindingCode::kUnfitEnd,
+             obj ? "no \"obj\" stands on the line before it" : "no \"hair\" stands on the line before it");
+  }
+  return true;
+}
+
+// The path of a model's end; in format 1 there is none.
+std::string EndPath(const NamedModel& model) {
+  return settings.format < 2 || model.endName.empty() ? std::string() : ScenePath(model.endName);
+}
+
+void NoteEndResult(const NamedModel& model, EndResult result) {
+  if (!sceneNotes || result == EndResult::kTaken) return;
+  if (result == EndResult::kMissing)
+    Note(model.endPlace, FindingCode::kMissingModel, "cannot open the file " + Quoted(model.endName));
+  else
+    Note(model.endPlace, FindingCode::kUnfitEnd,
+         Quoted(model.endName) + " has another number of vertices or faces than " + Quoted(model.name) +
+             ": nothing moves");
+}
 
 // The keyword of a model file, which makes a Part of its own. False if it is another keyword.
 bool ReadModelName(const Keyword& keyword, Line& line, std::size_t index) {
@@ -121,7 +167,10 @@ bool ReadModelName(const Keyword& keyword, Line& line, std::size_t index) {
 
 void ReadObjModel(const NamedModel& model, Part& part) {
   ObjReport report;
-  const bool opened = ReadObjFile(ScenePath(model.name), part, sceneNotes ? &report : nullptr);
+  EndResult end = EndResult::kTaken;
+  const bool opened =
+      ReadObjFile(ScenePath(model.name), part, sceneNotes ? &report : nullptr, EndPath(model), &end);
+  NoteEndResult(model, end);
   if (!sceneNotes) return;
   if (opened)
     sceneNotes->models.push_back({model.place, model.name, model.object, model.part, std::move(report)});
@@ -133,6 +182,8 @@ void ReadStrandModel(const NamedModel& model, Part& part) {
   const bool hair = model.kind == ModelKind::kHair;
   const std::string path = ScenePath(model.name);
   const bool read = hair ? ReadHairFile(path, part) : ReadFurFile(path, part);
+  const std::string endPath = EndPath(model);
+  if (read && hair && !endPath.empty()) NoteEndResult(model, ReadHairEnd(path, endPath, part));
   if (sceneNotes && read)
     sceneNotes->strands.push_back({model.place, model.name, model.object, model.part, {}});
   if (sceneNotes && !read)
@@ -180,6 +231,7 @@ void ReadObjectSection(SceneText& text) {
       return true;
     }
     if (keyword == "instance") return ReadInstanceBlock(text, index);
+    if (ReadModelEnd(keyword, line, index)) return true;
     if (ReadModelName(keyword, line, index)) {
       noted.hasObj |= keyword == "obj";
       noted.hasOther |= keyword != "obj";

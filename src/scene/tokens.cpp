@@ -39,6 +39,13 @@ bool NoteIdle(Line& line, bool isDefault, IdleIn formats) {
   return true;
 }
 
+void NoteOfFormat2(Line& line) {
+  if (!line.text.notes || line.noted) return;
+  NoteLine(line, FindingCode::kUnknownKeyword, "is a keyword of format 2 alone");
+  line.text.notes->findings.back().ofFormat1 = true;
+  line.noted = false;  // what else is wrong with it shows in format 2
+}
+
 std::string_view RestOfLine(const Line& line) {
   const std::string_view rest = line.values.Rest();
   return rest.substr(std::min(rest.find_first_not_of(kBlanks), rest.size()));

@@ -89,6 +89,9 @@ void NoteName(Line& line, NameKind kind, const std::string& name);
 enum class IdleIn { kAll, kFormat1 };
 bool NoteIdle(Line& line, bool isDefault, IdleIn formats = IdleIn::kAll);
 
+// Of a keyword that format 1 does not know.
+void NoteOfFormat2(Line& line);
+
 // The readers of values return true, so that a handler can end with them: it knew its keyword.
 
 // False if there is no number here. After one that cannot be read, none of the line is.
