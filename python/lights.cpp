@@ -93,7 +93,8 @@ void DefineSkyAndGeometryLight(py::module_& m) {
   Define(m, "set_sky_light_sample", zpSetSkyLightSample, "sample"_a,
          "Shadow rays of a first hit towards the sky's image over all passes. Default 64.");
   Define(m, "set_sky_light_photon", zpSetSkyLightPhoton, "photon"_a,
-         "Number of photons. Default 1000000, which takes time: 0 where there is no final gathering.");
+         "Number of photons. Default 1000000, which takes time: 0 where there is no final gathering. "
+         "In format 2 the default is 0.");
   Define(m, "set_sky_light_shader_link", zpSetSkyLightShaderLink, "shader"_a, kLinkText);
   DefineAdd<kSkyAovs>(m, "add_sky_light_aov", zpAddSkyLightAOV,
                       "Appends an image of the sky light and returns its index.");
@@ -105,7 +106,7 @@ void DefineSkyAndGeometryLight(py::module_& m) {
   Define(m, "set_geometry_light_sample", zpSetGeometryLightSample, "sample"_a,
          "Shadow rays of a first hit to surfaces with virtual light, over all passes. Default 0.");
   Define(m, "set_geometry_light_photon", zpSetGeometryLightPhoton, "photon"_a,
-         "Number of photons of emissive surfaces. Default 1000000.");
+         "Number of photons of emissive surfaces. Default 1000000, in format 2 0.");
   Define(m, "set_geometry_light_shader_link", zpSetGeometryLightShaderLink, "shader"_a, kLinkText);
   DefineAdd<kGeometryAovs>(m, "add_geometry_light_aov", zpAddGeometryLightAOV,
                            "Appends an image of the geometry light and returns its index.");
