@@ -95,7 +95,8 @@ void DefineSkyAndGeometryLight(py::module_& m) {
          "Shadow rays of a first hit towards the sky's image over all passes. Default 64.\n"
          "In format 2 in each pass, default 1.");
   Define(m, "set_sky_light_photon", zpSetSkyLightPhoton, "photon"_a,
-         "Number of photons. Default 1000000, which takes time: 0 where there is no final gathering.");
+         "Number of photons. Default 1000000, which takes time: 0 where there is no final gathering. "
+         "In format 2 the default is 0.");
   Define(m, "set_sky_light_shader_link", zpSetSkyLightShaderLink, "shader"_a, kLinkText);
   DefineAdd<kSkyAovs>(m, "add_sky_light_aov", zpAddSkyLightAOV,
                       "Appends an image of the sky light and returns its index.");
@@ -108,7 +109,7 @@ void DefineSkyAndGeometryLight(py::module_& m) {
          "Shadow rays of a first hit to surfaces with virtual light, over all passes. Default 0.\n"
          "In format 2 in each pass, default 1.");
   Define(m, "set_geometry_light_photon", zpSetGeometryLightPhoton, "photon"_a,
-         "Number of photons of emissive surfaces. Default 1000000.");
+         "Number of photons of emissive surfaces. Default 1000000, in format 2 0.");
   Define(m, "set_geometry_light_shader_link", zpSetGeometryLightShaderLink, "shader"_a, kLinkText);
   DefineAdd<kGeometryAovs>(m, "add_geometry_light_aov", zpAddGeometryLightAOV,
                            "Appends an image of the geometry light and returns its index.");

@@ -182,7 +182,8 @@ void DefineLifeCycle(py::module_& m) {
   DefineLong(m, "finalize_accelerator", FinalizeAccelerator, "Empties the table of objects.");
   DefineLong(m, "initialize_renderer", zpInitializeRenderer, "Limits the settings, casts photons.");
   DefineLong(m, "finalize_renderer", zpFinalizeRenderer,
-             "Drops photons; puts ray depth, photon depth, sample and radius back.");
+             "Drops photons; puts ray depth, photon depth, sample and radius back; in format 2 distance and "
+             "resolution.");
 }
 
 // One pass as a new array; `out` of zpRenderPixels.
@@ -232,14 +233,17 @@ void DefineRendering(py::module_& m) {
   Define(m, "set_renderer_bounce", zpSetRendererBounce, "bounce"_a,
          "Diffuse bounces before a path stops or photons answer. From 1, default 1. A second scene inherits "
          "it.");
-  Define(m, "set_renderer_distance", zpSetRendererDistance, "distance"_a,
-         "Final gathering: hits nearer than this, scene units, are gathered further. Default 1.\n"
-         "0 turns final gathering off: path tracing. A second scene inherits it.");
+  Define(
+      m, "set_renderer_distance", zpSetRendererDistance, "distance"_a,
+      "Final gathering: hits nearer than this, scene units, are gathered further. Default 1, in format 2 0.\n"
+      "0 turns final gathering off: path tracing. In format 1 a second scene inherits it.");
   Define(m, "set_renderer_resolution", zpSetRendererResolution, "resolution"_a,
-         "Final gathering: area of one density cell, scene units squared. Default 1; 0 turns it off.\n"
-         "A second scene inherits it.");
-  Define(m, "set_renderer_radius", zpSetRendererRadius, "radius"_a,
-         "Radius of the photon gather, scene units. Default 1.");
+         "Final gathering: area of one density cell, scene units squared. Default 1, in format 2 0; 0 turns "
+         "it off.\n"
+         "In format 1 a second scene inherits it.");
+  Define(
+      m, "set_renderer_radius", zpSetRendererRadius, "radius"_a,
+      "Radius of the photon gather, scene units. Default 1, in format 2 0.005 of the diagonal of the scene.");
 }
 
 }  // namespace

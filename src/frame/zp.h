@@ -82,9 +82,9 @@
 /// - The names of this header are global: it declares no namespace.
 ///
 /// **Several scenes in one process.** zpStartup() again, after zpFinalize() and zpShutdown(). What no reset
-/// touches carries over: clamp, error colour, distance, resolution, bounce, display gamma, the preview
-/// window, the sky's image and backdrop (and the turbidity, albedo and stretch of scene text), and the
-/// folders in which zpGo() made pictures be sought. The radius of caustics, ray depth, photon depth and
+/// touches carries over: clamp, error colour, in format 1 distance and resolution, bounce, display gamma, the
+/// preview window, the sky's image and backdrop (and the turbidity, albedo and stretch of scene text), and
+/// the folders in which zpGo() made pictures be sought. The radius of caustics, ray depth, photon depth and
 /// renderer samples are put back by zpFinalizeRenderer(), the rest of the sky and the geometry light by
 /// zpStartup().
 ///
@@ -256,7 +256,7 @@ void zpFinalizeAccelerator() noexcept;
 /// photons again on top of what the cells hold.
 void zpInitializeRenderer() noexcept;
 /// Drops the stored photons and puts back the radius of caustics (1), ray depth (8), photon depth (8) and
-/// renderer samples (64, in format 2 1). All other settings stay.
+/// renderer samples (64, in format 2 1), in format 2 distance and resolution as well. All other settings stay.
 void zpFinalizeRenderer() noexcept;
 /// @}
 
@@ -308,8 +308,9 @@ void zpSetRendererPhotonDepth(int depth) noexcept;
 /// zpInitializeRenderer(). What is set after that acts at once on the count of rays, not on their weight
 /// against light samples, and is not limited.
 void zpSetRendererSample(int sample) noexcept;
-/// Diffuse and glossy bounces before a path ends or, in final gathering, the cells answer. Default 1; carries
-/// over; at least 1 from zpInitializeRenderer() on. Mirrors and glass do not count.
+/// Diffuse and glossy bounces before a path ends or, in final gathering, the cells answer; there it is the
+/// diffuse ones in format 2, and paths without cells go on. Default 1; carries over; at least 1 from
+/// zpInitializeRenderer() on. Mirrors and glass do not count.
 void zpSetRendererBounce(int bounce) noexcept;
 /// Final gathering: with zpSetRendererBounce() of 2 or more, indirect hits nearer than this are gathered once
 /// more, farther ones answer from the cells. Scene units; default 1, which carries over, in format 2 0. 0 or
@@ -625,8 +626,8 @@ void zpSetSkyLightBackdrop(const char* path) noexcept;
 /// Shadow rays of a first hit towards bright parts of the picture, as zpSetPointLightSample(); default 64, in
 /// format 2 1; 0 or less: none, rays find the sky by themselves. A sky without a picture is never sampled.
 void zpSetSkyLightSample(int sample) noexcept;
-/// Number of photons; default 1000000; 0 or less: none, and in final gathering no sky light in the cells.
-/// They are cast in final gathering and for light paths.
+/// Number of photons; default 1000000, in format 2 0; 0 or less: none, and in final gathering no sky light in
+/// the cells. They are cast in final gathering and for light paths.
 void zpSetSkyLightPhoton(int photon) noexcept;
 /// As zpSetPointLightShaderLink(). Camera rays see the sky all the same.
 void zpSetSkyLightShaderLink(int shader) noexcept;
@@ -650,9 +651,9 @@ void zpSetSkyLightAOVName(int aov, const char* name) noexcept;
 /// Shadow rays of a first hit towards layers with zpSetSurfaceVirtualLight(), which tells why none is best,
 /// as zpSetPointLightSample(); default 0, as below 0: none; in format 2 1.
 void zpSetGeometryLightSample(int sample) noexcept;
-/// Number of photons of all emissive layers; default 1000000; 0 or less: none. They are cast in final
-/// gathering, with virtual lights in path tracing as well (caustics), and for light paths. Nothing emissive
-/// casts none.
+/// Number of photons of all emissive layers; default 1000000, in format 2 0; 0 or less: none. They are cast
+/// in final gathering, with virtual lights in path tracing as well (caustics), and for light paths. Nothing
+/// emissive casts none.
 void zpSetGeometryLightPhoton(int photon) noexcept;
 /// As zpSetPointLightShaderLink(). Camera rays see emission all the same.
 void zpSetGeometryLightShaderLink(int shader) noexcept;
