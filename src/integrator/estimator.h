@@ -102,6 +102,7 @@ inline bool IsInOpen(const RayRecord& ray) { return IsSameMedium(ray.ior, settin
 
 // Media. Whether there are any that rays have to know, and what index the open has. Needs the accelerator.
 void InitializeMedia();
+extern bool sceneHasMedia;  // some medium absorbs; from InitializeMedia on
 // Goes through the surface of a body: into it at its front, out of it at its back.
 void CrossSurface(RayRecord& ray, std::int32_t shader, bool front);
 // The share of light that media leave on the way of a ray to its hit, or out of the scene.

@@ -8,6 +8,9 @@
 #include "integrator/integrator.h"
 
 namespace zp {
+
+bool sceneHasMedia = false;
+
 namespace {
 
 Vec3 Share(const VolumeShader& medium, float distance) {
@@ -79,7 +82,8 @@ bool HasMedia() {
 }  // namespace
 
 void InitializeMedia() {
-  settings.derived.tracksMedia = settings.format >= 2 && HasMedia();
+  sceneHasMedia = HasMedia();
+  settings.derived.tracksMedia = settings.format >= 2 && sceneHasMedia;
   // In format 1 the open is where the index is 1, also for a camera that stands in a world of another one.
   settings.derived.openIor = 1;
   const Camera* camera = ActiveCamera();

@@ -161,7 +161,7 @@ Vec3 Radiance(RayRecord& ray) {
   Vec3 sum;
   for (const Vec3& light : radiance.lobes.values) sum += light;
   sum += radiance.emission;
-  return sum * Transmission(ray);
+  return sceneHasMedia ? sum * Transmission(ray) : sum;
 }
 
 }  // namespace zp
