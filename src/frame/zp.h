@@ -274,8 +274,8 @@ void zpFinalizeRenderer() noexcept;
 void zpRender() noexcept;
 /// Renders one pass of the first camera into memory. No running mean is touched: the beauty image stays as it
 /// was, and the mean is the caller's to take. The other images of the camera and the lights get their share
-/// of that pass, so call each pass number once; zpFinalize() writes them. Nothing is written, printed, moved
-/// or dropped here, and a moving scene stands still. After zpInitialize(); not after a finished zpRender(),
+/// of that pass, so call each pass number once; zpFinalize() writes them. Nothing is written, printed or
+/// dropped here, and in format 1 nothing moves. After zpInitialize(); not after a finished zpRender(),
 /// which has dropped the lights. Without a camera: an error row.
 /// @param count  pixels to copy; below 1 nothing is rendered; what exceeds the region's pixels is left as it
 /// was
