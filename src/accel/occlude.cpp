@@ -77,10 +77,10 @@ struct OccluderWalk {
     const bool opaque = front ? met.frontOpaque : met.backOpaque;
     if (opaque && !met.cutsOut) return true;
     const Corners corners = HitCorners(part, kind, index, hit.barycentric);
-    const Vec3 passes = opaque ? kBlack
-                               : ShadowTransparency(met, front, CornerUv(corners, part),
-                                                    HitCosine(part, index, corners, hit));
-    const float share = Opacity(met, CornerUv(corners, part));
+    const auto uv = CornerUv(corners, part);
+    const Vec3 passes =
+        opaque ? kBlack : ShadowTransparency(met, front, uv, HitCosine(part, index, corners, hit));
+    const float share = met.cutsOut ? Opacity(met, uv) : 1.0f;
     ray.throughput *= share == 1 ? passes : kWhite * (1 - share) + share * passes;
     if (IsBlack(ray.throughput)) return true;
     if (counts.crossings != nullptr && share > 0)

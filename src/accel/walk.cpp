@@ -32,10 +32,10 @@ template <Seek kSeek>
 struct NearestWalk {
   const Object& object;
   RayRecord& ray;
-  Vec3 start;                   // the ray's origin in scene space
-  std::uint64_t key = 0;        // of the ray in this Object; for cut-outs
-  std::int32_t shader = kNone;  // of the outermost Instance that has one; it stands for all below
-  bool cutsOut = false;         // some hits do not count
+  const InsideInstance* outermost = nullptr;  // of the Instances around; null at the root
+  bool cutsOut = false;                       // some hits do not count
+  std::int32_t shader = kNone;  // for these: of the outermost Instance that has one; it stands for all below
+  std::uint64_t key = 0;        // and of the ray in this Object
   bool hit = false;
 
   void Store(const Part& part, std::uint8_t kind, std::uint32_t index, const PrimitiveHit& found) {
@@ -51,6 +51,13 @@ struct NearestWalk {
     ray.hitPlace = ray.place;
     ray.levelZeroHit = object.level == 0;
     hit = true;
+  }
+
+  void MindCutOuts(std::uint64_t rayKey, std::int32_t outermostShader) {
+    key = rayKey;
+    shader = outermostShader;
+    const PackedTree* tree = object.packed.get();
+    cutsOut = shader == kNone ? tree != nullptr && tree->cutsOut : CutsOut(shader);
   }
 
   // Whether a hit that is nearer than all before counts.
@@ -87,7 +94,7 @@ struct NearestWalk {
     const Vec3 o = ray.origin;
     if (ray.matrixDepth == 0 || !MeasuresInScene())
       return kHitEpsilon * (1.0f + std::fabs(o.x) + std::fabs(o.y) + std::fabs(o.z));
-    return kHitEpsilon * (1.0f + Reach(start) + Reach(o) * std::sqrt(InverseSquare(ray, true)));
+    return kHitEpsilon * (1.0f + Reach(outermost->origin) + Reach(o) * std::sqrt(InverseSquare(ray, true)));
   }
 
   // Probes below a surface know no particles and no strands.
@@ -152,7 +159,7 @@ struct NearestWalk {
 
   void EnterInstance(const Instance& instance);
 
-  void Run();
+  [[gnu::always_inline]] void Run();
   template <int kStackSize>
   void RunWithStack(const PackedTree& tree);
 
@@ -229,12 +236,11 @@ void NearestWalk<kSeek>::RunWithStack(const PackedTree& tree) {
 }
 
 template <Seek kSeek>
-void NearestWalk<kSeek>::Run() {
+inline void NearestWalk<kSeek>::Run() {
   const PackedTree* tree = object.packed.get();
   if (tree == nullptr || tree->nodes.size() == 0) return;
   if (kSeek == Seek::kAll && (ray.matrixDepth == 0 || !MeasuresInScene()))
     ray.direction = SafeNormalize(ray.direction);
-  cutsOut = shader == kNone ? tree->cutsOut : CutsOut(shader);
   if (tree->stackSize <= kFewStackEntries)
     RunWithStack<kFewStackEntries>(*tree);
   else
@@ -245,9 +251,10 @@ template <Seek kSeek>
 void NearestWalk<kSeek>::EnterInstance(const Instance& instance) {
   if (instance.object < 0 || ray.matrixDepth >= kMostInstanceLevels) return;
   const InsideInstance inside(ray, instance);
-  NearestWalk inner{At(objectTable, instance.object), ray, start};
-  inner.shader = shader == kNone ? instance.shader : shader;
-  if (cutOutsExist) inner.key = MixKey(key, static_cast<std::uint64_t>(&instance - object.instances.data()));
+  NearestWalk inner{At(objectTable, instance.object), ray, outermost == nullptr ? &inside : outermost};
+  if (cutOutsExist) [[unlikely]]
+    inner.MindCutOuts(MixKey(key, static_cast<std::uint64_t>(&instance - object.instances.data())),
+                      shader == kNone ? instance.shader : shader);
   inner.Run();
   if (!inner.hit) return;
   Mat3& matrix = matrixStacks[ray.thread][ray.matrixDepth - 1];
@@ -261,8 +268,9 @@ template <Seek kSeek>
 bool WalkFromRoot(RayRecord& ray) {
   ++threadSlots[ray.thread].rays;
   if (!PrepareRay(ray)) return false;
-  NearestWalk<kSeek> walk{At(objectTable, rootObject), ray, ray.origin};
-  if (cutOutsExist) walk.key = RayKey(ray);
+  NearestWalk<kSeek> walk{At(objectTable, rootObject), ray};
+  if (cutOutsExist) [[unlikely]]
+    walk.MindCutOuts(RayKey(ray), kNone);
   walk.Run();
   return walk.hit;
 }

@@ -96,21 +96,20 @@ struct Placement {
   }
 };
 
-// What an Instance makes of the face normal, the normal and the tangent. By format 1 tangents and the axes of
-// strands turn as normals do, which is right where all axes scale alike. True if the bitangent goes over to
-// the tangent's other side.
-bool PlaceSurface(const RayRecord& ray, LocalSurface& surface, Vec3& normal) {
+// What an Instance makes of the face normal, the normal and the tangent by format 2. By format 1 tangents and
+// the axes of strands turn as normals do, which is right where all axes scale alike. True if the bitangent
+// goes over to the tangent's other side.
+[[gnu::noinline]] bool PlaceExactly(const RayRecord& ray, LocalSurface& surface, Vec3& normal) {
   const Placement placement(HitNormalMatrix(ray));
-  const bool exact = settings.format >= 2;
-  if (exact && ray.kind == kKindCylinder) {
-    if (surface.tangent == kBlack) surface.tangent = UnitPerpendicular(placement.Inwards(ray.direction));
-    surface.faceNormal = normal =
-        CylinderNormal(UnitVector(placement.Inwards(ray.direction)), surface.tangent, ray.barycentric.x);
+  if (ray.kind == kKindCylinder) {
+    const Vec3 direction = UnitVector(placement.Inwards(ray.direction));
+    if (surface.tangent == kBlack) surface.tangent = UnitPerpendicular(direction);
+    surface.faceNormal = normal = CylinderNormal(direction, surface.tangent, ray.barycentric.x);
   }
   surface.faceNormal = UnitVector(placement.normals * surface.faceNormal);
   normal = UnitVector(placement.normals * normal);
-  surface.tangent = UnitVector((exact ? placement.tangents : placement.normals) * surface.tangent);
-  return exact && placement.mirrors;
+  surface.tangent = UnitVector(placement.tangents * surface.tangent);
+  return placement.mirrors;
 }
 
 }  // namespace
@@ -124,7 +123,11 @@ void SetFrame(ShadingPoint& point, Vec3 tangent) {
   point.tangent = UnitVector(Cross(point.bitangent, point.normal));
 }
 
-bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
+namespace {
+
+// `kExact`: the hit lies in an Instance, by format 2.
+template <bool kExact>
+bool SetUp(const RayRecord& ray, ShadingPoint& point) {
   if (ray.part == nullptr || ray.primitive < 0 || ray.shader < 0) return false;
   if (!HasShader(ray.shader)) return false;
   const Shader& shader = ShaderAt(ray.shader);
@@ -138,9 +141,16 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
     const Vec3 smooth = CornerSum(surface.corners, ray.part->normals);
     if (Dot(smooth, smooth) > 0) normal = UnitVector(smooth);
   }
-  const bool placed = ray.hitMatrixDepth > 0;
-  bool mirrored = placed && PlaceSurface(ray, surface, normal);
-  if (ray.kind == kKindCylinder && !(placed && settings.format >= 2)) {
+  bool mirrored = false;
+  if constexpr (kExact) {
+    mirrored = PlaceExactly(ray, surface, normal);
+  } else if (ray.hitMatrixDepth > 0) {
+    const Mat3 toWorld = HitNormalMatrix(ray);
+    surface.faceNormal = UnitVector(toWorld * surface.faceNormal);
+    normal = UnitVector(toWorld * normal);
+    surface.tangent = UnitVector(toWorld * surface.tangent);
+  }
+  if (ray.kind == kKindCylinder && !kExact) {
     // A curve that stands still where it was hit has no axis; any across the view will do.
     if (surface.tangent == kBlack) surface.tangent = UnitPerpendicular(ray.direction);
     surface.faceNormal = normal = CylinderNormal(ray.direction, surface.tangent, ray.barycentric.x);
@@ -165,6 +175,12 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
   }
   FinishShadingPoint(point, shader, ray.frontFace);
   return true;
+}
+
+}  // namespace
+
+bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
+  return settings.format >= 2 && ray.hitMatrixDepth > 0 ? SetUp<true>(ray, point) : SetUp<false>(ray, point);
 }
 
 }  // namespace zp
