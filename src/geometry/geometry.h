@@ -83,7 +83,8 @@ Box CylinderBox(const Part& part, std::uint32_t index);
 // The box of one reference; an Instance's is its stored world box.
 Box PrimitiveBox(const Object& object, const PrimitiveRef& reference);
 
-// Areas by Heron's rule on squared edges, with the safe root; scene units squared.
+// Areas by Heron's rule on squared edges; scene units squared. By the safe root in format 1, so that none is
+// below 2.5e-6.
 float TriangleArea(const Part& part, std::uint32_t index);
 float TetragonArea(const Part& part, std::uint32_t index);
 
@@ -131,8 +132,13 @@ void Displace(Part& part);
 // Inverse and normal matrix of the Instance, and its world box around `bounds`.
 void FinishInstance(Instance& instance, const Box& bounds);
 bool Invert(const Mat4& matrix, Mat4& inverse);
-// Fills both emission lists from the Parts' shaders and the Instances' Objects.
+// Fills the emission lists from the Parts' shaders and the Instances' Objects, which are ready.
 void BuildEmissionLists(Object& object);
+// An emitting face's area in the world, by its share of the area of the root Object's list: 1 but inside
+// Instances that scale unevenly.
+//   normalToWorld  product of the normal matrices of all Instances around it
+//   faceNormal     unit, in the space of its own Object
+float AreaStretch(const Mat3& normalToWorld, Vec3 faceNormal);
 void PrintObjectReport(const Object& object);
 
 }  // namespace zp

@@ -47,6 +47,7 @@ float HeronArea(Vec3 p0, Vec3 p1, Vec3 p2) {
   };
   const double a = squared(p0, p1), b = squared(p1, p2), c = squared(p2, p0);
   const double radicand = (a + b + c) * (a + b + c) - 2 * (a * a + b * b + c * c);
+  if (settings.format >= 2) return static_cast<float>(0.25 * std::sqrt(std::max(radicand, 0.0)));
   return static_cast<float>(0.25 * (radicand > 1e-10 ? std::sqrt(radicand) : 1e-5));
 }
 

@@ -35,6 +35,7 @@ RayRecord MakeChildRay(const RayRecord& parent, const ShadingPoint& point, Event
   child.depth = static_cast<std::uint8_t>(parent.depth + 1);
   child.event = event;
   child.previousEvent = parent.event == event ? parent.previousEvent : parent.event;
+  if (event < kEventSpecular) child.scattering = IsHair(point) ? kEventGlossy : event;
   return child;
 }
 
