@@ -79,8 +79,8 @@ int AddGlass(const char* name, Color color) {
 }
 
 // Emission as radiance, of the front side only. Paths find its light where they meet the surface. (A virtual
-// light is sampled as well, but of the right brightness only at pi / 18481 square units and far too dark at
-// the size of these panels. For a small lamp take a point light with a blur.)
+// light is sampled as well, which is far quicker in format 2. In format 1 it is of the right brightness only
+// at pi / 18481 square units, and far too dark at the size of these panels.)
 int AddEmitter(const char* name, Color radiance) {
   const int shader = AddShader(name);
   const int layer = zpAddSurfaceShader(shader);

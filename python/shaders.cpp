@@ -62,9 +62,8 @@ void DefineShaders(py::module_& m) {
       m, "set_surface_virtual_light", zpSetSurfaceVirtualLight, "shader"_a, "layer"_a,
       py::arg("on").noconvert(),
       "Whether an emissive layer is sampled as a light; see set_geometry_light_sample. Default False.\n"
-      "Right only for lamps of pi / 18481 square units, some 50 times too dark at one: leave it off, or "
-      "take\n"
-      "a point light with a blur.");
+      "In format 1 right only for lamps of pi / 18481 square units, some 50 times too dark at one: leave it\n"
+      "off there, or take a point light with a blur.");
   DefineAdd<kDisplacements>(m, "add_displacement_shader", zpAddDisplacementShader, "shader"_a,
                             "Appends a displacement layer and returns its index.");
   m.def("set_displacement_image", SetDisplacementImage, "shader"_a, "layer"_a, "path"_a, "gamma"_a = 1.0f,

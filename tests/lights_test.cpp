@@ -334,6 +334,48 @@ TEST_F(GeometryLightTest, PicksInProportionToArea) {
   ExpectShares(counts, shares);
 }
 
+// In format 2 each sample counts by the reciprocal of its density, whatever stands around its face: the mean
+// is the solid angle of what shines.
+TEST_F(GeometryLightTest, SamplesCoverTheSolidAngle) {
+  const Mat4 stretched = {{{-4, 1, 0, 3}, {0, 0.5f, 0, -1}, {1, 0, 0.1f, 2}, {0, 0, 0, 1}}};
+  enum Kind { kShines, kOverridden, kSwitchedOff };
+  for (Kind kind : {kShines, kOverridden, kSwitchedOff}) {
+    Restart();
+    settings.format = 2;
+    const std::int32_t lamp = AddEmissive(kWhite, Sideness::kBoth), off = AddShader("off", kBlack, kBlack);
+    objectTable.clear();
+    objectTable.resize(3);
+    AddFace(objectTable[2].parts.emplace_back(), {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}},
+            kind == kOverridden ? off : lamp);
+    Instance inner;
+    inner.object = 2;
+    inner.matrix = Rigid(0.7f, {1, 0, -1});
+    objectTable[1].instances = {inner};
+    PlaceInRoot(1, stretched, kind == kOverridden ? lamp : kind == kSwitchedOff ? off : kNone);
+    PlaceInRoot(2, Lifted(0.5f), lamp);
+    InitializeScene();
+    double mean = 0, expected = 0;
+    constexpr std::uint32_t kSamples = 100000;
+    for (std::uint32_t i = 0; i < kSamples; ++i) {
+      LightSample sample;
+      if (SampleGeometryLight(kBlack, i, kSamples, RandomFloat(), RandomFloat(), sample))
+        mean += double{kPi * sample.factor} / kSamples;
+    }
+    for (const bool placed : {false, true}) {
+      const auto corner = [&](Vec3 p) {
+        return UnitVector(placed ? TransformPoint(stretched, TransformPoint(inner.matrix, p))
+                                 : p + Vec3{0, 0, 0.5f});
+      };
+      const Vec3 a = corner({0, 0, 0}), c = corner({1, 1, 0});
+      for (const Vec3 b : {corner({1, 0, 0}), corner({0, 1, 0})})  // van Oosterom and Strackee, 1983
+        if (!placed || kind != kSwitchedOff)
+          expected += 2 * std::fabs(std::atan2(Dot(a, Cross(b, c)), 1 + Dot(a, b) + Dot(b, c) + Dot(c, a)));
+    }
+    EXPECT_NEAR(mean / expected, 1, 0.01) << kind;
+  }
+  settings.format = 1;
+}
+
 TEST_F(GeometryLightTest, FirstDrawIsStratified) {
   const std::int32_t shader = AddEmissive(kWhite);
   Part& part = Geometry();

@@ -80,6 +80,7 @@ struct RayRecord {
   bool photonIndirect = false;
   bool photonStore = false;
   bool levelZeroHit = false;  // the hit Object is the RootObject
+  std::uint8_t scattering = kEventSpecular;  // the last event that was no mirror's; a hair's counts as glossy
 };
 static_assert(std::is_trivially_copyable_v<RayRecord>);
 

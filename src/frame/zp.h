@@ -454,9 +454,10 @@ void zpSetSurfaceMaterial(int shader, int layer, Material material) noexcept;
 void zpSetSurfaceSideness(int shader, int layer, Sideness sideness) noexcept;
 /// Whether emission of the layer is sampled directly, with zpSetGeometryLightSample() rays; default false.
 /// Triangles and tetragons only.
-/// Intended: samples are of the right brightness for lamps of pi / 18481 square units (1.3 x 1.3 cm in
-/// metres) together, and at one square unit some 50 times too dark: leave emitters unsampled, or take a point
-/// light with zpSetPointLightBlur() for a small lamp.
+/// The quickest way to render lamps of any size, in format 2.
+/// Intended: in format 1 samples are of the right brightness for lamps of pi / 18481 square units (1.3 x 1.3
+/// cm in metres) together, and at one square unit some 50 times too dark: leave emitters unsampled, or take a
+/// point light with zpSetPointLightBlur() for a small lamp.
 void zpSetSurfaceVirtualLight(int shader, int layer, bool on) noexcept;
 /// Appends a displacement layer and returns its index in the Shader. Layers act one after another, on
 /// triangles and tetragons that have normals and tangents (from texture coordinates and a smoothing angle, or
@@ -642,14 +643,14 @@ void zpSetSkyLightAOVName(int aov, const char* name) noexcept;
 /// @}
 
 /// @defgroup geometrylight Geometry light
-/// All emissive surfaces together. Rays find them by themselves; samples and photons help. Only the root
-/// Object's own triangles and tetragons, and those that it places if it has a Part of its own, take part in
-/// samples and photons. Set it after zpStartup(), which resets it, and before zpInitialize(). The end of a
+/// All emissive surfaces together. Rays find them by themselves; samples and photons help. Only triangles and
+/// tetragons take part in these; in format 1 the root Object's own, and those that it places if it has a Part
+/// of its own. Set it after zpStartup(), which resets it, and before zpInitialize(). The end of a
 /// frame resets it.
 /// @{
 
-/// Shadow rays of a first hit towards layers with zpSetSurfaceVirtualLight(), which tells why none is best,
-/// as zpSetPointLightSample(); default 0, as below 0: none; in format 2 1.
+/// Shadow rays of a first hit towards layers with zpSetSurfaceVirtualLight(), which tells why none is best in
+/// format 1, as zpSetPointLightSample(); default 0, as below 0: none; in format 2 1.
 void zpSetGeometryLightSample(int sample) noexcept;
 /// Number of photons of all emissive layers; default 1000000, in format 2 0; 0 or less: none. They are cast
 /// in final gathering, with virtual lights in path tracing as well (caustics), and for light paths. Nothing

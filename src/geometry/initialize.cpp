@@ -142,10 +142,17 @@ void FlipFaces(Part& part) {
     if (flips(tetragon.shader)) std::swap(tetragon.vertex[0], tetragon.vertex[2]);
 }
 
+// What no ray meets sheds no light in format 2, sampled or not.
+bool IsUnseenEmitter(std::int32_t shader) {
+  return settings.format >= 2 && HasShader(shader) &&
+         ShaderAt(shader).geometry.visibility == Visibility::kInvisible;
+}
+
 // Adds the records of one primitive, in the order of the four flags of its Shader.
 void AddEmitter(Object& object, EmissionRecord record, std::int32_t shaderIndex) {
   if (!HasShader(shaderIndex)) return;
   const Shader& shader = ShaderAt(shaderIndex);
+  if (record.kind != kKindInstance && IsUnseenEmitter(shaderIndex)) return;
   const auto add = [&](EmissionList& list, bool flag, std::uint8_t side) {
     if (!flag) return;
     record.side = side;
@@ -172,6 +179,100 @@ void FinishEmissionList(EmissionList& list) {
   }
   list.area = static_cast<float>(total);
   list.distribution = MakeDistribution(areas);
+  list.shares.clear();
+  if (settings.format < 2 || list.distribution.weights.empty()) return;
+  list.shares.reserve(areas.size());
+  double running = 0;
+  for (const float area : areas) list.shares.push_back((running += static_cast<double>(area)) / total);
+}
+
+// The cube root of a determinant, squared: how a matrix scales areas, in the mean of all directions. Exact
+// for turns, mirrors and even scales; AreaStretch makes up for the rest.
+double AreaScale(const Mat4& matrix) {
+  const auto& m = matrix.m;
+  const auto minor = [&](int i, int j) {
+    return double{m[1][i]} * double{m[2][j]} - double{m[1][j]} * double{m[2][i]};
+  };
+  const double determinant =
+      double{m[0][0]} * minor(1, 2) - double{m[0][1]} * minor(0, 2) + double{m[0][2]} * minor(0, 1);
+  const double root = std::cbrt(determinant);
+  return root * root;
+}
+
+// Calls visit(record) for every face of the Part with that index: part, kind, index and area are set.
+template <class Visit>
+void ForEachFace(const Object& object, std::size_t index, Visit visit) {
+  const Part& part = object.parts[index];
+  EmissionRecord record;
+  record.part = static_cast<std::int32_t>(index);
+  record.kind = kKindTriangle;
+  for (record.index = 0; record.index < part.triangles.size(); ++record.index)
+    visit(record, part.triangles[record.index].shader, TriangleArea);
+  record.kind = kKindTetragon;
+  for (record.index = 0; record.index < part.tetragons.size(); ++record.index)
+    visit(record, part.tetragons[record.index].shader, TetragonArea);
+}
+
+// A record for each Instance, in the order of the list; its area is what its Object's `list` has.
+template <class Add>
+void ForEachPlaced(const Object& object, Add add) {
+  EmissionRecord record;
+  record.kind = kKindInstance;
+  for (record.index = 0; record.index < object.instances.size(); ++record.index) {
+    const Instance& instance = object.instances[record.index];
+    // A matrix without an inverse is never hit.
+    if (IsIndex(objectTable, instance.object) && !IsEmpty(instance.bounds))
+      add(record, instance, At(objectTable, instance.object), AreaScale(instance.matrix));
+  }
+}
+
+void FillFaces(Object& object) {
+  if (!object.faces.records.empty()) return;
+  for (std::size_t p = 0; p < object.parts.size(); ++p)
+    ForEachFace(object, p, [&](EmissionRecord record, std::int32_t shader, auto area) {
+      if (IsUnseenEmitter(shader)) return;
+      record.area = area(object.parts[p], record.index);
+      object.faces.records.push_back(record);
+    });
+  ForEachPlaced(object, [&](EmissionRecord record, const Instance&, Object& placed, double scale) {
+    FillFaces(placed);
+    record.area = static_cast<float>(scale * double{placed.faces.area});
+    object.faces.records.push_back(record);
+  });
+  FinishEmissionList(object.faces);
+}
+
+// Each Instance once, by its area in the world; what it overrides is in the lists as it is hit.
+void AddInstances(Object& object) {
+  ForEachPlaced(object, [&](EmissionRecord record, const Instance& instance, Object& placed, double scale) {
+    const auto add = [&](EmissionList& list, float area) {
+      record.area = static_cast<float>(scale * double{area});
+      if (area > 0) list.records.push_back(record);
+    };
+    if (instance.shader == kNone) {
+      add(object.emitters, placed.emitters.area);
+      add(object.virtualLights, placed.virtualLights.area);
+    } else if (IsLight(instance.shader)) {
+      FillFaces(placed);
+      record.area = static_cast<float>(scale * double{placed.faces.area});
+      AddEmitter(object, record, instance.shader);
+    }
+  });
+}
+
+// The rule of format 1, of which the area and the emitters of Instances are a part: inside the loop over the
+// Parts, so that k Parts count each Instance k times, and none never.
+void AddInstancesOfPart(Object& object) {
+  EmissionRecord record;
+  record.kind = kKindInstance;
+  for (record.index = 0; record.index < object.instances.size(); ++record.index) {
+    const std::int32_t target = object.instances[record.index].object;
+    const bool known = IsIndex(objectTable, target);
+    record.area = known ? At(objectTable, target).emitters.area : 0.0f;
+    object.emitters.records.push_back(record);
+    record.area = known ? At(objectTable, target).virtualLights.area : 0.0f;
+    object.virtualLights.records.push_back(record);
+  }
 }
 
 }  // namespace
@@ -290,45 +391,24 @@ void FinishInstance(Instance& instance, const Box& bounds) {
   instance.bounds = box;
 }
 
-// A record for each Instance. Format 1 has them once for each Part, so that k Parts count an Instance's
-// emitters k times, and none never; format 2 once.
-void AddPlacedEmitters(Object& object) {
-  EmissionRecord record;
-  record.kind = kKindInstance;
-  for (record.index = 0; record.index < object.instances.size(); ++record.index) {
-    const std::int32_t target = object.instances[record.index].object;
-    const bool known = IsIndex(objectTable, target);
-    record.area = known ? At(objectTable, target).emitters.area : 0.0f;
-    object.emitters.records.push_back(record);
-    record.area = known ? At(objectTable, target).virtualLights.area : 0.0f;
-    object.virtualLights.records.push_back(record);
-  }
+float AreaStretch(const Mat3& normalToWorld, Vec3 faceNormal) {
+  const auto& m = normalToWorld.m;
+  const auto row = [&](int i) { return Vec3{m[i][0], m[i][1], m[i][2]}; };
+  const Vec3 normal = normalToWorld * faceNormal;
+  return std::sqrt(Dot(normal, normal)) / std::cbrt(std::fabs(Dot(row(0), Cross(row(1), row(2)))));
 }
 
 void BuildEmissionLists(Object& object) {
-  object.emitters = {};
-  object.virtualLights = {};
+  object.emitters = object.virtualLights = object.faces = {};
   for (std::size_t p = 0; p < object.parts.size(); ++p) {
-    const Part& part = object.parts[p];
-    EmissionRecord record;
-    record.part = static_cast<std::int32_t>(p);
-    record.kind = kKindTriangle;
-    for (record.index = 0; record.index < part.triangles.size(); ++record.index) {
-      const std::int32_t shader = part.triangles[record.index].shader;
-      if (!IsLight(shader)) continue;
-      record.area = TriangleArea(part, record.index);
+    ForEachFace(object, p, [&](EmissionRecord record, std::int32_t shader, auto area) {
+      if (!IsLight(shader)) return;
+      record.area = area(object.parts[p], record.index);
       AddEmitter(object, record, shader);
-    }
-    record.kind = kKindTetragon;
-    for (record.index = 0; record.index < part.tetragons.size(); ++record.index) {
-      const std::int32_t shader = part.tetragons[record.index].shader;
-      if (!IsLight(shader)) continue;
-      record.area = TetragonArea(part, record.index);
-      AddEmitter(object, record, shader);
-    }
-    if (settings.format < 2) AddPlacedEmitters(object);
+    });
+    if (settings.format < 2) AddInstancesOfPart(object);
   }
-  if (settings.format >= 2) AddPlacedEmitters(object);
+  if (settings.format >= 2) AddInstances(object);
   FinishEmissionList(object.emitters);
   FinishEmissionList(object.virtualLights);
   if (kValidates) RequireSound(ValidateEmission(object));

@@ -119,11 +119,16 @@ struct EmissionRecord {
   std::uint8_t kind = kKindNone;
   std::uint8_t side = 1;  // 1 front, 0 back
   std::uint32_t index = 0;
-  float area = 0;  // scene units squared, in the space of the list's Object
+  // Scene units squared, in the space of the list's Object. An Instance's is its Object's whole area, in
+  // format 2 as its matrix scales areas in the mean of all directions (AreaScale).
+  float area = 0;
 };
 struct EmissionList {
   std::vector<EmissionRecord> records;
   Distribution distribution;
+  // Of format 2: running sums of the areas over the total, the last 1. Among a million faces the floats of a
+  // Distribution, and draws of 24 bits, would miss some and prefer others.
+  std::vector<double> shares;
   float area = 0;
 };
 
@@ -164,6 +169,7 @@ struct Object {
   std::vector<Instance> instances;
   EmissionList emitters;       // what casts photons
   EmissionList virtualLights;  // what direct lighting samples
+  EmissionList faces;          // all faces, side 1: made where a Shader of an Instance lets all of them emit
   bool deformable = false;     // some Part has motion
   // The tree: filled by accel.
   std::vector<PrimitiveRef> references;  // released after initialisation unless deformable

@@ -69,6 +69,10 @@ void CheckEmission(const Object& object, const EmissionList& list, Fault& fault)
     area += double{record.area};
   }
   fault.Require(list.area == static_cast<float>(area) || std::isnan(area), "emitters' area");
+  fault.Require(
+      list.shares.empty() || (list.shares.size() == list.records.size() && list.shares.back() == 1 &&
+                              std::is_sorted(list.shares.begin(), list.shares.end())),
+      "emitters' running shares");
   const std::size_t shares = list.distribution.weights.size();
   fault.Require(shares == list.records.size() || (shares == 0 && !(area > 0 && std::isfinite(area))),
                 "emitters' shares", shares);

@@ -37,6 +37,7 @@ RayRecord MakeChildRay(const RayRecord& parent, const ShadingPoint& point, Event
   child.previousEvent = parent.event == event ? parent.previousEvent : parent.event;
   const bool crosses = Dot(direction, point.geometricNormal) < 0 && parent.kind != kKindCylinder;
   if (settings.derived.tracksMedia && crosses) CrossSurface(child, parent.shader, parent.frontFace);
+  if (event < kEventSpecular) child.scattering = IsHair(point) ? kEventGlossy : event;
   return child;
 }
 

@@ -51,7 +51,7 @@ LobeRadiance SampleOne(const AnyReceiver& receiver, const GeometryLight& light, 
   const Vec3 visible = Visibility(receiver, sample.direction, sample.distance);
   if (visible == kBlack) return {};
   response = Weighted(receiver, response, sample, BudgetsOf(light));
-  // Intended: the factor's constant stands for pi and the lights' area both.
+  // Intended: in format 1 the factor's constant stands for pi and the lights' area both.
   return Reflect(receiver, response, (kPi * sample.factor) * sample.radiance * visible);
 }
 

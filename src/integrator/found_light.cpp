@@ -32,32 +32,44 @@ float SkyHitWeight(const RayRecord& ray) {
 }
 
 // Whether the samples of the virtual lights can pick the primitive that was hit. The emission lists hold
-// triangles and tetragons by their own Shaders: an Instance does not make virtual lights of what is none.
+// triangles and tetragons by what they show; in format 1 by their own Shaders, whatever an Instance makes of
+// them.
 bool IsInEmissionLists(const RayRecord& ray) {
-  std::int32_t own = kNone;
-  if (ray.kind == kKindTriangle) own = At(ray.part->triangles, ray.primitive).shader;
-  if (ray.kind == kKindTetragon) own = At(ray.part->tetragons, ray.primitive).shader;
-  if (!HasShader(own)) return false;
-  const Shader& shader = ShaderAt(own);
+  std::int32_t shown = kNone;
+  if (ray.kind == kKindTriangle) shown = At(ray.part->triangles, ray.primitive).shader;
+  if (ray.kind == kKindTetragon) shown = At(ray.part->tetragons, ray.primitive).shader;
+  if (shown != kNone && settings.format >= 2) shown = ray.shader;
+  if (!HasShader(shown)) return false;
+  const Shader& shader = ShaderAt(shown);
   return ray.frontFace ? shader.frontVirtualLight : shader.backVirtualLight;
 }
 
-// The same for an emitter.
+// Whether light that came by mirrors or glass belongs to caustic photons, which diffuse surfaces gather.
+bool PhotonsBring(const RayRecord& ray) {
+  const bool diffuse = ray.scattering == kEventLambertian || ray.scattering == kEventTransmissive;
+  return diffuse && geometryLight.photon > 0 && settings.derived.photonRadiusSquared > 0 && IsInEmissionLists(ray);
+}
+
+// The share of an emitter, as SkyHitWeight. Format 1 knows of mirrors just behind the lobe alone, and leaves
+// out what neither they nor samples bring.
 float EmitterHitWeight(const RayRecord& ray, const ShadingPoint& point) {
-  if (!point.virtualLight || !SamplesEmitters() || BounceCount(ray) == 0) return 1;
-  if (!IsInEmissionLists(ray) || LooksThroughHair(ray)) return 1;
-  if (ray.event == kEventSpecular || ray.event == kEventSpecularRefraction) {
+  if (!point.virtualLight || BounceCount(ray) == 0) return 1;
+  const bool mirrored = ray.event == kEventSpecular || ray.event == kEventSpecularRefraction;
+  if (mirrored && settings.format >= 2) return PhotonsBring(ray) ? 0.0f : 1.0f;
+  if (!SamplesEmitters() || !IsInEmissionLists(ray) || LooksThroughHair(ray)) return 1;
+  if (mirrored) {
     const bool diffuse = ray.previousEvent == kEventLambertian || ray.previousEvent == kEventTransmissive;
     if (diffuse && PhotonsOf(geometryLight.photon) == 0) return 1;  // else caustic photons bring it
     if (ray.previousEvent == kEventGlossy) return 1;
   }
-  if (!MeetsLightSamples(ray)) return 0;
+  if (!MeetsLightSamples(ray)) return settings.format >= 2 ? 1.0f : 0.0f;
   const float cosine = Dot(point.outgoing, point.geometricNormal);
   const float lobe = LobeDensity(*ray.parentPoint, ray.event, ray.direction);
   if (!(cosine > 0) || !(lobe > 0)) return 0;
   // From where the lobe was left: thin panes on the way count as nothing.
   const Vec3 way = point.position - ray.parentPoint->position;
-  return LobeRayWeight(ray, Dot(way, way) / (cosine * geometryLight.area), lobe, BudgetsOf(geometryLight));
+  const float area = geometryLight.area * point.areaStretch;
+  return LobeRayWeight(ray, Dot(way, way) / (cosine * area), lobe, BudgetsOf(geometryLight));
 }
 
 // The channel of a light's AOV that records paths by their last scattering.
@@ -101,7 +113,7 @@ Vec3 CellRadiance(const RayRecord& ray, const ShadingPoint& point) {
 
 }  // namespace
 
-// An Object without Parts of its own has empty lists, whatever its Instances hold.
+// In format 1 an Object without Parts of its own has empty lists, whatever its Instances hold.
 bool SamplesEmitters() { return geometryLight.sample > 0 && geometryLight.area > 0; }
 
 bool SeeksLightByChance() {

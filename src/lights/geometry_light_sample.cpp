@@ -20,6 +20,22 @@ constexpr float kGeometryFactorScale = 18481.0f;
 // Shadow rays end this share of the way before an emitter, which would block its own light.
 constexpr float kShortOfEmitter = 1e-4f;
 
+// Format 2: by as much as rounding may move its surface along the way, so that what stands close to it casts
+// its shadow.
+float LengthToEmitter(Vec3 from, Vec3 to, float distance, float cosine) {
+  if (settings.format < 2) return distance * (1 - kShortOfEmitter);
+  constexpr float kRounding = 4e-6f;  // of a point that went through Instances, in parts of its coordinates
+  const float size = std::max({std::fabs(from.x), std::fabs(from.y), std::fabs(from.z), std::fabs(to.x),
+                               std::fabs(to.y), std::fabs(to.z)});
+  return std::max(distance - kRounding * size / cosine, 0.9f * distance);
+}
+
+// What a sample counts by, over pi: the reciprocal of its density, and in format 1 what only lamps of one
+// area have that for.
+float GeometryFactor(float density, float cosine, float squared, float weight) {
+  return settings.format >= 2 ? 1 / (kPi * density) : cosine / (squared * kGeometryFactorScale * weight);
+}
+
 Mat4 Product(const Mat4& a, const Mat4& b) {
   Mat4 result;
   for (int i = 0; i < 4; ++i)
@@ -29,12 +45,21 @@ Mat4 Product(const Mat4& a, const Mat4& b) {
   return result;
 }
 
+// Takes the record under r in [0, 1); kNone in an empty list. In format 2 it leaves in r where that lies in
+// the record; format 1 searches by floats, and draws anew in each Instance.
+std::int32_t TakeRecord(const EmissionList& list, double& r) {
+  if (list.shares.empty()) return UpperBound(list.distribution, static_cast<float>(r));
+  const auto above = std::upper_bound(list.shares.begin(), list.shares.end() - 1, r);
+  const double begin = above == list.shares.begin() ? 0 : *(above - 1);
+  r = *above > begin ? std::clamp((r - begin) / (*above - begin), 0.0, 1.0) : 0.0;
+  return static_cast<std::int32_t>(above - list.shares.begin());
+}
+
 // Finishes a pick with a record that is no Instance. False for one that the Object does not hold.
 bool TakePrimitive(const Object& object, const EmissionRecord& record, EmitterPick& pick) {
   if (!IsIndex(object.parts, record.part)) return false;
   pick.part = &At(object.parts, record.part);
   pick.kind = record.kind;
-  pick.side = record.side;
   pick.index = record.index;
   std::int32_t shader = kNone;
   if (record.kind == kKindTriangle && record.index < pick.part->triangles.size())
@@ -45,6 +70,13 @@ bool TakePrimitive(const Object& object, const EmissionRecord& record, EmitterPi
     return false;
   if (pick.shader == kNone) pick.shader = shader;
   return HasShader(pick.shader) && !ShaderAt(pick.shader).surfaces.empty();
+}
+
+Mat3 Linear(const Mat4& matrix) {
+  Mat3 result;
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) result.m[i][j] = matrix.m[i][j];
+  return result;
 }
 
 // The Shader of a pick that PickEmitter has filled.
@@ -103,13 +135,16 @@ bool PickEmitter(bool virtualLights, std::uint32_t i, std::uint32_t n, EmitterPi
   // Only the first draw is stratified. Double precision keeps a million strata apart.
   const std::uint32_t strata = std::max(n, 1U);
   double r = (static_cast<double>(RandomBits()) * 0x1p-32 + i % strata) / strata;
+  bool anyFace = false;  // in format 2, below an Instance whose Shader lets all of them emit
   for (int level = 0; level <= kMostInstanceLevels; ++level) {
     if (!IsIndex(objectTable, index)) return false;
     const Object& object = At(objectTable, index);
-    const EmissionList& list = virtualLights ? object.virtualLights : object.emitters;
-    const std::int32_t found = UpperBound(list.distribution, static_cast<float>(r));
+    const EmissionList& list =
+        anyFace ? object.faces : (virtualLights ? object.virtualLights : object.emitters);
+    const std::int32_t found = TakeRecord(list, r);
     if (!IsIndex(list.records, found)) return false;
     const EmissionRecord& record = At(list.records, found);
+    if (!anyFace) pick.side = record.side;
     pick.weight *= At(list.distribution.weights, found);
     if (!(pick.weight > 0)) return false;
     if (record.kind != kKindInstance) return TakePrimitive(object, record, pick);
@@ -118,12 +153,13 @@ bool PickEmitter(bool virtualLights, std::uint32_t i, std::uint32_t n, EmitterPi
     const Instance& instance = object.instances[record.index];
     if (IsEmpty(instance.bounds)) return false;               // its matrix is of no use: nothing would hit it
     if (pick.shader == kNone) pick.shader = instance.shader;  // the outermost override holds, as in hits
+    anyFace = settings.format >= 2 && pick.shader != kNone;
     pick.toWorld = Product(pick.toWorld, instance.matrix);
     pick.normalToWorld = Product(pick.normalToWorld, instance.normalMatrix);
     pick.place = PlaceInside(pick.place, instance);
     pick.placed = true;
     index = instance.object;
-    r = static_cast<double>(RandomBits()) * 0x1p-32;
+    if (list.shares.empty()) r = static_cast<double>(RandomBits()) * 0x1p-32;
   }
   return false;
 }
@@ -138,6 +174,8 @@ void PlaceOnEmitter(const EmitterPick& pick, float a, float b, ShadingPoint& poi
   point.uv = CornerUv(corners, part);
   if (pick.placed) {
     point.position = TransformPoint(pick.toWorld, point.position);
+    if (settings.format >= 2)
+      point.areaStretch = AreaStretch(Linear(pick.normalToWorld), point.geometricNormal);
     point.geometricNormal = UnitVector(TransformDirection(pick.normalToWorld, point.geometricNormal));
   }
   point.normal = point.geometricNormal;
@@ -171,9 +209,9 @@ bool SampleGeometryLight(Vec3 position, std::uint32_t i, std::uint32_t n, float 
   const Vec3 emission = point.layer->window ? SkyRadiance(sample.direction)
                                             : LookUp((*point.layer)[Element::kEmissive], point.uv);
   sample.radiance = (Opacity(shader, point.uv) * point.diffuseWeight) * emission;
-  sample.distance = std::sqrt(squared) * (1 - kShortOfEmitter);
-  sample.pdf = squared / (cosine * geometryLight.area);
-  sample.factor = cosine / (squared * kGeometryFactorScale * pick.weight);
+  sample.distance = LengthToEmitter(position, point.position, std::sqrt(squared), cosine);
+  sample.pdf = squared / (cosine * geometryLight.area * point.areaStretch);
+  sample.factor = GeometryFactor(sample.pdf, cosine, squared, pick.weight);
   return !IsBlack(sample.radiance) && std::isfinite(sample.pdf) && std::isfinite(sample.factor);
 }
 

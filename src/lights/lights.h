@@ -148,7 +148,8 @@ bool PickEmitter(bool virtualLights, std::uint32_t i, std::uint32_t n, EmitterPi
 // side, uv; world space. The layer is not chosen.
 void PlaceOnEmitter(const EmitterPick& pick, float a, float b, ShadingPoint& point);
 // One sample of the virtual lights for `position`: radiance is the emission towards it, pdf is
-// distance^2 / (cosine * area of all virtual lights), factor is cosine / (distance^2 * 18481 * pick.weight).
+// distance^2 / (cosine * area of all virtual lights * AreaStretch). factor is 1 / (pi * pdf); in format 1
+// cosine / (distance^2 * 18481 * pick.weight).
 // False where no light leaves for the point.
 bool SampleGeometryLight(Vec3 position, std::uint32_t i, std::uint32_t n, float a, float b,
                          LightSample& sample);
