@@ -7,6 +7,7 @@
 
 #include "commands.h"
 #include "core/console.h"
+#include "core/format.h"
 #include "frame/frame.h"
 #include "scene/check.h"
 
@@ -132,8 +133,10 @@ int RunCheck(const CheckOptions& options) {
   std::error_code error;
   if (!fs::is_directory(options.scene, error))
     return Fail("there is no scene folder '" + options.scene + "'");
+  if (std::string problem; !options.format && FormatOfEnvironment(problem) > 0 && !problem.empty())
+    return Fail(problem);
   SetConsoleQuiet(true);
-  Startup();
+  Startup({}, options.format);
   DirectoryVisit visit;
   std::vector<Finding> findings;
   error = visit.Enter(options.scene);

@@ -51,8 +51,9 @@ struct ViewOptions {
 int RunView(const ViewOptions& options);
 
 struct CheckOptions {
-  std::string scene;  // folder
-  bool json = false;  // an object a line instead of text, and no sum
+  std::string scene;                   // folder
+  bool json = false;                   // an object a line instead of text, and no sum
+  std::optional<std::int32_t> format;  // of the rules, whatever the scene says
 };
 // Prints a line for each finding and their sum on the output stream; kExitFailed if one of them is an error.
 int RunCheck(const CheckOptions& options);

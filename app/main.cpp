@@ -60,6 +60,12 @@ void AddPixels(CLI::App& render, RenderOptions& options) {
       ->type_name("L,T,R,B");
 }
 
+void AddFormat(CLI::App& verb, std::optional<std::int32_t>& format) {
+  verb.add_option("--format", format, "Rules of format 1 or 2, whatever the scene says")
+      ->type_name("N")
+      ->check(CLI::IsMember({"1", "2"}));
+}
+
 void AddRender(CLI::App& app, RenderOptions& options) {
   CLI::App* render = app.add_subcommand("render", "Render a scene folder into its images");
   render->add_option("scene", options.scene, "Scene folder")->required()->type_name("SCENE");
@@ -93,9 +99,7 @@ void AddRender(CLI::App& app, RenderOptions& options) {
           },
           "Repeatable random numbers: the same seed gives the same picture")
       ->type_name("N");
-  render->add_option("--format", options.format, "Rules of format 1 or 2, whatever the scene says")
-      ->type_name("N")
-      ->check(CLI::IsMember({"1", "2"}));
+  AddFormat(*render, options.format);
   render->add_flag("--quiet", options.quiet, "No report rows on the output stream");
   render->add_flag("--strict", options.strict,
                    "Render nothing and exit with 1 if 'zephlore check' would tell an error of the scene");
@@ -131,6 +135,7 @@ void AddView(CLI::App& app, ViewOptions& options) {
 void AddCheck(CLI::App& app, CheckOptions& options) {
   CLI::App* check = app.add_subcommand("check", "Report what a scene folder says in vain; renders nothing");
   check->add_option("scene", options.scene, "Scene folder")->required()->type_name("SCENE");
+  AddFormat(*check, options.format);
   check->add_flag("--json", options.json, "A JSON object for each finding, one a line");
 }
 

@@ -9,6 +9,7 @@
 #include "accel/accel.h"
 #include "core/console.h"
 #include "core/index.h"
+#include "core/settings.h"
 #include "frame/zp.h"
 #include "fuzz.h"
 #include "lights/lights.h"
@@ -186,8 +187,8 @@ void Lights(Bytes& in) {
 // The two lights that are always there cast a million photons each by default, as often as something resets
 // them.
 void FewPhotons() {
-  zp::skyLight.photon = std::min(zp::skyLight.photon, 64);
-  zp::geometryLight.photon = std::min(zp::geometryLight.photon, 64);
+  zp::skyLight.photon = std::min(zp::PhotonsOf(zp::skyLight.photon), 64);
+  zp::geometryLight.photon = std::min(zp::PhotonsOf(zp::geometryLight.photon), 64);
 }
 
 void LifeCycle(Bytes& in) {

@@ -11,7 +11,8 @@ using namespace py::literals;
 constexpr const char* kLinkText =
     "Restricts the light to this shader and those linked before; without any it lights everything.";
 constexpr const char* kOffsetText = "Softens the terminator of Lambertian surfaces: a cosine. Default 0.1.";
-constexpr const char* kSampleText = "Shadow rays of a first hit over all passes. Default 1.";
+constexpr const char* kSampleText =
+    "Shadow rays of a first hit over all passes, in format 2 in each pass. Default 1.";
 constexpr const char* kPhotonText = "Number of photons. Default 0.";
 constexpr const char* kAddAovText = "Appends an image of this light and returns its index.";
 constexpr const char* kChannelText =
@@ -91,7 +92,8 @@ void DefineSkyAndGeometryLight(py::module_& m) {
                "A latitude-longitude picture that camera rays see instead of the sky. Default none.\n"
                "Kept by finalize: a second scene inherits it.");
   Define(m, "set_sky_light_sample", zpSetSkyLightSample, "sample"_a,
-         "Shadow rays of a first hit towards the sky's image over all passes. Default 64.");
+         "Shadow rays of a first hit towards the sky's image over all passes. Default 64.\n"
+         "In format 2 in each pass, default 1.");
   Define(m, "set_sky_light_photon", zpSetSkyLightPhoton, "photon"_a,
          "Number of photons. Default 1000000, which takes time: 0 where there is no final gathering.");
   Define(m, "set_sky_light_shader_link", zpSetSkyLightShaderLink, "shader"_a, kLinkText);
@@ -103,7 +105,8 @@ void DefineSkyAndGeometryLight(py::module_& m) {
                                kFileText);
 
   Define(m, "set_geometry_light_sample", zpSetGeometryLightSample, "sample"_a,
-         "Shadow rays of a first hit to surfaces with virtual light, over all passes. Default 0.");
+         "Shadow rays of a first hit to surfaces with virtual light, over all passes. Default 0.\n"
+         "In format 2 in each pass, default 1.");
   Define(m, "set_geometry_light_photon", zpSetGeometryLightPhoton, "photon"_a,
          "Number of photons of emissive surfaces. Default 1000000.");
   Define(m, "set_geometry_light_shader_link", zpSetGeometryLightShaderLink, "shader"_a, kLinkText);

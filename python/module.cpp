@@ -228,7 +228,7 @@ void DefineRendering(py::module_& m) {
   Define(m, "set_renderer_photon_depth", zpSetRendererPhotonDepth, "depth"_a,
          "A photon's path longer than this stops. 1 to 255, default 8.");
   Define(m, "set_renderer_sample", zpSetRendererSample, "sample"_a,
-         "Indirect rays of a first hit over all passes. Default 64.");
+         "Indirect rays of a first hit over all passes. Default 64. In format 2 in each pass, default 1.");
   Define(m, "set_renderer_bounce", zpSetRendererBounce, "bounce"_a,
          "Diffuse bounces before a path stops or photons answer. From 1, default 1. A second scene inherits "
          "it.");

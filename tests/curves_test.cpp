@@ -323,6 +323,37 @@ TEST_F(Curves, StrandsTakeTheCoordinatesUnderTheirRoots) {
   }
 }
 
+// A strand around a corner and a straight one, whose length, radius and set of uvs the Shader's layers ask
+// for: what is left runs where the whole strand did.
+TEST_F(Curves, LayersScaleStrands) {
+  const auto tip = AddImage("tip", 2, 1, [](int x, int) { return Grey(x == 0 ? 0.5f : 0.0f); });
+  for (const int format : {1, 2}) {
+    settings.format = format;
+    const std::int32_t shader = AddPlain();
+    ImageSlot& length = ShaderAt(shader).geometry.length.emplace_back();
+    length.color = kWhite, length.image = tip, length.pixelSampler = PixelSampler::kNearest;
+    uvSetNames = {"missing", "roots"};
+    length.uvSet = 2;
+    ShaderAt(shader).geometry.radius.emplace_back().color = Grey(0.25f);
+    Part part;
+    for (Vec3 p : {Vec3{0, 0, 0}, {0, 0, 1}, {0, 0, 2}, {1, 0, 2}, {2, 0, 2}})
+      AddStrandVertex(part, p, {}, 1);
+    for (const float x : {7.0f, 8.0f}) AddStrandVertex(part, {x, 0, 0}, {}, 1);
+    part.shader = shader;
+    part.cylinders = {5, 0, 1, 2, 3};
+    part.uvSets[0].values.assign(7, {0.9f, 0});
+    part.uvSets.push_back({"roots", std::vector<Vec2>(7, {0.1f, 0})});
+    part.uvSets[1].values[5].x = 0.9f;  // nothing is left of this one
+    PreparePart(part, {});
+    EXPECT_EQ(ScaleStrands(part), format == 2);
+    EXPECT_EQ(part.cylinders.size(), format == 2 ? 4u : 5u);
+    EXPECT_EQ(part.scalarSets[0].values[3], format == 2 ? 0.25f : 1.0f);
+    const Vec3 end = part.positions[4];
+    EXPECT_LT(SafeLength(end - (format == 2 ? Vec3{0, 0, 2} : Vec3{2, 0, 2})), 0.1f) << end.x << " " << end.z;
+    EXPECT_NEAR(part.positions[2].z, format == 2 ? 1 : 2, 0.05f);
+  }
+}
+
 // A shining square that moves by two units over eight passes leaves a streak as long as the square and seven
 // eighths of the way, as bright in all as the square at rest.
 TEST_F(Curves, MotionDrawsAStreak) {

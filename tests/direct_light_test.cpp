@@ -183,6 +183,35 @@ TEST_F(DirectLight, DiffusionSpreadsLight) {
   EXPECT_LT(shown.x, 0.5f);
 }
 
+// In format 2 it leaves a white body white under a white sky, also at edges, and the edge of a shadow is a
+// Gaussian's in each channel.
+TEST_F(DirectLight, DiffusionOfFormat2LosesNothing) {
+  const Vec3 variances = {0.04f, 0.01f, 0.0025f};
+  for (bool edge : {true, false}) {
+    Restart();
+    settings.format = 2;
+    skyLight.color = edge ? kBlack : kWhite;
+    Geometry() = {};
+    const std::int32_t wax = AddShader("wax", kWhite, kBlack);
+    Layer(wax)[Element::kDiffusion].color = variances;
+    if (edge) {
+      AddPlane(0, 9, wax);
+      AddTetragon(Geometry(), {Vec3{-9, -9, 1}, Vec3{0, -9, 1}, Vec3{0, 9, 1}, Vec3{-9, 9, 1}},
+                  AddShader("wall", kBlack, kBlack));
+      AddParallelLight({0, 0, -1}).sample = 4096;
+      LookFrom({0.05f, 0, 0.9f}, {0.05f, 0, 0}, 0.05f, {0, 1, 0});
+    } else {
+      AddCube(Geometry(), 0.5f, wax);
+      LookFrom({3, 2.6f, 2.8f}, kBlack, 8);
+    }
+    settings.said.rendererSample = edge ? 4 : 4096;
+    Render();
+    const Vec3 shown = MeanColor();
+    for (int c = 0; c < 3; ++c)
+      EXPECT_NEAR(shown[c], edge ? 0.5f * std::erfc(-0.05f / std::sqrt(2 * variances[c])) : 1, 0.01f) << c;
+  }
+}
+
 // For floor and shadowed wall alike. In format 1 only with so many bounces that one more does not count; in
 // format 2 at the last bounce, and at the ray depth, all light is seen.
 TEST_F(DirectLight, SkySamplesDoNotChangeTheMean) {
@@ -199,7 +228,7 @@ TEST_F(DirectLight, SkySamplesDoNotChangeTheMean) {
       cameras[0].width = cameras[0].height = 8;
       cameras[0].sample = 4;
     });
-    EXPECT_EQ(skyLight.sample, 64) << "the frame's end puts the default back";
+    EXPECT_EQ(skyLight.sample, kUnsaid) << "the frame's end puts the default back";
     skyLight.image.clear();
     settings.format = 1;
   }

@@ -11,6 +11,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "geometry/displace_patch.h"
@@ -220,8 +221,11 @@ TEST_F(DisplaceTest, OffsetFollowsFrameOrDirection) {
     Vec3 vector;
     std::int32_t image;
     Vec3 direction, offset;
+    bool isHeight = false;
   };
   const Case cases[] = {
+      {{1, 2, 3}, kNone, {}, {0, 0, 2}, true},
+      {{1, 2, 4}, color, {1, 1, 1}, {0, 0, -2.0f / 3}, true},  // half a unit, minus a half, minus two
       {{1, 2, 3}, kNone, {}, {1, -2, 3}},  // the second component goes against the bitangent
       {{1, 2, 3}, kNone, {0, 0, -2}, {0, 0, -6}},
       {{1, 2, 3}, grey, {}, {}},
@@ -233,6 +237,8 @@ TEST_F(DisplaceTest, OffsetFollowsFrameOrDirection) {
   for (const Case& c : cases) {
     First().vector.clear();
     AddLayer(shader_, 1, c.vector, c.image).direction = c.direction;
+    settings.format = c.isHeight ? 2 : 1;
+    if (c.isHeight) First().height = std::exchange(First().vector, {});
     Part part;
     AddFlatTriangle(part, 0, shader_);
     const std::vector<Vec3> before = part.positions;
@@ -242,6 +248,7 @@ TEST_F(DisplaceTest, OffsetFollowsFrameOrDirection) {
       const Vec3 moved = part.positions[part.triangles[0].vertex[i]] - before[i];
       EXPECT_LT(SafeLength(moved - c.offset), 3e-5f) << "case " << &c - cases << " corner " << i;
     }
+    First().height.clear();
   }
 }
 

@@ -8,10 +8,13 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "accel/accel.h"
 #include "accel/curve_segment.h"
 #include "accel/primitive_tests.h"
 #include "frame/frame.h"
 #include "geometry/geometry.h"
+#include "integrator/integrator.h"
+#include "lights/lights.h"
 #include "scene/scene.h"
 #include "shading/shading.h"
 #include "surroundings.h"
@@ -52,6 +55,30 @@ TEST_F(Formats, OptionBeforeTextBeforeEnvironment) {
   }
   setenv("ZP_FORMAT", "two", 1);
   EXPECT_NE(Printed([] { Startup(1); }).find("ZP_FORMAT: 'two' is no format"), std::string::npos);
+}
+
+// What nobody says, before or behind the format. The diagonal of the scene is 20.
+TEST_F(Formats, PathsAreTracedUntilGatheringIsAskedFor) {
+  const std::string gathers = "render\nfinal_gather\ndistance 1\nresolution 1\nradius 1\nend\nend\n";
+  for (const auto& [text, gathering, photons, radius] :
+       {std::tuple<std::string, bool, int, float>{"render\nformat 1\nend\n", true, 1000000, 1},
+        {"render\nformat 2\nend\n", false, 0, 0.1f},
+        {"render\nformat 2\nfinal_gather\ndistance 1\nend\nend\nsky_light\nphoton 5\nend\n", false, 5, 0.1f},
+        {"sky_light\nphoton 7\nend\n" + gathers + "render\nformat 2\nend\n", true, 7, 1},
+        {"render\nformat 2\nend\n", false, 0, 0.1f}}) {
+    Printed([&] { Startup(1); });
+    std::istringstream stream(text);
+    ReadScene(stream);
+    sceneRadius = 10;
+    Printed([] { InitializeRenderer(); });
+    EXPECT_EQ(std::tuple(settings.derived.finalGathering, PhotonsOf(skyLight.photon)),
+              std::tuple(gathering, photons))
+        << text;
+    EXPECT_FLOAT_EQ(settings.derived.photonRadius, radius) << text;
+    Printed([] { FinalizeRenderer(); });
+  }
+  sceneRadius = 0;
+  ResetSky();
 }
 
 // Of a square spiral, an arrow from each of its corners, and a rim that touches itself around a hole.
@@ -122,6 +149,30 @@ TEST_F(Formats, SixteenBitsReadUpToOne) {
   WritePixel(image, {1, 0.5f, 0}, 0);
   EXPECT_NEAR(ReadPixel(image, 0).x, 1, 1e-6f);
   EXPECT_NEAR(ReadPixel(image, 0).y, 0.5f, 1e-4f);
+}
+
+// By the picture's alpha, where it has one that says something; else by its colours.
+TEST_F(Formats, OpacityAndClipCutOut) {
+  for (const int format : {1, 2})
+    for (const float alpha : {0.5f, 1.0f}) {
+      shaders = {};
+      images = {};
+      settings.format = format;
+      ImageBuffer& leaf = At(images, FindOrAddTexture("leaf"));
+      Allocate(leaf, 1, 1, 4, 32, false);
+      leaf.floatPixels = {0.25f, 0.25f, 0.25f, alpha};
+      leaf.loaded = true;
+      std::istringstream text(
+          "shader\nname \"leaf\"\nopacity 0.5\nsurface_shader\nend\ngeometry_shader\n"
+          "clip\nimage \"leaf\"\nend\nend\nend\n");
+      Printed([&] {
+        ReadScene(text);
+        InitializeShaders();
+      });
+      EXPECT_EQ(Opacity(ShaderAt(FindShader("leaf")), {}), format == 1 ? 1 : alpha == 1 ? 0.125f : 0.25f);
+    }
+  shaders = {};
+  images = {};
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <limits>
@@ -241,6 +242,36 @@ TEST(Gather, CountIsAPositiveMultipleOfThePasses) {
         EXPECT_EQ(count % std::max(passes, 1), 0);
         EXPECT_LE(count, std::max({budget, passes, 1}));
       }
+}
+
+// Format 1 shares a budget of 12 out to the passes; in format 2 each takes it, however many are planned.
+TEST_F(Integrator, EachNumberBelongsToOnePass) {
+  cameras.resize(1);
+  for (const std::int32_t format : {1, 2})
+    for (const std::int32_t passes : {4, 6}) {
+      settings.format = format;
+      EXPECT_EQ(GatherBudget(), format == 2 ? 1 : 64);
+      EXPECT_EQ(LightBudget(GeometryLight()), format == 2 ? 1 : 0);
+      cameras[0].sample = passes;
+      std::vector<int> taken(100);
+      for (std::int32_t pass = 0; pass < passes; ++pass) {
+        settings.frame.samplePass = pass;
+        const PassShare share = ShareOf(Grey(0.75f), 16);
+        EXPECT_EQ(share.count, format == 2 ? 12 : 12 / passes);
+        for (std::int32_t i = 0; i < share.count; ++i) ++At(taken, share.Number(i));
+        EXPECT_EQ(share.Number(0), static_cast<std::uint32_t>(format == 2 ? 12 * pass : pass));
+      }
+      EXPECT_EQ(std::count(taken.begin(), taken.begin() + (format == 2 ? 12 * passes : 12), 1),
+                format == 2 ? 12 * passes : 12);
+    }
+  // Of one number, lights and bounces draw different places.
+  RayRecord ray, child;
+  ray.rotation = child.rotation = {0.25f, 0.5f};
+  child.dimension = 2;
+  EXPECT_NE(DrawPair(ray, 0, 0).x, DrawPair(ray, 0, 1).x);
+  EXPECT_NE(DrawPair(ray, 0, 0).x, DrawPair(child, 0, 0).x);
+  settings.format = 1;
+  EXPECT_EQ(DrawPair(child, 0, 1).x, 0.25f);
 }
 
 TEST_F(Integrator, BadSamplesBecomeTheErrorColour) {

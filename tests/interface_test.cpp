@@ -233,7 +233,7 @@ TEST_F(Host, TheGeometryLightsTwoFunctionsActOnTheSky) {
   EXPECT_EQ(skyLight.photon, 0);  // a black sky is readied
   EXPECT_FALSE(geometryLight.initialized);
   zpFinalizeGeometryLight();
-  EXPECT_EQ(skyLight.photon, 1000000);
+  EXPECT_EQ(PhotonsOf(skyLight.photon), 1000000);
   EXPECT_EQ(geometryLight.photon, 5);
   zpInitializeRenderer();  // readies what no function of its own does
   EXPECT_TRUE(geometryLight.initialized);

@@ -86,18 +86,18 @@ TEST_F(Lifecycle, WhatCarriesOverToTheNextScene) {
     const RendererSettings& is = settings;
     const SkyLight& sky = skyLight;
     EXPECT_EQ(std::tie(is.said.clamp, is.said.error), std::tuple(Vec3{1, 2, 3}, Vec3{4, 5, 6}));
-    EXPECT_EQ(std::tie(is.said.distance, is.said.resolution, is.said.rendererBounce, is.said.displayGamma,
-                       is.said.previewWindow),
+    EXPECT_EQ(std::tuple(GatherDistance(), CellResolution(), is.said.rendererBounce, is.said.displayGamma,
+                         is.said.previewWindow),
               std::tuple(7, 8, 9, 10, true));
     EXPECT_EQ(std::tie(sky.image, sky.backdrop, sky.turbidity), std::tuple("sky.hdr", "backdrop.hdr", 3));
     // And what does not. The radius of photons is only put back at the end.
-    EXPECT_EQ(is.said.photonRadius, atStartup ? 11 : 1);
+    EXPECT_EQ(is.said.photonRadius.value_or(1), atStartup ? 11 : 1);
     EXPECT_EQ(std::tie(is.said.rayDepth, is.said.photonDepth, is.said.rendererSample,
                        is.derived.finalGathering, is.derived.geometrySampleCopy),
-              std::tuple(8, 8, 64, false, 64));
-    EXPECT_EQ(std::tie(sky.color, sky.photon), std::tuple(Vec3{0.75f, 0.75f, 0.75f}, 1000000));
+              std::tuple(8, 8, kUnsaid, false, 64));
+    EXPECT_EQ(std::tuple(sky.color, PhotonsOf(sky.photon)), std::tuple(Vec3{0.75f, 0.75f, 0.75f}, 1000000));
     EXPECT_TRUE(sky.aovs.empty() && sky.link.names.empty());
-    EXPECT_EQ(geometryLight.sample, 0);
+    EXPECT_EQ(geometryLight.sample, kUnsaid);
     EXPECT_EQ(geometryLight.colorWeight, kWhite);
     EXPECT_EQ(globalVolume.transmittance, kWhite);
   }

@@ -116,6 +116,54 @@ TEST_F(Materials, SlabShiftsAndDimsTheView) {
   }
 }
 
+// What a medium leaves of light on its way down to a white floor, or past it out of the scene; the box of
+// all is 4 high and 100 wide, and the camera sees through a unit of it. By format 1 and 2.
+TEST_F(Materials, MediaDimLightByTheLengthInside) {
+  enum Light { kParallel, kPoint, kSky, kPhotons };
+  struct Case {
+    const char* what;
+    Light light;
+    bool fog, slab;
+    float ior, lengths[2];  // of the camera's world; negative: nothing arrives
+  };
+  for (const auto& [what, light, fog, slab, ior, lengths] :
+       {Case{"sun", kParallel, true, false, 1, {1, 5}}, Case{"lamp", kPoint, true, false, 1, {1, 3}},
+        Case{"sky", kSky, true, false, 1, {0, 50}}, Case{"shadow", kParallel, false, true, 1, {0, 1.5f}},
+        Case{"photons", kPhotons, false, true, 1, {0, 1.5f}},
+        Case{"world", kPoint, false, false, 1.33f, {-1, 0}}})
+    for (int format : {1, 2}) {
+      Restart();
+      settings.format = format;
+      skyLight.color = light == kSky ? kWhite : kBlack;
+      const Vec3 medium = light == kSky ? Vec3{0.99f, 0.98f, 0.9f} : Vec3{0.9f, 0.5f, 0.7f};
+      const std::int32_t glass = AddGlass(Material::kDielectric, light == kPhotons ? 1.0001f : 1.5f);
+      AddTetragon(Geometry(), {Vec3{40, 40, 4}, Vec3{41, 40, 4}, Vec3{41, 41, 4}, Vec3{40, 41, 4}},
+                  AddShader("top", kBlack, kBlack));
+      AddPlane(0, 50, AddShader("floor", kWhite, kBlack));
+      if (slab) {
+        for (float z : {3.0f, 1.5f}) AddPlane(z, 50, glass);
+        std::swap(Geometry().tetragons.back().vertex[1], Geometry().tetragons.back().vertex[3]);
+        ShaderAt(glass).volume.transmittance = medium;
+        if (light != kPhotons) Layer(glass)[Element::kShadowTransparency].color = kWhite;
+      }
+      if (fog) globalVolume.transmittance = medium;
+      if (light == kParallel || light == kPhotons)
+        AddParallelLight({0, 0, -1}, 0, light == kPhotons ? 20000 : 0);
+      if (light == kPoint) AddPointLight({1e-3f, 0, 2}).color = Grey(4);
+      cameras[0].ior = ior;
+      LookAlong({0, 0, 1}, light == kSky ? Vec3{1, 0, 1} : kBlack);
+      settings.said.rayDepth = 1;
+      settings.said.photonRadius = 10;
+      Render();
+      const float length = At(lengths, format - 1);
+      const Vec3 shown = MeanColor();
+      for (int c = 0; c < 3; ++c)
+        EXPECT_NEAR(shown[c], length < 0 ? 0 : std::pow(medium[c], length),
+                    light == kPhotons ? 0.05f : 0.005f)
+            << what << format;
+    }
+}
+
 // A prism turns the view at its long side without loss, where 45 degrees is past the critical angle.
 TEST_F(Materials, TotalReflectionKeepsAllLight) {
   for (float ior : {kGlass, 1.3f}) {  // critical angles 41.8 and 50.3 degrees

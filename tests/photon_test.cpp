@@ -211,11 +211,15 @@ TEST_F(Photons, CellsHoldThePowerThatLanded) {
   ExpectPower(PaintedPower(&CellGrid::face), 4 * kPi * Vec3{1, 2, 3} * (albedo + albedo * albedo));
   // A parallel light on two triangles: the share of its disc that they cover, once. Aslant, by the cosine.
   // Transmitted light is painted on the side that it leaves by; both lobes together lose and gain nothing.
-  for (float slope : {0.0f, 1.0f}) {
+  // Nor does a cut-out: what lands is less, and so is where it lands.
+  for (const auto& [slope, opacity] :
+       {std::pair(0.0f, 1.0f), std::pair(1.0f, 1.0f), std::pair(1.0f, 0.25f)}) {
     Restart();
+    settings.format = 2;
     Part& part = Geometry();
     part.positions = {{-1, -1, 0}, {1, -1, 0}, {1, 1, 0}, {-1, 1, 0}};
     const std::int32_t shader = AddShader("cloth", albedo, kBlack, cloth);
+    ShaderAt(shader).opacity = opacity;
     part.triangles = {{{0, 1, 2}, shader}, {{0, 2, 3}, shader}};
     AddParallelLight({slope, 0, -1}, 0, 100000);
     Initialize();
@@ -223,6 +227,7 @@ TEST_F(Photons, CellsHoldThePowerThatLanded) {
     ExpectPower(PaintedPower(&CellGrid::face), landed * albedo);
     ExpectPower(PaintedPower(&CellGrid::back), landed * cloth);
   }
+  settings.format = 1;
 }
 
 TEST_F(Photons, LevelsFollowTheResolutionAndTheShaders) {
@@ -283,9 +288,9 @@ TEST_F(Store, LevelFloorsLoseNoCaustic) {
     photon.power = kWhite;
     photon.normal = PackDirection({0, 0, 1});
   }
-  settings.said.photonRadius = 0.02f;
-  settings.derived.photonRadiusSquared = settings.said.photonRadius * settings.said.photonRadius;
-  BuildPhotonStore(settings.said.photonRadius);
+  const float radius = settings.derived.photonRadius = 0.02f;
+  settings.derived.photonRadiusSquared = radius * radius;
+  BuildPhotonStore(radius);
   ShadingPoint point;
   point.geometricNormal = {0, 0, 1};
   for (const float height : {-2e-7f, 0.0f, 2e-7f}) {
@@ -395,6 +400,52 @@ TEST_F(Photons, FinalGatheringAgreesWithPathTracing) {
     }
     for (std::size_t q = 0; q < 4; ++q)
       for (int c = 0; c < 3; ++c) EXPECT_NEAR(shown[1][q][c] / shown[0][q][c], 1, 0.03f) << q << " " << c;
+  }
+}
+
+// A closed room of albedo 1/2 that shines with 1 shows 2, whatever it is made of: cells, paths where there
+// are none, faces of a millionth, or layers of which one shines and one reflects.
+TEST_F(Photons, GatheringOfFormat2KnowsNoCuts) {
+  struct Case {
+    const char* name;
+    std::size_t instanced;  // sides of the room
+    float half;
+    bool layered;
+  };
+  for (const Case& c : {Case{"cells", 0, 1, false},
+                        {"half of it instanced", 3, 1, false},
+                        {"instanced", 6, 1, false},
+                        {"small", 0, 0.0005f, false},
+                        {"layered", 0, 1, true}}) {
+    Restart();
+    settings.format = 2;
+    const std::int32_t shader = AddShader("wall", Grey(0.5f), kWhite);
+    if (c.layered) {
+      shaders.back().surfaces.push_back(Layer(shader));
+      for (int i = 0; i < 2; ++i) {
+        SurfaceShader& layer = shaders.back().surfaces[static_cast<std::size_t>(i)];
+        layer[Element::kEmissive].color = Grey(i == 0 ? 2 : 0);
+        layer[Element::kLambertian].color = Grey(i == 0 ? 0 : 1);
+      }
+    }
+    AddRoom(1, shader);
+    for (Vec3& p : Geometry().positions) p *= c.half;
+    for (int i = 0; i < 2; ++i) cameras[0].poses[i].position *= c.half, cameras[0].poses[i].target *= c.half;
+    std::vector<Part> sides(6, Geometry());
+    for (std::size_t i = 0; i < 6; ++i) sides[i].tetragons = {Geometry().tetragons[i]};
+    objectTable[0].parts.assign(sides.begin() + static_cast<std::ptrdiff_t>(c.instanced), sides.end());
+    if (c.instanced > 0) {
+      objectTable.emplace_back().parts.assign(sides.begin(),
+                                              sides.begin() + static_cast<std::ptrdiff_t>(c.instanced));
+      objectTable[0].instances.emplace_back().object = 1;
+    }
+    geometryLight.photon = 100000;
+    settings.said.resolution = 0.05f * c.half * c.half;
+    settings.said.distance = 0.1f * c.half;
+    settings.said.rayDepth = settings.said.photonDepth = 16;
+    settings.said.rendererSample = 16;
+    Render();
+    EXPECT_NEAR(Average(0), 2, 0.02f) << c.name;
   }
 }
 

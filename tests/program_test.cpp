@@ -71,7 +71,7 @@ TEST_F(Program, ExplainsItself) {
 TEST_F(Program, WrongUsageIsStatusTwoAndOneLine) {
   WriteScene();
   const std::vector<std::string> words[] = {
-      {"", "", "paint", "check", "check ../scene more"},
+      {"", "", "paint", "check", "check ../scene more", "check ../scene --format 3"},
       {"render ", "", "../scene more"},
       {"render ../scene ", "--colour 3", "--output", "--threads 0", "--threads 257", "--seed -1",
        "--seed 1.5"},
@@ -315,6 +315,8 @@ TEST_F(Program, ViewAppliesStopsAndNeedsAPicture) {
        {"view missing.hdr keep.png", "view text.hdr keep.png", "view in.pfm missing/out.png"})
     ExpectFailure(arguments, 1);
   EXPECT_EQ(ReadFile(work / "keep.png"), "old");
+  EXPECT_NE(Run("view text.hdr keep.png").errors.find(ProblemText(PictureProblem::kUnknownFormat)),
+            std::string::npos);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include "accel/accel.h"
 #include "accel/primitive_tests.h"
+#include "core/settings.h"
 #include "geometry/geometry.h"
 
 namespace zp {
@@ -148,7 +149,8 @@ void AskLoop(const Object& object, const RayRecord& ray, bool shadow, std::int32
       // A shadow ray's roots may lie outside of the sphere's box: met only if the ray ends behind that.
       const bool endsNear = shadow && beside < radius && std::abs(middle - ray.t) < radius;
       answer.unclear |= endsNear || std::abs(beside - radius) < 0.01f;
-      if (shadow ? TestShadowParticle(part, i, ray, hit) : TestParticle(part, i, ray, hit)) {
+      if (shadow ? TestShadowParticle(part, i, ray, hit, settings.format >= 2)
+                 : TestParticle(part, i, ray, hit)) {
         hit.shader = part.shader;
         take(kKindParticle, i, false, Dot(ray.direction, SafeNormalize(b)));
       }

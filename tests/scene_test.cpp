@@ -84,8 +84,8 @@ TEST_F(SceneTest, MissingAndBadValuesKeepTheFieldAndAreNoted) {
     EXPECT_EQ(settings.said.error, (Vec3{1, 0, 0}));
     EXPECT_EQ(std::tuple(settings.said.displayGamma, settings.said.exposure), std::tuple(2.2f, 2.5f));
     EXPECT_EQ(std::tuple(settings.said.rendererSample, settings.said.rendererBounce, settings.said.rayDepth),
-              std::tuple(64, 1, 8));
-    EXPECT_EQ(settings.said.photonRadius, 1);
+              std::tuple(kUnsaid, 1, 8));
+    EXPECT_EQ(settings.said.photonRadius, std::nullopt);
     ASSERT_EQ(cameras.size(), 1U);
     const Camera& c = cameras[0];
     EXPECT_EQ(std::tuple(c.name, c.width, c.height), std::tuple("", 640, 540));

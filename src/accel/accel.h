@@ -43,6 +43,7 @@ void AssignLevels(std::int32_t index, std::vector<InstanceCut>& cuts);
 
 // The graph of Objects.
 extern std::int32_t rootObject;  // kNone in an empty table
+extern bool cutOutsExist;        // hits on some Shader count by chance
 extern Box sceneBounds;
 extern Vec3 sceneCenter;
 extern float sceneRadius;
@@ -59,11 +60,26 @@ bool Trace(RayRecord& ray);
 // fields on true. A triangle may be the ray's parent, a tetragon not.
 bool TraceSurfaces(RayRecord& ray);
 
+// Where a ray goes through the surfaces of bodies (Shader::isBody), by distance. Of more than there is room
+// for the nearest stay.
+struct BodyCrossing {
+  float t;
+  std::int32_t shader;
+  bool front;
+};
+struct BodyCrossings {
+  static constexpr int kMost = 64;
+  BodyCrossing list[kMost];
+  int count = 0;
+};
+void AddCrossing(BodyCrossings& crossings, const BodyCrossing& crossing);
+
 // Walks from origin along direction (unit) to ray.t and multiplies ray.throughput, white at the start, by the
 // transparency of every surface in between, but for the ray's parent. True, with a throughput of no meaning
 // above black, when nothing is left; stops there. Counts the shadow ray. In pass 0
 // (settings.frame.samplePass) the blocking slots of the RootObject are logged.
-bool Occlude(RayRecord& ray);
+// `crossings`, where given, gets the bodies that an unblocked ray went through.
+bool Occlude(RayRecord& ray, BodyCrossings* crossings = nullptr);
 
 // Product of the normal matrices of the Instances around the ray's hit, outermost last; identity without.
 // They stay in slots of the ray's thread, which its next Trace or TraceSurfaces, of whatever ray, writes

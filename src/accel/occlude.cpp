@@ -17,38 +17,75 @@ namespace {
 // Of one ray, through all Instances.
 struct OccluderCounts {
   std::uint64_t innerNodes = 0, leaves = 0, primitives = 0;
+  BodyCrossings* crossings = nullptr;
 };
 
-// The cosine of the ray and the unit geometric normal; of no defined sign. Intended: a cylinder's is that of
-// its middle line as the ray sees it, wherever it is hit.
-float HitCosine(const Part& part, const Corners& corners, const PrimitiveHit& hit, Vec3 direction) {
-  if (corners.count == 2) return hit.denominator;
-  const auto at = [&](int i) { return part.positions[corners.vertex[i]]; };
-  Vec3 normal = hit.barycentric;
-  if (corners.count == 3) normal = Cross(at(1) - at(0), at(2) - at(0));
-  if (corners.count == 4) normal = Cross(at(2) - at(0), at(3) - at(1));
-  const float length = std::sqrt(Dot(normal, normal));  // normals of small faces are shorter than safe roots
-  return length > 0 ? Dot(direction, normal) / length : 1.0f;
+// A sphere is met at its front alone, and left again on the other side of its centre.
+void NoteBody(BodyCrossings& crossings, std::uint8_t kind, std::int32_t shader, const PrimitiveHit& hit,
+              Vec3 direction) {
+  if (kind == kKindCylinder || !ShaderAt(shader).isBody) return;
+  const bool front = hit.denominator < 0;
+  AddCrossing(crossings, {hit.t, shader, front});
+  if (kind != kKindParticle || !front) return;
+  const float chord = -2 * Dot(hit.barycentric, direction) / Dot(direction, direction);
+  AddCrossing(crossings, {hit.t + MaxOf(chord, 0.0f), shader, false});
 }
 
 struct OccluderWalk {
   Object& object;
   RayRecord& ray;
   OccluderCounts& counts;
-  std::int32_t shader;             // of the outermost Instance that has one; it stands for all below
-  std::uint32_t blockingLane = 0;  // in a leaf of triangles: the lane that blocked
+  std::int32_t shader;                   // of the outermost Instance that has one; it stands for all below
+  const OccluderWalk* around = nullptr;  // null at the root
+  const Instance* by = nullptr;          // what places the Object there
+  std::uint32_t blockingLane = 0;        // in a leaf of triangles: the lane that blocked
 
-  // True when the surface that was met leaves nothing of the light.
+  // A vector of the Object that is walked in scene space, by one of the Instances' matrices.
+  Vec3 InScene(Vec3 v, Mat4 Instance::*matrix) const {
+    for (const OccluderWalk* walk = this; walk->around != nullptr; walk = walk->around)
+      v = TransformDirection(walk->by->*matrix, v);
+    return v;
+  }
+
+  // The cosine of the ray and the unit geometric normal; of no defined sign. Intended: a cylinder's is that
+  // of its middle line as the ray sees it, wherever it is hit. By format 1 in the space of the Object, as if
+  // the Instances scaled nothing.
+  float HitCosine(const Part& part, std::uint32_t index, const Corners& corners,
+                  const PrimitiveHit& hit) const {
+    const bool inScene = around != nullptr && MeasuresInScene();
+    const auto at = [&](int i) { return part.positions[corners.vertex[i]]; };
+    if (corners.count == 2) {
+      if (!inScene) return hit.denominator;
+      const Vec3 axis = UnitVector(InScene(CurveAxis(part, index, hit.barycentric.z), &Instance::matrix));
+      const Vec3 across = Cross(InScene(ray.direction, &Instance::matrix), axis);
+      return std::sqrt(Dot(across, across));
+    }
+    Vec3 normal = hit.barycentric;
+    if (corners.count == 3) normal = Cross(at(1) - at(0), at(2) - at(0));
+    if (corners.count == 4) normal = Cross(at(2) - at(0), at(3) - at(1));
+    const Vec3 placed = inScene ? InScene(normal, &Instance::normalMatrix) : normal;
+    const float length = std::sqrt(Dot(placed, placed));  // small faces' normals are shorter than safe roots
+    return length > 0 ? Dot(ray.direction, normal) / length : 1.0f;
+  }
+
+  // True when the surface that was met leaves nothing of the light. What counts by chance takes its share.
   bool Absorbs(const Part& part, std::uint8_t kind, std::uint32_t index, const PrimitiveHit& hit) const {
     const std::int32_t number = shader == kNone ? hit.shader : shader;
     if (!HasShader(number)) return true;
     const Shader& met = ShaderAt(number);
     const bool front = hit.denominator < 0;
-    if (front ? met.frontOpaque : met.backOpaque) return true;
+    const bool opaque = front ? met.frontOpaque : met.backOpaque;
+    if (opaque && !met.cutsOut) return true;
     const Corners corners = HitCorners(part, kind, index, hit.barycentric);
-    ray.throughput *=
-        ShadowTransparency(met, front, CornerUv(corners, part), HitCosine(part, corners, hit, ray.direction));
-    return IsBlack(ray.throughput);
+    const Vec3 passes = opaque ? kBlack
+                               : ShadowTransparency(met, front, CornerUv(corners, part),
+                                                    HitCosine(part, index, corners, hit));
+    const float share = Opacity(met, CornerUv(corners, part));
+    ray.throughput *= share == 1 ? passes : kWhite * (1 - share) + share * passes;
+    if (IsBlack(ray.throughput)) return true;
+    if (counts.crossings != nullptr && share > 0)
+      NoteBody(*counts.crossings, kind, number, hit, ray.direction);
+    return false;
   }
 
   template <bool kOpaque>
@@ -70,8 +107,8 @@ struct OccluderWalk {
 
   template <bool kOpaque>
   bool TestParticles(const PackedTree& tree, std::uint32_t first, std::uint32_t count) {
-    return TestParticleLanes<true>(
-        tree, first, count, ray,
+    return TestParticleLanes(
+        tree, first, count, ray, true,
         [&](const ParticleBlock& block, int i, Vec3 d, float nearest, float discriminant) {
           const Part& part = object.parts[block.part[i]];
           const std::uint32_t index = block.primitive[i];
@@ -131,8 +168,8 @@ struct OccluderWalk {
   bool EnterInstance(const Instance& instance) {
     if (instance.object < 0 || ray.matrixDepth >= kMostInstanceLevels) return false;
     const InsideInstance inside(ray, instance);
-    OccluderWalk inner{At(objectTable, instance.object), ray, counts,
-                       shader == kNone ? instance.shader : shader};
+    OccluderWalk inner{At(objectTable, instance.object),           ray,  counts,
+                       shader == kNone ? instance.shader : shader, this, &instance};
     return inner.Run<false>();
   }
 
@@ -235,7 +272,22 @@ bool OccluderWalk::RunWithStack(const PackedTree& tree) {
 
 }  // namespace
 
-bool Occlude(RayRecord& ray) {
+// In the order of distances. An edge that two faces share is one crossing.
+void AddCrossing(BodyCrossings& crossings, const BodyCrossing& crossing) {
+  constexpr float kSame = 1e-5f;
+  for (int i = 0; i < crossings.count; ++i) {
+    const BodyCrossing& other = crossings.list[i];
+    if (other.shader == crossing.shader && other.front == crossing.front &&
+        std::fabs(other.t - crossing.t) <= kSame * crossing.t)
+      return;
+  }
+  if (crossings.count == BodyCrossings::kMost && crossings.list[crossings.count - 1].t < crossing.t) return;
+  int i = crossings.count < BodyCrossings::kMost ? crossings.count++ : BodyCrossings::kMost - 1;
+  for (; i > 0 && crossings.list[i - 1].t > crossing.t; --i) crossings.list[i] = crossings.list[i - 1];
+  crossings.list[i] = crossing;
+}
+
+bool Occlude(RayRecord& ray, BodyCrossings* crossings) {
   ThreadSlot& slot = threadSlots[ray.thread];
   ++slot.shadowRays;
   ray.throughput = kWhite;
@@ -244,6 +296,7 @@ bool Occlude(RayRecord& ray) {
   const std::uint8_t depth = ray.depth;
   if (depth == 0) ray.depth = 1;
   OccluderCounts counts;
+  counts.crossings = crossings;
   OccluderWalk walk{At(objectTable, rootObject), ray, counts, kNone};
   const bool blocked = settings.frame.samplePass == 0 ? walk.Run<true>() : walk.Run<false>();
   if (blocked) ray.throughput = kBlack;

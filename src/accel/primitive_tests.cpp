@@ -50,13 +50,14 @@ float VertexRadius(const Part& part, std::uint32_t vertex) {
 namespace {
 
 //   take  chooses the root
-template <bool kShadow, class Take>
-bool TestSphere(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit, Take&& take) {
+template <class Take>
+bool TestSphere(const Part& part, std::uint32_t index, const RayRecord& ray, bool scaled, PrimitiveHit& hit,
+                Take&& take) {
   if (!IsVisible(part.shader, ray)) return false;
   const std::uint32_t vertex = part.particles[index];
   const Vec3 d = part.positions[vertex] - ray.origin;
-  const SphereHits<float> hits = TestSpheres<float>(
-      ToLanes(d), VertexRadius(part, vertex), ToLanes(ray.direction), InverseSquare<kShadow>(ray), 0.0f);
+  const SphereHits<float> hits = TestSpheres<float>(ToLanes(d), VertexRadius(part, vertex),
+                                                    ToLanes(ray.direction), InverseSquare(ray, scaled), 0.0f);
   if (hits.mask == 0 || !take(d, hits)) return false;
   hit.shader = part.shader;
   return true;
@@ -64,16 +65,16 @@ bool TestSphere(const Part& part, std::uint32_t index, const RayRecord& ray, Pri
 
 }  // namespace
 
-bool TestParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit,
-                  bool isParent) {
-  return TestSphere<false>(part, index, ray, hit, [&](Vec3 d, const SphereHits<float>& hits) {
-    return TakeSphere<false>(d, hits.b, hits.discriminant, ray, isParent, hit);
+bool TestParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit, float blur,
+                  bool scaled) {
+  return TestSphere(part, index, ray, scaled, hit, [&](Vec3 d, const SphereHits<float>& hits) {
+    return TakeScaledSphere(scaled, d, hits.b, hits.discriminant, ray, blur, hit);
   });
 }
 
 bool TestShadowParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit,
                         bool roots) {
-  return TestSphere<true>(part, index, ray, hit, [&](Vec3 d, const SphereHits<float>& hits) {
+  return TestSphere(part, index, ray, true, hit, [&](Vec3 d, const SphereHits<float>& hits) {
     return TakeShadowSphere(roots, d, hits.b, hits.discriminant, ray, hit);
   });
 }

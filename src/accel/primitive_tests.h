@@ -13,7 +13,8 @@
 
 namespace zp {
 
-inline constexpr float kHitEpsilon = 1e-6f;
+inline constexpr float kHitEpsilon = 1e-6f;  // scene units, and by format 1 of nearest hits the Object's
+inline constexpr float kNotParent = -1;
 
 template <class F>
 struct Lanes3 {
@@ -92,10 +93,10 @@ bool TestTriangle(const Part& part, std::uint32_t index, const RayRecord& ray, P
 // Valid for planar rectangles; u and v are ratios of opposite edges.
 bool TestTetragon(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit);
 // A sphere. Intended: its limit lies epsilon beyond the ray's t, where a triangle's lies before it. A ray
-// from within meets its back. `isParent`: the ray left this very particle, so that it meets nothing but the
-// far side, if it goes inwards.
+// from within meets its back. `blur`: given where the ray left this very particle, so that it meets nothing
+// but the far side, if it goes inwards by more than `blur`. `scaled`: as TakeScaledSphere.
 bool TestParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit,
-                  bool isParent = false);
+                  float blur = kNotParent, bool scaled = false);
 // The same for shadow rays. `roots`: as TakeShadowSphere.
 bool TestShadowParticle(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit,
                         bool roots = false);
@@ -111,7 +112,7 @@ struct SphereHits {
 
 // The line of a ray against spheres. r^2 - |d - b direction|^2 is b^2 - d.d + r^2 without its cancellation.
 //   d              centres seen from the origin
-//   inverseSquare  1 / squared length of the direction; 1 in the nearest walks
+//   inverseSquare  1 / squared length of the direction
 template <class F>
 SphereHits<F> TestSpheres(const Lanes3<F>& d, F radius, const Lanes3<F>& direction, F inverseSquare, F zero) {
   SphereHits<F> hits;
@@ -123,25 +124,20 @@ SphereHits<F> TestSpheres(const Lanes3<F>& d, F radius, const Lanes3<F>& directi
   return hits;
 }
 
-// The square of a shadow ray's direction inside an Instance that scales is not 1.
-template <bool kShadow>
-float InverseSquare(const RayRecord& ray) {
-  return kShadow ? 1.0f / Dot(ray.direction, ray.direction) : 1.0f;
+// The square of a direction that Instances have scaled is not 1.
+inline float InverseSquare(const RayRecord& ray, bool scaled) {
+  return scaled ? 1.0f / Dot(ray.direction, ray.direction) : 1.0f;
 }
 
 // Chooses the root; fills t, denominator and barycentric. d is the centre seen from the origin.
 template <bool kShadow>
-bool TakeSphere(Vec3 d, float b, float discriminant, const RayRecord& ray, bool isParent, PrimitiveHit& hit) {
+bool TakeSphere(Vec3 d, float b, float discriminant, const RayRecord& ray, float blur, PrimitiveHit& hit) {
   const auto within = [&](float t) { return t > kHitEpsilon && kHitEpsilon + ray.t > t; };
   const float s = kShadow ? discriminant : SafeSqrt(discriminant);
   hit.denominator = -1;
   hit.t = b - s;
-  if (isParent) {
-    // How far the origin may lie beside the sphere by rounding.
-    const Vec3 o = ray.origin;
-    const float blur = kHitEpsilon * (1.0f + std::fabs(o.x) + std::fabs(o.y) + std::fabs(o.z));
-    if (!(b > blur)) return false;
-  }
+  const bool isParent = blur != kNotParent;
+  if (isParent && !(b > blur)) return false;
   if (isParent || !within(hit.t)) {
     hit.t = b + s;
     if (!within(hit.t)) return false;
@@ -151,12 +147,18 @@ bool TakeSphere(Vec3 d, float b, float discriminant, const RayRecord& ray, bool 
   return true;
 }
 
+// The same where the direction need not be of unit length.
+inline bool TakeScaledSphere(bool scaled, Vec3 d, float b, float discriminant, const RayRecord& ray,
+                             float blur, PrimitiveHit& hit) {
+  return TakeSphere<false>(d, b, discriminant * InverseSquare(ray, scaled), ray, blur, hit);
+}
+
 // Of a shadow ray, whose direction need not be of unit length. `roots`: as any other ray, and not by format
 // 1, where the front is always met and the roots are b -+ the discriminant, without its square root.
 inline bool TakeShadowSphere(bool roots, Vec3 d, float b, float discriminant, const RayRecord& ray,
                              PrimitiveHit& hit) {
-  if (roots) return TakeSphere<false>(d, b, discriminant * InverseSquare<true>(ray), ray, false, hit);
-  return TakeSphere<true>(d, b, discriminant, ray, false, hit);
+  if (roots) return TakeScaledSphere(true, d, b, discriminant, ray, kNotParent, hit);
+  return TakeSphere<true>(d, b, discriminant, ray, kNotParent, hit);
 }
 
 }  // namespace zp

@@ -13,10 +13,12 @@
 #include "geometry/density.h"
 #include "geometry/geometry.h"
 #include "shading/hair.h"
+#include "shading/shading.h"
 
 namespace zp {
 
 std::int32_t rootObject = kNone;
+bool cutOutsExist = false;
 Box sceneBounds;
 Vec3 sceneCenter;
 float sceneRadius = 0;
@@ -75,6 +77,13 @@ void InitializeObject(Object& object) {
   Update(object, true, 1);
   if (Stopping()) return;
   TransferRootCoordinates(object);
+  bool scaled = false;
+  for (Part& part : object.parts) scaled |= ScaleStrands(part);
+  if (scaled) {  // roots had to be found first
+    Build(object);
+    Update(object, true, 1);
+    if (Stopping()) return;
+  }
   if (!object.deformable) {
     Release(object.nodes);
     Release(object.references);
@@ -137,6 +146,7 @@ void AssignLevels(std::int32_t index, std::vector<InstanceCut>& cuts) {
 
 void InitializeAccelerator() {
   rootObject = kNone;
+  cutOutsExist = std::any_of(shaders.begin(), shaders.end(), [](const Shader& s) { return s.cutsOut; });
   sceneBounds = Box{};
   sceneCenter = kBlack;
   sceneRadius = 0;

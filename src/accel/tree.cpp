@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "accel/cut_outs.h"
 #include "core/settings.h"
 #include "core/threads.h"
 #include "shading/shading.h"
@@ -116,7 +117,7 @@ bool AnyPrimitive(const Object& object, F test) {
 bool IsOpaque(std::int32_t shader) {
   if (!HasShader(shader)) return true;
   const Shader& s = ShaderAt(shader);
-  return s.frontOpaque && s.backOpaque;
+  return s.frontOpaque && s.backOpaque && !s.cutsOut;
 }
 
 namespace {
@@ -207,6 +208,7 @@ void PackTree(Object& object) {
   packed->shadowRoots = settings.format >= 2;
   packed->filtersVisibility = AnyPrimitive(object, IsHidden);
   packed->opaqueOnly = !AnyPrimitive(object, [](std::int32_t shader) { return !IsOpaque(shader); });
+  packed->cutsOut = AnyPrimitive(object, CutsOut);
   packed->stackSize = 7 * (object.wideDepth + 1) + 1;
 #pragma omp parallel for schedule(static) if (IsWorthThreads(nodeCount, 400))
   for (std::size_t n = 0; n < nodeCount; ++n) {

@@ -97,13 +97,15 @@ struct PackedTree {
   bool filtersVisibility = false;  // some primitive is hidden from some ray
   bool shadowRoots = false;        // of particles: TakeShadowSphere
   bool opaqueOnly = false;         // no primitive lets any shadow ray through
+  bool cutsOut = false;            // hits on some primitive count by chance
   int stackSize = 0;               // entries that a walk can need
 };
 
 // Lays object.wideNodes and object.compactReferences out in object.packed.
 void PackTree(Object& object);
 
-// Whether no side of the Shader lets a shadow ray through. An index outside the table counts as opaque.
+// Whether no side of the Shader lets a shadow ray through, at any hit. An index outside the table counts as
+// opaque.
 bool IsOpaque(std::int32_t shader);
 
 }  // namespace zp

@@ -7,6 +7,7 @@
 #include <cassert>
 
 #include "accel/accel.h"
+#include "accel/cut_outs.h"
 #include "core/index.h"
 #include "geometry/validate.h"
 
@@ -25,10 +26,16 @@ struct StackEntry {
 // Nearest hit among all kinds, or among surfaces alone for rays that probe below a surface.
 enum class Seek : std::uint8_t { kAll, kSurfaces };
 
+float Reach(Vec3 p) { return std::fabs(p.x) + std::fabs(p.y) + std::fabs(p.z); }
+
 template <Seek kSeek>
 struct NearestWalk {
   const Object& object;
   RayRecord& ray;
+  Vec3 start;                   // the ray's origin in scene space
+  std::uint64_t key = 0;        // of the ray in this Object; for cut-outs
+  std::int32_t shader = kNone;  // of the outermost Instance that has one; it stands for all below
+  bool cutsOut = false;         // some hits do not count
   bool hit = false;
 
   void Store(const Part& part, std::uint8_t kind, std::uint32_t index, const PrimitiveHit& found) {
@@ -46,6 +53,14 @@ struct NearestWalk {
     hit = true;
   }
 
+  // Whether a hit that is nearer than all before counts.
+  bool Counts(const Part& part, std::uint8_t kind, std::uint32_t index, const PrimitiveHit& found) const {
+    if (!cutsOut) [[likely]]
+      return true;
+    const std::int32_t shown = shader == kNone ? found.shader : shader;
+    return !CutsOut(shown) || CountsByChance(key, object, part, kind, index, found.barycentric, shown);
+  }
+
   // In the order of the leaf, each against the limit that the one before has left.
   void TakeHits(const PackedTree& tree, const TriangleBlock& block, const TriangleHits<Float4>& hits) {
     const StoredHits stored(hits);
@@ -55,7 +70,9 @@ struct NearestWalk {
       const Part& part = object.parts[block.part[i]];
       if (SkipsTriangle(part, block.primitive[i])) continue;
       if (tree.filtersVisibility && !IsVisible(block.shader[i], ray)) continue;
-      Store(part, kKindTriangle, block.primitive[i], stored.Lane(i, block.shader[i]));
+      const PrimitiveHit found = stored.Lane(i, block.shader[i]);
+      if (Counts(part, kKindTriangle, block.primitive[i], found))
+        Store(part, kKindTriangle, block.primitive[i], found);
     }
   }
 
@@ -64,21 +81,31 @@ struct NearestWalk {
     return kSeek == Seek::kAll && IsParent(ray, part, kKindTriangle, index);
   }
 
+  // How far the origin may lie beside a sphere that the ray has left, by the rounding of its coordinates.
+  float ParentBlur(const Part& part, std::uint32_t index) const {
+    if (!IsParent(ray, part, kKindParticle, index)) return kNotParent;
+    const Vec3 o = ray.origin;
+    if (ray.matrixDepth == 0 || !MeasuresInScene())
+      return kHitEpsilon * (1.0f + std::fabs(o.x) + std::fabs(o.y) + std::fabs(o.z));
+    return kHitEpsilon * (1.0f + Reach(start) + Reach(o) * std::sqrt(InverseSquare(ray, true)));
+  }
+
   // Probes below a surface know no particles and no strands.
   void TestParticles(const PackedTree& tree, std::uint32_t first, std::uint32_t count) {
     if (kSeek == Seek::kSurfaces) return;
-    TestParticleLanes<false>(
-        tree, first, count, ray,
-        [&](const ParticleBlock& block, int i, Vec3 d, float nearest, float discriminant) {
-          const Part& part = object.parts[block.part[i]];
-          const bool isParent = IsParent(ray, part, kKindParticle, block.primitive[i]);
-          PrimitiveHit found;
-          found.shader = part.shader;
-          if ((!tree.filtersVisibility || IsVisible(part.shader, ray)) &&
-              TakeSphere<false>(d, nearest, discriminant, ray, isParent, found))
-            Store(part, kKindParticle, block.primitive[i], found);
-          return false;
-        });
+    const bool scaled = MeasuresInScene();
+    TestParticleLanes(tree, first, count, ray, scaled,
+                      [&](const ParticleBlock& block, int i, Vec3 d, float nearest, float discriminant) {
+                        const Part& part = object.parts[block.part[i]];
+                        const float blur = ParentBlur(part, block.primitive[i]);
+                        PrimitiveHit found;
+                        found.shader = part.shader;
+                        if ((!tree.filtersVisibility || IsVisible(part.shader, ray)) &&
+                            TakeScaledSphere(scaled, d, nearest, discriminant, ray, blur, found) &&
+                            Counts(part, kKindParticle, block.primitive[i], found))
+                          Store(part, kKindParticle, block.primitive[i], found);
+                        return false;
+                      });
   }
 
   void TestCylinders(const PackedTree& tree, std::uint32_t first, std::uint32_t count) {
@@ -91,7 +118,8 @@ struct NearestWalk {
       if (IsParent(ray, part, kKindCylinder, segment.primitive)) continue;
       if (tree.filtersVisibility && !IsVisible(part.shader, ray)) continue;
       found.shader = part.shader;
-      Store(part, kKindCylinder, segment.primitive, found);
+      if (Counts(part, kKindCylinder, segment.primitive, found))
+        Store(part, kKindCylinder, segment.primitive, found);
     }
   }
 
@@ -109,7 +137,8 @@ struct NearestWalk {
       PrimitiveHit found;
       bool met = false;
       if (kind == kKindParticle && kSeek == Seek::kAll) {
-        met = TestParticle(part, reference.index, ray, found, IsParent(ray, part, kind, reference.index));
+        met = TestParticle(part, reference.index, ray, found, ParentBlur(part, reference.index),
+                           MeasuresInScene());
       } else if (kind == kKindCylinder && kSeek == Seek::kAll) {
         met = !IsParent(ray, part, kind, reference.index) && TestCylinder(part, reference.index, ray, found);
       } else if (kind == kKindTriangle) {
@@ -117,7 +146,7 @@ struct NearestWalk {
       } else if (kind == kKindTetragon) {
         met = !IsParent(ray, part, kind, reference.index) && TestTetragon(part, reference.index, ray, found);
       }
-      if (met) Store(part, kind, reference.index, found);
+      if (met && Counts(part, kind, reference.index, found)) Store(part, kind, reference.index, found);
     }
   }
 
@@ -203,7 +232,9 @@ template <Seek kSeek>
 void NearestWalk<kSeek>::Run() {
   const PackedTree* tree = object.packed.get();
   if (tree == nullptr || tree->nodes.size() == 0) return;
-  if (kSeek == Seek::kAll) ray.direction = SafeNormalize(ray.direction);
+  if (kSeek == Seek::kAll && (ray.matrixDepth == 0 || !MeasuresInScene()))
+    ray.direction = SafeNormalize(ray.direction);
+  cutsOut = shader == kNone ? tree->cutsOut : CutsOut(shader);
   if (tree->stackSize <= kFewStackEntries)
     RunWithStack<kFewStackEntries>(*tree);
   else
@@ -214,7 +245,9 @@ template <Seek kSeek>
 void NearestWalk<kSeek>::EnterInstance(const Instance& instance) {
   if (instance.object < 0 || ray.matrixDepth >= kMostInstanceLevels) return;
   const InsideInstance inside(ray, instance);
-  NearestWalk inner{At(objectTable, instance.object), ray};
+  NearestWalk inner{At(objectTable, instance.object), ray, start};
+  inner.shader = shader == kNone ? instance.shader : shader;
+  if (cutOutsExist) inner.key = MixKey(key, static_cast<std::uint64_t>(&instance - object.instances.data()));
   inner.Run();
   if (!inner.hit) return;
   Mat3& matrix = matrixStacks[ray.thread][ray.matrixDepth - 1];
@@ -228,7 +261,8 @@ template <Seek kSeek>
 bool WalkFromRoot(RayRecord& ray) {
   ++threadSlots[ray.thread].rays;
   if (!PrepareRay(ray)) return false;
-  NearestWalk<kSeek> walk{At(objectTable, rootObject), ray};
+  NearestWalk<kSeek> walk{At(objectTable, rootObject), ray, ray.origin};
+  if (cutOutsExist) walk.key = RayKey(ray);
   walk.Run();
   return walk.hit;
 }

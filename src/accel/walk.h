@@ -10,8 +10,13 @@
 #include "accel/float8.h"
 #include "accel/primitive_tests.h"
 #include "accel/tree.h"
+#include "core/settings.h"
 
 namespace zp {
+
+// Lengths inside Instances that scale: nearest walks of format 1 measure in units of the Object, along a unit
+// direction; format 2, shadow rays and probes in scene units, along the direction as the Instances leave it.
+inline bool MeasuresInScene() { return settings.format >= 2; }
 
 // What a walk keeps of its ray for box tests. Where a direction's component is zero or nearly so, the inverse
 // is limited, since infinities of planes and origin would leave no number, and the slab is widened by what
@@ -93,11 +98,11 @@ inline bool TestLanes(const PackedTree& tree, std::uint32_t first, std::uint32_t
 
 // Tests the particles of lanes first to first + count - 1, eight at a time. take(block, i, d, b,
 // discriminant) gets every lane that the ray's line meets, with the centre seen from the origin; true from it
-// ends the test.
-template <bool kShadow, class Take>
+// ends the test. `scaled`: the direction need not be of unit length.
+template <class Take>
 inline bool TestParticleLanes(const PackedTree& tree, std::uint32_t first, std::uint32_t count,
-                              const RayRecord& ray, Take take) {
-  const Float8 zero = Float8::Set(0), inverseSquare = Float8::Set(InverseSquare<kShadow>(ray));
+                              const RayRecord& ray, bool scaled, Take take) {
+  const Float8 zero = Float8::Set(0), inverseSquare = Float8::Set(InverseSquare(ray, scaled));
   const Lanes3<Float8> direction = {Float8::Set(ray.direction.x), Float8::Set(ray.direction.y),
                                     Float8::Set(ray.direction.z)};
   const std::uint32_t end = first + count;

@@ -57,6 +57,8 @@ struct RayRecord {
   std::int32_t sampleWeight = 1;              // how many samples of this level make one pixel
   std::int32_t shader = kNone;                // of the hit
   std::int32_t primitive = kNone;             // index of what was hit, in its Part's list of that kind
+  std::int32_t medium = kNone;                // Shader of the body around the ray; kNone in the open
+  std::int32_t outerMedium = kNone;           // of the body around that one
   std::int32_t parentShader = kNone;          // the same four of the hit that the ray left
   std::int32_t parentPrimitive = kNone;       //
   const Part* parentPart = nullptr;           //

@@ -67,10 +67,11 @@
 /// - The default point light is a spot: its light fades linearly from +y to nothing on the opposite side.
 ///   zpSetPointLightInnerAngle() of 180 and zpSetPointLightOuterAngle() of 181 light all sides alike.
 /// - The sky shines with 0.75 unless zpSetSkyLightColor() says otherwise.
-/// - Final gathering is on by default, and so are a million photons of the sky and, with emissive surfaces, a
-///   million of the geometry light: each zpInitializeRenderer() casts them. zpSetRendererDistance(0) or
-///   zpSetRendererResolution(0) switches it off; then the sky casts none, and the geometry light only where
-///   there are virtual lights. zpSetSkyLightPhoton(0) and zpSetGeometryLightPhoton(0) end both.
+/// - In format 1 final gathering is on by default, and so are a million photons of the sky and, with emissive
+///   surfaces, a million of the geometry light: each zpInitializeRenderer() casts them.
+///   zpSetRendererDistance(0) or zpSetRendererResolution(0) switches it off; then the sky casts none, and the
+///   geometry light only where there are virtual lights. zpSetSkyLightPhoton(0) and
+///   zpSetGeometryLightPhoton(0) end both. In format 2 all of this is off until it is asked for.
 /// - Memory for the cells of final gathering above 1 GB a Part and primitive kind ends the process with
 ///   status 1: large scenes need a larger zpSetRendererResolution() or none.
 /// - The last pass of zpRender() writes all images and drops the lights, so a second zpRender() sees the
@@ -194,8 +195,8 @@ enum class Visibility : std::int32_t {
 /// numbers, adds the working directory to the folders of pictures, resets geometry light, sky light and
 /// renderer settings (the scene's setters come after it), and registers the Shader "undefined", a grey of
 /// 0.85, unless one of that name is there: in an empty table it gets index 0. Tables of a scene that was not
-/// finalised stay. The environment variable `ZP_FORMAT` chooses the rules, 1 (the default) or 2: docs/format-2.md
-/// tells the differences. Another word gives an error row, and format 1.
+/// finalised stay. The environment variable `ZP_FORMAT` chooses the rules, 1 (the default) or 2:
+/// docs/format-2.md tells the differences. Another word gives an error row, and format 1.
 void zpStartup() noexcept;
 /// Last of all calls. Ends the picture library and empties the constant tables; a new zpStartup() fills them
 /// again. Scene tables stay: zpFinalize() comes before.
@@ -251,10 +252,11 @@ void zpInitializeAccelerator() noexcept;
 /// Empties the table of Objects.
 void zpFinalizeAccelerator() noexcept;
 /// Limits the renderer settings, chooses between final gathering and path tracing (a row tells which), aims
-/// the photons of all lights at the scene's bounds, and casts them. Comes last. A second call casts all photons again on top of what the cells hold.
+/// the photons of all lights at the scene's bounds, and casts them. Comes last. A second call casts all
+/// photons again on top of what the cells hold.
 void zpInitializeRenderer() noexcept;
 /// Drops the stored photons and puts back the radius of caustics (1), ray depth (8), photon depth (8) and
-/// renderer samples (64). All other settings stay.
+/// renderer samples (64, in format 2 1). All other settings stay.
 void zpFinalizeRenderer() noexcept;
 /// @}
 
@@ -280,7 +282,8 @@ void zpRender() noexcept;
 /// @param out    room for `count` x 3 floats: RGB triples of the camera's region, row after row from the top,
 ///               pixel (x, y) at row (y - yMin) * (xMax - xMin) + (x - xMin)
 /// @param pass   the sample number, taken modulo the camera's passes. Light samples and indirect rays are
-///               shared out over the passes, so that only all of them together are without bias
+///               shared out over the passes, so that only all of them together are without bias; in format
+///               2 each pass is, and all together have the least noise
 void zpRenderPixels(int count, float* out, int pass) noexcept;
 /// Whether zpRender() and zpGo() show a window that follows the passes; default false, carries over. While it
 /// is open the calls do not return: closing the window writes the beauty image and ends the process. Where no
@@ -301,22 +304,25 @@ void zpSetRendererRayDepth(int depth) noexcept;
 /// stack as ray depth does.
 void zpSetRendererPhotonDepth(int depth) noexcept;
 /// Indirect rays of a first hit, over all passes, for a white surface; darker ones get fewer, and each pass
-/// at least one. Default 64; negative ones become 0 at zpInitializeRenderer(). What is set after that acts at
-/// once on the count of rays, not on their weight against light samples, and is not limited.
+/// at least one; in format 2 in each pass. Default 64, in format 2 1; negative ones become 0 at
+/// zpInitializeRenderer(). What is set after that acts at once on the count of rays, not on their weight
+/// against light samples, and is not limited.
 void zpSetRendererSample(int sample) noexcept;
 /// Diffuse and glossy bounces before a path ends or, in final gathering, the cells answer. Default 1; carries
 /// over; at least 1 from zpInitializeRenderer() on. Mirrors and glass do not count.
 void zpSetRendererBounce(int bounce) noexcept;
 /// Final gathering: with zpSetRendererBounce() of 2 or more, indirect hits nearer than this are gathered once
-/// more, farther ones answer from the cells. Scene units; default 1; carries over. 0 or less, and what is no
-/// number, switch final gathering off.
+/// more, farther ones answer from the cells. Scene units; default 1, which carries over, in format 2 0. 0 or
+/// less, and what is no number, switch final gathering off.
 void zpSetRendererDistance(float distance) noexcept;
-/// Final gathering: target area of a cell on the surfaces of the root Object, scene units squared; default 1;
-/// carries over. A triangle or tetragon has at most 255 x 255 cells of 24 bytes each; too many end the
-/// process. 0 or less, and what is no number, switch final gathering off. Before zpInitializeAccelerator().
+/// Final gathering: target area of a cell on the surfaces of the root Object, scene units squared; default 1,
+/// which carries over, in format 2 0. A triangle or tetragon has at most 255 x 255 cells of 24 bytes each;
+/// too many end the process. 0 or less, and what is no number, switch final gathering off. Before
+/// zpInitializeAccelerator().
 void zpSetRendererResolution(float resolution) noexcept;
-/// How far around a point caustic photons are gathered, scene units; the nearest 32 count. Default 1; below
-/// 1e-8 no caustics show. Before zpInitializeRenderer(), in both modes.
+/// How far around a point caustic photons are gathered, scene units; the nearest 32 count. Default 1, in
+/// format 2 0.005 of the diagonal of the scene's bounds; below 1e-8 no caustics show. Before
+/// zpInitializeRenderer(), in both modes.
 void zpSetRendererRadius(float radius) noexcept;
 /// @}
 
@@ -380,8 +386,8 @@ void zpAddParticles(int object, int part, int count, const int* data) noexcept;
 /// @param part    index of the Part in it
 /// @param name    what AOVs call it
 /// @param count   values, not numbers
-/// @param kind    1 one float, 2 two (the Part's first set of these holds the texture coordinates), any other
-///                value three
+/// @param kind    1 one float, 2 two (the Part's first set of these holds the texture coordinates, and others
+///                are for pictures of format 2 that ask for their name by "uv_set"), any other value three
 /// @param data    `count` x 1, 2 or 3 floats
 void zpAddVertexData(int object, int part, const char* name, int count, int kind, const float* data) noexcept;
 /// Appends an Instance to `object` and returns its index in it. It places nothing before zpSetInstance(), but
@@ -393,9 +399,9 @@ int zpAddInstance(int object) noexcept;
 /// @param instance  index of the Instance in it
 /// @param target    index of the Object to place. What names none finds the first Object without a name
 /// @param matrix    4 x 4, target to `object`; the translation is the last column. Null keeps the stored one,
-///                  which starts as the identity. Rotations and translations only: distances inside are not
-///                  converted, so that scaled Instances show wrong. Without an inverse: an error row, and
-///                  nothing shows
+///                  which starts as the identity. In format 1 rotations and translations only: distances inside are
+///                  not converted, so that scaled Instances show wrong. Without an inverse: an error row,
+///                  and nothing shows
 /// @param shader    replaces all shaders of the target and of what it places; -1 keeps them. What names no
 ///                  Shader shows black. Visibility and light samples stay those of the target's own
 void zpSetInstance(int object, int instance, int target, const float matrix[][4], int shader) noexcept;
@@ -435,7 +441,8 @@ void zpSetSurfaceColor(int shader, int layer, Element element, float r, float g,
 /// @param path     picture file, relative to the working directory; default none. A picture of 16 bits a
 ///                 component reads up to 257 in format 1
 /// @param gamma    exponent of each component, default 1; 2.2 makes common 8-bit pictures linear
-/// @param color    4 x 4, or null: column i makes component i of red, green, blue and 1, and the fourth divides.
+/// @param color    4 x 4, or null: column i makes component i of red, green, blue and 1, and the fourth
+/// divides.
 ///                 Intended: format 1 keeps it, but applies only matrices of scene text
 /// @param uv       3 x 3, or null: applied to (u, v, 1), row by row. Intended: likewise
 void zpSetSurfaceImage(int shader, int layer, Element element, const char* path, float gamma,
@@ -456,7 +463,8 @@ void zpSetSurfaceVirtualLight(int shader, int layer, bool on) noexcept;
 /// supplied); else a warning row, or the face stays.
 int zpAddDisplacementShader(int shader) noexcept;
 /// The layer's image: each component minus 0.5 counts, times the displacement vector. Without one the vector
-/// counts alone. Arguments as those of zpSetSurfaceImage(); in format 1 both matrices are kept and not applied.
+/// counts alone. Arguments as those of zpSetSurfaceImage(); in format 1 both matrices are kept and not
+/// applied.
 void zpSetDisplacementImage(int shader, int layer, const char* path, float gamma, const float color[][4],
                             const float uv[][3]) noexcept;
 /// Splits each triangle into `level` x `level`; default 1, below 1 counts as 1. Levels that memory cannot
@@ -546,8 +554,8 @@ void zpSetPointLightOffset(int light, float offset) noexcept;
 void zpSetPointLightInnerAngle(int light, float degrees) noexcept;
 /// Angle off the axis from which there is no light, degrees; default 180. Equal angles make a hard edge.
 void zpSetPointLightOuterAngle(int light, float degrees) noexcept;
-/// Shadow rays of a first hit, over all passes, at least one a pass; default 1. Counts with a blur above 0,
-/// since others need no more than one.
+/// Shadow rays of a first hit, over all passes, at least one a pass, or, in format 2, in each pass;
+/// default 1. Counts with a blur above 0, since others need no more than one.
 void zpSetPointLightSample(int light, int sample) noexcept;
 /// Number of photons; default 0, as below 0. They make the light's caustics, and in final gathering its
 /// indirect light: without photons it lights no cells.
@@ -615,8 +623,8 @@ void zpSetSkyLightImage(const char* path) noexcept;
 /// A latitude-longitude picture that camera rays see instead of the sky, without its colour. Default none.
 /// Carries over; an empty name removes it.
 void zpSetSkyLightBackdrop(const char* path) noexcept;
-/// Shadow rays of a first hit towards bright parts of the picture, over all passes, at least one a pass;
-/// default 64; 0 or less: none, rays find the sky by themselves. A sky without a picture is never sampled.
+/// Shadow rays of a first hit towards bright parts of the picture, as zpSetPointLightSample(); default 64, in
+/// format 2 1; 0 or less: none, rays find the sky by themselves. A sky without a picture is never sampled.
 void zpSetSkyLightSample(int sample) noexcept;
 /// Number of photons; default 1000000; 0 or less: none, and in final gathering no sky light in the cells.
 /// They are cast in final gathering and for light paths.
@@ -641,7 +649,7 @@ void zpSetSkyLightAOVName(int aov, const char* name) noexcept;
 /// @{
 
 /// Shadow rays of a first hit towards layers with zpSetSurfaceVirtualLight(), which tells why none is best in
-/// format 1, over all passes, at least one a pass; default 0, as below 0: none.
+/// format 1, as zpSetPointLightSample(); default 0, as below 0: none; in format 2 1.
 void zpSetGeometryLightSample(int sample) noexcept;
 /// Number of photons of all emissive layers; default 1000000; 0 or less: none. They are cast in final
 /// gathering, with virtual lights in path tracing as well (caustics), and for light paths. Nothing emissive

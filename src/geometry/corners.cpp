@@ -1,5 +1,6 @@
 // Which vertices a hit lies between.
 
+#include <algorithm>
 #include <cassert>
 
 #include "geometry/geometry.h"
@@ -31,16 +32,32 @@ Corners HitCorners(const Part& part, std::uint8_t kind, std::uint32_t index, Vec
   }
 }
 
-Vec2 CornerUv(const Corners& corners, const Part& part) {
+SurfaceUv CornerUv(const Corners& corners, const Part& part) {
   if (part.uvSets.empty()) return {};
   const std::vector<Vec2>& values = part.uvSets[0].values;
-  Vec2 uv;
+  SurfaceUv uv;
   for (int i = 0; i < corners.count; ++i) {
-    if (corners.vertex[i] >= values.size()) return {};
+    if (corners.vertex[i] >= values.size()) {
+      uv.x = uv.y = 0;
+      break;
+    }
     uv.x += corners.weight[i] * values[corners.vertex[i]].x;
     uv.y += corners.weight[i] * values[corners.vertex[i]].y;
   }
+  if (part.namedUvs.empty()) return uv;
+  uv.sets = part.namedUvs.data();
+  uv.count = corners.count;
+  std::copy_n(corners.vertex, 4, uv.vertex);
+  std::copy_n(corners.weight, 4, uv.weight);
   return uv;
+}
+
+const VertexSet<Vec2>& UvSetOf(const Part& part, std::int32_t set) {
+  if (set > 0)
+    for (const VertexSet<Vec2>& candidate : part.uvSets)
+      if (candidate.name == uvSetNames[static_cast<std::size_t>(set - 1)] && !candidate.values.empty())
+        return candidate;
+  return part.uvSets.front();
 }
 
 }  // namespace zp

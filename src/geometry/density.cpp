@@ -8,6 +8,7 @@
 #include "core/index.h"
 #include "core/settings.h"
 #include "core/shared_add.h"
+#include "core/threads.h"
 #include "core/validate.h"
 #include "geometry/geometry.h"
 #include "geometry/validate.h"
@@ -47,6 +48,43 @@ void SetUpGrid(CellGrid& grid, std::size_t count, const Area& area, const Shader
   grid.back.resize(static_cast<std::size_t>(cells));
 }
 
+// What a cut-out leaves of each cell of primitive i, from points evenly over the primitive.
+void MeasureShares(CellGrid& grid, const Part& part, std::uint8_t kind, std::size_t i, std::int32_t shader) {
+  constexpr int kPointsAlongCell = 8;
+  constexpr float kLeastShare = 1.0f / 64;  // points may miss what photons find
+  const std::int32_t level = grid.level[i], steps = level * kPointsAlongCell;
+  std::vector<float> sums(static_cast<std::size_t>(level) * level), counts(sums.size());
+  for (std::int32_t k = 0; k < steps * steps; ++k) {
+    const float a = (static_cast<float>(k / steps) + 0.5f) / static_cast<float>(steps);
+    const float b = (static_cast<float>(k % steps) + 0.5f) / static_cast<float>(steps);
+    const float root = std::sqrt(a);
+    const bool triangle = kind == kKindTriangle;
+    const Vec3 place = triangle ? Vec3{1 - root, root * (1 - b), root * b} : Vec3{a, b, 0};
+    const Corners corners = HitCorners(part, kind, static_cast<std::uint32_t>(i), place);
+    const std::int32_t cell = triangle ? TriangleCell(place, level) : TetragonCell(a, b, level);
+    At(sums, cell) += Opacity(ShaderAt(shader), CornerUv(corners, part));
+    ++At(counts, cell);
+  }
+  for (std::size_t cell = 0; cell < sums.size(); ++cell)
+    if (counts[cell] > 0)
+      grid.share[static_cast<std::size_t>(grid.offset[i]) + cell] =
+          std::max(sums[cell] / counts[cell], kLeastShare);
+}
+
+template <class ShaderOf>
+void SetUpShares(CellGrid& grid, const Part& part, std::uint8_t kind, const ShaderOf& shader) {
+  const auto cutsOut = [&](std::size_t i) {
+    return ReceivesPhotons(shader(i)) && ShaderAt(shader(i)).cutsOut;
+  };
+  const std::size_t count = grid.level.size();
+  for (std::size_t i = 0; i < count && grid.share.empty(); ++i)
+    if (cutsOut(i)) grid.share.assign(grid.face.size(), 1.0f);
+  if (grid.share.empty()) return;
+#pragma omp parallel for schedule(dynamic, 64) if (IsWorthThreads(count, 1000))
+  for (std::size_t i = 0; i < count; ++i)
+    if (cutsOut(i)) MeasureShares(grid, part, kind, i, shader(i));
+}
+
 // Intended: levels count as one byte each.
 std::size_t ReportedBytes(const CellGrid& grid) {
   return grid.level.size() + 4 * grid.offset.size() + kBytesPerCell * grid.face.size();
@@ -57,6 +95,9 @@ std::int32_t Step(float share, std::int32_t level) {
   const float x = share * static_cast<float>(level);
   return x > 0 ? static_cast<std::int32_t>(MinOf(x, static_cast<float>(level - 1))) : 0;
 }
+
+// Faces must be larger to take photons: none is too small in format 2.
+float LeastFace() { return settings.format >= 2 ? 0.0f : 1e-5f; }
 
 // Where a hit's light is kept. Null arrays: nowhere.
 struct CellPlace {
@@ -84,17 +125,18 @@ CellPlace PlaceOf(const RayRecord& ray) {
 
 }  // namespace
 
-bool AsksForCells() { return settings.said.resolution >= kLeastResolution; }
+bool AsksForCells() { return CellResolution() >= kLeastResolution; }
 
-bool ChoosesFinalGathering() { return settings.said.distance > 0 && AsksForCells(); }
+bool ChoosesFinalGathering() { return GatherDistance() > 0 && AsksForCells(); }
 
 // The smallest level whose cells, of the resolution's area, cover more than `area`.
 std::int32_t CellLevel(float area) {
+  const float resolution = CellResolution();
   const auto covers = [&](std::int32_t n) {
-    return static_cast<float>(n) * static_cast<float>(n) * settings.said.resolution > area;
+    return static_cast<float>(n) * static_cast<float>(n) * resolution > area;
   };
   if (!covers(kMostCellLevels)) return kMostCellLevels;
-  auto level = static_cast<std::int32_t>(std::sqrt(area / settings.said.resolution));
+  auto level = static_cast<std::int32_t>(std::sqrt(area / resolution));
   level = std::clamp(level, 1, kMostCellLevels);
   while (level > 1 && covers(level - 1)) --level;
   while (!covers(level)) ++level;
@@ -113,6 +155,10 @@ void SetUpDensity(Part& part) {
       part.density->tetragons, part.tetragons.size(),
       [&](std::size_t i) { return TetragonArea(part, static_cast<std::uint32_t>(i)); },
       [&](std::size_t i) { return part.tetragons[i].shader; });
+  SetUpShares(part.density->triangles, part, kKindTriangle,
+              [&](std::size_t i) { return part.triangles[i].shader; });
+  SetUpShares(part.density->tetragons, part, kKindTetragon,
+              [&](std::size_t i) { return part.tetragons[i].shader; });
   if (kValidates) RequireSound(ValidateDensity(part));
   const std::size_t bytes = ReportedBytes(part.density->triangles) + ReportedBytes(part.density->tetragons);
   PrintFloatRow("density estimator buffer", static_cast<float>(bytes) * kMegabytesPerByte, "M bytes");
@@ -138,9 +184,10 @@ void AddDensity(const RayRecord& ray, CellSide side, Vec3 power) {
   const auto primitive = static_cast<std::uint32_t>(ray.primitive);
   const float area =
       ray.kind == kKindTriangle ? TriangleArea(*ray.part, primitive) : TetragonArea(*ray.part, primitive);
-  if (!(area > 1e-5f)) return;
+  if (!(area > LeastFace())) return;
   const bool face = ray.frontFace == (side == CellSide::kMet);
-  const auto cells = static_cast<float>(place.level * place.level);
+  auto cells = static_cast<float>(place.level * place.level);
+  if (!place.grid->share.empty()) cells /= At(place.grid->share, place.index);
   AddShared(At(face ? place.grid->face : place.grid->back, place.index), power / area * cells);
 }
 

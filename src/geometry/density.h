@@ -23,6 +23,7 @@ struct CellGrid {
   std::vector<std::int32_t> level;
   std::vector<Vec3> face;  // seen from the side that the normal points to
   std::vector<Vec3> back;
+  std::vector<float> share;  // of the cell's area that is there; empty where no Shader cuts out
 };
 
 struct DensityCells {
@@ -37,7 +38,7 @@ std::int32_t CellLevel(float area);
 inline constexpr std::int64_t kBytesPerCell = 24;
 inline constexpr std::int64_t kMostCellBytes = 0x40000000;  // of one kind of primitive of a Part
 
-// Gives the Part fresh black cells of about settings.said.resolution scene units squared; none where none are
+// Gives the Part fresh black cells of about CellResolution() scene units squared; none where none are
 // asked for. Prints the memory row. Ends the process with status 1 when one kind's cells take more than 1 GB.
 void SetUpDensity(Part& part);
 
@@ -48,7 +49,7 @@ std::int32_t TetragonCell(float u, float v, std::int32_t level);
 enum class CellSide { kMet, kOther };  // of the hit: the one that the ray has met, or the one behind
 
 // Adds photon power to the light that leaves the hit of `ray` on a side. Any thread. Instanced geometry, hair
-// and particles have no cells, and what is smaller than 1e-5 takes nothing.
+// and particles have no cells, and in format 1 what is smaller than 1e-5 takes nothing.
 void AddDensity(const RayRecord& ray, CellSide side, Vec3 power);
 // The light that leaves the hit towards the ray's origin; black where there are no cells.
 Vec3 ReadDensity(const RayRecord& ray);

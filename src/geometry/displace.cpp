@@ -5,6 +5,7 @@
 #include "core/index.h"
 #include "core/random.h"
 #include "core/release.h"
+#include "core/settings.h"
 #include "core/stop.h"
 #include "core/threads.h"
 #include "core/validate.h"
@@ -20,16 +21,30 @@ namespace {
 constexpr std::uint64_t kMostVertices = 0xFFFFFFFEU;
 constexpr std::uint64_t kMostTriangles = kMostVertices / 3;
 
-const ImageSlot* FindLayer(std::int32_t shader, std::size_t pass) {
-  if (!HasShader(shader)) return nullptr;
-  const auto& layers = ShaderAt(shader).geometry.vector;
-  return pass < layers.size() ? &layers[pass] : nullptr;
+// One displacement of a Shader. Those by height, along the normal, follow those by vector; in format 1 there
+// are none.
+struct Layer {
+  const ImageSlot* slot = nullptr;
+  bool isHeight = false;
+};
+
+std::size_t CountLayers(const GeometryShader& geometry) {
+  return geometry.vector.size() + (settings.format >= 2 ? geometry.height.size() : 0);
+}
+
+// Without a slot where the Shader has no such layer.
+Layer FindLayer(std::int32_t shader, std::size_t pass) {
+  if (!HasShader(shader) || pass >= CountLayers(ShaderAt(shader).geometry)) return {};
+  const GeometryShader& geometry = ShaderAt(shader).geometry;
+  const std::size_t vectors = geometry.vector.size();
+  if (pass < vectors) return {&geometry.vector[pass], false};
+  return {&geometry.height[pass - vectors], true};
 }
 
 std::size_t CountPasses(const Part& part) {
   std::size_t passes = 0;
   const auto consider = [&](std::int32_t shader) {
-    if (HasShader(shader)) passes = std::max(passes, ShaderAt(shader).geometry.vector.size());
+    if (HasShader(shader)) passes = std::max(passes, CountLayers(ShaderAt(shader).geometry));
   };
   for (const Triangle& triangle : part.triangles) consider(triangle.shader);
   for (const Tetragon& tetragon : part.tetragons) consider(tetragon.shader);
@@ -68,7 +83,7 @@ bool PlanPass(const Part& part, std::size_t pass, PassPlan& plan) {
 #pragma omp parallel for schedule(static) reduction(+ : kept) if (IsWorthThreads(part.triangles.size(), 10))
   for (std::int64_t i = 0; i < count; ++i) {
     const Triangle& triangle = At(part.triangles, i);
-    const ImageSlot* layer = FindLayer(triangle.shader, pass);
+    const ImageSlot* layer = FindLayer(triangle.shader, pass).slot;
     bool refined = layer != nullptr;
     for (const std::uint32_t v : triangle.vertex)
       refined = refined && !IsZero(part.normals[v]) && !IsZero(part.tangents[v]);
@@ -145,23 +160,24 @@ class DrawFromUv {
 
 // How far a layer moves a point, in scene units. An image counts from mid-grey. `hand`: -1 where the
 // bitangent is minus the product of normal and tangent, else 1.
-Vec3 Offset(const ImageSlot& layer, Vec2 uv, PackedVector packedNormal, PackedVector packedTangent,
-            float hand) {
-  Vec3 amount = layer.color;
-  if (IsIndex(images, layer.image)) {
+Vec3 Offset(const Layer& layer, Vec2 uv, PackedVector packedNormal, PackedVector packedTangent, float hand) {
+  const ImageSlot& slot = *layer.slot;
+  Vec3 amount = slot.color;
+  if (IsIndex(images, slot.image)) {
     const DrawFromUv draws(uv);
-    const Vec3 texel = LookUpTexture(At(images, layer.image), layer, uv);
-    amount = (texel - Vec3{0.5f, 0.5f, 0.5f}) * layer.color;
+    const Vec3 texel = LookUpTexture(At(images, slot.image), slot, uv);
+    amount = (texel - Vec3{0.5f, 0.5f, 0.5f}) * slot.color;
   }
-  if (layer.direction != Vec3{}) return layer.direction * amount;
   const Vec3 normal = SafeNormalize(Unpack(packedNormal)), tangent = SafeNormalize(Unpack(packedTangent));
+  if (layer.isHeight) return Mean(amount) * normal;
+  if (slot.direction != Vec3{}) return slot.direction * amount;
   return amount.x * tangent - (hand * amount.y) * Cross(normal, tangent) + amount.z * normal;
 }
 
 // Computes what the plan gave one triangle room for.
 class Refiner {
  public:
-  Refiner(Part& part, const ImageSlot& layer, const Triangle& triangle)
+  Refiner(Part& part, const Layer& layer, const Triangle& triangle)
       : part_(part), layer_(layer), triangle_(triangle) {
     OrderCorners(part, triangle, order_);
     for (int c = 0; c < 3; ++c) {
@@ -171,6 +187,7 @@ class Refiner {
       corners_[c] = {part.positions[v], normals_[c]};
     }
     if (part.mirroredUvs && IsMirrored(part, triangle.vertex)) hand_ = -1;
+    if (!part.uvSets.empty()) uvs_ = &UvSetOf(part, layer.slot->uvSet).values;
   }
 
   void WriteVertices(const Slice& slice) {
@@ -196,8 +213,7 @@ class Refiner {
       WriteValue(part_.positions, vertex, blend);
       position = part_.positions[vertex];
     }
-    const bool hasUv = !part_.uvSets.empty() && !part_.uvSets.front().values.empty();
-    const Vec2 uv = hasUv ? part_.uvSets.front().values[vertex] : Vec2{};
+    const Vec2 uv = uvs_ != nullptr && !uvs_->empty() ? (*uvs_)[vertex] : Vec2{};
     const Vec3 moved = position + Offset(layer_, uv, part_.normals[vertex], part_.tangents[vertex], hand_);
     // The sum with 0 leaves no negative zeros: positions are compared by their bits.
     part_.positions[vertex] = (IsFinite(moved) ? moved : position) + Vec3{0, 0, 0};
@@ -212,7 +228,8 @@ class Refiner {
   }
 
   Part& part_;
-  const ImageSlot& layer_;
+  const Layer& layer_;
+  const std::vector<Vec2>* uvs_ = nullptr;  // by which the layer's picture is read
   const Triangle& triangle_;
   PatchCorner corners_[3];
   Vec3 normals_[3], tangents_[3];
@@ -264,7 +281,7 @@ bool RefineAndMove(Part& part, std::size_t pass) {
       triangles[slice.triangle] = triangle;
       continue;
     }
-    Refiner(part, *FindLayer(triangle.shader, pass), triangle).WriteVertices(slice);
+    Refiner(part, FindLayer(triangle.shader, pass), triangle).WriteVertices(slice);
     WriteLattice(slice.vertex, static_cast<std::uint32_t>(slice.level), triangle.shader,
                  &triangles[slice.triangle]);
   }

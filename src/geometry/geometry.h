@@ -10,6 +10,7 @@
 
 #include "geometry/object.h"
 #include "imaging/imaging.h"
+#include "shading/shading.h"
 
 namespace zp {
 
@@ -52,6 +53,13 @@ struct StrandLayout {
 // "parameter" (0 at the root of each strand, rising evenly, below 1 at its tip) and gives each vertex the
 // direction of its strand as tangent.
 void DeriveStrands(Part& part);
+// The tangents of strands alone.
+void DeriveStrandTangents(Part& part);
+// Lets the radius and length layers of the Part's Shader act: both are factors, found at the texture
+// coordinates of a strand's root or a particle. A shorter strand is the beginning of the whole one, a longer
+// one goes straight on at its tip; what is left with no radius or no length is dropped. False if nothing
+// asks for it, as in format 1.
+bool ScaleStrands(Part& part);
 
 // Reads a binary hair file into `part`, whose positions, first uv set and first scalar set become those of
 // the file. False, with a row and an untouched Part, if the file cannot be read or ends before what its
@@ -91,8 +99,12 @@ float TetragonArea(const Part& part, std::uint32_t index);
 // How long the tangents of a segment with that chord are: as it is itself, so that the shape of a strand does
 // not depend on its size; 1 scene unit in format 1.
 float StrandTangentLength(Vec3 chord);
-// A point of a cylinder's Hermite curve at t in 0..1, and the vertices' unit tangents it is made of.
+// A point of a cubic Hermite curve at t in 0..1.
+Vec3 CurvePoint(Vec3 p0, Vec3 p1, Vec3 tangent0, Vec3 tangent1, float t);
+// The same on that of a cylinder, of its vertices' tangents.
 Vec3 CurvePoint(const Part& part, std::uint32_t cylinder, float t);
+// The curve's unit direction over the straight piece whose middle is at t: zero where it stands still.
+Vec3 CurveAxis(const Part& part, std::uint32_t cylinder, float t);
 
 // Whether the uvs of the first three corners run round the other way than the corners themselves. Asked of
 // Parts with `mirroredUvs` alone: there tangents run along u, and the bitangent is minus the product of
@@ -107,8 +119,11 @@ struct Corners {
 };
 // `barycentric` as the hit tests give it; no vertices for other kinds than the four primitives.
 Corners HitCorners(const Part& part, std::uint8_t kind, std::uint32_t index, Vec3 barycentric);
-// Of the Part's first uv set; zero where it has no value for a vertex.
-Vec2 CornerUv(const Corners& corners, const Part& part);
+// Of the Part's first uv set, zero where it has no value for a vertex; and of its others, if they are asked
+// for.
+SurfaceUv CornerUv(const Corners& corners, const Part& part);
+// The Part's set of that number of uvSetNames, else the first. The Part has one.
+const VertexSet<Vec2>& UvSetOf(const Part& part, std::int32_t set);
 
 // Gives the Part the normals and tangents of its shaders' smoothing angles, in degrees: each corner of a
 // triangle or tetragon sums the unit normals (and tangents) of the faces at its position within that angle of

@@ -292,6 +292,16 @@ bool KeepsHandedness(const Part& part) {
           std::any_of(part.tetragons.begin(), part.tetragons.end(), mirrored));
 }
 
+// When the arrays are final.
+void NameUvSets(Part& part) {
+  part.namedUvs.clear();
+  for (std::size_t i = 1; i <= uvSetNames.size() && !part.uvSets.empty(); ++i) {
+    const VertexSet<Vec2>& set = UvSetOf(part, static_cast<std::int32_t>(i));
+    const bool fits = &set != &part.uvSets.front() && set.values.size() == part.positions.size();
+    part.namedUvs.push_back(fits ? set.values.data() : nullptr);
+  }
+}
+
 }  // namespace
 
 void PreparePart(Part& part, const Object& object) {
@@ -318,6 +328,7 @@ void PreparePart(Part& part, const Object& object) {
   part.tangents.shrink_to_fit();
   part.triangles.shrink_to_fit();
   part.tetragons.shrink_to_fit();
+  NameUvSets(part);
   if (kValidates && !Stopping()) RequireSound(ValidatePart(part));
 }
 

@@ -74,6 +74,12 @@ Box ParticleBox(const Part& part, std::uint32_t index) {
 
 float StrandTangentLength(Vec3 chord) { return settings.format >= 2 ? std::sqrt(Dot(chord, chord)) : 1.0f; }
 
+Vec3 CurvePoint(Vec3 p0, Vec3 p1, Vec3 tangent0, Vec3 tangent1, float t) {
+  const float t2 = t * t, t3 = t2 * t;
+  const float h1 = -(3 * t2 - 2 * t3), h2 = t3 - 2 * t2 + t, h3 = t3 - t2;
+  return p0 + (p0 - p1) * h1 + tangent0 * h2 + tangent1 * h3;
+}
+
 Vec3 CurvePoint(const Part& part, std::uint32_t cylinder, float t) {
   const std::uint32_t first = part.cylinders[cylinder];
   const Vec3 p0 = part.positions[first], p1 = part.positions[first + 1];
@@ -81,9 +87,13 @@ Vec3 CurvePoint(const Part& part, std::uint32_t cylinder, float t) {
   const auto tangent = [&](std::uint32_t vertex) {
     return vertex < part.tangents.size() ? length * SafeNormalize(Unpack(part.tangents[vertex])) : Vec3{};
   };
-  const float t2 = t * t, t3 = t2 * t;
-  const float h1 = -(3 * t2 - 2 * t3), h2 = t3 - 2 * t2 + t, h3 = t3 - t2;
-  return p0 + (p0 - p1) * h1 + tangent(first) * h2 + tangent(first + 1) * h3;
+  return CurvePoint(p0, p1, tangent(first), tangent(first + 1), t);
+}
+
+Vec3 CurveAxis(const Part& part, std::uint32_t cylinder, float t) {
+  constexpr float kHalfStep = 1.0f / 16.0f;  // of the eight straight pieces
+  return UnitVector(CurvePoint(part, cylinder, std::min(t + kHalfStep, 1.0f)) -
+                    CurvePoint(part, cylinder, std::max(t - kHalfStep, 0.0f)));
 }
 
 namespace {

@@ -63,6 +63,8 @@ struct Part {
   std::string materialName;
   // Of a Part of the RootObject, while there are cells. A handle: a const Part's cells can be written.
   std::shared_ptr<DensityCells> density;
+  // Values of its uv sets by uvSetNames, null where it has none of that name. Empty: no names.
+  std::vector<const Vec2*> namedUvs;
   bool motion = false;       // some vector set is named "motion"
   bool mirroredUvs = false;  // see KeepsHandedness
   // Of the reader that merges vertices; transient. Open addressing, a power of two of slots with vertex

@@ -25,10 +25,10 @@ void ForgetGathers() {
 }
 
 Vec3 GatherCaustics(const RayRecord& ray, const ShadingPoint& point, Event event) {
-  if (photonStore.nodes.empty() || settings.said.photonRadius < 1e-8f) return kBlack;
+  if (photonStore.nodes.empty() || settings.derived.photonRadius < 1e-8f) return kBlack;
   const Box& box = photonStore.box;
   // As wide as the search: the photons of a level floor lie in a box that only rounding has made thick.
-  const float reach = settings.said.photonRadius;
+  const float reach = settings.derived.photonRadius;
   for (int a = 0; a < 3; ++a)
     if (!(point.position[a] >= box.min[a] - reach && point.position[a] <= box.max[a] + reach)) return kBlack;
 
@@ -37,7 +37,7 @@ Vec3 GatherCaustics(const RayRecord& ray, const ShadingPoint& point, Event event
   if (ray.depth == 0 && last.event == event) {
     const Vec3 way = point.position - last.position;
     const float known = std::sqrt(last.squaredRadius) + std::sqrt(Dot(way, way));
-    if (known < settings.said.photonRadius) squaredRadius = known * known;
+    if (known < settings.derived.photonRadius) squaredRadius = known * known;
   }
   FoundPhotons found;
   // Transmitted light landed on the other side.

@@ -36,6 +36,8 @@ RayRecord MakeChildRay(const RayRecord& parent, const ShadingPoint& point, Event
   child.event = event;
   child.previousEvent = parent.event == event ? parent.previousEvent : parent.event;
   if (event < kEventSpecular) child.scattering = IsHair(point) ? kEventGlossy : event;
+  const bool crosses = Dot(direction, point.geometricNormal) < 0 && parent.kind != kKindCylinder;
+  if (settings.derived.tracksMedia && crosses) CrossSurface(child, parent.shader, parent.frontFace);
   return child;
 }
 
@@ -74,7 +76,7 @@ RayRecord MakeFiberChild(const RayRecord& ray, const ShadingPoint& point, Vec3 t
 bool DiffuseDirection(const RayRecord& ray, const ShadingPoint& point, Event event, std::uint32_t sample,
                       Vec3& direction) {
   const float side = event == kEventTransmissive ? -1.0f : 1.0f;
-  const Vec2 draw = DrawPair(ray, sample);
+  const Vec2 draw = DrawPair(ray, sample, event);
   const Vec3 local = CosineDirection(draw.x, draw.y);
   direction = local.x * point.tangent + local.y * point.bitangent + (side * local.z) * point.normal;
   return IsHair(point) || side * Dot(direction, point.geometricNormal) > 0;
@@ -82,7 +84,7 @@ bool DiffuseDirection(const RayRecord& ray, const ShadingPoint& point, Event eve
 
 LobeRays GlossyRays(const RayRecord& ray, const ShadingPoint& point, std::uint32_t sample) {
   LobeRays ways;
-  const Vec2 draw = DrawPair(ray, sample);
+  const Vec2 draw = DrawPair(ray, sample, kEventGlossy);
   const Vec3 half = SampleGlossyHalf(point, draw.x, draw.y);
   const float cosine = -Dot(ray.direction, half);
   if (!(cosine > 0)) return ways;  // a facet that looks away

@@ -1,5 +1,11 @@
 // Light that enters a surface at one point and leaves it at another: a Gaussian of the distance between them,
 // sampled by probe rays through the body.
+//
+// Format 2. A chord of a sphere with both ends uniform on it is a random line: it crosses surfaces of
+// whatever slope alike, in proportion to their area. With a radius whose square is a sum of two exponential
+// draws the crossings are spread by a Gaussian of exactly the variance that was asked for. Chords through the
+// tangent plane always cross a flat body; where one crosses nothing the next is drawn, so that light is never
+// lost.
 
 #include <algorithm>
 
@@ -20,10 +26,24 @@ Vec3 UniformOnSphere() {
   return {radius * std::cos(angle), radius * std::sin(angle), z};
 }
 
-// A chord of the sphere around the point: both ends uniform on it.
-RayRecord MakeProbe(const RayRecord& ray, const ShadingPoint& point, float radius) {
-  const Vec3 start = radius * UniformOnSphere(), end = radius * UniformOnSphere();
-  const Vec3 chord = end - start;
+// Of a sphere of radius 1 around the point.
+struct Chord {
+  Vec3 start, end;
+};
+Chord AnyChord() {
+  Chord chord;
+  chord.start = UniformOnSphere();
+  chord.end = UniformOnSphere();
+  return chord;
+}
+Chord ChordThrough(Vec3 normal) {
+  Chord chord = AnyChord();
+  if (Dot(chord.start, normal) * Dot(chord.end, normal) > 0) chord.end = -chord.end;
+  return chord;
+}
+
+RayRecord MakeProbe(const RayRecord& ray, const ShadingPoint& point, const Chord& ends, float radius) {
+  const Vec3 start = radius * ends.start, chord = radius * ends.end - start;
   RayRecord probe = ray;
   probe.origin = point.position + start;
   probe.t = SafeLength(chord);
@@ -58,6 +78,107 @@ RayRecord WithHitOf(const RayRecord& ray, const RayRecord& probe) {
   return exitRay;
 }
 
+// True if the probe finds the body; then `exit` is where. Layer, colours and Fresnel weights are those of
+// where the light is seen.
+bool FindExit(const RayRecord& ray, const ShadingPoint& point, RayRecord& probe, ShadingPoint& exit) {
+  if (!TraceSurfaces(probe) || probe.shader != ray.shader) return false;
+  exit = point;
+  if (!SetUpShadingPoint(probe, exit)) return false;
+  if (probe.frontFace != ray.frontFace) {
+    exit.outgoing = -exit.outgoing;
+    exit.geometricNormal = -exit.geometricNormal;
+    exit.normal = -exit.normal;
+  }
+  exit.specularWeight = point.specularWeight;
+  exit.diffuseWeight = point.diffuseWeight;
+  return true;
+}
+
+// Whether a chord of that radius would find the body.
+bool FindsBody(const RayRecord& ray, const ShadingPoint& point, const Chord& chord, float radius) {
+  RayRecord probe = MakeProbe(ray, point, chord, radius);
+  return TraceSurfaces(probe) && probe.shader == ray.shader;
+}
+
+// A radius by the variance, for a variance of 1.
+float DrawRadius() { return SafeSqrt(-2 * (SafeLog(RandomFloat()) + SafeLog(RandomFloat()))); }
+
+// How dense the draws of a variance are at a radius, but for what all variances share.
+float RadiusDensity(float radius, float variance) {
+  return std::exp(-radius * radius / (2 * variance)) / (variance * variance);
+}
+
+// By channel: how much more often chords of the drawn channel find the body than those of that one; the mean
+// of these draws. Of flat bodies it is 1, always. One chord is tried at the scales of all; only where they
+// disagree draws count how rare the other's success is.
+Vec3 DrawSuccessRatios(const RayRecord& ray, const ShadingPoint& point, int drawn) {
+  const Vec3 variances = point.diffusionColor;
+  Vec3 ratios = kWhite;
+  if (variances == Vec3{variances.x, variances.x, variances.x}) return ratios;
+  const auto finds = [&](const Chord& chord, float radius, int c) {
+    return FindsBody(ray, point, chord, std::sqrt(variances[c]) * radius);
+  };
+  const Chord chord = ChordThrough(point.geometricNormal);
+  const float radius = DrawRadius();
+  const bool found = finds(chord, radius, drawn);
+  for (int c = 0; c < 3; ++c) {
+    if (variances[c] == variances[drawn] || finds(chord, radius, c) == found) continue;
+    int draws = 1;
+    while (draws < kMostDraws && !finds(ChordThrough(point.geometricNormal), DrawRadius(), c)) ++draws;
+    ratios[c] += (found ? 1.0f : -1.0f) * static_cast<float>(draws);
+  }
+  return ratios;
+}
+
+// The radius is drawn by one of the channels; each channel weighs it by the balance heuristic (Veach and
+// Guibas, "Optimally Combining Sampling Techniques", 1995), so that a channel's mean weight is 1 on whatever
+// body. Where bodies are narrow one draw's weight can be below 0.
+Vec3 ChannelWeights(const RayRecord& ray, const ShadingPoint& point, int drawn, float radius) {
+  Vec3 densities;
+  for (int c = 0; c < 3; ++c) densities[c] = RadiusDensity(radius, point.diffusionColor[c]);
+  const float sum = densities.x + densities.y + densities.z;
+  if (!(sum > 0)) return kWhite;
+  return (3 / sum) * densities * DrawSuccessRatios(ray, point, drawn);
+}
+
+// Numbers along the golden ratio come to all channels evenly, and go with no dimension of Halton's sequence.
+int DrawnChannel(const RayRecord& ray, std::uint32_t sample) {
+  const double turns = 0.6180339887498949 * sample + static_cast<double>(ray.rotation.x);
+  return std::min(static_cast<int>(3 * (turns - std::floor(turns))), 2);
+}
+
+// Draws an exit as format 2 spreads light. False where nothing is found.
+bool DrawSpreadExit(const RayRecord& ray, const ShadingPoint& point, std::uint32_t sample, RayRecord& probe,
+                    ShadingPoint& exit, Vec3& weight) {
+  const int channel = DrawnChannel(ray, sample);
+  const float spread = std::sqrt(point.diffusionColor[channel]);
+  for (int draw = 0; draw < kMostDraws; ++draw) {
+    const float radius = spread * DrawRadius();
+    probe = MakeProbe(ray, point, ChordThrough(point.geometricNormal), radius);
+    if (!FindExit(ray, point, probe, exit)) continue;
+    weight = ChannelWeights(ray, point, channel, radius);
+    return true;
+  }
+  return false;
+}
+
+// The same in format 1.
+bool DrawProbedExit(const RayRecord& ray, const ShadingPoint& point, RayRecord& probe, ShadingPoint& exit,
+                    Vec3& weight) {
+  const Vec3 variances = point.diffusionColor;
+  const float variance = LargestComponent(variances);
+  for (int draw = 0; draw < kMostDraws; ++draw) {
+    const float radius = SafeSqrt(-2 * variance * SafeLog(RandomFloat()));
+    probe = MakeProbe(ray, point, AnyChord(), radius);
+    if (!FindExit(ray, point, probe, exit)) continue;
+    const Vec3 way = exit.position - point.position;
+    const float squared = Dot(way, way);
+    for (int c = 0; c < 3; ++c) weight[c] = ChannelWeight(squared, variance, variances[c]);
+    return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 bool Diffuses(const RayRecord& ray, const ShadingPoint& point) {
@@ -66,27 +187,12 @@ bool Diffuses(const RayRecord& ray, const ShadingPoint& point) {
          c.y > 0 && c.z > 0;
 }
 
-void DrawExit(const RayRecord& ray, const ShadingPoint& point, RayRecord& exitRay, ShadingPoint& exit,
-              Vec3& weight) {
-  const Vec3 variances = point.diffusionColor;
-  const float variance = LargestComponent(variances);
-  for (int draw = 0; draw < kMostDraws; ++draw) {
-    const float radius = SafeSqrt(-2 * variance * SafeLog(RandomFloat()));
-    RayRecord probe = MakeProbe(ray, point, radius);
-    if (!TraceSurfaces(probe) || probe.shader != ray.shader) continue;
-    exit = point;  // layer, colours and Fresnel weights are those of where the light is seen
-    if (!SetUpShadingPoint(probe, exit)) continue;
-    if (probe.frontFace != ray.frontFace) {
-      exit.outgoing = -exit.outgoing;
-      exit.geometricNormal = -exit.geometricNormal;
-      exit.normal = -exit.normal;
-    }
-    exit.specularWeight = point.specularWeight;
-    exit.diffuseWeight = point.diffuseWeight;
+void DrawExit(const RayRecord& ray, const ShadingPoint& point, std::uint32_t sample, RayRecord& exitRay,
+              ShadingPoint& exit, Vec3& weight) {
+  RayRecord probe;
+  if (settings.format >= 2 ? DrawSpreadExit(ray, point, sample, probe, exit, weight)
+                           : DrawProbedExit(ray, point, probe, exit, weight)) {
     exitRay = WithHitOf(ray, probe);
-    const Vec3 way = exit.position - point.position;
-    const float squared = Dot(way, way);
-    for (int c = 0; c < 3; ++c) weight[c] = ChannelWeight(squared, variance, variances[c]);
     return;
   }
   exit = point;

@@ -20,14 +20,25 @@ Vec3 Visibility(const AnyReceiver& receiver, Vec3 direction, float distance) {
   shadow.depth = 0;
   shadow.photonStore = false;
   shadow.t = distance;
-  return Occlude(shadow) ? kBlack : shadow.throughput;
+  return LightLeft(shadow);
 }
 
-// Draw number `number` of a sequence of `count`, and its place on the light.
+// What is drawn of a light: the stratum `number` of `count` that the choice of an emitter falls into, and the
+// place on the light.
 struct Draw {
   std::uint32_t number = 0, count = 1;
   Vec2 place;
 };
+
+// Format 1 has strata at a first hit only, one for each sample of the sequence; in format 2 a third dimension
+// chooses one of many, at every hit.
+[[gnu::noinline]] void ChooseStratum(const RayRecord& ray, std::uint32_t sample, Drawer drawer, Draw& draw) {
+  constexpr std::uint32_t kStrata = 4096;
+  const std::int32_t dimension = ray.dimension + 2;
+  const float choice = Rotate(Halton(sample, dimension), OwnRotation(ray, dimension, drawer).x);
+  draw.number = static_cast<std::uint32_t>(choice * kStrata);
+  draw.count = kStrata;
+}
 
 template <class AnyReceiver>
 LobeRadiance SampleOne(const AnyReceiver& receiver, const GeometryLight& light, const Draw& draw,
@@ -73,7 +84,7 @@ template <class AnyLight>
   RayRecord exitRay;
   ShadingPoint exit;
   Vec3 weight;
-  DrawExit(ray, point, exitRay, exit, weight);
+  DrawExit(ray, point, draw.number, exitRay, exit, weight);
   return SampleOne(SurfaceReceiver{exitRay, exit, weight, true, false}, light, draw, sample);
 }
 
@@ -111,7 +122,8 @@ float LobeLevel(const RayRecord& ray, const ShadingPoint& point) {
 
 // `sharp`: every sample of the light is the same one.
 template <class AnyLight>
-LobeRadiance SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyLight& light, bool sharp) {
+LobeRadiance SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyLight& light, Drawer drawer,
+                           bool sharp) {
   LobeRadiance sum;
   if (!IsLinked(light.link, ray.shader)) return sum;
   const bool firstHit = BounceCount(ray) == 0;
@@ -119,20 +131,21 @@ LobeRadiance SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyL
   PassShare share;
   if (firstHit && (!sharp || diffuses)) {
     const float level = LobeLevel(ray, point);
-    share = ShareOf(GatherCount({level, level, level}, light.sample, CameraPasses()));
+    share = ShareOf({level, level, level}, light.sample);
   } else {
     share.first = ray.sampleNumber;
-    share.end = ray.sampleNumber + 1;
   }
   const float scale = 1.0f / static_cast<float>(share.count);
   const bool writes = ray.depth == 0 && !light.aovs.empty();
-  for (std::uint32_t i = share.first; i < share.end && !Stopping(); i += share.step) {
+  for (std::int32_t i = 0; i < share.count && !Stopping(); ++i) {
+    const std::uint32_t number = share.Number(i);
     Draw draw;
     if (firstHit) {
-      draw.number = i;
-      draw.count = share.end;
+      draw.number = number;
+      draw.count = share.step * static_cast<std::uint32_t>(share.count);
     }
-    draw.place = DrawPair(ray, i);
+    if (settings.format >= 2) ChooseStratum(ray, number, drawer, draw);
+    draw.place = DrawPair(ray, number, drawer);
     const auto add = [&](const LobeRadiance& lobes, const LightSample& sample) {
       if (writes) WriteLightAovs(light, ray, point, lobes, scale, sample.shader);
       sum += lobes;
@@ -160,11 +173,14 @@ float SoftCosine(float cosine, float offset) {
 
 [[gnu::noinline]] LobeRadiance SampleLights(const RayRecord& ray, const ShadingPoint& point) {
   LobeRadiance sum;
-  if (BounceCount(ray) > settings.said.rendererBounce) return sum;
-  if (SamplesEmitters()) sum += SampleLightAt(ray, point, geometryLight, false);
-  if (skyLight.sample > 0) sum += SampleLightAt(ray, point, skyLight, false);
-  for (PointLight& light : pointLights) sum += SampleLightAt(ray, point, light, !(light.blur > 0));
-  for (ParallelLight& light : parallelLights) sum += SampleLightAt(ray, point, light, !(light.blur > 0));
+  if (BounceCount(ray) > settings.said.rendererBounce && !settings.derived.seeksCells) return sum;
+  Drawer drawer = kFirstLight;
+  if (SamplesEmitters()) sum += SampleLightAt(ray, point, geometryLight, drawer, false);
+  ++drawer;
+  if (skyLight.sample > 0) sum += SampleLightAt(ray, point, skyLight, drawer, false);
+  for (PointLight& light : pointLights) sum += SampleLightAt(ray, point, light, ++drawer, !(light.blur > 0));
+  for (ParallelLight& light : parallelLights)
+    sum += SampleLightAt(ray, point, light, ++drawer, !(light.blur > 0));
   return sum;
 }
 

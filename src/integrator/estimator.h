@@ -14,8 +14,6 @@ namespace zp {
 
 // The camera that is rendered; null in an empty table.
 Camera* ActiveCamera();
-// Its passes: 1 at least.
-std::int32_t CameraPasses();
 
 // Fills `point` from the hit of `ray`: position, frame, uv, layer, Fresnel weights. World space.
 // A layer that is set already is kept. False, with the point unfinished, for a hit that has no layer to show.
@@ -58,17 +56,33 @@ RayRecord MakeFiberChild(const RayRecord& ray, const ShadingPoint& point, Vec3 t
 bool DiffuseDirection(const RayRecord& ray, const ShadingPoint& point, Event event, std::uint32_t sample,
                       Vec3& direction);
 
-// The sample numbers that this pass takes out of one sequence of `end`, which all passes share.
+// The `count` sample numbers that this pass takes at a first hit, out of a sequence that all passes share.
 struct PassShare {
-  std::uint32_t first = 0, end = 1, step = 1;
-  std::int32_t count = 1;  // of this pass, as far as the sequence is a whole multiple of the passes
+  std::uint32_t first = 0, step = 1;
+  std::int32_t count = 1;
+
+  std::uint32_t Number(std::int32_t i) const { return first + static_cast<std::uint32_t>(i) * step; }
 };
-PassShare ShareOf(std::int32_t count);
+// Of what `color` deserves of `budget` rays. Format 1 shares the budget out to the passes that are planned;
+// in format 2 each pass takes it, and the numbers that come next.
+PassShare ShareOf(Vec3 color, std::int32_t budget);
+
+// Who draws: a lobe by its Event, then the lights.
+using Drawer = std::uint32_t;
+inline constexpr Drawer kFirstLight = kEventSpecularRefraction + 1;
+
+// The pixel's rotation of one pair of dimensions. Format 1 turns all pairs alike, so that the first numbers
+// of a path, and of all lobes and lights at a hit, go together; in format 2 each is turned by itself.
+Vec2 OwnRotation(const RayRecord& ray, std::int32_t dimension, Drawer drawer);
+inline Vec2 RotationOf(const RayRecord& ray, std::int32_t dimension, Drawer drawer) {
+  return settings.format >= 2 ? OwnRotation(ray, dimension, drawer) : ray.rotation;
+}
 
 // Two numbers of sample `sample`, from the ray's Halton dimensions, turned by the pixel.
-inline Vec2 DrawPair(const RayRecord& ray, std::uint32_t sample) {
-  return {Rotate(Halton(sample, ray.dimension), ray.rotation.x),
-          Rotate(Halton(sample, ray.dimension + 1), ray.rotation.y)};
+inline Vec2 DrawPair(const RayRecord& ray, std::uint32_t sample, Drawer drawer) {
+  const Vec2 rotation = RotationOf(ray, ray.dimension, drawer);
+  return {Rotate(Halton(sample, ray.dimension), rotation.x),
+          Rotate(Halton(sample, ray.dimension + 1), rotation.y)};
 }
 
 // What each lobe sends back along the ray.
@@ -84,7 +98,16 @@ inline LobeRadiance& operator*=(LobeRadiance& a, float scale) {
 
 // Whether lights are sampled where the ray is, and lobe rays compete with those samples: in the open, not
 // inside a medium, which is known by its index of refraction.
-inline bool IsInOpen(const RayRecord& ray) { return IsSameMedium(ray.ior, 1); }
+inline bool IsInOpen(const RayRecord& ray) { return IsSameMedium(ray.ior, settings.derived.openIor); }
+
+// Media. Whether there are any that rays have to know, and what index the open has. Needs the accelerator.
+void InitializeMedia();
+// Goes through the surface of a body: into it at its front, out of it at its back.
+void CrossSurface(RayRecord& ray, std::int32_t shader, bool front);
+// The share of light that media leave on the way of a ray to its hit, or out of the scene.
+Vec3 Transmission(const RayRecord& ray);
+// What surfaces and media leave of the light that comes along a shadow ray from ray.t; black in the shadow.
+Vec3 LightLeft(RayRecord& shadow);
 
 // What the lobes receive straight from lights, without the lobes' colours. Writes the lights' AOVs at depth
 // 0.
@@ -108,8 +131,9 @@ Vec3 MissRadiance(const RayRecord& ray);
 // What the hit surface sends back along the ray by itself. Writes the geometry light's AOVs.
 Vec3 EmittedRadiance(const RayRecord& ray, const ShadingPoint& point);
 
-// Rays of a first hit over all passes, as they stood when the renderer was initialised: a host that changes
-// the gather's budget between passes does not change what light samples and lobe rays weigh.
+// Rays of a first hit, over all passes or, in format 2, in each, as they stood when the renderer was
+// initialised: a host that changes the gather's budget between passes does not change what light samples and
+// lobe rays weigh.
 struct RayBudgets {
   std::int32_t light = 0;  // light samples
   std::int32_t lobe = 0;   // rays of a lobe
@@ -138,15 +162,16 @@ bool Diffuses(const RayRecord& ray, const ShadingPoint& point);
 float SoftCosine(float cosine, float offset);
 
 // Where it leaves: `exit` and the hit `exitRay` that stands for it, and the colour that the way costs. A draw
-// that finds nothing leaves the point where it is.
-void DrawExit(const RayRecord& ray, const ShadingPoint& point, RayRecord& exitRay, ShadingPoint& exit,
-              Vec3& weight);
+// that finds nothing leaves the point where it is. `sample`: the draw's number in the pixel.
+void DrawExit(const RayRecord& ray, const ShadingPoint& point, std::uint32_t sample, RayRecord& exitRay,
+              ShadingPoint& exit, Vec3& weight);
 
 // Whether rays of the lobes leave a hit other than the first. The last hit that `bounce` allows, or the ray
 // depth, is lit by samples alone in format 1; in format 2 its rays go out as well, where they can meet light
-// that no sample finds.
+// that no sample finds, and gathering follows a path until cells answer: no light is lost on what has none.
 inline bool LobeRaysLeave(const RayRecord& ray) {
-  return BounceCount(ray) < settings.said.rendererBounce + settings.derived.lightSegment;
+  return settings.derived.seeksCells ||
+         BounceCount(ray) < settings.said.rendererBounce + settings.derived.lightSegment;
 }
 // Whether a ray beyond the ray depth does nothing but meet light.
 inline bool OnlyMeetsLight(const RayRecord& ray) {

@@ -47,7 +47,8 @@ bool IsInEmissionLists(const RayRecord& ray) {
 // Whether light that came by mirrors or glass belongs to caustic photons, which diffuse surfaces gather.
 bool PhotonsBring(const RayRecord& ray) {
   const bool diffuse = ray.scattering == kEventLambertian || ray.scattering == kEventTransmissive;
-  return diffuse && geometryLight.photon > 0 && settings.derived.photonRadiusSquared > 0 && IsInEmissionLists(ray);
+  return diffuse && PhotonsOf(geometryLight.photon) > 0 && settings.derived.photonRadiusSquared > 0 &&
+         IsInEmissionLists(ray);
 }
 
 // The share of an emitter, as SkyHitWeight. Format 1 knows of mirrors just behind the lobe alone, and leaves
@@ -59,7 +60,7 @@ float EmitterHitWeight(const RayRecord& ray, const ShadingPoint& point) {
   if (!SamplesEmitters() || !IsInEmissionLists(ray) || LooksThroughHair(ray)) return 1;
   if (mirrored) {
     const bool diffuse = ray.previousEvent == kEventLambertian || ray.previousEvent == kEventTransmissive;
-    if (diffuse && geometryLight.photon == 0) return 1;  // else caustic photons bring it
+    if (diffuse && PhotonsOf(geometryLight.photon) == 0) return 1;  // else caustic photons bring it
     if (ray.previousEvent == kEventGlossy) return 1;
   }
   if (!MeetsLightSamples(ray)) return settings.format >= 2 ? 1.0f : 0.0f;
@@ -100,6 +101,17 @@ Vec3 Emission(const RayRecord& ray, const ShadingPoint& point) {
   return weight * emission;
 }
 
+// What the cells answer for a layer that paints them. All layers of the side have painted them, each as often
+// as it is drawn: in format 2 those that answer do so for the rest.
+Vec3 CellRadiance(const RayRecord& ray, const ShadingPoint& point) {
+  const bool paints = point.layer->has[Lobe::kLambertian] || point.layer->has[Lobe::kTransmissive];
+  if (!point.useDensity || !paints) return kBlack;
+  const Vec3 density = ReadDensity(ray);
+  const Shader& shader = ShaderAt(ray.shader);
+  if (settings.format < 2 || shader.surfaces.size() < 2) return density;
+  return density / DiffuseLayerShare(shader, ray.frontFace, point.uv);
+}
+
 }  // namespace
 
 // In format 1 an Object without Parts of its own has empty lists, whatever its Instances hold.
@@ -137,9 +149,7 @@ Vec3 MissRadiance(const RayRecord& ray) {
 Vec3 EmittedRadiance(const RayRecord& ray, const ShadingPoint& point) {
   const Vec3 emission = Emission(ray, point);
   if (!geometryLight.aovs.empty()) WriteEmissionAovs(ray, emission);
-  const bool diffuse = point.layer->has[Lobe::kLambertian] || point.layer->has[Lobe::kTransmissive];
-  const Vec3 density = point.useDensity && diffuse ? ReadDensity(ray) : kBlack;
-  return point.diffuseWeight * (density + emission);
+  return point.diffuseWeight * (CellRadiance(ray, point) + emission);
 }
 
 }  // namespace zp

@@ -34,7 +34,7 @@ namespace {
   RayRecord exitRay;
   ShadingPoint exit;
   Vec3 weight;
-  DrawExit(ray, point, exitRay, exit, weight);
+  DrawExit(ray, point, sample, exitRay, exit, weight);
   return AddDiffuseSample(exitRay, exit, event, throughput, sample, sampleWeight, weight, sum);
 }
 
@@ -51,13 +51,15 @@ Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event,
 
   Vec3 sum;
   if (BounceCount(ray) == 0) {
-    const PassShare share = ShareOf(GatherCount(throughput, settings.said.rendererSample, CameraPasses()));
+    const PassShare share = ShareOf(throughput, settings.said.rendererSample);
     const std::int32_t sampleWeight = ray.sampleWeight * share.count;
     const bool diffuses = Diffuses(ray, point);
     int taken = 0;
-    for (std::uint32_t i = share.first; i < share.end && !Stopping(); i += share.step)
-      taken += diffuses ? AddDiffusedSample(ray, point, event, throughput, i, sampleWeight, sum)
-                        : AddDiffuseSample(ray, point, event, throughput, i, sampleWeight, kWhite, sum);
+    for (std::int32_t i = 0; i < share.count && !Stopping(); ++i) {
+      const std::uint32_t sample = share.Number(i);
+      taken += diffuses ? AddDiffusedSample(ray, point, event, throughput, sample, sampleWeight, sum)
+                        : AddDiffuseSample(ray, point, event, throughput, sample, sampleWeight, kWhite, sum);
+    }
     if (CountsLostRays()) taken = share.count;
     if (taken > 0) sum *= 1.0f / static_cast<float>(taken);  // a hair takes all of its share
     if (!hair) sum += GatherCaustics(ray, point, event);
@@ -109,9 +111,9 @@ void AddGlossySample(const RayRecord& ray, const ShadingPoint& point, Vec3 throu
 Vec3 GatherFiber(const RayRecord& ray, const ShadingPoint& point, Vec3 throughput) {
   Vec3 sum;
   if (BounceCount(ray) == 0) {
-    const PassShare share = ShareOf(GatherCount(throughput, settings.said.rendererSample, CameraPasses()));
-    for (std::uint32_t i = share.first; i < share.end && !Stopping(); i += share.step)
-      sum += FollowFiberRay(ray, point, throughput, i, ray.sampleWeight * share.count);
+    const PassShare share = ShareOf(throughput, settings.said.rendererSample);
+    for (std::int32_t i = 0; i < share.count && !Stopping(); ++i)
+      sum += FollowFiberRay(ray, point, throughput, share.Number(i), ray.sampleWeight * share.count);
     sum *= 1.0f / static_cast<float>(share.count);
   } else if (LobeRaysLeave(ray)) {
     sum = FollowFiberRay(ray, point, throughput, ray.sampleNumber, ray.sampleWeight);
@@ -126,9 +128,9 @@ Vec3 GatherGlossy(const RayRecord& ray, const ShadingPoint& point) {
   GlossySums sums;
   if (BounceCount(ray) == 0) {
     const Vec3 brightest = throughput * MaxOf(point.specularWeight, point.diffuseWeight);
-    const PassShare share = ShareOf(GatherCount(brightest, settings.said.rendererSample, CameraPasses()));
-    for (std::uint32_t i = share.first; i < share.end && !Stopping(); i += share.step)
-      AddGlossySample(ray, point, throughput, i, ray.sampleWeight * share.count, sums);
+    const PassShare share = ShareOf(brightest, settings.said.rendererSample);
+    for (std::int32_t i = 0; i < share.count && !Stopping(); ++i)
+      AddGlossySample(ray, point, throughput, share.Number(i), ray.sampleWeight * share.count, sums);
     if (CountsLostRays()) sums.reflections = sums.refractions = share.count;
     if (sums.reflections > 0) sums.reflected *= 1.0f / static_cast<float>(sums.reflections);
     if (sums.refractions > 0) sums.refracted *= 1.0f / static_cast<float>(sums.refractions);
@@ -149,6 +151,36 @@ Vec3 GatherSpecular(const RayRecord& ray, const ShadingPoint& point) {
   return sum;
 }
 
+// Passes p, p + P, p + 2 P, ... of one sequence: every number is used in one pass only.
+PassShare SharedByAllPasses(Vec3 color, std::int32_t budget) {
+  const Camera* camera = ActiveCamera();
+  const std::int32_t passes = camera != nullptr ? std::max(camera->sample, 1) : 1;
+  const std::int32_t count = GatherCount(color, budget, passes);
+  PassShare share;
+  share.first = static_cast<std::uint32_t>(settings.frame.samplePass % passes);
+  share.step = static_cast<std::uint32_t>(passes);
+  share.count = count / passes;
+  return share;
+}
+
+// The next numbers in a row, however many passes are planned. They go by the count and not by the budget:
+// darker colours would leave the same ones out in each pass, and use a part of the square only.
+PassShare CountedInEachPass(Vec3 color, std::int32_t budget) {
+  PassShare share;
+  share.count = GatherCount(color, budget, 1);
+  share.first =
+      static_cast<std::uint32_t>(settings.frame.samplePass) * static_cast<std::uint32_t>(share.count);
+  return share;
+}
+
+// A number in [0, 1) of 24 bits made into another, by Wellons' 32-bit mixer ("Hash Prospector", 2018).
+float Scrambled(float number, std::uint32_t key) {
+  std::uint32_t x = static_cast<std::uint32_t>(number * 0x1p24f) ^ (key * 0x9e3779b9U);
+  x = (x ^ (x >> 16U)) * 0x7feb352dU;
+  x = (x ^ (x >> 15U)) * 0x846ca68bU;
+  return static_cast<float>((x ^ (x >> 16U)) >> 8U) * 0x1p-24f;
+}
+
 }  // namespace
 
 std::int32_t GatherCount(Vec3 color, std::int32_t budget, std::int32_t passes) {
@@ -160,20 +192,13 @@ std::int32_t GatherCount(Vec3 color, std::int32_t budget, std::int32_t passes) {
   return count - count % passes;
 }
 
-std::int32_t CameraPasses() {
-  const Camera* camera = ActiveCamera();
-  return camera != nullptr ? std::max(camera->sample, 1) : 1;
+PassShare ShareOf(Vec3 color, std::int32_t budget) {
+  return settings.format >= 2 ? CountedInEachPass(color, budget) : SharedByAllPasses(color, budget);
 }
 
-// Every number of the sequence is used in one pass only.
-PassShare ShareOf(std::int32_t count) {
-  const std::int32_t passes = CameraPasses();
-  PassShare share;
-  share.first = static_cast<std::uint32_t>(settings.frame.samplePass % passes);
-  share.end = static_cast<std::uint32_t>(count);
-  share.step = static_cast<std::uint32_t>(passes);
-  share.count = std::max(count / passes, 1);
-  return share;
+Vec2 OwnRotation(const RayRecord& ray, std::int32_t dimension, Drawer drawer) {
+  const std::uint32_t key = static_cast<std::uint32_t>(dimension) + 1024 * drawer;
+  return {Scrambled(ray.rotation.x, key), Scrambled(ray.rotation.y, key + 1)};
 }
 
 Vec3 Gather(Lobe lobe, const RayRecord& ray, const ShadingPoint& point) {

@@ -10,6 +10,7 @@
 #include "accel/accel.h"
 #include "core/console.h"
 #include "core/random.h"
+#include "core/settings.h"
 #include "core/shared_add.h"
 #include "core/stop.h"
 #include "core/threads.h"
@@ -102,8 +103,9 @@ Vec3 Scattering(const ShadingPoint& point, Vec3 direction) {
   if (!(std::max({light.x, light.y, light.z}) > 0)) return;
   RayRecord shadow = MakeChildRay(ray, point, kEventLightSample, direction, kWhite);
   shadow.t = distance;
-  if (Occlude(shadow)) return;
-  light *= shadow.throughput * (std::fabs(Dot(direction, point.geometricNormal)) / facingArea);
+  const Vec3 left = LightLeft(shadow);
+  if (left == kBlack) return;
+  light *= left * (std::fabs(Dot(direction, point.geometricNormal)) / facingArea);
   if (ray.depth == 0 && cast.offset != 0 && point.reflectCosine > 0)
     light *= SoftCosine(point.reflectCosine, cast.offset) / point.reflectCosine;
   for (Aov* aov : cast.sensor.aovs) {
@@ -114,16 +116,31 @@ Vec3 Scattering(const ShadingPoint& point, Vec3 direction) {
 
 void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings);
 
+// What is left of the light at a landing, before the colour, and what of that goes on in a direction. Format
+// 1 takes off the mirrored share by where the photon came from; format 2 by where the light goes, as eyes do,
+// cells being asked for it when they are read, and the soft terminator of what comes straight from a light.
+float LandingWeight(const RayRecord& ray, const ShadingPoint& point, const Cast& cast) {
+  if (settings.format < 2) return point.diffuseWeight;
+  const bool softens = ray.parentPoint == nullptr && cast.offset != 0 && !IsHair(point);
+  if (!softens || !(point.reflectCosine > 0)) return 1;
+  return SoftCosine(point.reflectCosine, cast.offset) / point.reflectCosine;
+}
+float LeavingWeight(const ShadingPoint& point, Vec3 direction) {
+  return settings.format < 2 || IsHair(point)
+             ? 1.0f
+             : DiffuseWeightAt(point, std::fabs(Dot(direction, point.normal)));
+}
+
 // One of the two diffuse lobes: paints the side that the light leaves by, and goes on.
 void BounceDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event, Vec3 color, const Cast& cast,
                    Landings& landings) {
-  const Vec3 throughput = point.diffuseWeight * color * ray.throughput;
+  const Vec3 throughput = LandingWeight(ray, point, cast) * color * ray.throughput;
   if (IsBlack(throughput) || !settings.derived.finalGathering) return;
   AddDensity(ray, event == kEventLambertian ? CellSide::kMet : CellSide::kOther,
              throughput * ray.photonPower);
   Vec3 direction;
   if (!DiffuseDirection(ray, point, event, ray.sampleNumber, direction)) return;
-  RayRecord child = MakeChildRay(ray, point, event, direction, throughput);
+  RayRecord child = MakeChildRay(ray, point, event, direction, LeavingWeight(point, direction) * throughput);
   ++child.diffuseBounces;
   BouncePhoton(child, cast, landings);
 }
@@ -147,6 +164,7 @@ void BounceLobe(const RayRecord& ray, const ShadingPoint& point, const LobeRays&
 
 void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings) {
   if (ray.depth > settings.said.photonDepth || IsBlack(ray.throughput) || Stopping() || !Trace(ray)) return;
+  if (settings.derived.tracksMedia) ray.throughput *= Transmission(ray);
   ShadingPoint point;
   if (!SetUpShadingPoint(ray, point)) return;
   TestElements(point);
@@ -155,9 +173,11 @@ void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings) {
   if (linked && !cast.sensor.aovs.empty()) SplatLightPath(ray, point, cast);
   if (linked && (point.has[Lobe::kLambertian] || point.has[Lobe::kTransmissive])) {
     if (IsCaustic(ray, point))
-      landings.push_back({ray.sampleNumber,
-                          {point.position, ray.photonPower * ray.throughput, PackDirection(point.outgoing),
-                           PackDirection(point.geometricNormal)}});
+      // Of the photons that came, those on a cut-out stand for the others, which flew on.
+      landings.push_back(
+          {ray.sampleNumber,
+           {point.position, ray.photonPower * ray.throughput / Opacity(ShaderAt(ray.shader), point.uv),
+            PackDirection(point.outgoing), PackDirection(point.geometricNormal)}});
     if (point.has[Lobe::kLambertian])
       BounceDiffuse(ray, point, kEventLambertian, point.color[Lobe::kLambertian], cast, landings);
     if (point.has[Lobe::kTransmissive])
@@ -260,15 +280,17 @@ void CastPhotonsFromLights(const std::vector<Light>& lights) {
 }
 
 void CastPhotonsFromGeometryLight() {
+  const std::int32_t photons = PhotonsOf(geometryLight.photon);
   const Cast cast = {geometryLight.link, 0, MakePathSensor()};
-  if (geometryLight.photon <= 0 || LeavesNothing(cast, geometryLight.area > 0)) return;
-  CastFrom(geometryLight.photon, 0, cast, MakeGeometryPhotonRay);
+  if (photons <= 0 || LeavesNothing(cast, geometryLight.area > 0)) return;
+  CastFrom(photons, 0, cast, MakeGeometryPhotonRay);
 }
 
 void CastPhotonsFromSky() {
+  const std::int32_t photons = PhotonsOf(skyLight.photon);
   const Cast cast = {skyLight.link, 0, MakePathSensor()};
-  if (skyLight.photon <= 0 || LeavesNothing(cast, false)) return;
-  CastFrom(skyLight.photon, 0, cast, MakeSkyPhotonRay);
+  if (photons <= 0 || LeavesNothing(cast, false)) return;
+  CastFrom(photons, 0, cast, MakeSkyPhotonRay);
 }
 
 }  // namespace

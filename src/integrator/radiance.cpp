@@ -83,17 +83,10 @@ Vec3 AovValue(const Aov& aov, const RayRecord& ray, const ShadingPoint& point, c
       AddToAov(aov, threadSlots[ray.thread].pixel, AovValue(aov, ray, point, radiance) / samples);
 }
 
-// The share of light that a medium lets through over a distance.
-Vec3 Transmission(const VolumeShader& medium, float distance) {
-  const Vec3 c = medium.transmittance;
-  if (c == kWhite) return kWhite;
-  return {std::pow(c.x, distance), std::pow(c.y, distance), std::pow(c.z, distance)};
-}
-
 // Whether the cells may answer for this hit at all, as far as the ray knows.
 bool MayReadDensity(const RayRecord& ray) {
   if (!settings.derived.finalGathering || !ray.levelZeroHit) return false;
-  return (ray.diffuseBounces > 0 && ray.t > settings.said.distance + 1e-6f) ||
+  return (ray.diffuseBounces > 0 && ray.t > GatherDistance() + 1e-6f) ||
          ray.diffuseBounces >= settings.said.rendererBounce;
 }
 
@@ -101,7 +94,7 @@ bool MayReadDensity(const RayRecord& ray) {
 bool ReadsDensity(const RayRecord& ray, const ShadingPoint& point) {
   if (ray.kind != kKindTriangle && ray.kind != kKindTetragon) return false;
   if (ray.diffuseBounces >= settings.said.rendererBounce) return true;
-  return ray.diffuseBounces > 0 && (point.virtualLight || ray.t > settings.said.distance);
+  return ray.diffuseBounces > 0 && (point.virtualLight || ray.t > GatherDistance());
 }
 
 // A point that reads cells asks them, and not the lights, for its diffuse lobes.
@@ -145,7 +138,8 @@ void AddToAov(Aov& aov, std::size_t pixel, Vec3 value) {
 Vec3 Radiance(RayRecord& ray) {
   const bool scatters = ray.depth < settings.said.rayDepth;
   if (!(scatters || OnlyMeetsLight(ray)) || IsBlack(ray.throughput) || Stopping()) return kBlack;
-  if (!Trace(ray)) return MissRadiance(ray);
+  if (!Trace(ray))
+    return settings.derived.tracksMedia ? MissRadiance(ray) * Transmission(ray) : MissRadiance(ray);
 
   ShadingPoint point;
   point.useDensity = MayReadDensity(ray);
@@ -167,8 +161,7 @@ Vec3 Radiance(RayRecord& ray) {
   Vec3 sum;
   for (const Vec3& light : radiance.lobes.values) sum += light;
   sum += radiance.emission;
-  const bool outside = camera == nullptr || IsSameMedium(camera->ior, ray.ior);
-  return sum * Transmission(outside ? globalVolume : ShaderAt(ray.shader).volume, ray.t);
+  return sum * Transmission(ray);
 }
 
 }  // namespace zp

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "accel/accel.h"
 #include "core/console.h"
 #include "core/ray.h"
 #include "core/settings.h"
@@ -19,10 +20,15 @@ namespace {
 void LimitSettings() {
   settings.said.rayDepth = std::clamp(settings.said.rayDepth, 1, kMostDepth);
   settings.said.photonDepth = std::clamp(settings.said.photonDepth, 1, kMostDepth);
-  settings.said.rendererSample = std::max(settings.said.rendererSample, 0);  // it weighs lobes against lights
+  settings.said.rendererSample = std::max(GatherBudget(), 0);  // it weighs lobes against lights
   settings.said.rendererBounce = std::max(settings.said.rendererBounce, 1);
   for (int c = 0; c < 3; ++c)
     if (!(settings.said.clamp[c] >= 0)) settings.said.clamp[c] = 0;  // no number at all included
+}
+
+// Where nobody says one: 1 scene unit in format 1, 0.005 of the diagonal of the scene's bounds in format 2.
+float CausticRadius() {
+  return settings.said.photonRadius.value_or(settings.format >= 2 ? 0.01f * sceneRadius : 1.0f);
 }
 
 }  // namespace
@@ -32,19 +38,23 @@ void InitializeRenderer() {
   LimitSettings();
   settings.derived.finalGathering = ChoosesFinalGathering();
   settings.derived.lightSegment = settings.format >= 2 && SeeksLightByChance() ? 1 : 0;
+  settings.derived.seeksCells = settings.derived.finalGathering && settings.format >= 2;
   PrintLine(settings.derived.finalGathering ? "progressive final gathering" : "unidirectional path tracing");
   PrintRule();
 
   EmptyPhotonStore();
+  InitializeMedia();
   AimPhotons();
   const std::int64_t start = WallTicks();
   CastPhotons();
   PrintFloatRow("photon cast   ", static_cast<float>(static_cast<double>(WallTicks() - start) / 1e7),
                 "seconds");
-  PrintFloatRow("photon radius ", settings.said.photonRadius, "m");
+  const float radius = CausticRadius();
+  PrintFloatRow("photon radius ", radius, "m");
   PrintRule();
-  settings.derived.photonRadiusSquared = settings.said.photonRadius * settings.said.photonRadius;
-  BuildPhotonStore(settings.said.photonRadius);
+  settings.derived.photonRadius = radius;
+  settings.derived.photonRadiusSquared = radius * radius;
+  BuildPhotonStore(radius);
   if (Stopping()) EmptyPhotonStore();  // half a cast would be half the light
   PrintRule();
   ForgetGathers();

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "accel/accel.h"
+#include "core/settings.h"
 #include "geometry/geometry.h"
 #include "geometry/object.h"
 #include "integrator/estimator.h"
@@ -36,13 +37,6 @@ Vec3 TetragonNormal(const Part& part, const Corners& c) {
   return UnitVector(Cross(p[c.vertex[2]] - p[c.vertex[0]], p[c.vertex[3]] - p[c.vertex[1]]));
 }
 
-// The curve's direction over the straight piece that was hit.
-Vec3 CylinderAxis(const Part& part, std::uint32_t cylinder, float along) {
-  constexpr float kHalfStep = 1.0f / 16.0f;  // the eight straight pieces that were hit
-  return UnitVector(CurvePoint(part, cylinder, std::min(along + kHalfStep, 1.0f)) -
-                    CurvePoint(part, cylinder, std::max(along - kHalfStep, 0.0f)));
-}
-
 LocalSurface SurfaceOf(const RayRecord& ray) {
   const Part& part = *ray.part;
   const auto index = static_cast<std::uint32_t>(ray.primitive);
@@ -61,7 +55,7 @@ LocalSurface SurfaceOf(const RayRecord& ray) {
       surface.faceNormal = UnitVector(ray.barycentric);  // from the centre
       break;
     case kKindCylinder:  // its normal follows from the view of it, once the axis is in world space
-      surface.tangent = CylinderAxis(part, index, ray.barycentric.z);
+      surface.tangent = CurveAxis(part, index, ray.barycentric.z);
       break;
     default:
       break;
@@ -76,6 +70,47 @@ Vec3 CylinderNormal(Vec3 direction, Vec3 axis, float offset) {
   const Vec3 facing = Cross(beside, axis);
   const float height = std::sqrt(std::max(0.0f, 1.0f - offset * offset));
   return UnitVector(height * facing - offset * beside);
+}
+
+// The matrices of an Instance, from the product of the normal matrices.
+struct Placement {
+  Mat3 normals;   // to the scene
+  Mat3 tangents;  // to the scene, but for a factor above zero
+  bool mirrors = false;
+
+  explicit Placement(const Mat3& normalMatrix) : normals(normalMatrix) {
+    const auto row = [&](int i) {
+      const float* m = normalMatrix.m[i];
+      return Vec3{m[0], m[1], m[2]};
+    };
+    const Vec3 cofactors[3] = {Cross(row(1), row(2)), Cross(row(2), row(0)), Cross(row(0), row(1))};
+    mirrors = Dot(row(0), cofactors[0]) < 0;
+    for (int i = 0; i < 3; ++i)
+      for (int j = 0; j < 3; ++j) tangents.m[i][j] = mirrors ? -cofactors[i][j] : cofactors[i][j];
+  }
+  // A direction of the scene in the Object.
+  Vec3 Inwards(Vec3 d) const {
+    const auto& m = normals.m;
+    const auto column = [&](int j) { return m[0][j] * d.x + m[1][j] * d.y + m[2][j] * d.z; };
+    return {column(0), column(1), column(2)};
+  }
+};
+
+// What an Instance makes of the face normal, the normal and the tangent. By format 1 tangents and the axes of
+// strands turn as normals do, which is right where all axes scale alike. True if the bitangent goes over to
+// the tangent's other side.
+bool PlaceSurface(const RayRecord& ray, LocalSurface& surface, Vec3& normal) {
+  const Placement placement(HitNormalMatrix(ray));
+  const bool exact = settings.format >= 2;
+  if (exact && ray.kind == kKindCylinder) {
+    if (surface.tangent == kBlack) surface.tangent = UnitPerpendicular(placement.Inwards(ray.direction));
+    surface.faceNormal = normal =
+        CylinderNormal(UnitVector(placement.Inwards(ray.direction)), surface.tangent, ray.barycentric.x);
+  }
+  surface.faceNormal = UnitVector(placement.normals * surface.faceNormal);
+  normal = UnitVector(placement.normals * normal);
+  surface.tangent = UnitVector((exact ? placement.tangents : placement.normals) * surface.tangent);
+  return exact && placement.mirrors;
 }
 
 }  // namespace
@@ -103,15 +138,11 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
     const Vec3 smooth = CornerSum(surface.corners, ray.part->normals);
     if (Dot(smooth, smooth) > 0) normal = UnitVector(smooth);
   }
-  if (ray.hitMatrixDepth > 0) {
-    const Mat3 toWorld = HitNormalMatrix(ray);
-    if (settings.format >= 2 && (shader.frontVirtualLight || shader.backVirtualLight))
-      point.areaStretch = AreaStretch(toWorld, surface.faceNormal);
-    surface.faceNormal = UnitVector(toWorld * surface.faceNormal);
-    normal = UnitVector(toWorld * normal);
-    surface.tangent = UnitVector(toWorld * surface.tangent);
-  }
-  if (ray.kind == kKindCylinder) {
+  const bool placed = ray.hitMatrixDepth > 0;
+  if (placed && settings.format >= 2 && (shader.frontVirtualLight || shader.backVirtualLight))
+    point.areaStretch = AreaStretch(HitNormalMatrix(ray), surface.faceNormal);
+  bool mirrored = placed && PlaceSurface(ray, surface, normal);
+  if (ray.kind == kKindCylinder && !(placed && settings.format >= 2)) {
     // A curve that stands still where it was hit has no axis; any across the view will do.
     if (surface.tangent == kBlack) surface.tangent = UnitPerpendicular(ray.direction);
     surface.faceNormal = normal = CylinderNormal(ray.direction, surface.tangent, ray.barycentric.x);
@@ -121,13 +152,14 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
   point.geometricNormal =
       Dot(surface.faceNormal, ray.direction) > 0 ? -surface.faceNormal : surface.faceNormal;
   point.normal = Dot(normal, point.geometricNormal) < 0 ? -normal : normal;
-  // Intended: t counts as a distance of world space. Instances that scale do not convert it either.
+  // Intended: t counts as a distance of world space, which by format 1 it is not in Instances that scale.
   point.position = ray.origin + ray.t * ray.direction;
   point.outgoing = -ray.direction;
   point.uv = CornerUv(surface.corners, *ray.part);
   SetFrame(point, surface.tangent);
   if (ray.part->mirroredUvs && surface.corners.count > 2 && IsMirrored(*ray.part, surface.corners.vertex))
-    point.bitangent = -point.bitangent;
+    mirrored = !mirrored;
+  if (mirrored && surface.corners.count > 2) point.bitangent = -point.bitangent;
 
   if (ray.kind == kKindCylinder) {
     if (point.layer == nullptr) point.layer = &ChooseLayer(shader, ray.frontFace, point.uv);

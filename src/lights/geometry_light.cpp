@@ -16,6 +16,7 @@ void ResetGeometryLight() {
 
 void InitializeGeometryLight() {
   geometryLight.initialized = true;
+  geometryLight.sample = LightBudget(geometryLight);
   ResolveLink(geometryLight.link);
   InitializeLightAovs(geometryLight.aovs);
   float emitterArea = 0;
@@ -27,11 +28,12 @@ void InitializeGeometryLight() {
     emitterArea = object.emitters.area;
     emits = emitterArea > 0;  // Instances of what does not emit are records too
   }
-  if (geometryLight.photon > 0) {
+  const std::int32_t photons = PhotonsOf(geometryLight.photon);
+  if (photons > 0) {
     if (!emits) {
       geometryLight.photon = 0;
     } else {
-      const float weight = emitterArea / static_cast<float>(geometryLight.photon);
+      const float weight = emitterArea / static_cast<float>(photons);
       geometryLight.colorWeight = {weight, weight, weight};
     }
   }

@@ -82,8 +82,8 @@ Mat3 Linear(const Mat4& matrix) {
 // The Shader of a pick that PickEmitter has filled.
 const Shader& ShaderOf(const EmitterPick& pick) { return ShaderAt(pick.shader); }
 
-// Sum of what all layers of the emitting side emit.
-Vec3 Emission(const Shader& shader, bool front, Vec2 uv) {
+// Sum of what all layers of the emitting side emit: the light of photons in format 1.
+Vec3 SummedEmission(const Shader& shader, bool front, const SurfaceUv& uv) {
   Vec3 sum;
   for (const std::uint8_t layer : LayersOf(shader, front))
     sum += LookUp(shader.surfaces[layer][Element::kEmissive], uv);
@@ -100,6 +100,30 @@ Vec3 Barycentric(std::uint8_t kind, float a, float b) {
 Vec3 FaceNormal(const Part& part, const Corners& corners) {
   const auto p = [&](int i) { return part.positions[corners.vertex[i]]; };
   return UnitVector(corners.count == 4 ? Cross(p(2) - p(0), p(3) - p(1)) : Cross(p(1) - p(0), p(2) - p(0)));
+}
+
+// World area that a unit of the square of (a, b) covers where PlaceOnEmitter puts that point.
+float AreaElement(const EmitterPick& pick, float a, float b) {
+  const Corners corners = HitCorners(*pick.part, pick.kind, pick.index, Barycentric(pick.kind, a, b));
+  const float* const w = corners.weight;
+  Vec3 p[4];
+  for (int i = 0; i < corners.count; ++i) {
+    p[i] = pick.part->positions[corners.vertex[i]];
+    if (pick.placed) p[i] = TransformPoint(pick.toWorld, p[i]);
+  }
+  const Vec3 product = corners.count == 4
+                           ? Cross((w[0] + w[1]) * (p[1] - p[0]) + (w[2] + w[3]) * (p[2] - p[3]),
+                                   (w[0] + w[3]) * (p[3] - p[0]) + (w[1] + w[2]) * (p[2] - p[1]))
+                           : 0.5f * Cross(p[1] - p[0], p[2] - p[0]);
+  return std::sqrt(Dot(product, product));
+}
+
+// What the eye sees of the point in `direction`, by one of its layers: `point` is placed, without a layer.
+Vec3 SeenEmission(const Shader& shader, bool front, Vec3 direction, ShadingPoint& point) {
+  point.outgoing = direction;
+  FinishShadingPoint(point, shader, front);
+  return point.diffuseWeight * (point.layer->window ? SkyRadiance(-direction)
+                                                    : LookUp((*point.layer)[Element::kEmissive], point.uv));
 }
 
 }  // namespace
@@ -184,7 +208,7 @@ bool SampleGeometryLight(Vec3 position, std::uint32_t i, std::uint32_t n, float 
   sample.direction = -point.outgoing;
   const Vec3 emission = point.layer->window ? SkyRadiance(sample.direction)
                                             : LookUp((*point.layer)[Element::kEmissive], point.uv);
-  sample.radiance = point.diffuseWeight * emission;
+  sample.radiance = (Opacity(shader, point.uv) * point.diffuseWeight) * emission;
   sample.distance = LengthToEmitter(position, point.position, std::sqrt(squared), cosine);
   sample.pdf = squared / (cosine * geometryLight.area * point.areaStretch);
   sample.factor = GeometryFactor(sample.pdf, cosine, squared, pick.weight);
@@ -194,9 +218,9 @@ bool SampleGeometryLight(Vec3 position, std::uint32_t i, std::uint32_t n, float 
 void MakeGeometryPhotonRay(RayRecord& ray, std::uint32_t sample) {
   StartPhotonRay(ray, sample, 4, 1);
   EmitterPick pick;
+  const auto photons = static_cast<std::uint32_t>(std::max(PhotonsOf(geometryLight.photon), 1));
   // Without an emitter the ray has no power, and nobody follows it.
-  if (!PickEmitter(false, sample, static_cast<std::uint32_t>(std::max(geometryLight.photon, 1)), pick))
-    return;
+  if (!PickEmitter(false, sample, photons, pick)) return;
   ShadingPoint point;
   PlaceOnEmitter(pick, Halton(sample, 0), Halton(sample, 1), point);
   if (point.normal == kBlack) return;  // a face without an area
@@ -205,8 +229,15 @@ void MakeGeometryPhotonRay(RayRecord& ray, std::uint32_t sample) {
   ray.direction = local.x * point.tangent + local.y * point.bitangent + local.z * point.normal;
   const Shader& shader = ShaderOf(pick);
   const bool front = pick.side != 0;
-  ray.photonPower = Emission(shader, front, point.uv) * geometryLight.colorWeight;
-  ray.photonStore = front ? shader.frontVirtualLight : shader.backVirtualLight;
+  if (settings.format >= 2) {
+    const float area = AreaElement(pick, Halton(sample, 0), Halton(sample, 1));
+    ray.photonPower = (Opacity(shader, point.uv) * area / (pick.weight * static_cast<float>(photons))) *
+                      SeenEmission(shader, front, ray.direction, point);
+    ray.photonStore = point.virtualLight;
+  } else {
+    ray.photonPower = SummedEmission(shader, front, point.uv) * geometryLight.colorWeight;
+    ray.photonStore = front ? shader.frontVirtualLight : shader.backVirtualLight;
+  }
   ray.parentShader = pick.shader;
   ray.parentPart = pick.part;
   ray.parentPlace = pick.place;

@@ -4,10 +4,12 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "core/settings.h"
 #include "imaging/imaging.h"
 #include "shading/shading.h"
 
@@ -39,7 +41,7 @@ struct Light {
   std::int64_t photon = 0;   // number of photons
   float blur = 0;            // a point light's radius, a parallel light's cone angle in degrees
   float ior = 1;             // of the medium around it
-  std::int32_t sample = 1;   // shadow rays of a first hit, over all passes
+  std::int32_t sample = 1;   // shadow rays of a first hit, over all passes or, in format 2, in each
   ShaderLink link;
   std::vector<Aov> aovs;
   float cosine = 1;     // of the cone that photons are shot into
@@ -79,8 +81,8 @@ struct SkyLight {
   float stretch = 0.1f;  // Intended: stored, without effect
   // Put back by a reset.
   Vec3 color = {0.75f, 0.75f, 0.75f};
-  std::int32_t photon = 1000000;
-  std::int32_t sample = 64;
+  std::optional<std::int32_t> photon;  // PhotonsOf
+  std::int32_t sample = kUnsaid;       // see LightBudget
   Vec3 north = {0, 1, 0};
   Vec3 zenith = {0, 0, 1};
   float thickness = 1000;  // Intended: stored, without effect
@@ -91,8 +93,8 @@ struct SkyLight {
 extern SkyLight skyLight;
 
 struct GeometryLight {
-  std::int32_t photon = 1000000;
-  std::int32_t sample = 0;
+  std::optional<std::int32_t> photon;  // PhotonsOf
+  std::int32_t sample = kUnsaid;
   float area = 0;                // of the RootObject's virtual lights
   Vec3 colorWeight = {1, 1, 1};  // factor from emission to a photon's power
   bool initialized = false;
@@ -100,6 +102,10 @@ struct GeometryLight {
   std::vector<Aov> aovs;
 };
 extern GeometryLight geometryLight;
+
+// `sample` as it was said, or the default: initialisation stores it.
+inline std::int32_t LightBudget(const SkyLight& light) { return SaidOr(light.sample, 64, 1); }
+inline std::int32_t LightBudget(const GeometryLight& light) { return SaidOr(light.sample, 0, 1); }
 
 void ResetSky();  // also the volume around everything
 void ResetGeometryLight();

@@ -4,6 +4,7 @@
 #include "accel/accel.h"
 #include "core/console.h"
 #include "core/index.h"
+#include "core/settings.h"
 #include "core/tables.h"
 #include "lights/light_aovs.h"
 #include "lights/light_photons.h"
@@ -57,11 +58,18 @@ PhotonStart StartAnywhere(std::uint32_t sample) {
   return {direction, SkyRadiance(direction)};
 }
 PhotonStart StartAtCell(std::uint32_t sample) {
+  if (settings.format >= 2) {
+    PhotonStart start;
+    float density = 0;
+    if (!SampleTable(sky.table, Halton(sample, 0), Halton(sample, 1), start.direction, density)) return start;
+    start.radiance = SkyRadiance(start.direction) / (4 * kPi * density);
+    return start;
+  }
   const std::int32_t row = UpperBound(sky.table.rows, Halton(sample, 0));
   const Distribution& cells = At(sky.table.cells, row);
   const std::int32_t cell = UpperBound(cells, Halton(sample, 1));
   const float probability = At(sky.table.rows.weights, row) * At(cells.weights, cell);
-  // Intended: from the corner of the cell, as if all cells were of one size.
+  // From the corner of the cell, as if all cells were of one size: format 1.
   const Vec3 direction =
       CellDirection(row / kSkyFaceSize, static_cast<float>(cell), static_cast<float>(row % kSkyFaceSize));
   if (probability < 1e-8f) return {direction, kBlack};
@@ -85,6 +93,7 @@ void ResetSky() {
 
 void InitializeSky() {
   sky = SkyState();
+  skyLight.sample = LightBudget(skyLight);
   ResolveLink(skyLight.link);
   if (!MakeSkyFrame(skyLight.north, skyLight.zenith, sky.frame))
     PrintWarning("sky light - north and zenith must be two directions, defaults take their place");
@@ -111,7 +120,7 @@ void InitializeSky() {
   PrintRule();
 }
 
-void AimSky() { sky.powerFactor = skyLight.photon > 0 ? 4 * kPi * sceneRadius * sceneRadius : 0; }
+void AimSky() { sky.powerFactor = PhotonsOf(skyLight.photon) > 0 ? 4 * kPi * sceneRadius * sceneRadius : 0; }
 
 void FinalizeSky() {
   SaveAovs(skyLight.aovs);
@@ -149,8 +158,8 @@ void MakeSkyPhotonRay(RayRecord& ray, std::uint32_t sample) {
   StartPhotonRay(ray, sample, 4, skyLight.ior);
   ray.origin = sceneCenter + sceneRadius * (disc.x * axis + disc.y * Cross(axis, d) + d);
   ray.direction = -d;
-  if (skyLight.photon > 0)
-    ray.photonPower = start.radiance * (sky.powerFactor / static_cast<float>(skyLight.photon));
+  const std::int32_t photons = PhotonsOf(skyLight.photon);
+  if (photons > 0) ray.photonPower = start.radiance * (sky.powerFactor / static_cast<float>(photons));
   ray.kind = ray.parentKind = kKindNone;
 }
 

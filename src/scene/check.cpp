@@ -212,8 +212,10 @@ void CheckShaders(SceneNotes& notes) {
                fs::path(entry->second.file).filename().string() + " line " +
                std::to_string(entry->second.line));
     CheckWeights(notes, noted);
-    if (noted.vector.line > 0 && noted.shader.geometry.smoothAngle < 0)
-      Find(notes, noted.vector, FindingCode::kKeptNormals,
+    const bool byHeight = settings.format >= 2 && noted.vector.line == 0;
+    const TextPlace& displaced = byHeight ? noted.height : noted.vector;
+    if (displaced.line > 0 && noted.shader.geometry.smoothAngle < 0)
+      Find(notes, displaced, FindingCode::kKeptNormals,
            "a displaced surface with a \"smooth_angle\" below 0 keeps the normals that it had, and shades as "
            "flat",
            "smooth_angle 60");
@@ -240,9 +242,10 @@ void CheckObjects(SceneNotes& notes) {
            "there is an object " + Quoted(object.name) + " already, which is what instances place");
   }
   for (const NotedInstance& noted : notes.instances)
-    if (!IsRigid(noted.instance.matrix))
+    if (settings.format < 2 && !IsRigid(noted.instance.matrix))
       Find(notes, noted.place, FindingCode::kNotRigid,
-           "the matrix is not rigid: distances inside are compared as if it did not scale");
+           "the matrix is not rigid: distances inside are compared as if it did not scale; in format 2 they "
+           "are right");
 }
 
 // What no pose states has no other to come from.
@@ -298,6 +301,22 @@ Names FindVertexData() {
       add(part.vectorSets);
     }
   return names;
+}
+
+// A picture by a set that no model has is read by the first one.
+void CheckUvSets(SceneNotes& notes) {
+  if (settings.format < 2) return;
+  Names sets;
+  for (const Object& object : objectTable)
+    for (const Part& part : object.parts)
+      for (const auto& set : part.uvSets) sets.insert(set.name);
+  for (const NotedSlot& noted : notes.slots) {
+    const std::string& name = noted.slot.uvSetName;
+    if (noted.uvSet.line > 0 && !name.empty() && !sets.contains(name))
+      Find(notes, noted.uvSet, FindingCode::kUnknownUvSet,
+           "no model has a set of texture coordinates named " + Quoted(name) + ": the first one counts",
+           Suggest(notes, name, {sets.begin(), sets.end()}));
+  }
 }
 
 constexpr std::uint32_t kRadianceChannels =
@@ -382,6 +401,8 @@ Storage ProbeStorage(const std::string& fileName) {
 }
 
 void CheckRecords(SceneNotes& notes) {
+  if (settings.format >= 2)
+    std::erase_if(notes.findings, [](const Finding& finding) { return finding.ofFormat1; });
   Definitions known = ReadDefinitions(notes);
   for (const NameUse& use : notes.names) CheckName(notes, use, known);
   std::vector<bool> sections;
@@ -394,9 +415,11 @@ void CheckRecords(SceneNotes& notes) {
   CheckGraph(notes, graph);
   CheckShaders(notes);
   CheckPictures(notes);
+  CheckUvSets(notes);
   CheckObjects(notes);
   CheckCameras(notes);
   CheckRenderer(notes, graph);
+  CheckFormat(notes, graph);
   for (NotedAov& noted : notes.aovs)
     if (noted.owner == AovOwner::kCamera) SettleChannel(noted.aov);
   const Names vertexData = FindVertexData();

@@ -49,5 +49,6 @@ void CheckGraph(SceneNotes& notes, const SceneGraph& graph);
 void CheckModels(SceneNotes& notes, const SceneGraph& graph, const std::vector<bool>& sections);
 void CheckPictures(SceneNotes& notes);
 void CheckRenderer(SceneNotes& notes, const SceneGraph& graph);
+void CheckFormat(SceneNotes& notes, const SceneGraph& graph);
 
 }  // namespace zp

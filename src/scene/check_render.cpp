@@ -34,7 +34,7 @@ void CheckLimits(SceneNotes& notes) {
   FindLimit(notes, "final_gather.ray_depth", settings.said.rayDepth, 1, kMostDepth);
   FindLimit(notes, "final_gather.photon_depth", settings.said.photonDepth, 1, kMostDepth);
   FindLimit(notes, "final_gather.bounce", settings.said.rendererBounce, 1, kMost);
-  FindLimit(notes, "final_gather.sample", settings.said.rendererSample, 0, kMost);
+  FindLimit(notes, "final_gather.sample", GatherBudget(), 0, kMost);
   if (!cameras.empty()) FindLimit(notes, "camera.sample", cameras[0].sample, 1, kMostSamples);
   if (skyLight.image != kAnalyticSky) return;
   FindLimit(notes, "sky_light.turbidity", static_cast<double>(skyLight.turbidity), 1, 10);
@@ -53,11 +53,11 @@ void CheckEmitters(SceneNotes& notes) {
   const NotedShader* light = FindVirtualLight(notes);
   const auto stated = notes.stated.find("geometry_light.sample");
   const bool isStated = stated != notes.stated.end();
-  if (light != nullptr && geometryLight.sample <= 0 && !isStated)
+  if (light != nullptr && LightBudget(geometryLight) <= 0 && !isStated)
     Find(notes, light->virtualLight, FindingCode::kUnsampledEmitter,
          "virtual_light of " + Quoted(light->shader.name) +
              " is not sampled: geometry_light states no \"sample\"");
-  if (light == nullptr && geometryLight.sample > 0 && isStated)
+  if (light == nullptr && LightBudget(geometryLight) > 0 && isStated)
     Find(notes, stated->second, FindingCode::kNoEmitter,
          "no surface with \"virtual_light\" takes these samples");
 }
@@ -67,12 +67,34 @@ bool HasPrimitives(const Object& object) {
                      [](const Part& part) { return !part.triangles.empty() || !part.tetragons.empty(); });
 }
 
+bool CastsPhotons() {
+  const auto casts = [](const Light& light) { return light.photon > 0; };
+  return PhotonsOf(skyLight.photon) > 0 || PhotonsOf(geometryLight.photon) > 0 ||
+         std::any_of(pointLights.begin(), pointLights.end(), casts) ||
+         std::any_of(parallelLights.begin(), parallelLights.end(), casts);
+}
+
+// Format 2 gathers where all is said that it takes.
+void CheckHalfGathering(SceneNotes& notes) {
+  const TextPlace place = StatedAt(notes, "render.final_gather", kRenderFolder);
+  if (ChoosesFinalGathering() && !CastsPhotons())
+    Find(notes, place, FindingCode::kHalfGathering,
+         "final gathering without photons: the cells stay black, for no light states \"photon\"");
+  for (const bool far : {true, false})
+    if (far ? GatherDistance() > 0 && !settings.said.resolution
+            : CellResolution() > 0 && !settings.said.distance)
+      Find(notes, place, FindingCode::kHalfGathering,
+           std::string(far ? "distance without \"resolution\"" : "resolution without \"distance\"") +
+               ": the mode is path tracing, for format 2 has no default of it");
+}
+
 void CheckGathering(SceneNotes& notes, const SceneGraph& graph) {
+  if (settings.format >= 2) CheckHalfGathering(notes);
   const TextPlace resolution = StatedAt(notes, "final_gather.resolution", kRenderFolder);
-  if (settings.said.distance > 0 && settings.said.resolution > 0 && !AsksForCells())
+  if (GatherDistance() > 0 && CellResolution() > 0 && !AsksForCells())
     Find(notes, resolution, FindingCode::kTinyCells,
          "resolution: cells below 1e-8 square scene units are none, and the mode is path tracing");
-  if (!ChoosesFinalGathering() || settings.said.rendererBounce > 1) return;
+  if (settings.format >= 2 || !ChoosesFinalGathering() || settings.said.rendererBounce > 1) return;
   for (std::size_t i = 0; i < objectTable.size(); ++i) {
     if (!graph.placed[i] || !HasPrimitives(objectTable[i])) continue;
     Find(notes, StatedAt(notes, "final_gather.bounce", StatedAt(notes, "render.final_gather", kRenderFolder)),
@@ -99,8 +121,12 @@ std::vector<CellShader> ReadCellShaders() {
     for (const SurfaceShader& surface : shader.surfaces)
       result[i].receives |=
           !IsBlack(surface[Element::kLambertian].color) || !IsBlack(surface[Element::kTransmissive].color);
-    for (const ImageSlot& layer : shader.geometry.vector)
-      if (layer.level > 1) result[i].pieces *= static_cast<double>(layer.level) * layer.level;
+    const auto split = [&](const std::vector<ImageSlot>& layers) {
+      for (const ImageSlot& layer : layers)
+        if (layer.level > 1) result[i].pieces *= static_cast<double>(layer.level) * layer.level;
+    };
+    split(shader.geometry.vector);
+    if (settings.format >= 2) split(shader.geometry.height);
   }
   return result;
 }
@@ -153,9 +179,16 @@ void FindEndless(SceneNotes& notes, const TextPlace& place, std::string_view wha
 }
 
 // Shadow rays of a hit towards point and parallel lights and what is sampled else.
-double CountLights() {
+double CountLights(bool emitters) {
   return static_cast<double>(pointLights.size() + parallelLights.size()) +
-         (geometryLight.sample > 0 ? 1 : 0) + (skyLight.image.empty() || skyLight.sample <= 0 ? 0 : 1);
+         (emitters && LightBudget(geometryLight) > 0 ? 1 : 0) +
+         (skyLight.image.empty() || LightBudget(skyLight) <= 0 ? 0 : 1);
+}
+
+// Indirect rays of a first hit in all passes together, which gather once each at least.
+double CountGathered(double passes) {
+  const double budget = GatherBudget();
+  return settings.format >= 2 ? passes * std::max(budget, 1.0) : std::max(passes, budget);
 }
 
 void CheckCost(SceneNotes& notes) {
@@ -166,15 +199,15 @@ void CheckCost(SceneNotes& notes) {
   };
   const double pixels = side(camera.width, camera.regionXMin, camera.regionXMax) *
                         side(camera.height, camera.regionYMin, camera.regionYMax);
-  const double passes = std::clamp(camera.sample, 1, kMostSamples), each = 1 + CountLights();
-  const double gathered = std::max(passes, static_cast<double>(settings.said.rendererSample));
+  const double passes = std::clamp(camera.sample, 1, kMostSamples),
+               each = 1 + CountLights(FindVirtualLight(notes) != nullptr);
   const double bounces = ChoosesFinalGathering() ? 1 : std::max(settings.said.rendererBounce, 1);
   const TextPlace cameraPlace = notes.cameras.empty() ? TextPlace{"camera", 0} : notes.cameras[0].place;
-  // Passes gather once each at least: what is beyond that is the gather sample's.
+  // What is beyond a ray for each pass is the gather sample's.
   const double byPasses = pixels * passes * each * (1 + std::min(bounces, 255.0));
   FindEndless(notes, StatedAt(notes, "camera.sample", cameraPlace), "passes", byPasses);
   FindEndless(notes, StatedAt(notes, "final_gather.sample", kRenderFolder), "sample",
-              pixels * (gathered - passes) * each * std::min(bounces, 255.0));
+              pixels * (CountGathered(passes) - passes) * each * std::min(bounces, 255.0));
   const auto checkPhotons = [&](std::string_view keyword, double photons) {
     FindEndless(notes, StatedAt(notes, keyword, {"light", 0}), "photon", photons * 2);
   };

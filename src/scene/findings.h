@@ -47,6 +47,7 @@ enum class FindingCode {
   kSixteenBits,
   kLinearColors,
   kNormalRange,
+  kUnknownUvSet,
   kReplaced,
   // Shaders.
   kUnnamedShader,
@@ -84,7 +85,10 @@ enum class FindingCode {
   kTinyCells,
   kManyCells,
   kDarkInstances,
+  kHalfGathering,
   kEndless,
+  // The format.
+  kOldFormat,
 };
 
 struct FindingRow {
@@ -126,6 +130,7 @@ inline constexpr FindingRow kFindings[] = {
     {FindingCode::kSixteenBits, "sixteen-bits", Severity::kWarning, true},
     {FindingCode::kLinearColors, "linear-colors", Severity::kWarning, true},
     {FindingCode::kNormalRange, "normal-range", Severity::kWarning, true},
+    {FindingCode::kUnknownUvSet, "unknown-uv-set", Severity::kWarning},
     {FindingCode::kReplaced, "replaced", Severity::kWarning},
     {FindingCode::kUnnamedShader, "unnamed-shader", Severity::kWarning},
     {FindingCode::kBlackImage, "black-image", Severity::kWarning},
@@ -159,12 +164,14 @@ inline constexpr FindingRow kFindings[] = {
     {FindingCode::kTinyCells, "tiny-cells", Severity::kWarning},
     {FindingCode::kManyCells, "many-cells", Severity::kError},
     {FindingCode::kDarkInstances, "dark-instances", Severity::kWarning, true},
+    {FindingCode::kHalfGathering, "half-gathering", Severity::kWarning},
     {FindingCode::kEndless, "endless", Severity::kWarning},
+    {FindingCode::kOldFormat, "old-format", Severity::kWarning, true},
 };
 constexpr bool FindingsAreInOrder() {
   for (std::size_t i = 0; i < std::size(kFindings); ++i)
     if (static_cast<std::size_t>(kFindings[i].code) != i) return false;
-  return std::size(kFindings) == static_cast<std::size_t>(FindingCode::kEndless) + 1;
+  return std::size(kFindings) == static_cast<std::size_t>(FindingCode::kOldFormat) + 1;
 }
 static_assert(FindingsAreInOrder());
 

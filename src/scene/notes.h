@@ -28,6 +28,7 @@ struct Finding {
   FindingCode code = FindingCode::kUnknownKeyword;
   std::string text;
   std::string suggestion;  // the word that was probably meant, or a line to add; empty without one
+  bool ofFormat1 = false;  // the scene's format is known when all text is read: goes where it is another
 };
 
 enum class NameKind {
@@ -50,14 +51,16 @@ struct NotedShader {
   Shader shader;                  // as its section ended; a later one of the name may replace it
   std::vector<TextPlace> layers;  // one for each surface
   TextPlace virtualLight;         // of the last one; line 0 without one
-  TextPlace vector;               // of the first layer; line 0 without one
+  TextPlace vector, height;       // of the first layer; line 0 without one
 };
 
 // A parameter with a picture, as its block ended.
 struct NotedSlot {
   TextPlace image;
+  TextPlace uvSet;           // line 0 without one
   std::string_view element;  // keyword of the block
   bool gammaStated = false;
+  bool colorStated = false;
   ImageSlot slot;
 };
 

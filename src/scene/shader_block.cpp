@@ -47,24 +47,34 @@ bool ReadElementBlock(SceneText& text, std::string_view name, ImageSlot& slot) {
   NotedSlot noted;
   noted.element = name;
   const bool displaces = name == "vector";
+  const bool scales = name == "radius" || name == "length";
   ReadBlock(text, name, [&](const Keyword& keyword, Line& line) {
-    if (keyword == "color") return ReadTriple(line, slot.color);
+    if (keyword == "color") {
+      noted.colorStated = true;
+      return ReadTriple(line, slot.color);
+    }
     if (keyword == "fresnel") return ReadTriple(line, slot.fresnel) && NoteIdle(line, slot.fresnel == kBlack);
     if (keyword == "direction")
       return ReadTriple(line, slot.direction) && (displaces || NoteIdle(line, slot.direction == kBlack));
-    if (keyword == "level")
-      return ReadNumber(line, slot.level) && (displaces || NoteIdle(line, slot.level == 1));
+    if (keyword == "level") {
+      const IdleIn formats = name == "height" ? IdleIn::kFormat1 : IdleIn::kAll;
+      return ReadNumber(line, slot.level) && (displaces || NoteIdle(line, slot.level == 1, formats));
+    }
     if (keyword == "image") {
       noted.image = line.Place();
       return ReadName(line, NameKind::kImage, slot.imageName);
     }
     if (keyword == "fresnel_image")
       return ReadName(line, NameKind::kImage, slot.fresnelImageName) && NoteIdle(line, false);
-    if (keyword == "uv_set")
-      return ReadString(line, slot.uvSetName) && NoteIdle(line, slot.uvSetName == "uv");
+    if (keyword == "uv_set") {
+      noted.uvSet = line.Place();
+      return ReadString(line, slot.uvSetName) && NoteIdle(line, slot.uvSetName == "uv", IdleIn::kFormat1);
+    }
     if (keyword == "sampler") return ReadSamplerBlock(text, slot, noted);
     return false;
   });
+  // A picture alone counts as it is. These blocks do nothing in format 1.
+  if (!noted.colorStated && (scales || (name == "height" && !slot.imageName.empty()))) slot.color = kWhite;
   if (text.notes && noted.image.line > 0 && !slot.imageName.empty()) {
     noted.slot = slot;
     text.notes->slots.push_back(std::move(noted));
@@ -105,8 +115,8 @@ bool ReadSwitch(Line& line, bool& target) {
 
 bool ReadGeometryBlock(SceneText& text, GeometryShader& geometry, NotedShader& noted) {
   ReadBlock(text, "geometry_shader", [&](const Keyword& keyword, Line& line) {
-    const auto readIdle = [&](ImageSlot& slot, std::string_view name) {
-      return ReadElementBlock(text, name, slot) && NoteIdle(line, false);
+    const auto readIdle = [&](ImageSlot& slot, std::string_view name, IdleIn formats = IdleIn::kFormat1) {
+      return ReadElementBlock(text, name, slot) && NoteIdle(line, false, formats);
     };
     if (keyword == "vector") {
       if (noted.vector.line == 0) noted.vector = line.Place();
@@ -114,7 +124,10 @@ bool ReadGeometryBlock(SceneText& text, GeometryShader& geometry, NotedShader& n
     }
     if (keyword == "radius") return readIdle(geometry.radius.emplace_back(), "radius");
     if (keyword == "length") return readIdle(geometry.length.emplace_back(), "length");
-    if (keyword == "height") return readIdle(geometry.height.emplace_back(), "height");
+    if (keyword == "height") {
+      if (noted.height.line == 0) noted.height = line.Place();
+      return readIdle(geometry.height.emplace_back(), "height");
+    }
     if (keyword == "clip") return readIdle(geometry.clip, "clip");
     if (keyword == "round_corner")
       return ReadNumber(line, geometry.roundCorner) && NoteIdle(line, geometry.roundCorner >= 1);
@@ -164,7 +177,8 @@ void ReadShaderSection(SceneText& text) {
       noted.named = true;
       return ReadString(line, shader.name);
     }
-    if (keyword == "opacity") return ReadNumber(line, shader.opacity) && NoteIdle(line, shader.opacity == 1);
+    if (keyword == "opacity")
+      return ReadNumber(line, shader.opacity) && NoteIdle(line, shader.opacity == 1, IdleIn::kFormat1);
     if (keyword == "surface_shader") {
       if (text.notes) noted.layers.push_back(line.Place());
       return ReadSurfaceBlock(text, shader.surfaces.emplace_back(), noted);

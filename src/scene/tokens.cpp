@@ -26,12 +26,16 @@ void NoteLine(Line& line, FindingCode code, const std::string& message, std::str
   Note(line.Place(), code, line.keyword + ": " + message, suggestion);
 }
 
-bool NoteIdle(Line& line, bool isDefault) {
-  if (!line.text.notes) return true;
+bool NoteIdle(Line& line, bool isDefault, IdleIn formats) {
+  if (!line.text.notes || line.noted) return true;
+  const bool acts = formats == IdleIn::kFormat1;
+  const std::string where = acts ? " in format 1; in format 2 it acts" : "";
   if (isDefault)
-    NoteLine(line, FindingCode::kDefaultWithoutEffect, "has no effect, and the value is the default");
+    NoteLine(line, FindingCode::kDefaultWithoutEffect,
+             "has no effect" + (acts ? where : ", and the value is the default"));
   else
-    NoteLine(line, FindingCode::kWithoutEffect, "is stored and has no effect");
+    NoteLine(line, FindingCode::kWithoutEffect, "is stored and has no effect" + where);
+  line.text.notes->findings.back().ofFormat1 = acts;
   return true;
 }
 

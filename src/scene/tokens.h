@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <istream>
 #include <limits>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -85,7 +86,8 @@ void NoteNumber(Line& line, std::string_view rest);
 void NoteString(Line& line, std::string_view rest);
 void NoteName(Line& line, NameKind kind, const std::string& name);
 // Of a line that was read: it does nothing. True, for a handler to end with; the observer may be missing.
-bool NoteIdle(Line& line, bool isDefault);
+enum class IdleIn { kAll, kFormat1 };
+bool NoteIdle(Line& line, bool isDefault, IdleIn formats = IdleIn::kAll);
 
 // The readers of values return true, so that a handler can end with them: it knew its keyword.
 
@@ -101,6 +103,13 @@ bool ReadValue(Line& line, T& value) {
 
 template <class T>
 bool ReadNumber(Line& line, T& target) {
+  T value{};
+  if (ReadValue(line, value)) target = value;
+  return true;
+}
+// What was no number has not been said.
+template <class T>
+bool ReadNumber(Line& line, std::optional<T>& target) {
   T value{};
   if (ReadValue(line, value)) target = value;
   return true;

@@ -6,17 +6,40 @@
 
 namespace zp {
 
-Vec3 LookUp(const ImageSlot& slot, Vec2 uv) {
-  if (!IsIndex(images, slot.image)) return slot.color;
-  return LookUpTexture(At(images, slot.image), slot, uv) * slot.color;
+Vec2 UvOfSet(const SurfaceUv& uv, std::int32_t set) {
+  if (set == 0 || uv.sets == nullptr) [[likely]]
+    return uv;
+  const Vec2* values = uv.sets[set - 1];
+  if (values == nullptr) return uv;
+  Vec2 sum;
+  for (int i = 0; i < uv.count; ++i) {
+    sum.x += uv.weight[i] * values[uv.vertex[i]].x;
+    sum.y += uv.weight[i] * values[uv.vertex[i]].y;
+  }
+  return sum;
 }
 
-bool TestElement(const SurfaceShader& layer, Element element, Vec2 uv, Vec3& color) {
+Vec3 LookUp(const ImageSlot& slot, const SurfaceUv& uv) {
+  if (!IsIndex(images, slot.image)) return slot.color;
+  return LookUpTexture(At(images, slot.image), slot, UvOfSet(uv, slot.uvSet)) * slot.color;
+}
+
+bool TestElement(const SurfaceShader& layer, Element element, const SurfaceUv& uv, Vec3& color) {
   color = LookUp(layer[element], uv);
   return !IsBlack(color);
 }
 
-const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, Vec2 uv) {
+namespace {
+
+// Comparisons that are false for a weight that is no number; the limit keeps the sum finite.
+float LayerWeight(const SurfaceShader& layer, const SurfaceUv& uv) {
+  const float weight = Mean(LookUp(layer[Element::kWeight], uv));
+  return weight > 0 ? MinOf(weight, kFarthest / (2 * kMaxLayersOnSide)) : 0.0f;
+}
+
+}  // namespace
+
+const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, const SurfaceUv& uv) {
   const std::span<const std::uint8_t> list = LayersOf(shader, frontFace);
   const std::size_t count = list.size();
   if (count == 0) return shader.surfaces[0];  // a side without layers shows the first surface
@@ -27,12 +50,9 @@ const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, Vec2 uv) 
   float total = 0;
   std::size_t last = 0;  // of those with a weight
   for (std::size_t i = 0; i < count; ++i) {
-    const float weight = Mean(LookUp(layer(i)[Element::kWeight], uv));
-    // Comparisons that are false for a weight that is no number; the limit keeps the sum finite.
-    if (weight > 0) {
-      total += MinOf(weight, kFarthest / (2 * kMaxLayersOnSide));
-      last = i;
-    }
+    const float weight = LayerWeight(layer(i), uv);
+    if (weight > 0) last = i;
+    total += weight;
     cumulative[i] = total;
   }
   if (!(total > 0)) return layer(0);
@@ -40,6 +60,17 @@ const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, Vec2 uv) 
   for (std::size_t i = 0; i < last; ++i)
     if (cumulative[i] > draw) return layer(i);
   return layer(last);
+}
+
+float DiffuseLayerShare(const Shader& shader, bool frontFace, const SurfaceUv& uv) {
+  float total = 0, diffuse = 0;
+  for (const std::uint8_t index : LayersOf(shader, frontFace)) {
+    const SurfaceShader& layer = shader.surfaces[index];
+    const float weight = LayerWeight(layer, uv);
+    total += weight;
+    if (layer.has[Lobe::kLambertian] || layer.has[Lobe::kTransmissive]) diffuse += weight;
+  }
+  return diffuse > 0 ? diffuse / total : 1.0f;
 }
 
 }  // namespace zp

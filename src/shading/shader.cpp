@@ -13,6 +13,7 @@
 namespace zp {
 
 std::vector<Shader> shaders;
+std::vector<std::string> uvSetNames;
 
 namespace {
 NameIndex<Shader> shaderNames;
@@ -73,6 +74,15 @@ void SettleMatrices(ImageSlot& slot) {
   auto& divisor = slot.colorMatrix.m[3];
   divisor[1] += divisor[2];
   divisor[2] = 0;
+}
+
+// In format 1 all pictures are read by a model's first set, which is named "uv".
+void SettleUvSet(ImageSlot& slot) {
+  slot.uvSet = 0;
+  if (settings.format < 2 || slot.image == kNone || slot.uvSetName.empty() || slot.uvSetName == "uv") return;
+  const auto found = std::find(uvSetNames.begin(), uvSetNames.end(), slot.uvSetName);
+  slot.uvSet = static_cast<std::int32_t>(found - uvSetNames.begin()) + 1;
+  if (found == uvSetNames.end()) uvSetNames.push_back(slot.uvSetName);
 }
 
 // What is left of a texture index once its file was tried.
@@ -148,6 +158,21 @@ void DeriveSideFlags(Shader& shader) {
          shader.backTransmissive, shader.backOpaque);
 }
 
+bool Refracts(const SurfaceShader& s) {
+  const ImageSlot& ior = s[Element::kIor];
+  return s.material == Material::kDielectric && (ior.image != kNone || !IsSameMedium(Mean(ior.color), 1));
+}
+
+// By format 1 opacity and clip are stored, without effect.
+void DeriveCutOuts(Shader& shader) {
+  ImageSlot& clip = shader.geometry.clip;
+  const bool shows = clip.image == kNone && shader.opacity * Mean(clip.color) >= 1;
+  shader.cutsOut = settings.format >= 2 && !shows;
+  if (shader.cutsOut) clip.image = MaskTexture(clip.image);
+  // How often walks ask depends on their order, so that they must not draw numbers.
+  if (clip.pixelSampler == PixelSampler::kStochastic) clip.pixelSampler = PixelSampler::kBilinear;
+}
+
 void InitializeShader(Shader& shader) {
   if (shader.initialized) return;
   CompleteSides(shader);
@@ -159,6 +184,9 @@ void InitializeShader(Shader& shader) {
   InitializeVolume(shader.volume);
   for (SurfaceShader& surface : shader.surfaces) DeriveFlags(surface);
   DeriveSideFlags(shader);
+  shader.bends = std::any_of(shader.surfaces.begin(), shader.surfaces.end(), Refracts);
+  shader.isBody = shader.bends || Absorbs(shader.volume);
+  DeriveCutOuts(shader);
   shader.initialized = true;
 }
 
@@ -189,6 +217,7 @@ void InitializeTextures(std::int32_t undefined) {
     SettleMatrices(slot);
     if (!slot.imageName.empty()) slot.image = IfLoaded(slot.image);
     if (!slot.fresnelImageName.empty()) slot.fresnelImage = IfLoaded(slot.fresnelImage);
+    SettleUvSet(slot);
   });
 
   if (failed) PrintRule();
@@ -218,6 +247,7 @@ void InitializeShaders() {
 
 void FinalizeShaders() {
   Release(shaders);
+  Release(uvSetNames);
   shaderNames.Forget();
 }
 

@@ -1,5 +1,6 @@
 // The shading frame and the weights of a hit, once its layer is chosen.
 
+#include "core/settings.h"
 #include "shading/fresnel.h"
 #include "shading/shading.h"
 
@@ -53,7 +54,16 @@ void SetWidths(ShadingPoint& point) {
   point.alphaY /= stretch;
 }
 
+float Reflectance(const SurfaceShader& layer, float ior, float cosine) {
+  const float reflectance = FresnelReflectance(ior, cosine);
+  return layer.material == Material::kThinDielectric ? SheetReflectance(reflectance) : reflectance;
+}
+
 }  // namespace
+
+float DiffuseWeightAt(const ShadingPoint& point, float cosine) {
+  return 1 - Reflectance(*point.layer, Mean(LookUp((*point.layer)[Element::kIor], point.uv)), cosine);
+}
 
 void FinishShadingPoint(ShadingPoint& point, const Shader& shader, bool frontFace) {
   if (point.layer == nullptr) point.layer = &ChooseLayer(shader, frontFace, point.uv);
@@ -73,12 +83,9 @@ void FinishShadingPoint(ShadingPoint& point, const Shader& shader, bool frontFac
   if (!std::isfinite(point.iorRatio) || point.iorRatio == 0) point.iorRatio = 1;
 
   // The density cells answer for such a point, which nothing else can see.
-  const bool skipped = point.useDensity && layer.isPlain;
-  point.specularWeight = skipped ? 0.0f : FresnelReflectance(ior, point.reflectCosine);
-  if (layer.material == Material::kThinDielectric) {
-    point.iorRatio = 1;
-    point.specularWeight = SheetReflectance(point.specularWeight);
-  }
+  const bool skipped = point.useDensity && layer.isPlain && settings.format < 2;
+  point.specularWeight = skipped ? 0.0f : Reflectance(layer, ior, point.reflectCosine);
+  if (layer.material == Material::kThinDielectric) point.iorRatio = 1;
   point.diffuseWeight = 1 - point.specularWeight;
 }
 

@@ -45,6 +45,30 @@ bool LoadTexture(ImageBuffer& image) {
   return false;
 }
 
+std::int32_t MaskTexture(std::int32_t image) {
+  if (!IsIndex(images, image) || At(images, image).channels != 4) return image;
+  const ImageBuffer& source = At(images, image);
+  ImageBuffer mask;
+  Allocate(mask, source.width, source.height, 1, source.bits, false);
+  mask.wordScale = source.wordScale;
+  mask.loaded = true;
+  bool transparent = false;
+  const auto copy = [&](const auto& from, auto& to, auto full) {
+    for (std::size_t i = 0; i < to.size() && 4 * i + 3 < from.size(); ++i) {
+      to[i] = from[4 * i + 3];
+      transparent = transparent || to[i] < full;
+    }
+  };
+  copy(source.bytePixels, mask.bytePixels, 255);
+  copy(source.wordPixels, mask.wordPixels, 65535);
+  copy(source.floatPixels, mask.floatPixels, 1.0f);
+  if (!transparent) return image;
+  const std::int32_t made = FindOrAddTexture("alpha of texture " + std::to_string(image));
+  mask.fileName = At(images, made).fileName;
+  At(images, made) = std::move(mask);
+  return made;
+}
+
 namespace {
 
 // The texel that an index means; other modes than repeat and clamp leave it alone.
