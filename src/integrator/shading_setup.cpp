@@ -143,11 +143,11 @@ bool SetUp(const RayRecord& ray, ShadingPoint& point) {
   }
   bool mirrored = false;
   if constexpr (kExact) {
+    if (shader.frontVirtualLight || shader.backVirtualLight)
+      point.areaStretch = AreaStretch(HitNormalMatrix(ray), surface.faceNormal);
     mirrored = PlaceExactly(ray, surface, normal);
   } else if (ray.hitMatrixDepth > 0) {
     const Mat3 toWorld = HitNormalMatrix(ray);
-    if (settings.format >= 2 && (shader.frontVirtualLight || shader.backVirtualLight))
-      point.areaStretch = AreaStretch(toWorld, surface.faceNormal);
     surface.faceNormal = UnitVector(toWorld * surface.faceNormal);
     normal = UnitVector(toWorld * normal);
     surface.tangent = UnitVector(toWorld * surface.tangent);
