@@ -271,6 +271,10 @@ TEST_F(DirectLight, EmitterSamplesDoNotChangeTheMean) {
         }
         Instance raised;
         raised.matrix.m[2][3] = kLampHeight;
+        if (settings.format >= 2) {  // unevenly scaled
+          raised.matrix.m[0][0] = 3;
+          raised.matrix.m[1][1] = 0.4f;
+        }
         if (kind == kOverride) raised.shader = lamp;
         AddLamp(*place(raised), 0, kind == kOverride ? off : lamp);
       }

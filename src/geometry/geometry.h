@@ -19,6 +19,7 @@ struct ObjReport {
   std::size_t positions = 0, faces = 0;  // lines that were read as such; dropped faces among them
   std::size_t polygons = 0;              // faces of five corners or more, dropped
   std::size_t slivers = 0;               // of less than three, dropped
+  std::size_t concave = 0;               // of four, split across the first and third corner
   std::size_t outOfRange = 0;            // with corners that are not there, dropped
   std::size_t longLines = 0;             // dropped
   std::size_t unnamed = 0;               // faces before the first usemtl
