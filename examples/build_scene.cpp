@@ -78,14 +78,14 @@ int AddGlass(const char* name, Color color) {
   return shader;
 }
 
-// Emission as radiance, of the front side only. Paths find its light where they meet the surface. (A virtual
-// light is sampled as well, which is far quicker in format 2. In format 1 it is of the right brightness only
-// at pi / 18481 square units, and far too dark at the size of these panels.)
+// Emission as radiance, of the front side only. Paths find its light where they meet the surface; a virtual
+// light is sampled as well, which is far quicker.
 int AddEmitter(const char* name, Color radiance) {
   const int shader = AddShader(name);
   const int layer = zpAddSurfaceShader(shader);
   SetColor(shader, layer, Element::kEmissive, radiance);
   zpSetSurfaceSideness(shader, layer, Sideness::kFace);
+  zpSetSurfaceVirtualLight(shader, layer, true);
   return shader;
 }
 
@@ -208,9 +208,8 @@ Matrix Turn(int axis, float degrees) {
   return matrix;
 }
 
-// Keep matrices rigid: rotations, translations, mirrors. The library compares distances inside an Instance
-// with those outside as they stand, so what an Instance scales is hit in the wrong place. Sizes belong into
-// the mesh. A shader of -1 keeps the placed Object's own.
+// Any matrix with an inverse will do: turns, moves, mirrors, sizes. A shader of -1 keeps the placed Object's
+// own.
 void Place(int object, int target, const Matrix& matrix, int shader = -1) {
   zpSetInstance(object, zpAddInstance(object), target, matrix.m, shader);
 }
@@ -284,8 +283,7 @@ void BuildGeometry() {
   // The Object that nobody places is the scene. There should be only one of them.
   const int scene = zpAddObject();
   zpSetObjectName(scene, "scene");
-  // It needs a Part of its own: where it holds Instances alone, no emitter in them is sampled. Two steps in a
-  // plain.
+  // Parts of its own, two steps in a plain, beside the Instances.
   AddLathe(scene, slate, {{24.6f, -0.4f}, {24.6f, -0.2f}, {24, -0.2f}, {24, 0}, {0, 0}}, 128);
   AddLathe(scene, sand, {{800, -0.4f}, {0, -0.4f}}, 64);
   Place(scene, pedestal, Matrix());
@@ -308,16 +306,14 @@ void SetUpLights() {
   // disc is left to a parallel light.
   zpSetSkyLightImage("analytic");
   zpSetSkyLightColor(0.04f, 0.045f, 0.06f);
-  zpSetSkyLightSample(128);  // shadow rays towards bright parts of the sky, over all passes
-  zpSetSkyLightPhoton(0);    // the default is a million, whether they are of use or not
+  zpSetSkyLightSample(2);  // shadow rays of each pass towards bright parts of the sky
 
-  // The low sun. The direction is that of its light; blur is its half angle and makes soft shadows, which
-  // take samples.
+  // The low sun. The direction is that of its light; blur is its half angle and makes soft shadows. One
+  // shadow ray a pass, the default, is enough: passes take the noise away.
   const int sun = zpAddParallelLight();
   zpSetParallelLightColor(sun, 2.2f, 1.4f, 0.75f);
   zpSetParallelLightDirection(sun, -1, -2, -1);
   zpSetParallelLightBlur(sun, 0.6f);
-  zpSetParallelLightSample(sun, 64);
 
   // A lamp overhead that shines down on the middle. By default a point light fades from its direction, +y,
   // all the way to the opposite one: say where it points. The angles are off that axis; full light up to the
@@ -329,17 +325,13 @@ void SetUpLights() {
   zpSetPointLightInnerAngle(spot, 12);
   zpSetPointLightOuterAngle(spot, 30);
   zpSetPointLightBlur(spot, 0.15f);
-  zpSetPointLightSample(spot, 64);
-
-  zpSetGeometryLightPhoton(0);  // of the panels; the default is again a million
 }
 
 void SetUpRenderer() {
-  // Final gathering is what the defaults choose. Here most is placed by Instances, out of reach of its
-  // cells, and the air is open: a resolution of 0 chooses path tracing.
-  zpSetRendererResolution(0);
-  zpSetRendererBounce(3);    // diffuse bounces
-  zpSetRendererSample(256);  // indirect rays of a first hit, over all passes
+  // Path tracing, the default, suits open air. Rooms of a scene's own Parts may be quicker by final
+  // gathering, which a distance and a resolution above 0 choose.
+  zpSetRendererBounce(3);  // diffuse bounces
+  zpSetRendererSample(4);  // indirect rays of a first hit in each pass
 
   zpSetRendererClamp(4, 4, 4);  // of a sample: rare bright ones would stay as specks
 }
@@ -417,6 +409,9 @@ int main(int argc, char** argv) {
   std::error_code error;
   std::filesystem::create_directories(folder, error);
 
+  // The rules of format 2 are those that other renderers lead to expect; without a word it is format 1. The
+  // user's environment goes before.
+  setenv("ZP_FORMAT", "2", 0);
   zpStartup();  // before everything else
   BuildGeometry();
   SetUpLights();

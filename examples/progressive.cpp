@@ -70,10 +70,6 @@ void BuildScene() {
   zpSetParallelLightColor(sun, 1.1f, 0.95f, 0.75f);
   zpSetParallelLightDirection(sun, -1, 1.2f, -1.3f);
   zpSetParallelLightBlur(sun, 2);
-  // Photons only serve final gathering and caustics: none, and a resolution of 0 for path tracing.
-  zpSetSkyLightPhoton(0);
-  zpSetGeometryLightPhoton(0);
-  zpSetRendererResolution(0);
   zpSetRendererClamp(8, 8, 8);  // of a sample: rare bright ones would stay as specks
 }
 
@@ -104,15 +100,15 @@ int main(int argc, char** argv) {
   }
   const int height = std::max(width * 9 / 16, 1);
 
+  // The rules of format 2: path tracing is the default, and samples count in each pass, so that passes may be
+  // as many or few as it takes. The user's environment goes before.
+  setenv("ZP_FORMAT", "2", 0);
   zpStartup();
   BuildScene();
   const int camera = zpAddCamera();
   zpSetCameraResolution(camera, width, height);
-  // The number of passes must be known beforehand, though fewer may be rendered: samples repeat after it,
-  // and the budgets of indirect and shadow rays are shared out to so many passes.
+  // The number of passes must be known beforehand, though fewer may be rendered.
   zpSetCameraSample(camera, passes);
-  zpSetRendererSample(passes);          // one indirect ray of a first hit in each
-  zpSetParallelLightSample(0, passes);  // and one shadow ray
   zpSetCameraPosition(camera, 2.5f, -9.0f, 3.2f);
   zpSetCameraTarget(camera, 0, 0, 1.05f);
   zpSetCameraUpVector(camera, 0, 0, 1);
