@@ -99,8 +99,9 @@ struct Placement {
 // What an Instance makes of the face normal, the normal and the tangent by format 2. By format 1 tangents and
 // the axes of strands turn as normals do, which is right where all axes scale alike. True if the bitangent
 // goes over to the tangent's other side.
-[[gnu::noinline]] bool PlaceExactly(const RayRecord& ray, LocalSurface& surface, Vec3& normal) {
-  const Placement placement(HitNormalMatrix(ray));
+[[gnu::noinline]] bool PlaceExactly(const RayRecord& ray, const Mat3& toWorld, LocalSurface& surface,
+                                    Vec3& normal) {
+  const Placement placement(toWorld);
   if (ray.kind == kKindCylinder) {
     const Vec3 direction = UnitVector(placement.Inwards(ray.direction));
     if (surface.tangent == kBlack) surface.tangent = UnitPerpendicular(direction);
@@ -143,9 +144,10 @@ bool SetUp(const RayRecord& ray, ShadingPoint& point) {
   }
   bool mirrored = false;
   if constexpr (kExact) {
+    const Mat3 toWorld = HitNormalMatrix(ray);
     if (shader.frontVirtualLight || shader.backVirtualLight)
-      point.areaStretch = AreaStretch(HitNormalMatrix(ray), surface.faceNormal);
-    mirrored = PlaceExactly(ray, surface, normal);
+      point.areaStretch = AreaStretch(toWorld, surface.faceNormal);
+    mirrored = PlaceExactly(ray, toWorld, surface, normal);
   } else if (ray.hitMatrixDepth > 0) {
     const Mat3 toWorld = HitNormalMatrix(ray);
     surface.faceNormal = UnitVector(toWorld * surface.faceNormal);
