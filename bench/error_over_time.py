@@ -4,7 +4,7 @@
     bench/error_over_time.py [--program FILE] [--scene FOLDER] [--references FOLDER] [--output FOLDER]
 
 Renders the two halves of the reference unless their files exist, then both modes with growing numbers of passes; prints a Markdown table
-and writes error-over-time.svg. Standard library only.
+and writes error-over-time.svg. All renders are of format 2, whatever the scene says. Standard library only.
 
 A point is one whole run of the program, its photon cast included. Time is the processor time of all its threads, for
 that hardly depends on what else the machine does. The error is the root of the mean squared relative difference,
@@ -66,10 +66,10 @@ def read_pfm(path):
 def render(program, scene, values, passes, seed, output):
     """Processor seconds of the run."""
     with tempfile.TemporaryDirectory() as folder:
-        place = variant(scene.resolve(), Path(folder), {**values, "sample": RAYS_PER_PASS * passes})
+        place = variant(scene.resolve(), Path(folder), {**values, "sample": RAYS_PER_PASS})
         before = resource.getrusage(resource.RUSAGE_CHILDREN)
         subprocess.run([program, "render", place, "--resolution", f"{WIDTH}x{HEIGHT}", "--sample", str(passes),
-                        "--seed", str(seed), "--quiet", "--output", output], check=True)
+                        "--seed", str(seed), "--format", "2", "--quiet", "--output", output], check=True)
         after = resource.getrusage(resource.RUSAGE_CHILDREN)
     return after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime
 

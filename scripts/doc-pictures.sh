@@ -91,7 +91,7 @@ gather-modes() {
   local scene
   scene=$(CopyScene cistern)
   Set light/light.zp photon 3000000  # and the sky's
-  Set render/render.zp sample 128  # four in each of the 32 passes
+  Set render/render.zp sample 4
   local view=(--resolution 480x270 --sample 32)
   Render cells "$scene" "${view[@]}" --threads 1
   Set render/render.zp resolution 0
