@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "accel/accel.h"
@@ -273,6 +274,12 @@ TEST_F(DirectLight, EmitterSamplesDoNotChangeTheMean) {
         raised.matrix.m[2][3] = kLampHeight;
         if (settings.format == 2) raised.matrix.m[1][1] = 0.1f;  // areas by the direction that they face
         if (kind == kOverride) raised.shader = lamp;
+        if (settings.format == 2) {
+          InstanceMotion motion;
+          motion.close = raised.matrix;
+          motion.close.m[0][0] = 9;
+          raised.motion = std::make_shared<InstanceMotion>(motion);
+        }
         AddLamp(*place(raised), 0, kind == kOverride ? off : lamp);
       }
       if (kind == kParticle || kind == kOverride)  // another lamp, far away, is in the list

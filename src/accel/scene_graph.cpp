@@ -96,6 +96,12 @@ void InitializeObject(Object& object) {
   PrintObjectReport(object);
 }
 
+// Whether anything in an Object may shine, by what its emission lists held before it moved.
+bool Emits(const Object& object) {
+  return !object.emitters.records.empty() || !object.virtualLights.records.empty() ||
+         !object.faces.records.empty();
+}
+
 int HighestLevel() {
   int highest = 0;
   for (const Object& object : objectTable) highest = std::max(highest, object.level);
@@ -203,7 +209,10 @@ void MoveScene(float time) {
   if (rootObject == kNone || settings.format < 2 || !At(objectTable, rootObject).deformable) return;
   for (int level = HighestLevel(); level >= 0; --level)
     for (Object& object : objectTable)
-      if (object.level == level) MoveObject(object, time);
+      if (object.level == level) {
+        MoveObject(object, time);
+        if (object.deformable && Emits(object)) BuildEmissionLists(object);  // areas may have grown
+      }
   TakeSceneBounds();
 }
 

@@ -265,6 +265,13 @@ void RenderInWindow(const Camera& camera) {
   RunPreview(preview);
 }
 
+// The scene at an instant of the shutter. Samples of the geometry light go by the areas of that instant.
+void MoveTo(float time) {
+  MoveScene(time);
+  if (settings.format >= 2 && IsIndex(objectTable, rootObject))
+    geometryLight.area = At(objectTable, rootObject).virtualLights.area;
+}
+
 }  // namespace
 
 void ImageStatistics(const ImageBuffer& image, Vec3& mean, Vec3& variance) {
@@ -309,7 +316,7 @@ void RenderPixels(int count, float* out, int pass) {
   const std::int32_t sample = (pass % passes + passes) % passes;
   settings.frame.samplePass = sample;
   ClearPassStatistics();
-  MoveScene(TimeOfPass(camera, static_cast<std::uint32_t>(sample)));
+  MoveTo(TimeOfPass(camera, static_cast<std::uint32_t>(sample)));
 
   const auto width = static_cast<std::size_t>(region.xMax - region.xMin);
   std::vector<Vec3> colors(width * static_cast<std::size_t>(region.yMax - region.yMin));
@@ -333,7 +340,7 @@ void FrameStep() {
   settings.frame.samplePass = static_cast<std::int32_t>(settings.frame.passIndex);
   ClearOccluderLogs();
   ClearPassStatistics();
-  MoveScene(TimeOfPass(*camera, settings.frame.passIndex));
+  MoveTo(TimeOfPass(*camera, settings.frame.passIndex));
   if (!RenderPixels(settings.frame.passIndex)) return;
   if (settings.frame.passIndex == 0)
     for (Object& object : objectTable) OrderOccluders(object);
