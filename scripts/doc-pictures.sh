@@ -140,6 +140,21 @@ example-progressive() {
   "$build/zephlore" view "$work/progressive.pfm" "$work/example-progressive.png"
 }
 
+# Scenes of scenes/formats by format 1, left, and 2. The tangle of format 1 takes most of a processor's time.
+format-2() {
+  local scene format view images=()
+  for scene in lamp screen leaves fog groom; do
+    view=(--resolution 300x200)
+    [ "$scene" = groom ] && view=(--resolution 150x100 --sample 2)
+    for format in 1 2; do
+      Render "$scene-$format" "scenes/formats/$scene" --format "$format" "${view[@]}"
+      convert "$work/$scene-$format.png" -filter point -resize 300x200 "$work/$scene-$format.png"
+      images+=("$work/$scene-$format.png")
+    done
+  done
+  Sheet format-2 2 "${images[@]}"
+}
+
 # Shrink PICTURE: what is too large gets a palette of 256 colours, dithered; the others stay as they are.
 Shrink() {
   if [ "$(stat -c %s "$1")" -ge "$limit" ]; then
@@ -154,7 +169,7 @@ Shrink() {
 }
 
 all=(courtyard still_life gallery cistern beads flight pompoms relief gather-modes gather-radius
-     example-scene example-aovs example-progressive)
+     example-scene example-aovs example-progressive format-2)
 render=true
 if [ "${1-}" = --shrink ]; then
   render=false

@@ -125,10 +125,15 @@ TEST_F(Check, MistakesAreFoundWhereTheyStand) {
   EXPECT_GE(count, 12);
 }
 
+// But for one of format 1, of which every remark names the cure.
 TEST_F(Check, ShippedScenesAreSilent) {
   for (const fs::directory_entry& scene : fs::directory_iterator(fs::path(kSources) / "scenes")) {
     if (!fs::is_directory(scene.path() / "camera")) continue;
-    EXPECT_EQ(Run(scene.path()), std::vector<std::string>{"0 errors, 0 warnings"}) << scene;
+    const std::vector<std::string> lines = Run(scene.path());
+    const bool old = scene.path().filename() == "relief";
+    EXPECT_EQ(lines.back(), old ? "0 errors, 2 warnings" : "0 errors, 0 warnings") << scene;
+    for (std::size_t i = 0; i + 1 < lines.size(); ++i)
+      EXPECT_TRUE(lines[i].ends_with("; write \"format 2\"")) << lines[i];
     EXPECT_EQ(status, 0) << scene;
   }
 }

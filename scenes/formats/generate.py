@@ -109,7 +109,7 @@ def groom():
     ball(model, (0, 0, 0.055), 0.03)
     model.write(folder / "core.obj")
     draws = random.Random(3)
-    strands, segments, positions, widths = 2600, 6, [], []
+    strands, segments, positions, widths = 800, 6, [], []
     for i in range(strands):
         z = 1 - 2 * (i + 0.5) / strands
         r, turn = math.sqrt(1 - z * z), i * math.pi * (3 - math.sqrt(5))
@@ -120,7 +120,7 @@ def groom():
         point = [0.03 * o + c for o, c in zip(out, (0, 0, 0.055))]
         for k in range(segments + 1):
             positions.append(tuple(point))
-            widths.append(0.0007 * (1 - 0.75 * k / segments))
+            widths.append(0.0011 * (1 - 0.75 * k / segments))
             way = unit([w + 0.22 * a - (0.16 if j == 2 else 0) for j, (w, a) in enumerate(zip(way, around))])
             point = [p + 0.0048 * w for p, w in zip(point, way)]
             point[2] = max(point[2], 0.001)

@@ -32,24 +32,23 @@ Corners HitCorners(const Part& part, std::uint8_t kind, std::uint32_t index, Vec
   }
 }
 
-SurfaceUv CornerUv(const Corners& corners, const Part& part) {
+Vec2 FirstUv(const Corners& corners, const Part& part) {
   if (part.uvSets.empty()) return {};
   const std::vector<Vec2>& values = part.uvSets[0].values;
-  SurfaceUv uv;
+  Vec2 uv;
   for (int i = 0; i < corners.count; ++i) {
-    if (corners.vertex[i] >= values.size()) {
-      uv.x = uv.y = 0;
-      break;
-    }
+    if (corners.vertex[i] >= values.size()) return {};
     uv.x += corners.weight[i] * values[corners.vertex[i]].x;
     uv.y += corners.weight[i] * values[corners.vertex[i]].y;
   }
-  if (part.namedUvs.empty()) return uv;
+  return uv;
+}
+
+void TakeNamedUvs(const Corners& corners, const Part& part, SurfaceUv& uv) {
   uv.sets = part.namedUvs.data();
   uv.count = corners.count;
   std::copy_n(corners.vertex, 4, uv.vertex);
   std::copy_n(corners.weight, 4, uv.weight);
-  return uv;
 }
 
 const VertexSet<Vec2>& UvSetOf(const Part& part, std::int32_t set) {

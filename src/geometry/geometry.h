@@ -19,6 +19,7 @@ struct ObjReport {
   std::size_t positions = 0, faces = 0;  // lines that were read as such; dropped faces among them
   std::size_t polygons = 0;              // faces of five corners or more, dropped
   std::size_t slivers = 0;               // of less than three, dropped
+  std::size_t concave = 0;               // of four, split across the first and third corner
   std::size_t outOfRange = 0;            // with corners that are not there, dropped
   std::size_t longLines = 0;             // dropped
   std::size_t unnamed = 0;               // faces before the first usemtl
@@ -134,9 +135,21 @@ struct Corners {
 };
 // `barycentric` as the hit tests give it; no vertices for other kinds than the four primitives.
 Corners HitCorners(const Part& part, std::uint8_t kind, std::uint32_t index, Vec3 barycentric);
-// Of the Part's first uv set, zero where it has no value for a vertex; and of its others, if they are asked
-// for.
-SurfaceUv CornerUv(const Corners& corners, const Part& part);
+// Of the Part's first uv set, zero where it has no value for a vertex.
+Vec2 FirstUv(const Corners& corners, const Part& part);
+void TakeNamedUvs(const Corners& corners, const Part& part, SurfaceUv& uv);
+// Of the first set, and of the others if they are asked for. `uv` is new; the little that most need is
+// copied.
+inline void TakeCornerUv(const Corners& corners, const Part& part, SurfaceUv& uv) {
+  static_cast<Vec2&>(uv) = FirstUv(corners, part);
+  if (!part.uvSets.empty() && !part.namedUvs.empty()) [[unlikely]]
+    TakeNamedUvs(corners, part, uv);
+}
+inline SurfaceUv CornerUv(const Corners& corners, const Part& part) {
+  SurfaceUv uv;
+  TakeCornerUv(corners, part, uv);
+  return uv;
+}
 // The Part's set of that number of uvSetNames, else the first. The Part has one.
 const VertexSet<Vec2>& UvSetOf(const Part& part, std::int32_t set);
 

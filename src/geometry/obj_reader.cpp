@@ -481,10 +481,14 @@ bool IsRectangle(const ModelLoader& loader, const Corner* c) {
 
 // The rim of a face of five corners or more, or of a concave one of four where the rules ask.
 bool AddByEars(ModelLoader& loader, const std::vector<Corner>& corners, std::int32_t shader) {
-  if (!loader.rules.anyCorners || corners.size() < 4) return false;
+  if (corners.size() < 4) return false;
   std::vector<Vec3> rim;
   for (const Corner& corner : corners) rim.push_back(loader.positions[corner.position]);
   if (corners.size() == 4 && !IsConcave(rim)) return false;
+  if (!loader.rules.anyCorners) {
+    ++loader.report.concave;
+    return false;
+  }
   for (const auto& ear : ClipEars(rim))
     AddTriangle(loader, corners[ear[0]], corners[ear[1]], corners[ear[2]], shader);
   return true;

@@ -35,8 +35,9 @@ RayRecord MakeChildRay(const RayRecord& parent, const ShadingPoint& point, Event
   child.depth = static_cast<std::uint8_t>(parent.depth + 1);
   child.event = event;
   child.previousEvent = parent.event == event ? parent.previousEvent : parent.event;
-  const bool crosses = Dot(direction, point.geometricNormal) < 0 && parent.kind != kKindCylinder;
-  if (settings.derived.tracksMedia && crosses) CrossSurface(child, parent.shader, parent.frontFace);
+  if (settings.derived.tracksMedia && parent.kind != kKindCylinder &&
+      Dot(direction, point.geometricNormal) < 0)
+    CrossSurface(child, parent.shader, parent.frontFace);
   if (event < kEventSpecular) child.scattering = IsHair(point) ? kEventGlossy : event;
   return child;
 }

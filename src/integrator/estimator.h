@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include "accel/accel.h"
 #include "core/ray.h"
 #include "core/settings.h"
 #include "core/tables.h"
@@ -74,15 +75,13 @@ inline constexpr Drawer kFirstLight = kEventSpecularRefraction + 1;
 // The pixel's rotation of one pair of dimensions. Format 1 turns all pairs alike, so that the first numbers
 // of a path, and of all lobes and lights at a hit, go together; in format 2 each is turned by itself.
 Vec2 OwnRotation(const RayRecord& ray, std::int32_t dimension, Drawer drawer);
-inline Vec2 RotationOf(const RayRecord& ray, std::int32_t dimension, Drawer drawer) {
-  return settings.format >= 2 ? OwnRotation(ray, dimension, drawer) : ray.rotation;
-}
+Vec2 DrawTurnedPair(const RayRecord& ray, std::uint32_t sample, Drawer drawer);
 
 // Two numbers of sample `sample`, from the ray's Halton dimensions, turned by the pixel.
 inline Vec2 DrawPair(const RayRecord& ray, std::uint32_t sample, Drawer drawer) {
-  const Vec2 rotation = RotationOf(ray, ray.dimension, drawer);
-  return {Rotate(Halton(sample, ray.dimension), rotation.x),
-          Rotate(Halton(sample, ray.dimension + 1), rotation.y)};
+  if (settings.format >= 2) return DrawTurnedPair(ray, sample, drawer);
+  return {Rotate(Halton(sample, ray.dimension), ray.rotation.x),
+          Rotate(Halton(sample, ray.dimension + 1), ray.rotation.y)};
 }
 
 // What each lobe sends back along the ray.
@@ -108,7 +107,11 @@ void CrossSurface(RayRecord& ray, std::int32_t shader, bool front);
 // The share of light that media leave on the way of a ray to its hit, or out of the scene.
 Vec3 Transmission(const RayRecord& ray);
 // What surfaces and media leave of the light that comes along a shadow ray from ray.t; black in the shadow.
-Vec3 LightLeft(RayRecord& shadow);
+Vec3 LightLeftByMedia(RayRecord& shadow);
+inline Vec3 LightLeft(RayRecord& shadow) {
+  if (settings.derived.tracksMedia) return LightLeftByMedia(shadow);
+  return Occlude(shadow) ? kBlack : shadow.throughput;
+}
 
 // What the lobes receive straight from lights, without the lobes' colours. Writes the lights' AOVs at depth
 // 0.

@@ -47,7 +47,8 @@ bool IsInEmissionLists(const RayRecord& ray) {
 // Whether light that came by mirrors or glass belongs to caustic photons, which diffuse surfaces gather.
 bool PhotonsBring(const RayRecord& ray) {
   const bool diffuse = ray.scattering == kEventLambertian || ray.scattering == kEventTransmissive;
-  return diffuse && geometryLight.photon > 0 && settings.derived.photonRadiusSquared > 0 && IsInEmissionLists(ray);
+  return diffuse && PhotonsOf(geometryLight.photon) > 0 && settings.derived.photonRadiusSquared > 0 &&
+         IsInEmissionLists(ray);
 }
 
 // The share of an emitter, as SkyHitWeight. Format 1 knows of mirrors just behind the lobe alone, and leaves

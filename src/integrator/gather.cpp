@@ -201,6 +201,12 @@ Vec2 OwnRotation(const RayRecord& ray, std::int32_t dimension, Drawer drawer) {
   return {Scrambled(ray.rotation.x, key), Scrambled(ray.rotation.y, key + 1)};
 }
 
+Vec2 DrawTurnedPair(const RayRecord& ray, std::uint32_t sample, Drawer drawer) {
+  const Vec2 rotation = OwnRotation(ray, ray.dimension, drawer);
+  return {Rotate(Halton(sample, ray.dimension), rotation.x),
+          Rotate(Halton(sample, ray.dimension + 1), rotation.y)};
+}
+
 Vec3 Gather(Lobe lobe, const RayRecord& ray, const ShadingPoint& point) {
   switch (lobe) {
     case Lobe::kLambertian:

@@ -112,8 +112,7 @@ Vec3 Transmission(const RayRecord& ray) {
   return Share(outside ? globalVolume : ShaderAt(ray.shader).volume, ray.t);
 }
 
-Vec3 LightLeft(RayRecord& shadow) {
-  if (!settings.derived.tracksMedia) return Occlude(shadow) ? kBlack : shadow.throughput;
+Vec3 LightLeftByMedia(RayRecord& shadow) {
   BodyCrossings crossings;
   if (Occlude(shadow, &crossings)) return kBlack;
   Vec3 left = shadow.throughput;

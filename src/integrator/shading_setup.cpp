@@ -96,20 +96,26 @@ struct Placement {
   }
 };
 
-// What an Instance makes of the face normal, the normal and the tangent by format 2. By format 1 tangents and
-// the axes of strands turn as normals do, which is right where all axes scale alike. True if the bitangent
-// goes over to the tangent's other side.
-[[gnu::noinline]] bool PlaceExactly(const RayRecord& ray, LocalSurface& surface, Vec3& normal) {
+struct Directions {
+  Vec3 faceNormal, normal, tangent;
+  bool mirrored = false;  // the bitangent goes over to the tangent's other side
+  float areaStretch = 1;  // see AreaStretch
+};
+
+// What an Instance makes of them by format 2. By format 1 tangents and the axes of strands turn as normals
+// do, which is right where all axes scale alike.
+[[gnu::noinline]] Directions PlaceExactly(const RayRecord& ray, Vec3 faceNormal, Vec3 normal, Vec3 tangent) {
   const Placement placement(HitNormalMatrix(ray));
+  const Shader& shader = ShaderAt(ray.shader);
+  const bool sampled = shader.frontVirtualLight || shader.backVirtualLight;
+  const float areaStretch = sampled ? AreaStretch(placement.normals, faceNormal) : 1.0f;
   if (ray.kind == kKindCylinder) {
     const Vec3 direction = UnitVector(placement.Inwards(ray.direction));
-    if (surface.tangent == kBlack) surface.tangent = UnitPerpendicular(direction);
-    surface.faceNormal = normal = CylinderNormal(direction, surface.tangent, ray.barycentric.x);
+    if (tangent == kBlack) tangent = UnitPerpendicular(direction);
+    faceNormal = normal = CylinderNormal(direction, tangent, ray.barycentric.x);
   }
-  surface.faceNormal = UnitVector(placement.normals * surface.faceNormal);
-  normal = UnitVector(placement.normals * normal);
-  surface.tangent = UnitVector(placement.tangents * surface.tangent);
-  return placement.mirrors;
+  return {UnitVector(placement.normals * faceNormal), UnitVector(placement.normals * normal),
+          UnitVector(placement.tangents * tangent), placement.mirrors, areaStretch};
 }
 
 }  // namespace
@@ -123,11 +129,7 @@ void SetFrame(ShadingPoint& point, Vec3 tangent) {
   point.tangent = UnitVector(Cross(point.bitangent, point.normal));
 }
 
-namespace {
-
-// `kExact`: the hit lies in an Instance, by format 2.
-template <bool kExact>
-bool SetUp(const RayRecord& ray, ShadingPoint& point) {
+bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
   if (ray.part == nullptr || ray.primitive < 0 || ray.shader < 0) return false;
   if (!HasShader(ray.shader)) return false;
   const Shader& shader = ShaderAt(ray.shader);
@@ -142,17 +144,21 @@ bool SetUp(const RayRecord& ray, ShadingPoint& point) {
     if (Dot(smooth, smooth) > 0) normal = UnitVector(smooth);
   }
   bool mirrored = false;
-  if constexpr (kExact) {
-    mirrored = PlaceExactly(ray, surface, normal);
+  const bool exact = ray.hitMatrixDepth > 0 && settings.format >= 2;
+  if (exact) {
+    const Directions placed = PlaceExactly(ray, surface.faceNormal, normal, surface.tangent);
+    surface.faceNormal = placed.faceNormal;
+    normal = placed.normal;
+    surface.tangent = placed.tangent;
+    mirrored = placed.mirrored;
+    point.areaStretch = placed.areaStretch;
   } else if (ray.hitMatrixDepth > 0) {
     const Mat3 toWorld = HitNormalMatrix(ray);
-    if (settings.format >= 2 && (shader.frontVirtualLight || shader.backVirtualLight))
-      point.areaStretch = AreaStretch(toWorld, surface.faceNormal);
     surface.faceNormal = UnitVector(toWorld * surface.faceNormal);
     normal = UnitVector(toWorld * normal);
     surface.tangent = UnitVector(toWorld * surface.tangent);
   }
-  if (ray.kind == kKindCylinder && !kExact) {
+  if (ray.kind == kKindCylinder && !exact) {
     // A curve that stands still where it was hit has no axis; any across the view will do.
     if (surface.tangent == kBlack) surface.tangent = UnitPerpendicular(ray.direction);
     surface.faceNormal = normal = CylinderNormal(ray.direction, surface.tangent, ray.barycentric.x);
@@ -165,7 +171,7 @@ bool SetUp(const RayRecord& ray, ShadingPoint& point) {
   // Intended: t counts as a distance of world space, which by format 1 it is not in Instances that scale.
   point.position = ray.origin + ray.t * ray.direction;
   point.outgoing = -ray.direction;
-  point.uv = CornerUv(surface.corners, *ray.part);
+  TakeCornerUv(surface.corners, *ray.part, point.uv);
   SetFrame(point, surface.tangent);
   if (ray.part->mirroredUvs && surface.corners.count > 2 && IsMirrored(*ray.part, surface.corners.vertex))
     mirrored = !mirrored;
@@ -177,12 +183,6 @@ bool SetUp(const RayRecord& ray, ShadingPoint& point) {
   }
   FinishShadingPoint(point, shader, ray.frontFace);
   return true;
-}
-
-}  // namespace
-
-bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
-  return settings.format >= 2 && ray.hitMatrixDepth > 0 ? SetUp<true>(ray, point) : SetUp<false>(ray, point);
 }
 
 }  // namespace zp

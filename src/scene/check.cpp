@@ -384,7 +384,8 @@ void CheckStorage(SceneNotes& notes, const NotedAov& noted, Storage storage) {
            name + " keeps 8 bits of each number, none of them negative");
   } else if (storage == Storage::kBytes && settings.format < 2 &&
              (noted.owner != AovOwner::kCamera || (channel & (kRadianceChannels | kChannelLightPath)) != 0)) {
-    Find(notes, noted.image, FindingCode::kClippedAov, name + " keeps 8 bits: light above 1 is cut off");
+    Find(notes, noted.image, FindingCode::kClippedAov,
+         name + " keeps 8 bits: light above 1 is cut off; in format 2 it is a picture for the eye");
   }
 }
 

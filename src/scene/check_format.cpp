@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <optional>
+#include <utility>
 
 #include "core/index.h"
 #include "core/settings.h"
@@ -48,12 +49,26 @@ bool AnyPart(const SceneGraph& graph, Is&& is) {
 }
 
 bool Emits(const SurfaceShader& layer) { return !IsBlack(layer[Element::kEmissive].color) || layer.window; }
-bool IsSampled(const SurfaceShader& layer) { return layer.virtualLight && geometryLight.sample > 0; }
-bool SkyShines() { return !IsBlack(skyLight.color); }
+bool IsSampled(const SurfaceShader& layer) { return layer.virtualLight && LightBudget(geometryLight) > 0; }
+
+bool HasFaces(const Part& part) { return !part.triangles.empty() || !part.tetragons.empty(); }
+bool HasPrimitives(const Part& part) {
+  return HasFaces(part) || !part.particles.empty() || !part.cylinders.empty();
+}
+
+// Of every corner of a face that is there, and whether it is the case for one of them.
+template <class Face, class Is>
+bool AnyFace(const Part& part, const std::vector<Face>& faces, Is&& is) {
+  return std::any_of(faces.begin(), faces.end(), [&](const Face& face) {
+    return std::all_of(std::begin(face.vertex), std::end(face.vertex),
+                       [&](std::uint32_t v) { return v < part.positions.size(); }) &&
+           is(face);
+  });
+}
 
 Place FindUnsampledLight(const SceneNotes& notes, const SceneGraph&) {
-  const bool sampled = !skyLight.image.empty() && skyLight.sample > 0;
-  if (SkyShines() && !sampled) return StatedAt(notes, "sky_light.color", kLightFolder);
+  const bool sampled = !skyLight.image.empty() && LightBudget(skyLight) > 0;
+  if (!IsBlack(skyLight.color) && !sampled) return StatedAt(notes, "sky_light.color", kLightFolder);
   return FirstLayer(notes, [](const SurfaceShader& layer) { return Emits(layer) && !IsSampled(layer); });
 }
 
@@ -61,35 +76,124 @@ Place FindSampledEmitter(const SceneNotes& notes, const SceneGraph&) {
   return FirstLayer(notes, [](const SurfaceShader& layer) { return Emits(layer) && IsSampled(layer); });
 }
 
-// Counts of a light that is not sampled do nothing.
-Place FindFixedCount(const SceneNotes& notes, const SceneGraph&) {
+Place FindSharedCount(const SceneNotes& notes, const SceneGraph&) {
   if (cameras.empty() || cameras[0].sample < 2) return {};
-  for (const std::string_view keyword : {"final_gather.sample", "sky_light.sample", "geometry_light.sample",
-                                         "point_light.sample", "parallel_light.sample"})
-    if (const Place place = PlaceOf(notes, keyword)) return place;
+  const auto most = [](const auto& lights) {
+    std::int32_t sample = 0;
+    for (const auto& light : lights)
+      if (light.blur > 0) sample = std::max(sample, light.sample);
+    return sample;
+  };
+  const std::pair<std::string_view, std::int32_t> counts[] = {
+      {"final_gather.sample", GatherBudget()},
+      {"sky_light.sample", skyLight.image.empty() ? 0 : LightBudget(skyLight)},
+      {"geometry_light.sample", FirstLayer(notes, IsSampled) ? LightBudget(geometryLight) : 0},
+      {"point_light.sample", most(pointLights)},
+      {"parallel_light.sample", most(parallelLights)}};
+  for (const auto& [keyword, count] : counts)
+    if (const Place place = PlaceOf(notes, keyword); place && count > 1) return place;
   return {};
 }
 
 Place FindUnsaidGathering(const SceneNotes& notes, const SceneGraph&) {
-  const bool said = PlaceOf(notes, "final_gather.distance") && PlaceOf(notes, "final_gather.resolution");
+  const bool said = settings.said.distance && settings.said.resolution;
   return said || !ChoosesFinalGathering() ? Place() : StatedAt(notes, "render.final_gather", kRenderFolder);
 }
 
-Place FindGatheredInstances(const SceneNotes& notes, const SceneGraph& graph) {
+Place FindUnsaidRadius(const SceneNotes& notes, const SceneGraph&) {
+  const auto casts = [](const Light& light) { return light.photon > 0; };
+  const auto bends = [](const SurfaceShader& layer) { return !IsBlack(layer[Element::kSpecular].color); };
+  const bool gathers =
+      FirstLayer(notes, bends) && (std::any_of(pointLights.begin(), pointLights.end(), casts) ||
+                                   std::any_of(parallelLights.begin(), parallelLights.end(), casts));
+  return settings.said.photonRadius || !gathers ? Place()
+                                                : StatedAt(notes, "render.final_gather", kRenderFolder);
+}
+
+// What photons leave elsewhere than paths find it: instances, small faces, layers, softened terminators.
+Place FindUnevenPhotons(const SceneNotes& notes, const SceneGraph& graph) {
   if (!ChoosesFinalGathering()) return {};
+  const TextPlace place = StatedAt(notes, "render.final_gather", kRenderFolder);
   for (const NotedInstance& noted : notes.instances)
-    if (graph.drawn[noted.object]) return StatedAt(notes, "final_gather.distance", kRenderFolder);
+    if (graph.drawn[noted.object]) return place;
+  const auto layered = [](const Shader& shader) { return shader.surfaces.size() > 1; };
+  if (FirstShader(notes, layered)) return place;
+  const auto softens = [](const Light& light) { return light.photon > 0 && light.offset != 0; };
+  if (std::any_of(pointLights.begin(), pointLights.end(), softens) ||
+      std::any_of(parallelLights.begin(), parallelLights.end(), softens))
+    return place;
+  const auto small = [](const Part& part) {
+    constexpr float kLeastFace = 1e-5f;
+    return AnyFace(part, part.triangles,
+                   [&](const Triangle& face) {
+                     return TriangleArea(part, static_cast<std::uint32_t>(&face - part.triangles.data())) <=
+                            kLeastFace;
+                   }) ||
+           AnyFace(part, part.tetragons, [&](const Tetragon& face) {
+             return TetragonArea(part, static_cast<std::uint32_t>(&face - part.tetragons.data())) <=
+                    kLeastFace;
+           });
+  };
+  return AnyPart(graph, small) ? place : Place();
+}
+
+float RadiusOf(const Part& part, std::size_t vertex) {
+  const bool known = !part.scalarSets.empty() && vertex < part.scalarSets[0].values.size();
+  return known ? part.scalarSets[0].values[vertex] : 0.0f;
+}
+
+// The first object with such a Part.
+template <class Is>
+Place FirstObject(const SceneNotes& notes, const SceneGraph& graph, Is&& is) {
+  for (const NotedObject& noted : notes.objects) {
+    const std::vector<Part>& parts = objectTable[noted.index].parts;
+    if (graph.drawn[noted.index] && std::any_of(parts.begin(), parts.end(), is)) return noted.place;
+  }
   return {};
 }
 
-Place FindParticles(const SceneNotes& notes, const SceneGraph& graph) {
-  const auto shadows = [](const Part& part) {
-    return !part.particles.empty() && !part.scalarSets.empty() &&
-           std::any_of(part.scalarSets[0].values.begin(), part.scalarSets[0].values.end(),
-                       [](float radius) { return radius >= 1; });
+Place FindLargeParticles(const SceneNotes& notes, const SceneGraph& graph) {
+  return FirstObject(notes, graph, [](const Part& part) {
+    return std::any_of(part.particles.begin(), part.particles.end(),
+                       [&](std::uint32_t v) { return RadiusOf(part, v) >= 0.1f; });
+  });
+}
+
+Place FindThickTips(const SceneNotes& notes, const SceneGraph& graph) {
+  return FirstObject(notes, graph, [](const Part& part) {
+    return std::any_of(part.cylinders.begin(), part.cylinders.end(), [&](std::uint32_t v) {
+      return RadiusOf(part, v + std::size_t{1}) > 1.001f * RadiusOf(part, v);
+    });
+  });
+}
+
+Place FindConcaveFaces(const SceneNotes& notes, const SceneGraph&) {
+  for (const NotedModel& model : notes.models)
+    if (model.report.concave > 0) return model.place;
+  return {};
+}
+
+Place FindMirroredUvs(const SceneNotes& notes, const SceneGraph& graph) {
+  const auto turns = [](const SurfaceShader& layer) {
+    return !layer[Element::kNormal].imageName.empty() || !IsBlack(layer[Element::kAnisotropy].color);
   };
-  for (const NotedObject& noted : notes.objects)
-    if (graph.drawn[noted.index] && AnyPart(graph, shadows)) return noted.place;
+  const auto moves = [](const Shader& shader) { return !shader.geometry.vector.empty(); };
+  const bool asks = FirstLayer(notes, turns) || FirstShader(notes, moves);
+  return asks ? FirstObject(notes, graph,
+                            [](const Part& part) {
+                              const auto is = [&](const auto& face) { return IsMirrored(part, face.vertex); };
+                              return !part.uvSets.empty() &&
+                                     part.uvSets[0].values.size() == part.positions.size() &&
+                                     (AnyFace(part, part.triangles, is) || AnyFace(part, part.tetragons, is));
+                            })
+              : Place();
+}
+
+// Emitters of an instance count once for each part beside it.
+Place FindPartsBesideEmitters(const SceneNotes& notes, const SceneGraph& graph) {
+  if (!FirstLayer(notes, Emits)) return {};
+  for (const NotedInstance& noted : notes.instances)
+    if (graph.drawn[noted.object] && objectTable[noted.object].parts.size() > 1) return noted.place;
   return {};
 }
 
@@ -104,13 +208,15 @@ Place FindCameraIor(const SceneNotes& notes, const SceneGraph&) {
 }
 
 Place FindDiffusion(const SceneNotes& notes, const SceneGraph&) {
-  return FirstLayer(notes,
-                    [](const SurfaceShader& layer) { return !IsBlack(layer[Element::kDiffusion].color); });
+  return FirstLayer(notes, [](const SurfaceShader& layer) {
+    const Vec3 variance = layer[Element::kDiffusion].color;
+    return std::min({variance.x, variance.y, variance.z}) > 0;
+  });
 }
 
 Place FindColorMatrix(const SceneNotes& notes, const SceneGraph&) {
   for (const NotedSlot& noted : notes.slots)
-    if (const auto& m = noted.slot.colorMatrix.m; m[3][1] != 0 || m[3][2] != 0) return noted.image;
+    if (const auto& m = noted.slot.colorMatrix.m; m[3][1] != m[3][2]) return noted.image;
   return {};
 }
 
@@ -124,27 +230,36 @@ constexpr FormatRule kRules[] = {
     {FindSampledEmitter,
      "the light of a sampled virtual_light depends on its size and its faces; in format 2 it is what it "
      "emits"},
-    {FindFixedCount,
-     "\"sample\" is shared by all passes, so that more passes alone keep this noise; in format 2 it counts "
-     "in each"},
+    {FindSharedCount,
+     "all passes share \"sample\", so that more passes alone keep this noise; in format 2 it counts in each: "
+     "divide it by the number of passes"},
     {FindUnsaidGathering,
-     "without \"distance\" and \"resolution\" this is final gathering with photons; format 2 traces paths"},
-    {FindGatheredInstances,
-     "final gathering finds no cells on instances; in format 2 rays go on until there are some"},
-    {FindParticles,
-     "particles with a radius of 1 or more cast wrong shadows; in format 2 they cast right ones"},
+     "without \"distance\" and \"resolution\" this is final gathering with a million photons of each light; "
+     "format 2 traces paths"},
+    {FindUnsaidRadius,
+     "without \"radius\" caustics are gathered within one scene unit; in format 2 within 0.005 of the scene"},
+    {FindUnevenPhotons,
+     "on instances, layers, small faces and behind an \"offset\" photons bring other light than paths; in "
+     "format "
+     "2 the same"},
+    {FindPartsBesideEmitters,
+     "what emits in this instance counts once for each part of its object; in format 2 once"},
+    {FindLargeParticles, "shadows of particles take a wrong length; in format 2 the right one"},
+    {FindThickTips, "strands that grow thicker are cut off at their sides; in format 2 they are whole"},
+    {FindConcaveFaces, "concave faces of four corners show another area; in format 2 their own"},
+    {FindMirroredUvs, "where uvs are mirrored, tangents run against u; in format 2 along it"},
     {FindMedium,
-     "a medium does not dim light samples and photons; in format 2 it does, by the length inside"},
+     "a medium dims neither light samples nor photons; in format 2 all light, by the length inside"},
     {FindCameraIor,
-     "a camera in a medium sees no sampled lights; in format 2 it stands in a world of its ior"},
-    {FindDiffusion, "diffusion loses light or gains some; in format 2 it keeps it"},
-    {FindColorMatrix, "the fourth row of a color_matrix takes green for blue; in format 2 it takes blue"},
+     "a camera of another index sees no sampled light; in format 2 it stands in a world of it"},
+    {FindDiffusion, "diffusion loses light of the narrower channels; in format 2 none"},
+    {FindColorMatrix, "the fourth row of a color_matrix takes green for blue; in format 2 blue for blue"},
 };
 
 }  // namespace
 
 void CheckFormat(SceneNotes& notes, const SceneGraph& graph) {
-  if (settings.format >= 2) return;
+  if (settings.format >= 2 || !AnyPart(graph, HasPrimitives)) return;
   for (const FormatRule& rule : kRules)
     if (const Place place = rule.find(notes, graph))
       Find(notes, *place, FindingCode::kOldFormat, std::string(rule.text), "format 2");

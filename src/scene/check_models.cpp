@@ -52,7 +52,7 @@ void CheckObj(SceneNotes& notes, const NotedModel& model) {
   if (report.groups.size() > kMostGroups) where += " and others";
   drop(report.polygons, Count(report.polygons, "face") + " of " + std::to_string(report.faces) +
                             " with five corners or more " + (report.polygons == 1 ? "is" : "are") +
-                            " dropped" + where);
+                            " dropped" + where + "; in format 2 they are taken");
   drop(report.slivers, Count(report.slivers, "face") + " with less than three corners dropped");
   drop(report.outOfRange, Count(report.outOfRange, "face") + " with corners that are not there dropped");
   drop(report.longLines, Count(report.longLines, "line") + " of 4096 bytes or more dropped");

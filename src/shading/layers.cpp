@@ -19,14 +19,9 @@ Vec2 UvOfSet(const SurfaceUv& uv, std::int32_t set) {
   return sum;
 }
 
-Vec3 LookUp(const ImageSlot& slot, const SurfaceUv& uv) {
+Vec3 LookUpImage(const ImageSlot& slot, const SurfaceUv& uv) {
   if (!IsIndex(images, slot.image)) return slot.color;
   return LookUpTexture(At(images, slot.image), slot, UvOfSet(uv, slot.uvSet)) * slot.color;
-}
-
-bool TestElement(const SurfaceShader& layer, Element element, const SurfaceUv& uv, Vec3& color) {
-  color = LookUp(layer[element], uv);
-  return !IsBlack(color);
 }
 
 namespace {

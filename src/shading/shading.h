@@ -202,10 +202,16 @@ struct ShadingPoint {
 inline bool IsHair(const ShadingPoint& point) { return point.fiber != nullptr; }
 
 // A slot's value at a point: its colour, times its image.
-Vec3 LookUp(const ImageSlot& slot, const SurfaceUv& uv);
+Vec3 LookUpImage(const ImageSlot& slot, const SurfaceUv& uv);
+inline Vec3 LookUp(const ImageSlot& slot, const SurfaceUv& uv) {
+  return slot.image < 0 ? slot.color : LookUpImage(slot, uv);
+}
 Vec3 LookUpTexture(const ImageBuffer& image, const ImageSlot& slot, Vec2 uv);
 // The same into `color`; true when it is above black.
-bool TestElement(const SurfaceShader& layer, Element element, const SurfaceUv& uv, Vec3& color);
+inline bool TestElement(const SurfaceShader& layer, Element element, const SurfaceUv& uv, Vec3& color) {
+  color = LookUp(layer[element], uv);
+  return !IsBlack(color);
+}
 // One layer of the side that was hit, drawn in proportion to the layers' weights. `shader` has layers.
 const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, const SurfaceUv& uv);
 // Fresnel weights, widths, normal map, mirror guard: from layer, uv, frame and outgoing, which are set.
