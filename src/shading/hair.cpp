@@ -7,6 +7,7 @@
 #include "core/console.h"
 #include "core/index.h"
 #include "core/random.h"
+#include "core/settings.h"
 #include "core/stop.h"
 #include "shading/shading.h"
 
@@ -106,6 +107,9 @@ std::shared_ptr<const FiberLut> BuildLut(const FiberParameters& fiber) {
 
 // Written so that what is no number becomes a limit too.
 float Limit(float x, float smallest, float largest) { return x > smallest ? MinOf(x, largest) : smallest; }
+
+// In format 1 rays leave hair by R alone, and what goes through fibres is light samples' alone.
+bool DrawsAllLobes() { return settings.format >= 2; }
 
 bool IsSameFiber(const FiberParameters& a, const FiberParameters& b) {
   return a.widthR == b.widthR && a.ior == b.ior && a.absorption == b.absorption;
@@ -212,11 +216,10 @@ void InitializeFibers() {
       if (built == shaders.end()) {
         InitializeFiber(shader.fiber);
       } else {
-        const bool sampleAllLobes = shader.fiber.sampleAllLobes;
         shader.fiber = built->fiber;
-        shader.fiber.sampleAllLobes = sampleAllLobes;
       }
     }
+    shader.fiber.sampleAllLobes = DrawsAllLobes();
     for (SurfaceShader& surface : shader.surfaces) surface.fiber = shader.fiber;
   }
 }

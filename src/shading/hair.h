@@ -36,7 +36,7 @@ struct FiberParameters {
   Vec3 variance;                        // of R, TT and TRT: the squared widths
   Vec3 normalization;                   // of the longitudinal term
   float f0 = 0;                         // Fresnel reflectance at normal incidence
-  bool sampleAllLobes = false;          // else rays are drawn from R alone; nothing sets it
+  bool sampleAllLobes = false;          // by format 2; else rays are drawn from R alone
 };
 
 // Derives the widths and values and builds the look-up images, with a row that tells how long it took.
