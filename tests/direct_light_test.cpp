@@ -216,7 +216,10 @@ TEST_F(DirectLight, DiffusionOfFormat2LosesNothing) {
 // For floor and shadowed wall alike. In format 1 only with so many bounces that one more does not count; in
 // format 2 at the last bounce, and at the ray depth, all light is seen.
 TEST_F(DirectLight, SkySamplesDoNotChangeTheMean) {
-  for (const auto& [analytic, format, bounces] : {std::tuple(false, 1, 10), {true, 1, 10}, {true, 2, 1}}) {
+  const std::tuple<bool, int, int> cases[] = {{false, 1, 10}, {true, 1, 10}, {true, 2, 1}};
+  for (const auto& one : cases) {
+    const bool analytic = std::get<0>(one);
+    const int format = std::get<1>(one), bounces = std::get<2>(one);
     ExpectSamplesKeepTheMean(0.02f, format + analytic, [&](bool sampled) {
       settings.format = format;
       skyLight.color = kWhite;
