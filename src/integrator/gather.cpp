@@ -151,7 +151,7 @@ Vec3 GatherSpecular(const RayRecord& ray, const ShadingPoint& point) {
   return sum;
 }
 
-// Passes p, p + P, p + 2 P, ... of one sequence: every number is used in one pass only.
+// Pass p of P takes numbers p, p + P, p + 2 P, ... of one sequence: each is used in one pass only.
 PassShare SharedByAllPasses(Vec3 color, std::int32_t budget) {
   const Camera* camera = ActiveCamera();
   const std::int32_t passes = camera != nullptr ? std::max(camera->sample, 1) : 1;
