@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "accel/accel.h"
+#include "core/float8.h"
 #include "core/settings.h"
 #include "geometry/geometry.h"
 #include "geometry/object.h"
@@ -11,21 +12,49 @@
 namespace zp {
 namespace {
 
-Vec3 CornerSum(const Corners& corners, const std::vector<PackedVector>& values) {
-  Vec3 sum;
-  for (int i = 0; i < corners.count; ++i) {
-    if (corners.vertex[i] >= values.size() || IsZero(values[corners.vertex[i]])) return {};
-    sum += corners.weight[i] * UnitVector(Unpack(values[corners.vertex[i]]));
-  }
-  return sum;
-}
-
 // Object space, before Instances and before the normals are turned to the ray's origin.
 struct LocalSurface {
   Corners corners;
   Vec3 faceNormal;
-  Vec3 tangent;  // zero: none
+  Vec3 smoothNormal;  // of the corners' normals; of no length; zero: none
+  Vec3 tangent;       // zero: none
 };
+
+// Reads the corners' vectors, one a word. False where a corner has none.
+bool ReadCorners(const Corners& corners, const std::vector<PackedVector>& values, std::uint32_t (&words)[4]) {
+  for (int i = 0; i < corners.count; ++i) {
+    if (corners.vertex[i] >= values.size()) return false;
+    words[i] = Bytes(values[corners.vertex[i]]);
+    if (words[i] == 0) return false;
+  }
+  return true;
+}
+
+// Sums the corners' unit normals and tangents, each by its corner's weight. All of them are made unit vectors
+// at once: that takes as long as one.
+void SumCorners(const Part& part, LocalSurface& surface) {
+  const Corners& corners = surface.corners;
+  std::uint32_t normals[4] = {}, tangents[4] = {};
+  const bool hasNormals = ReadCorners(corners, part.normals, normals);
+  const bool hasTangents = ReadCorners(corners, part.tangents, tangents);
+  if (!hasNormals && !hasTangents) return;
+
+  const Words8 packed = MakeWords(normals, tangents);
+  Float8 x = SignedByte<0>(packed), y = SignedByte<1>(packed), z = SignedByte<2>(packed);
+  const Float8 largest = Max(Max(Abs(x), Abs(y)), Abs(z));
+  x = x / largest, y = y / largest, z = z / largest;
+  const Float8 scale = Float8::Set(1) / Sqrt(x * x + y * y + z * z);
+  x = x * scale, y = y * scale, z = z * scale;
+  Float8 w = x;  // no fourth component
+  TransposeHalves(x, y, z, w);
+  Float8 total = Float8::Set(0);
+  const Float8 corner[4] = {x, y, z, w};
+  for (int i = 0; i < corners.count; ++i) total = total + Float8::Set(corners.weight[i]) * corner[i];
+  float sums[8];
+  total.Store(sums);
+  if (hasNormals) surface.smoothNormal = {sums[0], sums[1], sums[2]};
+  if (hasTangents) surface.tangent = {sums[4], sums[5], sums[6]};
+}
 
 Vec3 TriangleNormal(const Part& part, const Corners& c) {
   const Vec3 p0 = part.positions[c.vertex[0]];
@@ -45,11 +74,11 @@ LocalSurface SurfaceOf(const RayRecord& ray) {
   switch (ray.kind) {
     case kKindTriangle:
       surface.faceNormal = TriangleNormal(part, surface.corners);
-      surface.tangent = CornerSum(surface.corners, part.tangents);
+      SumCorners(part, surface);
       break;
     case kKindTetragon:
       surface.faceNormal = TetragonNormal(part, surface.corners);
-      surface.tangent = CornerSum(surface.corners, part.tangents);
+      SumCorners(part, surface);
       break;
     case kKindParticle:
       surface.faceNormal = UnitVector(ray.barycentric);  // from the centre
@@ -139,10 +168,7 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
   if (surface.corners.count == 0) return false;
 
   Vec3 normal = surface.faceNormal;
-  if (ray.kind == kKindTriangle || ray.kind == kKindTetragon) {
-    const Vec3 smooth = CornerSum(surface.corners, ray.part->normals);
-    if (Dot(smooth, smooth) > 0) normal = UnitVector(smooth);
-  }
+  if (Dot(surface.smoothNormal, surface.smoothNormal) > 0) normal = UnitVector(surface.smoothNormal);
   bool mirrored = false;
   const bool exact = ray.hitMatrixDepth > 0 && settings.format >= 2;
   if (exact) {
