@@ -1,6 +1,7 @@
 // From a hit to a ShadingPoint.
 
 #include <algorithm>
+#include <cmath>
 
 #include "accel/accel.h"
 #include "core/float8.h"
@@ -56,14 +57,21 @@ void SumCorners(const Part& part, LocalSurface& surface) {
   if (hasTangents) surface.tangent = {sums[4], sums[5], sums[6]};
 }
 
+// A unit vector of any input but zero. By format 2 lengths that floats can square take no scaling first.
+inline Vec3 MadeUnit(Vec3 v) {
+  if (settings.format < 2) return UnitVector(v);
+  const float squared = Dot(v, v);
+  return squared > 1e-20f && squared < 1e20f ? v * (1 / std::sqrt(squared)) : UnitVector(v);
+}
+
 Vec3 TriangleNormal(const Part& part, const Corners& c) {
   const Vec3 p0 = part.positions[c.vertex[0]];
-  return UnitVector(Cross(part.positions[c.vertex[1]] - p0, part.positions[c.vertex[2]] - p0));
+  return MadeUnit(Cross(part.positions[c.vertex[1]] - p0, part.positions[c.vertex[2]] - p0));
 }
 
 Vec3 TetragonNormal(const Part& part, const Corners& c) {
   const auto& p = part.positions;
-  return UnitVector(Cross(p[c.vertex[2]] - p[c.vertex[0]], p[c.vertex[3]] - p[c.vertex[1]]));
+  return MadeUnit(Cross(p[c.vertex[2]] - p[c.vertex[0]], p[c.vertex[3]] - p[c.vertex[1]]));
 }
 
 LocalSurface SurfaceOf(const RayRecord& ray) {
@@ -151,11 +159,12 @@ struct Directions {
 
 void SetFrame(ShadingPoint& point, Vec3 tangent) {
   constexpr float kParallel = 1e-6f;  // squared sine
-  Vec3 bitangent = Cross(point.normal, UnitVector(tangent));
+  Vec3 bitangent = Cross(point.normal, MadeUnit(tangent));
   if (!(Dot(bitangent, bitangent) > kParallel))
     bitangent = Cross(point.normal, UnitPerpendicular(point.normal));
-  point.bitangent = UnitVector(bitangent);
-  point.tangent = UnitVector(Cross(point.bitangent, point.normal));
+  point.bitangent = MadeUnit(bitangent);
+  point.tangent = Cross(point.bitangent, point.normal);
+  if (settings.format < 2) point.tangent = UnitVector(point.tangent);
 }
 
 bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
@@ -168,7 +177,7 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
   if (surface.corners.count == 0) return false;
 
   Vec3 normal = surface.faceNormal;
-  if (Dot(surface.smoothNormal, surface.smoothNormal) > 0) normal = UnitVector(surface.smoothNormal);
+  if (Dot(surface.smoothNormal, surface.smoothNormal) > 0) normal = MadeUnit(surface.smoothNormal);
   bool mirrored = false;
   const bool exact = ray.hitMatrixDepth > 0 && settings.format >= 2;
   if (exact) {
