@@ -10,7 +10,7 @@
 #include <limits>
 #include <random>
 
-#include "accel/float8.h"
+#include "core/float8.h"
 #include "accel/primitive_tests.h"
 #include "core/console.h"
 #include "geometry/geometry.h"

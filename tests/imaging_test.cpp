@@ -521,7 +521,7 @@ class Cameras : public testing::Test {
   static Camera& TheCamera() { return cameras[0]; }
   static RayRecord Ray(int x, int y, std::uint32_t sample = 0) {
     RayRecord ray;
-    MakePrimaryRay(TheCamera(), ray, x, y, sample);
+    MakePrimaryRay(TheCamera(), CameraAtTime(TheCamera(), TimeOfPass(TheCamera(), sample)), ray, x, y);
     return ray;
   }
 };
@@ -557,7 +557,7 @@ TEST_F(Cameras, RaysStartAfresh) {
   ray.thread = 3;
   ray.depth = 7;
   ray.throughput = kBlack;
-  MakePrimaryRay(TheCamera(), ray, 35, 10, 2);
+  MakePrimaryRay(TheCamera(), TheCamera().poses[0], ray, 35, 10);
   EXPECT_EQ(std::tuple(ray.origin, ray.thread, ray.depth, ray.throughput, ray.rotation),
             std::tuple(Vec3{9, 9, 9}, 3, 0, kWhite, Vec2{0.25f, 0.75f}));
 }

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "accel/accel.h"
-#include "accel/float8.h"
+#include "core/float8.h"
 #include "core/console.h"
 #include "core/release.h"
 #include "core/stop.h"

@@ -6,7 +6,7 @@
 #include <array>
 #include <bit>
 
-#include "accel/float8.h"
+#include "core/float8.h"
 #include "accel/primitive_tests.h"
 
 namespace zp {

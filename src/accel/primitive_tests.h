@@ -7,7 +7,7 @@
 
 #pragma once
 
-#include "accel/float8.h"
+#include "core/float8.h"
 #include "geometry/object.h"
 #include "shading/shading.h"
 

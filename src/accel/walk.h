@@ -7,7 +7,7 @@
 #include <cmath>
 
 #include "accel/accel.h"
-#include "accel/float8.h"
+#include "core/float8.h"
 #include "accel/primitive_tests.h"
 #include "accel/tree.h"
 #include "core/settings.h"

@@ -24,6 +24,11 @@ struct PackedVector {
 static_assert(sizeof(PackedVector) == 3);
 PackedVector Pack(Vec3 v);
 inline bool IsZero(PackedVector v) { return v.x == 0 && v.y == 0 && v.z == 0; }
+// Its bytes in one word, x the lowest.
+inline std::uint32_t Bytes(PackedVector v) {
+  const auto byte = [](std::int8_t x) { return static_cast<std::uint32_t>(static_cast<std::uint8_t>(x)); };
+  return byte(v.x) | byte(v.y) << 8U | byte(v.z) << 16U;
+}
 inline Vec3 Unpack(PackedVector v) {  // not of unit length: at most 127 in each component
   return {static_cast<float>(v.x), static_cast<float>(v.y), static_cast<float>(v.z)};
 }

@@ -1,5 +1,4 @@
 // imaging/camera.cpp: from a pixel and a pass to a ray.
-// Poses are interpolated anew for each ray, so that threads share nothing that is written.
 
 #include <algorithm>
 #include <cmath>
@@ -173,8 +172,7 @@ float TimeOfPass(const Camera& camera, std::uint32_t pass) {
   return (static_cast<float>(pass) + 0.5f) / static_cast<float>(std::max(1, camera.sample));
 }
 
-void MakePrimaryRay(const Camera& camera, RayRecord& ray, int x, int y, std::uint32_t sample) {
-  const CameraPose pose = CameraAtTime(camera, TimeOfPass(camera, sample));
+void MakePrimaryRay(const Camera& camera, const CameraPose& pose, RayRecord& ray, int x, int y) {
   RayRecord fresh;
   fresh.origin = ray.origin;
   fresh.direction = ray.direction;

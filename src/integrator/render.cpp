@@ -41,13 +41,14 @@ std::uint32_t PixelIndex(const Camera& camera, int x, int y) {
 }
 
 // One sample of one pixel, fit to be shown.
-Vec3 SamplePixel(const Camera& camera, int x, int y, std::uint32_t pass, std::uint8_t thread) {
+Vec3 SamplePixel(const Camera& camera, const CameraPose& pose, int x, int y, std::uint32_t pass,
+                 std::uint8_t thread) {
   const std::uint32_t pixel = PixelIndex(camera, x, y);
   threadSlots[thread].pixel = pixel;
   RekeyRandom(pixel, pass);
   RayRecord ray;
   ray.thread = thread;
-  MakePrimaryRay(camera, ray, x, y, pass);
+  MakePrimaryRay(camera, pose, ray, x, y);
   const Vec3 color = Radiance(ray);
   return IsFinite(color) ? MinOf(settings.said.clamp, color) : settings.said.error;
 }
@@ -156,13 +157,13 @@ class RowCounter {
 // One sample of each pixel of a row, from the left. Returns the first column that got none: the region's end
 // unless a stop has cut the row short.
 template <class Sink>
-int SampleRow(const Camera& camera, const Region& region, int y, std::uint32_t pass, std::uint8_t thread,
-              PixelSums& sums, const Sink& sink) {
+int SampleRow(const Camera& camera, const CameraPose& pose, const Region& region, int y, std::uint32_t pass,
+              std::uint8_t thread, PixelSums& sums, const Sink& sink) {
   int x = region.xMin;
   for (; x < region.xMax && !Stopping(); ++x) {
     const std::size_t pixel = PixelIndex(camera, x, y);
     sums.Keep(pixel);
-    const Vec3 color = SamplePixel(camera, x, y, pass, thread);
+    const Vec3 color = SamplePixel(camera, pose, x, y, pass, thread);
     if (Stopping()) {
       sums.PutBack(pixel);
       break;
@@ -178,6 +179,7 @@ template <class Sink>
 bool SampleRegion(Camera& camera, const Region& region, std::uint32_t pass, const Sink& sink) {
   const int threads = std::clamp(omp_get_max_threads(), 1, kMaxThreads);
   const std::vector<Aov*> aovs = SummingAovs(camera);
+  const CameraPose pose = CameraAtTime(camera, TimeOfPass(camera, pass));
   CountFrame(camera, region);
   RowCounter rows(region);
   const std::int64_t start = WallTicks();
@@ -187,7 +189,7 @@ bool SampleRegion(Camera& camera, const Region& region, std::uint32_t pass, cons
     PixelSums sums(aovs);
 #pragma omp for schedule(dynamic, 1)
     for (int y = region.yMin; y < region.yMax; ++y) {
-      const int end = SampleRow(camera, region, y, pass, thread, sums, sink);
+      const int end = SampleRow(camera, pose, region, y, pass, thread, sums, sink);
       RowSamples& row = At(frameState.rows, y);
       if (end < region.xMax) {
         row.cut = end;

@@ -1,8 +1,10 @@
 // From a hit to a ShadingPoint.
 
 #include <algorithm>
+#include <cmath>
 
 #include "accel/accel.h"
+#include "core/float8.h"
 #include "core/settings.h"
 #include "geometry/geometry.h"
 #include "geometry/object.h"
@@ -11,30 +13,65 @@
 namespace zp {
 namespace {
 
-Vec3 CornerSum(const Corners& corners, const std::vector<PackedVector>& values) {
-  Vec3 sum;
-  for (int i = 0; i < corners.count; ++i) {
-    if (corners.vertex[i] >= values.size() || IsZero(values[corners.vertex[i]])) return {};
-    sum += corners.weight[i] * UnitVector(Unpack(values[corners.vertex[i]]));
-  }
-  return sum;
-}
-
 // Object space, before Instances and before the normals are turned to the ray's origin.
 struct LocalSurface {
   Corners corners;
   Vec3 faceNormal;
-  Vec3 tangent;  // zero: none
+  Vec3 smoothNormal;  // of the corners' normals; of no length; zero: none
+  Vec3 tangent;       // zero: none
 };
+
+// Reads the corners' vectors, one a word. False where a corner has none.
+bool ReadCorners(const Corners& corners, const std::vector<PackedVector>& values, std::uint32_t (&words)[4]) {
+  for (int i = 0; i < corners.count; ++i) {
+    if (corners.vertex[i] >= values.size()) return false;
+    words[i] = Bytes(values[corners.vertex[i]]);
+    if (words[i] == 0) return false;
+  }
+  return true;
+}
+
+// Sums the corners' unit normals and tangents, each by its corner's weight. All of them are made unit vectors
+// at once: that takes as long as one.
+void SumCorners(const Part& part, LocalSurface& surface) {
+  const Corners& corners = surface.corners;
+  std::uint32_t normals[4] = {}, tangents[4] = {};
+  const bool hasNormals = ReadCorners(corners, part.normals, normals);
+  const bool hasTangents = ReadCorners(corners, part.tangents, tangents);
+  if (!hasNormals && !hasTangents) return;
+
+  const Words8 packed = MakeWords(normals, tangents);
+  Float8 x = SignedByte<0>(packed), y = SignedByte<1>(packed), z = SignedByte<2>(packed);
+  const Float8 largest = Max(Max(Abs(x), Abs(y)), Abs(z));
+  x = x / largest, y = y / largest, z = z / largest;
+  const Float8 scale = Float8::Set(1) / Sqrt(x * x + y * y + z * z);
+  x = x * scale, y = y * scale, z = z * scale;
+  Float8 w = x;  // no fourth component
+  TransposeHalves(x, y, z, w);
+  Float8 total = Float8::Set(0);
+  const Float8 corner[4] = {x, y, z, w};
+  for (int i = 0; i < corners.count; ++i) total = total + Float8::Set(corners.weight[i]) * corner[i];
+  float sums[8];
+  total.Store(sums);
+  if (hasNormals) surface.smoothNormal = {sums[0], sums[1], sums[2]};
+  if (hasTangents) surface.tangent = {sums[4], sums[5], sums[6]};
+}
+
+// A unit vector of any input but zero. By format 2 lengths that floats can square take no scaling first.
+inline Vec3 MadeUnit(Vec3 v) {
+  if (settings.format < 2) return UnitVector(v);
+  const float squared = Dot(v, v);
+  return squared > 1e-20f && squared < 1e20f ? v * (1 / std::sqrt(squared)) : UnitVector(v);
+}
 
 Vec3 TriangleNormal(const Part& part, const Corners& c) {
   const Vec3 p0 = part.positions[c.vertex[0]];
-  return UnitVector(Cross(part.positions[c.vertex[1]] - p0, part.positions[c.vertex[2]] - p0));
+  return MadeUnit(Cross(part.positions[c.vertex[1]] - p0, part.positions[c.vertex[2]] - p0));
 }
 
 Vec3 TetragonNormal(const Part& part, const Corners& c) {
   const auto& p = part.positions;
-  return UnitVector(Cross(p[c.vertex[2]] - p[c.vertex[0]], p[c.vertex[3]] - p[c.vertex[1]]));
+  return MadeUnit(Cross(p[c.vertex[2]] - p[c.vertex[0]], p[c.vertex[3]] - p[c.vertex[1]]));
 }
 
 LocalSurface SurfaceOf(const RayRecord& ray) {
@@ -45,11 +82,11 @@ LocalSurface SurfaceOf(const RayRecord& ray) {
   switch (ray.kind) {
     case kKindTriangle:
       surface.faceNormal = TriangleNormal(part, surface.corners);
-      surface.tangent = CornerSum(surface.corners, part.tangents);
+      SumCorners(part, surface);
       break;
     case kKindTetragon:
       surface.faceNormal = TetragonNormal(part, surface.corners);
-      surface.tangent = CornerSum(surface.corners, part.tangents);
+      SumCorners(part, surface);
       break;
     case kKindParticle:
       surface.faceNormal = UnitVector(ray.barycentric);  // from the centre
@@ -122,11 +159,12 @@ struct Directions {
 
 void SetFrame(ShadingPoint& point, Vec3 tangent) {
   constexpr float kParallel = 1e-6f;  // squared sine
-  Vec3 bitangent = Cross(point.normal, UnitVector(tangent));
+  Vec3 bitangent = Cross(point.normal, MadeUnit(tangent));
   if (!(Dot(bitangent, bitangent) > kParallel))
     bitangent = Cross(point.normal, UnitPerpendicular(point.normal));
-  point.bitangent = UnitVector(bitangent);
-  point.tangent = UnitVector(Cross(point.bitangent, point.normal));
+  point.bitangent = MadeUnit(bitangent);
+  point.tangent = Cross(point.bitangent, point.normal);
+  if (settings.format < 2) point.tangent = UnitVector(point.tangent);
 }
 
 bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
@@ -139,10 +177,7 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
   if (surface.corners.count == 0) return false;
 
   Vec3 normal = surface.faceNormal;
-  if (ray.kind == kKindTriangle || ray.kind == kKindTetragon) {
-    const Vec3 smooth = CornerSum(surface.corners, ray.part->normals);
-    if (Dot(smooth, smooth) > 0) normal = UnitVector(smooth);
-  }
+  if (Dot(surface.smoothNormal, surface.smoothNormal) > 0) normal = MadeUnit(surface.smoothNormal);
   bool mirrored = false;
   const bool exact = ray.hitMatrixDepth > 0 && settings.format >= 2;
   if (exact) {

@@ -54,11 +54,15 @@ struct OffsetPaths {
   Vec3 tt, trt;                  // attenuations
 };
 
-OffsetPaths FollowOffset(const FiberParameters& fiber, float h, float etaP) {
+// In format 1 the images take all light to cross the fibre at right angles to its axis when it is reflected,
+// as rays do not; and they are read by their last cell's middle, as if that were their edge.
+bool ImagesAreExact() { return settings.format >= 2; }
+
+OffsetPaths FollowOffset(const FiberParameters& fiber, float h, float etaP, float cosThetaD) {
   const float gammaI = SafeAsin(h), gammaT = SafeAsin(h / etaP);
   const float sinGammaT = h / etaP;
   const Vec3 pass = PassTransmission(fiber, gammaT, SafeSqrt(1 - sinGammaT * sinGammaT));
-  const float fresnel = Schlick(fiber.f0, std::cos(gammaI));
+  const float fresnel = Schlick(fiber.f0, (ImagesAreExact() ? cosThetaD : 1) * std::cos(gammaI));
   const float through = (1 - fresnel) * (1 - fresnel);
   OffsetPaths paths;
   paths.azimuth = {-2 * gammaI, kPi - 2 * (gammaI - gammaT), 2 * (kPi - gammaI) + 4 * gammaT};
@@ -73,7 +77,7 @@ void FillRow(const FiberParameters& fiber, int row, FiberLut& lut) {
   const float etaP = SafeSqrt(fiber.ior * fiber.ior - 1 + cosThetaD * cosThetaD) / cosThetaD;
   std::array<OffsetPaths, kOffsets> offsets;
   for (int k = 0; k < kOffsets; ++k)
-    At(offsets, k) = FollowOffset(fiber, (static_cast<float>(k) - 63.5f) / 64, etaP);
+    At(offsets, k) = FollowOffset(fiber, (static_cast<float>(k) - 63.5f) / 64, etaP, cosThetaD);
 
   for (int column = 0; column < kFiberLutSize; ++column) {
     const float phi = (static_cast<float>(column) + 0.5f) / step * kPi;
@@ -135,11 +139,11 @@ FiberAngles MeasureAngles(Vec3 incoming, Vec3 scattered, Vec3 tangent) {
 }
 
 std::size_t LutCell(const FiberAngles& angles) {
-  constexpr float kLast = kFiberLutSize - 1;
+  const float cells = ImagesAreExact() ? kFiberLutSize : kFiberLutSize - 1;
   const float thetaD =
       std::fabs(0.5f * (std::atan2(angles.sinO, angles.cosO) - std::atan2(angles.sinI, angles.cosI)));
-  const int column = static_cast<int>(kLast * std::acos(angles.cosPhi) / kPi);
-  const int row = static_cast<int>(kLast * thetaD / (kPi / 2));
+  const int column = static_cast<int>(cells * std::acos(angles.cosPhi) / kPi);
+  const int row = static_cast<int>(cells * thetaD / (kPi / 2));
   return static_cast<std::size_t>(std::clamp(row, 0, kFiberLutSize - 1)) * kFiberLutSize +
          static_cast<std::size_t>(std::clamp(column, 0, kFiberLutSize - 1));
 }
@@ -281,7 +285,10 @@ FiberSample SampleFiber(const FiberParameters& fiber, Vec3 outgoing, Vec3 tangen
   const float b = kPi / 2 - thetaI;
   const float sinO = c * std::cos(b) + SafeSqrt(1 - c * c) * std::cos(2 * kPi * RandomFloat()) * std::sin(b);
   const float cosO = SafeSqrt(1 - sinO * sinO);
-  const float cosD = std::cos((SafeAsin(sinO) - thetaI) / 2);
+  // The direction goes to the other side of the fibre's normal plane: of the two inclinations it is the sum.
+  // Format 1 takes the difference, which its images do not.
+  const float thetaO = SafeAsin(sinO);
+  const float cosD = std::cos((ImagesAreExact() ? thetaO + thetaI : thetaO - thetaI) / 2);
 
   const float gammaO = SafeAsin(h);
   const float sinGammaT =

@@ -1,4 +1,4 @@
-// accel/float8.h: four and eight floats at once. All intrinsics of the renderer live here; another platform
+// core/float8.h: four and eight floats at once. All intrinsics of the renderer live here; another platform
 // is another version of this one file. Each type has a plain twin of the same arithmetic, bit for bit, so
 // that code written once for any lane type can be checked against plain loops, and `float` is a lane type
 // too.
@@ -29,6 +29,17 @@ inline Float8 operator*(Float8 a, Float8 b) { return {_mm256_mul_ps(a.v, b.v)}; 
 inline Float8 operator/(Float8 a, Float8 b) { return {_mm256_div_ps(a.v, b.v)}; }
 inline Float8 Max(Float8 a, Float8 b) { return {_mm256_max_ps(a.v, b.v)}; }
 inline Float8 Min(Float8 a, Float8 b) { return {_mm256_min_ps(a.v, b.v)}; }
+// Turns both halves, each of four rows of four: row i of a half becomes its column i.
+inline void TransposeHalves(Float8& a, Float8& b, Float8& c, Float8& d) {
+  const __m256 ab = _mm256_unpacklo_ps(a.v, b.v), ab2 = _mm256_unpackhi_ps(a.v, b.v);
+  const __m256 cd = _mm256_unpacklo_ps(c.v, d.v), cd2 = _mm256_unpackhi_ps(c.v, d.v);
+  a.v = _mm256_shuffle_ps(ab, cd, 0x44);
+  b.v = _mm256_shuffle_ps(ab, cd, 0xee);
+  c.v = _mm256_shuffle_ps(ab2, cd2, 0x44);
+  d.v = _mm256_shuffle_ps(ab2, cd2, 0xee);
+}
+inline Float8 Sqrt(Float8 a) { return {_mm256_sqrt_ps(a.v)}; }
+inline Float8 Abs(Float8 a) { return {_mm256_andnot_ps(_mm256_set1_ps(-0.0f), a.v)}; }
 inline Float8 MulAdd(Float8 a, Float8 b, Float8 c) { return {_mm256_fmadd_ps(a.v, b.v, c.v)}; }
 inline Float8 MulSub(Float8 a, Float8 b, Float8 c) { return {_mm256_fmsub_ps(a.v, b.v, c.v)}; }
 // Bit i set where lane i of a is at most that of b.
@@ -112,6 +123,12 @@ struct PlainLanes {
   friend PlainLanes Min(PlainLanes a, PlainLanes b) {
     return Each([&](int i) { return a.v[i] < b.v[i] ? a.v[i] : b.v[i]; });
   }
+  friend PlainLanes Sqrt(PlainLanes a) {
+    return Each([&](int i) { return std::sqrt(a.v[i]); });
+  }
+  friend PlainLanes Abs(PlainLanes a) {
+    return Each([&](int i) { return std::fabs(a.v[i]); });
+  }
   friend PlainLanes MulAdd(PlainLanes a, PlainLanes b, PlainLanes c) {
     return Each([&](int i) { return std::fma(a.v[i], b.v[i], c.v[i]); });
   }
@@ -155,6 +172,16 @@ struct Words8 {
   void Store(std::uint32_t* p) const { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v); }
 };
 inline Words8 operator+(Words8 a, Words8 b) { return {_mm256_add_epi32(a.v, b.v)}; }
+inline Words8 MakeWords(const std::uint32_t (&a)[4], const std::uint32_t (&b)[4]) {
+  const auto word = [](std::uint32_t x) { return static_cast<int>(x); };
+  return {_mm256_setr_epi32(word(a[0]), word(a[1]), word(a[2]), word(a[3]), word(b[0]), word(b[1]),
+                            word(b[2]), word(b[3]))};
+}
+// Byte `number` of each word, counted from the lowest, as a signed number.
+template <int number>
+Float8 SignedByte(Words8 a) {
+  return {_mm256_cvtepi32_ps(_mm256_srai_epi32(_mm256_slli_epi32(a.v, 24 - 8 * number), 24))};
+}
 // Lane i of the result is lane order[i] of a.
 inline Words8 Permute(Words8 a, Words8 order) { return {_mm256_permutevar8x32_epi32(a.v, order.v)}; }
 
