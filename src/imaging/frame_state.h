@@ -25,7 +25,7 @@ struct FrameState {
   bool interrupted = false;          // a pass was cut short
   // The pass that some pixels have already, where a frame goes on that another process has begun: it leaves
   // those out.
-  std::optional<std::uint32_t> resumed;
+  std::optional<std::uint32_t> resumed = std::nullopt;
 };
 extern FrameState frameState;
 
