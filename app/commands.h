@@ -40,6 +40,10 @@ struct RenderOptions {
   bool preview = false;  // a window shows the picture; closing it ends the render
   bool linear = false;   // files of 8 bits keep numbers, in format 2 too
   bool strict = false;   // kExitFailed, before the first pass, if a check of the scene finds an error
+  std::optional<double> saveEvery;  // seconds between two saves of all images while they render; 0: none
+  std::string checkpoint;           // file that keeps what is rendered; empty: none
+  std::string resume;               // checkpoint to go on from, and to keep
+  std::optional<double> time;       // seconds that the frame may take
 };
 int RunRender(const RenderOptions& options);
 

@@ -66,9 +66,70 @@ void AddFormat(CLI::App& verb, std::optional<std::int32_t>& format) {
       ->check(CLI::IsMember({"1", "2"}));
 }
 
+// Seconds of a text like "90", "45s", "30m" or "1h30m"; none of any other.
+std::optional<double> ParseDuration(const std::string& text) {
+  double seconds = 0, lastUnit = 1e9;
+  const char* at = text.data();
+  const char* const end = at + text.size();
+  if (at == end) return {};
+  while (at != end) {
+    double value = 0;
+    const auto [next, error] = std::from_chars(at, end, value, std::chars_format::fixed);
+    if (error != std::errc{} || !(value >= 0) || !std::isfinite(value)) return {};
+    const bool plain = next == end && at == text.data();
+    const char unit = next == end ? 's' : *next;
+    const double scale = unit == 'h' ? 3600 : unit == 'm' ? 60 : unit == 's' ? 1 : 0;
+    if (scale == 0 || scale >= lastUnit || (next == end && !plain)) return {};
+    seconds += value * scale;
+    lastUnit = scale;
+    at = next == end ? end : next + 1;
+  }
+  return seconds;
+}
+
+void AddDuration(CLI::App& verb, const char* name, const char* help,
+                 const std::function<void(double)>& take) {
+  verb.add_option_function<std::string>(
+          name,
+          [name, take](const std::string& text) {
+            const std::optional<double> seconds = ParseDuration(text);
+            if (!seconds)
+              throw CLI::ValidationError(name, "'" + text + "' is no time like 90, 45s, 30m or 1h30m");
+            take(*seconds);
+          },
+          help)
+      ->type_name("TIME");
+}
+
+void AddKeeping(CLI::App& render, RenderOptions& options) {
+  const auto names = [](const std::string& text) {
+    return std::string(text.empty() ? "a file name is missing" : "");
+  };
+  AddDuration(
+      render, "--save-every",
+      "Write all images as they stand, this often while they render; 60 seconds if not given, 0 never",
+      [&options](double seconds) { options.saveEvery = seconds; });
+  AddDuration(render, "--time", "End the frame behind the pass that is nearest to this time",
+              [&options](double seconds) { options.time = seconds; });
+  render
+      .add_option("--checkpoint", options.checkpoint,
+                  "Keep what is rendered in this file, from which --resume goes on")
+      ->type_name("FILE")
+      ->check(names);
+  render
+      .add_option("--resume", options.resume,
+                  "Go on from this checkpoint, and keep it; what is not said is as it was")
+      ->type_name("FILE")
+      ->check(names);
+}
+
 void AddRender(CLI::App& app, RenderOptions& options) {
   CLI::App* render = app.add_subcommand("render", "Render a scene folder into its images");
-  render->add_option("scene", options.scene, "Scene folder")->required()->type_name("SCENE");
+  render->add_option("scene", options.scene, "Scene folder; may be left out with --resume")
+      ->type_name("SCENE");
+  render->parse_complete_callback([&options] {
+    if (options.scene.empty() && options.resume.empty()) throw CLI::RequiredError("scene");
+  });
   render
       ->add_option("-o,--output", options.output,
                    "Name of the beauty image; its extension chooses the format")
@@ -100,6 +161,7 @@ void AddRender(CLI::App& app, RenderOptions& options) {
           "Repeatable random numbers: the same seed gives the same picture")
       ->type_name("N");
   AddFormat(*render, options.format);
+  AddKeeping(*render, options);
   render->add_flag("--quiet", options.quiet, "No report rows on the output stream");
   render->add_flag("--strict", options.strict,
                    "Render nothing and exit with 1 if 'zephlore check' would tell an error of the scene");

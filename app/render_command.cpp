@@ -20,9 +20,13 @@
 #include "frame/frame.h"
 #include "imaging/frame_state.h"
 #include "imaging/imaging.h"
+#include "imaging/output_file.h"
 #include "imaging/preview.h"
 #include "integrator/integrator.h"
+#include "job/checkpoint.h"
+#include "job/keeper.h"
 #include "lights/lights.h"
+#include "resume.h"
 
 namespace zp {
 namespace {
@@ -41,15 +45,14 @@ std::string ClockText(double seconds) {
 // Keeps one line on the error stream up to date while it lives.
 class ProgressLine {
  public:
-  explicit ProgressLine(bool enabled) {
-    if (!enabled) return;
-    frameObserver.passDone = [this](const FrameReport& report) { Show(report); };
-    frameObserver.rowsDone = [this](const FrameReport& report) {
-      if (Clock::now() - shown >= std::chrono::seconds(1)) Show(report);
-    };
+  explicit ProgressLine(bool enabled) : enabled_(enabled) {}
+  void PassDone(const FrameReport& report) {
+    if (enabled_) Show(report);
+  }
+  void RowsDone(const FrameReport& report) {
+    if (enabled_ && Clock::now() - shown >= std::chrono::seconds(1)) Show(report);
   }
   ~ProgressLine() {
-    frameObserver = {};
     if (openErrorLine) std::fputc('\n', stderr);
     openErrorLine = false;
   }
@@ -83,6 +86,7 @@ class ProgressLine {
   }
 
   Clock::time_point start = Clock::now(), shown = start;
+  bool enabled_;
   int width = 0;  // of the longest line so far
 };
 
@@ -269,8 +273,51 @@ int LoadStrictly(const std::string& scene) {
               findings[0].text + " ('zephlore check' names all)");
 }
 
+// Renders the frame of the initialised scene, from where `resumed` stands, if there is such.
+//   files  that the scene was read from, where a checkpoint has to know them
+int RenderFrame(const RenderOptions& options, std::vector<SceneFile> files, Checkpoint* resumed) {
+  Checkpoint base = DescribeFrame(options.seed.value_or(0));
+  if (resumed != nullptr) {
+    if (const std::string reason = RestoreFrame(*resumed, base.plan, files); !reason.empty())
+      return Fail("cannot resume from '" + options.resume + "': " + reason);
+    base.seconds = resumed->seconds;
+  }
+  base.options = KeptOptions(options);
+  base.files = std::move(files);
+  constexpr double kSaveEvery = 60;
+  FrameKeeper keeper({options.saveEvery.value_or(kSaveEvery), options.checkpoint, options.time},
+                     std::move(base));
+  {
+    ProgressLine progress(options.progress);
+    frameObserver.passDone = [&](const FrameReport& report) {
+      progress.PassDone(report);
+      keeper.PassDone(report);
+    };
+    frameObserver.rowsDone = [&](const FrameReport& report) {
+      progress.RowsDone(report);
+      keeper.RowsDone();
+    };
+    frameObserver.paused = [&](const FrameReport&) { keeper.Paused(); };
+    frameObserver.finish = resumed != nullptr && resumed->passes > 0 && !keeper.HasTimeLeft();
+    RenderLoop(resumed != nullptr ? resumed->passes : 0);
+    frameObserver = {};
+  }
+  if (Stopping() && CountSamples(frameState) > 0) keeper.SaveCheckpoint();
+  if (keeper.CheckpointTrouble().empty()) return kExitDone;
+  return Fail("the checkpoint '" + options.checkpoint +
+              "' could not be written: " + keeper.CheckpointTrouble());
+}
+
+// The file of a checkpoint can be made.
+int TryCheckpoint(const std::string& name) {
+  if (name.empty()) return kExitDone;
+  OutputFile file;
+  const std::string reason = file.Open(name);
+  return reason.empty() ? kExitDone : Fail("cannot write the checkpoint '" + name + "': " + reason);
+}
+
 // After Startup; the caller finalises whatever the result.
-int RenderScene(const RenderOptions& options, Turns& turns) {
+int RenderScene(const RenderOptions& options, Turns& turns, Checkpoint* resumed) {
   // Paths in scene text count from the scene folder, those of images from the caller's directory. The scene
   // is left before anything is written, so image names need no rewriting.
   DirectoryVisit visit;
@@ -293,28 +340,27 @@ int RenderScene(const RenderOptions& options, Turns& turns) {
   const std::vector<ImageBuffer> planned = PlanOutputs(options, turns, labels);
   NameOutputs(options, active, labels[active]);
   Initialize();
+  std::vector<SceneFile> files;
+  if (!options.checkpoint.empty() && !Stopping()) files = HashSceneFiles();
   if (const std::error_code error = visit.Leave())
     return Fail("cannot return to the current directory: " + error.message());
   nothingToLose = false;
   if (Stopping()) return kExitDone;
 
   if (const std::string reason = NothingToRender(cameras[active]); !reason.empty()) return Fail(reason);
-  if (turns.index == 0)
+  if (turns.index == 0) {
     if (const int status = TryOutputs(planned); status != kExitDone) return status;
-
-  {
-    const ProgressLine progress(options.progress);
-    RenderLoop();
+    if (const int status = TryCheckpoint(options.checkpoint); status != kExitDone) return status;
   }
-  return kExitDone;
+  return RenderFrame(options, std::move(files), resumed);
 }
 
 // One camera, from the start of the library to its end.
-int RenderTurn(const RenderOptions& options, Turns& turns) {
+int RenderTurn(const RenderOptions& options, Turns& turns, Checkpoint* resumed) {
   frameState = {};
   Startup(options.seed, options.format);
   nothingToLose = true;
-  const int status = RenderScene(options, turns);
+  const int status = RenderScene(options, turns, resumed);
   nothingToLose = false;
   const std::string stopped = status == kExitDone ? StopText(turns) : "";
   // The last pass has written every image; closing writes those of the cameras again.
@@ -328,7 +374,19 @@ int RenderTurn(const RenderOptions& options, Turns& turns) {
 
 }  // namespace
 
-int RunRender(const RenderOptions& options) {
+int RunRender(const RenderOptions& given) {
+  RenderOptions options = given;
+  Checkpoint resumed;
+  const bool resumes = !options.resume.empty();
+  if (resumes) {
+    if (const std::string reason = ReadCheckpoint(options.resume, resumed); !reason.empty())
+      return Fail("cannot resume: '" + options.resume + "' " + reason);
+    TakeKeptOptions(resumed, options);
+  }
+  if (!options.checkpoint.empty() && options.camera == kAllCameras)
+    return Fail("--checkpoint keeps one camera, not all", kExitUsage);
+  if (!options.checkpoint.empty() && !options.seed) options.seed = DrawSeed();
+  if (options.time && !options.sample) options.sample = kMostSamples;
   std::error_code error;
   if (!std::filesystem::is_directory(options.scene, error))
     return Fail("there is no scene folder '" + options.scene + "'");
@@ -348,11 +406,11 @@ int RunRender(const RenderOptions& options) {
   StopOnSignals();
   TakeFailedSaves();
   Turns turns;
-  int status = RenderTurn(options, turns);
+  int status = RenderTurn(options, turns, resumes ? &resumed : nullptr);
   while (status == kExitDone && turns.AreMore()) {
     ++turns.index;
     stoppedEarly = kStoppedBetween;
-    status = RenderTurn(options, turns);
+    status = RenderTurn(options, turns, nullptr);
   }
   const std::vector<SaveFailure> failed = TakeFailedSaves();
   if (status == kExitDone && !failed.empty()) return Fail(FailureText(failed));

@@ -1,11 +1,18 @@
 #include "core/files.h"
 
 #include <filesystem>
+#include <mutex>
+#include <set>
 #include <system_error>
 
 namespace zp {
 
 bool filesHidden = false;
+
+namespace {
+std::mutex pathsMutex;
+std::set<std::string> readPaths;
+}  // namespace
 
 FileKind KindOfFile(const std::string& path) {
   if (filesHidden) return FileKind::kNothing;
@@ -25,8 +32,24 @@ FileKind KindOfFile(const std::string& path) {
 }
 
 bool HoldsBytes(const std::string& path) {
+  NoteRead(path);
   const FileKind kind = KindOfFile(path);
   return kind == FileKind::kFile || kind == FileKind::kOther;
+}
+
+void NoteRead(const std::string& path) {
+  const std::lock_guard lock(pathsMutex);
+  readPaths.insert(path);
+}
+
+std::vector<std::string> ReadPaths() {
+  const std::lock_guard lock(pathsMutex);
+  return {readPaths.begin(), readPaths.end()};
+}
+
+void ForgetReadPaths() {
+  const std::lock_guard lock(pathsMutex);
+  readPaths.clear();
 }
 
 }  // namespace zp

@@ -2,6 +2,7 @@
 
 #include "accel/accel.h"
 #include "core/console.h"
+#include "core/files.h"
 #include "core/format.h"
 #include "core/random.h"
 #include "core/release.h"
@@ -47,6 +48,7 @@ void Startup(std::optional<std::uint64_t> seed, std::optional<std::int32_t> form
   PrintLine("            light, patiently followed");
   PrintRule();
   StartFormat(format);
+  ForgetReadPaths();
   FillExponentTable();
   StartImageFiles();
   AddImageSearchPath("");

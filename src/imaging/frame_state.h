@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "imaging/imaging.h"
@@ -22,6 +23,9 @@ struct FrameState {
   std::int32_t left = 0, right = 0;  // columns that are rendered: [left, right)
   std::vector<RowSamples> rows;      // of the picture's height; empty before the first sample
   bool interrupted = false;          // a pass was cut short
+  // The pass that some pixels have already, where a frame goes on that another process has begun: it leaves
+  // those out.
+  std::optional<std::uint32_t> resumed = std::nullopt;
 };
 extern FrameState frameState;
 

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 
@@ -32,7 +33,8 @@ void FrameStep();
 // All passes of the first camera; without one an error row. With settings.said.previewWindow a window shows
 // them, which stays open until it is closed, passes left or not. Where no window opens: an error row and all
 // passes.
-void RenderLoop();
+//   first  passes that the AOVs hold already, as frameState says; the frame ends at once if that is all
+void RenderLoop(std::uint32_t first = 0);
 
 // Once a stop is requested (core/stop.h) RenderLoop returns in the midst of its pass and closes its window,
 // and RenderPixels leaves the rest of its pixels out. Samples that were not finished leave no trace;
@@ -47,15 +49,24 @@ struct FrameReport {
   std::uint64_t rays = 0;         // of the last whole pass, shadow rays included
   std::int64_t microseconds = 0;  // of that pass
 };
-// What watches a frame; either may be null, and both may request a stop. They are called by the thread that
+// What watches a frame; each may be null, and all may request a stop. They are called by the thread that
 // called RenderLoop or FrameStep.
 struct FrameObserver {
   // After each pass: the sums of the AOVs and frameState hold whole passes, to be read, shown or saved.
   std::function<void(const FrameReport&)> passDone;
   // In the midst of a pass, between rows, ten times a second at most: other threads still write the sums.
   std::function<void(const FrameReport&)> rowsDone;
+  // Soon after framePause was set, in the midst of a pass: all threads wait behind whole rows, so that sums
+  // and frameState can be read.
+  std::function<void(const FrameReport&)> paused;
+  bool finish = false;  // set by passDone: that pass is the frame's last
 };
 inline FrameObserver frameObserver;
+// Set, as by rowsDone, to have `paused` called.
+inline std::atomic<bool> framePause = false;
+
+// Visits the AOVs of a camera and of all lights, always in the same order.
+void VisitFrameAovs(Camera& camera, const std::function<void(Aov&)>& visit);
 
 // Mean and variance of a float image. Intended: one second moment, of the largest channel, for all three.
 void ImageStatistics(const ImageBuffer& image, Vec3& mean, Vec3& variance);

@@ -40,15 +40,22 @@ std::uint32_t PixelIndex(const Camera& camera, int x, int y) {
          static_cast<std::uint32_t>(x);
 }
 
+// What all samples of a pass share.
+struct Pass {
+  const Camera& camera;
+  CameraPose pose;
+  Region region;
+  std::uint32_t number;
+};
+
 // One sample of one pixel, fit to be shown.
-Vec3 SamplePixel(const Camera& camera, const CameraPose& pose, int x, int y, std::uint32_t pass,
-                 std::uint8_t thread) {
-  const std::uint32_t pixel = PixelIndex(camera, x, y);
+Vec3 SamplePixel(const Pass& pass, int x, int y, std::uint8_t thread) {
+  const std::uint32_t pixel = PixelIndex(pass.camera, x, y);
   threadSlots[thread].pixel = pixel;
-  RekeyRandom(pixel, pass);
+  RekeyRandom(pixel, pass.number);
   RayRecord ray;
   ray.thread = thread;
-  MakePrimaryRay(camera, pose, ray, x, y);
+  MakePrimaryRay(pass.camera, pass.pose, ray, x, y);
   const Vec3 color = Radiance(ray);
   return IsFinite(color) ? MinOf(settings.said.clamp, color) : settings.said.error;
 }
@@ -136,17 +143,20 @@ class RowCounter {
   explicit RowCounter(const Region& region) : rows_(region.yMax - region.yMin) {}
 
   void Add(int thread) {
-    const int done = done_.fetch_add(1, std::memory_order_relaxed) + 1;
+    done_.fetch_add(1, std::memory_order_relaxed);
     if (thread != 0 || !frameObserver.rowsDone) return;
     constexpr std::int64_t kPause = 1'000'000;  // ticks
     const std::int64_t now = WallTicks();
     if (now - told_ < kPause && now >= told_) return;
     told_ = now;
-    FrameReport report = frameReport;
-    report.begun = static_cast<float>(done) / static_cast<float>(rows_);
-    frameObserver.rowsDone(report);
+    frameObserver.rowsDone(Report());
   }
   bool HasAll() const { return done_ == rows_; }
+  FrameReport Report() const {
+    FrameReport report = frameReport;
+    report.begun = static_cast<float>(done_) / static_cast<float>(rows_);
+    return report;
+  }
 
  private:
   int rows_;
@@ -154,16 +164,14 @@ class RowCounter {
   std::int64_t told_ = WallTicks();  // of the first thread
 };
 
-// One sample of each pixel of a row, from the left. Returns the first column that got none: the region's end
-// unless a stop has cut the row short.
+// One sample of each pixel of a row, from column x on. Returns the first column that got none: the region's
+// end unless a stop has cut the row short.
 template <class Sink>
-int SampleRow(const Camera& camera, const CameraPose& pose, const Region& region, int y, std::uint32_t pass,
-              std::uint8_t thread, PixelSums& sums, const Sink& sink) {
-  int x = region.xMin;
-  for (; x < region.xMax && !Stopping(); ++x) {
-    const std::size_t pixel = PixelIndex(camera, x, y);
+int SampleRow(const Pass& pass, int x, int y, std::uint8_t thread, PixelSums& sums, const Sink& sink) {
+  for (; x < pass.region.xMax && !Stopping(); ++x) {
+    const std::size_t pixel = PixelIndex(pass.camera, x, y);
     sums.Keep(pixel);
-    const Vec3 color = SamplePixel(camera, pose, x, y, pass, thread);
+    const Vec3 color = SamplePixel(pass, x, y, thread);
     if (Stopping()) {
       sums.PutBack(pixel);
       break;
@@ -173,35 +181,51 @@ int SampleRow(const Camera& camera, const CameraPose& pose, const Region& region
   return x;
 }
 
+// The column where a row lacks its sample of a pass: the region's end if it has all of them.
+int FirstMissing(const Pass& pass, const RowSamples& row) {
+  if (frameState.resumed != pass.number) return pass.region.xMin;
+  return row.whole > pass.number ? pass.region.xMax : std::max(pass.region.xMin, row.cut);
+}
+
 // Samples every pixel of the region once; `sink` receives x, y and the colour, from any thread. False when a
-// stop has left pixels out.
+// stop has left pixels out. Rows are dealt out by hand: a loop of OpenMP could not pause.
 template <class Sink>
-bool SampleRegion(Camera& camera, const Region& region, std::uint32_t pass, const Sink& sink) {
+bool SampleRegion(Camera& camera, const Region& region, std::uint32_t number, const Sink& sink) {
   const int threads = std::clamp(omp_get_max_threads(), 1, kMaxThreads);
   const std::vector<Aov*> aovs = SummingAovs(camera);
-  const CameraPose pose = CameraAtTime(camera, TimeOfPass(camera, pass));
+  const Pass pass = {camera, CameraAtTime(camera, TimeOfPass(camera, number)), region, number};
   CountFrame(camera, region);
   RowCounter rows(region);
   const std::int64_t start = WallTicks();
-#pragma omp parallel num_threads(threads)
-  {
+  std::atomic<int> next = region.yMin;
+  const auto takeRows = [&] {
     const auto thread = static_cast<std::uint8_t>(omp_get_thread_num());
     PixelSums sums(aovs);
-#pragma omp for schedule(dynamic, 1)
-    for (int y = region.yMin; y < region.yMax; ++y) {
-      const int end = SampleRow(camera, pose, region, y, pass, thread, sums, sink);
+    while (!Stopping() && !framePause) {
+      const int y = next.fetch_add(1, std::memory_order_relaxed);
+      if (y >= region.yMax) break;
       RowSamples& row = At(frameState.rows, y);
+      const int first = FirstMissing(pass, row);
+      const int end = SampleRow(pass, first, y, thread, sums, sink);
       if (end < region.xMax) {
         row.cut = end;
-      } else {
-        ++row.whole;
-        rows.Add(thread);
+        continue;
       }
+      if (first < region.xMax) ++row.whole;
+      row.cut = 0;
+      rows.Add(thread);
     }
+  };
+  while (next < region.yMax && !Stopping()) {
+#pragma omp parallel num_threads(threads)
+    takeRows();
+    if (framePause.exchange(false) && frameObserver.paused && !rows.HasAll())
+      frameObserver.paused(rows.Report());
   }
   if (!rows.HasAll()) frameState.interrupted = true;
   settings.frame.renderMicroseconds += (WallTicks() - start) / 10;
   CollectRayCounts();
+  if (rows.HasAll()) frameState.resumed.reset();
   return rows.HasAll();
 }
 
@@ -216,14 +240,22 @@ void SaveCameraImages() {
   for (const Camera& camera : cameras) SaveAovs(camera.aovs);
 }
 
-void FinishFrame(const Aov& beauty, std::int64_t renderStart) {
+// Intended: of the process, not of the frame.
+std::int64_t StartOfFrames() {
+  static const std::int64_t start = WallTicks();
+  return start;
+}
+
+void FinishFrame(const Camera& camera) {
+  if (camera.aovs.empty()) return;
+  const Aov& beauty = camera.aovs[0];
   Vec3 mean, variance;
   ImageStatistics(beauty.image, mean, variance);
   PrintRule();
   PrintVectorRow("avgerage of " + beauty.image.fileName, mean, "n/a");
   PrintVectorRow("variance of " + beauty.image.fileName, variance, "n/a");
   PrintRule();
-  const std::int64_t ticks = std::max<std::int64_t>(WallTicks() - renderStart, 0);
+  const std::int64_t ticks = std::max<std::int64_t>(WallTicks() - StartOfFrames(), 0);
   PrintIntegerRow("rendering time", static_cast<std::uint64_t>(ticks / 10'000'000), "seconds");
   PrintRule();
   PrintLine("            close the window to exit. happy rendering :) thank you!");
@@ -255,7 +287,8 @@ void RenderInWindow(const Camera& camera) {
   preview.step = [] {
     FrameStep();
     const Camera* active = ActiveCamera();
-    return active != nullptr && static_cast<std::int64_t>(settings.frame.passIndex) < active->sample;
+    return active != nullptr && !frameObserver.finish &&
+           static_cast<std::int64_t>(settings.frame.passIndex) < active->sample;
   };
   preview.stop = Stopping;
   // Intended: only the first image. The last pass has written all of them.
@@ -296,6 +329,8 @@ void ImageStatistics(const ImageBuffer& image, Vec3& mean, Vec3& variance) {
   }
 }
 
+void VisitFrameAovs(Camera& camera, const std::function<void(Aov&)>& visit) { ForEachAov(camera, visit); }
+
 bool RenderPixels(std::uint32_t pass) {
   if (!HasCamera()) return true;
   Camera& camera = *ActiveCamera();
@@ -333,7 +368,7 @@ void RenderPixels(int count, float* out, int pass) {
 }
 
 void FrameStep() {
-  static const std::int64_t renderStart = WallTicks();  // Intended: of the process, not of the frame
+  StartOfFrames();
   Camera* camera = ActiveCamera();
   if (camera == nullptr || camera->sample <= 0) return;
   const auto total = static_cast<std::uint32_t>(camera->sample);
@@ -352,22 +387,24 @@ void FrameStep() {
   frameReport = {settings.frame.passIndex, total, 0, settings.frame.rendererRays + settings.frame.shadowRays,
                  settings.frame.renderMicroseconds};
   if (frameObserver.passDone) frameObserver.passDone(frameReport);
-  if (settings.frame.passIndex == total && !camera->aovs.empty()) FinishFrame(camera->aovs[0], renderStart);
+  if (settings.frame.passIndex == total || frameObserver.finish) FinishFrame(*camera);
 }
 
-void RenderLoop() {
-  settings.frame.passIndex = 0;
+void RenderLoop(std::uint32_t first) {
+  settings.frame.passIndex = first;
   if (!HasCamera()) return;
-  ForgetCutFrame(*ActiveCamera());
-  frameReport = {0, static_cast<std::uint32_t>(std::max(ActiveCamera()->sample, 0))};
+  const Camera& camera = *ActiveCamera();
+  const auto passes = static_cast<std::uint32_t>(std::max(camera.sample, 0));
+  if (first == 0) ForgetCutFrame(*ActiveCamera());
+  for (std::uint32_t pass = 0; pass < first && !Stopping(); ++pass) UpdateScene(camera.sample);
+  frameReport = {first, passes};
+  if (first > 0 && (first >= passes || frameObserver.finish)) return FinishFrame(camera);
   if (settings.said.previewWindow) {
-    const Camera& camera = *ActiveCamera();
     const std::string obstacle = PreviewObstacle(camera.width, camera.height);
     if (obstacle.empty()) return RenderInWindow(camera);
     PrintError("preview - no window, " + obstacle);
   }
-  for (std::int32_t pass = 0, passes = ActiveCamera()->sample; pass < passes && !Stopping(); ++pass)
-    FrameStep();
+  for (std::uint32_t pass = first; pass < passes && !Stopping() && !frameObserver.finish; ++pass) FrameStep();
 }
 
 }  // namespace zp

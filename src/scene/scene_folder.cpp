@@ -4,6 +4,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "core/files.h"
 #include "core/settings.h"
 #include "core/stop.h"
 #include "scene/blocks.h"
@@ -105,6 +106,7 @@ void ReadText(SceneText& text) {
 }
 
 bool ReadFile(const std::string& path) {
+  NoteRead(path);
   std::ifstream stream(path);
   if (!stream) {
     Note({path, 0}, FindingCode::kUnreadableFile, "cannot be opened");

@@ -31,6 +31,7 @@ bool LoadTexture(ImageBuffer& image) {
     std::string path = folder;
     if (!path.empty()) path += '/';
     path += name;
+    NoteRead(path);
     if (KindOfFile(path) != FileKind::kFile) continue;
     image.loaded = LoadImage(image, path);
     image.fileName = name;

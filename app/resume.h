@@ -1,0 +1,20 @@
+// app/resume.h: the options of a render, as a checkpoint keeps them.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "commands.h"
+#include "job/checkpoint.h"
+
+namespace zp {
+
+// A JSON object. Names of files count from the root there.
+std::string KeptOptions(const RenderOptions& options);
+// Fills those that were left out with those of the checkpoint.
+void TakeKeptOptions(const Checkpoint& checkpoint, RenderOptions& options);
+// A seed for a render that was given none, from the system's random numbers.
+std::uint64_t DrawSeed();
+
+}  // namespace zp

@@ -1,0 +1,68 @@
+#include "job/keeper.h"
+
+#include <algorithm>
+
+#include "core/console.h"
+#include "core/index.h"
+
+namespace zp {
+namespace {
+
+// Saves take at most this share of the time, however long one takes.
+constexpr double kSaveShare = 0.01;
+
+double SecondsBetween(std::chrono::steady_clock::time_point a, std::chrono::steady_clock::time_point b) {
+  return std::chrono::duration<double>(b - a).count();
+}
+
+}  // namespace
+
+FrameKeeper::FrameKeeper(KeepOptions options, Checkpoint base)
+    : options_(std::move(options)), base_(std::move(base)) {}
+
+double FrameKeeper::Seconds() const { return base_.seconds + SecondsBetween(start_, Clock::now()); }
+
+bool FrameKeeper::IsSaveDue() const {
+  if (!(options_.saveEvery > 0)) return false;
+  return SecondsBetween(saved_, Clock::now()) >= std::max(options_.saveEvery, saveSeconds_ / kSaveShare);
+}
+
+void FrameKeeper::RowsDone() {
+  if (IsSaveDue()) framePause = true;
+}
+
+void FrameKeeper::PassDone(const FrameReport& report) {
+  // Half a pass too many is as near to the limit as half a pass too few.
+  const auto now = Clock::now();
+  const double pass = SecondsBetween(passBegun_, now);
+  passBegun_ = now;
+  if (!HasTimeLeft(pass / 2)) frameObserver.finish = true;
+  if (report.done >= report.total || frameObserver.finish)
+    SaveCheckpoint();  // the images follow
+  else if (IsSaveDue())
+    Save();
+}
+
+void FrameKeeper::Save() {
+  const auto begin = Clock::now();
+  if (IsIndex(cameras, settings.frame.activeCamera))
+    VisitFrameAovs(At(cameras, settings.frame.activeCamera), [](const Aov& aov) {
+      if (!aov.image.fileName.empty() && aov.image.width > 0) SaveAov(aov);
+    });
+  SaveCheckpoint();
+  saved_ = Clock::now();
+  saveSeconds_ = SecondsBetween(begin, saved_);
+}
+
+void FrameKeeper::SaveCheckpoint() {
+  if (options_.checkpoint.empty()) return;
+  Checkpoint checkpoint = DescribeFrame(base_.plan.seed);
+  checkpoint.options = base_.options;
+  checkpoint.files = base_.files;
+  checkpoint.seconds = Seconds();
+  trouble_ = WriteCheckpoint(options_.checkpoint, checkpoint);
+  if (!trouble_.empty())
+    PrintError("checkpoint - " + options_.checkpoint + "\tcannot be written: " + trouble_);
+}
+
+}  // namespace zp
