@@ -33,7 +33,7 @@ struct Collapser {
   }
 
   void Collapse(std::uint32_t binary, std::uint32_t wide, int depth) {
-    const std::vector<BinaryNode>& nodes = object.nodes;
+    const RawVector<BinaryNode>& nodes = object.nodes;
     if (depth > object.wideDepth) object.wideDepth = depth;
     std::uint32_t list[8] = {binary};
     float areas[8] = {OpenArea(binary)};

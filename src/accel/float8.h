@@ -22,6 +22,7 @@ struct Float8 {
   static Float8 LoadAligned(const float* p) { return {_mm256_load_ps(p)}; }
   static Float8 Set(float x) { return {_mm256_set1_ps(x)}; }
   void Store(float* p) const { _mm256_storeu_ps(p, v); }
+  void StoreAligned(float* p) const { _mm256_store_ps(p, v); }
 };
 inline Float8 operator+(Float8 a, Float8 b) { return {_mm256_add_ps(a.v, b.v)}; }
 inline Float8 operator-(Float8 a, Float8 b) { return {_mm256_sub_ps(a.v, b.v)}; }
@@ -57,6 +58,14 @@ inline Float4 MulAdd(Float4 a, Float4 b, Float4 c) { return {_mm_fmadd_ps(a.v, b
 inline Float4 MulSub(Float4 a, Float4 b, Float4 c) { return {_mm_fmsub_ps(a.v, b.v, c.v)}; }
 inline unsigned MaskLessEqual(Float4 a, Float4 b) {
   return static_cast<unsigned>(_mm_movemask_ps(_mm_cmple_ps(a.v, b.v)));
+}
+inline Float4 LowHalf(Float8 a) { return {_mm256_castps256_ps128(a.v)}; }
+inline Float4 HighHalf(Float8 a) { return {_mm256_extractf128_ps(a.v, 1)}; }
+inline Float8 Join(Float4 low, Float4 high) { return {_mm256_set_m128(high.v, low.v)}; }
+// (x + y) * z + x * y of the first three lanes.
+inline float PairProducts(Float4 a) {
+  const __m128 y = _mm_movehdup_ps(a.v), z = _mm_movehl_ps(a.v, a.v);
+  return _mm_cvtss_f32(_mm_add_ss(_mm_mul_ss(_mm_add_ss(a.v, y), z), _mm_mul_ss(a.v, y)));
 }
 // Lanes truncated towards zero and limited to 0..limit; not-a-number gives 0.
 inline void TruncateTo(Float4 a, std::int32_t limit, std::int32_t out[4]) {

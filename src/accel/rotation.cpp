@@ -87,7 +87,7 @@ constexpr int kTaskDepth = 10;  // subtrees above this depth are shared among th
 
 struct TreeRotator {
   Object& object;
-  std::vector<BinaryNode>& nodes;
+  RawVector<BinaryNode>& nodes;
 
   void Refit(BinaryNode& n) {
     n.box = Box{};

@@ -85,7 +85,8 @@ struct TreeCheck {
 
   // Nodes that are released are sound.
   void CheckBinary() {
-    if (object.nodes.empty() || !CheckReferences(object.references)) return;
+    if (object.nodes.empty() || !CheckReferences({object.references.begin(), object.references.end()}))
+      return;
     std::vector<bool> met(object.nodes.size());
     for (std::size_t n = 0; n < object.nodes.size(); ++n) {
       const BinaryNode& node = object.nodes[n];
