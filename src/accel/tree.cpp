@@ -1,15 +1,13 @@
 #include "accel/tree.h"
 
-#include <sys/mman.h>
-
 #include <array>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 #include <type_traits>
 #include <vector>
 
 #include "accel/cut_outs.h"
+#include "core/pages.h"
 #include "core/settings.h"
 #include "core/threads.h"
 #include "shading/shading.h"
@@ -20,14 +18,8 @@ template <class T>
 PageArray<T>::PageArray(std::size_t count) : size_(count) {
   static_assert(std::is_trivially_copyable_v<T>);
   if (count == 0) return;
-  constexpr std::size_t kLargePage = std::size_t{2} << 20U;
   const std::size_t bytes = count * sizeof(T);
-  constexpr std::size_t kPage = 4096, kLine = 64;  // scenes may hold thousands of trees of a node or two
-  const std::size_t alignment = bytes >= kLargePage ? kLargePage : bytes >= kPage ? kPage : kLine;
-  const std::size_t whole = (bytes + alignment - 1) / alignment * alignment;
-  void* memory = std::aligned_alloc(alignment, whole);
-  if (memory == nullptr) throw std::bad_alloc();
-  if (alignment == kLargePage) madvise(memory, whole, MADV_HUGEPAGE);  // a hint: refusal costs speed only
+  void* memory = AllocatePages(bytes);
   std::memset(memory, 0, bytes);
   data_.reset(static_cast<T*>(memory));
 }

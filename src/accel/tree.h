@@ -13,8 +13,7 @@
 
 namespace zp {
 
-// Zeroed storage aligned to whole pages, if it is as much as one, large pages where the system gives them:
-// walks of incoherent rays miss the translation buffer less.
+// Zeroed storage of AllocatePages.
 template <class T>
 class PageArray {
  public:

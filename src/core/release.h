@@ -3,20 +3,26 @@
 
 #pragma once
 
+#include <cstdlib>
 #include <memory>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "core/pages.h"
+
 namespace zp {
 
-// Leaves new elements as they are: pages of a large array come to the thread that first writes them.
+// Leaves new elements as they are, so that the pages of a large array come to the thread that first writes
+// them.
 template <class T>
-struct RawAllocator : std::allocator<T> {
+struct RawAllocator {
+  using value_type = T;
+  RawAllocator() = default;
   template <class U>
-  struct rebind {
-    using other = RawAllocator<U>;
-  };
+  explicit RawAllocator(const RawAllocator<U>& /*other*/) {}
+  T* allocate(std::size_t count) { return static_cast<T*>(AllocatePages(count * sizeof(T))); }
+  void deallocate(T* place, std::size_t /*count*/) { std::free(place); }
   template <class U>
   void construct(U* /*place*/) {
     static_assert(std::is_trivially_copyable_v<U>);
@@ -25,6 +31,7 @@ struct RawAllocator : std::allocator<T> {
   void construct(U* place, Values&&... values) {
     std::construct_at(place, std::forward<Values>(values)...);
   }
+  friend bool operator==(const RawAllocator& /*a*/, const RawAllocator& /*b*/) { return true; }
 };
 // resize() makes elements of no value.
 template <class T>
