@@ -59,7 +59,7 @@ struct TreeCheck {
   Fault fault = {};
 
   // Every primitive and Instance once.
-  bool CheckReferences(std::vector<PrimitiveRef> references) {
+  bool CheckReferences(RawVector<PrimitiveRef> references) {
     std::size_t total = object.instances.size();
     for (const Part& part : object.parts)
       for (std::uint16_t kind = kKindParticle; kind <= kKindTetragon; ++kind)
@@ -85,8 +85,7 @@ struct TreeCheck {
 
   // Nodes that are released are sound.
   void CheckBinary() {
-    if (object.nodes.empty() || !CheckReferences({object.references.begin(), object.references.end()}))
-      return;
+    if (object.nodes.empty() || !CheckReferences(object.references)) return;
     std::vector<bool> met(object.nodes.size());
     std::vector<std::uint32_t> open = {0};  // not every place of the array is in use
     while (!open.empty()) {

@@ -175,8 +175,8 @@ struct Object {
   // The tree: filled by accel.
   RawVector<PrimitiveRef> references;  // released after initialisation unless deformable
   RawVector<BinaryNode> nodes;         // likewise
-  std::vector<WideNode> wideNodes;     // node 0 is the root
-  std::vector<PrimitiveRef> compactReferences;
+  RawVector<WideNode> wideNodes;       // node 0 is the root
+  RawVector<PrimitiveRef> compactReferences;
   std::shared_ptr<PackedTree> packed;
   std::int32_t level = 0;  // 0 for the RootObject, else its parent's plus 1
   std::int32_t wideDepth = 0;
