@@ -16,10 +16,15 @@
 namespace zp {
 
 template <class T>
-PageArray<T>::PageArray(std::size_t count) : size_(count) {
+void PageArray<T>::Resize(std::size_t count) {
   static_assert(std::is_trivially_copyable_v<T>);
+  size_ = count;
+  if (count <= room_ && room_ / 2 <= count) return;
+  data_.reset();
+  room_ = 0;
   if (count == 0) return;
   data_.reset(static_cast<T*>(AllocatePages(count * sizeof(T))));
+  room_ = count;
 }
 
 template <class T>
@@ -250,11 +255,12 @@ void PackTree(Object& object) {
   KindCounts laneCount;
   const RawVector<NodeLanes> lanes = PlaceLanes(object, laneCount);
 
-  auto packed = std::make_shared<PackedTree>();
-  packed->nodes = PageArray<PackedNode>(nodeCount);
-  packed->blocks = PageArray<TriangleBlock>(BlocksFor(0, laneCount[0]));
-  packed->particles = PageArray<ParticleBlock>(BlocksFor(1, laneCount[1]));
-  packed->segments = PageArray<CurveSegment>(BlocksFor(2, laneCount[2]));
+  const bool isOurs = object.packed != nullptr && object.packed.use_count() == 1;
+  const auto packed = isOurs ? std::move(object.packed) : std::make_shared<PackedTree>();
+  packed->nodes.Resize(nodeCount);
+  packed->blocks.Resize(BlocksFor(0, laneCount[0]));
+  packed->particles.Resize(BlocksFor(1, laneCount[1]));
+  packed->segments.Resize(BlocksFor(2, laneCount[2]));
   packed->shadowRoots = settings.format >= 2;
   const std::uint8_t demands = DemandsOf(object);
   packed->filtersVisibility = (demands & kHides) != 0;
@@ -266,7 +272,7 @@ void PackTree(Object& object) {
   for (std::size_t kind = 0; kind < kPackedKindCount; ++kind)
     ClearLanes(*packed, kind, laneCount[kind],
                BlocksFor(kind, laneCount[kind]) * kPackedKinds[kind].blockLanes);
-  object.packed = std::move(packed);
+  object.packed = packed;
 }
 
 }  // namespace zp
