@@ -52,18 +52,20 @@ LaneBox CentroidBox(const BuildRecord* records, std::uint32_t count) {
 
 // Writes 1 for each record that goes left, else 0.
 Sides FindSides(const BuildRecord* records, std::uint32_t count, const SideOf& side, std::uint8_t* isLeft) {
-  Sides sides;
+  const SideOf ours = side;  // what bytes are written to might be anything
+  std::uint32_t lefts = 0;
+  LaneBox leftCentroids = EmptyBox(), rightCentroids = EmptyBox();
   for (std::uint32_t i = 0; i < count; ++i) {
     const LaneBox box = BoxOf(records[i]);
-    const bool left = side.IsLeft(box);
+    const std::uint32_t left = ours.IsLeft(box);
     const LaneBox center = BoxAround(CentroidOf(box));
     const Float8 mask = MaskOf(left);
-    Grow(sides.leftCentroids, Choose(mask, center, EmptyBox()));
-    Grow(sides.rightCentroids, Choose(mask, EmptyBox(), center));
-    isLeft[i] = left ? 1 : 0;
-    sides.left += left ? 1 : 0;
+    Grow(leftCentroids, Choose(mask, center, EmptyBox()));
+    Grow(rightCentroids, Choose(mask, EmptyBox(), center));
+    isLeft[i] = static_cast<std::uint8_t>(left);
+    lefts += left;
   }
-  return sides;
+  return {lefts, leftCentroids, rightCentroids};
 }
 
 // Those that go left in front. The order on both sides is that of a scan from the front which exchanges what
@@ -73,7 +75,8 @@ void MoveToSides(BuildRecord* records, std::uint32_t count, const std::uint8_t* 
   Float8 record = Float8::LoadAligned(records[0].min);
   std::uint32_t left = isLeft[0];
   for (std::uint32_t i = 1; i < count; ++i) {
-    const std::uint32_t to = left != 0 ? front : back, next = left != 0 ? front + 1 : back;
+    // front or back, without a branch that none could foresee
+    const std::uint32_t to = back ^ ((front ^ back) & (0 - left)), next = to + left;
     const Float8 other = Float8::LoadAligned(records[next].min);
     record.StoreAligned(records[to].min);
     front += left;

@@ -74,8 +74,8 @@ Float8 Select(Float8 a, Float8 b) {
 inline Float8 Choose(Float8 mask, Float8 a, Float8 b) { return {_mm256_blendv_ps(b.v, a.v, mask.v)}; }
 // Masks of eight lanes: none, all.
 alignas(32) inline constexpr std::uint32_t kNoneOrAll[2][8] = {{}, {~0U, ~0U, ~0U, ~0U, ~0U, ~0U, ~0U, ~0U}};
-inline Float8 MaskOf(bool all) {
-  return {_mm256_castsi256_ps(_mm256_load_si256(reinterpret_cast<const __m256i*>(kNoneOrAll[all ? 1 : 0])))};
+inline Float8 MaskOf(std::uint32_t all) {  // 0 or 1
+  return {_mm256_castsi256_ps(_mm256_load_si256(reinterpret_cast<const __m256i*>(kNoneOrAll[all])))};
 }
 // The least lane in all of them.
 inline Float8 Least(Float8 a) {

@@ -46,10 +46,6 @@ inline LaneBox BoxAround(Float4 point) { return Join(point, Float4::Set(0) - poi
 inline bool IsFlat(LaneBox box) {
   return (MaskLessEqual(Float4::Set(0) - HighHalf(box), LowHalf(box)) & 7U) == 7U;
 }
-// True if `inner` lies in `box`, touching faces included.
-inline bool IsInside(LaneBox inner, LaneBox box) {
-  return (MaskLessEqual(box, inner) & kBoxLanes) == kBoxLanes;
-}
 
 // The areas of eight boxes.
 inline Float8 HalfAreas(const LaneBox (&boxes)[8]) {
@@ -151,15 +147,18 @@ inline Split SplitPair(const BuildRecord* records, LaneBox centroids) {
   return split;
 }
 
-// Sides by containment in the two boxes, not by bin: what lies in both goes to the smaller box, and what lies
-// in neither, which takes a coordinate that is no number, goes right.
+// Sides by containment in the two boxes, touching faces included, not by bin: what lies in both goes to the
+// smaller box, and what lies in neither, which takes a coordinate that is no number, goes right.
 struct SideOf {
   LaneBox left, right;
   bool rightIsLarger;
   explicit SideOf(const Split& split)
       : left(split.left), right(split.right), rightIsLarger(HalfArea(split.right) > HalfArea(split.left)) {}
-  bool IsLeft(LaneBox box) const {
-    return IsInside(box, left) & (rightIsLarger | !IsInside(box, right));
+  // 1 if it goes left, else 0.
+  std::uint32_t IsLeft(LaneBox box) const {
+    const unsigned inLeft = MaskLessEqual(left, box) & kBoxLanes, inRight = MaskLessEqual(right, box) & kBoxLanes;
+    return static_cast<std::uint32_t>(inLeft == kBoxLanes) &
+           (static_cast<std::uint32_t>(rightIsLarger) | static_cast<std::uint32_t>(inRight != kBoxLanes));
   }
 };
 
