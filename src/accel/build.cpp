@@ -50,8 +50,8 @@ LaneBox CentroidBox(const BuildRecord* records, std::uint32_t count) {
   return box;
 }
 
-// Writes 1 for each record that goes left, else 0.
-Sides FindSides(const BuildRecord* records, std::uint32_t count, const SideOf& side, std::uint8_t* isLeft) {
+// Sets all bits of the byte of each record that goes left, none of others.
+Sides FindSides(const BuildRecord* records, std::uint32_t count, const SideOf& side, std::int8_t* isLeft) {
   const SideOf ours = side;  // what bytes are written to might be anything
   std::uint32_t lefts = 0;
   LaneBox leftCentroids = EmptyBox(), rightCentroids = EmptyBox();
@@ -62,7 +62,7 @@ Sides FindSides(const BuildRecord* records, std::uint32_t count, const SideOf& s
     const Float8 mask = MaskOf(left);
     Grow(leftCentroids, Choose(mask, center, EmptyBox()));
     Grow(rightCentroids, Choose(mask, EmptyBox(), center));
-    isLeft[i] = static_cast<std::uint8_t>(left);
+    isLeft[i] = static_cast<std::int8_t>(0 - left);
     lefts += left;
   }
   return {lefts, leftCentroids, rightCentroids};
@@ -70,18 +70,20 @@ Sides FindSides(const BuildRecord* records, std::uint32_t count, const SideOf& s
 
 // Those that go left in front. The order on both sides is that of a scan from the front which exchanges what
 // goes right with what stands last; equal primitives end up in one leaf, and the first of them is hit.
-void MoveToSides(BuildRecord* records, std::uint32_t count, const std::uint8_t* isLeft) {
-  std::uint32_t front = 0, back = count - 1;  // of what is not scanned
+//   isLeft  all bits of the record's byte, or none
+void MoveToSides(BuildRecord* records, std::uint32_t count, const std::int8_t* isLeft) {
+  std::int64_t front = 0, back = std::int64_t{count} - 1;  // of what is not scanned
   Float8 record = Float8::LoadAligned(records[0].min);
-  std::uint32_t left = isLeft[0];
+  std::int64_t left = isLeft[0];
+  // No branch: nobody could foresee it. Both flags that may be the next are loaded before it is known which.
+  const auto choose = [&left](std::int64_t a, std::int64_t b) { return b ^ ((a ^ b) & left); };
   for (std::uint32_t i = 1; i < count; ++i) {
-    // front or back, without a branch that none could foresee
-    const std::uint32_t to = back ^ ((front ^ back) & (0 - left)), next = to + left;
-    const Float8 other = Float8::LoadAligned(records[next].min);
+    const std::int64_t to = choose(front, back), isNextLeft = choose(isLeft[front + 1], isLeft[back]);
+    const Float8 other = Float8::LoadAligned(records[to - left].min);
     record.StoreAligned(records[to].min);
-    front += left;
-    back -= 1 - left;
-    left = isLeft[next];
+    front -= left;
+    back += ~left;
+    left = isNextLeft;
     record = other;
   }
   record.StoreAligned(records[front].min);
@@ -89,7 +91,7 @@ void MoveToSides(BuildRecord* records, std::uint32_t count, const std::uint8_t* 
 
 struct Builder {
   BuildRecord* records;
-  std::uint8_t* isLeft;  // one a record
+  std::int8_t* isLeft;  // one a record
   PrimitiveRef* references;
   BinaryNode* nodes;
   std::atomic<int> depth{0};
@@ -130,8 +132,7 @@ struct Builder {
     const auto find = [&](std::uint32_t first, std::uint32_t count) {
       return FindSides(records + first, count, side, isLeft + first);
     };
-    const Sides sides =
-        task.count < kSharedPasses ? find(task.first, task.count) : Shared<Sides>(task, find);
+    const Sides sides = task.count < kSharedPasses ? find(task.first, task.count) : Shared<Sides>(task, find);
     if (sides.left != task.count) MoveToSides(records + task.first, task.count, isLeft + task.first);
     return sides;
   }
@@ -170,15 +171,13 @@ struct Builder {
       sides.rightCentroids = CentroidBox(records + task.first + sides.left, task.count - sides.left);
     }
     children[0] = {sides.leftCentroids, 0, 0, task.first, sides.left, task.depth + 1};
-    children[1] = {sides.rightCentroids,         0,
-                   0,                            task.first + sides.left,
-                   task.count - sides.left, task.depth + 1};
+    children[1] = {sides.rightCentroids, 0, 0, task.first + sides.left, task.count - sides.left,
+                   task.depth + 1};
     return true;
   }
 
   // The node of two finished children that stand at `pair`. Returns what FinishNode does.
-  float Finish(std::uint32_t index, std::uint32_t pair, std::uint32_t count,
-               const float (&costs)[2]) {
+  float Finish(std::uint32_t index, std::uint32_t pair, std::uint32_t count, const float (&costs)[2]) {
     BinaryNode& node = nodes[index];
     node.first = pair;
     node.count = 0;
@@ -255,13 +254,9 @@ std::vector<PrimitiveList> PrimitiveLists(const Object& object) {
 }
 
 BuildRecord MakeRecord(const Object& object, std::uint32_t partAndKind, std::uint32_t index) {
-  const Box box =
-      PrimitiveBox(object, {static_cast<std::uint16_t>(partAndKind & 0xFFFFU),
-                            static_cast<std::uint16_t>(partAndKind >> 16U), index});
-  return {{box.min.x, box.min.y, box.min.z},
-          partAndKind,
-          {-box.max.x, -box.max.y, -box.max.z},
-          index};
+  const Box box = PrimitiveBox(object, {static_cast<std::uint16_t>(partAndKind & 0xFFFFU),
+                                        static_cast<std::uint16_t>(partAndKind >> 16U), index});
+  return {{box.min.x, box.min.y, box.min.z}, partAndKind, {-box.max.x, -box.max.y, -box.max.z}, index};
 }
 
 // The box of all centroids.
@@ -303,7 +298,7 @@ void Build(Object& object) {
   const std::vector<PrimitiveList> lists = PrimitiveLists(object);
   const std::size_t total = lists.back().first;
   RawVector<BuildRecord> records(total);
-  RawVector<std::uint8_t> isLeft(total);
+  RawVector<std::int8_t> isLeft(total);
   object.references.resize(total);
   object.nodes.resize(std::max<std::size_t>(2 * total, 2) - 1);
   Builder builder{records.data(), isLeft.data(), object.references.data(), object.nodes.data()};

@@ -83,7 +83,8 @@ struct Collapser {
     return IsLeaf(n) || (flat && n.sum <= 65535);
   }
 
-  // Calls `below` of the binary node and the first reference of each inner slot, and copies those of the others.
+  // Calls `below` of the binary node and the first reference of each inner slot, and copies those of the
+  // others.
   template <class Below>
   std::uint8_t FillSlots(const Cut& cut, Below below) const {
     std::uint8_t leaves = 0;
@@ -151,9 +152,7 @@ struct Collapser {
 
   void Write(const Piece& piece, std::size_t number) const {
     std::size_t pieceBelow = number + 1;
-    const auto nextPiece = [&] {
-      return pieces[std::exchange(pieceBelow, pieces[pieceBelow].end)].place;
-    };
+    const auto nextPiece = [&] { return pieces[std::exchange(pieceBelow, pieces[pieceBelow].end)].place; };
     for (std::uint32_t i = 0; i < piece.cuts.size(); ++i) {
       std::uint32_t below = i + 1;
       const auto nextCut = [&] {

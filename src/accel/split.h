@@ -1,5 +1,5 @@
-// accel/split.h: where the builder divides a node: eight bins on each of three axes, the cheapest of the seven
-// splits between them, and the side of a primitive's box.
+// accel/split.h: where the builder divides a node: eight bins on each of three axes, the cheapest of the
+// seven splits between them, and the side of a primitive's box.
 
 #pragma once
 
@@ -156,7 +156,8 @@ struct SideOf {
       : left(split.left), right(split.right), rightIsLarger(HalfArea(split.right) > HalfArea(split.left)) {}
   // 1 if it goes left, else 0.
   std::uint32_t IsLeft(LaneBox box) const {
-    const unsigned inLeft = MaskLessEqual(left, box) & kBoxLanes, inRight = MaskLessEqual(right, box) & kBoxLanes;
+    const unsigned inLeft = MaskLessEqual(left, box) & kBoxLanes,
+                   inRight = MaskLessEqual(right, box) & kBoxLanes;
     return static_cast<std::uint32_t>(inLeft == kBoxLanes) &
            (static_cast<std::uint32_t>(rightIsLarger) | static_cast<std::uint32_t>(inRight != kBoxLanes));
   }
