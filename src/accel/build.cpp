@@ -108,8 +108,8 @@ struct Builder {
     const std::uint32_t parts = (task.count + kRecordsOfAPass - 1) / kRecordsOfAPass;
     std::vector<Result> results(parts);
 #pragma omp taskloop grainsize(1) default(shared)
-    for (std::uint32_t i = 0; i < parts; ++i) {
-      const std::uint32_t first = i * kRecordsOfAPass;
+    for (std::size_t i = 0; i < parts; ++i) {
+      const auto first = static_cast<std::uint32_t>(i) * kRecordsOfAPass;
       results[i] = pass(task.first + first, std::min(kRecordsOfAPass, task.count - first));
     }
     for (std::uint32_t i = 1; i < parts; ++i) results[0].Add(results[i]);
