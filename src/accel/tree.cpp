@@ -126,6 +126,8 @@ struct NodeLanes {
   std::uint32_t unused = 0;   // lanes of that kind before it
 };
 
+constexpr std::uint32_t kMostMerged = std::max({kMergedTriangles, kMergedParticles, kMergedCylinders});
+
 // References of all below a wide node: they are in a row.
 struct ReferenceRange {
   std::uint32_t first, end;

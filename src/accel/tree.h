@@ -73,7 +73,6 @@ static_assert(sizeof(ParticleBlock) == 192);
 // whether one of its lanes is in use or all are, and a few blocks cost less than a node and the leaves that
 // it leads to. Nodes inside such a leaf are packed too, but not walked.
 inline constexpr std::uint32_t kMergedTriangles = 12, kMergedParticles = 16, kMergedCylinders = 2;
-inline constexpr std::uint32_t kMostMerged = kMergedParticles;
 struct PackedKind {
   std::uint16_t kind;
   std::uint32_t flag;
