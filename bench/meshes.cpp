@@ -66,9 +66,9 @@ void RestartPeak() {
   }
 }
 
-template <class T>
-std::size_t Bytes(const std::vector<T>& list) {
-  return list.capacity() * sizeof(T);
+template <class List>
+std::size_t Bytes(const List& list) {
+  return list.capacity() * sizeof(typename List::value_type);
 }
 
 std::size_t ContainerBytes(const Object& object) {

@@ -111,12 +111,15 @@ TEST_F(AccelTest, RaysWithinPlanesOfBoxesMissNoBox) {
 TEST_F(AccelTest, BinaryTreeKeepsItsInvariantsAndRotationsNeverCostMore) {
   Object object;
   object.parts.push_back(MakeSoup(5000));
-  Build(object);
-  Box box;
+  BuildWellFormed(object);
+  Box box, after;
+  EXPECT_NEAR(object.treeCost, RefitCost(object, 0, box), 1e-3 * object.treeCost);
+  EXPECT_EQ(object.bounds, box);
+  object.deformable = true;
+  for (Vec3& p : object.parts[0].positions) p = UniformPoint(10);
   const float before = RefitCost(object, 0, box);
-  Update(object, true, 1);
+  Update(object, false, 1);
   EXPECT_EQ(ValidateTree(object), "");
-  Box after;
   const float cost = RefitCost(object, 0, after);
   EXPECT_LT(cost, before);
   EXPECT_EQ(box, after);

@@ -10,10 +10,11 @@
 
 namespace zp {
 
-// The binary tree over all primitives of an Object, from scratch. Boxes of inner nodes come from Update.
+// The binary tree over all primitives of an Object, from scratch, and rotated.
 void Build(Object& object);
 // Moves vertices by motion / passes, refits and rotates the binary tree, and lays out the wide one.
-// Without `force` only deformable Objects are touched, and only those move.
+// Without `force` only deformable Objects are touched; with it nothing has moved since Build, and the tree is
+// laid out alone.
 void Update(Object& object, bool force, int passes);
 // In format 2: puts a deformable Object to a time, 0 as the shutter opens to 1 as it closes, and its trees.
 void MoveObject(Object& object, float time);

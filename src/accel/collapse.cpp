@@ -1,96 +1,196 @@
-// Collapses a binary tree into eight-wide nodes.
+// Collapses a binary tree into eight-wide nodes, in two steps: first threads find which binary nodes stand in
+// the slots of the wide ones, subtree by subtree; once these are counted their places are known, and the wide
+// nodes are written.
+
+#include <algorithm>
+#include <array>
+#include <utility>
+#include <vector>
 
 #include "accel/update_steps.h"
-#include "core/release.h"
+#include "core/threads.h"
 
 namespace zp {
 namespace {
 
-WideNode BlankWideNode() {
-  WideNode node;
-  for (int row = 0; row < 6; ++row)
-    for (float& plane : node.boxes[row]) plane = row < 3 ? kFarthest : -kFarthest;
-  for (int i = 0; i < 8; ++i) {
-    node.child[i] = kUnusedSlot;
-    node.count[i] = 0;
-    node.log[i] = 0;
-  }
-  return node;
-}
+constexpr std::uint32_t kLeastPiece = 4096;  // primitives that are worth a list of their own
+constexpr std::uint32_t kPieces = 64;        // or more, where the tree is large
+
+// A wide node before it has a place.
+struct Cut {
+  std::array<std::uint32_t, 8> slots;  // binary nodes
+  std::uint32_t firstReference;        // of all below
+  std::uint32_t below = 1;             // wide nodes from it to the last of its subtree, which follows it
+  std::uint8_t size = 0, leaves = 0;   // slots in use; bits of those that are leaves
+};
+
+// A subtree of the wide tree, or a node above subtrees. Pieces stand in the order of wide nodes: each before
+// those below it, these in the order of its slots.
+struct Piece {
+  std::uint32_t binary, firstReference;
+  int depth, deepest = 0;
+  bool isSubtree = false;
+  std::size_t end = 0;      // piece behind all below
+  std::uint32_t place = 0;  // of its first wide node
+  std::vector<Cut> cuts = {};
+};
 
 struct Collapser {
   Object& object;
-
-  void AppendLeaves(std::uint32_t index) {
-    const BinaryNode& n = object.nodes[index];
-    if (IsLeaf(n)) {
-      const auto begin = object.references.begin() + n.first;
-      object.compactReferences.insert(object.compactReferences.end(), begin, begin + n.count);
-    } else {
-      AppendLeaves(n.first);
-      AppendLeaves(n.first + 1);
-    }
-  }
-
-  void Collapse(std::uint32_t binary, std::uint32_t wide, int depth) {
-    const std::vector<BinaryNode>& nodes = object.nodes;
-    if (depth > object.wideDepth) object.wideDepth = depth;
-    std::uint32_t list[8] = {binary};
-    float areas[8] = {OpenArea(binary)};
-    int size = 1;
-    while (size < 8) {
-      int largest = -1;
-      for (int i = 0; i < size; ++i)
-        if (areas[i] > (largest < 0 ? -1.0f : areas[largest])) largest = i;
-      if (largest < 0) break;
-      const std::uint32_t first = nodes[list[largest]].first;
-      list[largest] = first;
-      areas[largest] = OpenArea(first);
-      list[size] = first + 1;
-      areas[size++] = OpenArea(first + 1);
-    }
-    for (int i = 0; i < size; ++i) {
-      const BinaryNode& n = nodes[list[i]];
-      {
-        WideNode& node = object.wideNodes[wide];
-        for (int axis = 0; axis < 3; ++axis) {
-          node.boxes[axis][i] = n.box.min[axis];
-          node.boxes[axis + 3][i] = n.box.max[axis];
-        }
-      }
-      const bool flat = n.sum < 2 || n.cost > static_cast<float>(n.sum) * HalfArea(n.box);
-      if (IsLeaf(n) || (flat && n.sum <= 65535)) {
-        if (n.sum == 0) continue;  // the root of an Object without primitives: the slot stays unused
-        object.wideNodes[wide].child[i] = static_cast<std::uint32_t>(object.compactReferences.size());
-        object.wideNodes[wide].count[i] = static_cast<std::uint16_t>(n.sum);
-        AppendLeaves(list[i]);
-      } else {
-        const auto child = static_cast<std::uint32_t>(object.wideNodes.size());
-        object.wideNodes[wide].child[i] = child;
-        object.wideNodes.push_back(BlankWideNode());
-        Collapse(list[i], child, depth + 1);
-      }
-    }
-  }
+  std::vector<Piece> pieces = {};
 
   // The area by which inner nodes are opened; leaves are not.
   float OpenArea(std::uint32_t index) const {
     const BinaryNode& n = object.nodes[index];
     return IsLeaf(n) ? -1.0f : HalfArea(n.box);
   }
+
+  // Leaf references from left to right, to `next` and on.
+  void CopyLeaves(std::uint32_t index, PrimitiveRef*& next) const {
+    const BinaryNode& n = object.nodes[index];
+    if (IsLeaf(n)) {
+      next = std::copy_n(object.references.data() + n.first, n.count, next);
+    } else {
+      CopyLeaves(n.first, next);
+      CopyLeaves(n.first + 1, next);
+    }
+  }
+
+  Cut OpenNodes(std::uint32_t binary, std::uint32_t firstReference) const {
+    Cut cut;
+    cut.firstReference = firstReference;
+    cut.slots[0] = binary;
+    float areas[8] = {OpenArea(binary)};
+    std::uint32_t size = 1;
+    while (size < 8) {
+      int largest = -1;
+      for (int i = 0; i < static_cast<int>(size); ++i)
+        if (areas[i] > (largest < 0 ? -1.0f : areas[largest])) largest = i;
+      if (largest < 0) break;
+      std::uint32_t& slot = cut.slots[static_cast<std::size_t>(largest)];
+      slot = object.nodes[slot].first;
+      cut.slots[size] = slot + 1;
+      areas[largest] = OpenArea(slot);
+      areas[size] = OpenArea(slot + 1);
+      ++size;
+    }
+    cut.size = static_cast<std::uint8_t>(size);
+    return cut;
+  }
+
+  static bool IsWideLeaf(const BinaryNode& n) {
+    const bool flat = n.sum < 2 || n.cost > static_cast<float>(n.sum) * HalfArea(n.box);
+    return IsLeaf(n) || (flat && n.sum <= 65535);
+  }
+
+  // Calls `below` of the binary node and the first reference of each inner slot, and copies those of the
+  // others.
+  template <class Below>
+  std::uint8_t FillSlots(const Cut& cut, Below below) const {
+    std::uint8_t leaves = 0;
+    std::uint32_t reference = cut.firstReference;
+    for (std::uint32_t i = 0; i < cut.size; ++i) {
+      const BinaryNode& n = object.nodes[cut.slots[i]];
+      if (IsWideLeaf(n)) {
+        leaves = static_cast<std::uint8_t>(leaves | 1U << i);
+        PrimitiveRef* next = object.compactReferences.data() + reference;
+        CopyLeaves(cut.slots[i], next);
+      } else {
+        below(cut.slots[i], reference);
+      }
+      reference += n.sum;
+    }
+    return leaves;
+  }
+
+  // The pieces of a binary node's subtree, of at most so many primitives each.
+  void Divide(std::uint32_t binary, std::uint32_t firstReference, int depth, std::uint32_t most) {
+    const std::size_t place = pieces.size();
+    pieces.push_back({binary, firstReference, depth, depth});
+    if (object.nodes[binary].sum <= most) {
+      pieces[place].isSubtree = true;
+    } else {
+      Cut cut = OpenNodes(binary, firstReference);
+      cut.leaves = FillSlots(cut, [&](std::uint32_t slot, std::uint32_t reference) {
+        Divide(slot, reference, depth + 1, most);
+      });
+      pieces[place].cuts = {cut};
+    }
+    pieces[place].end = pieces.size();
+  }
+
+  void Collapse(Piece& piece, std::uint32_t binary, std::uint32_t firstReference, int depth) const {
+    const std::size_t place = piece.cuts.size();
+    piece.deepest = std::max(piece.deepest, depth);
+    const Cut cut = OpenNodes(binary, firstReference);
+    piece.cuts.push_back(cut);
+    const std::uint8_t leaves = FillSlots(cut, [&](std::uint32_t slot, std::uint32_t reference) {
+      Collapse(piece, slot, reference, depth + 1);
+    });
+    piece.cuts[place].leaves = leaves;
+    piece.cuts[place].below = static_cast<std::uint32_t>(piece.cuts.size() - place);
+  }
+
+  // `nextChild()` is the place of the next wide node below.
+  template <class NextChild>
+  void WriteNode(const Cut& cut, WideNode& node, NextChild nextChild) const {
+    std::uint32_t reference = cut.firstReference;
+    for (std::uint32_t i = 0; i < 8; ++i) {
+      const BinaryNode blank;
+      const BinaryNode& n = i < cut.size ? object.nodes[cut.slots[i]] : blank;
+      for (int axis = 0; axis < 3; ++axis) {
+        node.boxes[axis][i] = n.box.min[axis];
+        node.boxes[axis + 3][i] = n.box.max[axis];
+      }
+      const bool leaf = (cut.leaves >> i & 1U) != 0;
+      node.count[i] = static_cast<std::uint16_t>(leaf ? n.sum : 0);
+      node.child[i] = n.sum == 0 ? kUnusedSlot : leaf ? reference : nextChild();
+      node.log[i] = 0;
+      reference += n.sum;
+    }
+  }
+
+  void Write(const Piece& piece, std::size_t number) const {
+    std::size_t pieceBelow = number + 1;
+    const auto nextPiece = [&] { return pieces[std::exchange(pieceBelow, pieces[pieceBelow].end)].place; };
+    for (std::uint32_t i = 0; i < piece.cuts.size(); ++i) {
+      std::uint32_t below = i + 1;
+      const auto nextCut = [&] {
+        return piece.place + std::exchange(below, below + piece.cuts[below].below);
+      };
+      WideNode& node = object.wideNodes[piece.place + i];
+      if (piece.isSubtree)
+        WriteNode(piece.cuts[i], node, nextCut);
+      else
+        WriteNode(piece.cuts[i], node, nextPiece);
+    }
+  }
 };
 
 }  // namespace
 
 void CollapseTree(Object& object) {
-  Release(object.compactReferences);
-  Release(object.wideNodes);
-  object.compactReferences.reserve(object.references.size());
-  object.wideNodes.reserve(object.references.size() / 6 + 1);
+  const std::uint32_t total = object.nodes[0].sum;
+  object.compactReferences.resize(total);
+  Collapser collapser{object};
+  std::vector<Piece>& pieces = collapser.pieces;
+  collapser.Divide(0, 0, 0, std::max(kLeastPiece, total / kPieces));
+#pragma omp parallel for schedule(dynamic, 1) if (IsWorthThreads(total, 20))
+  for (std::size_t i = 0; i < pieces.size(); ++i) {
+    Piece& piece = pieces[i];
+    if (piece.isSubtree) collapser.Collapse(piece, piece.binary, piece.firstReference, piece.depth);
+  }
+  std::uint32_t places = 0;
   object.wideDepth = 0;
-  object.wideNodes.push_back(BlankWideNode());
-  Collapser{object}.Collapse(0, 0, 0);
-  object.wideNodes.shrink_to_fit();
+  for (Piece& piece : pieces) {
+    piece.place = places;
+    places += static_cast<std::uint32_t>(piece.cuts.size());
+    object.wideDepth = std::max(object.wideDepth, piece.deepest);
+  }
+  object.wideNodes.clear();  // nothing to copy where it grows
+  object.wideNodes.resize(places);
+#pragma omp parallel for schedule(dynamic, 1) if (IsWorthThreads(total, 20))
+  for (std::size_t i = 0; i < pieces.size(); ++i) collapser.Write(pieces[i], i);
 }
 
 }  // namespace zp

@@ -85,23 +85,15 @@ struct GroupBoxes {
 
 constexpr int kTaskDepth = 10;  // subtrees above this depth are shared among threads
 
-struct TreeRotator {
-  Object& object;
-  std::vector<BinaryNode>& nodes;
+struct NodeRotator {
+  BinaryNode* nodes;
 
+  // Of an inner node.
   void Refit(BinaryNode& n) {
-    n.box = Box{};
-    if (n.count == 0 && n.sum > 0) {
-      const BinaryNode &l = nodes[n.first], &r = nodes[n.first + 1];
-      n.box = Union(l.box, r.box);
-      n.cost = HalfArea(n.box) + l.cost + r.cost;
-      n.sum = l.sum + r.sum;
-    } else {
-      for (std::uint32_t i = n.first; i < n.first + n.count; ++i)
-        Grow(n.box, PrimitiveBox(object, object.references[i]));
-      n.cost = HalfArea(n.box) * static_cast<float>(n.count);
-      n.sum = n.count;
-    }
+    const BinaryNode &l = nodes[n.first], &r = nodes[n.first + 1];
+    n.box = Union(l.box, r.box);
+    n.cost = HalfArea(n.box) + l.cost + r.cost;
+    n.sum = l.sum + r.sum;
   }
 
   void RecomputeCost(BinaryNode& n) {
@@ -112,33 +104,6 @@ struct TreeRotator {
       n.cost = HalfArea(n.box) + l.cost + r.cost;
       n.sum = l.sum + r.sum;
     }
-  }
-
-  // Refits the subtree of n and then rotates it from its leaves to n, each node once. The cost that a
-  // rotation at n has to beat is the one before any rotation below n; the result says it for the parent.
-  float Walk(std::uint32_t index, int depth) {
-    BinaryNode& n = nodes[index];
-    if (Stopping()) return 0;
-    if (IsLeaf(n)) {
-      Refit(n);
-      return n.cost;
-    }
-    float left = 0, right = 0;
-    const std::uint32_t first = n.first;
-    if (depth < kTaskDepth && n.sum > 4096) {
-#pragma omp task shared(left) firstprivate(first, depth)
-      left = Walk(first, depth + 1);
-      right = Walk(first + 1, depth + 1);
-#pragma omp taskwait
-    } else {
-      left = Walk(first, depth + 1);
-      right = Walk(first + 1, depth + 1);
-    }
-    n.box = Union(nodes[first].box, nodes[first + 1].box);
-    n.cost = HalfArea(n.box) + left + right;
-    const float cost = n.cost;
-    Rotate(n);
-    return cost;
   }
 
   void Rotate(BinaryNode& n) {
@@ -229,13 +194,51 @@ struct TreeRotator {
   }
 };
 
+void RefitLeaf(const Object& object, BinaryNode& n) {
+  n.box = Box{};
+  for (std::uint32_t i = n.first; i < n.first + n.count; ++i)
+    Grow(n.box, PrimitiveBox(object, object.references[i]));
+  n.cost = HalfArea(n.box) * static_cast<float>(n.count);
+  n.sum = n.count;
+}
+
+// Refits the subtree of a node and then rotates it from its leaves to the node, each node once. The result is
+// that of FinishNode.
+float RotateSubtree(Object& object, std::uint32_t index, int depth) {
+  BinaryNode& n = object.nodes[index];
+  if (Stopping()) return 0;
+  if (IsLeaf(n)) {
+    RefitLeaf(object, n);
+    return n.cost;
+  }
+  float left = 0, right = 0;
+  const std::uint32_t first = n.first;
+  if (depth < kTaskDepth && n.sum > 4096) {
+#pragma omp task default(shared)
+    left = RotateSubtree(object, first, depth + 1);
+    right = RotateSubtree(object, first + 1, depth + 1);
+#pragma omp taskwait
+  } else {
+    left = RotateSubtree(object, first, depth + 1);
+    right = RotateSubtree(object, first + 1, depth + 1);
+  }
+  return FinishNode(object.nodes.data(), n, left, right);
+}
+
 }  // namespace
 
+float FinishNode(BinaryNode* nodes, BinaryNode& n, float leftCost, float rightCost) {
+  n.box = Union(nodes[n.first].box, nodes[n.first + 1].box);
+  n.cost = HalfArea(n.box) + leftCost + rightCost;
+  const float cost = n.cost;
+  NodeRotator{nodes}.Rotate(n);
+  return cost;
+}
+
 void RotateTree(Object& object) {
-  TreeRotator rotator{object, object.nodes};
 #pragma omp parallel if (IsWorthThreads(object.nodes.size(), 100))
 #pragma omp single
-  rotator.Walk(0, 0);
+  RotateSubtree(object, 0, 0);
   if (Stopping()) return;
   object.bounds = object.nodes[0].box;
   object.treeCost = static_cast<double>(object.nodes[0].cost);

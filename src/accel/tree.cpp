@@ -1,15 +1,14 @@
 #include "accel/tree.h"
 
-#include <sys/mman.h>
-
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 #include <type_traits>
-#include <vector>
 
 #include "accel/cut_outs.h"
+#include "core/pages.h"
+#include "core/release.h"
 #include "core/settings.h"
 #include "core/threads.h"
 #include "shading/shading.h"
@@ -17,19 +16,15 @@
 namespace zp {
 
 template <class T>
-PageArray<T>::PageArray(std::size_t count) : size_(count) {
+void PageArray<T>::Resize(std::size_t count) {
   static_assert(std::is_trivially_copyable_v<T>);
+  size_ = count;
+  if (count <= room_ && room_ / 2 <= count) return;
+  data_.reset();
+  room_ = 0;
   if (count == 0) return;
-  constexpr std::size_t kLargePage = std::size_t{2} << 20U;
-  const std::size_t bytes = count * sizeof(T);
-  constexpr std::size_t kPage = 4096, kLine = 64;  // scenes may hold thousands of trees of a node or two
-  const std::size_t alignment = bytes >= kLargePage ? kLargePage : bytes >= kPage ? kPage : kLine;
-  const std::size_t whole = (bytes + alignment - 1) / alignment * alignment;
-  void* memory = std::aligned_alloc(alignment, whole);
-  if (memory == nullptr) throw std::bad_alloc();
-  if (alignment == kLargePage) madvise(memory, whole, MADV_HUGEPAGE);  // a hint: refusal costs speed only
-  std::memset(memory, 0, bytes);
-  data_.reset(static_cast<T*>(memory));
+  data_.reset(static_cast<T*>(AllocatePages(count * sizeof(T))));
+  room_ = count;
 }
 
 template <class T>
@@ -56,6 +51,18 @@ std::size_t LeafKind(const Object& object, std::uint32_t first, std::uint32_t co
   return kMixed;
 }
 
+void PutTriangle(TriangleBlock& block, std::uint32_t lane, Vec3 p0, Vec3 e1, Vec3 e2,
+                 const PrimitiveRef& reference, std::int32_t shader) {
+  for (int a = 0; a < 3; ++a) {
+    block.p0[a][lane] = p0[a];
+    block.e1[a][lane] = e1[a];
+    block.e2[a][lane] = e2[a];
+  }
+  block.primitive[lane] = reference.index;
+  block.shader[lane] = shader;
+  block.part[lane] = reference.part;
+}
+
 void FillTriangle(TriangleBlock& block, std::uint32_t lane, const Object& object,
                   const PrimitiveRef& reference) {
   const Part& part = object.parts[reference.part];
@@ -63,13 +70,14 @@ void FillTriangle(TriangleBlock& block, std::uint32_t lane, const Object& object
   const Vec3 p0 = part.positions[triangle.vertex[0]];
   const Vec3 e1 = part.positions[triangle.vertex[1]] - p0;
   const Vec3 e2 = part.positions[triangle.vertex[2]] - p0;
-  for (int a = 0; a < 3; ++a) {
-    block.p0[a][lane] = p0[a];
-    block.e1[a][lane] = e1[a];
-    block.e2[a][lane] = e2[a];
-  }
+  PutTriangle(block, lane, p0, e1, e2, reference, triangle.shader);
+}
+
+void PutParticle(ParticleBlock& block, std::uint32_t lane, Vec3 center, float radius,
+                 const PrimitiveRef& reference) {
+  for (int a = 0; a < 3; ++a) block.center[a][lane] = center[a];
+  block.radius[lane] = radius;
   block.primitive[lane] = reference.index;
-  block.shader[lane] = triangle.shader;
   block.part[lane] = reference.part;
 }
 
@@ -77,10 +85,7 @@ void FillParticle(ParticleBlock& block, std::uint32_t lane, const Object& object
                   const PrimitiveRef& reference) {
   const Part& part = object.parts[reference.part];
   const std::uint32_t vertex = part.particles[reference.index];
-  for (int a = 0; a < 3; ++a) block.center[a][lane] = part.positions[vertex][a];
-  block.radius[lane] = VertexRadius(part, vertex);
-  block.primitive[lane] = reference.index;
-  block.part[lane] = reference.part;
+  PutParticle(block, lane, part.positions[vertex], VertexRadius(part, vertex), reference);
 }
 
 void FillLane(PackedTree& tree, std::uint32_t lane, const Object& object, const PrimitiveRef& reference) {
@@ -93,23 +98,6 @@ void FillLane(PackedTree& tree, std::uint32_t lane, const Object& object, const 
       tree.segments[lane] = MakeCurveSegment(object.parts[reference.part], reference.index);
       tree.segments[lane].part = reference.part;
   }
-}
-
-bool IsHidden(std::int32_t shader) {
-  return HasShader(shader) && ShaderAt(shader).geometry.visibility != Visibility::kAll;
-}
-
-// Whether some primitive's Shader is one of those that `test` names.
-template <class F>
-bool AnyPrimitive(const Object& object, F test) {
-  for (const Part& part : object.parts) {
-    if ((!part.particles.empty() || !part.cylinders.empty()) && test(part.shader)) return true;
-    for (const Triangle& triangle : part.triangles)
-      if (test(triangle.shader)) return true;
-    for (const Tetragon& tetragon : part.tetragons)
-      if (test(tetragon.shader)) return true;
-  }
-  return false;
 }
 
 }  // namespace
@@ -135,47 +123,51 @@ struct NodeLanes {
   std::uint32_t count = 0;    // in all below; of merged nodes only
   std::size_t kind = kMixed;  // of all below; of merged nodes only
   bool merged = false;        // walks see all below as one leaf
-
-  // Takes in something of this kind below the node.
-  void Join(std::size_t other) {
-    if (kind == kMixed) kind = other;
-    merged = merged && other != kMixed && kind == other;
-  }
+  std::uint32_t unused = 0;   // lanes of that kind before it
 };
 
-// Those of a node alone; merged if nothing but leaves of one packed kind and inner nodes hang from it.
+constexpr std::uint32_t kMostMerged = std::max({kMergedTriangles, kMergedParticles, kMergedCylinders});
+
+// References of all below a wide node: they are in a row.
+struct ReferenceRange {
+  std::uint32_t first, end;
+};
+ReferenceRange RangeOf(const Object& object, std::size_t n) {
+  const WideNode* node = &object.wideNodes[n];
+  while (node->count[0] == 0) node = &object.wideNodes[node->child[0]];
+  const std::uint32_t first = node->child[0];
+  node = &object.wideNodes[n];
+  for (;;) {
+    int last = 7;
+    while (node->child[last] == kUnusedSlot) --last;
+    if (node->count[last] != 0) return {first, node->child[last] + node->count[last]};
+    node = &object.wideNodes[node->child[last]];
+  }
+}
+
 NodeLanes CountLanes(const Object& object, std::size_t n) {
   const WideNode& wide = object.wideNodes[n];
   NodeLanes lanes;
-  lanes.merged = n != 0;
   for (int i = 0; i < 8; ++i) {
     if (wide.child[i] == kUnusedSlot || wide.count[i] == 0) continue;
     const std::size_t kind = LeafKind(object, wide.child[i], wide.count[i]);
     if (kind != kMixed) lanes.own[kind] += wide.count[i];
-    lanes.Join(kind);
   }
+  if (n == 0) return lanes;
+  const auto [first, end] = RangeOf(object, n);
+  if (end - first > kMostMerged) return lanes;
+  lanes.count = end - first;
+  lanes.kind = LeafKind(object, first, lanes.count);
+  lanes.merged = lanes.kind != kMixed && lanes.count <= kPackedKinds[lanes.kind].most;
   return lanes;
 }
 
 // Children stand behind their parents, each subtree in a row, so that a merged one's lanes are in a row too.
-std::vector<NodeLanes> PlaceLanes(const Object& object, KindCounts& laneCount) {
+RawVector<NodeLanes> PlaceLanes(const Object& object, KindCounts& laneCount) {
   const std::size_t nodeCount = object.wideNodes.size();
-  std::vector<NodeLanes> lanes(nodeCount);
+  RawVector<NodeLanes> lanes(nodeCount);
 #pragma omp parallel for schedule(static) if (IsWorthThreads(nodeCount, 40))
   for (std::size_t n = 0; n < nodeCount; ++n) lanes[n] = CountLanes(object, n);
-  for (std::size_t n = nodeCount; n-- > 0;) {
-    NodeLanes& node = lanes[n];
-    if (!node.merged) continue;
-    const WideNode& wide = object.wideNodes[n];
-    for (int i = 0; i < 8; ++i) {
-      if (wide.child[i] == kUnusedSlot || wide.count[i] != 0) continue;
-      const NodeLanes& child = lanes[wide.child[i]];
-      node.Join(child.merged ? child.kind : kMixed);
-      node.count += child.count;
-    }
-    for (const std::uint32_t own : node.own) node.count += own;
-    node.merged = node.merged && node.kind != kMixed && node.count <= kPackedKinds[node.kind].most;
-  }
   laneCount = {};
   KindCounts inside = {};  // first lane behind the merged subtree that node n is in
   for (NodeLanes& node : lanes) {
@@ -183,8 +175,8 @@ std::vector<NodeLanes> PlaceLanes(const Object& object, KindCounts& laneCount) {
     if (node.merged && laneCount[kind] >= inside[kind]) {
       // It takes no more blocks than its count needs.
       const std::uint32_t blockLanes = kPackedKinds[kind].blockLanes, place = laneCount[kind] % blockLanes;
-      if (BlocksFor(kind, place + node.count) > BlocksFor(kind, node.count))
-        laneCount[kind] += blockLanes - place;
+      if (BlocksFor(kind, place + node.count) > BlocksFor(kind, node.count)) node.unused = blockLanes - place;
+      laneCount[kind] += node.unused;
       inside[kind] = laneCount[kind] + node.count;
     }
     node.first = laneCount;
@@ -193,50 +185,96 @@ std::vector<NodeLanes> PlaceLanes(const Object& object, KindCounts& laneCount) {
   return lanes;
 }
 
+// Lanes that no leaf holds.
+void ClearLanes(PackedTree& tree, std::size_t kind, std::uint32_t first, std::uint32_t end) {
+  for (std::uint32_t lane = first; lane < end; ++lane)
+    if (kind == 0)
+      PutTriangle(tree.blocks[lane / kBlockLanes], lane % kBlockLanes, {}, {}, {}, {}, 0);
+    else if (kind == 1)
+      PutParticle(tree.particles[lane / kParticleLanes], lane % kParticleLanes, {}, 0, {});
+}
+
+void FillNode(const Object& object, const RawVector<NodeLanes>& lanes, std::size_t n, PackedTree& tree) {
+  const WideNode& wide = object.wideNodes[n];
+  PackedNode& node = tree.nodes[n];
+  std::memcpy(node.boxes, wide.boxes, sizeof node.boxes);
+  KindCounts lane = lanes[n].first;
+  const std::size_t mergedKind = lanes[n].kind;
+  if (lanes[n].unused != 0)
+    ClearLanes(tree, mergedKind, lane[mergedKind] - lanes[n].unused, lane[mergedKind]);
+  for (int i = 0; i < 8; ++i) {
+    const std::uint32_t child = wide.child[i], count = wide.count[i];
+    node.child[i] = child;
+    node.word[i] = count == 0 ? 0 : kLeaf | count;
+    if (child == kUnusedSlot) {  // an empty leaf: harmless even to a ray of no numbers
+      node.child[i] = 0;
+      node.word[i] = kLeaf;
+    } else if (count == 0) {
+      if (!lanes[child].merged) continue;
+      const std::size_t kind = lanes[child].kind;
+      node.child[i] = lanes[child].first[kind];
+      node.word[i] = kLeaf | kPackedKinds[kind].flag | lanes[child].count;
+    } else if (const std::size_t kind = LeafKind(object, child, count); kind != kMixed) {
+      node.child[i] = lane[kind];
+      node.word[i] |= kPackedKinds[kind].flag;
+      for (std::uint32_t k = 0; k < count; ++k)
+        FillLane(tree, lane[kind]++, object, object.compactReferences[child + k]);
+    }
+  }
+}
+
+// What primitives' Shaders ask of the walks through a tree.
+enum Demand : std::uint8_t { kHides = 1, kLetsLightThrough = 2, kCutsOut = 4 };
+
+std::uint8_t DemandsOf(std::int32_t shader) {
+  const bool hides = HasShader(shader) && ShaderAt(shader).geometry.visibility != Visibility::kAll;
+  return static_cast<std::uint8_t>((hides ? kHides : 0) | (IsOpaque(shader) ? 0 : kLetsLightThrough) |
+                                   (CutsOut(shader) ? kCutsOut : 0));
+}
+
+// Those of all primitives.
+std::uint8_t DemandsOf(const Object& object) {
+  unsigned demands = 0;
+  const auto add = [&demands](const auto& primitives) {
+    unsigned sum = 0;
+#pragma omp parallel for schedule(static) reduction(| : sum) if (IsWorthThreads(primitives.size(), 2))
+    for (std::size_t i = 0; i < primitives.size(); ++i)
+      if (i == 0 || primitives[i].shader != primitives[i - 1].shader) sum |= DemandsOf(primitives[i].shader);
+    demands |= sum;
+  };
+  for (const Part& part : object.parts) {
+    if (!part.particles.empty() || !part.cylinders.empty()) demands |= DemandsOf(part.shader);
+    add(part.triangles);
+    add(part.tetragons);
+  }
+  return static_cast<std::uint8_t>(demands);
+}
+
 }  // namespace
 
 void PackTree(Object& object) {
   const std::size_t nodeCount = object.wideNodes.size();
   KindCounts laneCount;
-  const std::vector<NodeLanes> lanes = PlaceLanes(object, laneCount);
+  const RawVector<NodeLanes> lanes = PlaceLanes(object, laneCount);
 
-  auto packed = std::make_shared<PackedTree>();
-  packed->nodes = PageArray<PackedNode>(nodeCount);
-  packed->blocks = PageArray<TriangleBlock>(BlocksFor(0, laneCount[0]));
-  packed->particles = PageArray<ParticleBlock>(BlocksFor(1, laneCount[1]));
-  packed->segments = PageArray<CurveSegment>(BlocksFor(2, laneCount[2]));
+  const bool isOurs = object.packed != nullptr && object.packed.use_count() == 1;
+  const auto packed = isOurs ? std::move(object.packed) : std::make_shared<PackedTree>();
+  packed->nodes.Resize(nodeCount);
+  packed->blocks.Resize(BlocksFor(0, laneCount[0]));
+  packed->particles.Resize(BlocksFor(1, laneCount[1]));
+  packed->segments.Resize(BlocksFor(2, laneCount[2]));
   packed->shadowRoots = settings.format >= 2;
-  packed->filtersVisibility = AnyPrimitive(object, IsHidden);
-  packed->opaqueOnly = !AnyPrimitive(object, [](std::int32_t shader) { return !IsOpaque(shader); });
-  packed->cutsOut = AnyPrimitive(object, CutsOut);
+  const std::uint8_t demands = DemandsOf(object);
+  packed->filtersVisibility = (demands & kHides) != 0;
+  packed->opaqueOnly = (demands & kLetsLightThrough) == 0;
+  packed->cutsOut = (demands & kCutsOut) != 0;
   packed->stackSize = 7 * (object.wideDepth + 1) + 1;
 #pragma omp parallel for schedule(static) if (IsWorthThreads(nodeCount, 400))
-  for (std::size_t n = 0; n < nodeCount; ++n) {
-    const WideNode& wide = object.wideNodes[n];
-    PackedNode& node = packed->nodes[n];
-    std::memcpy(node.boxes, wide.boxes, sizeof node.boxes);
-    KindCounts lane = lanes[n].first;
-    for (int i = 0; i < 8; ++i) {
-      const std::uint32_t child = wide.child[i], count = wide.count[i];
-      node.child[i] = child;
-      node.word[i] = count == 0 ? 0 : kLeaf | count;
-      if (child == kUnusedSlot) {  // an empty leaf: harmless even to a ray of no numbers
-        node.child[i] = 0;
-        node.word[i] = kLeaf;
-      } else if (count == 0) {
-        if (!lanes[child].merged) continue;
-        const std::size_t kind = lanes[child].kind;
-        node.child[i] = lanes[child].first[kind];
-        node.word[i] = kLeaf | kPackedKinds[kind].flag | lanes[child].count;
-      } else if (const std::size_t kind = LeafKind(object, child, count); kind != kMixed) {
-        node.child[i] = lane[kind];
-        node.word[i] |= kPackedKinds[kind].flag;
-        for (std::uint32_t k = 0; k < count; ++k)
-          FillLane(*packed, lane[kind]++, object, object.compactReferences[child + k]);
-      }
-    }
-  }
-  object.packed = std::move(packed);
+  for (std::size_t n = 0; n < nodeCount; ++n) FillNode(object, lanes, n, *packed);
+  for (std::size_t kind = 0; kind < kPackedKindCount; ++kind)
+    ClearLanes(*packed, kind, laneCount[kind],
+               BlocksFor(kind, laneCount[kind]) * kPackedKinds[kind].blockLanes);
+  object.packed = packed;
 }
 
 }  // namespace zp

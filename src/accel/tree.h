@@ -13,13 +13,12 @@
 
 namespace zp {
 
-// Zeroed storage aligned to whole pages, if it is as much as one, large pages where the system gives them:
-// walks of incoherent rays miss the translation buffer less.
+// Storage of AllocatePages: elements have no value until they are written.
 template <class T>
 class PageArray {
  public:
-  PageArray() = default;
-  explicit PageArray(std::size_t count);
+  // Keeps the storage, though not the elements, if it is large enough and not much too large.
+  void Resize(std::size_t count);
   T& operator[](std::size_t i) { return data_[i]; }
   const T& operator[](std::size_t i) const { return data_[i]; }
   T* data() const { return data_.get(); }
@@ -30,7 +29,7 @@ class PageArray {
     void operator()(T* p) const;
   };
   std::unique_ptr<T[], Release> data_;
-  std::size_t size_ = 0;
+  std::size_t size_ = 0, room_ = 0;
 };
 
 // Four cache lines. A leaf's word is kLeaf, the flag of its kind if it holds one packed kind alone, and its

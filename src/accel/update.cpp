@@ -23,8 +23,7 @@ void MoveVertices(Part& part, int passes) {
   }
 }
 
-void RefreshTrees(Object& object) {
-  RotateTree(object);
+void LayOutTrees(Object& object) {
   if (Stopping()) return;
   CollapseTree(object);
   PackTree(object);
@@ -41,7 +40,8 @@ void MoveObject(Object& object, float time) {
     MoveInstance(instance, time);
     FinishInstance(instance, At(objectTable, instance.object).bounds);
   }
-  RefreshTrees(object);
+  RotateTree(object);
+  LayOutTrees(object);
 }
 
 void Update(Object& object, bool force, int passes) {
@@ -51,8 +51,9 @@ void Update(Object& object, bool force, int passes) {
     for (Part& part : object.parts) MoveVertices(part, passes);
     for (Instance& instance : object.instances)
       if (instance.object >= 0) FinishInstance(instance, At(objectTable, instance.object).bounds);
+    RotateTree(object);
   }
-  RefreshTrees(object);
+  LayOutTrees(object);
 }
 
 }  // namespace zp

@@ -59,7 +59,7 @@ struct TreeCheck {
   Fault fault = {};
 
   // Every primitive and Instance once.
-  bool CheckReferences(std::vector<PrimitiveRef> references) {
+  bool CheckReferences(RawVector<PrimitiveRef> references) {
     std::size_t total = object.instances.size();
     for (const Part& part : object.parts)
       for (std::uint16_t kind = kKindParticle; kind <= kKindTetragon; ++kind)
@@ -87,7 +87,10 @@ struct TreeCheck {
   void CheckBinary() {
     if (object.nodes.empty() || !CheckReferences(object.references)) return;
     std::vector<bool> met(object.nodes.size());
-    for (std::size_t n = 0; n < object.nodes.size(); ++n) {
+    std::vector<std::uint32_t> open = {0};  // not every place of the array is in use
+    while (!open.empty()) {
+      const std::uint32_t n = open.back();
+      open.pop_back();
       const BinaryNode& node = object.nodes[n];
       if (IsLeaf(node)) {
         CheckBinaryLeaf(n);
@@ -99,8 +102,9 @@ struct TreeCheck {
       const BinaryNode &left = object.nodes[node.first], &right = object.nodes[node.first + 1];
       fault.Require(Contains(node.box, left.box) && Contains(node.box, right.box), "binary node's box", n);
       fault.Require(node.sum == left.sum + right.sum, "binary node's sum", n);
-      fault.Require(!met[node.first], "binary node with two parents", node.first);
+      if (!fault.Require(!met[node.first], "binary node with two parents", node.first)) return;
       met[node.first] = true;
+      open.insert(open.end(), {node.first, node.first + 1});
     }
     fault.Require(object.nodes[0].sum == object.references.size(), "binary root's sum");
   }

@@ -22,6 +22,8 @@ struct Float8 {
   static Float8 LoadAligned(const float* p) { return {_mm256_load_ps(p)}; }
   static Float8 Set(float x) { return {_mm256_set1_ps(x)}; }
   void Store(float* p) const { _mm256_storeu_ps(p, v); }
+  void StoreAligned(float* p) const { _mm256_store_ps(p, v); }
+  float First() const { return _mm256_cvtss_f32(v); }
 };
 inline Float8 operator+(Float8 a, Float8 b) { return {_mm256_add_ps(a.v, b.v)}; }
 inline Float8 operator-(Float8 a, Float8 b) { return {_mm256_sub_ps(a.v, b.v)}; }
@@ -68,6 +70,45 @@ inline Float4 MulAdd(Float4 a, Float4 b, Float4 c) { return {_mm_fmadd_ps(a.v, b
 inline Float4 MulSub(Float4 a, Float4 b, Float4 c) { return {_mm_fmsub_ps(a.v, b.v, c.v)}; }
 inline unsigned MaskLessEqual(Float4 a, Float4 b) {
   return static_cast<unsigned>(_mm_movemask_ps(_mm_cmple_ps(a.v, b.v)));
+}
+inline Float4 LowHalf(Float8 a) { return {_mm256_castps256_ps128(a.v)}; }
+inline Float4 HighHalf(Float8 a) { return {_mm256_extractf128_ps(a.v, 1)}; }
+inline Float8 Join(Float4 low, Float4 high) { return {_mm256_set_m128(high.v, low.v)}; }
+inline Float8 LowHalves(Float8 a, Float8 b) { return {_mm256_permute2f128_ps(a.v, b.v, 0x20)}; }
+inline Float8 HighHalves(Float8 a, Float8 b) { return {_mm256_permute2f128_ps(a.v, b.v, 0x31)}; }
+// Lanes of b where the mask has a bit, others of a.
+template <int kMask>
+Float8 Select(Float8 a, Float8 b) {
+  return {_mm256_blend_ps(a.v, b.v, kMask)};
+}
+// Lanes of a where the mask is all set, of b where it is 0.
+inline Float8 Choose(Float8 mask, Float8 a, Float8 b) { return {_mm256_blendv_ps(b.v, a.v, mask.v)}; }
+// Masks of eight lanes: none, all.
+alignas(32) inline constexpr std::uint32_t kNoneOrAll[2][8] = {{}, {~0U, ~0U, ~0U, ~0U, ~0U, ~0U, ~0U, ~0U}};
+inline Float8 MaskOf(std::uint32_t all) {  // 0 or 1
+  return {_mm256_castsi256_ps(_mm256_load_si256(reinterpret_cast<const __m256i*>(kNoneOrAll[all])))};
+}
+// The least lane in all of them.
+inline Float8 Least(Float8 a) {
+  const __m256 b = _mm256_min_ps(a.v, _mm256_permute2f128_ps(a.v, a.v, 1));
+  const __m256 c = _mm256_min_ps(b, _mm256_permute_ps(b, 0x4E));
+  return {_mm256_min_ps(c, _mm256_permute_ps(c, 0xB1))};
+}
+// Of the four by four in either half: rows 0, 1 and 2 as columns.
+struct ThreeRows {
+  Float8 x, y, z;
+};
+inline ThreeRows FirstThreeRows(const Float8 (&a)[4]) {
+  const __m256 low = _mm256_unpacklo_ps(a[0].v, a[1].v), low2 = _mm256_unpacklo_ps(a[2].v, a[3].v);
+  const __m256 high = _mm256_unpackhi_ps(a[0].v, a[1].v), high2 = _mm256_unpackhi_ps(a[2].v, a[3].v);
+  return {{_mm256_shuffle_ps(low, low2, 0x44)},
+          {_mm256_shuffle_ps(low, low2, 0xEE)},
+          {_mm256_shuffle_ps(high, high2, 0x44)}};
+}
+// (x + y) * z + x * y of the first three lanes.
+inline float PairProducts(Float4 a) {
+  const __m128 y = _mm_movehdup_ps(a.v), z = _mm_movehl_ps(a.v, a.v);
+  return _mm_cvtss_f32(_mm_add_ss(_mm_mul_ss(_mm_add_ss(a.v, y), z), _mm_mul_ss(a.v, y)));
 }
 // Lanes truncated towards zero and limited to 0..limit; not-a-number gives 0.
 inline void TruncateTo(Float4 a, std::int32_t limit, std::int32_t out[4]) {
@@ -162,13 +203,18 @@ constexpr LaneOrders MakeLaneOrders() {
 }
 inline constexpr LaneOrders kLaneOrders = MakeLaneOrders();
 
-// Eight words at once, for stacks.
+// Eight words at once, for stacks and counts.
 struct Words8 {
   __m256i v;
   static Words8 Load(const std::uint32_t* p) {
     return {_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p))};
   }
   static Words8 Set(std::uint32_t x) { return {_mm256_set1_epi32(static_cast<int>(x))}; }
+  // Its bytes, the lowest first.
+  static Words8 OfBytes(std::uint64_t x) {
+    return {_mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<long long>(x)))};
+  }
+  std::uint32_t Last() const { return static_cast<std::uint32_t>(_mm256_extract_epi32(v, 7)); }
   void Store(std::uint32_t* p) const { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v); }
 };
 inline Words8 operator+(Words8 a, Words8 b) { return {_mm256_add_epi32(a.v, b.v)}; }
@@ -182,6 +228,8 @@ template <int number>
 Float8 SignedByte(Words8 a) {
   return {_mm256_cvtepi32_ps(_mm256_srai_epi32(_mm256_slli_epi32(a.v, 24 - 8 * number), 24))};
 }
+inline Words8 operator-(Words8 a, Words8 b) { return {_mm256_sub_epi32(a.v, b.v)}; }
+inline Float8 ToFloat(Words8 a) { return {_mm256_cvtepi32_ps(a.v)}; }  // below 2^31
 // Lane i of the result is lane order[i] of a.
 inline Words8 Permute(Words8 a, Words8 order) { return {_mm256_permutevar8x32_epi32(a.v, order.v)}; }
 

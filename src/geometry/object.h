@@ -12,6 +12,7 @@
 #include "core/box.h"
 #include "core/distribution.h"
 #include "core/ray.h"
+#include "core/release.h"
 #include "core/vec.h"
 
 namespace zp {
@@ -177,10 +178,10 @@ struct Object {
   EmissionList faces;          // all faces, side 1: made where a Shader of an Instance lets all of them emit
   bool deformable = false;     // some Part has motion
   // The tree: filled by accel.
-  std::vector<PrimitiveRef> references;  // released after initialisation unless deformable
-  std::vector<BinaryNode> nodes;         // likewise
-  std::vector<WideNode> wideNodes;       // node 0 is the root
-  std::vector<PrimitiveRef> compactReferences;
+  RawVector<PrimitiveRef> references;  // released after initialisation unless deformable
+  RawVector<BinaryNode> nodes;         // likewise
+  RawVector<WideNode> wideNodes;       // node 0 is the root
+  RawVector<PrimitiveRef> compactReferences;
   std::shared_ptr<PackedTree> packed;
   std::int32_t level = 0;  // 0 for the RootObject, else its parent's plus 1
   std::int32_t wideDepth = 0;
