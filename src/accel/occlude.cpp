@@ -179,12 +179,13 @@ struct OccluderWalk {
     const PackedTree* tree = object.packed.get();
     if (tree == nullptr || tree->nodes.size() == 0) return false;
     const bool opaque = shader == kNone ? tree->opaqueOnly : IsOpaque(shader);
-    if (tree->stackSize > kFewStackEntries) return RunWithStack<kLog, false, kMostStackEntries>(*tree);
-    return opaque ? RunWithStack<kLog, true, kFewStackEntries>(*tree)
-                  : RunWithStack<kLog, false, kFewStackEntries>(*tree);
+    if (tree->stackSize > kFewStackEntries || IsSteep(ray)) [[unlikely]]
+      return opaque ? RunWithStack<kLog, true, false>(*tree) : RunWithStack<kLog, false, false>(*tree);
+    return opaque ? RunWithStack<kLog, true, true>(*tree) : RunWithStack<kLog, false, true>(*tree);
   }
 
-  template <bool kLog, bool kOpaque, int kStackSize>
+  //   kUsual  neither a tree that is deep nor a steep ray
+  template <bool kLog, bool kOpaque, bool kUsual>
   bool RunWithStack(const PackedTree& tree);
 
   template <bool kOpaque>
@@ -216,10 +217,11 @@ struct OccluderWalk {
   }
 };
 
-template <bool kLog, bool kOpaque, int kStackSize>
+template <bool kLog, bool kOpaque, bool kUsual>
 bool OccluderWalk::RunWithStack(const PackedTree& tree) {
+  constexpr int kStackSize = kUsual ? kFewStackEntries : kMostStackEntries;
   const PackedNode* const nodes = tree.nodes.data();
-  const SlabRay slab(ray);
+  const SlabRay<!kUsual> slab(ray);
   // Eight entries are written wherever some are pushed.
   std::uint32_t children[kStackSize + 8], words[kStackSize + 8];
   [[maybe_unused]] std::uint32_t places[kLog ? kStackSize + 8 : 1];
@@ -233,6 +235,7 @@ bool OccluderWalk::RunWithStack(const PackedTree& tree) {
       ++innerNodes;
       assert(child < tree.nodes.size() && top <= kStackSize);
       const PackedNode& node = nodes[child];
+      Prefetch(node.child);
       Float8 near;
       const unsigned mask = SlabTest(node, slab, ray.t, near);
       if (mask == 0) goto pop;

@@ -55,9 +55,8 @@ TriangleHits<F> TestTriangles(const Lanes3<F>& q, const Lanes3<F>& e1, const Lan
   hits.weight1 = (zero - Dot(r, e2)) * scale;
   hits.weight2 = Dot(r, e1) * scale;
   const F weight0 = (one - hits.weight1) - hits.weight2;
-  hits.mask = MaskLessEqual(epsilon, hits.t) & MaskLessEqual(hits.t, limit - epsilon) &
-              MaskLessEqual(zero, hits.weight1) & MaskLessEqual(zero, hits.weight2) &
-              MaskLessEqual(zero, weight0);
+  hits.mask = Bits(LessEqual(epsilon, hits.t) & LessEqual(hits.t, limit - epsilon) &
+                   LessEqual(zero, hits.weight1) & LessEqual(zero, hits.weight2) & LessEqual(zero, weight0));
   return hits;
 }
 

@@ -160,7 +160,7 @@ struct NearestWalk {
   void EnterInstance(const Instance& instance);
 
   [[gnu::always_inline]] void Run();
-  template <int kStackSize>
+  template <bool kUsual>
   void RunWithStack(const PackedTree& tree);
 
   [[gnu::always_inline]] void TestLeaf(const PackedTree& tree, std::uint32_t first, std::uint32_t word) {
@@ -180,10 +180,11 @@ struct NearestWalk {
 };
 
 template <Seek kSeek>
-template <int kStackSize>
+template <bool kUsual>
 void NearestWalk<kSeek>::RunWithStack(const PackedTree& tree) {
+  constexpr int kStackSize = kUsual ? kFewStackEntries : kMostStackEntries;
   const PackedNode* const nodes = tree.nodes.data();
-  const SlabRay slab(ray);
+  const SlabRay<!kUsual> slab(ray);
   StackEntry stack[kStackSize];
   StackEntry* top = stack;
   StackEntry current = {0, 0, 0};
@@ -191,6 +192,7 @@ void NearestWalk<kSeek>::RunWithStack(const PackedTree& tree) {
     while (current.word == 0) {
       assert(current.child < tree.nodes.size() && top + 7 <= stack + kStackSize);
       const PackedNode& node = nodes[current.child];
+      Prefetch(node.child);
       Float8 nearLanes;
       unsigned mask = SlabTest(node, slab, ray.t, nearLanes);
       if (mask == 0) goto pop;
@@ -241,10 +243,10 @@ inline void NearestWalk<kSeek>::Run() {
   if (tree == nullptr || tree->nodes.size() == 0) return;
   if (kSeek == Seek::kAll && (ray.matrixDepth == 0 || !MeasuresInScene()))
     ray.direction = SafeNormalize(ray.direction);
-  if (tree->stackSize <= kFewStackEntries)
-    RunWithStack<kFewStackEntries>(*tree);
+  if (tree->stackSize <= kFewStackEntries && !IsSteep(ray)) [[likely]]
+    RunWithStack<true>(*tree);
   else
-    RunWithStack<kMostStackEntries>(*tree);
+    RunWithStack<false>(*tree);
 }
 
 template <Seek kSeek>
@@ -276,15 +278,6 @@ bool WalkFromRoot(RayRecord& ray) {
 }
 
 }  // namespace
-
-bool PrepareRay(RayRecord& ray) {
-  ray.matrixDepth = 0;
-  ray.place = 0;
-  if (!IsIndex(objectTable, rootObject)) return false;
-  if (!IsFinite(ray.origin) || !IsFinite(ray.direction) || ray.direction == kBlack) return false;
-  ray.inverseDirection = Reciprocal(ray.direction);
-  return true;
-}
 
 bool Trace(RayRecord& ray) {
   ray.t = kFarthest;

@@ -5,11 +5,14 @@
 
 #include <bit>
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
 
 #include "accel/accel.h"
 #include "accel/float8.h"
 #include "accel/primitive_tests.h"
 #include "accel/tree.h"
+#include "core/index.h"
 #include "core/settings.h"
 
 namespace zp {
@@ -18,43 +21,63 @@ namespace zp {
 // direction; format 2, shadow rays and probes in scene units, along the direction as the Instances leave it.
 inline bool MeasuresInScene() { return settings.format >= 2; }
 
+// Beyond this inverse of a direction's component, rounding of coordinates can be more than a distance.
+inline constexpr float kSteep = 0x1p20f;
+
+// Whether the ray runs so nearly across some axis that its slabs need slack.
+inline bool IsSteep(const RayRecord& ray) {
+  const Vec3 inverse = ray.inverseDirection;
+  return !(MaxOf(std::fabs(inverse.x), MaxOf(std::fabs(inverse.y), std::fabs(inverse.z))) <= kSteep);
+}
+
 // What a walk keeps of its ray for box tests. Where a direction's component is zero or nearly so, the inverse
 // is limited, since infinities of planes and origin would leave no number, and the slab is widened by what
 // coordinates are rounded by: a ray within a plane of a box meets the box.
+//   kSlack  false only of rays that are not steep: most, and they need half the numbers
+template <bool kSlack>
 struct SlabRay {
-  Float8 inverse[3], nearOrigin[3], farOrigin[3];  // origin * inverse, and the slack
-  int nearRow[3], farRow[3];
+  Float8 inverse[3], origin[3];  // origin * inverse, of near planes with the slack
+  Float8 farOrigin[kSlack ? 3 : 1];
+  std::size_t nearRow[3], farRow[3];  // bytes behind the first row of boxes
 
   explicit SlabRay(const RayRecord& ray) {
-    constexpr float kSteep = 0x1p20f;     // beyond, rounding of coordinates can be more than a distance
     constexpr float kSteepest = 0x1p80f;  // the slack is still farther than any box, and no product overflows
     constexpr float kRounding = 0x1p-22f, kLeastRounding = 0x1p-30f;
-    for (int a = 0; a < 3; ++a) {
-      float steep = ray.inverseDirection[a], slack = 0;
-      const int negative = steep < 0 ? 1 : 0;  // a direction's zero has a sign, too
-      if (std::fabs(steep) > kSteep) [[unlikely]] {
-        steep = std::copysign(MinOf(std::fabs(steep), kSteepest), steep);
-        slack = std::fabs(steep) * (std::fabs(ray.origin[a]) * kRounding + kLeastRounding);
+    constexpr std::size_t kRow = sizeof PackedNode::boxes[0];
+    for (std::size_t a = 0; a < 3; ++a) {
+      const int axis = static_cast<int>(a);
+      float steep = ray.inverseDirection[axis];
+      const std::size_t negative = std::bit_cast<std::uint32_t>(steep) >> 31U;  // a zero has a sign, too
+      if constexpr (kSlack) {
+        float slack = 0;
+        if (std::fabs(steep) > kSteep) {
+          steep = std::copysign(MinOf(std::fabs(steep), kSteepest), steep);
+          slack = std::fabs(steep) * (std::fabs(ray.origin[axis]) * kRounding + kLeastRounding);
+        }
+        origin[a] = Float8::Set(ray.origin[axis] * steep + slack);
+        farOrigin[a] = Float8::Set(ray.origin[axis] * steep - slack);
+      } else {
+        origin[a] = Float8::Set(ray.origin[axis] * steep);
       }
       inverse[a] = Float8::Set(steep);
-      nearOrigin[a] = Float8::Set(ray.origin[a] * steep + slack);
-      farOrigin[a] = Float8::Set(ray.origin[a] * steep - slack);
-      nearRow[a] = a + 3 * negative;
-      farRow[a] = a + 3 * (1 - negative);
+      nearRow[a] = kRow * (a + 3 * negative);
+      farRow[a] = kRow * (a + 3 * (1 - negative));
     }
   }
 };
 
 // Which of a node's boxes the ray enters before `limit`, and where. A plane that gives no number (an origin
 // beyond all bounds) does not count, so that a box is never lost.
-inline unsigned SlabTest(const PackedNode& node, const SlabRay& ray, float limit, Float8& near) {
+template <bool kSlack>
+inline unsigned SlabTest(const PackedNode& node, const SlabRay<kSlack>& ray, float limit, Float8& near) {
   near = Float8::Set(1e-8f);
   Float8 far = Float8::Set(limit);
+  const auto row = [&](std::size_t bytes) {
+    return Float8::LoadAligned(node.boxes[0] + bytes / sizeof(float));
+  };
   for (int a = 0; a < 3; ++a) {
-    const Float8 nearPlane = Float8::LoadAligned(node.boxes[ray.nearRow[a]]);
-    const Float8 farPlane = Float8::LoadAligned(node.boxes[ray.farRow[a]]);
-    near = Max(MulSub(nearPlane, ray.inverse[a], ray.nearOrigin[a]), near);
-    far = Min(MulSub(farPlane, ray.inverse[a], ray.farOrigin[a]), far);
+    near = Max(MulSub(row(ray.nearRow[a]), ray.inverse[a], ray.origin[a]), near);
+    far = Min(MulSub(row(ray.farRow[a]), ray.inverse[a], kSlack ? ray.farOrigin[a] : ray.origin[a]), far);
   }
   return MaskLessEqual(near, far);
 }
@@ -175,6 +198,13 @@ struct InsideInstance {
 };
 
 // Whether a ray can be walked; fills what walks need.
-bool PrepareRay(RayRecord& ray);
+inline bool PrepareRay(RayRecord& ray) {
+  ray.matrixDepth = 0;
+  ray.place = 0;
+  if (!IsIndex(objectTable, rootObject)) return false;
+  if (!IsFinite(ray.origin) || !IsFinite(ray.direction) || ray.direction == kBlack) return false;
+  ray.inverseDirection = Reciprocal(ray.direction);
+  return true;
+}
 
 }  // namespace zp
