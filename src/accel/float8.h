@@ -79,6 +79,7 @@ inline float MulAdd(float a, float b, float c) { return std::fma(a, b, c); }
 inline float MulSub(float a, float b, float c) { return std::fma(a, b, -c); }
 inline unsigned MaskLessEqual(float a, float b) { return a <= b ? 1U : 0U; }
 inline unsigned LessEqual(float a, float b) { return MaskLessEqual(a, b); }
+inline unsigned MaskLess(float a, float b) { return a < b ? 1U : 0U; }
 inline unsigned Bits(unsigned lanes) { return lanes; }
 
 // The twin: the same operations as loops.

@@ -38,7 +38,7 @@ struct OccluderWalk {
   std::int32_t shader;                   // of the outermost Instance that has one; it stands for all below
   const OccluderWalk* around = nullptr;  // null at the root
   const Instance* by = nullptr;          // what places the Object there
-  std::uint32_t blockingLane = 0;        // in a leaf of triangles: the lane that blocked
+  std::uint32_t blockingLane = 0;        // in a packed leaf: the lane that blocked
 
   // A vector of the Object that is walked in scene space, by one of the Instances' matrices.
   Vec3 InScene(Vec3 v, Mat4 Instance::*matrix) const {
@@ -141,6 +141,20 @@ struct OccluderWalk {
   }
 
   template <bool kOpaque>
+  bool TestTetragonLeaf(const PackedTree& tree, std::uint32_t first, std::uint32_t count) {
+    return TestTetragonLanes(
+        tree, first, count, ray, [&](const TetragonBlock& block, int i, const PrimitiveHit& hit) {
+          const Part& part = object.parts[block.part[i]];
+          const std::uint32_t index = block.primitive[i];
+          if (IsParent(ray, part, kKindTetragon, index)) return false;
+          if (tree.filtersVisibility && !IsVisible(hit.shader, ray)) return false;
+          if (!kOpaque && !Absorbs(part, kKindTetragon, index, hit)) return false;
+          blockingLane = static_cast<std::uint32_t>((&block - tree.tetragons.data()) * kTetragonLanes + i);
+          return true;
+        });
+  }
+
+  template <bool kOpaque>
   bool TestReferences(std::uint32_t first, std::uint32_t count) {
     assert(first + count <= object.compactReferences.size());
     for (std::uint32_t i = first; i < first + count; ++i) {
@@ -198,6 +212,7 @@ struct OccluderWalk {
                        });
     if ((word & kCylinderLeaf) != 0) return TestCylinders<kOpaque>(tree, first, count);
     if ((word & kParticleLeaf) != 0) return TestParticles<kOpaque>(tree, first, count);
+    if ((word & kTetragonLeaf) != 0) return TestTetragonLeaf<kOpaque>(tree, first, count);
     return TestReferences<kOpaque>(first, count);
   }
 

@@ -41,6 +41,7 @@ template class PageArray<PackedNode>;
 template class PageArray<TriangleBlock>;
 template class PageArray<ParticleBlock>;
 template class PageArray<CurveSegment>;
+template class PageArray<TetragonBlock>;
 
 namespace {
 
@@ -83,12 +84,25 @@ void FillParticle(ParticleBlock& block, std::uint32_t lane, const Object& object
   block.part[lane] = reference.part;
 }
 
+void FillTetragon(TetragonBlock& block, std::uint32_t lane, const Object& object,
+                  const PrimitiveRef& reference) {
+  const Part& part = object.parts[reference.part];
+  const Tetragon& tetragon = part.tetragons[reference.index];
+  for (int i = 0; i < 4; ++i)
+    for (int a = 0; a < 3; ++a) block.corner[i][a][lane] = part.positions[tetragon.vertex[i]][a];
+  block.primitive[lane] = reference.index;
+  block.shader[lane] = tetragon.shader;
+  block.part[lane] = reference.part;
+}
+
 void FillLane(PackedTree& tree, std::uint32_t lane, const Object& object, const PrimitiveRef& reference) {
   switch (reference.kind) {
     case kKindTriangle:
       return FillTriangle(tree.blocks[lane / kBlockLanes], lane % kBlockLanes, object, reference);
     case kKindParticle:
       return FillParticle(tree.particles[lane / kParticleLanes], lane % kParticleLanes, object, reference);
+    case kKindTetragon:
+      return FillTetragon(tree.tetragons[lane / kTetragonLanes], lane % kTetragonLanes, object, reference);
     default:
       tree.segments[lane] = MakeCurveSegment(object.parts[reference.part], reference.index);
       tree.segments[lane].part = reference.part;
@@ -205,6 +219,7 @@ void PackTree(Object& object) {
   packed->blocks = PageArray<TriangleBlock>(BlocksFor(0, laneCount[0]));
   packed->particles = PageArray<ParticleBlock>(BlocksFor(1, laneCount[1]));
   packed->segments = PageArray<CurveSegment>(BlocksFor(2, laneCount[2]));
+  packed->tetragons = PageArray<TetragonBlock>(BlocksFor(3, laneCount[3]));
   packed->shadowRoots = settings.format >= 2;
   packed->filtersVisibility = AnyPrimitive(object, IsHidden);
   packed->opaqueOnly = !AnyPrimitive(object, [](std::int32_t shader) { return !IsOpaque(shader); });

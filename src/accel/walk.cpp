@@ -130,6 +130,18 @@ struct NearestWalk {
     }
   }
 
+  void TestTetragonLeaf(const PackedTree& tree, std::uint32_t first, std::uint32_t count) {
+    TestTetragonLanes(
+        tree, first, count, ray, [&](const TetragonBlock& block, int i, const PrimitiveHit& found) {
+          const Part& part = object.parts[block.part[i]];
+          if (found.t <= ray.t - kHitEpsilon && !IsParent(ray, part, kKindTetragon, block.primitive[i]) &&
+              (!tree.filtersVisibility || IsVisible(found.shader, ray)) &&
+              Counts(part, kKindTetragon, block.primitive[i], found))
+            Store(part, kKindTetragon, block.primitive[i], found);
+          return false;
+        });
+  }
+
   void TestReferences(std::uint32_t first, std::uint32_t count) {
     assert(first + count <= object.compactReferences.size());
     for (std::uint32_t i = first; i < first + count; ++i) {
@@ -174,6 +186,8 @@ struct NearestWalk {
       TestCylinders(tree, first, count);
     else if ((word & kParticleLeaf) != 0)
       TestParticles(tree, first, count);
+    else if ((word & kTetragonLeaf) != 0)
+      TestTetragonLeaf(tree, first, count);
     else
       TestReferences(first, count);
   }

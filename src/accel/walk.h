@@ -89,6 +89,14 @@ inline bool IsParent(const RayRecord& ray, const Part& part, std::uint8_t kind, 
          ray.parentPart == &part && ray.parentPlace == ray.place;
 }
 
+// Which lanes of block number b, of `lanes` each, are among lanes first to end - 1 of the tree.
+inline unsigned LanesWithin(std::uint32_t b, std::uint32_t lanes, std::uint32_t first, std::uint32_t end) {
+  unsigned mask = (1U << lanes) - 1U;
+  if (b * lanes < first) mask &= mask << (first % lanes);
+  if ((b + 1) * lanes > end) mask &= (1U << (end % lanes)) - 1U;
+  return mask;
+}
+
 // Tests the triangles of lanes first to first + count - 1, a block at a time, each block against the limit
 // that the one before has left. `take` gets every block that is hit; true from it ends the test.
 template <class Take>
@@ -111,9 +119,7 @@ inline bool TestLanes(const PackedTree& tree, std::uint32_t first, std::uint32_t
         TestTriangles(q, load(block.e1), load(block.e2), direction, Float4::Set(ray.t), zero, one, epsilon);
     if (hits.mask == 0) [[likely]]
       continue;
-    // Lanes of the leaves before and behind do not count.
-    if (b * kBlockLanes < first) hits.mask &= 0xFU << (first % kBlockLanes);
-    if ((b + 1) * kBlockLanes > end) hits.mask &= (1U << (end % kBlockLanes)) - 1U;
+    hits.mask &= LanesWithin(b, kBlockLanes, first, end);
     if (hits.mask != 0 && take(block, hits)) return true;
   }
   return false;
@@ -138,9 +144,7 @@ inline bool TestParticleLanes(const PackedTree& tree, std::uint32_t first, std::
         TestSpheres(d, Float8::LoadAligned(block.radius), direction, inverseSquare, zero);
     if (hits.mask == 0) [[likely]]
       continue;
-    // Lanes of the leaves before and behind do not count.
-    if (b * kParticleLanes < first) hits.mask &= 0xFFU << (first % kParticleLanes);
-    if ((b + 1) * kParticleLanes > end) hits.mask &= (1U << (end % kParticleLanes)) - 1U;
+    hits.mask &= LanesWithin(b, kParticleLanes, first, end);
     alignas(32) float nearest[kParticleLanes], discriminant[kParticleLanes];
     hits.b.Store(nearest);
     hits.discriminant.Store(discriminant);
@@ -148,6 +152,40 @@ inline bool TestParticleLanes(const PackedTree& tree, std::uint32_t first, std::
       const int i = std::countr_zero(mask);
       const Vec3 center = {block.center[0][i], block.center[1][i], block.center[2][i]};
       if (take(block, i, center - ray.origin, nearest[i], discriminant[i])) return true;
+    }
+  }
+  return false;
+}
+
+// Tests the tetragons of lanes first to first + count - 1, eight at a time. take(block, i, hit) gets every
+// lane that is hit, against the limit that the block began with; true from it ends the test.
+template <class Take>
+inline bool TestTetragonLanes(const PackedTree& tree, std::uint32_t first, std::uint32_t count,
+                              const RayRecord& ray, Take take) {
+  const Float8 zero = Float8::Set(0), epsilon = Float8::Set(kHitEpsilon);
+  const Lanes3<Float8> direction = {Float8::Set(ray.direction.x), Float8::Set(ray.direction.y),
+                                    Float8::Set(ray.direction.z)};
+  const Float8 ox = Float8::Set(ray.origin.x), oy = Float8::Set(ray.origin.y), oz = Float8::Set(ray.origin.z);
+  const std::uint32_t end = first + count;
+  for (std::uint32_t b = first / kTetragonLanes; b * kTetragonLanes < end; ++b) {
+    const TetragonBlock& block = tree.tetragons[b];
+    const auto corner = [&](int i) {
+      return Lanes3<Float8>{Float8::LoadAligned(block.corner[i][0]) - ox,
+                            Float8::LoadAligned(block.corner[i][1]) - oy,
+                            Float8::LoadAligned(block.corner[i][2]) - oz};
+    };
+    TetragonHits<Float8> hits = TestTetragons<Float8>(corner(0), corner(1), corner(2), corner(3), direction,
+                                                      Float8::Set(ray.t), zero, epsilon);
+    hits.mask &= LanesWithin(b, kTetragonLanes, first, end);
+    if (hits.mask == 0) continue;
+    alignas(32) float t[kTetragonLanes], denominator[kTetragonLanes], side[4][kTetragonLanes];
+    hits.t.Store(t);
+    hits.denominator.Store(denominator);
+    for (int k = 0; k < 4; ++k) hits.side[k].Store(side[k]);
+    for (unsigned mask = hits.mask; mask != 0; mask &= mask - 1) {
+      const int i = std::countr_zero(mask);
+      const float sides[4] = {side[0][i], side[1][i], side[2][i], side[3][i]};
+      if (take(block, i, TetragonHit(t[i], denominator[i], sides, block.shader[i]))) return true;
     }
   }
   return false;
