@@ -270,6 +270,7 @@ bool OccluderWalk::RunWithStack(const PackedTree& tree) {
     }
     ++leaves;
     primitives += word & kLeafCount;
+    if (top != 0) PrefetchWaiting(tree, children[top - 1], words[top - 1]);
     blocked = TestLeaf<kOpaque>(tree, child, word);
     if (blocked) {
       if constexpr (kLog) Log(tree, place);

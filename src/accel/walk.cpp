@@ -242,6 +242,7 @@ void NearestWalk<kSeek>::RunWithStack(const PackedTree& tree) {
       } while (mask != 0);
       current = *--top;
     }
+    if (top != stack) PrefetchWaiting(tree, top[-1].child, top[-1].word);
     TestLeaf(tree, current.child, current.word);
   pop:
     do {

@@ -89,6 +89,23 @@ inline bool IsParent(const RayRecord& ray, const Part& part, std::uint8_t kind, 
          ray.parentPart == &part && ray.parentPlace == ray.place;
 }
 
+template <class T>
+inline void PrefetchWhole(const T& t) {
+  for (std::size_t line = 0; line < sizeof t; line += 64) Prefetch(reinterpret_cast<const char*>(&t) + line);
+}
+
+// Asks for what waits on a walk's stack, so that it comes from memory while a leaf is tested.
+inline void PrefetchWaiting(const PackedTree& tree, std::uint32_t child, std::uint32_t word) {
+  if (word == 0)
+    PrefetchWhole(tree.nodes[child]);
+  else if ((word & kTriangleLeaf) != 0)
+    PrefetchWhole(tree.blocks[child / kBlockLanes]);
+  else if ((word & kCylinderLeaf) != 0)
+    PrefetchWhole(tree.segments[child]);
+  else if ((word & kParticleLeaf) != 0)
+    PrefetchWhole(tree.particles[child / kParticleLanes]);
+}
+
 // Which lanes of block number b, of `lanes` each, are among lanes first to end - 1 of the tree.
 inline unsigned LanesWithin(std::uint32_t b, std::uint32_t lanes, std::uint32_t first, std::uint32_t end) {
   unsigned mask = (1U << lanes) - 1U;
