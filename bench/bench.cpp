@@ -24,6 +24,7 @@
 #include "frame/frame.h"
 #include "geometry/geometry.h"
 #include "meshes.h"
+#include "neighbour.h"
 #include "photons.h"
 #include "rays.h"
 #include "results.h"
@@ -461,12 +462,23 @@ void PrintMemory() {
   }
 }
 
+// A whole number within limits; false after a line on the error stream.
+bool ReadNumber(const std::string& option, const char* text, std::int64_t least, std::int64_t most,
+                std::int64_t& value) {
+  char* end = nullptr;
+  value = std::strtoll(text, &end, 10);
+  if (end != text && *end == '\0' && value >= least && value <= most) return true;
+  std::fprintf(stderr, "zp_bench: %s is a number from %lld to %lld\n", option.c_str(),
+               static_cast<long long>(least), static_cast<long long>(most));
+  return false;
+}
+
 // Takes our own options out of the list; false after a line on the error stream.
-bool ParseOptions(std::vector<char*>& arguments, std::int64_t& triangles) {
+bool ParseOptions(std::vector<char*>& arguments, std::int64_t& triangles, std::int64_t& neighbours) {
   std::vector<char*> rest = {arguments[0]};
   for (std::size_t i = 1; i < arguments.size(); ++i) {
     const std::string option = arguments[i];
-    if (option != "--obj" && option != "--triangles") {
+    if (option != "--obj" && option != "--triangles" && option != "--neighbour") {
       rest.push_back(arguments[i]);
       continue;
     }
@@ -479,13 +491,10 @@ bool ParseOptions(std::vector<char*>& arguments, std::int64_t& triangles) {
       const auto taken = [&](const MeshSource& other) { return other.name == mesh.name; };
       while (mesh.name.empty() || std::any_of(meshes.begin(), meshes.end(), taken)) mesh.name += "'";
       meshes.push_back(mesh);
-    } else {
-      char* end = nullptr;
-      triangles = std::strtoll(arguments[i], &end, 10);
-      if (*end != '\0' || triangles < 4 || triangles > 100'000'000) {
-        std::fprintf(stderr, "zp_bench: --triangles is a number from 4 to 100,000,000\n");
-        return false;
-      }
+    } else if (option == "--triangles") {
+      if (!ReadNumber(option, arguments[i], 4, 100'000'000, triangles)) return false;
+    } else if (!ReadNumber(option, arguments[i], 0, 64, neighbours)) {
+      return false;
     }
   }
   arguments = rest;
@@ -494,9 +503,10 @@ bool ParseOptions(std::vector<char*>& arguments, std::int64_t& triangles) {
 
 void PrintHelp() {
   std::printf(
-      "zp_bench [--obj FILE]... [--triangles N] [options of Google Benchmark]\n"
+      "zp_bench [--obj FILE]... [--triangles N] [--neighbour N] [options of Google Benchmark]\n"
       "  --obj FILE       measure this mesh after the terrain\n"
-      "  --triangles N    size of the terrain (1000000)\n\n");
+      "  --triangles N    size of the terrain (1000000)\n"
+      "  --neighbour N    processes that stream through memory meanwhile (0)\n\n");
   benchmark::PrintDefaultHelp();
 }
 
@@ -505,7 +515,8 @@ int Main(int argc, char** argv) {
   meshes = {{"terrain", {}, Shape::kTerrain, 1'000'000},
             {"hair", {}, Shape::kHair, 100'000},
             {"particles", {}, Shape::kParticles, 1'000'000}};
-  if (!ParseOptions(arguments, meshes.front().amount)) return 2;
+  std::int64_t neighbourCount = 0;
+  if (!ParseOptions(arguments, meshes.front().amount, neighbourCount)) return 2;
   // Before the caller's own, which win.
   std::string repetitions = "--benchmark_repetitions=7",
               aggregates = "--benchmark_display_aggregates_only=true";
@@ -514,6 +525,11 @@ int Main(int argc, char** argv) {
   arguments.push_back(nullptr);
   benchmark::Initialize(&count, arguments.data(), PrintHelp);
   if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return 2;
+  Neighbours neighbours;
+  if (!neighbours.Start(static_cast<int>(neighbourCount))) {
+    std::fprintf(stderr, "zp_bench: no process for --neighbour\n");
+    return 1;
+  }
 
   // The terrain comes first: its memory is measured while the process holds nothing else.
   for (const MeshSource& mesh : meshes) RegisterMesh(mesh);

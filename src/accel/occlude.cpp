@@ -38,7 +38,7 @@ struct OccluderWalk {
   std::int32_t shader;                   // of the outermost Instance that has one; it stands for all below
   const OccluderWalk* around = nullptr;  // null at the root
   const Instance* by = nullptr;          // what places the Object there
-  std::uint32_t blockingLane = 0;        // in a leaf of triangles: the lane that blocked
+  std::uint32_t blockingLane = 0;        // in a packed leaf: the lane that blocked
 
   // A vector of the Object that is walked in scene space, by one of the Instances' matrices.
   Vec3 InScene(Vec3 v, Mat4 Instance::*matrix) const {
@@ -141,6 +141,20 @@ struct OccluderWalk {
   }
 
   template <bool kOpaque>
+  bool TestTetragonLeaf(const PackedTree& tree, std::uint32_t first, std::uint32_t count) {
+    return TestTetragonLanes(
+        tree, first, count, ray, [&](const TetragonBlock& block, int i, const PrimitiveHit& hit) {
+          const Part& part = object.parts[block.part[i]];
+          const std::uint32_t index = block.primitive[i];
+          if (IsParent(ray, part, kKindTetragon, index)) return false;
+          if (tree.filtersVisibility && !IsVisible(hit.shader, ray)) return false;
+          if (!kOpaque && !Absorbs(part, kKindTetragon, index, hit)) return false;
+          blockingLane = static_cast<std::uint32_t>((&block - tree.tetragons.data()) * kTetragonLanes + i);
+          return true;
+        });
+  }
+
+  template <bool kOpaque>
   bool TestReferences(std::uint32_t first, std::uint32_t count) {
     assert(first + count <= object.compactReferences.size());
     for (std::uint32_t i = first; i < first + count; ++i) {
@@ -179,12 +193,13 @@ struct OccluderWalk {
     const PackedTree* tree = object.packed.get();
     if (tree == nullptr || tree->nodes.size() == 0) return false;
     const bool opaque = shader == kNone ? tree->opaqueOnly : IsOpaque(shader);
-    if (tree->stackSize > kFewStackEntries) return RunWithStack<kLog, false, kMostStackEntries>(*tree);
-    return opaque ? RunWithStack<kLog, true, kFewStackEntries>(*tree)
-                  : RunWithStack<kLog, false, kFewStackEntries>(*tree);
+    if (tree->stackSize > kFewStackEntries || IsSteep(ray)) [[unlikely]]
+      return opaque ? RunWithStack<kLog, true, false>(*tree) : RunWithStack<kLog, false, false>(*tree);
+    return opaque ? RunWithStack<kLog, true, true>(*tree) : RunWithStack<kLog, false, true>(*tree);
   }
 
-  template <bool kLog, bool kOpaque, int kStackSize>
+  //   kUsual  neither a tree that is deep nor a steep ray
+  template <bool kLog, bool kOpaque, bool kUsual>
   bool RunWithStack(const PackedTree& tree);
 
   template <bool kOpaque>
@@ -197,6 +212,7 @@ struct OccluderWalk {
                        });
     if ((word & kCylinderLeaf) != 0) return TestCylinders<kOpaque>(tree, first, count);
     if ((word & kParticleLeaf) != 0) return TestParticles<kOpaque>(tree, first, count);
+    if ((word & kTetragonLeaf) != 0) return TestTetragonLeaf<kOpaque>(tree, first, count);
     return TestReferences<kOpaque>(first, count);
   }
 
@@ -216,10 +232,11 @@ struct OccluderWalk {
   }
 };
 
-template <bool kLog, bool kOpaque, int kStackSize>
+template <bool kLog, bool kOpaque, bool kUsual>
 bool OccluderWalk::RunWithStack(const PackedTree& tree) {
+  constexpr int kStackSize = kUsual ? kFewStackEntries : kMostStackEntries;
   const PackedNode* const nodes = tree.nodes.data();
-  const SlabRay slab(ray);
+  const SlabRay<!kUsual> slab(ray);
   // Eight entries are written wherever some are pushed.
   std::uint32_t children[kStackSize + 8], words[kStackSize + 8];
   [[maybe_unused]] std::uint32_t places[kLog ? kStackSize + 8 : 1];
@@ -233,6 +250,7 @@ bool OccluderWalk::RunWithStack(const PackedTree& tree) {
       ++innerNodes;
       assert(child < tree.nodes.size() && top <= kStackSize);
       const PackedNode& node = nodes[child];
+      Prefetch(node.child);
       Float8 near;
       const unsigned mask = SlabTest(node, slab, ray.t, near);
       if (mask == 0) goto pop;
@@ -252,6 +270,7 @@ bool OccluderWalk::RunWithStack(const PackedTree& tree) {
     }
     ++leaves;
     primitives += word & kLeafCount;
+    if (top != 0) PrefetchWaiting(tree, children[top - 1], words[top - 1]);
     blocked = TestLeaf<kOpaque>(tree, child, word);
     if (blocked) {
       if constexpr (kLog) Log(tree, place);

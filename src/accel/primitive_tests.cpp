@@ -23,21 +23,11 @@ bool TestTriangle(const Part& part, std::uint32_t index, const RayRecord& ray, P
 
 bool TestTetragon(const Part& part, std::uint32_t index, const RayRecord& ray, PrimitiveHit& hit) {
   const Tetragon& tetragon = part.tetragons[index];
-  const Vec3 a = part.positions[tetragon.vertex[0]] - ray.origin;
-  const Vec3 b = part.positions[tetragon.vertex[1]] - ray.origin;
-  const Vec3 c = part.positions[tetragon.vertex[2]] - ray.origin;
-  const Vec3 d = part.positions[tetragon.vertex[3]] - ray.origin;
-  const Vec3 n = Cross(c - a, d - b);
-  hit.denominator = Dot(n, ray.direction);
-  hit.t = Dot(n, a) / hit.denominator;
-  if (!(hit.t >= kHitEpsilon) || !(hit.t <= ray.t - kHitEpsilon)) return false;
-  const float w0 = Dot(ray.direction, Cross(a, b)), w1 = Dot(ray.direction, Cross(b, c));
-  const float w2 = Dot(ray.direction, Cross(c, d)), w3 = Dot(ray.direction, Cross(d, a));
-  if (hit.denominator > 0 && (w0 < 0 || w1 < 0 || w2 < 0 || w3 < 0)) return false;
-  if (hit.denominator < 0 && (w0 > 0 || w1 > 0 || w2 > 0 || w3 > 0)) return false;
-  if (!IsVisible(tetragon.shader, ray)) return false;
-  hit.barycentric = {w0 / (w0 + w2), w3 / (w1 + w3), 0};
-  hit.shader = tetragon.shader;
+  const auto corner = [&](int i) { return ToLanes(part.positions[tetragon.vertex[i]] - ray.origin); };
+  const TetragonHits<float> hits = TestTetragons<float>(corner(0), corner(1), corner(2), corner(3),
+                                                        ToLanes(ray.direction), ray.t, 0.0f, kHitEpsilon);
+  if (hits.mask == 0 || !IsVisible(tetragon.shader, ray)) return false;
+  hit = TetragonHit(hits.t, hits.denominator, hits.side, tetragon.shader);
   return true;
 }
 

@@ -55,9 +55,48 @@ TriangleHits<F> TestTriangles(const Lanes3<F>& q, const Lanes3<F>& e1, const Lan
   hits.weight1 = (zero - Dot(r, e2)) * scale;
   hits.weight2 = Dot(r, e1) * scale;
   const F weight0 = (one - hits.weight1) - hits.weight2;
-  hits.mask = MaskLessEqual(epsilon, hits.t) & MaskLessEqual(hits.t, limit - epsilon) &
-              MaskLessEqual(zero, hits.weight1) & MaskLessEqual(zero, hits.weight2) &
-              MaskLessEqual(zero, weight0);
+  hits.mask = Bits(LessEqual(epsilon, hits.t) & LessEqual(hits.t, limit - epsilon) &
+                   LessEqual(zero, hits.weight1) & LessEqual(zero, hits.weight2) & LessEqual(zero, weight0));
+  return hits;
+}
+
+template <class F>
+struct TetragonHits {
+  unsigned mask;  // as of triangles
+  F denominator;  // normal . direction: below 0 on the front
+  F t;
+  F side[4];  // triple products of the direction and the edges; numbers only where some lane is hit
+};
+
+// A plane test, and on which side of every edge the ray passes. Without fused products, as vectors are
+// multiplied elsewhere.
+//   a, b, c, d  corners seen from the origin
+//   limit       as of triangles
+template <class F>
+TetragonHits<F> TestTetragons(const Lanes3<F>& a, const Lanes3<F>& b, const Lanes3<F>& c, const Lanes3<F>& d,
+                              const Lanes3<F>& direction, F limit, F zero, F epsilon) {
+  const auto cross = [](const Lanes3<F>& u, const Lanes3<F>& v) {
+    return Lanes3<F>{u.y * v.z - u.z * v.y, u.z * v.x - u.x * v.z, u.x * v.y - u.y * v.x};
+  };
+  const auto dot = [](const Lanes3<F>& u, const Lanes3<F>& v) { return u.x * v.x + u.y * v.y + u.z * v.z; };
+  const auto between = [](const Lanes3<F>& u, const Lanes3<F>& v) {
+    return Lanes3<F>{u.x - v.x, u.y - v.y, u.z - v.z};
+  };
+  const Lanes3<F> n = cross(between(c, a), between(d, b));
+  TetragonHits<F> hits = {0, dot(n, direction), zero, {zero, zero, zero, zero}};
+  hits.t = dot(n, a) / hits.denominator;
+  hits.mask = Bits(LessEqual(epsilon, hits.t) & LessEqual(hits.t, limit - epsilon));
+  if (hits.mask == 0) return hits;
+  hits.side[0] = dot(direction, cross(a, b));
+  hits.side[1] = dot(direction, cross(b, c));
+  hits.side[2] = dot(direction, cross(c, d));
+  hits.side[3] = dot(direction, cross(d, a));
+  unsigned below = 0, above = 0;
+  for (const F& side : hits.side) {
+    below |= MaskLess(side, zero);
+    above |= MaskLess(zero, side);
+  }
+  hits.mask &= ~(MaskLess(zero, hits.denominator) & below) & ~(MaskLess(hits.denominator, zero) & above);
   return hits;
 }
 
@@ -70,6 +109,11 @@ struct PrimitiveHit {
   Vec3 barycentric;
   std::int32_t shader = kNone;
 };
+
+// One lane's hit of a tetragon.
+inline PrimitiveHit TetragonHit(float t, float denominator, const float (&side)[4], std::int32_t shader) {
+  return {t, denominator, {side[0] / (side[0] + side[2]), side[3] / (side[1] + side[3]), 0}, shader};
+}
 
 // Whether the ray may see surfaces of this Shader at all. An index outside the table is visible.
 inline bool IsVisible(std::int32_t shader, const RayRecord& ray) {

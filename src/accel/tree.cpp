@@ -36,6 +36,7 @@ template class PageArray<PackedNode>;
 template class PageArray<TriangleBlock>;
 template class PageArray<ParticleBlock>;
 template class PageArray<CurveSegment>;
+template class PageArray<TetragonBlock>;
 
 namespace {
 
@@ -88,12 +89,31 @@ void FillParticle(ParticleBlock& block, std::uint32_t lane, const Object& object
   PutParticle(block, lane, part.positions[vertex], VertexRadius(part, vertex), reference);
 }
 
+void PutTetragon(TetragonBlock& block, std::uint32_t lane, const std::array<Vec3, 4>& corners,
+                 const PrimitiveRef& reference, std::int32_t shader) {
+  for (int i = 0; i < 4; ++i)
+    for (int a = 0; a < 3; ++a) block.corner[i][a][lane] = At(corners, i)[a];
+  block.primitive[lane] = reference.index;
+  block.shader[lane] = shader;
+  block.part[lane] = reference.part;
+}
+
+void FillTetragon(TetragonBlock& block, std::uint32_t lane, const Object& object,
+                  const PrimitiveRef& reference) {
+  const Part& part = object.parts[reference.part];
+  const Tetragon& tetragon = part.tetragons[reference.index];
+  const auto p = [&](int i) { return part.positions[tetragon.vertex[i]]; };
+  PutTetragon(block, lane, {p(0), p(1), p(2), p(3)}, reference, tetragon.shader);
+}
+
 void FillLane(PackedTree& tree, std::uint32_t lane, const Object& object, const PrimitiveRef& reference) {
   switch (reference.kind) {
     case kKindTriangle:
       return FillTriangle(tree.blocks[lane / kBlockLanes], lane % kBlockLanes, object, reference);
     case kKindParticle:
       return FillParticle(tree.particles[lane / kParticleLanes], lane % kParticleLanes, object, reference);
+    case kKindTetragon:
+      return FillTetragon(tree.tetragons[lane / kTetragonLanes], lane % kTetragonLanes, object, reference);
     default:
       tree.segments[lane] = MakeCurveSegment(object.parts[reference.part], reference.index);
       tree.segments[lane].part = reference.part;
@@ -126,7 +146,8 @@ struct NodeLanes {
   std::uint32_t unused = 0;   // lanes of that kind before it
 };
 
-constexpr std::uint32_t kMostMerged = std::max({kMergedTriangles, kMergedParticles, kMergedCylinders});
+constexpr std::uint32_t kMostMerged =
+    std::max({kMergedTriangles, kMergedParticles, kMergedCylinders, kMergedTetragons});
 
 // References of all below a wide node: they are in a row.
 struct ReferenceRange {
@@ -192,6 +213,8 @@ void ClearLanes(PackedTree& tree, std::size_t kind, std::uint32_t first, std::ui
       PutTriangle(tree.blocks[lane / kBlockLanes], lane % kBlockLanes, {}, {}, {}, {}, 0);
     else if (kind == 1)
       PutParticle(tree.particles[lane / kParticleLanes], lane % kParticleLanes, {}, 0, {});
+    else if (kind == 3)
+      PutTetragon(tree.tetragons[lane / kTetragonLanes], lane % kTetragonLanes, {}, {}, 0);
 }
 
 void FillNode(const Object& object, const RawVector<NodeLanes>& lanes, std::size_t n, PackedTree& tree) {
@@ -263,6 +286,7 @@ void PackTree(Object& object) {
   packed->blocks.Resize(BlocksFor(0, laneCount[0]));
   packed->particles.Resize(BlocksFor(1, laneCount[1]));
   packed->segments.Resize(BlocksFor(2, laneCount[2]));
+  packed->tetragons.Resize(BlocksFor(3, laneCount[3]));
   packed->shadowRoots = settings.format >= 2;
   const std::uint8_t demands = DemandsOf(object);
   packed->filtersVisibility = (demands & kHides) != 0;

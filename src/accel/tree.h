@@ -44,10 +44,13 @@ inline constexpr std::uint32_t kLeaf = 1U << 31U;
 inline constexpr std::uint32_t kTriangleLeaf = 1U << 30U;
 inline constexpr std::uint32_t kParticleLeaf = 1U << 29U;
 inline constexpr std::uint32_t kCylinderLeaf = 1U << 28U;
+inline constexpr std::uint32_t kTetragonLeaf = 1U << 27U;
+inline constexpr std::uint32_t kPackedLeaf = kTriangleLeaf | kParticleLeaf | kCylinderLeaf | kTetragonLeaf;
 inline constexpr std::uint32_t kLeafCount = 0xFFFF;
 
 inline constexpr int kBlockLanes = 4;
 inline constexpr int kParticleLanes = 8;
+inline constexpr int kTetragonLanes = 8;
 
 // Four triangles. Lane number i of a tree is lane i % 4 of block i / 4: the leaves of a node follow one
 // another without gaps, so that a leaf may begin and end within a block. Lanes before a merged subtree and at
@@ -68,11 +71,21 @@ struct alignas(64) ParticleBlock {
 };
 static_assert(sizeof(ParticleBlock) == 192);
 
+// Eight tetragons, in lanes as of triangles.
+struct alignas(64) TetragonBlock {
+  float corner[4][3][kTetragonLanes];
+  std::uint32_t primitive[kTetragonLanes];
+  std::int32_t shader[kTetragonLanes];
+  std::uint16_t part[kTetragonLanes];
+};
+static_assert(sizeof(TetragonBlock) == 512);
+
 // The kinds that trees keep beside their nodes. A subtree of one such kind alone, with this many primitives
 // at most, is one leaf to walks: its slot in the node above holds all its lanes. A block costs the same
 // whether one of its lanes is in use or all are, and a few blocks cost less than a node and the leaves that
 // it leads to. Nodes inside such a leaf are packed too, but not walked.
-inline constexpr std::uint32_t kMergedTriangles = 12, kMergedParticles = 16, kMergedCylinders = 2;
+inline constexpr std::uint32_t kMergedTriangles = 12, kMergedParticles = 16, kMergedCylinders = 2,
+                               kMergedTetragons = 4;
 struct PackedKind {
   std::uint16_t kind;
   std::uint32_t flag;
@@ -82,7 +95,8 @@ struct PackedKind {
 inline constexpr PackedKind kPackedKinds[] = {
     {kKindTriangle, kTriangleLeaf, kBlockLanes, kMergedTriangles},
     {kKindParticle, kParticleLeaf, kParticleLanes, kMergedParticles},
-    {kKindCylinder, kCylinderLeaf, 1, kMergedCylinders}};
+    {kKindCylinder, kCylinderLeaf, 1, kMergedCylinders},
+    {kKindTetragon, kTetragonLeaf, kTetragonLanes, kMergedTetragons}};
 inline constexpr std::size_t kPackedKindCount = std::size(kPackedKinds);
 
 // Entries of a walk's stack: what nearly all trees do with, and more than any can need.
@@ -93,6 +107,7 @@ struct PackedTree {
   PageArray<TriangleBlock> blocks;
   PageArray<ParticleBlock> particles;
   PageArray<CurveSegment> segments;
+  PageArray<TetragonBlock> tetragons;
   bool filtersVisibility = false;  // some primitive is hidden from some ray
   bool shadowRoots = false;        // of particles: TakeShadowSphere
   bool opaqueOnly = false;         // no primitive lets any shadow ray through

@@ -30,6 +30,10 @@ PrimitiveRef LaneReference(const PackedTree& tree, std::uint32_t flag, std::uint
     const ParticleBlock& block = tree.particles[lane / kParticleLanes];
     return {block.part[lane % kParticleLanes], kKindParticle, block.primitive[lane % kParticleLanes]};
   }
+  if (flag == kTetragonLeaf && lane / kTetragonLanes < tree.tetragons.size()) {
+    const TetragonBlock& block = tree.tetragons[lane / kTetragonLanes];
+    return {block.part[lane % kTetragonLanes], kKindTetragon, block.primitive[lane % kTetragonLanes]};
+  }
   if (flag == kCylinderLeaf && lane < tree.segments.size())
     return {tree.segments[lane].part, kKindCylinder, tree.segments[lane].primitive};
   return {};
@@ -175,7 +179,7 @@ struct TreeCheck {
   // The lanes of a packed leaf hold what is below its slot in the wide tree, no more and no less.
   void CheckLanes(const PackedTree& tree, std::uint32_t n, int i) {
     const std::uint32_t word = tree.nodes[n].word[i], first = tree.nodes[n].child[i];
-    const std::uint32_t flag = word & (kTriangleLeaf | kParticleLeaf | kCylinderLeaf);
+    const std::uint32_t flag = word & kPackedLeaf;
     std::vector<PrimitiveRef> expected = Below(n, i), found;
     for (std::uint32_t lane = first; lane < first + (word & kLeafCount); ++lane) {
       found.push_back(LaneReference(tree, flag, lane));

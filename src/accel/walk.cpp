@@ -130,6 +130,18 @@ struct NearestWalk {
     }
   }
 
+  void TestTetragonLeaf(const PackedTree& tree, std::uint32_t first, std::uint32_t count) {
+    TestTetragonLanes(
+        tree, first, count, ray, [&](const TetragonBlock& block, int i, const PrimitiveHit& found) {
+          const Part& part = object.parts[block.part[i]];
+          if (found.t <= ray.t - kHitEpsilon && !IsParent(ray, part, kKindTetragon, block.primitive[i]) &&
+              (!tree.filtersVisibility || IsVisible(found.shader, ray)) &&
+              Counts(part, kKindTetragon, block.primitive[i], found))
+            Store(part, kKindTetragon, block.primitive[i], found);
+          return false;
+        });
+  }
+
   void TestReferences(std::uint32_t first, std::uint32_t count) {
     assert(first + count <= object.compactReferences.size());
     for (std::uint32_t i = first; i < first + count; ++i) {
@@ -160,7 +172,7 @@ struct NearestWalk {
   void EnterInstance(const Instance& instance);
 
   [[gnu::always_inline]] void Run();
-  template <int kStackSize>
+  template <bool kUsual>
   void RunWithStack(const PackedTree& tree);
 
   [[gnu::always_inline]] void TestLeaf(const PackedTree& tree, std::uint32_t first, std::uint32_t word) {
@@ -174,16 +186,19 @@ struct NearestWalk {
       TestCylinders(tree, first, count);
     else if ((word & kParticleLeaf) != 0)
       TestParticles(tree, first, count);
+    else if ((word & kTetragonLeaf) != 0)
+      TestTetragonLeaf(tree, first, count);
     else
       TestReferences(first, count);
   }
 };
 
 template <Seek kSeek>
-template <int kStackSize>
+template <bool kUsual>
 void NearestWalk<kSeek>::RunWithStack(const PackedTree& tree) {
+  constexpr int kStackSize = kUsual ? kFewStackEntries : kMostStackEntries;
   const PackedNode* const nodes = tree.nodes.data();
-  const SlabRay slab(ray);
+  const SlabRay<!kUsual> slab(ray);
   StackEntry stack[kStackSize];
   StackEntry* top = stack;
   StackEntry current = {0, 0, 0};
@@ -191,6 +206,7 @@ void NearestWalk<kSeek>::RunWithStack(const PackedTree& tree) {
     while (current.word == 0) {
       assert(current.child < tree.nodes.size() && top + 7 <= stack + kStackSize);
       const PackedNode& node = nodes[current.child];
+      Prefetch(node.child);
       Float8 nearLanes;
       unsigned mask = SlabTest(node, slab, ray.t, nearLanes);
       if (mask == 0) goto pop;
@@ -226,6 +242,7 @@ void NearestWalk<kSeek>::RunWithStack(const PackedTree& tree) {
       } while (mask != 0);
       current = *--top;
     }
+    if (top != stack) PrefetchWaiting(tree, top[-1].child, top[-1].word);
     TestLeaf(tree, current.child, current.word);
   pop:
     do {
@@ -241,10 +258,10 @@ inline void NearestWalk<kSeek>::Run() {
   if (tree == nullptr || tree->nodes.size() == 0) return;
   if (kSeek == Seek::kAll && (ray.matrixDepth == 0 || !MeasuresInScene()))
     ray.direction = SafeNormalize(ray.direction);
-  if (tree->stackSize <= kFewStackEntries)
-    RunWithStack<kFewStackEntries>(*tree);
+  if (tree->stackSize <= kFewStackEntries && !IsSteep(ray)) [[likely]]
+    RunWithStack<true>(*tree);
   else
-    RunWithStack<kMostStackEntries>(*tree);
+    RunWithStack<false>(*tree);
 }
 
 template <Seek kSeek>
@@ -276,15 +293,6 @@ bool WalkFromRoot(RayRecord& ray) {
 }
 
 }  // namespace
-
-bool PrepareRay(RayRecord& ray) {
-  ray.matrixDepth = 0;
-  ray.place = 0;
-  if (!IsIndex(objectTable, rootObject)) return false;
-  if (!IsFinite(ray.origin) || !IsFinite(ray.direction) || ray.direction == kBlack) return false;
-  ray.inverseDirection = Reciprocal(ray.direction);
-  return true;
-}
 
 bool Trace(RayRecord& ray) {
   ray.t = kFarthest;

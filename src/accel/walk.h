@@ -5,11 +5,14 @@
 
 #include <bit>
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
 
 #include "accel/accel.h"
 #include "core/float8.h"
 #include "accel/primitive_tests.h"
 #include "accel/tree.h"
+#include "core/index.h"
 #include "core/settings.h"
 
 namespace zp {
@@ -18,43 +21,63 @@ namespace zp {
 // direction; format 2, shadow rays and probes in scene units, along the direction as the Instances leave it.
 inline bool MeasuresInScene() { return settings.format >= 2; }
 
+// Beyond this inverse of a direction's component, rounding of coordinates can be more than a distance.
+inline constexpr float kSteep = 0x1p20f;
+
+// Whether the ray runs so nearly across some axis that its slabs need slack.
+inline bool IsSteep(const RayRecord& ray) {
+  const Vec3 inverse = ray.inverseDirection;
+  return !(MaxOf(std::fabs(inverse.x), MaxOf(std::fabs(inverse.y), std::fabs(inverse.z))) <= kSteep);
+}
+
 // What a walk keeps of its ray for box tests. Where a direction's component is zero or nearly so, the inverse
 // is limited, since infinities of planes and origin would leave no number, and the slab is widened by what
 // coordinates are rounded by: a ray within a plane of a box meets the box.
+//   kSlack  false only of rays that are not steep: most, and they need half the numbers
+template <bool kSlack>
 struct SlabRay {
-  Float8 inverse[3], nearOrigin[3], farOrigin[3];  // origin * inverse, and the slack
-  int nearRow[3], farRow[3];
+  Float8 inverse[3], origin[3];  // origin * inverse, of near planes with the slack
+  Float8 farOrigin[kSlack ? 3 : 1];
+  std::size_t nearRow[3], farRow[3];  // bytes behind the first row of boxes
 
   explicit SlabRay(const RayRecord& ray) {
-    constexpr float kSteep = 0x1p20f;     // beyond, rounding of coordinates can be more than a distance
     constexpr float kSteepest = 0x1p80f;  // the slack is still farther than any box, and no product overflows
     constexpr float kRounding = 0x1p-22f, kLeastRounding = 0x1p-30f;
-    for (int a = 0; a < 3; ++a) {
-      float steep = ray.inverseDirection[a], slack = 0;
-      const int negative = steep < 0 ? 1 : 0;  // a direction's zero has a sign, too
-      if (std::fabs(steep) > kSteep) [[unlikely]] {
-        steep = std::copysign(MinOf(std::fabs(steep), kSteepest), steep);
-        slack = std::fabs(steep) * (std::fabs(ray.origin[a]) * kRounding + kLeastRounding);
+    constexpr std::size_t kRow = sizeof PackedNode::boxes[0];
+    for (std::size_t a = 0; a < 3; ++a) {
+      const int axis = static_cast<int>(a);
+      float steep = ray.inverseDirection[axis];
+      const std::size_t negative = std::bit_cast<std::uint32_t>(steep) >> 31U;  // a zero has a sign, too
+      if constexpr (kSlack) {
+        float slack = 0;
+        if (std::fabs(steep) > kSteep) {
+          steep = std::copysign(MinOf(std::fabs(steep), kSteepest), steep);
+          slack = std::fabs(steep) * (std::fabs(ray.origin[axis]) * kRounding + kLeastRounding);
+        }
+        origin[a] = Float8::Set(ray.origin[axis] * steep + slack);
+        farOrigin[a] = Float8::Set(ray.origin[axis] * steep - slack);
+      } else {
+        origin[a] = Float8::Set(ray.origin[axis] * steep);
       }
       inverse[a] = Float8::Set(steep);
-      nearOrigin[a] = Float8::Set(ray.origin[a] * steep + slack);
-      farOrigin[a] = Float8::Set(ray.origin[a] * steep - slack);
-      nearRow[a] = a + 3 * negative;
-      farRow[a] = a + 3 * (1 - negative);
+      nearRow[a] = kRow * (a + 3 * negative);
+      farRow[a] = kRow * (a + 3 * (1 - negative));
     }
   }
 };
 
 // Which of a node's boxes the ray enters before `limit`, and where. A plane that gives no number (an origin
 // beyond all bounds) does not count, so that a box is never lost.
-inline unsigned SlabTest(const PackedNode& node, const SlabRay& ray, float limit, Float8& near) {
+template <bool kSlack>
+inline unsigned SlabTest(const PackedNode& node, const SlabRay<kSlack>& ray, float limit, Float8& near) {
   near = Float8::Set(1e-8f);
   Float8 far = Float8::Set(limit);
+  const auto row = [&](std::size_t bytes) {
+    return Float8::LoadAligned(node.boxes[0] + bytes / sizeof(float));
+  };
   for (int a = 0; a < 3; ++a) {
-    const Float8 nearPlane = Float8::LoadAligned(node.boxes[ray.nearRow[a]]);
-    const Float8 farPlane = Float8::LoadAligned(node.boxes[ray.farRow[a]]);
-    near = Max(MulSub(nearPlane, ray.inverse[a], ray.nearOrigin[a]), near);
-    far = Min(MulSub(farPlane, ray.inverse[a], ray.farOrigin[a]), far);
+    near = Max(MulSub(row(ray.nearRow[a]), ray.inverse[a], ray.origin[a]), near);
+    far = Min(MulSub(row(ray.farRow[a]), ray.inverse[a], kSlack ? ray.farOrigin[a] : ray.origin[a]), far);
   }
   return MaskLessEqual(near, far);
 }
@@ -64,6 +87,31 @@ inline Vec3 Reciprocal(Vec3 v) { return {1.0f / v.x, 1.0f / v.y, 1.0f / v.z}; }
 inline bool IsParent(const RayRecord& ray, const Part& part, std::uint8_t kind, std::uint32_t index) {
   return ray.parentKind == kind && ray.parentPrimitive == static_cast<std::int32_t>(index) &&
          ray.parentPart == &part && ray.parentPlace == ray.place;
+}
+
+template <class T>
+inline void PrefetchWhole(const T& t) {
+  for (std::size_t line = 0; line < sizeof t; line += 64) Prefetch(reinterpret_cast<const char*>(&t) + line);
+}
+
+// Asks for what waits on a walk's stack, so that it comes from memory while a leaf is tested.
+inline void PrefetchWaiting(const PackedTree& tree, std::uint32_t child, std::uint32_t word) {
+  if (word == 0)
+    PrefetchWhole(tree.nodes[child]);
+  else if ((word & kTriangleLeaf) != 0)
+    PrefetchWhole(tree.blocks[child / kBlockLanes]);
+  else if ((word & kCylinderLeaf) != 0)
+    PrefetchWhole(tree.segments[child]);
+  else if ((word & kParticleLeaf) != 0)
+    PrefetchWhole(tree.particles[child / kParticleLanes]);
+}
+
+// Which lanes of block number b, of `lanes` each, are among lanes first to end - 1 of the tree.
+inline unsigned LanesWithin(std::uint32_t b, std::uint32_t lanes, std::uint32_t first, std::uint32_t end) {
+  unsigned mask = (1U << lanes) - 1U;
+  if (b * lanes < first) mask &= mask << (first % lanes);
+  if ((b + 1) * lanes > end) mask &= (1U << (end % lanes)) - 1U;
+  return mask;
 }
 
 // Tests the triangles of lanes first to first + count - 1, a block at a time, each block against the limit
@@ -88,9 +136,7 @@ inline bool TestLanes(const PackedTree& tree, std::uint32_t first, std::uint32_t
         TestTriangles(q, load(block.e1), load(block.e2), direction, Float4::Set(ray.t), zero, one, epsilon);
     if (hits.mask == 0) [[likely]]
       continue;
-    // Lanes of the leaves before and behind do not count.
-    if (b * kBlockLanes < first) hits.mask &= 0xFU << (first % kBlockLanes);
-    if ((b + 1) * kBlockLanes > end) hits.mask &= (1U << (end % kBlockLanes)) - 1U;
+    hits.mask &= LanesWithin(b, kBlockLanes, first, end);
     if (hits.mask != 0 && take(block, hits)) return true;
   }
   return false;
@@ -115,9 +161,7 @@ inline bool TestParticleLanes(const PackedTree& tree, std::uint32_t first, std::
         TestSpheres(d, Float8::LoadAligned(block.radius), direction, inverseSquare, zero);
     if (hits.mask == 0) [[likely]]
       continue;
-    // Lanes of the leaves before and behind do not count.
-    if (b * kParticleLanes < first) hits.mask &= 0xFFU << (first % kParticleLanes);
-    if ((b + 1) * kParticleLanes > end) hits.mask &= (1U << (end % kParticleLanes)) - 1U;
+    hits.mask &= LanesWithin(b, kParticleLanes, first, end);
     alignas(32) float nearest[kParticleLanes], discriminant[kParticleLanes];
     hits.b.Store(nearest);
     hits.discriminant.Store(discriminant);
@@ -125,6 +169,40 @@ inline bool TestParticleLanes(const PackedTree& tree, std::uint32_t first, std::
       const int i = std::countr_zero(mask);
       const Vec3 center = {block.center[0][i], block.center[1][i], block.center[2][i]};
       if (take(block, i, center - ray.origin, nearest[i], discriminant[i])) return true;
+    }
+  }
+  return false;
+}
+
+// Tests the tetragons of lanes first to first + count - 1, eight at a time. take(block, i, hit) gets every
+// lane that is hit, against the limit that the block began with; true from it ends the test.
+template <class Take>
+inline bool TestTetragonLanes(const PackedTree& tree, std::uint32_t first, std::uint32_t count,
+                              const RayRecord& ray, Take take) {
+  const Float8 zero = Float8::Set(0), epsilon = Float8::Set(kHitEpsilon);
+  const Lanes3<Float8> direction = {Float8::Set(ray.direction.x), Float8::Set(ray.direction.y),
+                                    Float8::Set(ray.direction.z)};
+  const Float8 ox = Float8::Set(ray.origin.x), oy = Float8::Set(ray.origin.y), oz = Float8::Set(ray.origin.z);
+  const std::uint32_t end = first + count;
+  for (std::uint32_t b = first / kTetragonLanes; b * kTetragonLanes < end; ++b) {
+    const TetragonBlock& block = tree.tetragons[b];
+    const auto corner = [&](int i) {
+      return Lanes3<Float8>{Float8::LoadAligned(block.corner[i][0]) - ox,
+                            Float8::LoadAligned(block.corner[i][1]) - oy,
+                            Float8::LoadAligned(block.corner[i][2]) - oz};
+    };
+    TetragonHits<Float8> hits = TestTetragons<Float8>(corner(0), corner(1), corner(2), corner(3), direction,
+                                                      Float8::Set(ray.t), zero, epsilon);
+    hits.mask &= LanesWithin(b, kTetragonLanes, first, end);
+    if (hits.mask == 0) continue;
+    alignas(32) float t[kTetragonLanes], denominator[kTetragonLanes], side[4][kTetragonLanes];
+    hits.t.Store(t);
+    hits.denominator.Store(denominator);
+    for (int k = 0; k < 4; ++k) hits.side[k].Store(side[k]);
+    for (unsigned mask = hits.mask; mask != 0; mask &= mask - 1) {
+      const int i = std::countr_zero(mask);
+      const float sides[4] = {side[0][i], side[1][i], side[2][i], side[3][i]};
+      if (take(block, i, TetragonHit(t[i], denominator[i], sides, block.shader[i]))) return true;
     }
   }
   return false;
@@ -175,6 +253,13 @@ struct InsideInstance {
 };
 
 // Whether a ray can be walked; fills what walks need.
-bool PrepareRay(RayRecord& ray);
+inline bool PrepareRay(RayRecord& ray) {
+  ray.matrixDepth = 0;
+  ray.place = 0;
+  if (!IsIndex(objectTable, rootObject)) return false;
+  if (!IsFinite(ray.origin) || !IsFinite(ray.direction) || ray.direction == kBlack) return false;
+  ray.inverseDirection = Reciprocal(ray.direction);
+  return true;
+}
 
 }  // namespace zp

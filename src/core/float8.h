@@ -44,10 +44,15 @@ inline Float8 Sqrt(Float8 a) { return {_mm256_sqrt_ps(a.v)}; }
 inline Float8 Abs(Float8 a) { return {_mm256_andnot_ps(_mm256_set1_ps(-0.0f), a.v)}; }
 inline Float8 MulAdd(Float8 a, Float8 b, Float8 c) { return {_mm256_fmadd_ps(a.v, b.v, c.v)}; }
 inline Float8 MulSub(Float8 a, Float8 b, Float8 c) { return {_mm256_fmsub_ps(a.v, b.v, c.v)}; }
+// Where lane i of a is at most that of b; of several such, `&` says where all are, and Bits the lanes.
+struct Where8 {
+  __m256 v;
+};
+inline Where8 operator&(Where8 a, Where8 b) { return {_mm256_and_ps(a.v, b.v)}; }
+inline unsigned Bits(Where8 a) { return static_cast<unsigned>(_mm256_movemask_ps(a.v)); }
+inline Where8 LessEqual(Float8 a, Float8 b) { return {_mm256_cmp_ps(a.v, b.v, _CMP_LE_OQ)}; }
 // Bit i set where lane i of a is at most that of b.
-inline unsigned MaskLessEqual(Float8 a, Float8 b) {
-  return static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(a.v, b.v, _CMP_LE_OQ)));
-}
+inline unsigned MaskLessEqual(Float8 a, Float8 b) { return Bits(LessEqual(a, b)); }
 // The same where it is below.
 inline unsigned MaskLess(Float8 a, Float8 b) {
   return static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(a.v, b.v, _CMP_LT_OQ)));
@@ -68,9 +73,6 @@ inline Float4 Max(Float4 a, Float4 b) { return {_mm_max_ps(a.v, b.v)}; }
 inline Float4 Min(Float4 a, Float4 b) { return {_mm_min_ps(a.v, b.v)}; }
 inline Float4 MulAdd(Float4 a, Float4 b, Float4 c) { return {_mm_fmadd_ps(a.v, b.v, c.v)}; }
 inline Float4 MulSub(Float4 a, Float4 b, Float4 c) { return {_mm_fmsub_ps(a.v, b.v, c.v)}; }
-inline unsigned MaskLessEqual(Float4 a, Float4 b) {
-  return static_cast<unsigned>(_mm_movemask_ps(_mm_cmple_ps(a.v, b.v)));
-}
 inline Float4 LowHalf(Float8 a) { return {_mm256_castps256_ps128(a.v)}; }
 inline Float4 HighHalf(Float8 a) { return {_mm256_extractf128_ps(a.v, 1)}; }
 inline Float8 Join(Float4 low, Float4 high) { return {_mm256_set_m128(high.v, low.v)}; }
@@ -110,6 +112,13 @@ inline float PairProducts(Float4 a) {
   const __m128 y = _mm_movehdup_ps(a.v), z = _mm_movehl_ps(a.v, a.v);
   return _mm_cvtss_f32(_mm_add_ss(_mm_mul_ss(_mm_add_ss(a.v, y), z), _mm_mul_ss(a.v, y)));
 }
+struct Where4 {
+  __m128 v;
+};
+inline Where4 operator&(Where4 a, Where4 b) { return {_mm_and_ps(a.v, b.v)}; }
+inline unsigned Bits(Where4 a) { return static_cast<unsigned>(_mm_movemask_ps(a.v)); }
+inline Where4 LessEqual(Float4 a, Float4 b) { return {_mm_cmple_ps(a.v, b.v)}; }
+inline unsigned MaskLessEqual(Float4 a, Float4 b) { return Bits(LessEqual(a, b)); }
 // Lanes truncated towards zero and limited to 0..limit; not-a-number gives 0.
 inline void TruncateTo(Float4 a, std::int32_t limit, std::int32_t out[4]) {
   const __m128i whole = _mm_cvttps_epi32(a.v);
@@ -121,6 +130,9 @@ inline void TruncateTo(Float4 a, std::int32_t limit, std::int32_t out[4]) {
 inline float MulAdd(float a, float b, float c) { return std::fma(a, b, c); }
 inline float MulSub(float a, float b, float c) { return std::fma(a, b, -c); }
 inline unsigned MaskLessEqual(float a, float b) { return a <= b ? 1U : 0U; }
+inline unsigned LessEqual(float a, float b) { return MaskLessEqual(a, b); }
+inline unsigned MaskLess(float a, float b) { return a < b ? 1U : 0U; }
+inline unsigned Bits(unsigned lanes) { return lanes; }
 
 // The twin: the same operations as loops.
 template <int kLanes>
@@ -181,6 +193,7 @@ struct PlainLanes {
     for (int i = 0; i < kLanes; ++i) mask |= static_cast<unsigned>(a.v[i] <= b.v[i]) << i;
     return mask;
   }
+  friend unsigned LessEqual(PlainLanes a, PlainLanes b) { return MaskLessEqual(a, b); }
   friend unsigned MaskLess(PlainLanes a, PlainLanes b) {
     unsigned mask = 0;
     for (int i = 0; i < kLanes; ++i) mask |= static_cast<unsigned>(a.v[i] < b.v[i]) << i;
