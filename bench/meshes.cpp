@@ -77,7 +77,7 @@ std::size_t ContainerBytes(const Object& object) {
   for (const Part& part : object.parts) {
     sum += Bytes(part.positions) + Bytes(part.normals) + Bytes(part.tangents) + Bytes(part.triangles) +
            Bytes(part.tetragons) + Bytes(part.particles) + Bytes(part.cylinders) +
-           Bytes(part.primitiveShaders) + Bytes(part.vertexHash);
+           Bytes(part.primitiveShaders);
     for (const auto& set : part.uvSets) sum += Bytes(set.values);
     for (const auto& set : part.vectorSets) sum += Bytes(set.values);
     for (const auto& set : part.scalarSets) sum += Bytes(set.values);

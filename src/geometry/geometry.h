@@ -45,8 +45,8 @@ bool ReadObjFile(const std::string& path, Part& part, ObjReport* report = nullpt
                  const std::string& endPath = {}, EndResult* endResult = nullptr);
 // The row of an end that does not fit.
 void PrintOtherEnd(const std::string& path, const std::string& endPath);
-// The same from memory.
-void ReadObj(std::string_view text, Part& part);
+// The same from memory, in pieces of so many bytes, which change nothing.
+void ReadObj(std::string_view text, Part& part, std::size_t pieceBytes = std::size_t{1} << 18U);
 
 // Lays strands one after the other over the positions that a Part has: a strand of n segments is n cylinders
 // and owns n + 1 positions.

@@ -309,8 +309,6 @@ void PreparePart(Part& part, const Object& object) {
   if (TakesShaderOfObject(part)) part.shader = object.shader;
   if (Stopping()) return;
   Validate(part);
-  Release(part.vertexHash);
-  part.hashedVertices = 0;
   if (!part.cylinders.empty()) DeriveStrands(part);
   part.motion = false;
   for (const auto& set : part.vectorSets) part.motion |= set.name == "motion";

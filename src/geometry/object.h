@@ -78,10 +78,6 @@ struct Part {
   std::vector<const Vec2*> namedUvs;
   bool motion = false;       // some vector set is named "motion"
   bool mirroredUvs = false;  // see KeepsHandedness
-  // Of the reader that merges vertices; transient. Open addressing, a power of two of slots with vertex
-  // indices.
-  std::vector<std::uint32_t> vertexHash;
-  std::uint32_t hashedVertices = 0;  // slots in use
 };
 
 // A matrix as rotation (a unit quaternion, its real part last), stretch (symmetric) and origin.
