@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <span>
 #include <utility>
 
 #include "core/console.h"
@@ -38,12 +39,12 @@ FaceRules RulesOfFormat() {
 }
 
 float ParseFloat(const char*& cursor, const char* end) {
-  while (cursor < end && IsBlank(*cursor)) ++cursor;
-  const bool negative = cursor < end && *cursor == '-';
-  if (cursor < end && (*cursor == '-' || *cursor == '+')) ++cursor;
+  while (IsBlank(*cursor)) ++cursor;
+  const bool negative = *cursor == '-';
+  if (*cursor == '-' || *cursor == '+') ++cursor;
   double value = 0;
   cursor = fast_float::from_chars(cursor, end, value).ptr;
-  while (cursor < end && !IsBlank(*cursor) && !EndsLine(*cursor)) ++cursor;
+  while (!IsBlank(*cursor) && !EndsLine(*cursor)) ++cursor;
   return static_cast<float>(negative ? -value : value);
 }
 
@@ -52,16 +53,19 @@ namespace {
 constexpr std::int64_t kLargestIndex = 1LL << 40U;
 
 // One index of a corner; moves `cursor` to the character that ends it. What is no number counts as 0.
-std::int64_t ParseIndex(const char*& cursor, const char* end) {
-  const bool negative = cursor < end && *cursor == '-';
-  if (cursor < end && (*cursor == '-' || *cursor == '+')) ++cursor;
+std::int64_t ParseIndex(const char*& cursor) {
+  const bool negative = *cursor == '-';
+  if (*cursor == '-' || *cursor == '+') ++cursor;
   std::int64_t value = 0;
-  while (cursor < end && *cursor >= '0' && *cursor <= '9') {
-    value = value * 10 + (*cursor - '0');
-    if (value > kLargestIndex) value = kLargestIndex;
+  for (;;) {
+    const unsigned digit = static_cast<unsigned char>(*cursor) - unsigned{'0'};
+    if (digit > 9) break;
+    value = value * 10 + digit;
+    if (value > kLargestIndex) [[unlikely]]
+      value = kLargestIndex;
     ++cursor;
   }
-  while (cursor < end && *cursor != '/' && !IsBlank(*cursor) && !EndsLine(*cursor)) ++cursor;
+  while (*cursor != '/' && !IsBlank(*cursor) && !EndsLine(*cursor)) ++cursor;
   return negative ? -value : value;
 }
 
@@ -80,17 +84,15 @@ struct RawCorner {
 };
 
 // The next corner of a face; moves `cursor` behind it. False if there is none.
-bool ParseCorner(const char*& cursor, const char* end, RawCorner& corner) {
-  while (cursor < end && IsBlank(*cursor)) ++cursor;
-  if (cursor >= end || EndsLine(*cursor) || *cursor == '#')
-    return false;  // no number of a remark is a corner
-  corner = {};
-  for (std::int64_t* index : {&corner.position, &corner.uv, &corner.normal}) {
-    *index = ParseIndex(cursor, end);
-    if (cursor >= end || *cursor != '/') break;
-    ++cursor;
-  }
-  while (cursor < end && !IsBlank(*cursor) && !EndsLine(*cursor)) ++cursor;
+bool ParseCorner(const char*& cursor, RawCorner& corner) {
+  while (IsBlank(*cursor)) ++cursor;
+  if (EndsLine(*cursor) || *cursor == '#') return false;  // no number of a remark is a corner
+  corner = {ParseIndex(cursor), 0, 0};
+  if (*cursor != '/') return true;
+  corner.uv = ParseIndex(++cursor);
+  if (*cursor != '/') return true;
+  corner.normal = ParseIndex(++cursor);
+  while (!IsBlank(*cursor) && !EndsLine(*cursor)) ++cursor;
   return true;
 }
 
@@ -111,35 +113,35 @@ std::string_view SecondWord(const char* cursor, const char* end) {
 struct PieceParser {
   ObjPiece& piece;
   FaceRules rules;
-  bool atStart = false;                 // of the text
-  std::vector<RawCorner> corners = {};  // of the face at hand
+  bool atStart = false;  // of the text
 
-  void AddFace() {
+  void AddFace(std::span<RawCorner> corners) {
     std::int64_t least = 0, uvs = 0, normals = 0;
-    const bool smooth = piece.smooth.value_or(true);
     for (RawCorner& c : corners) {
-      if (!smooth) c.normal = 0;
+      if (piece.smooth == false) c.normal = 0;
       least = std::min({least, c.position, c.uv, c.normal});
       uvs |= c.uv;
       normals |= c.normal;
     }
-    auto& faces = piece.faces;
     const auto count = static_cast<std::uint32_t>(corners.size());
     piece.triangles = piece.triangles && count == 3;
     piece.unnamed += piece.shaderNames.empty();
     ++piece.faceCount;
-    if (least < 0) return AddBackwards(count);
-    faces.push_back(count | (uvs != 0 ? FaceCursor::kUvs : 0) | (normals != 0 ? FaceCursor::kNormals : 0));
+    if (least < 0) return AddBackwards(corners);
+    const std::size_t begin = piece.faces.size();
+    piece.faces.resize(begin + 1 + count * (1U + (uvs != 0) + (normals != 0)));
+    std::uint32_t* word = &piece.faces[begin];
+    *word++ = count | (uvs != 0 ? FaceCursor::kUvs : 0) | (normals != 0 ? FaceCursor::kNormals : 0);
     for (const RawCorner& c : corners) {
-      faces.push_back(Resolve(c.position, 0));
-      if (uvs != 0) faces.push_back(Resolve(c.uv, 0));
-      if (normals != 0) faces.push_back(Resolve(c.normal, 0));
+      *word++ = Resolve(c.position, 0);
+      if (uvs != 0) *word++ = Resolve(c.uv, 0);
+      if (normals != 0) *word++ = Resolve(c.normal, 0);
     }
   }
 
-  void AddBackwards(std::uint32_t count) {
+  void AddBackwards(std::span<const RawCorner> corners) {
     const auto add = [&](std::uint64_t word) { piece.faces.push_back(static_cast<std::uint32_t>(word)); };
-    add(count | FaceCursor::kBackwards);
+    add(corners.size() | FaceCursor::kBackwards);
     add(piece.positions.size());
     add(piece.uvs.size());
     add(piece.normals.size());
@@ -157,30 +159,28 @@ struct PieceParser {
     ++runs.back().polygons;
   }
 
-  // Of a face of five corners or more no corner counts behind the first that has no position.
-  void ParseFace(const char* cursor, const char* end) {
-    constexpr std::size_t kMostCorners = 4;
-    corners.clear();
-    RawCorner corner;
-    bool polygon = false;
-    while (!polygon && ParseCorner(cursor, end, corner)) {
-      polygon = corners.size() == kMostCorners && corner.position != 0;
-      if (corners.size() == kMostCorners && !polygon) break;
-      corners.push_back(corner);
-    }
+  void AddSliver() { ++piece.slivers; }
+
+  void ParseFace(const char* cursor) {
+    RawCorner corners[5];
+    std::size_t count = 0;
+    while (count < 5 && ParseCorner(cursor, corners[count])) ++count;
     ++piece.faceLines;
-    if (polygon && !rules.anyCorners) return AddPolygon();
-    if (polygon) {
-      while (ParseCorner(cursor, end, corner) && corner.position != 0) corners.push_back(corner);
-      const auto isEmpty = [](const RawCorner& c) { return c.position == 0; };
-      corners.erase(std::find_if(corners.begin(), corners.end(), isEmpty), corners.end());
-    }
-    if (corners.size() < 3 || corners[2].position == 0) {
-      ++piece.slivers;
-      return;
-    }
-    if (!polygon && corners.size() == 4 && corners[3].position == 0) corners.pop_back();
-    AddFace();
+    if (count == 5 && corners[4].position != 0) return ParsePolygon(cursor, corners);
+    if (count < 3 || corners[2].position == 0) return AddSliver();
+    AddFace({corners, count > 3 && corners[3].position != 0 ? std::size_t{4} : std::size_t{3}});
+  }
+
+  // A face of the five corners and what follows. No corner counts behind the first that has no position.
+  void ParsePolygon(const char* cursor, std::span<const RawCorner> first) {
+    if (!rules.anyCorners) return AddPolygon();
+    std::vector<RawCorner> corners(first.begin(), first.end());
+    RawCorner corner;
+    while (ParseCorner(cursor, corner)) corners.push_back(corner);
+    const auto isEmpty = [](const RawCorner& c) { return c.position == 0; };
+    corners.erase(std::find_if(corners.begin(), corners.end(), isEmpty), corners.end());
+    if (corners.size() < 3) return AddSliver();
+    AddFace(corners);
   }
 
   void TakeSmooth(bool smooth) {
@@ -220,7 +220,7 @@ struct PieceParser {
       return;
     }
     if (length > 1 && IsBlank(p[1])) {
-      if (*p == 'f') ParseFace(p + 2, end);
+      if (*p == 'f') ParseFace(p + 2);
       if (*p == 's') TakeSmooth(SecondWord(p, end) != "off");
       if (*p == 'o' || *p == 'g') piece.group = SecondWord(p, end);
       return;
@@ -229,7 +229,8 @@ struct PieceParser {
     if (end - line >= 6 && std::memcmp(line, "usemtl", 6) == 0) TakeShader(SecondWord(line, end));
   }
 
-  // All whole lines of the text, and with `last` the rest too. Returns the bytes used.
+  // All whole lines of the text, and with `last` the rest too, behind which a line feed stands. Returns the
+  // bytes used.
   std::size_t ParseLines(std::string_view text, bool last) {
     const char* cursor = text.data();
     const char* const end = cursor + text.size();
@@ -294,6 +295,8 @@ bool ParsePiece(const ObjText& text, std::size_t begin, std::size_t end, PiecePa
     size = findFeed(searched);
     goesOn = got == step && size == read;
   }
+  buffer.resize(std::max(buffer.size(), size + 1));
+  buffer[size] = '\n';
   parser.ParseLines({buffer.data() + first, size - first}, true);
   return whole;
 }
@@ -373,6 +376,7 @@ void ParseBlocks(int file, ObjLines& lines) {
     }
     std::memmove(buffer.data(), buffer.data() + begin, held);
   }
+  buffer[held] = '\n';
   PieceParser{lines.pieces.emplace_back(), lines.rules, atStart}.ParseLines({buffer.data(), held}, true);
 }
 
@@ -466,24 +470,6 @@ void FaceCursor::Skip() {
   const std::size_t flags = *at_, corners = CornerCount();
   at_ += (flags & kBackwards) != 0 ? 4 + 6 * corners
                                    : 1 + corners * (1 + ((flags & kUvs) != 0) + ((flags & kNormals) != 0));
-  ++face_;
-}
-
-void FaceCursor::Take(std::vector<Corner>& corners) {
-  const std::uint32_t flags = *at_;
-  const bool smooth = piece_.smoothBefore || face_ >= piece_.inheritingSmooth;
-  corners.resize(CornerCount());
-  if ((flags & kBackwards) != 0) return TakeBackwards(corners, smooth);
-  const bool uvs = (flags & kUvs) != 0, normals = (flags & kNormals) != 0;
-  const std::uint32_t* word = at_ + 1;
-  for (Corner& c : corners) {
-    c.position = *word++;
-    c.uv = uvs ? *word++ : kMissing;
-    c.normal = normals ? *word++ : kMissing;
-    if (!smooth) c.normal = kMissing;
-    c.endNormal = kMissing;
-  }
-  at_ = word;
   ++face_;
 }
 

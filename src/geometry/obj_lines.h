@@ -126,8 +126,26 @@ class FaceCursor {
   std::size_t run_ = 0;
 };
 
-// One number as a file writes it; moves `cursor` behind its token, which a blank or the line ends. 0 where
-// there is none. Any spelling gives what the nearest double is as a float.
+inline void FaceCursor::Take(std::vector<Corner>& corners) {
+  const std::uint32_t flags = *at_;
+  const bool smooth = piece_.smoothBefore || face_ >= piece_.inheritingSmooth;
+  corners.resize(CornerCount());
+  if ((flags & kBackwards) != 0) return TakeBackwards(corners, smooth);
+  const bool uvs = (flags & kUvs) != 0, normals = (flags & kNormals) != 0;
+  const std::uint32_t* word = at_ + 1;
+  for (Corner& c : corners) {
+    c.position = *word++;
+    c.uv = uvs ? *word++ : kMissing;
+    c.normal = normals ? *word++ : kMissing;
+    if (!smooth) c.normal = kMissing;
+    c.endNormal = kMissing;
+  }
+  at_ = word;
+  ++face_;
+}
+
+// One number as a file writes it; moves `cursor` behind its token, which a blank or the line ends: at `end` a
+// line feed or NUL stands. 0 where there is none. Any spelling gives what the nearest double is as a float.
 float ParseFloat(const char*& cursor, const char* end);
 
 }  // namespace zp

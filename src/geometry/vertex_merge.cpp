@@ -13,10 +13,6 @@
 namespace zp {
 namespace {
 
-// The order of a vertex's first corner stands above the signs of the zeros that it brought: all else that
-// equal corners bring is the same to the bit.
-constexpr unsigned kSigns = 11;
-
 struct ZeroSigns {
   std::uint64_t signs = 0;
 
@@ -48,6 +44,8 @@ struct ZeroSigns {
   }
 };
 
+constexpr unsigned kSigns = VertexMerger::kSigns;
+
 std::uint64_t FirstOf(std::uint64_t order, Vec3 position, const CornerData& data) {
   ZeroSigns zeros;
   zeros.Add(position);
@@ -63,13 +61,6 @@ void RestoreZeros(std::uint64_t first, Vec3& position, CornerData& data) {
   zeros.Restore(data.motion);
   zeros.Restore(data.uv);
   zeros.Restore(position);
-}
-
-void Lower(std::uint64_t& value, std::uint64_t to) {
-  const std::atomic_ref<std::uint64_t> shared(value);
-  std::uint64_t now = shared.load(std::memory_order_relaxed);
-  while (to < now && !shared.compare_exchange_weak(now, to, std::memory_order_relaxed)) {
-  }
 }
 
 bool IsSame(Vec2 a, Vec2 b) { return FloatKey(a.x) == FloatKey(b.x) && FloatKey(a.y) == FloatKey(b.y); }
@@ -154,14 +145,23 @@ std::uint32_t VertexMerger::NewEntry(const CornerData& data, Share& share) {
   return share.next;
 }
 
-std::uint32_t VertexMerger::Add(std::uint32_t position, const CornerData& data, std::uint64_t order,
-                                Share& share) {
-  const std::uint64_t first = FirstOf(order, positions_[position], data);
-  const std::uint32_t place = equal_[position];
-  if (bare_) {
-    Lower(firsts_[place], first);
-    return place;
+// The order of a vertex's first corner stands above the signs of the zeros that it brought: all else that
+// equal corners bring is the same to the bit.
+void VertexMerger::TakeFirst(std::uint64_t& value, std::uint64_t first) {
+  const std::atomic_ref<std::uint64_t> shared(value);
+  std::uint64_t now = shared.load(std::memory_order_relaxed);
+  while (first < now && !shared.compare_exchange_weak(now, first, std::memory_order_relaxed)) {
   }
+}
+
+void VertexMerger::TakeBare(std::uint64_t& value, std::uint32_t position, std::uint64_t order) {
+  TakeFirst(value, FirstOf(order, positions_[position], {}));
+}
+
+std::uint32_t VertexMerger::AddEntry(std::uint32_t position, const CornerData& data, std::uint64_t order,
+                                     Share& share) {
+  const std::uint32_t place = equal_[position];
+  const std::uint64_t first = FirstOf(order, positions_[position], data);
   const std::atomic_ref<std::uint32_t> list(lists_[place]);
   std::uint32_t head = list.load(std::memory_order_acquire);
   std::uint32_t found = FindFrom(head, kNoEntry, data);
@@ -178,7 +178,7 @@ std::uint32_t VertexMerger::Add(std::uint32_t position, const CornerData& data, 
       if (found != known) break;
     }
   }
-  Lower(EntryAt(found).first, first);
+  TakeFirst(EntryAt(found).first, first);
   return found;
 }
 

@@ -3,7 +3,7 @@
 
 #pragma once
 
-#include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -35,7 +35,13 @@ class VertexMerger {
   };
   // Adds a corner at that position; `order` tells which of equal ones came first, and is the number of a
   // known vertex. Returns the vertex's entry.
-  std::uint32_t Add(std::uint32_t position, const CornerData& data, std::uint64_t order, Share& share);
+  std::uint32_t Add(std::uint32_t position, const CornerData& data, std::uint64_t order, Share& share) {
+    if (!bare_) return AddEntry(position, data, order, share);
+    const std::uint32_t place = equal_[position];  // most corners find one before them there
+    const std::uint64_t now = std::atomic_ref<std::uint64_t>(firsts_[place]).load(std::memory_order_relaxed);
+    if (now >> kSigns > order) TakeBare(firsts_[place], position, order);
+    return place;
+  }
 
   // When all are added: numbers the vertices by their first corners, the known ones as they are, and appends
   // the new ones to the Part's positions, first uvs, normals and tangents, and to the two arrays if they
@@ -46,12 +52,14 @@ class VertexMerger {
     return static_cast<std::uint32_t>(bare_ ? firsts_[entry] : EntryAt(entry).first);
   }
 
+  static constexpr unsigned kSigns = 11;  // bits below an order, see TakeFirst
+
  private:
   static constexpr std::uint64_t kNever = ~std::uint64_t{0};
   static constexpr std::uint32_t kNoEntry = 0xFFFFFFFF;
 
   struct Entry {
-    std::uint64_t first = kNever;  // see FirstOf; at last the vertex's number
+    std::uint64_t first = kNever;  // see TakeFirst; at last the vertex's number
     std::uint32_t next = kNoEntry;
     PackedVector normal;
     Vec2 uv;
@@ -70,6 +78,9 @@ class VertexMerger {
   EntryMotion& MotionAt(std::uint32_t index) const {
     return blocks_[index / blockEntries_].motions[index % blockEntries_];
   }
+  std::uint32_t AddEntry(std::uint32_t position, const CornerData& data, std::uint64_t order, Share& share);
+  void TakeBare(std::uint64_t& value, std::uint32_t position, std::uint64_t order);
+  static void TakeFirst(std::uint64_t& value, std::uint64_t first);
   bool Holds(std::uint32_t index, const CornerData& data) const;
   std::uint32_t FindFrom(std::uint32_t index, std::uint32_t end, const CornerData& data) const;
   std::uint32_t NewEntry(const CornerData& data, Share& share);
