@@ -13,8 +13,9 @@ namespace zp {
 // The binary tree over all primitives of an Object, from scratch. Boxes of inner nodes come from Update.
 void Build(Object& object);
 // Moves vertices by motion / passes, refits and rotates the binary tree, and lays out the wide one.
-// Without `force` only deformable Objects are touched, and only those move.
-void Update(Object& object, bool force, int passes);
+// Without `force` only deformable Objects are touched, and only those move. Without `keepsNodes` the binary
+// tree is given up before the last arrays come.
+void Update(Object& object, bool force, int passes, bool keepsNodes = true);
 // In format 2: puts a deformable Object to a time, 0 as the shutter opens to 1 as it closes, and its trees.
 void MoveObject(Object& object, float time);
 // Whether the trees that Update left are sound, binary, wide and packed; see core/validate.h.

@@ -4,6 +4,7 @@
 #include "accel/tree.h"
 #include "accel/update_steps.h"
 #include "core/index.h"
+#include "core/release.h"
 #include "core/stop.h"
 #include "core/threads.h"
 #include "core/validate.h"
@@ -23,10 +24,14 @@ void MoveVertices(Part& part, int passes) {
   }
 }
 
-void RefreshTrees(Object& object) {
+void RefreshTrees(Object& object, bool keepsNodes) {
   RotateTree(object);
   if (Stopping()) return;
   CollapseTree(object);
+  if (!keepsNodes && !kValidates) {  // before the largest arrays come
+    Release(object.nodes);
+    Release(object.references);
+  }
   PackTree(object);
   if (kValidates) RequireSound(ValidateTree(object));
 }
@@ -41,10 +46,10 @@ void MoveObject(Object& object, float time) {
     MoveInstance(instance, time);
     FinishInstance(instance, At(objectTable, instance.object).bounds);
   }
-  RefreshTrees(object);
+  RefreshTrees(object, true);
 }
 
-void Update(Object& object, bool force, int passes) {
+void Update(Object& object, bool force, int passes, bool keepsNodes) {
   if ((!force && !object.deformable) || Stopping()) return;
   // Right after Build nothing has moved yet: the first pass sees vertices where the files put them.
   if (!force) {
@@ -52,7 +57,7 @@ void Update(Object& object, bool force, int passes) {
     for (Instance& instance : object.instances)
       if (instance.object >= 0) FinishInstance(instance, At(objectTable, instance.object).bounds);
   }
-  RefreshTrees(object);
+  RefreshTrees(object, keepsNodes);
 }
 
 }  // namespace zp

@@ -32,6 +32,51 @@ Corners HitCorners(const Part& part, std::uint8_t kind, std::uint32_t index, Vec
   }
 }
 
+namespace {
+
+Vec3 CornerMean(const Corners& corners, const PackedVector* vectors) {
+  Vec3 sum;
+  for (int i = 0; i < corners.count; ++i) {
+    if (IsZero(vectors[i])) return {};
+    sum += corners.weight[i] * UnitVector(Unpack(vectors[i]));
+  }
+  return sum;
+}
+
+Vec3 FaceMean(const Corners& corners, const CornerVectors& vectors, std::size_t face) {
+  const PackedVector own = vectors.values[face];
+  if (own == kVaried) {
+    const auto before = [](const CornerVectors::Varied& v, std::size_t number) { return v.face < number; };
+    return CornerMean(corners,
+                      std::lower_bound(vectors.varied.begin(), vectors.varied.end(), face, before)->of);
+  }
+  if (IsZero(own)) return {};
+  Vec3 sum;
+  const Vec3 unit = UnitVector(Unpack(own));
+  for (int i = 0; i < corners.count; ++i) sum += corners.weight[i] * unit;
+  return sum;
+}
+
+Vec3 MeanOf(const Corners& corners, const CornerVectors& faces, const std::vector<PackedVector>& vertices,
+            const Part& part, std::uint8_t kind, std::uint32_t index) {
+  const std::size_t face = index + (kind == kKindTetragon ? part.triangles.size() : 0);
+  if (face < faces.values.size()) return FaceMean(corners, faces, face);
+  PackedVector vectors[4];
+  for (int i = 0; i < corners.count; ++i)
+    if (corners.vertex[i] < vertices.size()) vectors[i] = vertices[corners.vertex[i]];
+  return CornerMean(corners, vectors);
+}
+
+}  // namespace
+
+Vec3 CornerNormal(const Corners& corners, const Part& part, std::uint8_t kind, std::uint32_t index) {
+  return MeanOf(corners, part.cornerNormals, part.normals, part, kind, index);
+}
+
+Vec3 CornerTangent(const Corners& corners, const Part& part, std::uint8_t kind, std::uint32_t index) {
+  return MeanOf(corners, part.cornerTangents, part.tangents, part, kind, index);
+}
+
 Vec2 FirstUv(const Corners& corners, const Part& part) {
   if (part.uvSets.empty()) return {};
   const std::vector<Vec2>& values = part.uvSets[0].values;

@@ -316,7 +316,7 @@ void PreparePart(Part& part, const Object& object) {
     FlipFaces(part);
     part.mirroredUvs = KeepsHandedness(part);
     Displace(part);
-    Smooth(part);
+    Smooth(part, !part.motion);
   }
   PrepareMotion(part);
 
@@ -371,9 +371,6 @@ void FinishInstance(Instance& instance, const Box& bounds) {
     PrintError("object - an instance matrix has no inverse");
     return;
   }
-  instance.normalMatrix = {};
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) instance.normalMatrix.m[i][j] = instance.inverse.m[j][i];
   if (IsEmpty(bounds)) return;
   Box box;
   for (int corner = 0; corner < 8; ++corner) {
@@ -420,8 +417,8 @@ void PrintObjectReport(const Object& object) {
     for (const auto& set : part.vectorSets) positions += set.values.size();
     for (const auto& set : part.uvSets) uvs += set.values.size();
     for (const auto& set : part.scalarSets) scalars += set.values.size();
-    normals += part.normals.size();
-    tangents += part.tangents.size();
+    normals += part.normals.size() + part.cornerNormals.values.size();
+    tangents += part.tangents.size() + part.cornerTangents.values.size();
     particles += part.particles.size();
     cylinders += part.cylinders.size();
     triangles += part.triangles.size();

@@ -11,15 +11,6 @@
 namespace zp {
 namespace {
 
-Vec3 CornerSum(const Corners& corners, const std::vector<PackedVector>& values) {
-  Vec3 sum;
-  for (int i = 0; i < corners.count; ++i) {
-    if (corners.vertex[i] >= values.size() || IsZero(values[corners.vertex[i]])) return {};
-    sum += corners.weight[i] * UnitVector(Unpack(values[corners.vertex[i]]));
-  }
-  return sum;
-}
-
 // Object space, before Instances and before the normals are turned to the ray's origin.
 struct LocalSurface {
   Corners corners;
@@ -45,11 +36,11 @@ LocalSurface SurfaceOf(const RayRecord& ray) {
   switch (ray.kind) {
     case kKindTriangle:
       surface.faceNormal = TriangleNormal(part, surface.corners);
-      surface.tangent = CornerSum(surface.corners, part.tangents);
+      surface.tangent = CornerTangent(surface.corners, part, ray.kind, index);
       break;
     case kKindTetragon:
       surface.faceNormal = TetragonNormal(part, surface.corners);
-      surface.tangent = CornerSum(surface.corners, part.tangents);
+      surface.tangent = CornerTangent(surface.corners, part, ray.kind, index);
       break;
     case kKindParticle:
       surface.faceNormal = UnitVector(ray.barycentric);  // from the centre
@@ -140,7 +131,8 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
 
   Vec3 normal = surface.faceNormal;
   if (ray.kind == kKindTriangle || ray.kind == kKindTetragon) {
-    const Vec3 smooth = CornerSum(surface.corners, ray.part->normals);
+    const Vec3 smooth =
+        CornerNormal(surface.corners, *ray.part, ray.kind, static_cast<std::uint32_t>(ray.primitive));
     if (Dot(smooth, smooth) > 0) normal = UnitVector(smooth);
   }
   bool mirrored = false;
