@@ -363,6 +363,7 @@ void AddKnown(VertexMerger& merger, const Part& part) {
 }
 
 void Finish(ModelLoader& loader) {
+  if (Stopping()) return;  // pieces are missing
   const auto hasPolygons = [](const ObjPiece& piece) { return piece.firstPolygon != kMissing; };
   const auto& pieces = loader.lines.pieces;
   if (FaceCount(loader.lines) == 0 && std::none_of(pieces.begin(), pieces.end(), hasPolygons)) return;
