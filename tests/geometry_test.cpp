@@ -3,13 +3,16 @@
 #include "geometry/geometry.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <bit>
+#include <cstring>
 #include <iterator>
 #include <limits>
 #include <random>
 #include <sstream>
+#include <thread>
 
 #include "accel/accel.h"
 #include "core/console.h"
@@ -201,6 +204,52 @@ TEST_F(GeometryTest, DroppedFacesAreToldOncePerLoad) {
   EXPECT_EQ(rows, "");
 }
 
+// Where pieces of a text begin changes nothing, whatever lines before say of those behind; nor does a pipe.
+TEST_F(GeometryTest, PiecesOfATextMeanWhatTheWholeDoes) {
+  std::mt19937 random(3);
+  const char* const lines[] = {"s off",
+                               "s 1",
+                               "usemtl a",
+                               "usemtl b",
+                               "vn 0 0 -1",
+                               "vn 1 0 0",
+                               "vt 0 1",
+                               "vt -0 1",
+                               "f 1 2 3 4 1 2",
+                               "f -1/-1/-1 -2//-2 -3",
+                               "f -3 1/1/1 -2 2//2",
+                               "f 1 2 999"};
+  std::string text = "\xEF\xBB\xBF";
+  for (int i = 0; i < 2000; ++i) {
+    if (i % 2 == 0)
+      text += "v " + std::to_string(random() % 3) + ' ' + std::to_string(random() % 3) + " -0\n";
+    text += std::string(lines[random() % std::size(lines)]) + '\n';
+  }
+  const Part whole = Read(text);
+  ASSERT_GT(whole.triangles.size(), 200U);
+  const auto expectWhole = [&](const Part& part) {
+    EXPECT_EQ(part.positions, whole.positions);
+    EXPECT_EQ(part.normals, whole.normals);
+    EXPECT_EQ(part.uvSets[0].values, whole.uvSets[0].values);
+    ASSERT_EQ(part.triangles.size(), whole.triangles.size());
+    EXPECT_EQ(
+        std::memcmp(part.triangles.data(), whole.triangles.data(), part.triangles.size() * sizeof(Triangle)),
+        0);
+  };
+  for (const std::size_t bytes : {1, 7, 64, 5000}) {
+    Part part;
+    EXPECT_EQ(Printed([&] { ReadObj(text, part, bytes); }), rows);
+    expectWhole(part);
+  }
+  const std::string pipe = folder_ / "pipe.obj";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  std::thread writer([&] { WriteFile(pipe, text); });
+  Part part;
+  EXPECT_EQ(Printed([&] { ReadObjFile(pipe, part); }), rows);
+  writer.join();
+  expectWhole(part);
+}
+
 TEST_F(GeometryTest, LineRules) {
   const std::string longLine(4096, 'x'), longest = "v 7 8 9 #" + std::string(4095 - 9, ' ');
   const Part part = Read("#v 9 9 9\r\n\tv\t0 0 0\r\n  v 1 0 0 4 5 \r\n" + longLine + "\nv 1 1 1" +
@@ -218,7 +267,8 @@ TEST_F(GeometryTest, LineRules) {
 TEST_F(GeometryTest, NumbersAreTheNearestFloats) {
   std::istringstream fixed(
       "0 -0 +1.5 .5 5. 1e3 -2.5E-3 1e-40 3.4e38 1e400 -1e-400 inf 1e+05 0.1e22 1e22 9007199254740993 1 "
-      "16777217 123456789012345678901234567890 18446744073709551616 0.000000000000000000000000000001");
+      "16777217 123456789012345678901234567890 18446744073709551616 0.000000000000000000000000000001 1x 5e "
+      "e5 nan");
   std::vector<std::string> texts(std::istream_iterator<std::string>(fixed), {});
   std::mt19937_64 random(7);
   while (texts.size() < 2001) {
@@ -293,7 +343,7 @@ TEST_F(GeometryTest, InstancesGetBoxAndNormalMatrix) {
   FinishInstance(instance, box);
   EXPECT_EQ(instance.bounds, (Box{{0, 22, 42}, {6, 28, 54}}));
   const Vec3 along = TransformDirection(instance.matrix, {1, 0, 1});
-  const Vec3 normal = TransformDirection(instance.normalMatrix, {1, 0, -1});
+  const Vec3 normal = NormalMatrix(instance) * Vec3{1, 0, -1};
   EXPECT_NEAR(Dot(along, normal), 0, 1e-6f);  // normals stay perpendicular
   instance.matrix.m[3][3] = 2;                // a projective matrix divides
   FinishInstance(instance, box);

@@ -9,6 +9,7 @@
 
 #include "accel/accel.h"
 #include "geometry/geometry.h"
+#include "geometry/validate.h"
 #include "render_fixture.h"
 
 namespace zp {
@@ -167,6 +168,42 @@ TEST_F(SmoothTest, NegativeAngleKeepsWhatIsStoredAndLeavesTheRestFaceted) {
       EXPECT_EQ(part.normals[v], Pack(FaceNormal(part, t)));
     }
   EXPECT_EQ(faceted, 6U);
+}
+
+// Vectors by face are to the bit those that split vertices have.
+TEST_F(SmoothTest, VerticesStayWhereFacesHaveOneNormalAndOneTangent) {
+  Part split = WavySheet(8, AngleShader(-1));
+  for (std::size_t v = 9 * 4; v < split.positions.size(); ++v) split.positions[v].z = 0;  // many equal faces
+  split.triangles.pop_back();
+  split.tetragons.push_back({{0, 1, 10, 9}, 0});
+  Part kept = split;
+  Smooth(split);
+  Smooth(kept, true);
+  EXPECT_EQ(kept.positions.size(), 81U);
+  EXPECT_TRUE(kept.normals.empty() && kept.tangents.empty());
+  const auto expectSame = [&](std::uint8_t kind, std::uint32_t index) {
+    const Vec3 place = {0.2f, 0.3f, 0.5f};
+    const auto ours = HitCorners(kept, kind, index, place), theirs = HitCorners(split, kind, index, place);
+    for (const auto vectorsOf : {CornerNormals, CornerTangents}) {
+      PackedVector a[4], b[4];
+      EXPECT_EQ(vectorsOf(ours, kept, kind, index, a), vectorsOf(theirs, split, kind, index, b)) << index;
+      EXPECT_TRUE(std::equal(a, a + ours.count, b)) << index;
+    }
+  };
+  for (std::uint32_t i = 0; i < kept.triangles.size(); ++i) expectSame(kKindTriangle, i);
+  expectSame(kKindTetragon, 0);
+  EXPECT_EQ(ValidatePart(kept), "");
+
+  // Normals that are supplied stay where they are; smooth tangents need vertices of their own.
+  Part supplied = WavySheet(8, AngleShader(-1));
+  supplied.normals.assign(81, Pack({0, 1, 2}));
+  Smooth(supplied, true);
+  EXPECT_EQ(supplied.normals, std::vector<PackedVector>(81, Pack({0, 1, 2})));
+  EXPECT_EQ(supplied.cornerTangents.values.size(), supplied.triangles.size());
+  Part smooth = WavySheet(8, AngleShader(60)), same = smooth;
+  Smooth(smooth, true);
+  Smooth(same);
+  ExpectSame(smooth, same);
 }
 
 TEST_F(SmoothTest, TangentsFollowU) {

@@ -14,8 +14,8 @@ namespace zp {
 void Build(Object& object);
 // Moves vertices by motion / passes, refits and rotates the binary tree, and lays out the wide one.
 // Without `force` only deformable Objects are touched; with it nothing has moved since Build, and the tree is
-// laid out alone.
-void Update(Object& object, bool force, int passes);
+// laid out alone. Without `keepsNodes` the binary tree is given up before the last arrays come.
+void Update(Object& object, bool force, int passes, bool keepsNodes = true);
 // In format 2: puts a deformable Object to a time, 0 as the shutter opens to 1 as it closes, and its trees.
 void MoveObject(Object& object, float time);
 // Whether the trees that Update left are sound, binary, wide and packed; see core/validate.h.

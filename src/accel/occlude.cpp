@@ -40,10 +40,15 @@ struct OccluderWalk {
   const Instance* by = nullptr;          // what places the Object there
   std::uint32_t blockingLane = 0;        // in a packed leaf: the lane that blocked
 
-  // A vector of the Object that is walked in scene space, by one of the Instances' matrices.
-  Vec3 InScene(Vec3 v, Mat4 Instance::*matrix) const {
+  // A direction, and a normal, of the Object that is walked in scene space.
+  Vec3 DirectionInScene(Vec3 v) const {
     for (const OccluderWalk* walk = this; walk->around != nullptr; walk = walk->around)
-      v = TransformDirection(walk->by->*matrix, v);
+      v = TransformDirection(walk->by->matrix, v);
+    return v;
+  }
+  Vec3 NormalInScene(Vec3 v) const {
+    for (const OccluderWalk* walk = this; walk->around != nullptr; walk = walk->around)
+      v = NormalMatrix(*walk->by) * v;
     return v;
   }
 
@@ -56,14 +61,14 @@ struct OccluderWalk {
     const auto at = [&](int i) { return part.positions[corners.vertex[i]]; };
     if (corners.count == 2) {
       if (!inScene) return hit.denominator;
-      const Vec3 axis = UnitVector(InScene(CurveAxis(part, index, hit.barycentric.z), &Instance::matrix));
-      const Vec3 across = Cross(InScene(ray.direction, &Instance::matrix), axis);
+      const Vec3 axis = UnitVector(DirectionInScene(CurveAxis(part, index, hit.barycentric.z)));
+      const Vec3 across = Cross(DirectionInScene(ray.direction), axis);
       return std::sqrt(Dot(across, across));
     }
     Vec3 normal = hit.barycentric;
     if (corners.count == 3) normal = Cross(at(1) - at(0), at(2) - at(0));
     if (corners.count == 4) normal = Cross(at(2) - at(0), at(3) - at(1));
-    const Vec3 placed = inScene ? InScene(normal, &Instance::normalMatrix) : normal;
+    const Vec3 placed = inScene ? NormalInScene(normal) : normal;
     const float length = std::sqrt(Dot(placed, placed));  // small faces' normals are shorter than safe roots
     return length > 0 ? Dot(ray.direction, normal) / length : 1.0f;
   }

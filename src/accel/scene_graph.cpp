@@ -78,14 +78,14 @@ void InitializeObject(Object& object) {
     if (placed && At(objectTable, instance.object).deformable) object.deformable = true;
   }
   Build(object);
-  Update(object, true, 1);
+  Update(object, true, 1, object.deformable);
   if (Stopping()) return;
   TransferRootCoordinates(object);
   bool scaled = false;
   for (Part& part : object.parts) scaled |= ScaleStrands(part);
   if (scaled) {  // roots had to be found first
     Build(object);
-    Update(object, true, 1);
+    Update(object, true, 1, object.deformable);
     if (Stopping()) return;
   }
   if (!object.deformable) {
@@ -124,7 +124,7 @@ void ResolveInstances() {
     for (Instance& instance : object.instances) {
       if (instance.object >= static_cast<std::int32_t>(objectTable.size())) instance.object = kNone;
       if (instance.object >= 0) continue;
-      const auto found = indices.find(instance.objectName);
+      const auto found = indices.find(instance.objectName.Text());
       if (found != indices.end()) instance.object = found->second;
     }
 }
@@ -193,6 +193,7 @@ void InitializeAccelerator() {
 
 void FinalizeAccelerator() {
   Release(objectTable);
+  ForgetSharedNames();
   rootObject = kNone;
 }
 

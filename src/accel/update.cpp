@@ -4,6 +4,7 @@
 #include "accel/tree.h"
 #include "accel/update_steps.h"
 #include "core/index.h"
+#include "core/release.h"
 #include "core/stop.h"
 #include "core/threads.h"
 #include "core/validate.h"
@@ -23,9 +24,13 @@ void MoveVertices(Part& part, int passes) {
   }
 }
 
-void LayOutTrees(Object& object) {
+void LayOutTrees(Object& object, bool keepsNodes = true) {
   if (Stopping()) return;
   CollapseTree(object);
+  if (!keepsNodes && !kValidates) {  // before the largest arrays come
+    Release(object.nodes);
+    Release(object.references);
+  }
   PackTree(object);
   if (kValidates) RequireSound(ValidateTree(object));
 }
@@ -44,7 +49,7 @@ void MoveObject(Object& object, float time) {
   LayOutTrees(object);
 }
 
-void Update(Object& object, bool force, int passes) {
+void Update(Object& object, bool force, int passes, bool keepsNodes) {
   if ((!force && !object.deformable) || Stopping()) return;
   // Right after Build nothing has moved yet: the first pass sees vertices where the files put them.
   if (!force) {
@@ -53,7 +58,7 @@ void Update(Object& object, bool force, int passes) {
       if (instance.object >= 0) FinishInstance(instance, At(objectTable, instance.object).bounds);
     RotateTree(object);
   }
-  LayOutTrees(object);
+  LayOutTrees(object, keepsNodes);
 }
 
 }  // namespace zp

@@ -274,9 +274,7 @@ void NearestWalk<kSeek>::EnterInstance(const Instance& instance) {
                       shader == kNone ? instance.shader : shader);
   inner.Run();
   if (!inner.hit) return;
-  Mat3& matrix = matrixStacks[ray.thread][ray.matrixDepth - 1];
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) matrix.m[i][j] = instance.normalMatrix.m[i][j];
+  matrixStacks[ray.thread][ray.matrixDepth - 1] = NormalMatrix(instance);
   if (instance.shader != kNone) ray.shader = instance.shader;
   hit = true;
 }

@@ -32,6 +32,51 @@ Corners HitCorners(const Part& part, std::uint8_t kind, std::uint32_t index, Vec
   }
 }
 
+namespace {
+
+bool FaceVectors(const CornerVectors& vectors, std::size_t face, PackedVector (&of)[4]) {
+  const PackedVector own = vectors.values[face];
+  if (own != kVaried) {
+    std::fill_n(of, 4, own);
+    return !IsZero(own);
+  }
+  const auto before = [](const CornerVectors::Varied& v, std::size_t number) { return v.face < number; };
+  const auto varied = std::lower_bound(vectors.varied.begin(), vectors.varied.end(), face, before);
+  std::copy_n(varied->of, 4, of);
+  return true;
+}
+
+bool VectorsOf(const Corners& corners, const CornerVectors& faces, const std::vector<PackedVector>& vertices,
+               std::size_t face, PackedVector (&of)[4]) {
+  bool all = true;
+  if (face < faces.values.size()) {
+    all = FaceVectors(faces, face, of);
+  } else {
+    for (int i = 0; i < corners.count; ++i) {
+      if (corners.vertex[i] >= vertices.size()) return false;
+      of[i] = vertices[corners.vertex[i]];
+    }
+  }
+  for (int i = 0; i < corners.count; ++i) all = all && !IsZero(of[i]);
+  return all;
+}
+
+std::size_t FaceNumber(const Part& part, std::uint8_t kind, std::uint32_t index) {
+  return index + (kind == kKindTetragon ? part.triangles.size() : 0);
+}
+
+}  // namespace
+
+bool CornerNormals(const Corners& corners, const Part& part, std::uint8_t kind, std::uint32_t index,
+                   PackedVector (&of)[4]) {
+  return VectorsOf(corners, part.cornerNormals, part.normals, FaceNumber(part, kind, index), of);
+}
+
+bool CornerTangents(const Corners& corners, const Part& part, std::uint8_t kind, std::uint32_t index,
+                    PackedVector (&of)[4]) {
+  return VectorsOf(corners, part.cornerTangents, part.tangents, FaceNumber(part, kind, index), of);
+}
+
 Vec2 FirstUv(const Corners& corners, const Part& part) {
   if (part.uvSets.empty()) return {};
   const std::vector<Vec2>& values = part.uvSets[0].values;

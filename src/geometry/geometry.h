@@ -45,8 +45,8 @@ bool ReadObjFile(const std::string& path, Part& part, ObjReport* report = nullpt
                  const std::string& endPath = {}, EndResult* endResult = nullptr);
 // The row of an end that does not fit.
 void PrintOtherEnd(const std::string& path, const std::string& endPath);
-// The same from memory.
-void ReadObj(std::string_view text, Part& part);
+// The same from memory, in pieces of so many bytes, which change nothing.
+void ReadObj(std::string_view text, Part& part, std::size_t pieceBytes = std::size_t{1} << 18U);
 
 // Lays strands one after the other over the positions that a Part has: a strand of n segments is n cylinders
 // and owns n + 1 positions.
@@ -135,6 +135,11 @@ struct Corners {
 };
 // `barycentric` as the hit tests give it; no vertices for other kinds than the four primitives.
 Corners HitCorners(const Part& part, std::uint8_t kind, std::uint32_t index, Vec3 barycentric);
+// The normals, and tangents, of the corners of a triangle or tetragon. False where one of them has none.
+bool CornerNormals(const Corners& corners, const Part& part, std::uint8_t kind, std::uint32_t index,
+                   PackedVector (&of)[4]);
+bool CornerTangents(const Corners& corners, const Part& part, std::uint8_t kind, std::uint32_t index,
+                    PackedVector (&of)[4]);
 // Of the Part's first uv set, zero where it has no value for a vertex.
 Vec2 FirstUv(const Corners& corners, const Part& part);
 void TakeNamedUvs(const Corners& corners, const Part& part, SurfaceUv& uv);
@@ -158,8 +163,10 @@ const VertexSet<Vec2>& UvSetOf(const Part& part, std::int32_t set);
 // its own face. An angle of 0 leaves facets; a negative one keeps what is stored, a packed zero being nothing
 // stored. Vertices split where corners differ, with the data of all sets; those of no primitive are dropped,
 // and those of particles and cylinders stay as they are. An error row if a face points outside the positions;
-// it is dropped. The result is the same for any number of threads.
-void Smooth(Part& part);
+// it is dropped. The result is the same for any number of threads. With `keepsVertices` none split where the
+// vectors are those of the vertices or, but for a few, of whole faces, which then stand in cornerNormals and
+// cornerTangents.
+void Smooth(Part& part, bool keepsVertices = false);
 // Validation, flipped faces, smoothing, strands: everything before the tree. Prints the rows of what is wrong
 // and drops primitives that point outside the positions or have none that are finite.
 void PreparePart(Part& part, const Object& object);
@@ -172,7 +179,7 @@ void PreparePart(Part& part, const Object& object);
 // Without normals a warning row, and an error row for a level whose triangles 32-bit indices or the memory
 // cannot hold: the layers from there on are left out.
 void Displace(Part& part);
-// Inverse and normal matrix of the Instance, and its world box around `bounds`.
+// Inverse of the Instance's matrix, and its world box around `bounds`.
 void FinishInstance(Instance& instance, const Box& bounds);
 bool Invert(const Mat4& matrix, Mat4& inverse);
 // Fills the emission lists from the Parts' shaders and the Instances' Objects, which are ready.

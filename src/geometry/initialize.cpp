@@ -309,8 +309,6 @@ void PreparePart(Part& part, const Object& object) {
   if (TakesShaderOfObject(part)) part.shader = object.shader;
   if (Stopping()) return;
   Validate(part);
-  Release(part.vertexHash);
-  part.hashedVertices = 0;
   if (!part.cylinders.empty()) DeriveStrands(part);
   part.motion = false;
   for (const auto& set : part.vectorSets) part.motion |= set.name == "motion";
@@ -318,7 +316,7 @@ void PreparePart(Part& part, const Object& object) {
     FlipFaces(part);
     part.mirroredUvs = KeepsHandedness(part);
     Displace(part);
-    Smooth(part);
+    Smooth(part, !part.motion);
   }
   PrepareMotion(part);
 
@@ -373,9 +371,6 @@ void FinishInstance(Instance& instance, const Box& bounds) {
     PrintError("object - an instance matrix has no inverse");
     return;
   }
-  instance.normalMatrix = {};
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) instance.normalMatrix.m[i][j] = instance.inverse.m[j][i];
   if (IsEmpty(bounds)) return;
   Box box;
   for (int corner = 0; corner < 8; ++corner) {
@@ -422,8 +417,8 @@ void PrintObjectReport(const Object& object) {
     for (const auto& set : part.vectorSets) positions += set.values.size();
     for (const auto& set : part.uvSets) uvs += set.values.size();
     for (const auto& set : part.scalarSets) scalars += set.values.size();
-    normals += part.normals.size();
-    tangents += part.tangents.size();
+    normals += part.normals.size() + part.cornerNormals.values.size();
+    tangents += part.tangents.size() + part.cornerTangents.values.size();
     particles += part.particles.size();
     cylinders += part.cylinders.size();
     triangles += part.triangles.size();

@@ -13,6 +13,7 @@
 #include "core/distribution.h"
 #include "core/ray.h"
 #include "core/release.h"
+#include "core/shared_name.h"
 #include "core/vec.h"
 
 namespace zp {
@@ -53,6 +54,17 @@ struct VertexSet {
 
 struct DensityCells;  // geometry/density.h
 
+// A vector for each corner of the faces, where hardly any face has several: triangles stand before tetragons.
+struct CornerVectors {
+  struct Varied {
+    std::uint32_t face;
+    PackedVector of[4];
+  };
+  std::vector<PackedVector> values;  // one a face, or none; kVaried where its corners differ
+  std::vector<Varied> varied;        // those, in the order of the faces
+};
+inline constexpr PackedVector kVaried = {-128, 0, 0};  // no vector packs to it
+
 // Vertices of a Part at one instant.
 struct VertexState {
   std::vector<Vec3> positions;
@@ -71,6 +83,7 @@ struct Part {
   std::vector<Vec3> positions;
   std::vector<PackedVector> normals;  // one a vertex, or none
   std::vector<PackedVector> tangents;
+  CornerVectors cornerNormals, cornerTangents;  // in place of those, see Smooth
   std::vector<std::int32_t> primitiveShaders;
   std::int32_t shader = 0;
   std::string materialName;
@@ -84,10 +97,6 @@ struct Part {
   std::vector<const Vec2*> namedUvs;
   bool motion = false;       // some vector set is named "motion"
   bool mirroredUvs = false;  // see KeepsHandedness
-  // Of the reader that merges vertices; transient. Open addressing, a power of two of slots with vertex
-  // indices.
-  std::vector<std::uint32_t> vertexHash;
-  std::uint32_t hashedVertices = 0;  // slots in use
 };
 
 // A matrix as rotation (a unit quaternion, its real part last), stretch (symmetric) and origin.
@@ -103,15 +112,20 @@ struct InstanceMotion {
 };
 
 struct Instance {
-  Mat4 matrix;        // object to world; of a moving Instance at the instant that is rendered
-  Mat4 inverse;       // filled at initialisation, like the next two
-  Mat4 normalMatrix;  // transpose of the inverse's upper 3 x 3
-  Box bounds;         // world
+  Mat4 matrix;   // object to world; of a moving Instance at the instant that is rendered
+  Mat4 inverse;  // filled at initialisation, like the bounds
+  Box bounds;    // world
   std::int32_t object = kNone;
-  std::string objectName;
+  SharedName objectName;
   std::int32_t shader = kNone;                   // overrides the Object's own shaders, unless kNone
   std::shared_ptr<const InstanceMotion> motion;  // of format 2; null where it stands still
 };
+
+// For normals, from object to world: the transpose of the inverse's upper 3 x 3.
+inline Mat3 NormalMatrix(const Instance& instance) {
+  const auto& m = instance.inverse.m;
+  return {{{m[0][0], m[1][0], m[2][0]}, {m[0][1], m[1][1], m[2][1]}, {m[0][2], m[1][2], m[2][2]}}};
+}
 
 // A number for the way to what an Instance places, from the number of the way to the Instance itself; 0
 // stands for the RootObject. Tells the copies of a primitive apart.

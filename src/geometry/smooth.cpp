@@ -7,10 +7,12 @@
 #include <cmath>
 
 #include "core/console.h"
+#include "core/large_array.h"
 #include "core/release.h"
 #include "core/stop.h"
 #include "core/threads.h"
 #include "core/validate.h"
+#include "geometry/equal_positions.h"
 #include "geometry/geometry.h"
 #include "shading/shading.h"
 
@@ -32,6 +34,9 @@ struct CornerRecord {
 // What a primitive adds to the sums: unit vectors, zero where it is degenerate.
 struct FaceVectors {
   Vec3 normal, tangent;
+};
+struct PackedVectors {
+  PackedVector normal, tangent;
 };
 
 // The smoothing angle of a Shader, and cosines that settle all but the closest comparisons without an acos.
@@ -91,53 +96,6 @@ bool DropOutOfRange(std::vector<Face>& faces, std::size_t count) {
   return std::erase_if(faces, isOutside) > 0;
 }
 
-// Equal positions have equal keys: both zeros share one.
-std::uint32_t PositionHash(Vec3 p) {
-  const auto key = [](float x) { return std::uint64_t{std::bit_cast<std::uint32_t>(x == 0.0f ? 0.0f : x)}; };
-  std::uint64_t h = key(p.x) * 0x9E3779B97F4A7C15ULL;
-  h = (std::rotl(h, 29) ^ key(p.y)) * 0xD6E8FEB86659FD93ULL;
-  h = (std::rotl(h, 29) ^ key(p.z)) * 0xD6E8FEB86659FD93ULL;
-  return static_cast<std::uint32_t>(h >> 32U);
-}
-
-// For each vertex the first one with the same position, which names their group. A position that is no number
-// equals none. The vertices are dealt into shares small enough for a table that stays in the cache.
-std::vector<std::uint32_t> FindGroups(const std::vector<Vec3>& positions) {
-  constexpr std::size_t kShare = 2048;
-  const std::size_t count = positions.size();
-  const int bits = std::clamp(static_cast<int>(std::bit_width(count / kShare)), 1, 12);
-  std::vector<std::uint32_t> hashes(count), order(count), groups(count);
-  std::vector<std::size_t> begins((std::size_t{1} << bits) + 1);
-  const auto shareOf = [bits](std::uint32_t hash) { return std::size_t{hash >> (32 - bits)}; };
-#pragma omp parallel for schedule(static) if (IsWorthThreads(count, 3))
-  for (std::size_t v = 0; v < count; ++v) hashes[v] = PositionHash(positions[v]);
-  for (const std::uint32_t hash : hashes) ++begins[shareOf(hash) + 1];
-  for (std::size_t i = 1; i < begins.size(); ++i) begins[i] += begins[i - 1];
-  std::vector<std::size_t> ends(begins.begin(), begins.end() - 1);
-  for (std::size_t v = 0; v < count; ++v) order[ends[shareOf(hashes[v])]++] = static_cast<std::uint32_t>(v);
-
-#pragma omp parallel if (IsWorthThreads(count, 20))
-  {
-    std::vector<std::uint32_t> table;
-#pragma omp for schedule(dynamic)
-    for (std::size_t share = 0; share < ends.size(); ++share) {
-      const std::size_t mask = std::bit_ceil(2 * (ends[share] - begins[share]) + 1) - 1;
-      table.assign(mask + 1, kUnusedSlot);
-      for (std::size_t i = begins[share]; i < ends[share]; ++i) {
-        const std::uint32_t v = order[i];
-        groups[v] = v;
-        if (!(positions[v] == positions[v])) continue;
-        std::size_t slot = hashes[v] & mask;
-        while (table[slot] != kUnusedSlot && !(positions[table[slot]] == positions[v]))
-          slot = (slot + 1) & mask;
-        if (table[slot] == kUnusedSlot) table[slot] = v;
-        groups[v] = table[slot];
-      }
-    }
-  }
-  return groups;
-}
-
 // The direction in which u grows and v does not; false where the uvs do not tell. `e1` and `e2` lead from the
 // first corner to the others.
 bool FindUvTangent(const std::vector<Vec2>& uvs, const std::uint32_t* vertex, Vec3 e1, Vec3 e2,
@@ -171,19 +129,19 @@ struct Smoothing {
   Part& part;
   // Of the Shaders from the first to the last in use, of which there may be far more, then of one that is not
   // in the table.
-  std::vector<SmoothAngle> angles;
+  std::vector<SmoothAngle> angles = {};
   std::size_t firstShader = 0;
-  std::vector<FaceVectors> triangles;  // of each triangle
-  std::vector<FaceVectors> tetragons;
-  std::vector<std::uint32_t> groups;  // of each vertex: the first one at its position
-  std::vector<std::size_t> begins;    // of each group: its corners in the next arrays; one more at the end
-  std::vector<CornerRecord> corners;
+  std::vector<FaceVectors> faces = {};     // triangles before tetragons
+  std::vector<std::uint32_t> groups = {};  // of each vertex: the first one at its position
+  std::vector<std::size_t> begins = {};  // of each group: its corners in the next arrays; one more at the end
+  std::vector<CornerRecord> corners = {};
+  std::vector<PackedVectors> smoothed = {};  // of each corner, by NumberOf
   // New vertices. A group has no more than corners, so that each has room for its own from its first corner
   // on.
-  std::vector<std::uint32_t> sources;  // the old vertex that the rest of the data comes from
-  std::vector<PackedVector> normals, tangents;
-  std::vector<std::uint32_t>
-      firstNew;  // of each group: its number of new vertices, later the first one's index
+  std::vector<std::uint32_t> sources = {};  // the old vertex that the rest of the data comes from
+  std::vector<PackedVector> normals = {}, tangents = {};
+  std::vector<std::uint32_t> firstNew =
+      {};  // of each group: its number of new vertices, later the first one's index
 };
 
 const SmoothAngle& AngleOf(const Smoothing& s, std::int32_t shader) {
@@ -213,19 +171,25 @@ std::uint32_t& VertexOf(Part& part, CornerRecord corner) {
                                       : part.tetragons[corner.primitive].vertex[corner.corner];
 }
 
+std::size_t FaceOf(const Part& part, CornerRecord corner) {
+  return corner.primitive + (corner.kind == kKindTriangle ? 0 : part.triangles.size());
+}
+
+// Counts the corners of all faces.
+std::size_t NumberOf(const Part& part, CornerRecord corner) {
+  const std::size_t primitive = corner.primitive;
+  return corner.corner +
+         (corner.kind == kKindTriangle ? 3 * primitive : 3 * part.triangles.size() + 4 * primitive);
+}
+
 void MakeFaces(Smoothing& s) {
   const Part& part = s.part;
-  s.triangles.resize(part.triangles.size());
-  s.tetragons.resize(part.tetragons.size());
-#pragma omp parallel if (IsWorthThreads(s.triangles.size() + s.tetragons.size(), 40))
-  {
-#pragma omp for schedule(static)
-    for (std::size_t i = 0; i < s.triangles.size(); ++i)
-      s.triangles[i] = MakeFaceVectors(part, part.triangles[i].vertex);
-#pragma omp for schedule(static)
-    for (std::size_t i = 0; i < s.tetragons.size(); ++i)
-      s.tetragons[i] = MakeFaceVectors(part, part.tetragons[i].vertex);
-  }
+  const std::size_t triangles = part.triangles.size(), count = triangles + part.tetragons.size();
+  s.faces = LargeArray<FaceVectors>(count);
+#pragma omp parallel for schedule(static) if (IsWorthThreads(count, 40))
+  for (std::size_t i = 0; i < count; ++i)
+    s.faces[i] = MakeFaceVectors(
+        part, i < triangles ? part.triangles[i].vertex : part.tetragons[i - triangles].vertex);
 }
 
 // Visits the corners of all primitives with their vertices, triangles first.
@@ -263,9 +227,7 @@ std::string ValidateCorners(const Smoothing& s) {
   for (std::size_t g = 0; g + 1 < s.begins.size(); ++g)
     for (std::size_t i = s.begins[g]; i < s.begins[g + 1]; ++i) {
       const CornerRecord corner = s.corners[i];
-      const std::size_t number = corner.kind == kKindTriangle
-                                     ? 3 * std::size_t{corner.primitive} + corner.corner
-                                     : 3 * triangles + 4 * std::size_t{corner.primitive} + corner.corner;
+      const std::size_t number = NumberOf(s.part, corner);
       if (!fault.Require(number < count && !met[number], "corner", i)) return fault.text;
       met[number] = true;
       const std::uint32_t vertex = VertexOf(s.part, corner);
@@ -315,38 +277,44 @@ PackedVector SmoothVector(const std::vector<GroupCorner>& group, const GroupCorn
   return last.packed;
 }
 
-// Smooths the corners from `begin` to `end`, which share a position. Their new vertices append to the
-// `added` ones that stand from `firstVertex` on, and the primitives get their numbers counted from there.
-std::uint32_t SmoothPiece(Smoothing& s, std::size_t begin, std::size_t end, std::size_t firstVertex,
-                          std::uint32_t added, std::vector<GroupCorner>& group) {
+// Smooths the corners from `begin` to `end`, which share a position.
+void SmoothPiece(Smoothing& s, std::size_t begin, std::size_t end, std::vector<GroupCorner>& group) {
   Part& part = s.part;
   group.clear();
   for (std::size_t i = begin; i < end; ++i) {
     const CornerRecord corner = s.corners[i];
-    const bool isTriangle = corner.kind == kKindTriangle;
-    const std::int32_t shader =
-        isTriangle ? part.triangles[corner.primitive].shader : part.tetragons[corner.primitive].shader;
-    group.push_back(
-        {isTriangle ? s.triangles[corner.primitive] : s.tetragons[corner.primitive], &AngleOf(s, shader)});
+    const std::int32_t shader = corner.kind == kKindTriangle ? part.triangles[corner.primitive].shader
+                                                             : part.tetragons[corner.primitive].shader;
+    group.push_back({s.faces[FaceOf(part, corner)], &AngleOf(s, shader)});
   }
-  const std::size_t firstOfPiece = firstVertex + added;
-  std::size_t endOfPiece = firstOfPiece;
   LastSum lastNormal, lastTangent;
   for (std::size_t i = begin; i < end; ++i) {
-    std::uint32_t& vertex = VertexOf(part, s.corners[i]);
+    const std::uint32_t vertex = VertexOf(part, s.corners[i]);
     const GroupCorner& corner = group[i - begin];
-    const PackedVector normal =
-        SmoothVector<&FaceVectors::normal>(group, corner, ValueAt(part.normals, vertex), lastNormal);
-    const PackedVector tangent =
-        SmoothVector<&FaceVectors::tangent>(group, corner, ValueAt(part.tangents, vertex), lastTangent);
+    s.smoothed[NumberOf(part, s.corners[i])] = {
+        SmoothVector<&FaceVectors::normal>(group, corner, ValueAt(part.normals, vertex), lastNormal),
+        SmoothVector<&FaceVectors::tangent>(group, corner, ValueAt(part.tangents, vertex), lastTangent)};
+  }
+}
+
+// The vertices of those corners. New ones append to the `added` ones that stand from `firstVertex` on, and
+// the primitives get their numbers counted from there.
+std::uint32_t SplitPiece(Smoothing& s, std::size_t begin, std::size_t end, std::size_t firstVertex,
+                         std::uint32_t added) {
+  Part& part = s.part;
+  const std::size_t firstOfPiece = firstVertex + added;
+  std::size_t endOfPiece = firstOfPiece;
+  for (std::size_t i = begin; i < end; ++i) {
+    std::uint32_t& vertex = VertexOf(part, s.corners[i]);
+    const PackedVectors& own = s.smoothed[NumberOf(part, s.corners[i])];
     std::size_t fit = firstOfPiece;
-    while (fit < endOfPiece && !(s.normals[fit] == normal && s.tangents[fit] == tangent &&
+    while (fit < endOfPiece && !(s.normals[fit] == own.normal && s.tangents[fit] == own.tangent &&
                                  HasSameData(part, s.sources[fit], vertex)))
       ++fit;
     if (fit == endOfPiece) {
       s.sources[fit] = vertex;
-      s.normals[fit] = normal;
-      s.tangents[fit] = tangent;
+      s.normals[fit] = own.normal;
+      s.tangents[fit] = own.tangent;
       ++endOfPiece;
     }
     vertex = static_cast<std::uint32_t>(fit - firstVertex);
@@ -354,25 +322,93 @@ std::uint32_t SmoothPiece(Smoothing& s, std::size_t begin, std::size_t end, std:
   return static_cast<std::uint32_t>(endOfPiece - firstVertex);
 }
 
-void SmoothGroups(Smoothing& s) {
-  const std::size_t groupCount = s.begins.size() - 1;
-  s.sources.resize(s.corners.size());
-  s.normals.resize(s.corners.size());
-  s.tangents.resize(s.corners.size());
-  s.firstNew.assign(groupCount + 1, 0);
-#pragma omp parallel if (IsWorthThreads(s.corners.size(), 60))
+// Calls visit(group, begin, end) for the groups piece by piece, by all threads.
+template <class Visit>
+void ForEachPiece(const Smoothing& s, std::size_t nanosecondsEach, Visit visit) {
+#pragma omp parallel if (IsWorthThreads(s.corners.size(), nanosecondsEach))
   {
     std::vector<GroupCorner> group;
 #pragma omp for schedule(dynamic, 1024)
-    for (std::size_t g = 0; g < groupCount; ++g) {
-      if (Stopping()) continue;
-      std::uint32_t added = 0;
-      for (std::size_t begin = s.begins[g]; begin < s.begins[g + 1]; begin += kLargestFan)
-        added =
-            SmoothPiece(s, begin, std::min(begin + kLargestFan, s.begins[g + 1]), s.begins[g], added, group);
-      s.firstNew[g] = added;
-    }
+    for (std::size_t g = 0; g < s.begins.size() - 1; ++g)
+      for (std::size_t begin = s.begins[g]; begin < s.begins[g + 1] && !Stopping(); begin += kLargestFan)
+        visit(g, begin, std::min(begin + kLargestFan, s.begins[g + 1]), group);
   }
+}
+
+void SmoothGroups(Smoothing& s) {
+  s.smoothed = LargeArray<PackedVectors>(s.corners.size());
+  ForEachPiece(s, 60, [&](std::size_t, std::size_t begin, std::size_t end, std::vector<GroupCorner>& group) {
+    SmoothPiece(s, begin, end, group);
+  });
+  Release(s.faces);
+}
+
+// Whether all corners have what their vertices have already.
+bool StandsInVertices(const Smoothing& s, PackedVector PackedVectors::*member,
+                      const std::vector<PackedVector>& vertices) {
+  if (vertices.size() != s.part.positions.size()) return false;
+  bool same = true;
+  ForEachCorner(s.part, [&](std::uint32_t vertex, CornerRecord corner) {
+    same = same && s.smoothed[NumberOf(s.part, corner)].*member == vertices[vertex];
+  });
+  return same;
+}
+
+// The vectors by face; none if more than one face in sixteen has several.
+CornerVectors FaceByFace(const Smoothing& s, PackedVector PackedVectors::*member) {
+  const std::size_t triangles = s.part.triangles.size(), count = triangles + s.part.tetragons.size();
+  const auto cornerCount = [&](std::size_t face) { return face < triangles ? 3 : 4; };
+  const auto first = [&](std::size_t face) {
+    return &s.smoothed[face < triangles ? 3 * face : 3 * triangles + 4 * (face - triangles)];
+  };
+  CornerVectors vectors;
+  vectors.values = LargeArray<PackedVector>(count);
+  std::size_t varied = 0;
+#pragma omp parallel for schedule(static) reduction(+ : varied) if (IsWorthThreads(count, 5))
+  for (std::size_t face = 0; face < count; ++face) {
+    const PackedVectors* corner = first(face);
+    bool same = true;
+    for (int i = 1; i < cornerCount(face); ++i) same = same && corner[i].*member == corner->*member;
+    vectors.values[face] = same ? corner->*member : kVaried;
+    varied += !same;
+  }
+  if (varied > count / 16) return {};
+  for (std::size_t face = 0; face < count && vectors.varied.size() < varied; ++face) {
+    if (vectors.values[face] != kVaried) continue;
+    auto& added = vectors.varied.emplace_back();
+    added.face = static_cast<std::uint32_t>(face);
+    for (int i = 0; i < cornerCount(face); ++i) added.of[i] = first(face)[i].*member;
+  }
+  return vectors;
+}
+
+// Leaves the vertices as they are, if the corners' vectors do not ask for more: they are those of the
+// vertices or those of whole faces.
+bool KeepVertices(Smoothing& s) {
+  Part& part = s.part;
+  const bool normalsStand = StandsInVertices(s, &PackedVectors::normal, part.normals);
+  const bool tangentsStand = StandsInVertices(s, &PackedVectors::tangent, part.tangents);
+  CornerVectors normals, tangents;
+  if (!normalsStand) normals = FaceByFace(s, &PackedVectors::normal);
+  if (!normalsStand && normals.values.empty()) return false;
+  if (!tangentsStand) tangents = FaceByFace(s, &PackedVectors::tangent);
+  if (!tangentsStand && tangents.values.empty()) return false;
+  if (!normalsStand) Release(part.normals);
+  if (!tangentsStand) Release(part.tangents);
+  part.cornerNormals = std::move(normals);
+  part.cornerTangents = std::move(tangents);
+  return true;
+}
+
+void SplitGroups(Smoothing& s) {
+  s.sources.resize(s.corners.size());
+  s.normals.resize(s.corners.size());
+  s.tangents.resize(s.corners.size());
+  s.firstNew.assign(s.begins.size(), 0);
+  ForEachPiece(s, 30, [&](std::size_t g, std::size_t begin, std::size_t end, auto&) {
+    s.firstNew[g] = SplitPiece(s, begin, end, s.begins[g], s.firstNew[g]);
+  });
+  Release(s.smoothed);
   std::uint32_t total = 0;
   for (std::uint32_t& entry : s.firstNew) {
     const std::uint32_t added = entry;
@@ -450,7 +486,8 @@ bool IsMirrored(const Part& part, const std::uint32_t* vertex) {
   return (b.x - a.x) * (c.y - a.y) - (b.y - a.y) * (c.x - a.x) < 0;
 }
 
-void Smooth(Part& part) {
+void Smooth(Part& part, bool keepsVertices) {
+  part.cornerNormals = part.cornerTangents = {};
   const bool drops[] = {DropOutOfRange(part.triangles, part.positions.size()),
                         DropOutOfRange(part.tetragons, part.positions.size())};
   if (drops[0] || drops[1]) PrintError("part - smoothing out of range");
@@ -459,16 +496,20 @@ void Smooth(Part& part) {
     Release(part.normals);
     return;
   }
-  Smoothing s{part, {}, 0, {}, {}, {}, {}, {}, {}, {}, {}, {}};
+  Smoothing s{part};
   FindAngles(s);
   MakeFaces(s);
   if (Stopping()) return;
-  s.groups = FindGroups(part.positions);
+  s.groups = FirstEqual(part.positions, false);
   if (Stopping()) return;
   CollectCorners(s);
   if (kValidates) RequireSound(ValidateCorners(s));
   Release(s.groups);
   SmoothGroups(s);
+  if (Stopping()) return;
+  const bool round = !part.particles.empty() || !part.cylinders.empty();
+  if (keepsVertices && !round && KeepVertices(s)) return;
+  SplitGroups(s);
   if (!Stopping()) Replace(s);
 }
 

@@ -24,6 +24,22 @@ struct PartCheck {
     fault.Require(values.empty() || values.size() == part.positions.size(), what, values.size());
   }
 
+  // One a face or none, and not beside vectors of vertices; what varies is found.
+  void CheckCornerVectors(const CornerVectors& vectors, const std::vector<PackedVector>& vertices,
+                          const char* what) {
+    const std::size_t faces = part.triangles.size() + part.tetragons.size();
+    if (vectors.values.empty()) return void(fault.Require(vectors.varied.empty(), what));
+    if (!fault.Require(vectors.values.size() == faces && vertices.empty(), what, vectors.values.size()))
+      return;
+    std::size_t varied = 0;
+    for (std::size_t i = 0; i < faces; ++i) {
+      if (vectors.values[i] != kVaried) continue;
+      if (!fault.Require(varied < vectors.varied.size() && vectors.varied[varied].face == i, what, i)) return;
+      ++varied;
+    }
+    fault.Require(varied == vectors.varied.size(), what, varied);
+  }
+
   // `count` vertices from `first` on.
   void CheckRound(std::uint32_t first, std::uint32_t count, std::size_t primitive) {
     if (!fault.Require(std::uint64_t{first} + count <= part.positions.size(), "round primitive's vertex",
@@ -127,6 +143,8 @@ std::string ValidatePart(const Part& part) {
   for (const auto& set : part.vectorSets) check.CheckArray(set.values, "vectors");
   check.CheckArray(part.normals, "normals");
   check.CheckArray(part.tangents, "tangents");
+  check.CheckCornerVectors(part.cornerNormals, part.normals, "corners' normals");
+  check.CheckCornerVectors(part.cornerTangents, part.tangents, "corners' tangents");
   for (std::size_t i = 0; i < part.particles.size(); ++i) check.CheckRound(part.particles[i], 1, i);
   for (std::size_t i = 0; i < part.cylinders.size(); ++i) check.CheckRound(part.cylinders[i], 2, i);
   check.CheckFaces(part.triangles);

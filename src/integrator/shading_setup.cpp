@@ -21,26 +21,22 @@ struct LocalSurface {
   Vec3 tangent;       // zero: none
 };
 
-// Reads the corners' vectors, one a word. False where a corner has none.
-bool ReadCorners(const Corners& corners, const std::vector<PackedVector>& values, std::uint32_t (&words)[4]) {
-  for (int i = 0; i < corners.count; ++i) {
-    if (corners.vertex[i] >= values.size()) return false;
-    words[i] = Bytes(values[corners.vertex[i]]);
-    if (words[i] == 0) return false;
-  }
-  return true;
-}
-
 // Sums the corners' unit normals and tangents, each by its corner's weight. All of them are made unit vectors
 // at once: that takes as long as one.
-void SumCorners(const Part& part, LocalSurface& surface) {
+void SumCorners(const RayRecord& ray, LocalSurface& surface) {
   const Corners& corners = surface.corners;
-  std::uint32_t normals[4] = {}, tangents[4] = {};
-  const bool hasNormals = ReadCorners(corners, part.normals, normals);
-  const bool hasTangents = ReadCorners(corners, part.tangents, tangents);
+  const auto index = static_cast<std::uint32_t>(ray.primitive);
+  PackedVector normals[4], tangents[4];
+  const bool hasNormals = CornerNormals(corners, *ray.part, ray.kind, index, normals);
+  const bool hasTangents = CornerTangents(corners, *ray.part, ray.kind, index, tangents);
   if (!hasNormals && !hasTangents) return;
 
-  const Words8 packed = MakeWords(normals, tangents);
+  std::uint32_t words[2][4];
+  for (int i = 0; i < 4; ++i) {
+    words[0][i] = Bytes(normals[i]);
+    words[1][i] = Bytes(tangents[i]);
+  }
+  const Words8 packed = MakeWords(words[0], words[1]);
   Float8 x = SignedByte<0>(packed), y = SignedByte<1>(packed), z = SignedByte<2>(packed);
   const Float8 largest = Max(Max(Abs(x), Abs(y)), Abs(z));
   x = x / largest, y = y / largest, z = z / largest;
@@ -82,11 +78,11 @@ LocalSurface SurfaceOf(const RayRecord& ray) {
   switch (ray.kind) {
     case kKindTriangle:
       surface.faceNormal = TriangleNormal(part, surface.corners);
-      SumCorners(part, surface);
+      SumCorners(ray, surface);
       break;
     case kKindTetragon:
       surface.faceNormal = TetragonNormal(part, surface.corners);
-      SumCorners(part, surface);
+      SumCorners(ray, surface);
       break;
     case kKindParticle:
       surface.faceNormal = UnitVector(ray.barycentric);  // from the centre

@@ -45,6 +45,13 @@ Mat4 Product(const Mat4& a, const Mat4& b) {
   return result;
 }
 
+Mat4 WithoutMove(const Mat3& a) {
+  Mat4 result;
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) result.m[i][j] = a.m[i][j];
+  return result;
+}
+
 // Takes the record under r in [0, 1); kNone in an empty list. In format 2 it leaves in r where that lies in
 // the record; format 1 searches by floats, and draws anew in each Instance.
 std::int32_t TakeRecord(const EmissionList& list, double& r) {
@@ -155,7 +162,7 @@ bool PickEmitter(bool virtualLights, std::uint32_t i, std::uint32_t n, EmitterPi
     if (pick.shader == kNone) pick.shader = instance.shader;  // the outermost override holds, as in hits
     anyFace = settings.format >= 2 && pick.shader != kNone;
     pick.toWorld = Product(pick.toWorld, instance.matrix);
-    pick.normalToWorld = Product(pick.normalToWorld, instance.normalMatrix);
+    pick.normalToWorld = Product(pick.normalToWorld, WithoutMove(NormalMatrix(instance)));
     pick.place = PlaceInside(pick.place, instance);
     pick.placed = true;
     index = instance.object;

@@ -139,7 +139,7 @@ std::vector<bool> FindHairShaders() {
   std::vector<bool> dress(shaders.size());
   for (const Object& object : objectTable)
     for (const Instance& instance : object.instances)
-      if (instance.shader != kNone && strands.contains(instance.objectName))
+      if (instance.shader != kNone && strands.contains(instance.objectName.Text()))
         At(dress, instance.shader) = true;
   if (settings.format >= 2)
     for (const Object& object : objectTable)

@@ -23,8 +23,10 @@ bool ReadInstanceBlock(SceneText& text, std::size_t object) {
       return true;
     }
     if (keyword == "object") {
-      ReadWord(line, instance.objectName);
-      if (text.notes) NoteName(line, NameKind::kObject, instance.objectName);
+      std::string name = instance.objectName.Text();
+      ReadWord(line, name);
+      if (text.notes) NoteName(line, NameKind::kObject, name);
+      instance.objectName = name;
       return true;
     }
     if (keyword == "shader") {
