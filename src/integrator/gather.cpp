@@ -173,14 +173,6 @@ PassShare CountedInEachPass(Vec3 color, std::int32_t budget) {
   return share;
 }
 
-// A number in [0, 1) of 24 bits made into another, by Wellons' 32-bit mixer ("Hash Prospector", 2018).
-float Scrambled(float number, std::uint32_t key) {
-  std::uint32_t x = static_cast<std::uint32_t>(number * 0x1p24f) ^ (key * 0x9e3779b9U);
-  x = (x ^ (x >> 16U)) * 0x7feb352dU;
-  x = (x ^ (x >> 15U)) * 0x846ca68bU;
-  return static_cast<float>((x ^ (x >> 16U)) >> 8U) * 0x1p-24f;
-}
-
 }  // namespace
 
 std::int32_t GatherCount(Vec3 color, std::int32_t budget, std::int32_t passes) {
@@ -194,17 +186,6 @@ std::int32_t GatherCount(Vec3 color, std::int32_t budget, std::int32_t passes) {
 
 PassShare ShareOf(Vec3 color, std::int32_t budget) {
   return settings.format >= 2 ? CountedInEachPass(color, budget) : SharedByAllPasses(color, budget);
-}
-
-Vec2 OwnRotation(const RayRecord& ray, std::int32_t dimension, Drawer drawer) {
-  const std::uint32_t key = static_cast<std::uint32_t>(dimension) + 1024 * drawer;
-  return {Scrambled(ray.rotation.x, key), Scrambled(ray.rotation.y, key + 1)};
-}
-
-Vec2 DrawTurnedPair(const RayRecord& ray, std::uint32_t sample, Drawer drawer) {
-  const Vec2 rotation = OwnRotation(ray, ray.dimension, drawer);
-  return {Rotate(Halton(sample, ray.dimension), rotation.x),
-          Rotate(Halton(sample, ray.dimension + 1), rotation.y)};
 }
 
 Vec3 Gather(Lobe lobe, const RayRecord& ray, const ShadingPoint& point) {
