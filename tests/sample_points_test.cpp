@@ -46,7 +46,7 @@ TEST_F(SamplePoints, EachPixelTakesNets) {
         for (const std::uint32_t first : {0U, 3U << m}) {
           std::vector<PointBits> points;
           for (std::uint32_t i = 0; i < 1U << m; ++i)
-            points.push_back(PointAt(PointSourceOf(x, 11), decision, first + i));
+            points.push_back(PointAt(PointSourceOf(x, 11, 0), decision, first + i));
           ASSERT_EQ(MostInAny(m, points), 1) << x << " " << decision << " " << m;
         }
 }
@@ -60,7 +60,7 @@ TEST_F(SamplePoints, NeighboursShareTheSquare) {
         int x = 32, y = 64;
         for (int bit = 0; bit < 4; ++bit)
           x += (place >> 2 * bit & 1) << bit, y += (place >> (2 * bit + 1) & 1) << bit;
-        for (std::uint32_t i = 0; i < 1U << m; ++i) points.push_back(PointAt(PointSourceOf(x, y), 3, i));
+        for (std::uint32_t i = 0; i < 1U << m; ++i) points.push_back(PointAt(PointSourceOf(x, y, 0), 3, i));
       }
       EXPECT_LE(MostInAny(m + n, points), m == 0 ? 1 : 4) << m << " " << n;
       EXPECT_EQ(MostIn(0, points) + MostIn(m + n, points), 2) << m << " " << n;
@@ -74,16 +74,17 @@ TEST_F(SamplePoints, DecisionsAndTilesAreIndependent) {
     int count = 0;
     for (int x = 0; x < 640; x += 3)
       for (std::uint32_t i = 0; i < 16; ++i, ++count) {
-        const PointBits a = PointAt(PointSourceOf(x, 5), 1, i), b = other(x, i);
+        const PointBits a = PointAt(PointSourceOf(x, 5, 0), 1, i), b = other(x, i);
         sum += (static_cast<double>(a.x) * 0x1p-32 - 0.5) * (static_cast<double>(b.x) * 0x1p-32 - 0.5) * 12;
         sum += (static_cast<double>(a.x) * 0x1p-32 - 0.5) * (static_cast<double>(b.y) * 0x1p-32 - 0.5) * 12;
       }
     return sum / count;
   };
-  EXPECT_NEAR(correlation([](int x, auto i) { return PointAt(PointSourceOf(x, 5), 2, i); }), 0, 0.05);
-  EXPECT_NEAR(correlation([](int x, auto i) { return PointAt(PointSourceOf(x + kPointTile, 5), 1, i); }), 0,
+  EXPECT_NEAR(correlation([](int x, auto i) { return PointAt(PointSourceOf(x, 5, 0), 2, i); }), 0, 0.05);
+  EXPECT_NEAR(correlation([](int x, auto i) { return PointAt(PointSourceOf(x + kPointTile, 5, 0), 1, i); }),
+              0, 0.05);
+  EXPECT_NEAR(correlation([](int x, auto i) { return PointAt(PointSourceOf(x + 32, 37, 0), 1, i); }), 0,
               0.05);
-  EXPECT_NEAR(correlation([](int x, auto i) { return PointAt(PointSourceOf(x + 32, 37), 1, i); }), 0, 0.05);
 }
 
 TEST_F(SamplePoints, InstantsOfTheShutter) {

@@ -4,7 +4,9 @@
 // A decision is one draw of a path: the place in the pixel, the direction of a lobe, the point on a light.
 // Each has a key, which the way to it gives, and with it a (0,2)-sequence of its own: a pixel's first 2^m
 // points hold one in every elementary interval of area 2^-m, and so do those of each later group of 2^m. A
-// point depends on seed, pixel, key and number alone; how many passes are planned is no part of it.
+// point depends on seed, pixel, key and number alone; how many passes are planned is no part of it. The
+// decisions of a hit and those of the hit behind it are one set in four dimensions, since what a ray finds
+// depends on both; others take the numbers in orders of their own.
 //
 // Numbers and coordinates are scrambled as Owen does, by hashes: Burley, "Practical Hash-based Owen
 // Scrambling", 2020, with Vegdahl's permutation ("Building a Better LK Hash", 2021). What differs between
@@ -47,13 +49,17 @@ inline std::uint32_t MixKeys(std::uint32_t a, std::uint32_t b) {
   return static_cast<std::uint32_t>(x >> 32U);
 }
 
-// What the points of a pixel start from: the key of its tile, and its place there.
+// What the points of a ray come from.
 struct PointSource {
-  std::uint32_t key = 0;
-  std::uint8_t place = 0;  // bits in Z order, the last one first
+  std::uint32_t key = 0;       // of the tile, and of the way that the path has taken
+  std::uint32_t order = 0;     // key of the order that numbers are taken in
+  std::uint32_t number = 0;    // the ray's number in its sequence
+  std::uint32_t shuffled = 0;  // where that order puts it
+  std::uint8_t place = 0;      // in the tile: bits in Z order, the last one first
+  bool second = false;         // at the second hit of the two that share an order
 };
-PointSource PointSourceOf(int x, int y);
-PointSource PhotonPoints();  // which have no pixel
+PointSource PointSourceOf(int x, int y, std::uint32_t number);
+PointSource PhotonPoints(std::uint32_t number);  // which have no pixel
 
 namespace points {
 
@@ -95,7 +101,32 @@ inline std::uint32_t Pascal(std::uint32_t x) {
 // first.
 extern const std::array<std::uint64_t, static_cast<std::size_t>(kPointTile* kPointTile)> pixelShifts;
 
+// By the two lower bytes of a number: what the second hit puts in their place.
+extern const std::array<std::array<std::uint16_t, 256>, 2> secondNumbers;
+inline std::uint32_t SecondNumber(std::uint32_t x) {
+  return (x & 0xffff0000U) | (secondNumbers[0][x & 255U] ^ secondNumbers[1][x >> 8U & 255U]);
+}
+
+inline std::uint32_t Shuffle(std::uint32_t number, std::uint32_t order) {
+  return Mirror(Permute(Mirror(number), order));
+}
+
 }  // namespace points
+
+inline void SetNumber(PointSource& source, std::uint32_t number) {
+  if (number == source.number) return;
+  source.number = number;
+  source.shuffled = points::Shuffle(number, source.order);
+}
+
+// Goes on behind a hit, by the event that its ray leaves with.
+inline void StepOn(PointSource& source, std::uint32_t event) {
+  source.key = MixKeys(source.key, event);
+  source.second = !source.second;
+  if (source.second) return;
+  source.order = source.key;
+  source.shuffled = points::Shuffle(source.number, source.order);
+}
 
 // Two coordinates as 32-bit fractions.
 struct PointBits {
@@ -103,7 +134,7 @@ struct PointBits {
 };
 
 // Point number `number` of a decision.
-inline PointBits PointAt(PointSource source, std::uint32_t decision, std::uint32_t number) {
+inline PointBits PointAt(const PointSource& source, std::uint32_t decision, std::uint32_t number) {
   using points::Permute;
   std::uint64_t h = (static_cast<std::uint64_t>(source.key) << 32U | decision) * 0x9e3779b97f4a7c15ULL;
   h = (h ^ (h >> 32U)) * 0xbf58476d1ce4e5b9ULL;
@@ -111,12 +142,23 @@ inline PointBits PointAt(PointSource source, std::uint32_t decision, std::uint32
   const std::uint64_t g = h * 0x94d049bb133111ebULL;
   const auto low = [](std::uint64_t v) { return static_cast<std::uint32_t>(v); };
   const auto high = [](std::uint64_t v) { return static_cast<std::uint32_t>(v >> 32U); };
-  const std::uint32_t shuffled = points::Mirror(Permute(points::Mirror(number), high(g)));
+  std::uint32_t shuffled = source.shuffled;
+  if (number != source.number) shuffled = points::Shuffle(number, source.order);
+  if (source.second) shuffled = points::SecondNumber(shuffled);
   const std::uint64_t shift = points::pixelShifts[Permute(source.place, low(h)) & 255U];
   const std::uint32_t x = Permute(shuffled ^ low(shift), high(h));
-  const std::uint32_t y = Permute(points::Pascal(shuffled) ^ high(shift), low(g ^ (g >> 29U)));
+  const std::uint32_t y = Permute(points::Pascal(shuffled) ^ high(shift), high(g));
   const std::uint64_t both = points::Mirror(static_cast<std::uint64_t>(x) << 32U | y);
   return {low(both), high(both)};
+}
+
+// The same of a decision with an order of its own.
+inline PointBits LonePointAt(PointSource source, std::uint32_t decision, std::uint32_t number) {
+  source.order = MixKeys(source.key, decision);
+  source.shuffled = points::Shuffle(number, source.order);
+  source.number = number;
+  source.second = false;
+  return PointAt(source, decision, number);
 }
 
 // Uniform in [0, 1): the upper 24 bits, for a float would round the largest numbers up to 1.

@@ -63,7 +63,7 @@ void CompletePose(Camera& camera, int index) {
 }
 
 Vec2 DrawForCamera(const RayRecord& ray, Decision decision) {
-  if (settings.format >= 2) return UnitPair(PointAt(ray.points, decision, ray.sampleNumber));
+  if (settings.format >= 2) return UnitPair(LonePointAt(ray.points, decision, ray.sampleNumber));
   const float x = RandomFloat(), y = RandomFloat();
   return {x, y};
 }
@@ -186,7 +186,7 @@ void MakePrimaryRay(const Camera& camera, RayRecord& ray, int x, int y, std::uin
   fresh.direction = ray.direction;
   fresh.thread = ray.thread;
   if (settings.format >= 2) {
-    fresh.points = PointSourceOf(x, y);
+    fresh.points = PointSourceOf(x, y, sample);
     fresh.sampleNumber = sample;
   } else {
     fresh.rotation = pixelRotationTable[y & 31][x & 31];

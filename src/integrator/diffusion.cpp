@@ -142,7 +142,7 @@ Vec3 ChannelWeights(const RayRecord& ray, const ShadingPoint& point, int drawn, 
 }
 
 int DrawnChannel(const RayRecord& ray, std::uint32_t sample) {
-  return static_cast<int>(3 * DrawPair(ray, sample, kDecideExit).x);
+  return static_cast<int>(3 * UnitPair(LonePointAt(ray.points, kDecideExit, sample)).x);
 }
 
 // Draws an exit as format 2 spreads light. False where nothing is found.

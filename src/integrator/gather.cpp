@@ -12,6 +12,12 @@
 namespace zp {
 namespace {
 
+// By the numbers that a pass takes at a first hit.
+void NumberChild(RayRecord& child, std::uint32_t sample) {
+  child.sampleNumber = sample;
+  SetNumber(child.points, sample);
+}
+
 // One sample: adds its radiance, times `weight`, to `sum`. False if the direction goes through the surface to
 // the wrong side. Not inlined: the child record is the largest local of the recursion, and exists once.
 [[gnu::noinline]] bool AddDiffuseSample(const RayRecord& ray, const ShadingPoint& point, Event event,
@@ -20,7 +26,7 @@ namespace {
   Vec3 direction;
   if (!DiffuseDirection(ray, point, event, sample, direction)) return false;
   RayRecord child = MakeChildRay(ray, point, event, direction, throughput * weight);
-  child.sampleNumber = sample;
+  NumberChild(child, sample);
   child.sampleWeight = sampleWeight;
   ++child.diffuseBounces;
   sum += weight * Radiance(child);
@@ -74,7 +80,7 @@ Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event,
 [[gnu::noinline]] Vec3 FollowLobeRay(const RayRecord& ray, const ShadingPoint& point, const LobeRay& way,
                                      Vec3 throughput, std::uint32_t sample, std::int32_t sampleWeight) {
   RayRecord child = MakeLobeChild(ray, point, way, throughput);
-  child.sampleNumber = sample;
+  NumberChild(child, sample);
   child.sampleWeight = sampleWeight;
   return way.weight * Radiance(child);
 }
@@ -103,7 +109,7 @@ void AddGlossySample(const RayRecord& ray, const ShadingPoint& point, Vec3 throu
                                       std::uint32_t sample, std::int32_t sampleWeight) {
   Vec3 weight;
   RayRecord child = MakeFiberChild(ray, point, throughput, weight);
-  child.sampleNumber = sample;
+  NumberChild(child, sample);
   child.sampleWeight = sampleWeight;
   return weight * Radiance(child);
 }

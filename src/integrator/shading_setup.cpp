@@ -122,7 +122,8 @@ struct Directions {
 const SurfaceShader& DrawLayer(const RayRecord& ray, const Shader& shader, const SurfaceUv& uv) {
   if (settings.format < 2 || LayersOf(shader, ray.frontFace).size() < 2)
     return ChooseLayer(shader, ray.frontFace, uv);
-  return ChooseLayer(shader, ray.frontFace, uv, DrawPair(ray, ray.sampleNumber, kDecideLayer).x);
+  return ChooseLayer(shader, ray.frontFace, uv,
+                     UnitPair(LonePointAt(ray.points, kDecideLayer, ray.sampleNumber)).x);
 }
 
 }  // namespace
