@@ -31,10 +31,9 @@ constexpr auto MakePixelShifts() {
 
 // The place of a pixel in the Z order of its tile, its bits in reverse.
 std::uint8_t PlaceOf(std::uint32_t x, std::uint32_t y) {
-  std::uint32_t place = 0;
-  for (std::uint32_t bit = 0; bit < 4; ++bit)
-    place |= (x >> bit & 1U) << (7 - 2 * bit) | (y >> bit & 1U) << (6 - 2 * bit);
-  return static_cast<std::uint8_t>(place);
+  constexpr std::uint8_t kSpread[kPointTile] = {0x00, 0x80, 0x20, 0xa0, 0x08, 0x88, 0x28, 0xa8,
+                                                0x02, 0x82, 0x22, 0xa2, 0x0a, 0x8a, 0x2a, 0xaa};
+  return static_cast<std::uint8_t>(kSpread[x % kPointTile] | kSpread[y % kPointTile] >> 1U);
 }
 
 PointSource Start(std::uint32_t key, std::uint32_t number) {

@@ -62,8 +62,18 @@ void CompletePose(Camera& camera, int index) {
   if ((missing & kPoseFieldOfView) != 0) pose.fieldOfView = other.fieldOfView;
 }
 
-Vec2 DrawForCamera(const RayRecord& ray, Decision decision) {
-  if (settings.format >= 2) return UnitPair(LonePointAt(ray.points, decision, ray.sampleNumber));
+Vec2 DrawPlaceInPixel(const RayRecord& ray) {
+  if (settings.format >= 2) {
+    PointSource source = ray.points;
+    source.shuffled = source.number;  // in the order as it is, which nothing else takes
+    return UnitPair(PointAt(source, kDecidePixel, source.number));
+  }
+  const float x = RandomFloat(), y = RandomFloat();
+  return {x, y};
+}
+
+Vec2 DrawPlaceOnLens(const RayRecord& ray) {
+  if (settings.format >= 2) return UnitPair(LonePointAt(ray.points, kDecideLens, ray.points.number));
   const float x = RandomFloat(), y = RandomFloat();
   return {x, y};
 }
@@ -75,7 +85,7 @@ void PassThroughLens(const CameraPose& pose, RayRecord& ray) {
   const Vec3 focus = pose.position + d * pose.focusDistance;
   const Vec3 a = SafeNormalize(Perpendicular(d));
   const Vec3 b = Cross(a, d);
-  const Vec2 u = DrawForCamera(ray, kDecideLens);
+  const Vec2 u = DrawPlaceOnLens(ray);
   const float cosTheta = 1.0f - u.y * (1.0f - std::cos(pose.bokeh * kRadians));
   const float sinTheta = SafeSqrt(1.0f - cosTheta * cosTheta);
   const float phi = u.x * 2.0f * kPi;
@@ -194,7 +204,7 @@ void MakePrimaryRay(const Camera& camera, RayRecord& ray, int x, int y, std::uin
   fresh.ior = camera.ior;
   fresh.sampleWeight = camera.sample;
   ray = fresh;
-  const Vec2 place = DrawForCamera(ray, kDecidePixel);
+  const Vec2 place = DrawPlaceInPixel(ray);
   const float column = static_cast<float>(x) + place.x;
   const float row = static_cast<float>(y) + place.y;
   if (camera.projection == Projection::kPerspective) AimPerspective(camera, pose, column, row, ray);
