@@ -521,6 +521,38 @@ TEST_F(GeometryLightTest, IrradianceOfAPanel) {
       SampleGeometryLight({0, 0.5f, 2}, StratifiedNumber(0, 1), 0.5f, 0.5f, sample));  // in its plane
 }
 
+// Of a rectangle samples are uniform over its solid angle: of all of them the same density, and that of hits.
+TEST_F(GeometryLightTest, RectanglesBySolidAngle) {
+  settings.format = 2;
+  AddFace(Geometry(), {{-1, -2, 0}, {1, -2, 0}, {1, 2, 0}, {-1, 2, 0}}, AddEmissive({2, 2, 2}));
+  InitializeScene();
+  const Vec3 from = {1.3f, 0.4f, 0.7f};
+  Vec3 mean;
+  constexpr std::uint32_t kSamples = 20000;
+  float density = 0;
+  for (std::uint32_t i = 0; i < kSamples; ++i) {
+    LightSample sample;
+    ASSERT_TRUE(SampleGeometryLight(from, StratifiedNumber(i, kSamples), 0, RandomFloat(), sample));
+    if (i == 0) density = sample.pdf;
+    ASSERT_EQ(sample.pdf, density);
+    mean += sample.direction / kSamples;
+  }
+  // The same by many points uniform over the area.
+  Vec3 sum;
+  double solidAngle = 0;
+  for (int i = 0; i < 400; ++i)
+    for (int j = 0; j < 400; ++j) {
+      const Vec3 way =
+          Vec3{(static_cast<float>(i) + 0.5f) / 200 - 1, (static_cast<float>(j) + 0.5f) / 100 - 2, 0} - from;
+      const float squared = Dot(way, way), share = 0.7f / (squared * std::sqrt(squared)) * 8 / 160000;
+      sum += share / std::sqrt(squared) * way;
+      solidAngle += static_cast<double>(share);
+    }
+  EXPECT_NEAR(1 / density, solidAngle, 1e-3);
+  ExpectNear(mean, sum / static_cast<float>(solidAngle), 5e-3f);
+  settings.format = 1;
+}
+
 TEST_F(GeometryLightTest, LayersOfTheEmittingSide) {
   const std::int32_t shader = AddEmissive({2, 2, 2});
   AddFace(Geometry(), {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, shader);

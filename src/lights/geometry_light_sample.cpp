@@ -11,6 +11,7 @@
 #include "lights/light_frame.h"
 #include "lights/light_photons.h"
 #include "lights/lights.h"
+#include "lights/seen_rectangle.h"
 
 namespace zp {
 namespace {
@@ -195,7 +196,16 @@ bool SampleGeometryLight(Vec3 position, double choice, float a, float b, LightSa
   EmitterPick pick;
   if (!PickEmitter(true, choice, pick)) return false;
   ShadingPoint point;
-  PlaceOnEmitter(pick, settings.format >= 2 ? pick.rest : a, b, point);
+  float solidAngle = 0;
+  if (settings.format >= 2) {
+    // Rectangles by solid angle: by area, walls close to a lamp are noisy.
+    const SeenRectangle seen =
+        pick.placed ? SeenRectangle{} : SeeRectangle(*pick.part, pick.kind, pick.index, position);
+    solidAngle = seen.solidAngle;
+    const Vec2 place = solidAngle > 0 ? DrawOnRectangle(seen, pick.rest, b) : Vec2{pick.rest, b};
+    a = place.x, b = place.y;
+  }
+  PlaceOnEmitter(pick, a, b, point);
   const Vec3 toReceiver = position - point.position;
   const float squared = Dot(toReceiver, toReceiver);
   point.outgoing = UnitVector(toReceiver);
@@ -214,6 +224,7 @@ bool SampleGeometryLight(Vec3 position, double choice, float a, float b, LightSa
   sample.radiance = (Opacity(shader, point.uv) * point.diffuseWeight) * emission;
   sample.distance = LengthToEmitter(position, point.position, std::sqrt(squared), cosine);
   sample.pdf = squared / (cosine * geometryLight.area * point.areaStretch);
+  if (solidAngle > 0) sample.pdf = pick.weight / solidAngle;
   sample.factor = GeometryFactor(sample.pdf, cosine, squared, pick.weight);
   return !IsBlack(sample.radiance) && std::isfinite(sample.pdf) && std::isfinite(sample.factor);
 }

@@ -155,6 +155,9 @@ void PlaceOnEmitter(const EmitterPick& pick, float a, float b, ShadingPoint& poi
 // cosine / (distance^2 * 18481 * pick.weight).
 // False where no light leaves for the point.
 bool SampleGeometryLight(Vec3 position, double choice, float a, float b, LightSample& sample);
+// The pdf of samples for a point `from` on a rectangle that a ray has hit, in format 2, where they are
+// uniform by solid angle; 0 where they are uniform by area.
+float RectangleDensity(const RayRecord& hit, Vec3 from);
 void MakeGeometryPhotonRay(RayRecord& ray, std::uint32_t sample);
 
 }  // namespace zp
