@@ -264,14 +264,12 @@ TEST_F(Integrator, EachNumberBelongsToOnePass) {
       EXPECT_EQ(std::count(taken.begin(), taken.begin() + (format == 2 ? 12 * passes : 12), 1),
                 format == 2 ? 12 * passes : 12);
     }
-  // Of one number, lights and bounces draw different places.
-  RayRecord ray, child;
-  ray.rotation = child.rotation = {0.25f, 0.5f};
-  child.dimension = 2;
-  EXPECT_NE(DrawPair(ray, 0, 0).x, DrawPair(ray, 0, 1).x);
-  EXPECT_NE(DrawPair(ray, 0, 0).x, DrawPair(child, 0, 0).x);
-  settings.format = 1;
-  EXPECT_EQ(DrawPair(child, 0, 1).x, 0.25f);
+  // Of one number, lights and bounces draw different places; in format 1 the same.
+  for (settings.format = 1; settings.format <= 2; ++settings.format) {
+    const RayRecord ray, child = MakeChildRay(ray, {}, kEventLambertian, {0, 0, 1}, kWhite);
+    EXPECT_EQ(DrawPair(ray, 3, 1).x != DrawPair(ray, 3, 2).x, settings.format == 2);
+    EXPECT_NE(DrawPair(ray, 3, 1).x, DrawPair(child, 3, 1).x);
+  }
 }
 
 TEST_F(Integrator, BadSamplesBecomeTheErrorColour) {

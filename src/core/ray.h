@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "core/sample_points.h"
 #include "core/vec.h"
 
 namespace zp {
@@ -41,7 +42,8 @@ inline constexpr std::int32_t kMostDepth = 255;  // bounces of a path, which a r
 
 // Lives on its caller's stack, one for each ray.
 struct RayRecord {
-  Vec2 rotation;                              // the pixel's entry of pixelRotationTable
+  Vec2 rotation;                              // the pixel's entry of pixelRotationTable: format 1
+  PointSource points;                         // of the draws at its hit: format 2
   std::uint32_t sampleNumber = 0;             // the ray's number in its sequence
   std::int32_t dimension = 0;                 // its first Halton dimension; a child's is two higher
   Vec3 origin;                                // scene units, in the space of the Object being walked
@@ -79,7 +81,7 @@ struct RayRecord {
   bool frontFace = false;           // met the side that the normal points to
   bool photonIndirect = false;
   bool photonStore = false;
-  bool levelZeroHit = false;  // the hit Object is the RootObject
+  bool levelZeroHit = false;                 // the hit Object is the RootObject
   std::uint8_t scattering = kEventSpecular;  // the last event that was no mirror's; a hair's counts as glossy
 };
 static_assert(std::is_trivially_copyable_v<RayRecord>);

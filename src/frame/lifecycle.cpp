@@ -6,6 +6,7 @@
 #include "core/format.h"
 #include "core/random.h"
 #include "core/release.h"
+#include "core/sample_points.h"
 #include "core/settings.h"
 #include "core/stop.h"
 #include "core/tables.h"
@@ -55,6 +56,7 @@ void Startup(std::optional<std::uint64_t> seed, std::optional<std::int32_t> form
   StartRandom(seed);
   FillHaltonTables();
   FillPixelRotationTable();
+  StartSamplePoints();
   FillNoisePermutation();
   ResetGeometryLight();
   ResetSky();

@@ -61,6 +61,22 @@ void CompletePose(Camera& camera, int index) {
   if ((missing & kPoseFieldOfView) != 0) pose.fieldOfView = other.fieldOfView;
 }
 
+Vec2 DrawPlaceInPixel(const RayRecord& ray) {
+  if (settings.format >= 2) {
+    PointSource source = ray.points;
+    source.shuffled = source.number;  // in the order as it is, which nothing else takes
+    return UnitPair(PointAt(source, kDecidePixel, source.number));
+  }
+  const float x = RandomFloat(), y = RandomFloat();
+  return {x, y};
+}
+
+Vec2 DrawPlaceOnLens(const RayRecord& ray) {
+  if (settings.format >= 2) return UnitPair(LonePointAt(ray.points, kDecideLens, ray.points.number));
+  const float x = RandomFloat(), y = RandomFloat();
+  return {x, y};
+}
+
 // Turns the pinhole ray into one through a random point of the lens. All of a pixel's rays meet at the focus
 // point and are uniform over the cone of half angle `bokeh` around the pinhole ray.
 void PassThroughLens(const CameraPose& pose, RayRecord& ray) {
@@ -68,11 +84,10 @@ void PassThroughLens(const CameraPose& pose, RayRecord& ray) {
   const Vec3 focus = pose.position + d * pose.focusDistance;
   const Vec3 a = SafeNormalize(Perpendicular(d));
   const Vec3 b = Cross(a, d);
-  const float u3 = RandomFloat();
-  const float u4 = RandomFloat();
-  const float cosTheta = 1.0f - u4 * (1.0f - std::cos(pose.bokeh * kRadians));
+  const Vec2 u = DrawPlaceOnLens(ray);
+  const float cosTheta = 1.0f - u.y * (1.0f - std::cos(pose.bokeh * kRadians));
   const float sinTheta = SafeSqrt(1.0f - cosTheta * cosTheta);
-  const float phi = u3 * 2.0f * kPi;
+  const float phi = u.x * 2.0f * kPi;
   ray.direction = sinTheta * std::cos(phi) * b + sinTheta * std::sin(phi) * a + cosTheta * d;
   ray.origin = focus - ray.direction * pose.focusDistance;
 }
@@ -169,6 +184,7 @@ CameraPose CameraAtTime(const Camera& camera, float time) {
 }
 
 float TimeOfPass(const Camera& camera, std::uint32_t pass) {
+  if (settings.format >= 2) return ShutterInstant(pass);
   return (static_cast<float>(pass) + 0.5f) / static_cast<float>(std::max(1, camera.sample));
 }
 
@@ -177,14 +193,18 @@ void MakePrimaryRay(const Camera& camera, const CameraPose& pose, RayRecord& ray
   fresh.origin = ray.origin;
   fresh.direction = ray.direction;
   fresh.thread = ray.thread;
-  fresh.rotation = pixelRotationTable[y & 31][x & 31];
+  if (settings.format >= 2) {
+    fresh.points = PointSourceOf(x, y, sample);
+    fresh.sampleNumber = sample;
+  } else {
+    fresh.rotation = pixelRotationTable[y & 31][x & 31];
+  }
   fresh.ior = camera.ior;
   fresh.sampleWeight = camera.sample;
   ray = fresh;
-  const float u1 = RandomFloat();
-  const float u2 = RandomFloat();
-  const float column = static_cast<float>(x) + u1;
-  const float row = static_cast<float>(y) + u2;
+  const Vec2 place = DrawPlaceInPixel(ray);
+  const float column = static_cast<float>(x) + place.x;
+  const float row = static_cast<float>(y) + place.y;
   if (camera.projection == Projection::kPerspective) AimPerspective(camera, pose, column, row, ray);
   if (camera.projection == Projection::kSpherical) AimSpherical(camera, pose, column, row, ray);
 }

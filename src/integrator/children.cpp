@@ -17,6 +17,7 @@ RayRecord MakeChildRay(const RayRecord& parent, const ShadingPoint& point, Event
                        Vec3 throughput) {
   RayRecord child = parent;
   child.dimension = parent.dimension + 2;
+  if (settings.format >= 2) StepOn(child.points, event);
   child.origin = point.position;
   child.direction = direction;
   child.throughput = throughput;

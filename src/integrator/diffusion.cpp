@@ -141,10 +141,8 @@ Vec3 ChannelWeights(const RayRecord& ray, const ShadingPoint& point, int drawn, 
   return (3 / sum) * densities * DrawSuccessRatios(ray, point, drawn);
 }
 
-// Numbers along the golden ratio come to all channels evenly, and go with no dimension of Halton's sequence.
 int DrawnChannel(const RayRecord& ray, std::uint32_t sample) {
-  const double turns = 0.6180339887498949 * sample + static_cast<double>(ray.rotation.x);
-  return std::min(static_cast<int>(3 * (turns - std::floor(turns))), 2);
+  return static_cast<int>(3 * UnitPair(LonePointAt(ray.points, kDecideExit, sample)).x);
 }
 
 // Draws an exit as format 2 spreads light. False where nothing is found.

@@ -23,28 +23,44 @@ Vec3 Visibility(const AnyReceiver& receiver, Vec3 direction, float distance) {
   return LightLeft(shadow);
 }
 
-// What is drawn of a light: the stratum `number` of `count` that the choice of an emitter falls into, and the
-// place on the light.
+// What is drawn of a light: the stratum `number` of `count` that the choice of an emitter falls into, in
+// format 2 that choice itself, and the place on the light.
 struct Draw {
   std::uint32_t number = 0, count = 1;
+  double choice = 0;
   Vec2 place;
 };
 
-// Format 1 has strata at a first hit only, one for each sample of the sequence; in format 2 a third dimension
-// chooses one of many, at every hit.
-[[gnu::noinline]] void ChooseStratum(const RayRecord& ray, std::uint32_t sample, Drawer drawer, Draw& draw) {
-  constexpr std::uint32_t kStrata = 4096;
-  const std::int32_t dimension = ray.dimension + 2;
-  const float choice = Rotate(Halton(sample, dimension), OwnRotation(ray, dimension, drawer).x);
-  draw.number = static_cast<std::uint32_t>(choice * kStrata);
-  draw.count = kStrata;
+// In format 1 at a first hit only, one stratum for each sample of the sequence; in format 2 at every hit, by
+// the point that also gives the place.
+double EmitterChoice(const Draw& draw) {
+  return settings.format >= 2 ? draw.choice : StratifiedNumber(draw.number, draw.count);
+}
+
+// A sharp light has one place alone.
+Draw DrawOf(const RayRecord& ray, const PassShare& share, std::uint32_t number, std::uint32_t decision,
+            bool sharp) {
+  Draw draw;
+  if (settings.format >= 2) {
+    draw.number = number;
+    if (sharp) return draw;
+    const PointBits bits = PointAt(ray.points, decision, number);
+    draw.choice = static_cast<double>(bits.x) * 0x1p-32;
+    draw.place = UnitPair(bits);
+    return draw;
+  }
+  if (BounceCount(ray) == 0) {
+    draw.number = number;
+    draw.count = share.step * static_cast<std::uint32_t>(share.count);
+  }
+  draw.place = DrawPair(ray, number, decision);
+  return draw;
 }
 
 template <class AnyReceiver>
 LobeRadiance SampleOne(const AnyReceiver& receiver, const GeometryLight& light, const Draw& draw,
                        LightSample& sample) {
-  if (!SampleGeometryLight(receiver.point.position, draw.number, draw.count, draw.place.x, draw.place.y,
-                           sample))
+  if (!SampleGeometryLight(receiver.point.position, EmitterChoice(draw), draw.place.x, draw.place.y, sample))
     return {};
   auto response = Respond(receiver, sample.direction, 0, GlossyScale::kRays);
   if (IsZero(response)) return {};
@@ -122,8 +138,8 @@ float LobeLevel(const RayRecord& ray, const ShadingPoint& point) {
 
 // `sharp`: every sample of the light is the same one.
 template <class AnyLight>
-LobeRadiance SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyLight& light, Drawer drawer,
-                           bool sharp) {
+LobeRadiance SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyLight& light,
+                           std::uint32_t decision, bool sharp) {
   LobeRadiance sum;
   if (!IsLinked(light.link, ray.shader)) return sum;
   const bool firstHit = BounceCount(ray) == 0;
@@ -138,14 +154,7 @@ LobeRadiance SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyL
   const float scale = 1.0f / static_cast<float>(share.count);
   const bool writes = ray.depth == 0 && !light.aovs.empty();
   for (std::int32_t i = 0; i < share.count && !Stopping(); ++i) {
-    const std::uint32_t number = share.Number(i);
-    Draw draw;
-    if (firstHit) {
-      draw.number = number;
-      draw.count = share.step * static_cast<std::uint32_t>(share.count);
-    }
-    if (settings.format >= 2) ChooseStratum(ray, number, drawer, draw);
-    draw.place = DrawPair(ray, number, drawer);
+    const Draw draw = DrawOf(ray, share, share.Number(i), decision, sharp);
     const auto add = [&](const LobeRadiance& lobes, const LightSample& sample) {
       if (writes) WriteLightAovs(light, ray, point, lobes, scale, sample.shader);
       sum += lobes;
@@ -174,13 +183,14 @@ float SoftCosine(float cosine, float offset) {
 [[gnu::noinline]] LobeRadiance SampleLights(const RayRecord& ray, const ShadingPoint& point) {
   LobeRadiance sum;
   if (BounceCount(ray) > settings.said.rendererBounce && !settings.derived.seeksCells) return sum;
-  Drawer drawer = kFirstLight;
-  if (SamplesEmitters()) sum += SampleLightAt(ray, point, geometryLight, drawer, false);
-  ++drawer;
-  if (skyLight.sample > 0) sum += SampleLightAt(ray, point, skyLight, drawer, false);
-  for (PointLight& light : pointLights) sum += SampleLightAt(ray, point, light, ++drawer, !(light.blur > 0));
+  std::uint32_t decision = kDecideLight;
+  if (SamplesEmitters()) sum += SampleLightAt(ray, point, geometryLight, decision, false);
+  ++decision;
+  if (skyLight.sample > 0) sum += SampleLightAt(ray, point, skyLight, decision, false);
+  for (PointLight& light : pointLights)
+    sum += SampleLightAt(ray, point, light, ++decision, !(light.blur > 0));
   for (ParallelLight& light : parallelLights)
-    sum += SampleLightAt(ray, point, light, ++drawer, !(light.blur > 0));
+    sum += SampleLightAt(ray, point, light, ++decision, !(light.blur > 0));
   return sum;
 }
 

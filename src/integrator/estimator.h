@@ -68,18 +68,10 @@ struct PassShare {
 // in format 2 each pass takes it, and the numbers that come next.
 PassShare ShareOf(Vec3 color, std::int32_t budget);
 
-// Who draws: a lobe by its Event, then the lights.
-using Drawer = std::uint32_t;
-inline constexpr Drawer kFirstLight = kEventSpecularRefraction + 1;
-
-// The pixel's rotation of one pair of dimensions. Format 1 turns all pairs alike, so that the first numbers
-// of a path, and of all lobes and lights at a hit, go together; in format 2 each is turned by itself.
-Vec2 OwnRotation(const RayRecord& ray, std::int32_t dimension, Drawer drawer);
-Vec2 DrawTurnedPair(const RayRecord& ray, std::uint32_t sample, Drawer drawer);
-
-// Two numbers of sample `sample`, from the ray's Halton dimensions, turned by the pixel.
-inline Vec2 DrawPair(const RayRecord& ray, std::uint32_t sample, Drawer drawer) {
-  if (settings.format >= 2) return DrawTurnedPair(ray, sample, drawer);
+// Two numbers of sample `sample` for `decision`. In format 1 from the ray's Halton dimensions, turned by the
+// pixel alike for whoever draws.
+inline Vec2 DrawPair(const RayRecord& ray, std::uint32_t sample, std::uint32_t decision) {
+  if (settings.format >= 2) return UnitPair(PointAt(ray.points, decision, sample));
   return {Rotate(Halton(sample, ray.dimension), ray.rotation.x),
           Rotate(Halton(sample, ray.dimension + 1), ray.rotation.y)};
 }

@@ -70,7 +70,9 @@ float EmitterHitWeight(const RayRecord& ray, const ShadingPoint& point) {
   // From where the lobe was left: thin panes on the way count as nothing.
   const Vec3 way = point.position - ray.parentPoint->position;
   const float area = geometryLight.area * point.areaStretch;
-  return LobeRayWeight(ray, Dot(way, way) / (cosine * area), lobe, BudgetsOf(geometryLight));
+  float density = settings.format >= 2 ? RectangleDensity(ray, ray.parentPoint->position) : 0.0f;
+  if (!(density > 0)) density = Dot(way, way) / (cosine * area);
+  return LobeRayWeight(ray, density, lobe, BudgetsOf(geometryLight));
 }
 
 // The channel of a light's AOV that records paths by their last scattering.

@@ -12,6 +12,12 @@
 namespace zp {
 namespace {
 
+// By the numbers that a pass takes at a first hit.
+void NumberChild(RayRecord& child, std::uint32_t sample) {
+  child.sampleNumber = sample;
+  SetNumber(child.points, sample);
+}
+
 // One sample: adds its radiance, times `weight`, to `sum`. False if the direction goes through the surface to
 // the wrong side. Not inlined: the child record is the largest local of the recursion, and exists once.
 [[gnu::noinline]] bool AddDiffuseSample(const RayRecord& ray, const ShadingPoint& point, Event event,
@@ -20,7 +26,7 @@ namespace {
   Vec3 direction;
   if (!DiffuseDirection(ray, point, event, sample, direction)) return false;
   RayRecord child = MakeChildRay(ray, point, event, direction, throughput * weight);
-  child.sampleNumber = sample;
+  NumberChild(child, sample);
   child.sampleWeight = sampleWeight;
   ++child.diffuseBounces;
   sum += weight * Radiance(child);
@@ -74,7 +80,7 @@ Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event,
 [[gnu::noinline]] Vec3 FollowLobeRay(const RayRecord& ray, const ShadingPoint& point, const LobeRay& way,
                                      Vec3 throughput, std::uint32_t sample, std::int32_t sampleWeight) {
   RayRecord child = MakeLobeChild(ray, point, way, throughput);
-  child.sampleNumber = sample;
+  NumberChild(child, sample);
   child.sampleWeight = sampleWeight;
   return way.weight * Radiance(child);
 }
@@ -103,7 +109,7 @@ void AddGlossySample(const RayRecord& ray, const ShadingPoint& point, Vec3 throu
                                       std::uint32_t sample, std::int32_t sampleWeight) {
   Vec3 weight;
   RayRecord child = MakeFiberChild(ray, point, throughput, weight);
-  child.sampleNumber = sample;
+  NumberChild(child, sample);
   child.sampleWeight = sampleWeight;
   return weight * Radiance(child);
 }
@@ -173,14 +179,6 @@ PassShare CountedInEachPass(Vec3 color, std::int32_t budget) {
   return share;
 }
 
-// A number in [0, 1) of 24 bits made into another, by Wellons' 32-bit mixer ("Hash Prospector", 2018).
-float Scrambled(float number, std::uint32_t key) {
-  std::uint32_t x = static_cast<std::uint32_t>(number * 0x1p24f) ^ (key * 0x9e3779b9U);
-  x = (x ^ (x >> 16U)) * 0x7feb352dU;
-  x = (x ^ (x >> 15U)) * 0x846ca68bU;
-  return static_cast<float>((x ^ (x >> 16U)) >> 8U) * 0x1p-24f;
-}
-
 }  // namespace
 
 std::int32_t GatherCount(Vec3 color, std::int32_t budget, std::int32_t passes) {
@@ -194,17 +192,6 @@ std::int32_t GatherCount(Vec3 color, std::int32_t budget, std::int32_t passes) {
 
 PassShare ShareOf(Vec3 color, std::int32_t budget) {
   return settings.format >= 2 ? CountedInEachPass(color, budget) : SharedByAllPasses(color, budget);
-}
-
-Vec2 OwnRotation(const RayRecord& ray, std::int32_t dimension, Drawer drawer) {
-  const std::uint32_t key = static_cast<std::uint32_t>(dimension) + 1024 * drawer;
-  return {Scrambled(ray.rotation.x, key), Scrambled(ray.rotation.y, key + 1)};
-}
-
-Vec2 DrawTurnedPair(const RayRecord& ray, std::uint32_t sample, Drawer drawer) {
-  const Vec2 rotation = OwnRotation(ray, ray.dimension, drawer);
-  return {Rotate(Halton(sample, ray.dimension), rotation.x),
-          Rotate(Halton(sample, ray.dimension + 1), rotation.y)};
 }
 
 Vec3 Gather(Lobe lobe, const RayRecord& ray, const ShadingPoint& point) {

@@ -151,6 +151,14 @@ struct Directions {
           UnitVector(placement.tangents * tangent), placement.mirrors, areaStretch};
 }
 
+// In format 1 FinishShadingPoint draws the layer of what is no strand.
+const SurfaceShader& DrawLayer(const RayRecord& ray, const Shader& shader, const SurfaceUv& uv) {
+  if (settings.format < 2 || LayersOf(shader, ray.frontFace).size() < 2)
+    return ChooseLayer(shader, ray.frontFace, uv);
+  return ChooseLayer(shader, ray.frontFace, uv,
+                     UnitPair(LonePointAt(ray.points, kDecideLayer, ray.sampleNumber)).x);
+}
+
 }  // namespace
 
 void SetFrame(ShadingPoint& point, Vec3 tangent) {
@@ -208,10 +216,8 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
     mirrored = !mirrored;
   if (mirrored && surface.corners.count > 2) point.bitangent = -point.bitangent;
 
-  if (ray.kind == kKindCylinder) {
-    if (point.layer == nullptr) point.layer = &ChooseLayer(shader, ray.frontFace, point.uv);
-    point.fiber = &point.layer->fiber;
-  }
+  if (point.layer == nullptr) point.layer = &DrawLayer(ray, shader, point.uv);
+  if (ray.kind == kKindCylinder) point.fiber = &point.layer->fiber;
   FinishShadingPoint(point, shader, ray.frontFace);
   return true;
 }

@@ -11,6 +11,7 @@
 #include "lights/light_frame.h"
 #include "lights/light_photons.h"
 #include "lights/lights.h"
+#include "lights/seen_rectangle.h"
 
 namespace zp {
 namespace {
@@ -135,13 +136,16 @@ Vec3 SeenEmission(const Shader& shader, bool front, Vec3 direction, ShadingPoint
 
 }  // namespace
 
-bool PickEmitter(bool virtualLights, std::uint32_t i, std::uint32_t n, EmitterPick& pick) {
+// Only the first draw is stratified. Double precision keeps a million strata apart.
+double StratifiedNumber(std::uint32_t i, std::uint32_t n) {
+  const std::uint32_t strata = std::max(n, 1U);
+  return (static_cast<double>(RandomBits()) * 0x1p-32 + i % strata) / strata;
+}
+
+bool PickEmitter(bool virtualLights, double r, EmitterPick& pick) {
   pick = {};
   pick.weight = 1;
   std::int32_t index = rootObject;
-  // Only the first draw is stratified. Double precision keeps a million strata apart.
-  const std::uint32_t strata = std::max(n, 1U);
-  double r = (static_cast<double>(RandomBits()) * 0x1p-32 + i % strata) / strata;
   bool anyFace = false;  // in format 2, below an Instance whose Shader lets all of them emit
   for (int level = 0; level <= kMostInstanceLevels; ++level) {
     if (!IsIndex(objectTable, index)) return false;
@@ -154,6 +158,7 @@ bool PickEmitter(bool virtualLights, std::uint32_t i, std::uint32_t n, EmitterPi
     if (!anyFace) pick.side = record.side;
     pick.weight *= At(list.distribution.weights, found);
     if (!(pick.weight > 0)) return false;
+    pick.rest = static_cast<float>(r);
     if (record.kind != kKindInstance) return TakePrimitive(object, record, pick);
 
     if (record.index >= object.instances.size()) return false;
@@ -194,11 +199,19 @@ void PlaceOnEmitter(const EmitterPick& pick, float a, float b, ShadingPoint& poi
   point.bitangent = -point.bitangent;
 }
 
-bool SampleGeometryLight(Vec3 position, std::uint32_t i, std::uint32_t n, float a, float b,
-                         LightSample& sample) {
+bool SampleGeometryLight(Vec3 position, double choice, float a, float b, LightSample& sample) {
   EmitterPick pick;
-  if (!PickEmitter(true, i, n, pick)) return false;
+  if (!PickEmitter(true, choice, pick)) return false;
   ShadingPoint point;
+  float solidAngle = 0;
+  if (settings.format >= 2) {
+    // Rectangles by solid angle: by area, walls close to a lamp are noisy.
+    const SeenRectangle seen =
+        pick.placed ? SeenRectangle{} : SeeRectangle(*pick.part, pick.kind, pick.index, position);
+    solidAngle = seen.solidAngle;
+    const Vec2 place = solidAngle > 0 ? DrawOnRectangle(seen, pick.rest, b) : Vec2{pick.rest, b};
+    a = place.x, b = place.y;
+  }
   PlaceOnEmitter(pick, a, b, point);
   const Vec3 toReceiver = position - point.position;
   const float squared = Dot(toReceiver, toReceiver);
@@ -218,6 +231,7 @@ bool SampleGeometryLight(Vec3 position, std::uint32_t i, std::uint32_t n, float 
   sample.radiance = (Opacity(shader, point.uv) * point.diffuseWeight) * emission;
   sample.distance = LengthToEmitter(position, point.position, std::sqrt(squared), cosine);
   sample.pdf = squared / (cosine * geometryLight.area * point.areaStretch);
+  if (solidAngle > 0) sample.pdf = pick.weight / solidAngle;
   sample.factor = GeometryFactor(sample.pdf, cosine, squared, pick.weight);
   return !IsBlack(sample.radiance) && std::isfinite(sample.pdf) && std::isfinite(sample.factor);
 }
@@ -227,7 +241,7 @@ void MakeGeometryPhotonRay(RayRecord& ray, std::uint32_t sample) {
   EmitterPick pick;
   const auto photons = static_cast<std::uint32_t>(std::max(PhotonsOf(geometryLight.photon), 1));
   // Without an emitter the ray has no power, and nobody follows it.
-  if (!PickEmitter(false, sample, photons, pick)) return;
+  if (!PickEmitter(false, StratifiedNumber(sample, photons), pick)) return;
   ShadingPoint point;
   PlaceOnEmitter(pick, Halton(sample, 0), Halton(sample, 1), point);
   if (point.normal == kBlack) return;  // a face without an area

@@ -14,6 +14,7 @@ inline void StartPhotonRay(RayRecord& ray, std::uint32_t sample, std::int32_t di
   ray.thread = thread;
   ray.sampleNumber = sample;
   ray.dimension = dimension;
+  ray.points = PhotonPoints(sample);
   ray.ior = ior;
   ray.event = ray.previousEvent = 0;
   ray.photonIndirect = true;

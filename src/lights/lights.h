@@ -140,19 +140,24 @@ struct EmitterPick {
   bool placed = false;          // there are some
   std::uint64_t place = 0;      // PlaceInside of them
   float weight = 0;             // probability of the pick
+  float rest = 0;               // where the number that chose lies among those that choose this one: format 2
 };
-// Draw number i of n stratified ones, from the RootObject's virtual lights or its emitters. False where
-// there is nothing to draw.
-bool PickEmitter(bool virtualLights, std::uint32_t i, std::uint32_t n, EmitterPick& pick);
+// Of the RootObject's virtual lights, or its emitters, the one under a number in [0, 1). False where there is
+// none.
+bool PickEmitter(bool virtualLights, double number, EmitterPick& pick);
+double StratifiedNumber(std::uint32_t i, std::uint32_t n);  // drawn from the stratum i % n of n
 // The surface of a pick at (a, b) in [0, 1)^2, uniform by area: position, frame looking out of the emitting
 // side, uv; world space. The layer is not chosen.
 void PlaceOnEmitter(const EmitterPick& pick, float a, float b, ShadingPoint& point);
-// One sample of the virtual lights for `position`: radiance is the emission towards it, pdf is
+// One sample of the virtual lights for `position`, by PickEmitter of `choice` and PlaceOnEmitter; in format 2
+// what the choice leaves of its number takes the place of `a`. radiance is the emission towards it, pdf is
 // distance^2 / (cosine * area of all virtual lights * AreaStretch). factor is 1 / (pi * pdf); in format 1
 // cosine / (distance^2 * 18481 * pick.weight).
 // False where no light leaves for the point.
-bool SampleGeometryLight(Vec3 position, std::uint32_t i, std::uint32_t n, float a, float b,
-                         LightSample& sample);
+bool SampleGeometryLight(Vec3 position, double choice, float a, float b, LightSample& sample);
+// The pdf of samples for a point `from` on a rectangle that a ray has hit, in format 2, where they are
+// uniform by solid angle; 0 where they are uniform by area.
+float RectangleDensity(const RayRecord& hit, Vec3 from);
 void MakeGeometryPhotonRay(RayRecord& ray, std::uint32_t sample);
 
 }  // namespace zp

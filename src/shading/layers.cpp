@@ -32,9 +32,10 @@ float LayerWeight(const SurfaceShader& layer, const SurfaceUv& uv) {
   return weight > 0 ? MinOf(weight, kFarthest / (2 * kMaxLayersOnSide)) : 0.0f;
 }
 
-}  // namespace
-
-const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, const SurfaceUv& uv) {
+// `draw` is asked once the weights are known, and only where there is a choice.
+template <class Draw>
+const SurfaceShader& ChooseLayerBy(const Draw& draw, const Shader& shader, bool frontFace,
+                                   const SurfaceUv& uv) {
   const std::span<const std::uint8_t> list = LayersOf(shader, frontFace);
   const std::size_t count = list.size();
   if (count == 0) return shader.surfaces[0];  // a side without layers shows the first surface
@@ -51,10 +52,20 @@ const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, const Sur
     cumulative[i] = total;
   }
   if (!(total > 0)) return layer(0);
-  const float draw = RandomFloat() * total;
+  const float place = draw() * total;
   for (std::size_t i = 0; i < last; ++i)
-    if (cumulative[i] > draw) return layer(i);
+    if (cumulative[i] > place) return layer(i);
   return layer(last);
+}
+
+}  // namespace
+
+const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, const SurfaceUv& uv) {
+  return ChooseLayerBy(RandomFloat, shader, frontFace, uv);
+}
+
+const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, const SurfaceUv& uv, float number) {
+  return ChooseLayerBy([=] { return number; }, shader, frontFace, uv);
 }
 
 float DiffuseLayerShare(const Shader& shader, bool frontFace, const SurfaceUv& uv) {

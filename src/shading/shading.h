@@ -212,8 +212,10 @@ inline bool TestElement(const SurfaceShader& layer, Element element, const Surfa
   color = LookUp(layer[element], uv);
   return !IsBlack(color);
 }
-// One layer of the side that was hit, drawn in proportion to the layers' weights. `shader` has layers.
+// One layer of the side that was hit, drawn in proportion to the layers' weights, or taken by a number in [0,
+// 1). `shader` has layers.
 const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, const SurfaceUv& uv);
+const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, const SurfaceUv& uv, float number);
 // Fresnel weights, widths, normal map, mirror guard: from layer, uv, frame and outgoing, which are set.
 // A point with useDensity and a plain layer skips the Fresnel term in format 1. The five colours are the
 // caller's.

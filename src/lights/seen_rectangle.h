@@ -1,0 +1,23 @@
+// lights/seen_rectangle.h: a rectangle as it is seen from a point, and points of it that are uniform over its
+// solid angle, private to this folder.
+//
+// Urena, Fajardo and King, "An Area-Preserving Parametrization for Spherical Rectangles", 2013.
+
+#pragma once
+
+#include "geometry/geometry.h"
+
+namespace zp {
+
+struct SeenRectangle {
+  float x0 = 0, x1 = 0, y0 = 0, y1 = 0;  // its edges, along them, from below the point
+  float height = 0;                      // of the point above its plane
+  float solidAngle = 0;                  // steradian; 0 where it is too small to know, or no rectangle
+  float first = 0, last = 0, turn = 0;   // of the paper: b0, b1, k
+};
+// A tetragon of a Part whose vertices are in world space.
+SeenRectangle SeeRectangle(const Part& part, std::uint8_t kind, std::uint32_t index, Vec3 from);
+// The point for (u, v) in [0, 1), as shares of the edges from the first corner to the second and to the last.
+Vec2 DrawOnRectangle(const SeenRectangle& seen, float u, float v);
+
+}  // namespace zp
