@@ -188,7 +188,8 @@ float TimeOfPass(const Camera& camera, std::uint32_t pass) {
   return (static_cast<float>(pass) + 0.5f) / static_cast<float>(std::max(1, camera.sample));
 }
 
-void MakePrimaryRay(const Camera& camera, const CameraPose& pose, RayRecord& ray, int x, int y) {
+void MakePrimaryRay(const Camera& camera, const CameraPose& pose, RayRecord& ray, int x, int y,
+                    std::uint32_t sample) {
   RayRecord fresh;
   fresh.origin = ray.origin;
   fresh.direction = ray.direction;
