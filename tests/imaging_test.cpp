@@ -521,7 +521,8 @@ class Cameras : public testing::Test {
   static Camera& TheCamera() { return cameras[0]; }
   static RayRecord Ray(int x, int y, std::uint32_t sample = 0) {
     RayRecord ray;
-    MakePrimaryRay(TheCamera(), CameraAtTime(TheCamera(), TimeOfPass(TheCamera(), sample)), ray, x, y);
+    MakePrimaryRay(TheCamera(), CameraAtTime(TheCamera(), TimeOfPass(TheCamera(), sample)), ray, x, y,
+                   sample);
     return ray;
   }
 };
@@ -557,7 +558,7 @@ TEST_F(Cameras, RaysStartAfresh) {
   ray.thread = 3;
   ray.depth = 7;
   ray.throughput = kBlack;
-  MakePrimaryRay(TheCamera(), TheCamera().poses[0], ray, 35, 10);
+  MakePrimaryRay(TheCamera(), TheCamera().poses[0], ray, 35, 10, 2);
   EXPECT_EQ(std::tuple(ray.origin, ray.thread, ray.depth, ray.throughput, ray.rotation),
             std::tuple(Vec3{9, 9, 9}, 3, 0, kWhite, Vec2{0.25f, 0.75f}));
 }

@@ -243,10 +243,11 @@ void FinalizeCameras();
 CameraPose CameraAtTime(const Camera& camera, float time);
 // The instant that all rays of a pass see: the pass number stratifies the shutter.
 float TimeOfPass(const Camera& camera, std::uint32_t pass);
-// Fills a fresh ray through pixel (x, y), except its thread and pixel slot: the caller sets ray.thread
+// Fills a fresh ray for pass `sample` through pixel (x, y), except its thread and pixel slot: the caller sets ray.thread
 // before. An unknown projection leaves origin and direction as they were.
 //   pose  of the camera, at the pass's time
-void MakePrimaryRay(const Camera& camera, const CameraPose& pose, RayRecord& ray, int x, int y);
+void MakePrimaryRay(const Camera& camera, const CameraPose& pose, RayRecord& ray, int x, int y,
+                    std::uint32_t sample);
 
 // Pictures and models of the scene that were sought in vain since the count was last set to 0, one for each
 // attempt. Readers on any thread add to it; nothing else depends on it.

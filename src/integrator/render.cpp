@@ -55,7 +55,7 @@ Vec3 SamplePixel(const Pass& pass, int x, int y, std::uint8_t thread) {
   RekeyRandom(pixel, pass.number);
   RayRecord ray;
   ray.thread = thread;
-  MakePrimaryRay(pass.camera, pass.pose, ray, x, y);
+  MakePrimaryRay(pass.camera, pass.pose, ray, x, y, pass.number);
   const Vec3 color = Radiance(ray);
   return IsFinite(color) ? MinOf(settings.said.clamp, color) : settings.said.error;
 }
