@@ -89,5 +89,7 @@ bool Occlude(RayRecord& ray, BodyCrossings* crossings = nullptr);
 // They stay in slots of the ray's thread, which its next Trace or TraceSurfaces, of whatever ray, writes
 // over: to be asked right after the hit, on the same thread. Occlude leaves them alone.
 Mat3 HitNormalMatrix(const RayRecord& ray);
+// And those Instances, likewise: 0 the outermost, to hitMatrixDepth - 1.
+const Instance& HitInstance(const RayRecord& ray, int level);
 
 }  // namespace zp

@@ -99,23 +99,19 @@ struct Placement {
 struct Directions {
   Vec3 faceNormal, normal, tangent;
   bool mirrored = false;  // the bitangent goes over to the tangent's other side
-  float areaStretch = 1;  // see AreaStretch
 };
 
 // What an Instance makes of them by format 2. By format 1 tangents and the axes of strands turn as normals
 // do, which is right where all axes scale alike.
 [[gnu::noinline]] Directions PlaceExactly(const RayRecord& ray, Vec3 faceNormal, Vec3 normal, Vec3 tangent) {
   const Placement placement(HitNormalMatrix(ray));
-  const Shader& shader = ShaderAt(ray.shader);
-  const bool sampled = shader.frontVirtualLight || shader.backVirtualLight;
-  const float areaStretch = sampled ? AreaStretch(placement.normals, faceNormal) : 1.0f;
   if (ray.kind == kKindCylinder) {
     const Vec3 direction = UnitVector(placement.Inwards(ray.direction));
     if (tangent == kBlack) tangent = UnitPerpendicular(direction);
     faceNormal = normal = CylinderNormal(direction, tangent, ray.barycentric.x);
   }
   return {UnitVector(placement.normals * faceNormal), UnitVector(placement.normals * normal),
-          UnitVector(placement.tangents * tangent), placement.mirrors, areaStretch};
+          UnitVector(placement.tangents * tangent), placement.mirrors};
 }
 
 }  // namespace
@@ -151,7 +147,6 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
     normal = placed.normal;
     surface.tangent = placed.tangent;
     mirrored = placed.mirrored;
-    point.areaStretch = placed.areaStretch;
   } else if (ray.hitMatrixDepth > 0) {
     const Mat3 toWorld = HitNormalMatrix(ray);
     surface.faceNormal = UnitVector(toWorld * surface.faceNormal);
@@ -182,6 +177,8 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
     point.fiber = &point.layer->fiber;
   }
   FinishShadingPoint(point, shader, ray.frontFace);
+  if (ray.frontFace ? shader.frontVirtualLight : shader.backVirtualLight)
+    point.pickDensity = PickDensity(ray);
   return true;
 }
 
