@@ -271,6 +271,8 @@ void PlaceInRoot(std::int32_t object, const Mat4& matrix, std::int32_t shader = 
 }
 Mat4 Lifted(float height) { return {{{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, height}, {0, 0, 0, 1}}}; }
 
+LightReceiver From(Vec3 position) { return {.position = position}; }
+
 void InitializeScene() {
   InitializeShaders();
   InitializeAccelerator();
@@ -315,7 +317,7 @@ TEST_F(GeometryLightTest, PicksInProportionToArea) {
   std::map<std::tuple<const Part*, int, int, int>, Face> faces;
   for (std::uint32_t i = 0; i < kPicks; ++i) {
     EmitterPick pick;
-    ASSERT_TRUE(PickEmitter(i % 2 == 0, i / 2, kPicks / 2, pick));
+    ASSERT_TRUE(PickEmitter(i % 2 == 0, StratifiedNumber(i / 2, kPicks / 2), pick));
     Face& face = faces[{pick.part, pick.kind, pick.side, pick.shader}];
     face.share = pick.part == &objectTable[2].parts[0]   ? slanted / total
                  : pick.part == &objectTable[1].parts[0] ? 1.0 / total
@@ -358,8 +360,17 @@ TEST_F(GeometryLightTest, SamplesCoverTheSolidAngle) {
     constexpr std::uint32_t kSamples = 100000;
     for (std::uint32_t i = 0; i < kSamples; ++i) {
       LightSample sample;
-      if (SampleGeometryLight(kBlack, i, kSamples, RandomFloat(), RandomFloat(), sample))
-        mean += double{kPi * sample.factor} / kSamples;
+      if (!SampleGeometryLight({}, StratifiedNumber(i, kSamples), RandomFloat(), RandomFloat(), sample))
+        continue;
+      mean += double{kPi * sample.factor} / kSamples;
+      RayRecord ray;  // what meets the same place knows the same density
+      ray.direction = sample.direction;
+      if (i % 50 != 0 || !Trace(ray) || ray.t < 0.999f * sample.distance) continue;
+      const float density = EmitterDensity({}, ray);
+      ShadingPoint hit;
+      ASSERT_TRUE(SetUpShadingPoint(ray, hit));
+      EXPECT_NEAR(ray.t * ray.t * density / -Dot(hit.geometricNormal, ray.direction) / sample.pdf, 1, 2e-3)
+          << kind;
     }
     for (const bool placed : {false, true}) {
       const auto corner = [&](Vec3 p) {
@@ -383,12 +394,12 @@ TEST_F(GeometryLightTest, FirstDrawIsStratified) {
   InitializeScene();
   for (std::uint32_t i = 0; i < 64; ++i) {
     EmitterPick pick;
-    ASSERT_TRUE(PickEmitter(true, i, 64, pick));
+    ASSERT_TRUE(PickEmitter(true, StratifiedNumber(i, 64), pick));
     EXPECT_EQ(pick.index, i / 8);
   }
   EmitterPick pick;
-  EXPECT_TRUE(PickEmitter(true, 5, 0, pick));
-  EXPECT_TRUE(PickEmitter(true, 4000000000U, 3, pick));
+  EXPECT_TRUE(PickEmitter(true, StratifiedNumber(5, 0), pick));
+  EXPECT_TRUE(PickEmitter(true, StratifiedNumber(4000000000U, 3), pick));
 }
 
 // The tree is the oracle: a ray that comes down on the point must find that very face, from that side.
@@ -396,7 +407,7 @@ TEST_F(GeometryLightTest, PointsLieOnTheirFacesInWorldSpace) {
   BuildNested();
   for (std::uint32_t i = 0; i < 2000; ++i) {
     EmitterPick pick;
-    ASSERT_TRUE(PickEmitter(true, i, 2000, pick));
+    ASSERT_TRUE(PickEmitter(true, StratifiedNumber(i, 2000), pick));
     ShadingPoint point;
     PlaceOnEmitter(pick, 0.02f + 0.96f * RandomFloat(), 0.02f + 0.96f * RandomFloat(), point);
     for (Vec3 axis : {point.tangent, point.bitangent}) ASSERT_NEAR(Dot(axis, axis), 1, 1e-4f);
@@ -456,8 +467,8 @@ TEST_F(GeometryLightTest, NothingToPick) {
   EmitterPick pick;
   LightSample sample;
   RayRecord ray;
-  EXPECT_FALSE(PickEmitter(true, 0, 1, pick));  // no scene at all
-  EXPECT_FALSE(SampleGeometryLight(kBlack, 0, 1, 0, 0, sample));
+  EXPECT_FALSE(PickEmitter(true, StratifiedNumber(0, 1), pick));  // no scene at all
+  EXPECT_FALSE(SampleGeometryLight({}, 0, 0, 0, sample));
   MakeGeometryPhotonRay(ray, 0);
   EXPECT_EQ(ray.photonPower, kBlack);
 
@@ -465,7 +476,7 @@ TEST_F(GeometryLightTest, NothingToPick) {
   BuildNested();
   objectTable[1].virtualLights = {};
   int found = 0;
-  for (std::uint32_t i = 0; i < 100; ++i) found += PickEmitter(true, i, 100, pick);
+  for (std::uint32_t i = 0; i < 100; ++i) found += PickEmitter(true, StratifiedNumber(i, 100), pick);
   EXPECT_GT(found, 10);
   EXPECT_LT(found, 90);
 
@@ -473,7 +484,7 @@ TEST_F(GeometryLightTest, NothingToPick) {
   objectTable[1].virtualLights = objectTable[0].virtualLights;
   objectTable[1].instances = objectTable[0].instances;
   for (std::uint32_t i = 0; i < 100; ++i)
-    if (PickEmitter(true, i, 100, pick)) {
+    if (PickEmitter(true, StratifiedNumber(i, 100), pick)) {
       EXPECT_GT(pick.weight, 0);
     }
 }
@@ -502,7 +513,8 @@ TEST_F(GeometryLightTest, IrradianceOfAPanel) {
   RunningMean found;
   for (std::uint32_t i = 0; i < kSamples; ++i) {
     LightSample sample;
-    ASSERT_TRUE(SampleGeometryLight({0, 0, 0.5f}, i, kSamples, RandomFloat(), RandomFloat(), sample));
+    ASSERT_TRUE(SampleGeometryLight(From({0, 0, 0.5f}), StratifiedNumber(i, kSamples), RandomFloat(),
+                                    RandomFloat(), sample));
     ASSERT_EQ(sample.radiance, (Vec3{2, 1, 0.5f}));
     ASSERT_NEAR(sample.distance * sample.direction.z, 1.5f, 1e-3f);
     ASSERT_LT(sample.distance * sample.direction.z, 1.5f);  // ends before the emitter
@@ -515,8 +527,8 @@ TEST_F(GeometryLightTest, IrradianceOfAPanel) {
   EXPECT_LT(found.Error(), 0.01);
 
   LightSample sample;
-  EXPECT_FALSE(SampleGeometryLight({0, 0, 3}, 0, 1, 0.5f, 0.5f, sample));     // behind it
-  EXPECT_FALSE(SampleGeometryLight({0, 0.5f, 2}, 0, 1, 0.5f, 0.5f, sample));  // in its plane
+  EXPECT_FALSE(SampleGeometryLight(From({0, 0, 3}), 0.5, 0.5f, 0.5f, sample));     // behind it
+  EXPECT_FALSE(SampleGeometryLight(From({0, 0.5f, 2}), 0.5, 0.5f, 0.5f, sample));  // in its plane
 }
 
 TEST_F(GeometryLightTest, LayersOfTheEmittingSide) {
@@ -528,12 +540,12 @@ TEST_F(GeometryLightTest, LayersOfTheEmittingSide) {
     InitializeScene();
   };
   LightSample sample;
-  const auto shines = [&] { return SampleGeometryLight({0.3f, 0.3f, 1}, 0, 1, 0.4f, 0.5f, sample); };
+  const auto shines = [&] { return SampleGeometryLight(From({0.3f, 0.3f, 1}), 0.5, 0.4f, 0.5f, sample); };
 
   // Glass lets out what it does not reflect; (0.5 / 2.5)^2 head-on.
   surfaces[0][Element::kIor].color = {1.5f, 1.5f, 1.5f};
   restart();
-  ASSERT_TRUE(SampleGeometryLight({0.31622777f, 0.31622777f, 1}, 0, 1, 0.4f, 0.5f, sample));
+  ASSERT_TRUE(SampleGeometryLight(From({0.31622777f, 0.31622777f, 1}), 0.5, 0.4f, 0.5f, sample));
   EXPECT_NEAR(sample.radiance.x, 2 * 0.96f, 1e-3f);
   surfaces[0][Element::kIor].color = kWhite;
 
