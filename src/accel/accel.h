@@ -44,8 +44,9 @@ struct InstanceCut {
 void AssignLevels(std::int32_t index, std::vector<InstanceCut>& cuts);
 
 // The graph of Objects.
-extern std::int32_t rootObject;  // kNone in an empty table
-extern bool cutOutsExist;        // hits on some Shader count by chance
+extern std::int32_t rootObject;    // kNone in an empty table
+extern bool cutOutsExist;          // hits on some Shader count by chance
+extern std::uint32_t sceneNumber;  // of what InitializeAccelerator has made: another one each time
 extern Box sceneBounds;
 extern Vec3 sceneCenter;
 extern float sceneRadius;

@@ -210,14 +210,16 @@ float SoftCosine(float cosine, float offset) {
   if (SamplesEmitters()) sum += SampleLightAt(ray, point, geometryLight, drawer, false);
   ++drawer;
   if (skyLight.sample > 0) sum += SampleLightAt(ray, point, skyLight, drawer, false);
-  const auto sampleAll = [&](const auto& indices, auto& lights) {
-    for (const std::int32_t index : indices) {
-      auto& light = At(lights, index);
-      sum += SampleLightAt(ray, point, light, ++drawer, !(light.blur > 0));
-    }
+  const auto sample = [&](auto& light) {
+    sum += SampleLightAt(ray, point, light, ++drawer, !(light.blur > 0));
   };
-  sampleAll(lonePointLights, pointLights);
-  sampleAll(loneParallelLights, parallelLights);
+  if (lightGroups.empty()) {
+    for (PointLight& light : pointLights) sample(light);
+    for (ParallelLight& light : parallelLights) sample(light);
+    return sum;
+  }
+  for (const std::int32_t index : lonePointLights) sample(At(pointLights, index));
+  for (const std::int32_t index : loneParallelLights) sample(At(parallelLights, index));
   for (LightGroup& group : lightGroups) sum += SampleLightAt(ray, point, group, ++drawer, false);
   return sum;
 }

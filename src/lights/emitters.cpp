@@ -7,6 +7,7 @@
 #include "core/index.h"
 #include "core/release.h"
 #include "geometry/geometry.h"
+#include "geometry/validate.h"
 #include "lights/light_frame.h"
 
 namespace zp {
@@ -22,6 +23,7 @@ struct ObjectEmitters {
 };
 std::vector<ObjectEmitters> objectEmitters;                 // by Object
 std::vector<std::array<ShaderEmission, 2>> shaderEmission;  // by Shader: back, front
+std::uint32_t filledScene = 0;                              // the sceneNumber that they are of
 
 auto KeyOf(std::int32_t part, std::uint8_t kind, std::uint32_t index) {
   return std::tuple(static_cast<std::uint32_t>(part), kind, index);
@@ -177,8 +179,11 @@ void FillList(const Object& object, const EmissionList& records, bool byArea, Em
       const Emitter& last = list.emitters.back();
       if (KeyOf(last.part, last.kind, last.index) == KeyOf(record.part, record.kind, record.index)) continue;
     }
+    if (!Holds(object, {static_cast<std::uint16_t>(std::max(record.part, 0)), record.kind, record.index}))
+      continue;
     if (record.kind == kKindInstance) {
       const Instance& instance = object.instances[record.index];
+      if (!IsIndex(objectEmitters, instance.object)) continue;
       const Object& placed = At(objectTable, instance.object);
       const float area = byArea || instance.shader != kNone ? placed.faces.area : placed.virtualLights.area;
       bounds.push_back(area > 0 ? BoundsOfInstance(instance, record.area / area, byArea) : LightBounds{});
@@ -245,7 +250,11 @@ struct EmitterWalk {
   }
 };
 
-bool HasEmitters() { return IsIndex(objectEmitters, rootObject) && IsIndex(objectTable, rootObject); }
+// A host may have loaded another scene since.
+bool HasEmitters() {
+  return filledScene == sceneNumber && IsIndex(objectEmitters, rootObject) &&
+         objectTable.size() == objectEmitters.size();
+}
 
 }  // namespace
 
@@ -281,14 +290,17 @@ bool PickFace(const LightReceiver& receiver, double number, FacePick& pick) {
     pick.probability *= one.probability;
     const Emitter& emitter = walk.list->emitters[one.light];
     if (emitter.kind != kKindInstance) {
+      if (!IsIndex(walk.object->parts, emitter.part)) return false;
       pick.face = &emitter;
       pick.part = &At(walk.object->parts, emitter.part);
       pick.shader = walk.shader == kNone ? emitter.shader : walk.shader;
       pick.rest = number;
       return pick.probability > 0;
     }
-    if (pick.chain.count == kMostInstanceLevels) return false;
+    if (pick.chain.count == kMostInstanceLevels || !IsIndex(walk.object->instances, emitter.index))
+      return false;
     const Instance& instance = walk.object->instances[emitter.index];
+    if (!IsIndex(objectEmitters, instance.object)) return false;
     At(pick.chain.instances, pick.chain.count++) = &instance;
     walk.Enter(instance);
   }
@@ -322,6 +334,7 @@ void BuildEmitters() {
   MakeShaderEmission();
   objectEmitters.resize(objectTable.size());
   FillObjects(false);
+  filledScene = sceneNumber;
 }
 
 void ReleaseEmitters() {
@@ -333,7 +346,11 @@ void MoveEmitters() {
   if (settings.format < 2 || !IsIndex(objectTable, rootObject)) return;
   const Object& root = At(objectTable, rootObject);
   geometryLight.area = root.virtualLights.area;
-  if (root.deformable && objectEmitters.size() == objectTable.size()) FillObjects(true);
+  if (geometryLight.sample <= 0) return;
+  if (!HasEmitters())
+    BuildEmitters();
+  else if (root.deformable)
+    FillObjects(true);
 }
 
 }  // namespace zp

@@ -227,7 +227,8 @@ bool SampleByPower(const LightReceiver& receiver, double choice, float a, float 
   const bool front = towards > 0;
   const ShaderEmission& emission = EmissionOf(pick.shader, front);
   const float cosine = std::fabs(towards);
-  if (!(cosine > 0) || !(emission.power > 0) || !std::isfinite(squared)) return false;
+  if (!(cosine > 0) || !(emission.power > 0) || !std::isfinite(squared) || !HasShader(pick.shader))
+    return false;
 
   const Vec3 outgoing = toReceiver / distance;
   sample.direction = -outgoing;

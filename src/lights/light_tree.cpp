@@ -260,6 +260,9 @@ float Sum(const Promise& promise) {
   return sum;
 }
 
+// One light needs no weighing.
+bool IsAlone(const LightTree& tree) { return tree.places.size() == 1; }
+
 bool IsUsable(float sum) { return sum > 0 && sum <= kFarthest; }
 
 }  // namespace
@@ -350,7 +353,8 @@ std::string ValidateLightTree(const LightTree& tree, std::span<const LightBounds
 
 bool PickLight(const LightTree& tree, const LightReceiver& receiver, double number, LightPick& pick) {
   if (tree.nodes.empty()) return false;
-  pick.probability = 1;
+  pick = {0, 1, number};
+  if (IsAlone(tree)) return true;
   std::uint32_t child = 0;
   do {
     const LightNode& node = tree.nodes[child];
@@ -379,6 +383,7 @@ bool PickLight(const LightTree& tree, const LightReceiver& receiver, double numb
 float PickProbability(const LightTree& tree, const LightReceiver& receiver, std::uint32_t light) {
   if (light >= tree.places.size()) return 0;
   float probability = tree.places[light] == kNowhere ? 0.0f : 1.0f;
+  if (IsAlone(tree)) return probability;
   for (std::uint32_t place = tree.places[light]; place != kNowhere && probability > 0;
        place = tree.parents[place / kLightLanes]) {
     const Promise promise = PromiseOf(tree.nodes[place / kLightLanes], receiver);
