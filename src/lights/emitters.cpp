@@ -170,6 +170,14 @@ LightBounds BoundsOfInstance(const Instance& instance, float scale, bool byArea)
 void FillList(const Object& object, const EmissionList& records, bool byArea, EmitterList& list) {
   std::vector<LightBounds> bounds;
   list.emitters.clear();
+  const auto isSame = [](const EmissionRecord& a, const EmissionRecord& b) {
+    return KeyOf(a.part, a.kind, a.index) == KeyOf(b.part, b.kind, b.index);
+  };
+  std::size_t count = records.records.empty() ? 0 : 1;
+  for (std::size_t i = 1; i < records.records.size(); ++i)
+    count += !isSame(records.records[i - 1], records.records[i]);
+  list.emitters.reserve(count);
+  bounds.reserve(count);
   for (const EmissionRecord& record : records.records) {
     Emitter emitter;
     emitter.part = record.part;

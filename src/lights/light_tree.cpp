@@ -93,6 +93,8 @@ class Builder {
       Range range;
       std::uint32_t parent;
     };
+    tree_.nodes.reserve(order_.size() / 6 + 1);
+    tree_.parents.reserve(tree_.nodes.capacity());
     std::vector<Work> stack = {{RangeOf(0, order_.size()), kNowhere}};
     while (!stack.empty()) {
       const Work work = stack.back();
@@ -124,14 +126,16 @@ class Builder {
     return {begin, end, group.Cost()};
   }
 
-  // Into eight parts, or as many as there are lights: always the one that costs most is split.
+  // Into eight parts, or fewer: always the one that costs most is split. What fits into a node stays
+  // together, until nothing else is left.
   std::size_t Divide(const Range& range, std::array<Range, kLightLanes>& parts) {
+    const std::size_t least = range.Count() > kLightLanes ? kLightLanes : 1;
     parts[0] = range;
     std::size_t count = 1;
     while (count < kLightLanes) {
       std::size_t widest = count;
       for (std::size_t i = 0; i < count; ++i)
-        if (parts[i].Count() > 1 && (widest == count || parts[i].cost > parts[widest].cost)) widest = i;
+        if (parts[i].Count() > least && (widest == count || parts[i].cost > parts[widest].cost)) widest = i;
       if (widest == count) break;
       const std::size_t middle = Split(parts[widest]);
       parts[count++] = RangeOf(middle, parts[widest].end);
@@ -155,13 +159,19 @@ class Builder {
     }
     const auto begin = order_.begin() + static_cast<std::ptrdiff_t>(range.begin);
     const auto end = order_.begin() + static_cast<std::ptrdiff_t>(range.end);
-    auto middle = begin;
+    std::ptrdiff_t below = (end - begin) / 2;
     if (std::isfinite(best))
-      middle = std::partition(begin, end, [&](std::uint32_t light) {
+      below = std::count_if(begin, end, [&](std::uint32_t light) {
         return BinOf(centers, bestAxis, Center(lights_[light].box)) <= bestBin;
       });
-    if (middle == begin || middle == end) middle = begin + (end - begin) / 2;
-    return static_cast<std::size_t>(middle - order_.begin());
+    if (end - begin > kLightLanes)
+      below = (below + kLightLanes / 2) / kLightLanes * kLightLanes;  // nodes are full
+    const std::ptrdiff_t least = end - begin > kLightLanes ? kLightLanes : 1;
+    below = std::clamp(below, least, (end - begin - 1) / least * least);
+    std::nth_element(begin, begin + below, end, [&](std::uint32_t a, std::uint32_t b) {
+      return Center(lights_[a].box)[bestAxis] < Center(lights_[b].box)[bestAxis];
+    });
+    return range.begin + static_cast<std::size_t>(below);
   }
 
   static int BinOf(const Box& centers, int axis, Vec3 p) {
