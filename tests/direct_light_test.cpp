@@ -346,6 +346,52 @@ TEST_F(DirectLight, LightAovsAddUpToTheBeautyImage) {
   }
 }
 
+// Of more than eight lights of a kind hits of format 2 pick some: the mean of all of them stays, and that of
+// each in its own picture.
+TEST_F(DirectLight, ManyLightsArePickedFrom) {
+  for (bool parallel : {false, true}) {
+    Vec3 shown[2];
+    double byLight[2][2];
+    for (int format : {1, 2}) {
+      Restart();
+      settings.format = format;
+      FloorLayer()[Element::kTransmissive].color = Grey(0.4f);
+      AddWall(1);
+      for (int i = 0; i < 60; ++i) {
+        const auto x = static_cast<float>(i);
+        const Vec3 place = {std::sin(x), std::cos(3 * x), i % 5 == 0 ? -1.0f : 0.5f + 0.05f * x};
+        Light& light =
+            parallel ? static_cast<Light&>(AddParallelLight(-place, 0.1f)) : AddPointLight(place, 0.1f);
+        light.color = Grey(1 + 0.3f * x);
+        light.sample = 2000;
+        if (i % 20 == 3) light.link.names = {"undefined"};
+        if (i == 4 || i == 17) light.aovs.emplace_back().channel = kChannelBeauty | kChannelLambertian;
+        if (parallel || i % 2 == 0) continue;
+        pointLights.back().direction = -place;
+        pointLights.back().innerAngle = 20;
+        pointLights.back().outerAngle = 60;
+      }
+      settings.said.rayDepth = 1;  // no light but from the lights
+      cameras[0].width = cameras[0].height = 16;
+      Initialize();
+      EXPECT_EQ(lightGroups.size(), format == 2 ? 1 : 0);  // the linked three stand alone
+      RenderPixels(0);
+      shown[format - 1] = MeanColor();
+      for (int i : {0, 1}) {
+        const auto& lights = pointLights;
+        const auto& aov =
+            parallel ? parallelLights[i == 0 ? 4 : 17].aovs[0] : lights[i == 0 ? 4 : 17].aovs[0];
+        double sum = 0;
+        for (const float pixel : aov.image.floatPixels) sum += static_cast<double>(pixel);
+        byLight[format - 1][i] = sum;
+      }
+    }
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(shown[1][c] / shown[0][c], 1, 0.02f) << parallel;
+    for (int i : {0, 1}) EXPECT_NEAR(byLight[1][i] / byLight[0][i], 1, 0.06) << parallel << i;
+  }
+  settings.format = 1;
+}
+
 // What bounces on is lit again; light is sampled as far as the bounces go, and not behind.
 TEST_F(DirectLight, BouncedLightIsSampledUpToTheLastBounce) {
   for (int bounces : {1, 3}) {

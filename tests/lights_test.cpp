@@ -271,6 +271,8 @@ void PlaceInRoot(std::int32_t object, const Mat4& matrix, std::int32_t shader = 
 }
 Mat4 Lifted(float height) { return {{{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, height}, {0, 0, 0, 1}}}; }
 
+LightReceiver From(Vec3 position) { return {.position = position}; }
+
 void InitializeScene() {
   InitializeShaders();
   InitializeAccelerator();
@@ -358,8 +360,13 @@ TEST_F(GeometryLightTest, SamplesCoverTheSolidAngle) {
     constexpr std::uint32_t kSamples = 100000;
     for (std::uint32_t i = 0; i < kSamples; ++i) {
       LightSample sample;
-      if (SampleGeometryLight(kBlack, StratifiedNumber(i, kSamples), RandomFloat(), RandomFloat(), sample))
-        mean += double{kPi * sample.factor} / kSamples;
+      if (!SampleGeometryLight({}, StratifiedNumber(i, kSamples), RandomFloat(), RandomFloat(), sample))
+        continue;
+      mean += double{kPi * sample.factor} / kSamples;
+      RayRecord ray;  // what meets the same place knows the same density
+      ray.direction = sample.direction;
+      if (i % 50 != 0 || !Trace(ray) || ray.t < 0.999f * sample.distance) continue;
+      EXPECT_NEAR(EmitterDensity({}, ray) / sample.pdf, 1, 2e-3) << kind;
     }
     for (const bool placed : {false, true}) {
       const auto corner = [&](Vec3 p) {
@@ -457,7 +464,7 @@ TEST_F(GeometryLightTest, NothingToPick) {
   LightSample sample;
   RayRecord ray;
   EXPECT_FALSE(PickEmitter(true, StratifiedNumber(0, 1), pick));  // no scene at all
-  EXPECT_FALSE(SampleGeometryLight(kBlack, StratifiedNumber(0, 1), 0, 0, sample));
+  EXPECT_FALSE(SampleGeometryLight({}, 0, 0, 0, sample));
   MakeGeometryPhotonRay(ray, 0);
   EXPECT_EQ(ray.photonPower, kBlack);
 
@@ -502,8 +509,8 @@ TEST_F(GeometryLightTest, IrradianceOfAPanel) {
   RunningMean found;
   for (std::uint32_t i = 0; i < kSamples; ++i) {
     LightSample sample;
-    ASSERT_TRUE(SampleGeometryLight({0, 0, 0.5f}, StratifiedNumber(i, kSamples), RandomFloat(), RandomFloat(),
-                                    sample));
+    ASSERT_TRUE(SampleGeometryLight(From({0, 0, 0.5f}), StratifiedNumber(i, kSamples), RandomFloat(),
+                                    RandomFloat(), sample));
     ASSERT_EQ(sample.radiance, (Vec3{2, 1, 0.5f}));
     ASSERT_NEAR(sample.distance * sample.direction.z, 1.5f, 1e-3f);
     ASSERT_LT(sample.distance * sample.direction.z, 1.5f);  // ends before the emitter
@@ -516,9 +523,8 @@ TEST_F(GeometryLightTest, IrradianceOfAPanel) {
   EXPECT_LT(found.Error(), 0.01);
 
   LightSample sample;
-  EXPECT_FALSE(SampleGeometryLight({0, 0, 3}, StratifiedNumber(0, 1), 0.5f, 0.5f, sample));  // behind it
-  EXPECT_FALSE(
-      SampleGeometryLight({0, 0.5f, 2}, StratifiedNumber(0, 1), 0.5f, 0.5f, sample));  // in its plane
+  EXPECT_FALSE(SampleGeometryLight(From({0, 0, 3}), 0.5, 0.5f, 0.5f, sample));     // behind it
+  EXPECT_FALSE(SampleGeometryLight(From({0, 0.5f, 2}), 0.5, 0.5f, 0.5f, sample));  // in its plane
 }
 
 // Of a rectangle samples are uniform over its solid angle: of all of them the same density, and that of hits.
@@ -532,7 +538,7 @@ TEST_F(GeometryLightTest, RectanglesBySolidAngle) {
   float density = 0;
   for (std::uint32_t i = 0; i < kSamples; ++i) {
     LightSample sample;
-    ASSERT_TRUE(SampleGeometryLight(from, StratifiedNumber(i, kSamples), 0, RandomFloat(), sample));
+    ASSERT_TRUE(SampleGeometryLight(From(from), StratifiedNumber(i, kSamples), 0, RandomFloat(), sample));
     if (i == 0) density = sample.pdf;
     ASSERT_EQ(sample.pdf, density);
     mean += sample.direction / kSamples;
@@ -562,14 +568,12 @@ TEST_F(GeometryLightTest, LayersOfTheEmittingSide) {
     InitializeScene();
   };
   LightSample sample;
-  const auto shines = [&] {
-    return SampleGeometryLight({0.3f, 0.3f, 1}, StratifiedNumber(0, 1), 0.4f, 0.5f, sample);
-  };
+  const auto shines = [&] { return SampleGeometryLight(From({0.3f, 0.3f, 1}), 0.5, 0.4f, 0.5f, sample); };
 
   // Glass lets out what it does not reflect; (0.5 / 2.5)^2 head-on.
   surfaces[0][Element::kIor].color = {1.5f, 1.5f, 1.5f};
   restart();
-  ASSERT_TRUE(SampleGeometryLight({0.31622777f, 0.31622777f, 1}, StratifiedNumber(0, 1), 0.4f, 0.5f, sample));
+  ASSERT_TRUE(SampleGeometryLight(From({0.31622777f, 0.31622777f, 1}), 0.5, 0.4f, 0.5f, sample));
   EXPECT_NEAR(sample.radiance.x, 2 * 0.96f, 1e-3f);
   surfaces[0][Element::kIor].color = kWhite;
 

@@ -45,8 +45,9 @@ struct InstanceCut {
 void AssignLevels(std::int32_t index, std::vector<InstanceCut>& cuts);
 
 // The graph of Objects.
-extern std::int32_t rootObject;  // kNone in an empty table
-extern bool cutOutsExist;        // hits on some Shader count by chance
+extern std::int32_t rootObject;    // kNone in an empty table
+extern bool cutOutsExist;          // hits on some Shader count by chance
+extern std::uint32_t sceneNumber;  // of what InitializeAccelerator has made: another one each time
 extern Box sceneBounds;
 extern Vec3 sceneCenter;
 extern float sceneRadius;
@@ -90,5 +91,7 @@ bool Occlude(RayRecord& ray, BodyCrossings* crossings = nullptr);
 // They stay in slots of the ray's thread, which its next Trace or TraceSurfaces, of whatever ray, writes
 // over: to be asked right after the hit, on the same thread. Occlude leaves them alone.
 Mat3 HitNormalMatrix(const RayRecord& ray);
+// And those Instances, likewise: 0 the outermost, to hitMatrixDepth - 1.
+const Instance& HitInstance(const RayRecord& ray, int level);
 
 }  // namespace zp

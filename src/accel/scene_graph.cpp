@@ -21,6 +21,7 @@ namespace zp {
 
 std::int32_t rootObject = kNone;
 bool cutOutsExist = false;
+std::uint32_t sceneNumber = 0;
 Box sceneBounds;
 Vec3 sceneCenter;
 float sceneRadius = 0;
@@ -155,6 +156,7 @@ void AssignLevels(std::int32_t index, std::vector<InstanceCut>& cuts) {
 }
 
 void InitializeAccelerator() {
+  ++sceneNumber;
   rootObject = kNone;
   cutOutsExist = std::any_of(shaders.begin(), shaders.end(), [](const Shader& s) { return s.cutsOut; });
   sceneBounds = Box{};

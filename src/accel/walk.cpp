@@ -16,6 +16,7 @@ namespace {
 
 // Of the Instances around each thread's best hit: level k - 1 holds the matrix at nesting depth k.
 Mat3 matrixStacks[kMaxThreads][kMostInstanceLevels];
+const Instance* instanceStacks[kMaxThreads][kMostInstanceLevels];  // and the Instance itself
 
 struct StackEntry {
   std::uint32_t child;
@@ -275,6 +276,7 @@ void NearestWalk<kSeek>::EnterInstance(const Instance& instance) {
   inner.Run();
   if (!inner.hit) return;
   matrixStacks[ray.thread][ray.matrixDepth - 1] = NormalMatrix(instance);
+  instanceStacks[ray.thread][ray.matrixDepth - 1] = &instance;
   if (instance.shader != kNone) ray.shader = instance.shader;
   hit = true;
 }
@@ -298,6 +300,11 @@ bool Trace(RayRecord& ray) {
 }
 
 bool TraceSurfaces(RayRecord& ray) { return WalkFromRoot<Seek::kSurfaces>(ray); }
+
+const Instance& HitInstance(const RayRecord& ray, int level) {
+  assert(level >= 0 && level < ray.hitMatrixDepth);
+  return *instanceStacks[ray.thread][level];
+}
 
 Mat3 HitNormalMatrix(const RayRecord& ray) {
   assert(ray.hitMatrixDepth <= kMostInstanceLevels);

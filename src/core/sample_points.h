@@ -163,6 +163,7 @@ inline PointBits LonePointAt(PointSource source, std::uint32_t decision, std::ui
 
 // Uniform in [0, 1): the upper 24 bits, for a float would round the largest numbers up to 1.
 inline float UnitFloat(std::uint32_t bits) { return static_cast<float>(bits >> 8U) * 0x1p-24f; }
+inline float UnitNumber(double x) { return x < 0x1.fffffep-1 ? static_cast<float>(x) : 0x1.fffffep-1f; }
 inline Vec2 UnitPair(PointBits bits) { return {UnitFloat(bits.x), UnitFloat(bits.y)}; }
 
 // When pass `pass` sees the scene, as a share of the time that the shutter is open: of the first 2^m passes

@@ -184,11 +184,6 @@ void FinishInstance(Instance& instance, const Box& bounds);
 bool Invert(const Mat4& matrix, Mat4& inverse);
 // Fills the emission lists from the Parts' shaders and the Instances' Objects, which are ready.
 void BuildEmissionLists(Object& object);
-// An emitting face's area in the world, by its share of the area of the root Object's list: 1 but inside
-// Instances that scale unevenly.
-//   normalToWorld  product of the normal matrices of all Instances around it
-//   faceNormal     unit, in the space of its own Object
-float AreaStretch(const Mat3& normalToWorld, Vec3 faceNormal);
 void PrintObjectReport(const Object& object);
 
 }  // namespace zp

@@ -187,7 +187,7 @@ void FinishEmissionList(EmissionList& list) {
 }
 
 // The cube root of a determinant, squared: how a matrix scales areas, in the mean of all directions. Exact
-// for turns, mirrors and even scales; AreaStretch makes up for the rest.
+// for turns, mirrors and even scales, and near enough to tell how bright an Instance is.
 double AreaScale(const Mat4& matrix) {
   const auto& m = matrix.m;
   const auto minor = [&](int i, int j) {
@@ -384,13 +384,6 @@ void FinishInstance(Instance& instance, const Box& bounds) {
     Grow(box, world);
   }
   instance.bounds = box;
-}
-
-float AreaStretch(const Mat3& normalToWorld, Vec3 faceNormal) {
-  const auto& m = normalToWorld.m;
-  const auto row = [&](int i) { return Vec3{m[i][0], m[i][1], m[i][2]}; };
-  const Vec3 normal = normalToWorld * faceNormal;
-  return std::sqrt(Dot(normal, normal)) / std::cbrt(std::fabs(Dot(row(0), Cross(row(1), row(2)))));
 }
 
 void BuildEmissionLists(Object& object) {

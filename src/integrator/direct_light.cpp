@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "accel/accel.h"
+#include "core/index.h"
 #include "core/stop.h"
 #include "integrator/estimator.h"
 #include "integrator/hair_response.h"
@@ -60,7 +61,8 @@ Draw DrawOf(const RayRecord& ray, const PassShare& share, std::uint32_t number, 
 template <class AnyReceiver>
 LobeRadiance SampleOne(const AnyReceiver& receiver, const GeometryLight& light, const Draw& draw,
                        LightSample& sample) {
-  if (!SampleGeometryLight(receiver.point.position, EmitterChoice(draw), draw.place.x, draw.place.y, sample))
+  if (!SampleGeometryLight(ReceiverOf(receiver.point), EmitterChoice(draw), draw.place.x, draw.place.y,
+                           sample))
     return {};
   auto response = Respond(receiver, sample.direction, 0, GlossyScale::kRays);
   if (IsZero(response)) return {};
@@ -94,6 +96,21 @@ LobeRadiance SampleOne(const AnyReceiver& receiver, const GafferLight& light, co
                  sample.radiance * Visibility(receiver, sample.direction, sample.distance));
 }
 
+// One of many, in place of all.
+template <class AnyReceiver>
+LobeRadiance SampleOne(const AnyReceiver& receiver, const LightGroup& group, const Draw& draw,
+                       LightSample& sample) {
+  GroupPick pick;
+  if (!PickFromGroup(group, ReceiverOf(receiver.point), draw.choice, pick)) return {};
+  Draw place = draw;
+  place.place.x = UnitNumber(pick.rest);  // the choice was made by the same number
+  LobeRadiance lobes = group.parallel ? SampleOne(receiver, At(parallelLights, pick.light), place, sample)
+                                      : SampleOne(receiver, At(pointLights, pick.light), place, sample);
+  sample.light = pick.light;
+  lobes *= 1 / pick.probability;
+  return lobes;
+}
+
 template <class AnyLight>
 [[gnu::noinline]] LobeRadiance SampleAtExit(const RayRecord& ray, const ShadingPoint& point,
                                             const AnyLight& light, const Draw& draw, LightSample& sample) {
@@ -112,12 +129,29 @@ bool Records(const OtherLight&, const Aov&, std::int32_t) {
   return true;
 }
 
+// The AOVs of a sample's light.
+template <class AnyLight>
+std::vector<Aov>& AovsOf(AnyLight& light, const LightSample&) {
+  return light.aovs;
+}
+std::vector<Aov>& AovsOf(LightGroup& group, const LightSample& sample) {
+  static std::vector<Aov> none;
+  if (sample.light == kNone) return none;
+  return group.parallel ? At(parallelLights, sample.light).aovs : At(pointLights, sample.light).aovs;
+}
+
+template <class AnyLight>
+bool HasAovs(const AnyLight& light) {
+  return !light.aovs.empty();
+}
+bool HasAovs(const LightGroup& group) { return group.hasAovs; }
+
 // Adds a sample's share of the pixel to those of the light's AOVs that ask for its lobe.
 template <class AnyLight>
 [[gnu::noinline]] void WriteLightAovs(AnyLight& light, const RayRecord& ray, const ShadingPoint& point,
-                                      const LobeRadiance& lobes, float scale, std::int32_t emitter) {
-  for (Aov& aov : light.aovs) {
-    if (!Records(light, aov, emitter)) continue;
+                                      const LobeRadiance& lobes, float scale, const LightSample& sample) {
+  for (Aov& aov : AovsOf(light, sample)) {
+    if (!Records(light, aov, sample.shader)) continue;
     Vec3 sum;
     for (const LobeRow& row : kLobes)
       if (row.meetsLightSamples && (aov.channel & row.light) != 0)
@@ -152,11 +186,11 @@ LobeRadiance SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyL
     share.first = ray.sampleNumber;
   }
   const float scale = 1.0f / static_cast<float>(share.count);
-  const bool writes = ray.depth == 0 && !light.aovs.empty();
+  const bool writes = ray.depth == 0 && HasAovs(light);
   for (std::int32_t i = 0; i < share.count && !Stopping(); ++i) {
     const Draw draw = DrawOf(ray, share, share.Number(i), decision, sharp);
     const auto add = [&](const LobeRadiance& lobes, const LightSample& sample) {
-      if (writes) WriteLightAovs(light, ray, point, lobes, scale, sample.shader);
+      if (writes) WriteLightAovs(light, ray, point, lobes, scale, sample);
       sum += lobes;
     };
     LightSample sample;  // filled before `add` reads it through its reference
@@ -187,10 +221,17 @@ float SoftCosine(float cosine, float offset) {
   if (SamplesEmitters()) sum += SampleLightAt(ray, point, geometryLight, decision, false);
   ++decision;
   if (skyLight.sample > 0) sum += SampleLightAt(ray, point, skyLight, decision, false);
-  for (PointLight& light : pointLights)
+  const auto sample = [&](auto& light) {
     sum += SampleLightAt(ray, point, light, ++decision, !(light.blur > 0));
-  for (ParallelLight& light : parallelLights)
-    sum += SampleLightAt(ray, point, light, ++decision, !(light.blur > 0));
+  };
+  if (lightGroups.empty()) {
+    for (PointLight& light : pointLights) sample(light);
+    for (ParallelLight& light : parallelLights) sample(light);
+    return sum;
+  }
+  for (const std::int32_t index : lonePointLights) sample(At(pointLights, index));
+  for (const std::int32_t index : loneParallelLights) sample(At(parallelLights, index));
+  for (LightGroup& group : lightGroups) sum += SampleLightAt(ray, point, group, ++decision, false);
   return sum;
 }
 

@@ -112,6 +112,13 @@ LobeRadiance SampleLights(const RayRecord& ray, const ShadingPoint& point);
 // Whether hits draw samples of the virtual lights.
 bool SamplesEmitters();
 
+// Where samples of lights are wanted for the lobes of a point; the same for a sample and for a ray of a lobe.
+LightReceiver ReceiverOf(const ShadingPoint& point);
+// With what density samples of the virtual lights are on the surface that a lobe's ray has hit, in format 2:
+// of samples drawn where the ray began. 0 for what no sample competes with. As SetUpShadingPoint it comes
+// before the thread's next Trace.
+float PickDensity(const RayRecord& ray);
+
 // What a lobe receives from the scene, without the lobe's colour. Black for a lobe of black throughput.
 Vec3 Gather(Lobe lobe, const RayRecord& ray, const ShadingPoint& point);
 

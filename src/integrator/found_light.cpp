@@ -69,9 +69,8 @@ float EmitterHitWeight(const RayRecord& ray, const ShadingPoint& point) {
   if (!(cosine > 0) || !(lobe > 0)) return 0;
   // From where the lobe was left: thin panes on the way count as nothing.
   const Vec3 way = point.position - ray.parentPoint->position;
-  const float area = geometryLight.area * point.areaStretch;
-  float density = settings.format >= 2 ? RectangleDensity(ray, ray.parentPoint->position) : 0.0f;
-  if (!(density > 0)) density = Dot(way, way) / (cosine * area);
+  const float density =
+      settings.format >= 2 ? point.pickDensity : Dot(way, way) / (cosine * geometryLight.area);
   return LobeRayWeight(ray, density, lobe, BudgetsOf(geometryLight));
 }
 
@@ -118,6 +117,20 @@ Vec3 CellRadiance(const RayRecord& ray, const ShadingPoint& point) {
 
 // In format 1 an Object without Parts of its own has empty lists, whatever its Instances hold.
 bool SamplesEmitters() { return geometryLight.sample > 0 && geometryLight.area > 0; }
+
+LightReceiver ReceiverOf(const ShadingPoint& point) {
+  const bool front = point.has[Lobe::kLambertian] || point.has[Lobe::kGlossy];
+  const bool back = point.has[Lobe::kTransmissive];
+  if (IsHair(point) || front == back) return {.position = point.position};
+  return {point.position, front ? point.normal : -point.normal, false};
+}
+
+float PickDensity(const RayRecord& ray) {
+  if (settings.format < 2 || ray.photonIndirect || BounceCount(ray) == 0 || !SamplesEmitters() ||
+      !MeetsLightSamples(ray))
+    return 0;
+  return EmitterDensity(ReceiverOf(*ray.parentPoint), ray);
+}
 
 bool SeeksLightByChance() {
   if (skyLight.sample <= 0 && !(skyLight.color == kBlack)) return true;

@@ -300,11 +300,10 @@ void RenderInWindow(const Camera& camera) {
   RunPreview(preview);
 }
 
-// The scene at an instant of the shutter. Samples of the geometry light go by the areas of that instant.
+// The scene at an instant of the shutter. Samples of the geometry light go by where emitters are then.
 void MoveTo(float time) {
   MoveScene(time);
-  if (settings.format >= 2 && IsIndex(objectTable, rootObject))
-    geometryLight.area = At(objectTable, rootObject).virtualLights.area;
+  MoveEmitters();
 }
 
 }  // namespace

@@ -132,23 +132,19 @@ struct Placement {
 struct Directions {
   Vec3 faceNormal, normal, tangent;
   bool mirrored = false;  // the bitangent goes over to the tangent's other side
-  float areaStretch = 1;  // see AreaStretch
 };
 
 // What an Instance makes of them by format 2. By format 1 tangents and the axes of strands turn as normals
 // do, which is right where all axes scale alike.
 [[gnu::noinline]] Directions PlaceExactly(const RayRecord& ray, Vec3 faceNormal, Vec3 normal, Vec3 tangent) {
   const Placement placement(HitNormalMatrix(ray));
-  const Shader& shader = ShaderAt(ray.shader);
-  const bool sampled = shader.frontVirtualLight || shader.backVirtualLight;
-  const float areaStretch = sampled ? AreaStretch(placement.normals, faceNormal) : 1.0f;
   if (ray.kind == kKindCylinder) {
     const Vec3 direction = UnitVector(placement.Inwards(ray.direction));
     if (tangent == kBlack) tangent = UnitPerpendicular(direction);
     faceNormal = normal = CylinderNormal(direction, tangent, ray.barycentric.x);
   }
   return {UnitVector(placement.normals * faceNormal), UnitVector(placement.normals * normal),
-          UnitVector(placement.tangents * tangent), placement.mirrors, areaStretch};
+          UnitVector(placement.tangents * tangent), placement.mirrors};
 }
 
 // In format 1 FinishShadingPoint draws the layer of what is no strand.
@@ -190,7 +186,6 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
     normal = placed.normal;
     surface.tangent = placed.tangent;
     mirrored = placed.mirrored;
-    point.areaStretch = placed.areaStretch;
   } else if (ray.hitMatrixDepth > 0) {
     const Mat3 toWorld = HitNormalMatrix(ray);
     surface.faceNormal = UnitVector(toWorld * surface.faceNormal);
@@ -219,6 +214,8 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
   if (point.layer == nullptr) point.layer = &DrawLayer(ray, shader, point.uv);
   if (ray.kind == kKindCylinder) point.fiber = &point.layer->fiber;
   FinishShadingPoint(point, shader, ray.frontFace);
+  if (ray.frontFace ? shader.frontVirtualLight : shader.backVirtualLight)
+    point.pickDensity = PickDensity(ray);
   return true;
 }
 

@@ -69,6 +69,7 @@ void PrintLights(std::string_view name, const std::vector<Kind>& lights) {
 void InitializeGaffer() {
   for (PointLight& light : pointLights) InitializePointLight(light);
   for (ParallelLight& light : parallelLights) InitializeParallelLight(light);
+  GroupLights();
   PrintLights("parallel lights", parallelLights);
   PrintLights("point    lights", pointLights);
   PrintRule();
@@ -85,6 +86,7 @@ void FinalizeGaffer() {
   for (const ParallelLight& light : parallelLights) SaveAovs(light.aovs);
   Release(pointLights);
   Release(parallelLights);
+  ReleaseLightGroups();
 }
 
 float SpotFactor(const PointLight& light, Vec3 direction) {

@@ -10,4 +10,8 @@ namespace zp {
 // linear in the angle between. Equal angles make a sharp edge.
 float SpotFactor(const PointLight& light, Vec3 direction);
 
+// Sorts the ready lights into lightGroups and those that stand alone.
+void GroupLights();
+void ReleaseLightGroups();
+
 }  // namespace zp

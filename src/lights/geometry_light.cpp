@@ -2,6 +2,7 @@
 #include "core/console.h"
 #include "core/index.h"
 #include "core/settings.h"
+#include "lights/emitters.h"
 #include "lights/light_aovs.h"
 #include "lights/lights.h"
 
@@ -27,6 +28,7 @@ void InitializeGeometryLight() {
     geometryLight.area = object.virtualLights.area;
     emitterArea = object.emitters.area;
     emits = emitterArea > 0;  // Instances of what does not emit are records too
+    if (settings.format >= 2 && geometryLight.sample > 0) BuildEmitters();
   }
   const std::int32_t photons = PhotonsOf(geometryLight.photon);
   if (photons > 0) {
@@ -45,6 +47,7 @@ void InitializeGeometryLight() {
 
 void FinalizeGeometryLight() {
   SaveAovs(geometryLight.aovs);
+  ReleaseEmitters();
   ResetGeometryLight();
 }
 

@@ -8,6 +8,7 @@
 #include "core/settings.h"
 #include "core/tables.h"
 #include "geometry/geometry.h"
+#include "lights/emitters.h"
 #include "lights/light_frame.h"
 #include "lights/light_photons.h"
 #include "lights/lights.h"
@@ -16,25 +17,13 @@
 namespace zp {
 namespace {
 
-// Intended: part of the rule that weights samples of this light, with a pi of its own.
-constexpr float kGeometryFactorScale = 18481.0f;
-// Shadow rays end this share of the way before an emitter, which would block its own light.
-constexpr float kShortOfEmitter = 1e-4f;
-
-// Format 2: by as much as rounding may move its surface along the way, so that what stands close to it casts
+// As near to an emitter as rounding may move its surface along the way, so that what stands close to it casts
 // its shadow.
 float LengthToEmitter(Vec3 from, Vec3 to, float distance, float cosine) {
-  if (settings.format < 2) return distance * (1 - kShortOfEmitter);
   constexpr float kRounding = 4e-6f;  // of a point that went through Instances, in parts of its coordinates
   const float size = std::max({std::fabs(from.x), std::fabs(from.y), std::fabs(from.z), std::fabs(to.x),
                                std::fabs(to.y), std::fabs(to.z)});
   return std::max(distance - kRounding * size / cosine, 0.9f * distance);
-}
-
-// What a sample counts by, over pi: the reciprocal of its density, and in format 1 what only lamps of one
-// area have that for.
-float GeometryFactor(float density, float cosine, float squared, float weight) {
-  return settings.format >= 2 ? 1 / (kPi * density) : cosine / (squared * kGeometryFactorScale * weight);
 }
 
 Mat4 Product(const Mat4& a, const Mat4& b) {
@@ -80,13 +69,6 @@ bool TakePrimitive(const Object& object, const EmissionRecord& record, EmitterPi
   return HasShader(pick.shader) && !ShaderAt(pick.shader).surfaces.empty();
 }
 
-Mat3 Linear(const Mat4& matrix) {
-  Mat3 result;
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) result.m[i][j] = matrix.m[i][j];
-  return result;
-}
-
 // The Shader of a pick that PickEmitter has filled.
 const Shader& ShaderOf(const EmitterPick& pick) { return ShaderAt(pick.shader); }
 
@@ -96,13 +78,6 @@ Vec3 SummedEmission(const Shader& shader, bool front, const SurfaceUv& uv) {
   for (const std::uint8_t layer : LayersOf(shader, front))
     sum += LookUp(shader.surfaces[layer][Element::kEmissive], uv);
   return sum;
-}
-
-// Uniform barycentrics from the unit square; a tetragon takes the square as it is.
-Vec3 Barycentric(std::uint8_t kind, float a, float b) {
-  if (kind == kKindTetragon) return {b, a, 0};
-  const float root = SafeSqrt(a);
-  return {1 - root, root * (1 - b), root * b};
 }
 
 Vec3 FaceNormal(const Part& part, const Corners& corners) {
@@ -158,7 +133,6 @@ bool PickEmitter(bool virtualLights, double r, EmitterPick& pick) {
     if (!anyFace) pick.side = record.side;
     pick.weight *= At(list.distribution.weights, found);
     if (!(pick.weight > 0)) return false;
-    pick.rest = static_cast<float>(r);
     if (record.kind != kKindInstance) return TakePrimitive(object, record, pick);
 
     if (record.index >= object.instances.size()) return false;
@@ -186,8 +160,6 @@ void PlaceOnEmitter(const EmitterPick& pick, float a, float b, ShadingPoint& poi
   point.uv = CornerUv(corners, part);
   if (pick.placed) {
     point.position = TransformPoint(pick.toWorld, point.position);
-    if (settings.format >= 2)
-      point.areaStretch = AreaStretch(Linear(pick.normalToWorld), point.geometricNormal);
     point.geometricNormal = UnitVector(TransformDirection(pick.normalToWorld, point.geometricNormal));
   }
   point.normal = point.geometricNormal;
@@ -199,19 +171,23 @@ void PlaceOnEmitter(const EmitterPick& pick, float a, float b, ShadingPoint& poi
   point.bitangent = -point.bitangent;
 }
 
-bool SampleGeometryLight(Vec3 position, double choice, float a, float b, LightSample& sample) {
+namespace {
+
+// What leaves the placed point along point.outgoing by one of its layers; black for a layer that samples do
+// not serve: paths that run into it count it in full.
+Vec3 SampledEmission(const Shader& shader, bool front, ShadingPoint& point) {
+  point.layer = &ChooseLayer(shader, front, point.uv);
+  if (!point.layer->virtualLight) return kBlack;
+  FinishShadingPoint(point, shader, front);
+  const Vec3 emission = point.layer->window ? SkyRadiance(-point.outgoing)
+                                            : LookUp((*point.layer)[Element::kEmissive], point.uv);
+  return (Opacity(shader, point.uv) * point.diffuseWeight) * emission;
+}
+
+bool SampleByArea(Vec3 position, double choice, float a, float b, LightSample& sample) {
   EmitterPick pick;
   if (!PickEmitter(true, choice, pick)) return false;
   ShadingPoint point;
-  float solidAngle = 0;
-  if (settings.format >= 2) {
-    // Rectangles by solid angle: by area, walls close to a lamp are noisy.
-    const SeenRectangle seen =
-        pick.placed ? SeenRectangle{} : SeeRectangle(*pick.part, pick.kind, pick.index, position);
-    solidAngle = seen.solidAngle;
-    const Vec2 place = solidAngle > 0 ? DrawOnRectangle(seen, pick.rest, b) : Vec2{pick.rest, b};
-    a = place.x, b = place.y;
-  }
   PlaceOnEmitter(pick, a, b, point);
   const Vec3 toReceiver = position - point.position;
   const float squared = Dot(toReceiver, toReceiver);
@@ -219,21 +195,72 @@ bool SampleGeometryLight(Vec3 position, double choice, float a, float b, LightSa
   const float cosine = Dot(point.outgoing, point.geometricNormal);
   if (!(cosine > 0) || !(squared > 0) || !std::isfinite(squared)) return false;
 
-  const Shader& shader = ShaderOf(pick);
-  const bool front = pick.side != 0;
-  point.layer = &ChooseLayer(shader, front, point.uv);
-  // Paths that run into the other layers count them in full, so they must not count here too.
-  if (!point.layer->virtualLight) return false;
-  FinishShadingPoint(point, shader, front);
   sample.direction = -point.outgoing;
-  const Vec3 emission = point.layer->window ? SkyRadiance(sample.direction)
-                                            : LookUp((*point.layer)[Element::kEmissive], point.uv);
-  sample.radiance = (Opacity(shader, point.uv) * point.diffuseWeight) * emission;
-  sample.distance = LengthToEmitter(position, point.position, std::sqrt(squared), cosine);
-  sample.pdf = squared / (cosine * geometryLight.area * point.areaStretch);
-  if (solidAngle > 0) sample.pdf = pick.weight / solidAngle;
-  sample.factor = GeometryFactor(sample.pdf, cosine, squared, pick.weight);
+  sample.radiance = SampledEmission(ShaderOf(pick), pick.side != 0, point);
+  // Shadow rays end this share of the way before an emitter, which would block its own light.
+  constexpr float kShortOfEmitter = 1e-4f;
+  sample.distance = std::sqrt(squared) * (1 - kShortOfEmitter);
+  sample.pdf = squared / (cosine * geometryLight.area);
+  // Intended: the constant is a part of the rule that weights samples of this light, with a pi of its own.
+  constexpr float kGeometryFactorScale = 18481.0f;
+  sample.factor = cosine / (squared * kGeometryFactorScale * pick.weight);
   return !IsBlack(sample.radiance) && std::isfinite(sample.pdf) && std::isfinite(sample.factor);
+}
+
+// Of a side that is not the same everywhere. Not inlined: most are.
+[[gnu::noinline]] Vec3 VaryingEmission(const FacePick& pick, const WorldFace& face, bool front, float a,
+                                       float b, Vec3 position, Vec3 outgoing) {
+  ShadingPoint point;
+  const Emitter& emitter = *pick.face;
+  point.uv = CornerUv(HitCorners(*pick.part, emitter.kind, emitter.index, Barycentric(emitter.kind, a, b)),
+                      *pick.part);
+  point.position = position;
+  point.outgoing = outgoing;
+  point.normal = point.geometricNormal = front ? face.normal : -face.normal;
+  AxesAround(point.normal, point.tangent, point.bitangent);
+  return SampledEmission(ShaderAt(pick.shader), front, point);
+}
+
+// `b` and what the choice leaves of its number place the sample.
+bool SampleByPower(const LightReceiver& receiver, double choice, float b, LightSample& sample) {
+  FacePick pick;
+  if (!PickFace(receiver, choice, pick)) return false;
+  const WorldFace face = InWorld(*pick.face, pick.chain);
+  float a = UnitNumber(pick.rest);
+  // Rectangles by solid angle: by area, walls close to a lamp are noisy.
+  const SeenRectangle seen = SeeFace(face, receiver.position);
+  if (seen.solidAngle > 0) {
+    const Vec2 place = DrawOnRectangle(seen, a, b);
+    a = place.x, b = place.y;
+  }
+  const Vec3 weights = Barycentric(pick.face->kind, a, b);
+  const PlacedPoint place = PlaceOn(face, weights);
+  const Vec3 toReceiver = receiver.position - place.position;
+  const float squared = Dot(toReceiver, toReceiver), distance = std::sqrt(squared);
+  const float towards = Dot(toReceiver, place.normal) / distance;
+  const bool front = towards > 0;
+  const ShaderEmission& emission = EmissionOf(pick.shader, front);
+  const float cosine = std::fabs(towards);
+  if (!(cosine > 0) || !(emission.power > 0) || !std::isfinite(squared) || !HasShader(pick.shader))
+    return false;
+
+  const Vec3 outgoing = toReceiver / distance;
+  sample.direction = -outgoing;
+  sample.shader = pick.shader;
+  sample.radiance = emission.isPlain ? emission.radiance
+                                     : VaryingEmission(pick, face, front, a, b, place.position, outgoing);
+  sample.distance = LengthToEmitter(receiver.position, place.position, distance, cosine);
+  sample.pdf = pick.probability * DirectionDensity(seen, squared, cosine, place.area);
+  sample.factor = 1 / (kPi * sample.pdf);
+  return sample.radiance != kBlack && std::isfinite(sample.pdf) && std::isfinite(sample.factor);
+}
+
+}  // namespace
+
+bool SampleGeometryLight(const LightReceiver& receiver, double choice, float a, float b,
+                         LightSample& sample) {
+  return settings.format >= 2 ? SampleByPower(receiver, choice, b, sample)
+                              : SampleByArea(receiver.position, choice, a, b, sample);
 }
 
 void MakeGeometryPhotonRay(RayRecord& ray, std::uint32_t sample) {

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "core/ray.h"
 #include "core/vec.h"
 
 namespace zp {
@@ -25,6 +26,14 @@ inline Vec3 ConeDirection(Vec3 x, Vec3 y, Vec3 z, float cosine, float turn, floa
   const float sine = SafeSqrt(w * (2 - w));  // 1 - (1 - w)^2, which narrow cones would cancel away
   const float phi = 2 * kPi * turn;
   return sine * std::cos(phi) * x + sine * std::sin(phi) * y + (1 - w) * z;
+}
+
+// Where (a, b) in [0, 1)^2 lies on a face, uniform by area: barycentrics of a triangle; a tetragon takes the
+// square as it is.
+inline Vec3 Barycentric(std::uint8_t kind, float a, float b) {
+  if (kind == kKindTetragon) return {b, a, 0};
+  const float root = SafeSqrt(a);
+  return {1 - root, root * (1 - b), root * b};
 }
 
 }  // namespace zp

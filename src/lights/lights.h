@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -31,6 +32,15 @@ struct LightSample {
   float pdf = 0;       // of the direction, per solid angle; 0 for point and parallel lights
   float factor = 0;    // geometric factor of a geometry light's sample
   std::int32_t shader = kNone;  // of the surface that sends it
+  std::int32_t light = kNone;   // of a LightGroup: which one it is, by its table
+};
+
+// Where light is wanted: what lights can send there decides which of many are picked.
+struct LightReceiver {
+  Vec3 position;
+  Vec3 normal = kBlack;       // unit: light from behind it counts for nothing; zero where all sides count
+  bool seesAllSides = true;   // as `normal` says
+  float front = 1, back = 1;  // factors of what leaves either side of an emitter
 };
 
 // Lights that are not in the scene. They shine on surfaces directly and shoot photons.
@@ -60,6 +70,29 @@ struct ParallelLight : Light {};
 
 extern std::vector<PointLight> pointLights;
 extern std::vector<ParallelLight> parallelLights;
+
+struct LightTree;  // lights/light_tree.h
+
+// In format 2, more than eight lights of one kind and link: a hit picks some of them, each with a known
+// chance, and the others not at all.
+struct LightGroup {
+  bool parallel = false;             // of parallelLights, else of pointLights
+  bool seesAllSides = false;         // some light goes around terminators: no side of a surface is left out
+  bool hasAovs = false;              // some light has
+  ShaderLink link;                   // of all
+  std::int32_t sample = 4;           // picks of a first hit: the largest `sample` of the lights, or this
+  std::vector<std::int32_t> lights;  // indices in their table
+  std::shared_ptr<const LightTree> tree;
+};
+extern std::vector<LightGroup> lightGroups;
+extern std::vector<std::int32_t> lonePointLights, loneParallelLights;  // of the tables, the others
+struct GroupPick {
+  std::int32_t light = kNone;  // index in its table
+  float probability = 0;
+  double rest = 0;  // where the number that chose lies among those that choose this light
+};
+// The light under a number in [0, 1). False where none can reach the receiver.
+bool PickFromGroup(const LightGroup& group, LightReceiver receiver, double number, GroupPick& pick);
 
 void InitializeGaffer();
 void FinalizeGaffer();  // writes the AOVs and empties both tables
@@ -95,7 +128,7 @@ extern SkyLight skyLight;
 struct GeometryLight {
   std::optional<std::int32_t> photon;  // PhotonsOf
   std::int32_t sample = kUnsaid;
-  float area = 0;                // of the RootObject's virtual lights
+  float area = 0;                // of the RootObject's virtual lights, at the instant that is rendered
   Vec3 colorWeight = {1, 1, 1};  // factor from emission to a photon's power
   bool initialized = false;
   ShaderLink link;
@@ -140,24 +173,25 @@ struct EmitterPick {
   bool placed = false;          // there are some
   std::uint64_t place = 0;      // PlaceInside of them
   float weight = 0;             // probability of the pick
-  float rest = 0;               // where the number that chose lies among those that choose this one: format 2
 };
-// Of the RootObject's virtual lights, or its emitters, the one under a number in [0, 1). False where there is
-// none.
+// Of the RootObject's virtual lights, or its emitters, the one under a number in [0, 1), in proportion to
+// their areas. False where there is none.
 bool PickEmitter(bool virtualLights, double number, EmitterPick& pick);
 double StratifiedNumber(std::uint32_t i, std::uint32_t n);  // drawn from the stratum i % n of n
 // The surface of a pick at (a, b) in [0, 1)^2, uniform by area: position, frame looking out of the emitting
 // side, uv; world space. The layer is not chosen.
 void PlaceOnEmitter(const EmitterPick& pick, float a, float b, ShadingPoint& point);
-// One sample of the virtual lights for `position`, by PickEmitter of `choice` and PlaceOnEmitter; in format 2
-// what the choice leaves of its number takes the place of `a`. radiance is the emission towards it, pdf is
-// distance^2 / (cosine * area of all virtual lights * AreaStretch). factor is 1 / (pi * pdf); in format 1
-// cosine / (distance^2 * 18481 * pick.weight).
-// False where no light leaves for the point.
-bool SampleGeometryLight(Vec3 position, double choice, float a, float b, LightSample& sample);
-// The pdf of samples for a point `from` on a rectangle that a ray has hit, in format 2, where they are
-// uniform by solid angle; 0 where they are uniform by area.
-float RectangleDensity(const RayRecord& hit, Vec3 from);
+// One sample of the virtual lights for a point: radiance is the emission towards it. `choice` in [0, 1) says
+// which one, by area in format 1; in format 2 by what each may send there (lights/light_tree.h), and what it
+// leaves of the number takes the place of `a`. (a, b) place the sample on it, uniform by area, or in format 2
+// on rectangles by solid angle. factor is 1 / (pi * pdf); in format 1 cosine / (distance^2 * 18481 *
+// pick.weight). False where no light leaves for the point.
+bool SampleGeometryLight(const LightReceiver& receiver, double choice, float a, float b, LightSample& sample);
+// The pdf that samples of format 2 for that receiver have where a ray has hit; 0 where there are none. Comes
+// before the thread's next Trace (HitInstance).
+float EmitterDensity(const LightReceiver& receiver, const RayRecord& hit);
+// Takes the virtual lights as they stand, after the scene has moved: see geometryLight.area.
+void MoveEmitters();
 void MakeGeometryPhotonRay(RayRecord& ray, std::uint32_t sample);
 
 }  // namespace zp

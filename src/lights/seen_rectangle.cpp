@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "lights/lights.h"
-
 namespace zp {
 namespace {
 
@@ -13,27 +11,19 @@ constexpr float kSmallestSolidAngle = 0.01f;
 
 float AngleBetween(Vec3 a, Vec3 b) { return std::acos(std::clamp(-Dot(a, b), -1.0f, 1.0f)); }
 
-// Corners p0 to p3 of a plane figure with right angles.
-bool IsRectangle(Vec3 edge1, Vec3 edge2, Vec3 across) {
+bool AreUpright(Vec3 edge1, Vec3 edge2) {
   constexpr float kTolerance = 1e-8f;  // squared
   const float square1 = Dot(edge1, edge1), square2 = Dot(edge2, edge2), skew = Dot(edge1, edge2);
-  const Vec3 off = edge1 + edge2 - across;
-  return square1 > 0 && square2 > 0 && skew * skew <= kTolerance * square1 * square2 &&
-         Dot(off, off) <= kTolerance * std::min(square1, square2);
+  return square1 > 0 && square2 > 0 && skew * skew <= kTolerance * square1 * square2;
 }
 
 }  // namespace
 
-SeenRectangle SeeRectangle(const Part& part, std::uint8_t kind, std::uint32_t index, Vec3 from) {
+SeenRectangle SeeRectangle(Vec3 corner, Vec3 edge1, Vec3 edge2, Vec3 from) {
   SeenRectangle seen;
-  if (kind != kKindTetragon) return seen;
-  const Corners corners = HitCorners(part, kind, index, {});
-  const auto corner = [&](int i) { return part.positions[corners.vertex[i]]; };
-  const Vec3 first = corner(0), edge1 = corner(1) - first, edge2 = corner(3) - first;
-  if (!IsRectangle(edge1, edge2, corner(2) - first)) return seen;
-
+  if (!AreUpright(edge1, edge2)) return seen;
   const float length1 = std::sqrt(Dot(edge1, edge1)), length2 = std::sqrt(Dot(edge2, edge2));
-  const Vec3 x = edge1 / length1, y = edge2 / length2, way = first - from;
+  const Vec3 x = edge1 / length1, y = edge2 / length2, way = corner - from;
   seen.x0 = Dot(way, x), seen.x1 = seen.x0 + length1;
   seen.y0 = Dot(way, y), seen.y1 = seen.y0 + length2;
   seen.height = std::fabs(Dot(way, Cross(x, y)));
@@ -63,15 +53,6 @@ Vec2 DrawOnRectangle(const SeenRectangle& seen, float u, float v) {
   const float h = sine(seen.y0) + v * (sine(seen.y1) - sine(seen.y0));
   const float y = std::clamp(h * distance / std::sqrt(std::max(1 - h * h, 1e-12f)), seen.y0, seen.y1);
   return {(x - seen.x0) / (seen.x1 - seen.x0), (y - seen.y0) / (seen.y1 - seen.y0)};
-}
-
-float RectangleDensity(const RayRecord& hit, Vec3 from) {
-  if (hit.hitMatrixDepth > 0) return 0;
-  const auto index = static_cast<std::uint32_t>(hit.primitive);
-  const SeenRectangle seen = SeeRectangle(*hit.part, hit.kind, index, from);
-  if (!(seen.solidAngle > 0)) return 0;
-  const float area = (seen.x1 - seen.x0) * (seen.y1 - seen.y0);
-  return area / (geometryLight.area * seen.solidAngle);
 }
 
 }  // namespace zp

@@ -5,7 +5,7 @@
 
 #pragma once
 
-#include "geometry/geometry.h"
+#include "core/vec.h"
 
 namespace zp {
 
@@ -15,9 +15,9 @@ struct SeenRectangle {
   float solidAngle = 0;                  // steradian; 0 where it is too small to know, or no rectangle
   float first = 0, last = 0, turn = 0;   // of the paper: b0, b1, k
 };
-// A tetragon of a Part whose vertices are in world space.
-SeenRectangle SeeRectangle(const Part& part, std::uint8_t kind, std::uint32_t index, Vec3 from);
-// The point for (u, v) in [0, 1), as shares of the edges from the first corner to the second and to the last.
+// A parallelogram by a corner and the edges there.
+SeenRectangle SeeRectangle(Vec3 corner, Vec3 edge1, Vec3 edge2, Vec3 from);
+// The point for (u, v) in [0, 1), as shares of the edges.
 Vec2 DrawOnRectangle(const SeenRectangle& seen, float u, float v);
 
 }  // namespace zp

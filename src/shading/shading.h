@@ -189,7 +189,7 @@ struct ShadingPoint {
   float diffuseWeight = 1;   // what is left
   float iorRatio = 1;        // factor that turns the ray's ior on refraction
   float reflectCosine = 0;   // outgoing . normal
-  float areaStretch = 1;     // of an emitter: AreaStretch (geometry/geometry.h); 1 in format 1
+  float pickDensity = 0;     // of an emitter in format 2: EmitterDensity (lights/lights.h) where the ray began
   const SurfaceShader* layer = nullptr;
   const FiberParameters* fiber = nullptr;  // of hair, which scatters by it; null on surfaces
   bool useDensity = false;                 // takes its diffuse radiance from the density cells
