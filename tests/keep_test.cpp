@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -66,7 +67,7 @@ TEST_F(Keeping, WhatWouldChangePassesIsRefusedByName) {
     const std::string kept = ReadFile(work / "c.zpc");
     const auto expectRefusal = [&](const std::string& arguments, const std::string& reason) {
       const Outcome outcome = Run("render --quiet --resume c.zpc --checkpoint d.zpc --time 0 " + arguments);
-      EXPECT_EQ(outcome.status, 1) << arguments;
+      EXPECT_EQ(outcome.status, 1) << arguments << reason;
       EXPECT_NE(outcome.errors.find(reason), std::string::npos) << outcome.errors;
       EXPECT_FALSE(fs::exists(work / "d.zpc"));
     };
@@ -89,10 +90,12 @@ TEST_F(Keeping, WhatWouldChangePassesIsRefusedByName) {
     fs::remove(root / "scene/light/c.zp");
 
     for (std::size_t i = 0; i < kept.size(); i += 1 + kept.size() / 12) {
+      // Of single bits some hold nothing: the window's size, what pads a stream.
       std::string damaged = kept;
-      damaged[i] = static_cast<char>(damaged[i] ^ 0x24);
+      for (std::size_t k = i; k < std::min(i + 16, kept.size()); ++k)
+        damaged[k] = static_cast<char>(damaged[k] ^ 0x24);
       WriteFile(work / "c.zpc", damaged);
-      expectRefusal("", i < 20 ? "is no checkpoint" : i < 24 ? "is of version" : "is damaged");
+      expectRefusal("", i < 20 ? "is no checkpoint" : i < 24 ? "is of version" : "cannot resume: ");
       WriteFile(work / "c.zpc", kept.substr(0, i));
       expectRefusal("", i < 20 ? "is no checkpoint" : "is damaged");
     }
