@@ -67,15 +67,6 @@ std::vector<SceneFile> HashSceneFiles() {
   return files;
 }
 
-std::string HashOf(const std::vector<SceneFile>& files) {
-  Hash hash;
-  for (const SceneFile& file : files) {
-    hash.Add(file.path.c_str(), file.path.size() + 1);
-    hash.Add(file.hash.c_str(), file.hash.size() + 1);
-  }
-  return hash.Text();
-}
-
 std::string FirstDifference(const std::vector<SceneFile>& a, const std::vector<SceneFile>& b) {
   const auto lacks = [](const std::vector<SceneFile>& files, const SceneFile& file) {
     return std::find(files.begin(), files.end(), file) == files.end();

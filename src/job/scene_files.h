@@ -16,8 +16,6 @@ struct SceneFile {
 // The files that the scene at hand was read from, or looked for, in alphabetical order. To be called in the
 // directory that it was read in.
 std::vector<SceneFile> HashSceneFiles();
-// One hash of all of them.
-std::string HashOf(const std::vector<SceneFile>& files);
 // The first path that one list has and the other has not, or with other bytes; empty if they are alike.
 std::string FirstDifference(const std::vector<SceneFile>& a, const std::vector<SceneFile>& b);
 
