@@ -86,6 +86,14 @@ inline Vec3 UnitPerpendicular(Vec3 d) {
   return UnitVector(Dot(y, y) > kVanishing ? y : Cross(d, Vec3{1, 0, 0}));
 }
 
+// Completes a unit vector to a right-handed orthonormal frame without a branch or a root. Duff and others,
+// "Building an Orthonormal Basis, Revisited", 2017.
+inline void FrameAround(Vec3 z, Vec3& x, Vec3& y) {
+  const float sign = std::copysign(1.0f, z.z), a = -1 / (sign + z.z), b = z.x * z.y * a;
+  x = {1 + sign * z.x * z.x * a, sign * b, -sign * z.x};
+  y = {b, sign + z.y * z.y * a, -z.y};
+}
+
 // Three rows of three.
 struct Mat3 {
   float m[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};

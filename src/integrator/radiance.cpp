@@ -109,6 +109,13 @@ bool TakesDirectLight(const RayRecord& ray, const ShadingPoint& point) {
 
 void TestElements(ShadingPoint& point) {
   const SurfaceShader& layer = *point.layer;
+  if (layer.even.holds && !point.useDensity) {
+    point.has = layer.even.has;
+    point.color = layer.even.color;
+    point.hasDiffusion = layer.even.hasDiffusion;
+    point.diffusionColor = layer.even.diffusionColor;
+    return;
+  }
   const auto test = [&](bool diffuse) {
     for (const LobeRow& row : kLobes)
       if (row.diffuse == diffuse)

@@ -207,16 +207,38 @@ bool SampleByArea(Vec3 position, double choice, float a, float b, LightSample& s
   return !IsBlack(sample.radiance) && std::isfinite(sample.pdf) && std::isfinite(sample.factor);
 }
 
+// Where a face was sampled, and how.
+struct FaceSample {
+  Vec3 position, normal;
+  float a, b;           // in the unit square, which the face takes as PlaceOn does
+  float solidAngle = 0;  // of a rectangle that was sampled by it
+  float area = 0;        // otherwise: see PlacedPoint
+};
+
+// Rectangles by solid angle: by area, walls close to a lamp are noisy.
+FaceSample SampleFace(const FacePick& pick, Vec3 from, float a, float b) {
+  Rectangle placed;
+  if (const Rectangle* rectangle = InWorld(pick.rectangle, pick.chain, placed))
+    if (const SeenRectangle seen = SeeRectangle(*rectangle, from); seen.solidAngle > 0) {
+      const Vec2 place = DrawOnRectangle(seen, a, b);
+      const Vec3 position = rectangle->corner + (place.x * rectangle->length1) * rectangle->x +
+                            (place.y * rectangle->length2) * rectangle->y;
+      return {position, rectangle->normal, place.x, place.y, seen.solidAngle};
+    }
+  const PlacedPoint place = PlaceOn(InWorld(*pick.face, pick.chain), Barycentric(pick.face->kind, a, b));
+  return {place.position, place.normal, a, b, 0, place.area};
+}
+
 // Of a side that is not the same everywhere. Not inlined: most are.
-[[gnu::noinline]] Vec3 VaryingEmission(const FacePick& pick, const WorldFace& face, bool front, float a,
-                                       float b, Vec3 position, Vec3 outgoing) {
+[[gnu::noinline]] Vec3 VaryingEmission(const FacePick& pick, const FaceSample& at, bool front,
+                                       Vec3 outgoing) {
   ShadingPoint point;
   const Emitter& emitter = *pick.face;
-  point.uv = CornerUv(HitCorners(*pick.part, emitter.kind, emitter.index, Barycentric(emitter.kind, a, b)),
-                      *pick.part);
-  point.position = position;
+  point.uv = CornerUv(
+      HitCorners(*pick.part, emitter.kind, emitter.index, Barycentric(emitter.kind, at.a, at.b)), *pick.part);
+  point.position = at.position;
   point.outgoing = outgoing;
-  point.normal = point.geometricNormal = front ? face.normal : -face.normal;
+  point.normal = point.geometricNormal = front ? at.normal : -at.normal;
   AxesAround(point.normal, point.tangent, point.bitangent);
   return SampledEmission(ShaderAt(pick.shader), front, point);
 }
@@ -225,32 +247,22 @@ bool SampleByArea(Vec3 position, double choice, float a, float b, LightSample& s
 bool SampleByPower(const LightReceiver& receiver, double choice, float b, LightSample& sample) {
   FacePick pick;
   if (!PickFace(receiver, choice, pick)) return false;
-  const WorldFace face = InWorld(*pick.face, pick.chain);
-  float a = UnitNumber(pick.rest);
-  // Rectangles by solid angle: by area, walls close to a lamp are noisy.
-  const SeenRectangle seen = SeeFace(face, receiver.position);
-  if (seen.solidAngle > 0) {
-    const Vec2 place = DrawOnRectangle(seen, a, b);
-    a = place.x, b = place.y;
-  }
-  const Vec3 weights = Barycentric(pick.face->kind, a, b);
-  const PlacedPoint place = PlaceOn(face, weights);
-  const Vec3 toReceiver = receiver.position - place.position;
+  const FaceSample at = SampleFace(pick, receiver.position, UnitNumber(pick.rest), b);
+  const Vec3 toReceiver = receiver.position - at.position;
   const float squared = Dot(toReceiver, toReceiver), distance = std::sqrt(squared);
-  const float towards = Dot(toReceiver, place.normal) / distance;
+  const Vec3 outgoing = toReceiver / distance;
+  const float towards = Dot(outgoing, at.normal), cosine = std::fabs(towards);
   const bool front = towards > 0;
   const ShaderEmission& emission = EmissionOf(pick.shader, front);
-  const float cosine = std::fabs(towards);
   if (!(cosine > 0) || !(emission.power > 0) || !std::isfinite(squared) || !HasShader(pick.shader))
     return false;
 
-  const Vec3 outgoing = toReceiver / distance;
   sample.direction = -outgoing;
   sample.shader = pick.shader;
-  sample.radiance = emission.isPlain ? emission.radiance
-                                     : VaryingEmission(pick, face, front, a, b, place.position, outgoing);
-  sample.distance = LengthToEmitter(receiver.position, place.position, distance, cosine);
-  sample.pdf = pick.probability * DirectionDensity(seen, squared, cosine, place.area);
+  sample.radiance = emission.isPlain ? emission.radiance : VaryingEmission(pick, at, front, outgoing);
+  sample.distance = LengthToEmitter(receiver.position, at.position, distance, cosine);
+  sample.pdf = pick.probability *
+               (at.solidAngle > 0 ? 1 / at.solidAngle : DirectionDensity(squared, cosine, at.area));
   sample.factor = 1 / (kPi * sample.pdf);
   return sample.radiance != kBlack && std::isfinite(sample.pdf) && std::isfinite(sample.factor);
 }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "core/float8.h"
+
 namespace zp {
 namespace {
 
@@ -10,17 +12,17 @@ namespace {
 constexpr float kSmallestSolidAngle = 0.01f;
 
 // By the power series, which the half angle's sine shortens above a half.
-inline float ArcSine(float x) {
-  const float size = std::fabs(x);
-  const bool large = size > 0.5f;
-  const float s = large ? 0.5f * std::max(1 - size, 0.0f) : size * size;
-  const float root = large ? std::sqrt(s) : size;
-  const auto next = [&](float sum, float coefficient) { return std::fma(sum, s, coefficient); };
-  float sum = 6435.0f / 557056;
+inline Float4 ArcSine(Float4 x) {
+  const Float4 size = Abs(x), half = Float4::Set(0.5f);
+  const Where4 small = LessEqual(size, half);
+  const Float4 s = Choose(small, size * size, half * Max(Float4::Set(1) - size, Float4::Set(0)));
+  const Float4 root = Choose(small, size, Sqrt(s));
+  Float4 sum = Float4::Set(6435.0f / 557056);
   for (const float coefficient :
        {143.0f / 10240, 231.0f / 13312, 63.0f / 2816, 35.0f / 1152, 5.0f / 112, 3.0f / 40, 1.0f / 6, 1.0f})
-    sum = next(sum, coefficient);
-  return std::copysign(large ? kPi / 2 - 2 * root * sum : root * sum, x);
+    sum = MulAdd(sum, s, Float4::Set(coefficient));
+  const Float4 angle = root * sum;
+  return WithSignOf(Choose(small, angle, Float4::Set(kPi / 2) - Float4::Set(2) * angle), x);
 }
 
 bool AreUpright(Vec3 edge1, Vec3 edge2) {
@@ -31,24 +33,35 @@ bool AreUpright(Vec3 edge1, Vec3 edge2) {
 
 }  // namespace
 
-SeenRectangle SeeRectangle(Vec3 corner, Vec3 edge1, Vec3 edge2, Vec3 from) {
+Rectangle MakeRectangle(Vec3 corner, Vec3 edge1, Vec3 edge2) {
+  Rectangle rectangle;
+  if (!AreUpright(edge1, edge2)) return rectangle;
+  rectangle.corner = corner;
+  rectangle.length1 = std::sqrt(Dot(edge1, edge1));
+  rectangle.length2 = std::sqrt(Dot(edge2, edge2));
+  rectangle.x = edge1 / rectangle.length1;
+  rectangle.y = edge2 / rectangle.length2;
+  rectangle.normal = Cross(rectangle.x, rectangle.y);
+  return rectangle;
+}
+
+SeenRectangle SeeRectangle(const Rectangle& rectangle, Vec3 from) {
   SeenRectangle seen;
-  if (!AreUpright(edge1, edge2)) return seen;
-  const float length1 = std::sqrt(Dot(edge1, edge1)), length2 = std::sqrt(Dot(edge2, edge2));
-  const Vec3 x = edge1 / length1, y = edge2 / length2, way = corner - from;
-  seen.x0 = Dot(way, x), seen.x1 = seen.x0 + length1;
-  seen.y0 = Dot(way, y), seen.y1 = seen.y0 + length2;
-  seen.height = std::fabs(Dot(way, Cross(x, y)));
+  const Vec3 way = rectangle.corner - from;
+  seen.x0 = Dot(way, rectangle.x), seen.x1 = seen.x0 + rectangle.length1;
+  seen.y0 = Dot(way, rectangle.y), seen.y1 = seen.y0 + rectangle.length2;
+  seen.height = std::fabs(Dot(way, rectangle.normal));
   // Of the planes through the point and an edge, all upright on the rectangle's or along it: the heights of
   // the normals, whose products are the sines of what the corners' angles have over a right one.
-  const auto rise = [&](float offset) {
-    return offset / std::sqrt(std::max(offset * offset + seen.height * seen.height, 1e-30f));
-  };
-  const float n0 = -rise(seen.y0), n1 = rise(seen.x1), n2 = rise(seen.y1), n3 = -rise(seen.x0);
-  const float before = ArcSine(n2 * n3) + ArcSine(n3 * n0);
-  seen.first = n0, seen.last = n2;
+  const Float4 offset = Float4::Of(-seen.y0, seen.x1, seen.y1, -seen.x0), height = Float4::Set(seen.height);
+  const Float4 rise = offset / Sqrt(Max(offset * offset + height * height, Float4::Set(1e-30f)));
+  float n[4], angle[4];
+  rise.Store(n);
+  ArcSine(rise * NextLanes(rise)).Store(angle);
+  const float before = angle[2] + angle[3];
+  seen.first = n[0], seen.last = n[2];
   seen.turn = kPi - before;
-  seen.solidAngle = ArcSine(n0 * n1) + ArcSine(n1 * n2) + before;
+  seen.solidAngle = angle[0] + angle[1] + before;
   if (!(seen.height > 0) || !(seen.solidAngle > kSmallestSolidAngle)) seen.solidAngle = 0;
   return seen;
 }
