@@ -48,12 +48,12 @@ struct Pass {
   std::uint32_t number;
 };
 
-// One sample of one pixel, fit to be shown.
-Vec3 SamplePixel(const Pass& pass, int x, int y, std::uint8_t thread) {
+// One sample of one pixel, fit to be shown. `ray` is scratch.
+Vec3 SamplePixel(const Pass& pass, int x, int y, std::uint8_t thread, RayRecord& ray) {
   const std::uint32_t pixel = PixelIndex(pass.camera, x, y);
   threadSlots[thread].pixel = pixel;
   RekeyRandom(pixel, pass.number);
-  RayRecord ray;
+  ray.origin = ray.direction = kBlack;
   ray.thread = thread;
   MakePrimaryRay(pass.camera, pass.pose, ray, x, y, pass.number);
   const Vec3 color = Radiance(ray);
@@ -168,10 +168,11 @@ class RowCounter {
 // end unless a stop has cut the row short.
 template <class Sink>
 int SampleRow(const Pass& pass, int x, int y, std::uint8_t thread, PixelSums& sums, const Sink& sink) {
+  RayRecord ray;
   for (; x < pass.region.xMax && !Stopping(); ++x) {
     const std::size_t pixel = PixelIndex(pass.camera, x, y);
     sums.Keep(pixel);
-    const Vec3 color = SamplePixel(pass, x, y, thread);
+    const Vec3 color = SamplePixel(pass, x, y, thread, ray);
     if (Stopping()) {
       sums.PutBack(pixel);
       break;

@@ -22,9 +22,10 @@ struct LocalSurface {
 };
 
 bool AreAlike(const PackedVector (&of)[4], int count) {
-  for (int i = 1; i < count; ++i)
-    if (of[i] != of[0]) return false;
-  return true;
+  const std::uint32_t first = Bytes(of[0]);
+  std::uint32_t other = (Bytes(of[1]) ^ first) | (Bytes(of[2]) ^ first);
+  if (count > 3) other |= Bytes(of[3]) ^ first;
+  return other == 0;
 }
 
 // Sums the corners' unit normals and, where they are wanted, tangents, each by its corner's weight. All of
@@ -210,9 +211,8 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
   }
 
   // Towards the ray's origin; a supplied normal follows its face, also where the two disagree.
-  point.geometricNormal =
-      Dot(surface.faceNormal, ray.direction) > 0 ? -surface.faceNormal : surface.faceNormal;
-  point.normal = Dot(normal, point.geometricNormal) < 0 ? -normal : normal;
+  point.geometricNormal = NegatedIf(Dot(surface.faceNormal, ray.direction) > 0, surface.faceNormal);
+  point.normal = NegatedIf(Dot(normal, point.geometricNormal) < 0, normal);
   // Intended: t counts as a distance of world space, which by format 1 it is not in Instances that scale.
   point.position = ray.origin + ray.t * ray.direction;
   point.outgoing = -ray.direction;

@@ -17,10 +17,12 @@ inline Float4 ArcSine(Float4 x) {
   const Where4 small = LessEqual(size, half);
   const Float4 s = Choose(small, size * size, half * Max(Float4::Set(1) - size, Float4::Set(0)));
   const Float4 root = Choose(small, size, Sqrt(s));
-  Float4 sum = Float4::Set(6435.0f / 557056);
-  for (const float coefficient :
-       {143.0f / 10240, 231.0f / 13312, 63.0f / 2816, 35.0f / 1152, 5.0f / 112, 3.0f / 40, 1.0f / 6, 1.0f})
-    sum = MulAdd(sum, s, Float4::Set(coefficient));
+  // In pairs, so that few of the terms wait for others.
+  const auto pair = [&](float a, float b, Float4 by) { return MulAdd(by, Float4::Set(b), Float4::Set(a)); };
+  const Float4 s2 = s * s, s4 = s2 * s2;
+  const Float4 low = MulAdd(pair(3.0f / 40, 5.0f / 112, s), s2, pair(1, 1.0f / 6, s));
+  const Float4 high = MulAdd(pair(231.0f / 13312, 143.0f / 10240, s), s2, pair(35.0f / 1152, 63.0f / 2816, s));
+  const Float4 sum = MulAdd(MulAdd(s4, Float4::Set(6435.0f / 557056), high), s4, low);
   const Float4 angle = root * sum;
   return WithSignOf(Choose(small, angle, Float4::Set(kPi / 2) - Float4::Set(2) * angle), x);
 }
@@ -70,8 +72,8 @@ Vec2 DrawOnRectangle(const SeenRectangle& seen, float u, float v) {
   const float angle = u * seen.solidAngle + seen.turn;
   const float sine = std::sin(angle), slope = std::cos(angle) * seen.first - seen.last;
   const float square = slope * slope + (seen.first * seen.first - 1) * sine * sine;
-  const float side = (slope > 0) == (sine > 0) ? seen.height : -seen.height;
-  const float x = std::clamp(side * std::fabs(sine) / std::sqrt(std::max(square, 1e-20f)), seen.x0, seen.x1);
+  const float reach = std::copysign(seen.height * sine, slope * sine);
+  const float x = std::clamp(reach / std::sqrt(std::max(square, 1e-20f)), seen.x0, seen.x1);
   const float distance2 = x * x + seen.height * seen.height;
   const auto rise = [&](float y) { return y / std::sqrt(distance2 + y * y); };
   const float low = rise(seen.y0), h = low + v * (rise(seen.y1) - low);
