@@ -27,7 +27,7 @@ struct Emitter {
   float area = 0;             // scene units squared
   std::int32_t part = kNone;  // index in the Object's parts; kNone for an Instance
   std::int32_t shader = kNone;
-  std::uint32_t index = 0;  // in the Part's list of that kind, or of the Object's Instances
+  std::uint32_t index = 0;         // in the Part's list of that kind, or of the Object's Instances
   std::int32_t rectangle = kNone;  // of a face that is one: its number in the list's rectangles
   std::uint8_t kind = kKindNone;
 };

@@ -207,63 +207,73 @@ bool SampleByArea(Vec3 position, double choice, float a, float b, LightSample& s
   return !IsBlack(sample.radiance) && std::isfinite(sample.pdf) && std::isfinite(sample.factor);
 }
 
-// Where a face was sampled, and how.
-struct FaceSample {
-  Vec3 position, normal;
-  float a, b;           // in the unit square, which the face takes as PlaceOn does
-  float solidAngle = 0;  // of a rectangle that was sampled by it
-  float area = 0;        // otherwise: see PlacedPoint
+// What a point sees of a face, where that was sampled.
+struct FaceView {
+  Vec3 direction;          // unit
+  float distance, cosine;  // of the direction and the face's normal, without its sign
+  float area;              // steradian: the reciprocal of the density
+  bool front;              // it is the face's front
+  Vec3 normal;
+  float a, b;  // in the unit square, which the face takes as PlaceOn does
 };
 
+FaceView ViewOf(const Rectangle& rectangle, const SeenRectangle& seen, float u, float v) {
+  const RectangleView view = DrawOnRectangle(rectangle, seen, u, v);
+  return {view.direction,
+          view.distance,
+          view.cosine,
+          seen.solidAngle,
+          seen.plane < 0,
+          rectangle.normal,
+          (view.x - seen.x0) / rectangle.length1,
+          (view.y - seen.y0) / rectangle.length2};
+}
+
 // Rectangles by solid angle: by area, walls close to a lamp are noisy.
-FaceSample SampleFace(const FacePick& pick, Vec3 from, float a, float b) {
+FaceView ViewFace(const FacePick& pick, Vec3 from, float a, float b) {
   Rectangle placed;
   if (const Rectangle* rectangle = InWorld(pick.rectangle, pick.chain, placed))
-    if (const SeenRectangle seen = SeeRectangle(*rectangle, from); seen.solidAngle > 0) {
-      const Vec2 place = DrawOnRectangle(seen, a, b);
-      const Vec3 position = rectangle->corner + (place.x * rectangle->length1) * rectangle->x +
-                            (place.y * rectangle->length2) * rectangle->y;
-      return {position, rectangle->normal, place.x, place.y, seen.solidAngle};
-    }
+    if (const SeenRectangle seen = SeeRectangle(*rectangle, from); seen.solidAngle > 0)
+      return ViewOf(*rectangle, seen, a, b);
   const PlacedPoint place = PlaceOn(InWorld(*pick.face, pick.chain), Barycentric(pick.face->kind, a, b));
-  return {place.position, place.normal, a, b, 0, place.area};
+  const Vec3 way = place.position - from;
+  const float squared = Dot(way, way), distance = std::sqrt(squared);
+  const Vec3 direction = way / distance;
+  const float along = Dot(direction, place.normal), cosine = std::fabs(along);
+  return {direction, distance,     cosine, 1 / DirectionDensity(squared, cosine, place.area),
+          along < 0, place.normal, a,      b};
 }
 
 // Of a side that is not the same everywhere. Not inlined: most are.
-[[gnu::noinline]] Vec3 VaryingEmission(const FacePick& pick, const FaceSample& at, bool front,
-                                       Vec3 outgoing) {
+[[gnu::noinline]] Vec3 VaryingEmission(const FacePick& pick, const FaceView& view, Vec3 position) {
   ShadingPoint point;
   const Emitter& emitter = *pick.face;
-  point.uv = CornerUv(
-      HitCorners(*pick.part, emitter.kind, emitter.index, Barycentric(emitter.kind, at.a, at.b)), *pick.part);
-  point.position = at.position;
-  point.outgoing = outgoing;
-  point.normal = point.geometricNormal = front ? at.normal : -at.normal;
+  point.uv =
+      CornerUv(HitCorners(*pick.part, emitter.kind, emitter.index, Barycentric(emitter.kind, view.a, view.b)),
+               *pick.part);
+  point.position = position;
+  point.outgoing = -view.direction;
+  point.normal = point.geometricNormal = view.front ? view.normal : -view.normal;
   AxesAround(point.normal, point.tangent, point.bitangent);
-  return SampledEmission(ShaderAt(pick.shader), front, point);
+  return SampledEmission(ShaderAt(pick.shader), view.front, point);
 }
 
 // `b` and what the choice leaves of its number place the sample.
 bool SampleByPower(const LightReceiver& receiver, double choice, float b, LightSample& sample) {
   FacePick pick;
   if (!PickFace(receiver, choice, pick)) return false;
-  const FaceSample at = SampleFace(pick, receiver.position, UnitNumber(pick.rest), b);
-  const Vec3 toReceiver = receiver.position - at.position;
-  const float squared = Dot(toReceiver, toReceiver), distance = std::sqrt(squared);
-  const Vec3 outgoing = toReceiver / distance;
-  const float towards = Dot(outgoing, at.normal), cosine = std::fabs(towards);
-  const bool front = towards > 0;
-  const ShaderEmission& emission = EmissionOf(pick.shader, front);
-  if (!(cosine > 0) || !(emission.power > 0) || !std::isfinite(squared) || !HasShader(pick.shader))
+  const FaceView view = ViewFace(pick, receiver.position, UnitNumber(pick.rest), b);
+  const ShaderEmission& emission = EmissionOf(pick.shader, view.front);
+  if (!(view.cosine > 0) || !(emission.power > 0) || !std::isfinite(view.distance) || !HasShader(pick.shader))
     return false;
 
-  sample.direction = -outgoing;
+  const Vec3 position = receiver.position + view.distance * view.direction;
+  sample.direction = view.direction;
   sample.shader = pick.shader;
-  sample.radiance = emission.isPlain ? emission.radiance : VaryingEmission(pick, at, front, outgoing);
-  sample.distance = LengthToEmitter(receiver.position, at.position, distance, cosine);
-  sample.pdf = pick.probability *
-               (at.solidAngle > 0 ? 1 / at.solidAngle : DirectionDensity(squared, cosine, at.area));
-  sample.factor = 1 / (kPi * sample.pdf);
+  sample.radiance = emission.isPlain ? emission.radiance : VaryingEmission(pick, view, position);
+  sample.distance = LengthToEmitter(receiver.position, position, view.distance, view.cosine);
+  sample.pdf = pick.probability / view.area;
+  sample.factor = view.area / (kPi * pick.probability);
   return sample.radiance != kBlack && std::isfinite(sample.pdf) && std::isfinite(sample.factor);
 }
 

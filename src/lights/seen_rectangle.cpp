@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "core/angles.h"
 #include "core/float8.h"
 
 namespace zp {
@@ -21,7 +22,8 @@ inline Float4 ArcSine(Float4 x) {
   const auto pair = [&](float a, float b, Float4 by) { return MulAdd(by, Float4::Set(b), Float4::Set(a)); };
   const Float4 s2 = s * s, s4 = s2 * s2;
   const Float4 low = MulAdd(pair(3.0f / 40, 5.0f / 112, s), s2, pair(1, 1.0f / 6, s));
-  const Float4 high = MulAdd(pair(231.0f / 13312, 143.0f / 10240, s), s2, pair(35.0f / 1152, 63.0f / 2816, s));
+  const Float4 high =
+      MulAdd(pair(231.0f / 13312, 143.0f / 10240, s), s2, pair(35.0f / 1152, 63.0f / 2816, s));
   const Float4 sum = MulAdd(MulAdd(s4, Float4::Set(6435.0f / 557056), high), s4, low);
   const Float4 angle = root * sum;
   return WithSignOf(Choose(small, angle, Float4::Set(kPi / 2) - Float4::Set(2) * angle), x);
@@ -52,11 +54,11 @@ SeenRectangle SeeRectangle(const Rectangle& rectangle, Vec3 from) {
   const Vec3 way = rectangle.corner - from;
   seen.x0 = Dot(way, rectangle.x), seen.x1 = seen.x0 + rectangle.length1;
   seen.y0 = Dot(way, rectangle.y), seen.y1 = seen.y0 + rectangle.length2;
-  seen.height = std::fabs(Dot(way, rectangle.normal));
+  seen.plane = Dot(way, rectangle.normal);
   // Of the planes through the point and an edge, all upright on the rectangle's or along it: the heights of
   // the normals, whose products are the sines of what the corners' angles have over a right one.
-  const Float4 offset = Float4::Of(-seen.y0, seen.x1, seen.y1, -seen.x0), height = Float4::Set(seen.height);
-  const Float4 rise = offset / Sqrt(Max(offset * offset + height * height, Float4::Set(1e-30f)));
+  const Float4 offset = Float4::Of(-seen.y0, seen.x1, seen.y1, -seen.x0), plane = Float4::Set(seen.plane);
+  const Float4 rise = offset / Sqrt(Max(offset * offset + plane * plane, Float4::Set(1e-30f)));
   float n[4], angle[4];
   rise.Store(n);
   ArcSine(rise * NextLanes(rise)).Store(angle);
@@ -64,21 +66,25 @@ SeenRectangle SeeRectangle(const Rectangle& rectangle, Vec3 from) {
   seen.first = n[0], seen.last = n[2];
   seen.turn = kPi - before;
   seen.solidAngle = angle[0] + angle[1] + before;
-  if (!(seen.height > 0) || !(seen.solidAngle > kSmallestSolidAngle)) seen.solidAngle = 0;
+  if (seen.plane == 0 || !(seen.solidAngle > kSmallestSolidAngle)) seen.solidAngle = 0;
   return seen;
 }
 
-Vec2 DrawOnRectangle(const SeenRectangle& seen, float u, float v) {
-  const float angle = u * seen.solidAngle + seen.turn;
-  const float sine = std::sin(angle), slope = std::cos(angle) * seen.first - seen.last;
+// In the paper's terms the point's direction is (x, y, z) / distance, and h = y / distance.
+RectangleView DrawOnRectangle(const Rectangle& rectangle, const SeenRectangle& seen, float u, float v) {
+  const auto [sine, cosine] = OfAngle(u * seen.solidAngle + seen.turn);
+  const float slope = cosine * seen.first - seen.last;
   const float square = slope * slope + (seen.first * seen.first - 1) * sine * sine;
-  const float reach = std::copysign(seen.height * sine, slope * sine);
+  const float reach = std::copysign(seen.plane * sine, slope * sine);
   const float x = std::clamp(reach / std::sqrt(std::max(square, 1e-20f)), seen.x0, seen.x1);
-  const float distance2 = x * x + seen.height * seen.height;
-  const auto rise = [&](float y) { return y / std::sqrt(distance2 + y * y); };
+  const float across = x * x + seen.plane * seen.plane;
+  const auto rise = [&](float y) { return y / std::sqrt(across + y * y); };
   const float low = rise(seen.y0), h = low + v * (rise(seen.y1) - low);
-  const float y = std::clamp(h * std::sqrt(distance2 / std::max(1 - h * h, 1e-12f)), seen.y0, seen.y1);
-  return {(x - seen.x0) / (seen.x1 - seen.x0), (y - seen.y0) / (seen.y1 - seen.y0)};
+  const float rest = std::max(1 - h * h, 1e-12f);
+  const float inverse = std::sqrt(rest / across), distance = std::sqrt(across / rest);
+  const float z = seen.plane * inverse;
+  return {(x * inverse) * rectangle.x + h * rectangle.y + z * rectangle.normal, distance, std::fabs(z), x,
+          std::clamp(h * distance, seen.y0, seen.y1)};
 }
 
 }  // namespace zp
