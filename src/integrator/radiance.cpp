@@ -155,7 +155,7 @@ Vec3 Radiance(RayRecord& ray) {
   TestElements(point);
 
   HitRadiance radiance;
-  if (scatters && TakesDirectLight(ray, point)) radiance.lobes = SampleLights(ray, point);
+  if (scatters && TakesDirectLight(ray, point)) SampleLights(ray, point, radiance.lobes);
   for (const LobeRow& row : kLobes)
     if (scatters && point.has[row.lobe])
       radiance.lobes[row.lobe] =
