@@ -6,6 +6,7 @@
 #include "core/settings.h"
 #include "imaging/frame_state.h"
 #include "imaging/imaging.h"
+#include "imaging/output_file.h"
 #include "job/checkpoint.h"
 #include "job/merge.h"
 
@@ -31,7 +32,7 @@ void SetUpSaving(const MergeOptions& options, const Checkpoint& head) {
 }
 
 // Better to learn before all parts are read than behind.
-std::string ObstacleOf(const Checkpoint& head) {
+std::string ImageObstacle(const Checkpoint& head) {
   std::vector<ImageBuffer> images;
   for (const Aov& aov : head.aovs) {
     ImageBuffer& image = images.emplace_back();
@@ -59,12 +60,16 @@ int SaveImages(const MergedFrame& frame) {
 
 int MergeInto(const MergeOptions& options, const std::vector<FramePart>& parts) {
   const bool keeps = IsCheckpointName(options.output);
+  const std::string unkept = "cannot write the checkpoint '" + options.output + "': ";
   MergedFrame frame;
-  if (!keeps) {
+  if (keeps) {
+    OutputFile file;
+    if (const std::string reason = file.Open(options.output); !reason.empty()) return Fail(unkept + reason);
+  } else {
     Checkpoint head = parts.front().head;
     head.aovs[0].image.fileName = options.output;
     SetUpSaving(options, head);
-    if (const std::string obstacle = ObstacleOf(head); !obstacle.empty())
+    if (const std::string obstacle = ImageObstacle(head); !obstacle.empty())
       return Fail("cannot write the image " + obstacle);
   }
   if (const std::string reason = MergeParts(parts, frame); !reason.empty())
@@ -74,7 +79,7 @@ int MergeInto(const MergeOptions& options, const std::vector<FramePart>& parts) 
     return SaveImages(frame);
   }
   const std::string reason = WriteMerge(options.output, frame);
-  return reason.empty() ? kExitDone : Fail("cannot write the checkpoint '" + options.output + "': " + reason);
+  return reason.empty() ? kExitDone : Fail(unkept + reason);
 }
 
 }  // namespace

@@ -261,7 +261,7 @@ std::string StopText(const RenderOptions& options, const Turns& turns) {
   const std::uint64_t pixels = static_cast<std::uint64_t>(frameState.right - frameState.left) *
                                static_cast<std::uint64_t>(camera.regionYMax - camera.regionYMin);
   return "stopped in pass 1 of " + std::to_string(passes) +
-         (LacksImages(options) ? ": the part holds " : ": the images hold ") +
+         (LacksImages(options) ? ": the checkpoint holds " : ": the images hold ") +
          std::to_string(100 * samples / pixels) + " % of their pixels, the others are black";
 }
 
