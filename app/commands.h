@@ -24,6 +24,10 @@ struct Region {
   std::int32_t left = 0, top = 0, right = 0, bottom = 0;  // pixels; right and bottom lie one behind the last
 };
 
+struct Passes {
+  std::int32_t begin = 0, end = 0;  // the latter is one behind the last
+};
+
 // Anything unset is left as the scene has it.
 struct RenderOptions {
   std::string scene;   // folder
@@ -44,8 +48,19 @@ struct RenderOptions {
   std::string checkpoint;           // file that keeps what is rendered; empty: none
   std::string resume;               // checkpoint to go on from, and to keep
   std::optional<double> time;       // seconds that the frame may take
+  std::optional<Passes> passes;     // those of a part of the frame; it has no images but with `output`
+  bool varyPhotons = false;         // parts cast photons of their own
 };
 int RunRender(const RenderOptions& options);
+
+struct MergeOptions {
+  std::string output;              // beauty image, or a checkpoint if the name ends in .zpc
+  std::vector<std::string> parts;  // checkpoints
+  bool partial = false;            // passes may be missing
+  bool linear = false;             // as in RenderOptions
+  bool quiet = false;
+};
+int RunMerge(const MergeOptions& options);
 
 struct ViewOptions {
   std::string input;
