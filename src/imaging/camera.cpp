@@ -118,7 +118,7 @@ void AllocateAovs(Camera& camera) {
     for (Aov& aov : camera.aovs)
       if (!Stopping()) InitializeAov(aov, camera.width, camera.height);
   } catch (const std::bad_alloc&) {
-    PrintError("camera - not enough memory for its images");
+    PrintError("camera - not enough memory for its images", {"camera-memory"});
     camera.regionXMax = camera.regionYMax = 0;
     for (Aov& aov : camera.aovs) {
       Release(aov.image.floatPixels);

@@ -5,6 +5,7 @@
 
 #include "core/console.h"
 #include "core/index.h"
+#include "core/progress.h"
 #include "core/release.h"
 #include "core/settings.h"
 #include "shading/name_index.h"
@@ -113,7 +114,7 @@ void FillSideLists(Shader& shader) {
     if (sideness != Sideness::kBack) add(shader.front, shader.frontCount);
     if (sideness != Sideness::kFace) add(shader.back, shader.backCount);
   }
-  if (dropped) PrintError("shader - too many layers on a side");
+  if (dropped) PrintError("shader - too many layers on a side", {"shader-layers"});
 }
 
 void DeriveFlags(SurfaceShader& s) {
@@ -233,8 +234,12 @@ void InitializeTextures(std::int32_t undefined) {
     }
   });
   bool failed = false;
-  for (std::size_t i = 0; i < images.size(); ++i)
-    if (wanted[i] && !LoadTexture(images[i])) failed = true;
+  PlanWork(Phase::kReading, static_cast<std::uint64_t>(std::count(wanted.begin(), wanted.end(), true)));
+  for (std::size_t i = 0; i < images.size(); ++i) {
+    if (!wanted[i]) continue;
+    if (!LoadTexture(images[i])) failed = true;
+    FinishWork(Phase::kReading);
+  }
   forEachSlot([&](ImageSlot& slot) {
     SettleMatrices(slot);
     if (!slot.imageName.empty()) slot.image = IfLoaded(slot.image);
