@@ -57,7 +57,7 @@ nodes, links = world.node_tree.nodes, world.node_tree.links
 background = nodes["Background"]
 if "map" in told:
     image = nodes.new("ShaderNodeTexEnvironment")
-    image.image = bpy.data.images.load(folder + "/" + told["map"])
+    image.image = bpy.data.images.load(folder + "/cycles_" + told["map"])
     links.new(image.outputs[0], background.inputs[0])
 else:
     background.inputs[0].default_value = tuple(told["sky"]) + (1,)
@@ -154,13 +154,16 @@ def field_under_map():
 SCENES = {"box with a lamp": box, "field, plain sky": field, "field, HDR map": field_under_map}
 
 
-def write_map(path, width=512, height=256):
-    """A bright blue sky with a small sun, over dark ground, as a Radiance picture."""
+def write_map(path, middle, width=512, height=256):
+    """A bright blue sky with a small sun, over dark ground, as a Radiance picture.
+
+    `middle` tells where in its cell a texel stands: zephlore takes the lower left corner, Cycles the middle.
+    """
     pixels = bytearray()
     for row in reversed(range(height)):
-        rise = math.pi * ((row + 0.5) / height - 0.5)
+        rise = math.pi * ((row + middle) / height - 0.5)
         for column in range(width):
-            turn = 2 * math.pi * (column + 0.5) / width
+            turn = 2 * math.pi * (column + middle) / width
             toward = math.cos(rise) * math.cos(turn - 2) * math.cos(0.7) + math.sin(rise) * math.sin(0.7)
             sun, up = 400 * math.exp((toward - 1) * 3000), max(0, math.sin(rise))
             sky = (0.25 + 0.2 * up, 0.4 + 0.3 * up, 0.8) if rise >= 0 else (0.1, 0.1, 0.08)
@@ -175,7 +178,8 @@ def write_scene(told, folder):
     folder.mkdir()
     (folder / "cycles.json").write_text(json.dumps(dict(told, bounces=BOUNCES)))
     if "map" in told:
-        write_map(folder / told["map"])
+        write_map(folder / told["map"], 0)
+        write_map(folder / ("cycles_" + told["map"]), 0.5)
     triple = lambda values: " ".join(str(v) for v in values)
     files = {
         "render": "format 2\nfinal_gather\nbounce %d\nray_depth %d\nend" % (BOUNCES, BOUNCES + 4),

@@ -79,8 +79,9 @@ struct NearestWalk {
       if (SkipsTriangle(part, block.primitive[i])) continue;
       if (tree.filtersVisibility && !IsVisible(block.shader[i], ray)) continue;
       const PrimitiveHit found = stored.Lane(i, block.shader[i]);
-      if (Counts(part, kKindTriangle, block.primitive[i], found))
-        Store(part, kKindTriangle, block.primitive[i], found);
+      if (!Counts(part, kKindTriangle, block.primitive[i], found)) continue;
+      Store(part, kKindTriangle, block.primitive[i], found);
+      Prefetch(&part.triangles[block.primitive[i]]);  // of which the hit's surface is made
     }
   }
 
