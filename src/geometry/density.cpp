@@ -192,12 +192,6 @@ bool AddDensity(const RayRecord& ray, CellSide side, Vec3 power) {
   return true;
 }
 
-void FetchDensity(const RayRecord& ray) {
-  const CellPlace place = PlaceOf(ray);
-  if (place.grid == nullptr) return;
-  __builtin_prefetch(&At(ray.frontFace ? place.grid->face : place.grid->back, place.index), 1);
-}
-
 Vec3 ReadDensity(const RayRecord& ray) {
   const CellPlace place = PlaceOf(ray);
   if (place.grid == nullptr) return kBlack;

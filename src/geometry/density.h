@@ -51,8 +51,6 @@ enum class CellSide { kMet, kOther };  // of the hit: the one that the ray has m
 // Adds photon power to the light that leaves the hit of `ray` on a side. Any thread. Instanced geometry, hair
 // and particles have no cells, and in format 1 what is smaller than 1e-5 takes nothing: false.
 bool AddDensity(const RayRecord& ray, CellSide side, Vec3 power);
-// Has the cells of a hit on their way to this thread's cache: other threads may have written them last.
-void FetchDensity(const RayRecord& ray);
 // The light that leaves the hit towards the ray's origin; black where there are no cells.
 Vec3 ReadDensity(const RayRecord& ray);
 

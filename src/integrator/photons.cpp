@@ -190,7 +190,6 @@ bool LeavesNothing(const Cast& cast, bool stores) {
 void BouncePhoton(RayRecord& ray, const Cast& cast, Trail& trail) {
   if (ray.depth > settings.said.photonDepth || IsBlack(ray.throughput) || Stopping()) return;
   if (LeavesNothing(cast, ray.photonStore && BounceCount(ray) == 0) || !Trace(ray)) return;
-  if (settings.derived.finalGathering) FetchDensity(ray);
   if (settings.derived.tracksMedia) ray.throughput *= Transmission(ray);
   ShadingPoint point;
   if (!SetUpShadingPoint(ray, point)) return;
