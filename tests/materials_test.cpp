@@ -148,7 +148,7 @@ TEST_F(Materials, MediaDimLightByTheLengthInside) {
       }
       if (fog) globalVolume.transmittance = medium;
       if (light == kParallel || light == kPhotons)
-        AddParallelLight({0, 0, -1}, 0, light == kPhotons ? 1000000 : 0);
+        AddParallelLight({0, 0, -1}, 0, light == kPhotons ? 200000 : 0);
       if (light == kPoint) AddPointLight({1e-3f, 0, 2}).color = Grey(4);
       cameras[0].ior = ior;
       LookAlong({0, 0, 1}, light == kSky ? Vec3{1, 0, 1} : kBlack);

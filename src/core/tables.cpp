@@ -27,7 +27,7 @@ constexpr std::array<std::uint8_t, 256> kPermutation = {
     181, 199, 106, 157, 184, 84,  204, 176, 115, 121, 50,  45,  127, 4,   150, 254, 138, 236, 205, 93,
     222, 114, 67,  29,  24,  72,  243, 141, 128, 195, 78,  66,  215, 61,  156, 180};
 
-// Not inlined into its callers as a whole: a base that the compiler knows takes no division.
+// Inlined, so that a base that the compiler knows takes no division.
 inline float InverseIn(std::uint32_t sample, std::uint32_t base) {
   const float inverse = 1.0f / static_cast<float>(base);
   float sum = 0, f = inverse;
