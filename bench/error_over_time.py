@@ -11,7 +11,8 @@ that hardly depends on what else the machine does. The error is the root of the 
 (value - reference)^2 / (reference^2 + 0.01^2), over pixels and channels; values are clipped to 4 first, which touches
 highlights and fireflies alone. The reference is the mean of two renders of other seeds; the noise that it still has,
 by the difference of the two, is taken off the mean square. The diffuse part leaves out the rectangle with the glass, the mirror and their
-caustics. Both modes gather the same caustic photons, so a bias of these shows in neither.
+caustics. Both modes gather caustic photons alike, so that a bias of these shows in neither; each seed has photons of its
+own, whose noise shows in the whole picture.
 """
 
 import argparse

@@ -203,12 +203,18 @@ class Photons : public RenderTest {
 
 TEST_F(Photons, CellsHoldThePowerThatLanded) {
   const Vec3 albedo = {0.8f, 0.4f, 0.1f}, cloth = {0.2f, 0.3f, 0.4f};
-  settings.said.photonDepth = 1;  // the first landing, and one more
-  // A point light in a closed room: all of its 4 pi color lands, and lands again.
-  AddRoom(1, AddShader("room", albedo, kBlack));
-  AddPointLight({0.2f, -0.3f, 0.1f}, 0, 50000).color = {1, 2, 3};
-  Initialize();
-  ExpectPower(PaintedPower(&CellGrid::face), 4 * kPi * Vec3{1, 2, 3} * (albedo + albedo * albedo));
+  // A point light in a closed room: all of its 4 pi color lands, and lands again, in format 2 by chance.
+  for (const auto& [format, landings] : {std::pair(1, 2), std::pair(2, 24)}) {
+    Restart();
+    settings.format = format;
+    settings.said.photonDepth = landings - 1;
+    AddRoom(1, AddShader("room", albedo, kBlack));
+    AddPointLight({0.2f, -0.3f, 0.1f}, 0, 50000).color = {1, 2, 3};
+    Initialize();
+    Vec3 landed, left = 4 * kPi * Vec3{1, 2, 3};
+    for (int i = 0; i < landings; ++i) landed += left *= albedo;
+    ExpectPower(PaintedPower(&CellGrid::face), landed);
+  }
   // A parallel light on two triangles: the share of its disc that they cover, once. Aslant, by the cosine.
   // Transmitted light is painted on the side that it leaves by; both lobes together lose and gain nothing.
   // Nor does a cut-out: what lands is less, and so is where it lands.
@@ -228,6 +234,31 @@ TEST_F(Photons, CellsHoldThePowerThatLanded) {
     ExpectPower(PaintedPower(&CellGrid::back), landed * cloth);
   }
   settings.format = 1;
+}
+
+// Specks on black ground, too small for the first photons to find them all: those that are followed where
+// nothing was found bring the others' light.
+TEST_F(Photons, AimedOnesBringAllLight) {
+  for (const bool sky : {false, true}) {
+    Restart();
+    settings.format = 2;
+    constexpr float kSize = 0.004f;
+    AddPlane(0, 1.5f, AddShader("ground", kBlack, kBlack));
+    const std::int32_t white = AddShader("speck", kWhite, kBlack);
+    for (int i = 0; i < 1600; ++i) {
+      const float x = static_cast<float>(i % 40 - 20) * 0.07f, y = static_cast<float>(i / 40 - 20) * 0.07f;
+      const float right = x + kSize, far = y + kSize, z = 0.001f;
+      AddTetragon(Geometry(), {Vec3{x, y, z}, Vec3{right, y, z}, Vec3{right, far, z}, Vec3{x, far, z}},
+                  white);
+    }
+    skyLight.color = sky ? kWhite : kBlack;
+    if (sky)
+      skyLight.photon = 4000000;
+    else
+      AddParallelLight({0, 0, -1}, 0, 1000000);
+    Initialize();
+    EXPECT_NEAR(PaintedPower(&CellGrid::face).x / (1600 * kSize * kSize), 1, 0.15f) << sky;
+  }
 }
 
 TEST_F(Photons, LevelsFollowTheResolutionAndTheShaders) {

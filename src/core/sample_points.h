@@ -39,6 +39,7 @@ enum Decision : std::uint32_t {
   kDecideLens = 8,
   kDecideLayer,
   kDecideExit,
+  kDecidePhoton,      // where it begins
   kDecideLight = 16,  // the first light; others follow
 };
 

@@ -29,9 +29,8 @@ constexpr std::array<std::uint8_t, 256> kPermutation = {
     181, 199, 106, 157, 184, 84,  204, 176, 115, 121, 50,  45,  127, 4,   150, 254, 138, 236, 205, 93,
     222, 114, 67,  29,  24,  72,  243, 141, 128, 195, 78,  66,  215, 61,  156, 180};
 
-}  // namespace
-
-float RadicalInverse(std::uint32_t sample, std::uint32_t base) {
+// Inlined, so that a base that the compiler knows takes no division.
+inline float InverseIn(std::uint32_t sample, std::uint32_t base) {
   const float inverse = 1.0f / static_cast<float>(base);
   float sum = 0, f = inverse;
   for (; sample != 0; sample /= base) {
@@ -39,6 +38,23 @@ float RadicalInverse(std::uint32_t sample, std::uint32_t base) {
     f *= inverse;
   }
   return std::min(sum, 0x1.fffffep-1f);  // many digits round up
+}
+
+}  // namespace
+
+float RadicalInverse(std::uint32_t sample, std::uint32_t base) {
+  switch (base) {  // those that photons begin by
+    case 2:
+      return InverseIn(sample, 2);
+    case 3:
+      return InverseIn(sample, 3);
+    case 5:
+      return InverseIn(sample, 5);
+    case 7:
+      return InverseIn(sample, 7);
+    default:
+      return InverseIn(sample, base);
+  }
 }
 
 void FillExponentTable() {

@@ -178,17 +178,18 @@ std::int32_t TetragonCell(float u, float v, std::int32_t level) {
   return Step(u, level) * level + Step(v, level);
 }
 
-void AddDensity(const RayRecord& ray, CellSide side, Vec3 power) {
+bool AddDensity(const RayRecord& ray, CellSide side, Vec3 power) {
   const CellPlace place = PlaceOf(ray);
-  if (place.grid == nullptr) return;
+  if (place.grid == nullptr) return false;
   const auto primitive = static_cast<std::uint32_t>(ray.primitive);
   const float area =
       ray.kind == kKindTriangle ? TriangleArea(*ray.part, primitive) : TetragonArea(*ray.part, primitive);
-  if (!(area > LeastFace())) return;
+  if (!(area > LeastFace())) return false;
   const bool face = ray.frontFace == (side == CellSide::kMet);
   auto cells = static_cast<float>(place.level * place.level);
   if (!place.grid->share.empty()) cells /= At(place.grid->share, place.index);
   AddShared(At(face ? place.grid->face : place.grid->back, place.index), power / area * cells);
+  return true;
 }
 
 Vec3 ReadDensity(const RayRecord& ray) {

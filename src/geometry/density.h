@@ -49,8 +49,8 @@ std::int32_t TetragonCell(float u, float v, std::int32_t level);
 enum class CellSide { kMet, kOther };  // of the hit: the one that the ray has met, or the one behind
 
 // Adds photon power to the light that leaves the hit of `ray` on a side. Any thread. Instanced geometry, hair
-// and particles have no cells, and in format 1 what is smaller than 1e-5 takes nothing.
-void AddDensity(const RayRecord& ray, CellSide side, Vec3 power);
+// and particles have no cells, and in format 1 what is smaller than 1e-5 takes nothing: false.
+bool AddDensity(const RayRecord& ray, CellSide side, Vec3 power);
 // The light that leaves the hit towards the ray's origin; black where there are no cells.
 Vec3 ReadDensity(const RayRecord& ray);
 

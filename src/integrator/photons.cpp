@@ -18,6 +18,7 @@
 #include "geometry/density.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
+#include "integrator/photon_aim.h"
 #include "lights/lights.h"
 #include "lights/photon_store.h"
 
@@ -46,6 +47,12 @@ struct Landing {
 };
 using Landings = std::vector<Landing>;
 
+// What the photons of one thread leave.
+struct alignas(64) Trail {
+  Landings landings;
+  bool useful = false;  // some light of the photon that is on its way
+};
+
 // Without AOVs where nothing asks for light paths. Intended: the camera's first pose, in perspective.
 PathSensor MakePathSensor() {
   PathSensor sensor;
@@ -61,6 +68,8 @@ PathSensor MakePathSensor() {
   sensor.height = static_cast<float>(camera->height);
   return sensor;
 }
+
+float Largest(Vec3 c) { return std::max({c.x, c.y, c.z}); }
 
 // The pixel that sees `position`, and the area that it sees there face on. False outside of the picture.
 bool ProjectToSensor(const PathSensor& sensor, Vec3 position, std::size_t& pixel, float& facingArea) {
@@ -102,7 +111,7 @@ Vec3 Scattering(const ShadingPoint& point, Vec3 direction) {
   const float distance = std::sqrt(Dot(way, way));
   const Vec3 direction = way / distance;
   Vec3 light = ray.photonPower * ray.throughput * Scattering(point, direction);
-  if (!(std::max({light.x, light.y, light.z}) > 0)) return;
+  if (!(Largest(light) > 0)) return;
   RayRecord shadow = MakeChildRay(ray, point, kEventLightSample, direction, kWhite);
   shadow.t = distance;
   const Vec3 left = LightLeft(shadow);
@@ -116,7 +125,7 @@ Vec3 Scattering(const ShadingPoint& point, Vec3 direction) {
   }
 }
 
-void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings);
+void BouncePhoton(RayRecord& ray, const Cast& cast, Trail& trail);
 
 // What is left of the light at a landing, before the colour, and what of that goes on in a direction. Format
 // 1 takes off the mirrored share by where the photon came from; format 2 by where the light goes, as eyes do,
@@ -133,18 +142,29 @@ float LeavingWeight(const ShadingPoint& point, Vec3 direction) {
              : DiffuseWeightAt(point, std::fabs(Dot(direction, point.normal)));
 }
 
+// In format 2 photons that have left by a diffuse or rough lobe once go on by chance, as bright as they came:
+// so there are as many as there is light. Before that, photons of weak reflections make better caustics.
+bool GoesOn(const RayRecord& ray, RayRecord& child) {
+  if (settings.format < 2 || BounceCount(child) == 0) return true;
+  const float chance = Largest(child.throughput) / Largest(ray.throughput);
+  if (!(chance < 1)) return true;
+  if (!(RandomFloat() < chance)) return false;
+  child.throughput *= 1 / chance;
+  return true;
+}
+
 // One of the two diffuse lobes: paints the side that the light leaves by, and goes on.
 void BounceDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event, Vec3 color, const Cast& cast,
-                   Landings& landings) {
+                   Trail& trail) {
   const Vec3 throughput = LandingWeight(ray, point, cast) * color * ray.throughput;
   if (IsBlack(throughput) || !settings.derived.finalGathering) return;
-  AddDensity(ray, event == kEventLambertian ? CellSide::kMet : CellSide::kOther,
-             throughput * ray.photonPower);
+  const CellSide side = event == kEventLambertian ? CellSide::kMet : CellSide::kOther;
+  if (AddDensity(ray, side, throughput * ray.photonPower)) trail.useful = true;
   Vec3 direction;
   if (!DiffuseDirection(ray, point, event, ray.sampleNumber, direction)) return;
   RayRecord child = MakeChildRay(ray, point, event, direction, LeavingWeight(point, direction) * throughput);
   ++child.diffuseBounces;
-  BouncePhoton(child, cast, landings);
+  if (GoesOn(ray, child)) BouncePhoton(child, cast, trail);
 }
 
 // Light, then mirrors and glass alone, then a diffuse surface.
@@ -157,15 +177,21 @@ bool IsCaustic(const RayRecord& ray, const ShadingPoint& point) {
 }
 
 void BounceLobe(const RayRecord& ray, const ShadingPoint& point, const LobeRays& ways, Vec3 color,
-                const Cast& cast, Landings& landings) {
+                const Cast& cast, Trail& trail) {
   for (int i = 0; i < ways.count; ++i) {
     RayRecord child = MakeLobeChild(ray, point, ways.ways[i], ray.throughput * color);
-    BouncePhoton(child, cast, landings);
+    if (GoesOn(ray, child)) BouncePhoton(child, cast, trail);
   }
 }
 
-void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings) {
-  if (ray.depth > settings.said.photonDepth || IsBlack(ray.throughput) || Stopping() || !Trace(ray)) return;
+// Photons that neither paint cells nor can become caustics, nor are drawn, leave nothing behind.
+bool LeavesNothing(const Cast& cast, bool stores) {
+  return !settings.derived.finalGathering && !stores && cast.sensor.aovs.empty();
+}
+
+void BouncePhoton(RayRecord& ray, const Cast& cast, Trail& trail) {
+  if (ray.depth > settings.said.photonDepth || IsBlack(ray.throughput) || Stopping()) return;
+  if (LeavesNothing(cast, ray.photonStore && BounceCount(ray) == 0) || !Trace(ray)) return;
   if (settings.derived.tracksMedia) ray.throughput *= Transmission(ray);
   ShadingPoint point;
   if (!SetUpShadingPoint(ray, point)) return;
@@ -174,28 +200,29 @@ void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings) {
   const bool linked = ray.parentPoint != nullptr || IsLinked(cast.link, ray.shader);
   if (linked && !cast.sensor.aovs.empty()) SplatLightPath(ray, point, cast);
   if (linked && (point.has[Lobe::kLambertian] || point.has[Lobe::kTransmissive])) {
-    if (IsCaustic(ray, point))
+    if (IsCaustic(ray, point)) {
       // Of the photons that came, those on a cut-out stand for the others, which flew on.
-      landings.push_back(
+      trail.landings.push_back(
           {ray.sampleNumber,
            {point.position, ray.photonPower * ray.throughput / Opacity(ShaderAt(ray.shader), point.uv),
             PackDirection(point.outgoing), PackDirection(point.geometricNormal)}});
+      trail.useful = true;
+    }
     if (point.has[Lobe::kLambertian])
-      BounceDiffuse(ray, point, kEventLambertian, point.color[Lobe::kLambertian], cast, landings);
+      BounceDiffuse(ray, point, kEventLambertian, point.color[Lobe::kLambertian], cast, trail);
     if (point.has[Lobe::kTransmissive])
-      BounceDiffuse(ray, point, kEventTransmissive, point.color[Lobe::kTransmissive], cast, landings);
+      BounceDiffuse(ray, point, kEventTransmissive, point.color[Lobe::kTransmissive], cast, trail);
   }
   if (ray.depth == 255) return;  // the bytes that count bounces are full
   if (point.has[Lobe::kGlossy] && IsHair(point)) {
     Vec3 weight;
     RayRecord child = MakeFiberChild(ray, point, ray.throughput * point.color[Lobe::kGlossy], weight);
-    BouncePhoton(child, cast, landings);
+    if (GoesOn(ray, child)) BouncePhoton(child, cast, trail);
   } else if (point.has[Lobe::kGlossy]) {
-    BounceLobe(ray, point, GlossyRays(ray, point, ray.sampleNumber), point.color[Lobe::kGlossy], cast,
-               landings);
+    BounceLobe(ray, point, GlossyRays(ray, point, ray.sampleNumber), point.color[Lobe::kGlossy], cast, trail);
   }
   if (point.has[Lobe::kSpecular])
-    BounceLobe(ray, point, SpecularRays(ray, point), point.color[Lobe::kSpecular], cast, landings);
+    BounceLobe(ray, point, SpecularRays(ray, point), point.color[Lobe::kSpecular], cast, trail);
 }
 
 // Tells how far a cast has come, from any of its threads, once for each per cent.
@@ -203,15 +230,17 @@ class CastProgress {
  public:
   explicit CastProgress(std::int64_t total) : total_(total), step_(std::max<std::int64_t>(total / 100, 1)) {}
 
-  void Report(std::int64_t photon) {
-    if (photon % step_ != 0) return;
-    const std::int64_t percent = 100 * photon / total_;
+  // Photons first <= i < end are about to be cast.
+  void Report(std::int64_t first, std::int64_t end) {
+    for (std::int64_t i = (first + step_ - 1) / step_ * step_; i < end; i += step_) {
+      const std::int64_t percent = 100 * i / total_;
 #pragma omp critical(photonProgress)
-    if (percent > shown_) {
-      shown_ = percent;
-      PrintProgressRow("photon cast ", static_cast<float>(percent), "%");
-      FinishWork(Phase::kCasting, static_cast<std::uint64_t>(photon - told_));
-      told_ = photon;
+      if (percent > shown_) {
+        shown_ = percent;
+        PrintProgressRow("photon cast ", static_cast<float>(percent), "%");
+        FinishWork(Phase::kCasting, static_cast<std::uint64_t>(i - told_));
+        told_ = i;
+      }
     }
   }
   void End() const { FinishWork(Phase::kCasting, static_cast<std::uint64_t>(total_ - told_)); }
@@ -220,51 +249,76 @@ class CastProgress {
   std::int64_t total_, step_, shown_ = -1, told_ = 0;
 };
 
-void Store(const std::vector<Landings>& ofThreads) {
+void Store(const std::vector<Trail>& ofThreads) {
   Landings all;
-  for (const Landings& landings : ofThreads) all.insert(all.end(), landings.begin(), landings.end());
+  for (const Trail& trail : ofThreads) all.insert(all.end(), trail.landings.begin(), trail.landings.end());
   std::stable_sort(all.begin(), all.end(),
                    [](const Landing& a, const Landing& b) { return a.number < b.number; });
   photonStore.photons.reserve(photonStore.photons.size() + all.size());
   for (const Landing& landing : all) photonStore.photons.push_back(landing.photon);
 }
 
+// Calls castOne(i) for first <= i < end, on as many threads as that is worth. Paths differ greatly in length;
+// so many photons at a time keep the threads from queueing for work. Dealt out by hand, since a loop of
+// OpenMP has no end before its last number.
+template <class CastOne>
+void CastRange(std::int64_t first, std::int64_t end, int threads, CastProgress& progress,
+               const CastOne& castOne) {
+  const std::int64_t share = std::clamp<std::int64_t>((end - first) / (128 * threads), 16, 1024);
+  std::atomic<std::int64_t> next = first;
+#pragma omp parallel num_threads(threads)
+  while (!Stopping()) {
+    const std::int64_t start = next.fetch_add(share, std::memory_order_relaxed);
+    if (start >= end) break;
+    const std::int64_t behind = std::min(start + share, end);
+    progress.Report(start, behind);
+    for (std::int64_t i = start; i < behind; ++i) castOne(i);
+  }
+}
+
 // Casts `count` photons, whose sample numbers start at ordinal * count, or behind those of the other shares
-// of the frame; make(ray, number) starts one.
+// of the frame; make(ray, number) starts one, and so many of its numbers tell where it begins: 0 where photons
+// are not aimed.
 template <class MakeRay>
-void CastFrom(std::int64_t count, std::uint32_t ordinal, const Cast& cast, const MakeRay& make) {
+void CastFrom(std::int64_t count, std::uint32_t ordinal, const Cast& cast, int axes, const MakeRay& make) {
   for (ThreadSlot& slot : threadSlots) slot.rays = slot.shadowRays = 0;
   const std::int64_t start = WallTicks();
   const bool few = !IsWorthThreads(static_cast<std::size_t>(std::max<std::int64_t>(count, 0)), 500);
   const int threads = few ? 1 : std::clamp(omp_get_max_threads(), 1, kMaxThreads);
-  std::vector<Landings> landings(static_cast<std::size_t>(threads));
+  std::vector<Trail> trails(static_cast<std::size_t>(threads));
   CastProgress progress(count);
+  PhotonAim aim;
+  aim.trials = count;
+  // Whoever draws light paths wants to see them all.
+  if (settings.format >= 2 && axes > 0 && cast.sensor.aovs.empty()) aim = MakePhotonAim(count, axes);
   const auto castOne = [&](std::int64_t i) {
-    const auto thread = static_cast<std::uint8_t>(omp_get_thread_num());
     const std::int64_t set = static_cast<std::int64_t>(ordinal) + frameShare.photons;
     const auto number = static_cast<std::uint32_t>(set * count + i);
+    std::size_t cell = 0;
+    float chance = 1;
+    if (aim.axes > 0) {
+      const PhotonNumbers numbers(number);
+      cell = AimCell(aim, numbers);
+      if (i >= aim.trials) chance = aim.chances[cell];
+      if (chance < 1 && !(numbers.Extra() < chance)) return;
+    }
     RekeyRandom(number, ~std::uint64_t{frameShare.photons});
+    const auto thread = static_cast<std::uint8_t>(omp_get_thread_num());
     RayRecord ray;
     ray.thread = thread;
     make(ray, number);
-    const Vec3 power = ray.photonPower;
-    if (std::max({power.x, power.y, power.z}) > 0 && IsFinite(power))
-      BouncePhoton(ray, cast, landings[thread]);
-    progress.Report(i);
+    ray.photonPower *= 1 / chance;
+    Trail& trail = trails[thread];
+    trail.useful = false;
+    if (Largest(ray.photonPower) > 0 && IsFinite(ray.photonPower)) BouncePhoton(ray, cast, trail);
+    if (i < aim.trials && aim.axes > 0) CountTrial(aim, cell, trail.useful);
   };
-  // Paths differ greatly in length; so many photons at a time keep the threads from queueing for work. Dealt
-  // out by hand, since a loop of OpenMP has no end before its last number.
-  constexpr std::int64_t kShare = 64;
-  std::atomic<std::int64_t> next = 0;
-#pragma omp parallel num_threads(threads)
-  while (!Stopping()) {
-    const std::int64_t first = next.fetch_add(kShare, std::memory_order_relaxed);
-    if (first >= count) break;
-    for (std::int64_t i = first; i < std::min(first + kShare, count); ++i) castOne(i);
-  }
+  CastRange(0, aim.trials, threads, progress, castOne);
+  SettleChances(aim);
+  CastRange(aim.trials, count, threads, progress, castOne);
   if (Stopping()) return;
   progress.End();
-  Store(landings);
+  Store(trails);
   const double microseconds = std::max(static_cast<double>(WallTicks() - start) / 10, 1.0);
   std::uint64_t rays = 0;
   for (ThreadSlot& slot : threadSlots) rays += slot.rays;
@@ -272,17 +326,12 @@ void CastFrom(std::int64_t count, std::uint32_t ordinal, const Cast& cast, const
                 "M rays/second");
 }
 
-// Photons that neither paint cells nor can become caustics, nor are drawn, leave nothing behind.
-bool LeavesNothing(const Cast& cast, bool stores) {
-  return !settings.derived.finalGathering && !stores && cast.sensor.aovs.empty();
-}
-
 template <class Light>
 void CastPhotonsFromLights(const std::vector<Light>& lights) {
   std::uint32_t ordinal = 0;
   for (const Light& light : lights) {
     if (light.photon <= 0) continue;
-    CastFrom(light.photon, ordinal++, {light.link, light.offset, MakePathSensor()},
+    CastFrom(light.photon, ordinal++, {light.link, light.offset, MakePathSensor()}, 2,
              [&](RayRecord& ray, std::uint32_t number) { MakePhotonRay(light, ray, number); });
   }
 }
@@ -306,8 +355,8 @@ void CastPhotons() {
                                                         CountPhotons(pointLights) + ofGeometry + ofSky));
   CastPhotonsFromLights(parallelLights);
   CastPhotonsFromLights(pointLights);
-  if (ofGeometry > 0) CastFrom(ofGeometry, 0, fromGeometry, MakeGeometryPhotonRay);
-  if (ofSky > 0) CastFrom(ofSky, 0, fromSky, MakeSkyPhotonRay);
+  if (ofGeometry > 0) CastFrom(ofGeometry, 0, fromGeometry, 0, MakeGeometryPhotonRay);
+  if (ofSky > 0) CastFrom(ofSky, 0, fromSky, 4, MakeSkyPhotonRay);
 }
 
 }  // namespace zp

@@ -286,21 +286,23 @@ bool SampleGeometryLight(const LightReceiver& receiver, double choice, float a, 
 }
 
 void MakeGeometryPhotonRay(RayRecord& ray, std::uint32_t sample) {
-  StartPhotonRay(ray, sample, 4, 1);
+  const PhotonNumbers numbers(sample);
+  const Vec2 place = numbers.First(), way = numbers.Second();
+  StartPhotonRay(ray, numbers, 4, 1);
   EmitterPick pick;
   const auto photons = static_cast<std::uint32_t>(std::max(PhotonsOf(geometryLight.photon), 1));
   // Without an emitter the ray has no power, and nobody follows it.
   if (!PickEmitter(false, StratifiedNumber(sample, photons), pick)) return;
   ShadingPoint point;
-  PlaceOnEmitter(pick, Halton(sample, 0), Halton(sample, 1), point);
+  PlaceOnEmitter(pick, place.x, place.y, point);
   if (point.normal == kBlack) return;  // a face without an area
-  const Vec3 local = CosineDirection(Halton(sample, 2), Halton(sample, 3));
+  const Vec3 local = CosineDirection(way.x, way.y);
   ray.origin = point.position;
   ray.direction = local.x * point.tangent + local.y * point.bitangent + local.z * point.normal;
   const Shader& shader = ShaderOf(pick);
   const bool front = pick.side != 0;
   if (settings.format >= 2) {
-    const float area = AreaElement(pick, Halton(sample, 0), Halton(sample, 1));
+    const float area = AreaElement(pick, place.x, place.y);
     ray.photonPower = (Opacity(shader, point.uv) * area / (pick.weight * static_cast<float>(photons))) *
                       SeenEmission(shader, front, ray.direction, point);
     ray.photonStore = point.virtualLight;

@@ -5,7 +5,6 @@
 #include "core/console.h"
 #include "core/index.h"
 #include "core/settings.h"
-#include "core/tables.h"
 #include "lights/light_aovs.h"
 #include "lights/light_photons.h"
 #include "lights/lights.h"
@@ -51,23 +50,23 @@ struct PhotonStart {
   Vec3 direction;
   Vec3 radiance;
 };
-PhotonStart StartAnywhere(std::uint32_t sample) {
-  const float phi = 2 * kPi * Halton(sample, 0), z = 1 - 2 * Halton(sample, 1);
+PhotonStart StartAnywhere(Vec2 numbers) {
+  const float phi = 2 * kPi * numbers.x, z = 1 - 2 * numbers.y;
   const float radius = std::sqrt(std::max(1 - z * z, 0.0f));
   const Vec3 direction = {radius * std::cos(phi), radius * std::sin(phi), z};
   return {direction, SkyRadiance(direction)};
 }
-PhotonStart StartAtCell(std::uint32_t sample) {
+PhotonStart StartAtCell(Vec2 numbers) {
   if (settings.format >= 2) {
     PhotonStart start;
     float density = 0;
-    if (!SampleTable(sky.table, Halton(sample, 0), Halton(sample, 1), start.direction, density)) return start;
+    if (!SampleTable(sky.table, numbers.x, numbers.y, start.direction, density)) return start;
     start.radiance = SkyRadiance(start.direction) / (4 * kPi * density);
     return start;
   }
-  const std::int32_t row = UpperBound(sky.table.rows, Halton(sample, 0));
+  const std::int32_t row = UpperBound(sky.table.rows, numbers.x);
   const Distribution& cells = At(sky.table.cells, row);
-  const std::int32_t cell = UpperBound(cells, Halton(sample, 1));
+  const std::int32_t cell = UpperBound(cells, numbers.y);
   const float probability = At(sky.table.rows.weights, row) * At(cells.weights, cell);
   // From the corner of the cell, as if all cells were of one size: format 1.
   const Vec3 direction =
@@ -152,11 +151,13 @@ float SkyDensity(Vec3 direction) { return TableDensity(sky.table, direction); }
 // Fills the whole ray but its thread and its link to the light, which the cast sets. The rays of all photons
 // cover the scene's bounding sphere from a disc one radius outside of it.
 void MakeSkyPhotonRay(RayRecord& ray, std::uint32_t sample) {
-  const PhotonStart start = sky.table.cells.empty() ? StartAnywhere(sample) : StartAtCell(sample);
+  const PhotonNumbers numbers(sample);
+  const Vec2 way = numbers.First(), place = numbers.Second();
+  const PhotonStart start = sky.table.cells.empty() ? StartAnywhere(way) : StartAtCell(way);
   const Vec3 d = start.direction;
   const Vec3 axis = UnitPerpendicular(d);
-  const Vec2 disc = ConcentricDisk(Halton(sample, 2), Halton(sample, 3));
-  StartPhotonRay(ray, sample, 4, skyLight.ior);
+  const Vec2 disc = ConcentricDisk(place.x, place.y);
+  StartPhotonRay(ray, numbers, 4, skyLight.ior);
   ray.origin = sceneCenter + sceneRadius * (disc.x * axis + disc.y * Cross(axis, d) + d);
   ray.direction = -d;
   const std::int32_t photons = PhotonsOf(skyLight.photon);
