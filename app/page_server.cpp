@@ -233,7 +233,10 @@ std::string StartPageServer(const PageAddress& address, PageSource source) {
 }
 
 std::string PageUrl() {
-  return "http://" + HostText(page->address.host) + ':' + std::to_string(page->address.port) + '/';
+  std::string host = page->address.host;
+  char name[256] = "";
+  if ((host == "0.0.0.0" || host == "::") && gethostname(name, sizeof name - 1) == 0) host = name;
+  return "http://" + HostText(host) + ':' + std::to_string(page->address.port) + '/';
 }
 
 void StopPageServer() {

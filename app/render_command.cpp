@@ -206,7 +206,7 @@ int RenderFrame(const RenderOptions& options, std::vector<SceneFile> files, Chec
   frameObserver.passDone = [&](const FrameReport& report) {
     TellFrame(report, keeper.Seconds(), options.time);
     keeper.PassDone(report);
-    PagePause();
+    PagePassDone();
   };
   frameObserver.rowsDone = [&](const FrameReport& report) {
     TellFrame(report, keeper.Seconds(), options.time);
@@ -215,7 +215,7 @@ int RenderFrame(const RenderOptions& options, std::vector<SceneFile> files, Chec
   };
   frameObserver.paused = [&](const FrameReport&) {
     keeper.Paused();
-    PagePause();
+    PagePaused();
   };
   frameObserver.finish = first > 0 && !keeper.HasTimeLeft();
   RenderLoop(first);

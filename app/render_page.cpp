@@ -27,6 +27,7 @@ struct RenderPage {
   bool after = false;
   std::string scene;
   Snapshots snapshots;
+  Clock::time_point pauseAsked = Clock::now();
   std::atomic<bool> stopAsked = false;   // by a viewer, while it rendered
   std::atomic<bool> closeAsked = false;  // by a viewer, behind the end
   std::atomic<bool> endSeen = false;
@@ -160,15 +161,22 @@ void BeginPageFrame() {
 }
 
 void PageRowsDone() {
-  if (page != nullptr && page->snapshots.AreDue()) framePause = true;
+  if (page == nullptr || !page->snapshots.AreDue()) return;
+  page->pauseAsked = Clock::now();
+  framePause = true;
 }
 
-void PagePause() {
-  if (page != nullptr && page->snapshots.AreDue()) page->snapshots.Take();
+void PagePassDone() {
+  if (page != nullptr && page->snapshots.AreDue()) page->snapshots.Take(0);
+}
+
+void PagePaused() {
+  if (page == nullptr || !page->snapshots.AreDue()) return;
+  page->snapshots.Take(std::chrono::duration<double>(Clock::now() - page->pauseAsked).count());
 }
 
 void EndPageFrame() {
-  if (page != nullptr && (page->after || page->snapshots.AreWatched())) page->snapshots.Take(page->after);
+  if (page != nullptr && (page->after || page->snapshots.AreWatched())) page->snapshots.Take(0, page->after);
 }
 
 bool ViewerStopped() { return page != nullptr && page->stopAsked; }

@@ -14,7 +14,8 @@ std::string OpenPage(const ServeOptions& options, const std::string& scene);
 // To be told what frameObserver is told, and of the frame's begin, on the thread that renders.
 void BeginPageFrame();
 void PageRowsDone();
-void PagePause();
+void PagePassDone();
+void PagePaused();
 // The frame has ended, and its images are there still.
 void EndPageFrame();
 // A viewer has ended the render: what there is shall be saved, and all is well.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <new>
 
 #include "core/index.h"
 #include "core/settings.h"
@@ -13,7 +14,7 @@ namespace {
 
 constexpr auto kLately = std::chrono::seconds(5);
 constexpr double kLeastPause = 0.5;  // seconds between two copies
-constexpr double kCopyShare = 0.01;  // of the time
+constexpr double kMostShare = 0.02;  // of the time
 
 double SecondsSince(std::chrono::steady_clock::time_point begin) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
@@ -142,7 +143,7 @@ void Snapshots::Begin(Camera& camera) {
 
 bool Snapshots::AreDue() const {
   const std::lock_guard lock(mutex_);
-  if (SecondsSince(taken_) < std::max(kLeastPause, takeSeconds_ / kCopyShare)) {
+  if (SecondsSince(taken_) < std::max(kLeastPause, cost_ / kMostShare)) {
     // Whoever comes late, or asks for another image, has not to wait as long.
     if (SecondsSince(taken_) < kLeastPause) return false;
     return std::any_of(entries_.begin(), entries_.end(),
@@ -152,7 +153,7 @@ bool Snapshots::AreDue() const {
                      [](const Entry& entry) { return IsRecent(entry.asked); });
 }
 
-void Snapshots::Take(bool all) {
+void Snapshots::Take(double waited, bool all) {
   if (!IsIndex(cameras, settings.frame.activeCamera)) return;
   const auto begin = Clock::now();
   std::vector<bool> wanted;
@@ -164,9 +165,14 @@ void Snapshots::Take(bool all) {
   VisitFrameAovs(At(cameras, settings.frame.activeCamera), [&](const Aov& aov) {
     const std::size_t i = index++;
     if (i >= wanted.size() || !wanted[i] || aov.image.width <= 0) return;
-    auto copy = std::make_shared<Copy>();
-    copy->aov = aov;
-    copy->state = frameState;
+    std::shared_ptr<Copy> copy;
+    try {
+      copy = std::make_shared<Copy>();
+      copy->aov = aov;
+      copy->state = frameState;
+    } catch (const std::bad_alloc&) {
+      return;  // who looks on shall not end what is looked at
+    }
     copy->passes = settings.frame.passIndex;
     const std::lock_guard lock(mutex_);
     copy->version = ++lastVersion_;
@@ -174,7 +180,8 @@ void Snapshots::Take(bool all) {
   });
   const std::lock_guard lock(mutex_);
   taken_ = Clock::now();
-  takeSeconds_ = std::chrono::duration<double>(taken_ - begin).count();
+  // On the average threads wait for half of what the last one takes to end its row.
+  cost_ = waited / 2 + std::chrono::duration<double>(taken_ - begin).count();
 }
 
 std::vector<std::string> Snapshots::Names() const {

@@ -1,6 +1,6 @@
 // app/snapshots.h: copies of a frame's images for those who watch it. The thread that renders makes them
 // between passes or while a pass is paused, of what somebody has asked for lately and no more often than
-// costs a hundredth of the time; other threads read them as long as they like.
+// costs a fiftieth of the time; other threads read them as long as they like.
 
 #pragma once
 
@@ -44,7 +44,8 @@ class Snapshots {
   // all images where `all` is set.
   void Begin(Camera& camera);
   bool AreDue() const;
-  void Take(bool all = false);
+  //   waited  seconds that it took to pause
+  void Take(double waited, bool all = false);
 
   // By any thread. The names of the images, those of the camera first; empty before the first frame.
   std::vector<std::string> Names() const;
@@ -67,7 +68,7 @@ class Snapshots {
   std::vector<Entry> entries_;
   std::uint64_t lastVersion_ = 0;
   Clock::time_point taken_ = Clock::now() - std::chrono::hours(1);
-  double takeSeconds_ = 0;
+  double cost_ = 0;  // of the last copies, seconds
 };
 
 }  // namespace zp

@@ -38,6 +38,7 @@ function keepAddress() {
 }
 
 const clamp = (value, least, most) => Math.min(Math.max(value, least), most);
+const sentence = (text) => text[0].toUpperCase() + text.slice(1);
 const grouped = (number) => number.toLocaleString('en');
 
 function clock(seconds) {
@@ -57,7 +58,7 @@ function showProgress() {
   const begun = p.begun > 0 ? `, ${Math.floor(100 * p.begun)} %` : '';
   const pass = p.done + (p.begun > 0 || p.done === 0 ? 1 : 0);
   const phase = ended ? status.end : stopping ? 'saving images' : p.phase === 'passes' ? 'pass' : p.phase;
-  $('phase').textContent = phase[0].toUpperCase() + phase.slice(1);
+  $('phase').textContent = sentence(phase);
   $('count').textContent = ended || stopping || !p.total ? ''
       : p.phase === 'passes' ? ` ${grouped(pass)} of ${grouped(p.total)}${begun}`
       : ` ${grouped(p.done)} of ${grouped(p.total)} ${units[p.phase]}`;
@@ -123,9 +124,10 @@ async function ask() {
   } catch (error) {
     lost++;
     if (lost > 1 && status) {
-      $('phase').textContent = status.state === 'running' ? 'no answer from the render' : status.end || 'ended';
-      $('count').textContent = '';
+      $('phase').textContent = status.end ? sentence(status.end) : 'The render does not answer';
+      $('count').textContent = $('left').textContent = $('rate').textContent = '';
       $('stop').disabled = true;
+      $('stop').textContent = status.end ? 'Ended' : 'Save and stop';
     }
   }
   setTimeout(ask, lost > 1 || document.hidden ? 3000 : 400);
@@ -351,10 +353,14 @@ function setExposure(stops) {
   loadPicture();
 }
 
+// Depths and colours want other exposures than light: each image keeps its own.
+const exposures = new Map();
 function setImage(index) {
+  exposures.set(look.image, look.exposure);
   look.image = clamp(index, 0, status ? status.images.length - 1 : 0);
   $('image').selectedIndex = look.image;
   if (status) status.version = 0;
+  setExposure(exposures.get(look.image) || 0);
   keepAddress();
   draw();
 }
