@@ -32,6 +32,10 @@ struct ServeOptions {
   bool after = false;                // goes on behind the last pass, until somebody closes it
 };
 
+struct Passes {
+  std::int32_t begin = 0, end = 0;  // the latter is one behind the last
+};
+
 // Anything unset is left as the scene has it.
 struct RenderOptions {
   std::string scene;   // folder
@@ -53,9 +57,20 @@ struct RenderOptions {
   std::string resume;               // checkpoint to go on from, and to keep
   std::optional<double> time;       // seconds that the frame may take
   ServeOptions serve;
-  std::string report;  // JSON file that tells what became of the run; empty: none
+  std::optional<Passes> passes;  // those of a part of the frame; it has no images but with `output`
+  bool varyPhotons = false;      // parts cast photons of their own
+  std::string report;            // JSON file that tells what became of the run; empty: none
 };
 int RunRender(const RenderOptions& options);
+
+struct MergeOptions {
+  std::string output;              // beauty image, or a checkpoint if the name ends in .zpc
+  std::vector<std::string> parts;  // checkpoints
+  bool partial = false;            // passes may be missing
+  bool linear = false;             // as in RenderOptions
+  bool quiet = false;
+};
+int RunMerge(const MergeOptions& options);
 
 struct ViewOptions {
   std::string input;

@@ -158,6 +158,35 @@ void AddServing(CLI::App& render, ServeOptions& options) {
       ->needs(serve);
 }
 
+void AddParts(CLI::App& render, RenderOptions& options) {
+  render
+      .add_option_function<std::string>(
+          "--passes",
+          [&options](const std::string& text) {
+            std::array<std::int32_t, 2> range = {};
+            if (!ParseIntegers(text, ':', range) || range[0] < 0 || range[1] <= range[0] ||
+                range[1] > kMostSamples)
+              throw CLI::ValidationError("--passes", "'" + text + "' is no range of passes like 0:8");
+            options.passes = Passes{range[0], range[1]};
+          },
+          "Render a part of the frame: these passes, the second excluded, into --checkpoint")
+      ->type_name("A:B");
+  render.add_flag("--vary-photons", options.varyPhotons,
+                  "Cast other photons than other parts do, so that their merge has less error");
+}
+
+void AddMerge(CLI::App& app, MergeOptions& options) {
+  CLI::App* merge =
+      app.add_subcommand("merge", "Make the images of a frame of the parts that hold its passes");
+  merge->add_option("output", options.output, "Beauty image, or FILE.zpc for a checkpoint again")
+      ->required()
+      ->type_name("OUT");
+  merge->add_option("parts", options.parts, "Checkpoints of one frame")->required()->type_name("PART ...");
+  merge->add_flag("--partial", options.partial, "Passes may be missing");
+  merge->add_flag("--linear", options.linear, "Linear numbers in files of 8 bits too, as in render");
+  merge->add_flag("--quiet", options.quiet, "Do not tell what was merged");
+}
+
 void AddRender(CLI::App& app, RenderOptions& options) {
   CLI::App* render = app.add_subcommand("render", "Render a scene folder into its images");
   render->add_option("scene", options.scene, "Scene folder; may be left out with --resume")
@@ -198,6 +227,7 @@ void AddRender(CLI::App& app, RenderOptions& options) {
   AddFormat(*render, options.format);
   AddKeeping(*render, options);
   AddServing(*render, options.serve);
+  AddParts(*render, options);
   render->add_flag("--quiet", options.quiet, "No report rows on the output stream");
   render->add_flag("--strict", options.strict,
                    "Render nothing and exit with 1 if 'zephlore check' would tell an error of the scene");
@@ -279,12 +309,14 @@ int Run(int argc, char** argv) {
   RenderOptions renderOptions;
   CheckOptions checkOptions;
   ViewOptions viewOptions;
+  MergeOptions mergeOptions;
   CLI::App app("zephlore, a physically based offline renderer", "zephlore");
   app.set_version_flag("--version", "zephlore " ZP_VERSION);
   app.require_subcommand(1);
   AddRender(app, renderOptions);
   AddCheck(app, checkOptions);
   AddView(app, viewOptions);
+  AddMerge(app, mergeOptions);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -294,6 +326,7 @@ int Run(int argc, char** argv) {
     }
     return Fail(error.what() + Suggestion(app, argc, argv) + " (see zephlore --help)", kExitUsage);
   }
+  if (app.got_subcommand("merge")) return RunMerge(mergeOptions);
   if (app.got_subcommand("check")) return RunCheck(checkOptions);
   return app.got_subcommand("render") ? RunRender(renderOptions) : RunView(viewOptions);
 }

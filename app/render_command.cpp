@@ -154,20 +154,23 @@ constexpr char kStoppedBetween[] =
 const char* stoppedEarly = kStoppedEarly;
 
 // What to say of a frame that a signal has cut short; empty if none has.
-std::string StopText(const Turns& turns) {
+std::string StopText(const RenderOptions& options, const Turns& turns) {
   if (!Stopping()) return {};
   const std::uint64_t samples = CountSamples(frameState);
   if (ViewerStopped() && samples > 0) return {};
   if (samples == 0 || cameras.empty()) return stoppedEarly;
   const Camera& camera = cameras[turns.cameras[turns.index]];
-  const auto passes = static_cast<std::uint32_t>(camera.sample);
-  if (settings.frame.passIndex >= passes) return turns.AreMore() ? kStoppedBetween : "";
-  if (settings.frame.passIndex > 0)
-    return "stopped after pass " + std::to_string(settings.frame.passIndex) + " of " +
-           std::to_string(passes) + ": the images hold what was rendered";
+  const PassRange range = PassesToRender();
+  const std::uint32_t passes = range.end - range.begin;
+  const std::uint32_t done = settings.frame.passIndex - std::min(settings.frame.passIndex, range.begin);
+  if (done >= passes) return turns.AreMore() ? kStoppedBetween : "";
+  if (done > 0)
+    return "stopped after pass " + std::to_string(done) + " of " + std::to_string(passes) +
+           (LacksImages(options) ? ": the checkpoint holds" : ": the images hold") + " what was rendered";
   const std::uint64_t pixels = static_cast<std::uint64_t>(frameState.right - frameState.left) *
                                static_cast<std::uint64_t>(camera.regionYMax - camera.regionYMin);
-  return "stopped in pass 1 of " + std::to_string(passes) + ": the images hold " +
+  return "stopped in pass 1 of " + std::to_string(passes) +
+         (LacksImages(options) ? ": the checkpoint holds " : ": the images hold ") +
          std::to_string(100 * samples / pixels) + " % of their pixels, the others are black";
 }
 
@@ -190,6 +193,7 @@ int LoadStrictly(const std::string& scene) {
 //   files  that the scene was read from, where a checkpoint has to know them
 int RenderFrame(const RenderOptions& options, std::vector<SceneFile> files, Checkpoint* resumed) {
   Checkpoint base = DescribeFrame(options.seed.value_or(0));
+  if (LacksImages(options)) ForgetNames();
   if (resumed != nullptr) {
     if (const std::string reason = RestoreFrame(*resumed, base.plan, files); !reason.empty())
       return Fail("cannot resume from '" + options.resume + "': " + reason);
@@ -283,8 +287,11 @@ int RenderScene(const RenderOptions& options, Turns& turns, Checkpoint* resumed)
 
   const std::size_t active = turns.cameras[turns.index];
   if (const std::string reason = NothingToRender(cameras[active]); !reason.empty()) return Fail(reason);
+  if (options.passes && options.passes->end > cameras[active].sample)
+    return Fail("--passes goes beyond the " + std::to_string(cameras[active].sample) + " of the camera");
   if (turns.index == 0) {
-    if (const int status = TryOutputs(planned); status != kExitDone) return status;
+    if (const int status = LacksImages(options) ? kExitDone : TryOutputs(planned); status != kExitDone)
+      return status;
     if (const int status = TryCheckpoint(options.checkpoint); status != kExitDone) return status;
   }
   return RenderFrame(options, std::move(files), resumed);
@@ -297,7 +304,7 @@ int RenderTurn(const RenderOptions& options, Turns& turns, Checkpoint* resumed) 
   SetNothingToLose(true, stoppedEarly);
   const int status = RenderScene(options, turns, resumed);
   SetNothingToLose(false, stoppedEarly);
-  const std::string stopped = status == kExitDone ? StopText(turns) : "";
+  const std::string stopped = status == kExitDone ? StopText(options, turns) : "";
   // The last pass has written every image; closing writes those of the cameras again.
   if (status != kExitDone) ForgetNames();
   Finalize();
@@ -339,8 +346,10 @@ int RunRender(const RenderOptions& given) {
   }
   if (!options.checkpoint.empty() && options.camera == kAllCameras)
     return Fail("--checkpoint keeps one camera, not all", kExitUsage);
+  if (const std::string reason = ChooseShare(options, resumes ? &resumed : nullptr); !reason.empty())
+    return Fail(reason, kExitUsage);
   if ((!options.checkpoint.empty() || !options.report.empty()) && !options.seed) options.seed = DrawSeed();
-  if (options.time && !options.sample) options.sample = kMostSamples;
+  if (options.time && !options.sample && !options.passes) options.sample = kMostSamples;
   std::error_code error;
   if (!std::filesystem::is_directory(options.scene, error))
     return Fail("there is no scene folder '" + options.scene + "'");

@@ -4,6 +4,8 @@
 #include <nlohmann/json.hpp>
 #include <random>
 
+#include "integrator/integrator.h"
+
 namespace zp {
 namespace {
 
@@ -66,7 +68,25 @@ void TakeKeptOptions(const Checkpoint& checkpoint, RenderOptions& options) {
   }
   if (options.checkpoint.empty()) options.checkpoint = options.resume;
   options.seed = options.seed ? options.seed : checkpoint.plan.seed;
+  if (!options.passes && checkpoint.plan.end != 0)
+    options.passes = Passes{checkpoint.plan.begin, checkpoint.plan.end};
 }
+
+std::string ChooseShare(const RenderOptions& options, const Checkpoint* resumed) {
+  frameShare = {};
+  if (resumed != nullptr) frameShare.photons = static_cast<std::uint32_t>(resumed->plan.photons);
+  if (!options.passes) return options.varyPhotons ? "--vary-photons is for parts: --passes is missing" : "";
+  if (options.checkpoint.empty()) return "--passes renders a part into a file: --checkpoint is missing";
+  if (!options.seed) return "--passes needs a --seed, which all parts share";
+  if (options.sample && options.passes->end > *options.sample)
+    return "--passes goes beyond the " + std::to_string(*options.sample) + " of --sample";
+  frameShare.passes = PassRange{static_cast<std::uint32_t>(options.passes->begin),
+                                static_cast<std::uint32_t>(options.passes->end)};
+  if (options.varyPhotons) frameShare.photons = frameShare.passes->begin;
+  return {};
+}
+
+bool LacksImages(const RenderOptions& options) { return options.passes && options.output.empty(); }
 
 std::uint64_t DrawSeed() {
   std::random_device device;

@@ -173,7 +173,7 @@ void Snapshots::Take(double waited, bool all) {
     } catch (const std::bad_alloc&) {
       return;  // who looks on shall not end what is looked at
     }
-    copy->passes = settings.frame.passIndex;
+    copy->passes = settings.frame.passIndex - PassesToRender().begin;
     const std::lock_guard lock(mutex_);
     copy->version = ++lastVersion_;
     entries_[i].copy = std::move(copy);

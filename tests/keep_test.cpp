@@ -108,6 +108,69 @@ TEST_F(Keeping, WhatWouldChangePassesIsRefusedByName) {
     EXPECT_EQ(Run("render ../scene --time '" + std::string(time) + "'").status, 2) << time;
 }
 
+// Merged in any order, or by twos, parts are the frame, but for the rounding of its sums; a merge of its
+// beginning goes on as a render.
+TEST_F(Keeping, PartsMakeTheFrame) {
+  for (const std::string format : {"1", "2"}) {
+    const std::string begin = "render ../scene --quiet --sample 30 --format " + format;
+    ASSERT_EQ(Run(begin + " --seed 5 --output a.pfm").status, 0);
+    std::vector<ImageBuffer> whole(images.size()), merged(images.size());
+    for (std::size_t i = 0; i < images.size(); ++i) {
+      whole[i].allowPacked = merged[i].allowPacked = false;
+      ASSERT_TRUE(LoadImage(whole[i], work / images[i]));
+    }
+    for (const std::string& image : images) fs::remove(work / image);
+    const auto render = [&](const std::string& passes, const std::string& file,
+                            const std::string& seed = "5") {
+      EXPECT_EQ(Run(begin + " --passes " + passes + " --checkpoint " + file + " --seed " + seed).status, 0);
+    };
+    render("0:10", "a.zpc");
+    render("10:21", "b.zpc");
+    render("21:30", "c.zpc");
+    EXPECT_FALSE(fs::exists(work / images[1])) << "parts have no images";
+    ASSERT_EQ(Run("merge a.pfm c.zpc a.zpc b.zpc").status, 0);
+    const std::vector<std::string> bytes = Pictures();
+    for (std::size_t i = 0; i < images.size(); ++i) {
+      ASSERT_TRUE(LoadImage(merged[i], work / images[i]));
+      for (std::size_t k = 0; k < whole[i].floatPixels.size(); ++k)
+        ASSERT_NEAR(merged[i].floatPixels[k], whole[i].floatPixels[k], 2e-5f) << images[i];
+    }
+    EXPECT_EQ(Run("merge e.zpc c.zpc a.zpc").status, 0);
+    EXPECT_EQ(Run("merge a.pfm b.zpc e.zpc").status, 0);
+    EXPECT_EQ(Pictures(), bytes) << "of a tree";
+    EXPECT_EQ(Run("merge d.zpc b.zpc a.zpc").status, 0);
+    EXPECT_EQ(Run("render --resume d.zpc --quiet --output a.pfm").status, 0);
+    ASSERT_TRUE(LoadImage(merged[0], work / images[0]));
+    EXPECT_NEAR(merged[0].floatPixels[0], whole[0].floatPixels[0], 2e-5f);
+
+    render("10:21", "seed.zpc", "6");
+    const std::string sound = ReadFile(work / "b.zpc");
+    WriteFile(work / "damaged.zpc", sound.substr(0, sound.size() - 9));
+    WriteFile(root / "scene/light/c.zp", "");
+    render("10:21", "scene.zpc");
+    fs::remove(root / "scene/light/c.zp");
+    const std::pair<const char*, const char*> refusals[] = {
+        {"out.pfm a.zpc c.zpc", "passes 10:21 are missing"},
+        {"out.pfm a.zpc a.zpc", "'a.zpc' and 'a.zpc' both hold passes 0:10"},
+        {"out.pfm a.zpc e.zpc", "both hold passes 0:10"},
+        {"out.pfm a.zpc seed.zpc c.zpc", "'seed.zpc' is of another render than 'a.zpc': --seed 6"},
+        {"out.pfm a.zpc scene.zpc c.zpc", "the scene's 'light/c.zp'"},
+        {"out.pfm a.zpc damaged.zpc c.zpc", "'damaged.zpc' is damaged"},
+        {"a.zpc b.zpc", "'a.zpc' is a part and no merge"}};
+    for (const auto& [words, reason] : refusals) {
+      const Outcome outcome = Run("merge " + std::string(words));
+      EXPECT_EQ(outcome.status, 1) << words;
+      EXPECT_NE(outcome.errors.find(reason), std::string::npos) << outcome.errors;
+    }
+    EXPECT_FALSE(fs::exists(work / "out.pfm"));
+    EXPECT_EQ(Run("merge b.pfm --partial c.zpc a.zpc").status, 0);
+    EXPECT_EQ(Run("render --quiet --resume e.zpc").status, 1) << "it has a gap";
+    for (const fs::directory_entry& file : fs::directory_iterator(work)) fs::remove(file);
+  }
+  for (const char* words : {"--passes 1:1 --seed 5", "--passes 0:8", "--passes 0:9 --sample 8 --seed 5"})
+    EXPECT_EQ(Run("render ../scene --checkpoint a.zpc " + std::string(words)).status, 2) << words;
+}
+
 // The passes that a limit of time leaves are those of a render that was asked for as many.
 TEST_F(Keeping, TimeEndsAFrameBehindAPass) {
   const Outcome outcome = Run("render ../scene --format 2 --seed 5 --output a.pfm --time 0.2s --progress");

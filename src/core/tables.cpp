@@ -1,5 +1,7 @@
 #include "core/tables.h"
 
+#include <algorithm>
+
 #include "core/index.h"
 #include "core/random.h"
 
@@ -36,7 +38,7 @@ float RadicalInverse(std::uint32_t sample, std::uint32_t base) {
     sum += static_cast<float>(sample % base) * f;
     f *= inverse;
   }
-  return sum;
+  return std::min(sum, 0x1.fffffep-1f);  // many digits round up
 }
 
 void FillExponentTable() {

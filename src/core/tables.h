@@ -30,7 +30,7 @@ void FillPixelRotationTable();  // draws from core/random.h: seeded when the gen
 void FillNoisePermutation();
 void EmptyHaltonTables();  // keeps the storage
 
-// The digits of `sample` mirrored at the point, in single precision.
+// The digits of `sample` mirrored at the point, in single precision, below 1.
 float RadicalInverse(std::uint32_t sample, std::uint32_t base);
 
 // Halton point: one coordinate of sample number `sample`. Dimensions past the sixteenth wrap around.

@@ -10,7 +10,7 @@ FrameState frameState;
 
 namespace {
 
-bool HoldsShares(const Aov& aov) { return !aov.mean && aov.channel != kChannelLightPath; }
+bool HoldsShares(const Aov& aov) { return !aov.mean && !IsDrawnByPhotons(aov); }
 
 bool LacksSamples(const FrameState& state) {
   return std::any_of(state.rows.begin(), state.rows.end(), [&](const RowSamples& row) {
@@ -19,6 +19,12 @@ bool LacksSamples(const FrameState& state) {
 }
 
 }  // namespace
+
+bool IsDrawnByPhotons(const Aov& aov) { return aov.channel == kChannelLightPath; }
+
+double SampleWeight(const Aov& aov, const FrameState& state, std::uint32_t samples) {
+  return HoldsShares(aov) ? state.planned : samples;
+}
 
 std::uint32_t SamplesOf(const FrameState& state, std::int32_t x, std::int32_t y) {
   if (!IsIndex(state.rows, y) || x < state.left || x >= state.right) return 0;

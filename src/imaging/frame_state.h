@@ -34,6 +34,12 @@ std::uint32_t SamplesOf(const FrameState& state, std::int32_t x, std::int32_t y)
 // Of all pixels.
 std::uint64_t CountSamples(const FrameState& state);
 
+// What each sum of an AOV, by the samples of its pixel, has to be multiplied by to be one over whole samples,
+// which parts of a frame can add up. Not for pictures that photons draw.
+double SampleWeight(const Aov& aov, const FrameState& state, std::uint32_t samples);
+// Photons draw it before the first pass, whatever the number of samples.
+bool IsDrawnByPhotons(const Aov& aov);
+
 // The AOV as it is shown and written: shares of samples that were never taken are made up for, so that each
 // pixel has the brightness of the finished frame. Means, light paths (which the photons have drawn before the
 // first pass) and pixels with all of their samples stay as they are, to the bit.

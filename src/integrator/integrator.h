@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <vector>
 
 #include "core/ray.h"
@@ -25,6 +26,21 @@ Vec3 Radiance(RayRecord& ray);
 // How many rays of a budget a colour deserves over all passes: a positive multiple of `passes`.
 std::int32_t GatherCount(Vec3 color, std::int32_t budget, std::int32_t passes);
 
+// Passes [begin, end).
+struct PassRange {
+  std::uint32_t begin = 0, end = 0;
+  friend bool operator==(const PassRange&, const PassRange&) = default;
+};
+
+// What this process renders of a frame that others share. To be set before InitializeRenderer.
+struct FrameShare {
+  std::optional<PassRange> passes;  // none: all that the camera plans
+  std::uint32_t photons = 0;        // which set of photons is cast: each number stands for another
+};
+inline FrameShare frameShare;
+// Those passes, of the camera that is rendered.
+PassRange PassesToRender();
+
 // One pass into the beauty image, as a running mean. False if a stop has cut it short.
 bool RenderPixels(std::uint32_t pass);
 // One pass into `out`: `count` RGB triples of the region, row after row. No running mean is touched.
@@ -34,8 +50,8 @@ void FrameStep();
 // All passes of the first camera; without one an error row. With settings.said.previewWindow a window shows
 // them, which stays open until it is closed, passes left or not. Where no window opens: an error row and all
 // passes.
-//   first  passes that the AOVs hold already, as frameState says; the frame ends at once if that is all
-void RenderLoop(std::uint32_t first = 0);
+//   held  passes that the AOVs hold already, as frameState says; the frame ends at once if that is all
+void RenderLoop(std::uint32_t held = 0);
 
 // Once a stop is requested (core/stop.h) RenderLoop returns in the midst of its pass and closes its window,
 // and RenderPixels leaves the rest of its pixels out. Samples that were not finished leave no trace;

@@ -17,6 +17,7 @@
 #include "core/threads.h"
 #include "geometry/density.h"
 #include "integrator/estimator.h"
+#include "integrator/integrator.h"
 #include "lights/lights.h"
 #include "lights/photon_store.h"
 
@@ -228,7 +229,8 @@ void Store(const std::vector<Landings>& ofThreads) {
   for (const Landing& landing : all) photonStore.photons.push_back(landing.photon);
 }
 
-// Casts `count` photons, whose sample numbers start at ordinal * count; make(ray, number) starts one.
+// Casts `count` photons, whose sample numbers start at ordinal * count, or behind those of the other shares
+// of the frame; make(ray, number) starts one.
 template <class MakeRay>
 void CastFrom(std::int64_t count, std::uint32_t ordinal, const Cast& cast, const MakeRay& make) {
   for (ThreadSlot& slot : threadSlots) slot.rays = slot.shadowRays = 0;
@@ -239,8 +241,9 @@ void CastFrom(std::int64_t count, std::uint32_t ordinal, const Cast& cast, const
   CastProgress progress(count);
   const auto castOne = [&](std::int64_t i) {
     const auto thread = static_cast<std::uint8_t>(omp_get_thread_num());
-    const auto number = static_cast<std::uint32_t>(static_cast<std::int64_t>(ordinal) * count + i);
-    RekeyRandom(number, ~std::uint64_t{0});
+    const std::int64_t set = static_cast<std::int64_t>(ordinal) + frameShare.photons;
+    const auto number = static_cast<std::uint32_t>(set * count + i);
+    RekeyRandom(number, ~std::uint64_t{frameShare.photons});
     RayRecord ray;
     ray.thread = thread;
     make(ray, number);

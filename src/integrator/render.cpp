@@ -63,12 +63,12 @@ OddPixels oddPixels[kMaxThreads];
   if (pixels.size() < OddSamples::kMostPixels) pixels.push_back(pixel);
 }
 
-// One sample of one pixel, fit to be shown.
-Vec3 SamplePixel(const Pass& pass, int x, int y, std::uint8_t thread) {
+// One sample of one pixel, fit to be shown. `ray` is scratch.
+Vec3 SamplePixel(const Pass& pass, int x, int y, std::uint8_t thread, RayRecord& ray) {
   const std::uint32_t pixel = PixelIndex(pass.camera, x, y);
   threadSlots[thread].pixel = pixel;
   RekeyRandom(pixel, pass.number);
-  RayRecord ray;
+  ray.origin = ray.direction = kBlack;
   ray.thread = thread;
   MakePrimaryRay(pass.camera, pass.pose, ray, x, y, pass.number);
   const Vec3 color = Radiance(ray);
@@ -225,10 +225,11 @@ class RowCounter {
 // end unless a stop has cut the row short.
 template <class Sink>
 int SampleRow(const Pass& pass, int x, int y, std::uint8_t thread, PixelSums& sums, const Sink& sink) {
+  RayRecord ray;
   for (; x < pass.region.xMax && !Stopping(); ++x) {
     const std::size_t pixel = PixelIndex(pass.camera, x, y);
     sums.Keep(pixel);
-    const Vec3 color = SamplePixel(pass, x, y, thread);
+    const Vec3 color = SamplePixel(pass, x, y, thread, ray);
     if (Stopping()) {
       sums.PutBack(pixel);
       break;
@@ -241,7 +242,8 @@ int SampleRow(const Pass& pass, int x, int y, std::uint8_t thread, PixelSums& su
 // The column where a row lacks its sample of a pass: the region's end if it has all of them.
 int FirstMissing(const Pass& pass, const RowSamples& row) {
   if (frameState.resumed != pass.number) return pass.region.xMin;
-  return row.whole > pass.number ? pass.region.xMax : std::max(pass.region.xMin, row.cut);
+  return row.whole > pass.number - PassesToRender().begin ? pass.region.xMax
+                                                          : std::max(pass.region.xMin, row.cut);
 }
 
 // Samples every pixel of the region once; `sink` receives x, y and the colour, from any thread. False when a
@@ -347,8 +349,7 @@ void RenderInWindow(const Camera& camera) {
   preview.step = [] {
     FrameStep();
     const Camera* active = ActiveCamera();
-    return active != nullptr && !frameObserver.finish &&
-           static_cast<std::int64_t>(settings.frame.passIndex) < active->sample;
+    return active != nullptr && !frameObserver.finish && settings.frame.passIndex < PassesToRender().end;
   };
   preview.stop = Stopping;
   // Intended: only the first image. The last pass has written all of them.
@@ -390,6 +391,14 @@ void ImageStatistics(const ImageBuffer& image, Vec3& mean, Vec3& variance) {
 
 void VisitFrameAovs(Camera& camera, const std::function<void(Aov&)>& visit) { ForEachAov(camera, visit); }
 
+PassRange PassesToRender() {
+  const Camera* camera = ActiveCamera();
+  const auto planned = static_cast<std::uint32_t>(camera == nullptr ? 0 : std::max(camera->sample, 0));
+  if (!frameShare.passes) return {0, planned};
+  const std::uint32_t end = std::min(frameShare.passes->end, planned);
+  return {std::min(frameShare.passes->begin, end), end};
+}
+
 bool RenderPixels(std::uint32_t pass) {
   if (!HasCamera()) return true;
   Camera& camera = *ActiveCamera();
@@ -397,7 +406,7 @@ bool RenderPixels(std::uint32_t pass) {
   ImageBuffer& beauty = camera.aovs[0].image;
   if (beauty.width != camera.width || beauty.height != camera.height || beauty.floatPixels.empty())
     return !Stopping();
-  const auto done = static_cast<float>(pass);
+  const auto done = static_cast<float>(pass - std::min(pass, PassesToRender().begin));
   return SampleRegion(camera, RegionOf(camera), pass, [&](int x, int y, Vec3 color) {
     const std::size_t pixel = PixelIndex(camera, x, y);
     WritePixel(beauty, (ReadPixel(beauty, pixel) * done + color) / (done + 1.0f), pixel);
@@ -430,41 +439,43 @@ void FrameStep() {
   StartOfFrames();
   Camera* camera = ActiveCamera();
   if (camera == nullptr || camera->sample <= 0) return;
-  const auto total = static_cast<std::uint32_t>(camera->sample);
-  if (settings.frame.passIndex >= total) return;
+  const PassRange passes = PassesToRender();
+  if (settings.frame.passIndex >= passes.end) return;
 
   settings.frame.samplePass = static_cast<std::int32_t>(settings.frame.passIndex);
   ClearOccluderLogs();
   ClearPassStatistics();
   MoveTo(TimeOfPass(*camera, settings.frame.passIndex));
   if (!RenderPixels(settings.frame.passIndex)) return;
-  if (settings.frame.passIndex == 0)
+  if (settings.frame.passIndex == passes.begin)
     for (Object& object : objectTable) OrderOccluders(object);
   UpdateScene(camera->sample);
   ++settings.frame.passIndex;
   PrintPerformance();
-  frameReport = {settings.frame.passIndex, total, 0, settings.frame.rendererRays + settings.frame.shadowRays,
-                 settings.frame.renderMicroseconds};
+  frameReport = {settings.frame.passIndex - passes.begin, passes.end - passes.begin, 0,
+                 settings.frame.rendererRays + settings.frame.shadowRays, settings.frame.renderMicroseconds};
   if (frameObserver.passDone) frameObserver.passDone(frameReport);
-  if (settings.frame.passIndex == total || frameObserver.finish) FinishFrame(*camera);
+  if (settings.frame.passIndex == passes.end || frameObserver.finish) FinishFrame(*camera);
 }
 
-void RenderLoop(std::uint32_t first) {
+void RenderLoop(std::uint32_t held) {
+  const PassRange passes = PassesToRender();
+  const std::uint32_t first = passes.begin + held;
   settings.frame.passIndex = first;
   if (!HasCamera()) return;
   const Camera& camera = *ActiveCamera();
-  const auto passes = static_cast<std::uint32_t>(std::max(camera.sample, 0));
-  if (first == 0) ForgetCutFrame(*ActiveCamera());
+  if (held == 0) ForgetCutFrame(*ActiveCamera());
   for (std::uint32_t pass = 0; pass < first && !Stopping(); ++pass) UpdateScene(camera.sample);
-  frameReport = {first, passes};
+  frameReport = {held, passes.end - passes.begin};
   frameFaults = {};
-  if (first > 0 && (first >= passes || frameObserver.finish)) return FinishFrame(camera);
+  if (held > 0 && (first >= passes.end || frameObserver.finish)) return FinishFrame(camera);
   if (settings.said.previewWindow) {
     const std::string obstacle = PreviewObstacle(camera.width, camera.height);
     if (obstacle.empty()) return RenderInWindow(camera);
     PrintError("preview - no window, " + obstacle, {"preview-no-window"});
   }
-  for (std::uint32_t pass = first; pass < passes && !Stopping() && !frameObserver.finish; ++pass) FrameStep();
+  for (std::uint32_t pass = first; pass < passes.end && !Stopping() && !frameObserver.finish; ++pass)
+    FrameStep();
 }
 
 }  // namespace zp

@@ -1,7 +1,5 @@
 #include "job/checkpoint.h"
 
-#include <zstd.h>
-
 #include <algorithm>
 #include <bit>
 #include <cstdio>
@@ -14,6 +12,7 @@
 #include "core/index.h"
 #include "imaging/output_file.h"
 #include "integrator/integrator.h"
+#include "job/checkpoint_file.h"
 
 namespace zp {
 namespace {
@@ -22,98 +21,7 @@ using Json = nlohmann::json;
 static_assert(std::endian::native == std::endian::little);
 
 constexpr std::string_view kFirstLine = "zephlore checkpoint\n";
-constexpr std::uint32_t kVersion = 1;
-constexpr int kCompressionLevel = 1;  // floats with noise shrink little at any
-
-struct NamedNumber {
-  const char* name;
-  std::int32_t FramePlan::*field;
-  const char* option;  // what the program's user would call it
-};
-constexpr NamedNumber kPlanNumbers[] = {
-    {"format", &FramePlan::format, "--format"},   {"camera", &FramePlan::camera, "--camera"},
-    {"width", &FramePlan::width, "--resolution"}, {"height", &FramePlan::height, "--resolution"},
-    {"left", &FramePlan::left, "--region"},       {"top", &FramePlan::top, "--region"},
-    {"right", &FramePlan::right, "--region"},     {"bottom", &FramePlan::bottom, "--region"},
-    {"sample", &FramePlan::sample, "--sample"},
-};
-
-// Compresses what it is given into a file.
-class Packer {
- public:
-  explicit Packer(OutputFile& file)
-      : file_(file), context_(ZSTD_createCCtx(), ZSTD_freeCCtx), buffer_(ZSTD_CStreamOutSize()) {
-    ZSTD_CCtx_setParameter(context_.get(), ZSTD_c_compressionLevel, kCompressionLevel);
-    ZSTD_CCtx_setParameter(context_.get(), ZSTD_c_checksumFlag, 1);
-  }
-  void Add(const void* bytes, std::size_t size) { Push({bytes, size, 0}, ZSTD_e_continue); }
-  void Finish() { Push({nullptr, 0, 0}, ZSTD_e_end); }
-
- private:
-  void Push(ZSTD_inBuffer in, ZSTD_EndDirective directive) {
-    std::size_t left = 1;
-    while (in.pos < in.size || (directive == ZSTD_e_end && left != 0)) {
-      ZSTD_outBuffer out = {buffer_.data(), buffer_.size(), 0};
-      left = ZSTD_compressStream2(context_.get(), &out, &in, directive);
-      if (ZSTD_isError(left)) throw std::bad_alloc();  // nothing else is wrong with bytes in memory
-      file_.Write(buffer_.data(), out.pos);
-    }
-  }
-
-  OutputFile& file_;
-  std::unique_ptr<ZSTD_CCtx, decltype(&ZSTD_freeCCtx)> context_;
-  std::vector<char> buffer_;
-};
-
-// The reverse, from a stream. False once anything is missing or wrong.
-class Unpacker {
- public:
-  explicit Unpacker(std::FILE* file)
-      : file_(file), context_(ZSTD_createDCtx(), ZSTD_freeDCtx), buffer_(ZSTD_DStreamInSize()) {}
-
-  bool Take(void* bytes, std::size_t size) {
-    ZSTD_outBuffer out = {bytes, size, 0};
-    while (out.pos < out.size)
-      if (!Step(out)) return false;
-    return true;
-  }
-  // In steps, so that a size that lies takes no memory.
-  template <class T>
-  bool Take(std::vector<T>& values, std::size_t count) {
-    constexpr std::size_t kStep = std::size_t{1} << 22;
-    values.clear();
-    while (values.size() < count) {
-      const std::size_t begin = values.size(), step = std::min(kStep, count - begin);
-      values.resize(begin + step);
-      if (!Take(values.data() + begin, step * sizeof(T))) return false;
-    }
-    return true;
-  }
-  // Nothing is left, and the checksum is right.
-  bool EndsHere() {
-    char more = 0;
-    ZSTD_outBuffer out = {&more, 1, 0};
-    while (!ended_ && out.pos == 0)
-      if (!Step(out)) return false;
-    return out.pos == 0 && in_.pos == in_.size && std::fgetc(file_) == EOF;
-  }
-
- private:
-  bool Step(ZSTD_outBuffer& out) {
-    if (ended_) return false;
-    if (in_.pos == in_.size) in_ = {buffer_.data(), std::fread(buffer_.data(), 1, buffer_.size(), file_), 0};
-    const std::size_t before = out.pos, taken = in_.pos;
-    const std::size_t left = ZSTD_decompressStream(context_.get(), &out, &in_);
-    ended_ = left == 0;
-    return !ZSTD_isError(left) && (ended_ || out.pos > before || in_.pos > taken);
-  }
-
-  std::FILE* file_;
-  std::unique_ptr<ZSTD_DCtx, decltype(&ZSTD_freeDCtx)> context_;
-  std::vector<char> buffer_;
-  ZSTD_inBuffer in_ = {};
-  bool ended_ = false;
-};
+constexpr std::uint32_t kVersion = 2;
 
 // Paths are bytes, and need not be UTF-8 as JSON is: each byte stands for the character of its number.
 std::string TextOf(const std::string& path) {
@@ -139,29 +47,48 @@ void VisitAovs(const FramePlan& plan, const std::function<void(Aov&)>& visit) {
   if (IsIndex(cameras, plan.camera)) VisitFrameAovs(At(cameras, plan.camera), visit);
 }
 
-std::string HeaderOf(const Checkpoint& checkpoint) {
+// Of a part or a merge, which can tell what it holds.
+Json MergedPasses(const Checkpoint& checkpoint) {
+  Json whole = Json::array();
+  for (const PassRange& range : checkpoint.whole) whole.push_back({range.begin, range.end});
+  return {{"whole", whole}, {"begun", checkpoint.begun}, {"drawn", checkpoint.drawn}};
+}
+
+//   counts  numbers of each AOV
+std::string HeaderOf(const Checkpoint& checkpoint, const std::vector<std::size_t>& counts) {
   Json plan = {{"seed", checkpoint.plan.seed}};
   for (const NamedNumber& number : kPlanNumbers) plan[number.name] = checkpoint.plan.*number.field;
   Json files = Json::array(), aovs = Json::array();
   for (const SceneFile& file : checkpoint.files)
     files.push_back({{"path", TextOf(file.path)}, {"hash", file.hash}});
-  VisitAovs(checkpoint.plan, [&](const Aov& aov) {
-    aovs.push_back({{"channel", aov.channel}, {"floats", aov.image.floatPixels.size()}});
-  });
+  for (std::size_t i = 0; i < counts.size(); ++i) {
+    const Aov& aov = checkpoint.aovs[i];
+    aovs.push_back({{"channel", aov.channel},
+                    {"floats", counts[i]},
+                    {"name", TextOf(aov.image.fileName)},
+                    {"mean", aov.mean},
+                    {"light", aov.ofLight}});
+  }
   const FrameState& state = checkpoint.state;
-  const Json header = {{"program", ZP_VERSION},
-                       {"options", Json::parse(checkpoint.options.empty() ? "{}" : checkpoint.options)},
-                       {"plan", plan},
-                       {"passes", checkpoint.passes},
-                       {"seconds", checkpoint.seconds},
-                       {"files", files},
-                       {"aovs", aovs},
-                       {"state", {{"planned", state.planned}, {"left", state.left}, {"right", state.right}}}};
+  Json exposure = Json::array();  // by their bits: JSON has no infinity
+  for (int c = 0; c < 3; ++c) exposure.push_back(std::bit_cast<std::uint32_t>(checkpoint.exposure[c]));
+  Json header = {{"program", checkpoint.program},
+                 {"options", Json::parse(checkpoint.options.empty() ? "{}" : checkpoint.options)},
+                 {"plan", plan},
+                 {"passes", checkpoint.passes},
+                 {"seconds", checkpoint.seconds},
+                 {"files", files},
+                 {"aovs", aovs},
+                 {"exposure", exposure},
+                 {"linear", checkpoint.linear},
+                 {"state", {{"planned", state.planned}, {"left", state.left}, {"right", state.right}}}};
+  if (checkpoint.merged) header["merged"] = MergedPasses(checkpoint);
   return header.dump();
 }
 
 // Throws what nlohmann::json throws for a header that is not ours.
-void TakeHeader(const Json& header, Checkpoint& checkpoint, std::vector<std::size_t>& floats) {
+void TakeHeader(const Json& header, Checkpoint& checkpoint, std::vector<std::size_t>& counts) {
+  checkpoint.program = header.at("program");
   checkpoint.options = header.at("options").dump();
   checkpoint.plan.seed = header.at("plan").at("seed");
   for (const NamedNumber& number : kPlanNumbers)
@@ -170,26 +97,82 @@ void TakeHeader(const Json& header, Checkpoint& checkpoint, std::vector<std::siz
   checkpoint.seconds = header.at("seconds");
   for (const Json& file : header.at("files"))
     checkpoint.files.push_back({PathOf(file.at("path")), file.at("hash")});
-  for (const Json& aov : header.at("aovs")) {
-    checkpoint.aovs.push_back({aov.at("channel"), {}});
-    floats.push_back(aov.at("floats"));
+  for (const Json& row : header.at("aovs")) {
+    Aov& aov = checkpoint.aovs.emplace_back();
+    aov.channel = row.at("channel");
+    aov.image.fileName = PathOf(row.at("name"));
+    aov.mean = row.at("mean");
+    aov.ofLight = row.at("light");
+    counts.push_back(row.at("floats"));
   }
+  for (int c = 0; c < 3; ++c)
+    checkpoint.exposure[c] = std::bit_cast<float>(header.at("exposure").at(c).get<std::uint32_t>());
+  checkpoint.linear = header.at("linear");
   checkpoint.state.planned = header.at("state").at("planned");
   checkpoint.state.left = header.at("state").at("left");
   checkpoint.state.right = header.at("state").at("right");
+  if (!header.contains("merged")) return;
+  checkpoint.merged = true;
+  for (const Json& range : header["merged"].at("whole"))
+    checkpoint.whole.push_back({range.at(0), range.at(1)});
+  checkpoint.begun = header["merged"].at("begun").get<std::vector<std::uint32_t>>();
+  checkpoint.drawn = header["merged"].at("drawn");
 }
 
-bool TakeBody(Unpacker& unpacker, Checkpoint& checkpoint) {
-  std::uint64_t size = 0;
-  std::vector<char> text;
-  if (!unpacker.Take(&size, sizeof size) || !unpacker.Take(text, size)) return false;
-  std::vector<std::size_t> floats;
-  TakeHeader(Json::parse(text.begin(), text.end()), checkpoint, floats);
-  const auto rows = static_cast<std::size_t>(std::max(checkpoint.plan.height, 0));
-  if (!unpacker.Take(checkpoint.state.rows, rows)) return false;
-  for (std::size_t i = 0; i < floats.size(); ++i)
-    if (!unpacker.Take(checkpoint.aovs[i].pixels, floats[i])) return false;
-  return unpacker.EndsHere();
+// Which passes the sums of a checkpoint hold that is no merge.
+void TellPasses(Checkpoint& checkpoint) {
+  const FramePlan& plan = checkpoint.plan;
+  const auto begin = static_cast<std::uint32_t>(plan.begin), end = begin + checkpoint.passes;
+  if (end > begin) checkpoint.whole = {{begin, end}};
+  const double pixels = double(plan.right - plan.left) * double(plan.bottom - plan.top);
+  if (!(pixels > 0)) return;
+  checkpoint.drawn = static_cast<double>(CountSamples(checkpoint.state)) / pixels;
+  if (checkpoint.drawn > checkpoint.passes) checkpoint.begun = {end};
+}
+
+std::string WritePacked(const std::string& path, const Checkpoint& checkpoint,
+                        const std::vector<std::size_t>& counts, const std::function<void(Packer&)>& addSums) {
+  OutputFile file;
+  if (std::string reason = file.Open(path); !reason.empty()) return reason;
+  try {
+    file.Write(kFirstLine.data(), kFirstLine.size());
+    file.Write(&kVersion, sizeof kVersion);
+    Packer packer(file);
+    const std::string header = HeaderOf(checkpoint, counts);
+    const std::uint64_t size = header.size();
+    packer.Add(&size, sizeof size);
+    packer.Add(header.data(), header.size());
+    std::vector<RowSamples> rows = checkpoint.state.rows;
+    rows.resize(static_cast<std::size_t>(std::max(checkpoint.plan.height, 0)));
+    packer.Add(rows.data(), rows.size() * sizeof(RowSamples));
+    addSums(packer);
+    packer.Finish();
+  } catch (const std::bad_alloc&) {
+    return "not enough memory";
+  }
+  if (std::string reason = file.Trouble(); !reason.empty()) return reason;
+  return file.Commit();
+}
+
+// Sums over whole samples become those that a render of them would have.
+std::string TakeMergedSums(CheckpointReader& reader, Checkpoint& checkpoint) {
+  if (checkpoint.whole.size() != 1 || checkpoint.whole[0].begin != 0 || !checkpoint.begun.empty())
+    return "is a merge with gaps, which only 'zephlore merge' can fill";
+  checkpoint.passes = checkpoint.whole[0].end;
+  FrameState& state = checkpoint.state;
+  for (std::int32_t y = checkpoint.plan.top; y < checkpoint.plan.bottom; ++y)
+    if (IsIndex(state.rows, y)) At(state.rows, y).whole = checkpoint.passes;
+  std::vector<double> sums;
+  for (std::size_t i = 0; i < checkpoint.aovs.size(); ++i) {
+    Aov& aov = checkpoint.aovs[i];
+    if (!reader.Take(sums, reader.Count(i))) return "is damaged";
+    const double scale =
+        IsDrawnByPhotons(aov) ? checkpoint.drawn : SampleWeight(aov, state, checkpoint.passes);
+    for (const double sum : sums) aov.image.floatPixels.push_back(static_cast<float>(sum / scale));
+  }
+  std::vector<std::uint32_t> samples;
+  const auto pixels = static_cast<std::size_t>(std::max(checkpoint.plan.width, 0)) * state.rows.size();
+  return reader.Take(samples, pixels) && reader.EndsHere() ? "" : "is damaged";
 }
 
 // Sums of shares of one number of passes as those of another.
@@ -230,55 +213,89 @@ Checkpoint DescribeFrame(std::uint64_t seed) {
     plan.right = camera.regionXMax;
     plan.bottom = camera.regionYMax;
     plan.sample = camera.sample;
+    checkpoint.exposure = camera.exposure;
   }
-  checkpoint.passes = settings.frame.passIndex;
+  if (frameShare.passes) {
+    plan.begin = static_cast<std::int32_t>(frameShare.passes->begin);
+    plan.end = static_cast<std::int32_t>(frameShare.passes->end);
+  }
+  plan.photons = static_cast<std::int32_t>(frameShare.photons);
+  checkpoint.linear = settings.said.linearFiles;
+  checkpoint.passes = settings.frame.passIndex - std::min(settings.frame.passIndex, PassesToRender().begin);
   checkpoint.state = frameState;
+  VisitAovs(plan, [&](const Aov& aov) {
+    Aov& told = checkpoint.aovs.emplace_back();
+    told.image.fileName = aov.image.fileName;
+    told.channel = aov.channel;
+    told.mean = aov.mean;
+    told.ofLight = aov.ofLight;
+  });
   return checkpoint;
 }
 
 std::string WriteCheckpoint(const std::string& path, const Checkpoint& checkpoint) {
-  OutputFile file;
-  if (std::string reason = file.Open(path); !reason.empty()) return reason;
-  try {
-    file.Write(kFirstLine.data(), kFirstLine.size());
-    file.Write(&kVersion, sizeof kVersion);
-    Packer packer(file);
-    const std::string header = HeaderOf(checkpoint);
-    const std::uint64_t size = header.size();
-    packer.Add(&size, sizeof size);
-    packer.Add(header.data(), header.size());
-    std::vector<RowSamples> rows = checkpoint.state.rows;
-    rows.resize(static_cast<std::size_t>(std::max(checkpoint.plan.height, 0)));
-    packer.Add(rows.data(), rows.size() * sizeof(RowSamples));
+  std::vector<std::size_t> counts;
+  VisitAovs(checkpoint.plan, [&](const Aov& aov) { counts.push_back(aov.image.floatPixels.size()); });
+  return WritePacked(path, checkpoint, counts, [&](Packer& packer) {
     VisitAovs(checkpoint.plan, [&](const Aov& aov) {
       packer.Add(aov.image.floatPixels.data(), aov.image.floatPixels.size() * sizeof(float));
     });
-    packer.Finish();
-  } catch (const std::bad_alloc&) {
-    return "not enough memory";
-  }
-  if (std::string reason = file.Trouble(); !reason.empty()) return reason;
-  return file.Commit();
+  });
 }
 
-std::string ReadCheckpoint(const std::string& path, Checkpoint& checkpoint) {
+std::string WriteMergedCheckpoint(const std::string& path, const Checkpoint& checkpoint,
+                                  const std::vector<std::vector<double>>& sums,
+                                  const std::vector<std::uint32_t>& samples) {
+  std::vector<std::size_t> counts;
+  for (const std::vector<double>& values : sums) counts.push_back(values.size());
+  return WritePacked(path, checkpoint, counts, [&](Packer& packer) {
+    for (const std::vector<double>& values : sums) packer.Add(values.data(), values.size() * sizeof(double));
+    packer.Add(samples.data(), samples.size() * sizeof(std::uint32_t));
+  });
+}
+
+bool CheckpointReader::TakeHead(Checkpoint& checkpoint) {
+  std::uint64_t size = 0;
+  std::vector<char> text;
+  if (!unpacker_->Take(&size, sizeof size) || !unpacker_->Take(text, size)) return false;
+  TakeHeader(Json::parse(text.begin(), text.end()), checkpoint, counts_);
+  const auto rows = static_cast<std::size_t>(std::max(checkpoint.plan.height, 0));
+  if (!unpacker_->Take(checkpoint.state.rows, rows)) return false;
+  if (!checkpoint.merged) TellPasses(checkpoint);
+  return true;
+}
+
+std::string CheckpointReader::Open(const std::string& path, Checkpoint& checkpoint) {
   static_assert(sizeof(RowSamples) == 8);
-  const std::unique_ptr<std::FILE, decltype(&std::fclose)> file(std::fopen(path.c_str(), "rbe"), std::fclose);
-  if (!file) return std::string("cannot be opened: ") + std::strerror(errno);
+  file_.reset(std::fopen(path.c_str(), "rbe"));
+  if (!file_) return std::string("cannot be opened: ") + std::strerror(errno);
   char line[kFirstLine.size()] = {};
   std::uint32_t version = 0;
-  if (std::fread(line, 1, sizeof line, file.get()) != sizeof line ||
+  if (std::fread(line, 1, sizeof line, file_.get()) != sizeof line ||
       std::string_view(line, sizeof line) != kFirstLine)
     return "is no checkpoint";
-  if (std::fread(&version, sizeof version, 1, file.get()) != 1) return "is damaged";
+  if (std::fread(&version, sizeof version, 1, file_.get()) != 1) return "is damaged";
   if (version != kVersion)
     return "is of version " + std::to_string(version) + ", and this program knows version " +
            std::to_string(kVersion);
-  Unpacker unpacker(file.get());
+  unpacker_.emplace(file_.get());
   try {
-    return TakeBody(unpacker, checkpoint) ? "" : "is damaged";
+    return TakeHead(checkpoint) ? "" : "is damaged";
   } catch (const nlohmann::json::exception&) {
     return "is damaged";
+  } catch (const std::bad_alloc&) {
+    return "takes more memory than there is";
+  }
+}
+
+std::string ReadCheckpoint(const std::string& path, Checkpoint& checkpoint) {
+  CheckpointReader reader;
+  if (std::string reason = reader.Open(path, checkpoint); !reason.empty()) return reason;
+  try {
+    if (checkpoint.merged) return TakeMergedSums(reader, checkpoint);
+    for (std::size_t i = 0; i < checkpoint.aovs.size(); ++i)
+      if (!reader.Take(checkpoint.aovs[i].image.floatPixels, reader.Count(i))) return "is damaged";
+    return reader.EndsHere() ? "" : "is damaged";
   } catch (const std::bad_alloc&) {
     return "takes more memory than there is";
   }
@@ -293,7 +310,7 @@ std::string RestoreFrame(Checkpoint& checkpoint, const FramePlan& plan, const st
   bool fits = true;
   VisitAovs(plan, [&](const Aov& aov) {
     fits = fits && count < checkpoint.aovs.size() && checkpoint.aovs[count].channel == aov.channel &&
-           checkpoint.aovs[count].pixels.size() == aov.image.floatPixels.size();
+           checkpoint.aovs[count].image.floatPixels.size() == aov.image.floatPixels.size();
     ++count;
   });
   if (!fits || count != checkpoint.aovs.size()) return "its images are not those of the scene";
@@ -301,12 +318,12 @@ std::string RestoreFrame(Checkpoint& checkpoint, const FramePlan& plan, const st
   count = 0;
   const auto planned = static_cast<std::uint32_t>(std::max(plan.sample, 1));
   VisitAovs(plan, [&](Aov& aov) {
-    aov.image.floatPixels = std::move(checkpoint.aovs[count++].pixels);
+    aov.image.floatPixels = std::move(checkpoint.aovs[count++].image.floatPixels);
     Rescale(aov, aov.image.floatPixels, checkpoint.state.planned, planned);
   });
   frameState = checkpoint.state;
   frameState.planned = planned;
-  frameState.resumed = checkpoint.passes;
+  frameState.resumed = static_cast<std::uint32_t>(plan.begin) + checkpoint.passes;
   return {};
 }
 

@@ -3,7 +3,8 @@
 // The file: a line that names it, the version as four bytes, the lowest first, and a zstd stream with a
 // checksum of its own. In the stream: the size of a JSON text as eight bytes, that text, for each row of the
 // picture its whole samples and the column where a begun one was cut short (four bytes each), and the sums of
-// each AOV as 32-bit floats, row by row from the top.
+// each AOV as 32-bit floats, row by row from the top. In a merge the sums are over whole samples, in 64 bits,
+// and behind them stand the samples of each pixel, four bytes each.
 
 #pragma once
 
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "imaging/frame_state.h"
+#include "integrator/integrator.h"
 #include "job/scene_files.h"
 
 namespace zp {
@@ -24,29 +26,37 @@ struct FramePlan {
   std::int32_t width = 0, height = 0;
   std::int32_t left = 0, top = 0, right = 0, bottom = 0;  // of the region
   std::int32_t sample = 0;                                // passes
+  std::int32_t begin = 0, end = 0;                        // of the passes that are rendered; end 0: all
+  std::int32_t photons = 0;                               // which set of them is cast
   std::uint64_t seed = 0;
+  friend bool operator==(const FramePlan&, const FramePlan&) = default;
 };
 
 struct Checkpoint {
-  std::string options;  // a JSON object of the program's own
+  std::string program = ZP_VERSION;  // the version that has rendered it
+  std::string options;               // a JSON object of the program's own
   FramePlan plan;
-  std::uint32_t passes = 0;  // whole ones
+  std::uint32_t passes = 0;  // whole ones, from plan.begin on
   double seconds = 0;        // spent so far, by all runs
   std::vector<SceneFile> files;
   FrameState state;
-  struct Sums {
-    std::uint32_t channel = 0;
-    std::vector<float> pixels;
-  };
-  std::vector<Sums> aovs;  // in the order of VisitFrameAovs
+  // In the order of VisitFrameAovs. What makes files of them, and the sums once they are read.
+  std::vector<Aov> aovs;
+  Vec3 exposure = {1, 1, 1};  // of the camera
+  bool linear = false;        // as settings.said.linearFiles
+
+  bool merged = false;               // of parts: it has samples in place of `state`
+  std::vector<PassRange> whole;      // passes that all pixels have, in order, with gaps between them
+  std::vector<std::uint32_t> begun;  // those that some pixels have
+  double drawn = 0;                  // passes that have added to pictures that photons draw
 };
 
-// The frame at hand: plan and state, without a copy of the pixels, options, files and times.
+// The frame at hand: plan, state and AOVs without their pixels; no options, files and times.
 Checkpoint DescribeFrame(std::uint64_t seed);
-// Writes `checkpoint` with the pixels of the frame at hand, between passes or while they are paused. Whole or
+// Writes `checkpoint` with the sums of the frame at hand, between passes or while they are paused. Whole or
 // not at all: on failure the file that was there stays. The rest of a sentence that says why, else empty.
 std::string WriteCheckpoint(const std::string& path, const Checkpoint& checkpoint);
-// Reads all of it. The rest of a sentence behind the name, "is damaged", on failure.
+// Reads one that a render can go on from. The rest of a sentence behind the name, "is damaged", on failure.
 std::string ReadCheckpoint(const std::string& path, Checkpoint& checkpoint);
 // Why the frame at hand, initialised and not begun, cannot go on from the checkpoint; else empty. Then its
 // AOVs and frameState are those of the checkpoint, which has no pixels any more.

@@ -65,6 +65,7 @@ void FrameKeeper::SaveCheckpoint() {
   Checkpoint checkpoint = DescribeFrame(base_.plan.seed);
   checkpoint.options = base_.options;
   checkpoint.files = base_.files;
+  checkpoint.aovs = base_.aovs;  // with their names, which a part's own have lost
   checkpoint.seconds = Seconds();
   trouble_ = WriteCheckpoint(options_.checkpoint, checkpoint);
   if (!trouble_.empty())

@@ -56,6 +56,7 @@ Json JsonOf(const FrameRecord& frame) {
           {"region", {plan.left, plan.top, plan.right, plan.bottom}},
           {"seed", plan.seed},
           {"sample", plan.sample},
+          {"first_pass", plan.begin},
           {"passes", frame.passes},
           {"resumed_passes", frame.resumedPasses},
           {"seconds", frame.seconds},

@@ -133,6 +133,20 @@ void DeriveFlags(SurfaceShader& s) {
   });
 }
 
+// Two sides that meet at an index of 1 are no boundary: nothing is reflected by Fresnel's law.
+EvenLayer MakeEvenLayer(const SurfaceShader& s) {
+  EvenLayer even;
+  even.holds = settings.format >= 2 && !s.hasImage && IsSameMedium(Mean(s[Element::kIor].color), 1);
+  even.emits = s.window || !(s[Element::kEmissive].color == kBlack);
+  const auto take = [&](Element element, Vec3& color) {
+    color = s[element].color;
+    return !IsBlack(color);
+  };
+  for (const LobeRow& row : kLobes) even.has[row.lobe] = take(row.element, even.color[row.lobe]);
+  even.hasDiffusion = take(Element::kDiffusion, even.diffusionColor);
+  return even;
+}
+
 // True if no shadow ray passes the layer at any point: an image only multiplies the colour. Exactly black,
 // since what is nearly black can be lifted by images and layers above 1.
 bool IsOpaque(const SurfaceShader& s) {
@@ -183,11 +197,19 @@ void InitializeShader(Shader& shader) {
   shader.geometry.roundCorner = unit(shader.geometry.roundCorner);
   shader.geometry.reduction = unit(shader.geometry.reduction);
   InitializeVolume(shader.volume);
-  for (SurfaceShader& surface : shader.surfaces) DeriveFlags(surface);
+  for (SurfaceShader& surface : shader.surfaces) {
+    DeriveFlags(surface);
+    surface.even = MakeEvenLayer(surface);
+  }
   DeriveSideFlags(shader);
   shader.bends = std::any_of(shader.surfaces.begin(), shader.surfaces.end(), Refracts);
   shader.isBody = shader.bends || Absorbs(shader.volume);
   DeriveCutOuts(shader);
+  const auto any = [&](auto flag) {
+    return std::any_of(shader.surfaces.begin(), shader.surfaces.end(), flag);
+  };
+  shader.isTurned = settings.format < 2 || any([](const SurfaceShader& s) { return s.needsTangents; });
+  shader.readsUv = shader.cutsOut || any([](const SurfaceShader& s) { return s.hasImage; });
   shader.initialized = true;
 }
 
