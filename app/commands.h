@@ -24,6 +24,14 @@ struct Region {
   std::int32_t left = 0, top = 0, right = 0, bottom = 0;  // pixels; right and bottom lie one behind the last
 };
 
+// The page that shows a render to browsers.
+struct ServeOptions {
+  std::optional<std::int32_t> port;  // none: there is no page
+  std::string address;               // empty: the machine's own
+  std::string tokenFile;             // whose first line browsers give; empty: see ZEPHLORE_SERVE_TOKEN
+  bool after = false;                // goes on behind the last pass, until somebody closes it
+};
+
 struct Passes {
   std::int32_t begin = 0, end = 0;  // the latter is one behind the last
 };
@@ -48,9 +56,10 @@ struct RenderOptions {
   std::string checkpoint;           // file that keeps what is rendered; empty: none
   std::string resume;               // checkpoint to go on from, and to keep
   std::optional<double> time;       // seconds that the frame may take
-  std::optional<Passes> passes;     // those of a part of the frame; it has no images but with `output`
-  bool varyPhotons = false;         // parts cast photons of their own
-  std::string report;               // JSON file that tells what became of the run; empty: none
+  ServeOptions serve;
+  std::optional<Passes> passes;  // those of a part of the frame; it has no images but with `output`
+  bool varyPhotons = false;      // parts cast photons of their own
+  std::string report;            // JSON file that tells what became of the run; empty: none
 };
 int RunRender(const RenderOptions& options);
 

@@ -128,6 +128,36 @@ void AddKeeping(CLI::App& render, RenderOptions& options) {
       ->check(names);
 }
 
+void AddServing(CLI::App& render, ServeOptions& options) {
+  CLI::Option* serve =
+      render
+          .add_flag_function(
+              "--serve{8000}", [](std::int64_t) {},
+              "Show the render on a web page of this machine, by default http://127.0.0.1:8000/")
+          ->check([&options](const std::string& text) {
+            std::int32_t port = 0;
+            const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+            if (error != std::errc{} || end != text.data() + text.size() || port < 0 || port > 65535)
+              return "'" + text + "' is no port from 0 to 65535";
+            options.port = port;
+            return std::string();
+          });
+  render
+      .add_option("--serve-address", options.address,
+                  "Serve the page there; others than this machine need a token")
+      ->type_name("ADDRESS")
+      ->needs(serve);
+  render
+      .add_option("--serve-token-file", options.tokenFile,
+                  "File of the token that browsers give once, as ?token=; or ZEPHLORE_SERVE_TOKEN")
+      ->type_name("FILE")
+      ->needs(serve);
+  render
+      .add_flag("--serve-after", options.after,
+                "Serve the page behind the last pass, until it is closed there")
+      ->needs(serve);
+}
+
 void AddParts(CLI::App& render, RenderOptions& options) {
   render
       .add_option_function<std::string>(
@@ -196,6 +226,7 @@ void AddRender(CLI::App& app, RenderOptions& options) {
       ->type_name("N");
   AddFormat(*render, options.format);
   AddKeeping(*render, options);
+  AddServing(*render, options.serve);
   AddParts(*render, options);
   render->add_flag("--quiet", options.quiet, "No report rows on the output stream");
   render->add_flag("--strict", options.strict,

@@ -21,6 +21,7 @@
 #include "job/checkpoint.h"
 #include "job/keeper.h"
 #include "lights/lights.h"
+#include "render_page.h"
 #include "resume.h"
 #include "run_log.h"
 #include "stop_signals.h"
@@ -156,6 +157,7 @@ const char* stoppedEarly = kStoppedEarly;
 std::string StopText(const RenderOptions& options, const Turns& turns) {
   if (!Stopping()) return {};
   const std::uint64_t samples = CountSamples(frameState);
+  if (ViewerStopped() && samples > 0) return {};
   if (samples == 0 || cameras.empty()) return stoppedEarly;
   const Camera& camera = cameras[turns.cameras[turns.index]];
   const PassRange range = PassesToRender();
@@ -202,21 +204,28 @@ int RenderFrame(const RenderOptions& options, std::vector<SceneFile> files, Chec
   constexpr double kSaveEvery = 60;
   const std::uint32_t first = resumed != nullptr ? resumed->passes : 0;
   BeginFrame(base.plan, first);
+  BeginPageFrame();
   FrameKeeper keeper({options.saveEvery.value_or(kSaveEvery), options.checkpoint, options.time},
                      std::move(base));
   frameObserver.passDone = [&](const FrameReport& report) {
     TellFrame(report, keeper.Seconds(), options.time);
     keeper.PassDone(report);
+    PagePassDone();
   };
   frameObserver.rowsDone = [&](const FrameReport& report) {
     TellFrame(report, keeper.Seconds(), options.time);
     keeper.RowsDone();
+    PageRowsDone();
   };
-  frameObserver.paused = [&](const FrameReport&) { keeper.Paused(); };
+  frameObserver.paused = [&](const FrameReport&) {
+    keeper.Paused();
+    PagePaused();
+  };
   frameObserver.finish = first > 0 && !keeper.HasTimeLeft();
   RenderLoop(first);
   frameObserver = {};
   EndFrame(keeper.Seconds());
+  EndPageFrame();
   if (Stopping() && CountSamples(frameState) > 0) keeper.SaveCheckpoint();
   if (keeper.CheckpointTrouble().empty()) return kExitDone;
   return Fail(
@@ -305,6 +314,22 @@ int RenderTurn(const RenderOptions& options, Turns& turns, Checkpoint* resumed) 
   return failed.empty() ? Fail(stopped, kExitFailed, "stopped") : FailSaves(failed);
 }
 
+// All cameras that were asked for.
+int RenderTurns(const RenderOptions& options, Checkpoint* resumed) {
+  Turns turns;
+  int status = RenderTurn(options, turns, resumed);
+  while (status == kExitDone && turns.AreMore() && !ViewerStopped()) {
+    ++turns.index;
+    stoppedEarly = kStoppedBetween;
+    status = RenderTurn(options, turns, nullptr);
+  }
+  const std::vector<SaveFailure> failed = TakeFailedSaves();
+  if (status == kExitDone && !failed.empty()) return FailSaves(failed);
+  if (status == kExitDone && options.strict && missingFiles > 0)
+    return Fail("files of the scene are missing or hold nothing readable ('zephlore check' names them)");
+  return status;
+}
+
 }  // namespace
 
 int RunRender(const RenderOptions& given) {
@@ -347,17 +372,9 @@ int RunRender(const RenderOptions& given) {
   missingFiles = 0;
   StopOnSignals();
   TakeFailedSaves();
-  Turns turns;
-  int status = RenderTurn(options, turns, resumes ? &resumed : nullptr);
-  while (status == kExitDone && turns.AreMore()) {
-    ++turns.index;
-    stoppedEarly = kStoppedBetween;
-    status = RenderTurn(options, turns, nullptr);
-  }
-  const std::vector<SaveFailure> failed = TakeFailedSaves();
-  if (status == kExitDone && !failed.empty()) return FailSaves(failed);
-  if (status == kExitDone && options.strict && missingFiles > 0)
-    return Fail("files of the scene are missing or hold nothing readable ('zephlore check' names them)");
+  if (const std::string reason = OpenPage(options.serve, options.scene); !reason.empty()) return Fail(reason);
+  const int status = RenderTurns(options, resumes ? &resumed : nullptr);
+  ClosePage(status);
   return status;
 }
 

@@ -32,6 +32,8 @@ struct RunLog {
   bool lineIsOpen = false;
   std::uint64_t castPhotons = 0;  // of the frame that is initialised
   bool closed = false;
+  std::vector<LogLine> lines;
+  Phase linePhase = Phase::kWriting;  // that the last line about one tells
 };
 
 // Lives until the process ends, whoever ends it.
@@ -62,12 +64,33 @@ std::string OneLine(std::string_view message) {
   return line;
 }
 
+void AddLine(RunLog& log, std::string_view severity, std::string text) {
+  constexpr std::size_t kMostLines = 10'000;
+  const double seconds = std::chrono::duration<double>(Clock::now() - log.start).count();
+  if (log.lines.size() < kMostLines) log.lines.push_back({seconds, std::string(severity), std::move(text)});
+}
+
+// A line for each phase, and one for each time that images were written.
+void LogPhase(RunLog& log, const RunProgress& progress) {
+  constexpr const char* kTexts[] = {"reading the scene", "building trees", "casting photons",
+                                    "rendering passes"};
+  const bool isNew = progress.phase != std::exchange(log.linePhase, progress.phase);
+  const auto index = static_cast<std::size_t>(progress.phase);
+  if (progress.phase == Phase::kWriting) {
+    if (progress.done == progress.total && progress.total > 0) AddLine(log, "note", "images are written");
+  } else if (isNew && progress.total > 0 && (progress.phase != Phase::kPasses || progress.done == 0)) {
+    AddLine(log, "note", kTexts[index]);
+  }
+}
+
 void Keep(RunLog& log, Message message) {
   message.text = OneLine(message.text);
   if (message.severity == TroubleKind::kFatal)
     log.record.failure = message;
-  else
+  else if (message.severity != TroubleKind::kNote)
     AddWarning(log.record, message);
+  const bool tellsFile = message.file.empty() || message.text.find(message.file) != std::string::npos;
+  AddLine(log, SeverityText(message.severity), message.text + (tellsFile ? "" : " (" + message.file + ")"));
   if (log.form == Form::kJson) Put(log, MessageJson(message));
 }
 
@@ -100,6 +123,7 @@ void ShowLine(RunLog& log, const RunProgress& progress) {
 
 // As often as somebody can follow, but all phases, all ends, and in text all passes.
 void Show(RunLog& log, const RunProgress& progress) {
+  LogPhase(log, progress);
   const bool isJson = log.form == Form::kJson;
   if (log.form == Form::kNone || (!isJson && progress.phase != Phase::kPasses)) return;
   const auto pause = isJson ? std::chrono::milliseconds(100) : std::chrono::milliseconds(1000);
@@ -189,7 +213,7 @@ void Say(const Message& message) {
   const std::lock_guard lock(log.mutex);
   Keep(log, message);
   if (log.form == Form::kJson || message.severity == TroubleKind::kWarning) return;
-  Put(log, (message.severity == TroubleKind::kFatal ? "zephlore: " : "error :( \t") + OneLine(message.text));
+  Put(log, (message.severity == TroubleKind::kError ? "error :( \t" : "zephlore: ") + OneLine(message.text));
 }
 
 void Note(const Message& message) {
@@ -207,7 +231,8 @@ void BeginFrame(const FramePlan& plan, std::uint32_t first) {
   frame.passes = frame.resumedPasses = first;
   frame.photons = log.castPhotons;
   frame.storedPhotons = photonStore.photons.size();
-  Show(log, log.meter.Take(FrameReport{first, static_cast<std::uint32_t>(std::max(plan.sample, 0))}, {}));
+  const PassRange range = PassesToRender();
+  Show(log, log.meter.Take(FrameReport{first, range.end - range.begin}, {}));
 }
 
 void TellFrame(const FrameReport& report, double seconds, std::optional<double> limit) {
@@ -244,6 +269,13 @@ RunProgress CurrentProgress() {
   RunLog& log = Log();
   const std::lock_guard lock(log.mutex);
   return log.meter.Last();
+}
+
+std::vector<LogLine> LogLines(std::size_t first) {
+  RunLog& log = Log();
+  const std::lock_guard lock(log.mutex);
+  first = std::min(first, log.lines.size());
+  return {log.lines.begin() + static_cast<std::ptrdiff_t>(first), log.lines.end()};
 }
 
 int Fail(std::string_view message, ExitStatus status, std::string_view code) {

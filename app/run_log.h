@@ -6,6 +6,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "commands.h"
 #include "job/run_progress.h"
@@ -40,5 +41,12 @@ void EndFrame(double seconds);
 // Calls with the record, which nobody else has meanwhile.
 void WithRecord(const std::function<void(RunRecord&)>& call);
 RunProgress CurrentProgress();
+
+struct LogLine {
+  double seconds = 0;  // since the run began
+  std::string severity, text;
+};
+// What was told so far, from a line on.
+std::vector<LogLine> LogLines(std::size_t first);
 
 }  // namespace zp

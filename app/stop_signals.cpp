@@ -40,7 +40,9 @@ void AwaitEnd() {
 }
 
 void TakeSignal(int signal) {
-  if (stopRequested.exchange(true)) {
+  static std::atomic<bool> isSecond = false;  // others than signals may stop a render
+  stopRequested = true;
+  if (isSecond.exchange(true)) {
     std::signal(signal, SIG_DFL);
     secondSignal = signal;
     sem_post(&ending);

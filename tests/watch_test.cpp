@@ -1,9 +1,12 @@
-// What a render tells to programs: lines of JSON, and its report.
+// What a render tells while it runs: lines of JSON, its report, its page.
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -131,6 +134,100 @@ TEST_F(Watching, StopsAreReported) {
     EXPECT_GT(Report().at("passes"), 0);
     EXPECT_EQ(Report().at("files_written"), Json::array({"a.pfm"}));
   }
+}
+
+// A render that serves its page at a port of the system's choice.
+class Serving : public Watching {
+ protected:
+  void Start(const std::string& before, const std::string& arguments) {
+    child.emplace(before + " '" + kProgram + "' " + kRender + "--seed 3 --serve=0 " + arguments, work);
+    const std::string start = "http://127.0.0.1:";
+    EXPECT_TRUE(Await([&] { return child->Ended() || child->Errors().find(start) != std::string::npos; }));
+    host = child->Errors();
+    host = host.substr(std::min(host.find(start) + 7, host.size()));
+    host = host.substr(0, host.find('/'));
+  }
+  // The whole answer to a request with these lines of headers beside its host's.
+  std::string Ask(const std::string& request, const std::string& headers, std::string asHost = {}) const {
+    const int link = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<std::uint16_t>(std::stoi(host.substr(host.find(':') + 1))));
+    EXPECT_EQ(connect(link, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const std::string text = request + " HTTP/1.1\r\nHost: " + (asHost.empty() ? host : asHost) + "\r\n" +
+                             headers + "Content-Length: 0\r\nConnection: close\r\n\r\n";
+    EXPECT_EQ(send(link, text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
+    std::string answer;
+    char block[4096];
+    for (ssize_t got = 0; (got = recv(link, block, sizeof block, 0)) > 0;)
+      answer.append(block, static_cast<std::size_t>(got));
+    close(link);
+    return answer;
+  }
+  int Status(const std::string& request, const std::string& headers = {}, std::string asHost = {}) const {
+    return std::stoi(Ask(request, headers, std::move(asHost)).substr(9, 3));
+  }
+
+  std::optional<Child> child;
+  std::string host;  // with the port
+};
+
+TEST_F(Serving, ThePageAloneStopsTheRenderAndAllIsSaved) {
+  Start("", "--sample 65535 --checkpoint a.zpc");
+  EXPECT_EQ(Status("GET /"), 200);
+  for (const char* other : {"evil.example", "127.0.0.1:1", "evil.example:80"})
+    EXPECT_EQ(Status("GET /status", "", other), 421) << other;
+  for (const char* origin : {"", "Origin: null\r\n", "Origin: http://evil.example\r\n"})
+    EXPECT_EQ(Status("POST /stop", origin), 403) << origin;
+  EXPECT_EQ(Status("GET /stop"), 404);
+  EXPECT_EQ(Run("render ../scene --serve=" + host.substr(host.find(':') + 1)).status, 1) << "taken";
+  EXPECT_TRUE(Await([&] { return Ask("GET /picture", "").find("X-Passes: ") != std::string::npos; }));
+  EXPECT_EQ(Status("POST /stop", "Origin: http://" + host + "\r\n"), 200);
+  EXPECT_EQ(child->ExitStatus(), 0) << child->Errors();
+  EXPECT_GT(Report().at("passes"), 0);
+  EXPECT_EQ(Report().at("files_written"), Json::array({"a.zpc", "a.pfm"}));
+}
+
+TEST_F(Serving, OthersNeedAToken) {
+  EXPECT_EQ(Run("render ../scene --serve=0 --serve-address 0.0.0.0").status, 1);
+  WriteFile(work / "token", "short\n");
+  EXPECT_EQ(Run("render ../scene --serve=0 --serve-token-file token").status, 1);
+  const std::string token = "0123456789abcdef";
+  Start("env ZEPHLORE_SERVE_TOKEN=" + token, "--sample 65535");
+  for (const char* path : {"/", "/status", "/?token=0123456789abcdeF", "/?token=0123456789abcdef0"})
+    EXPECT_EQ(Status("GET " + std::string(path)), 401) << path;
+  const std::string answer = Ask("GET /?token=" + token, "");
+  const std::size_t cookie = answer.find("Set-Cookie: ") + 12;
+  EXPECT_NE(answer.find("; HttpOnly; SameSite=Strict\r\n"), std::string::npos) << answer;
+  EXPECT_EQ(Status("GET /status",
+                   "Cookie: a=b; " + answer.substr(cookie, answer.find(';', cookie) - cookie) + "\r\n"),
+            200);
+}
+
+// At exposure 0 a pixel of the page is that of `view`, to the bit.
+TEST_F(Serving, BrowsersShowWhatViewMakes) {
+  if (std::system("command -v chromium >/dev/null") != 0) GTEST_SKIP() << "there is no browser";
+  Start("", "--sample 2 --serve-after");
+  EXPECT_TRUE(Await([&] { return Ask("GET /status", "").find("\"ended\"") != std::string::npos; }));
+  OutputOf("cd '" + work.string() +
+           "' && HOME=. timeout 100 chromium --headless --no-sandbox --disable-gpu " +
+           "--hide-scrollbars --force-color-profile=srgb --user-data-dir=browser --window-size=640,480 " +
+           "--virtual-time-budget=9000 --screenshot=shot.png 'http://" + host + "/#zoom=1'");
+  EXPECT_EQ(Run("view a.pfm a.png").status, 0);
+  ImageBuffer shot, picture;
+  shot.fileName = "shot.png";
+  picture.fileName = "a.png";
+  ASSERT_TRUE(LoadImage(shot, work / "shot.png") && LoadImage(picture, work / "a.png"));
+  const auto isAt = [&](std::size_t left, std::size_t bottom) {
+    for (std::size_t i = 0; i < 64 * 32; ++i)
+      if (ReadPixel(shot, (bottom + i / 64) * 640 + left + i % 64) != ReadPixel(picture, i)) return false;
+    return true;
+  };
+  int found = 0;
+  for (std::size_t place = 0; place < 640 * (480 - 32); ++place)
+    found += place % 640 <= 640 - 64 && isAt(place % 640, place / 640) ? 1 : 0;
+  EXPECT_EQ(found, 1);
 }
 
 }  // namespace

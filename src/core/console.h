@@ -14,7 +14,7 @@ inline constexpr float kMegabytesPerByte = 9.536743e-07f;  // 1 / 1,048,576
 
 void SetConsoleQuiet(bool quiet);  // true: print nothing at all
 
-enum class TroubleKind { kWarning, kError, kFatal };
+enum class TroubleKind { kWarning, kError, kFatal, kNote };  // the last of a program's own: nothing is wrong
 // Something wrong with the scene, a file or the machine. A row is one way to tell of it.
 struct Trouble {
   TroubleKind kind;

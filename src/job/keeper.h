@@ -25,7 +25,9 @@ class FrameKeeper {
 
   void PassDone(const FrameReport& report);
   void RowsDone();
-  void Paused() { Save(); }
+  void Paused() {  // which others than RowsDone may ask for
+    if (IsSaveDue()) Save();
+  }
 
   // Saves images and checkpoint as they stand.
   void Save();

@@ -23,10 +23,6 @@ std::string Dump(const Json& json, int indent) {
   return json.dump(indent, ' ', false, Json::error_handler_t::replace);
 }
 
-std::string_view SeverityText(TroubleKind kind) {
-  return kind == TroubleKind::kWarning ? "warning" : kind == TroubleKind::kError ? "error" : "fatal";
-}
-
 Json JsonOf(const Message& message) {
   return {{"severity", SeverityText(message.severity)},
           {"code", message.code},
@@ -60,6 +56,7 @@ Json JsonOf(const FrameRecord& frame) {
           {"region", {plan.left, plan.top, plan.right, plan.bottom}},
           {"seed", plan.seed},
           {"sample", plan.sample},
+          {"first_pass", plan.begin},
           {"passes", frame.passes},
           {"resumed_passes", frame.resumedPasses},
           {"seconds", frame.seconds},
@@ -97,6 +94,11 @@ Json SceneJson(const RunRecord& record) {
 }
 
 }  // namespace
+
+std::string_view SeverityText(TroubleKind kind) {
+  constexpr std::string_view kWords[] = {"warning", "error", "fatal", "note"};
+  return kWords[static_cast<std::size_t>(kind)];
+}
 
 void AddWarning(RunRecord& record, const Message& message) {
   for (Message& known : record.warnings)

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/console.h"
@@ -17,10 +18,10 @@ namespace zp {
 // Something that went wrong.
 struct Message {
   TroubleKind severity = TroubleKind::kError;
-  std::string code;  // words that never change: "image-unwritten"
-  std::string text;  // one line
+  std::string code;       // words that never change: "image-unwritten"
+  std::string text;       // one line
   std::string file = {};  // that it is about; empty without one
-  int line = 0;      // in that file; 0 without one
+  int line = 0;           // in that file; 0 without one
   std::uint32_t count = 1;
 };
 
@@ -52,6 +53,7 @@ struct RunRecord {
   double elapsed = 0;    // seconds
 };
 
+std::string_view SeverityText(TroubleKind kind);
 // Adds it to those that came, or counts it.
 void AddWarning(RunRecord& record, const Message& message);
 // One line of JSON, without its end.
