@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "core/random.h"
+#include "shading/directions.h"
 #include "shading/shading.h"
 #include "statistics.h"
 #include "surroundings.h"

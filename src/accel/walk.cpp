@@ -48,6 +48,7 @@ struct NearestWalk {
     ray.kind = kind;
     ray.frontFace = found.denominator < 0;
     ray.barycentric = found.barycentric;
+    ray.product = kBlack;
     ray.hitMatrixDepth = ray.matrixDepth;
     ray.hitPlace = ray.place;
     ray.levelZeroHit = object.level == 0;
@@ -81,7 +82,11 @@ struct NearestWalk {
       const PrimitiveHit found = stored.Lane(i, block.shader[i]);
       if (!Counts(part, kKindTriangle, block.primitive[i], found)) continue;
       Store(part, kKindTriangle, block.primitive[i], found);
-      Prefetch(&part.triangles[block.primitive[i]]);  // of which the hit's surface is made
+      const auto edge = [i](const float(&rows)[3][kBlockLanes]) {
+        return Vec3{rows[0][i], rows[1][i], rows[2][i]};
+      };
+      ray.product = Cross(edge(block.e1), edge(block.e2));
+      Prefetch(&part.triangles[block.primitive[i]]);  // of which the hit's surface may be made
     }
   }
 

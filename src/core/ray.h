@@ -50,6 +50,7 @@ struct RayRecord {
   Vec3 direction;                             // unit length
   Vec3 inverseDirection;                      // 1 / component, filled by Trace
   Vec3 barycentric;                           // of the hit; meaning by kind: accel/primitive_tests.h
+  Vec3 product;                               // of the edges of a triangle that was hit; zero: not known
   float t = kFarthest;                        // distance to the hit
   Vec3 throughput = {1, 1, 1};                // linear RGB weight of the path so far
   Vec3 photonPower;                           // of a photon ray

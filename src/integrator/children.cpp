@@ -4,6 +4,7 @@
 
 #include "core/random.h"
 #include "integrator/estimator.h"
+#include "shading/directions.h"
 
 namespace zp {
 

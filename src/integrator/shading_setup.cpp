@@ -5,6 +5,7 @@
 
 #include "accel/accel.h"
 #include "core/float8.h"
+#include "core/index.h"
 #include "core/settings.h"
 #include "geometry/geometry.h"
 #include "geometry/object.h"
@@ -81,14 +82,32 @@ Vec3 TetragonNormal(const Part& part, const Corners& c) {
   return MadeUnit(Cross(p[c.vertex[2]] - p[c.vertex[0]], p[c.vertex[3]] - p[c.vertex[1]]));
 }
 
-LocalSurface SurfaceOf(const RayRecord& ray, bool wantsTangent) {
+// Whether the record of a triangle need not be read: the walk has told its edges, and its normals are those
+// of its face, or none.
+bool GoesWithoutVertices(const RayRecord& ray) {
+  if (ray.kind != kKindTriangle || ray.product == kBlack) return false;
+  const Part& part = *ray.part;
+  return IsIndex(part.cornerNormals.values, ray.primitive) || part.normals.empty();
+}
+
+// What a hit needs beside its normals.
+struct Wants {
+  bool tangent, uv;
+};
+
+LocalSurface SurfaceOf(const RayRecord& ray, Wants wants) {
   const Part& part = *ray.part;
   const auto index = static_cast<std::uint32_t>(ray.primitive);
+  const bool wantsTangent = wants.tangent;
   LocalSurface surface;
-  surface.corners = HitCorners(part, ray.kind, index, ray.barycentric);
+  if (!wants.tangent && !wants.uv && GoesWithoutVertices(ray))
+    surface.corners = {{}, {ray.barycentric.x, ray.barycentric.y, ray.barycentric.z, 0}, 3};
+  else
+    surface.corners = HitCorners(part, ray.kind, index, ray.barycentric);
   switch (ray.kind) {
     case kKindTriangle:
-      surface.faceNormal = TriangleNormal(part, surface.corners);
+      surface.faceNormal =
+          ray.product == kBlack ? TriangleNormal(part, surface.corners) : MadeUnit(ray.product);
       SumCorners(ray, wantsTangent, surface);
       break;
     case kKindTetragon:
@@ -185,7 +204,7 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
   if (shader.surfaces.empty()) return false;
 
   const bool turned = shader.isTurned || settings.derived.showsTangents;
-  LocalSurface surface = SurfaceOf(ray, turned);
+  LocalSurface surface = SurfaceOf(ray, {turned, shader.readsUv});
   if (surface.corners.count == 0) return false;
 
   Vec3 normal = surface.faceNormal;

@@ -6,6 +6,7 @@
 #include "lights/gaffer.h"
 #include "lights/light_frame.h"
 #include "lights/light_photons.h"
+#include "shading/directions.h"
 
 namespace zp {
 namespace {

@@ -13,6 +13,7 @@
 #include "lights/light_photons.h"
 #include "lights/lights.h"
 #include "lights/seen_rectangle.h"
+#include "shading/directions.h"
 
 namespace zp {
 namespace {

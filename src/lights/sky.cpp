@@ -11,6 +11,7 @@
 #include "lights/sky_map.h"
 #include "lights/sky_model.h"
 #include "lights/sky_table.h"
+#include "shading/directions.h"
 
 namespace zp {
 

@@ -1,12 +1,8 @@
 #include <cmath>
 
-#include "core/angles.h"
-#include "core/settings.h"
-#include "core/vec.h"
-#include "shading/shading.h"
+#include "shading/directions.h"
 
 namespace zp {
-namespace {
 
 Vec2 DiskByTurns(float a, float b) {
   const auto ratio = [](float numerator, float divisor) { return divisor == 0 ? 0.0f : numerator / divisor; };
@@ -29,28 +25,6 @@ Vec2 DiskByTurns(float a, float b) {
   }
   const float angle = eighths * (kPi / 4);
   return {radius * std::cos(angle), radius * std::sin(angle)};
-}
-
-// The same map without a branch: each half of the square has the larger coordinate as its signed radius, and
-// an angle of at most an eighth of a turn.
-Vec2 DiskBySeries(float a, float b) {
-  const bool wide = std::fabs(a) > std::fabs(b);
-  const float radius = Choose(wide, a, b), other = Choose(wide, b, a);
-  const float angle = radius == 0 ? 0.0f : (kPi / 4) * (other / radius);
-  const auto [sine, cosine] = OfSmallAngle(angle);
-  return {radius * Choose(wide, cosine, sine), radius * Choose(wide, sine, cosine)};
-}
-
-}  // namespace
-
-Vec2 ConcentricDisk(float u, float v) {
-  const float a = 2 * u - 1, b = 2 * v - 1;
-  return settings.format >= 2 ? DiskBySeries(a, b) : DiskByTurns(a, b);
-}
-
-Vec3 CosineDirection(float u, float v) {
-  const Vec2 disk = ConcentricDisk(u, v);
-  return {disk.x, disk.y, SafeSqrt(1 - disk.x * disk.x - disk.y * disk.y)};
 }
 
 }  // namespace zp

@@ -256,8 +256,4 @@ Vec3 SampleGlossyHalf(const ShadingPoint& point, float u, float v);
 // on the ray's side and behind. False on total internal reflection.
 bool Refract(Vec3 direction, Vec3 normal, float cosine, float ratio, Vec3& refracted);
 
-// Directions: u, v in [0, 1).
-Vec2 ConcentricDisk(float u, float v);   // Shirley and Chiu, "A Low Distortion Map", 1997
-Vec3 CosineDirection(float u, float v);  // local frame, z up; density z / pi
-
 }  // namespace zp
