@@ -10,7 +10,7 @@ foreach(scene courtyard cistern flight relief)  # a megabyte each at most
     PATTERN generate.py EXCLUDE PATTERN __pycache__ EXCLUDE)
 endforeach()
 install(FILES docs/scene-format.md docs/check.md docs/aov-guide.md docs/console.md docs/final-gathering.md
-  docs/format-2.md docs/host-guide.md docs/python.md docs/cistern.png docs/gather-modes.png
+  docs/format-2.md docs/keeping.md docs/farm.md docs/host-guide.md docs/python.md docs/cistern.png docs/gather-modes.png
   docs/gather-radius.png docs/error-over-time.svg DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT program)
 
 # The licence of all, and that of the data inside.
