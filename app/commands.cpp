@@ -3,10 +3,7 @@
 #include <pthread.h>
 #include <sys/resource.h>
 
-#include <cstdio>
 #include <cstdlib>
-
-#include "core/console.h"
 
 namespace zp {
 namespace {
@@ -14,39 +11,7 @@ namespace {
 constexpr std::size_t kStackBytes = 64UL << 20U;  // reserved, not used: pages come with the first touch
 constexpr const char* kStackText = "64M";
 
-// Scene text may hold anything, but a message stays one line.
-std::string OneLine(std::string_view message) {
-  std::string line;
-  for (const char c : message) line += c == '\n' || c == '\r' ? ' ' : c;
-  while (!line.empty() && line.back() == ' ') line.pop_back();
-  return line + '\n';
-}
-
-// Behind all rows that are there already.
-void PutError(std::string_view start, std::string_view message) {
-  std::fflush(stdout);
-  const std::string line = (openErrorLine ? "\n" : "") + std::string(start) + OneLine(message);
-  openErrorLine = false;
-  std::fwrite(line.data(), 1, line.size(), stderr);
-}
-
 }  // namespace
-
-int Fail(std::string_view message, ExitStatus status) {
-  PutError("zephlore: ", message);
-  return status;
-}
-
-void TellErrors() {
-  SetTroubleSink([](const Trouble& trouble) {
-    if (trouble.kind == TroubleKind::kWarning) return false;
-    if (trouble.kind == TroubleKind::kFatal)
-      Fail(trouble.text);
-    else
-      PutError("error :( \t", trouble.text);
-    return true;
-  });
-}
 
 std::error_code DirectoryVisit::Enter(const std::filesystem::path& folder) {
   std::error_code error;

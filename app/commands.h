@@ -40,7 +40,7 @@ struct RenderOptions {
   std::optional<std::uint64_t> seed;
   std::optional<std::int32_t> format;  // of the rules, whatever the scene says
   bool quiet = false;
-  bool progress = false;
+  std::string progress;  // how the error stream shows how far it is, "line" or "json"; empty: not at all
   bool preview = false;  // a window shows the picture; closing it ends the render
   bool linear = false;   // files of 8 bits keep numbers, in format 2 too
   bool strict = false;   // kExitFailed, before the first pass, if a check of the scene finds an error
@@ -50,6 +50,7 @@ struct RenderOptions {
   std::optional<double> time;       // seconds that the frame may take
   std::optional<Passes> passes;     // those of a part of the frame; it has no images but with `output`
   bool varyPhotons = false;         // parts cast photons of their own
+  std::string report;               // JSON file that tells what became of the run; empty: none
 };
 int RunRender(const RenderOptions& options);
 
@@ -90,13 +91,8 @@ bool LoadCheckedScene(std::vector<Finding>& findings);
 std::string FindingPath(const std::string& scene, const Finding& finding);
 
 // Prints the one line of a failing command and returns `status`. Line ends inside the message become blanks.
-int Fail(std::string_view message, ExitStatus status = kExitFailed);
-
-// Puts errors of the scene on the error stream, one row each, in place of the output stream.
-void TellErrors();
-
-// A line on the error stream waits for its end: what is written there next ends it first.
-inline bool openErrorLine = false;
+//   code  for programs; without it "usage" or "failed", by the status
+int Fail(std::string_view message, ExitStatus status = kExitFailed, std::string_view code = {});
 
 // Makes `folder` the current directory until it goes out of scope or Leave is called.
 class DirectoryVisit {

@@ -12,6 +12,7 @@
 #include "core/ray.h"
 #include "core/words.h"
 #include "imaging/imaging.h"
+#include "run_log.h"
 
 namespace zp {
 namespace {
@@ -125,6 +126,10 @@ void AddKeeping(CLI::App& render, RenderOptions& options) {
                   "Go on from this checkpoint, and keep it; what is not said is as it was")
       ->type_name("FILE")
       ->check(names);
+  render
+      .add_option("--report", options.report, "Tell in this JSON file what became of the run, failed or not")
+      ->type_name("FILE.json")
+      ->check(names);
 }
 
 void AddParts(CLI::App& render, RenderOptions& options) {
@@ -218,7 +223,10 @@ void AddRender(CLI::App& app, RenderOptions& options) {
   render->add_flag("--quiet", options.quiet, "No report rows on the output stream");
   render->add_flag("--strict", options.strict,
                    "Render nothing and exit with 1 if 'zephlore check' would tell an error of the scene");
-  render->add_flag("--progress", options.progress, "One updating line on the error stream");
+  render
+      ->add_flag("--progress{line}", options.progress,
+                 "One updating line on the error stream; --progress=json: an object a line, for programs")
+      ->check(CLI::IsMember({"line", "json"}));
   render->add_flag("--preview", options.preview,
                    "Show the picture in a window while it renders; closing it ends the render");
 }
@@ -279,8 +287,8 @@ std::string Suggestion(const CLI::App& app, int argc, char** argv) {
   try {
     if (const std::exception_ptr reason = std::current_exception()) std::rethrow_exception(reason);
   } catch (const std::bad_alloc&) {
-    Fail("not enough memory");
-    std::_Exit(kExitFailed);
+    Fail("not enough memory", kExitFailed, "no-memory");
+    std::_Exit(CloseRunLog(kExitFailed));
   } catch (...) {
     std::abort();
   }
@@ -304,7 +312,10 @@ int Run(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+      DropReport();
+      return app.exit(error);
+    }
     return Fail(error.what() + Suggestion(app, argc, argv) + " (see zephlore --help)", kExitUsage);
   }
   if (app.got_subcommand("merge")) return RunMerge(mergeOptions);
@@ -322,11 +333,14 @@ int main(int argc, char** argv) {
   std::signal(SIGXFSZ, SIG_IGN);
   zp::EnlargeStacks();
   std::set_terminate(zp::EndUncaught);
+  zp::OpenRunLog(argc, argv);
+  int status = 0;
   try {
-    return zp::Run(argc, argv);
+    status = zp::Run(argc, argv);
   } catch (const std::bad_alloc&) {
-    return zp::Fail("not enough memory");
+    status = zp::Fail("not enough memory", zp::kExitFailed, "no-memory");
   } catch (const std::exception& error) {
-    return zp::Fail(error.what());
+    status = zp::Fail(error.what());
   }
+  return zp::CloseRunLog(status);
 }

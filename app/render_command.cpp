@@ -3,11 +3,6 @@
 #include <omp.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <csignal>
-#include <cstdio>
-#include <cstring>
 #include <vector>
 
 #include "camera_choice.h"
@@ -27,68 +22,11 @@
 #include "job/keeper.h"
 #include "lights/lights.h"
 #include "resume.h"
+#include "run_log.h"
+#include "stop_signals.h"
 
 namespace zp {
 namespace {
-
-// "1:02:03" or "2:03".
-std::string ClockText(double seconds) {
-  const auto whole = static_cast<long long>(std::clamp(seconds, 0.0, 1e9) + 0.5);
-  char text[64];
-  if (whole >= 3600)
-    std::snprintf(text, sizeof text, "%lld:%02lld:%02lld", whole / 3600, whole / 60 % 60, whole % 60);
-  else
-    std::snprintf(text, sizeof text, "%lld:%02lld", whole / 60, whole % 60);
-  return text;
-}
-
-// Keeps one line on the error stream up to date while it lives.
-class ProgressLine {
- public:
-  explicit ProgressLine(bool enabled) : enabled_(enabled) {}
-  void PassDone(const FrameReport& report) {
-    if (enabled_) Show(report);
-  }
-  void RowsDone(const FrameReport& report) {
-    if (enabled_ && Clock::now() - shown >= std::chrono::seconds(1)) Show(report);
-  }
-  ~ProgressLine() {
-    if (openErrorLine) std::fputc('\n', stderr);
-    openErrorLine = false;
-  }
-  ProgressLine(const ProgressLine&) = delete;
-  ProgressLine& operator=(const ProgressLine&) = delete;
-
- private:
-  using Clock = std::chrono::steady_clock;
-
-  void Show(const FrameReport& report) {
-    shown = Clock::now();
-    const double elapsed = std::chrono::duration<double>(shown - start).count();
-    const double done = static_cast<double>(report.done) + static_cast<double>(report.begun);
-    const double remaining = done > 0 ? elapsed / done * (report.total - done) : 0;
-    const double speed =  // rays a microsecond are millions a second
-        report.microseconds > 0 ? static_cast<double>(report.rays) / static_cast<double>(report.microseconds)
-                                : 0;
-    char begun[32] = "";
-    if (report.begun > 0)
-      std::snprintf(begun, sizeof begun, " and %.0f %%", 100 * static_cast<double>(report.begun));
-    char text[192];
-    const int length = std::snprintf(
-        text, sizeof text, "pass %u of %u%s   %.2f M rays/s   elapsed %s   remaining %s", report.done,
-        report.total, begun, speed, ClockText(elapsed).c_str(), ClockText(remaining).c_str());
-    if (length <= 0) return;
-    // Blanks wipe what a longer line left behind.
-    std::fprintf(stderr, "\r%-*s", width, text);
-    std::fflush(stderr);
-    width = std::max(width, length);
-    openErrorLine = true;
-  }
-
-  Clock::time_point start = Clock::now(), shown = start;
-  bool enabled_;
-  int width = 0;  // of the longest line so far
-};
 
 // The cameras that are rendered, one after the other. Each is a run of its own, from reading the scene on: a
 // finished frame leaves no lights behind.
@@ -195,6 +133,10 @@ std::string FailureText(const std::vector<SaveFailure>& failures) {
   return text;
 }
 
+int FailSaves(const std::vector<SaveFailure>& failures) {
+  return Fail(FailureText(failures), kExitFailed, "image-unwritten");
+}
+
 // Why the initialised scene has nothing to show; empty if it has.
 std::string NothingToRender(const Camera& camera) {
   if (camera.width < 1 || camera.height < 1) return "the camera has no pixels";
@@ -208,48 +150,13 @@ std::string NothingToRender(const Camera& camera) {
 constexpr char kStoppedEarly[] = "stopped before anything was rendered: nothing is written";
 constexpr char kStoppedBetween[] =
     "stopped before all cameras were rendered: the images of the others are written";
-std::atomic<const char*> stoppedEarly = kStoppedEarly;
-
-// Nothing is lost when the process ends here and now: no sample is taken and no file is being written.
-std::atomic<bool> nothingToLose = false;
-
-// Loading and initialising end soon after a stop. This is for what never asks, as the decoder of a large
-// picture or a disk that does not answer.
-void EndWithNothing(int) {
-  constexpr char kText[] = "zephlore: ";
-  if (!nothingToLose) return;
-  (void)!write(STDERR_FILENO, kText, sizeof kText - 1);
-  (void)!write(STDERR_FILENO, stoppedEarly, std::strlen(stoppedEarly));
-  (void)!write(STDERR_FILENO, "\n", 1);
-  _exit(kExitFailed);
-}
-
-// The first signal ends the work and lets the images be written, a second one ends the process at once. What
-// the caller has chosen to ignore, as under nohup, stays ignored.
-void StopOnSignals() {
-  stopRequested = false;
-  struct sigaction action = {};
-  action.sa_handler = EndWithNothing;
-  sigaction(SIGALRM, &action, nullptr);
-  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-    if (sigaction(number, nullptr, &action) != 0 || action.sa_handler == SIG_IGN) continue;
-    action.sa_handler = [](int signal) {
-      if (stopRequested.exchange(true)) {
-        std::signal(signal, SIG_DFL);
-        raise(signal);
-      }
-      if (nothingToLose) alarm(1);
-    };
-    action.sa_flags = static_cast<int>(SA_RESTART);
-    sigaction(number, &action, nullptr);
-  }
-}
+const char* stoppedEarly = kStoppedEarly;
 
 // What to say of a frame that a signal has cut short; empty if none has.
 std::string StopText(const RenderOptions& options, const Turns& turns) {
   if (!Stopping()) return {};
   const std::uint64_t samples = CountSamples(frameState);
-  if (samples == 0 || cameras.empty()) return stoppedEarly.load();
+  if (samples == 0 || cameras.empty()) return stoppedEarly;
   const Camera& camera = cameras[turns.cameras[turns.index]];
   const PassRange range = PassesToRender();
   const std::uint32_t passes = range.end - range.begin;
@@ -271,9 +178,13 @@ int LoadStrictly(const std::string& scene) {
   if (!LoadCheckedScene(findings)) return kExitFailed;
   std::erase_if(findings, [](const Finding& f) { return RowOf(f.code).severity != Severity::kError; });
   if (findings.empty()) return kExitDone;
+  for (const Finding& finding : findings)
+    Note({TroubleKind::kError, std::string(RowOf(finding.code).word), finding.text,
+          FindingPath(scene, finding), finding.place.line});
   const std::string place = FindingPath(scene, findings[0]) + ":" + std::to_string(findings[0].place.line);
   return Fail("errors of the scene (" + std::to_string(findings.size()) + "), the first at " + place + ": " +
-              findings[0].text + " ('zephlore check' names all)");
+                  findings[0].text + " ('zephlore check' names all)",
+              kExitFailed, "scene-errors");
 }
 
 // Renders the frame of the initialised scene, from where `resumed` stands, if there is such.
@@ -289,44 +200,42 @@ int RenderFrame(const RenderOptions& options, std::vector<SceneFile> files, Chec
   base.options = KeptOptions(options);
   base.files = std::move(files);
   constexpr double kSaveEvery = 60;
+  const std::uint32_t first = resumed != nullptr ? resumed->passes : 0;
+  BeginFrame(base.plan, first);
   FrameKeeper keeper({options.saveEvery.value_or(kSaveEvery), options.checkpoint, options.time},
                      std::move(base));
-  {
-    ProgressLine progress(options.progress);
-    frameObserver.passDone = [&](const FrameReport& report) {
-      progress.PassDone(report);
-      keeper.PassDone(report);
-    };
-    frameObserver.rowsDone = [&](const FrameReport& report) {
-      progress.RowsDone(report);
-      keeper.RowsDone();
-    };
-    frameObserver.paused = [&](const FrameReport&) { keeper.Paused(); };
-    frameObserver.finish = resumed != nullptr && resumed->passes > 0 && !keeper.HasTimeLeft();
-    RenderLoop(resumed != nullptr ? resumed->passes : 0);
-    frameObserver = {};
-  }
+  frameObserver.passDone = [&](const FrameReport& report) {
+    TellFrame(report, keeper.Seconds(), options.time);
+    keeper.PassDone(report);
+  };
+  frameObserver.rowsDone = [&](const FrameReport& report) {
+    TellFrame(report, keeper.Seconds(), options.time);
+    keeper.RowsDone();
+  };
+  frameObserver.paused = [&](const FrameReport&) { keeper.Paused(); };
+  frameObserver.finish = first > 0 && !keeper.HasTimeLeft();
+  RenderLoop(first);
+  frameObserver = {};
+  EndFrame(keeper.Seconds());
   if (Stopping() && CountSamples(frameState) > 0) keeper.SaveCheckpoint();
   if (keeper.CheckpointTrouble().empty()) return kExitDone;
-  return Fail("the checkpoint '" + options.checkpoint +
-              "' could not be written: " + keeper.CheckpointTrouble());
+  return Fail(
+      "the checkpoint '" + options.checkpoint + "' could not be written: " + keeper.CheckpointTrouble(),
+      kExitFailed, "checkpoint-unwritten");
 }
 
-// The file of a checkpoint can be made.
-int TryCheckpoint(const std::string& name) {
-  if (name.empty()) return kExitDone;
+// A file can be made. The rest of a sentence that says why not, else empty.
+std::string FileObstacle(const std::string& name) {
   OutputFile file;
-  const std::string reason = file.Open(name);
+  return name.empty() ? "" : file.Open(name);
+}
+int TryCheckpoint(const std::string& name) {
+  const std::string reason = FileObstacle(name);
   return reason.empty() ? kExitDone : Fail("cannot write the checkpoint '" + name + "': " + reason);
 }
 
-// After Startup; the caller finalises whatever the result.
-int RenderScene(const RenderOptions& options, Turns& turns, Checkpoint* resumed) {
-  // Paths in scene text count from the scene folder, those of images from the caller's directory. The scene
-  // is left before anything is written, so image names need no rewriting.
-  DirectoryVisit visit;
-  if (const std::error_code error = visit.Enter(options.scene))
-    return Fail("cannot enter the scene folder '" + options.scene + "': " + error.message());
+// In the scene's folder: reads and initialises it, with the outputs named and listed in `planned`.
+int PrepareScene(const RenderOptions& options, Turns& turns, std::vector<ImageBuffer>& planned) {
   if (options.strict && turns.index == 0) {
     const int status = LoadStrictly(options.scene);
     if (status != kExitDone) return Stopping() ? kExitDone : status;
@@ -341,16 +250,33 @@ int RenderScene(const RenderOptions& options, Turns& turns, Checkpoint* resumed)
   for (const std::size_t chosen : turns.cameras) ApplyOptions(options, cameras[chosen]);
   const std::vector<std::string> labels =
       options.camera == kAllCameras ? CameraLabels() : std::vector<std::string>(cameras.size());
-  const std::vector<ImageBuffer> planned = PlanOutputs(options, turns, labels);
+  planned = PlanOutputs(options, turns, labels);
   NameOutputs(options, active, labels[active]);
   Initialize();
+  return kExitDone;
+}
+
+// After Startup; the caller finalises whatever the result.
+int RenderScene(const RenderOptions& options, Turns& turns, Checkpoint* resumed) {
+  // Paths in scene text count from the scene folder, those of images from the caller's directory. The scene
+  // is left before anything is written, so image names need no rewriting.
+  DirectoryVisit visit;
+  if (const std::error_code error = visit.Enter(options.scene))
+    return Fail("cannot enter the scene folder '" + options.scene + "': " + error.message());
+  std::vector<ImageBuffer> planned;
+  const int prepared = PrepareScene(options, turns, planned);
   std::vector<SceneFile> files;
-  if (!options.checkpoint.empty() && !Stopping()) files = HashSceneFiles();
+  if (!options.checkpoint.empty() || !options.report.empty()) files = HashSceneFiles();
+  WithRecord([&](RunRecord& record) {
+    record.files = files;
+    record.format = settings.format;
+  });
   if (const std::error_code error = visit.Leave())
     return Fail("cannot return to the current directory: " + error.message());
-  nothingToLose = false;
-  if (Stopping()) return kExitDone;
+  SetNothingToLose(false, stoppedEarly);
+  if (prepared != kExitDone || Stopping()) return prepared;
 
+  const std::size_t active = turns.cameras[turns.index];
   if (const std::string reason = NothingToRender(cameras[active]); !reason.empty()) return Fail(reason);
   if (options.passes && options.passes->end > cameras[active].sample)
     return Fail("--passes goes beyond the " + std::to_string(cameras[active].sample) + " of the camera");
@@ -366,9 +292,9 @@ int RenderScene(const RenderOptions& options, Turns& turns, Checkpoint* resumed)
 int RenderTurn(const RenderOptions& options, Turns& turns, Checkpoint* resumed) {
   frameState = {};
   Startup(options.seed, options.format);
-  nothingToLose = true;
+  SetNothingToLose(true, stoppedEarly);
   const int status = RenderScene(options, turns, resumed);
-  nothingToLose = false;
+  SetNothingToLose(false, stoppedEarly);
   const std::string stopped = status == kExitDone ? StopText(options, turns) : "";
   // The last pass has written every image; closing writes those of the cameras again.
   if (status != kExitDone) ForgetNames();
@@ -376,13 +302,16 @@ int RenderTurn(const RenderOptions& options, Turns& turns, Checkpoint* resumed) 
   Shutdown();
   if (stopped.empty()) return status;
   const std::vector<SaveFailure> failed = TakeFailedSaves();
-  return Fail(failed.empty() ? stopped : FailureText(failed));
+  return failed.empty() ? Fail(stopped, kExitFailed, "stopped") : FailSaves(failed);
 }
 
 }  // namespace
 
 int RunRender(const RenderOptions& given) {
   RenderOptions options = given;
+  StartRunLog(options.progress);
+  if (const std::string reason = FileObstacle(options.report); !reason.empty())
+    return Fail("cannot write the report '" + options.report + "': " + reason);
   Checkpoint resumed;
   const bool resumes = !options.resume.empty();
   if (resumes) {
@@ -394,7 +323,7 @@ int RunRender(const RenderOptions& given) {
     return Fail("--checkpoint keeps one camera, not all", kExitUsage);
   if (const std::string reason = ChooseShare(options, resumes ? &resumed : nullptr); !reason.empty())
     return Fail(reason, kExitUsage);
-  if (!options.checkpoint.empty() && !options.seed) options.seed = DrawSeed();
+  if ((!options.checkpoint.empty() || !options.report.empty()) && !options.seed) options.seed = DrawSeed();
   if (options.time && !options.sample && !options.passes) options.sample = kMostSamples;
   std::error_code error;
   if (!std::filesystem::is_directory(options.scene, error))
@@ -410,7 +339,11 @@ int RunRender(const RenderOptions& given) {
   omp_set_num_threads(options.threads ? *options.threads : std::min(omp_get_max_threads(), kMaxThreads));
   settings.said.linearFiles = options.linear;
   SetConsoleQuiet(options.quiet);
-  TellErrors();
+  WithRecord([&](RunRecord& record) {
+    record.scene = options.scene;
+    record.options = ReportedOptions(options);
+    record.threads = omp_get_max_threads();
+  });
   missingFiles = 0;
   StopOnSignals();
   TakeFailedSaves();
@@ -422,7 +355,7 @@ int RunRender(const RenderOptions& given) {
     status = RenderTurn(options, turns, nullptr);
   }
   const std::vector<SaveFailure> failed = TakeFailedSaves();
-  if (status == kExitDone && !failed.empty()) return Fail(FailureText(failed));
+  if (status == kExitDone && !failed.empty()) return FailSaves(failed);
   if (status == kExitDone && options.strict && missingFiles > 0)
     return Fail("files of the scene are missing or hold nothing readable ('zephlore check' names them)");
   return status;

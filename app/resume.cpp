@@ -44,6 +44,15 @@ std::string KeptOptions(const RenderOptions& options) {
   return kept.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
+std::string ReportedOptions(const RenderOptions& options) {
+  Json all = Json::parse(KeptOptions(options));
+  if (options.threads) all["threads"] = *options.threads;
+  all["checkpoint"] = FromRoot(options.checkpoint);
+  all["resume"] = FromRoot(options.resume);
+  all["strict"] = options.strict;
+  return all.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
 void TakeKeptOptions(const Checkpoint& checkpoint, RenderOptions& options) {
   const Json kept = Json::parse(checkpoint.options);
   VisitKept(options, [&](const char* name, auto& member) {

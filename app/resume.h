@@ -12,6 +12,8 @@ namespace zp {
 
 // A JSON object. Names of files count from the root there.
 std::string KeptOptions(const RenderOptions& options);
+// The same and what else was said, for a report.
+std::string ReportedOptions(const RenderOptions& options);
 // Fills those that were left out with those of the checkpoint.
 void TakeKeptOptions(const Checkpoint& checkpoint, RenderOptions& options);
 // Makes the library render the part that is asked for. The sentence that says why the words cannot mean one,

@@ -258,6 +258,12 @@ class LitHair : public RenderTest {
     return met;
   }
 
+  LobeRadiance SampledLight() const {
+    LobeRadiance lobes;
+    SampleLights(ray_, point_, lobes);
+    return lobes;
+  }
+
   double Expected(const std::function<Vec3(const FiberScattering&)>& lobes) const {
     return OverSphere([&](Vec3 d) {
       return double{Mean(lobes(EvaluateFiber(*point_.fiber, point_.outgoing, d, point_.tangent)))};
@@ -298,7 +304,7 @@ TEST_F(LitHair, PointLightsMeetTheLobes) {
     AddPointLight(place).color = color;
     Prepare();
     ASSERT_TRUE(Hit(0.2f));
-    const LobeRadiance lobes = SampleLights(ray_, point_);
+    const LobeRadiance lobes = SampledLight();
     const FiberScattering s = EvaluateFiber(*point_.fiber, point_.outgoing, direction, point_.tangent);
     const Vec3 light = (kPi / Dot(place, place)) * color, glossy = light * (s.r + s.tt + s.trt);
     const Vec3 diffuse = light * FiberDiffuse(point_.outgoing, direction, point_.tangent);
@@ -322,7 +328,7 @@ TEST_F(LitHair, SkyLightAddsUpForTheGlossyLobes) {
     ASSERT_TRUE(Hit(0.3f, SafeNormalize({0, 1, 0.4f})));
     const double expected =
         Expected([&](const FiberScattering& s) { return allLobes ? s.r + s.tt + s.trt : s.r; });
-    const double direct = double{Mean(SampleLights(ray_, point_)[Lobe::kGlossy])};
+    const double direct = double{Mean(SampledLight()[Lobe::kGlossy])};
     const double found = double{Mean(Gather(Lobe::kGlossy, ray_, point_))};
     EXPECT_NEAR(direct + found, expected, (i > 1 ? 0.02 : 0.03) * expected)
         << i << " " << direct << " " << found;
@@ -343,7 +349,7 @@ TEST_F(LitHair, SkyLightAddsUpForTheDiffuseLobe) {
     constexpr int kOffsets = 32;
     for (int i = 0; i < kOffsets; ++i) {
       ASSERT_TRUE(Hit((static_cast<float>(i) + 0.5f) / (kOffsets / 2) - 1));
-      sum += double{Mean(SampleLights(ray_, point_)[Lobe::kLambertian] +
+      sum += double{Mean(SampledLight()[Lobe::kLambertian] +
                          Gather(Lobe::kLambertian, ray_, point_))} /
              kOffsets;
     }

@@ -416,6 +416,7 @@ TEST_F(GeometryLightTest, PointsLieOnTheirFacesInWorldSpace) {
     ray.origin = point.position - 0.25f * ray.direction;
     ASSERT_TRUE(Trace(ray));
     ShadingPoint hit;
+    ShaderAt(ray.shader).readsUv = true;  // as if it had a picture
     ASSERT_TRUE(SetUpShadingPoint(ray, hit));
     ASSERT_EQ(
         std::tuple(ray.part, ray.kind, ray.primitive, ray.shader, ray.frontFace),

@@ -45,5 +45,6 @@ if [ $failures -gt 3 ]; then
 fi
 tell "failed, attempt $((failures + 1)) follows"
 if [ -z "$SLURM_JOB_ID" ]; then exec /bin/sh "$0" "$part"; fi
-scontrol requeue "$SLURM_JOB_ID" || tell failed
+# Within some seconds the job ends for it, this script and the command with it: so it may seem to fail.
+scontrol requeue "$SLURM_JOB_ID" || { sleep 20; tell failed; }
 exit 1

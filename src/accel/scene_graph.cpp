@@ -8,6 +8,7 @@
 #include "accel/accel.h"
 #include "core/console.h"
 #include "core/index.h"
+#include "core/progress.h"
 #include "core/release.h"
 #include "core/settings.h"
 #include "core/stop.h"
@@ -50,15 +51,18 @@ void AssignLevel(std::int32_t index, int level, std::vector<bool>& onPath, std::
 void PrintCut(const InstanceCut& cut) {
   const std::string& name = At(objectTable, cut.object).name;
   if (cut.isCycle)
-    PrintError("object - " + name + " places " + At(objectTable, cut.placed).name + " in itself");
+    PrintError("object - " + name + " places " + At(objectTable, cut.placed).name + " in itself",
+               {"object-in-itself"});
   else
-    PrintError("object - more than " + std::to_string(kMostInstanceLevels) + " instance levels at " + name);
+    PrintError("object - more than " + std::to_string(kMostInstanceLevels) + " instance levels at " + name,
+               {"instance-levels"});
   PrintRule();
 }
 
 void LimitParts(Object& object) {
   if (object.parts.size() <= kMostParts) return;
-  PrintError("object - more than " + std::to_string(kMostParts) + " parts in " + object.name);
+  PrintError("object - more than " + std::to_string(kMostParts) + " parts in " + object.name,
+             {"object-parts"});
   PrintRule();
   object.parts.resize(kMostParts);
 }
@@ -166,21 +170,28 @@ void InitializeAccelerator() {
   ResolveInstances();
   rootObject = FindRootObject();
   if (rootObject == kNone) {
-    PrintError("object - there is no root object");
+    PrintError("object - there is no root object", {"object-no-root"});
     PrintRule();
     return;
   }
   if (JoinUnplaced(rootObject)) {
-    PrintWarning("object - " + At(objectTable, rootObject).name + " is treated as the root object");
+    PrintWarning("object - " + At(objectTable, rootObject).name + " is treated as the root object",
+                 {"object-joined"});
     PrintRule();
   }
   for (Object& object : objectTable) object.level = -1;  // unreached Objects stay there, and out of the way
   std::vector<InstanceCut> cuts;
   AssignLevels(rootObject, cuts);
   for (const InstanceCut& cut : cuts) PrintCut(cut);
+  BeginWork(Phase::kBuilding, static_cast<std::uint64_t>(
+                                  std::count_if(objectTable.begin(), objectTable.end(),
+                                                [](const Object& object) { return object.level >= 0; })));
   for (int level = HighestLevel(); level >= 0; --level)
-    for (Object& object : objectTable)
-      if (object.level == level && !Stopping()) InitializeObject(object);
+    for (Object& object : objectTable) {
+      if (object.level != level || Stopping()) continue;
+      InitializeObject(object);
+      FinishWork(Phase::kBuilding);
+    }
   if (Stopping()) rootObject = kNone;  // what is half built shall never be walked
   if (rootObject == kNone) return;
   TakeSceneBounds();

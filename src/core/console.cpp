@@ -41,9 +41,9 @@ void PutUnit(std::string_view unit) {
 }
 
 // A row that starts with `start`, unless the sink has told of it.
-void Tell(TroubleKind kind, std::string_view start, std::string_view message) {
+void Tell(TroubleKind kind, std::string_view start, std::string_view message, TroubleMark mark) {
   const std::string_view text = message.substr(0, message.find_last_not_of(" \n") + 1);
-  if (troubleSink != nullptr && troubleSink({kind, text})) return;
+  if (troubleSink != nullptr && troubleSink({kind, text, mark.code, mark.file})) return;
   Put(start);
   PrintLine(message);
 }
@@ -64,10 +64,16 @@ void PrintLine(std::string_view message) {
   End();
 }
 
-void PrintWarning(std::string_view message) { Tell(TroubleKind::kWarning, "warning :( \t", message); }
-void PrintError(std::string_view message) { Tell(TroubleKind::kError, "error :( \t", message); }
-void PrintBareError(std::string_view message) { Tell(TroubleKind::kError, "", message); }
-void PrintFatal(std::string_view message) { Tell(TroubleKind::kFatal, "", message); }
+void PrintWarning(std::string_view message, TroubleMark mark) {
+  Tell(TroubleKind::kWarning, "warning :( \t", message, mark);
+}
+void PrintError(std::string_view message, TroubleMark mark) {
+  Tell(TroubleKind::kError, "error :( \t", message, mark);
+}
+void PrintBareError(std::string_view message, TroubleMark mark) {
+  Tell(TroubleKind::kError, "", message, mark);
+}
+void PrintFatal(std::string_view message, TroubleMark mark) { Tell(TroubleKind::kFatal, "", message, mark); }
 
 void PrintFloatRow(std::string_view name, float value, std::string_view unit, int decimals) {
   Put(name);

@@ -19,6 +19,13 @@ enum class TroubleKind { kWarning, kError, kFatal };
 struct Trouble {
   TroubleKind kind;
   std::string_view text;  // what and why, one line, as in the row but for the words that start it
+  std::string_view code;
+  std::string_view file;  // that it is about; empty without one
+};
+// What programs tell a trouble by: a code of words that never changes, and the file that it is about.
+struct TroubleMark {
+  std::string_view code;
+  std::string_view file = {};
 };
 // Hears of every trouble, quiet or not, on the thread that has it. False: the row is wanted as well.
 using TroubleSink = bool (*)(const Trouble&);
@@ -26,10 +33,11 @@ void SetTroubleSink(TroubleSink sink);  // null, at first: rows alone
 
 void PrintRule();                          // 80 underscores and two line ends
 void PrintLine(std::string_view message);  // the message and a line end
-void PrintWarning(std::string_view message);
-void PrintError(std::string_view message);
-void PrintBareError(std::string_view message);  // without the words that start an error
-void PrintFatal(std::string_view message);      // likewise; the caller ends the process behind it
+void PrintWarning(std::string_view message, TroubleMark mark);
+void PrintError(std::string_view message, TroubleMark mark);
+void PrintBareError(std::string_view message, TroubleMark mark);  // without the words that start an error
+void PrintFatal(std::string_view message,
+                TroubleMark mark);  // likewise; the caller ends the process behind it
 // name, value in a field of 16, unit in brackets; an empty unit leaves the brackets out.
 void PrintFloatRow(std::string_view name, float value, std::string_view unit, int decimals = 4);
 void PrintIntegerRow(std::string_view name, std::uint64_t value, std::string_view unit);

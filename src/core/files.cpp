@@ -1,5 +1,6 @@
 #include "core/files.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <mutex>
 #include <set>
@@ -12,6 +13,7 @@ bool filesHidden = false;
 namespace {
 std::mutex pathsMutex;
 std::set<std::string> readPaths;
+std::vector<std::string> writtenPaths;
 }  // namespace
 
 FileKind KindOfFile(const std::string& path) {
@@ -50,6 +52,17 @@ std::vector<std::string> ReadPaths() {
 void ForgetReadPaths() {
   const std::lock_guard lock(pathsMutex);
   readPaths.clear();
+}
+
+void NoteWritten(const std::string& path) {
+  const std::lock_guard lock(pathsMutex);
+  if (std::find(writtenPaths.begin(), writtenPaths.end(), path) == writtenPaths.end())
+    writtenPaths.push_back(path);
+}
+
+std::vector<std::string> WrittenPaths() {
+  const std::lock_guard lock(pathsMutex);
+  return writtenPaths;
 }
 
 }  // namespace zp

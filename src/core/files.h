@@ -21,6 +21,10 @@ void NoteRead(const std::string& path);
 std::vector<std::string> ReadPaths();
 void ForgetReadPaths();
 
+// Files that were written, each once, in the order of their first time. Any thread may note one.
+void NoteWritten(const std::string& path);
+std::vector<std::string> WrittenPaths();
+
 // While set, nothing stands anywhere: scene text that nobody trusts reaches no file.
 extern bool filesHidden;
 

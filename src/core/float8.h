@@ -63,6 +63,7 @@ struct Float4 {
   static Float4 Load(const float* p) { return {_mm_loadu_ps(p)}; }
   static Float4 LoadAligned(const float* p) { return {_mm_load_ps(p)}; }
   static Float4 Set(float x) { return {_mm_set1_ps(x)}; }
+  static Float4 Of(float a, float b, float c, float d) { return {_mm_setr_ps(a, b, c, d)}; }
   void Store(float* p) const { _mm_storeu_ps(p, v); }
 };
 inline Float4 operator+(Float4 a, Float4 b) { return {_mm_add_ps(a.v, b.v)}; }
@@ -73,6 +74,13 @@ inline Float4 Max(Float4 a, Float4 b) { return {_mm_max_ps(a.v, b.v)}; }
 inline Float4 Min(Float4 a, Float4 b) { return {_mm_min_ps(a.v, b.v)}; }
 inline Float4 MulAdd(Float4 a, Float4 b, Float4 c) { return {_mm_fmadd_ps(a.v, b.v, c.v)}; }
 inline Float4 MulSub(Float4 a, Float4 b, Float4 c) { return {_mm_fmsub_ps(a.v, b.v, c.v)}; }
+inline Float4 Sqrt(Float4 a) { return {_mm_sqrt_ps(a.v)}; }
+inline Float4 Abs(Float4 a) { return {_mm_andnot_ps(_mm_set1_ps(-0.0f), a.v)}; }
+inline Float4 WithSignOf(Float4 size, Float4 sign) {  // of sizes that have none
+  return {_mm_or_ps(size.v, _mm_and_ps(_mm_set1_ps(-0.0f), sign.v))};
+}
+// Lane i of the result is the lane behind it, the first one behind the last.
+inline Float4 NextLanes(Float4 a) { return {_mm_permute_ps(a.v, 0x39)}; }
 inline Float4 LowHalf(Float8 a) { return {_mm256_castps256_ps128(a.v)}; }
 inline Float4 HighHalf(Float8 a) { return {_mm256_extractf128_ps(a.v, 1)}; }
 inline Float8 Join(Float4 low, Float4 high) { return {_mm256_set_m128(high.v, low.v)}; }
@@ -116,6 +124,7 @@ struct Where4 {
   __m128 v;
 };
 inline Where4 operator&(Where4 a, Where4 b) { return {_mm_and_ps(a.v, b.v)}; }
+inline Float4 Choose(Where4 where, Float4 a, Float4 b) { return {_mm_blendv_ps(b.v, a.v, where.v)}; }
 inline unsigned Bits(Where4 a) { return static_cast<unsigned>(_mm_movemask_ps(a.v)); }
 inline Where4 LessEqual(Float4 a, Float4 b) { return {_mm_cmple_ps(a.v, b.v)}; }
 inline unsigned MaskLessEqual(Float4 a, Float4 b) { return Bits(LessEqual(a, b)); }

@@ -32,7 +32,7 @@ std::uint64_t HardwareBits() {
 void StartRandom(std::optional<std::uint64_t> seed) {
   seedValue = seed;
   threadsKeyed = 0;
-  randomState.keyed = false;
+  randomState.keyed = randomState.told = false;
   if (seed) RekeyRandom(0, 0);
 }
 
@@ -40,17 +40,22 @@ std::optional<std::uint64_t> RandomSeed() { return seedValue; }
 
 void RekeyRandom(std::uint64_t a, std::uint64_t b) {
   if (!seedValue) return;
-  randomState.state = Mix(Mix(Mix(*seedValue) ^ a) ^ b);
-  randomState.keyed = true;
+  randomState.a = a;
+  randomState.b = b;
+  randomState.told = true;
+  randomState.keyed = false;
 }
 
 void KeyRandom() {
+  RandomState& random = randomState;
   if (seedValue) {
-    RekeyRandom(~std::uint64_t{0}, threadsKeyed.fetch_add(1));
+    if (!random.told) RekeyRandom(~std::uint64_t{0}, threadsKeyed.fetch_add(1));
+    random.state = Mix(Mix(Mix(*seedValue) ^ random.a) ^ random.b);
   } else {
-    randomState.state = HardwareBits();
-    randomState.keyed = true;
+    random.state = HardwareBits();
   }
+  random.told = false;
+  random.keyed = true;
 }
 
 }  // namespace zp

@@ -13,6 +13,8 @@ namespace zp {
 struct RandomState {
   std::uint64_t state = 0x853c49e6748fea9bULL;
   bool keyed = false;
+  bool told = false;         // by what to key it, which is put off until a number is drawn
+  std::uint64_t a = 0, b = 0;
 };
 inline thread_local RandomState randomState;
 

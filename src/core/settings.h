@@ -48,6 +48,7 @@ struct DerivedSettings {
   bool tracksMedia = false;  // rays know the bodies around them, and media dim whatever runs through them
   float openIor = 1;         // a ray's index in the open, where lights are sampled
   std::int32_t geometrySampleCopy = 64;  // and of the geometry light; put back by ResetGeometryLight
+  bool showsTangents = true;      // some picture shows them, so that hits take the surface's own
   std::int32_t lightSegment = 0;  // 1 where rays leave the last hit to meet light: see SeeksLightByChance
 };
 

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <bit>
 #include <cmath>
 #include <cstdint>
 
@@ -84,6 +85,26 @@ inline Vec3 UnitPerpendicular(Vec3 d) {
   constexpr float kVanishing = 1e-6f;
   const Vec3 y = Perpendicular(d);
   return UnitVector(Dot(y, y) > kVanishing ? y : Cross(d, Vec3{1, 0, 0}));
+}
+
+// Completes a unit vector to a right-handed orthonormal frame without a branch or a root. Duff and others,
+// "Building an Orthonormal Basis, Revisited", 2017.
+inline void FrameAround(Vec3 z, Vec3& x, Vec3& y) {
+  const float sign = std::copysign(1.0f, z.z), a = -1 / (sign + z.z), b = z.x * z.y * a;
+  x = {1 + sign * z.x * z.x * a, sign * b, -sign * z.x};
+  y = {b, sign + z.y * z.y * a, -z.y};
+}
+
+// What follows has no branch: for choices that no processor could foretell.
+inline float Choose(bool first, float a, float b) {
+  const std::uint32_t mask = 0U - static_cast<std::uint32_t>(first);
+  return std::bit_cast<float>((std::bit_cast<std::uint32_t>(a) & mask) |
+                              (std::bit_cast<std::uint32_t>(b) & ~mask));
+}
+inline Vec3 NegatedIf(bool negate, Vec3 v) {
+  const std::uint32_t sign = static_cast<std::uint32_t>(negate) << 31U;
+  const auto turn = [sign](float x) { return std::bit_cast<float>(std::bit_cast<std::uint32_t>(x) ^ sign); };
+  return {turn(v.x), turn(v.y), turn(v.z)};
 }
 
 // Three rows of three.

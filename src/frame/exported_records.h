@@ -40,9 +40,15 @@ inline Part* PartAt(int object, int part) {
   Object* record = RecordAt(objectTable, object);
   return record == nullptr ? nullptr : RecordAt(record->parts, part);
 }
+// For a host to change: what was derived of the layer may hold no more.
 inline SurfaceShader* LayerAt(int shader, int layer) {
   Shader* record = RecordAt(shaders, shader);
-  return record == nullptr ? nullptr : RecordAt(record->surfaces, layer);
+  SurfaceShader* surface = record == nullptr ? nullptr : RecordAt(record->surfaces, layer);
+  if (surface != nullptr) {
+    surface->even.holds = false;
+    record->isTurned = record->readsUv = true;
+  }
+  return surface;
 }
 inline ImageSlot* DisplacementAt(int shader, int layer) {
   Shader* record = RecordAt(shaders, shader);

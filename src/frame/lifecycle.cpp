@@ -38,7 +38,7 @@ void StartFormat(std::optional<std::int32_t> chosen) {
   settings.format = chosen ? *chosen : FormatOfEnvironment(problem);
   settings.formatIsSettled = chosen.has_value();
   formatProblem.clear();
-  if (!problem.empty()) PrintError("settings - " + problem);
+  if (!problem.empty()) PrintError("settings - " + problem, {"format-unknown"});
 }
 
 }  // namespace
@@ -70,7 +70,7 @@ bool LoadScene(const std::string& folder) {
   const std::int64_t start = ProcessorMilliseconds();
   const bool found = ReadSceneFolder(folder);
   const std::int64_t end = ProcessorMilliseconds();
-  if (!found) PrintError("scene - " + folder + "\tcannot be found");
+  if (!found) PrintError("scene - " + folder + "\tcannot be found", {"scene-missing", folder});
   PrintFloatRow("scene parsing", static_cast<float>(static_cast<double>(end - start) / 1000.0), "seconds");
   PrintRule();
   return found;
@@ -107,7 +107,7 @@ void Shutdown() {
 void Go(const std::string& folder) {
   Startup();
   LoadScene(folder);
-  if (!formatProblem.empty()) PrintError("settings - " + formatProblem);
+  if (!formatProblem.empty()) PrintError("settings - " + formatProblem, {"format-unknown"});
   Initialize();
   settings.frame.passIndex = 0;
   RenderLoop();

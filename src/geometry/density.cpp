@@ -26,7 +26,7 @@ bool ReceivesPhotons(std::int32_t shader) {
 }
 
 [[noreturn]] void EndForMemory() {
-  PrintFatal("density estimator consumes more than 1GB memory.");
+  PrintFatal("density estimator consumes more than 1GB memory.", {"density-memory"});
   PrintRule();
   std::exit(1);
 }

@@ -288,7 +288,8 @@ bool RefineAndMove(Part& part, std::size_t pass) {
   PassPlan plan;
   std::vector<Triangle> triangles;
   if (!PlanPass(part, pass, plan) || !GrowArrays(part, plan, triangles)) {
-    PrintError("part - displacement levels ask for more triangles than can be held, the layer is left out");
+    PrintError("part - displacement levels ask for more triangles than can be held, the layer is left out",
+               {"displacement-size"});
     return false;
   }
   const auto count = static_cast<std::int64_t>(part.triangles.size());
@@ -325,7 +326,8 @@ void Displace(Part& part) {
     DeriveEndVectors(part);
     if (!RefineAndMove(part, pass)) break;
   }
-  if (part.normals.empty()) PrintWarning("part - missing vertex normals for displacement mapping");
+  if (part.normals.empty())
+    PrintWarning("part - missing vertex normals for displacement mapping", {"displacement-normals"});
   PrintRule();
 }
 

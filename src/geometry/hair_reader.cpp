@@ -72,7 +72,7 @@ T ElementAt(std::string_view array, std::size_t index) {
 
 bool Fail(std::string_view message, const std::string& name) {
   ++missingFiles;
-  PrintBareError(std::string(message) + name);
+  PrintBareError(std::string(message) + name, {"hair-unread", name});
   return false;
 }
 

@@ -54,7 +54,9 @@ void AddTriangles(const ImageBuffer& image, Part& part) {
     if (inside) part.triangles.push_back(triangle);
     dropped |= !inside;
   });
-  if (dropped) PrintWarning("object - triangle indices out of range in " + image.fileName);
+  if (dropped)
+    PrintWarning("object - triangle indices out of range in " + image.fileName,
+                 {"array-indices", image.fileName});
 }
 
 // Particles are numbered by their pixels, whatever positions were there before.
@@ -72,11 +74,12 @@ void AddParticles(const ImageBuffer& image, Part& part) {
 
 ArrayResult AddArrayImage(ArrayKind kind, ImageBuffer image, Part& part) {
   if (!HasFloats(image)) {
-    PrintWarning("object - no 32-bit floats in " + image.fileName);
+    PrintWarning("object - no 32-bit floats in " + image.fileName, {"array-floats", image.fileName});
     return ArrayResult::kUnfit;
   }
   if (kind == ArrayKind::kParticle && image.channels < 4) {
-    PrintWarning("object - particles need four components in " + image.fileName);
+    PrintWarning("object - particles need four components in " + image.fileName,
+                 {"array-components", image.fileName});
     return ArrayResult::kUnfit;
   }
   TurnRowsOver(image);

@@ -81,8 +81,10 @@ void DropUnusablePrimitives(Part& part) {
   });
   KeepIf(part.triangles, nullptr, [&](const Triangle& t) { return filter.Keep(t.vertex, false); });
   KeepIf(part.tetragons, nullptr, [&](const Tetragon& t) { return filter.Keep(t.vertex, false); });
-  if (filter.outOfRange > 0) PrintWarning("object - primitives with an index out of range are dropped");
-  if (filter.notFinite > 0) PrintWarning("object - primitives with non-finite positions are dropped");
+  if (filter.outOfRange > 0)
+    PrintWarning("object - primitives with an index out of range are dropped", {"part-indices"});
+  if (filter.notFinite > 0)
+    PrintWarning("object - primitives with non-finite positions are dropped", {"part-positions"});
 }
 
 // A set that is neither empty nor one value a vertex is cut or filled up with zeros, so that no look-up by
@@ -100,7 +102,7 @@ void Validate(Part& part) {
   const bool mixtures[] = {particles && cylinders, particles && faces, cylinders && faces};
   for (const bool mixed : mixtures) {
     if (!mixed) continue;
-    PrintError("object - mixed types (ex. cylinders and triangles in the same group) ");
+    PrintError("object - mixed types (ex. cylinders and triangles in the same group) ", {"part-mixed"});
     PrintRule();
   }
 
@@ -111,7 +113,7 @@ void Validate(Part& part) {
   for (auto& set : part.vectorSets) fits &= FitToVertices(set.values, count);
   fits &= FitToVertices(part.normals, count);
   fits &= FitToVertices(part.tangents, count);
-  if (!fits) PrintError("object - different size of per vertex data array");
+  if (!fits) PrintError("object - different size of per vertex data array", {"part-data"});
 
   DropUnusablePrimitives(part);
 
@@ -368,7 +370,7 @@ bool Invert(const Mat4& matrix, Mat4& inverse) {
 void FinishInstance(Instance& instance, const Box& bounds) {
   instance.bounds = {};
   if (!Invert(instance.matrix, instance.inverse)) {
-    PrintError("object - an instance matrix has no inverse");
+    PrintError("object - an instance matrix has no inverse", {"instance-inverse"});
     return;
   }
   if (IsEmpty(bounds)) return;
@@ -378,7 +380,7 @@ void FinishInstance(Instance& instance, const Box& bounds) {
                     (corner & 4) ? bounds.max.z : bounds.min.z};
     const Vec3 world = TransformPoint(instance.matrix, p);
     if (!IsFinite(world)) {
-      PrintError("object - an instance matrix sends its object to infinity");
+      PrintError("object - an instance matrix sends its object to infinity", {"instance-infinity"});
       return;
     }
     Grow(box, world);

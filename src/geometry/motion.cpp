@@ -157,7 +157,7 @@ void PrepareMotion(Instance& instance) {
   if (settings.format < 2 || close == instance.matrix) return instance.motion.reset();
   const std::string problem = MotionProblem(instance.matrix, close);
   if (!problem.empty()) {
-    PrintError("object - an instance stands still, of matrix and matrix_end: " + problem);
+    PrintError("object - an instance stands still, of matrix and matrix_end: " + problem, {"instance-still"});
     return instance.motion.reset();
   }
   auto motion = std::make_shared<InstanceMotion>(*instance.motion);
@@ -184,7 +184,8 @@ void MoveInstance(Instance& instance, float time) {
 }
 
 void PrintOtherEnd(const std::string& path, const std::string& endPath) {
-  PrintError("object - " + endPath + " has other vertices or faces than " + path + ": nothing moves");
+  PrintError("object - " + endPath + " has other vertices or faces than " + path + ": nothing moves",
+             {"model-end", endPath});
   PrintRule();
 }
 

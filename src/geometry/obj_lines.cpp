@@ -445,7 +445,7 @@ bool ReadObjLines(const std::string& path, bool namesShaders, ObjLines& lines, O
   const int file = HoldsBytes(path) ? open(path.c_str(), O_RDONLY | O_CLOEXEC) : -1;
   if (file < 0) {
     ++missingFiles;
-    PrintError("object - cannot open " + path + "\n");
+    PrintError("object - cannot open " + path + "\n", {"model-missing", path});
     PrintRule();
     return false;
   }

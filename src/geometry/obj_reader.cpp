@@ -33,6 +33,7 @@ struct PieceResult {
 struct ModelLoader {
   Part& part;
   ObjReport& report;
+  std::string_view file = {};  // empty: of text in memory
   ObjLines lines = {};
   // The same model when the shutter closes, or null. With it the Part's new vertices have the way to their
   // end and their normal there.
@@ -229,10 +230,13 @@ void ReportPieces(ModelLoader& loader, const std::vector<PieceResult>& results) 
     std::sort(found.begin(), found.end());
     for (const auto& [face, kind] : found) {
       if (face == kMissing || std::exchange(warned[kind], true)) continue;
-      if (kind == 0) PrintWarning("object - please triangulate/quadrangulate the input model(s)");
+      if (kind == 0)
+        PrintWarning("object - please triangulate/quadrangulate the input model(s)",
+                     {"model-polygons", loader.file});
       if (kind == 0) PrintRule();
-      if (kind == 1) PrintWarning("object - there are degenerated quadrangles");
-      if (kind == 2) PrintWarning("object - face index out of range");
+      if (kind == 1)
+        PrintWarning("object - there are degenerated quadrangles", {"model-quadrangles", loader.file});
+      if (kind == 2) PrintWarning("object - face index out of range", {"model-indices", loader.file});
     }
   }
 }
@@ -416,7 +420,7 @@ void ReadObj(std::string_view text, Part& part, std::size_t pieceBytes) {
 bool ReadObjFile(const std::string& path, Part& part, ObjReport* report, const std::string& endPath,
                  EndResult* endResult) {
   ObjReport unused, endReport;
-  ModelLoader loader{part, report ? *report : unused};
+  ModelLoader loader{part, report ? *report : unused, path};
   if (!ReadObjLines(path, true, loader.lines, loader.report)) return false;
   ObjLines end;
   EndResult result = EndResult::kTaken;

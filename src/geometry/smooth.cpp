@@ -490,7 +490,7 @@ void Smooth(Part& part, bool keepsVertices) {
   part.cornerNormals = part.cornerTangents = {};
   const bool drops[] = {DropOutOfRange(part.triangles, part.positions.size()),
                         DropOutOfRange(part.tetragons, part.positions.size())};
-  if (drops[0] || drops[1]) PrintError("part - smoothing out of range");
+  if (drops[0] || drops[1]) PrintError("part - smoothing out of range", {"smoothing-range"});
   if (part.triangles.empty() && part.tetragons.empty()) return;
   if (WantsFacetsOnly(part)) {
     Release(part.normals);

@@ -44,7 +44,7 @@ bool StrandLayout::Add(std::uint64_t segments) {
 }
 
 void StrandLayout::Finish() const {
-  if (dropped) PrintWarning("object - strands ask for more points than there are");
+  if (dropped) PrintWarning("object - strands ask for more points than there are", {"strand-points"});
 }
 
 void DeriveStrands(Part& part) {

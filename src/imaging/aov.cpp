@@ -1,6 +1,9 @@
 // imaging/aov.cpp: output images before and after they are filled.
 
+#include <algorithm>
+
 #include "core/console.h"
+#include "core/progress.h"
 #include "core/settings.h"
 #include "core/stop.h"
 #include "imaging/frame_state.h"
@@ -45,9 +48,13 @@ void InitializeAov(Aov& aov, int width, int height) {
 
 void SaveAovs(const std::vector<Aov>& aovs) {
   if ((Stopping() || settings.format >= 2) && CountSamples(frameState) == 0) return;
+  const auto count = std::count_if(aovs.begin(), aovs.end(), IsSaved);
+  if (count > 0) BeginWork(Phase::kWriting, static_cast<std::uint64_t>(count));
   for (const Aov& aov : aovs)
-    if (!aov.image.fileName.empty() && aov.image.width > 0) SaveAov(aov);
+    if (IsSaved(aov)) SaveAov(aov);
 }
+
+bool IsSaved(const Aov& aov) { return !aov.image.fileName.empty() && aov.image.width > 0; }
 
 void SaveAov(const Aov& aov) {
   const auto store = [&aov](const ImageBuffer& picture) {
@@ -55,7 +62,10 @@ void SaveAov(const Aov& aov) {
   };
   const std::string reason =
       IsFinished(aov, frameState) ? store(aov.image) : store(FinishedPicture(aov, frameState));
-  if (!reason.empty()) PrintError("image - " + aov.image.fileName + "\tcannot be written: " + reason);
+  FinishWork(Phase::kWriting);
+  if (!reason.empty())
+    PrintError("image - " + aov.image.fileName + "\tcannot be written: " + reason,
+               {"image-unwritten", aov.image.fileName});
 }
 
 }  // namespace zp

@@ -118,7 +118,7 @@ void AllocateAovs(Camera& camera) {
     for (Aov& aov : camera.aovs)
       if (!Stopping()) InitializeAov(aov, camera.width, camera.height);
   } catch (const std::bad_alloc&) {
-    PrintError("camera - not enough memory for its images");
+    PrintError("camera - not enough memory for its images", {"camera-memory"});
     camera.regionXMax = camera.regionYMax = 0;
     for (Aov& aov : camera.aovs) {
       Release(aov.image.floatPixels);
@@ -190,19 +190,20 @@ float TimeOfPass(const Camera& camera, std::uint32_t pass) {
 
 void MakePrimaryRay(const Camera& camera, const CameraPose& pose, RayRecord& ray, int x, int y,
                     std::uint32_t sample) {
-  RayRecord fresh;
-  fresh.origin = ray.origin;
-  fresh.direction = ray.direction;
-  fresh.thread = ray.thread;
+  const Vec3 origin = ray.origin, direction = ray.direction;
+  const std::uint8_t thread = ray.thread;
+  ray = {};
+  ray.origin = origin;
+  ray.direction = direction;
+  ray.thread = thread;
   if (settings.format >= 2) {
-    fresh.points = PointSourceOf(x, y, sample);
-    fresh.sampleNumber = sample;
+    ray.points = PointSourceOf(x, y, sample);
+    ray.sampleNumber = sample;
   } else {
-    fresh.rotation = pixelRotationTable[y & 31][x & 31];
+    ray.rotation = pixelRotationTable[y & 31][x & 31];
   }
-  fresh.ior = camera.ior;
-  fresh.sampleWeight = camera.sample;
-  ray = fresh;
+  ray.ior = camera.ior;
+  ray.sampleWeight = camera.sample;
   const Vec2 place = DrawPlaceInPixel(ray);
   const float column = static_cast<float>(x) + place.x;
   const float row = static_cast<float>(y) + place.y;

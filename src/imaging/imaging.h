@@ -172,7 +172,9 @@ void InitializeAov(Aov& aov, int width, int height);
 // the eye, unless settings.said.linearFiles: light times the exposure of the rendered camera, and the sRGB
 // curve.
 void SaveAovs(const std::vector<Aov>& aovs);
-// One of them, which has a name and pixels, however much is rendered.
+// Whether it has a name and pixels.
+bool IsSaved(const Aov& aov);
+// Writes such a one, however much is rendered; a unit of the work of writing.
 void SaveAov(const Aov& aov);
 // "beauty-YYYYMMDD-HHMMSS.hdr" of the local time; a second one of the same second gets "-2" before its
 // extension. Unique in the process, and it overwrites no other's file: where there is one when the picture is
@@ -243,8 +245,8 @@ void FinalizeCameras();
 CameraPose CameraAtTime(const Camera& camera, float time);
 // The instant that all rays of a pass see: the pass number stratifies the shutter.
 float TimeOfPass(const Camera& camera, std::uint32_t pass);
-// Fills a fresh ray for pass `sample` through pixel (x, y), except its thread and pixel slot: the caller sets ray.thread
-// before. An unknown projection leaves origin and direction as they were.
+// Fills a fresh ray for pass `sample` through pixel (x, y), except its thread and pixel slot: the caller sets
+// ray.thread before. An unknown projection leaves origin and direction as they were.
 //   pose  of the camera, at the pass's time
 void MakePrimaryRay(const Camera& camera, const CameraPose& pose, RayRecord& ray, int x, int y,
                     std::uint32_t sample);

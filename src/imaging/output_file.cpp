@@ -14,6 +14,7 @@
 #include <system_error>
 #include <utility>
 
+#include "core/files.h"
 #include "imaging/imaging.h"
 
 namespace zp {
@@ -226,6 +227,7 @@ std::string OutputFile::Commit() {
   }
   temporary.clear();
   SyncFolder(target.parent_path());
+  NoteWritten(target.string());
   return {};
 }
 

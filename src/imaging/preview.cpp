@@ -7,11 +7,12 @@
 #include <X11/Xlib.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <thread>
 #include <utility>
+
+#include "core/console.h"
 
 namespace zp {
 namespace {
@@ -76,11 +77,11 @@ void Close() {
 void SaveTheLost() {
   const Preview* losing = std::exchange(shown, nullptr);
   if (losing == nullptr) return;
-  std::fputs("zephlore: the preview window was lost; saving the picture as it is\n", stderr);
+  PrintFatal("the preview window was lost; saving the picture as it is", {"preview-lost"});
   try {
     losing->lost();
   } catch (...) {
-    std::fputs("zephlore: the picture could not be saved\n", stderr);
+    PrintFatal("the picture could not be saved", {"preview-unsaved"});
   }
 }
 

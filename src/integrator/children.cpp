@@ -17,7 +17,8 @@ RayRecord MakeChildRay(const RayRecord& parent, const ShadingPoint& point, Event
                        Vec3 throughput) {
   RayRecord child = parent;
   child.dimension = parent.dimension + 2;
-  if (settings.format >= 2) StepOn(child.points, event);
+  if (settings.format >= 2 && event != kEventLightSample)
+    StepOn(child.points, event);  // shadows draw nothing
   child.origin = point.position;
   child.direction = direction;
   child.throughput = throughput;

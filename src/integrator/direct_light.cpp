@@ -25,11 +25,12 @@ Vec3 Visibility(const AnyReceiver& receiver, Vec3 direction, float distance) {
 }
 
 // What is drawn of a light: the stratum `number` of `count` that the choice of an emitter falls into, in
-// format 2 that choice itself, and the place on the light.
+// format 2 that choice itself, the place on the light, and how often the sample counts.
 struct Draw {
   std::uint32_t number = 0, count = 1;
   double choice = 0;
   Vec2 place;
+  float weight = 1;
 };
 
 // In format 1 at a first hit only, one stratum for each sample of the sequence; in format 2 at every hit, by
@@ -58,67 +59,69 @@ Draw DrawOf(const RayRecord& ray, const PassShare& share, std::uint32_t number, 
   return draw;
 }
 
+// SampleOne adds to `sum` what the lobes send back of one sample of a light.
 template <class AnyReceiver>
-LobeRadiance SampleOne(const AnyReceiver& receiver, const GeometryLight& light, const Draw& draw,
-                       LightSample& sample) {
+void SampleOne(const AnyReceiver& receiver, const GeometryLight& light, const Draw& draw, LightSample& sample,
+               LobeRadiance& sum) {
   if (!SampleGeometryLight(ReceiverOf(receiver.point), EmitterChoice(draw), draw.place.x, draw.place.y,
                            sample))
-    return {};
+    return;
   auto response = Respond(receiver, sample.direction, 0, GlossyScale::kRays);
-  if (IsZero(response)) return {};
+  if (IsZero(response)) return;
   const Vec3 visible = Visibility(receiver, sample.direction, sample.distance);
-  if (visible == kBlack) return {};
+  if (visible == kBlack) return;
   response = Weighted(receiver, response, sample, BudgetsOf(light));
   // Intended: in format 1 the factor's constant stands for pi and the lights' area both.
-  return Reflect(receiver, response, (kPi * sample.factor) * sample.radiance * visible);
+  Reflect(receiver, response, (kPi * sample.factor) * sample.radiance * visible, sum);
 }
 
 template <class AnyReceiver>
-LobeRadiance SampleOne(const AnyReceiver& receiver, const SkyLight& light, const Draw& draw,
-                       LightSample& sample) {
-  if (!SampleSky(draw.place.x, draw.place.y, sample) || !(sample.pdf > 0)) return {};
+void SampleOne(const AnyReceiver& receiver, const SkyLight& light, const Draw& draw, LightSample& sample,
+               LobeRadiance& sum) {
+  if (!SampleSky(draw.place.x, draw.place.y, sample) || !(sample.pdf > 0)) return;
   auto response = Respond(receiver, sample.direction, 0, GlossyScale::kRays);
-  if (IsZero(response)) return {};
+  if (IsZero(response)) return;
   const Vec3 visible = Visibility(receiver, sample.direction, sample.distance);
-  if (visible == kBlack) return {};
+  if (visible == kBlack) return;
   response = Weighted(receiver, response, sample, BudgetsOf(light));
-  return Reflect(receiver, response, sample.radiance * visible / sample.pdf);
+  Reflect(receiver, response, sample.radiance * visible / sample.pdf, sum);
 }
 
 // Point and parallel lights have no counterpart among the rays of lobes.
 template <class AnyReceiver, class GafferLight>
-LobeRadiance SampleOne(const AnyReceiver& receiver, const GafferLight& light, const Draw& draw,
-                       LightSample& sample) {
+void SampleOne(const AnyReceiver& receiver, const GafferLight& light, const Draw& draw, LightSample& sample,
+               LobeRadiance& sum) {
   sample = SampleLight(light, receiver.point.position, draw.place.x, draw.place.y);
   const auto response = Respond(receiver, sample.direction, light.offset, GlossyScale::kBrdf);
-  if (IsZero(response) || sample.radiance == kBlack) return {};
-  return Reflect(receiver, response,
-                 sample.radiance * Visibility(receiver, sample.direction, sample.distance));
+  if (IsZero(response) || sample.radiance == kBlack) return;
+  const Vec3 visible = Visibility(receiver, sample.direction, sample.distance);
+  Reflect(receiver, response, sample.radiance * visible * draw.weight, sum);
 }
 
 // One of many, in place of all.
 template <class AnyReceiver>
-LobeRadiance SampleOne(const AnyReceiver& receiver, const LightGroup& group, const Draw& draw,
-                       LightSample& sample) {
+void SampleOne(const AnyReceiver& receiver, const LightGroup& group, const Draw& draw, LightSample& sample,
+               LobeRadiance& sum) {
   GroupPick pick;
-  if (!PickFromGroup(group, ReceiverOf(receiver.point), draw.choice, pick)) return {};
+  if (!PickFromGroup(group, ReceiverOf(receiver.point), draw.choice, pick)) return;
   Draw place = draw;
   place.place.x = UnitNumber(pick.rest);  // the choice was made by the same number
-  LobeRadiance lobes = group.parallel ? SampleOne(receiver, At(parallelLights, pick.light), place, sample)
-                                      : SampleOne(receiver, At(pointLights, pick.light), place, sample);
+  place.weight = 1 / pick.probability;
+  if (group.parallel)
+    SampleOne(receiver, At(parallelLights, pick.light), place, sample, sum);
+  else
+    SampleOne(receiver, At(pointLights, pick.light), place, sample, sum);
   sample.light = pick.light;
-  lobes *= 1 / pick.probability;
-  return lobes;
 }
 
 template <class AnyLight>
-[[gnu::noinline]] LobeRadiance SampleAtExit(const RayRecord& ray, const ShadingPoint& point,
-                                            const AnyLight& light, const Draw& draw, LightSample& sample) {
+[[gnu::noinline]] void SampleAtExit(const RayRecord& ray, const ShadingPoint& point, const AnyLight& light,
+                                    const Draw& draw, LightSample& sample, LobeRadiance& sum) {
   RayRecord exitRay;
   ShadingPoint exit;
   Vec3 weight;
   DrawExit(ray, point, draw.number, exitRay, exit, weight);
-  return SampleOne(SurfaceReceiver{exitRay, exit, weight, true, false}, light, draw, sample);
+  SampleOne(SurfaceReceiver{exitRay, exit, weight, true, false}, light, draw, sample, sum);
 }
 
 bool Records(const GeometryLight&, const Aov& aov, std::int32_t emitter) {
@@ -170,12 +173,36 @@ float LobeLevel(const RayRecord& ray, const ShadingPoint& point) {
   return level * Mean(ray.throughput);
 }
 
-// `sharp`: every sample of the light is the same one.
+// Adds one sample's light, by the receivers that its hit has. `scale`: what a sample counts in the AOVs of
+// the light; 0 if it writes none.
 template <class AnyLight>
-LobeRadiance SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyLight& light,
-                           std::uint32_t decision, bool sharp) {
-  LobeRadiance sum;
-  if (!IsLinked(light.link, ray.shader)) return sum;
+void AddSample(const RayRecord& ray, const ShadingPoint& point, AnyLight& light, const Draw& draw,
+               bool diffuses, float scale, LobeRadiance& sum) {
+  const auto take = [&](const auto& sampleInto) {
+    LightSample sample;
+    if (scale == 0) return sampleInto(sample, sum);
+    LobeRadiance lobes;
+    sampleInto(sample, lobes);
+    WriteLightAovs(light, ray, point, lobes, scale, sample);
+    sum += lobes;
+  };
+  const auto takeBy = [&](const auto& receiver) {
+    take([&](LightSample& sample, LobeRadiance& into) { SampleOne(receiver, light, draw, sample, into); });
+  };
+  if (IsHair(point)) return takeBy(HairReceiver{ray, point});
+  if (diffuses)
+    take([&](LightSample& sample, LobeRadiance& into) {
+      SampleAtExit(ray, point, light, draw, sample, into);
+    });
+  // What shines does so at the surface: a highlight does not go through the body.
+  if (!diffuses || point.has[Lobe::kGlossy]) takeBy(SurfaceReceiver{ray, point, kWhite, !diffuses, true});
+}
+
+// Adds what the lobes send back of a light. `sharp`: every sample of the light is the same one.
+template <class AnyLight>
+void SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyLight& light, std::uint32_t decision,
+                   bool sharp, LobeRadiance& sum) {
+  if (!IsLinked(light.link, ray.shader)) return;
   const bool firstHit = BounceCount(ray) == 0;
   const bool diffuses = firstHit && Diffuses(ray, point);
   PassShare share;
@@ -186,25 +213,15 @@ LobeRadiance SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyL
     share.first = ray.sampleNumber;
   }
   const float scale = 1.0f / static_cast<float>(share.count);
-  const bool writes = ray.depth == 0 && HasAovs(light);
-  for (std::int32_t i = 0; i < share.count && !Stopping(); ++i) {
-    const Draw draw = DrawOf(ray, share, share.Number(i), decision, sharp);
-    const auto add = [&](const LobeRadiance& lobes, const LightSample& sample) {
-      if (writes) WriteLightAovs(light, ray, point, lobes, scale, sample);
-      sum += lobes;
-    };
-    LightSample sample;  // filled before `add` reads it through its reference
-    if (IsHair(point)) {
-      add(SampleOne(HairReceiver{ray, point}, light, draw, sample), sample);
-      continue;
-    }
-    if (diffuses) add(SampleAtExit(ray, point, light, draw, sample), sample);
-    // What shines does so at the surface: a highlight does not go through the body.
-    if (!diffuses || point.has[Lobe::kGlossy])
-      add(SampleOne(SurfaceReceiver{ray, point, kWhite, !diffuses, true}, light, draw, sample), sample);
-  }
-  sum *= scale;
-  return sum;
+  const float written = ray.depth == 0 && HasAovs(light) ? scale : 0.0f;
+  const auto add = [&](std::uint32_t number, LobeRadiance& into) {
+    AddSample(ray, point, light, DrawOf(ray, share, number, decision, sharp), diffuses, written, into);
+  };
+  if (share.count == 1) return add(share.first, sum);
+  LobeRadiance samples;
+  for (std::int32_t i = 0; i < share.count && !Stopping(); ++i) add(share.Number(i), samples);
+  samples *= scale;
+  sum += samples;
 }
 
 }  // namespace
@@ -214,25 +231,23 @@ float SoftCosine(float cosine, float offset) {
   return soft > 0 ? MinOf(soft, 1.0f) : 0.0f;
 }
 
-[[gnu::noinline]] LobeRadiance SampleLights(const RayRecord& ray, const ShadingPoint& point) {
-  LobeRadiance sum;
-  if (BounceCount(ray) > settings.said.rendererBounce && !settings.derived.seeksCells) return sum;
+[[gnu::noinline]] void SampleLights(const RayRecord& ray, const ShadingPoint& point, LobeRadiance& sum) {
+  if (BounceCount(ray) > settings.said.rendererBounce && !settings.derived.seeksCells) return;
   std::uint32_t decision = kDecideLight;
-  if (SamplesEmitters()) sum += SampleLightAt(ray, point, geometryLight, decision, false);
+  if (SamplesEmitters()) SampleLightAt(ray, point, geometryLight, decision, false, sum);
   ++decision;
-  if (skyLight.sample > 0) sum += SampleLightAt(ray, point, skyLight, decision, false);
+  if (skyLight.sample > 0) SampleLightAt(ray, point, skyLight, decision, false, sum);
   const auto sample = [&](auto& light) {
-    sum += SampleLightAt(ray, point, light, ++decision, !(light.blur > 0));
+    SampleLightAt(ray, point, light, ++decision, !(light.blur > 0), sum);
   };
   if (lightGroups.empty()) {
     for (PointLight& light : pointLights) sample(light);
     for (ParallelLight& light : parallelLights) sample(light);
-    return sum;
+    return;
   }
   for (const std::int32_t index : lonePointLights) sample(At(pointLights, index));
   for (const std::int32_t index : loneParallelLights) sample(At(parallelLights, index));
-  for (LightGroup& group : lightGroups) sum += SampleLightAt(ray, point, group, ++decision, false);
-  return sum;
+  for (LightGroup& group : lightGroups) SampleLightAt(ray, point, group, ++decision, false, sum);
 }
 
 }  // namespace zp

@@ -105,9 +105,9 @@ inline Vec3 LightLeft(RayRecord& shadow) {
   return Occlude(shadow) ? kBlack : shadow.throughput;
 }
 
-// What the lobes receive straight from lights, without the lobes' colours. Writes the lights' AOVs at depth
-// 0.
-LobeRadiance SampleLights(const RayRecord& ray, const ShadingPoint& point);
+// Adds what the lobes receive straight from lights, without the lobes' colours. Writes the lights' AOVs at
+// depth 0.
+void SampleLights(const RayRecord& ray, const ShadingPoint& point, LobeRadiance& sum);
 
 // Whether hits draw samples of the virtual lights.
 bool SamplesEmitters();

@@ -162,6 +162,7 @@ Vec3 MissRadiance(const RayRecord& ray) {
 }
 
 Vec3 EmittedRadiance(const RayRecord& ray, const ShadingPoint& point) {
+  if (point.layer->even.holds && !point.layer->even.emits && !point.useDensity) return kBlack;
   const Vec3 emission = Emission(ray, point);
   if (!geometryLight.aovs.empty()) WriteEmissionAovs(ray, emission);
   return point.diffuseWeight * (CellRadiance(ray, point) + emission);

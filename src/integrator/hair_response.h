@@ -51,11 +51,9 @@ inline bool IsZero(const HairResponse& r) {
   return r.lambertian == 0 && r.drawn == kBlack && r.undrawn == kBlack;
 }
 
-inline LobeRadiance Reflect(const HairReceiver&, const HairResponse& response, Vec3 light) {
-  LobeRadiance lobes;
-  lobes[Lobe::kLambertian] = response.lambertian * light;
-  lobes[Lobe::kGlossy] = (response.drawn + response.undrawn) * light;
-  return lobes;
+inline void Reflect(const HairReceiver&, const HairResponse& response, Vec3 light, LobeRadiance& sum) {
+  sum[Lobe::kLambertian] += response.lambertian * light;
+  sum[Lobe::kGlossy] += (response.drawn + response.undrawn) * light;
 }
 
 inline HairResponse Weighted(const HairReceiver& receiver, HairResponse response, const LightSample& sample,

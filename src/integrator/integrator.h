@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <vector>
 
 #include "core/ray.h"
 #include "core/settings.h"
@@ -62,8 +63,8 @@ struct FrameReport {
   std::uint32_t done = 0;  // whole passes
   std::uint32_t total = 0;
   float begun = 0;                // share of the rows of the pass that runs; 0 behind a pass
-  std::uint64_t rays = 0;         // of the last whole pass, shadow rays included
-  std::int64_t microseconds = 0;  // of that pass
+  std::uint64_t rays = 0;         // of the pass that runs or, behind it, of the last; shadow rays included
+  std::int64_t microseconds = 0;  // of that pass so far
 };
 // What watches a frame; each may be null, and all may request a stop. They are called by the thread that
 // called RenderLoop or FrameStep.
@@ -80,6 +81,19 @@ struct FrameObserver {
 inline FrameObserver frameObserver;
 // Set, as by rowsDone, to have `paused` called.
 inline std::atomic<bool> framePause = false;
+
+// Samples of a frame that were replaced or cut, of which the first pixels by pass and number are kept.
+struct OddSamples {
+  static constexpr std::size_t kMostPixels = 16;
+  std::uint64_t samples = 0;
+  std::vector<std::uint32_t> pixels;  // linear indices, each once
+};
+struct FrameFaults {
+  OddSamples notANumber;  // became settings.said.error
+  OddSamples clamped;     // above settings.said.clamp
+};
+// Since RenderLoop began with a frame, of all passes but the one that runs.
+inline FrameFaults frameFaults;
 
 // Visits the AOVs of a camera and of all lights, always in the same order.
 void VisitFrameAovs(Camera& camera, const std::function<void(Aov&)>& visit);

@@ -9,6 +9,7 @@
 
 #include "accel/accel.h"
 #include "core/console.h"
+#include "core/progress.h"
 #include "core/random.h"
 #include "core/settings.h"
 #include "core/shared_add.h"
@@ -197,7 +198,7 @@ void BouncePhoton(RayRecord& ray, const Cast& cast, Landings& landings) {
     BounceLobe(ray, point, SpecularRays(ray, point), point.color[Lobe::kSpecular], cast, landings);
 }
 
-// Prints how far a cast has come, from any of its threads, once for each per cent.
+// Tells how far a cast has come, from any of its threads, once for each per cent.
 class CastProgress {
  public:
   explicit CastProgress(std::int64_t total) : total_(total), step_(std::max<std::int64_t>(total / 100, 1)) {}
@@ -209,11 +210,14 @@ class CastProgress {
     if (percent > shown_) {
       shown_ = percent;
       PrintProgressRow("photon cast ", static_cast<float>(percent), "%");
+      FinishWork(Phase::kCasting, static_cast<std::uint64_t>(photon - told_));
+      told_ = photon;
     }
   }
+  void End() const { FinishWork(Phase::kCasting, static_cast<std::uint64_t>(total_ - told_)); }
 
  private:
-  std::int64_t total_, step_, shown_ = -1;
+  std::int64_t total_, step_, shown_ = -1, told_ = 0;
 };
 
 void Store(const std::vector<Landings>& ofThreads) {
@@ -259,6 +263,7 @@ void CastFrom(std::int64_t count, std::uint32_t ordinal, const Cast& cast, const
     for (std::int64_t i = first; i < std::min(first + kShare, count); ++i) castOne(i);
   }
   if (Stopping()) return;
+  progress.End();
   Store(landings);
   const double microseconds = std::max(static_cast<double>(WallTicks() - start) / 10, 1.0);
   std::uint64_t rays = 0;
@@ -282,27 +287,27 @@ void CastPhotonsFromLights(const std::vector<Light>& lights) {
   }
 }
 
-void CastPhotonsFromGeometryLight() {
-  const std::int32_t photons = PhotonsOf(geometryLight.photon);
-  const Cast cast = {geometryLight.link, 0, MakePathSensor()};
-  if (photons <= 0 || LeavesNothing(cast, geometryLight.area > 0)) return;
-  CastFrom(photons, 0, cast, MakeGeometryPhotonRay);
-}
-
-void CastPhotonsFromSky() {
-  const std::int32_t photons = PhotonsOf(skyLight.photon);
-  const Cast cast = {skyLight.link, 0, MakePathSensor()};
-  if (photons <= 0 || LeavesNothing(cast, false)) return;
-  CastFrom(photons, 0, cast, MakeSkyPhotonRay);
+template <class Light>
+std::int64_t CountPhotons(const std::vector<Light>& lights) {
+  std::int64_t photons = 0;
+  for (const Light& light : lights) photons += std::max<std::int64_t>(light.photon, 0);
+  return photons;
 }
 
 }  // namespace
 
 void CastPhotons() {
+  const Cast fromGeometry = {geometryLight.link, 0, MakePathSensor()};
+  const Cast fromSky = {skyLight.link, 0, MakePathSensor()};
+  const bool geometryCasts = !LeavesNothing(fromGeometry, geometryLight.area > 0);
+  const std::int32_t ofGeometry = geometryCasts ? std::max(PhotonsOf(geometryLight.photon), 0) : 0;
+  const std::int32_t ofSky = LeavesNothing(fromSky, false) ? 0 : std::max(PhotonsOf(skyLight.photon), 0);
+  BeginWork(Phase::kCasting, static_cast<std::uint64_t>(CountPhotons(parallelLights) +
+                                                        CountPhotons(pointLights) + ofGeometry + ofSky));
   CastPhotonsFromLights(parallelLights);
   CastPhotonsFromLights(pointLights);
-  CastPhotonsFromGeometryLight();
-  CastPhotonsFromSky();
+  if (ofGeometry > 0) CastFrom(ofGeometry, 0, fromGeometry, MakeGeometryPhotonRay);
+  if (ofSky > 0) CastFrom(ofSky, 0, fromSky, MakeSkyPhotonRay);
 }
 
 }  // namespace zp

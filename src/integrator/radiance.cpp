@@ -109,6 +109,13 @@ bool TakesDirectLight(const RayRecord& ray, const ShadingPoint& point) {
 
 void TestElements(ShadingPoint& point) {
   const SurfaceShader& layer = *point.layer;
+  if (layer.even.holds && !point.useDensity) {
+    point.has = layer.even.has;
+    point.color = layer.even.color;
+    point.hasDiffusion = layer.even.hasDiffusion;
+    point.diffusionColor = layer.even.diffusionColor;
+    return;
+  }
   const auto test = [&](bool diffuse) {
     for (const LobeRow& row : kLobes)
       if (row.diffuse == diffuse)
@@ -148,7 +155,7 @@ Vec3 Radiance(RayRecord& ray) {
   TestElements(point);
 
   HitRadiance radiance;
-  if (scatters && TakesDirectLight(ray, point)) radiance.lobes = SampleLights(ray, point);
+  if (scatters && TakesDirectLight(ray, point)) SampleLights(ray, point, radiance.lobes);
   for (const LobeRow& row : kLobes)
     if (scatters && point.has[row.lobe])
       radiance.lobes[row.lobe] =

@@ -49,16 +49,67 @@ struct Pass {
   std::uint32_t number;
 };
 
-// One sample of one pixel, fit to be shown.
-Vec3 SamplePixel(const Pass& pass, int x, int y, std::uint8_t thread) {
+// Where a thread has met the first odd samples of a pass, row by row.
+struct OddPixels {
+  std::vector<std::uint32_t> notANumber, clamped;
+};
+OddPixels oddPixels[kMaxThreads];
+
+// Behind a stop the sample is dropped.
+[[gnu::noinline]] void CountOddSample(std::vector<std::uint32_t>& pixels, std::uint32_t pixel,
+                                      std::uint64_t& count) {
+  if (Stopping()) return;
+  ++count;
+  if (pixels.size() < OddSamples::kMostPixels) pixels.push_back(pixel);
+}
+
+// One sample of one pixel, fit to be shown. `ray` is scratch.
+Vec3 SamplePixel(const Pass& pass, int x, int y, std::uint8_t thread, RayRecord& ray) {
   const std::uint32_t pixel = PixelIndex(pass.camera, x, y);
   threadSlots[thread].pixel = pixel;
   RekeyRandom(pixel, pass.number);
-  RayRecord ray;
+  ray.origin = ray.direction = kBlack;
   ray.thread = thread;
   MakePrimaryRay(pass.camera, pass.pose, ray, x, y, pass.number);
   const Vec3 color = Radiance(ray);
-  return IsFinite(color) ? MinOf(settings.said.clamp, color) : settings.said.error;
+  if (!IsFinite(color)) {
+    CountOddSample(oddPixels[thread].notANumber, pixel, threadSlots[thread].notANumber);
+    return settings.said.error;
+  }
+  const Vec3 limited = MinOf(settings.said.clamp, color);
+  if (limited != color) CountOddSample(oddPixels[thread].clamped, pixel, threadSlots[thread].clamped);
+  return limited;
+}
+
+void AddOddPixels(OddSamples& odd, std::vector<std::uint32_t>& found) {
+  std::sort(found.begin(), found.end());
+  for (const std::uint32_t pixel : found)
+    if (odd.pixels.size() < OddSamples::kMostPixels &&
+        std::find(odd.pixels.begin(), odd.pixels.end(), pixel) == odd.pixels.end())
+      odd.pixels.push_back(pixel);
+}
+
+// Sums what the threads have met in a pass. Each has seen rows from above, so that the first of all are
+// among the first of each.
+void CollectOddSamples() {
+  OddPixels found;
+  for (ThreadSlot& slot : threadSlots) {
+    frameFaults.notANumber.samples += std::exchange(slot.notANumber, 0);
+    frameFaults.clamped.samples += std::exchange(slot.clamped, 0);
+  }
+  for (OddPixels& odd : oddPixels) {
+    found.notANumber.insert(found.notANumber.end(), odd.notANumber.begin(), odd.notANumber.end());
+    found.clamped.insert(found.clamped.end(), odd.clamped.begin(), odd.clamped.end());
+    odd.notANumber.clear();
+    odd.clamped.clear();
+  }
+  AddOddPixels(frameFaults.notANumber, found.notANumber);
+  AddOddPixels(frameFaults.clamped, found.clamped);
+}
+
+// That a thread has taken in the pass so far.
+std::uint64_t RaysOf(std::uint8_t thread) {
+  return threadSlots[thread].rays + threadSlots[thread].shadowRays;
 }
 
 // Sums the threads' counters into the settings and clears them.
@@ -149,8 +200,10 @@ class RowCounter {
  public:
   explicit RowCounter(const Region& region) : rows_(region.yMax - region.yMin) {}
 
-  void Add(int thread) {
+  //   rays  that the row has taken
+  void Add(int thread, std::uint64_t rays) {
     done_.fetch_add(1, std::memory_order_relaxed);
+    rays_.fetch_add(rays, std::memory_order_relaxed);
     if (thread != 0 || !frameObserver.rowsDone) return;
     constexpr std::int64_t kPause = 1'000'000;  // ticks
     const std::int64_t now = WallTicks();
@@ -162,23 +215,27 @@ class RowCounter {
   FrameReport Report() const {
     FrameReport report = frameReport;
     report.begun = static_cast<float>(done_) / static_cast<float>(rows_);
+    report.rays = rays_;
+    report.microseconds = (WallTicks() - start_) / 10;
     return report;
   }
 
  private:
   int rows_;
   std::atomic<int> done_ = 0;
-  std::int64_t told_ = WallTicks();  // of the first thread
+  std::atomic<std::uint64_t> rays_ = 0;
+  std::int64_t start_ = WallTicks(), told_ = start_;  // the latter of the first thread
 };
 
 // One sample of each pixel of a row, from column x on. Returns the first column that got none: the region's
 // end unless a stop has cut the row short.
 template <class Sink>
 int SampleRow(const Pass& pass, int x, int y, std::uint8_t thread, PixelSums& sums, const Sink& sink) {
+  RayRecord ray;
   for (; x < pass.region.xMax && !Stopping(); ++x) {
     const std::size_t pixel = PixelIndex(pass.camera, x, y);
     sums.Keep(pixel);
-    const Vec3 color = SamplePixel(pass, x, y, thread);
+    const Vec3 color = SamplePixel(pass, x, y, thread, ray);
     if (Stopping()) {
       sums.PutBack(pixel);
       break;
@@ -209,6 +266,7 @@ bool SampleRegion(Camera& camera, const Region& region, std::uint32_t number, co
   const auto takeRows = [&] {
     const auto thread = static_cast<std::uint8_t>(omp_get_thread_num());
     PixelSums sums(aovs);
+    std::uint64_t rays = RaysOf(thread);
     while (!Stopping() && !framePause) {
       const int y = next.fetch_add(1, std::memory_order_relaxed);
       if (y >= region.yMax) break;
@@ -221,7 +279,8 @@ bool SampleRegion(Camera& camera, const Region& region, std::uint32_t number, co
       }
       if (first < region.xMax) ++row.whole;
       row.cut = 0;
-      rows.Add(thread);
+      const std::uint64_t before = std::exchange(rays, RaysOf(thread));
+      rows.Add(thread, rays - before);
     }
   };
   while (next < region.yMax && !Stopping()) {
@@ -233,6 +292,7 @@ bool SampleRegion(Camera& camera, const Region& region, std::uint32_t number, co
   if (!rows.HasAll()) frameState.interrupted = true;
   settings.frame.renderMicroseconds += (WallTicks() - start) / 10;
   CollectRayCounts();
+  CollectOddSamples();
   if (rows.HasAll()) frameState.resumed.reset();
   return rows.HasAll();
 }
@@ -276,7 +336,7 @@ void FinishFrame(const Camera& camera) {
 
 bool HasCamera() {
   if (ActiveCamera() != nullptr) return true;
-  PrintError("camera - there is no camera");
+  PrintError("camera - there is no camera", {"camera-missing"});
   return false;
 }
 
@@ -431,11 +491,12 @@ void RenderLoop(std::uint32_t held) {
   if (first > 0 && first < passes.end && OrdersOccluders()) ReplayFirstPass(*ActiveCamera());
   for (std::uint32_t pass = 0; pass < first && !Stopping(); ++pass) UpdateScene(camera.sample);
   frameReport = {held, passes.end - passes.begin};
+  frameFaults = {};
   if (held > 0 && (first >= passes.end || frameObserver.finish)) return FinishFrame(camera);
   if (settings.said.previewWindow) {
     const std::string obstacle = PreviewObstacle(camera.width, camera.height);
     if (obstacle.empty()) return RenderInWindow(camera);
-    PrintError("preview - no window, " + obstacle);
+    PrintError("preview - no window, " + obstacle, {"preview-no-window"});
   }
   for (std::uint32_t pass = first; pass < passes.end && !Stopping() && !frameObserver.finish; ++pass)
     FrameStep();

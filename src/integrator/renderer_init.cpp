@@ -31,6 +31,13 @@ float CausticRadius() {
   return settings.said.photonRadius.value_or(settings.format >= 2 ? 0.01f * sceneRadius : 1.0f);
 }
 
+bool ShowsTangents() {
+  return std::any_of(cameras.begin(), cameras.end(), [](const Camera& camera) {
+    return std::any_of(camera.aovs.begin(), camera.aovs.end(),
+                       [](const Aov& aov) { return aov.channel == kChannelTangent; });
+  });
+}
+
 }  // namespace
 
 void InitializeRenderer() {
@@ -38,6 +45,7 @@ void InitializeRenderer() {
   LimitSettings();
   settings.derived.finalGathering = ChoosesFinalGathering();
   settings.derived.lightSegment = settings.format >= 2 && SeeksLightByChance() ? 1 : 0;
+  settings.derived.showsTangents = ShowsTangents();
   settings.derived.seeksCells = settings.derived.finalGathering && settings.format >= 2;
   PrintLine(settings.derived.finalGathering ? "progressive final gathering" : "unidirectional path tracing");
   PrintRule();

@@ -21,15 +21,26 @@ struct LocalSurface {
   Vec3 tangent;       // zero: none
 };
 
-// Sums the corners' unit normals and tangents, each by its corner's weight. All of them are made unit vectors
-// at once: that takes as long as one.
-void SumCorners(const RayRecord& ray, LocalSurface& surface) {
+bool AreAlike(const PackedVector (&of)[4], int count) {
+  const std::uint32_t first = Bytes(of[0]);
+  std::uint32_t other = (Bytes(of[1]) ^ first) | (Bytes(of[2]) ^ first);
+  if (count > 3) other |= Bytes(of[3]) ^ first;
+  return other == 0;
+}
+
+// Sums the corners' unit normals and, where they are wanted, tangents, each by its corner's weight. All of
+// them are made unit vectors at once: that takes as long as one.
+void SumCorners(const RayRecord& ray, bool wantsTangent, LocalSurface& surface) {
   const Corners& corners = surface.corners;
   const auto index = static_cast<std::uint32_t>(ray.primitive);
   PackedVector normals[4], tangents[4];
   const bool hasNormals = CornerNormals(corners, *ray.part, ray.kind, index, normals);
-  const bool hasTangents = CornerTangents(corners, *ray.part, ray.kind, index, tangents);
+  const bool hasTangents = wantsTangent && CornerTangents(corners, *ray.part, ray.kind, index, tangents);
   if (!hasNormals && !hasTangents) return;
+  if (!wantsTangent && AreAlike(normals, corners.count)) {
+    surface.smoothNormal = Unpack(normals[0]);
+    return;
+  }
 
   std::uint32_t words[2][4];
   for (int i = 0; i < 4; ++i) {
@@ -70,7 +81,7 @@ Vec3 TetragonNormal(const Part& part, const Corners& c) {
   return MadeUnit(Cross(p[c.vertex[2]] - p[c.vertex[0]], p[c.vertex[3]] - p[c.vertex[1]]));
 }
 
-LocalSurface SurfaceOf(const RayRecord& ray) {
+LocalSurface SurfaceOf(const RayRecord& ray, bool wantsTangent) {
   const Part& part = *ray.part;
   const auto index = static_cast<std::uint32_t>(ray.primitive);
   LocalSurface surface;
@@ -78,11 +89,11 @@ LocalSurface SurfaceOf(const RayRecord& ray) {
   switch (ray.kind) {
     case kKindTriangle:
       surface.faceNormal = TriangleNormal(part, surface.corners);
-      SumCorners(ray, surface);
+      SumCorners(ray, wantsTangent, surface);
       break;
     case kKindTetragon:
       surface.faceNormal = TetragonNormal(part, surface.corners);
-      SumCorners(ray, surface);
+      SumCorners(ray, wantsTangent, surface);
       break;
     case kKindParticle:
       surface.faceNormal = UnitVector(ray.barycentric);  // from the centre
@@ -173,7 +184,8 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
   const Shader& shader = ShaderAt(ray.shader);
   if (shader.surfaces.empty()) return false;
 
-  LocalSurface surface = SurfaceOf(ray);
+  const bool turned = shader.isTurned || settings.derived.showsTangents;
+  LocalSurface surface = SurfaceOf(ray, turned);
   if (surface.corners.count == 0) return false;
 
   Vec3 normal = surface.faceNormal;
@@ -199,17 +211,20 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
   }
 
   // Towards the ray's origin; a supplied normal follows its face, also where the two disagree.
-  point.geometricNormal =
-      Dot(surface.faceNormal, ray.direction) > 0 ? -surface.faceNormal : surface.faceNormal;
-  point.normal = Dot(normal, point.geometricNormal) < 0 ? -normal : normal;
+  point.geometricNormal = NegatedIf(Dot(surface.faceNormal, ray.direction) > 0, surface.faceNormal);
+  point.normal = NegatedIf(Dot(normal, point.geometricNormal) < 0, normal);
   // Intended: t counts as a distance of world space, which by format 1 it is not in Instances that scale.
   point.position = ray.origin + ray.t * ray.direction;
   point.outgoing = -ray.direction;
-  TakeCornerUv(surface.corners, *ray.part, point.uv);
-  SetFrame(point, surface.tangent);
-  if (ray.part->mirroredUvs && surface.corners.count > 2 && IsMirrored(*ray.part, surface.corners.vertex))
-    mirrored = !mirrored;
-  if (mirrored && surface.corners.count > 2) point.bitangent = -point.bitangent;
+  if (shader.readsUv) TakeCornerUv(surface.corners, *ray.part, point.uv);
+  if (turned || ray.kind == kKindCylinder) {
+    SetFrame(point, surface.tangent);
+    if (ray.part->mirroredUvs && surface.corners.count > 2 && IsMirrored(*ray.part, surface.corners.vertex))
+      mirrored = !mirrored;
+    if (mirrored && surface.corners.count > 2) point.bitangent = -point.bitangent;
+  } else {
+    FrameAround(point.normal, point.tangent, point.bitangent);
+  }
 
   if (point.layer == nullptr) point.layer = &DrawLayer(ray, shader, point.uv);
   if (ray.kind == kKindCylinder) point.fiber = &point.layer->fiber;

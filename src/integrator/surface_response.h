@@ -66,13 +66,13 @@ inline bool IsZero(const SurfaceResponse& response) {
   return true;
 }
 
-inline LobeRadiance Reflect(const SurfaceReceiver& receiver, const SurfaceResponse& response, Vec3 light) {
-  LobeRadiance lobes;
-  for (const LobeRow& row : kLobes) {
-    lobes[row.lobe] = response[row.lobe] * light;
-    if (row.diffuse) lobes[row.lobe] *= receiver.diffuseWeight;
-  }
-  return lobes;
+// Adds what the lobes send back of the light.
+inline void Reflect(const SurfaceReceiver& receiver, const SurfaceResponse& response, Vec3 light,
+                    LobeRadiance& sum) {
+  for (const LobeRow& row : kLobes)
+    if (response[row.lobe] != 0)
+      sum[row.lobe] +=
+          row.diffuse ? response[row.lobe] * light * receiver.diffuseWeight : response[row.lobe] * light;
 }
 
 // The balance heuristic of each lobe against samples of the light.

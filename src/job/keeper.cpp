@@ -1,9 +1,11 @@
 #include "job/keeper.h"
 
 #include <algorithm>
+#include <vector>
 
 #include "core/console.h"
 #include "core/index.h"
+#include "core/progress.h"
 
 namespace zp {
 namespace {
@@ -45,10 +47,14 @@ void FrameKeeper::PassDone(const FrameReport& report) {
 
 void FrameKeeper::Save() {
   const auto begin = Clock::now();
-  if (IsIndex(cameras, settings.frame.activeCamera))
-    VisitFrameAovs(At(cameras, settings.frame.activeCamera), [](const Aov& aov) {
-      if (!aov.image.fileName.empty() && aov.image.width > 0) SaveAov(aov);
+  if (IsIndex(cameras, settings.frame.activeCamera)) {
+    std::vector<const Aov*> saved;
+    VisitFrameAovs(At(cameras, settings.frame.activeCamera), [&saved](const Aov& aov) {
+      if (IsSaved(aov)) saved.push_back(&aov);
     });
+    BeginWork(Phase::kWriting, saved.size());
+    for (const Aov* aov : saved) SaveAov(*aov);
+  }
   SaveCheckpoint();
   saved_ = Clock::now();
   saveSeconds_ = SecondsBetween(begin, saved_);
@@ -63,7 +69,8 @@ void FrameKeeper::SaveCheckpoint() {
   checkpoint.seconds = Seconds();
   trouble_ = WriteCheckpoint(options_.checkpoint, checkpoint);
   if (!trouble_.empty())
-    PrintError("checkpoint - " + options_.checkpoint + "\tcannot be written: " + trouble_);
+    PrintError("checkpoint - " + options_.checkpoint + "\tcannot be written: " + trouble_,
+               {"checkpoint-unwritten", options_.checkpoint});
 }
 
 }  // namespace zp

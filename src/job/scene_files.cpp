@@ -45,11 +45,11 @@ std::string HashFile(const std::string& path) {
   if (file < 0) return {};
   Hash hash;
   const auto block = std::make_unique<char[]>(kBlock);
-  ssize_t got = 0;
+  ssize_t got = 1;
   while (!Stopping() && (got = read(file, block.get(), kBlock)) > 0)
     hash.Add(block.get(), static_cast<std::size_t>(got));
   close(file);
-  return got < 0 ? std::string() : hash.Text();
+  return got != 0 ? std::string() : hash.Text();
 }
 
 }  // namespace
@@ -65,6 +65,17 @@ std::vector<SceneFile> HashSceneFiles() {
   std::sort(files.begin(), files.end(),
             [](const SceneFile& a, const SceneFile& b) { return a.path < b.path; });
   return files;
+}
+
+std::string SceneHash(const std::vector<SceneFile>& files, std::int32_t format) {
+  Hash hash;
+  const auto add = [&hash](const std::string& text) { hash.Add(text.c_str(), text.size() + 1); };
+  add("format " + std::to_string(format));
+  for (const SceneFile& file : files) {
+    add(file.path);
+    add(file.hash);
+  }
+  return hash.Text();
 }
 
 std::string FirstDifference(const std::vector<SceneFile>& a, const std::vector<SceneFile>& b) {

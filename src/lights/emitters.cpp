@@ -15,7 +15,12 @@ namespace {
 
 struct EmitterList {
   std::vector<Emitter> emitters;  // in the order of KeyOf: Instances last
+  std::vector<Rectangle> rectangles;
   LightTree tree;
+
+  const Rectangle* RectangleOf(const Emitter& face) const {
+    return face.rectangle == kNone ? nullptr : &At(rectangles, face.rectangle);
+  }
 };
 struct ObjectEmitters {
   EmitterList lamps;  // its virtual lights
@@ -128,6 +133,16 @@ void FillFace(const Object& object, Emitter& face) {
   if (face.twist != kBlack) face.area = TetragonArea(part, face.index);
 }
 
+void FillRectangle(Emitter& face, std::vector<Rectangle>& rectangles) {
+  constexpr float kTolerance = 1e-8f;  // squared
+  const float size = MinOf(Dot(face.edge1, face.edge1), Dot(face.edge2, face.edge2));
+  if (face.kind != kKindTetragon || !(Dot(face.twist, face.twist) <= kTolerance * size)) return;
+  const Rectangle rectangle = MakeRectangle(face.corner, face.edge1, face.edge2);
+  if (!(rectangle.length1 > 0)) return;
+  face.rectangle = static_cast<std::int32_t>(rectangles.size());
+  rectangles.push_back(rectangle);
+}
+
 LightBounds BoundsOfFace(const Object& object, const Emitter& face, bool byArea) {
   LightBounds bounds;
   if (!(face.area > 0) || !std::isfinite(face.area)) return bounds;
@@ -172,6 +187,7 @@ LightBounds BoundsOfInstance(const Instance& instance, float scale, bool byArea)
 void FillList(const Object& object, const EmissionList& records, bool byArea, EmitterList& list) {
   std::vector<LightBounds> bounds;
   list.emitters.clear();
+  list.rectangles.clear();
   const auto isSame = [](const EmissionRecord& a, const EmissionRecord& b) {
     return KeyOf(a.part, a.kind, a.index) == KeyOf(b.part, b.kind, b.index);
   };
@@ -199,6 +215,7 @@ void FillList(const Object& object, const EmissionList& records, bool byArea, Em
       bounds.push_back(area > 0 ? BoundsOfInstance(instance, record.area / area, byArea) : LightBounds{});
     } else {
       FillFace(object, emitter);
+      FillRectangle(emitter, list.rectangles);
       bounds.push_back(BoundsOfFace(object, emitter, byArea));
     }
     list.emitters.push_back(emitter);
@@ -301,11 +318,18 @@ PlacedPoint PlaceOn(const WorldFace& face, Vec3 barycentric) {
   return point;
 }
 
-SeenRectangle SeeFace(const WorldFace& face, Vec3 from) {
-  constexpr float kTolerance = 1e-8f;  // squared
-  const float size = MinOf(Dot(face.edge1, face.edge1), Dot(face.edge2, face.edge2));
-  if (!face.tetragon || !(Dot(face.twist, face.twist) <= kTolerance * size)) return {};
-  return SeeRectangle(face.corner, face.edge1, face.edge2, from);
+const Rectangle* InWorld(const Rectangle* rectangle, const InstanceChain& chain, Rectangle& placed) {
+  if (rectangle == nullptr || chain.count == 0) return rectangle;
+  Vec3 corner = rectangle->corner, end1 = corner + rectangle->length1 * rectangle->x,
+       end2 = corner + rectangle->length2 * rectangle->y, normal = rectangle->normal;
+  for (int i = chain.count; i-- > 0;) {
+    const Instance& instance = *At(chain.instances, i);
+    for (Vec3* p : {&corner, &end1, &end2}) *p = TransformPoint(instance.matrix, *p);
+    normal = NormalMatrix(instance) * normal;
+  }
+  placed = MakeRectangle(corner, end1 - corner, end2 - corner);
+  if (Dot(placed.normal, normal) < 0) placed.normal = -placed.normal;
+  return placed.length1 > 0 ? &placed : nullptr;
 }
 
 bool PickFace(const LightReceiver& receiver, double number, FacePick& pick) {
@@ -323,6 +347,7 @@ bool PickFace(const LightReceiver& receiver, double number, FacePick& pick) {
       pick.face = &emitter;
       pick.part = &At(walk.object->parts, emitter.part);
       pick.shader = walk.shader == kNone ? emitter.shader : walk.shader;
+      pick.rectangle = walk.list->RectangleOf(emitter);
       pick.rest = number;
       return pick.probability > 0;
     }
@@ -355,13 +380,15 @@ float EmitterDensity(const LightReceiver& receiver, const RayRecord& hit) {
   const std::uint32_t found = take(static_cast<std::int32_t>(hit.part - walk.object->parts.data()), hit.kind,
                                    static_cast<std::uint32_t>(hit.primitive));
   if (!(probability > 0) || !(EmissionOf(hit.shader, hit.frontFace).power > 0)) return 0;
-  const WorldFace face = InWorld(walk.list->emitters[found], chain);
-  const PlacedPoint place = PlaceOn(face, hit.barycentric);
+  const Emitter& face = walk.list->emitters[found];
+  Rectangle placed;
+  if (const Rectangle* rectangle = InWorld(walk.list->RectangleOf(face), chain, placed))
+    if (const SeenRectangle seen = SeeRectangle(*rectangle, receiver.position); seen.solidAngle > 0)
+      return probability / seen.solidAngle;
+  const PlacedPoint place = PlaceOn(InWorld(face, chain), hit.barycentric);
   const Vec3 way = hit.origin + hit.t * hit.direction - receiver.position;
   const float squared = Dot(way, way), cosine = std::fabs(Dot(way, place.normal)) / std::sqrt(squared);
-  return cosine > 0
-             ? probability * DirectionDensity(SeeFace(face, receiver.position), squared, cosine, place.area)
-             : 0.0f;
+  return cosine > 0 ? probability * DirectionDensity(squared, cosine, place.area) : 0.0f;
 }
 
 void BuildEmitters() {

@@ -27,7 +27,8 @@ struct Emitter {
   float area = 0;             // scene units squared
   std::int32_t part = kNone;  // index in the Object's parts; kNone for an Instance
   std::int32_t shader = kNone;
-  std::uint32_t index = 0;  // in the Part's list of that kind, or of the Object's Instances
+  std::uint32_t index = 0;         // in the Part's list of that kind, or of the Object's Instances
+  std::int32_t rectangle = kNone;  // of a face that is one: its number in the list's rectangles
   std::uint8_t kind = kKindNone;
 };
 
@@ -43,6 +44,8 @@ struct WorldFace {
   bool tetragon = false;
 };
 WorldFace InWorld(const Emitter& face, const InstanceChain& chain);
+// The same of a rectangle; null where the Instances make it another shape. `placed` may hold the result.
+const Rectangle* InWorld(const Rectangle* rectangle, const InstanceChain& chain, Rectangle& placed);
 // A point by its barycentric coordinates, the normal there, and by how much area a unit of the square that it
 // was drawn from is larger there.
 struct PlacedPoint {
@@ -50,14 +53,14 @@ struct PlacedPoint {
   float area;
 };
 PlacedPoint PlaceOn(const WorldFace& face, Vec3 barycentric);
-SeenRectangle SeeFace(const WorldFace& face, Vec3 from);  // solid angle 0 for what is no rectangle
-// Of a point on a face, per solid angle: uniform by it, or by the unit square.
-inline float DirectionDensity(const SeenRectangle& seen, float squaredDistance, float cosine, float area) {
-  return seen.solidAngle > 0 ? 1 / seen.solidAngle : squaredDistance / (cosine * area);
+// Of a point that is uniform by the unit square, per solid angle.
+inline float DirectionDensity(float squaredDistance, float cosine, float area) {
+  return squaredDistance / (cosine * area);
 }
 
 struct FacePick {
   const Emitter* face = nullptr;
+  const Rectangle* rectangle = nullptr;  // the face as one, in its own space; null if it is none
   const Part* part = nullptr;
   InstanceChain chain;
   std::int32_t shader = kNone;  // the face's, or that of the Instance that overrides it

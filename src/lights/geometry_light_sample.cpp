@@ -207,51 +207,73 @@ bool SampleByArea(Vec3 position, double choice, float a, float b, LightSample& s
   return !IsBlack(sample.radiance) && std::isfinite(sample.pdf) && std::isfinite(sample.factor);
 }
 
+// What a point sees of a face, where that was sampled.
+struct FaceView {
+  Vec3 direction;          // unit
+  float distance, cosine;  // of the direction and the face's normal, without its sign
+  float area;              // steradian: the reciprocal of the density
+  bool front;              // it is the face's front
+  Vec3 normal;
+  float a, b;  // in the unit square, which the face takes as PlaceOn does
+};
+
+FaceView ViewOf(const Rectangle& rectangle, const SeenRectangle& seen, float u, float v) {
+  const RectangleView view = DrawOnRectangle(rectangle, seen, u, v);
+  return {view.direction,
+          view.distance,
+          view.cosine,
+          seen.solidAngle,
+          seen.plane < 0,
+          rectangle.normal,
+          (view.x - seen.x0) / rectangle.length1,
+          (view.y - seen.y0) / rectangle.length2};
+}
+
+// Rectangles by solid angle: by area, walls close to a lamp are noisy.
+FaceView ViewFace(const FacePick& pick, Vec3 from, float a, float b) {
+  Rectangle placed;
+  if (const Rectangle* rectangle = InWorld(pick.rectangle, pick.chain, placed))
+    if (const SeenRectangle seen = SeeRectangle(*rectangle, from); seen.solidAngle > 0)
+      return ViewOf(*rectangle, seen, a, b);
+  const PlacedPoint place = PlaceOn(InWorld(*pick.face, pick.chain), Barycentric(pick.face->kind, a, b));
+  const Vec3 way = place.position - from;
+  const float squared = Dot(way, way), distance = std::sqrt(squared);
+  const Vec3 direction = way / distance;
+  const float along = Dot(direction, place.normal), cosine = std::fabs(along);
+  return {direction, distance,     cosine, 1 / DirectionDensity(squared, cosine, place.area),
+          along < 0, place.normal, a,      b};
+}
+
 // Of a side that is not the same everywhere. Not inlined: most are.
-[[gnu::noinline]] Vec3 VaryingEmission(const FacePick& pick, const WorldFace& face, bool front, float a,
-                                       float b, Vec3 position, Vec3 outgoing) {
+[[gnu::noinline]] Vec3 VaryingEmission(const FacePick& pick, const FaceView& view, Vec3 position) {
   ShadingPoint point;
   const Emitter& emitter = *pick.face;
-  point.uv = CornerUv(HitCorners(*pick.part, emitter.kind, emitter.index, Barycentric(emitter.kind, a, b)),
-                      *pick.part);
+  point.uv =
+      CornerUv(HitCorners(*pick.part, emitter.kind, emitter.index, Barycentric(emitter.kind, view.a, view.b)),
+               *pick.part);
   point.position = position;
-  point.outgoing = outgoing;
-  point.normal = point.geometricNormal = front ? face.normal : -face.normal;
+  point.outgoing = -view.direction;
+  point.normal = point.geometricNormal = view.front ? view.normal : -view.normal;
   AxesAround(point.normal, point.tangent, point.bitangent);
-  return SampledEmission(ShaderAt(pick.shader), front, point);
+  return SampledEmission(ShaderAt(pick.shader), view.front, point);
 }
 
 // `b` and what the choice leaves of its number place the sample.
 bool SampleByPower(const LightReceiver& receiver, double choice, float b, LightSample& sample) {
   FacePick pick;
   if (!PickFace(receiver, choice, pick)) return false;
-  const WorldFace face = InWorld(*pick.face, pick.chain);
-  float a = UnitNumber(pick.rest);
-  // Rectangles by solid angle: by area, walls close to a lamp are noisy.
-  const SeenRectangle seen = SeeFace(face, receiver.position);
-  if (seen.solidAngle > 0) {
-    const Vec2 place = DrawOnRectangle(seen, a, b);
-    a = place.x, b = place.y;
-  }
-  const Vec3 weights = Barycentric(pick.face->kind, a, b);
-  const PlacedPoint place = PlaceOn(face, weights);
-  const Vec3 toReceiver = receiver.position - place.position;
-  const float squared = Dot(toReceiver, toReceiver), distance = std::sqrt(squared);
-  const float towards = Dot(toReceiver, place.normal) / distance;
-  const bool front = towards > 0;
-  const ShaderEmission& emission = EmissionOf(pick.shader, front);
-  const float cosine = std::fabs(towards);
-  if (!(cosine > 0) || !(emission.power > 0) || !std::isfinite(squared) || !HasShader(pick.shader))
+  const FaceView view = ViewFace(pick, receiver.position, UnitNumber(pick.rest), b);
+  const ShaderEmission& emission = EmissionOf(pick.shader, view.front);
+  if (!(view.cosine > 0) || !(emission.power > 0) || !std::isfinite(view.distance) || !HasShader(pick.shader))
     return false;
 
-  const Vec3 outgoing = toReceiver / distance;
-  sample.direction = -outgoing;
+  const Vec3 position = receiver.position + view.distance * view.direction;
+  sample.direction = view.direction;
   sample.shader = pick.shader;
-  sample.radiance = emission.isPlain ? emission.radiance
-                                     : VaryingEmission(pick, face, front, a, b, place.position, outgoing);
-  sample.distance = LengthToEmitter(receiver.position, place.position, distance, cosine);
-  sample.pdf = pick.probability * DirectionDensity(seen, squared, cosine, place.area);
-  sample.factor = 1 / (kPi * sample.pdf);
+  sample.radiance = emission.isPlain ? emission.radiance : VaryingEmission(pick, view, position);
+  sample.distance = LengthToEmitter(receiver.position, position, view.distance, view.cosine);
+  sample.pdf = pick.probability / view.area;
+  sample.factor = view.area / (kPi * pick.probability);
   return sample.radiance != kBlack && std::isfinite(sample.pdf) && std::isfinite(sample.factor);
 }
 

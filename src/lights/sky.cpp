@@ -96,7 +96,8 @@ void InitializeSky() {
   skyLight.sample = LightBudget(skyLight);
   ResolveLink(skyLight.link);
   if (!MakeSkyFrame(skyLight.north, skyLight.zenith, sky.frame))
-    PrintWarning("sky light - north and zenith must be two directions, defaults take their place");
+    PrintWarning("sky light - north and zenith must be two directions, defaults take their place",
+                 {"sky-directions"});
   const double elevation = SunElevation();
   InitializeVolume(globalVolume);
   sky.backdrop = LoadSkyMap(skyLight.backdrop);

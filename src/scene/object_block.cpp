@@ -1,6 +1,7 @@
 #include <array>
 #include <memory>
 
+#include "core/progress.h"
 #include "core/settings.h"
 #include "geometry/geometry.h"
 #include "scene/blocks.h"
@@ -207,6 +208,7 @@ bool ReadParticlePicture(SceneText& text, const Keyword& keyword, Line& line, Ob
 }  // namespace
 
 void ReadNamedModels() {
+  PlanWork(Phase::kReading, namedModels.size());
   for (const NamedModel& model : namedModels) {
     Part& part = objectTable[model.object].parts[model.part];
     if (Stopping()) break;
@@ -214,6 +216,7 @@ void ReadNamedModels() {
       ReadObjModel(model, part);
     else
       ReadStrandModel(model, part);
+    FinishWork(Phase::kReading);
   }
   namedModels.clear();
 }

@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include "core/files.h"
+#include "core/progress.h"
 #include "core/settings.h"
 #include "core/stop.h"
 #include "scene/blocks.h"
@@ -43,7 +44,8 @@ constexpr std::string_view kSubfolders[] = {"shader", "render", "light", "camera
 
 bool ReadFile(const std::string& path);
 
-void ReadSectionFolder(const std::string& folder) {
+// Those of a subfolder of the scene, in the order of their names.
+std::vector<std::string> TextFiles(const std::string& folder) {
   std::vector<std::string> paths;
   std::error_code error;
   std::filesystem::directory_iterator entry(folder, error);
@@ -52,8 +54,7 @@ void ReadSectionFolder(const std::string& folder) {
     if (name.ends_with(".zp")) paths.push_back(folder + "/" + name);
   }
   std::sort(paths.begin(), paths.end());
-  for (const std::string& path : paths)
-    if (!Stopping()) ReadFile(path);
+  return paths;
 }
 
 // Lines of a file that stand in no section, for the observer.
@@ -173,8 +174,15 @@ std::string SceneImageFolder() {
 bool ReadSceneFolder(const std::string& folder) {
   std::error_code error;
   if (!std::filesystem::is_directory(folder, error)) return false;
+  std::vector<std::string> paths;
   for (const std::string_view subfolder : kSubfolders)
-    ReadSectionFolder(folder + "/" + std::string(subfolder));
+    for (std::string& path : TextFiles(folder + "/" + std::string(subfolder)))
+      paths.push_back(std::move(path));
+  BeginWork(Phase::kReading, paths.size());
+  for (const std::string& path : paths) {
+    if (!Stopping()) ReadFile(path);
+    FinishWork(Phase::kReading);
+  }
   ReadNamedModels();
   if (sceneNotes) NoteUnreadFiles(folder);
   return true;

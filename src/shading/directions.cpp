@@ -1,5 +1,6 @@
 #include <cmath>
 
+#include "core/angles.h"
 #include "core/settings.h"
 #include "core/vec.h"
 #include "shading/shading.h"
@@ -31,16 +32,13 @@ Vec2 DiskByTurns(float a, float b) {
 }
 
 // The same map without a branch: each half of the square has the larger coordinate as its signed radius, and
-// an angle of at most an eighth of a turn, for which the power series do.
+// an angle of at most an eighth of a turn.
 Vec2 DiskBySeries(float a, float b) {
   const bool wide = std::fabs(a) > std::fabs(b);
-  const float radius = wide ? a : b, other = wide ? b : a;
+  const float radius = Choose(wide, a, b), other = Choose(wide, b, a);
   const float angle = radius == 0 ? 0.0f : (kPi / 4) * (other / radius);
-  const float s = angle * angle;
-  const auto next = [&](float sum, float coefficient) { return std::fma(sum, s, coefficient); };
-  const float sine = angle * next(next(next(next(1.0f / 362880, -1.0f / 5040), 1.0f / 120), -1.0f / 6), 1);
-  const float cosine = next(next(next(next(1.0f / 40320, -1.0f / 720), 1.0f / 24), -0.5f), 1);
-  return {radius * (wide ? cosine : sine), radius * (wide ? sine : cosine)};
+  const auto [sine, cosine] = OfSmallAngle(angle);
+  return {radius * Choose(wide, cosine, sine), radius * Choose(wide, sine, cosine)};
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include "core/console.h"
 #include "core/index.h"
+#include "core/progress.h"
 #include "core/release.h"
 #include "core/settings.h"
 #include "shading/name_index.h"
@@ -113,7 +114,7 @@ void FillSideLists(Shader& shader) {
     if (sideness != Sideness::kBack) add(shader.front, shader.frontCount);
     if (sideness != Sideness::kFace) add(shader.back, shader.backCount);
   }
-  if (dropped) PrintError("shader - too many layers on a side");
+  if (dropped) PrintError("shader - too many layers on a side", {"shader-layers"});
 }
 
 void DeriveFlags(SurfaceShader& s) {
@@ -130,6 +131,20 @@ void DeriveFlags(SurfaceShader& s) {
   s.isPlain = !s.hasImage && std::none_of(std::begin(kLobes), std::end(kLobes), [&](const LobeRow& row) {
     return !row.diffuse && s.has[row.lobe];
   });
+}
+
+// Two sides that meet at an index of 1 are no boundary: nothing is reflected by Fresnel's law.
+EvenLayer MakeEvenLayer(const SurfaceShader& s) {
+  EvenLayer even;
+  even.holds = settings.format >= 2 && !s.hasImage && IsSameMedium(Mean(s[Element::kIor].color), 1);
+  even.emits = s.window || !(s[Element::kEmissive].color == kBlack);
+  const auto take = [&](Element element, Vec3& color) {
+    color = s[element].color;
+    return !IsBlack(color);
+  };
+  for (const LobeRow& row : kLobes) even.has[row.lobe] = take(row.element, even.color[row.lobe]);
+  even.hasDiffusion = take(Element::kDiffusion, even.diffusionColor);
+  return even;
 }
 
 // True if no shadow ray passes the layer at any point: an image only multiplies the colour. Exactly black,
@@ -182,11 +197,19 @@ void InitializeShader(Shader& shader) {
   shader.geometry.roundCorner = unit(shader.geometry.roundCorner);
   shader.geometry.reduction = unit(shader.geometry.reduction);
   InitializeVolume(shader.volume);
-  for (SurfaceShader& surface : shader.surfaces) DeriveFlags(surface);
+  for (SurfaceShader& surface : shader.surfaces) {
+    DeriveFlags(surface);
+    surface.even = MakeEvenLayer(surface);
+  }
   DeriveSideFlags(shader);
   shader.bends = std::any_of(shader.surfaces.begin(), shader.surfaces.end(), Refracts);
   shader.isBody = shader.bends || Absorbs(shader.volume);
   DeriveCutOuts(shader);
+  const auto any = [&](auto flag) {
+    return std::any_of(shader.surfaces.begin(), shader.surfaces.end(), flag);
+  };
+  shader.isTurned = settings.format < 2 || any([](const SurfaceShader& s) { return s.needsTangents; });
+  shader.readsUv = shader.cutsOut || any([](const SurfaceShader& s) { return s.hasImage; });
   shader.initialized = true;
 }
 
@@ -211,8 +234,12 @@ void InitializeTextures(std::int32_t undefined) {
     }
   });
   bool failed = false;
-  for (std::size_t i = 0; i < images.size(); ++i)
-    if (wanted[i] && !LoadTexture(images[i])) failed = true;
+  PlanWork(Phase::kReading, static_cast<std::uint64_t>(std::count(wanted.begin(), wanted.end(), true)));
+  for (std::size_t i = 0; i < images.size(); ++i) {
+    if (!wanted[i]) continue;
+    if (!LoadTexture(images[i])) failed = true;
+    FinishWork(Phase::kReading);
+  }
   forEachSlot([&](ImageSlot& slot) {
     SettleMatrices(slot);
     if (!slot.imageName.empty()) slot.image = IfLoaded(slot.image);

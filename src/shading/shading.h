@@ -48,10 +48,22 @@ struct ImageSlot {
   std::int32_t level = 1;
 };
 
+// What a layer of format 2 is at all points, if it has no picture and light goes on unbent behind it: most
+// layers, so that most hits need no look-ups.
+struct EvenLayer {
+  bool holds = false;  // derived; cleared where a host may have changed the layer
+  bool emits = false;
+  bool hasDiffusion = false;
+  PerLobe<bool> has;
+  PerLobe<Vec3> color;
+  Vec3 diffusionColor;
+};
+
 // One layer. A side with several layers is a stochastic mixture of them by weight.
 struct SurfaceShader {
   SurfaceShader();  // slots with the defaults of kElements
 
+  EvenLayer even;
   std::array<ImageSlot, kElementCount> slots;
   FiberParameters fiber;  // the Shader's, from when it is ready: what hair with this layer scatters by
   Sideness sideness = Sideness::kBoth;
@@ -111,6 +123,8 @@ struct Shader {
   std::vector<SurfaceShader> surfaces;
   float opacity = 1;     // see Opacity
   bool cutsOut = false;  // derived: some hits do not count
+  bool isTurned = true;  // derived: hits have to know the surface's own tangents
+  bool readsUv = true;   // derived: and its texture coordinates
   bool bends = false;    // derived: some layer refracts what goes through it
   bool isBody = false;   // derived: what it bounds has an inside of its own
   bool frontVirtualLight = false, backVirtualLight = false;

@@ -77,6 +77,11 @@ void FinishShadingPoint(ShadingPoint& point, const Shader& shader, bool frontFac
   }
   GuardMirror(point);
   SetWidths(point);
+  if (layer.even.holds) {
+    point.iorRatio = point.diffuseWeight = 1;
+    point.specularWeight = 0;
+    return;
+  }
 
   const float ior = Mean(LookUp(layer[Element::kIor], point.uv));
   point.iorRatio = frontFace ? 1 / ior : ior;

@@ -41,7 +41,7 @@ bool LoadTexture(ImageBuffer& image) {
   if (Stopping()) return false;
   image.problem = problem;
   ++missingFiles;
-  PrintError("image - " + name + '\t' + std::string(ProblemText(problem)));
+  PrintError("image - " + name + '\t' + std::string(ProblemText(problem)), {"image-unread", name});
   PrintRule();
   return false;
 }
