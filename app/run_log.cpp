@@ -207,7 +207,8 @@ void BeginFrame(const FramePlan& plan, std::uint32_t first) {
   frame.passes = frame.resumedPasses = first;
   frame.photons = log.castPhotons;
   frame.storedPhotons = photonStore.photons.size();
-  Show(log, log.meter.Take(FrameReport{first, static_cast<std::uint32_t>(std::max(plan.sample, 0))}, {}));
+  const PassRange passes = PassesToRender();
+  Show(log, log.meter.Take(FrameReport{first, passes.end - passes.begin}, {}));
 }
 
 void TellFrame(const FrameReport& report, double seconds, std::optional<double> limit) {

@@ -388,6 +388,7 @@ void ReplayFirstPass(Camera& camera) {
   ForEachAov(camera, [&](Aov& aov) { aov.image.floatPixels = std::move(kept[count++]); });
   frameState = std::move(state);
   frameObserver = std::move(observer);
+  CollectOddSamples();  // which RenderLoop forgets
 }
 
 }  // namespace
