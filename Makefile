@@ -2,7 +2,7 @@
 PRESET ?= release
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: packages build demo test bench docs scenes pictures install package package-test clean
+.PHONY: packages build demo test bench docs scenes pictures install package package-test farm-test clean
 
 packages:
 	@missing=""; for package in $$(cat packages.txt) $(EXTRA_PACKAGES); do \
@@ -63,6 +63,11 @@ package: packages
 package-test: EXTRA_PACKAGES := debootstrap
 package-test: package
 	$(SUDO) scripts/package-test.sh build/package
+
+# Renders on a farm of Slurm's within this machine, kills a node of it, and compares the pictures.
+farm-test: EXTRA_PACKAGES := munge slurmctld slurmd slurm-client python3
+farm-test: build
+	$(SUDO) scripts/farm-test.sh build/$(PRESET)/zephlore scenes/courtyard
 
 clean:
 	rm -rf build demo.png

@@ -72,6 +72,14 @@ struct MergeOptions {
 };
 int RunMerge(const MergeOptions& options);
 
+struct FarmOptions {
+  RenderOptions render;    // with an output
+  std::int32_t parts = 1;  // jobs that share the passes
+  bool wait = false;       // until the images are there
+  bool print = false;      // the scripts, which nobody runs
+};
+int RunFarm(const FarmOptions& options);
+
 struct ViewOptions {
   std::string input;
   std::string output;   // a PNG file

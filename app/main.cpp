@@ -102,14 +102,18 @@ void AddDuration(CLI::App& verb, const char* name, const char* help,
       ->type_name("TIME");
 }
 
+void AddSaveEvery(CLI::App& verb, RenderOptions& options) {
+  AddDuration(
+      verb, "--save-every",
+      "Write all images as they stand, this often while they render; 60 seconds if not given, 0 never",
+      [&options](double seconds) { options.saveEvery = seconds; });
+}
+
 void AddKeeping(CLI::App& render, RenderOptions& options) {
   const auto names = [](const std::string& text) {
     return std::string(text.empty() ? "a file name is missing" : "");
   };
-  AddDuration(
-      render, "--save-every",
-      "Write all images as they stand, this often while they render; 60 seconds if not given, 0 never",
-      [&options](double seconds) { options.saveEvery = seconds; });
+  AddSaveEvery(render, options);
   AddDuration(render, "--time", "End the frame behind the pass that is nearest to this time",
               [&options](double seconds) { options.time = seconds; });
   render
@@ -187,33 +191,24 @@ void AddMerge(CLI::App& app, MergeOptions& options) {
   merge->add_flag("--quiet", options.quiet, "Do not tell what was merged");
 }
 
-void AddRender(CLI::App& app, RenderOptions& options) {
-  CLI::App* render = app.add_subcommand("render", "Render a scene folder into its images");
-  render->add_option("scene", options.scene, "Scene folder; may be left out with --resume")
-      ->type_name("SCENE");
-  render->parse_complete_callback([&options] {
-    if (options.scene.empty() && options.resume.empty()) throw CLI::RequiredError("scene");
-  });
-  render
-      ->add_option("-o,--output", options.output,
-                   "Name of the beauty image; its extension chooses the format")
+// What farm has in common with render.
+void AddFrame(CLI::App& verb, RenderOptions& options) {
+  verb.add_option("-o,--output", options.output, "Name of the beauty image; its extension chooses the format")
       ->type_name("FILE")
       ->check(
           [](const std::string& text) { return std::string(text.empty() ? "a file name is missing" : ""); });
-  render
-      ->add_option("--camera", options.camera,
-                   "Camera to render: its name, its number from 0, or 'all'; the first one if not given")
+  verb.add_option("--camera", options.camera,
+                  "Camera to render: its name, its number from 0, or 'all'; the first one if not given")
       ->type_name("NAME|NUMBER|all")
       ->check([](const std::string& text) { return std::string(text.empty() ? "a camera is missing" : ""); });
-  render->add_option("--sample", options.sample, "Samples for each pixel")
+  verb.add_option("--sample", options.sample, "Samples for each pixel")
       ->type_name("N")
       ->check(CLI::Range(1, kMostSamples));
-  AddPixels(*render, options);
-  render->add_option("--threads", options.threads, "Worker threads; all processors if not given")
+  AddPixels(verb, options);
+  verb.add_option("--threads", options.threads, "Worker threads; all processors if not given")
       ->type_name("N")
       ->check(CLI::Range(1, kMaxThreads));
-  render
-      ->add_option_function<std::string>(
+  verb.add_option_function<std::string>(
           "--seed",
           [&options](const std::string& text) {
             std::uint64_t seed = 0;
@@ -224,15 +219,41 @@ void AddRender(CLI::App& app, RenderOptions& options) {
           },
           "Repeatable random numbers: the same seed gives the same picture")
       ->type_name("N");
-  AddFormat(*render, options.format);
+  AddFormat(verb, options.format);
+  verb.add_flag("--linear", options.linear,
+                "Linear numbers in files of 8 bits too: no exposure and no sRGB curve");
+}
+
+void AddFarm(CLI::App& app, FarmOptions& options) {
+  CLI::App* farm = app.add_subcommand("farm", "Render a scene in parts by jobs of Slurm, and merge them");
+  farm->add_option("scene", options.render.scene, "Scene folder")->required()->type_name("SCENE");
+  AddFrame(*farm, options.render);
+  AddSaveEvery(*farm, options.render);
+  farm->get_option("--output")->required();
+  farm->add_option("--parts", options.parts, "Jobs that share the passes")
+      ->required()
+      ->type_name("N")
+      ->check(CLI::Range(1, kMostSamples));
+  farm->add_flag("--vary-photons", options.render.varyPhotons,
+                 "Cast other photons in each part, so that the picture has less error");
+  farm->add_flag("--wait", options.wait, "Wait for the images; status 1 if a part has failed four times");
+  farm->add_flag("--print", options.print, "Print the scripts of the jobs, and submit none");
+}
+
+void AddRender(CLI::App& app, RenderOptions& options) {
+  CLI::App* render = app.add_subcommand("render", "Render a scene folder into its images");
+  render->add_option("scene", options.scene, "Scene folder; may be left out with --resume")
+      ->type_name("SCENE");
+  render->parse_complete_callback([&options] {
+    if (options.scene.empty() && options.resume.empty()) throw CLI::RequiredError("scene");
+  });
+  AddFrame(*render, options);
   AddKeeping(*render, options);
   AddServing(*render, options.serve);
   AddParts(*render, options);
   render->add_flag("--quiet", options.quiet, "No report rows on the output stream");
   render->add_flag("--strict", options.strict,
                    "Render nothing and exit with 1 if 'zephlore check' would tell an error of the scene");
-  render->add_flag("--linear", options.linear,
-                   "Linear numbers in files of 8 bits too: no exposure and no sRGB curve");
   render
       ->add_flag("--progress{line}", options.progress,
                  "One updating line on the error stream; --progress=json: an object a line, for programs")
@@ -310,6 +331,7 @@ int Run(int argc, char** argv) {
   CheckOptions checkOptions;
   ViewOptions viewOptions;
   MergeOptions mergeOptions;
+  FarmOptions farmOptions;
   CLI::App app("zephlore, a physically based offline renderer", "zephlore");
   app.set_version_flag("--version", "zephlore " ZP_VERSION);
   app.require_subcommand(1);
@@ -317,6 +339,7 @@ int Run(int argc, char** argv) {
   AddCheck(app, checkOptions);
   AddView(app, viewOptions);
   AddMerge(app, mergeOptions);
+  AddFarm(app, farmOptions);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -327,6 +350,7 @@ int Run(int argc, char** argv) {
     return Fail(error.what() + Suggestion(app, argc, argv) + " (see zephlore --help)", kExitUsage);
   }
   if (app.got_subcommand("merge")) return RunMerge(mergeOptions);
+  if (app.got_subcommand("farm")) return RunFarm(farmOptions);
   if (app.got_subcommand("check")) return RunCheck(checkOptions);
   return app.got_subcommand("render") ? RunRender(renderOptions) : RunView(viewOptions);
 }

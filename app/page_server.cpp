@@ -15,7 +15,7 @@
 #include <system_error>
 #include <thread>
 
-#include "serve_files.h"
+#include "page_files.h"
 
 namespace zp {
 namespace {
@@ -126,21 +126,22 @@ void AnswerPicture(const Request& request, Response& response) {
   response.set_content(std::move(picture->bytes), "application/octet-stream");
 }
 
-std::string TypeOf(std::string_view name) {
-  if (name.ends_with(".css")) return "text/css; charset=utf-8";
-  if (name.ends_with(".js")) return "text/javascript; charset=utf-8";
-  return name.ends_with(".svg") ? "image/svg+xml" : "text/html; charset=utf-8";
-}
+struct PageFile {
+  const char *path, *type;  // the path as a regular expression
+  std::string_view text;
+};
+constexpr PageFile kPageFiles[] = {
+    {"/", "text/html; charset=utf-8", kIndexHtml},
+    {"/page\\.css", "text/css; charset=utf-8", kPageCss},
+    {"/page\\.js", "text/javascript; charset=utf-8", kPageJs},
+    {"/icon\\.svg", "image/svg+xml", kIconSvg},
+};
 
 void SetRoutes(Server& server) {
-  for (const ServeFile& file : serveFiles) {
-    std::string path = "/";
-    if (file.name != "index.html")
-      for (const char c : file.name) path += c == '.' ? "\\." : std::string(1, c);
-    server.Get(path, [&file](const Request&, Response& response) {
-      response.set_content(file.text.data(), file.text.size(), TypeOf(file.name).c_str());
+  for (const PageFile& file : kPageFiles)
+    server.Get(file.path, [&file](const Request&, Response& response) {
+      response.set_content(file.text.data(), file.text.size(), file.type);
     });
-  }
   server.Get("/status", [](const Request& request, Response& response) {
     response.set_content(
         page->source.status(NumberOf<std::size_t>(request, "image"), NumberOf<std::size_t>(request, "log")),

@@ -50,6 +50,8 @@ std::string ReportedOptions(const RenderOptions& options) {
   all["checkpoint"] = FromRoot(options.checkpoint);
   all["resume"] = FromRoot(options.resume);
   all["strict"] = options.strict;
+  if (options.passes) all["passes"] = {options.passes->begin, options.passes->end};
+  if (options.varyPhotons) all["vary-photons"] = true;
   return all.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 

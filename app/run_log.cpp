@@ -231,8 +231,8 @@ void BeginFrame(const FramePlan& plan, std::uint32_t first) {
   frame.passes = frame.resumedPasses = first;
   frame.photons = log.castPhotons;
   frame.storedPhotons = photonStore.photons.size();
-  const PassRange range = PassesToRender();
-  Show(log, log.meter.Take(FrameReport{first, range.end - range.begin}, {}));
+  const PassRange passes = PassesToRender();
+  Show(log, log.meter.Take(FrameReport{first, passes.end - passes.begin}, {}));
 }
 
 void TellFrame(const FrameReport& report, double seconds, std::optional<double> limit) {

@@ -322,7 +322,8 @@ bool Occlude(RayRecord& ray, BodyCrossings* crossings) {
   OccluderCounts counts;
   counts.crossings = crossings;
   OccluderWalk walk{At(objectTable, rootObject), ray, counts, kNone};
-  const bool blocked = settings.frame.samplePass == 0 ? walk.Run<true>() : walk.Run<false>();
+  const bool logs = settings.frame.samplePass == 0 && settings.format < 2;  // nobody else reads the logs
+  const bool blocked = logs ? walk.Run<true>() : walk.Run<false>();
   if (blocked) ray.throughput = kBlack;
   ray.depth = depth;
   slot.innerNodes += counts.innerNodes;

@@ -177,9 +177,15 @@ void CountFrame(const Camera& camera, const Region& region) {
   frameState.rows.resize(static_cast<std::size_t>(std::max(camera.height, 0)));
 }
 
-// Behind a pass that was cut short there is no next one: the frame starts over, its photons as they are.
+// In format 1 shadow rays of the first pass order the slots of trees for those of the others. Of two faces at
+// one place the order decides which is hit, so that all of a frame has to know it; format 2, whose frames go
+// on in other processes from any pass on, does without.
+bool OrdersOccluders() { return settings.format < 2; }
+
+// Behind a pass that was cut short there is no next one: the frame starts over, its photons as they are. So
+// it does within a first pass that another process has begun, and taken the logs of its shadow rays along.
 void ForgetCutFrame(Camera& camera) {
-  if (!frameState.interrupted) return;
+  if (!frameState.interrupted && !(frameState.resumed == 0U && OrdersOccluders())) return;
   frameState = {};
   ForEachAov(camera, [](Aov& aov) {
     if (aov.channel != kChannelLightPath)
@@ -367,6 +373,24 @@ void MoveTo(float time) {
   MoveEmitters();
 }
 
+// Takes the first pass for the order of its occluders alone.
+void ReplayFirstPass(Camera& camera) {
+  std::vector<std::vector<float>> kept;
+  ForEachAov(camera, [&](Aov& aov) { kept.push_back(aov.image.floatPixels); });
+  FrameState state = std::exchange(frameState, {});
+  FrameObserver observer = std::exchange(frameObserver, {});
+  settings.frame.samplePass = 0;
+  ClearOccluderLogs();
+  MoveTo(TimeOfPass(camera, 0));
+  SampleRegion(camera, RegionOf(camera), 0, [](int, int, Vec3) {});
+  for (Object& object : objectTable) OrderOccluders(object);
+  std::size_t count = 0;
+  ForEachAov(camera, [&](Aov& aov) { aov.image.floatPixels = std::move(kept[count++]); });
+  frameState = std::move(state);
+  frameObserver = std::move(observer);
+  CollectOddSamples();  // which RenderLoop forgets
+}
+
 }  // namespace
 
 void ImageStatistics(const ImageBuffer& image, Vec3& mean, Vec3& variance) {
@@ -447,7 +471,7 @@ void FrameStep() {
   ClearPassStatistics();
   MoveTo(TimeOfPass(*camera, settings.frame.passIndex));
   if (!RenderPixels(settings.frame.passIndex)) return;
-  if (settings.frame.passIndex == passes.begin)
+  if (settings.frame.passIndex == 0 && OrdersOccluders())
     for (Object& object : objectTable) OrderOccluders(object);
   UpdateScene(camera->sample);
   ++settings.frame.passIndex;
@@ -465,6 +489,7 @@ void RenderLoop(std::uint32_t held) {
   if (!HasCamera()) return;
   const Camera& camera = *ActiveCamera();
   if (held == 0) ForgetCutFrame(*ActiveCamera());
+  if (first > 0 && first < passes.end && OrdersOccluders()) ReplayFirstPass(*ActiveCamera());
   for (std::uint32_t pass = 0; pass < first && !Stopping(); ++pass) UpdateScene(camera.sample);
   frameReport = {held, passes.end - passes.begin};
   frameFaults = {};
