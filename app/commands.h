@@ -44,6 +44,7 @@ struct RenderOptions {
   std::string checkpoint;           // file that keeps what is rendered; empty: none
   std::string resume;               // checkpoint to go on from, and to keep
   std::optional<double> time;       // seconds that the frame may take
+  std::optional<double> noise;      // relative error that ends the frame; 0 never
 };
 int RunRender(const RenderOptions& options);
 

@@ -49,6 +49,7 @@ class ProgressLine {
   void PassDone(const FrameReport& report) {
     if (enabled_) Show(report);
   }
+  std::optional<double> error;  // of the picture, where it is measured
   void RowsDone(const FrameReport& report) {
     if (enabled_ && Clock::now() - shown >= std::chrono::seconds(1)) Show(report);
   }
@@ -73,10 +74,12 @@ class ProgressLine {
     char begun[32] = "";
     if (report.begun > 0)
       std::snprintf(begun, sizeof begun, " and %.0f %%", 100 * static_cast<double>(report.begun));
-    char text[192];
+    char noise[48] = "";
+    if (error) std::snprintf(noise, sizeof noise, "   error %.3g", *error);
+    char text[240];
     const int length = std::snprintf(
-        text, sizeof text, "pass %u of %u%s   %.2f M rays/s   elapsed %s   remaining %s", report.done,
-        report.total, begun, speed, ClockText(elapsed).c_str(), ClockText(remaining).c_str());
+        text, sizeof text, "pass %u of %u%s%s   %.2f M rays/s   elapsed %s   remaining %s", report.done,
+        report.total, begun, noise, speed, ClockText(elapsed).c_str(), ClockText(remaining).c_str());
     if (length <= 0) return;
     // Blanks wipe what a longer line left behind.
     std::fprintf(stderr, "\r%-*s", width, text);
@@ -282,23 +285,26 @@ int RenderFrame(const RenderOptions& options, std::vector<SceneFile> files, Chec
       return Fail("cannot resume from '" + options.resume + "': " + reason);
     base.seconds = resumed->seconds;
   }
+  const bool resumesWhole = resumed != nullptr && !HasBegunPass(frameState, resumed->passes);
   base.options = KeptOptions(options);
   base.files = std::move(files);
   constexpr double kSaveEvery = 60;
-  FrameKeeper keeper({options.saveEvery.value_or(kSaveEvery), options.checkpoint, options.time},
+  FrameKeeper keeper({options.saveEvery.value_or(kSaveEvery), options.checkpoint, options.noise, options.time},
                      std::move(base));
   {
     ProgressLine progress(options.progress);
     frameObserver.passDone = [&](const FrameReport& report) {
-      progress.PassDone(report);
       keeper.PassDone(report);
+      progress.error = keeper.Error();
+      progress.PassDone(report);
     };
     frameObserver.rowsDone = [&](const FrameReport& report) {
       progress.RowsDone(report);
       keeper.RowsDone();
     };
     frameObserver.paused = [&](const FrameReport&) { keeper.Paused(); };
-    frameObserver.finish = resumed != nullptr && resumed->passes > 0 && !keeper.HasTimeLeft();
+    frameObserver.finish = resumed != nullptr && resumed->passes > 0 &&
+                           (!keeper.HasTimeLeft() || (resumesWhole && keeper.HasReachedNoise(resumed->passes)));
     RenderLoop(resumed != nullptr ? resumed->passes : 0);
     frameObserver = {};
   }
@@ -386,7 +392,8 @@ int RunRender(const RenderOptions& given) {
   if (!options.checkpoint.empty() && options.camera == kAllCameras)
     return Fail("--checkpoint keeps one camera, not all", kExitUsage);
   if (!options.checkpoint.empty() && !options.seed) options.seed = DrawSeed();
-  if (options.time && !options.sample) options.sample = kMostSamples;
+  if ((options.time || options.noise) && !options.sample) options.sample = kMostSamples;
+  settings.said.halfSets = options.noise.has_value();
   std::error_code error;
   if (!std::filesystem::is_directory(options.scene, error))
     return Fail("there is no scene folder '" + options.scene + "'");

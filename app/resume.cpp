@@ -24,6 +24,7 @@ void VisitKept(Options& options, const Visit& visit) {
   visit("seed", options.seed);
   visit("format", options.format);
   visit("time", options.time);
+  visit("noise", options.noise);
   visit("save-every", options.saveEvery);
 }
 

@@ -65,7 +65,7 @@ inline FrameObserver frameObserver;
 // Set, as by rowsDone, to have `paused` called.
 inline std::atomic<bool> framePause = false;
 
-// Visits the AOVs of a camera and of all lights, always in the same order.
+// Visits the AOVs of a camera and of all lights, and those that go with them, always in the same order.
 void VisitFrameAovs(Camera& camera, const std::function<void(Aov&)>& visit);
 
 // Mean and variance of a float image. Intended: one second moment, of the largest channel, for all three.

@@ -22,7 +22,7 @@ using Json = nlohmann::json;
 static_assert(std::endian::native == std::endian::little);
 
 constexpr std::string_view kFirstLine = "zephlore checkpoint\n";
-constexpr std::uint32_t kVersion = 1;
+constexpr std::uint32_t kVersion = 2;
 constexpr int kCompressionLevel = 1;  // floats with noise shrink little at any
 
 struct NamedNumber {
@@ -35,7 +35,7 @@ constexpr NamedNumber kPlanNumbers[] = {
     {"width", &FramePlan::width, "--resolution"}, {"height", &FramePlan::height, "--resolution"},
     {"left", &FramePlan::left, "--region"},       {"top", &FramePlan::top, "--region"},
     {"right", &FramePlan::right, "--region"},     {"bottom", &FramePlan::bottom, "--region"},
-    {"sample", &FramePlan::sample, "--sample"},
+    {"sample", &FramePlan::sample, "--sample"},   {"halves", &FramePlan::halves, "--noise"},
 };
 
 // Compresses what it is given into a file.
@@ -156,12 +156,13 @@ std::string HeaderOf(const Checkpoint& checkpoint) {
                        {"seconds", checkpoint.seconds},
                        {"files", files},
                        {"aovs", aovs},
-                       {"state", {{"planned", state.planned}, {"left", state.left}, {"right", state.right}}}};
+                       {"state", {{"planned", state.planned}, {"left", state.left}, {"right", state.right}, {"tiles", state.tiles.size()}, {"strictness", state.strictness}}}};
   return header.dump();
 }
 
 // Throws what nlohmann::json throws for a header that is not ours.
-void TakeHeader(const Json& header, Checkpoint& checkpoint, std::vector<std::size_t>& floats) {
+void TakeHeader(const Json& header, Checkpoint& checkpoint, std::size_t& tiles,
+                std::vector<std::size_t>& floats) {
   checkpoint.options = header.at("options").dump();
   checkpoint.plan.seed = header.at("plan").at("seed");
   for (const NamedNumber& number : kPlanNumbers)
@@ -177,6 +178,8 @@ void TakeHeader(const Json& header, Checkpoint& checkpoint, std::vector<std::siz
   checkpoint.state.planned = header.at("state").at("planned");
   checkpoint.state.left = header.at("state").at("left");
   checkpoint.state.right = header.at("state").at("right");
+  checkpoint.state.strictness = header.at("state").at("strictness");
+  tiles = header.at("state").at("tiles");
 }
 
 bool TakeBody(Unpacker& unpacker, Checkpoint& checkpoint) {
@@ -184,18 +187,13 @@ bool TakeBody(Unpacker& unpacker, Checkpoint& checkpoint) {
   std::vector<char> text;
   if (!unpacker.Take(&size, sizeof size) || !unpacker.Take(text, size)) return false;
   std::vector<std::size_t> floats;
-  TakeHeader(Json::parse(text.begin(), text.end()), checkpoint, floats);
+  std::size_t tiles = 0;
+  TakeHeader(Json::parse(text.begin(), text.end()), checkpoint, tiles, floats);
   const auto rows = static_cast<std::size_t>(std::max(checkpoint.plan.height, 0));
-  if (!unpacker.Take(checkpoint.state.rows, rows)) return false;
+  if (!unpacker.Take(checkpoint.state.rows, rows) || !unpacker.Take(checkpoint.state.tiles, tiles)) return false;
   for (std::size_t i = 0; i < floats.size(); ++i)
     if (!unpacker.Take(checkpoint.aovs[i].pixels, floats[i])) return false;
   return unpacker.EndsHere();
-}
-
-// Sums of shares of one number of passes as those of another.
-void Rescale(const Aov& aov, std::vector<float>& pixels, std::uint32_t from, std::uint32_t to) {
-  if (from == to || aov.mean || aov.channel == kChannelLightPath) return;
-  for (float& value : pixels) value *= static_cast<float>(from) / static_cast<float>(to);
 }
 
 // What the frame at hand would have to be told to fit; empty if it fits.
@@ -230,6 +228,7 @@ Checkpoint DescribeFrame(std::uint64_t seed) {
     plan.right = camera.regionXMax;
     plan.bottom = camera.regionYMax;
     plan.sample = camera.sample;
+    plan.halves = settings.said.halfSets ? 1 : 0;
   }
   checkpoint.passes = settings.frame.passIndex;
   checkpoint.state = frameState;
@@ -250,6 +249,7 @@ std::string WriteCheckpoint(const std::string& path, const Checkpoint& checkpoin
     std::vector<RowSamples> rows = checkpoint.state.rows;
     rows.resize(static_cast<std::size_t>(std::max(checkpoint.plan.height, 0)));
     packer.Add(rows.data(), rows.size() * sizeof(RowSamples));
+    packer.Add(checkpoint.state.tiles.data(), checkpoint.state.tiles.size() * sizeof(TileRests));
     VisitAovs(checkpoint.plan, [&](const Aov& aov) {
       packer.Add(aov.image.floatPixels.data(), aov.image.floatPixels.size() * sizeof(float));
     });
@@ -262,7 +262,7 @@ std::string WriteCheckpoint(const std::string& path, const Checkpoint& checkpoin
 }
 
 std::string ReadCheckpoint(const std::string& path, Checkpoint& checkpoint) {
-  static_assert(sizeof(RowSamples) == 8);
+  static_assert(sizeof(RowSamples) == 8 && sizeof(TileRests) == 8);
   const std::unique_ptr<std::FILE, decltype(&std::fclose)> file(std::fopen(path.c_str(), "rbe"), std::fclose);
   if (!file) return std::string("cannot be opened: ") + std::strerror(errno);
   char line[kFirstLine.size()] = {};
@@ -299,13 +299,9 @@ std::string RestoreFrame(Checkpoint& checkpoint, const FramePlan& plan, const st
   if (!fits || count != checkpoint.aovs.size()) return "its images are not those of the scene";
 
   count = 0;
-  const auto planned = static_cast<std::uint32_t>(std::max(plan.sample, 1));
-  VisitAovs(plan, [&](Aov& aov) {
-    aov.image.floatPixels = std::move(checkpoint.aovs[count++].pixels);
-    Rescale(aov, aov.image.floatPixels, checkpoint.state.planned, planned);
-  });
+  VisitAovs(plan, [&](Aov& aov) { aov.image.floatPixels = std::move(checkpoint.aovs[count++].pixels); });
   frameState = checkpoint.state;
-  frameState.planned = planned;
+  frameState.tilesAcross = TilesAlong(plan.width);
   frameState.resumed = checkpoint.passes;
   return {};
 }

@@ -2,8 +2,8 @@
 //
 // The file: a line that names it, the version as four bytes, the lowest first, and a zstd stream with a
 // checksum of its own. In the stream: the size of a JSON text as eight bytes, that text, for each row of the
-// picture its whole samples and the column where a begun one was cut short (four bytes each), and the sums of
-// each AOV as 32-bit floats, row by row from the top.
+// picture its whole passes and the column where a begun one was cut short (four bytes each), for each tile its
+// rests (two bytes each number), and the sums of each AOV as 32-bit floats, row by row from the top.
 
 #pragma once
 
@@ -24,6 +24,7 @@ struct FramePlan {
   std::int32_t width = 0, height = 0;
   std::int32_t left = 0, top = 0, right = 0, bottom = 0;  // of the region
   std::int32_t sample = 0;                                // passes
+  std::int32_t halves = 0;                                // 1 where half sets are kept apart
   std::uint64_t seed = 0;
 };
 
