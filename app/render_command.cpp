@@ -289,8 +289,9 @@ int RenderFrame(const RenderOptions& options, std::vector<SceneFile> files, Chec
   base.options = KeptOptions(options);
   base.files = std::move(files);
   constexpr double kSaveEvery = 60;
-  FrameKeeper keeper({options.saveEvery.value_or(kSaveEvery), options.checkpoint, options.noise, options.time},
-                     std::move(base));
+  FrameKeeper keeper(
+      {options.saveEvery.value_or(kSaveEvery), options.checkpoint, options.noise, options.time},
+      std::move(base));
   {
     ProgressLine progress(options.progress);
     frameObserver.passDone = [&](const FrameReport& report) {
@@ -303,8 +304,9 @@ int RenderFrame(const RenderOptions& options, std::vector<SceneFile> files, Chec
       keeper.RowsDone();
     };
     frameObserver.paused = [&](const FrameReport&) { keeper.Paused(); };
-    frameObserver.finish = resumed != nullptr && resumed->passes > 0 &&
-                           (!keeper.HasTimeLeft() || (resumesWhole && keeper.HasReachedNoise(resumed->passes)));
+    frameObserver.finish =
+        resumed != nullptr && resumed->passes > 0 &&
+        (!keeper.HasTimeLeft() || (resumesWhole && keeper.HasReachedNoise(resumed->passes)));
     RenderLoop(resumed != nullptr ? resumed->passes : 0);
     frameObserver = {};
   }

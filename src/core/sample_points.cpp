@@ -92,7 +92,9 @@ PointSource PhotonPoints(std::uint32_t number) { return Start(MixKeys(seedKey, k
 
 float ShutterInstant(std::uint32_t pass) {
   const std::uint32_t key = MixKeys(KeyOfPass(pass), kShutter);
-  const std::uint32_t middle = points::Permute(0, key) ^ 1U;  // shifts the first pass there
+  // Shifts the first pass there; not that of another half set, which would not tell of what both miss.
+  const bool first = !settings.said.halfSets || HalfOfPass(pass) == 0;
+  const std::uint32_t middle = first ? points::Permute(0, key) ^ 1U : 0;
   return UnitFloat(points::Mirror(points::Permute(NumberOfPass(pass), key) ^ middle));
 }
 

@@ -49,9 +49,9 @@ inline std::uint32_t MixKeys(std::uint32_t a, std::uint32_t b) {
   return static_cast<std::uint32_t>(x >> 32U);
 }
 
-// The half set that a pass belongs to, where such are kept apart (settings.said.halfSets): even passes are one and
-// odd passes the other. Each has scramblings of its own, without which the two would share out the strata of one
-// sequence, and neither be a picture by itself.
+// The half set that a pass belongs to, where such are kept apart (settings.said.halfSets): even passes are
+// one and odd passes the other. Each has scramblings of its own, without which the two would share out the
+// strata of one sequence, and neither be a picture by itself.
 inline std::uint32_t HalfOfPass(std::uint32_t pass) { return pass & 1U; }
 // The number of a pass in its sequence.
 std::uint32_t NumberOfPass(std::uint32_t pass);

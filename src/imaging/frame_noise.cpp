@@ -36,7 +36,10 @@ Bounds RenderedBounds(const FrameState& state) {
 class Measure {
  public:
   Measure(const Aov& beauty, const FrameState& state)
-      : beauty_(beauty), state_(state), bounds_(RenderedBounds(state)), picture_(FinishedPicture(beauty, state)) {
+      : beauty_(beauty),
+        state_(state),
+        bounds_(RenderedBounds(state)),
+        picture_(FinishedPicture(beauty, state)) {
     double sum = 0;
     for (std::int32_t y = bounds_.top; y < bounds_.bottom; ++y)
       for (std::int32_t x = bounds_.left; x < bounds_.right; ++x) sum += static_cast<double>(Mean(At(x, y)));
@@ -55,7 +58,8 @@ class Measure {
       const double scale = std::max(static_cast<double>(around[c]), 0.0) + floor_;
       if (!(scale > 0)) continue;  // a black picture has no noise
       const double weight = 1 / (3 * Square(scale));
-      tile.squares += weight * Square((static_cast<double>(half[0][c]) - static_cast<double>(half[1][c])) / 2);
+      tile.squares +=
+          weight * Square((static_cast<double>(half[0][c]) - static_cast<double>(half[1][c])) / 2);
       if (beauty_.squares.empty()) continue;
       double promised = 0;
       for (std::uint32_t h = 0; h < 2; ++h) {
@@ -73,7 +77,8 @@ class Measure {
 
  private:
   std::size_t Index(std::int32_t x, std::int32_t y) const {
-    return static_cast<std::size_t>(picture_.width) * static_cast<std::size_t>(y) + static_cast<std::size_t>(x);
+    return static_cast<std::size_t>(picture_.width) * static_cast<std::size_t>(y) +
+           static_cast<std::size_t>(x);
   }
   Vec3 At(std::int32_t x, std::int32_t y) const { return ReadPixel(picture_, Index(x, y)); }
   Vec3 Around(std::int32_t x, std::int32_t y) const {

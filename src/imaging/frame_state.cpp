@@ -95,9 +95,8 @@ ImageBuffer FinishedPicture(const Aov& aov, const FrameState& state) {
   if (IsFinished(aov, state)) return picture;
   for (std::int32_t y = 0; y < picture.height; ++y)
     for (std::int32_t x = 0; x < picture.width; ++x) {
-      const Vec3 value = aov.channel == kChannelSamples
-                             ? static_cast<float>(SamplesOf(state, x, y)) * kWhite
-                             : FinishedPixel(aov, state, x, y);
+      const Vec3 value = aov.channel == kChannelSamples ? static_cast<float>(SamplesOf(state, x, y)) * kWhite
+                                                        : FinishedPixel(aov, state, x, y);
       WritePixel(picture, value, PixelOf(picture, x, y));
     }
   return picture;

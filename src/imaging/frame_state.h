@@ -12,7 +12,8 @@
 
 namespace zp {
 
-// Passes that the pixels of one row have gone through. A row that was cut short has one more left of a column.
+// Passes that the pixels of one row have gone through. A row that was cut short has one more left of a
+// column.
 struct RowSamples {
   std::uint32_t whole = 0;
   std::int32_t cut = 0;  // first column that lacks it
@@ -37,8 +38,8 @@ struct FrameState {
   std::vector<RowSamples> rows;      // of the picture's height; empty before the first sample
   std::int32_t tilesAcross = 0;
   std::vector<TileRests> tiles = {};  // row by row; empty where none has ever rested
-  double strictness = 1;         // factor of the samples that tiles are said to need: see RestTiles
-  bool interrupted = false;      // a pass was cut short
+  double strictness = 1;              // factor of the samples that tiles are said to need: see RestTiles
+  bool interrupted = false;           // a pass was cut short
   // The pass that some pixels have already, where a frame goes on that another process has begun: it leaves
   // those out.
   std::optional<std::uint32_t> resumed = std::nullopt;
@@ -58,8 +59,9 @@ bool Rests(const FrameState& state, std::int32_t x, std::int32_t y, std::uint32_
 // The AOV as it is shown and written: sums are divided so that each pixel has the brightness of the finished
 // frame, by the samples that it has, or by making up for shares that were never taken. Means, light paths
 // (which the photons have drawn before the first pass) and pixels with all of their shares stay as they are,
-// to the bit. Of half sets that are kept apart it is the mean of both, whatever the samples of each: were they
-// weighed by their numbers, which go by what the other half has found, bright accidents would count less.
+// to the bit. Of half sets that are kept apart it is the mean of both, whatever the samples of each: were
+// they weighed by their numbers, which go by what the other half has found, bright accidents would count
+// less.
 ImageBuffer FinishedPicture(const Aov& aov, const FrameState& state);
 // Whether the AOV's own buffer is that picture already.
 bool IsFinished(const Aov& aov, const FrameState& state);

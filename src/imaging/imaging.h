@@ -159,10 +159,11 @@ struct Aov {
   std::uint32_t lastType = 0;  // of scene text, alone; 0 without one, and where a host has chosen the channel
   bool ofLight = false;        // owned by one: light whatever the channel
   bool mean = false;           // of the samples so far, not a sum of their shares
-  // Where half sets are kept apart (settings.said.halfSets) one more that holds the odd passes; `image` has the
-  // even ones then. In format 1 the beauty image alone has it, and `image` holds all passes.
+  // Where half sets are kept apart (settings.said.halfSets) one more that holds the odd passes; `image` has
+  // the even ones then. In format 1 the beauty image alone has it, and `image` holds all passes.
   std::vector<Aov> odd;
-  std::vector<Aov> squares;  // of the beauty image in format 2: means of the squares of even and of odd samples
+  std::vector<Aov>
+      squares;  // of the beauty image in format 2: means of the squares of even and of odd samples
 };
 
 // What a camera's AOV records by the types of scene text: in format 1 the bits of all of them and beauty's,
@@ -249,8 +250,8 @@ void FinalizeCameras();
 CameraPose CameraAtTime(const Camera& camera, float time);
 // The instant that all rays of a pass see: the pass number stratifies the shutter.
 float TimeOfPass(const Camera& camera, std::uint32_t pass);
-// Fills a fresh ray for pass `sample` through pixel (x, y), except its thread and pixel slot: the caller sets ray.thread
-// before. An unknown projection leaves origin and direction as they were.
+// Fills a fresh ray for pass `sample` through pixel (x, y), except its thread and pixel slot: the caller sets
+// ray.thread before. An unknown projection leaves origin and direction as they were.
 //   pose  of the camera, at the pass's time
 void MakePrimaryRay(const Camera& camera, const CameraPose& pose, RayRecord& ray, int x, int y,
                     std::uint32_t sample);

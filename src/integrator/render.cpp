@@ -115,8 +115,8 @@ class PixelSums {
   std::vector<Vec3> kept_;
 };
 
-// The AOVs that samples add to, of the camera's size as those are that can be written to, be they of a half set
-// or not.
+// The AOVs that samples add to, of the camera's size as those are that can be written to, be they of a half
+// set or not.
 std::vector<Aov*> SummingAovs(Camera& camera) {
   std::vector<Aov*> aovs;
   const std::size_t pixels = static_cast<std::size_t>(std::max(camera.width, 0)) *

@@ -156,7 +156,12 @@ std::string HeaderOf(const Checkpoint& checkpoint) {
                        {"seconds", checkpoint.seconds},
                        {"files", files},
                        {"aovs", aovs},
-                       {"state", {{"planned", state.planned}, {"left", state.left}, {"right", state.right}, {"tiles", state.tiles.size()}, {"strictness", state.strictness}}}};
+                       {"state",
+                        {{"planned", state.planned},
+                         {"left", state.left},
+                         {"right", state.right},
+                         {"tiles", state.tiles.size()},
+                         {"strictness", state.strictness}}}};
   return header.dump();
 }
 
@@ -190,7 +195,8 @@ bool TakeBody(Unpacker& unpacker, Checkpoint& checkpoint) {
   std::size_t tiles = 0;
   TakeHeader(Json::parse(text.begin(), text.end()), checkpoint, tiles, floats);
   const auto rows = static_cast<std::size_t>(std::max(checkpoint.plan.height, 0));
-  if (!unpacker.Take(checkpoint.state.rows, rows) || !unpacker.Take(checkpoint.state.tiles, tiles)) return false;
+  if (!unpacker.Take(checkpoint.state.rows, rows) || !unpacker.Take(checkpoint.state.tiles, tiles))
+    return false;
   for (std::size_t i = 0; i < floats.size(); ++i)
     if (!unpacker.Take(checkpoint.aovs[i].pixels, floats[i])) return false;
   return unpacker.EndsHere();

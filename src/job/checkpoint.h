@@ -2,8 +2,8 @@
 //
 // The file: a line that names it, the version as four bytes, the lowest first, and a zstd stream with a
 // checksum of its own. In the stream: the size of a JSON text as eight bytes, that text, for each row of the
-// picture its whole passes and the column where a begun one was cut short (four bytes each), for each tile its
-// rests (two bytes each number), and the sums of each AOV as 32-bit floats, row by row from the top.
+// picture its whole passes and the column where a begun one was cut short (four bytes each), for each tile
+// its rests (two bytes each number), and the sums of each AOV as 32-bit floats, row by row from the top.
 
 #pragma once
 

@@ -12,10 +12,10 @@
 namespace zp {
 
 struct KeepOptions {
-  double saveEvery = 0;        // seconds between two saves of all images, and of the checkpoint; 0: none
-  std::string checkpoint;      // file; empty: none
+  double saveEvery = 0;         // seconds between two saves of all images, and of the checkpoint; 0: none
+  std::string checkpoint;       // file; empty: none
   std::optional<double> noise;  // relative error (imaging/frame_noise.h) that ends the frame
-  std::optional<double> time;  // seconds that the frame may take, those before a resume included
+  std::optional<double> time;   // seconds that the frame may take, those before a resume included
 };
 
 // To be told what frameObserver is told.
