@@ -353,7 +353,7 @@ TEST(FrameState, TilesRestByTheOtherHalfSet) {
   FrameState state = {.left = 0, .right = 80, .rows = {{16, 0}}, .tilesAcross = 5};
   FrameNoise noise;
   noise.tiles.assign(5, {.squares = 1, .ofSample = {0.1, 0.1}, .promised = 1, .pixels = 16});
-  noise.tiles[0].ofSample[0] = 1;
+  noise.tiles[0].ofSample[0] = 8;
   noise.error = 0.2;
   const auto rests = [&](double error) {
     RestTiles(noise, error, 16, state);
@@ -362,11 +362,14 @@ TEST(FrameState, TilesRestByTheOtherHalfSet) {
       for (const TileRest& rest : tile) text += rest.from == 8 ? 'r' : 'a';
     return text;
   };
-  EXPECT_EQ(rests(0.2), "rarrrrrrrr");
-  noise.tiles[0].ofSample[0] = 8;
   EXPECT_EQ(rests(0.2), "rararrrrrr") << "the neighbour has a quarter of it";
+  noise.tiles[0].ofSample[0] = 1;
+  EXPECT_EQ(rests(0.2), "rarrrrrrrr");
   noise.tiles[0].ofSample[0] = 0.1;
   EXPECT_EQ(rests(0.2), "rrrrrrrrrr");
+  noise.tiles[0].ofSample[0] = 8;
+  EXPECT_EQ(rests(0.2), "rrrrrrrrrr") << "what rests does so";
+  noise.tiles[0].ofSample[0] = 0.1;
   EXPECT_EQ(rests(0.19), "aaaaaaaaaa") << "all rest, and the whole has too much";
 }
 

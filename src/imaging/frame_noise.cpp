@@ -130,28 +130,30 @@ double CautiousNoise(const FrameNoise& noise, std::int32_t tile, std::int32_t ac
   return most;
 }
 
-void Rest(TileRest& rest, bool enough, std::uint32_t passes) {
-  const bool rests = rest.from != TileRest::kAwake;
-  if (enough == rests) return;
-  if (rests) rest.missed = static_cast<std::uint16_t>(rest.missed + (passes - rest.from));
-  rest.from = enough ? static_cast<std::uint16_t>(passes) : TileRest::kAwake;
+void Rest(TileRest& rest, bool rests, std::uint32_t passes) {
+  if (rests == (rest.from != TileRest::kAwake)) return;
+  if (!rests) rest.missed = static_cast<std::uint16_t>(rest.missed + (passes - rest.from));
+  rest.from = rests ? static_cast<std::uint16_t>(passes) : TileRest::kAwake;
 }
 
-// How many of them, each with two half sets, are left awake.
-std::int32_t RestEach(const FrameNoise& noise, double error, std::uint32_t passes, FrameState& state) {
+// Lets tiles rest where the samples of a half set bring the variance of its mean down to `target`. How many
+// half sets of tiles are left awake.
+std::int32_t RestEach(const FrameNoise& noise, double target, std::uint32_t passes, FrameState& state) {
+  const bool mayWake = target < state.target;
+  state.target = target;
   std::int32_t awake = 0;
   for (std::int32_t i = 0; i < static_cast<std::int32_t>(noise.tiles.size()); ++i) {
     if (At(noise.tiles, i).pixels == 0) continue;
     const double ratio = RatioAround(noise, i, state.tilesAcross);
     for (std::uint32_t half = 0; half < 2; ++half) {
-      // The mean of both has half the variance of one.
       TileRest& rest = At(state.tiles, i)[half];
       const std::uint32_t gone = (passes + 1 - half) / 2;
       const double samples = std::min(gone, std::uint32_t{rest.from}) - rest.missed;
-      const double noiseOfOther = ratio * CautiousNoise(noise, i, state.tilesAcross, 1 - half);
-      const bool enough = error > 0 && samples * 2 * Square(error) >= state.strictness * noiseOfOther;
-      Rest(rest, enough, gone);
-      awake += enough ? 0 : 1;
+      const double variance = ratio * CautiousNoise(noise, i, state.tilesAcross, 1 - half);
+      const bool stays = rest.from != TileRest::kAwake && !mayWake;
+      const bool rests = stays || (target > 0 && variance <= samples * target);
+      Rest(rest, rests, gone);
+      awake += rests ? 0 : 1;
     }
   }
   return awake;
@@ -194,7 +196,9 @@ bool IsMeasured(std::uint32_t passes) {
 void RestTiles(const FrameNoise& noise, double error, std::uint32_t passes, FrameState& state) {
   constexpr double kStep = 1.1;
   state.tiles.resize(noise.tiles.size());
-  while (RestEach(noise, error, passes, state) == 0 && error > 0 && noise.error > error)
+  // The mean of both half sets has half the variance of one.
+  const auto target = [&] { return 2 * Square(error) / state.strictness; };
+  while (RestEach(noise, target(), passes, state) == 0 && error > 0 && noise.error > error)
     state.strictness *= std::max(kStep, Square(noise.error / error));
 }
 

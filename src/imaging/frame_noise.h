@@ -39,8 +39,10 @@ FrameNoise MeasureNoise(const Aov& beauty, const FrameState& state);
 // The passes behind which noise is measured: from 16 on even ones, ever fewer.
 bool IsMeasured(std::uint32_t passes);
 
-// Lets the tiles of format 2 rest that have samples enough for `error`, and wakes those that have not. Where
-// all would rest and the picture still has more than that, all are asked for more.
+// Lets the tiles of format 2 rest that have samples enough for `error`. What rests does so whatever the other
+// half set finds later, since how long that goes on is the resting one's say; it wakes where less error is
+// asked for than before, as in a frame that is resumed, and where all rest and the picture still has too much
+// of it.
 //   passes  that the frame has gone through
 void RestTiles(const FrameNoise& noise, double error, std::uint32_t passes, FrameState& state);
 

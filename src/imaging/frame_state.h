@@ -39,6 +39,7 @@ struct FrameState {
   std::int32_t tilesAcross = 0;
   std::vector<TileRests> tiles = {};  // row by row; empty where none has ever rested
   double strictness = 1;              // factor of the samples that tiles are said to need: see RestTiles
+  double target = 0;                  // what they have last been asked for; 0: never
   bool interrupted = false;           // a pass was cut short
   // The pass that some pixels have already, where a frame goes on that another process has begun: it leaves
   // those out.

@@ -161,7 +161,8 @@ std::string HeaderOf(const Checkpoint& checkpoint) {
                          {"left", state.left},
                          {"right", state.right},
                          {"tiles", state.tiles.size()},
-                         {"strictness", state.strictness}}}};
+                         {"strictness", state.strictness},
+                         {"target", state.target}}}};
   return header.dump();
 }
 
@@ -184,6 +185,7 @@ void TakeHeader(const Json& header, Checkpoint& checkpoint, std::size_t& tiles,
   checkpoint.state.left = header.at("state").at("left");
   checkpoint.state.right = header.at("state").at("right");
   checkpoint.state.strictness = header.at("state").at("strictness");
+  checkpoint.state.target = header.at("state").at("target");
   tiles = header.at("state").at("tiles");
 }
 
