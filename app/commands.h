@@ -60,6 +60,7 @@ struct RenderOptions {
   std::optional<Passes> passes;  // those of a part of the frame; it has no images but with `output`
   bool varyPhotons = false;      // parts cast photons of their own
   std::string report;            // JSON file that tells what became of the run; empty: none
+  std::optional<double> noise;   // relative error that ends the frame; 0 never
 };
 int RunRender(const RenderOptions& options);
 

@@ -117,6 +117,16 @@ void AddKeeping(CLI::App& render, RenderOptions& options) {
   AddDuration(render, "--time", "End the frame behind the pass that is nearest to this time",
               [&options](double seconds) { options.time = seconds; });
   render
+      .add_option("--noise", options.noise,
+                  "End the frame at this relative error, such as 0.02; in format 2 what has it rests before")
+      ->type_name("E")
+      ->check([](const std::string& text) {
+        double error = 0;
+        return std::string(CLI::detail::lexical_cast(text, error) && std::isfinite(error) && error >= 0
+                               ? ""
+                               : "'" + text + "' is no number from 0 on");
+      });
+  render
       .add_option("--checkpoint", options.checkpoint,
                   "Keep what is rendered in this file, from which --resume goes on")
       ->type_name("FILE")

@@ -199,21 +199,26 @@ int RenderFrame(const RenderOptions& options, std::vector<SceneFile> files, Chec
       return Fail("cannot resume from '" + options.resume + "': " + reason);
     base.seconds = resumed->seconds;
   }
+  const bool resumesWhole = resumed != nullptr && !HasBegunPass(frameState, resumed->passes);
   base.options = KeptOptions(options);
   base.files = std::move(files);
   constexpr double kSaveEvery = 60;
   const std::uint32_t first = resumed != nullptr ? resumed->passes : 0;
   BeginFrame(base.plan, first);
   BeginPageFrame();
-  FrameKeeper keeper({options.saveEvery.value_or(kSaveEvery), options.checkpoint, options.time},
-                     std::move(base));
+  FrameKeeper keeper(
+      {options.saveEvery.value_or(kSaveEvery), options.checkpoint, options.noise, options.time},
+      std::move(base));
+  const auto standing = [&] {
+    return FrameStanding{keeper.Seconds(), keeper.Error(), options.time, options.noise};
+  };
   frameObserver.passDone = [&](const FrameReport& report) {
-    TellFrame(report, keeper.Seconds(), options.time);
     keeper.PassDone(report);
+    TellFrame(report, standing());
     PagePassDone();
   };
   frameObserver.rowsDone = [&](const FrameReport& report) {
-    TellFrame(report, keeper.Seconds(), options.time);
+    TellFrame(report, standing());
     keeper.RowsDone();
     PageRowsDone();
   };
@@ -221,10 +226,11 @@ int RenderFrame(const RenderOptions& options, std::vector<SceneFile> files, Chec
     keeper.Paused();
     PagePaused();
   };
-  frameObserver.finish = first > 0 && !keeper.HasTimeLeft();
+  frameObserver.finish =
+      first > 0 && (!keeper.HasTimeLeft() || (resumesWhole && keeper.HasReachedNoise(first)));
   RenderLoop(first);
   frameObserver = {};
-  EndFrame(keeper.Seconds());
+  EndFrame(standing());
   EndPageFrame();
   if (Stopping() && CountSamples(frameState) > 0) keeper.SaveCheckpoint();
   if (keeper.CheckpointTrouble().empty()) return kExitDone;
@@ -349,7 +355,8 @@ int RunRender(const RenderOptions& given) {
   if (const std::string reason = ChooseShare(options, resumes ? &resumed : nullptr); !reason.empty())
     return Fail(reason, kExitUsage);
   if ((!options.checkpoint.empty() || !options.report.empty()) && !options.seed) options.seed = DrawSeed();
-  if (options.time && !options.sample && !options.passes) options.sample = kMostSamples;
+  if ((options.time || options.noise) && !options.sample && !options.passes) options.sample = kMostSamples;
+  settings.said.halfSets = options.noise.has_value();
   std::error_code error;
   if (!std::filesystem::is_directory(options.scene, error))
     return Fail("there is no scene folder '" + options.scene + "'");

@@ -26,6 +26,7 @@ void VisitKept(Options& options, const Visit& visit) {
   visit("seed", options.seed);
   visit("format", options.format);
   visit("time", options.time);
+  visit("noise", options.noise);
   visit("save-every", options.saveEvery);
 }
 
@@ -78,6 +79,7 @@ std::string ChooseShare(const RenderOptions& options, const Checkpoint* resumed)
   frameShare = {};
   if (resumed != nullptr) frameShare.photons = static_cast<std::uint32_t>(resumed->plan.photons);
   if (!options.passes) return options.varyPhotons ? "--vary-photons is for parts: --passes is missing" : "";
+  if (options.noise) return "--passes and --noise cannot go together: no part knows the others' noise";
   if (options.checkpoint.empty()) return "--passes renders a part into a file: --checkpoint is missing";
   if (!options.seed) return "--passes needs a --seed, which all parts share";
   if (options.sample && options.passes->end > *options.sample)

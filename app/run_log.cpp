@@ -106,13 +106,14 @@ std::string ClockText(double seconds) {
 }
 
 void ShowLine(RunLog& log, const RunProgress& progress) {
-  char begun[32] = "", text[192];
+  char begun[32] = "", error[48] = "", text[240];
   if (progress.begun > 0) std::snprintf(begun, sizeof begun, " and %.0f %%", 100 * progress.begun);
-  const int length =
-      std::snprintf(text, sizeof text, "pass %llu of %llu%s   %.2f M rays/s   elapsed %s   remaining %s",
-                    static_cast<unsigned long long>(progress.done),
-                    static_cast<unsigned long long>(progress.total), begun, 1e-6 * progress.raysPerSecond,
-                    ClockText(progress.elapsed).c_str(), ClockText(progress.remaining.value_or(0)).c_str());
+  if (progress.error) std::snprintf(error, sizeof error, "   error %.3g", *progress.error);
+  const int length = std::snprintf(
+      text, sizeof text, "pass %llu of %llu%s%s   %.2f M rays/s   elapsed %s   remaining %s",
+      static_cast<unsigned long long>(progress.done), static_cast<unsigned long long>(progress.total), begun,
+      error, 1e-6 * progress.raysPerSecond, ClockText(progress.elapsed).c_str(),
+      ClockText(progress.remaining.value_or(0)).c_str());
   if (length <= 0) return;
   // Blanks wipe what a longer line left behind.
   std::fprintf(stderr, "\r%-*s", log.lineWidth, text);
@@ -235,25 +236,27 @@ void BeginFrame(const FramePlan& plan, std::uint32_t first) {
   Show(log, log.meter.Take(FrameReport{first, passes.end - passes.begin}, {}));
 }
 
-void TellFrame(const FrameReport& report, double seconds, std::optional<double> limit) {
+void TellFrame(const FrameReport& report, const FrameStanding& standing) {
   RunLog& log = Log();
   const std::lock_guard lock(log.mutex);
   FrameRecord& frame = log.record.frames.back();
-  frame.seconds = seconds;
+  frame.seconds = standing.seconds;
+  frame.error = standing.error;
   if (report.begun == 0) {  // behind a pass
     frame.passes = report.done;
     frame.rays += report.rays;
     frame.faults = frameFaults;
   }
-  Show(log, log.meter.Take(report, limit ? std::optional(*limit - seconds) : std::nullopt));
+  Show(log, log.meter.Take(report, standing));
 }
 
-void EndFrame(double seconds) {
+void EndFrame(const FrameStanding& standing) {
   RunLog& log = Log();
   const std::lock_guard lock(log.mutex);
   EndLine(log);
   FrameRecord& frame = log.record.frames.back();
-  frame.seconds = seconds;
+  frame.seconds = standing.seconds;
+  frame.error = standing.error;
   frame.faults = frameFaults;
   // Of the pass that a stop has cut short.
   if (frameState.interrupted) frame.rays += settings.frame.rendererRays + settings.frame.shadowRays;

@@ -32,11 +32,9 @@ void Say(const Message& message);
 // Tells it where lines are JSON, and in the report.
 void Note(const Message& message);
 // A frame that is initialised, of which `first` passes are rendered already; how far it has come; its end.
-//   seconds  that it has taken
-//   limit    seconds that it may take, whatever its passes; none without
 void BeginFrame(const FramePlan& plan, std::uint32_t first);
-void TellFrame(const FrameReport& report, double seconds, std::optional<double> limit);
-void EndFrame(double seconds);
+void TellFrame(const FrameReport& report, const FrameStanding& standing);
+void EndFrame(const FrameStanding& standing);
 
 // Calls with the record, which nobody else has meanwhile.
 void WithRecord(const std::function<void(RunRecord&)>& call);

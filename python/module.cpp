@@ -48,7 +48,8 @@ void DefineEnums(py::module_& m) {
                        {"TANGENT", kZpTangent},
                        {"POSITION", kZpPosition},
                        {"DEPTH", kZpDepth},
-                       {"USER_DATA", kZpUserData}});
+                       {"USER_DATA", kZpUserData},
+                       {"SAMPLES", kZpSamples}});
   DefineEnum<Projection>(m, "IntEnum", "Projection", "How a camera sees.",
                          {{"PERSPECTIVE", Projection::kPerspective}, {"SPHERICAL", Projection::kSpherical}});
   DefineEnum<Element>(m, "IntEnum", "Element",

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "accel/accel.h"
+#include "imaging/frame_state.h"
 #include "render_fixture.h"
 
 namespace zp {
@@ -382,7 +383,7 @@ TEST_F(DirectLight, ManyLightsArePickedFrom) {
         const auto& aov =
             parallel ? parallelLights[i == 0 ? 4 : 17].aovs[0] : lights[i == 0 ? 4 : 17].aovs[0];
         double sum = 0;
-        for (const float pixel : aov.image.floatPixels) sum += static_cast<double>(pixel);
+        for (const float pixel : FinishedPicture(aov, frameState).floatPixels) sum += static_cast<double>(pixel);
         byLight[format - 1][i] = sum;
       }
     }

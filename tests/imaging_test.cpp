@@ -25,6 +25,7 @@
 #include "core/settings.h"
 #include "core/stop.h"
 #include "core/tables.h"
+#include "imaging/frame_noise.h"
 #include "imaging/frame_state.h"
 #include "surroundings.h"
 
@@ -315,6 +316,61 @@ TEST_F(ImageFiles, FormatTwoShowsLightToTheEye) {
   EXPECT_FALSE(fs::exists(Path("idle.png")));
   settings.format = 1;
   frameState = {};
+}
+
+// Three tiles: one awake, one whose half sets rest from the third pass on and have come back once, one cut.
+TEST(FrameState, CountsWhatTilesAndHalfSetsHave) {
+  FrameState state = {.left = 0, .right = 48, .rows = {{9, 20}}, .tilesAcross = 3};
+  state.tiles = {{}, {TileRest{3, 1}, TileRest{}}, {}};
+  const auto samples = [&](int x) {
+    return std::array{SamplesOf(state, x, 0, 0), SamplesOf(state, x, 0, 1)};
+  };
+  EXPECT_EQ(samples(0), (std::array{5U, 5U}));
+  EXPECT_EQ(samples(16), (std::array{2U, 5U}));
+  EXPECT_EQ(samples(30), (std::array{2U, 4U}));
+  EXPECT_EQ(samples(47), (std::array{5U, 4U}));
+  EXPECT_EQ(samples(48), (std::array{0U, 0U}));
+  EXPECT_EQ(CountSamples(state), 16U * 10 + 4 * 7 + 12 * 6 + 16 * 9);
+  EXPECT_TRUE(Rests(state, 16, 0, 6) && !Rests(state, 16, 0, 4) && !Rests(state, 16, 0, 7));
+
+  settings.format = 2;
+  settings.said.halfSets = true;
+  Aov aov;
+  aov.channel = kChannelEmissive;
+  InitializeAov(aov, 48, 1);
+  WritePixel(aov.image, 6 * kWhite, 16);
+  WritePixel(aov.odd[0].image, 5 * kWhite, 16);
+  EXPECT_EQ(ReadPixel(FinishedPicture(aov, state), 16), 2.0f * kWhite) << "each half set counts alike";
+  aov.channel = kChannelSamples;
+  EXPECT_EQ(ReadPixel(FinishedPicture(aov, state), 16), 7.0f * kWhite);
+  settings.said.halfSets = false;
+  settings.format = 1;
+}
+
+// A noisy half set makes the other one go on, quiet ones rest, neighbours of noise with caution, until there
+// is too much of it on the whole.
+TEST(FrameState, TilesRestByTheOtherHalfSet) {
+  FrameState state = {.left = 0, .right = 80, .rows = {{16, 0}}, .tilesAcross = 5};
+  FrameNoise noise;
+  noise.tiles.assign(5, {.squares = 1, .ofSample = {0.1, 0.1}, .promised = 1, .pixels = 16});
+  noise.tiles[0].ofSample[0] = 8;
+  noise.error = 0.2;
+  const auto rests = [&](double error) {
+    RestTiles(noise, error, 16, state);
+    std::string text;
+    for (const TileRests& tile : state.tiles)
+      for (const TileRest& rest : tile) text += rest.from == 8 ? 'r' : 'a';
+    return text;
+  };
+  EXPECT_EQ(rests(0.2), "rararrrrrr") << "the neighbour has a quarter of it";
+  noise.tiles[0].ofSample[0] = 1;
+  EXPECT_EQ(rests(0.2), "rarrrrrrrr");
+  noise.tiles[0].ofSample[0] = 0.1;
+  EXPECT_EQ(rests(0.2), "rrrrrrrrrr");
+  noise.tiles[0].ofSample[0] = 8;
+  EXPECT_EQ(rests(0.2), "rrrrrrrrrr") << "what rests does so";
+  noise.tiles[0].ofSample[0] = 0.1;
+  EXPECT_EQ(rests(0.19), "aaaaaaaaaa") << "all rest, and the whole has too much";
 }
 
 TEST_F(ImageFiles, EveryDepthIsWritten) {

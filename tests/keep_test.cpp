@@ -16,11 +16,14 @@ namespace fs = std::filesystem;
 class Keeping : public ProgramTest {
  protected:
   static constexpr char kPasses[] = "300";
-  const std::vector<std::string> images = {"a.pfm", "depth.pfm", "sky.pfm"};
+  const std::vector<std::string> images = {"a.pfm", "depth.pfm", "sky.pfm", "samples.pfm"};
 
   void SetUp() override {
     ProgramTest::SetUp();
-    WriteScene("resolution 64 32\naov\nimage \"depth.pfm\"\ntype \"depth\"\nend\n", true);
+    WriteScene(
+        "resolution 64 32\naov\nimage \"depth.pfm\"\ntype \"depth\"\nend\n"
+        "aov\nimage \"samples.pfm\"\ntype \"samples\"\nend\n",
+        true);
     WriteFile(root / "scene/light/b.zp", "sky_light\ncolor 1 1 1\naov\nimage \"sky.pfm\"\nend\nend\n");
   }
 
@@ -38,9 +41,12 @@ class Keeping : public ProgramTest {
 // Killed at once or told to stop, early or late, a frame is its checkpoint's, and ends as if nothing had
 // been.
 TEST_F(Keeping, ResumedFramesAreThoseOfOneRun) {
-  for (const char* format : {"1", "2"}) {
+  for (const std::string format : {"1", "2", "2 --noise 0.004"}) {
     ASSERT_EQ(Run(Begin(format)).status, 0);
     const std::vector<std::string> whole = Pictures();
+    const std::string counts = whole.back().substr(whole.back().size() - 64 * 32 * 12);
+    const bool rested = counts != std::string(counts, 0, 12) + counts.substr(0, counts.size() - 12);
+    EXPECT_EQ(rested, format.size() > 1) << "tiles have passes of their own";
     for (const std::string& image : images) fs::remove(work / image);
     std::string arguments = Begin(format) + " --checkpoint c.zpc";
     for (const int signal : {SIGKILL, SIGTERM, SIGINT}) {
@@ -73,6 +79,7 @@ TEST_F(Keeping, WhatWouldChangePassesIsRefusedByName) {
     };
     expectRefusal("--seed 6", "--seed is not");
     expectRefusal("--resolution 64x33", "--resolution is not");
+    expectRefusal("--noise 0.1", "--noise is not");
     expectRefusal("--region 0,0,4,4", "--region is not");
     expectRefusal(format == "1" ? "--format 2" : "--format 1", "--format is not");
     if (format == "1")
@@ -106,6 +113,8 @@ TEST_F(Keeping, WhatWouldChangePassesIsRefusedByName) {
   EXPECT_EQ(Run("render ../scene --checkpoint missing/c.zpc --quiet").status, 1);
   for (const char* time : {"", "x", "1m1h", "5 s", "-1", "1h5"})
     EXPECT_EQ(Run("render ../scene --time '" + std::string(time) + "'").status, 2) << time;
+  for (const char* noise : {"x", "-0.1", "nan"})
+    EXPECT_EQ(Run("render ../scene --noise " + std::string(noise)).status, 2) << noise;
 }
 
 // Merged in any order, or by twos, parts are the frame, but for the rounding of its sums; a merge of its

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "core/random.h"
+#include "core/settings.h"
 
 namespace zp {
 namespace {
@@ -49,6 +50,23 @@ TEST_F(SamplePoints, EachPixelTakesNets) {
             points.push_back(PointAt(PointSourceOf(x, 11, 0), decision, first + i));
           ASSERT_EQ(MostInAny(m, points), 1) << x << " " << decision << " " << m;
         }
+}
+
+// Each half set takes nets of its own, which know nothing of the other's.
+TEST_F(SamplePoints, HalfSetsAreApart) {
+  settings.said.halfSets = true;
+  for (int x = 0; x < 40; ++x)
+    for (const std::uint32_t half : {0U, 1U}) {
+      std::vector<PointBits> points;
+      for (std::uint32_t i = 0; i < 16; ++i) {
+        PointSource source = PointSourceOf(x, 11, 2 * i + half);
+        points.push_back(PointAt(source, 3, source.number));
+      }
+      EXPECT_EQ(MostInAny(4, points), 1);
+    }
+  EXPECT_NE(PointSourceOf(3, 4, 0).key, PointSourceOf(3, 4, 1).key);
+  EXPECT_NE(ShutterInstant(0), ShutterInstant(1));
+  settings.said.halfSets = false;
 }
 
 // The points of 2^n neighbours: of one sample each a net; of several each coordinate is, and both nearly.

@@ -28,6 +28,7 @@ class Channel(enum.IntFlag):
     POSITION = 8192
     DEPTH = 16384
     USER_DATA = 32768
+    SAMPLES = 65536
 
 class Projection(enum.IntEnum):
     PERSPECTIVE = 0

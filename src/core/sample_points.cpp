@@ -1,6 +1,7 @@
 #include "core/sample_points.h"
 
 #include "core/random.h"
+#include "core/settings.h"
 
 namespace zp {
 namespace {
@@ -8,6 +9,12 @@ namespace {
 std::uint32_t seedKey = 0;
 
 constexpr std::uint32_t kShutter = 0x5a7e7e11U, kPhotons = 0x70407025U;  // beside the columns of tiles
+constexpr std::uint32_t kOddPasses = 0x3c6ef372U;
+
+// Of all points of a pass that half sets are kept apart by.
+std::uint32_t KeyOfPass(std::uint32_t pass) {
+  return settings.said.halfSets && HalfOfPass(pass) != 0 ? MixKeys(seedKey, kOddPasses) : seedKey;
+}
 
 // Bit r of column c of Pascal's triangle, turned to stand on its edge, is the parity of (r over c); of the
 // square that its diagonals make, of (r + c over c). By Lucas' theorem these are comparisons of bits.
@@ -71,9 +78,12 @@ void StartSamplePoints() {
                  : RandomBits();
 }
 
-PointSource PointSourceOf(int x, int y, std::uint32_t number) {
+std::uint32_t NumberOfPass(std::uint32_t pass) { return settings.said.halfSets ? pass / 2 : pass; }
+
+PointSource PointSourceOf(int x, int y, std::uint32_t pass) {
   const auto column = static_cast<std::uint32_t>(x), row = static_cast<std::uint32_t>(y);
-  PointSource source = Start(MixKeys(seedKey ^ column / kPointTile << 16U, row / kPointTile), number);
+  PointSource source =
+      Start(MixKeys(KeyOfPass(pass) ^ column / kPointTile << 16U, row / kPointTile), NumberOfPass(pass));
   source.place = PlaceOf(column, row);
   return source;
 }
@@ -81,9 +91,11 @@ PointSource PointSourceOf(int x, int y, std::uint32_t number) {
 PointSource PhotonPoints(std::uint32_t number) { return Start(MixKeys(seedKey, kPhotons), number); }
 
 float ShutterInstant(std::uint32_t pass) {
-  const std::uint32_t key = MixKeys(seedKey, kShutter);
-  const std::uint32_t middle = points::Permute(0, key) ^ 1U;  // shifts the first pass there
-  return UnitFloat(points::Mirror(points::Permute(pass, key) ^ middle));
+  const std::uint32_t key = MixKeys(KeyOfPass(pass), kShutter);
+  // Shifts the first pass there; not that of another half set, which would not tell of what both miss.
+  const bool first = !settings.said.halfSets || HalfOfPass(pass) == 0;
+  const std::uint32_t middle = first ? points::Permute(0, key) ^ 1U : 0;
+  return UnitFloat(points::Mirror(points::Permute(NumberOfPass(pass), key) ^ middle));
 }
 
 }  // namespace zp

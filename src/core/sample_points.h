@@ -50,6 +50,13 @@ inline std::uint32_t MixKeys(std::uint32_t a, std::uint32_t b) {
   return static_cast<std::uint32_t>(x >> 32U);
 }
 
+// The half set that a pass belongs to, where such are kept apart (settings.said.halfSets): even passes are
+// one and odd passes the other. Each has scramblings of its own, without which the two would share out the
+// strata of one sequence, and neither be a picture by itself.
+inline std::uint32_t HalfOfPass(std::uint32_t pass) { return pass & 1U; }
+// The number of a pass in its sequence.
+std::uint32_t NumberOfPass(std::uint32_t pass);
+
 // What the points of a ray come from.
 struct PointSource {
   std::uint32_t key = 0;       // of the tile, and of the way that the path has taken
@@ -59,7 +66,7 @@ struct PointSource {
   std::uint8_t place = 0;      // in the tile: bits in Z order, the last one first
   bool second = false;         // at the second hit of the two that share an order
 };
-PointSource PointSourceOf(int x, int y, std::uint32_t number);
+PointSource PointSourceOf(int x, int y, std::uint32_t pass);
 PointSource PhotonPoints(std::uint32_t number);  // which have no pixel
 
 namespace points {

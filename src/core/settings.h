@@ -22,7 +22,8 @@ struct SaidSettings {
   float exposure = 0;                              // Intended: stored, without effect
   float displayGamma = 2.2f;                       // Intended: likewise
   std::int32_t rendererBounce = 1;  // diffuse bounces before paths stop or the density cells answer
-  bool linearFiles = false;         // files of 8 bits keep linear numbers in format 2 too
+  bool halfSets = false;     // even and odd passes are kept apart, in format 2 with points of their own
+  bool linearFiles = false;  // files of 8 bits keep linear numbers in format 2 too
   bool previewWindow = false;
   bool previewReturns = false;  // a closed window ends the render loop and not the process
   // Of earlier runs: they hold in format 1 where this run says nothing.

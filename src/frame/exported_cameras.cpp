@@ -24,6 +24,7 @@ static_assert(Agree(kZpTangent, zp::kChannelTangent));
 static_assert(Agree(kZpPosition, zp::kChannelPosition));
 static_assert(Agree(kZpDepth, zp::kChannelDepth));
 static_assert(Agree(kZpUserData, zp::kChannelUserData));
+static_assert(Agree(kZpSamples, zp::kChannelSamples));
 static_assert(Agree(Projection::kPerspective, zp::Projection::kPerspective));
 static_assert(Agree(Projection::kSpherical, zp::Projection::kSpherical));
 static_assert(sizeof(AngleMeasure) == 4);

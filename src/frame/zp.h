@@ -116,6 +116,7 @@ enum Channel : std::uint32_t {
   kZpPosition = 8192,         ///< Camera: position of the first hit, world space.
   kZpDepth = 16384,           ///< Camera: distance to the first hit, scene units, in all three components.
   kZpUserData = 32768,        ///< Camera: vertex data, see zpSetCameraAOVUserData().
+  kZpSamples = 65536,         ///< Camera: how many samples each pixel has, in all three components.
 };
 
 /// Intended: a type without enumerators. Angles are in degrees whatever it says.

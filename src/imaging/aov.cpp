@@ -27,6 +27,23 @@ std::array<double, 3> ExposureOf(const Aov& aov) {
   return {static_cast<double>(exposure.x), static_cast<double>(exposure.y), static_cast<double>(exposure.z)};
 }
 
+// Shares of a number of passes, as format 1 plans it, cannot be divided by that of another one.
+bool HasHalves(const Aov& aov) {
+  if (settings.format < 2) return aov.mean;
+  return aov.channel != kChannelLightPath && aov.channel != kChannelSamples;
+}
+
+// Another one that goes with it and is not written.
+void AddHidden(const Aov& aov, std::vector<Aov>& hidden) {
+  Aov& added = hidden.emplace_back();
+  added.channel = aov.channel;
+  added.ofLight = aov.ofLight;
+  added.mean = aov.mean;
+  added.width = aov.width;
+  added.height = aov.height;
+  Allocate(added.image, aov.width, aov.height, 3, 32, false);
+}
+
 }  // namespace
 
 ChannelKind KindOf(const Aov& aov) {
@@ -38,12 +55,18 @@ ChannelKind KindOf(const Aov& aov) {
 
 void SettleChannel(Aov& aov) {
   if (settings.format >= 2 && aov.lastType != 0) aov.channel = aov.lastType;
+  if (settings.format < 2 && aov.lastType == kChannelSamples) aov.lastType = kChannelUserData;
 }
 
 void InitializeAov(Aov& aov, int width, int height) {
   aov.width = width;
   aov.height = height;
   Allocate(aov.image, width, height, 3, 32, false);
+  aov.odd.clear();
+  aov.squares.clear();
+  if (!settings.said.halfSets || !HasHalves(aov)) return;
+  AddHidden(aov, aov.odd);
+  for (int half = 0; half < 2 && aov.mean && settings.format >= 2; ++half) AddHidden(aov, aov.squares);
 }
 
 void SaveAovs(const std::vector<Aov>& aovs) {

@@ -122,6 +122,8 @@ void AllocateAovs(Camera& camera) {
     camera.regionXMax = camera.regionYMax = 0;
     for (Aov& aov : camera.aovs) {
       Release(aov.image.floatPixels);
+      aov.odd.clear();
+      aov.squares.clear();
       aov.image.width = aov.image.height = 0;
     }
   }
@@ -129,7 +131,11 @@ void AllocateAovs(Camera& camera) {
 
 void PrintReport(const Camera& camera) {
   std::size_t bytes = 0;
-  for (const Aov& aov : camera.aovs) bytes += PixelBytes(aov.image);
+  for (const Aov& aov : camera.aovs) {
+    bytes += PixelBytes(aov.image);
+    for (const Aov& odd : aov.odd) bytes += PixelBytes(odd.image);
+    for (const Aov& squares : aov.squares) bytes += PixelBytes(squares.image);
+  }
   PrintIntegerRow("camera sensor width ", static_cast<std::uint64_t>(std::max(0, camera.width)), "pixels");
   PrintIntegerRow("camera sensor height", static_cast<std::uint64_t>(std::max(0, camera.height)), "pixels");
   PrintFloatRow("camera memory       ", static_cast<float>(bytes) * kMegabytesPerByte, "M bytes");
@@ -198,12 +204,13 @@ void MakePrimaryRay(const Camera& camera, const CameraPose& pose, RayRecord& ray
   ray.thread = thread;
   if (settings.format >= 2) {
     ray.points = PointSourceOf(x, y, sample);
-    ray.sampleNumber = sample;
+    ray.sampleNumber = ray.points.number;
+    ray.sampleWeight = 1;  // sums are divided when they are shown: nobody knows how many samples they get
   } else {
     ray.rotation = pixelRotationTable[y & 31][x & 31];
+    ray.sampleWeight = camera.sample;
   }
   ray.ior = camera.ior;
-  ray.sampleWeight = camera.sample;
   const Vec2 place = DrawPlaceInPixel(ray);
   const float column = static_cast<float>(x) + place.x;
   const float row = static_cast<float>(y) + place.y;

@@ -116,6 +116,7 @@ enum Channel : std::uint32_t {
   kChannelPosition = 8192,
   kChannelDepth = 16384,
   kChannelUserData = 32768,
+  kChannelSamples = 65536,  // of each pixel; sums hold nothing of it
 };
 
 // What a channel's numbers are: what a screen can show, with an exposure or without, or nothing of the kind.
@@ -142,8 +143,9 @@ inline constexpr ChannelWord kChannelWords[] = {
     {"tangent", kChannelTangent, ChannelKind::kNumber},
     {"position", kChannelPosition, ChannelKind::kNumber},
     {"depth", kChannelDepth, ChannelKind::kNumber},
+    {"samples", kChannelSamples, ChannelKind::kNumber},  // in format 1 a name of vertex data, as ever
 };
-static_assert(std::size(kChannelWords) == 14);
+static_assert(std::size(kChannelWords) == 15);
 
 // One output image.
 struct Aov {
@@ -157,6 +159,11 @@ struct Aov {
   std::uint32_t lastType = 0;  // of scene text, alone; 0 without one, and where a host has chosen the channel
   bool ofLight = false;        // owned by one: light whatever the channel
   bool mean = false;           // of the samples so far, not a sum of their shares
+  // Where half sets are kept apart (settings.said.halfSets) one more that holds the odd passes; `image` has
+  // the even ones then. In format 1 the beauty image alone has it, and `image` holds all passes.
+  std::vector<Aov> odd;
+  std::vector<Aov>
+      squares;  // of the beauty image in format 2: means of the squares of even and of odd samples
 };
 
 // What a camera's AOV records by the types of scene text: in format 1 the bits of all of them and beauty's,
@@ -164,7 +171,7 @@ struct Aov {
 void SettleChannel(Aov& aov);
 // Of the channel, where it is one alone; of a beauty image and of what lights record always light.
 ChannelKind KindOf(const Aov& aov);
-// Allocates the AOV's pixels: 3 channels of 32 bits, black.
+// Allocates the AOV's pixels, and those of its odd passes: 3 channels of 32 bits, black.
 void InitializeAov(Aov& aov, int width, int height);
 // Writes those that have a name and pixels, as finished pictures; one that cannot be written gets an error
 // row with the reason. Where all was stopped before the first sample, and in format 2 wherever none was

@@ -184,7 +184,7 @@ inline bool OnlyMeetsLight(const RayRecord& ray) {
 // Whether such rays are needed. Asked once, when lights and shaders are ready.
 bool SeeksLightByChance();
 
-// Adds to one pixel of an AOV; does nothing for a picture that was not allocated as floats.
+// Adds to one pixel of an AOV, or of its odd passes; does nothing for a picture that was not allocated as floats.
 void AddToAov(Aov& aov, std::size_t pixel, Vec3 value);
 
 }  // namespace zp

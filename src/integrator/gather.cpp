@@ -174,8 +174,8 @@ PassShare SharedByAllPasses(Vec3 color, std::int32_t budget) {
 PassShare CountedInEachPass(Vec3 color, std::int32_t budget) {
   PassShare share;
   share.count = GatherCount(color, budget, 1);
-  share.first =
-      static_cast<std::uint32_t>(settings.frame.samplePass) * static_cast<std::uint32_t>(share.count);
+  const std::uint32_t number = NumberOfPass(static_cast<std::uint32_t>(settings.frame.samplePass));
+  share.first = number * static_cast<std::uint32_t>(share.count);
   return share;
 }
 

@@ -95,7 +95,7 @@ struct FrameFaults {
 // Since RenderLoop began with a frame, of all passes but the one that runs.
 inline FrameFaults frameFaults;
 
-// Visits the AOVs of a camera and of all lights, always in the same order.
+// Visits the AOVs of a camera and of all lights, and those that go with them, always in the same order.
 void VisitFrameAovs(Camera& camera, const std::function<void(Aov&)>& visit);
 
 // Mean and variance of a float image. Intended: one second moment, of the largest channel, for all three.

@@ -277,8 +277,8 @@ void CastRange(std::int64_t first, std::int64_t end, int threads, CastProgress& 
 }
 
 // Casts `count` photons, whose sample numbers start at ordinal * count, or behind those of the other shares
-// of the frame; make(ray, number) starts one, and so many of its numbers tell where it begins: 0 where photons
-// are not aimed.
+// of the frame; make(ray, number) starts one, and so many of its numbers tell where it begins: 0 where
+// photons are not aimed.
 template <class MakeRay>
 void CastFrom(std::int64_t count, std::uint32_t ordinal, const Cast& cast, int axes, const MakeRay& make) {
   for (ThreadSlot& slot : threadSlots) slot.rays = slot.shadowRays = 0;

@@ -134,7 +134,8 @@ Camera* ActiveCamera() {
 }
 
 void AddToAov(Aov& aov, std::size_t pixel, Vec3 value) {
-  ImageBuffer& image = aov.image;
+  const bool odd = HalfOfPass(static_cast<std::uint32_t>(settings.frame.samplePass)) != 0 && !aov.odd.empty();
+  ImageBuffer& image = odd ? aov.odd[0].image : aov.image;
   const std::size_t first = pixel * 3;
   if (image.channels != 3 || first + 3 > image.floatPixels.size()) return;
   for (int i = 0; i < 3; ++i) image.floatPixels[first + static_cast<std::size_t>(i)] += value[i];

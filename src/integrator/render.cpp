@@ -112,6 +112,12 @@ std::uint64_t RaysOf(std::uint8_t thread) {
   return threadSlots[thread].rays + threadSlots[thread].shadowRays;
 }
 
+// Mean of `samples` and one more.
+void AddToMean(ImageBuffer& mean, std::size_t pixel, Vec3 color, std::uint32_t samples) {
+  const auto count = static_cast<float>(samples);
+  WritePixel(mean, (ReadPixel(mean, pixel) * count + color) / (count + 1.0f), pixel);
+}
+
 // Sums the threads' counters into the settings and clears them.
 void CollectRayCounts() {
   for (ThreadSlot& slot : threadSlots) {
@@ -127,11 +133,15 @@ void ClearPassStatistics() {
   for (ThreadSlot& slot : threadSlots) slot.innerNodes = slot.leaves = slot.primitives = 0;
 }
 
-// Visits the AOVs of the camera that renders and of all lights.
+// Visits the AOVs of the camera that renders and of all lights, and behind each those that go with it.
 template <class Visit>
 void ForEachAov(Camera& camera, const Visit& visit) {
   const auto visitAll = [&](std::vector<Aov>& aovs) {
-    for (Aov& aov : aovs) visit(aov);
+    for (Aov& aov : aovs) {
+      visit(aov);
+      for (Aov& odd : aov.odd) visit(odd);
+      for (Aov& squares : aov.squares) visit(squares);
+    }
   };
   visitAll(camera.aovs);
   for (PointLight& light : pointLights) visitAll(light.aovs);
@@ -157,7 +167,8 @@ class PixelSums {
   std::vector<Vec3> kept_;
 };
 
-// The AOVs that samples add to, of the camera's size as those are that can be written to.
+// The AOVs that samples add to, of the camera's size as those are that can be written to, be they of a half
+// set or not.
 std::vector<Aov*> SummingAovs(Camera& camera) {
   std::vector<Aov*> aovs;
   const std::size_t pixels = static_cast<std::size_t>(std::max(camera.width, 0)) *
@@ -171,7 +182,8 @@ std::vector<Aov*> SummingAovs(Camera& camera) {
 }
 
 void CountFrame(const Camera& camera, const Region& region) {
-  frameState.planned = static_cast<std::uint32_t>(std::max(camera.sample, 1));
+  frameState.planned = settings.format >= 2 ? 1 : static_cast<std::uint32_t>(std::max(camera.sample, 1));
+  frameState.tilesAcross = TilesAlong(camera.width);
   frameState.left = region.xMin;
   frameState.right = region.xMax;
   frameState.rows.resize(static_cast<std::size_t>(std::max(camera.height, 0)));
@@ -233,6 +245,10 @@ template <class Sink>
 int SampleRow(const Pass& pass, int x, int y, std::uint8_t thread, PixelSums& sums, const Sink& sink) {
   RayRecord ray;
   for (; x < pass.region.xMax && !Stopping(); ++x) {
+    if (Rests(frameState, x, y, pass.number)) {
+      x |= kTile - 1;
+      continue;
+    }
     const std::size_t pixel = PixelIndex(pass.camera, x, y);
     sums.Keep(pixel);
     const Vec3 color = SamplePixel(pass, x, y, thread, ray);
@@ -242,7 +258,7 @@ int SampleRow(const Pass& pass, int x, int y, std::uint8_t thread, PixelSums& su
     }
     sink(x, y, color);
   }
-  return x;
+  return std::min(x, pass.region.xMax);
 }
 
 // The column where a row lacks its sample of a pass: the region's end if it has all of them.
@@ -314,14 +330,24 @@ std::int64_t StartOfFrames() {
   return start;
 }
 
+const ImageBuffer* BeautyImage() {
+  const Camera* camera = ActiveCamera();
+  if (camera == nullptr || camera->aovs.empty()) return nullptr;
+  const Aov& beauty = camera->aovs[0];
+  static ImageBuffer finished;
+  if (IsFinished(beauty, frameState)) return &beauty.image;
+  finished = FinishedPicture(beauty, frameState);
+  return &finished;
+}
+
 void FinishFrame(const Camera& camera) {
   if (camera.aovs.empty()) return;
-  const Aov& beauty = camera.aovs[0];
+  const ImageBuffer& beauty = *BeautyImage();
   Vec3 mean, variance;
-  ImageStatistics(beauty.image, mean, variance);
+  ImageStatistics(beauty, mean, variance);
   PrintRule();
-  PrintVectorRow("avgerage of " + beauty.image.fileName, mean, "n/a");
-  PrintVectorRow("variance of " + beauty.image.fileName, variance, "n/a");
+  PrintVectorRow("avgerage of " + beauty.fileName, mean, "n/a");
+  PrintVectorRow("variance of " + beauty.fileName, variance, "n/a");
   PrintRule();
   const std::int64_t ticks = std::max<std::int64_t>(WallTicks() - StartOfFrames(), 0);
   PrintIntegerRow("rendering time", static_cast<std::uint64_t>(ticks / 10'000'000), "seconds");
@@ -338,11 +364,6 @@ bool HasCamera() {
   if (ActiveCamera() != nullptr) return true;
   PrintError("camera - there is no camera", {"camera-missing"});
   return false;
-}
-
-const ImageBuffer* BeautyImage() {
-  const Camera* camera = ActiveCamera();
-  return camera == nullptr || camera->aovs.empty() ? nullptr : &camera->aovs[0].image;
 }
 
 // The window calls the frame step until it is closed. Unless settings.said.previewReturns, that ends the
@@ -427,13 +448,19 @@ bool RenderPixels(std::uint32_t pass) {
   if (!HasCamera()) return true;
   Camera& camera = *ActiveCamera();
   if (camera.aovs.empty()) return true;
-  ImageBuffer& beauty = camera.aovs[0].image;
-  if (beauty.width != camera.width || beauty.height != camera.height || beauty.floatPixels.empty())
+  Aov& beauty = camera.aovs[0];
+  if (beauty.image.width != camera.width || beauty.image.height != camera.height ||
+      beauty.image.floatPixels.empty())
     return !Stopping();
-  const auto done = static_cast<float>(pass - std::min(pass, PassesToRender().begin));
+  const std::uint32_t done = pass - std::min(pass, PassesToRender().begin);
   return SampleRegion(camera, RegionOf(camera), pass, [&](int x, int y, Vec3 color) {
     const std::size_t pixel = PixelIndex(camera, x, y);
-    WritePixel(beauty, (ReadPixel(beauty, pixel) * done + color) / (done + 1.0f), pixel);
+    const std::uint32_t half = HalfOfPass(pass);
+    if (beauty.odd.empty() || settings.format < 2) AddToMean(beauty.image, pixel, color, done);
+    if (beauty.odd.empty() || (settings.format < 2 && half == 0)) return;
+    const std::uint32_t samples = SamplesOf(frameState, x, y, half);
+    AddToMean(half == 0 ? beauty.image : beauty.odd[0].image, pixel, color, samples);
+    if (!beauty.squares.empty()) AddToMean(beauty.squares[half].image, pixel, color * color, samples);
   });
 }
 

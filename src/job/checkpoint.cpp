@@ -81,13 +81,20 @@ std::string HeaderOf(const Checkpoint& checkpoint, const std::vector<std::size_t
                  {"aovs", aovs},
                  {"exposure", exposure},
                  {"linear", checkpoint.linear},
-                 {"state", {{"planned", state.planned}, {"left", state.left}, {"right", state.right}}}};
+                 {"state",
+                  {{"planned", state.planned},
+                   {"left", state.left},
+                   {"right", state.right},
+                   {"tiles", state.tiles.size()},
+                   {"strictness", state.strictness},
+                   {"target", state.target}}}};
   if (checkpoint.merged) header["merged"] = MergedPasses(checkpoint);
   return header.dump();
 }
 
 // Throws what nlohmann::json throws for a header that is not ours.
-void TakeHeader(const Json& header, Checkpoint& checkpoint, std::vector<std::size_t>& counts) {
+void TakeHeader(const Json& header, Checkpoint& checkpoint, std::size_t& tiles,
+                std::vector<std::size_t>& counts) {
   checkpoint.program = header.at("program");
   checkpoint.options = header.at("options").dump();
   checkpoint.plan.seed = header.at("plan").at("seed");
@@ -111,6 +118,9 @@ void TakeHeader(const Json& header, Checkpoint& checkpoint, std::vector<std::siz
   checkpoint.state.planned = header.at("state").at("planned");
   checkpoint.state.left = header.at("state").at("left");
   checkpoint.state.right = header.at("state").at("right");
+  checkpoint.state.strictness = header.at("state").at("strictness");
+  checkpoint.state.target = header.at("state").at("target");
+  tiles = header.at("state").at("tiles");
   if (!header.contains("merged")) return;
   checkpoint.merged = true;
   for (const Json& range : header["merged"].at("whole"))
@@ -145,6 +155,7 @@ std::string WritePacked(const std::string& path, const Checkpoint& checkpoint,
     std::vector<RowSamples> rows = checkpoint.state.rows;
     rows.resize(static_cast<std::size_t>(std::max(checkpoint.plan.height, 0)));
     packer.Add(rows.data(), rows.size() * sizeof(RowSamples));
+    packer.Add(checkpoint.state.tiles.data(), checkpoint.state.tiles.size() * sizeof(TileRests));
     addSums(packer);
     packer.Finish();
   } catch (const std::bad_alloc&) {
@@ -173,12 +184,6 @@ std::string TakeMergedSums(CheckpointReader& reader, Checkpoint& checkpoint) {
   std::vector<std::uint32_t> samples;
   const auto pixels = static_cast<std::size_t>(std::max(checkpoint.plan.width, 0)) * state.rows.size();
   return reader.Take(samples, pixels) && reader.EndsHere() ? "" : "is damaged";
-}
-
-// Sums of shares of one number of passes as those of another.
-void Rescale(const Aov& aov, std::vector<float>& pixels, std::uint32_t from, std::uint32_t to) {
-  if (from == to || aov.mean || aov.channel == kChannelLightPath) return;
-  for (float& value : pixels) value *= static_cast<float>(from) / static_cast<float>(to);
 }
 
 // What the frame at hand would have to be told to fit; empty if it fits.
@@ -214,6 +219,7 @@ Checkpoint DescribeFrame(std::uint64_t seed) {
     plan.bottom = camera.regionYMax;
     plan.sample = camera.sample;
     checkpoint.exposure = camera.exposure;
+    plan.halves = settings.said.halfSets ? 1 : 0;
   }
   if (frameShare.passes) {
     plan.begin = static_cast<std::int32_t>(frameShare.passes->begin);
@@ -258,15 +264,17 @@ bool CheckpointReader::TakeHead(Checkpoint& checkpoint) {
   std::uint64_t size = 0;
   std::vector<char> text;
   if (!unpacker_->Take(&size, sizeof size) || !unpacker_->Take(text, size)) return false;
-  TakeHeader(Json::parse(text.begin(), text.end()), checkpoint, counts_);
+  std::size_t tiles = 0;
+  TakeHeader(Json::parse(text.begin(), text.end()), checkpoint, tiles, counts_);
   const auto rows = static_cast<std::size_t>(std::max(checkpoint.plan.height, 0));
-  if (!unpacker_->Take(checkpoint.state.rows, rows)) return false;
+  if (!unpacker_->Take(checkpoint.state.rows, rows) || !unpacker_->Take(checkpoint.state.tiles, tiles))
+    return false;
   if (!checkpoint.merged) TellPasses(checkpoint);
   return true;
 }
 
 std::string CheckpointReader::Open(const std::string& path, Checkpoint& checkpoint) {
-  static_assert(sizeof(RowSamples) == 8);
+  static_assert(sizeof(RowSamples) == 8 && sizeof(TileRests) == 8);
   file_.reset(std::fopen(path.c_str(), "rbe"));
   if (!file_) return std::string("cannot be opened: ") + std::strerror(errno);
   char line[kFirstLine.size()] = {};
@@ -316,13 +324,10 @@ std::string RestoreFrame(Checkpoint& checkpoint, const FramePlan& plan, const st
   if (!fits || count != checkpoint.aovs.size()) return "its images are not those of the scene";
 
   count = 0;
-  const auto planned = static_cast<std::uint32_t>(std::max(plan.sample, 1));
-  VisitAovs(plan, [&](Aov& aov) {
-    aov.image.floatPixels = std::move(checkpoint.aovs[count++].image.floatPixels);
-    Rescale(aov, aov.image.floatPixels, checkpoint.state.planned, planned);
-  });
+  VisitAovs(plan,
+            [&](Aov& aov) { aov.image.floatPixels = std::move(checkpoint.aovs[count++].image.floatPixels); });
   frameState = checkpoint.state;
-  frameState.planned = planned;
+  frameState.tilesAcross = TilesAlong(plan.width);
   frameState.resumed = static_cast<std::uint32_t>(plan.begin) + checkpoint.passes;
   return {};
 }

@@ -2,9 +2,10 @@
 //
 // The file: a line that names it, the version as four bytes, the lowest first, and a zstd stream with a
 // checksum of its own. In the stream: the size of a JSON text as eight bytes, that text, for each row of the
-// picture its whole samples and the column where a begun one was cut short (four bytes each), and the sums of
-// each AOV as 32-bit floats, row by row from the top. In a merge the sums are over whole samples, in 64 bits,
-// and behind them stand the samples of each pixel, four bytes each.
+// picture its whole passes and the column where a begun one was cut short (four bytes each), for each tile
+// its rests (two bytes each number), and the sums of each AOV as 32-bit floats, row by row from the top. In a
+// merge the sums are over whole samples, in 64 bits, and behind them stand the samples of each pixel, four
+// bytes each.
 
 #pragma once
 
@@ -28,6 +29,7 @@ struct FramePlan {
   std::int32_t sample = 0;                                // passes
   std::int32_t begin = 0, end = 0;                        // of the passes that are rendered; end 0: all
   std::int32_t photons = 0;                               // which set of them is cast
+  std::int32_t halves = 0;                                // 1 where half sets are kept apart
   std::uint64_t seed = 0;
   friend bool operator==(const FramePlan&, const FramePlan&) = default;
 };

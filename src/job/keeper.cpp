@@ -6,6 +6,7 @@
 #include "core/console.h"
 #include "core/index.h"
 #include "core/progress.h"
+#include "imaging/frame_noise.h"
 
 namespace zp {
 namespace {
@@ -38,11 +39,22 @@ void FrameKeeper::PassDone(const FrameReport& report) {
   const auto now = Clock::now();
   const double pass = SecondsBetween(passBegun_, now);
   passBegun_ = now;
-  if (!HasTimeLeft(pass / 2)) frameObserver.finish = true;
+  if (!HasTimeLeft(pass / 2) || HasReachedNoise(report.done)) frameObserver.finish = true;
   if (report.done >= report.total || frameObserver.finish)
     SaveCheckpoint();  // the images follow
   else if (IsSaveDue())
     Save();
+}
+
+bool FrameKeeper::HasReachedNoise(std::uint32_t passes) {
+  if (!options_.noise || !IsMeasured(passes) || !IsIndex(cameras, settings.frame.activeCamera)) return false;
+  const Camera& camera = At(cameras, settings.frame.activeCamera);
+  if (camera.aovs.empty()) return false;
+  const FrameNoise noise = MeasureNoise(camera.aovs[0], frameState);
+  error_ = noise.error;
+  if (noise.error <= *options_.noise) return true;
+  if (settings.format >= 2) RestTiles(noise, *options_.noise, passes, frameState);
+  return false;
 }
 
 void FrameKeeper::Save() {

@@ -201,7 +201,7 @@ Checkpoint HeadOf(const std::vector<FramePart>& parts) {
   head.whole = WholePasses(parts);
   std::sort(head.begun.begin(), head.begun.end());
   head.state.rows.clear();
-  head.state.planned = static_cast<std::uint32_t>(head.plan.sample);
+  if (head.plan.format < 2) head.state.planned = static_cast<std::uint32_t>(head.plan.sample);
   // A render that goes on casts photons that none of the parts has cast.
   if (!samePhotons && !head.whole.empty())
     head.plan.photons = static_cast<std::int32_t>(head.whole.back().end);
@@ -216,6 +216,8 @@ std::string OpenParts(const std::vector<std::string>& paths, std::vector<FramePa
     CheckpointReader reader;
     std::string reason = reader.Open(path, part.head);
     if (reason.empty() && !IsSound(part.head, reader)) reason = "is damaged";
+    if (reason.empty() && part.head.plan.halves != 0)
+      reason = "was rendered with --noise, as parts cannot be";
     if (!reason.empty()) return Quoted(part) + " " + reason;
     if (!parts.empty())
       if (std::string difference = Difference(parts.front(), part); !difference.empty()) return difference;

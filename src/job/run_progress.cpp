@@ -46,8 +46,9 @@ const RunProgress& ProgressMeter::Take(const WorkDone& work) {
   return progress_;
 }
 
-const RunProgress& ProgressMeter::Take(const FrameReport& report, std::optional<double> limit) {
+const RunProgress& ProgressMeter::Take(const FrameReport& report, const FrameStanding& standing) {
   Update(Phase::kPasses);
+  progress_.error = standing.error;
   progress_.done = report.done;
   progress_.total = report.total;
   progress_.begun = static_cast<double>(report.begun);
@@ -62,9 +63,17 @@ const RunProgress& ProgressMeter::Take(const FrameReport& report, std::optional<
   }
   if (done > firstDone_) {
     const double spent = SecondsBetween(passesStart_, Clock::now());
-    progress_.remaining = spent / (done - firstDone_) * (static_cast<double>(report.total) - done);
+    double total = static_cast<double>(report.total);
+    if (standing.error && standing.noise && *standing.noise > 0) {  // which falls with the root of the passes
+      const double ratio = *standing.error / *standing.noise;
+      total = std::min(total, std::max(done * ratio * ratio, done));
+    }
+    progress_.remaining = spent / (done - firstDone_) * (total - done);
   }
-  if (limit) progress_.remaining = std::max(std::min(progress_.remaining.value_or(*limit), *limit), 0.0);
+  if (standing.time) {
+    const double left = *standing.time - standing.seconds;
+    progress_.remaining = std::max(std::min(progress_.remaining.value_or(left), left), 0.0);
+  }
   return progress_;
 }
 

@@ -23,12 +23,18 @@ struct RunProgress {
   std::optional<double> error;        // relative, of the picture, where it is estimated
 };
 
+// What a frame has taken and reached, and where it is to end.
+struct FrameStanding {
+  double seconds = 0;
+  std::optional<double> error;        // where it is estimated
+  std::optional<double> time, noise;  // limits of the two
+};
+
 // Makes it of what is told. Not for two threads at once.
 class ProgressMeter {
  public:
   const RunProgress& Take(const WorkDone& work);
-  //   limit  seconds that the frame may still take, whatever its passes; none without
-  const RunProgress& Take(const FrameReport& report, std::optional<double> limit);
+  const RunProgress& Take(const FrameReport& report, const FrameStanding& standing);
   const RunProgress& Last() const { return progress_; }
 
  private:

@@ -47,12 +47,13 @@ bool ReadFinalGatherBlock(SceneText& text) {
 bool ReadType(Line& line, Aov& aov) {
   const std::string type = ReadString(line);
   for (const ChannelWord& row : kChannelWords)
-    if (type == row.word) {
+    if (type == row.word && row.channel != kChannelSamples) {
       aov.channel |= row.channel;
       aov.lastType = row.channel;
       return true;
     }
-  aov.channel = aov.lastType = kChannelUserData;
+  aov.channel = kChannelUserData;
+  aov.lastType = type == "samples" ? kChannelSamples : kChannelUserData;
   aov.userData = type;
   return true;
 }

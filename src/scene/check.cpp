@@ -329,7 +329,8 @@ void CheckUvSets(SceneNotes& notes) {
 
 constexpr std::uint32_t kRadianceChannels =
     kChannelLambertian | kChannelTransmissive | kChannelGlossy | kChannelSpecular | kChannelEmissive;
-constexpr std::uint32_t kExactChannels = kChannelPosition | kChannelDepth | kChannelUserData;
+constexpr std::uint32_t kExactChannels =
+    kChannelPosition | kChannelDepth | kChannelUserData | kChannelSamples;
 
 const TextPlace& TypePlace(const NotedAov& noted) { return noted.type.line > 0 ? noted.type : noted.place; }
 
