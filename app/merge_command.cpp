@@ -49,9 +49,7 @@ std::string ImageObstacle(const Checkpoint& head) {
 int SaveImages(const MergedFrame& frame) {
   for (std::size_t i = 0; i < frame.head.aovs.size(); ++i) {
     if (frame.head.aovs[i].image.fileName.empty() || frame.sums[i].empty()) continue;
-    Aov aov = frame.head.aovs[i];
-    aov.image = MergedPicture(frame, i);
-    SaveAov(aov);
+    SavePicture(frame.head.aovs[i], MergedPicture(frame, i));
   }
   const std::vector<SaveFailure> failed = TakeFailedSaves();
   return failed.empty() ? kExitDone

@@ -79,16 +79,20 @@ void SaveAovs(const std::vector<Aov>& aovs) {
 
 bool IsSaved(const Aov& aov) { return !aov.image.fileName.empty() && aov.image.width > 0; }
 
-void SaveAov(const Aov& aov) {
-  const auto store = [&aov](const ImageBuffer& picture) {
-    return IsForEye(aov) ? StoreImage(ScreenPicture(picture, ExposureOf(aov))) : StoreImage(picture);
-  };
+void SavePicture(const Aov& aov, const ImageBuffer& picture) {
   const std::string reason =
-      IsFinished(aov, frameState) ? store(aov.image) : store(FinishedPicture(aov, frameState));
+      IsForEye(aov) ? StoreImage(ScreenPicture(picture, ExposureOf(aov))) : StoreImage(picture);
   FinishWork(Phase::kWriting);
   if (!reason.empty())
-    PrintError("image - " + aov.image.fileName + "\tcannot be written: " + reason,
-               {"image-unwritten", aov.image.fileName});
+    PrintError("image - " + picture.fileName + "\tcannot be written: " + reason,
+               {"image-unwritten", picture.fileName});
+}
+
+void SaveAov(const Aov& aov) {
+  if (IsFinished(aov, frameState))
+    SavePicture(aov, aov.image);
+  else
+    SavePicture(aov, FinishedPicture(aov, frameState));
 }
 
 }  // namespace zp

@@ -183,6 +183,8 @@ void SaveAovs(const std::vector<Aov>& aovs);
 bool IsSaved(const Aov& aov);
 // Writes such a one, however much is rendered; a unit of the work of writing.
 void SaveAov(const Aov& aov);
+// The same of a picture that is finished, by the name it has itself; the AOV tells what its numbers are.
+void SavePicture(const Aov& aov, const ImageBuffer& picture);
 // "beauty-YYYYMMDD-HHMMSS.hdr" of the local time; a second one of the same second gets "-2" before its
 // extension. Unique in the process, and it overwrites no other's file: where there is one when the picture is
 // first saved, the picture takes the next number.

@@ -273,6 +273,10 @@ ImageBuffer MergedPicture(const MergedFrame& frame, std::size_t aov) {
   Allocate(picture, frame.head.plan.width, frame.head.plan.height, 3, 32, false);
   picture.fileName = told.image.fileName;
   for (std::size_t i = 0; i < sums.size() && i < picture.floatPixels.size(); ++i) {
+    if (told.channel == kChannelSamples) {
+      picture.floatPixels[i] = static_cast<float>(frame.samples[i / 3]);
+      continue;
+    }
     const double count = IsDrawnByPhotons(told) ? frame.head.drawn : frame.samples[i / 3];
     picture.floatPixels[i] = count > 0 ? static_cast<float>(sums[i] / count) : 0.0f;
   }
