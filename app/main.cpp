@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "core/ray.h"
 #include "core/words.h"
+#include "image_commands.h"
 #include "imaging/imaging.h"
 #include "run_log.h"
 
@@ -286,6 +287,7 @@ int Run(int argc, char** argv) {
   AddCheck(app, checkOptions);
   AddView(app, viewOptions);
   AddMerge(app, mergeOptions);
+  AddPictureVerbs(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -295,6 +297,7 @@ int Run(int argc, char** argv) {
     }
     return Fail(error.what() + Suggestion(app, argc, argv) + " (see zephlore --help)", kExitUsage);
   }
+  if (const std::optional<int> status = RunPictureVerb(app)) return *status;
   if (app.got_subcommand("merge")) return RunMerge(mergeOptions);
   if (app.got_subcommand("check")) return RunCheck(checkOptions);
   return app.got_subcommand("render") ? RunRender(renderOptions) : RunView(viewOptions);

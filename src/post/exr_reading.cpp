@@ -40,9 +40,9 @@ class HeaderCheck {
   }
 
  private:
-  [[noreturn]] static void Fail() { throw std::runtime_error("the header is damaged"); }
+  [[noreturn]] static void Refuse() { throw std::runtime_error("the header is damaged"); }
   std::size_t Need(std::size_t count) const {
-    if (count > bytes_.size() - at_) Fail();
+    if (count > bytes_.size() - at_) Refuse();
     return at_;
   }
   void Skip(std::size_t count) { at_ = Need(count) + count; }
@@ -62,7 +62,7 @@ class HeaderCheck {
   // A row that is compressed to nothing still has its share of a table of offsets, and no method compresses
   // pixels better than a thousand times.
   void Require(double numbers) const {
-    if (!(numbers * sizeof(float) <= 0x1p26 + 2048.0 * static_cast<double>(bytes_.size()))) Fail();
+    if (!(numbers * sizeof(float) <= 0x1p26 + 2048.0 * static_cast<double>(bytes_.size()))) Refuse();
   }
 
   void Header() {
@@ -79,7 +79,7 @@ class HeaderCheck {
       } else if (type == "chlist") {
         for (; at_ < end && bytes_[at_] != 0; Skip(16), ++channels) Text();
       }
-      if (at_ > end) Fail();
+      if (at_ > end) Refuse();
       at_ = end;
     }
     channels_ += channels;
@@ -88,8 +88,8 @@ class HeaderCheck {
   void Grow(std::int32_t left, std::int32_t top, std::int32_t right, std::int32_t bottom) {
     constexpr std::int32_t kFarthestPixel = 1 << 24;
     for (const std::int32_t edge : {left, top, right, bottom})
-      if (edge < -kFarthestPixel || edge > kFarthestPixel) Fail();
-    if (right < left || bottom < top) Fail();
+      if (edge < -kFarthestPixel || edge > kFarthestPixel) Refuse();
+    if (right < left || bottom < top) Refuse();
     const bool isFirst = most_.Width() == 0;
     most_ = {isFirst ? left : std::min(left, most_.left), isFirst ? top : std::min(top, most_.top),
              isFirst ? right + 1 : std::max(right + 1, most_.right),
