@@ -134,6 +134,13 @@ int WritePicture(const std::string& path, const LayeredPicture& picture) {
   return kExitDone;
 }
 
+std::string LayerNames(const LayeredPicture& picture) {
+  std::string names;
+  for (const Layer& layer : picture.layers)
+    names += (names.empty() ? "" : ", ") + (layer.name.empty() ? std::string("the beauty") : layer.name);
+  return names;
+}
+
 int WithImageFiles(const std::function<int()>& verb) {
   settings.format = 2;  // no scene of format 1 asks for full components of 257, or for palettes as numbers
   StartImageFiles();

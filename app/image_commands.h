@@ -57,6 +57,8 @@ std::optional<int> ReadPicture(const std::string& path, LayeredPicture& picture,
                                ExitStatus status = kExitFailed);
 // kExitDone, or the failure that was told. Tells on the error stream how many numbers did not fit halves.
 int WritePicture(const std::string& path, const LayeredPicture& picture);
+// "beauty, N, Z".
+std::string LayerNames(const LayeredPicture& picture);
 // Readies files, runs the verb and ends them.
 int WithImageFiles(const std::function<int()>& verb);
 

@@ -212,17 +212,28 @@ void AddRender(CLI::App& app, RenderOptions& options) {
 }
 
 void AddView(CLI::App& app, ViewOptions& options) {
-  CLI::App* view = app.add_subcommand("view", "Turn a linear picture into a PNG for the screen (sRGB)");
+  CLI::App* view =
+      app.add_subcommand("view", "Turn a linear picture into a PNG or JPEG for the screen (sRGB)");
   view->add_option("input", options.input, "Picture of any format that the renderer reads")
       ->required()
       ->type_name("IN");
-  view->add_option("output", options.output, "PNG file")
+  view->add_option("output", options.output, "PNG or JPEG file")
       ->required()
-      ->type_name("OUT.png")
+      ->type_name("OUT.png|OUT.jpg")
       ->check([](const std::string& text) {
-        return std::string(
-            text.ends_with(".png") || text.ends_with(".PNG") ? "" : "'" + text + "' does not end in .png");
+        return std::string(ScreenFormat(text).empty() ? "'" + text + "' does not end in .png or .jpg" : "");
       });
+  view->add_option("--layer", options.layer, "Layer of an OpenEXR file; the beauty if not given")
+      ->type_name("NAME");
+  view->add_option("--white-balance", options.whiteBalance,
+                   "Colour temperature of the light that shall be white")
+      ->type_name("KELVIN")
+      ->check(CLI::Range(1667, 25000));
+  view->add_option_function<std::string>(
+          "--curve", [&options](const std::string& word) { options.filmic = word == "filmic"; },
+          "srgb, which cuts what is brighter than white, or filmic; srgb if not given")
+      ->type_name("CURVE")
+      ->check(CLI::IsMember({"srgb", "filmic"}));
   view->add_option("--exposure", options.exposure, "Stops: each doubles the brightness")
       ->type_name("STOPS")
       ->check([](const std::string& text) {

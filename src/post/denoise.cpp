@@ -14,8 +14,8 @@ namespace zp {
 namespace {
 
 constexpr int kReach = 8;       // pixels around one that are asked, to each side
-constexpr int kPatch = 3;       // and around each, that are compared
-constexpr int kGuides = 6;      // the numbers of the plane: 1, inverse depth, normal, grey albedo
+constexpr int kPatch = 1;       // and around each, that are compared
+constexpr int kGuides = 8;      // the numbers of the plane: 1, inverse depth, normal, albedo
 constexpr int kCandidates = 2;  // strengths
 constexpr float kStrengths[kCandidates] = {0.5f, 1.0f};
 constexpr int kTile = 32;  // pixels along the side of what one thread takes at once
@@ -111,6 +111,7 @@ Guides MakeGuides(const Frame& frame, const LayeredPicture& picture) {
   });
   for (std::size_t c = 0; c < 3; ++c) {
     guides.planes[2 + c] = MakePlane(frame, [&](std::size_t pixel) { return NumberOf(normal, pixel, c); });
+    guides.planes[5 + c] = MakePlane(frame, [&](std::size_t pixel) { return NumberOf(albedo, pixel, c); });
     guides.divisor[c] = MakePlane(frame, [&](std::size_t pixel) {
       const float covered = alpha < 0 ? (std::isfinite(depth.numbers[pixel]) && depth.numbers[pixel] > 0)
                                       : NumberOf(beauty, pixel, static_cast<std::size_t>(alpha));
@@ -118,9 +119,6 @@ Guides MakeGuides(const Frame& frame, const LayeredPicture& picture) {
       return std::max(color + 1 - std::clamp(covered, 0.0f, 1.0f), kLeastAlbedo);
     });
   }
-  guides.planes[5] = MakePlane(frame, [&](std::size_t pixel) {
-    return (NumberOf(albedo, pixel, 0) + NumberOf(albedo, pixel, 1) + NumberOf(albedo, pixel, 2)) / 3;
-  });
   return guides;
 }
 
@@ -355,7 +353,7 @@ Results Fit(const Frame& frame, const Guides& guides, const Color& likeness, con
 // from the other is its error and a variance, which is the same for all.
 Plane Choose(const Frame& frame, const Results& fits0, const Results& fits1, const Color& half0,
              const Color& half1) {
-  constexpr int kErrorReach = 4, kChoiceReach = 2;
+  constexpr int kErrorReach = 2, kChoiceReach = 1;
   Plane weaker = {std::vector<float>(frame.Size())}, stronger = weaker;
   for (std::size_t i = 0; i < frame.Size(); ++i)
     for (std::size_t c = 0; c < 3; ++c) {

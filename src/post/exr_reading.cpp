@@ -275,7 +275,10 @@ LayeredPicture DecodeLayers(std::span<const std::uint8_t> bytes) {
     if (IsDeep(header)) continue;
     const PixelWindow data = WindowOf(header.dataWindow());
     picture.data = isFirst ? data : Union(picture.data, data);
-    if (isFirst) picture.display = WindowOf(header.displayWindow());
+    if (isFirst)
+      picture.display =
+          WindowOf(header.displayWindow().intersects(header.dataWindow()) ? header.displayWindow()
+                                                                          : header.dataWindow());
     if (isFirst) TakeAttributes(header, picture);
     isFirst = false;
     CollectSources(header, part, taken, sources);

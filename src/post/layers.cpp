@@ -19,6 +19,7 @@
 #include "imaging/imaging.h"
 #include "imaging/output_file.h"
 #include "post/exr_layers.h"
+#include "post/layer_image.h"
 
 namespace zp {
 namespace {
@@ -95,32 +96,6 @@ const Layer* MainLayer(const LayeredPicture& picture) {
   return FindLayer(picture, "");
 }
 
-// What of a layer is red, green and blue: one channel alone is all three.
-std::array<std::size_t, 3> ColorChannels(const Layer& layer) {
-  if (layer.channels.size() < 3) return {0, 0, 0};
-  return {0, 1, 2};
-}
-
-// The display window with the pixels that there are, the top row first.
-ImageBuffer MakeImage(const LayeredPicture& picture, const Layer& layer) {
-  ImageBuffer image;
-  Allocate(image, picture.display.Width(), picture.display.Height(), 3, 32, false);
-  const std::array<std::size_t, 3> channels = ColorChannels(layer);
-  const PixelWindow &data = picture.data, &display = picture.display;
-  for (std::int32_t y = std::max(data.top, display.top); y < std::min(data.bottom, display.bottom); ++y)
-    for (std::int32_t x = std::max(data.left, display.left); x < std::min(data.right, display.right); ++x) {
-      const std::size_t from =
-          static_cast<std::size_t>(y - data.top) * static_cast<std::size_t>(data.Width()) +
-          static_cast<std::size_t>(x - data.left);
-      const std::size_t to =
-          static_cast<std::size_t>(y - display.top) * static_cast<std::size_t>(display.Width()) +
-          static_cast<std::size_t>(x - display.left);
-      for (std::size_t c = 0; c < 3; ++c)
-        image.floatPixels[3 * to + c] = layer.numbers[layer.channels.size() * from + channels[c]];
-    }
-  return image;
-}
-
 ImageBuffer RoundToBytes(const ImageBuffer& image) {
   ImageBuffer bytes;
   Allocate(bytes, image.width, image.height, image.channels, 8, false);
@@ -164,6 +139,27 @@ std::string WriteExr(const std::string& path, const LayeredPicture& picture, std
 }
 
 }  // namespace
+
+ImageBuffer MakeImage(const LayeredPicture& picture, const Layer& layer) {
+  constexpr double kMostPixels = 0x1p28;  // a file claims what it likes around the pixels that it has
+  if (double{1} * picture.display.Width() * picture.display.Height() > kMostPixels) throw std::bad_alloc();
+  ImageBuffer image;
+  Allocate(image, picture.display.Width(), picture.display.Height(), 3, 32, false);
+  const std::size_t channels = layer.channels.size();
+  const PixelWindow &data = picture.data, &display = picture.display;
+  const auto place = [](const PixelWindow& window, std::int32_t x, std::int32_t y) {
+    return static_cast<std::size_t>(y - window.top) * static_cast<std::size_t>(window.Width()) +
+           static_cast<std::size_t>(x - window.left);
+  };
+  for (std::int32_t y = std::max(data.top, display.top); y < std::min(data.bottom, display.bottom); ++y)
+    for (std::int32_t x = std::max(data.left, display.left); x < std::min(data.right, display.right); ++x)
+      for (std::size_t c = 0; c < 3; ++c) {
+        const std::size_t from = channels * place(data, x, y), channel = channels == 1 ? 0 : c;
+        if (channel < channels)
+          image.floatPixels[3 * place(display, x, y) + c] = layer.numbers[from + channel];
+      }
+  return image;
+}
 
 std::string ChannelName(const Layer& layer, std::size_t channel) {
   const std::string& name = layer.channels[channel];
