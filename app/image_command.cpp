@@ -43,6 +43,7 @@ void AddDiff(CLI::App& image) {
   verb->add_option("--threshold", diffWords.threshold, "Exit with 1 if the metric is above")
       ->type_name("X")
       ->check(CLI::NonNegativeNumber);
+  verb->add_option("--layer", diffWords.layer, "Compare this layer alone")->type_name("NAME");
   verb->add_option("--picture", diffWords.picture, "Picture of where they differ")->type_name("OUT.png");
 }
 

@@ -29,6 +29,7 @@ struct DiffWords {
   std::string first, second;
   Metric metric = Metric::kRelative;
   std::optional<double> threshold;
+  std::string layer;    // alone; empty: all
   std::string picture;  // PNG of where they differ; empty: none
 };
 int RunDiff(const DiffWords& words);

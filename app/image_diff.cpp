@@ -20,6 +20,12 @@ void PrintDifference(const LayerDifference& difference) {
   std::printf("\n");
 }
 
+// False if there is none of that name.
+bool KeepLayer(LayeredPicture& picture, const std::string& name) {
+  std::erase_if(picture.layers, [&name](const Layer& layer) { return NameOf(layer.name) != name; });
+  return !picture.layers.empty();
+}
+
 }  // namespace
 
 // Of several layers, the farthest decides.
@@ -27,6 +33,8 @@ int RunDiff(const DiffWords& words) {
   LayeredPicture a, b;
   if (const auto status = ReadPicture(words.first, a, kExitUsage)) return *status;
   if (const auto status = ReadPicture(words.second, b, kExitUsage)) return *status;
+  if (!words.layer.empty() && !(KeepLayer(a, words.layer) && KeepLayer(b, words.layer)))
+    return Fail("there is no layer '" + words.layer + "' in both", kExitUsage, "no-match");
   std::string problem;
   const PictureDifference difference = Compare(a, b, problem);
   if (!problem.empty())

@@ -255,15 +255,19 @@ void AddCheck(CLI::App& app, CheckOptions& options) {
 std::string Suggestion(const CLI::App& app, int argc, char** argv) {
   std::vector<std::string_view> words;
   const std::vector<CLI::App*> verbs = app.get_subcommands();
-  if (verbs.empty()) {
-    const std::vector<const CLI::App*> all = app.get_subcommands([](const CLI::App*) { return true; });
+  const std::vector<const CLI::App*> all = app.get_subcommands([](const CLI::App*) { return true; });
+  if (verbs.empty() && !all.empty()) {
     for (const CLI::App* verb : all) words.push_back(verb->get_name());
     const std::string_view nearest = argc > 1 ? NearestWord(argv[1], words) : std::string_view();
     return nearest.empty() ? "" : ", did you mean '" + std::string(nearest) + "'?";
   }
-  for (const CLI::Option* option : verbs.front()->get_options())
+  if (!verbs.empty() && argc > 1) {  // a verb's own verbs, and options
+    const std::string hint = Suggestion(*verbs.front(), argc - 1, argv + 1);
+    if (!hint.empty()) return hint;
+  }
+  for (const CLI::Option* option : app.get_options())
     for (const std::string& name : option->get_lnames()) words.push_back(name);
-  for (int i = 2; i < argc && std::string_view(argv[i]) != "--"; i++) {
+  for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; i++) {
     const std::string_view argument = argv[i];
     if (!argument.starts_with('-')) continue;
     const std::string_view name = argument.substr(std::min(argument.find_first_not_of('-'), argument.size()));

@@ -173,13 +173,16 @@ struct Source {
 void CollectSources(const Imf::Header& header, int part, std::set<std::string>& taken,
                     std::vector<Source>& sources) {
   const bool hasColor = header.channels().findChannel("RY") && header.channels().findChannel("BY");
+  int count = 0;
+  for (auto i = header.channels().begin(); i != header.channels().end(); ++i) ++count;
   for (auto i = header.channels().begin(); i != header.channels().end(); ++i) {
     std::string name = i.name();
     if (hasColor && (name == "Y" || name == "RY" || name == "BY" || name == "A")) continue;
     if (i.channel().xSampling != 1 || i.channel().ySampling != 1)
       throw std::invalid_argument("a channel is not of full size");
-    if (part > 0 && header.hasName() && (taken.contains(name) || name.find('.') == name.npos))
-      name = header.name() + "." + name;
+    const bool isPartOf =
+        PlaceOf(name).layer == name && count > 1;  // "X" of a part "normal", not "Z" of "depth"
+    if (part > 0 && header.hasName() && (isPartOf || taken.contains(name))) name = header.name() + "." + name;
     if (taken.insert(name).second)
       sources.push_back({part, i.name(), PlaceOf(name), KindOf(i.channel().type)});
   }
