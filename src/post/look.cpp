@@ -8,7 +8,7 @@
 namespace zp {
 namespace {
 
-constexpr double kWhite6504 = 6504;  // kelvin, of the screen's white
+constexpr double kScreenWhite = 6504;  // kelvin, of the screen's white
 
 using Matrix = std::array<std::array<double, 3>, 3>;
 using Triple = std::array<double, 3>;
@@ -35,8 +35,11 @@ Matrix operator*(const Matrix& a, const Matrix& b) {
   return product;
 }
 
-// A black body's light in XYZ, Y being 1: Kim and others, "Design of Advanced Color Temperature Control
-// System for HDTV Applications", 2002.
+// By their chromaticity x, y.
+Triple XyzOf(double x, double y) { return {x / y, 1, (1 - x - y) / y}; }
+
+// A black body's light: Kim and others, "Design of Advanced Color Temperature Control System for HDTV
+// Applications", 2002.
 Triple BlackBody(double kelvin) {
   const double u = 1000 / kelvin;
   const double x = kelvin < 4000 ? ((-0.2661239 * u - 0.2343589) * u + 0.8776956) * u + 0.179910
@@ -44,7 +47,25 @@ Triple BlackBody(double kelvin) {
   const double y = kelvin < 2222   ? ((-1.1063814 * x - 1.34811020) * x + 2.18555832) * x - 0.20219683
                    : kelvin < 4000 ? ((-0.9549476 * x - 1.37418593) * x + 2.09137015) * x - 0.16748867
                                    : ((3.0817580 * x - 5.87338670) * x + 3.75112997) * x - 0.37001483;
-  return {x / y, 1, (1 - x - y) / y};
+  return XyzOf(x, y);
+}
+
+// CIE 15, for 4000 K and above.
+Triple Daylight(double kelvin) {
+  const double u = 1000 / kelvin;
+  const double x = kelvin < 7000 ? ((-4.6070 * u + 2.9678) * u + 0.09911) * u + 0.244063
+                                 : ((-2.0064 * u + 1.9018) * u + 0.24748) * u + 0.237040;
+  return XyzOf(x, (-3 * x + 2.870) * x - 0.275);
+}
+
+// Lamps are black bodies, and from 5000 K on light is the day's.
+Triple LightOf(double kelvin) {
+  if (kelvin < 4000) return BlackBody(kelvin);
+  const double share = std::min((kelvin - 4000) / 1000, 1.0);
+  const Triple lamp = BlackBody(kelvin), day = Daylight(kelvin);
+  Triple light = {};
+  for (std::size_t i = 0; i < 3; ++i) light[i] = lamp[i] + share * (day[i] - lamp[i]);
+  return light;
 }
 
 double ConeOf(std::size_t cone, const Triple& light) {
@@ -61,7 +82,7 @@ float Filmic(float light) {
 }  // namespace
 
 Mat3 WhiteBalance(double kelvin) {
-  const Triple from = BlackBody(std::clamp(kelvin, kWarmest, kColdest)), to = BlackBody(kWhite6504);
+  const Triple from = LightOf(std::clamp(kelvin, kWarmest, kColdest)), to = LightOf(kScreenWhite);
   Matrix scale = {};
   for (std::size_t i = 0; i < 3; ++i) scale[i][i] = ConeOf(i, to) / ConeOf(i, from);
   const Matrix all = kFromXyz * kFromCones * scale * kToCones * kToXyz;

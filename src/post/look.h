@@ -19,7 +19,7 @@ struct Look {
 };
 inline constexpr double kColdest = 25000, kWarmest = 1667;  // kelvin, of what whiteBalance takes
 
-// Factors of linear RGB, a matrix, that make a black body's light white that of 6504 K is as it is.
+// The matrix of linear RGB that makes light of this temperature white; of 6504 K it changes nothing.
 Mat3 WhiteBalance(double kelvin);
 
 // The layer in 8 bits over the display window, the top row first: one channel is grey, and of four the last
