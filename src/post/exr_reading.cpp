@@ -74,8 +74,8 @@ class HeaderCheck {
         const std::int32_t left = Signed(), top = Signed(), right = Signed(), bottom = Signed();
         Grow(left, top, right, bottom);
       } else if (type == "tiledesc" && size >= 8) {
-        tile = double{1} * Number();
-        tile *= Number();
+        const double width = Number(), height = Number();
+        tile = width * height;
       } else if (type == "chlist") {
         for (; at_ < end && bytes_[at_] != 0; Skip(16), ++channels) Text();
       }
@@ -228,6 +228,24 @@ void ReadPart(Imf::MultiPartInputFile& file, int part, const std::vector<Source>
   input.readPixels(box.min.y, box.max.y);
 }
 
+// Reads some rows into one and drops them: headers that lie have rows of another length, or too few. Before
+// room is made for all.
+void ProbePart(Imf::MultiPartInputFile& file, int part) {
+  Imf::InputPart input(file, part);
+  const Imath::Box2i box = input.header().dataWindow();
+  const Imath::V2i size = box.size() + Imath::V2i(1);
+  std::vector<float> row(static_cast<std::size_t>(size.x));
+  Imf::FrameBuffer frame;
+  const Imf::ChannelList& channels = input.header().channels();
+  for (auto i = channels.begin(); i != channels.end(); ++i) {
+    char* start = reinterpret_cast<char*>(row.data()) - box.min.x * std::ptrdiff_t{sizeof(float)};
+    if (i.channel().xSampling == 1 && i.channel().ySampling == 1)
+      frame.insert(i.name(), Imf::Slice(Imf::FLOAT, start, sizeof(float), 0));
+  }
+  input.setFrameBuffer(frame);
+  for (const int y : {box.min.y, box.min.y + size.y / 2, box.max.y}) input.readPixels(y, y);
+}
+
 // Luminance with two colour differences of half the size, which only the library's own reader puts together.
 void ReadLuminanceChroma(std::span<const std::uint8_t> bytes, LayeredPicture& picture) {
   BytesIn stream(bytes);
@@ -285,6 +303,7 @@ LayeredPicture DecodeLayers(std::span<const std::uint8_t> bytes) {
     if (isFirst) TakeAttributes(header, picture);
     isFirst = false;
     CollectSources(header, part, taken, sources);
+    ProbePart(file, part);
     isLuminanceChroma = isLuminanceChroma || (file.parts() == 1 && header.channels().findChannel("RY") &&
                                               header.channels().findChannel("BY"));
   }
