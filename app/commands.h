@@ -83,10 +83,15 @@ int RunFarm(const FarmOptions& options);
 
 struct ViewOptions {
   std::string input;
-  std::string output;   // a PNG file
-  double exposure = 0;  // stops
+  std::string output;                  // a PNG or JPEG file
+  std::string layer;                   // name; empty: the beauty, or what comes first
+  double exposure = 0;                 // stops
+  std::optional<double> whiteBalance;  // kelvin
+  bool filmic = false;                 // rolls off what is bright
 };
 int RunView(const ViewOptions& options);
+// ".png" or ".jpg", by the end of the name; empty for other names.
+std::string ScreenFormat(const std::string& name);
 
 struct CheckOptions {
   std::string scene;                   // folder

@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "core/ray.h"
 #include "core/words.h"
+#include "image_commands.h"
 #include "imaging/imaging.h"
 #include "run_log.h"
 
@@ -273,17 +274,28 @@ void AddRender(CLI::App& app, RenderOptions& options) {
 }
 
 void AddView(CLI::App& app, ViewOptions& options) {
-  CLI::App* view = app.add_subcommand("view", "Turn a linear picture into a PNG for the screen (sRGB)");
+  CLI::App* view =
+      app.add_subcommand("view", "Turn a linear picture into a PNG or JPEG for the screen (sRGB)");
   view->add_option("input", options.input, "Picture of any format that the renderer reads")
       ->required()
       ->type_name("IN");
-  view->add_option("output", options.output, "PNG file")
+  view->add_option("output", options.output, "PNG or JPEG file")
       ->required()
-      ->type_name("OUT.png")
+      ->type_name("OUT.png|OUT.jpg")
       ->check([](const std::string& text) {
-        return std::string(
-            text.ends_with(".png") || text.ends_with(".PNG") ? "" : "'" + text + "' does not end in .png");
+        return std::string(ScreenFormat(text).empty() ? "'" + text + "' does not end in .png or .jpg" : "");
       });
+  view->add_option("--layer", options.layer, "Layer of an OpenEXR file; the beauty if not given")
+      ->type_name("NAME");
+  view->add_option("--white-balance", options.whiteBalance,
+                   "Colour temperature of the light that shall be white")
+      ->type_name("KELVIN")
+      ->check(CLI::Range(1667, 25000));
+  view->add_option_function<std::string>(
+          "--curve", [&options](const std::string& word) { options.filmic = word == "filmic"; },
+          "srgb, which cuts what is brighter than white, or filmic; srgb if not given")
+      ->type_name("CURVE")
+      ->check(CLI::IsMember({"srgb", "filmic"}));
   view->add_option("--exposure", options.exposure, "Stops: each doubles the brightness")
       ->type_name("STOPS")
       ->check([](const std::string& text) {
@@ -305,15 +317,19 @@ void AddCheck(CLI::App& app, CheckOptions& options) {
 std::string Suggestion(const CLI::App& app, int argc, char** argv) {
   std::vector<std::string_view> words;
   const std::vector<CLI::App*> verbs = app.get_subcommands();
-  if (verbs.empty()) {
-    const std::vector<const CLI::App*> all = app.get_subcommands([](const CLI::App*) { return true; });
+  const std::vector<const CLI::App*> all = app.get_subcommands([](const CLI::App*) { return true; });
+  if (verbs.empty() && !all.empty()) {
     for (const CLI::App* verb : all) words.push_back(verb->get_name());
     const std::string_view nearest = argc > 1 ? NearestWord(argv[1], words) : std::string_view();
     return nearest.empty() ? "" : ", did you mean '" + std::string(nearest) + "'?";
   }
-  for (const CLI::Option* option : verbs.front()->get_options())
+  if (!verbs.empty() && argc > 1) {  // a verb's own verbs, and options
+    const std::string hint = Suggestion(*verbs.front(), argc - 1, argv + 1);
+    if (!hint.empty()) return hint;
+  }
+  for (const CLI::Option* option : app.get_options())
     for (const std::string& name : option->get_lnames()) words.push_back(name);
-  for (int i = 2; i < argc && std::string_view(argv[i]) != "--"; i++) {
+  for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; i++) {
     const std::string_view argument = argv[i];
     if (!argument.starts_with('-')) continue;
     const std::string_view name = argument.substr(std::min(argument.find_first_not_of('-'), argument.size()));
@@ -350,6 +366,7 @@ int Run(int argc, char** argv) {
   AddView(app, viewOptions);
   AddMerge(app, mergeOptions);
   AddFarm(app, farmOptions);
+  AddPictureVerbs(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -359,6 +376,7 @@ int Run(int argc, char** argv) {
     }
     return Fail(error.what() + Suggestion(app, argc, argv) + " (see zephlore --help)", kExitUsage);
   }
+  if (const std::optional<int> status = RunPictureVerb(app)) return *status;
   if (app.got_subcommand("merge")) return RunMerge(mergeOptions);
   if (app.got_subcommand("farm")) return RunFarm(farmOptions);
   if (app.got_subcommand("check")) return RunCheck(checkOptions);

@@ -1,53 +1,47 @@
-// app/view_command.cpp: a linear picture becomes a PNG for the screen.
+// app/view_command.cpp: a linear picture becomes a PNG or JPEG for the screen.
 
-#include <algorithm>
-#include <cmath>
-
-#include "commands.h"
-#include "core/settings.h"
+#include "image_commands.h"
 #include "imaging/imaging.h"
+#include "post/look.h"
 
 namespace zp {
 namespace {
 
-namespace fs = std::filesystem;
-
-// Reads any picture, its bottom row first. The reason why there is none; empty if all is well.
-std::string ReadPicture(const fs::path& path, ImageBuffer& image) {
-  // File names choose formats wherever in them an extension stands, folders included: enter the folder, so
-  // that only the file's own name counts.
-  DirectoryVisit visit;
-  if (const std::error_code error = visit.Enter(path.parent_path())) return error.message();
-  image.fileName = path.filename().string();
-  image.allowPacked = false;
-  if (!LoadImage(image, image.fileName)) return "it " + std::string(ProblemText(image.problem));
-  return image.width > 0 && image.height > 0 ? "" : "it has no pixels";
+// The one that was asked for, the beauty, or what comes first; null if there is none of that name.
+const Layer* ChooseLayer(const LayeredPicture& picture, const std::string& name) {
+  const Layer* layer = FindLayer(picture, name);
+  return layer == nullptr && name.empty() ? &picture.layers.front() : layer;
 }
 
+// Numbers of 8 bits are linear too: such are the files of format 1.
 int Convert(const ViewOptions& options) {
-  ImageBuffer linear;
-  if (const std::string problem = ReadPicture(options.input, linear); !problem.empty())
-    return Fail("there is no picture to read in '" + options.input + "': " + problem);
-
-  const double scale = std::exp2(options.exposure);
-  ImageBuffer screen = ScreenPicture(linear, {scale, scale, scale});
-  const auto row = static_cast<std::ptrdiff_t>(3 * screen.width);
-  for (auto top = screen.bytePixels.begin(), bottom = screen.bytePixels.end() - row; top < bottom;
-       top += row, bottom -= row)
-    std::swap_ranges(top, top + row, bottom);
+  LayeredPicture picture;
+  if (const auto status = ReadPicture(options.input, picture)) return *status;
+  const Layer* layer = ChooseLayer(picture, options.layer);
+  if (layer == nullptr)
+    return Fail("there is no layer '" + options.layer + "' in '" + options.input + "': it has " +
+                LayerNames(picture));
+  ImageBuffer screen = LookAt(picture, *layer,
+                              {.exposure = options.exposure,
+                               .whiteBalance = options.whiteBalance,
+                               .curve = options.filmic ? Curve::kFilmic : Curve::kSrgb});
   screen.fileName = options.output;
-  const std::string reason = StoreImage(screen, ".png");  // not by the name: "a.hdr.png" is two
+  const std::string reason = StoreImage(screen, ScreenFormat(options.output));  // "a.hdr.png" is two
   return reason.empty() ? kExitDone : Fail("cannot write the picture '" + options.output + "': " + reason);
 }
 
 }  // namespace
 
+std::string ScreenFormat(const std::string& name) {
+  for (const char* end : {".png", ".PNG"})
+    if (name.ends_with(end)) return ".png";
+  for (const char* end : {".jpg", ".JPG", ".jpeg", ".JPEG"})
+    if (name.ends_with(end)) return ".jpg";
+  return {};
+}
+
 int RunView(const ViewOptions& options) {
-  settings.format = 2;  // no scene of format 1 asks for full components of 257, or for palettes as numbers
-  StartImageFiles();
-  const int status = Convert(options);
-  StopImageFiles();
-  return status;
+  return WithImageFiles([&options] { return Convert(options); });
 }
 
 }  // namespace zp

@@ -78,7 +78,7 @@ TEST_F(Program, WrongUsageIsStatusTwoAndOneLine) {
       {"render ../scene --sample ", "0", "x", "65536"},
       {"render ../scene --resolution ", "32", "32x", "32x16x8", "0x16", "99999999999x16"},
       {"render ../scene --region ", "1,2,3", "4,0,4,9", "-1,0,4,9", "0,0,4,9,"},
-      {"view ", "", "only.hdr", "in.hdr out.jpg"},
+      {"view ", "", "only.hdr", "in.hdr out.gif"},
       {"view in.hdr out.png --exposure ", "bright", "nan"}};
   for (const std::vector<std::string>& group : words)
     for (std::size_t i = 1; i < group.size(); ++i) ExpectFailure(group[0] + group[i], 2);

@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 
+#include "core/settings.h"
 #include "imaging/exr_file.h"
 #include "imaging/free_image.h"
 #include "imaging/imaging.h"
@@ -216,7 +217,10 @@ bool Encode(FREE_IMAGE_FORMAT format, FIBITMAP* bitmap, OutputFile& file) {
   if (format == FIF_EXR) return EncodeExrFile(bitmap, file);
   const SilentTiff silence;
   FreeImageIO io = {ReadProc, WriteProc, SeekProc, TellProc};
-  return FreeImage_SaveToHandle(format, bitmap, &io, &file, 0) != 0;
+  // In format 1 as ever; in format 2 what is looked at, colours at full size.
+  const bool isFine = format == FIF_JPEG && settings.format >= 2;
+  const int flags = isFine ? JPEG_QUALITYSUPERB | JPEG_SUBSAMPLING_444 : 0;
+  return FreeImage_SaveToHandle(format, bitmap, &io, &file, flags) != 0;
 }
 
 // One way to write a picture, and what became of it.
