@@ -11,53 +11,13 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <stdexcept>
 
-#include "core/stop.h"
+#include "imaging/exr_bytes.h"
 
 namespace zp {
 namespace {
 
 using Imath::Box2i;
-
-class BytesIn : public Imf::IStream {
- public:
-  explicit BytesIn(std::span<const std::uint8_t> bytes) : IStream("picture"), bytes_(bytes) {}
-  bool read(char out[], int count) override {
-    if (Stopping() || count < 0 || static_cast<std::uint64_t>(count) > bytes_.size() - at_)
-      throw std::runtime_error("the file ends early");
-    std::memcpy(out, bytes_.data() + at_, static_cast<std::size_t>(count));
-    at_ += static_cast<std::size_t>(count);
-    return at_ < bytes_.size();
-  }
-  std::uint64_t tellg() override { return at_; }
-  void seekg(std::uint64_t at) override {
-    if (at > bytes_.size()) throw std::runtime_error("the file ends early");
-    at_ = at;
-  }
-
- private:
-  std::span<const std::uint8_t> bytes_;
-  std::size_t at_ = 0;
-};
-
-class BytesOut : public Imf::OStream {
- public:
-  BytesOut() : OStream("picture") {}
-  void write(const char in[], int count) override {
-    const auto size = static_cast<std::size_t>(count);
-    bytes.resize(std::max(bytes.size(), at_ + size));
-    std::memcpy(bytes.data() + at_, in, size);
-    at_ += size;
-  }
-  std::uint64_t tellp() override { return at_; }
-  void seekp(std::uint64_t at) override { at_ = at; }
-
-  std::string bytes;
-
- private:
-  std::size_t at_ = 0;
-};
 
 // What of a file is read: the names of one or more channels, or luminance with two colour differences.
 struct Selection {

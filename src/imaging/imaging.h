@@ -69,6 +69,8 @@ std::size_t PixelBytes(const ImageBuffer& image);
 
 // The picture in 8 bits for a screen: each channel times its exposure, then the curve of sRGB.
 ImageBuffer ScreenPicture(const ImageBuffer& linear, const std::array<double, 3>& exposure);
+// The linear light of a number by that curve.
+float DecodeSrgb(float encoded);
 // Whether the format that the name tells keeps 8 bits of each number, from 0 to 1, and no floats.
 bool KeepsBytes(const std::string& fileName);
 

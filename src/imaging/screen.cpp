@@ -17,6 +17,10 @@ std::uint8_t EncodeSrgb(double linear) {
 
 }  // namespace
 
+float DecodeSrgb(float encoded) {
+  return encoded <= 0.04045f ? encoded / 12.92f : std::pow((encoded + 0.055f) / 1.055f, 2.4f);
+}
+
 ImageBuffer ScreenPicture(const ImageBuffer& linear, const std::array<double, 3>& exposure) {
   ImageBuffer screen;
   Allocate(screen, linear.width, linear.height, 3, 8, false);
