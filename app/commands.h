@@ -50,6 +50,10 @@ struct RenderOptions {
   std::optional<double> time;       // seconds that the frame may take
   std::optional<Passes> passes;     // those of a part of the frame; it has no images but with `output`
   bool varyPhotons = false;         // parts cast photons of their own
+  std::vector<std::string> aov;     // layers beside those of the scene: words of imaging/frame_layers.h
+  bool floats = false;              // files of layers hold 32 bits throughout
+  bool layers = false;              // the frame has layers, whatever its images: of a checkpoint
+  bool transparentSky = false;      // the picture leaves out what the camera sees of the sky
   std::string report;               // JSON file that tells what became of the run; empty: none
 };
 int RunRender(const RenderOptions& options);

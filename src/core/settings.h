@@ -23,6 +23,7 @@ struct SaidSettings {
   float displayGamma = 2.2f;                       // Intended: likewise
   std::int32_t rendererBounce = 1;  // diffuse bounces before paths stop or the density cells answer
   bool linearFiles = false;         // files of 8 bits keep linear numbers in format 2 too
+  bool transparentSky = false;      // the beauty image leaves out what the camera sees of sky and backdrop
   bool previewWindow = false;
   bool previewReturns = false;  // a closed window ends the render loop and not the process
   // Of earlier runs: they hold in format 1 where this run says nothing.

@@ -6,6 +6,7 @@
 #include "core/progress.h"
 #include "core/settings.h"
 #include "core/stop.h"
+#include "imaging/frame_layers.h"
 #include "imaging/frame_state.h"
 #include "imaging/imaging.h"
 
@@ -33,6 +34,7 @@ ChannelKind KindOf(const Aov& aov) {
   if (aov.mean || aov.ofLight) return ChannelKind::kLight;
   for (const ChannelWord& row : kChannelWords)
     if (aov.channel == row.channel) return row.kind;
+  if (aov.channel == kChannelAlbedo) return ChannelKind::kColor;
   return ChannelKind::kNumber;
 }
 
@@ -60,8 +62,9 @@ void SaveAov(const Aov& aov) {
   const auto store = [&aov](const ImageBuffer& picture) {
     return IsForEye(aov) ? StoreImage(ScreenPicture(picture, ExposureOf(aov))) : StoreImage(picture);
   };
-  const std::string reason =
-      IsFinished(aov, frameState) ? store(aov.image) : store(FinishedPicture(aov, frameState));
+  const std::string reason = aov.withLayers && layerWriter ? layerWriter(aov)
+                             : IsFinished(aov, frameState) ? store(aov.image)
+                                                           : store(FinishedPicture(aov, frameState));
   FinishWork(Phase::kWriting);
   if (!reason.empty())
     PrintError("image - " + aov.image.fileName + "\tcannot be written: " + reason,

@@ -28,6 +28,7 @@ struct FramePlan {
   std::int32_t sample = 0;                                // passes
   std::int32_t begin = 0, end = 0;                        // of the passes that are rendered; end 0: all
   std::int32_t photons = 0;                               // which set of them is cast
+  std::int32_t transparentSky = 0;                        // 1 where the sky is left out
   std::uint64_t seed = 0;
   friend bool operator==(const FramePlan&, const FramePlan&) = default;
 };

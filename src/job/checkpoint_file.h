@@ -54,6 +54,7 @@ inline constexpr NamedNumber kPlanNumbers[] = {
     {"right", &FramePlan::right, "--region"},     {"bottom", &FramePlan::bottom, "--region"},
     {"sample", &FramePlan::sample, "--sample"},   {"begin", &FramePlan::begin, "--passes"},
     {"end", &FramePlan::end, "--passes"},         {"photons", &FramePlan::photons, "--vary-photons"},
+    {"transparent_sky", &FramePlan::transparentSky, "--transparent-sky"},
 };
 
 }  // namespace zp
