@@ -87,6 +87,7 @@ Vec3 ScreenMotion(const RayRecord& ray, Vec3 place) {
 }
 
 // Of all lobes but the mirror's and glass's, whose rays bring what they find, as much as each reflects.
+// Colours that promise more light than there is keep their hue.
 Vec3 OwnAlbedo(const ShadingPoint& point) {
   Vec3 sum;
   for (const LobeRow& row : kLobes) {
@@ -101,7 +102,7 @@ Vec3 OwnAlbedo(const ShadingPoint& point) {
     else
       sum += color * (glossy ? point.specularWeight : point.diffuseWeight);
   }
-  return sum;
+  return sum / std::max({1.0f, sum.x, sum.y, sum.z});
 }
 
 }  // namespace
