@@ -61,6 +61,10 @@ struct RenderOptions {
   bool varyPhotons = false;      // parts cast photons of their own
   std::string report;            // JSON file that tells what became of the run; empty: none
   std::optional<double> noise;   // relative error that ends the frame; 0 never
+  std::vector<std::string> aov;  // layers beside those of the scene: words of imaging/frame_layers.h
+  bool floats = false;           // files of layers hold 32 bits throughout
+  bool layers = false;           // the frame has layers, whatever its images: of a checkpoint
+  bool transparentSky = false;   // the picture leaves out what the camera sees of the sky
 };
 int RunRender(const RenderOptions& options);
 

@@ -13,6 +13,7 @@
 #include "core/words.h"
 #include "image_commands.h"
 #include "imaging/imaging.h"
+#include "layered_output.h"
 #include "run_log.h"
 
 namespace zp {
@@ -190,6 +191,20 @@ void AddParts(CLI::App& render, RenderOptions& options) {
                   "Cast other photons than other parts do, so that their merge has less error");
 }
 
+void AddLayering(CLI::App& render, RenderOptions& options) {
+  render
+      .add_option(
+          "--aov", options.aov,
+          "Layers to add, whatever the scene says: normal, depth, position, uv, motion, albedo, samples, "
+          "or a channel as lambertian")
+      ->delimiter(',')
+      ->type_name("NAME,...")
+      ->check([](const std::string& word) { return LayerObstacle(word); });
+  render.add_flag("--float", options.floats, "32 bits for all layers of an OpenEXR file");
+  render.add_flag("--transparent-sky", options.transparentSky,
+                  "Leave what the camera sees of sky and backdrop out of the picture");
+}
+
 void AddMerge(CLI::App& app, MergeOptions& options) {
   CLI::App* merge =
       app.add_subcommand("merge", "Make the images of a frame of the parts that hold its passes");
@@ -262,6 +277,7 @@ void AddRender(CLI::App& app, RenderOptions& options) {
   AddKeeping(*render, options);
   AddServing(*render, options.serve);
   AddParts(*render, options);
+  AddLayering(*render, options);
   render->add_flag("--quiet", options.quiet, "No report rows on the output stream");
   render->add_flag("--strict", options.strict,
                    "Render nothing and exit with 1 if 'zephlore check' would tell an error of the scene");

@@ -9,6 +9,7 @@
 #include "imaging/output_file.h"
 #include "job/checkpoint.h"
 #include "job/merge.h"
+#include "layered_output.h"
 
 namespace zp {
 namespace {
@@ -74,6 +75,7 @@ int MergeInto(const MergeOptions& options, const std::vector<FramePart>& parts) 
     return Fail("cannot merge: " + reason);
   if (!keeps) {
     frame.head.aovs[0].image.fileName = options.output;
+    WriteMergeWithLayers(frame, options.output);
     return SaveImages(frame);
   }
   const std::string reason = WriteMerge(options.output, frame);

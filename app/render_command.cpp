@@ -20,6 +20,7 @@
 #include "integrator/integrator.h"
 #include "job/checkpoint.h"
 #include "job/keeper.h"
+#include "layered_output.h"
 #include "lights/lights.h"
 #include "render_page.h"
 #include "resume.h"
@@ -200,15 +201,16 @@ int RenderFrame(const RenderOptions& options, std::vector<SceneFile> files, Chec
     base.seconds = resumed->seconds;
   }
   const bool resumesWhole = resumed != nullptr && !HasBegunPass(frameState, resumed->passes);
-  base.options = KeptOptions(options);
+  base.options =
+      WithCameraFacts(KeptOptions(options), cameras[static_cast<std::size_t>(settings.frame.activeCamera)]);
   base.files = std::move(files);
   constexpr double kSaveEvery = 60;
   const std::uint32_t first = resumed != nullptr ? resumed->passes : 0;
   BeginFrame(base.plan, first);
   BeginPageFrame();
   FrameKeeper keeper(
-      {options.saveEvery.value_or(kSaveEvery), options.checkpoint, options.noise, options.time},
-      std::move(base));
+      {options.saveEvery.value_or(kSaveEvery), options.checkpoint, options.noise, options.time}, base);
+  WriteFramesWithLayers(base, [&keeper] { return keeper.Seconds(); });
   const auto standing = [&] {
     return FrameStanding{keeper.Seconds(), keeper.Error(), options.time, options.noise};
   };
@@ -230,6 +232,7 @@ int RenderFrame(const RenderOptions& options, std::vector<SceneFile> files, Chec
       first > 0 && (!keeper.HasTimeLeft() || (resumesWhole && keeper.HasReachedNoise(first)));
   RenderLoop(first);
   frameObserver = {};
+  FinishLayers();
   EndFrame(standing());
   EndPageFrame();
   if (Stopping() && CountSamples(frameState) > 0) keeper.SaveCheckpoint();
@@ -262,7 +265,10 @@ int PrepareScene(const RenderOptions& options, Turns& turns, std::vector<ImageBu
   if (const std::string reason = ChooseTurns(options, turns); !reason.empty()) return Fail(reason);
   const std::size_t active = turns.cameras[turns.index];
   settings.frame.activeCamera = static_cast<std::int32_t>(active);
-  for (const std::size_t chosen : turns.cameras) ApplyOptions(options, cameras[chosen]);
+  for (const std::size_t chosen : turns.cameras) {
+    ApplyOptions(options, cameras[chosen]);
+    AskForLayers(options, chosen);
+  }
   const std::vector<std::string> labels =
       options.camera == kAllCameras ? CameraLabels() : std::vector<std::string>(cameras.size());
   planned = PlanOutputs(options, turns, labels);
@@ -281,7 +287,8 @@ int RenderScene(const RenderOptions& options, Turns& turns, Checkpoint* resumed)
   std::vector<ImageBuffer> planned;
   const int prepared = PrepareScene(options, turns, planned);
   std::vector<SceneFile> files;
-  if (!options.checkpoint.empty() || !options.report.empty()) files = HashSceneFiles();
+  if (!options.checkpoint.empty() || !options.report.empty() || WantsLayers(options))
+    files = HashSceneFiles();
   WithRecord([&](RunRecord& record) {
     record.files = files;
     record.format = settings.format;
@@ -354,7 +361,8 @@ int RunRender(const RenderOptions& given) {
     return Fail("--checkpoint keeps one camera, not all", kExitUsage);
   if (const std::string reason = ChooseShare(options, resumes ? &resumed : nullptr); !reason.empty())
     return Fail(reason, kExitUsage);
-  if ((!options.checkpoint.empty() || !options.report.empty()) && !options.seed) options.seed = DrawSeed();
+  if ((!options.checkpoint.empty() || !options.report.empty() || WantsLayers(options)) && !options.seed)
+    options.seed = DrawSeed();
   if ((options.time || options.noise) && !options.sample && !options.passes) options.sample = kMostSamples;
   settings.said.halfSets = options.noise.has_value();
   std::error_code error;
@@ -370,6 +378,7 @@ int RunRender(const RenderOptions& given) {
   settings.said.previewWindow = settings.said.previewReturns = options.preview;
   omp_set_num_threads(options.threads ? *options.threads : std::min(omp_get_max_threads(), kMaxThreads));
   settings.said.linearFiles = options.linear;
+  settings.said.transparentSky = options.transparentSky;
   SetConsoleQuiet(options.quiet);
   WithRecord([&](RunRecord& record) {
     record.scene = options.scene;

@@ -5,6 +5,7 @@
 #include <random>
 
 #include "integrator/integrator.h"
+#include "layered_output.h"
 
 namespace zp {
 namespace {
@@ -36,7 +37,11 @@ std::string KeptOptions(const RenderOptions& options) {
   Json kept = {{"scene", FromRoot(options.scene)},
                {"output", FromRoot(options.output)},
                {"camera", options.camera},
-               {"linear", options.linear}};
+               {"linear", options.linear},
+               {"aov", options.aov},
+               {"float", options.floats},
+               {"layers", WantsLayers(options)},
+               {"transparent-sky", options.transparentSky}};
   VisitKept(options, [&](const char* name, const auto& member) {
     if (member) kept[name] = *member;
   });
@@ -65,6 +70,10 @@ void TakeKeptOptions(const Checkpoint& checkpoint, RenderOptions& options) {
   if (options.output.empty()) options.output = kept.value("output", "");
   if (options.camera.empty()) options.camera = kept.value("camera", "");
   options.linear = options.linear || kept.value("linear", false);
+  if (options.aov.empty()) options.aov = kept.value("aov", options.aov);
+  options.floats = options.floats || kept.value("float", false);
+  options.layers = kept.value("layers", false);
+  options.transparentSky = options.transparentSky || kept.value("transparent-sky", false);
   if (!options.region && kept.contains("region")) {
     const Json& region = kept["region"];
     options.region = Region{region.at(0), region.at(1), region.at(2), region.at(3)};

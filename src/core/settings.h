@@ -22,8 +22,9 @@ struct SaidSettings {
   float exposure = 0;                              // Intended: stored, without effect
   float displayGamma = 2.2f;                       // Intended: likewise
   std::int32_t rendererBounce = 1;  // diffuse bounces before paths stop or the density cells answer
-  bool halfSets = false;     // even and odd passes are kept apart, in format 2 with points of their own
-  bool linearFiles = false;  // files of 8 bits keep linear numbers in format 2 too
+  bool halfSets = false;        // even and odd passes are kept apart, in format 2 with points of their own
+  bool linearFiles = false;     // files of 8 bits keep linear numbers in format 2 too
+  bool transparentSky = false;  // the beauty image leaves out what the camera sees of sky and backdrop
   bool previewWindow = false;
   bool previewReturns = false;  // a closed window ends the render loop and not the process
   // Of earlier runs: they hold in format 1 where this run says nothing.
@@ -49,7 +50,7 @@ struct DerivedSettings {
   bool tracksMedia = false;  // rays know the bodies around them, and media dim whatever runs through them
   float openIor = 1;         // a ray's index in the open, where lights are sampled
   std::int32_t geometrySampleCopy = 64;  // and of the geometry light; put back by ResetGeometryLight
-  bool showsTangents = true;      // some picture shows them, so that hits take the surface's own
+  bool showsTangents = true;             // some picture shows them, so that hits take the surface's own
   std::int32_t lightSegment = 0;  // 1 where rays leave the last hit to meet light: see SeeksLightByChance
 };
 

@@ -167,8 +167,9 @@ void PrepareMotion(Instance& instance) {
   instance.motion = std::move(motion);
 }
 
-void MoveInstance(Instance& instance, float time) {
-  if (!instance.motion) return;
+Mat4 MatrixAt(const Instance& instance, float time) {
+  Mat4 matrix = instance.matrix;
+  if (!instance.motion) return matrix;
   const InstancePlace &first = instance.motion->first, &last = instance.motion->last;
   const double share1 = double{time}, share0 = 1 - share1;
   const Linear rotation = RotationOf(Turn(first.turn, last.turn, share1));
@@ -177,10 +178,26 @@ void MoveInstance(Instance& instance, float time) {
       double sum = 0;
       for (std::size_t k = 0; k < 3; ++k)
         sum += rotation[i][k] * (share0 * first.stretch[k][j] + share1 * last.stretch[k][j]);
-      instance.matrix.m[i][j] = static_cast<float>(instance.motion->mirrored ? -sum : sum);
+      matrix.m[i][j] = static_cast<float>(instance.motion->mirrored ? -sum : sum);
     }
-    instance.matrix.m[i][3] = static_cast<float>(share0 * first.origin[i] + share1 * last.origin[i]);
+    matrix.m[i][3] = static_cast<float>(share0 * first.origin[i] + share1 * last.origin[i]);
   }
+  return matrix;
+}
+
+void MoveInstance(Instance& instance, float time) {
+  if (instance.motion) instance.matrix = MatrixAt(instance, time);
+}
+
+Vec3 MotionAt(const Part& part, const Corners& corners) {
+  Vec3 sum;
+  if (settings.format >= 2 ? !part.atOpen : !part.motion) return sum;
+  for (const VertexSet<Vec3>& set : part.vectorSets) {
+    if (set.name != "motion" || set.values.size() != part.positions.size()) continue;
+    for (int i = 0; i < corners.count; ++i) sum += corners.weight[i] * set.values[corners.vertex[i]];
+    break;
+  }
+  return sum;
 }
 
 void PrintOtherEnd(const std::string& path, const std::string& endPath) {

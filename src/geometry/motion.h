@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "geometry/geometry.h"
 #include "geometry/object.h"
 
 namespace zp {
@@ -31,8 +32,12 @@ void MovePart(Part& part, float time);
 // Of an Instance that says where it ends: decomposes both places. One that cannot move stands still, with an
 // error row.
 void PrepareMotion(Instance& instance);
-// The Instance's matrix at that time, and nothing else.
+// The matrix at that time.
+Mat4 MatrixAt(const Instance& instance, float time);
+// Gives it to the Instance, and nothing else.
 void MoveInstance(Instance& instance, float time);
+// How far a place of the Part, which its corners tell, goes while the shutter is open, in either format.
+Vec3 MotionAt(const Part& part, const Corners& corners);
 // Why nothing leads from one place to the other; empty if something does.
 std::string MotionProblem(const Mat4& open, const Mat4& close);
 

@@ -6,6 +6,7 @@
 #include "core/progress.h"
 #include "core/settings.h"
 #include "core/stop.h"
+#include "imaging/frame_layers.h"
 #include "imaging/frame_state.h"
 #include "imaging/imaging.h"
 
@@ -50,6 +51,7 @@ ChannelKind KindOf(const Aov& aov) {
   if (aov.mean || aov.ofLight) return ChannelKind::kLight;
   for (const ChannelWord& row : kChannelWords)
     if (aov.channel == row.channel) return row.kind;
+  if (aov.channel == kChannelAlbedo) return ChannelKind::kColor;
   return ChannelKind::kNumber;
 }
 
@@ -79,17 +81,25 @@ void SaveAovs(const std::vector<Aov>& aovs) {
 
 bool IsSaved(const Aov& aov) { return !aov.image.fileName.empty() && aov.image.width > 0; }
 
-void SavePicture(const Aov& aov, const ImageBuffer& picture) {
-  const std::string reason =
-      IsForEye(aov) ? StoreImage(ScreenPicture(picture, ExposureOf(aov))) : StoreImage(picture);
+namespace {
+
+void TellSaved(const std::string& name, const std::string& reason) {
   FinishWork(Phase::kWriting);
   if (!reason.empty())
-    PrintError("image - " + picture.fileName + "\tcannot be written: " + reason,
-               {"image-unwritten", picture.fileName});
+    PrintError("image - " + name + "\tcannot be written: " + reason, {"image-unwritten", name});
+}
+
+}  // namespace
+
+void SavePicture(const Aov& aov, const ImageBuffer& picture) {
+  TellSaved(picture.fileName,
+            IsForEye(aov) ? StoreImage(ScreenPicture(picture, ExposureOf(aov))) : StoreImage(picture));
 }
 
 void SaveAov(const Aov& aov) {
-  if (IsFinished(aov, frameState))
+  if (aov.withLayers && layerWriter)
+    TellSaved(aov.image.fileName, layerWriter(aov));
+  else if (IsFinished(aov, frameState))
     SavePicture(aov, aov.image);
   else
     SavePicture(aov, FinishedPicture(aov, frameState));

@@ -329,12 +329,16 @@ std::string StoreImage(const ImageBuffer& image, const std::string& formatName) 
   if (image.fileName.empty()) return "it has no name";
   Attempt attempt;
   std::string reason = GuardedSave(image, formatName.empty() ? image.fileName : formatName, attempt);
+  KeepSave(image.fileName, reason);
+  return reason;
+}
+
+void KeepSave(const std::string& name, const std::string& reason) {
   const std::lock_guard lock(failuresMutex);
   if (reason.empty())
-    failedSaves.erase(image.fileName);
+    failedSaves.erase(name);
   else
-    failedSaves[image.fileName] = reason;
-  return reason;
+    failedSaves[name] = reason;
 }
 
 bool KeepsBytes(const std::string& fileName) { return !IsFloatFile(FormatText(fileName)); }

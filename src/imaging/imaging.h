@@ -89,6 +89,8 @@ bool WriteAndReadBack(const ImageBuffer& image, const std::string& formatName, I
 struct SaveFailure {
   std::string name, reason;
 };
+// Keeps what became of a save of that name; an empty reason: it went well.
+void KeepSave(const std::string& name, const std::string& reason);
 // Pictures whose last save since the last call has failed, by name; one without a name is no failure.
 std::vector<SaveFailure> TakeFailedSaves();
 
@@ -119,6 +121,12 @@ enum Channel : std::uint32_t {
   kChannelDepth = 16384,
   kChannelUserData = 32768,
   kChannelSamples = 65536,  // of each pixel; sums hold nothing of it
+  // Of frames with layers (imaging/frame_layers.h), which the program adds to a camera.
+  kChannelCover = 1 << 20,   // 1 for a hit that has a surface to show, for any hit, and nothing
+  kChannelView = 1 << 21,    // distance along the view axis; along the ray in a spherical picture
+  kChannelFacing = 1 << 22,  // the shading normal, turned to the camera, -1 to 1
+  kChannelMotion = 1 << 23,  // pixels that the place goes from shutter opening to closing, right and down
+  kChannelAlbedo = 1 << 24,  // colours of all lobes, followed through smooth mirrors and glass
 };
 
 // What a channel's numbers are: what a screen can show, with an exposure or without, or nothing of the kind.
@@ -165,7 +173,9 @@ struct Aov {
   // the even ones then. In format 1 the beauty image alone has it, and `image` holds all passes.
   std::vector<Aov> odd;
   std::vector<Aov>
-      squares;  // of the beauty image in format 2: means of the squares of even and of odd samples
+      squares;        // of the beauty image in format 2: means of the squares of even and of odd samples
+  std::string layer;  // its name in the file of its frame's layers; empty: not there
+  bool withLayers = false;  // layerWriter writes its file
 };
 
 // What a camera's AOV records by the types of scene text: in format 1 the bits of all of them and beauty's,

@@ -158,7 +158,7 @@ Vec3 MissRadiance(const RayRecord& ray) {
   if (ray.depth == 0)
     for (Aov& aov : skyLight.aovs)
       AddToAov(aov, threadSlots[ray.thread].pixel, radiance / static_cast<float>(ray.sampleWeight));
-  return radiance;
+  return settings.said.transparentSky && ray.depth == 0 ? kBlack : radiance;
 }
 
 Vec3 EmittedRadiance(const RayRecord& ray, const ShadingPoint& point) {

@@ -10,6 +10,7 @@
 #include "geometry/geometry.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
+#include "integrator/surface_layers.h"
 
 namespace zp {
 namespace {
@@ -79,7 +80,7 @@ Vec3 AovValue(const Aov& aov, const RayRecord& ray, const ShadingPoint& point, c
                                        const HitRadiance& radiance) {
   const auto samples = static_cast<float>(ray.sampleWeight);
   for (Aov& aov : camera.aovs)
-    if (aov.channel > kChannelLightPath)
+    if (aov.channel > kChannelLightPath && aov.channel < kChannelCover)
       AddToAov(aov, threadSlots[ray.thread].pixel, AovValue(aov, ray, point, radiance) / samples);
 }
 
@@ -146,14 +147,23 @@ void AddToAov(Aov& aov, std::size_t pixel, Vec3 value) {
 Vec3 Radiance(RayRecord& ray) {
   const bool scatters = ray.depth < settings.said.rayDepth;
   if (!(scatters || OnlyMeetsLight(ray)) || IsBlack(ray.throughput) || Stopping()) return kBlack;
-  if (!Trace(ray))
+  const bool showsLayers = layerTargets.any && BounceCount(ray) == 0;
+  if (!Trace(ray)) {
+    if (showsLayers) [[unlikely]]
+      WriteMissLayers(ray);
     return settings.derived.tracksMedia ? MissRadiance(ray) * Transmission(ray) : MissRadiance(ray);
+  }
 
   ShadingPoint point;
   point.useDensity = MayReadDensity(ray);
-  if (!SetUpShadingPoint(ray, point)) return kBlack;
+  if (!SetUpShadingPoint(ray, point)) {
+    if (showsLayers) WriteEmptyHitLayers(ray);
+    return kBlack;
+  }
   point.useDensity = point.useDensity && ReadsDensity(ray, point);
   TestElements(point);
+  if (showsLayers) [[unlikely]]
+    WriteHitLayers(ray, point);
 
   HitRadiance radiance;
   if (scatters && TakesDirectLight(ray, point)) SampleLights(ray, point, radiance.lobes);

@@ -17,6 +17,7 @@
 #include "imaging/preview.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
+#include "integrator/surface_layers.h"
 #include "lights/lights.h"
 
 namespace zp {
@@ -275,6 +276,7 @@ bool SampleRegion(Camera& camera, const Region& region, std::uint32_t number, co
   const int threads = std::clamp(omp_get_max_threads(), 1, kMaxThreads);
   const std::vector<Aov*> aovs = SummingAovs(camera);
   const Pass pass = {camera, CameraAtTime(camera, TimeOfPass(camera, number)), region, number};
+  FindLayerTargets(camera, pass.pose, number);
   CountFrame(camera, region);
   RowCounter rows(region);
   const std::int64_t start = WallTicks();

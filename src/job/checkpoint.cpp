@@ -66,6 +66,7 @@ std::string HeaderOf(const Checkpoint& checkpoint, const std::vector<std::size_t
     aovs.push_back({{"channel", aov.channel},
                     {"floats", counts[i]},
                     {"name", TextOf(aov.image.fileName)},
+                    {"layer", TextOf(aov.layer)},
                     {"mean", aov.mean},
                     {"light", aov.ofLight}});
   }
@@ -108,6 +109,7 @@ void TakeHeader(const Json& header, Checkpoint& checkpoint, std::size_t& tiles,
     Aov& aov = checkpoint.aovs.emplace_back();
     aov.channel = row.at("channel");
     aov.image.fileName = PathOf(row.at("name"));
+    aov.layer = PathOf(row.at("layer"));
     aov.mean = row.at("mean");
     aov.ofLight = row.at("light");
     counts.push_back(row.at("floats"));
@@ -226,6 +228,7 @@ Checkpoint DescribeFrame(std::uint64_t seed) {
     plan.end = static_cast<std::int32_t>(frameShare.passes->end);
   }
   plan.photons = static_cast<std::int32_t>(frameShare.photons);
+  plan.transparentSky = settings.said.transparentSky ? 1 : 0;
   checkpoint.linear = settings.said.linearFiles;
   checkpoint.passes = settings.frame.passIndex - std::min(settings.frame.passIndex, PassesToRender().begin);
   checkpoint.state = frameState;
@@ -233,6 +236,7 @@ Checkpoint DescribeFrame(std::uint64_t seed) {
     Aov& told = checkpoint.aovs.emplace_back();
     told.image.fileName = aov.image.fileName;
     told.channel = aov.channel;
+    told.layer = aov.layer;
     told.mean = aov.mean;
     told.ofLight = aov.ofLight;
   });
@@ -318,6 +322,7 @@ std::string RestoreFrame(Checkpoint& checkpoint, const FramePlan& plan, const st
   bool fits = true;
   VisitAovs(plan, [&](const Aov& aov) {
     fits = fits && count < checkpoint.aovs.size() && checkpoint.aovs[count].channel == aov.channel &&
+           checkpoint.aovs[count].layer == aov.layer &&
            checkpoint.aovs[count].image.floatPixels.size() == aov.image.floatPixels.size();
     ++count;
   });

@@ -30,6 +30,7 @@ struct FramePlan {
   std::int32_t begin = 0, end = 0;                        // of the passes that are rendered; end 0: all
   std::int32_t photons = 0;                               // which set of them is cast
   std::int32_t halves = 0;                                // 1 where half sets are kept apart
+  std::int32_t transparentSky = 0;                        // 1 where the sky is left out
   std::uint64_t seed = 0;
   friend bool operator==(const FramePlan&, const FramePlan&) = default;
 };

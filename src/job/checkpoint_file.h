@@ -55,6 +55,7 @@ inline constexpr NamedNumber kPlanNumbers[] = {
     {"sample", &FramePlan::sample, "--sample"},   {"begin", &FramePlan::begin, "--passes"},
     {"end", &FramePlan::end, "--passes"},         {"photons", &FramePlan::photons, "--vary-photons"},
     {"halves", &FramePlan::halves, "--noise"},
+    {"transparent_sky", &FramePlan::transparentSky, "--transparent-sky"},
 };
 
 }  // namespace zp

@@ -51,7 +51,9 @@ bool MayDiffer(const NamedNumber& number, const FramePlan& plan) {
 
 bool HaveSameAovs(const Checkpoint& a, const Checkpoint& b) {
   return std::equal(a.aovs.begin(), a.aovs.end(), b.aovs.begin(), b.aovs.end(),
-                    [](const Aov& x, const Aov& y) { return x.channel == y.channel && x.mean == y.mean; });
+                    [](const Aov& x, const Aov& y) {
+                      return x.channel == y.channel && x.mean == y.mean && x.layer == y.layer;
+                    });
 }
 
 // Why b is no share of the frame that a belongs to; else empty.

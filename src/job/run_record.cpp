@@ -65,6 +65,7 @@ Json JsonOf(const FrameRecord& frame) {
           {"stored_photons", frame.storedPhotons},
           {"not_a_number", JsonOf(frame.faults.notANumber, plan.width)},
           {"clamped", JsonOf(frame.faults.clamped, plan.width)},
+          {"halves_held", frame.held},
           {"error", frame.error ? Json(*frame.error) : Json()}};
 }
 

@@ -35,6 +35,7 @@ struct FrameRecord {
   std::uint64_t rays = 0;           // of this run, as what follows
   std::uint64_t photons = 0, storedPhotons = 0;
   FrameFaults faults;
+  std::uint64_t held = 0;       // numbers of its file of layers that were too large for half floats
   std::optional<double> error;  // relative, where it is estimated
 };
 

@@ -20,7 +20,8 @@ struct ExrThreads {
 };
 
 // Both throw std::exception of what is wrong; the file keeps failures of the disk for itself.
-std::size_t EncodeLayers(const LayeredPicture& picture, OutputFile& file);  // how many numbers were held
+// How many numbers were held.
+std::size_t EncodeLayers(const LayeredPicture& picture, OutputFile& file, bool evenStopped);
 LayeredPicture DecodeLayers(std::span<const std::uint8_t> bytes);
 
 }  // namespace zp

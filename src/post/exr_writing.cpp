@@ -29,9 +29,9 @@ namespace {
 
 class FileOut : public Imf::OStream {
  public:
-  explicit FileOut(OutputFile& file) : OStream("picture"), file_(file) {}
+  FileOut(OutputFile& file, bool evenStopped) : OStream("picture"), file_(file), evenStopped_(evenStopped) {}
   void write(const char bytes[], int count) override {
-    if (Stopping()) throw std::runtime_error("all work was stopped");
+    if (Stopping() && !evenStopped_) throw std::runtime_error("all work was stopped");
     const auto size = static_cast<std::size_t>(count);
     if (file_.Write(bytes, size) != size) throw std::runtime_error("a write failed");
   }
@@ -40,6 +40,7 @@ class FileOut : public Imf::OStream {
 
  private:
   OutputFile& file_;
+  bool evenStopped_;
 };
 
 Imath::Box2i BoxOf(const PixelWindow& window) {
@@ -151,14 +152,14 @@ void AddSlices(const Layer& layer, const PixelWindow& data, std::int32_t top, Ro
 
 }  // namespace
 
-std::size_t EncodeLayers(const LayeredPicture& picture, OutputFile& target) {
+std::size_t EncodeLayers(const LayeredPicture& picture, OutputFile& target, bool evenStopped) {
   constexpr std::int32_t kBlock = 256;  // rows that are converted at once
   const Imf::Header header = HeaderOf(picture);
   const PixelWindow& data = picture.data;
   std::vector<Rows> rows(picture.layers.size());
   std::size_t held = 0;
   const ExrThreads threads;
-  FileOut stream(target);
+  FileOut stream(target, evenStopped);
   Imf::OutputFile file(stream, header, omp_get_max_threads());
   for (std::int32_t top = data.top; top < data.bottom; top += kBlock) {
     const std::int32_t count = std::min(kBlock, data.bottom - top);

@@ -123,12 +123,13 @@ std::string WriteImage(const std::string& path, const LayeredPicture& picture) {
   return StoreImage(image, extension);  // not by the name: "a.hdr.png" is two
 }
 
-std::string WriteExr(const std::string& path, const LayeredPicture& picture, std::size_t& held) {
+std::string WriteExr(const std::string& path, const LayeredPicture& picture, std::size_t& held,
+                     bool evenStopped) {
   OutputFile file;
   if (std::string reason = file.Open(path); !reason.empty()) return reason;
   std::string failure;
   try {
-    held = EncodeLayers(picture, file);
+    held = EncodeLayers(picture, file, evenStopped);
   } catch (const std::bad_alloc&) {
     return "not enough memory";
   } catch (const std::exception& error) {
@@ -209,17 +210,18 @@ void MakeLinear(LayeredPicture& picture) {
       if (layer.channels[i % layer.channels.size()] != "A") layer.numbers[i] = DecodeSrgb(layer.numbers[i]);
 }
 
-std::string WriteLayers(const std::string& path, const LayeredPicture& picture, std::size_t* held) {
+std::string WriteLayers(const std::string& path, const LayeredPicture& picture, std::size_t* held,
+                        bool evenStopped) {
   std::size_t count = 0;
   std::string reason;
   try {
     if (!IsExrName(path)) return WriteImage(path, picture);
     if (!picture.isEncoded) {
-      reason = WriteExr(path, picture, count);
+      reason = WriteExr(path, picture, count, evenStopped);
     } else {
       LayeredPicture linear = picture;
       MakeLinear(linear);
-      reason = WriteExr(path, linear, count);
+      reason = WriteExr(path, linear, count, evenStopped);
     }
   } catch (const std::exception& error) {  // a path that the system refuses, or no memory
     return error.what();

@@ -75,8 +75,10 @@ void MakeLinear(LayeredPicture& picture);
 
 // Writes OpenEXR, whole or not at all, if the name ends in ".exr"; else the beauty, or the only layer, in the
 // format that the end of the name tells: floats as they are, or bytes by the curve of sRGB.
-//   held  receives how many finite numbers were too large for their halves
-std::string WriteLayers(const std::string& path, const LayeredPicture& picture, std::size_t* held = nullptr);
+//   held         receives how many finite numbers were too large for their halves
+//   evenStopped  a stop of all work, behind which a frame is still to be saved, does not end it
+std::string WriteLayers(const std::string& path, const LayeredPicture& picture, std::size_t* held = nullptr,
+                        bool evenStopped = false);
 
 // OpenEXR with all layers, flat parts and attributes, or any picture that the renderer reads as one layer.
 // `picture` is a new one, without layers if there is a reason.

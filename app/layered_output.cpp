@@ -1,0 +1,293 @@
+#include "layered_output.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <ctime>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "core/index.h"
+#include "core/settings.h"
+#include "core/words.h"
+#include "imaging/frame_layers.h"
+#include "imaging/frame_state.h"
+#include "integrator/integrator.h"
+#include "lights/lights.h"
+#include "post/frame_layers.h"
+#include "run_log.h"
+
+namespace zp {
+namespace {
+
+using Json = nlohmann::json;
+
+// The frame that layerWriter finds.
+struct Frame {
+  Checkpoint head;  // what the file tells, without sums
+  std::function<double()> seconds;
+  std::function<FrameSource()> source;
+  std::function<std::int32_t()> passes;
+  std::uint64_t written = 0;  // samples that the last file of layers holds
+};
+Frame frame;
+
+Json OptionsOf(const Checkpoint& head) {
+  return Json::parse(head.options.empty() ? "{}" : head.options, nullptr, false);
+}
+
+PixelWindow DisplayOf(const FramePlan& plan) { return {0, 0, plan.width, plan.height}; }
+PixelWindow RegionOf(const FramePlan& plan) { return {plan.left, plan.top, plan.right, plan.bottom}; }
+
+std::string UserName() {
+  const passwd* entry = getpwuid(getuid());
+  return entry == nullptr ? "" : entry->pw_name;
+}
+
+void AddDate(LayeredPicture& picture) {
+  const std::time_t now = std::time(nullptr);
+  std::tm local = {};
+  localtime_r(&now, &local);
+  char text[32];
+  SetAttribute(picture, "capDate",
+               std::string(text, std::strftime(text, sizeof text, "%Y:%m:%d %H:%M:%S", &local)));
+  SetAttribute(picture, "utcOffset", static_cast<float>(-local.tm_gmtoff));
+}
+
+void AddCameraFacts(const Json& facts, LayeredPicture& picture) {
+  for (const char* name : {"worldToCamera", "worldToNDC"}) {
+    if (!facts.contains(name)) continue;
+    std::array<float, 16> matrix = {};
+    for (std::size_t i = 0; i < matrix.size(); ++i) matrix[i] = facts[name].at(i);
+    SetAttribute(picture, name, matrix);
+  }
+  if (facts.contains("fieldOfView"))
+    SetAttribute(picture, "zephlore:fieldOfView", facts["fieldOfView"].get<float>());
+}
+
+void AddAttributes(LayeredPicture& picture) {
+  const Json options = OptionsOf(frame.head);
+  AddCameraFacts(options.value("facts", Json::object()), picture);
+  AddDate(picture);
+  SetAttribute(picture, "owner", UserName());
+  const std::string scene = std::filesystem::path(options.value("scene", "")).filename().string();
+  SetAttribute(picture, "comments", "zephlore " ZP_VERSION + (scene.empty() ? "" : ", scene " + scene));
+  SetAttribute(picture, "zephlore:version", std::string(ZP_VERSION));
+  SetAttribute(picture, "zephlore:seed", std::to_string(frame.head.plan.seed));
+  SetAttribute(picture, "zephlore:passes", frame.passes());
+  SetAttribute(picture, "zephlore:seconds", frame.seconds());
+  SetAttribute(picture, "zephlore:sceneHash", SceneHash(frame.head.files, frame.head.plan.format));
+}
+
+std::string WriteAll(const Aov& beauty) {
+  const FrameSource source = frame.source();
+  frame.written = CountSamples(frameState);
+  std::size_t held = 0;
+  std::string reason;
+  try {
+    LayeredPicture picture = MakeFrameLayers(source);
+    AddAttributes(picture);
+    reason = WriteLayers(beauty.image.fileName, picture, &held, true);
+  } catch (const std::bad_alloc&) {
+    reason = "not enough memory";
+  }
+  WithRecord([held](RunRecord& record) {
+    if (!record.frames.empty()) record.frames.back().held = held;
+  });
+  return reason;
+}
+
+// Numbers that are no light, as the file can hold them.
+std::string WriteOne(const Aov& aov) {
+  const FrameSource source = frame.source();
+  const auto found = std::find_if(source.aovs.begin(), source.aovs.end(),
+                                  [&](const Aov* other) { return other->layer == aov.layer; });
+  if (found == source.aovs.end()) return "the layer is gone";
+  LayeredPicture picture = MakeFrameLayer(source, static_cast<std::size_t>(found - source.aovs.begin()));
+  picture.isEncoded = KeepsBytes(aov.image.fileName);
+  const float most = aov.image.fileName.ends_with(".pfm") ? HUGE_VALF : kFarthest / 4;
+  for (float& number : picture.layers[0].numbers) {
+    if (picture.isEncoded && aov.channel == kChannelFacing) number = 0.5f + 0.5f * number;
+    number = std::min(number, most);
+  }
+  return WriteLayers(aov.image.fileName, picture);
+}
+
+std::string WriteFrame(const Aov& aov) {
+  const std::string reason = aov.mean ? WriteAll(aov) : WriteOne(aov);
+  KeepSave(aov.image.fileName, reason);
+  return reason;
+}
+
+// Camera space: right, up, and forward along the view axis. Vectors stand before their matrices.
+std::array<float, 16> WorldToCamera(const CameraPose& pose) {
+  const Vec3 axes[3] = {pose.right, pose.up, pose.forward};
+  std::array<float, 16> m = {};
+  for (std::size_t column = 0; column < 3; ++column) {
+    for (int row = 0; row < 3; ++row) m[static_cast<std::size_t>(4 * row) + column] = axes[column][row];
+    m[12 + column] = -Dot(axes[column], pose.position);
+  }
+  m[15] = 1;
+  return m;
+}
+
+// (0, 0) is the upper left corner of the picture, (1, 1) the lower right one, behind the division by w.
+std::array<float, 16> WorldToScreen(const Camera& camera, const CameraPose& pose) {
+  const std::array<float, 16> view = WorldToCamera(pose);
+  const float x = pose.focalLength / static_cast<float>(camera.width);
+  const float y = -pose.focalLength / static_cast<float>(camera.height);
+  std::array<float, 16> m = {};
+  for (std::size_t row = 0; row < 4; ++row) {
+    const float *from = &view[4 * row], z = from[2];
+    const float to[4] = {x * from[0] + 0.5f * z, y * from[1] + 0.5f * z, row == 3 ? z - 1 : z, z};
+    std::copy_n(to, 4, &m[4 * row]);
+  }
+  return m;
+}
+
+void NameAllLightLayers(Camera& camera) {
+  for (std::size_t i = 0; i < pointLights.size(); ++i)
+    NameLightLayers(camera, pointLights[i].aovs, "point" + std::to_string(i));
+  for (std::size_t i = 0; i < parallelLights.size(); ++i)
+    NameLightLayers(camera, parallelLights[i].aovs, "parallel" + std::to_string(i));
+  NameLightLayers(camera, skyLight.aovs, "sky");
+  NameLightLayers(camera, geometryLight.aovs, "geometry");
+}
+
+bool IsDivided(const Aov& aov) {
+  const LayerRow* row = FindLayerRowOf(aov.layer);
+  return row != nullptr && row->channel == aov.channel && (row->ofHits || aov.channel == kChannelSamples);
+}
+
+// Where the beauty's format holds one picture, layers go to files of their own.
+void NameBesideBeauty(Aov& aov, const std::string& beauty) {
+  if (beauty.empty()) return;
+  aov.image.fileName = NameBeside(beauty, aov.layer);
+  aov.withLayers = IsDivided(aov);
+}
+
+FrameSource LiveSource() {
+  FrameSource source;
+  Camera& camera = At(cameras, frame.head.plan.camera);
+  VisitFrameAovs(camera, [&source](const Aov& aov) { source.aovs.push_back(&aov); });
+  source.picture = [aovs = source.aovs](std::size_t i) { return FinishedPicture(*aovs[i], frameState); };
+  source.samples = [](int x, int y) { return SamplesOf(frameState, x, y); };
+  source.display = DisplayOf(frame.head.plan);
+  source.region = RegionOf(frame.head.plan);
+  source.floats = OptionsOf(frame.head).value("float", false);
+  return source;
+}
+
+}  // namespace
+
+bool HoldsLayers(const std::string& name) {
+  const std::string extension = std::filesystem::path(name).extension().string();
+  return extension == ".exr" || extension == ".EXR";
+}
+
+std::string LayerObstacle(const std::string& word) {
+  constexpr std::string_view kLater[] = {"object", "shader", "lights", "variance", "half0", "half1"};
+  if (std::find(std::begin(kLater), std::end(kLater), word) != std::end(kLater))
+    return "the layer '" + word + "' is not there in this version";
+  std::vector<std::string_view> words;
+  for (const LayerRow& row : kLayerRows) words.push_back(row.word);
+  for (const ChannelWord& row : kChannelWords)
+    if (FindLayerRow(row.word) == nullptr) words.push_back(row.word);
+  if (std::find(words.begin(), words.end(), word) != words.end()) return {};
+  const std::string_view nearest = NearestWord(word, words);
+  std::string all;
+  for (const std::string_view known : words) all += (all.empty() ? "" : ", ") + std::string(known);
+  return "there is no layer '" + word +
+         (nearest.empty() ? "' (there are " + all + ")" : "', did you mean '" + std::string(nearest) + "'?");
+}
+
+bool WantsLayers(const RenderOptions& options) {
+  return options.layers || options.passes || !options.aov.empty() || HoldsLayers(options.output);
+}
+
+void AskForLayers(const RenderOptions& options, std::size_t index) {
+  if (!WantsLayers(options)) return;
+  Camera& camera = cameras[index];
+  AddLayers(camera, options.aov);
+  NameAllLightLayers(camera);
+  Aov& beauty = camera.aovs.front();
+  const std::string& name = beauty.image.fileName;
+  if (HoldsLayers(name)) {
+    beauty.withLayers = !options.output.empty() || !options.aov.empty();
+    return;
+  }
+  for (const std::string& word : options.aov) {
+    const LayerRow* row = FindLayerRow(word);
+    const std::string layer = row == nullptr ? word : std::string(row->layer);
+    for (Aov& aov : camera.aovs)
+      if (aov.layer == layer) NameBesideBeauty(aov, name);
+  }
+}
+
+std::string WithCameraFacts(const std::string& options, const Camera& camera) {
+  const CameraPose pose = CameraAtTime(camera, 0.5f);
+  const auto isFinite = [](const std::array<float, 16>& m) {
+    return std::all_of(m.begin(), m.end(), [](float number) { return std::isfinite(number); });
+  };
+  Json all = Json::parse(options), facts = Json::object();
+  const std::array<float, 16> view = WorldToCamera(pose), screen = WorldToScreen(camera, pose);
+  if (isFinite(view)) facts["worldToCamera"] = view;
+  if (camera.projection == Projection::kPerspective && isFinite(screen)) facts["worldToNDC"] = screen;
+  if (camera.projection == Projection::kPerspective && std::isfinite(pose.fieldOfView))
+    facts["fieldOfView"] = pose.fieldOfView;
+  all["facts"] = facts;
+  return all.dump();
+}
+
+void WriteFramesWithLayers(const Checkpoint& base, std::function<double()> seconds) {
+  frame = {base, std::move(seconds), LiveSource, nullptr};
+  frame.passes = [] {
+    const std::uint32_t next = settings.frame.passIndex, begin = PassesToRender().begin;
+    return static_cast<std::int32_t>(next - std::min(next, begin));
+  };
+  layerWriter = WriteFrame;
+}
+
+void FinishLayers() {
+  Camera& camera = At(cameras, settings.frame.activeCamera);
+  Aov& beauty = camera.aovs.front();
+  const double seconds = frame.seconds();
+  const std::int32_t passes = frame.passes();
+  frame.seconds = [seconds] { return seconds; };
+  frame.passes = [passes] { return passes; };
+  if (!beauty.withLayers) return;
+  const std::uint64_t samples = CountSamples(frameState);
+  if (samples > 0 && frame.written != samples && IsSaved(beauty)) SaveAov(beauty);
+  beauty.image.fileName.clear();  // the lights' layers are gone when cameras are written once more
+}
+
+void WriteMergeWithLayers(MergedFrame& merged, const std::string& output) {
+  std::vector<Aov>& aovs = merged.head.aovs;
+  aovs.front().withLayers = HoldsLayers(output);
+  for (Aov& aov : aovs)
+    if (!HoldsLayers(output) && !aov.layer.empty() && !aov.ofLight) NameBesideBeauty(aov, output);
+  frame = {merged.head, [&merged] { return merged.head.seconds; }, nullptr, nullptr};
+  frame.passes = [&merged] {
+    std::uint32_t passes = 0;
+    for (const PassRange range : merged.head.whole) passes += range.end - range.begin;
+    return static_cast<std::int32_t>(passes);
+  };
+  frame.source = [&merged] {
+    FrameSource source;
+    for (const Aov& aov : merged.head.aovs) source.aovs.push_back(&aov);
+    source.picture = [&merged](std::size_t i) { return MergedPicture(merged, i); };
+    const FramePlan& plan = merged.head.plan;
+    source.samples = [&merged, width = static_cast<std::size_t>(plan.width)](int x, int y) {
+      return merged.samples[static_cast<std::size_t>(y) * width + static_cast<std::size_t>(x)];
+    };
+    source.display = DisplayOf(plan);
+    source.region = RegionOf(plan);
+    source.floats = OptionsOf(merged.head).value("float", false);
+    return source;
+  };
+  layerWriter = WriteFrame;
+}
+
+}  // namespace zp

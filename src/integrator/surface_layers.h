@@ -1,0 +1,32 @@
+// integrator/surface_layers.h: what camera rays leave in the layers of a frame that no other image has;
+// private to this folder.
+
+#pragma once
+
+#include "core/ray.h"
+#include "imaging/imaging.h"
+#include "shading/shading.h"
+
+namespace zp {
+
+// The camera's AOVs that want them, null without; and what all samples of the pass share.
+struct LayerTargets {
+  bool any = false;
+  Aov *cover = nullptr, *view = nullptr, *facing = nullptr, *motion = nullptr, *albedo = nullptr;
+  const Camera* camera = nullptr;
+  CameraPose pose;  // at the pass's time
+  float time = 0;   // where what moves stands: 0 when the shutter opens, 1 when it closes
+};
+extern LayerTargets layerTargets;
+
+// Before the threads of a pass begin.
+void FindLayerTargets(Camera& camera, const CameraPose& pose, std::uint32_t pass);
+
+// Of a ray that came by mirrors and glass alone. A hit is to be told before the thread's next Trace, with its
+// elements tested.
+void WriteHitLayers(const RayRecord& ray, const ShadingPoint& point);
+void WriteMissLayers(const RayRecord& ray);
+// A hit that has nothing to show hides what is behind it all the same.
+void WriteEmptyHitLayers(const RayRecord& ray);
+
+}  // namespace zp

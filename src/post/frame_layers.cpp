@@ -1,0 +1,114 @@
+#include "post/frame_layers.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "imaging/frame_layers.h"
+
+namespace zp {
+namespace {
+
+// Samples of each pixel of the region: all, those with a surface to show, and those that hit anything.
+struct Counts {
+  std::vector<float> samples, hits, covered;
+};
+
+template <class Visit>
+void ForEachPixel(const FrameSource& frame, const Visit& visit) {
+  const PixelWindow& region = frame.region;
+  const auto width = static_cast<std::size_t>(frame.display.Width());
+  std::size_t index = 0;
+  for (std::int32_t y = region.top; y < region.bottom; ++y)
+    for (std::int32_t x = region.left; x < region.right; ++x, ++index)
+      visit(index, static_cast<std::size_t>(y) * width + static_cast<std::size_t>(x), x, y);
+}
+
+// Shares of samples are put back to whole numbers of them, so that nothing of the division is left.
+Counts CountHits(const FrameSource& frame) {
+  Counts counts;
+  const auto cover = std::find_if(frame.aovs.begin(), frame.aovs.end(),
+                                  [](const Aov* aov) { return aov->channel == kChannelCover; });
+  const bool isKnown = cover != frame.aovs.end();
+  const ImageBuffer picture =
+      isKnown ? frame.picture(static_cast<std::size_t>(cover - frame.aovs.begin())) : ImageBuffer();
+  ForEachPixel(frame, [&](std::size_t, std::size_t pixel, int x, int y) {
+    const auto samples = static_cast<float>(frame.samples(x, y));
+    counts.samples.push_back(samples);
+    if (!isKnown) return;
+    const Vec3 share = ReadPixel(picture, pixel);
+    counts.hits.push_back(std::round(share.x * samples));
+    counts.covered.push_back(std::round(share.y * samples));
+  });
+  return counts;
+}
+
+std::vector<std::string> ChannelsOf(std::string_view letters) {
+  std::vector<std::string> channels;
+  for (const char letter : letters) channels.emplace_back(1, letter);
+  return channels;
+}
+
+Layer MakeBeauty(const FrameSource& frame, const Counts& counts) {
+  const bool hasAlpha = !counts.covered.empty();
+  Layer layer = {
+      "", ChannelsOf(hasAlpha ? "RGBA" : "RGB"), frame.floats ? LayerKind::kFloat : LayerKind::kHalf, {}};
+  const ImageBuffer picture = frame.picture(0);
+  layer.numbers.reserve(counts.samples.size() * layer.channels.size());
+  ForEachPixel(frame, [&](std::size_t index, std::size_t pixel, int, int) {
+    const Vec3 color = ReadPixel(picture, pixel);
+    for (int c = 0; c < 3; ++c) layer.numbers.push_back(color[c]);
+    const float samples = counts.samples[index];
+    if (hasAlpha) layer.numbers.push_back(samples > 0 ? counts.covered[index] / samples : 0.0f);
+  });
+  return layer;
+}
+
+//   letters  names of its channels; empty: as files of layers have them
+Layer MakeLayer(const FrameSource& frame, std::size_t number, const Counts& counts,
+                std::string_view letters = {}) {
+  const Aov& aov = *frame.aovs[number];
+  const LayerRow* row = FindLayerRowOf(aov.layer);
+  if (row != nullptr && row->channel != aov.channel) row = nullptr;
+  const bool ofHits = row != nullptr && row->ofHits && !counts.hits.empty();
+  const bool isNumber = frame.floats || (row != nullptr && row->channel != kChannelAlbedo);
+  if (letters.empty()) letters = row == nullptr ? "RGB" : row->channels;
+  Layer layer = {aov.layer, ChannelsOf(letters), isNumber ? LayerKind::kFloat : LayerKind::kHalf, {}};
+  const ImageBuffer picture = frame.picture(number);
+  const auto channels = static_cast<int>(layer.channels.size());
+  layer.numbers.reserve(counts.samples.size() * layer.channels.size());
+  const float nowhere = aov.channel == kChannelView ? std::numeric_limits<float>::infinity() : 0.0f;
+  ForEachPixel(frame, [&](std::size_t index, std::size_t pixel, int, int) {
+    Vec3 value = aov.channel == kChannelSamples ? counts.samples[index] * kWhite : ReadPixel(picture, pixel);
+    if (ofHits) {
+      const float hits = counts.hits[index], samples = counts.samples[index];
+      if (hits != samples) value *= samples / hits;  // a pixel with all of them stays to the bit
+      if (hits == 0) value = nowhere * kWhite;
+    }
+    for (int c = 0; c < channels; ++c) layer.numbers.push_back(value[c]);
+  });
+  return layer;
+}
+
+}  // namespace
+
+LayeredPicture MakeFrameLayers(const FrameSource& frame) {
+  LayeredPicture picture;
+  picture.display = frame.display;
+  picture.data = frame.region;
+  const Counts counts = CountHits(frame);
+  picture.layers.push_back(MakeBeauty(frame, counts));
+  for (std::size_t i = 1; i < frame.aovs.size(); ++i)
+    if (!frame.aovs[i]->layer.empty()) picture.layers.push_back(MakeLayer(frame, i, counts));
+  return picture;
+}
+
+LayeredPicture MakeFrameLayer(const FrameSource& frame, std::size_t aov) {
+  LayeredPicture picture;
+  picture.display = frame.display;
+  picture.data = frame.region;
+  picture.layers.push_back(MakeLayer(frame, aov, CountHits(frame), "RGB"));
+  return picture;
+}
+
+}  // namespace zp

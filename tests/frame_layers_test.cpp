@@ -1,0 +1,123 @@
+// Frames with layers: what they hold, and that whoever keeps or shares a frame keeps them.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+
+#include "post/layers.h"
+#include "program_fixture.h"
+
+namespace zp {
+namespace {
+
+class FrameLayers : public ProgramTest {
+ protected:
+  static constexpr char kAll[] =
+      " --sample 8 --seed 3 --float --aov normal,depth,position,uv,motion,albedo,samples,lambertian ";
+
+  // The camera goes by one unit to the right, five units before the square.
+  void SetUp() override {
+    ProgramTest::SetUp();
+    WriteScene("resolution 32 16\npose\nposition -1 -5 0\ntarget -1 0 0\nup_vector 0 0 1\nend\n", false);
+    WriteFile(root / "scene/light/b.zp",
+              "parallel_light\ndirection 0 1 0\naov\ntype \"lambertian\"\nend\nend\n");
+  }
+  LayeredPicture Read(const std::string& name) const {
+    LayeredPicture picture;
+    EXPECT_EQ(ReadLayers(work / name, picture), "") << name;
+    return picture;
+  }
+  // Of the first layer's channel at a pixel.
+  static float At(const LayeredPicture& picture, const std::string& layer, std::size_t channel, int x,
+                  int y) {
+    const Layer* found = FindLayer(picture, layer);
+    if (found == nullptr) return std::nanf("");
+    const PixelWindow& data = picture.data;
+    const auto pixel = static_cast<std::size_t>((y - data.top) * data.Width() + x - data.left);
+    return found->numbers[pixel * found->channels.size() + channel];
+  }
+  static void ExpectSame(const LayeredPicture& a, const LayeredPicture& b, float tolerance) {
+    ASSERT_EQ(a.layers.size(), b.layers.size());
+    for (std::size_t i = 0; i < a.layers.size(); ++i)
+      for (std::size_t k = 0; k < a.layers[i].numbers.size(); ++k) {
+        const float x = a.layers[i].numbers[k], y = b.layers[i].numbers[k];
+        ASSERT_TRUE(x == y || std::fabs(x - y) <= tolerance)
+            << a.layers[i].name << ' ' << k << ' ' << x << ' ' << y;
+      }
+  }
+};
+
+TEST_F(FrameLayers, HoldWhatTheCameraSees) {
+  const float motion = -16 / std::tan(30 * kPi / 180) / 5;  // pixels
+  for (const char* format : {"1", "2"}) {
+    const std::string words = "render ../scene --quiet --format " + std::string(format) + kAll;
+    ASSERT_EQ(Run(words + "--output a.exr --transparent-sky").status, 0);
+    const LayeredPicture picture = Read("a.exr");
+    const struct {
+      const char* layer;
+      std::size_t channel;
+      float square, sky;
+    } cases[] = {{"", 3, 1, 0},
+                 {"", 0, NAN, 0},
+                 {"N", 0, 0, 0},
+                 {"N", 1, -1, 0},
+                 {"Z", 0, 5, HUGE_VALF},
+                 {"P", 1, 0, 0},
+                 {"motion", 0, motion, 0},
+                 {"motion", 1, 0, 0},
+                 {"albedo", 1, 0.5f, 0},
+                 {"samples", 0, 8, 8},
+                 {"uv", 0, 0, 0},
+                 {"aov_parallel0", 2, 0.3f, 0}};
+    for (const auto& row : cases) {
+      const float seen = At(picture, row.layer, row.channel, 27, 8);
+      EXPECT_TRUE(std::isnan(row.square) || std::fabs(seen - row.square) < 2e-4f) << row.layer << ' ' << seen;
+      EXPECT_EQ(At(picture, row.layer, row.channel, 1, 8), row.sky) << row.layer << format;
+    }
+    // A pixel that the edge of the square goes through has the depth of the square and a part of its alpha.
+    EXPECT_NEAR(At(picture, "Z", 0, 17, 8), 5, 1e-4f);
+    EXPECT_GT(At(picture, "", 3, 17, 8), 0);
+    EXPECT_LT(At(picture, "", 3, 17, 8), 1);
+
+    ASSERT_EQ(Run(words + "--output b.exr --transparent-sky --region 10,2,30,9").status, 0);
+    const LayeredPicture crop = Read("b.exr");
+    EXPECT_EQ(crop.data, (PixelWindow{10, 2, 30, 9}));
+    EXPECT_EQ(crop.display, picture.display);
+    EXPECT_EQ(At(crop, "lambertian", 1, 28, 8), At(picture, "lambertian", 1, 28, 8));
+
+    ASSERT_EQ(Run(words + "--output c.pfm").status, 0);
+    EXPECT_EQ(At(Read("c.depth.pfm"), "", 0, 27, 8), At(picture, "Z", 0, 27, 8));
+    EXPECT_EQ(At(Read("c.normal.pfm"), "", 1, 27, 8), At(picture, "N", 1, 27, 8));
+    EXPECT_NE(At(Read("c.pfm"), "", 0, 1, 8), 0) << "the sky";
+  }
+}
+
+TEST_F(FrameLayers, AreKeptSharedAndMerged) {
+  const std::string words = "render ../scene --quiet --format 2" + std::string(kAll);
+  ASSERT_EQ(Run(words + "--output a.exr").status, 0);
+  const LayeredPicture whole = Read("a.exr");
+  for (const char* passes : {"0:3", "3:8"})
+    ASSERT_EQ(Run(words + "--passes " + passes + " --checkpoint " + passes[0] + ".zpc").status, 0);
+  ASSERT_EQ(Run("merge b.exr 3.zpc 0.zpc").status, 0);
+  ExpectSame(whole, Read("b.exr"), 1e-5f);
+  ASSERT_EQ(Run("merge c.zpc 0.zpc").status, 0);
+  ASSERT_EQ(Run("render --quiet --resume c.zpc --output d.exr").status, 0);
+  ExpectSame(whole, Read("d.exr"), 1e-5f);
+  const AttributeValue* passes = FindAttribute(whole, "zephlore:passes");
+  ASSERT_NE(passes, nullptr);
+  EXPECT_EQ(std::get<std::int32_t>(*passes), 8);
+  EXPECT_NE(FindAttribute(whole, "worldToNDC"), nullptr);
+
+  const std::pair<const char*, const char*> wrong[] = {
+      {"norml", "did you mean 'normal'?"}, {"depth,shader", "'shader' is not there in this version"}};
+  for (const auto& [word, reason] : wrong) {
+    const Outcome outcome = Run("render ../scene --aov " + std::string(word));
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_NE(outcome.errors.find(reason), std::string::npos) << outcome.errors;
+  }
+}
+
+}  // namespace
+}  // namespace zp
