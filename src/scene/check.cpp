@@ -441,7 +441,7 @@ void CheckOutputs(SceneNotes& notes) {
   for (const NotedAov& noted : notes.aovs) {
     const std::string& name = noted.aov.image.fileName;
     if (name.empty()) {
-      Find(notes, noted.place, FindingCode::kUnwrittenAov, "an AOV without an image is not written");
+      Find(notes, noted.place, FindingCode::kUnwrittenAov, "an AOV without an image is written in a file of layers alone (render --output NAME.exr)");
       continue;
     }
     // In format 2 only the rendered camera writes: the others may use the same names.
