@@ -49,8 +49,12 @@ std::string ImageObstacle(const Checkpoint& head) {
 
 int SaveImages(const MergedFrame& frame) {
   for (std::size_t i = 0; i < frame.head.aovs.size(); ++i) {
-    if (frame.head.aovs[i].image.fileName.empty() || frame.sums[i].empty()) continue;
-    SavePicture(frame.head.aovs[i], MergedPicture(frame, i));
+    const Aov& aov = frame.head.aovs[i];
+    if (aov.image.fileName.empty() || frame.sums[i].empty()) continue;
+    if (aov.withLayers)
+      SaveAov(aov);
+    else
+      SavePicture(aov, MergedPicture(frame, i));
   }
   const std::vector<SaveFailure> failed = TakeFailedSaves();
   return failed.empty() ? kExitDone
