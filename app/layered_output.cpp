@@ -16,6 +16,7 @@
 #include "imaging/frame_state.h"
 #include "integrator/integrator.h"
 #include "lights/lights.h"
+#include "post/denoise.h"
 #include "post/frame_layers.h"
 #include "run_log.h"
 
@@ -31,8 +32,15 @@ struct Frame {
   std::function<FrameSource()> source;
   std::function<std::int32_t()> passes;
   std::uint64_t written = 0;  // samples that the last file of layers holds
+  std::vector<std::string> halfLayers = {};
+  bool denoises = false;  // the next file
 };
 Frame frame;
+
+constexpr std::string_view kHalfLayers[] = {"half0", "half1", "variance"};
+bool IsHalfLayer(std::string_view word) {
+  return std::find(std::begin(kHalfLayers), std::end(kHalfLayers), word) != std::end(kHalfLayers);
+}
 
 Json OptionsOf(const Checkpoint& head) {
   return Json::parse(head.options.empty() ? "{}" : head.options, nullptr, false);
@@ -88,6 +96,7 @@ std::string WriteAll(const Aov& beauty) {
   std::string reason;
   try {
     LayeredPicture picture = MakeFrameLayers(source);
+    if (frame.denoises && MissingForDenoise(picture).empty()) Denoise(picture, {});
     AddAttributes(picture);
     reason = WriteLayers(beauty.image.fileName, picture, &held, true);
   } catch (const std::bad_alloc&) {
@@ -177,10 +186,30 @@ FrameSource LiveSource() {
   source.display = DisplayOf(frame.head.plan);
   source.region = RegionOf(frame.head.plan);
   source.floats = OptionsOf(frame.head).value("float", false);
+  source.halfLayers = frame.halfLayers;
+  source.half = [&camera](int x, int y, int half) {
+    return HalfPixel(camera.aovs.front(), frameState, x, y, static_cast<std::uint32_t>(half));
+  };
   return source;
 }
 
 }  // namespace
+
+bool HasHalfLayers(const RenderOptions& options) {
+  return std::any_of(options.aov.begin(), options.aov.end(), IsHalfLayer);
+}
+
+std::string SettleHalfLayers(RenderOptions& options) {
+  for (const char* word : {"albedo", "normal", "depth", "half0", "half1"})
+    if ((options.denoise || options.denoiseLayers) &&
+        std::find(options.aov.begin(), options.aov.end(), word) == options.aov.end())
+      options.aov.push_back(word);
+  if (!HasHalfLayers(options)) return {};
+  if (options.passes) return "--passes cannot keep half sets of passes";
+  return HoldsLayers(options.output)
+             ? ""
+             : "half sets of passes are layers of a file: --output FILE.exr is missing";
+}
 
 bool HoldsLayers(const std::string& name) {
   const std::string extension = std::filesystem::path(name).extension().string();
@@ -188,10 +217,10 @@ bool HoldsLayers(const std::string& name) {
 }
 
 std::string LayerObstacle(const std::string& word) {
-  constexpr std::string_view kLater[] = {"object", "shader", "lights", "variance", "half0", "half1"};
+  constexpr std::string_view kLater[] = {"object", "shader", "lights"};
   if (std::find(std::begin(kLater), std::end(kLater), word) != std::end(kLater))
     return "the layer '" + word + "' is not there in this version";
-  std::vector<std::string_view> words;
+  std::vector<std::string_view> words(std::begin(kHalfLayers), std::end(kHalfLayers));
   for (const LayerRow& row : kLayerRows) words.push_back(row.word);
   for (const ChannelWord& row : kChannelWords)
     if (FindLayerRow(row.word) == nullptr) words.push_back(row.word);
@@ -241,8 +270,10 @@ std::string WithCameraFacts(const std::string& options, const Camera& camera) {
   return all.dump();
 }
 
-void WriteFramesWithLayers(const Checkpoint& base, std::function<double()> seconds) {
+void WriteFramesWithLayers(const RenderOptions& options, const Checkpoint& base,
+                           std::function<double()> seconds) {
   frame = {base, std::move(seconds), LiveSource, nullptr};
+  std::copy_if(options.aov.begin(), options.aov.end(), std::back_inserter(frame.halfLayers), IsHalfLayer);
   frame.passes = [] {
     const std::uint32_t next = settings.frame.passIndex, begin = PassesToRender().begin;
     return static_cast<std::int32_t>(next - std::min(next, begin));
@@ -250,7 +281,7 @@ void WriteFramesWithLayers(const Checkpoint& base, std::function<double()> secon
   layerWriter = WriteFrame;
 }
 
-void FinishLayers() {
+void FinishLayers(bool denoises) {
   Camera& camera = At(cameras, settings.frame.activeCamera);
   Aov& beauty = camera.aovs.front();
   const double seconds = frame.seconds();
@@ -259,7 +290,8 @@ void FinishLayers() {
   frame.passes = [passes] { return passes; };
   if (!beauty.withLayers) return;
   const std::uint64_t samples = CountSamples(frameState);
-  if (samples > 0 && frame.written != samples && IsSaved(beauty)) SaveAov(beauty);
+  frame.denoises = denoises;
+  if (samples > 0 && (frame.written != samples || denoises) && IsSaved(beauty)) SaveAov(beauty);
   beauty.image.fileName.clear();  // the lights' layers are gone when cameras are written once more
 }
 

@@ -210,7 +210,7 @@ int RenderFrame(const RenderOptions& options, std::vector<SceneFile> files, Chec
   BeginPageFrame();
   FrameKeeper keeper(
       {options.saveEvery.value_or(kSaveEvery), options.checkpoint, options.noise, options.time}, base);
-  WriteFramesWithLayers(base, [&keeper] { return keeper.Seconds(); });
+  WriteFramesWithLayers(options, base, [&keeper] { return keeper.Seconds(); });
   const auto standing = [&] {
     return FrameStanding{keeper.Seconds(), keeper.Error(), options.time, options.noise};
   };
@@ -232,7 +232,7 @@ int RenderFrame(const RenderOptions& options, std::vector<SceneFile> files, Chec
       first > 0 && (!keeper.HasTimeLeft() || (resumesWhole && keeper.HasReachedNoise(first)));
   RenderLoop(first);
   frameObserver = {};
-  FinishLayers();
+  FinishLayers(options.denoise && !Stopping());
   EndFrame(standing());
   EndPageFrame();
   if (Stopping() && CountSamples(frameState) > 0) keeper.SaveCheckpoint();
@@ -361,10 +361,11 @@ int RunRender(const RenderOptions& given) {
     return Fail("--checkpoint keeps one camera, not all", kExitUsage);
   if (const std::string reason = ChooseShare(options, resumes ? &resumed : nullptr); !reason.empty())
     return Fail(reason, kExitUsage);
+  if (const std::string reason = SettleHalfLayers(options); !reason.empty()) return Fail(reason, kExitUsage);
   if ((!options.checkpoint.empty() || !options.report.empty() || WantsLayers(options)) && !options.seed)
     options.seed = DrawSeed();
   if ((options.time || options.noise) && !options.sample && !options.passes) options.sample = kMostSamples;
-  settings.said.halfSets = options.noise.has_value();
+  settings.said.halfSets = options.noise.has_value() || HasHalfLayers(options);
   std::error_code error;
   if (!std::filesystem::is_directory(options.scene, error))
     return Fail("there is no scene folder '" + options.scene + "'");

@@ -41,6 +41,7 @@ std::string KeptOptions(const RenderOptions& options) {
                {"aov", options.aov},
                {"float", options.floats},
                {"layers", WantsLayers(options)},
+               {"denoise", options.denoise},
                {"transparent-sky", options.transparentSky}};
   VisitKept(options, [&](const char* name, const auto& member) {
     if (member) kept[name] = *member;
@@ -71,6 +72,7 @@ void TakeKeptOptions(const Checkpoint& checkpoint, RenderOptions& options) {
   if (options.camera.empty()) options.camera = kept.value("camera", "");
   options.linear = options.linear || kept.value("linear", false);
   if (options.aov.empty()) options.aov = kept.value("aov", options.aov);
+  options.denoise = options.denoise || kept.value("denoise", false);
   options.floats = options.floats || kept.value("float", false);
   options.layers = kept.value("layers", false);
   options.transparentSky = options.transparentSky || kept.value("transparent-sky", false);

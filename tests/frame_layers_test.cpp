@@ -110,6 +110,20 @@ TEST_F(FrameLayers, AreKeptSharedAndMerged) {
   EXPECT_EQ(std::get<std::int32_t>(*passes), 8);
   EXPECT_NE(FindAttribute(whole, "worldToNDC"), nullptr);
 
+  // The half sets are the picture, and what is denoised keeps them and its layers.
+  const std::string few =
+      "render ../scene --quiet --format 2 --sample 8 --resolution 32x18 --seed 1 --float ";
+  ASSERT_EQ(Run(few + "--aov half0,half1 --denoise-layers --output h.exr").status, 0);
+  ASSERT_EQ(Run(few + "--denoise --output i.exr").status, 0);
+  const LayeredPicture noisy = Read("h.exr"), smooth = Read("i.exr");
+  for (const int x : {1, 17, 27}) {
+    EXPECT_NEAR(At(noisy, "", 0, x, 8), 0.5f * (At(noisy, "half0", 0, x, 8) + At(noisy, "half1", 0, x, 8)),
+                1e-5f);
+    EXPECT_EQ(At(noisy, "half1", 0, x, 8), At(smooth, "half1", 0, x, 8));
+  }
+  EXPECT_NE(FindAttribute(smooth, "zephlore:denoised"), nullptr);
+  EXPECT_EQ(Run(few + "--denoise --output i.png").status, 2);
+
   const std::pair<const char*, const char*> wrong[] = {
       {"norml", "did you mean 'normal'?"}, {"depth,shader", "'shader' is not there in this version"}};
   for (const auto& [word, reason] : wrong) {

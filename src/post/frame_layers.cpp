@@ -90,6 +90,20 @@ Layer MakeLayer(const FrameSource& frame, std::size_t number, const Counts& coun
   return layer;
 }
 
+// Of the pixel's mean: the two halves are as many samples each, so that half their difference is its
+// deviation.
+Layer MakeHalfLayer(const FrameSource& frame, const std::string& name) {
+  const bool isVariance = name == "variance";
+  Layer layer = {
+      name, ChannelsOf("RGB"), isVariance || frame.floats ? LayerKind::kFloat : LayerKind::kHalf, {}};
+  ForEachPixel(frame, [&](std::size_t, std::size_t, int x, int y) {
+    const Vec3 deviation = 0.5f * (frame.half(x, y, 0) - frame.half(x, y, 1));
+    const Vec3 value = isVariance ? deviation * deviation : frame.half(x, y, name == "half1" ? 1 : 0);
+    for (int c = 0; c < 3; ++c) layer.numbers.push_back(value[c]);
+  });
+  return layer;
+}
+
 }  // namespace
 
 LayeredPicture MakeFrameLayers(const FrameSource& frame) {
@@ -100,6 +114,7 @@ LayeredPicture MakeFrameLayers(const FrameSource& frame) {
   picture.layers.push_back(MakeBeauty(frame, counts));
   for (std::size_t i = 1; i < frame.aovs.size(); ++i)
     if (!frame.aovs[i]->layer.empty()) picture.layers.push_back(MakeLayer(frame, i, counts));
+  for (const std::string& name : frame.halfLayers) picture.layers.push_back(MakeHalfLayer(frame, name));
   return picture;
 }
 

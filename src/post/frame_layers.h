@@ -18,6 +18,9 @@ struct FrameSource {
   std::function<std::uint32_t(int, int)> samples;   // of the pixel at (x, y)
   PixelWindow display, region;                      // all pixels; those that are rendered
   bool floats = false;                              // 32 bits for all layers
+  // Of the half sets of passes, where they are kept apart: "half0", "half1", "variance"; and a pixel of one.
+  std::vector<std::string> halfLayers = {};
+  std::function<Vec3(int, int, int)> half = {};
 };
 
 // The beauty with its alpha, which is the share of the samples that hit anything, and every AOV that is named
