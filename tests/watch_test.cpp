@@ -127,11 +127,11 @@ TEST_F(Watching, StopsAreReported) {
     if (twice) child.Send(SIGTERM);
     const int status = child.ExitStatus();
     const std::vector<Json> lines = Lines(child.Errors());
-    const Json reason = Report().at("failure").at("text");
-    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [&](const Json& line) {
-      return line.value("text", "") == reason;
-    })) << reason;
-    if (twice) continue;  // which of the two ends it is a matter of chance
+    const std::string reason = Report().at("failure").at("text");
+    if (twice) {  // which of the two ends it, and what it still says, is a matter of chance
+      EXPECT_TRUE(reason.starts_with("stopped") || reason.starts_with("ended by a second")) << reason;
+      continue;
+    }
     EXPECT_EQ(reason, lines.back().at("text"));
     EXPECT_EQ(status, 1);
     EXPECT_EQ(lines.back().at("code"), "stopped");
