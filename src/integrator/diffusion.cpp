@@ -74,6 +74,7 @@ RayRecord WithHitOf(const RayRecord& ray, const RayRecord& probe) {
   exitRay.kind = probe.kind;
   exitRay.shader = probe.shader;
   exitRay.barycentric = probe.barycentric;
+  exitRay.product = probe.product;
   exitRay.hitMatrixDepth = probe.hitMatrixDepth;
   return exitRay;
 }

@@ -98,7 +98,6 @@ struct Wants {
 LocalSurface SurfaceOf(const RayRecord& ray, Wants wants) {
   const Part& part = *ray.part;
   const auto index = static_cast<std::uint32_t>(ray.primitive);
-  const bool wantsTangent = wants.tangent;
   LocalSurface surface;
   if (!wants.tangent && !wants.uv && GoesWithoutVertices(ray))
     surface.corners = {{}, {ray.barycentric.x, ray.barycentric.y, ray.barycentric.z, 0}, 3};
@@ -108,11 +107,11 @@ LocalSurface SurfaceOf(const RayRecord& ray, Wants wants) {
     case kKindTriangle:
       surface.faceNormal =
           ray.product == kBlack ? TriangleNormal(part, surface.corners) : MadeUnit(ray.product);
-      SumCorners(ray, wantsTangent, surface);
+      SumCorners(ray, wants.tangent, surface);
       break;
     case kKindTetragon:
       surface.faceNormal = TetragonNormal(part, surface.corners);
-      SumCorners(ray, wantsTangent, surface);
+      SumCorners(ray, wants.tangent, surface);
       break;
     case kKindParticle:
       surface.faceNormal = UnitVector(ray.barycentric);  // from the centre
