@@ -10,6 +10,7 @@
 #include "geometry/geometry.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
+#include "integrator/light_shares.h"
 #include "integrator/surface_layers.h"
 
 namespace zp {
@@ -151,7 +152,11 @@ Vec3 Radiance(RayRecord& ray) {
   if (!Trace(ray)) {
     if (showsLayers) [[unlikely]]
       WriteMissLayers(ray);
-    return settings.derived.tracksMedia ? MissRadiance(ray) * Transmission(ray) : MissRadiance(ray);
+    const Vec3 light =
+        settings.derived.tracksMedia ? MissRadiance(ray) * Transmission(ray) : MissRadiance(ray);
+    if (followsShares) [[unlikely]]
+      AddLight(ray, skyLight.groupIndex, light);
+    return light;
   }
 
   ShadingPoint point;
@@ -165,6 +170,8 @@ Vec3 Radiance(RayRecord& ray) {
   if (showsLayers) [[unlikely]]
     WriteHitLayers(ray, point);
 
+  if (followsShares) [[unlikely]]
+    EnterHit(ray, point);
   HitRadiance radiance;
   if (scatters && TakesDirectLight(ray, point)) SampleLights(ray, point, radiance.lobes);
   for (const LobeRow& row : kLobes)
@@ -178,6 +185,8 @@ Vec3 Radiance(RayRecord& ray) {
 
   Vec3 sum;
   for (const Vec3& light : radiance.lobes.values) sum += light;
+  if (followsShares) [[unlikely]]
+    LeaveHit(ray, point, sum, radiance.emission);
   sum += radiance.emission;
   return sceneHasMedia ? sum * Transmission(ray) : sum;
 }
