@@ -63,17 +63,18 @@ Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event,
     const PassShare share = ShareOf(throughput, settings.said.rendererSample);
     const std::int32_t sampleWeight = ray.sampleWeight * share.count;
     const bool diffuses = Diffuses(ray, point);
-    const bool movesShares = !CountsLostRays() && followsShares;
-    if (movesShares) MarkShares(ray);
+    if (followsShares) [[unlikely]]
+      MarkShares(ray);
     int taken = 0;
     for (std::int32_t i = 0; i < share.count && !Stopping(); ++i) {
       const std::uint32_t sample = share.Number(i);
       taken += diffuses ? AddDiffusedSample(ray, point, event, throughput, sample, sampleWeight, sum)
                         : AddDiffuseSample(ray, point, event, throughput, sample, sampleWeight, kWhite, sum);
     }
-    if (movesShares)
+    if (CountsLostRays())
+      taken = share.count;
+    else if (followsShares)
       ScaleFromMark(ray, static_cast<float>(share.count) / static_cast<float>(std::max(taken, 1)));
-    if (CountsLostRays()) taken = share.count;
     if (taken > 0) sum *= 1.0f / static_cast<float>(taken);  // a hair takes all of its share
     if (!hair) sum += GatherCaustics(ray, point, event);
   } else if (LobeRaysLeave(ray)) {
@@ -141,6 +142,7 @@ Vec3 GatherFiber(const RayRecord& ray, const ShadingPoint& point, Vec3 throughpu
 // Before the rays of a first hit.
 [[gnu::noinline]] void ForetellGlossyRays(const RayRecord& ray, const ShadingPoint& point,
                                           const PassShare& share) {
+  if (CountsLostRays()) return;
   int reflections = 0, refractions = 0;
   for (std::int32_t i = 0; i < share.count; ++i) {
     const LobeRays ways = GlossyRays(ray, point, share.Number(i));
@@ -158,7 +160,8 @@ Vec3 GatherGlossy(const RayRecord& ray, const ShadingPoint& point) {
   if (BounceCount(ray) == 0) {
     const Vec3 brightest = throughput * MaxOf(point.specularWeight, point.diffuseWeight);
     const PassShare share = ShareOf(brightest, settings.said.rendererSample);
-    if (!CountsLostRays() && followsShares) ForetellGlossyRays(ray, point, share);
+    if (followsShares) [[unlikely]]
+      ForetellGlossyRays(ray, point, share);
     for (std::int32_t i = 0; i < share.count && !Stopping(); ++i)
       AddGlossySample(ray, point, throughput, share.Number(i), ray.sampleWeight * share.count, sums);
     if (CountsLostRays()) sums.reflections = sums.refractions = share.count;

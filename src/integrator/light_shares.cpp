@@ -182,20 +182,21 @@ void EnterHit(const RayRecord& ray, const ShadingPoint& point) {
   if (IsLimited(ray, point)) Mark(SharesOf(ray));
 }
 
-void LeaveHit(const RayRecord& ray, const ShadingPoint& point, Vec3& lobes, Vec3& emission) {
+void LeaveHit(const RayRecord& ray, const ShadingPoint& point, LobeRadiance& lobes, Vec3& emission) {
   const Vec3 cells = point.useDensity ? CellLight(ray, point) : kBlack;
   const Vec3 own = emission - cells;
   if (point.useDensity) AddCells(ray, point);
   if (IsLimited(ray, point)) {
     Shares& shares = SharesOf(ray);
-    const Vec3 indirect = lobes + cells, limited = MinOf(settings.said.clampIndirect, indirect);
-    const Vec3 ratio = RatioOf(limited, indirect);
-    ScaleBack(shares, ratio);
+    Vec3 indirect = cells;
+    for (const Vec3& light : lobes.values) indirect += light;
+    const Vec3 limited = MinOf(settings.said.clampIndirect, indirect);
+    ScaleBack(shares, RatioOf(limited, indirect));
     if (limited != indirect) {
       shares.taken.any = true;
       shares.taken.light += (indirect - limited) * ShareAt(ray).light;
-      lobes = limited - cells * ratio;
-      emission = own + cells * ratio;
+      lobes = {};
+      emission = own + limited;
     }
   }
   if (own != kBlack) AddLight(ray, EmissionGroup(ray.shader), own);
@@ -217,7 +218,9 @@ void ShareWithLobe(const RayRecord& ray, const ShadingPoint& point, const RayRec
   Share(ray, child, weight * point.color[glossy ? Lobe::kGlossy : Lobe::kSpecular], count);
 }
 
-void MarkShares(const RayRecord& ray) { Mark(SharesOf(ray)); }
+void MarkShares(const RayRecord& ray) {
+  if (settings.format < 2) Mark(SharesOf(ray));
+}
 void ScaleFromMark(const RayRecord& ray, float scale) { ScaleBack(SharesOf(ray), scale * kWhite); }
 
 void CountGlossyRays(const RayRecord& ray, int reflections, int refractions) {

@@ -61,7 +61,7 @@ void AddCaustics(const RayRecord& ray, const ShadingPoint& point, Event event, s
 // At a hit that scatters, before and behind all of its light. The latter adds what the surface sends by
 // itself, of which `emission` includes what its cells answer, and limits what it receives.
 void EnterHit(const RayRecord& ray, const ShadingPoint& point);
-void LeaveHit(const RayRecord& ray, const ShadingPoint& point, Vec3& lobes, Vec3& emission);
+void LeaveHit(const RayRecord& ray, const ShadingPoint& point, LobeRadiance& lobes, Vec3& emission);
 
 // The share of a ray that leaves a hit. `weight`: what its light counts with in the lobe.
 void ShareWithDiffuse(const RayRecord& ray, const ShadingPoint& point, const RayRecord& child, Event event,
@@ -69,7 +69,7 @@ void ShareWithDiffuse(const RayRecord& ray, const ShadingPoint& point, const Ray
 void ShareWithLobe(const RayRecord& ray, const ShadingPoint& point, const RayRecord& child, Event event,
                    Vec3 weight);
 // In format 1 rays of a first hit that are not lost take over the share of those that are. Of a diffuse lobe
-// it is known behind them all: from a mark on, all is scaled.
+// it is known behind them all: from a mark on, all is scaled. Formats without marks set none.
 void MarkShares(const RayRecord& ray);
 void ScaleFromMark(const RayRecord& ray, float scale);
 // Of a glossy lobe, before: how many rays reach a side.

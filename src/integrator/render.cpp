@@ -364,14 +364,24 @@ const ImageBuffer* BeautyImage() {
   return &finished;
 }
 
-// How much of the light a limit has taken, by its mean and that of the picture.
-void PrintTaken(std::string_view name, const OddSamples& odd, Vec3 mean) {
-  if (settings.format < 2 || odd.samples == 0) return;
+// How much of the picture's light a limit has taken, by the means of both; per cent.
+float TakenShare(const OddSamples& odd, Vec3 mean) {
   const double cut = odd.taken[0] + odd.taken[1] + odd.taken[2];
   const double all =
       cut + static_cast<double>(mean.x) + static_cast<double>(mean.y) + static_cast<double>(mean.z);
-  PrintTwoValueRow(name, static_cast<float>(all > 0 ? 100 * cut / all : 0), "% of the light", "    ",
-                   static_cast<float>(odd.samples), "samples");
+  return all > 0 ? static_cast<float>(100 * cut / all) : 0.0f;
+}
+
+void PrintTaken(Vec3 mean) {
+  const FrameFaults faults = TellFaults();
+  if (settings.format >= 2 && faults.clamped.samples > 0) {
+    PrintIntegerRow("clamp cut", faults.clamped.samples, "samples");
+    PrintFloatRow("clamp took", TakenShare(faults.clamped, mean), "% of the light");
+  }
+  if (settings.format >= 2 && faults.clampedIndirect.samples > 0) {
+    PrintIntegerRow("clamp_indirect cut", faults.clampedIndirect.samples, "samples");
+    PrintFloatRow("clamp_indirect took", TakenShare(faults.clampedIndirect, mean), "% of the light");
+  }
 }
 
 void FinishFrame(const Camera& camera) {
@@ -382,9 +392,7 @@ void FinishFrame(const Camera& camera) {
   PrintRule();
   PrintVectorRow("avgerage of " + beauty.fileName, mean, "n/a");
   PrintVectorRow("variance of " + beauty.fileName, variance, "n/a");
-  const FrameFaults faults = TellFaults();
-  PrintTaken("clamp took          ", faults.clamped, mean);
-  PrintTaken("clamp_indirect took ", faults.clampedIndirect, mean);
+  PrintTaken(mean);
   PrintRule();
   const std::int64_t ticks = std::max<std::int64_t>(WallTicks() - StartOfFrames(), 0);
   PrintIntegerRow("rendering time", static_cast<std::uint64_t>(ticks / 10'000'000), "seconds");
