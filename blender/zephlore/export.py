@@ -25,11 +25,10 @@ class Shape:
 class Place:
     """A shape in the scene, where it is as the shutter opens and closes."""
 
-    def __init__(self, shape, matrix, shader=None):
+    def __init__(self, shape, matrix):
         self.shape = shape
         self.matrix = matrix
         self.end = None
-        self.shader = shader
 
 
 class Exporter:
@@ -123,9 +122,9 @@ class Exporter:
             elif obj.type in LEFT_OUT and not self.closing:
                 losses.note("%s: %s is left out" % (obj.name, LEFT_OUT[obj.type]))
 
-    def place(self, told, shape, matrix, shader=None):
+    def place(self, told, shape, matrix):
         if not self.closing:
-            self.places[told] = Place(shape, matrix, shader)
+            self.places[told] = Place(shape, matrix)
         elif told in self.places:
             self.places[told].end = matrix
 
@@ -258,16 +257,13 @@ class Exporter:
         elif not self.closing:
             {"POINT": lights.point, "SUN": lights.sun, "SPOT": lights.spot}[light.type](self.light_text, light, matrix)
 
-    def lamp_shader(self, light, color, visible):
+    def place_lamp(self, kind, matrix, light, color, visible):
+        """A lamp of its own: an instance's shader would not hide it from the camera."""
         name = self.free_name("lamp-" + light.name)
         shaders.shader_of_light(self.shader_text, name, color, visible)
-        return name
-
-    def place_lamp(self, kind, matrix, shader, light):
-        key = "lamp-" + kind
-        if key not in self.shapes:
-            self.shapes[key] = Shape(self.free_name(key), "obj", "model/%s.obj" % key)
-        self.place(self.told, self.shapes[key], matrix, shader)
+        shape = Shape(name, "obj", "model/lamp-%s.obj" % kind, name)
+        self.shapes["lamp", name] = shape
+        self.place(self.told, shape, matrix)
 
     # Files
 
@@ -291,8 +287,6 @@ class Exporter:
                     text.matrix("matrix", place.matrix)
                     if place.end is not None and place.end != place.matrix:
                         text.matrix("matrix_end", place.end)
-                    if place.shader:
-                        text.say("shader", quoted(place.shader))
 
     def write_render(self):
         text = SceneText()
@@ -301,8 +295,9 @@ class Exporter:
             if self.settings.clamp > 0:
                 text.triple("clamp", (self.settings.clamp,) * 3)
             with text.block("final_gather"):
-                text.say("bounce", self.settings.bounces)
-                text.say("ray_depth", self.settings.ray_depth)
+                least = self.settings.hair_bounces if self.shaders.has_fibers else 1
+                text.say("bounce", max(self.settings.bounces, least))
+                text.say("ray_depth", max(self.settings.ray_depth, least))
         text.save(self.folder / "render" / "render.zp")
 
 

@@ -95,9 +95,8 @@ def area(exporter, light, matrix, visible):
     if getattr(light, "spread", math.pi) < math.pi - 1e-3:
         losses.note("%s: the light spreads over the whole half sphere" % light.name)
     color = light_color(light) * light.energy / (4 * surface)
-    name = exporter.lamp_shader(light, color, visible)
     turned = matrix @ mathutils.Matrix.Diagonal((across, down, 1, 1))
-    exporter.place_lamp("disk" if round_ else "square", turned, name, light)
+    exporter.place_lamp("disk" if round_ else "square", turned, light, color, visible)
 
 
 LAMP_CORNERS = 64

@@ -265,8 +265,9 @@ def hair(reader, node, weight):
         absorption = amount * ((1 - red) * np.array([0.506, 0.841, 1.653]) + red * np.array([0.343, 0.733, 1.924]))
     else:
         absorption = values.mean(node("Absorption Coefficient"), reader.name)
-    mean_way = 1.7  # through a fibre of radius 1
-    return [Closure("fiber", values.constant(tuple(float(v) for v in np.exp(-mean_way * absorption))), weight)]
+    # In the mean over a fibre's width and inclinations, in radii; what the scene's fibres absorb by themselves is in.
+    left = np.exp(3.6 * np.array([0.01, 0.02, 0.01]) - 2.0 * absorption)
+    return [Closure("fiber", values.constant(tuple(float(v) for v in np.minimum(left, 1))), weight)]
 
 
 CLOSURES = {
@@ -371,6 +372,7 @@ class Shaders:
         self.text = text
         self.baker = baker
         self.names = {}
+        self.has_fibers = False  # light goes on through many of them
 
     def name_of(self, material, flags=(), hair=False, uv_length=1.0):
         """The shader of a material that is seen as `flags` tell. `uv_length` is the length of a texture in the scene."""
@@ -420,6 +422,7 @@ class Shaders:
         layers = layers_of(reader, closures, total)
         if reader.hair:
             clip = None
+            self.has_fibers = self.has_fibers or any("glossy" in layer.elements for layer in layers)
         for layer in layers:
             self.layer(reader, layer, len(layers) > 1, uv_length)
         if not layers and not gone:

@@ -27,6 +27,8 @@ class ZephloreSettings(bpy.types.PropertyGroup):
     bounces: IntProperty(name="Bounces", default=4, min=1, max=255, description="Diffuse and glossy bounces of a path")
     ray_depth: IntProperty(name="Ray Depth", default=16, min=1, max=255,
                            description="Rays of a path, mirrors and glass included")
+    hair_bounces: IntProperty(name="Hair Bounces", default=12, min=1, max=255,
+                              description="Bounces where there are fibres, through which light goes on and on")
     clamp: FloatProperty(name="Clamp", default=0, min=0, description="Upper limit of one sample; 0 is none")
     noise: FloatProperty(name="Noise Limit", default=0, min=0, max=1, precision=3,
                          description="Relative error at which the frame ends; 0 takes all samples")
@@ -89,7 +91,7 @@ class ZEPHLORE_PT_paths(Section, bpy.types.Panel):
 
     def draw(self, context):
         column, told = self.column(), context.scene.zephlore
-        for name in ("bounces", "ray_depth", "clamp"):
+        for name in ("bounces", "ray_depth", "hair_bounces", "clamp"):
             column.prop(told, name)
 
 
