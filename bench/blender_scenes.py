@@ -16,7 +16,7 @@ from pathlib import Path
 
 import bpy
 import numpy as np
-from mathutils import Euler, Matrix, Vector
+from mathutils import Euler, Vector
 
 ROOT = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT / "blender"))
@@ -279,4 +279,5 @@ def main():
     print("\n".join(table))
 
 
-main()
+if __name__ == "__main__":
+    main()

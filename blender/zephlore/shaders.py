@@ -213,8 +213,12 @@ def bodies(reader, node, weight, base, inside, lobe, new):
         f0 = min(((ior - 1) / (ior + 1)) ** 2 * 2 * level, 0.99)
     else:
         f0 = min(0.08 * level, 0.99)
-        # Before 4.0 reflection comes on top of the diffuse light; layers take it off that.
-        base = values.product(base, values.constant(1 / (1 - f0)))
+        if not values.is_black(inside):
+            base = values.sum_of([values.product(base, values.rest(inside)),
+                                  values.product(node("Subsurface Color"), inside)])
+        # Before 4.0 reflection comes on top of the diffuse light; layers take it off that: in the mean this much.
+        taken = f0 + (1 - f0) / 21 if f0 > 0 else 0.0
+        base = values.product(base, values.constant(1 / (1 - taken)))
     told = dict(lobe, ior=(1 + math.sqrt(f0)) / (1 - math.sqrt(f0)))
     white = values.constant((1, 1, 1))
     if not values.is_black(inside):
@@ -240,12 +244,18 @@ def shine(reader, node, found, weight):
     if values.is_black(light):
         return
     if found and all(c.kind == "coated" for c in found):
-        for closure in found:
-            f0 = ((closure.ior - 1) / (closure.ior + 1)) ** 2
-            closure.emission = values.product(light, values.constant(1 / (1 - f0)))
-        return
-    reader.adds = True
-    found.append(Closure("emission", light, weight))
+        light_up(found, light)
+    else:
+        reader.adds = True
+        found.append(Closure("emission", light, weight))
+
+
+def light_up(bodies_, light):
+    """Lets coated bodies emit light, of which their reflection takes its share off."""
+    for closure in bodies_:
+        f0 = ((closure.ior - 1) / (closure.ior + 1)) ** 2
+        told = values.product(light, values.constant(1 / (1 - f0)))
+        closure.emission = told if closure.emission is None else values.sum_of([closure.emission, told])
 
 
 def hair(reader, node, weight):
@@ -308,6 +318,10 @@ def layers_of(reader, closures, total):
                 layer.elements[element] = parts[0].color if len(base) == 1 else values.quotient(sums, weight)
         layers.append(layer)
     layers += [layer_of(c, reader.hair) for c in closures if c.kind not in BASE]
+    for layer in layers:
+        for element in ("lambertian", "transmissive"):
+            if element in layer.elements:
+                layer.elements[element] = limited(layer.elements[element])
     if reader.adds or len(layers) == 1:
         known = values.number(total)
         if known is None or abs(float(np.mean(known)) - 1) > 1e-6:
@@ -410,6 +424,11 @@ class Shaders:
         closures = [c for c in closures if not values.is_black(c.weight)]
         gone = [c for c in closures if c.kind == "transparent"]
         closures = [c for c in closures if c.kind != "transparent"]
+        lamps = [c for c in closures if c.kind == "emission"]
+        lit = [c for c in closures if c.kind != "emission"]
+        if reader.adds and lamps and lit and all(c.kind == "coated" for c in lit):
+            light_up(lit, values.sum_of([scaled(c.weight, c.color) for c in lamps]))
+            closures = lit
         clip = None
         total = values.sum_of([c.weight for c in closures]) if closures else values.constant(1.0)
         if gone:
@@ -442,8 +461,6 @@ class Shaders:
             if "emissive" in layer.elements:
                 self.text.say("virtual_light")
             for name, value in layer.elements.items():
-                if name in ("lambertian", "transmissive"):
-                    value = limited(value)
                 values.write_element(self.text, name, element(value))
             if several:
                 values.write_element(self.text, "weight", element(layer.weight))

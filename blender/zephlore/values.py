@@ -1,5 +1,9 @@
 """Values of a material: numbers, pictures as they are, or pictures that are baked of node trees."""
 
+import os
+import shutil
+from pathlib import Path
+
 import numpy as np
 
 from . import nodes, pictures
@@ -175,8 +179,18 @@ class Baker:
             return {"color": tuple(float(v) for v in np.broadcast_to(found[0], 3))}
         self.uv_names.setdefault(what, set()).update(points.uv_names)
         if value.picture:
-            return value.picture
+            return dict(value.picture, image=self.bring(Path(value.picture["image"])))
         return self.save(self.grid(value, points.size, what))
+
+    def bring(self, path):
+        """The name of a picture in the scene's folder, which it is put into without another copy where that works."""
+        target = self.folder / ("picture-" + path.name)
+        if not target.exists():
+            try:
+                os.link(path, target)
+            except OSError:
+                shutil.copyfile(path, target)
+        return target.name
 
     def grid(self, value, size, what):
         """The value at corners of texels, rows from the bottom. Rows by rows, lest memory runs out."""
