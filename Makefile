@@ -2,7 +2,7 @@
 PRESET ?= release
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: packages build demo test bench docs scenes pictures install package package-test farm-test clean
+.PHONY: packages build demo test bench docs scenes pictures install package package-test farm-test blender-addon clean
 
 packages:
 	@missing=""; for package in $$(cat packages.txt) $(EXTRA_PACKAGES); do \
@@ -68,6 +68,13 @@ package-test: package
 farm-test: EXTRA_PACKAGES := munge slurmctld slurmd slurm-client python3
 farm-test: build
 	$(SUDO) scripts/farm-test.sh build/$(PRESET)/zephlore scenes/courtyard
+
+# The add-on for Blender, to be installed by its preferences.
+blender-addon:
+	@mkdir -p build
+	@rm -f build/zephlore-blender.zip
+	cd blender && cmake -E tar cf ../build/zephlore-blender.zip --format=zip zephlore/*.py
+	@echo "the add-on is build/zephlore-blender.zip"
 
 clean:
 	rm -rf build demo.png
