@@ -14,6 +14,7 @@
 #include "image_commands.h"
 #include "imaging/imaging.h"
 #include "layered_output.h"
+#include "new_command.h"
 #include "run_log.h"
 
 namespace zp {
@@ -378,6 +379,7 @@ int Run(int argc, char** argv) {
   ViewOptions viewOptions;
   MergeOptions mergeOptions;
   FarmOptions farmOptions;
+  NewOptions newOptions;
   CLI::App app("zephlore, a physically based offline renderer", "zephlore");
   app.set_version_flag("--version", "zephlore " ZP_VERSION);
   app.require_subcommand(1);
@@ -386,6 +388,7 @@ int Run(int argc, char** argv) {
   AddView(app, viewOptions);
   AddMerge(app, mergeOptions);
   AddFarm(app, farmOptions);
+  AddNew(app, newOptions);
   AddPictureVerbs(app);
   try {
     app.parse(argc, argv);
@@ -399,6 +402,7 @@ int Run(int argc, char** argv) {
   if (const std::optional<int> status = RunPictureVerb(app)) return *status;
   if (app.got_subcommand("merge")) return RunMerge(mergeOptions);
   if (app.got_subcommand("farm")) return RunFarm(farmOptions);
+  if (app.got_subcommand("new")) return RunNew(newOptions);
   if (app.got_subcommand("check")) return RunCheck(checkOptions);
   return app.got_subcommand("render") ? RunRender(renderOptions) : RunView(viewOptions);
 }
