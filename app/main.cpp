@@ -5,10 +5,12 @@
 #include <charconv>
 #include <cmath>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 
 #include "commands.h"
+#include "completion.h"
 #include "core/ray.h"
 #include "core/words.h"
 #include "image_commands.h"
@@ -390,6 +392,12 @@ int Run(int argc, char** argv) {
   AddFarm(app, farmOptions);
   AddNew(app, newOptions);
   AddPictureVerbs(app);
+  if (argc > 1 && argv[1] == kCompleteWord) {
+    DropReport();
+    for (const std::string& word : Completions(app, {argv + 2, argv + argc}))
+      std::printf("%s\n", word.c_str());
+    return kExitDone;
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
