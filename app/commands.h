@@ -66,9 +66,24 @@ struct RenderOptions {
   bool layers = false;           // the frame has layers, whatever its images: of a checkpoint
   bool denoise = false;          // the finished picture loses its noise
   bool denoiseLayers = false;    // the file has the layers that this needs
+  std::string keep;              // scene folder that a model becomes; empty: none that stays
   bool transparentSky = false;   // the picture leaves out what the camera sees of the sky
 };
 int RunRender(const RenderOptions& options);
+
+// Renders a model, with what it needs to be seen: of the options, `scene` is its file.
+int RunModelRender(const RenderOptions& options);
+
+struct ImportOptions {
+  std::vector<std::string> files;
+  std::string output;    // scene folder
+  bool force = false;    // in place of one that is there
+  std::string up, unit;  // of files that do not tell them; empty: as their format has it, metres
+  std::string sky;       // picture around the scene; empty: none
+  bool binary = false;   // geometry as bytes
+  bool quiet = false;
+};
+int RunImport(const ImportOptions& options);
 
 struct MergeOptions {
   std::string output;              // beauty image, or a checkpoint if the name ends in .zpc

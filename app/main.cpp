@@ -270,10 +270,41 @@ void AddFarm(CLI::App& app, FarmOptions& options) {
   farm->add_flag("--print", options.print, "Print the scripts of the jobs, and submit none");
 }
 
+void AddImport(CLI::App& app, ImportOptions& options) {
+  CLI::App* import = app.add_subcommand("import", "Make a scene folder of models of other formats");
+  import->add_option("files", options.files, "glTF 2 (glb, gltf), fbx, obj, ply, stl, dae and 3ds files")
+      ->required()
+      ->type_name("FILE ...");
+  import->add_option("-o,--output", options.output, "Scene folder")
+      ->required()
+      ->type_name("SCENE")
+      ->check([](const std::string& text) { return std::string(text.empty() ? "a folder is missing" : "");
+});
+import->add_flag("--force", options.force, "Replace the scene folder that is there");
+import
+    ->add_option("--up", options.up,
+                 "Axis that points up in obj, ply and stl files; y in obj, z in the others if not given")
+    ->type_name("AXIS")
+    ->check(CLI::IsMember({"y", "z"}));
+import->add_option("--unit", options.unit, "Unit of obj, ply, stl and 3ds files; m if not given")
+    ->type_name("UNIT")
+    ->check(CLI::IsMember({"m", "cm", "mm", "in"}));
+import
+    ->add_option("--sky", options.sky,
+                 "Picture of the surroundings, latitude by longitude, that lights the scene")
+    ->type_name("FILE")
+    ->check(CLI::ExistingFile);
+import->add_flag("--binary", options.binary, "Geometry in mesh files, which load faster than obj files");
+import->add_flag("--quiet", options.quiet, "Do not tell what was lost");
+}  // namespace
+
 void AddRender(CLI::App& app, RenderOptions& options) {
-  CLI::App* render = app.add_subcommand("render", "Render a scene folder into its images");
-  render->add_option("scene", options.scene, "Scene folder; may be left out with --resume")
+  CLI::App* render = app.add_subcommand("render", "Render a scene folder, or a model, into its images");
+  render->add_option("scene", options.scene, "Scene folder, or a model's file; may be left out with --resume")
       ->type_name("SCENE");
+  render->add_option("--keep", options.keep, "Keep the scene that is made of a model in this folder")
+      ->type_name("SCENE")
+      ->check([](const std::string& text) { return std::string(text.empty() ? "a folder is missing" : ""); });
   render->parse_complete_callback([&options] {
     if (options.scene.empty() && options.resume.empty()) throw CLI::RequiredError("scene");
   });
@@ -378,10 +409,12 @@ int Run(int argc, char** argv) {
   ViewOptions viewOptions;
   MergeOptions mergeOptions;
   FarmOptions farmOptions;
+  ImportOptions importOptions;
   CLI::App app("zephlore, a physically based offline renderer", "zephlore");
   app.set_version_flag("--version", "zephlore " ZP_VERSION);
   app.require_subcommand(1);
   AddRender(app, renderOptions);
+  AddImport(app, importOptions);
   AddCheck(app, checkOptions);
   AddView(app, viewOptions);
   AddMerge(app, mergeOptions);
@@ -400,10 +433,14 @@ int Run(int argc, char** argv) {
   if (app.got_subcommand("merge")) return RunMerge(mergeOptions);
   if (app.got_subcommand("farm")) return RunFarm(farmOptions);
   if (app.got_subcommand("check")) return RunCheck(checkOptions);
-  return app.got_subcommand("render") ? RunRender(renderOptions) : RunView(viewOptions);
+  if (app.got_subcommand("import")) return RunImport(importOptions);
+  if (app.got_subcommand("view")) return RunView(viewOptions);
+  std::error_code error;
+  const bool isModel = std::filesystem::is_regular_file(renderOptions.scene, error);
+  return isModel || !renderOptions.keep.empty() ? RunModelRender(renderOptions) : RunRender(renderOptions);
 }
 
-}  // namespace
+}  // namespace zp
 }  // namespace zp
 
 int main(int argc, char** argv) {

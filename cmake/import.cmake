@@ -1,0 +1,15 @@
+# zephlore-import reads models for the program, which runs it: assimp weighs on nothing else. Without assimp it is
+# not built, and `zephlore import` says so.
+option(ZP_IMPORT "Build zephlore-import, which takes assimp" ON)
+if(ZP_IMPORT)
+  find_package(assimp QUIET)
+  if(NOT assimp_FOUND)
+    message(WARNING "assimp was not found: models cannot be imported")
+  endif()
+endif()
+if(ZP_IMPORT AND assimp_FOUND)
+  file(GLOB ZP_IMPORT_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/import/*.cpp)
+  add_executable(zephlore-import ${ZP_IMPORT_SOURCES})
+  target_link_libraries(zephlore-import PRIVATE zp_core assimp::assimp nlohmann_json::nlohmann_json)
+  add_dependencies(zephlore zephlore-import)
+endif()
