@@ -270,33 +270,35 @@ void AddFarm(CLI::App& app, FarmOptions& options) {
   farm->add_flag("--print", options.print, "Print the scripts of the jobs, and submit none");
 }
 
+// What files of models may leave open.
+void AddAxes(CLI::App& verb, std::string& up, std::string& unit) {
+  verb.add_option("--up", up,
+                  "Axis that points up in obj, ply and stl files; y in obj, z in the others if not given")
+      ->type_name("AXIS")
+      ->check(CLI::IsMember({"y", "z"}));
+  verb.add_option("--unit", unit, "Unit of obj, ply, stl and 3ds files; m if not given")
+      ->type_name("UNIT")
+      ->check(CLI::IsMember({"m", "cm", "mm", "in"}));
+}
+
 void AddImport(CLI::App& app, ImportOptions& options) {
-  CLI::App* import = app.add_subcommand("import", "Make a scene folder of models of other formats");
-  import->add_option("files", options.files, "glTF 2 (glb, gltf), fbx, obj, ply, stl, dae and 3ds files")
+  CLI::App* verb = app.add_subcommand("import", "Make a scene folder of models of other formats");
+  verb->add_option("files", options.files, "glTF 2 (glb, gltf), fbx, obj, ply, stl, dae and 3ds files")
       ->required()
       ->type_name("FILE ...");
-  import->add_option("-o,--output", options.output, "Scene folder")
+  verb->add_option("-o,--output", options.output, "Scene folder")
       ->required()
       ->type_name("SCENE")
-      ->check([](const std::string& text) { return std::string(text.empty() ? "a folder is missing" : "");
-});
-import->add_flag("--force", options.force, "Replace the scene folder that is there");
-import
-    ->add_option("--up", options.up,
-                 "Axis that points up in obj, ply and stl files; y in obj, z in the others if not given")
-    ->type_name("AXIS")
-    ->check(CLI::IsMember({"y", "z"}));
-import->add_option("--unit", options.unit, "Unit of obj, ply, stl and 3ds files; m if not given")
-    ->type_name("UNIT")
-    ->check(CLI::IsMember({"m", "cm", "mm", "in"}));
-import
-    ->add_option("--sky", options.sky,
-                 "Picture of the surroundings, latitude by longitude, that lights the scene")
-    ->type_name("FILE")
-    ->check(CLI::ExistingFile);
-import->add_flag("--binary", options.binary, "Geometry in mesh files, which load faster than obj files");
-import->add_flag("--quiet", options.quiet, "Do not tell what was lost");
-}  // namespace
+      ->check([](const std::string& text) { return std::string(text.empty() ? "a folder is missing" : ""); });
+  verb->add_flag("--force", options.force, "Replace the scene folder that is there");
+  AddAxes(*verb, options.up, options.unit);
+  verb->add_option("--sky", options.sky,
+                   "Picture of the surroundings, latitude by longitude, that lights the scene")
+      ->type_name("FILE")
+      ->check(CLI::ExistingFile);
+  verb->add_flag("--binary", options.binary, "Geometry in mesh files, which load faster than obj files");
+  verb->add_flag("--quiet", options.quiet, "Do not tell what was lost");
+}
 
 void AddRender(CLI::App& app, RenderOptions& options) {
   CLI::App* render = app.add_subcommand("render", "Render a scene folder, or a model, into its images");
@@ -308,6 +310,7 @@ void AddRender(CLI::App& app, RenderOptions& options) {
   render->parse_complete_callback([&options] {
     if (options.scene.empty() && options.resume.empty()) throw CLI::RequiredError("scene");
   });
+  AddAxes(*render, options.modelUp, options.modelUnit);
   AddFrame(*render, options);
   AddKeeping(*render, options);
   AddServing(*render, options.serve);
@@ -440,7 +443,7 @@ int Run(int argc, char** argv) {
   return isModel || !renderOptions.keep.empty() ? RunModelRender(renderOptions) : RunRender(renderOptions);
 }
 
-}  // namespace zp
+}  // namespace
 }  // namespace zp
 
 int main(int argc, char** argv) {

@@ -118,7 +118,7 @@ int RunModelRender(const RenderOptions& given) {
   StopOnSignals();
   const ScratchFolder scratch(keeps ? target.parent_path() : fs::temp_directory_path(error));
   if (scratch.Path().empty()) return Fail("there is no folder to write a scene to");
-  const ImportWish wish = {{options.scene}, {}, {}, {}, true, true};
+  const ImportWish wish = {{options.scene}, options.modelUp, options.modelUnit, {}, true, true};
   if (const std::string reason = FillByImport(wish, scratch.Path()); !reason.empty()) return Fail(reason);
   if (const std::optional<float> exposure = MeasureExposure(options, scratch.Path()))
     WriteExposure(scratch.Path(), *exposure);
