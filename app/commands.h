@@ -36,6 +36,12 @@ struct Passes {
   std::int32_t begin = 0, end = 0;  // the latter is one behind the last
 };
 
+// What may be said of a scene that is a model's file.
+struct ModelOptions {
+  std::string keep;      // folder of the scene that it becomes; empty: none stays
+  std::string up, unit;  // as in ImportOptions
+};
+
 // Anything unset is left as the scene has it.
 struct RenderOptions {
   std::string scene;   // folder
@@ -57,18 +63,17 @@ struct RenderOptions {
   std::string resume;               // checkpoint to go on from, and to keep
   std::optional<double> time;       // seconds that the frame may take
   ServeOptions serve;
-  std::optional<Passes> passes;    // those of a part of the frame; it has no images but with `output`
-  bool varyPhotons = false;        // parts cast photons of their own
-  std::string report;              // JSON file that tells what became of the run; empty: none
-  std::optional<double> noise;     // relative error that ends the frame; 0 never
-  std::vector<std::string> aov;    // layers beside those of the scene: words of imaging/frame_layers.h
-  bool floats = false;             // files of layers hold 32 bits throughout
-  bool layers = false;             // the frame has layers, whatever its images: of a checkpoint
-  bool denoise = false;            // the finished picture loses its noise
-  bool denoiseLayers = false;      // the file has the layers that this needs
-  std::string keep;                // scene folder that a model becomes; empty: none that stays
-  std::string modelUp, modelUnit;  // as in ImportOptions
-  bool transparentSky = false;     // the picture leaves out what the camera sees of the sky
+  ModelOptions model;
+  std::optional<Passes> passes;  // those of a part of the frame; it has no images but with `output`
+  bool varyPhotons = false;      // parts cast photons of their own
+  std::string report;            // JSON file that tells what became of the run; empty: none
+  std::optional<double> noise;   // relative error that ends the frame; 0 never
+  std::vector<std::string> aov;  // layers beside those of the scene: words of imaging/frame_layers.h
+  bool floats = false;           // files of layers hold 32 bits throughout
+  bool layers = false;           // the frame has layers, whatever its images: of a checkpoint
+  bool denoise = false;          // the finished picture loses its noise
+  bool denoiseLayers = false;    // the file has the layers that this needs
+  bool transparentSky = false;   // the picture leaves out what the camera sees of the sky
 };
 int RunRender(const RenderOptions& options);
 

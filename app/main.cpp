@@ -304,13 +304,13 @@ void AddRender(CLI::App& app, RenderOptions& options) {
   CLI::App* render = app.add_subcommand("render", "Render a scene folder, or a model, into its images");
   render->add_option("scene", options.scene, "Scene folder, or a model's file; may be left out with --resume")
       ->type_name("SCENE");
-  render->add_option("--keep", options.keep, "Keep the scene that is made of a model in this folder")
+  render->add_option("--keep", options.model.keep, "Keep the scene that is made of a model in this folder")
       ->type_name("SCENE")
       ->check([](const std::string& text) { return std::string(text.empty() ? "a folder is missing" : ""); });
   render->parse_complete_callback([&options] {
     if (options.scene.empty() && options.resume.empty()) throw CLI::RequiredError("scene");
   });
-  AddAxes(*render, options.modelUp, options.modelUnit);
+  AddAxes(*render, options.model.up, options.model.unit);
   AddFrame(*render, options);
   AddKeeping(*render, options);
   AddServing(*render, options.serve);
@@ -440,7 +440,8 @@ int Run(int argc, char** argv) {
   if (app.got_subcommand("view")) return RunView(viewOptions);
   std::error_code error;
   const bool isModel = std::filesystem::is_regular_file(renderOptions.scene, error);
-  return isModel || !renderOptions.keep.empty() ? RunModelRender(renderOptions) : RunRender(renderOptions);
+  return isModel || !renderOptions.model.keep.empty() ? RunModelRender(renderOptions)
+                                                      : RunRender(renderOptions);
 }
 
 }  // namespace

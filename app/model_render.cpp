@@ -108,23 +108,24 @@ int RunModelRender(const RenderOptions& given) {
                     ? "--keep goes with a model, and '" + options.scene + "' is none"
                     : "there is no model '" + options.scene + "'",
                 kExitUsage);
-  const bool keeps = !options.keep.empty();
+  const bool keeps = !options.model.keep.empty();
   if (!options.checkpoint.empty() && !keeps)
     return Fail("--checkpoint of a model needs --keep, for its scene is gone behind the render", kExitUsage);
-  const fs::path target =
-      fs::path(options.keep).has_filename() ? fs::path(options.keep) : fs::path(options.keep).parent_path();
+  const fs::path target = fs::path(options.model.keep).has_filename()
+                              ? fs::path(options.model.keep)
+                              : fs::path(options.model.keep).parent_path();
   if (const std::string obstacle = keeps ? TargetObstacle(target, false) : ""; !obstacle.empty())
-    return Fail("cannot write the scene '" + options.keep + "': " + obstacle);
+    return Fail("cannot write the scene '" + options.model.keep + "': " + obstacle);
   StopOnSignals();
   const ScratchFolder scratch(keeps ? target.parent_path() : fs::temp_directory_path(error));
   if (scratch.Path().empty()) return Fail("there is no folder to write a scene to");
-  const ImportWish wish = {{options.scene}, options.modelUp, options.modelUnit, {}, true, true};
+  const ImportWish wish = {{options.scene}, options.model.up, options.model.unit, {}, true, true};
   if (const std::string reason = FillByImport(wish, scratch.Path()); !reason.empty()) return Fail(reason);
   if (const std::optional<float> exposure = MeasureExposure(options, scratch.Path()))
     WriteExposure(scratch.Path(), *exposure);
   if (keeps) {
     if (const std::string reason = MoveScene(scratch.Path(), target, false); !reason.empty())
-      return Fail("cannot write the scene '" + options.keep + "': " + reason);
+      return Fail("cannot write the scene '" + options.model.keep + "': " + reason);
   }
   if (options.output.empty()) options.output = PictureName(options.scene);
   options.scene = keeps ? target.string() : scratch.Path().string();
