@@ -63,6 +63,7 @@ struct AssimpReader {
   // Names that the library makes for the steps of one place.
   static std::string PlainName(const aiNode& node) {
     const std::string name = node.mName.C_Str();
+    if (node.mParent == nullptr) return {};  // a name of the library's
     return name.substr(0, name.find("_$AssimpFbx$"));
   }
 
@@ -232,7 +233,7 @@ struct AssimpReader {
           MaxOf({source.mColorDiffuse.r, source.mColorDiffuse.g, source.mColorDiffuse.b}, kBlack);
       const float most = MaxOf(color.x, MaxOf(color.y, color.z));
       if (!(most > 0) || !std::isfinite(most)) continue;
-      const Vec3 way = light.position - middle;
+      const Vec3 way = TransformDirection(model.toScene, light.position - middle);
       light.color = color * (1 / most) * (light.kind == LightKind::kParallel ? 1.0f : Dot(way, way));
       light.inner = source.mAngleInnerCone * 90 / kPi;  // whole angles there
       light.outer = source.mAngleOuterCone * 90 / kPi;
@@ -251,6 +252,21 @@ struct AssimpReader {
     if (float single = 0; scene.mMetaData->Get(name, single)) return single;
     if (std::int32_t integer = 0; scene.mMetaData->Get(name, integer)) return integer;
     return fallback;
+  }
+
+  // The file's own axes: to the right, upwards, and from front to back.
+  Mat4 FbxAxes() const {
+    const auto axis = [&](const char* name, int fallback) {
+      return std::clamp(static_cast<int>(Setting(name, fallback)), 0, 2);
+    };
+    const auto sign = [&](const char* name) { return Setting(name, 1) < 0 ? -1.0f : 1.0f; };
+    const int right = axis("CoordAxis", 0), up = axis("UpAxis", 1), front = axis("FrontAxis", 2);
+    if (right == up || up == front || right == front) return kYToZ;
+    Mat4 axes = {{{0, 0, 0, 0}, {0, 0, 0, 0}, {0, 0, 0, 0}, {0, 0, 0, 1}}};
+    axes.m[0][right] = sign("CoordAxisSign");
+    axes.m[1][front] = -sign("FrontAxisSign");
+    axes.m[2][up] = sign("UpAxisSign");
+    return axes;
   }
 
   void Read(const std::string& path) {
@@ -311,7 +327,8 @@ ImportModel ReadByAssimp(const std::string& path, const ReadSettings& settings) 
   const double unit = row.format == FileFormat::kFbx ? reader.Setting("UnitScaleFactor", 1) / 100
                       : row.tellsUp && row.format != FileFormat::k3ds ? 1.0
                                                                       : static_cast<double>(settings.unit);
-  model.toScene = Multiply(zIsUp ? Mat4{} : kYToZ, ScaleBy(static_cast<float>(unit)));
+  const Mat4 axes = row.format == FileFormat::kFbx ? reader.FbxAxes() : zIsUp ? Mat4{} : kYToZ;
+  model.toScene = Multiply(axes, ScaleBy(static_cast<float>(unit)));
   reader.Read(path);
   if (row.format == FileFormat::kObj) FindMaterialFiles(path, model);
   return model;

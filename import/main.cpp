@@ -22,6 +22,7 @@
 #include "core/settings.h"
 #include "imaging/imaging.h"
 #include "model.h"
+#include "shading/shading.h"
 #include "write_scene.h"
 
 namespace zp {
@@ -103,6 +104,8 @@ int main(int argc, char** argv) {
   zp::SetConsoleQuiet(true);
   zp::settings.format = 2;
   zp::StartImageFiles();
+  zp::FindOrCreateShader(
+      zp::kUndefinedShader);  // the first, as everywhere: mesh files name what comes behind it
   try {
     return zp::Run({argv, argv + argc});
   } catch (const std::exception& error) {

@@ -157,14 +157,14 @@ struct ModelWriter {
 
   // What a node shows, placed in its parent: objects of nodes that hold several things, else the thing
   // itself.
-  std::vector<Placement> Place(std::size_t index, const std::string& name, int depth) {
+  std::vector<Placement> Place(std::size_t index, int depth) {
     constexpr int kDeepest = 2000;
     if (depth > kDeepest) throw ImportError("its nodes stand in too many levels");
     const ImportNode& node = model.nodes[index];
+    const std::string& name = node.name.empty() ? model.name : node.name;
     std::vector<Placement> placements;
     for (const std::int32_t child : node.children)
-      for (const Placement& placement : Place(static_cast<std::size_t>(child),
-                                              model.nodes[static_cast<std::size_t>(child)].name, depth + 1))
+      for (const Placement& placement : Place(static_cast<std::size_t>(child), depth + 1))
         placements.push_back(placement);
     if (!IsSound(node.matrix)) {
       if (!placements.empty() || !node.meshes.empty())
@@ -212,7 +212,7 @@ struct ModelWriter {
   void Write() {
     WriteShaders();
     CountUses();
-    std::vector<Placement> placements = Place(0, model.name, 0);
+    std::vector<Placement> placements = Place(0, 0);
     if (placements.empty()) throw ImportError("it shows no faces");
     if (placements.size() > 1) {  // too deep to be an object of its own, or it would be one
       OpenBlock(scene.objectText, "object");
