@@ -63,7 +63,7 @@ struct AssimpReader {
   // Names that the library makes for the steps of one place.
   static std::string PlainName(const aiNode& node) {
     const std::string name = node.mName.C_Str();
-    if (node.mParent == nullptr) return {};  // a name of the library's
+    if (node.mParent == nullptr || name == "defaultobject") return {};  // names of the library's
     return name.substr(0, name.find("_$AssimpFbx$"));
   }
 
@@ -237,6 +237,10 @@ struct AssimpReader {
       light.color = color * (1 / most) * (light.kind == LightKind::kParallel ? 1.0f : Dot(way, way));
       light.inner = source.mAngleInnerCone * 90 / kPi;  // whole angles there
       light.outer = source.mAngleOuterCone * 90 / kPi;
+      if (row.format == FileFormat::kCollada) {  // which tells the angle where the light ends
+        light.outer = light.inner;
+        light.inner *= 0.9f;
+      }
       AddLoss(
           model,
           "the strength of lights has no unit: each is as bright as its colour in the middle of the model");

@@ -8,6 +8,7 @@
 
 #include "gltf_file.h"
 #include "gltf_materials.h"
+#include "gltf_primitive.h"
 #include "model.h"
 
 namespace zp {
@@ -35,6 +36,7 @@ constexpr const char* kReadExtensions[] = {"KHR_materials_transmission",
                                            "EXT_texture_avif",
                                            "MSFT_texture_dds",
                                            "KHR_lights_punctual",
+                                           "KHR_draco_mesh_compression",
                                            "KHR_mesh_quantization",
                                            "EXT_mesh_gpu_instancing",
                                            "KHR_xmp_json_ld",
@@ -141,26 +143,23 @@ struct SceneReader {
     return triangles;
   }
 
-  void ReadCorners(const json& primitive, ImportMesh& mesh) {
-    std::vector<std::uint32_t> corners;
-    if (primitive.contains("indices")) {
-      corners = GltfIntegers(file, primitive["indices"].get<std::int64_t>(), 1);
-    } else {
-      corners.resize(mesh.positions.size());
-      for (std::size_t i = 0; i < corners.size(); ++i) corners[i] = static_cast<std::uint32_t>(i);
-    }
+  void ReadCorners(const GltfPrimitive& primitive, ImportMesh& mesh) {
+    std::vector<std::uint32_t> corners = Corners(primitive);
+    const bool isPlain = corners.empty() && !primitive.text.contains("indices");
+    for (std::size_t i = 0; isPlain && i < mesh.positions.size(); ++i)
+      corners.push_back(static_cast<std::uint32_t>(i));
     for (const std::uint32_t corner : corners)
       if (corner >= mesh.positions.size()) throw ImportError("a face has a corner that is not there");
-    mesh.corners = Triangles(std::move(corners), primitive.value("mode", 4));
+    mesh.corners = Triangles(std::move(corners), primitive.unpacked ? 4 : primitive.text.value("mode", 4));
     mesh.faceSizes.assign(mesh.corners.size() / 3, 3);
   }
 
-  void ReadUvs(const json& attributes, ImportMesh& mesh) {
+  void ReadUvs(const GltfPrimitive& primitive, ImportMesh& mesh) {
     constexpr int kMostSets = 8;
     for (int set = 0; set < kMostSets; ++set) {
       const std::string name = "TEXCOORD_" + std::to_string(set);
-      if (!attributes.contains(name)) break;
-      const std::vector<float> numbers = GltfFloats(file, attributes[name].get<std::int64_t>(), 2);
+      const std::vector<float> numbers = Attribute(primitive, name.c_str(), 2);
+      if (numbers.empty()) break;
       std::vector<Vec2>& uvs = mesh.uvs.emplace_back(mesh.positions.size());
       for (std::size_t i = 0; i < std::min(uvs.size(), numbers.size() / 2); ++i)
         uvs[i] = {numbers[2 * i], 1 - numbers[2 * i + 1]};
@@ -183,11 +182,10 @@ struct SceneReader {
   }
 
   // A colour for each vertex: a surface of their mean.
-  void ReadColors(const json& attributes, const std::string& label, ImportMesh& mesh) {
-    if (!attributes.contains("COLOR_0")) return;
-    const auto index = attributes["COLOR_0"].get<std::int64_t>();
-    const std::size_t components = GltfItem(file, "accessors", index).value("type", "") == "VEC3" ? 3 : 4;
-    const std::vector<float> numbers = GltfFloats(file, index, components);
+  void ReadColors(const GltfPrimitive& primitive, const std::string& label, ImportMesh& mesh) {
+    const std::size_t components = ComponentsOf(primitive, "COLOR_0");
+    if (components < 3) return;
+    const std::vector<float> numbers = Attribute(primitive, "COLOR_0", components);
     Vec3 sum = {}, low = kWhite, high = kBlack;
     const std::size_t count = numbers.size() / components;
     for (std::size_t i = 0; i < count; ++i) {
@@ -207,29 +205,23 @@ struct SceneReader {
     model.surfaces.push_back(std::move(surface));
   }
 
-  std::optional<ImportMesh> ReadPrimitive(const json& primitive, const std::vector<float>& weights,
+  std::optional<ImportMesh> ReadPrimitive(const GltfPrimitive& primitive, const std::vector<float>& weights,
                                           const std::string& label) {
-    for (const char* packed : {"KHR_draco_mesh_compression"})
-      if (primitive.value("extensions", json::object()).contains(packed))
-        throw ImportError("it needs the extension " + std::string(packed) + ", which is not read");
-    const int mode = primitive.value("mode", 4);
-    const json& attributes = primitive.at("attributes");
+    const int mode = primitive.text.value("mode", 4);
     if (mode < 4 || mode > 6) {
       AddLoss(model, "points and lines of \"" + label + "\" are left out");
       return {};
     }
-    if (!attributes.contains("POSITION")) return {};
     ImportMesh mesh;
-    mesh.positions = Vectors(GltfFloats(file, attributes["POSITION"].get<std::int64_t>(), 3));
-    if (attributes.contains("NORMAL")) {
-      mesh.normals = Vectors(GltfFloats(file, attributes["NORMAL"].get<std::int64_t>(), 3));
-      mesh.normals.resize(mesh.positions.size());
-    }
-    ReadUvs(attributes, mesh);
-    ReadMorph(primitive, weights, mesh);
+    mesh.positions = Vectors(Attribute(primitive, "POSITION", 3));
+    mesh.normals = Vectors(Attribute(primitive, "NORMAL", 3));
+    if (!mesh.normals.empty()) mesh.normals.resize(mesh.positions.size());
+    ReadUvs(primitive, mesh);
+    ReadMorph(primitive.text, weights, mesh);
     ReadCorners(primitive, mesh);
-    mesh.surface = SurfaceOf(primitive);
-    ReadColors(attributes, label, mesh);
+    if (mesh.faceSizes.empty()) return {};
+    mesh.surface = SurfaceOf(primitive.text);
+    ReadColors(primitive, label, mesh);
     return mesh;
   }
 
@@ -242,8 +234,8 @@ struct SceneReader {
     if (!isNew) return found->second;
     const std::string label = mesh.value("name", "mesh" + std::to_string(index));
     for (const json& primitive : mesh.at("primitives")) {
-      std::optional<ImportMesh> part = ReadPrimitive(primitive, weights, label);
-      if (!part || part->faceSizes.empty()) continue;
+      std::optional<ImportMesh> part = ReadPrimitive(OpenPrimitive(file, primitive), weights, label);
+      if (!part) continue;
       found->second.push_back(static_cast<std::int32_t>(model.meshes.size()));
       model.meshes.push_back(std::move(*part));
     }
@@ -265,28 +257,27 @@ struct SceneReader {
     }
     const json& mesh = GltfItem(file, "meshes", node.at("mesh").get<std::int64_t>());
     std::vector<float> weights = node.value("weights", mesh.value("weights", std::vector<float>()));
-    for (const json& primitive : mesh.at("primitives")) {
+    for (const json& text : mesh.at("primitives")) {
+      const GltfPrimitive primitive = OpenPrimitive(file, text);
       std::optional<ImportMesh> part = ReadPrimitive(primitive, weights, mesh.value("name", "mesh"));
-      if (!part || part->faceSizes.empty()) continue;
-      ApplySkin(*part, matrices, WeightsOf(primitive.at("attributes"), part->positions.size()));
+      if (!part) continue;
+      ApplySkin(*part, matrices, WeightsOf(primitive, part->positions.size()));
       model.nodes[0].meshes.push_back(static_cast<std::int32_t>(model.meshes.size()));
       model.meshes.push_back(std::move(*part));
     }
   }
 
-  SkinWeights WeightsOf(const json& attributes, std::size_t count) {
+  SkinWeights WeightsOf(const GltfPrimitive& primitive, std::size_t count) {
     SkinWeights skin;
     skin.joints.resize(count);
     skin.weights.resize(count);
-    if (!attributes.contains("JOINTS_0") || !attributes.contains("WEIGHTS_0")) return skin;
-    const std::vector<std::uint32_t> joints =
-        GltfIntegers(file, attributes["JOINTS_0"].get<std::int64_t>(), 4);
-    const std::vector<float> weights = GltfFloats(file, attributes["WEIGHTS_0"].get<std::int64_t>(), 4);
+    const std::vector<float> joints = Attribute(primitive, "JOINTS_0", 4),
+                             weights = Attribute(primitive, "WEIGHTS_0", 4);
     for (std::size_t i = 0; i < std::min({4 * count, joints.size(), weights.size()}); ++i) {
-      skin.joints[i / 4][i % 4] = static_cast<std::int32_t>(std::min(joints[i], 65535U));
+      skin.joints[i / 4][i % 4] = static_cast<std::int32_t>(std::clamp(joints[i], 0.0f, 65535.0f));
       skin.weights[i / 4][i % 4] = weights[i];
     }
-    if (attributes.contains("JOINTS_1"))
+    if (ComponentsOf(primitive, "JOINTS_1") > 0)
       AddLoss(model, "of more than four joints of a vertex the first four count");
     return skin;
   }
