@@ -25,7 +25,7 @@ namespace fs = std::filesystem;
 // What the picture's light is multiplied by for the eye: its mean becomes a middle grey, but what is nearly
 // brightest stays below white.
 float ExposureOf(const ImageBuffer& picture) {
-  constexpr float kMiddle = 0.2f, kBright = 0.95f;
+  constexpr float kMiddle = 0.3f, kBright = 0.95f;
   std::vector<float> lights;
   const std::size_t pixels =
       static_cast<std::size_t>(picture.width) * static_cast<std::size_t>(picture.height);

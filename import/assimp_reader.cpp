@@ -323,7 +323,7 @@ ImportModel ReadByAssimp(const std::string& path, const ReadSettings& settings) 
   const aiScene* scene = importer.ReadFile(path, steps);
   if (scene == nullptr || scene->mRootNode == nullptr) {
     const std::string reason = importer.GetErrorString();
-    throw ImportError(reason.empty() ? "it is damaged" : reason);
+    throw ImportError("it is damaged or of another format" + (reason.empty() ? "" : " (" + reason + ")"));
   }
   ImportModel model;
   AssimpReader reader{*scene, row, model};

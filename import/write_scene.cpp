@@ -384,7 +384,7 @@ void WriteGround(SceneFolder& scene) {
   WriteString(shader, "name", "ground");
   OpenBlock(shader, "surface_shader");
   OpenBlock(shader, "lambertian");
-  WriteNumbers(shader, "color", {0.4f, 0.4f, 0.4f});
+  WriteNumbers(shader, "color", {0.6f, 0.6f, 0.6f});
   for (int i = 0; i < 3; ++i) CloseBlock(shader);
   scene.shaderText += shader.text;
 }
