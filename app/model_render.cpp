@@ -11,7 +11,7 @@
 #include <iterator>
 
 #include "commands.h"
-#include "core/words.h"
+#include "core/stop.h"
 #include "imaging/imaging.h"
 #include "import_run.h"
 #include "scene/scene_writer.h"
@@ -123,6 +123,8 @@ int RunModelRender(const RenderOptions& given) {
   if (const std::string reason = FillByImport(wish, scratch.Path()); !reason.empty()) return Fail(reason);
   if (const std::optional<float> exposure = MeasureExposure(options, scratch.Path()))
     WriteExposure(scratch.Path(), *exposure);
+  if (Stopping())
+    return Fail("stopped before anything was rendered: nothing is written", kExitFailed, "stopped");
   if (keeps) {
     if (const std::string reason = MoveScene(scratch.Path(), target, false); !reason.empty())
       return Fail("cannot write the scene '" + options.model.keep + "': " + reason);

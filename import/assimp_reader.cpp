@@ -15,6 +15,7 @@
 #include "assimp_materials.h"
 #include "core/box.h"
 #include "model.h"
+#include "vertex_colors.h"
 
 namespace zp {
 namespace {
@@ -81,24 +82,15 @@ struct AssimpReader {
       ReadNode(*source.mChildren[i], static_cast<std::int32_t>(index), depth + 1);
   }
 
-  // A surface of the mean of the vertices' colours.
   void ReadColors(const aiMesh& source, ImportMesh& mesh) {
-    if (!source.HasVertexColors(0) || source.mNumVertices == 0) return;
-    Vec3 sum = {}, low = kWhite, high = kBlack;
+    if (!source.HasVertexColors(0)) return;
+    std::vector<Vec3> colors;
     for (unsigned i = 0; i < source.mNumVertices; ++i) {
       const aiColor4D& c = source.mColors[0][i];
-      const Vec3 color = LinearColor({c.r, c.g, c.b});
-      sum = sum + color;
-      low = MinOf(low, color);
-      high = MaxOf(high, color);
+      colors.push_back(LinearColor({c.r, c.g, c.b}));
     }
-    const Vec3 mean = sum / static_cast<float>(source.mNumVertices);
-    if (Mean(mean) > 0.999f) return;
-    if (Mean(high - low) > 0.01f) AddLoss(model, "of the colours of vertices their mean shows");
-    ImportSurface surface = model.surfaces[static_cast<std::size_t>(mesh.surface)];
-    surface.base = row.format == FileFormat::kPly ? mean : surface.base * mean;
-    mesh.surface = static_cast<std::int32_t>(model.surfaces.size());
-    model.surfaces.push_back(std::move(surface));
+    const bool multiplies = row.format != FileFormat::kPly && row.format != FileFormat::kStl;
+    ApplyVertexColors(model, mesh, colors, multiplies, source.mName.C_Str());
   }
 
   bool ReadFaces(const aiMesh& source, ImportMesh& mesh) {
@@ -134,7 +126,6 @@ struct AssimpReader {
     mesh.surface = static_cast<std::int32_t>(source.mMaterialIndex);
     if (static_cast<std::size_t>(mesh.surface) >= model.surfaces.size())
       throw ImportError("a mesh has no material");
-    ReadColors(source, mesh);
     return mesh;
   }
 
@@ -174,6 +165,7 @@ struct AssimpReader {
           ImportMesh mesh = ReadMesh(source);
           if (!ReadFaces(source, mesh)) continue;
           if (source.HasBones()) Bend(source, mesh, places);
+          ReadColors(source, mesh);
           meshOf[number] = static_cast<std::int32_t>(model.meshes.size());
           model.meshes.push_back(std::move(mesh));
         }
@@ -278,7 +270,8 @@ struct AssimpReader {
     for (unsigned i = 0; i < scene.mNumMaterials; ++i)
       ReadAssimpMaterial(scene, *scene.mMaterials[i], rules, model);
     if (row.format == FileFormat::kPly || row.format == FileFormat::kStl)
-      for (ImportSurface& surface : model.surfaces) surface.base = {0.8f, 0.8f, 0.8f};
+      for (ImportSurface& surface : model.surfaces)
+        if (surface.basePicture.picture == kNone) surface.base = {0.8f, 0.8f, 0.8f};
     model.nodes.emplace_back();
     ReadNode(*scene.mRootNode, 0, 0);
     PlaceMeshes();

@@ -10,6 +10,7 @@
 #include "gltf_materials.h"
 #include "gltf_primitive.h"
 #include "model.h"
+#include "vertex_colors.h"
 
 namespace zp {
 namespace {
@@ -107,9 +108,7 @@ struct SceneReader {
   const GltfFile& file;
   ImportModel& model;
   std::map<std::pair<std::int64_t, std::vector<float>>, std::vector<std::int32_t>> meshes =
-      {};                                                          // read, by morph
-  std::map<std::int64_t, std::vector<std::int32_t>> skinned = {};  // nodes, by their skin's mesh parts
-  std::map<std::int32_t, std::int32_t> surfaceOfColor = {};
+      {};                      // read, by morph
   std::int32_t plain = kNone;  // what has no material
 
   std::int32_t SurfaceOf(const json& primitive) {
@@ -181,28 +180,14 @@ struct SceneReader {
     }
   }
 
-  // A colour for each vertex: a surface of their mean.
   void ReadColors(const GltfPrimitive& primitive, const std::string& label, ImportMesh& mesh) {
     const std::size_t components = ComponentsOf(primitive, "COLOR_0");
     if (components < 3) return;
     const std::vector<float> numbers = Attribute(primitive, "COLOR_0", components);
-    Vec3 sum = {}, low = kWhite, high = kBlack;
-    const std::size_t count = numbers.size() / components;
-    for (std::size_t i = 0; i < count; ++i) {
-      const Vec3 color = {numbers[components * i], numbers[components * i + 1], numbers[components * i + 2]};
-      sum = sum + color;
-      low = {MinOf(low.x, color.x), MinOf(low.y, color.y), MinOf(low.z, color.z)};
-      high = {MaxOf(high.x, color.x), MaxOf(high.y, color.y), MaxOf(high.z, color.z)};
-    }
-    if (count == 0) return;
-    const Vec3 mean = sum * (1 / static_cast<float>(count));
-    if (Mean(mean) > 0.999f) return;
-    if (Mean(high - low) > 0.01f)
-      AddLoss(model, "the mesh \"" + label + "\" shows the mean of its vertices' colours");
-    ImportSurface surface = model.surfaces[static_cast<std::size_t>(mesh.surface)];
-    surface.base = surface.base * mean;
-    mesh.surface = static_cast<std::int32_t>(model.surfaces.size());
-    model.surfaces.push_back(std::move(surface));
+    std::vector<Vec3> colors;
+    for (std::size_t i = 0; i + components <= numbers.size(); i += components)
+      colors.push_back({numbers[i], numbers[i + 1], numbers[i + 2]});
+    ApplyVertexColors(model, mesh, colors, true, label);
   }
 
   std::optional<ImportMesh> ReadPrimitive(const GltfPrimitive& primitive, const std::vector<float>& weights,
@@ -221,7 +206,6 @@ struct SceneReader {
     ReadCorners(primitive, mesh);
     if (mesh.faceSizes.empty()) return {};
     mesh.surface = SurfaceOf(primitive.text);
-    ReadColors(primitive, label, mesh);
     return mesh;
   }
 
@@ -234,8 +218,10 @@ struct SceneReader {
     if (!isNew) return found->second;
     const std::string label = mesh.value("name", "mesh" + std::to_string(index));
     for (const json& primitive : mesh.at("primitives")) {
-      std::optional<ImportMesh> part = ReadPrimitive(OpenPrimitive(file, primitive), weights, label);
+      const GltfPrimitive opened = OpenPrimitive(file, primitive);
+      std::optional<ImportMesh> part = ReadPrimitive(opened, weights, label);
       if (!part) continue;
+      ReadColors(opened, label, *part);
       found->second.push_back(static_cast<std::int32_t>(model.meshes.size()));
       model.meshes.push_back(std::move(*part));
     }
@@ -262,6 +248,7 @@ struct SceneReader {
       std::optional<ImportMesh> part = ReadPrimitive(primitive, weights, mesh.value("name", "mesh"));
       if (!part) continue;
       ApplySkin(*part, matrices, WeightsOf(primitive, part->positions.size()));
+      ReadColors(primitive, mesh.value("name", "mesh"), *part);
       model.nodes[0].meshes.push_back(static_cast<std::int32_t>(model.meshes.size()));
       model.meshes.push_back(std::move(*part));
     }
