@@ -503,6 +503,9 @@ TEST_F(ImageFiles, LoadsPalettesAndWords) {
   bmp[54 + 7 * 4 + 2] = '\xff';
   bmp += std::string("\7\0\0\0", 4);
   EXPECT_EQ(load("red.bmp", bmp).bytePixels, (std::vector<std::uint8_t>{7, 7, 7}));
+  settings.format = 2;  // behind the start of the decoders, as by scene text
+  EXPECT_EQ(load("red.bmp", bmp).bytePixels, (std::vector<std::uint8_t>{255, 0, 0}));
+  settings.format = 1;
   EXPECT_EQ(load("grey.pgm", "P2\n2 1\n255\n128 255\n").bytePixels,
             (std::vector<std::uint8_t>{128, 128, 128, 255, 255, 255}));
   const ImageBuffer words = load("words.ppm", "P3\n1 1\n65535\n65535 256 7\n");

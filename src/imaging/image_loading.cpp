@@ -363,6 +363,7 @@ PictureProblem DecodeFile(const DecoderJob& job, ImageBuffer& image) {
     std::vector<std::uint8_t> bytes(job.size);
     if (!ReadAll(job.file, bytes)) return PictureProblem::kUnreadable;
     image.allowPacked = job.allowPacked;
+    settings.format = job.format;  // the child may be older than the scene's text
     return DecodePicture(bytes, image);
   } catch (const std::bad_alloc&) {
     return PictureProblem::kNoMemory;
@@ -372,7 +373,7 @@ PictureProblem DecodeFile(const DecoderJob& job, ImageBuffer& image) {
 PictureProblem ReadPicture(ImageBuffer& image, const std::string& path) {
   const OpenFile file(path.c_str());
   if (file.problem != PictureProblem::kSound) return file.problem;
-  const DecoderJob job = {DecodeFile, file.number, file.size, image.allowPacked};
+  const DecoderJob job = {DecodeFile, file.number, file.size, image.allowPacked, settings.format};
   try {
     if (const auto result = DecodeInChild(job, image)) return *result;
     return DecodeFile(job, image);
