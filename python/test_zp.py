@@ -47,7 +47,7 @@ class Interface(unittest.TestCase):
 
     def test_stubs_tell_the_truth(self):
         tree = ast.parse((pathlib.Path(zp.__file__).parent / "_zp.pyi").read_text())
-        functions = [node for node in tree.body if isinstance(node, ast.FunctionDef)]
+        functions = [node for node in tree.body if isinstance(node, ast.FunctionDef) and node.name[0] != "_"]
         self.assertEqual([f.name for f in functions], [snake(name) for name in exported()])
         for stub in functions:
             signature = getattr(zp, stub.name).__doc__.splitlines()[0]
@@ -56,7 +56,7 @@ class Interface(unittest.TestCase):
             defaults = [[ast.unparse(value) for value in a.defaults] for a in (stub.args, actual)]
             self.assertEqual(*defaults, stub.name)
         for node in tree.body:
-            if isinstance(node, ast.ClassDef):
+            if isinstance(node, ast.ClassDef) and node.name[0] != "_":
                 members = {m.targets[0].id: m.value.value for m in node.body}
                 self.assertEqual(members, dict(getattr(zp, node.name).__members__), node.name)
 
