@@ -60,14 +60,15 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${CPACK_DEBIAN_LIBRARY_PACKAGE_NAME} (= ${PROJECT_VERSION})")
 
 set(CPACK_COMPONENT_PYTHON_DESCRIPTION "Physically based offline renderer - module for Python
-The library's functions for Python 3, with pictures as NumPy arrays.")
+Scenes as objects and pictures as NumPy arrays, in notebooks too, and the
+library's functions, for Python 3.")
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-zp)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS ON)
 if("python" IN_LIST components)  # the module fits one version of the interpreter
   math(EXPR next "${Python3_VERSION_MINOR} + 1")
-  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "${CPACK_DEBIAN_LIBRARY_PACKAGE_NAME} (= ${PROJECT_VERSION}), \
-python3 (>= 3.${Python3_VERSION_MINOR}~), python3 (<< 3.${next}), python3-numpy")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+    "python3 (>= 3.${Python3_VERSION_MINOR}~), python3 (<< 3.${next}), python3-numpy")
 endif()
 set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
   ${PROJECT_BINARY_DIR}/debian/postinst ${PROJECT_BINARY_DIR}/debian/prerm)

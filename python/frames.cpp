@@ -263,7 +263,8 @@ void ApplyWish(const FrameWish& wish, Camera& camera) {
   }
 }
 
-void Prepare(const FrameWish& wish) {
+// Initialises the scene. False if the camera has no pixels to render.
+bool Prepare(const FrameWish& wish) {
   RequireIdle();
   RequireRecord("render", kCameras, {wish.camera, 0});
   settings.frame.activeCamera = wish.camera;
@@ -273,11 +274,8 @@ void Prepare(const FrameWish& wish) {
   ApplyWish(wish, camera);
   AskForLayers(camera, wish.layers);
   RunLong(Initialize);
-  if (camera.width < 1 || camera.height < 1) throw py::value_error("zp: the camera has no pixels");
-  if (camera.regionXMin >= camera.regionXMax || camera.regionYMin >= camera.regionYMax)
-    throw py::value_error("zp: the region holds no pixels of the picture");
-  for (const Aov& aov : camera.aovs)
-    if (PixelBytes(aov.image) == 0) throw std::bad_alloc();
+  return camera.width > 0 && camera.height > 0 && camera.regionXMin < camera.regionXMax &&
+         camera.regionYMin < camera.regionYMax;
 }
 
 PixelWindow RegionOf(const Camera& camera) {

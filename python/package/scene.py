@@ -5,10 +5,12 @@ from __future__ import annotations
 import contextlib
 import difflib
 import os
+import shutil
 import tempfile
 import threading
 import time
 import warnings
+import weakref
 from pathlib import Path
 from typing import (Any, Callable, Dict, Iterable, Iterator, List, Mapping, NamedTuple, Optional, Sequence, Tuple, Type,
                     Union)  # fmt: skip
@@ -490,7 +492,8 @@ class Scene:
         self._renderer: Dict[str, Any] = {}
         self._texts: List[str] = []
         self._files: Dict[Texture, str] = {}
-        self._scratch: Optional[tempfile.TemporaryDirectory[str]] = None
+        self._scratch: Optional[str] = None  # a folder for textures that are arrays
+        self._no_scratch: Callable[[], object] = lambda: None
         self._root = Object(self, "scene", (), None)
         self.picture: Optional[Picture] = None  #: of the last render, finished or not
 
@@ -518,8 +521,7 @@ class Scene:
         self._closed = True
         self._root = Object(self, "scene", (), None)
         self._shaders, self._objects, self._lights, self._cameras = {}, {}, [], []
-        if self._scratch is not None:
-            self._scratch.cleanup()
+        self._no_scratch()
 
     def _require_open(self) -> None:
         if self._closed:
@@ -563,7 +565,8 @@ class Scene:
         given = {word: value for word, value in locals().items()
                  if word not in ("self", "name", "visibility", "smooth_angle")}  # fmt: skip
         shader = Shader(self, self._new_name(name, self._shaders, "a shader"), visibility, smooth_angle)
-        if any(value is not None for word, value in given.items() if word not in ("material", "side")):
+        plain = {"material": "conductor", "side": "both"}
+        if any(value != plain.get(word) if isinstance(value, str) else value is not None for word, value in given.items()):
             shader.layer(**given)
         self._shaders[name] = shader
         return shader
@@ -694,11 +697,12 @@ class Scene:
         if texture.path is not None:
             return texture.path
         if self._scratch is None:
-            self._scratch = tempfile.TemporaryDirectory(prefix="zp-")
+            self._scratch = tempfile.mkdtemp(prefix="zp-")
+            self._no_scratch = weakref.finalize(self, shutil.rmtree, self._scratch, ignore_errors=True)
         if texture not in self._files:
             assert texture.pixels is not None
             height, width, _ = texture.pixels.shape
-            self._files[texture] = os.path.join(self._scratch.name, f"{len(self._files)}.pfm")
+            self._files[texture] = os.path.join(self._scratch, f"{len(self._files)}.pfm")
             with open(self._files[texture], "wb") as file:
                 file.write(b"PF\n%d %d\n-1\n" % (width, height) + texture.pixels[::-1].astype("<f4").tobytes())
         return self._files[texture]
@@ -844,8 +848,10 @@ class Scene:
         wish.layers = [word for word in words if word not in halves]
         wish.half_layers = halves
         exposure = _zp._camera_exposure(wish.camera)
-        _zp._prepare(wish)
+        has_pixels = _zp._prepare(wish)
         self._judge(strict)
+        if not has_pixels:
+            raise ValueError("zp: the region holds no pixels of the picture")
         start = time.monotonic()
         self.picture = None
         layers, done, raised, stopped = _zp._run(callback, wish)

@@ -61,7 +61,13 @@ class NormalMap(Texture):
         super().__init__(image, gamma=1, color_matrix=twice, uv_matrix=uv_matrix)
 
 
-Value = Union[Color, Texture]  # of an element
+Value = Union[Color, Texture, str, "os.PathLike[str]"]  # of an element; a path is a Texture
+
+
+def _value(value: Value, what: str) -> Any:
+    if isinstance(value, (str, os.PathLike)):
+        return Texture(value)
+    return value if isinstance(value, Texture) else arrays.color(value, what)
 
 
 class Shader:
@@ -91,8 +97,8 @@ class Shader:
               virtual_light: Optional[bool] = None) -> Shader:  # fmt: skip
         """Adds a layer, and returns the shader. What is one layer reflects together; layers of a side mix.
 
-        Elements are linear RGB, a number for all three channels, or a Texture; the words are those of the scene
-        format. ior: 1.5 by default where there is a glossy or a specular colour; metals want 20 or so. weight: 1.
+        Elements are linear RGB, a number for all three channels, a Texture or the path of one; the words are those
+        of the scene format. ior: 1.5 by default where there is a glossy or a specular colour; metals want 20 or so. weight: 1.
         material: "conductor", "dielectric" or "thin_dielectric". side: "face", "back" or "both".
         virtual_light: whether emission is sampled as a light; by default it is, in format 2.
         """
@@ -103,10 +109,7 @@ class Shader:
         if "ior" not in given and ("glossy" in given or "specular" in given):
             given["ior"] = 1.5
         given.setdefault("weight", 1)
-        layer: Dict[str, Any] = {
-            word: value if isinstance(value, Texture) else arrays.color(value, f"{self._name}: {word}")
-            for word, value in given.items()
-        }
+        layer = {word: _value(value, f"{self._name}: {word}") for word, value in given.items()}
         if normal is not None:
             if not isinstance(normal, Texture):
                 raise TypeError(f"zp: {self._name}: normal must be a NormalMap or a Texture, not {normal!r}")
