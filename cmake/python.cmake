@@ -61,7 +61,9 @@ install(TARGETS zp_python LIBRARY DESTINATION ${ZP_PYTHON_DIR}/zp COMPONENT pyth
 install(FILES ${ZP_PYTHON_FILES} DESTINATION ${ZP_PYTHON_DIR}/zp COMPONENT python)
 
 if(ZP_TESTS)
-  add_test(NAME python COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/python/test_zp.py)
-  set_tests_properties(python PROPERTIES ENVIRONMENT
+  set(ZP_PYTHON_ENVIRONMENT
     "PYTHONPATH=${PROJECT_BINARY_DIR}/python;ZP_PROGRAM=$<TARGET_FILE:zephlore>;PYTHONDONTWRITEBYTECODE=1;OMP_WAIT_POLICY=passive")
+  add_test(NAME python COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/python/test_zp.py)
+  add_test(NAME tutorials COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/docs/tutorials/run.py $<TARGET_FILE:zephlore>)
+  set_tests_properties(python tutorials PROPERTIES ENVIRONMENT "${ZP_PYTHON_ENVIRONMENT}")
 endif()
