@@ -213,6 +213,7 @@ struct FrameWish {
   std::optional<std::pair<std::int32_t, std::int32_t>> resolution;
   std::optional<std::array<std::int32_t, 4>> region;
   std::vector<std::string> layers, halfLayers;
+  bool transparentSky = false;
 };
 constexpr const char* kHalfLayers[] = {"half0", "half1", "variance"};
 
@@ -269,6 +270,7 @@ bool Prepare(const FrameWish& wish) {
   RequireRecord("render", kCameras, {wish.camera, 0});
   settings.frame.activeCamera = wish.camera;
   settings.said.halfSets = !wish.halfLayers.empty();
+  settings.said.transparentSky = wish.transparentSky;
   settings.said.previewWindow = false;
   Camera& camera = At(cameras, wish.camera);
   ApplyWish(wish, camera);
@@ -373,7 +375,8 @@ void DefineFrames(py::module_& m) {
       .def_readwrite("resolution", &FrameWish::resolution)
       .def_readwrite("region", &FrameWish::region)
       .def_readwrite("layers", &FrameWish::layers)
-      .def_readwrite("half_layers", &FrameWish::halfLayers);
+      .def_readwrite("half_layers", &FrameWish::halfLayers)
+      .def_readwrite("transparent_sky", &FrameWish::transparentSky);
   m.def("_begin", Begin);
   m.def("_read_text", ReadText);
   m.def("_put_shader", PutShader);

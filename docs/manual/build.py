@@ -54,7 +54,7 @@ def write_scene(stage: Path, scene: Path) -> None:
             if file.suffix in SHOWN:
                 kind = {".py": "python"}.get(file.suffix, "zp")
                 page += [f"## {file.relative_to(scene)}", "", f"````{kind}", file.read_text().rstrip(), "````", ""]
-    (stage / "scenes" / f"{name}.md").write_text("\n".join(["---", "orphan: true", "---", *page]))
+    (stage / "scenes" / f"{name}.md").write_text("\n".join(["---", "orphan: true", "nosearch: true", "---", *page]))
 
 
 def stage_pages(stage: Path) -> None:

@@ -202,6 +202,7 @@ class _FrameWish:
     region: Optional[Tuple[int, int, int, int]]
     layers: List[str]
     half_layers: List[str]
+    transparent_sky: bool
 
 class _LayeredPicture:
     def layers(self) -> List[Tuple[str, List[str]]]: ...

@@ -806,7 +806,8 @@ class Scene:
     def render(self, passes: Optional[int] = None, seed: Optional[int] = None, callback: Optional[Callback] = None, *,
                camera: Union[None, Camera, str, int] = None, resolution: Optional[Tuple[int, int]] = None,
                region: Optional[Tuple[int, int, int, int]] = None, aovs: Iterable[str] = (), denoise: bool = False,
-               threads: Optional[int] = None, strict: bool = True, verbose: bool = False) -> Picture:  # fmt: skip
+               transparent_sky: bool = False, threads: Optional[int] = None, strict: bool = True,
+               verbose: bool = False) -> Picture:  # fmt: skip
         """Renders, and returns the picture.
 
         passes: samples of each pixel, else those of the camera. seed: with one the picture repeats to the bit.
@@ -814,7 +815,8 @@ class Scene:
         the render behind that pass, and the picture holds what there is. What it raises does the same and is raised,
         as is KeyboardInterrupt, at once; self.picture then holds what there is.
         camera: one of the scene, or the name or number of one of the folder. resolution, region, aovs: in place of
-        the camera's, aovs beside them. denoise: takes the noise out. threads: of all by default. strict: errors of
+        the camera's, aovs beside them. denoise: takes the noise out. transparent_sky: leaves what the camera sees of
+        the sky out. threads: all by default. strict: errors of
         the scene, such as a missing texture, raise SceneError before the first pass; else they are warnings.
         verbose: the rows of the renderer go to standard output.
         """
@@ -827,6 +829,7 @@ class Scene:
         wish.passes = None if passes is None else arrays.whole(passes, "passes", 1, 65535)
         wish.resolution = None if resolution is None else _pair(resolution, "resolution")
         wish.region = None if region is None else _region(region, "region")
+        wish.transparent_sky = bool(transparent_sky)
         words = _layers(aovs, "aovs")
         before = _zp._set_threads(arrays.whole(threads, "threads", 1, 255)) if threads is not None else 0
         try:
