@@ -23,6 +23,7 @@
 #include "frame/frame.h"
 #include "frame/host_signals.h"
 #include "geometry/object.h"
+#include "imaging/camera_matrices.h"
 #include "imaging/frame_layers.h"
 #include "imaging/frame_state.h"
 #include "imaging/imaging.h"
@@ -284,6 +285,15 @@ PixelWindow RegionOf(const Camera& camera) {
   return {camera.regionXMin, camera.regionYMin, camera.regionXMax, camera.regionYMax};
 }
 
+// As the program writes it into files of layers: in the middle of the shutter.
+void AddMatrices(const Camera& camera, LayeredPicture& picture) {
+  const CameraPose pose = CameraAtTime(camera, 0.5f);
+  SetAttribute(picture, "worldToCamera", WorldToCamera(pose));
+  if (camera.projection != zp::Projection::kPerspective) return;
+  SetAttribute(picture, "worldToNDC", WorldToScreen(camera, pose));
+  SetAttribute(picture, "zephlore:fieldOfView", pose.fieldOfView);
+}
+
 LayeredPicture TakePicture(Camera& camera, const std::vector<std::string>& halfLayers) {
   FrameSource source;
   VisitFrameAovs(camera, [&source](const Aov& aov) { source.aovs.push_back(&aov); });
@@ -295,7 +305,9 @@ LayeredPicture TakePicture(Camera& camera, const std::vector<std::string>& halfL
   source.half = [&camera](int x, int y, int half) {
     return HalfPixel(camera.aovs.front(), frameState, x, y, static_cast<std::uint32_t>(half));
   };
-  return MakeFrameLayers(source);
+  LayeredPicture picture = MakeFrameLayers(source);
+  AddMatrices(camera, picture);
+  return picture;
 }
 
 // The beauty image as it stands, of the region.

@@ -94,6 +94,21 @@ py::array_t<std::uint8_t> View(LayeredPicture& picture, const std::string& name,
   return bytes;
 }
 
+struct ToPython {
+  template <class Value>
+  py::object operator()(const Value& value) const {
+    return py::cast(value);
+  }
+  py::object operator()(const OtherValue& value) const { return py::bytes(value.bytes); }
+};
+
+py::dict Attributes(const LayeredPicture& picture) {
+  py::dict all;
+  for (const Attribute& attribute : picture.attributes)
+    all[py::str(attribute.name)] = std::visit(ToPython(), attribute.value);
+  return all;
+}
+
 }  // namespace
 
 void DefinePictures(py::module_& m) {
@@ -115,6 +130,7 @@ void DefinePictures(py::module_& m) {
               std::variant<std::int32_t, double, std::string> value) {
              std::visit([&](const auto& known) { SetAttribute(picture, name, known); }, value);
            })
+      .def("attributes", Attributes)
       .def("copy", [](const LayeredPicture& picture) { return std::make_unique<LayeredPicture>(picture); })
       .def("save", Save)
       .def("missing_for_denoise", MissingForDenoise)

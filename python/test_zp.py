@@ -328,6 +328,8 @@ class Scenes(unittest.TestCase):
         scene = zp.Scene.open(folder)
         ours = scene.render(2, 5, resolution=(48, 27), aovs=["albedo"])
         self.assertEqual(list(ours), list(theirs))
+        for name in ("worldToCamera", "worldToNDC", "zephlore:fieldOfView"):
+            self.assertEqual(ours.attributes[name], theirs.attributes[name])
         for layer in ours:
             np.testing.assert_array_equal(ours[layer], theirs[layer], layer)
         scene.object("more").add_particles([[0, 0, 0]], 1e3)  # beside, or here around, what the folder has

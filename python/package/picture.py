@@ -5,7 +5,7 @@ from __future__ import annotations
 import os
 import struct
 import zlib
-from typing import Any, Iterator, List, Mapping, Optional, Tuple, Union
+from typing import Any, Dict, Iterator, Mapping, Optional, Tuple, Union
 
 import numpy as np
 from numpy.typing import NDArray
@@ -78,6 +78,11 @@ class Picture(Mapping[str, Floats]):
     def resolution(self) -> Tuple[int, int]:
         """Width and height of the whole picture."""
         return self._layers.resolution()
+
+    @property
+    def attributes(self) -> Dict[str, Any]:
+        """What its file tells besides: "worldToCamera" and "worldToNDC" of a render, 16 numbers by rows, and others."""
+        return self._layers.attributes()
 
     def _name(self, layer: str) -> str:
         names = [name for name, _ in self._layers.layers()]
