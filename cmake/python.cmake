@@ -52,7 +52,8 @@ set_target_properties(zp_python PROPERTIES
   LINK_DEPENDS ${ZP_PYTHON_MAP})
 
 # Not in a folder "zp", which the test beside it would import in place of the built one.
-set(ZP_PYTHON_FILES __init__.py arrays.py picture.py scene.py shaders.py _zp.pyi py.typed)
+set(ZP_PYTHON_FILES __init__.py arrays.py cameras.py checks.py lights.py objects.py picture.py scene.py
+  shaders.py _zp.pyi py.typed)
 foreach(file ${ZP_PYTHON_FILES})
   configure_file(${PROJECT_SOURCE_DIR}/python/package/${file} ${PROJECT_BINARY_DIR}/python/zp/${file} COPYONLY)
 endforeach()

@@ -322,7 +322,19 @@ class Scenes(unittest.TestCase):
 
     def test_folder_as_the_program_renders_it(self):
         folder = PROJECT / "scenes/formats/leaves"
-        arguments = ["--sample", "2", "--seed", "5", "--resolution", "48x27", "--float", "--output", "o.exr", "--aov", "albedo"]
+        arguments = [
+            "--sample",
+            "2",
+            "--seed",
+            "5",
+            "--resolution",
+            "48x27",
+            "--float",
+            "--output",
+            "o.exr",
+            "--aov",
+            "albedo",
+        ]
         subprocess.run([os.environ["ZP_PROGRAM"], "render", folder, *arguments, "--quiet"], cwd=self.folder, check=True)
         theirs = zp.Picture.open(self.folder / "o.exr")
         scene = zp.Scene.open(folder)
@@ -349,7 +361,9 @@ class Scenes(unittest.TestCase):
         moving = scene.instance(part, place)
         white = scene.shader("white", lambertian=1)
         scene.object("wall").add_mesh(corner + [0.5, 0.5, 0], self.FACE, shader=white)
-        scene.point_light((0.5, 0.5, 1), 2, direction=(0, 0, -1), inner_angle=20, outer_angle=20, offset=0, only=[white])
+        scene.point_light(
+            (0.5, 0.5, 1), 2, direction=(0, 0, -1), inner_angle=20, outer_angle=20, offset=0, only=[white]
+        )
         scene.text('shader\n name "red"\n surface_shader\n emissive\n color 4 0 0\n end\n end\nend\n')
         red = scene.find_shader("red")
         scene.object("hair").add_hair([[[-0.9, -0.5, 0], [-0.5, -0.5, 0], [-0.1, -0.5, 0]]] * 2, 0.2, shader=red)
@@ -412,7 +426,12 @@ class Scenes(unittest.TestCase):
             scene.render(1, strict=False)
         self.assertEqual(clay.name, "clay")
         scene.close()
-        for call in (lambda: scene.render(1), lambda: scene.object("c"), lambda: thing.add_mesh(points, face), lambda: clay.layer()):
+        for call in (
+            lambda: scene.render(1),
+            lambda: scene.object("c"),
+            lambda: thing.add_mesh(points, face),
+            lambda: clay.layer(),
+        ):
             self.assertRaisesRegex(RuntimeError, "closed", call)
         zp.add_object()
         self.assertRaisesRegex(RuntimeError, "finalize", other.render)
@@ -420,9 +439,11 @@ class Scenes(unittest.TestCase):
 
     def test_what_ends_a_render(self):
         for raised in (ZeroDivisionError, KeyboardInterrupt):
+
             def interrupt(done, image):
                 if done == 2:
                     raise raised  # noqa: B023
+
             self.assertRaises(raised, self.scene.render, 9, callback=interrupt)  # fmt: skip
             self.assertEqual(self.scene.picture.passes, 2)
         self.assertRaisesRegex(RuntimeError, "under way", self.scene.render, 9, callback=lambda *_: self.scene.render())

@@ -68,8 +68,12 @@ def stage_pages(stage: Path) -> None:
         if name == Path("examples.md"):
             text = text.replace("](../docs/", "](").replace("](first_picture", "](../examples/first_picture")
         if name == Path("index.md"):
-            more = sorted(str(page.with_suffix("")) for page in pages if str(page.with_suffix("")) not in listed | {"index"})
-            text = re.sub(r"^blender\n", "" if Path("blender.md") not in pages else "blender\n", text, flags=re.MULTILINE)
+            more = sorted(
+                str(page.with_suffix("")) for page in pages if str(page.with_suffix("")) not in listed | {"index"}
+            )
+            text = re.sub(
+                r"^blender\n", "" if Path("blender.md") not in pages else "blender\n", text, flags=re.MULTILINE
+            )
             text = text.replace("\narchitecture\n", "\n" + "\n".join(["architecture", *more]) + "\n")
         text = LINK.sub(lambda match, name=name: place_link(stage, name, match), text)
         (stage / name).parent.mkdir(parents=True, exist_ok=True)
@@ -87,12 +91,28 @@ def build(output: Path, version: str) -> int:
             write_scene(stage, render.parent)
         (stage / "interface.md").write_text(
             '# The functions\n\nThe functions of `libzp.so`, <a href="interface/modules.html">as `zp.h` explains them</a>. '
-            "The [host guide](host-guide.md) tells how a program is made of them.\n")  # fmt: skip
+            "The [host guide](host-guide.md) tells how a program is made of them.\n"
+        )
         shutil.copy(DOCS / "manual/conf.py", stage)
         shutil.rmtree(output, ignore_errors=True)
-        return subprocess.run([sys.executable, "-m", "sphinx", "-W", "--keep-going", "-q", "-b", "html", "-d",
-                               str(stage / ".doctrees"), str(stage), str(output)],
-                              env={**os.environ, "ZP_VERSION": version}, check=False).returncode  # fmt: skip
+        return subprocess.run(
+            [
+                sys.executable,
+                "-m",
+                "sphinx",
+                "-W",
+                "--keep-going",
+                "-q",
+                "-b",
+                "html",
+                "-d",
+                str(stage / ".doctrees"),
+                str(stage),
+                str(output),
+            ],
+            env={**os.environ, "ZP_VERSION": version},
+            check=False,
+        ).returncode
 
 
 if __name__ == "__main__":

@@ -52,8 +52,15 @@ def follow(page: Path, folder: Path, path: str) -> int:
         if kind == "sh":
             for command in text.splitlines():
                 count += 1
-                done = subprocess.run(["sh", "-c", command], cwd=folder, env={**os.environ, "PATH": path}, text=True,
-                                      stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)  # fmt: skip
+                done = subprocess.run(
+                    ["sh", "-c", command],
+                    cwd=folder,
+                    env={**os.environ, "PATH": path},
+                    text=True,
+                    stdout=subprocess.PIPE,
+                    stderr=subprocess.STDOUT,
+                    check=False,
+                )
                 if done.returncode != 0 or "Traceback" in done.stdout:
                     sys.exit(f"{page.name}: '{command}' ends with {done.returncode}:\n{done.stdout}")
         elif name:
@@ -70,7 +77,9 @@ def main() -> None:
         if not is_small:
             work = Path(sys.argv[2]).resolve()
         work.mkdir(exist_ok=True)
-        write_tool(tools, "zephlore", SMALL.format(program=program) if is_small else f'#!/bin/sh\nexec {program} "$@"\n')
+        write_tool(
+            tools, "zephlore", SMALL.format(program=program) if is_small else f'#!/bin/sh\nexec {program} "$@"\n'
+        )
         write_tool(tools, "python3", f'#!/bin/sh\nexec {sys.executable} "$@"\n')
         write_tool(tools, "sbatch", SBATCH)
         write_tool(tools, "squeue", "#!/bin/sh\n")

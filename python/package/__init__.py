@@ -8,16 +8,16 @@ like tell the rest.
 
 from ._zp import *
 from ._zp import __version__ as __version__
+from .cameras import Camera as Camera
+from .lights import ParallelLight as ParallelLight
+from .lights import PointLight as PointLight
+from .lights import Sky as Sky
+from .objects import Instance as Instance
+from .objects import Object as Object
 from .picture import Picture as Picture
-from .scene import Camera as Camera
-from .scene import Instance as Instance
-from .scene import Object as Object
-from .scene import ParallelLight as ParallelLight
-from .scene import PointLight as PointLight
 from .scene import Scene as Scene
 from .scene import SceneError as SceneError
 from .scene import SceneWarning as SceneWarning
-from .scene import Sky as Sky
 from .shaders import NormalMap as NormalMap
 from .shaders import Shader as Shader
 from .shaders import Texture as Texture

@@ -115,3 +115,11 @@ def faces(value: Any, vertices: int, what: str) -> Integers:
         face = int(np.argmax((result >= vertices).any(axis=1)))
         raise IndexError(f"zp: {what}: face {face} names vertex {result[face].max()} of {vertices}")
     return result
+
+
+def member(kind: Any, word: Any, what: str) -> Any:
+    """The member of an enumeration whose name is the word, in small letters."""
+    words = [each.name.lower() for each in kind]
+    if not isinstance(word, str) or word not in words:
+        raise ValueError(f"zp: {what} must be one of {', '.join(words)}, not {word!r}")
+    return kind[word.upper()]

@@ -28,8 +28,12 @@ def _png(pixels: NDArray[np.uint8]) -> bytes:
         return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data))
 
     header = struct.pack(">IIBBBBB", width, height, 8, 2 if channels == 3 else 0, 0, 0, 0)
-    return (b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", header)
-            + chunk(b"IDAT", zlib.compress(lines.tobytes(), 6)) + chunk(b"IEND", b""))  # fmt: skip
+    return (
+        b"\x89PNG\r\n\x1a\n"
+        + chunk(b"IHDR", header)
+        + chunk(b"IDAT", zlib.compress(lines.tobytes(), 6))
+        + chunk(b"IEND", b"")
+    )
 
 
 class Picture(Mapping[str, Floats]):
@@ -46,8 +50,15 @@ class Picture(Mapping[str, Floats]):
     seconds: float  #: that its passes took
     exposure: Vector  #: of its camera; acts in files of 8 bits and in notebooks
 
-    def __init__(self, layers: _zp._LayeredPicture, *, passes: int = 0, seed: Optional[int] = None,
-                 seconds: float = 0, exposure: Vector = (1, 1, 1)) -> None:  # fmt: skip
+    def __init__(
+        self,
+        layers: _zp._LayeredPicture,
+        *,
+        passes: int = 0,
+        seed: Optional[int] = None,
+        seconds: float = 0,
+        exposure: Vector = (1, 1, 1),
+    ) -> None:
         self._layers = layers
         self.passes, self.seed, self.seconds, self.exposure = passes, seed, seconds, exposure
 
@@ -142,13 +153,15 @@ class Picture(Mapping[str, Floats]):
         missing = self._layers.missing_for_denoise()
         if missing:
             raise ValueError(f"zp: taking noise out needs render(denoise=True); the picture lacks {missing}")
-        copy = Picture(self._layers.copy(), passes=self.passes, seed=self.seed, seconds=self.seconds,
-                       exposure=self.exposure)  # fmt: skip
+        copy = Picture(
+            self._layers.copy(), passes=self.passes, seed=self.seed, seconds=self.seconds, exposure=self.exposure
+        )
         copy._layers.denoise()
         return copy
 
-    def view(self, layer: str = "beauty", *, stops: float = 0, white_balance: Optional[float] = None,
-             curve: str = "srgb") -> NDArray[np.uint8]:  # fmt: skip
+    def view(
+        self, layer: str = "beauty", *, stops: float = 0, white_balance: Optional[float] = None, curve: str = "srgb"
+    ) -> NDArray[np.uint8]:
         """A layer as a screen shows it: uint8, [height, width, 3], or 1 in place of 3 for one channel.
 
         stops: exposure, doubling with each. white_balance: kelvin. curve: "srgb" cuts what is brighter than white,

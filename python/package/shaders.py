@@ -26,14 +26,21 @@ class Texture:
     1. color_matrix: [4, 4], of red, green, blue and 1. uv_matrix: [3, 3], of u, v and 1. Both take format 2.
     """
 
-    def __init__(self, image: Union[str, "os.PathLike[str]", NDArray[Any]], color: Color = 1, *,
-                 gamma: Optional[float] = None, color_matrix: Optional[ArrayLike] = None,
-                 uv_matrix: Optional[ArrayLike] = None) -> None:  # fmt: skip
+    def __init__(
+        self,
+        image: Union[str, "os.PathLike[str]", NDArray[Any]],
+        color: Color = 1,
+        *,
+        gamma: Optional[float] = None,
+        color_matrix: Optional[ArrayLike] = None,
+        uv_matrix: Optional[ArrayLike] = None,
+    ) -> None:
         self.color = arrays.color(color, "Texture: color")
         self.gamma = None if gamma is None else arrays.number(gamma, "Texture: gamma", 0)
         self.color_matrix, self.uv_matrix = (
             None if value is None else arrays.floats(value, f"Texture: {word}", size, size)
-            for word, value, size in (("color_matrix", color_matrix, 4), ("uv_matrix", uv_matrix, 3)))  # fmt: skip
+            for word, value, size in (("color_matrix", color_matrix, 4), ("uv_matrix", uv_matrix, 3))
+        )
         self.path: Optional[str] = None
         self.pixels: Optional[Floats] = None
         self.has_bytes = False
@@ -55,8 +62,9 @@ class Texture:
 class NormalMap(Texture):
     """A picture of normals in the surface's own space, of numbers from 0 to 1 for -1 to 1."""
 
-    def __init__(self, image: Union[str, "os.PathLike[str]", NDArray[Any]], *,
-                 uv_matrix: Optional[ArrayLike] = None) -> None:  # fmt: skip
+    def __init__(
+        self, image: Union[str, "os.PathLike[str]", NDArray[Any]], *, uv_matrix: Optional[ArrayLike] = None
+    ) -> None:
         twice = [[2, 0, 0, -1], [0, 2, 0, -1], [0, 0, 2, -1], [0, 0, 0, 1]]
         super().__init__(image, gamma=1, color_matrix=twice, uv_matrix=uv_matrix)
 
@@ -73,10 +81,11 @@ def _value(value: Value, what: str) -> Any:
 class Shader:
     """What a surface looks like: made by Scene.shader or Scene.find_shader."""
 
-    def __init__(self, scene: Scene, name: str, visibility: str, smooth_angle: Optional[float],
-                 known: bool = False) -> None:  # fmt: skip
+    def __init__(
+        self, scene: Scene, name: str, visibility: str, smooth_angle: Optional[float], known: bool = False
+    ) -> None:
         self._scene, self._name, self._known = scene, name, known
-        self._visibility = scene._member(_zp.Visibility, visibility, "visibility")
+        self._visibility = arrays.member(_zp.Visibility, visibility, "visibility")
         self._smooth_angle = None if smooth_angle is None else arrays.number(smooth_angle, "smooth_angle")
         self._layers: List[Dict[str, Any]] = []
         self._moves: List[Dict[str, Any]] = []
@@ -88,18 +97,32 @@ class Shader:
     def name(self) -> str:
         return self._name
 
-    def layer(self, *, lambertian: Optional[Value] = None, transmissive: Optional[Value] = None,
-              glossy: Optional[Value] = None, specular: Optional[Value] = None, emissive: Optional[Value] = None,
-              diffusion: Optional[Value] = None, roughness: Optional[Value] = None, ior: Optional[Value] = None,
-              weight: Optional[Value] = None, anisotropy: Optional[Value] = None, angle: Optional[Value] = None,
-              thickness: Optional[Value] = None, shadow_transparency: Optional[Value] = None,
-              normal: Optional[Texture] = None, material: str = "conductor", side: str = "both",
-              virtual_light: Optional[bool] = None) -> Shader:  # fmt: skip
+    def layer(
+        self,
+        *,
+        lambertian: Optional[Value] = None,
+        transmissive: Optional[Value] = None,
+        glossy: Optional[Value] = None,
+        specular: Optional[Value] = None,
+        emissive: Optional[Value] = None,
+        diffusion: Optional[Value] = None,
+        roughness: Optional[Value] = None,
+        ior: Optional[Value] = None,
+        weight: Optional[Value] = None,
+        anisotropy: Optional[Value] = None,
+        angle: Optional[Value] = None,
+        thickness: Optional[Value] = None,
+        shadow_transparency: Optional[Value] = None,
+        normal: Optional[Texture] = None,
+        material: str = "conductor",
+        side: str = "both",
+        virtual_light: Optional[bool] = None,
+    ) -> Shader:
         """Adds a layer, and returns the shader. What is one layer reflects together; layers of a side mix.
 
         Elements are linear RGB, a number for all three channels, a Texture or the path of one; the words are those
-        of the scene format. ior: 1.5 by default where there is a glossy or a specular colour; metals want 20 or so. weight: 1.
-        material: "conductor", "dielectric" or "thin_dielectric". side: "face", "back" or "both".
+        of the scene format. ior: 1.5 by default where there is a glossy or a specular colour; metals want 20 or so.
+        weight: 1 by default. material: "conductor", "dielectric" or "thin_dielectric". side: "face", "back" or "both".
         virtual_light: whether emission is sampled as a light; by default it is, in format 2.
         """
         self._scene._require_open()
@@ -114,14 +137,20 @@ class Shader:
             if not isinstance(normal, Texture):
                 raise TypeError(f"zp: {self._name}: normal must be a NormalMap or a Texture, not {normal!r}")
             layer["normal"] = normal
-        layer["material"] = self._scene._member(_zp.Material, material, "material")
-        layer["side"] = self._scene._member(_zp.Sideness, side, "side")
+        layer["material"] = arrays.member(_zp.Material, material, "material")
+        layer["side"] = arrays.member(_zp.Sideness, side, "side")
         layer["virtual_light"] = virtual_light
         self._layers.append(layer)
         return self
 
-    def displacement(self, *, height: Optional[float] = None, vector: Optional[ArrayLike] = None,
-                     image: Optional[Texture] = None, level: int = 1) -> Shader:  # fmt: skip
+    def displacement(
+        self,
+        *,
+        height: Optional[float] = None,
+        vector: Optional[ArrayLike] = None,
+        image: Optional[Texture] = None,
+        level: int = 1,
+    ) -> Shader:
         """Moves the surface, which is split `level` times along each edge before; returns the shader.
 
         height: along the normal, scene units, or vector: along tangent, bitangent and normal. With an image times
@@ -147,8 +176,14 @@ class Shader:
             _zp.set_displacement_level(shader, index, move["level"])
             image = move["image"]
             if image is not None:
-                _zp.set_displacement_image(shader, index, self._scene._file_of(image), image._gamma_of("height"),
-                                           image.color_matrix, image.uv_matrix)  # fmt: skip
+                _zp.set_displacement_image(
+                    shader,
+                    index,
+                    self._scene._file_of(image),
+                    image._gamma_of("height"),
+                    image.color_matrix,
+                    image.uv_matrix,
+                )
         return shader
 
     def _build_layer(self, shader: int, layer: Dict[str, Any]) -> None:
@@ -156,14 +191,22 @@ class Shader:
         lights = layer["virtual_light"]
         _zp.set_surface_material(shader, index, layer["material"])
         _zp.set_surface_sideness(shader, index, layer["side"])
-        _zp.set_surface_virtual_light(shader, index, _zp._format() == 2 and "emissive" in layer if lights is None
-                                      else bool(lights))  # fmt: skip
+        _zp.set_surface_virtual_light(
+            shader, index, _zp._format() == 2 and "emissive" in layer if lights is None else bool(lights)
+        )
         for word in _COLORS + _NUMBERS + ("normal",):
             value = layer.get(word)
             element = _zp.Element[word.upper()]
             if isinstance(value, Texture):
                 _zp.set_surface_color(shader, index, element, *value.color)
-                _zp.set_surface_image(shader, index, element, self._scene._file_of(value), value._gamma_of(word),
-                                      value.color_matrix, value.uv_matrix)  # fmt: skip
+                _zp.set_surface_image(
+                    shader,
+                    index,
+                    element,
+                    self._scene._file_of(value),
+                    value._gamma_of(word),
+                    value.color_matrix,
+                    value.uv_matrix,
+                )
             elif value is not None:
                 _zp.set_surface_color(shader, index, element, *value)
