@@ -5,15 +5,18 @@
 #include <charconv>
 #include <cmath>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 
 #include "commands.h"
+#include "completion.h"
 #include "core/ray.h"
 #include "core/words.h"
 #include "image_commands.h"
 #include "imaging/imaging.h"
 #include "layered_output.h"
+#include "new_command.h"
 #include "run_log.h"
 
 namespace zp {
@@ -378,6 +381,7 @@ int Run(int argc, char** argv) {
   ViewOptions viewOptions;
   MergeOptions mergeOptions;
   FarmOptions farmOptions;
+  NewOptions newOptions;
   CLI::App app("zephlore, a physically based offline renderer", "zephlore");
   app.set_version_flag("--version", "zephlore " ZP_VERSION);
   app.require_subcommand(1);
@@ -386,7 +390,14 @@ int Run(int argc, char** argv) {
   AddView(app, viewOptions);
   AddMerge(app, mergeOptions);
   AddFarm(app, farmOptions);
+  AddNew(app, newOptions);
   AddPictureVerbs(app);
+  if (argc > 1 && argv[1] == kCompleteWord) {
+    DropReport();
+    for (const std::string& word : Completions(app, {argv + 2, argv + argc}))
+      std::printf("%s\n", word.c_str());
+    return kExitDone;
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -399,6 +410,7 @@ int Run(int argc, char** argv) {
   if (const std::optional<int> status = RunPictureVerb(app)) return *status;
   if (app.got_subcommand("merge")) return RunMerge(mergeOptions);
   if (app.got_subcommand("farm")) return RunFarm(farmOptions);
+  if (app.got_subcommand("new")) return RunNew(newOptions);
   if (app.got_subcommand("check")) return RunCheck(checkOptions);
   return app.got_subcommand("render") ? RunRender(renderOptions) : RunView(viewOptions);
 }

@@ -166,10 +166,12 @@ def write_map(path, middle, width=512, height=256):
             turn = 2 * math.pi * (column + middle) / width
             toward = math.cos(rise) * math.cos(turn - 2) * math.cos(0.7) + math.sin(rise) * math.sin(0.7)
             sun, up = 400 * math.exp((toward - 1) * 3000), max(0, math.sin(rise))
-            sky = (0.25 + 0.2 * up, 0.4 + 0.3 * up, 0.8) if rise >= 0 else (0.1, 0.1, 0.08)
-            color = [c + sun * tint for c, tint in zip(sky, (1, 0.95, 0.85))]
+            sky, ground = (0.25 + 0.2 * up, 0.4 + 0.3 * up, 0.8), (0.1, 0.1, 0.08)
+            share = min(max(0.5 + 10 * rise, 0), 1)  # a sharp horizon would stand half a texel higher for one of the two
+            color = [g + share * (c - g) + sun * tint for c, g, tint in zip(sky, ground, (1, 0.95, 0.85))]
             fraction, exponent = math.frexp(max(color))
-            pixels += bytes([min(255, int(c * fraction * 256 / max(color))) for c in color] + [exponent + 128])
+            half = 0 if middle else 0.5  # Cycles reads bytes as the middles of their steps
+            pixels += bytes([min(255, int(c * fraction * 256 / max(color) + half)) for c in color] + [exponent + 128])
     path.write_bytes(b"#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y %d +X %d\n" % (height, width) + pixels)
 
 

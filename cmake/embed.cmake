@@ -1,5 +1,6 @@
 # zp_embed(TARGET HEADER FILE...): makes HEADER, which sources of TARGET include, with a constant for each file:
-# app/slurm/part.sh becomes kPartSh.
+# app/slurm/part.sh becomes kPartSh. zp_embed_tree(TARGET HEADER CONSTANT FOLDER FILE...): with one table of the files,
+# by their paths below FOLDER.
 function(zp_embed target header)
   set(text "#pragma once\n\n#include <string_view>\n\nnamespace zp {\n")
   foreach(path ${ARGN})
@@ -16,6 +17,24 @@ function(zp_embed target header)
     string(APPEND text "inline constexpr std::string_view ${constant} = R\"embedded(${content})embedded\";\n")
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${path}")
   endforeach()
+  zp_write_embedded(${target} ${header} "${text}")
+endfunction()
+
+function(zp_embed_tree target header constant folder)
+  set(text "#pragma once\n\n#include <string_view>\n\nnamespace zp {\n")
+  string(APPEND text "struct EmbeddedFile {\n  std::string_view path, content;\n};\n")
+  string(APPEND text "inline constexpr EmbeddedFile ${constant}[] = {\n")
+  foreach(path ${ARGN})
+    file(RELATIVE_PATH name "${folder}" "${path}")
+    file(READ "${path}" content)
+    string(APPEND text "    {\"${name}\", R\"embedded(${content})embedded\"},\n")
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${path}")
+  endforeach()
+  zp_write_embedded(${target} ${header} "${text}};\n")
+endfunction()
+
+# Ends the text of a header, and leaves one that is as it was alone.
+function(zp_write_embedded target header text)
   string(APPEND text "}  // namespace zp\n")
   set(folder ${PROJECT_BINARY_DIR}/embedded)
   set(old "")

@@ -1,12 +1,29 @@
-# What `cmake --install` leaves behind, in four components: the program, the library, what building against it
-# takes, and the module for Python, whose own rules stand in python.cmake.
+# What `cmake --install` leaves behind, in components: the program, the library, what building against it takes, scenes,
+# the module for Python, the window and the importer, whose own rules stand in files of their own.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 install(TARGETS zephlore RUNTIME COMPONENT program)
 install(FILES docs/zephlore.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
-foreach(scene courtyard cistern flight relief)  # a megabyte each at most
-  install(DIRECTORY scenes/${scene} DESTINATION ${CMAKE_INSTALL_DATADIR}/zephlore/scenes COMPONENT program
+install(FILES app/completion.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME zephlore
+  COMPONENT program)
+
+# A page for each command, of what the manual says of it.
+set(ZP_MANUAL ${PROJECT_SOURCE_DIR}/docs/zephlore.1)
+set(ZP_VERB_PAGE ${PROJECT_SOURCE_DIR}/cmake/verb_page.awk)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${ZP_MANUAL} ${ZP_VERB_PAGE})
+execute_process(COMMAND awk -f ${ZP_VERB_PAGE} ${ZP_MANUAL} OUTPUT_VARIABLE verbs COMMAND_ERROR_IS_FATAL ANY)
+string(REGEX MATCHALL "[a-z]+" verbs "${verbs}")
+foreach(verb ${verbs})
+  set(page ${PROJECT_BINARY_DIR}/man/zephlore-${verb}.1)
+  execute_process(COMMAND awk -v verb=${verb} -f ${ZP_VERB_PAGE} ${ZP_MANUAL} OUTPUT_VARIABLE text
+    COMMAND_ERROR_IS_FATAL ANY)
+  file(WRITE ${page} "${text}")
+  install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
+endforeach()
+
+foreach(scene courtyard still_life gallery cistern beads pompoms relief flight)  # those of README.md, ten megabytes
+  install(DIRECTORY scenes/${scene} DESTINATION ${CMAKE_INSTALL_DATADIR}/zephlore/scenes COMPONENT scenes
     PATTERN generate.py EXCLUDE PATTERN __pycache__ EXCLUDE)
 endforeach()
 install(FILES docs/scene-format.md docs/check.md docs/aov-guide.md docs/console.md docs/watching.md docs/keeping.md docs/farm.md docs/final-gathering.md docs/pictures.md
@@ -44,5 +61,3 @@ cmake_path(APPEND ZP_PC_LIBDIR "\${prefix}" "${CMAKE_INSTALL_LIBDIR}")  # an abs
 cmake_path(APPEND ZP_PC_INCLUDEDIR "\${prefix}" "${CMAKE_INSTALL_INCLUDEDIR}")
 configure_file(cmake/zp.pc.in zp.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/zp.pc DESTINATION ${ZP_PKGCONFIG_FOLDER} COMPONENT development)
-
-include(cmake/package.cmake)

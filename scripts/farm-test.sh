@@ -62,7 +62,6 @@ SlurmdSpoolDir=$work/spool-%n
 SlurmctldPidFile=$work/slurmctld.pid
 SlurmdPidFile=$work/slurmd-%n.pid
 SlurmctldLogFile=$work/slurmctld.log
-SlurmdLogFile=$work/slurmd-%n.log
 ProctrackType=proctrack/linuxproc
 TaskPlugin=task/none
 SelectType=select/cons_tres
@@ -76,6 +75,8 @@ NodeName=alpha NodeHostname=$(uname -n) NodeAddr=127.0.0.2 Port=16818 CPUs=$proc
 NodeName=beta NodeHostname=$(uname -n) NodeAddr=127.0.0.3 Port=16819 CPUs=$processors State=UNKNOWN
 PartitionName=all Nodes=ALL Default=YES MaxTime=INFINITE State=UP
 EOF
+  # Nothing is confined; a machine without control groups will do.
+  echo "CgroupPlugin=cgroup/v1" > "$work/cgroup.conf"
   mkdir -p "$work"/{munge,state,spool-alpha,spool-beta}
   chmod 755 "$work" "$work/munge"
   chmod 600 "$work/slurm.conf"
@@ -89,18 +90,20 @@ StartFarm() {
     > /dev/null 2>&1 &
   daemons[munge]=$!
   disown
-  Await 10 test -S "$work/munge/socket" || Fail "munged does not start: $(tail -1 "$work/munge/log")"
+  Await 10 test -S "$work/munge/socket" || Fail "munged does not start: $(tail -n 1 "$work/munge/log")"
   export SLURM_CONF=$work/slurm.conf
   slurmctld -D -i > /dev/null 2>&1 &
   daemons[controller]=$!
   disown
   for node in alpha beta; do
-    # A name space of processes is as mortal as a machine: with its first one all of them end.
-    unshare --pid --fork --kill-child --mount-proc slurmd -D -N $node > /dev/null 2>&1 &
+    # A name space of processes is as mortal as a machine: with its first one all of them end. The root's own
+    # propagation stays: in a chroot it cannot be changed.
+    unshare --pid --fork --kill-child --mount-proc --propagation unchanged slurmd -D -N $node \
+      >> "$work/slurmd-$node.log" 2>&1 &
     daemons[$node]=$!
     disown
   done
-  Await 60 HaveNodes || Fail "the nodes do not come up: $(tail -3 "$work/slurmctld.log" "$work"/slurmd-*.log)"
+  Await 60 HaveNodes || Fail "the nodes do not come up: $(tail -n 3 "$work/slurmctld.log" "$work"/slurmd-*.log)"
 }
 HaveNodes() { [ "$(sinfo -h -N -t idle -o %N | sort -u | wc -l)" = 2 ]; }
 
@@ -134,7 +137,7 @@ kill -KILL "${daemons[beta]}"
 unset "daemons[beta]"
 echo "the node beta is lost while it renders part $victim"
 
-wait $farm || Fail "$(tail -3 "$work/farm.log")"
+wait $farm || Fail "$(tail -n 3 "$work/farm.log")"
 unset farm
 sed 's/^/    /' "$folder/part-$victim.log"
 grep -q "goes on with its checkpoint on alpha" "$folder/part-$victim.log" || Fail "part $victim was not redone"

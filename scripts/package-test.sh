@@ -2,7 +2,7 @@
 # Tries the Debian packages of a folder as a user of a fresh Debian 12 would: installs them, renders a scene,
 # builds the examples against the library, runs them, and removes all again.
 #
-#   package-test.sh [FOLDER]    FOLDER holds the .deb files, by default build/package
+#   package-test.sh [FOLDER]    FOLDER holds the .deb files, by default build/packages
 #
 # Needs root, debootstrap, and the right to make mount namespaces. The Debian mirror is that of the machine's apt,
 # or $MIRROR. The new system lies below $TMPDIR until the end.
@@ -17,7 +17,7 @@ Fail() {
 }
 
 [ "$(id -u)" = 0 ] || Fail "needs root"
-folder=$(realpath "${1:-$source/build/package}")
+folder=$(realpath "${1:-$source/build/packages}")
 compgen -G "$folder/zephlore_*.deb" > /dev/null || Fail "there is no package in '$folder'"
 PATH=$PATH:/usr/sbin:/sbin
 command -v debootstrap > /dev/null || Fail "debootstrap is missing"
@@ -91,10 +91,35 @@ InstallProgram() {
 apt-get install -q -y --no-install-recommends ./packages/zephlore_*.deb
 zephlore --version
 ldd /usr/bin/zephlore > libraries
-None sed -n '/not found/p' libraries
+None sed -n '/not found/p; /libGL/p; /libX11/p; /assimp/p' libraries
 None dpkg --verify zephlore
-gzip -t /usr/share/man/man1/zephlore.1.gz
+for verb in $(sed -n 's/^  \([a-z]*\)  .*/\1/p' <(zephlore --help | sed '1,/^Subcommands/d')); do
+  ls "/usr/share/man/man1/zephlore-$verb.1.gz"
+done
 test -s /usr/share/doc/zephlore/copyright
+! zephlore render nowhere --preview
+echo "= $(dpkg -l | grep -c ^ii) packages, $(du -sxm --exclude=/proc / | cut -f1) MB"
+SCRIPT
+}
+
+# Two commands behind the installation of the program: a scene of its own, and its picture.
+FirstPicture() {
+  Inside << 'SCRIPT'
+zephlore new first
+zephlore render first --resolution 240x135 --sample 8 --strict --output first.png
+test "$(stat -c %s first.png)" -gt 10000
+SCRIPT
+}
+
+InstallRest() {
+  Inside << 'SCRIPT'
+apt-get install -q -y --no-install-recommends ./packages/zephlore-*.deb bash-completion man-db
+None dpkg --verify zephlore-scenes zephlore-preview
+ldd /usr/lib/*/zephlore/zephlore-preview.so > libraries
+None sed -n '/not found/p' libraries
+bash -i -c '. /usr/share/bash-completion/bash_completion; _completion_loader zephlore
+  COMP_WORDS=(zephlore render --den) COMP_CWORD=2; _zephlore zephlore; printf "= %s\n" "${COMPREPLY[*]}"' 2> /dev/null |
+  grep -e --denoise
 echo "= $(dpkg -l | grep -c ^ii) packages, $(du -sxm --exclude=/proc / | cut -f1) MB"
 SCRIPT
 }
@@ -170,7 +195,7 @@ SCRIPT
 
 Remove() {
   Inside << 'SCRIPT'
-apt-get purge -q -y $(dpkg -l 'zephlore' 'libzp*' 'python3-zp' 2> /dev/null | awk '/^ii/ { print $2 }')
+apt-get purge -q -y $(dpkg -l 'zephlore*' 'libzp*' 'python3-zp' 2> /dev/null | awk '/^ii/ { print $2 }')
 None find / -xdev \( -path /root -o -path /proc -o -path /var/log \) -prune -o \
   \( -name '*zephlore*' -o -name 'libzp*' -o -name zp.pc -o -name zp.h -o -path '*/zp' \) -print
 SCRIPT
@@ -180,7 +205,9 @@ total=$SECONDS
 ls -sh1 "$folder"/*.deb
 Step "a fresh Debian 12" MakeSystem
 Step "the program is installed" InstallProgram
-Step "a scene is rendered" Render
+Step "a new scene is rendered" FirstPicture
+Step "scenes, the window and completion are installed" InstallRest
+Step "a scene of the gallery is rendered" Render
 Step "the library and a compiler are installed" InstallLibrary
 if compgen -G "$folder/python3-zp_*.deb" > /dev/null; then
   Step "the module for Python is installed" InstallModule

@@ -15,7 +15,7 @@ trap 'rm -rf "$work"' EXIT
 trap 'exit 1' HUP INT TERM
 
 cp -r scenes "$work"
-rm -rf "$work"/scenes/*/model "$work"/scenes/*/image
+rm -rf "$work"/scenes/*/{model,image} "$work"/scenes/templates/*/model
 for generator in "$work"/scenes/*/generate.py; do
   scene=$(basename "$(dirname "$generator")")
   echo "$scene"

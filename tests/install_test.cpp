@@ -32,8 +32,15 @@ TEST(Manual, ExplainsEveryCommandAndOption) {
   EXPECT_GE(commands.size(), 3U);
   for (const std::string& command : commands) {
     EXPECT_NE(manual.find("\n.It Cm " + command + " "), std::string::npos) << command;
-    help += OutputOf(program + command + " --help");
+    const std::string shown = OutputOf(program + command + " --help");
+    help += shown;
+    EXPECT_EQ(WordsBehind(OutputOf(program + "__complete " + command + " --"), "--"),
+              WordsBehind(shown, "--"));
+    const std::string page = OutputOf("awk -v verb=" + command + " -f '" + kSources +
+                                      "/cmake/verb_page.awk' '" + kSources + "/docs/zephlore.1'");
+    EXPECT_TRUE(page.find("\n.Cm " + command) != page.npos && page.find("\n.Nd ") != page.npos) << page;
   }
+  EXPECT_EQ(OutputOf(program + "__complete view in.hdr --curve = f"), "filmic\n");
 
   std::string items;  // the lines that begin the explanation of an option
   std::istringstream lines(manual);

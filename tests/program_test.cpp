@@ -107,6 +107,26 @@ TEST_F(Program, SceneThatCannotBeRenderedIsStatusOneAndOneLine) {
   EXPECT_EQ(ReadFile(work / "old.hdr"), "old");
 }
 
+// Each template is clean and renders; what is there is left alone, and of a scene that does not fit nothing
+// is left.
+TEST_F(Program, NewScenesRenderAtOnce) {
+  for (const std::string name : {"studio", "exterior", "interior", "turntable"}) {
+    EXPECT_EQ(Run("new new/" + name + " --template " + name).status, 0) << name;
+    EXPECT_EQ(Run("check new/" + name).output, "0 errors, 0 warnings\n") << name;
+    const std::string small = " --resolution 32x18 --sample 1 --seed 1 --strict --quiet --output ";
+    EXPECT_EQ(Run("render new/" + name + small + name + ".pfm").status, 0) << name;
+    const ImageBuffer image = LoadTopFirst(work / (name + ".pfm"));
+    int lit = 0;
+    for (std::size_t i = 0; i < 32 * 18; ++i) lit += Mean(ReadPixel(image, i)) > 0;
+    EXPECT_GT(lit, 32 * 18 * 9 / 10) << name;
+  }
+  ExpectFailure("new new/studio", 1);
+  ExpectFailure("new rooms/x --template palace", 2);
+  Child full("sh -c 'ulimit -f 8 && \"" + std::string(kProgram) + "\" new full'", work);
+  EXPECT_EQ(full.ExitStatus(), 1);
+  EXPECT_FALSE(fs::exists(work / "full") || fs::exists(work / "rooms"));
+}
+
 // Each kind of file that a scene can lack is told, quiet or not, and once. Without --strict nothing else
 // changes; with it nothing is rendered.
 TEST_F(Program, StrictTellsErrorsOfTheScene) {

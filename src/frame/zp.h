@@ -288,7 +288,7 @@ void zpRender() noexcept;
 void zpRenderPixels(int count, float* out, int pass) noexcept;
 /// Whether zpRender() and zpGo() show a window that follows the passes; default false, carries over. While it
 /// is open the calls do not return: closing the window writes the beauty image and ends the process. Where no
-/// window can be opened, or the library was built without it: an error row, and the frame renders without.
+/// window can be opened, or its module is not installed: an error row, and the frame renders without.
 void zpSetPreviewWindow(bool show) noexcept;
 /// Intended: kept (default 2.2, carries over), without effect on any output. Pictures are linear.
 void zpSetDisplayGamma(float gamma) noexcept;

@@ -38,4 +38,12 @@ std::string PreviewObstacle(int width, int height);
 // window stays open. Only where there is no obstacle: the window library ends the process if it cannot start.
 void RunPreview(const Preview& preview);
 
+// What the window's module offers by `zephlorePreviewWindow`. It is loaded when a window is first asked for,
+// so that neither the program nor the library takes OpenGL and X.
+struct PreviewWindow {
+  const char* version;  // of the sources: of another one the records may differ
+  std::string (*obstacle)(int width, int height);
+  void (*run)(const Preview& preview);
+};
+
 }  // namespace zp

@@ -277,7 +277,7 @@ void CheckCameras(SceneNotes& notes) {
            camera.exposure == kWhite ? FindingCode::kDefaultWithoutEffect : FindingCode::kWithoutEffect,
            "exposure: has no effect in format 1; in format 2 it acts on files of 8 bits");
     CompletePoses(camera);
-    if (noted.camera > 0)
+    if (noted.camera > 0 && (settings.format < 2 || camera.name.empty()))
       Find(notes, noted.place, FindingCode::kIdleCamera,
            "only the first camera is rendered, unless --camera chooses another");
     if (camera.poseCount == 0) Find(notes, noted.place, FindingCode::kCameraPose, "the camera has no pose");
