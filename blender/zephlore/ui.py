@@ -30,6 +30,8 @@ class ZephloreSettings(bpy.types.PropertyGroup):
     hair_bounces: IntProperty(name="Hair Bounces", default=12, min=1, max=255,
                               description="Bounces where there are fibres, through which light goes on and on")
     clamp: FloatProperty(name="Clamp", default=0, min=0, description="Upper limit of one sample; 0 is none")
+    clamp_indirect: FloatProperty(name="Clamp Indirect", default=0, min=0,
+                                  description="Upper limit of light behind the first diffuse bounce; 0 is none")
     noise: FloatProperty(name="Noise Limit", default=0, min=0, max=1, precision=3,
                          description="Relative error at which the frame ends; 0 takes all samples")
     time: FloatProperty(name="Time Limit", default=0, min=0, unit="TIME_ABSOLUTE",
@@ -91,7 +93,7 @@ class ZEPHLORE_PT_paths(Section, bpy.types.Panel):
 
     def draw(self, context):
         column, told = self.column(), context.scene.zephlore
-        for name in ("bounces", "ray_depth", "hair_bounces", "clamp"):
+        for name in ("bounces", "ray_depth", "hair_bounces", "clamp", "clamp_indirect"):
             column.prop(told, name)
 
 
