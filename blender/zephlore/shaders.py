@@ -548,7 +548,7 @@ class Shaders:
 
 
 def shader_of_light(text, name, color, visible, group):
-    """A one-sided emitter of a radiance."""
+    """A one-sided emitter of a radiance, which is in no other light's way."""
     with text.block("shader"):
         text.say("name", quoted(name))
         if group:
@@ -557,6 +557,10 @@ def shader_of_light(text, name, color, visible, group):
             text.say("sideness", '"face"')
             text.say("virtual_light")
             values.write_element(text, "emissive", {"color": color})
+            values.write_element(text, "shadow_transparency", {"color": (1, 1, 1)})
+        with text.block("surface_shader"):
+            text.say("sideness", '"back"')
+            values.write_element(text, "shadow_transparency", {"color": (1, 1, 1)})
         if not visible:
             with text.block("geometry_shader"):
                 text.say("camera_primary", 0)
