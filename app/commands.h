@@ -71,6 +71,7 @@ struct RenderOptions {
   std::vector<std::string> aov;  // layers beside those of the scene: words of imaging/frame_layers.h
   bool floats = false;           // files of layers hold 32 bits throughout
   bool layers = false;           // the frame has layers, whatever its images: of a checkpoint
+  bool groups = false;           // and those of light groups
   bool denoise = false;          // the finished picture loses its noise
   bool denoiseLayers = false;    // the file has the layers that this needs
   bool transparentSky = false;   // the picture leaves out what the camera sees of the sky

@@ -199,7 +199,7 @@ void AddLayering(CLI::App& render, RenderOptions& options) {
       .add_option(
           "--aov", options.aov,
           "Layers to add, whatever the scene says: normal, depth, position, uv, motion, albedo, samples, "
-          "variance, half0, half1, or a channel as lambertian")
+          "variance, half0, half1, lights (the light groups), or a channel as lambertian")
       ->delimiter(',')
       ->type_name("NAME,...")
       ->check([](const std::string& word) { return LayerObstacle(word); });

@@ -437,19 +437,26 @@ TEST_F(ImageFiles, SharedExponentPacking) {
                                          {{kNan, 1, 0}, {0, 1, 0}},
                                          {{1000, 1, 0.1f}, {1000, 1, 0.1f}},
                                          {{1e-30f, 0, 0}, {1e-30f, 0, 0}},
+                                         {{0.998f, 0.4985f, 0}, {0.998f, 0.4985f, 0}},
+                                         {{0.999f, 0.3f, 0}, {0.999f, 0.3f, 0}},
                                          {{kInf, 0, 0}, {1.7e38f, 0, 0}}};
-  for (const auto& [given, exact] : cases) {
-    const ImageBuffer back = SaveAndLoad(MakeRow(3, 32, {given}), "packed.pfm", true);
-    ASSERT_TRUE(back.packed);
-    EXPECT_EQ(PixelBytes(back), 4U);
-    const Vec3 color = ReadPixel(back, 0);
-    for (int c = 0; c < 3; ++c) {  // truncated, by less than one of at least 128 steps
-      EXPECT_LE(color[c], exact[c]);
-      EXPECT_GE(color[c], exact[c] - MaxOf(MaxOf(exact.x, exact.y), exact.z) / 128);
+  for (settings.format = 1; settings.format <= 2; ++settings.format)
+    for (const auto& [given, exact] : cases) {
+      const ImageBuffer back = SaveAndLoad(MakeRow(3, 32, {given}), "packed.pfm", true);
+      ASSERT_TRUE(back.packed);
+      EXPECT_EQ(PixelBytes(back), 4U);
+      const Vec3 color = ReadPixel(back, 0);
+      // One of at least 128 steps: cut off to it, or rounded.
+      const float step = MaxOf(MaxOf(exact.x, exact.y), exact.z) / 128;
+      const float above = settings.format >= 2 ? step / 2 : 0;
+      for (int c = 0; c < 3; ++c) {
+        EXPECT_LE(color[c], exact[c] + above);
+        EXPECT_GE(color[c], exact[c] + above - step);
+      }
+      // A packed picture can be written again.
+      EXPECT_EQ(ReadPixel(SaveAndLoad(back, "again.pfm"), 0), color);
     }
-    // A packed picture can be written again.
-    EXPECT_EQ(ReadPixel(SaveAndLoad(back, "again.pfm"), 0), color);
-  }
+  settings.format = 1;
 }
 
 // A file that is cut is damaged, not smaller. What cannot be read changes no pixel.

@@ -131,6 +131,9 @@ void TestElements(ShadingPoint& point);
 
 // What a ray sees that hits nothing. Writes the sky's AOVs from camera rays.
 Vec3 MissRadiance(const RayRecord& ray);
+// What its cells answer for the hit surface, as far as it sends that; of all light, or of photonGroups[slot]
+// (light_shares.h) alone.
+Vec3 CellLight(const RayRecord& ray, const ShadingPoint& point, std::int32_t slot = kNone);
 // What the hit surface sends back along the ray by itself. Writes the geometry light's AOVs.
 Vec3 EmittedRadiance(const RayRecord& ray, const ShadingPoint& point);
 
@@ -184,7 +187,8 @@ inline bool OnlyMeetsLight(const RayRecord& ray) {
 // Whether such rays are needed. Asked once, when lights and shaders are ready.
 bool SeeksLightByChance();
 
-// Adds to one pixel of an AOV, or of its odd passes; does nothing for a picture that was not allocated as floats.
+// Adds to one pixel of an AOV, or of its odd passes; does nothing for a picture that was not allocated as
+// floats.
 void AddToAov(Aov& aov, std::size_t pixel, Vec3 value);
 
 }  // namespace zp

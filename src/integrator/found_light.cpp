@@ -104,10 +104,10 @@ Vec3 Emission(const RayRecord& ray, const ShadingPoint& point) {
 
 // What the cells answer for a layer that paints them. All layers of the side have painted them, each as often
 // as it is drawn: in format 2 those that answer do so for the rest.
-Vec3 CellRadiance(const RayRecord& ray, const ShadingPoint& point) {
+Vec3 CellRadiance(const RayRecord& ray, const ShadingPoint& point, std::int32_t slot = kNone) {
   const bool paints = point.layer->has[Lobe::kLambertian] || point.layer->has[Lobe::kTransmissive];
   if (!point.useDensity || !paints) return kBlack;
-  const Vec3 density = ReadDensity(ray);
+  const Vec3 density = ReadDensity(ray, slot);
   const Shader& shader = ShaderAt(ray.shader);
   if (settings.format < 2 || shader.surfaces.size() < 2) return density;
   return density / DiffuseLayerShare(shader, ray.frontFace, point.uv);
@@ -159,6 +159,10 @@ Vec3 MissRadiance(const RayRecord& ray) {
     for (Aov& aov : skyLight.aovs)
       AddToAov(aov, threadSlots[ray.thread].pixel, radiance / static_cast<float>(ray.sampleWeight));
   return settings.said.transparentSky && ray.depth == 0 ? kBlack : radiance;
+}
+
+Vec3 CellLight(const RayRecord& ray, const ShadingPoint& point, std::int32_t slot) {
+  return point.diffuseWeight * CellRadiance(ray, point, slot);
 }
 
 Vec3 EmittedRadiance(const RayRecord& ray, const ShadingPoint& point) {
