@@ -10,6 +10,7 @@
 #include "core/box.h"
 #include "core/words.h"
 #include "geometry_files.h"
+#include "imaging/imaging.h"
 #include "pictures.h"
 #include "scene/scene_writer.h"
 #include "shaders.h"
@@ -335,11 +336,17 @@ void WriteSky(SceneFolder& scene, SceneWriter& text, bool isLit) {
   OpenBlock(text, "sky_light");
   if (!scene.settings.sky.empty()) {
     const fs::path source(scene.settings.sky);
-    const std::string name = TokenOf(source.filename().string());
+    std::string name = TokenOf(source.filename().string());
+    while (!scene.shelf.names.insert(name).second) name = "sky-" + name;
     fs::create_directories(scene.shelf.folder);
     std::error_code error;
-    fs::copy_file(source, fs::path(scene.shelf.folder) / name, error);
-    if (error) throw ImportError("the sky '" + scene.settings.sky + "' cannot be read: " + error.message());
+    const fs::path copy = fs::path(scene.shelf.folder) / name;
+    fs::copy_file(source, copy, error);
+    ImageBuffer picture;
+    if (error || !LoadImage(picture, copy.string()))
+      throw ImportError(
+          "the sky '" + scene.settings.sky + "' " +
+          (error ? "cannot be read: " + error.message() : std::string(ProblemText(picture.problem))));
     WriteString(text, "image", name);
     WriteTriple(text, "color", kWhite);
   } else if (isLit) {
@@ -429,7 +436,7 @@ void WriteScene(std::vector<ImportModel>& models, const WriteSettings& settings)
   SceneWriter render;
   OpenBlock(render, "render");
   WriteNumbers(render, "format", {2});
-  if (hasGround) WriteNumbers(render, "clamp", {12, 12, 12});  // white by far: what is above is sparks
+  if (hasGround) WriteNumbers(render, "clamp_indirect", {6, 6, 6});  // what is above is sparks
   CloseBlock(render);
   Save(settings.folder + "/render/render.zp", render.text);
   WriteNotes(scene, models);
