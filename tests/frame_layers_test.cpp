@@ -7,6 +7,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <tuple>
 
 #include "post/layers.h"
 #include "program_fixture.h"
@@ -235,6 +236,57 @@ TEST_F(FrameLayers, KeepLargeNumbers) {
     EXPECT_NEAR(At(picture, "Z", 0, 9, 8), 100005, 0.02);
     EXPECT_NEAR(At(picture, "P", 1, 9, 8), 100000, 0.02);
   }
+}
+
+// A catcher's alpha is what a white ground lacks of its light, below a black wall; its picture lies over
+// the sky.
+TEST_F(FrameLayers, CatchersShowWhatIsDeniedAGround) {
+  const auto writeFloor = [&](const std::string& layer, bool hasWall) {
+    WriteFile(root / "scene/model/floor.obj", "v -9 -9 -1\nv 9 -9 -1\nv 9 9 -1\nv -9 9 -1\nf 1 2 3 4\n");
+    WriteFile(root / "scene/geometry/a.zp",
+              "object\nname floor\nobj \"model/floor.obj\"\nshader \"floor\"\nend\n" +
+                  std::string(hasWall ? "object\nname wall\nobj \"model/square.obj\"\nend\n" : ""));
+    WriteFile(root / "scene/shader/a.zp", "shader\nname \"floor\"\nsurface_shader\n" + layer +
+                                              "\nend\nend\nshader\nname \"red\"\nsurface_shader\nend\nend\n");
+  };
+  WriteFile(root / "scene/light/b.zp",
+            "sky_light\ncolor 0.6 0.6 0.6\nend\nparallel_light\ndirection -1 -1 -1\nblur 9\nend\n");
+  std::filesystem::remove(root / "scene/light/a.zp");
+  const std::string words = "render ../scene --quiet --format 2 --seed 4 --float --sample 64 ";
+  const std::string real = "lambertian\ncolor 1 1 1\nend";
+  for (const char* mode : {"", "distance 2\nresolution 0.5\n"}) {
+    WriteFile(root / "scene/render/a.zp", "render\nfinal_gather\n" + std::string(mode) + "end\nend\n");
+    for (const auto& [name, layer, hasWall] :
+         {std::tuple("shaded.exr", real, true), {"lit.exr", real, false}}) {
+      writeFloor(layer, hasWall);
+      ASSERT_EQ(Run(words + "--output " + name).status, 0);
+    }
+    writeFloor("shadow_catcher", true);
+    ASSERT_EQ(Run(words + "--output caught.exr").status, 0);
+    ASSERT_EQ(Run(words + "--transparent-sky --output clear.exr --checkpoint whole.zpc").status, 0);
+    const LayeredPicture shaded = Read("shaded.exr"), lit = Read("lit.exr"), caught = Read("caught.exr"),
+                         clear = Read("clear.exr");
+    double difference = 0, most = 0;
+    for (int i = 0; i < 48; ++i) {
+      const int x = i % 16, y = 13 + i / 16;  // beside the wall
+      const float alpha = At(caught, "", 3, x, y);
+      const float denied = 1 - At(shaded, "", 1, x, y) / At(lit, "", 1, x, y);
+      EXPECT_NEAR(alpha, denied, 0.12f) << mode << x << ' ' << y;
+      EXPECT_NEAR(At(caught, "", 2, x, y), (1 - alpha) * 0.6f, 1e-5f);
+      EXPECT_EQ(At(clear, "", 2, x, y), 0);
+      EXPECT_EQ(At(clear, "", 3, x, y), alpha);
+      difference += (alpha - denied) / 48;
+      most = std::max<double>(most, alpha);
+    }
+    EXPECT_NEAR(difference, 0, 0.01);
+    EXPECT_GT(most, 0.4);
+  }
+  for (const char* passes : {"0:24", "24:64"})
+    ASSERT_EQ(
+        Run(words + "--transparent-sky --passes " + passes + " --checkpoint " + passes[0] + ".zpc").status,
+        0);
+  ASSERT_EQ(Run("merge merged.exr 0.zpc 2.zpc").status, 0);
+  ExpectSame(Read("clear.exr"), Read("merged.exr"), 1e-5f);
 }
 
 TEST_F(FrameLayers, AreKeptSharedAndMerged) {

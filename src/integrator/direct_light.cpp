@@ -5,6 +5,7 @@
 #include "accel/accel.h"
 #include "core/index.h"
 #include "core/stop.h"
+#include "integrator/catcher_response.h"
 #include "integrator/estimator.h"
 #include "integrator/hair_response.h"
 #include "integrator/integrator.h"
@@ -12,6 +13,7 @@
 #include "integrator/surface_response.h"
 #include "lights/lights.h"
 #include "lights/mix_groups.h"
+#include "shading/directions.h"
 
 namespace zp {
 namespace {
@@ -240,7 +242,88 @@ void SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyLight& li
   sum += samples;
 }
 
+// Calls visit(light, decision, sharp) for each light that is sampled; many of a kind are one group.
+template <class Visit>
+void ForEachLight(const Visit& visit) {
+  std::uint32_t decision = kDecideLight;
+  if (SamplesEmitters()) visit(geometryLight, decision, false);
+  ++decision;
+  if (skyLight.sample > 0) visit(skyLight, decision, false);
+  const auto visitGaffer = [&](auto& light) { visit(light, ++decision, !(light.blur > 0)); };
+  if (lightGroups.empty()) {
+    for (PointLight& light : pointLights) visitGaffer(light);
+    for (ParallelLight& light : parallelLights) visitGaffer(light);
+    return;
+  }
+  for (const std::int32_t index : lonePointLights) visitGaffer(At(pointLights, index));
+  for (const std::int32_t index : loneParallelLights) visitGaffer(At(parallelLights, index));
+  for (LightGroup& group : lightGroups) visit(group, ++decision, false);
+}
+
+// Samples that tell what a catcher would get of a light. Soft shadows of one lamp need few: what differs is
+// hardly more than the cosine.
+template <class AnyLight>
+int ShadeSampleCount(const AnyLight&, bool sharp) {
+  if (sharp) return 1;
+  return requires(AnyLight light) { light.blur; }
+  ? 4 : ShadeSamples::kMost;
+}
+
+// Adds what a catcher would get of a light, and what it gets. Shadow rays are as many as other surfaces send.
+//   budget  of them
+template <class AddSample>
+void AddShade(const CatcherReceiver& receiver, int count, int budget, std::uint32_t decision, Shade& shade,
+              const AddSample& addSample) {
+  const RayRecord& ray = receiver.ray;
+  const bool sharp = count == 1;
+  PassShare share;
+  share.first = ray.sampleNumber;
+  if (BounceCount(ray) == 0 && !sharp) share = ShareOf(kWhite, budget);
+  ShadeSamples samples;
+  for (int i = 0; i < count; ++i) {
+    const auto number = share.first * static_cast<std::uint32_t>(count) + static_cast<std::uint32_t>(i);
+    addSample(DrawOf(ray, share, number, decision, sharp), samples);
+  }
+  constexpr std::uint32_t kDecideAsked = 1 << 16;  // beside the light's own
+  const float number = UnitPair(LonePointAt(ray.points, kDecideAsked + decision, ray.sampleNumber)).x;
+  samples.AddTo(shade, share.count, number, [&](Vec3 direction, float distance) {
+    return Visibility(SurfaceReceiver{ray, receiver.point}, direction, distance);
+  });
+}
+
+// A sky that rays of lobes find, as a white surface sends them.
+void AddUnsampledSky(const CatcherReceiver& receiver, Shade& shade) {
+  const ShadingPoint& point = receiver.point;
+  AddShade(receiver, ShadeSamples::kMost, settings.said.rendererSample, kEventLambertian, shade,
+           [&](const Draw& draw, ShadeSamples& samples) {
+             const Vec3 local = CosineDirection(draw.place.x, draw.place.y);
+             const Vec3 direction =
+                 local.x * point.tangent + local.y * point.bitangent + local.z * point.normal;
+             const bool above = Dot(direction, point.geometricNormal) > 0;
+             samples.Add(above ? SkyRadiance(direction) : kBlack, direction, kFarthest);
+           });
+}
+
 }  // namespace
+
+float LightDenied(const RayRecord& ray, const ShadingPoint& point) {
+  if (!IsInOpen(ray)) return 0;
+  const CatcherReceiver receiver{ray, point};
+  Shade shade;
+  ForEachLight([&](auto& light, std::uint32_t decision, bool sharp) {
+    if (!IsLinked(light.link, ray.shader)) return;
+    AddShade(receiver, ShadeSampleCount(light, sharp), light.sample, decision, shade,
+             [&](const Draw& draw, ShadeSamples& samples) {
+               LightSample sample;
+               LobeRadiance lobes;
+               SampleOne(receiver, light, draw, sample, lobes);
+               samples.Add(lobes[Lobe::kLambertian], sample.direction, sample.distance);
+             });
+  });
+  if (skyLight.sample <= 0 && !(skyLight.color == kBlack) && IsLinked(skyLight.link, ray.shader))
+    AddUnsampledSky(receiver, shade);
+  return shade.whole > 0 ? std::clamp(1 - shade.left / shade.whole, 0.0f, 1.0f) : 0.0f;
+}
 
 float SoftCosine(float cosine, float offset) {
   const float soft = (cosine - offset) / MaxOf(1 - offset, 1e-6f);
@@ -249,21 +332,9 @@ float SoftCosine(float cosine, float offset) {
 
 [[gnu::noinline]] void SampleLights(const RayRecord& ray, const ShadingPoint& point, LobeRadiance& sum) {
   if (BounceCount(ray) > settings.said.rendererBounce && !settings.derived.seeksCells) return;
-  std::uint32_t decision = kDecideLight;
-  if (SamplesEmitters()) SampleLightAt(ray, point, geometryLight, decision, false, sum);
-  ++decision;
-  if (skyLight.sample > 0) SampleLightAt(ray, point, skyLight, decision, false, sum);
-  const auto sample = [&](auto& light) {
-    SampleLightAt(ray, point, light, ++decision, !(light.blur > 0), sum);
-  };
-  if (lightGroups.empty()) {
-    for (PointLight& light : pointLights) sample(light);
-    for (ParallelLight& light : parallelLights) sample(light);
-    return;
-  }
-  for (const std::int32_t index : lonePointLights) sample(At(pointLights, index));
-  for (const std::int32_t index : loneParallelLights) sample(At(parallelLights, index));
-  for (LightGroup& group : lightGroups) SampleLightAt(ray, point, group, ++decision, false, sum);
+  ForEachLight([&](auto& light, std::uint32_t decision, bool sharp) {
+    SampleLightAt(ray, point, light, decision, sharp, sum);
+  });
 }
 
 }  // namespace zp

@@ -109,6 +109,10 @@ inline Vec3 LightLeft(RayRecord& shadow) {
 // depth 0.
 void SampleLights(const RayRecord& ray, const ShadingPoint& point, LobeRadiance& sum);
 
+// The share of the light straight from lights that a shadow catcher does not get, 0 to 1: 0 where there is
+// none. What shines without being sampled has no say in it, but for the sky.
+float LightDenied(const RayRecord& ray, const ShadingPoint& point);
+
 // Whether hits draw samples of the virtual lights.
 bool SamplesEmitters();
 

@@ -201,6 +201,11 @@ void BouncePhoton(RayRecord& ray, const Cast& cast, Trail& trail) {
   ShadingPoint point;
   if (!SetUpShadingPoint(ray, point)) return;
   TestElements(point);
+  if (point.layer->shadowCatcher) {  // the sky is behind it, and comes through
+    point.material = Material::kThinDielectric;
+    RayRecord child = MakeLobeChild(ray, point, {kEventSpecularRefraction, ray.direction, 1}, ray.throughput);
+    return ray.depth < kMostDepth ? BouncePhoton(child, cast, trail) : void();
+  }
   // The link is for the light's own landings; thin panes before them are no bounce.
   const bool linked = ray.parentPoint != nullptr || IsLinked(cast.link, ray.shader);
   if (linked && !cast.sensor.aovs.empty()) SplatLightPath(ray, point, cast);

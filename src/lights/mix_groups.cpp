@@ -32,10 +32,11 @@ void NumberGroups(const std::vector<std::string>& names) {
   skyLight.groupIndex = numberOf(skyLight.group);
   const std::int32_t ofGeometry = numberOf(geometryLight.group);
   for (Shader& shader : shaders) {
-    const bool isWindow = std::any_of(shader.surfaces.begin(), shader.surfaces.end(),
-                                      [](const SurfaceShader& layer) { return layer.window; });
+    const bool showsSky =
+        std::any_of(shader.surfaces.begin(), shader.surfaces.end(),
+                    [](const SurfaceShader& layer) { return layer.window || layer.shadowCatcher; });
     shader.groupIndex = !shader.group.empty() ? numberOf(shader.group)
-                        : isWindow            ? skyLight.groupIndex
+                        : showsSky            ? skyLight.groupIndex
                                               : ofGeometry;
   }
 }

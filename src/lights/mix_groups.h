@@ -15,8 +15,8 @@ namespace zp {
 std::vector<std::string> NamedGroups();
 
 // Gives lights and Shaders the number of their group among `names`; what has none of them goes to "rest", or
-// to number 0 without that. A Shader without a name goes with the sky if it is a window, else with the
-// geometry light.
+// to number 0 without that. A Shader without a name goes with the sky if it is a window or
+// catches shadows, else with the geometry light.
 void NumberGroups(const std::vector<std::string>& names);
 
 // Of what a Shader sends.

@@ -92,6 +92,10 @@ bool ReadSurfaceBlock(SceneText& text, SurfaceShader& surface, NotedShader& note
     for (const Choice<Material>& material : kMaterials)
       if (keyword == material.word) return Set(surface.material, material.value);
     if (keyword == "window") return Set(surface.window, true);
+    if (keyword == "shadow_catcher") {
+      NoteOfFormat2(line);
+      return Set(surface.shadowCatcher, true);
+    }
     if (keyword == "virtual_light") {
       noted.virtualLight = line.Place();
       return Set(surface.virtualLight, true);

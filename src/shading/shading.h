@@ -70,6 +70,7 @@ struct SurfaceShader {
   Material material = Material::kConductor;
   bool virtualLight = false;
   bool window = false;
+  bool shadowCatcher = false;  // shows the sky behind it, less the share of the light that is kept from it
   // Derived at initialisation.
   bool hasImage = false, needsTangents = false, hasAngle = false, hasNormalMap = false, isGlossy = false;
   bool isAnisotropic = false, hasDiffusion = false;
@@ -129,6 +130,7 @@ struct Shader {
   bool readsUv = true;          // derived: and its texture coordinates
   bool bends = false;           // derived: some layer refracts what goes through it
   bool isBody = false;          // derived: what it bounds has an inside of its own
+  bool catchesShadow = false;   // derived: some layer does
   bool frontVirtualLight = false, backVirtualLight = false;
   bool frontEmissive = false, backEmissive = false;
   bool frontLambertian = false, backLambertian = false;
