@@ -9,5 +9,5 @@ set(ZP_STANDARD_HEADERS <algorithm> <array> <atomic> <cmath> <cstdint> <cstdio> 
 target_precompile_headers(zp_core PRIVATE ${ZP_STANDARD_HEADERS} <immintrin.h> <omp.h>)
 # Of flags of its own a source takes no headers of others.
 set_source_files_properties(src/lights/light_tree.cpp PROPERTIES SKIP_PRECOMPILE_HEADERS ON)
-target_precompile_headers(zephlore PRIVATE ${ZP_STANDARD_HEADERS} <CLI/CLI.hpp> <nlohmann/json.hpp>)
-target_precompile_headers(zp_job PRIVATE ${ZP_STANDARD_HEADERS} <nlohmann/json.hpp>)
+target_precompile_headers(zp_job REUSE_FROM zp_core)
+target_precompile_headers(zephlore PRIVATE ${ZP_STANDARD_HEADERS})
