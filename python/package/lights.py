@@ -76,7 +76,9 @@ class ParallelLight(Light):
 
 
 def _sky_image(value: Any, what: str) -> Any:
-    return value if value is None or isinstance(value, Texture) or value == "analytic" else Texture(value)
+    if value is None or isinstance(value, Texture) or (isinstance(value, str) and value == "analytic"):
+        return value
+    return Texture(value)
 
 
 class Sky(Light):

@@ -171,7 +171,7 @@ class Scene:
     def find_shader(self, name: str) -> Shader:
         """A shader of this scene, or of the folder's or a text's; whether it is there, the next render tells."""
         self._require_open()
-        return self._shaders.get(name) or Shader(self, checks.text(name, "name"), "all", None, known=True)
+        return self._shaders.get(checks.text(name, "name")) or Shader(self, name, "all", None, known=True)
 
     def object(
         self,
@@ -200,8 +200,8 @@ class Scene:
     def find_object(self, name: str) -> Object:
         """An object of this scene, or of the folder's or a text's; whether it is there, the next render tells."""
         self._require_open()
-        if name not in self._objects:
-            self._objects[name] = Object(self, checks.text(name, "name"), (), None, known=True)
+        if checks.text(name, "name") not in self._objects:
+            self._objects[name] = Object(self, name, (), None, known=True)
         return self._objects[name]
 
     @property
@@ -473,7 +473,7 @@ class Scene:
         if isinstance(camera, str):
             number = self._look_up(camera, names, "camera")
         else:
-            number = arrays.whole(camera or 0, "camera")
+            number = arrays.whole(0 if camera is None else camera, "camera")
             if number >= len(names):
                 raise (
                     SceneError("there is no camera in the scene", "camera-missing")

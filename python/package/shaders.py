@@ -50,6 +50,8 @@ class Texture:
             if 0 in image.shape:
                 raise ValueError("zp: Texture: image must have pixels")
         else:
+            if not isinstance(image, (str, os.PathLike)):
+                raise TypeError(f"zp: Texture: image must be a path or an array, not {image!r}")
             self.path = os.fspath(image)
             self.has_bytes = self.path.lower().endswith(_BYTES)
 
