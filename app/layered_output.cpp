@@ -17,6 +17,7 @@
 #include "imaging/frame_state.h"
 #include "integrator/integrator.h"
 #include "lights/lights.h"
+#include "lights/mix_groups.h"
 #include "post/denoise.h"
 #include "post/frame_layers.h"
 #include "run_log.h"
@@ -39,6 +40,7 @@ struct Frame {
 Frame frame;
 
 constexpr std::string_view kHalfLayers[] = {"half0", "half1", "variance"};
+constexpr std::string_view kLights = "lights";
 bool IsHalfLayer(std::string_view word) {
   return std::find(std::begin(kHalfLayers), std::end(kHalfLayers), word) != std::end(kHalfLayers);
 }
@@ -126,7 +128,7 @@ std::string WriteOne(const Aov& aov) {
 }
 
 std::string WriteFrame(const Aov& aov) {
-  const std::string reason = aov.mean ? WriteAll(aov) : WriteOne(aov);
+  const std::string reason = aov.channel == kChannelLightGroup || !aov.mean ? WriteOne(aov) : WriteAll(aov);
   KeepSave(aov.image.fileName, reason);
   return reason;
 }
@@ -138,6 +140,15 @@ void NameAllLightLayers(Camera& camera) {
     NameLightLayers(camera, parallelLights[i].aovs, "parallel" + std::to_string(i));
   NameLightLayers(camera, skyLight.aovs, "sky");
   NameLightLayers(camera, geometryLight.aovs, "geometry");
+}
+
+// Where the scene names groups, files that hold all layers have theirs without being asked, and so have parts
+// of them.
+bool WantsGroups(const RenderOptions& options, const Camera& camera) {
+  if (options.groups || std::find(options.aov.begin(), options.aov.end(), kLights) != options.aov.end())
+    return true;
+  const bool holdsAll = HoldsLayers(camera.aovs.front().image.fileName) || options.passes;
+  return holdsAll && options.resume.empty() && !NamedGroups().empty();
 }
 
 bool IsDivided(const Aov& aov) {
@@ -192,10 +203,11 @@ bool HoldsLayers(const std::string& name) {
 }
 
 std::string LayerObstacle(const std::string& word) {
-  constexpr std::string_view kLater[] = {"object", "shader", "lights"};
+  constexpr std::string_view kLater[] = {"object", "shader"};
   if (std::find(std::begin(kLater), std::end(kLater), word) != std::end(kLater))
     return "the layer '" + word + "' is not there in this version";
   std::vector<std::string_view> words(std::begin(kHalfLayers), std::end(kHalfLayers));
+  words.push_back(kLights);
   for (const LayerRow& row : kLayerRows) words.push_back(row.word);
   for (const ChannelWord& row : kChannelWords)
     if (FindLayerRow(row.word) == nullptr) words.push_back(row.word);
@@ -215,6 +227,7 @@ void AskForLayers(const RenderOptions& options, std::size_t index) {
   if (!WantsLayers(options)) return;
   Camera& camera = cameras[index];
   AddLayers(camera, options.aov);
+  if (WantsGroups(options, camera)) AddGroupLayers(camera, NamedGroups());
   NameAllLightLayers(camera);
   Aov& beauty = camera.aovs.front();
   const std::string& name = beauty.image.fileName;
@@ -226,7 +239,8 @@ void AskForLayers(const RenderOptions& options, std::size_t index) {
     const LayerRow* row = FindLayerRow(word);
     const std::string layer = row == nullptr ? word : std::string(row->layer);
     for (Aov& aov : camera.aovs)
-      if (aov.layer == layer) NameBesideBeauty(aov, name);
+      if (aov.layer == layer || (word == kLights && aov.channel == kChannelLightGroup))
+        NameBesideBeauty(aov, name);
   }
 }
 
@@ -242,6 +256,8 @@ std::string WithCameraFacts(const std::string& options, const Camera& camera) {
   if (camera.projection == Projection::kPerspective && std::isfinite(pose.fieldOfView))
     facts["fieldOfView"] = pose.fieldOfView;
   all["facts"] = facts;
+  all["groups"] = std::any_of(camera.aovs.begin(), camera.aovs.end(),
+                              [](const Aov& aov) { return aov.channel == kChannelLightGroup; });
   return all.dump();
 }
 

@@ -31,6 +31,11 @@ void NoteBody(BodyCrossings& crossings, std::uint8_t kind, std::int32_t shader, 
   AddCrossing(crossings, {hit.t + MaxOf(chord, 0.0f), shader, false});
 }
 
+// What one catcher keeps from another is dark in the picture behind them already.
+bool PassesCatcher(const RayRecord& ray) {
+  return HasShader(ray.parentShader) && ShaderAt(ray.parentShader).catchesShadow;
+}
+
 struct OccluderWalk {
   Object& object;
   RayRecord& ray;
@@ -79,6 +84,7 @@ struct OccluderWalk {
     if (!HasShader(number)) return true;
     const Shader& met = ShaderAt(number);
     const bool front = hit.denominator < 0;
+    if (met.catchesShadow && PassesCatcher(ray)) return false;
     const bool opaque = front ? met.frontOpaque : met.backOpaque;
     if (opaque && !met.cutsOut) return true;
     const Corners corners = HitCorners(part, kind, index, hit.barycentric);

@@ -30,7 +30,7 @@ std::array<double, 3> ExposureOf(const Aov& aov) {
 
 // Shares of a number of passes, as format 1 plans it, cannot be divided by that of another one.
 bool HasHalves(const Aov& aov) {
-  if (settings.format < 2) return aov.mean;
+  if (settings.format < 2) return aov.mean && aov.channel != kChannelLightGroup;
   return aov.channel != kChannelLightPath && aov.channel != kChannelSamples;
 }
 
@@ -68,7 +68,8 @@ void InitializeAov(Aov& aov, int width, int height) {
   aov.squares.clear();
   if (!settings.said.halfSets || !HasHalves(aov)) return;
   AddHidden(aov, aov.odd);
-  for (int half = 0; half < 2 && aov.mean && settings.format >= 2; ++half) AddHidden(aov, aov.squares);
+  if (!aov.mean || aov.channel == kChannelLightGroup || settings.format < 2) return;
+  for (int half = 0; half < 2; ++half) AddHidden(aov, aov.squares);
 }
 
 void SaveAovs(const std::vector<Aov>& aovs) {

@@ -122,11 +122,13 @@ enum Channel : std::uint32_t {
   kChannelUserData = 32768,
   kChannelSamples = 65536,  // of each pixel; sums hold nothing of it
   // Of frames with layers (imaging/frame_layers.h), which the program adds to a camera.
-  kChannelCover = 1 << 20,   // 1 for a hit that has a surface to show, for any hit, and nothing
-  kChannelView = 1 << 21,    // distance along the view axis; along the ray in a spherical picture
-  kChannelFacing = 1 << 22,  // the shading normal, turned to the camera, -1 to 1
-  kChannelMotion = 1 << 23,  // pixels that the place goes from shutter opening to closing, right and down
-  kChannelAlbedo = 1 << 24,  // colours of all lobes, followed through smooth mirrors and glass
+  // 1 for a hit that has a surface to show, for any hit, and what a catcher lets be seen behind it
+  kChannelCover = 1 << 20,
+  kChannelView = 1 << 21,        // distance along the view axis; along the ray in a spherical picture
+  kChannelFacing = 1 << 22,      // the shading normal, turned to the camera, -1 to 1
+  kChannelMotion = 1 << 23,      // pixels that the place goes from shutter opening to closing, right and down
+  kChannelAlbedo = 1 << 24,      // colours of all lobes, followed through smooth mirrors and glass
+  kChannelLightGroup = 1 << 28,  // what one light group brings: a mean, as the beauty image
 };
 
 // What a channel's numbers are: what a screen can show, with an exposure or without, or nothing of the kind.

@@ -5,11 +5,15 @@
 #include "accel/accel.h"
 #include "core/index.h"
 #include "core/stop.h"
+#include "integrator/catcher_response.h"
 #include "integrator/estimator.h"
 #include "integrator/hair_response.h"
 #include "integrator/integrator.h"
+#include "integrator/light_shares.h"
 #include "integrator/surface_response.h"
 #include "lights/lights.h"
+#include "lights/mix_groups.h"
+#include "shading/directions.h"
 
 namespace zp {
 namespace {
@@ -125,7 +129,7 @@ template <class AnyLight>
 }
 
 bool Records(const GeometryLight&, const Aov& aov, std::int32_t emitter) {
-  return aov.shaderIndex == kNone || aov.shaderIndex == emitter;
+  return aov.shaderIndex == kNone || (settings.format >= 2 && aov.shaderIndex == emitter);
 }
 template <class OtherLight>
 bool Records(const OtherLight&, const Aov&, std::int32_t) {
@@ -149,10 +153,24 @@ bool HasAovs(const AnyLight& light) {
 }
 bool HasAovs(const LightGroup& group) { return group.hasAovs; }
 
-// Adds a sample's share of the pixel to those of the light's AOVs that ask for its lobe.
+// The light group of a sample.
+std::int32_t GroupOf(const GeometryLight&, const LightSample& sample) { return EmissionGroup(sample.shader); }
+std::int32_t GroupOf(const LightGroup& lights, const LightSample& sample) {
+  if (sample.light == kNone) return 0;
+  return lights.parallel ? At(parallelLights, sample.light).groupIndex
+                         : At(pointLights, sample.light).groupIndex;
+}
+template <class OtherLight>
+std::int32_t GroupOf(const OtherLight& light, const LightSample&) {
+  return light.groupIndex;
+}
+
+// Adds a sample's share of the pixel to its group, and to those of the light's AOVs that ask for its lobe.
 template <class AnyLight>
 [[gnu::noinline]] void WriteLightAovs(AnyLight& light, const RayRecord& ray, const ShadingPoint& point,
                                       const LobeRadiance& lobes, float scale, const LightSample& sample) {
+  if (followsShares) AddLobeLight(ray, point, GroupOf(light, sample), lobes, scale);
+  if (ray.depth > 0) return;
   for (Aov& aov : AovsOf(light, sample)) {
     if (!Records(light, aov, sample.shader)) continue;
     Vec3 sum;
@@ -174,7 +192,7 @@ float LobeLevel(const RayRecord& ray, const ShadingPoint& point) {
 }
 
 // Adds one sample's light, by the receivers that its hit has. `scale`: what a sample counts in the AOVs of
-// the light; 0 if it writes none.
+// the light and its group; 0 if it writes none.
 template <class AnyLight>
 void AddSample(const RayRecord& ray, const ShadingPoint& point, AnyLight& light, const Draw& draw,
                bool diffuses, float scale, LobeRadiance& sum) {
@@ -213,7 +231,7 @@ void SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyLight& li
     share.first = ray.sampleNumber;
   }
   const float scale = 1.0f / static_cast<float>(share.count);
-  const float written = ray.depth == 0 && HasAovs(light) ? scale : 0.0f;
+  const float written = (ray.depth == 0 && HasAovs(light)) || followsShares ? scale : 0.0f;
   const auto add = [&](std::uint32_t number, LobeRadiance& into) {
     AddSample(ray, point, light, DrawOf(ray, share, number, decision, sharp), diffuses, written, into);
   };
@@ -224,7 +242,88 @@ void SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyLight& li
   sum += samples;
 }
 
+// Calls visit(light, decision, sharp) for each light that is sampled; many of a kind are one group.
+template <class Visit>
+void ForEachLight(const Visit& visit) {
+  std::uint32_t decision = kDecideLight;
+  if (SamplesEmitters()) visit(geometryLight, decision, false);
+  ++decision;
+  if (skyLight.sample > 0) visit(skyLight, decision, false);
+  const auto visitGaffer = [&](auto& light) { visit(light, ++decision, !(light.blur > 0)); };
+  if (lightGroups.empty()) {
+    for (PointLight& light : pointLights) visitGaffer(light);
+    for (ParallelLight& light : parallelLights) visitGaffer(light);
+    return;
+  }
+  for (const std::int32_t index : lonePointLights) visitGaffer(At(pointLights, index));
+  for (const std::int32_t index : loneParallelLights) visitGaffer(At(parallelLights, index));
+  for (LightGroup& group : lightGroups) visit(group, ++decision, false);
+}
+
+// Samples that tell what a catcher would get of a light. Soft shadows of one lamp need few: what differs is
+// hardly more than the cosine.
+template <class AnyLight>
+int ShadeSampleCount(const AnyLight&, bool sharp) {
+  if (sharp) return 1;
+  return requires(AnyLight light) { light.blur; }
+  ? 4 : ShadeSamples::kMost;
+}
+
+// Adds what a catcher would get of a light, and what it gets. Shadow rays are as many as other surfaces send.
+//   budget  of them
+template <class AddSample>
+void AddShade(const CatcherReceiver& receiver, int count, int budget, std::uint32_t decision, Shade& shade,
+              const AddSample& addSample) {
+  const RayRecord& ray = receiver.ray;
+  const bool sharp = count == 1;
+  PassShare share;
+  share.first = ray.sampleNumber;
+  if (BounceCount(ray) == 0 && !sharp) share = ShareOf(kWhite, budget);
+  ShadeSamples samples;
+  for (int i = 0; i < count; ++i) {
+    const auto number = share.first * static_cast<std::uint32_t>(count) + static_cast<std::uint32_t>(i);
+    addSample(DrawOf(ray, share, number, decision, sharp), samples);
+  }
+  constexpr std::uint32_t kDecideAsked = 1 << 16;  // beside the light's own
+  const float number = UnitPair(LonePointAt(ray.points, kDecideAsked + decision, ray.sampleNumber)).x;
+  samples.AddTo(shade, share.count, number, [&](Vec3 direction, float distance) {
+    return Visibility(SurfaceReceiver{ray, receiver.point}, direction, distance);
+  });
+}
+
+// A sky that rays of lobes find, as a white surface sends them.
+void AddUnsampledSky(const CatcherReceiver& receiver, Shade& shade) {
+  const ShadingPoint& point = receiver.point;
+  AddShade(receiver, ShadeSamples::kMost, settings.said.rendererSample, kEventLambertian, shade,
+           [&](const Draw& draw, ShadeSamples& samples) {
+             const Vec3 local = CosineDirection(draw.place.x, draw.place.y);
+             const Vec3 direction =
+                 local.x * point.tangent + local.y * point.bitangent + local.z * point.normal;
+             const bool above = Dot(direction, point.geometricNormal) > 0;
+             samples.Add(above ? SkyRadiance(direction) : kBlack, direction, kFarthest);
+           });
+}
+
 }  // namespace
+
+float LightDenied(const RayRecord& ray, const ShadingPoint& point) {
+  if (!IsInOpen(ray)) return 0;
+  const CatcherReceiver receiver{ray, point};
+  Shade shade;
+  ForEachLight([&](auto& light, std::uint32_t decision, bool sharp) {
+    if (!IsLinked(light.link, ray.shader)) return;
+    AddShade(receiver, ShadeSampleCount(light, sharp), light.sample, decision, shade,
+             [&](const Draw& draw, ShadeSamples& samples) {
+               LightSample sample;
+               LobeRadiance lobes;
+               SampleOne(receiver, light, draw, sample, lobes);
+               samples.Add(lobes[Lobe::kLambertian], sample.direction, sample.distance);
+             });
+  });
+  if (skyLight.sample <= 0 && !(skyLight.color == kBlack) && IsLinked(skyLight.link, ray.shader))
+    AddUnsampledSky(receiver, shade);
+  return shade.whole > 0 ? std::clamp(1 - shade.left / shade.whole, 0.0f, 1.0f) : 0.0f;
+}
 
 float SoftCosine(float cosine, float offset) {
   const float soft = (cosine - offset) / MaxOf(1 - offset, 1e-6f);
@@ -233,21 +332,9 @@ float SoftCosine(float cosine, float offset) {
 
 [[gnu::noinline]] void SampleLights(const RayRecord& ray, const ShadingPoint& point, LobeRadiance& sum) {
   if (BounceCount(ray) > settings.said.rendererBounce && !settings.derived.seeksCells) return;
-  std::uint32_t decision = kDecideLight;
-  if (SamplesEmitters()) SampleLightAt(ray, point, geometryLight, decision, false, sum);
-  ++decision;
-  if (skyLight.sample > 0) SampleLightAt(ray, point, skyLight, decision, false, sum);
-  const auto sample = [&](auto& light) {
-    SampleLightAt(ray, point, light, ++decision, !(light.blur > 0), sum);
-  };
-  if (lightGroups.empty()) {
-    for (PointLight& light : pointLights) sample(light);
-    for (ParallelLight& light : parallelLights) sample(light);
-    return;
-  }
-  for (const std::int32_t index : lonePointLights) sample(At(pointLights, index));
-  for (const std::int32_t index : loneParallelLights) sample(At(parallelLights, index));
-  for (LightGroup& group : lightGroups) SampleLightAt(ray, point, group, ++decision, false, sum);
+  ForEachLight([&](auto& light, std::uint32_t decision, bool sharp) {
+    SampleLightAt(ray, point, light, decision, sharp, sum);
+  });
 }
 
 }  // namespace zp

@@ -109,6 +109,10 @@ inline Vec3 LightLeft(RayRecord& shadow) {
 // depth 0.
 void SampleLights(const RayRecord& ray, const ShadingPoint& point, LobeRadiance& sum);
 
+// The share of the light straight from lights that a shadow catcher does not get, 0 to 1: 0 where there is
+// none. What shines without being sampled has no say in it, but for the sky.
+float LightDenied(const RayRecord& ray, const ShadingPoint& point);
+
 // Whether hits draw samples of the virtual lights.
 bool SamplesEmitters();
 
@@ -131,6 +135,9 @@ void TestElements(ShadingPoint& point);
 
 // What a ray sees that hits nothing. Writes the sky's AOVs from camera rays.
 Vec3 MissRadiance(const RayRecord& ray);
+// What its cells answer for the hit surface, as far as it sends that; of all light, or of photonGroups[slot]
+// (light_shares.h) alone.
+Vec3 CellLight(const RayRecord& ray, const ShadingPoint& point, std::int32_t slot = kNone);
 // What the hit surface sends back along the ray by itself. Writes the geometry light's AOVs.
 Vec3 EmittedRadiance(const RayRecord& ray, const ShadingPoint& point);
 
@@ -184,7 +191,8 @@ inline bool OnlyMeetsLight(const RayRecord& ray) {
 // Whether such rays are needed. Asked once, when lights and shaders are ready.
 bool SeeksLightByChance();
 
-// Adds to one pixel of an AOV, or of its odd passes; does nothing for a picture that was not allocated as floats.
+// Adds to one pixel of an AOV, or of its odd passes; does nothing for a picture that was not allocated as
+// floats.
 void AddToAov(Aov& aov, std::size_t pixel, Vec3 value);
 
 }  // namespace zp

@@ -5,6 +5,7 @@
 #include "core/index.h"
 #include "geometry/density.h"
 #include "integrator/estimator.h"
+#include "integrator/surface_layers.h"
 #include "lights/lights.h"
 
 namespace zp {
@@ -102,12 +103,29 @@ Vec3 Emission(const RayRecord& ray, const ShadingPoint& point) {
   return weight * emission;
 }
 
+// What a ray sees of the sky that left the camera. `share`: of it that can be seen.
+Vec3 SeenBackground(const RayRecord& ray, float share) {
+  const Vec3 radiance = share * BackgroundRadiance(ray.direction);
+  if (ray.depth == 0)
+    for (Aov& aov : skyLight.aovs)
+      AddToAov(aov, threadSlots[ray.thread].pixel, radiance / static_cast<float>(ray.sampleWeight));
+  return settings.said.transparentSky && ray.depth == 0 ? kBlack : radiance;
+}
+
+// All of the sky behind a catcher belongs to the ray: samples of it end at the surface.
+Vec3 CatcherRadiance(const RayRecord& ray, const ShadingPoint& point) {
+  const float left = 1 - LightDenied(ray, point);
+  if (layerTargets.any) WriteCatcherLayer(ray, left);
+  if (IsCameraRay(ray)) return SeenBackground(ray, left);
+  return IsLinked(skyLight.link, ray.parentShader) ? left * SkyRadiance(ray.direction) : kBlack;
+}
+
 // What the cells answer for a layer that paints them. All layers of the side have painted them, each as often
 // as it is drawn: in format 2 those that answer do so for the rest.
-Vec3 CellRadiance(const RayRecord& ray, const ShadingPoint& point) {
+Vec3 CellRadiance(const RayRecord& ray, const ShadingPoint& point, std::int32_t slot = kNone) {
   const bool paints = point.layer->has[Lobe::kLambertian] || point.layer->has[Lobe::kTransmissive];
   if (!point.useDensity || !paints) return kBlack;
-  const Vec3 density = ReadDensity(ray);
+  const Vec3 density = ReadDensity(ray, slot);
   const Shader& shader = ShaderAt(ray.shader);
   if (settings.format < 2 || shader.surfaces.size() < 2) return density;
   return density / DiffuseLayerShare(shader, ray.frontFace, point.uv);
@@ -140,7 +158,7 @@ bool SeeksLightByChance() {
   });
   return std::any_of(shaders.begin(), shaders.end(), [&](const Shader& shader) {
     return std::any_of(shader.surfaces.begin(), shader.surfaces.end(), [&](const SurfaceShader& layer) {
-      const bool emits = layer.window || !(layer[Element::kEmissive].color == kBlack);
+      const bool emits = layer.window || layer.shadowCatcher || !(layer[Element::kEmissive].color == kBlack);
       if (emits && (rounds || !layer.virtualLight || !SamplesEmitters())) return true;
       // Samples do not reach through mirrors and glass, nor through hair.
       return layer.has[Lobe::kSpecular] || (rounds && layer.has[Lobe::kTransmissive]) ||
@@ -154,15 +172,17 @@ Vec3 MissRadiance(const RayRecord& ray) {
     if (!IsLinked(skyLight.link, ray.parentShader)) return kBlack;
     return SkyHitWeight(ray) * SkyRadiance(ray.direction);
   }
-  const Vec3 radiance = BackgroundRadiance(ray.direction);
-  if (ray.depth == 0)
-    for (Aov& aov : skyLight.aovs)
-      AddToAov(aov, threadSlots[ray.thread].pixel, radiance / static_cast<float>(ray.sampleWeight));
-  return settings.said.transparentSky && ray.depth == 0 ? kBlack : radiance;
+  return SeenBackground(ray, 1);
+}
+
+Vec3 CellLight(const RayRecord& ray, const ShadingPoint& point, std::int32_t slot) {
+  return point.diffuseWeight * CellRadiance(ray, point, slot);
 }
 
 Vec3 EmittedRadiance(const RayRecord& ray, const ShadingPoint& point) {
   if (point.layer->even.holds && !point.layer->even.emits && !point.useDensity) return kBlack;
+  if (point.layer->shadowCatcher) [[unlikely]]
+    return CatcherRadiance(ray, point);
   const Vec3 emission = Emission(ray, point);
   if (!geometryLight.aovs.empty()) WriteEmissionAovs(ray, emission);
   return point.diffuseWeight * (CellRadiance(ray, point) + emission);

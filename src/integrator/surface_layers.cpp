@@ -140,6 +140,10 @@ void WriteMissLayers(const RayRecord& ray) {
   if (ray.depth > 0) Add(layerTargets.albedo, ray, ray.throughput);
 }
 
+void WriteCatcherLayer(const RayRecord& ray, float seen) {
+  if (ray.depth == 0) Add(layerTargets.cover, ray, {0, 0, seen});
+}
+
 void WriteEmptyHitLayers(const RayRecord& ray) {
   if (ray.depth == 0) Add(layerTargets.cover, ray, {0, 1, 0});
 }

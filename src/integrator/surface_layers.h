@@ -26,6 +26,8 @@ void FindLayerTargets(Camera& camera, const CameraPose& pose, std::uint32_t pass
 // elements tested.
 void WriteHitLayers(const RayRecord& ray, const ShadingPoint& point);
 void WriteMissLayers(const RayRecord& ray);
+// Of a hit on a shadow catcher: how much of what is behind it can be seen.
+void WriteCatcherLayer(const RayRecord& ray, float seen);
 // A hit that has nothing to show hides what is behind it all the same.
 void WriteEmptyHitLayers(const RayRecord& ray);
 

@@ -11,7 +11,7 @@ namespace {
 
 // Samples of each pixel of the region: all, those with a surface to show, and those that hit anything.
 struct Counts {
-  std::vector<float> samples, hits, covered;
+  std::vector<float> samples, hits, covered;  // covered by a catcher: by as much as it hides
 };
 
 template <class Visit>
@@ -38,7 +38,7 @@ Counts CountHits(const FrameSource& frame) {
     if (!isKnown) return;
     const Vec3 share = ReadPixel(picture, pixel);
     counts.hits.push_back(std::round(share.x * samples));
-    counts.covered.push_back(std::round(share.y * samples));
+    counts.covered.push_back(std::round(share.y * samples) - share.z * samples);
   });
   return counts;
 }
@@ -71,7 +71,8 @@ Layer MakeLayer(const FrameSource& frame, std::size_t number, const Counts& coun
   const LayerRow* row = FindLayerRowOf(aov.layer);
   if (row != nullptr && row->channel != aov.channel) row = nullptr;
   const bool ofHits = row != nullptr && row->ofHits && !counts.hits.empty();
-  const bool isNumber = frame.floats || (row != nullptr && row->channel != kChannelAlbedo);
+  const bool isNumber =
+      frame.floats || aov.channel == kChannelLightGroup || (row != nullptr && row->channel != kChannelAlbedo);
   if (letters.empty()) letters = row == nullptr ? "RGB" : row->channels;
   Layer layer = {aov.layer, ChannelsOf(letters), isNumber ? LayerKind::kFloat : LayerKind::kHalf, {}};
   const ImageBuffer picture = frame.picture(number);

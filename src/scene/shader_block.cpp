@@ -92,6 +92,10 @@ bool ReadSurfaceBlock(SceneText& text, SurfaceShader& surface, NotedShader& note
     for (const Choice<Material>& material : kMaterials)
       if (keyword == material.word) return Set(surface.material, material.value);
     if (keyword == "window") return Set(surface.window, true);
+    if (keyword == "shadow_catcher") {
+      NoteOfFormat2(line);
+      return Set(surface.shadowCatcher, true);
+    }
     if (keyword == "virtual_light") {
       noted.virtualLight = line.Place();
       return Set(surface.virtualLight, true);
@@ -179,6 +183,7 @@ void ReadShaderSection(SceneText& text) {
     }
     if (keyword == "opacity")
       return ReadNumber(line, shader.opacity) && NoteIdle(line, shader.opacity == 1, IdleIn::kFormat1);
+    if (keyword == "group") return ReadString(line, shader.group);
     if (keyword == "surface_shader") {
       if (text.notes) noted.layers.push_back(line.Place());
       return ReadSurfaceBlock(text, shader.surfaces.emplace_back(), noted);

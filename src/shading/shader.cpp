@@ -117,6 +117,16 @@ void FillSideLists(Shader& shader) {
   if (dropped) PrintError("shader - too many layers on a side", {"shader-layers"});
 }
 
+// A catcher has nothing of its own to show. Format 1 knows none.
+void SettleCatcher(SurfaceShader& s) {
+  s.shadowCatcher = s.shadowCatcher && settings.format >= 2;
+  if (!s.shadowCatcher) return;
+  for (const LobeRow& row : kLobes) s[row.element].color = kBlack;
+  s[Element::kEmissive].color = s[Element::kDiffusion].color = kBlack;
+  s.window = s.virtualLight = false;
+  s.material = Material::kConductor;
+}
+
 void DeriveFlags(SurfaceShader& s) {
   const auto shows = [&](Element e) { return !IsBlack(s[e].color); };
   s.hasImage =
@@ -137,7 +147,7 @@ void DeriveFlags(SurfaceShader& s) {
 EvenLayer MakeEvenLayer(const SurfaceShader& s) {
   EvenLayer even;
   even.holds = settings.format >= 2 && !s.hasImage && IsSameMedium(Mean(s[Element::kIor].color), 1);
-  even.emits = s.window || !(s[Element::kEmissive].color == kBlack);
+  even.emits = s.window || s.shadowCatcher || !(s[Element::kEmissive].color == kBlack);
   const auto take = [&](Element element, Vec3& color) {
     color = s[element].color;
     return !IsBlack(color);
@@ -164,7 +174,7 @@ void DeriveSideFlags(Shader& shader) {
       emissive |= !IsBlack(surface[Element::kEmissive].color);
       lambertian |= surface.has[Lobe::kLambertian];
       transmissive |= surface.has[Lobe::kTransmissive];
-      opaque |= IsOpaque(surface);
+      opaque |= IsOpaque(surface) && !shader.catchesShadow;
     }
   };
   derive(shader.front, shader.frontCount, shader.frontVirtualLight, shader.frontEmissive,
@@ -198,9 +208,12 @@ void InitializeShader(Shader& shader) {
   shader.geometry.reduction = unit(shader.geometry.reduction);
   InitializeVolume(shader.volume);
   for (SurfaceShader& surface : shader.surfaces) {
+    SettleCatcher(surface);
     DeriveFlags(surface);
     surface.even = MakeEvenLayer(surface);
   }
+  shader.catchesShadow = std::any_of(shader.surfaces.begin(), shader.surfaces.end(),
+                                     [](const SurfaceShader& s) { return s.shadowCatcher; });
   DeriveSideFlags(shader);
   shader.bends = std::any_of(shader.surfaces.begin(), shader.surfaces.end(), Refracts);
   shader.isBody = shader.bends || Absorbs(shader.volume);

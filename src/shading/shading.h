@@ -70,6 +70,7 @@ struct SurfaceShader {
   Material material = Material::kConductor;
   bool virtualLight = false;
   bool window = false;
+  bool shadowCatcher = false;  // shows the sky behind it, less the share of the light that is kept from it
   // Derived at initialisation.
   bool hasImage = false, needsTangents = false, hasAngle = false, hasNormalMap = false, isGlossy = false;
   bool isAnisotropic = false, hasDiffusion = false;
@@ -121,12 +122,15 @@ struct Shader {
   std::int32_t frontCount = 0, backCount = 0;
   std::array<std::uint8_t, kMaxLayersOnSide> front = {}, back = {};  // indices into surfaces
   std::vector<SurfaceShader> surfaces;
-  float opacity = 1;     // see Opacity
-  bool cutsOut = false;  // derived: some hits do not count
-  bool isTurned = true;  // derived: hits have to know the surface's own tangents
-  bool readsUv = true;   // derived: and its texture coordinates
-  bool bends = false;    // derived: some layer refracts what goes through it
-  bool isBody = false;   // derived: what it bounds has an inside of its own
+  std::string group;            // light group of its emission; empty: see BindGroups (lights/groups.h)
+  std::int32_t groupIndex = 0;  // derived
+  float opacity = 1;            // see Opacity
+  bool cutsOut = false;         // derived: some hits do not count
+  bool isTurned = true;         // derived: hits have to know the surface's own tangents
+  bool readsUv = true;          // derived: and its texture coordinates
+  bool bends = false;           // derived: some layer refracts what goes through it
+  bool isBody = false;          // derived: what it bounds has an inside of its own
+  bool catchesShadow = false;   // derived: some layer does
   bool frontVirtualLight = false, backVirtualLight = false;
   bool frontEmissive = false, backEmissive = false;
   bool frontLambertian = false, backLambertian = false;
@@ -203,7 +207,7 @@ struct ShadingPoint {
   float diffuseWeight = 1;   // what is left
   float iorRatio = 1;        // factor that turns the ray's ior on refraction
   float reflectCosine = 0;   // outgoing . normal
-  float pickDensity = 0;     // of an emitter in format 2: EmitterDensity (lights/lights.h) where the ray began
+  float pickDensity = 0;  // of an emitter in format 2: EmitterDensity (lights/lights.h) where the ray began
   const SurfaceShader* layer = nullptr;
   const FiberParameters* fiber = nullptr;  // of hair, which scatters by it; null on surfaces
   bool useDensity = false;                 // takes its diffuse radiance from the density cells
