@@ -368,7 +368,12 @@ class Scenes(unittest.TestCase):
         red = scene.find_shader("red")
         scene.object("hair").add_hair([[[-0.9, -0.5, 0], [-0.5, -0.5, 0], [-0.1, -0.5, 0]]] * 2, 0.2, shader=red)
         scene.object("dust").add_particles([[0.5, -0.5, 0]], [0.3], shader=red)
-        seen = scene.render(4, 1).beauty
+        picture = scene.render(4, 1)
+        seen = picture.beauty
+        np.testing.assert_allclose(picture["light_spot"] + picture["light_rest"], seen, atol=1e-6)
+        self.assertEqual(
+            (picture["light_spot"][6, 18].tolist(), picture["light_rest"][6, 18].max()), (seen[6, 18].tolist(), 0)
+        )
         self.assertEqual((seen[6, 1:3].max(), seen[6, 8].tolist()), (0, [1, 2, 3]))
         self.assertAlmostEqual(seen[6, 18, 0], 2, delta=0.1)
         self.assertEqual(seen[1, 13, 0], 0)  # outside of the spot
