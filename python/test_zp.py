@@ -361,9 +361,8 @@ class Scenes(unittest.TestCase):
         moving = scene.instance(part, place)
         white = scene.shader("white", lambertian=1)
         scene.object("wall").add_mesh(corner + [0.5, 0.5, 0], self.FACE, shader=white)
-        scene.point_light(
-            (0.5, 0.5, 1), 2, direction=(0, 0, -1), inner_angle=20, outer_angle=20, offset=0, only=[white]
-        )
+        angles = {"inner_angle": 20, "outer_angle": 20}
+        scene.point_light((0.5, 0.5, 1), 2, direction=(0, 0, -1), **angles, offset=0, only=[white], group="spot")
         scene.text('shader\n name "red"\n surface_shader\n emissive\n color 4 0 0\n end\n end\nend\n')
         red = scene.find_shader("red")
         scene.object("hair").add_hair([[[-0.9, -0.5, 0], [-0.5, -0.5, 0], [-0.1, -0.5, 0]]] * 2, 0.2, shader=red)
