@@ -391,7 +391,7 @@ class Shaders:
         self.has_fibers = False  # light goes on through many of them
 
     def name_of(self, material, flags=(), hair=False, uv_length=1.0):
-        """The shader of a material that is seen as `flags` tell. `uv_length` is the length of a texture in the scene."""
+        """The shader of a material that is seen as `flags` tell. `uv_length`: how long a texture is in the scene."""
         key = (material.name_full if material else None, flags, hair)
         if key not in self.names:
             told = [material.name if material else "default", *(["hair"] if hair else []), *flags]
@@ -463,8 +463,11 @@ class Shaders:
         self.volume(reader, out)
 
     def layer(self, reader, layer, several, uv_length):
-        element = lambda value: {"color": tuple(float(v) for v in np.broadcast_to(values.mean(value, reader.name), 3))} \
-            if reader.hair else self.baker.element(value, reader.name)
+        def element(value):
+            if not reader.hair:
+                return self.baker.element(value, reader.name)
+            return {"color": tuple(float(v) for v in np.broadcast_to(values.mean(value, reader.name), 3))}
+
         with self.text.block("surface_shader"):
             if layer.material:
                 self.text.say(layer.material)
