@@ -58,7 +58,7 @@ std::int32_t ImageOf(const json& texture) {
 }
 
 Mat3 Times(const Mat3& a, const Mat3& b) {
-  Mat3 product = {};
+  Mat3 product = {{{0, 0, 0}, {0, 0, 0}, {0, 0, 0}}};
   for (int row = 0; row < 3; ++row)
     for (int column = 0; column < 3; ++column)
       for (int k = 0; k < 3; ++k) product.m[row][column] += a.m[row][k] * b.m[k][column];

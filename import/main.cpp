@@ -39,9 +39,15 @@ int Tell(const std::string& sentence) {
 }
 
 // What a damaged file makes of the readers ends here: they take neither all memory nor all time.
-void LimitSelf() {
-  constexpr rlim_t kSeconds = 1800;
-  const rlimit time = {kSeconds, kSeconds}, core = {0, 0};
+void LimitSelf(const std::vector<std::string>& files) {
+  constexpr double kSeconds = 120, kSecondsOfMegabyte = 2;
+  double megabytes = 0;
+  std::error_code error;
+  for (const std::string& file : files)
+    if (const std::uintmax_t size = std::filesystem::file_size(file, error); !error)
+      megabytes += static_cast<double>(size) * 1e-6;
+  const auto seconds = static_cast<rlim_t>(kSeconds + kSecondsOfMegabyte * megabytes);
+  const rlimit time = {seconds, seconds}, core = {0, 0};
   setrlimit(RLIMIT_CPU, &time);
   setrlimit(RLIMIT_CORE, &core);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -100,7 +106,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "zephlore-import is run by 'zephlore import'\n");
     return 2;
   }
-  zp::LimitSelf();
+  zp::LimitSelf({argv + zp::kFixedWords, argv + argc});
   zp::SetConsoleQuiet(true);
   zp::settings.format = 2;
   zp::StartImageFiles();

@@ -10,6 +10,7 @@
 #include "core/box.h"
 #include "core/words.h"
 #include "geometry_files.h"
+#include "imaging/imaging.h"
 #include "pictures.h"
 #include "scene/scene_writer.h"
 #include "shaders.h"
@@ -324,9 +325,9 @@ void WriteLight(SceneWriter& text, const ImportLight& light, const Mat4& toScene
 // From the left behind the camera, as in a studio.
 void WriteStageSun(SceneWriter& text) {
   OpenBlock(text, "parallel_light");
-  WriteNumbers(text, "color", {3.0f, 2.8f, 2.5f});
+  WriteNumbers(text, "color", {2.6f, 2.45f, 2.2f});
   WriteTriple(text, "direction", {0.8f, 0.9f, -1.1f});
-  WriteNumbers(text, "blur", {1.5f});
+  WriteNumbers(text, "blur", {2});
   CloseBlock(text);
   text.text += '\n';
 }
@@ -335,18 +336,24 @@ void WriteSky(SceneFolder& scene, SceneWriter& text, bool isLit) {
   OpenBlock(text, "sky_light");
   if (!scene.settings.sky.empty()) {
     const fs::path source(scene.settings.sky);
-    const std::string name = TokenOf(source.filename().string());
+    std::string name = TokenOf(source.filename().string());
+    while (!scene.shelf.names.insert(name).second) name = "sky-" + name;
     fs::create_directories(scene.shelf.folder);
     std::error_code error;
-    fs::copy_file(source, fs::path(scene.shelf.folder) / name, error);
-    if (error) throw ImportError("the sky '" + scene.settings.sky + "' cannot be read: " + error.message());
+    const fs::path copy = fs::path(scene.shelf.folder) / name;
+    fs::copy_file(source, copy, error);
+    ImageBuffer picture;
+    if (error || !LoadImage(picture, copy.string()))
+      throw ImportError(
+          "the sky '" + scene.settings.sky + "' " +
+          (error ? "cannot be read: " + error.message() : std::string(ProblemText(picture.problem))));
     WriteString(text, "image", name);
     WriteTriple(text, "color", kWhite);
   } else if (isLit) {
     WriteTriple(text, "color", kBlack);
   } else if (scene.settings.stage) {
     WriteString(text, "image", "analytic");
-    WriteNumbers(text, "color", {0.15f, 0.13f, 0.105f});  // less blue than it is
+    WriteNumbers(text, "color", {0.23f, 0.185f, 0.145f});  // less blue than it is
     WriteNumbers(text, "turbidity", {3});
   } else {
     WriteNumbers(text, "color", {0.75f, 0.75f, 0.75f});
@@ -426,7 +433,12 @@ void WriteScene(std::vector<ImportModel>& models, const WriteSettings& settings)
   Save(settings.folder + "/shader/materials.zp", scene.shaderText);
   WriteObjects(scene, hasGround);
   WriteCameras(scene, models);
-  Save(settings.folder + "/render/render.zp", "render\n    format 2\nend\n");
+  SceneWriter render;
+  OpenBlock(render, "render");
+  WriteNumbers(render, "format", {2});
+  if (hasGround) WriteNumbers(render, "clamp_indirect", {6, 6, 6});  // what is above is sparks
+  CloseBlock(render);
+  Save(settings.folder + "/render/render.zp", render.text);
   WriteNotes(scene, models);
 }
 

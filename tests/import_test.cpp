@@ -92,7 +92,8 @@ TEST_F(Import, WhatFailsIsOneLineAndLeavesNoFolder) {
   WriteFile(work / "made/own.txt", "mine");
   for (const char* words :
        {"cut.gltf -o new", "short.gltf -o new", "loop.gltf -o new", "none.obj -o new", "nowhere.glb -o new",
-        "two.gltf cut.gltf -o new", "two.gltf -o made", "two.gltf -o made --force", "two.gltf -o no/where"}) {
+        "two.gltf cut.gltf -o new", "two.gltf -o made", "two.gltf -o made --force", "two.gltf -o no/where",
+        "two.gltf -o new --sky none.obj"}) {
     const Outcome outcome = Run("import " + std::string(words));
     EXPECT_EQ(outcome.status, 1) << words;
     EXPECT_EQ(std::count(outcome.errors.begin(), outcome.errors.end(), '\n'), 1) << outcome.errors;
