@@ -18,17 +18,18 @@ dependencies:
 	fi
 
 build: dependencies
-	cmake --preset $(PRESET) -DZP_LEAN=OFF
+	cmake --preset $(PRESET)
 	cmake --build --preset $(PRESET)
 
 # No more than the picture takes: of a build that is there the program, else the program alone.
+DEMO := $(if $(wildcard build/$(PRESET)/build.ninja),build/$(PRESET),build/demo)
 demo: PACKAGES := $(PROGRAM_PACKAGES)
 demo: APT_OPTIONS := --no-install-recommends
 demo: dependencies
-	test -e build/$(PRESET)/build.ninja || cmake --preset $(PRESET) -DZP_LEAN=ON
-	cmake --build --preset $(PRESET) --target zephlore
-	build/$(PRESET)/zephlore render scenes/courtyard --output build/demo.hdr --progress --quiet
-	build/$(PRESET)/zephlore view build/demo.hdr demo.png
+	test -e $(DEMO)/build.ninja || cmake --preset $(PRESET) -B $(DEMO) -DZP_LEAN=ON
+	cmake --build $(DEMO) --target zephlore
+	$(DEMO)/zephlore render scenes/courtyard --output build/demo.hdr --progress --quiet
+	$(DEMO)/zephlore view build/demo.hdr demo.png
 	@echo "the picture is demo.png"
 
 test: build

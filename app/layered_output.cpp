@@ -36,6 +36,7 @@ struct Frame {
   std::uint64_t written = 0;  // samples that the last file of layers holds
   std::vector<std::string> halfLayers = {};
   bool denoises = false;  // the next file
+  DenoiseOptions denoising = {};
 };
 Frame frame;
 
@@ -99,7 +100,7 @@ std::string WriteAll(const Aov& beauty) {
   std::string reason;
   try {
     LayeredPicture picture = MakeFrameLayers(source);
-    if (frame.denoises && MissingForDenoise(picture).empty()) Denoise(picture, {});
+    if (frame.denoises && MissingForDenoise(picture).empty()) Denoise(picture, frame.denoising);
     AddAttributes(picture);
     reason = WriteLayers(beauty.image.fileName, picture, &held, true);
   } catch (const std::bad_alloc&) {
@@ -142,11 +143,14 @@ void NameAllLightLayers(Camera& camera) {
   NameLightLayers(camera, geometryLight.aovs, "geometry");
 }
 
+bool AsksForGroups(const RenderOptions& options) {
+  return std::find(options.aov.begin(), options.aov.end(), kLights) != options.aov.end();
+}
+
 // Where the scene names groups, files that hold all layers have theirs without being asked, and so have parts
 // of them.
 bool WantsGroups(const RenderOptions& options, const Camera& camera) {
-  if (options.groups || std::find(options.aov.begin(), options.aov.end(), kLights) != options.aov.end())
-    return true;
+  if (options.groups || AsksForGroups(options)) return true;
   const bool holdsAll = HoldsLayers(camera.aovs.front().image.fileName) || options.passes;
   return holdsAll && options.resume.empty() && !NamedGroups().empty();
 }
@@ -265,6 +269,7 @@ void WriteFramesWithLayers(const RenderOptions& options, const Checkpoint& base,
                            std::function<double()> seconds) {
   frame = {base, std::move(seconds), LiveSource, nullptr};
   std::copy_if(options.aov.begin(), options.aov.end(), std::back_inserter(frame.halfLayers), IsHalfLayer);
+  frame.denoising.lightGroups = AsksForGroups(options);
   frame.passes = [] {
     const std::uint32_t next = settings.frame.passIndex, begin = PassesToRender().begin;
     return static_cast<std::int32_t>(next - std::min(next, begin));

@@ -23,6 +23,7 @@ double SecondsSince(std::chrono::steady_clock::time_point begin) {
 // Of the file, which its owner has chosen; else of what it records.
 std::string NameOf(const Aov& aov, std::size_t number) {
   if (number == 0) return "beauty";
+  if (aov.image.fileName.empty() && !aov.layer.empty()) return aov.layer;
   for (const ChannelWord& row : kChannelWords)
     if (aov.image.fileName.empty() && aov.channel == row.channel) return std::string(row.word);
   return aov.image.fileName.empty() ? "image " + std::to_string(number) : aov.image.fileName;

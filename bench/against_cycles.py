@@ -170,8 +170,7 @@ def write_map(path, middle, width=512, height=256):
             share = min(max(0.5 + 10 * rise, 0), 1)  # a sharp horizon would stand half a texel higher for one of the two
             color = [g + share * (c - g) + sun * tint for c, g, tint in zip(sky, ground, (1, 0.95, 0.85))]
             fraction, exponent = math.frexp(max(color))
-            half = 0 if middle else 0.5  # Cycles reads bytes as the middles of their steps
-            pixels += bytes([min(255, int(c * fraction * 256 / max(color) + half)) for c in color] + [exponent + 128])
+            pixels += bytes([min(255, round(c * fraction * 256 / max(color))) for c in color] + [exponent + 128])
     path.write_bytes(b"#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y %d +X %d\n" % (height, width) + pixels)
 
 

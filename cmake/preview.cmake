@@ -3,8 +3,8 @@
 include(GNUInstallDirs)
 set(ZP_MODULE_DIR ${CMAKE_INSTALL_LIBDIR}/zephlore)
 file(RELATIVE_PATH ZP_PROGRAM_TO_MODULES /p/${CMAKE_INSTALL_BINDIR} /p/${ZP_MODULE_DIR})
-set_source_files_properties(src/imaging/preview.cpp
-  PROPERTIES COMPILE_DEFINITIONS ZP_PROGRAM_TO_MODULES="${ZP_PROGRAM_TO_MODULES}")
+set_source_files_properties(src/imaging/preview.cpp PROPERTIES COMPILE_DEFINITIONS
+  "ZP_PROGRAM_TO_MODULES=\"${ZP_PROGRAM_TO_MODULES}\";ZP_MODULES=\"${CMAKE_INSTALL_FULL_LIBDIR}/zephlore\"")
 target_link_libraries(zp_core PUBLIC ${CMAKE_DL_LIBS})
 
 if(ZP_PREVIEW)

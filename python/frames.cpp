@@ -29,6 +29,7 @@
 #include "imaging/imaging.h"
 #include "integrator/integrator.h"
 #include "lights/lights.h"
+#include "lights/mix_groups.h"
 #include "pictures.h"
 #include "post/frame_layers.h"
 #include "scene/notes.h"
@@ -207,6 +208,15 @@ void SetInstanceEnd(std::int32_t object, std::int32_t instance, const ArrayLike&
   At(At(objectTable, object).instances, instance).motion = std::make_shared<InstanceMotion>(motion);
 }
 
+// The light group of a light, or of what a Shader emits.
+void SetGroup(const std::string& kind, std::int32_t index, const std::string& group) {
+  if (kind == "point") At(pointLights, index).group = group;
+  if (kind == "parallel") At(parallelLights, index).group = group;
+  if (kind == "sky") skyLight.group = group;
+  if (kind == "geometry") geometryLight.group = group;
+  if (kind == "shader") ShaderAt(index).group = group;
+}
+
 // What a render asks of its camera, where it is not as the camera says.
 struct FrameWish {
   std::int32_t camera = 0;
@@ -217,10 +227,12 @@ struct FrameWish {
   bool transparentSky = false;
 };
 constexpr const char* kHalfLayers[] = {"half0", "half1", "variance"};
+constexpr const char* kLights = "lights";
 
 // Words that a camera's layers have.
 std::vector<std::string> LayerWords() {
   std::vector<std::string> words(std::begin(kHalfLayers), std::end(kHalfLayers));
+  words.emplace_back(kLights);
   for (const LayerRow& row : kLayerRows) words.emplace_back(row.word);
   for (const ChannelWord& row : kChannelWords)
     if (FindLayerRow(row.word) == nullptr) words.emplace_back(row.word);
@@ -245,6 +257,9 @@ void AskForLayers(Camera& camera, const std::vector<std::string>& words) {
     for (Aov& aov : aovs) aov.image.fileName.clear();
   });
   AddLayers(camera, words);
+  const std::vector<std::string> groups = NamedGroups();
+  if (!groups.empty() || std::find(words.begin(), words.end(), kLights) != words.end())
+    AddGroupLayers(camera, groups);
   ForEachLight(
       [&](const std::string& light, std::vector<Aov>& aovs) { NameLightLayers(camera, aovs, light); });
   camera.aovs.front().image.fileName = "picture.exr";  // so that layerWriter is called; nothing writes it
@@ -394,6 +409,14 @@ void DefineFrames(py::module_& m) {
   m.def("_put_shader", PutShader);
   m.def("_roots", Roots);
   m.def("_set_instance_end", SetInstanceEnd);
+  m.def("_set_group", SetGroup);
+  m.def("_set_shadow_catcher", [](std::int32_t shader, std::int32_t layer) {
+    RequireRecord("layer", kSurfaces, {shader, layer});
+    At(ShaderAt(shader).surfaces, layer).shadowCatcher = true;
+  });
+  m.def("_set_renderer_clamp_indirect", [](float r, float g, float b) {
+    settings.said.clampIndirect = {r, g, b};
+  });
   m.def("_prepare", Prepare);
   m.def("_run", Run);
   m.def("_end", End);

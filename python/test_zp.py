@@ -361,14 +361,18 @@ class Scenes(unittest.TestCase):
         moving = scene.instance(part, place)
         white = scene.shader("white", lambertian=1)
         scene.object("wall").add_mesh(corner + [0.5, 0.5, 0], self.FACE, shader=white)
-        scene.point_light(
-            (0.5, 0.5, 1), 2, direction=(0, 0, -1), inner_angle=20, outer_angle=20, offset=0, only=[white]
-        )
+        angles = {"inner_angle": 20, "outer_angle": 20}
+        scene.point_light((0.5, 0.5, 1), 2, direction=(0, 0, -1), **angles, offset=0, only=[white], group="spot")
         scene.text('shader\n name "red"\n surface_shader\n emissive\n color 4 0 0\n end\n end\nend\n')
         red = scene.find_shader("red")
         scene.object("hair").add_hair([[[-0.9, -0.5, 0], [-0.5, -0.5, 0], [-0.1, -0.5, 0]]] * 2, 0.2, shader=red)
         scene.object("dust").add_particles([[0.5, -0.5, 0]], [0.3], shader=red)
-        seen = scene.render(4, 1).beauty
+        picture = scene.render(4, 1)
+        seen = picture.beauty
+        np.testing.assert_allclose(picture["light_spot"] + picture["light_rest"], seen, atol=1e-6)
+        self.assertEqual(
+            (picture["light_spot"][6, 18].tolist(), picture["light_rest"][6, 18].max()), (seen[6, 18].tolist(), 0)
+        )
         self.assertEqual((seen[6, 1:3].max(), seen[6, 8].tolist()), (0, [1, 2, 3]))
         self.assertAlmostEqual(seen[6, 18, 0], 2, delta=0.1)
         self.assertEqual(seen[1, 13, 0], 0)  # outside of the spot

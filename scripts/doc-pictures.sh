@@ -155,6 +155,13 @@ format-2() {
   Sheet format-2 2 "${images[@]}"
 }
 
+# Blender's scenes, where Blender is installed.
+blender-cycles() {
+  ZEPHLORE_PROGRAM=$build/zephlore blender -b --factory-startup --python-exit-code 1 -P bench/blender_scenes.py -- \
+    "$work/blender" --samples 64 > /dev/null
+  convert "$work/blender/sheet.png" -resize 560x "$work/blender-cycles.png"
+}
+
 # Shrink PICTURE: what is too large gets a palette of 256 colours, dithered; the others stay as they are.
 Shrink() {
   if [ "$(stat -c %s "$1")" -ge "$limit" ]; then
@@ -170,6 +177,7 @@ Shrink() {
 
 all=(courtyard still_life gallery cistern beads flight pompoms relief gather-modes gather-radius
      example-scene example-aovs example-progressive format-2)
+if command -v blender > /dev/null; then all+=(blender-cycles); fi
 render=true
 if [ "${1-}" = --shrink ]; then
   render=false

@@ -17,7 +17,7 @@ rm -f "$folder"/*.deb "$folder"/build/*.{deb,buildinfo,changes}
 git ls-files -z --cached --others --exclude-standard | while IFS= read -r -d '' file; do
   if [ -e "$file" ]; then printf '%s\0' "$file"; fi
 done > "$folder/build/files"
-find "$source" -mindepth 1 -maxdepth 1 ! -name 'obj-*' -exec rm -rf {} +
+find "$source" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} +
 tar c --null -T "$folder/build/files" | tar x -C "$source"
 
 (cd "$source" && DEB_BUILD_OPTIONS="noautodbgsym parallel=$(nproc) ${DEB_BUILD_OPTIONS-}" \

@@ -156,9 +156,15 @@ TEST_F(Hair, RaysOfAllLobesCarryTheirLight) {
       fiber.sampleAllLobes = all;
       const Vec3 outgoing = Direction(inclination, 0);
       Vec3 mean;
+      double squares = 0;
       constexpr int kDraws = 40000;
-      for (int i = 0; i < kDraws; ++i)
-        mean += SampleFiber(fiber, outgoing, kAxis, 2 * RandomFloat() - 1).weight / kDraws;
+      for (int i = 0; i < kDraws; ++i) {
+        const Vec3 weight = SampleFiber(fiber, outgoing, kAxis, 2 * RandomFloat() - 1).weight;
+        mean += weight / kDraws;
+        squares += double{weight.x} * double{weight.x} / kDraws;
+      }
+      // Paths through many fibres multiply their weights, which must not differ much then.
+      if (all) EXPECT_LT(squares, 1.25 * double{mean.x} * double{mean.x});
       for (int c = 0; c < 3; ++c) {
         const double expected = OverSphere(
             [&](Vec3 d) { return double{DrawnLobes(fiber, EvaluateFiber(fiber, outgoing, d, kAxis))[c]}; });
@@ -193,7 +199,7 @@ TEST_F(Hair, EveryAngleGivesNumbers) {
       for (float h : {-1.0f, 0.0f, 0.3f, 1.0f}) {
         const FiberSample sample = SampleFiber(fiber, incoming, kAxis, h);
         ASSERT_NEAR(Dot(sample.direction, sample.direction), 1, 1e-4f) << incoming.z;
-        ASSERT_TRUE(isLight(sample.weight) && sample.weight.x <= 3.001f) << sample.weight.x;
+        ASSERT_TRUE(isLight(sample.weight) && sample.weight.x <= 4) << sample.weight.x;
       }
     }
   }
@@ -349,8 +355,7 @@ TEST_F(LitHair, SkyLightAddsUpForTheDiffuseLobe) {
     constexpr int kOffsets = 32;
     for (int i = 0; i < kOffsets; ++i) {
       ASSERT_TRUE(Hit((static_cast<float>(i) + 0.5f) / (kOffsets / 2) - 1));
-      sum += double{Mean(SampledLight()[Lobe::kLambertian] +
-                         Gather(Lobe::kLambertian, ray_, point_))} /
+      sum += double{Mean(SampledLight()[Lobe::kLambertian] + Gather(Lobe::kLambertian, ray_, point_))} /
              kOffsets;
     }
     EXPECT_NEAR(sum, 1, 0.015) << samples;

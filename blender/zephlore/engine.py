@@ -17,6 +17,7 @@ import numpy as np
 
 from . import exr, losses
 from .export import Exporter
+from .text import word
 
 PACKAGE = __package__
 
@@ -29,16 +30,20 @@ PASSES = [
     ("motion", "motion", "Motion", 3, "XYZ", "VECTOR", ("motion.X", "motion.Y", None)),
     ("samples", "samples", "Samples", 1, "X", "VALUE", ("samples.Y",)),
 ] + [
-    (word, word, label, 3, "RGB", "COLOR", tuple(word + "." + c for c in "RGB"))
-    for word, label in (("albedo", "Albedo"), ("lambertian", "Lambertian"), ("transmissive", "Transmissive"),
+    (name, name, label, 3, "RGB", "COLOR", tuple(name + "." + c for c in "RGB"))
+    for name, label in (("albedo", "Albedo"), ("lambertian", "Lambertian"), ("transmissive", "Transmissive"),
                         ("glossy", "Glossy"), ("specular", "Specular"), ("emissive", "Emissive"),
                         ("lambertian_color", "Lambertian Color"), ("glossy_color", "Glossy Color"),
                         ("specular_color", "Specular Color"))]
 
 
 def passes_of(layer):
-    """Rows of PASSES that a view layer asks for."""
-    return [row for row in PASSES if getattr(layer if row[0].startswith("use_pass") else layer.zephlore, row[0], False)]
+    """Rows of PASSES that a view layer asks for, and those of its light groups."""
+    rows = [row for row in PASSES if getattr(layer if row[0].startswith("use_pass") else layer.zephlore, row[0], False)]
+    for group in getattr(layer, "lightgroups", ()):
+        channels = tuple("light_%s.%s" % (word(group.name), c) for c in "RGB")
+        rows.append((None, "lights", "Combined_" + group.name, 3, "RGB", "COLOR", channels))
+    return rows
 
 
 def preferences():
@@ -230,7 +235,7 @@ def command(found, scene, layer, folder, output):
              "%gs" % told.refresh if told.refresh > 0 else "0"]
     if scene.render.threads_mode == "FIXED":
         words += ["--threads", str(scene.render.threads)]
-    aovs = [row[1] for row in passes_of(layer)]
+    aovs = list(dict.fromkeys(row[1] for row in passes_of(layer)))
     if aovs:
         words += ["--aov", ",".join(aovs)]
     if scene.render.film_transparent:

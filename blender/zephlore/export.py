@@ -59,6 +59,7 @@ class Exporter:
         if self.camera is None:
             raise ValueError("the scene has no camera")
         shutter = self.shutter()
+        self.moves = shutter is not None
         if shutter:
             self.set_frame(*shutter[0])
         eye = self.camera.evaluated_get(self.depsgraph)
@@ -68,11 +69,14 @@ class Exporter:
         poses = [cameras.pose(eye, frame)]
         lights.write_lamps(self.folder / "model")
         self.visit()
-        lights.world(self.light_text, self.scene, self.folder / "image", self.baker)
+        lights.world(self.light_text, self.scene, self.folder / "image", self.baker, self.group(self.scene.world))
         if shutter:
             self.set_frame(*shutter[1])
             self.closing = True
             self.visit()
+            for shape in self.shapes.values():  # what is no longer there
+                if shape is not None and shape.keyword == "mesh" and shape.kept is not None:
+                    shape.kept.write_mesh(self.folder / shape.file)
             eye = self.camera.evaluated_get(self.depsgraph)
             poses.append(cameras.pose(eye, cameras.Frame(eye.data, self.scene)))
             self.set_frame(*shutter[2])
@@ -133,13 +137,23 @@ class Exporter:
     def flags(self, obj):
         """What a shader says of the visibility of an object."""
         seen = [getattr(obj, "visible_" + way, True) for way in ("camera", "diffuse", "glossy", "transmission", "shadow")]
-        if all(seen):
-            return ()
+        told = ["group-" + self.group(obj)] if self.group(obj) else []
+        if getattr(obj, "is_shadow_catcher", False):
+            told.append("catcher")
+        if getattr(obj, "is_holdout", False):
+            losses.note("%s: shows, although it is held out" % obj.name)
         if not any(seen):
-            return ("invisible",)
-        if any(not s for s in seen[1:]):
+            told.append("invisible")
+        elif not seen[0]:
+            told.append("unseen")
+        if any(seen) and not all(seen[1:]):
             losses.note("%s: rays other than the camera's see all of it" % obj.name)
-        return () if seen[0] else ("unseen",)
+        return tuple(told)
+
+    def group(self, owner):
+        """The light group of an object or a world, where the view layer has it."""
+        name = getattr(owner, "lightgroup", "")
+        return word(name) if name in getattr(self.depsgraph.view_layer, "lightgroups", ()) else ""
 
     def free_name(self, name):
         """A word that no other object of the scene has."""
@@ -180,9 +194,11 @@ class Exporter:
         names = [self.shaders.name_of(m, flags, uv_length=length) for m in materials]
         model = shapes.Mesh(mesh, names, [self.shaders.uv_name(m) for m in materials])
         obj.to_mesh_clear()
-        shape = Shape(self.free_name(obj.name), "obj", "model/%d.obj" % len(self.shapes))
-        model.write(self.folder / shape.file)
-        shape.kept = model if self.set_frame and self.scene.render.use_motion_blur else None
+        shape = Shape(self.free_name(obj.name), "mesh", "model/%d.mesh" % len(self.shapes))
+        if self.moves:
+            shape.kept = model
+        else:
+            model.write_mesh(self.folder / shape.file)
         return shape
 
     def close_mesh(self, shape, obj):
@@ -191,10 +207,14 @@ class Exporter:
         if mesh is not None and len(mesh.vertices) != len(shape.kept.positions):
             losses.note("%s: its vertices change while the shutter is open, it stands still" % obj.name)
         obj.to_mesh_clear()
+        if moved is None:
+            shape.kept.write_mesh(self.folder / shape.file)
+        else:  # only OBJ files have ends
+            shape.keyword, start = "obj", shape.file.replace(".mesh", "")
+            shape.file, shape.end = start + ".obj", start + "-end.obj"
+            shape.kept.write_obj(self.folder / shape.file)
+            moved.write_obj(self.folder / shape.end)
         shape.kept = None
-        if moved is not None:
-            shape.end = shape.file.replace(".obj", "-end.obj")
-            moved.write(self.folder / shape.end)
 
     def visit_strands(self, obj, matrix, told):
         for index, system in enumerate(obj.particle_systems):
@@ -237,7 +257,7 @@ class Exporter:
             name = self.shaders.name_of(material, self.flags(obj), hair=True)
             shape = Shape(self.free_name(obj.name + "-hair"), "hair", "model/%d.hair" % len(self.shapes), name)
             shapes.write_hair(self.folder / shape.file, points, radii, counts)
-            shape.kept = points if self.set_frame and self.scene.render.use_motion_blur else None
+            shape.kept = points if self.moves else None
             self.shapes[key] = shape
         if self.shapes[key] is not None:
             self.place(told, self.shapes[key], matrix)
@@ -263,14 +283,15 @@ class Exporter:
                     scale = type(matrix).Diagonal((light.size, size_y, 1, 1))
                     self.places[told].end = matrix @ scale
             else:
-                lights.area(self, light, matrix, getattr(obj, "visible_camera", True))
+                lights.area(self, light, matrix, getattr(obj, "visible_camera", True), self.group(obj))
         elif not self.closing:
-            {"POINT": lights.point, "SUN": lights.sun, "SPOT": lights.spot}[light.type](self.light_text, light, matrix)
+            write = {"POINT": lights.point, "SUN": lights.sun, "SPOT": lights.spot}[light.type]
+            write(self.light_text, light, matrix, self.group(obj))
 
-    def place_lamp(self, kind, matrix, light, color, visible):
+    def place_lamp(self, kind, matrix, light, color, visible, group):
         """A lamp of its own: an instance's shader would not hide it from the camera."""
         name = self.free_name("lamp-" + light.name)
-        shaders.shader_of_light(self.shader_text, name, color, visible)
+        shaders.shader_of_light(self.shader_text, name, color, visible, group)
         shape = Shape(name, "obj", "model/lamp-%s.obj" % kind, name)
         self.shapes["lamp", name] = shape
         self.place(self.told, shape, matrix)
@@ -304,6 +325,8 @@ class Exporter:
             text.say("format", 2)
             if self.settings.clamp > 0:
                 text.triple("clamp", (self.settings.clamp,) * 3)
+            if self.settings.clamp_indirect > 0:
+                text.triple("clamp_indirect", (self.settings.clamp_indirect,) * 3)
             with text.block("final_gather"):
                 least = self.settings.hair_bounces if self.shaders.has_fibers else 1
                 text.say("bounce", max(self.settings.bounces, least))

@@ -27,8 +27,10 @@ def light_color(light):
     return color * 2.0 ** getattr(light, "exposure", 0.0)
 
 
-def say_light(text, color, **told):
+def say_light(text, color, group, **told):
     text.triple("color", color)
+    if group:
+        text.say("group", quoted(group))
     for keyword, value in told.items():
         if isinstance(value, (int, float)):
             text.say(keyword, value)
@@ -37,18 +39,18 @@ def say_light(text, color, **told):
     text.say("offset", 0)
 
 
-def point(text, light, matrix):
+def point(text, light, matrix, group):
     """Watts P shine with the intensity P / (4 pi) W/sr: a colour of P / (4 pi^2)."""
     color = light_color(light) * light.energy / (4 * math.pi**2)
     with text.block("point_light"):
-        say_light(text, color, position=matrix.translation, blur=float(light.shadow_soft_size), inner_angle=180.0,
+        say_light(text, color, group, position=matrix.translation, blur=float(light.shadow_soft_size), inner_angle=180.0,
                   outer_angle=181.0)
 
 
-def sun(text, light, matrix):
+def sun(text, light, matrix, group):
     """A strength is an irradiance in W/m2: a colour of S / pi."""
     with text.block("parallel_light"):
-        say_light(text, light_color(light) * light.energy / math.pi, direction=-matrix.col[2].xyz,
+        say_light(text, light_color(light) * light.energy / math.pi, group, direction=-matrix.col[2].xyz,
                   blur=math.degrees(light.angle) / 2)
 
 
@@ -71,16 +73,16 @@ def spot_ramps(half, blend):
     return ramps
 
 
-def spot(text, light, matrix):
+def spot(text, light, matrix, group):
     """As bright along its axis as a point light of the same watts, whatever its angle."""
     color = light_color(light) * light.energy / (4 * math.pi**2)
     for inner, outer, share in spot_ramps(light.spot_size / 2, light.spot_blend):
         with text.block("point_light"):
-            say_light(text, color * share, position=matrix.translation, blur=float(light.shadow_soft_size),
+            say_light(text, color * share, group, position=matrix.translation, blur=float(light.shadow_soft_size),
                       direction=-matrix.col[2].xyz, inner_angle=math.degrees(inner), outer_angle=math.degrees(outer))
 
 
-def area(exporter, light, matrix, visible):
+def area(exporter, light, matrix, visible, group):
     """A surface of the radiance P / (4 A), A its area in the scene."""
     across = light.size
     down = light.size_y if light.shape in ("RECTANGLE", "ELLIPSE") else light.size
@@ -96,7 +98,7 @@ def area(exporter, light, matrix, visible):
         losses.note("%s: the light spreads over the whole half sphere" % light.name)
     color = light_color(light) * light.energy / (4 * surface)
     turned = matrix @ mathutils.Matrix.Diagonal((across, down, 1, 1))
-    exporter.place_lamp("disk" if round_ else "square", turned, light, color, visible)
+    exporter.place_lamp("disk" if round_ else "square", turned, light, color, visible, group)
 
 
 LAMP_CORNERS = 64
@@ -119,11 +121,13 @@ def write_lamps(folder):
         (folder / ("lamp-%s.obj" % name)).write_text("\n".join(lines) + "\n")
 
 
-def world(text, scene, folder, baker):
+def world(text, scene, folder, baker, group):
     """The sky: one colour, one picture as it is, or any tree of nodes, baked over all directions."""
     out = world_output(scene.world)
-    sun_disc(text, out)
+    sun_disc(text, out, group)
     with text.block("sky_light"):
+        if group:
+            text.say("group", quoted(group))
         if out is None:
             color = scene.world.color if scene.world and not scene.world.use_nodes else (0, 0, 0)
             text.triple("color", color)
@@ -153,7 +157,7 @@ def world_output(told):
     return next((n for n in told.node_tree.nodes if n.type == "OUTPUT_WORLD" and n.is_active_output), None)
 
 
-def sun_disc(text, out):
+def sun_disc(text, out, group):
     """The sun of a Sky Texture, as a light: a picture is too coarse for it, and cameras do not see it."""
     found, inner = nodes.source(out.inputs["Surface"], ()) if out else (None, ())
     if found is None or found.node.type != "BACKGROUND":
@@ -171,7 +175,7 @@ def sun_disc(text, out):
     light = sky.sun_irradiance(elevation, sky.Air(air, dust, ozone), altitude) * node.sun_intensity * float(strength)
     with text.block("parallel_light"):
         way = (-math.sin(turn) * math.cos(elevation), -math.cos(turn) * math.cos(elevation), -math.sin(elevation))
-        say_light(text, light / math.pi, direction=way, blur=math.degrees(node.sun_size) / 2)
+        say_light(text, light / math.pi, group, direction=way, blur=math.degrees(node.sun_size) / 2)
 
 
 def background(socket, stack, what):

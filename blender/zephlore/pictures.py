@@ -63,6 +63,11 @@ def pixels_of(image):
     pixels[..., :max(image.channels, 3)] = flat  # a lone channel is grey
     if not image.is_float and is_srgb(image):
         pixels[..., :3] = to_linear(pixels[..., :3])
+    if image.file_format == "HDR" and image.source == "FILE" and not image.is_dirty:
+        # Blender's own reader takes each byte for the middle of its step, Cycles' for its beginning.
+        largest = pixels[..., :3].max(axis=2)
+        half = np.ldexp(0.5, np.frexp(largest)[1] - 8) * (largest > 0)
+        pixels[..., :3] -= half[..., None].astype(np.float32)
     return pixels
 
 

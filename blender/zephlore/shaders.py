@@ -413,7 +413,14 @@ class Shaders:
         out = tree_of(material) if material else None
         with self.text.block("shader"):
             self.text.say("name", quoted(name))
-            if out is not None:
+            for flag in flags:
+                if flag.startswith("group-"):
+                    self.text.say("group", quoted(flag[len("group-"):]))
+            if "catcher" in flags:
+                with self.text.block("surface_shader"):
+                    self.text.say("shadow_catcher")
+                self.geometry(None, flags)
+            elif out is not None:
                 self.surface(Reader(material, hair), out, flags, uv_length)
             else:
                 color = tuple(material.diffuse_color[:3]) if material else (0.8, 0.8, 0.8)
@@ -513,10 +520,11 @@ class Shaders:
         return self.baker.normal(normal / np.linalg.norm(normal, axis=2, keepdims=True))
 
     def geometry(self, clip, flags, what=None):
-        if clip is None and not flags:
+        hides = [flag for flag in flags if flag in ("invisible", "unseen")]
+        if clip is None and not hides:
             return
         with self.text.block("geometry_shader"):
-            for flag in flags:
+            for flag in hides:
                 self.text.say("invisible" if flag == "invisible" else "camera_primary", int(flag == "invisible"))
             if clip is not None:
                 values.write_element(self.text, "clip", self.baker.element(clip, what))
@@ -539,10 +547,12 @@ class Shaders:
             self.text.triple("transmittance", np.exp(-density * (1 - np.clip(color, 0, 1))))
 
 
-def shader_of_light(text, name, color, visible):
+def shader_of_light(text, name, color, visible, group):
     """A one-sided emitter of a radiance."""
     with text.block("shader"):
         text.say("name", quoted(name))
+        if group:
+            text.say("group", quoted(group))
         with text.block("surface_shader"):
             text.say("sideness", '"face"')
             text.say("virtual_light")

@@ -119,7 +119,7 @@ class Mesh:
             other.normals = found
         return other
 
-    def write(self, path):
+    def write_obj(self, path):
         with open(path, "w", encoding="ascii", newline="\n") as file:
             rows(file, "v %.9g %.9g %.9g\n", self.positions)
             if self.uvs is not None:
@@ -133,6 +133,59 @@ class Mesh:
                     last = material
                 corner = {(0, 0): " %d", (1, 0): " %d/%d", (0, 1): " %d//%d", (1, 1): " %d/%d/%d"}
                 rows(file, "f" + corner[self.uvs is not None, smooth] * size + "\n", table)
+
+    def write_mesh(self, path):
+        """A mesh file: vertices are corners of one place, texture coordinates and normal."""
+        tables = [table.reshape(-1, table.shape[2]) for _, _, _, table in self.faces]
+        place = np.concatenate([t[:, 0] for t in tables]) - 1
+        uv = np.concatenate([t[:, 1] for t in tables]) - 1 if self.uvs is not None else None
+        normal = np.concatenate([t[:, -1] if smooth else np.zeros(len(t), np.int32)
+                                 for t, (_, _, smooth, _) in zip(tables, self.faces)])  # from 1, 0 for none
+        which, first = place.astype(np.int64), None
+        shared = self.normals is None or len(self.normals) == len(self.positions)
+        one_kind = shared and len({smooth for _, _, smooth, _ in self.faces}) == 1  # the place tells the normal
+        for more in (uv, normal):
+            if more is not None and not (first is not None and one_kind):
+                _, first, which = np.unique(which * (int(more.max(initial=0)) + 1) + more, return_index=True,
+                                            return_inverse=True)
+        triangles, quads = self.faces_by_size(which)
+        names = b"".join(n.encode() + b"\0" for n in self.shader_names)
+        kinds = int(uv is not None) + 2 * bool(normal.any())
+        with open(path, "wb") as file:
+            file.write(b"ZPM1" + struct.pack("<7I", len(first), len(triangles), len(quads), len(self.shader_names),
+                                             len(names), kinds, 0) + names)
+            file.write(self.positions[place[first]].astype("<f4").tobytes())
+            if uv is not None:
+                file.write(self.uvs[uv[first]].astype("<f4").tobytes())
+            file.write(triangles.astype("<u4").tobytes() + quads.astype("<u4").tobytes())
+            if normal.any():
+                found = np.vstack([np.zeros((1, 3)), self.normals])[normal[first]]
+                file.write(np.rint(np.clip(found, -1, 1) * 127).astype(np.int8).tobytes())
+
+    def faces_by_size(self, which):
+        """Triangles and flat faces of four corners, with their shaders from 1; `which` are the vertices of corners."""
+        triangles, quads, at = [], [], 0
+        for material, size, _, table in self.faces:
+            told = which[at:at + len(table) * size].reshape(-1, size)
+            at += len(table) * size
+            shader = np.full((len(told), 1), material + 1)
+            if size == 3:
+                triangles.append(np.hstack([told, shader]))
+                continue
+            p = self.positions[table[:, :, 0] - 1].astype(np.float64)
+            turns = np.cross(np.roll(p, -1, 1) - p, np.roll(p, -2, 1) - np.roll(p, -1, 1))
+            length = np.linalg.norm(turns, axis=2)
+            mean = turns.sum(axis=1)
+            mean /= np.maximum(np.linalg.norm(mean, axis=1, keepdims=True), 1e-30)
+            flat = (np.einsum("ijk,ik->ij", turns, mean) > length * (1 - 1e-9)).all(axis=1) & (length > 0).all(axis=1)
+            quads.append(np.hstack([told, shader])[flat])
+            # Split where the split lies inside: not across a corner that points inwards.
+            inward = np.einsum("ijk,ik->ij", turns, mean) < 0
+            turned = np.where((inward[:, 1] | inward[:, 3])[:, None], np.roll(told, -1, 1), told)[~flat]
+            for corners in ((0, 1, 2), (0, 2, 3)):
+                triangles.append(np.hstack([turned[:, corners], shader[~flat]]))
+        join = lambda parts, width: np.concatenate(parts) if parts else np.zeros((0, width), np.int64)
+        return join(triangles, 4), join(quads, 5)
 
     def texture_length(self):
         """How long a unit of texture coordinates is on the mesh, in the mean over its area."""

@@ -30,6 +30,8 @@ class ZephloreSettings(bpy.types.PropertyGroup):
     hair_bounces: IntProperty(name="Hair Bounces", default=12, min=1, max=255,
                               description="Bounces where there are fibres, through which light goes on and on")
     clamp: FloatProperty(name="Clamp", default=0, min=0, description="Upper limit of one sample; 0 is none")
+    clamp_indirect: FloatProperty(name="Clamp Indirect", default=0, min=0,
+                                  description="Upper limit of light behind the first diffuse bounce; 0 is none")
     noise: FloatProperty(name="Noise Limit", default=0, min=0, max=1, precision=3,
                          description="Relative error at which the frame ends; 0 takes all samples")
     time: FloatProperty(name="Time Limit", default=0, min=0, unit="TIME_ABSOLUTE",
@@ -91,7 +93,7 @@ class ZEPHLORE_PT_paths(Section, bpy.types.Panel):
 
     def draw(self, context):
         column, told = self.column(), context.scene.zephlore
-        for name in ("bounces", "ray_depth", "hair_bounces", "clamp"):
+        for name in ("bounces", "ray_depth", "hair_bounces", "clamp", "clamp_indirect"):
             column.prop(told, name)
 
 
@@ -145,6 +147,43 @@ class ZEPHLORE_PT_passes(Section, bpy.types.Panel):
             column.prop(layer.zephlore, name)
 
 
+class ZEPHLORE_PT_light_groups(Section, bpy.types.Panel):
+    bl_label = "Light Groups"
+    bl_context = "view_layer"
+
+    def draw(self, context):
+        layer, row = context.view_layer, self.layout.row()
+        row.template_list("UI_UL_list", "zephlore_groups", layer, "lightgroups", layer, "active_lightgroup_index", rows=2)
+        buttons = row.column(align=True)
+        buttons.operator("scene.view_layer_add_lightgroup", icon="ADD", text="")
+        buttons.operator("scene.view_layer_remove_lightgroup", icon="REMOVE", text="")
+
+
+class ZEPHLORE_PT_object(Section, bpy.types.Panel):
+    bl_label = "Rendering"
+    bl_context = "object"
+
+    def draw(self, context):
+        column, obj = self.column(), context.object
+        column.prop(obj, "visible_camera", text="Seen by Cameras")
+        if obj.type not in {"LIGHT", "CAMERA", "EMPTY"}:
+            column.prop(obj, "is_shadow_catcher")
+        if hasattr(obj, "lightgroup"):
+            column.prop_search(obj, "lightgroup", context.view_layer, "lightgroups", text="Light Group")
+
+
+class ZEPHLORE_PT_world(Section, bpy.types.Panel):
+    bl_label = "Rendering"
+    bl_context = "world"
+
+    @classmethod
+    def poll(cls, context):
+        return context.engine == ENGINE and hasattr(context.world, "lightgroup")
+
+    def draw(self, context):
+        self.column().prop_search(context.world, "lightgroup", context.view_layer, "lightgroups", text="Light Group")
+
+
 class ZEPHLORE_OT_export(bpy.types.Operator, ExportHelper):
     """Writes the scene as a folder of text, models and pictures that zephlore renders"""
     bl_idname = "zephlore.export"
@@ -172,7 +211,8 @@ def export_menu(self, context):
 
 
 CLASSES = (ZephlorePreferences, ZephloreSettings, ZephloreLayer, ZEPHLORE_PT_sampling, ZEPHLORE_PT_paths,
-           ZEPHLORE_PT_film, ZEPHLORE_PT_program, ZEPHLORE_PT_losses, ZEPHLORE_PT_passes, ZEPHLORE_OT_export)
+           ZEPHLORE_PT_film, ZEPHLORE_PT_program, ZEPHLORE_PT_losses, ZEPHLORE_PT_passes,
+           ZEPHLORE_PT_light_groups, ZEPHLORE_PT_object, ZEPHLORE_PT_world, ZEPHLORE_OT_export)
 
 # Blender's own panels for what we take from its data.
 NODE_PANELS = ("EEVEE_MATERIAL_PT_context_material", "EEVEE_MATERIAL_PT_surface", "EEVEE_MATERIAL_PT_volume",

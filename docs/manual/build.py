@@ -71,9 +71,6 @@ def stage_pages(stage: Path) -> None:
             more = sorted(
                 str(page.with_suffix("")) for page in pages if str(page.with_suffix("")) not in listed | {"index"}
             )
-            text = re.sub(
-                r"^blender\n", "" if Path("blender.md") not in pages else "blender\n", text, flags=re.MULTILINE
-            )
             text = text.replace("\narchitecture\n", "\n" + "\n".join(["architecture", *more]) + "\n")
         text = LINK.sub(lambda match, name=name: place_link(stage, name, match), text)
         (stage / name).parent.mkdir(parents=True, exist_ok=True)

@@ -33,7 +33,7 @@ def floats(value: Any, what: str, *shape: int) -> Floats:
     array = _array(value, what, text)
     if array.dtype.kind not in "iuf" and array.size > 0:
         raise TypeError(f"zp: {what} must hold numbers, not {array.dtype}")
-    if array.size == 0 and shape[0] < 0:
+    if array.size == 0 and shape and shape[0] < 0:
         return np.zeros([max(size, 0) for size in shape], np.float32)
     if array.ndim != len(shape) or any(size not in (-1, have) for size, have in zip(shape, array.shape)):
         raise ValueError(f"zp: {what} must have the shape {text}, not {list(array.shape)}")

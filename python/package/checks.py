@@ -66,11 +66,17 @@ def angle(value: Any, what: str) -> float:
     return result
 
 
+def elements(value: Any, what: str, kind: str) -> List[Any]:
+    if not isinstance(value, Iterable):
+        raise TypeError(f"zp: {what} must be a list of {kind}, not {value!r}")
+    return list(value)
+
+
 def layers(value: Any, what: str) -> List[str]:
-    words = [value] if isinstance(value, str) else list(value)
+    words = [value] if isinstance(value, str) else elements(value, what, "words")
     known = _zp._layer_words()
     for word in words:
-        if word not in known:
+        if not isinstance(word, str) or word not in known:
             raise KeyError(
                 f"zp: {what}: there is no layer {word!r}" + (nearest(str(word), known) or " among " + ", ".join(known))
             )
@@ -84,7 +90,7 @@ def shader(value: Any, what: str) -> Shader:
 
 
 def shaders(value: Any, what: str) -> List[Shader]:
-    return [shader(one, what) for one in value]
+    return [shader(one, what) for one in elements(value, what, "shaders")]
 
 
 def count(value: Any, what: str) -> int:

@@ -15,6 +15,7 @@ class Light(checks.Record):
     _kind = ""
     color: Any
     only: List[Shader]  #: the shaders that it lights; none: all
+    group: str  #: its light group: the layer "light_GROUP"
 
     def __init__(self, scene: Scene, **fields: Any) -> None:
         self._set(scene, **fields)
@@ -27,7 +28,9 @@ class Light(checks.Record):
         index = (getattr(_zp, f"add_{self._kind}_light")(),) if self._kind in ("point", "parallel") else ()
         for word in self._checks:
             value = getattr(self, word)
-            if word == "only":
+            if word == "group":
+                _zp._set_group(self._kind, index[0] if index else 0, value)
+            elif word == "only":
                 for shader in value:
                     self._call("shader_link", index, shaders[shader])
             elif isinstance(value, Texture):
@@ -45,6 +48,7 @@ _SHARED: Mapping[str, Callable[[Any, str], Any]] = {
     "sample": checks.count,
     "photons": checks.count,
     "only": checks.shaders,
+    "group": checks.text,
 }
 
 
@@ -76,7 +80,9 @@ class ParallelLight(Light):
 
 
 def _sky_image(value: Any, what: str) -> Any:
-    return value if value is None or isinstance(value, Texture) or value == "analytic" else Texture(value)
+    if value is None or isinstance(value, Texture) or (isinstance(value, str) and value == "analytic"):
+        return value
+    return Texture(value)
 
 
 class Sky(Light):
@@ -94,9 +100,15 @@ class Sky(Light):
         "sample": checks.maybe(checks.count),
         "photons": checks.maybe(checks.count),
         "only": checks.shaders,
+        "group": checks.text,
     }
 
 
 class Emitters(Light):
     _kind = "geometry"
-    _checks = {"sample": checks.maybe(checks.count), "photons": checks.maybe(checks.count), "only": checks.shaders}
+    _checks = {
+        "sample": checks.maybe(checks.count),
+        "photons": checks.maybe(checks.count),
+        "only": checks.shaders,
+        "group": checks.text,
+    }

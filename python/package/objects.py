@@ -16,6 +16,9 @@ if TYPE_CHECKING:
     from .scene import Scene
 
 
+KINDS_OF_MODELS = {".obj": "obj", ".zpm": "mesh", ".hair": "hair", ".fur": "fur"}  # and their keywords
+
+
 class _Mesh(NamedTuple):
     shader: Optional[Shader]
     positions: Floats
@@ -217,7 +220,7 @@ class Object:
         if not self._models:
             index = _zp.add_object()
         else:
-            lines = [f'    {Path(path).suffix[1:].lower()} "{path}"' for path in self._models]
+            lines = [f'    {KINDS_OF_MODELS[Path(path).suffix.lower()]} "{path}"' for path in self._models]
             shader = [f'    shader "{self._shader._name}"'] if self._shader else []
             _zp._read_text("\n".join(["object", *lines, *shader, "end"]) + "\n", False)
             index = len(_zp._object_names()) - 1

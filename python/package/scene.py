@@ -10,6 +10,7 @@ import threading
 import time
 import warnings
 import weakref
+from pathlib import Path
 from typing import Any, Callable, Dict, Iterable, Iterator, List, Mapping, Optional, Sequence, Tuple, Union
 
 from numpy.typing import ArrayLike, NDArray
@@ -18,7 +19,7 @@ from . import _zp, arrays, checks
 from .arrays import Color, Floats
 from .cameras import Camera
 from .lights import Emitters, Light, ParallelLight, PointLight, Sky
-from .objects import Instance, Object
+from .objects import KINDS_OF_MODELS, Instance, Object
 from .picture import Picture
 from .shaders import Shader, Texture, Value
 
@@ -46,6 +47,7 @@ _RENDERER: Mapping[str, Callable[[Any, str], Any]] = {
     "photon_depth": lambda value, what: arrays.whole(value, what, 1, 255),
     "sample": checks.count,
     "clamp": arrays.color,
+    "clamp_indirect": arrays.color,
     "error": arrays.color,
     "distance": checks.positive,
     "resolution": checks.positive,
@@ -131,6 +133,7 @@ class Scene:
         *,
         visibility: str = "all",
         smooth_angle: Optional[float] = None,
+        group: str = "",
         lambertian: Optional[Value] = None,
         transmissive: Optional[Value] = None,
         glossy: Optional[Value] = None,
@@ -148,21 +151,23 @@ class Scene:
         material: str = "conductor",
         side: str = "both",
         virtual_light: Optional[bool] = None,
+        shadow_catcher: bool = False,
     ) -> Shader:
         """Adds a shader; arguments of Shader.layer make its first layer.
 
         visibility: "all", "not_camera_primary", "not_light_primary" or "invisible". smooth_angle: faces that meet
-        at less, in degrees, get smooth normals. In a scene of a folder it takes the place of one of that name.
+        at less, in degrees, get smooth normals. group: the light group of what it emits. In a scene of a folder it takes the place of one of that name.
         """
         given = {
             word: value
             for word, value in locals().items()
-            if word not in ("self", "name", "visibility", "smooth_angle")
+            if word not in ("self", "name", "visibility", "smooth_angle", "group")
         }
-        shader = Shader(self, self._new_name(name, self._shaders, "a shader"), visibility, smooth_angle)
-        plain = {"material": "conductor", "side": "both"}
+        shader = Shader(self, self._new_name(name, self._shaders, "a shader"), visibility, smooth_angle, group)
+        plain = {"material": "conductor", "side": "both", "shadow_catcher": False}
         if any(
-            value != plain.get(word) if isinstance(value, str) else value is not None for word, value in given.items()
+            value is not None and not (isinstance(value, (str, bool)) and value == plain.get(word))
+            for word, value in given.items()
         ):
             shader.layer(**given)
         self._shaders[name] = shader
@@ -171,7 +176,7 @@ class Scene:
     def find_shader(self, name: str) -> Shader:
         """A shader of this scene, or of the folder's or a text's; whether it is there, the next render tells."""
         self._require_open()
-        return self._shaders.get(name) or Shader(self, checks.text(name, "name"), "all", None, known=True)
+        return self._shaders.get(checks.text(name, "name")) or Shader(self, name, "all", None, "", known=True)
 
     def object(
         self,
@@ -182,7 +187,7 @@ class Scene:
     ) -> Object:
         """Adds an object. One that no instance places stands where its vertices are.
 
-        model: files of which it is made, .obj, .hair or .fur. shader: of all in it that has none.
+        model: files of which it is made, .obj, .zpm, .hair or .fur. shader: of all in it that has none.
         """
         name = self._new_name(name, self._objects, "an object")
         self._require_own(shader)
@@ -191,8 +196,8 @@ class Scene:
         for path in (os.path.abspath(os.fspath(path)) for path in paths):
             if not os.path.isfile(path):
                 raise FileNotFoundError(f"zp: there is no model '{path}'")
-            if not path.lower().endswith((".obj", ".hair", ".fur")) or '"' in path or "\n" in path:
-                raise ValueError(f"zp: a model is a file .obj, .hair or .fur, not '{path}'")
+            if Path(path).suffix.lower() not in KINDS_OF_MODELS or '"' in path or "\n" in path:
+                raise ValueError(f"zp: a model is a file {', '.join(KINDS_OF_MODELS)}, not '{path}'")
             models.append(path)
         self._objects[name] = Object(self, name, models, shader)
         return self._objects[name]
@@ -200,8 +205,8 @@ class Scene:
     def find_object(self, name: str) -> Object:
         """An object of this scene, or of the folder's or a text's; whether it is there, the next render tells."""
         self._require_open()
-        if name not in self._objects:
-            self._objects[name] = Object(self, checks.text(name, "name"), (), None, known=True)
+        if checks.text(name, "name") not in self._objects:
+            self._objects[name] = Object(self, name, (), None, known=True)
         return self._objects[name]
 
     @property
@@ -262,6 +267,7 @@ class Scene:
         sample: int = 1,
         photons: int = 0,
         only: Iterable[Shader] = (),
+        group: str = "",
     ) -> PointLight:
         """Adds a light at a place. It shines to all sides, or, with a direction, is a spot around it that fades from
         inner_angle (0) to outer_angle (180), degrees off the axis. blur: its radius, for soft shadows."""
@@ -279,6 +285,7 @@ class Scene:
             sample=sample,
             photons=photons,
             only=only,
+            group=group,
         )
         self._lights.append(light)
         return light
@@ -293,11 +300,23 @@ class Scene:
         sample: int = 1,
         photons: int = 0,
         only: Iterable[Shader] = (),
+        group: str = "",
     ) -> ParallelLight:
-        """Adds light from far away. direction: the way that it travels. blur: half angle, degrees."""
+        """Adds light from far away. direction: the way that it travels. blur: half angle, degrees.
+
+        only: the shaders that it lights. group: its light group, whose light becomes the layer "light_GROUP".
+        """
         self._require_open()
         light = ParallelLight(
-            self, direction=direction, color=color, blur=blur, offset=offset, sample=sample, photons=photons, only=only
+            self,
+            direction=direction,
+            color=color,
+            blur=blur,
+            offset=offset,
+            sample=sample,
+            photons=photons,
+            only=only,
+            group=group,
         )
         self._lights.append(light)
         return light
@@ -313,6 +332,7 @@ class Scene:
         sample: Optional[int] = None,
         photons: Optional[int] = None,
         only: Iterable[Shader] = (),
+        group: str = "",
     ) -> Sky:
         """Says what lies around the scene, in place of what was said before. color 0: nothing.
 
@@ -330,18 +350,24 @@ class Scene:
             sample=sample,
             photons=photons,
             only=only,
+            group=group,
         )
         return self._sky
 
     def emitters(
-        self, *, sample: Optional[int] = None, photons: Optional[int] = None, only: Iterable[Shader] = ()
+        self,
+        *,
+        sample: Optional[int] = None,
+        photons: Optional[int] = None,
+        only: Iterable[Shader] = (),
+        group: str = "",
     ) -> None:
         """How surfaces that emit are sampled, all together: the geometry light of the scene format."""
         self._require_open()
-        self._emitters = Emitters(self, sample=sample, photons=photons, only=only)
+        self._emitters = Emitters(self, sample=sample, photons=photons, only=only, group=group)
 
     def renderer(self, **values: Any) -> None:
-        """Sets bounce, ray_depth, photon_depth, sample, clamp, error, and for final gathering distance, resolution
+        """Sets bounce, ray_depth, photon_depth, sample, clamp, clamp_indirect, error, and for final gathering distance, resolution
         and radius, as the scene format has them."""
         self._require_open()
         for word, value in values.items():
@@ -421,7 +447,10 @@ class Scene:
         for light in self._all_lights():
             light._build(numbers)
         for word, value in self._renderer.items():
-            getattr(_zp, f"set_renderer_{word}")(*(value if isinstance(value, tuple) else (value,)))
+            name = f"set_renderer_{word}"
+            getattr(_zp, "_" + name if word == "clamp_indirect" else name)(
+                *(value if isinstance(value, tuple) else (value,))
+            )
         self._fill_objects(numbers)
 
     def _all_lights(self) -> List[Light]:
@@ -473,7 +502,7 @@ class Scene:
         if isinstance(camera, str):
             number = self._look_up(camera, names, "camera")
         else:
-            number = arrays.whole(camera or 0, "camera")
+            number = arrays.whole(0 if camera is None else camera, "camera")
             if number >= len(names):
                 raise (
                     SceneError("there is no camera in the scene", "camera-missing")

@@ -50,6 +50,8 @@ class Texture:
             if 0 in image.shape:
                 raise ValueError("zp: Texture: image must have pixels")
         else:
+            if not isinstance(image, (str, os.PathLike)):
+                raise TypeError(f"zp: Texture: image must be a path or an array, not {image!r}")
             self.path = os.fspath(image)
             self.has_bytes = self.path.lower().endswith(_BYTES)
 
@@ -82,10 +84,11 @@ class Shader:
     """What a surface looks like: made by Scene.shader or Scene.find_shader."""
 
     def __init__(
-        self, scene: Scene, name: str, visibility: str, smooth_angle: Optional[float], known: bool = False
+        self, scene: Scene, name: str, visibility: str, smooth_angle: Optional[float], group: str, known: bool = False
     ) -> None:
         self._scene, self._name, self._known = scene, name, known
         self._visibility = arrays.member(_zp.Visibility, visibility, "visibility")
+        self._group = str(group)
         self._smooth_angle = None if smooth_angle is None else arrays.number(smooth_angle, "smooth_angle")
         self._layers: List[Dict[str, Any]] = []
         self._moves: List[Dict[str, Any]] = []
@@ -117,13 +120,15 @@ class Shader:
         material: str = "conductor",
         side: str = "both",
         virtual_light: Optional[bool] = None,
+        shadow_catcher: bool = False,
     ) -> Shader:
         """Adds a layer, and returns the shader. What is one layer reflects together; layers of a side mix.
 
         Elements are linear RGB, a number for all three channels, a Texture or the path of one; the words are those
         of the scene format. ior: 1.5 by default where there is a glossy or a specular colour; metals want 20 or so.
         weight: 1 by default. material: "conductor", "dielectric" or "thin_dielectric". side: "face", "back" or "both".
-        virtual_light: whether emission is sampled as a light; by default it is, in format 2.
+        virtual_light: whether emission is sampled as a light; by default it is, in format 2. shadow_catcher: shows what
+        is behind, darkened by shadows.
         """
         self._scene._require_open()
         if self._known:
@@ -140,6 +145,7 @@ class Shader:
         layer["material"] = arrays.member(_zp.Material, material, "material")
         layer["side"] = arrays.member(_zp.Sideness, side, "side")
         layer["virtual_light"] = virtual_light
+        layer["shadow_catcher"] = bool(shadow_catcher)
         self._layers.append(layer)
         return self
 
@@ -166,6 +172,8 @@ class Shader:
     def _build(self) -> int:
         shader = _zp._put_shader(self._name)
         _zp.set_shader_visibility(shader, self._visibility)
+        if self._group:
+            _zp._set_group("shader", shader, self._group)
         if self._smooth_angle is not None:
             _zp.set_shader_smooth_angle(shader, self._smooth_angle)
         for layer in self._layers:
@@ -188,6 +196,8 @@ class Shader:
 
     def _build_layer(self, shader: int, layer: Dict[str, Any]) -> None:
         index = _zp.add_surface_shader(shader)
+        if layer["shadow_catcher"]:
+            _zp._set_shadow_catcher(shader, index)
         lights = layer["virtual_light"]
         _zp.set_surface_material(shader, index, layer["material"])
         _zp.set_surface_sideness(shader, index, layer["side"])

@@ -26,11 +26,12 @@ fs::path OwnFolder() {
   return fs::canonical(isProgram ? "/proc/self/exe" : map->l_name, error).parent_path();
 }
 
-// In a build all is in one folder. Installed, the module is in a folder beside the library.
+// In a build all is in one folder. Installed, the module is in a folder beside the library;
+// other hosts of the core, as the module for Python, find it where this build is installed.
 const PreviewWindow* LoadWindow(std::string& obstacle) {
   const fs::path folder = OwnFolder();
   obstacle = "the window is not installed (it is in the package zephlore-preview)";
-  for (const char* place : {".", "zephlore", ZP_PROGRAM_TO_MODULES}) {
+  for (const char* place : {".", "zephlore", ZP_PROGRAM_TO_MODULES, ZP_MODULES}) {
     const fs::path file = folder / place / "zephlore-preview.so";
     std::error_code error;
     if (folder.empty() || !fs::exists(file, error)) continue;

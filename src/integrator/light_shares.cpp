@@ -111,6 +111,8 @@ void PrepareShares(Camera& camera, int threads) {
     if (aov.channel == kChannelLightGroup) groupAovs.push_back(&aov);
   sharesOfThreads.resize(static_cast<std::size_t>(threads));
   for (Shares& shares : sharesOfThreads) {
+    constexpr std::size_t kCacheLine = 64 / sizeof(Vec3) + 1;  // keeps threads apart
+    shares.groups.reserve(groupAovs.size() + kCacheLine);
     shares.groups.assign(groupAovs.size(), kBlack);
     shares.marks.clear();
     shares.marks.reserve(4 * groupAovs.size());

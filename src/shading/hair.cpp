@@ -71,13 +71,51 @@ OffsetPaths FollowOffset(const FiberParameters& fiber, float h, float etaP, floa
   return paths;
 }
 
+// What becomes of a ray that meets the fibre at offset h, with the inclination cosD between its ways.
+struct FiberCrossing {
+  float gammaO, gammaT, fresnel;
+  Vec3 pass;
+};
+FiberCrossing CrossFiber(const FiberParameters& fiber, float h, float cosD) {
+  FiberCrossing crossing;
+  crossing.gammaO = SafeAsin(h);
+  const float sinGammaT =
+      std::clamp(cosD * h / SafeSqrt(fiber.ior * fiber.ior - 1 + cosD * cosD), -1.0f, 1.0f);
+  crossing.gammaT = std::asin(sinGammaT);
+  crossing.fresnel = Schlick(fiber.f0, cosD * std::cos(crossing.gammaO));
+  crossing.pass = PassTransmission(fiber, crossing.gammaT, SafeSqrt(1 - sinGammaT * sinGammaT));
+  return crossing;
+}
+
+// The chances of R, TT and TRT: what each brings home, or paths through many fibres are a few bright dots.
+// Known before the ray's own inclination is, so that it is taken to be the view's.
+Vec3 LobeChances(const FiberParameters& fiber, float h, float cosThetaI) {
+  constexpr float kLeast = 0.02f;  // for what the true inclination makes brighter
+  const FiberCrossing crossing = CrossFiber(fiber, h, MaxOf(cosThetaI, 0.25f));
+  const float through = (1 - crossing.fresnel) * (1 - crossing.fresnel);
+  const Vec3 kept = {crossing.fresnel + kLeast, Mean(crossing.pass) * through + kLeast,
+                     Mean(crossing.pass * crossing.pass) * through * crossing.fresnel + kLeast};
+  const float sum = kept.x + kept.y + kept.z;
+  return std::isfinite(sum) ? kept / sum : Vec3{1, 1, 1} / 3;
+}
+
+// The row of the images of an inclination, in 0 to pi / 2.
+int LutRow(float theta) {
+  const float cells = ImagesAreExact() ? kFiberLutSize : kFiberLutSize - 1;
+  return std::clamp(static_cast<int>(cells * theta / (kPi / 2)), 0, kFiberLutSize - 1);
+}
+
 void FillRow(const FiberParameters& fiber, int row, FiberLut& lut) {
   const auto step = static_cast<float>(kFiberLutSize);
   const float cosThetaD = std::cos((static_cast<float>(row) + 0.5f) / step * (kPi / 2));
   const float etaP = SafeSqrt(fiber.ior * fiber.ior - 1 + cosThetaD * cosThetaD) / cosThetaD;
   std::array<OffsetPaths, kOffsets> offsets;
-  for (int k = 0; k < kOffsets; ++k)
-    At(offsets, k) = FollowOffset(fiber, (static_cast<float>(k) - 63.5f) / 64, etaP, cosThetaD);
+  Vec3& chances = At(lut.lobeChances, row);
+  for (int k = 0; k < kOffsets; ++k) {
+    const float h = (static_cast<float>(k) - 63.5f) / 64;
+    At(offsets, k) = FollowOffset(fiber, h, etaP, cosThetaD);
+    chances += LobeChances(fiber, h, cosThetaD) / kOffsets;
+  }
 
   for (int column = 0; column < kFiberLutSize; ++column) {
     const float phi = (static_cast<float>(column) + 0.5f) / step * kPi;
@@ -143,8 +181,7 @@ std::size_t LutCell(const FiberAngles& angles) {
   const float thetaD =
       std::fabs(0.5f * (std::atan2(angles.sinO, angles.cosO) - std::atan2(angles.sinI, angles.cosI)));
   const int column = static_cast<int>(cells * std::acos(angles.cosPhi) / kPi);
-  const int row = static_cast<int>(cells * thetaD / (kPi / 2));
-  return static_cast<std::size_t>(std::clamp(row, 0, kFiberLutSize - 1)) * kFiberLutSize +
+  return static_cast<std::size_t>(LutRow(thetaD)) * kFiberLutSize +
          static_cast<std::size_t>(std::clamp(column, 0, kFiberLutSize - 1));
 }
 
@@ -243,6 +280,8 @@ FiberScattering EvaluateFiber(const FiberParameters& fiber, Vec3 incoming, Vec3 
   scattering.trt = ReadPixel(fiber.lut->lutTRT, cell) * longitudinal.z;
   scattering.density =
       ReadPixel(fiber.lut->lutLobeWeights, cell) * longitudinal * (angles.cosO * angles.cosO);
+  if (fiber.sampleAllLobes)
+    scattering.density *= 3.0f * At(fiber.lut->lobeChances, LutRow(SafeAsin(std::fabs(angles.sinI))));
   return scattering;
 }
 
@@ -273,10 +312,12 @@ FiberSample SampleFiber(const FiberParameters& fiber, Vec3 outgoing, Vec3 tangen
   const Vec3 a = Cross(w, tangent);
   const float thetaI = SafeAsin(sinI);
 
-  float choices = 1;
+  float choices = 1;  // by the chance of the lobe
   if (fiber.sampleAllLobes) {
-    sample.lobe = static_cast<int>(RandomBits() % 3);
-    choices = 3;
+    const Vec3 chances = LobeChances(fiber, h, std::cos(thetaI));
+    const float u = RandomFloat();
+    sample.lobe = u < chances.x ? 0 : u < chances.x + chances.y ? 1 : 2;
+    choices = 1 / chances[sample.lobe];
   }
   const auto p = static_cast<float>(sample.lobe);
   const float width = sample.lobe == 0 ? fiber.widthR : sample.lobe == 1 ? fiber.widthTT : fiber.widthTRT;
@@ -290,13 +331,10 @@ FiberSample SampleFiber(const FiberParameters& fiber, Vec3 outgoing, Vec3 tangen
   const float thetaO = SafeAsin(sinO);
   const float cosD = std::cos((ImagesAreExact() ? thetaO + thetaI : thetaO - thetaI) / 2);
 
-  const float gammaO = SafeAsin(h);
-  const float sinGammaT =
-      std::clamp(cosD * h / SafeSqrt(fiber.ior * fiber.ior - 1 + cosD * cosD), -1.0f, 1.0f);
-  const float gammaT = std::asin(sinGammaT);
+  const FiberCrossing crossing = CrossFiber(fiber, h, cosD);
   const float radius = SafeSqrt(-2 * SafeLog(RandomFloat()));
-  const float phi =
-      p * kPi - 2 * gammaO + 2 * p * gammaT + radius * std::cos(2 * kPi * RandomFloat()) * width;
+  const float phi = p * kPi - 2 * crossing.gammaO + 2 * p * crossing.gammaT +
+                    radius * std::cos(2 * kPi * RandomFloat()) * width;
   // A unit vector but for the roundings of the two roots.
   sample.direction = UnitVector(cosO * (std::sin(phi) * a + std::cos(phi) * w) - sinO * tangent);
 
@@ -305,10 +343,9 @@ FiberSample SampleFiber(const FiberParameters& fiber, Vec3 outgoing, Vec3 tangen
     sample.weight = choices * Vec3{fresnel, fresnel, fresnel};
     return sample;
   }
-  const float fresnel = Schlick(fiber.f0, cosD * std::cos(gammaO));
-  const Vec3 pass = PassTransmission(fiber, gammaT, SafeSqrt(1 - sinGammaT * sinGammaT));
-  const float through = choices * (1 - fresnel) * (1 - fresnel);
-  sample.weight = sample.lobe == 1 ? pass * through : pass * pass * (through * fresnel);
+  const Vec3 pass = crossing.pass;
+  const float through = choices * (1 - crossing.fresnel) * (1 - crossing.fresnel);
+  sample.weight = sample.lobe == 1 ? pass * through : pass * pass * (through * crossing.fresnel);
   return sample;
 }
 

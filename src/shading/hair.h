@@ -10,6 +10,7 @@
 
 #pragma once
 
+#include <array>
 #include <memory>
 
 #include "core/vec.h"
@@ -23,6 +24,8 @@ inline constexpr int kFiberLutSize = 128;  // rows of cosThetaD, columns of phi
 struct FiberLut {
   ImageBuffer lutLobeWeights;       // of R, TT and TRT without attenuation, in the three channels
   ImageBuffer lutR, lutTT, lutTRT;  // with it; that of R comes with the half angle, when it is evaluated
+  // By the view's inclination: with what chance rays take each lobe, in the mean over the fibre's width.
+  std::array<Vec3, kFiberLutSize> lobeChances;
 };
 
 struct FiberParameters {
@@ -47,7 +50,8 @@ void InitializeFibers();
 
 struct FiberScattering {
   Vec3 r, tt, trt;  // one RGB each
-  Vec3 density;     // of the three lobes, without attenuation, times the squared cosine of `scattered`
+  Vec3 density;     // of the three lobes, without attenuation, times the squared cosine of `scattered`; where
+                    // all are drawn also by three times the chance of each
 };
 FiberScattering EvaluateFiber(const FiberParameters& fiber, Vec3 incoming, Vec3 scattered, Vec3 tangent);
 // What SampleFiber's rays bring home, and what they leave out: light samples alone show that.
