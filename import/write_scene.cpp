@@ -30,7 +30,7 @@ void Save(const fs::path& path, const std::string& text) {
   std::ofstream stream(path, std::ios::binary);
   stream.write(text.data(), static_cast<std::streamsize>(text.size()));
   stream.close();
-  if (!stream) throw ImportError("'" + path.filename().string() + "' cannot be written");
+  if (!stream) FailWrite(path.filename().string());
 }
 
 // Names that are free, each a token.
