@@ -164,7 +164,9 @@ TEST_F(Hair, RaysOfAllLobesCarryTheirLight) {
         squares += double{weight.x} * double{weight.x} / kDraws;
       }
       // Paths through many fibres multiply their weights, which must not differ much then.
-      if (all) EXPECT_LT(squares, 1.25 * double{mean.x} * double{mean.x});
+      if (all) {
+        EXPECT_LT(squares, 1.25 * double{mean.x} * double{mean.x});
+      }
       for (int c = 0; c < 3; ++c) {
         const double expected = OverSphere(
             [&](Vec3 d) { return double{DrawnLobes(fiber, EvaluateFiber(fiber, outgoing, d, kAxis))[c]}; });
