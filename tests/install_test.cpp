@@ -40,7 +40,10 @@ TEST(Manual, ExplainsEveryCommandAndOption) {
                                       "/cmake/verb_page.awk' '" + kSources + "/docs/zephlore.1'");
     EXPECT_TRUE(page.find("\n.Cm " + command) != page.npos && page.find("\n.Nd ") != page.npos) << page;
   }
-  EXPECT_EQ(OutputOf(program + "__complete view in.hdr --curve = f"), "filmic\n");
+  const std::string shell =
+      "bash -c '. \"" + std::string(kSources) + "/app/completion.bash\"; COMP_CWORD=5; " +
+      "COMP_WORDS=(zephlore view in.hdr --curve = f); _zephlore \"" + kProgram + "\"; echo $COMPREPLY'";
+  EXPECT_EQ(OutputOf(shell), "filmic\n");
 
   std::string items;  // the lines that begin the explanation of an option
   std::istringstream lines(manual);
