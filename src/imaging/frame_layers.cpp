@@ -48,6 +48,17 @@ void NameNameless(Camera& camera) {
   }
 }
 
+// What decides comes first, so that readers of sums know it when the others come.
+void TakeNearest(Camera& camera) {
+  for (Aov& aov : camera.aovs) {
+    const LayerRow* row = FindLayerRowOf(aov.layer);
+    aov.nearest = row != nullptr && row->channel == aov.channel && row->ofHits;
+  }
+  Aov& nearness = *camera.aovs.emplace(camera.aovs.begin() + 1);
+  nearness.channel = kChannelNearness;
+  nearness.nearest = true;
+}
+
 }  // namespace
 
 const LayerRow* FindLayerRow(std::string_view word) {
@@ -62,7 +73,7 @@ const LayerRow* FindLayerRowOf(std::string_view layer) {
   return row == std::end(kLayerRows) ? nullptr : row;
 }
 
-void AddLayers(Camera& camera, const std::vector<std::string>& words) {
+void AddLayers(Camera& camera, const std::vector<std::string>& words, bool nearest) {
   NameNameless(camera);
   for (const std::string& word : words) {
     const LayerRow* row = FindLayerRow(word);
@@ -75,6 +86,7 @@ void AddLayers(Camera& camera, const std::vector<std::string>& words) {
     }
   }
   camera.aovs.emplace_back().channel = kChannelCover;
+  if (nearest) TakeNearest(camera);
 }
 
 std::string NameBeside(const std::string& beauty, const std::string& layer) {
