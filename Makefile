@@ -37,8 +37,8 @@ test: build
 bench: build
 	build/$(PRESET)/zp_bench
 
-# HTML of the interface and of docs/.
-docs: EXTRA_PACKAGES := doxygen
+# The manual, as HTML: the pages of docs/, the gallery's scenes, a search, and the interface.
+docs: EXTRA_PACKAGES := doxygen python3-sphinx furo python3-myst-parser
 docs: dependencies
 	cmake --preset $(PRESET)
 	cmake --build --preset $(PRESET) --target docs

@@ -36,6 +36,12 @@ struct Passes {
   std::int32_t begin = 0, end = 0;  // the latter is one behind the last
 };
 
+// What may be said of a scene that is a model's file.
+struct ModelOptions {
+  std::string keep;      // folder of the scene that it becomes; empty: none stays
+  std::string up, unit;  // as in ImportOptions
+};
+
 // Anything unset is left as the scene has it.
 struct RenderOptions {
   std::string scene;   // folder
@@ -57,6 +63,7 @@ struct RenderOptions {
   std::string resume;               // checkpoint to go on from, and to keep
   std::optional<double> time;       // seconds that the frame may take
   ServeOptions serve;
+  ModelOptions model;
   std::optional<Passes> passes;  // those of a part of the frame; it has no images but with `output`
   bool varyPhotons = false;      // parts cast photons of their own
   std::string report;            // JSON file that tells what became of the run; empty: none
@@ -65,11 +72,26 @@ struct RenderOptions {
   bool aovNearest = false;       // layers of what was hit are those of one sample of each pixel
   bool floats = false;           // files of layers hold 32 bits throughout
   bool layers = false;           // the frame has layers, whatever its images: of a checkpoint
+  bool groups = false;           // and those of light groups
   bool denoise = false;          // the finished picture loses its noise
   bool denoiseLayers = false;    // the file has the layers that this needs
   bool transparentSky = false;   // the picture leaves out what the camera sees of the sky
 };
 int RunRender(const RenderOptions& options);
+
+// Renders a model, with what it needs to be seen: of the options, `scene` is its file.
+int RunModelRender(const RenderOptions& options);
+
+struct ImportOptions {
+  std::vector<std::string> files;
+  std::string output;    // scene folder
+  bool force = false;    // in place of one that is there
+  std::string up, unit;  // of files that do not tell them; empty: as their format has it, metres
+  std::string sky;       // picture around the scene; empty: none
+  bool binary = false;   // geometry as bytes
+  bool quiet = false;
+};
+int RunImport(const ImportOptions& options);
 
 struct MergeOptions {
   std::string output;              // beauty image, or a checkpoint if the name ends in .zpc

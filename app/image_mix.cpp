@@ -1,6 +1,7 @@
 // app/image_mix.cpp: light groups in other proportions.
 
 #include <algorithm>
+#include <cstdio>
 
 #include "core/words.h"
 #include "image_commands.h"
@@ -21,7 +22,10 @@ int RunMix(const MixWords& words) {
     const std::string hint = nearest.empty() ? "" : ", did you mean '" + std::string(nearest) + "'?";
     return Fail("cannot mix '" + words.input + "': there is no light group '" + light.name + "'" + hint);
   }
-  MixLights(picture, words.lights);
+  std::string dropped;
+  for (const std::string& name : MixLights(picture, words.lights))
+    dropped += (dropped.empty() ? "" : ", ") + name;
+  if (!dropped.empty()) std::printf("left out, since they are of the picture before: %s\n", dropped.c_str());
   return WritePicture(words.output, picture);
 }
 

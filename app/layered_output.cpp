@@ -12,10 +12,12 @@
 #include "core/index.h"
 #include "core/settings.h"
 #include "core/words.h"
+#include "imaging/camera_matrices.h"
 #include "imaging/frame_layers.h"
 #include "imaging/frame_state.h"
 #include "integrator/integrator.h"
 #include "lights/lights.h"
+#include "lights/mix_groups.h"
 #include "post/denoise.h"
 #include "post/frame_layers.h"
 #include "run_log.h"
@@ -38,6 +40,7 @@ struct Frame {
 Frame frame;
 
 constexpr std::string_view kHalfLayers[] = {"half0", "half1", "variance"};
+constexpr std::string_view kLights = "lights";
 bool IsHalfLayer(std::string_view word) {
   return std::find(std::begin(kHalfLayers), std::end(kHalfLayers), word) != std::end(kHalfLayers);
 }
@@ -147,35 +150,9 @@ std::string WriteOne(const Aov& aov) {
 }
 
 std::string WriteFrame(const Aov& aov) {
-  const std::string reason = aov.mean ? WriteAll(aov) : WriteOne(aov);
+  const std::string reason = aov.channel == kChannelLightGroup || !aov.mean ? WriteOne(aov) : WriteAll(aov);
   KeepSave(aov.image.fileName, reason);
   return reason;
-}
-
-// Camera space: right, up, and forward along the view axis. Vectors stand before their matrices.
-std::array<float, 16> WorldToCamera(const CameraPose& pose) {
-  const Vec3 axes[3] = {pose.right, pose.up, pose.forward};
-  std::array<float, 16> m = {};
-  for (std::size_t column = 0; column < 3; ++column) {
-    for (int row = 0; row < 3; ++row) m[static_cast<std::size_t>(4 * row) + column] = axes[column][row];
-    m[12 + column] = -Dot(axes[column], pose.position);
-  }
-  m[15] = 1;
-  return m;
-}
-
-// (0, 0) is the upper left corner of the picture, (1, 1) the lower right one, behind the division by w.
-std::array<float, 16> WorldToScreen(const Camera& camera, const CameraPose& pose) {
-  const std::array<float, 16> view = WorldToCamera(pose);
-  const float x = pose.focalLength / static_cast<float>(camera.width);
-  const float y = -pose.focalLength / static_cast<float>(camera.height);
-  std::array<float, 16> m = {};
-  for (std::size_t row = 0; row < 4; ++row) {
-    const float *from = &view[4 * row], z = from[2];
-    const float to[4] = {x * from[0] + 0.5f * z, y * from[1] + 0.5f * z, row == 3 ? z - 1 : z, z};
-    std::copy_n(to, 4, &m[4 * row]);
-  }
-  return m;
 }
 
 void NameAllLightLayers(Camera& camera) {
@@ -185,6 +162,15 @@ void NameAllLightLayers(Camera& camera) {
     NameLightLayers(camera, parallelLights[i].aovs, "parallel" + std::to_string(i));
   NameLightLayers(camera, skyLight.aovs, "sky");
   NameLightLayers(camera, geometryLight.aovs, "geometry");
+}
+
+// Where the scene names groups, files that hold all layers have theirs without being asked, and so have parts
+// of them.
+bool WantsGroups(const RenderOptions& options, const Camera& camera) {
+  if (options.groups || std::find(options.aov.begin(), options.aov.end(), kLights) != options.aov.end())
+    return true;
+  const bool holdsAll = HoldsLayers(camera.aovs.front().image.fileName) || options.passes;
+  return holdsAll && options.resume.empty() && !NamedGroups().empty();
 }
 
 bool IsDivided(const Aov& aov) {
@@ -242,10 +228,8 @@ bool HoldsLayers(const std::string& name) {
 }
 
 std::string LayerObstacle(const std::string& word) {
-  constexpr std::string_view kLater[] = {"lights"};
-  if (std::find(std::begin(kLater), std::end(kLater), word) != std::end(kLater))
-    return "the layer '" + word + "' is not there in this version";
   std::vector<std::string_view> words(std::begin(kHalfLayers), std::end(kHalfLayers));
+  words.push_back(kLights);
   for (const LayerRow& row : kLayerRows) words.push_back(row.word);
   for (const ChannelWord& row : kChannelWords)
     if (FindLayerRow(row.word) == nullptr) words.push_back(row.word);
@@ -266,6 +250,7 @@ void AskForLayers(const RenderOptions& options, std::size_t index) {
   if (!WantsLayers(options)) return;
   Camera& camera = cameras[index];
   AddLayers(camera, options.aov, options.aovNearest);
+  if (WantsGroups(options, camera)) AddGroupLayers(camera, NamedGroups());
   NameAllLightLayers(camera);
   Aov& beauty = camera.aovs.front();
   const std::string& name = beauty.image.fileName;
@@ -277,7 +262,8 @@ void AskForLayers(const RenderOptions& options, std::size_t index) {
     const LayerRow* row = FindLayerRow(word);
     const std::string layer = row == nullptr ? word : std::string(row->layer);
     for (Aov& aov : camera.aovs)
-      if (aov.layer == layer) NameBesideBeauty(aov, name);
+      if (aov.layer == layer || (word == kLights && aov.channel == kChannelLightGroup))
+        NameBesideBeauty(aov, name);
   }
 }
 
@@ -293,6 +279,8 @@ std::string WithCameraFacts(const std::string& options, const Camera& camera) {
   if (camera.projection == Projection::kPerspective && std::isfinite(pose.fieldOfView))
     facts["fieldOfView"] = pose.fieldOfView;
   all["facts"] = facts;
+  all["groups"] = std::any_of(camera.aovs.begin(), camera.aovs.end(),
+                              [](const Aov& aov) { return aov.channel == kChannelLightGroup; });
   for (const Aov& aov : camera.aovs)
     if (IsMatte(aov))
       for (const MatteName& name : MatteNames(static_cast<Channel>(aov.channel)))

@@ -199,7 +199,7 @@ void AddLayering(CLI::App& render, RenderOptions& options) {
       .add_option(
           "--aov", options.aov,
           "Layers to add, whatever the scene says: normal, depth, position, uv, motion, albedo, object, "
-          "shader, samples, variance, half0, half1, or a channel as lambertian")
+          "shader, samples, variance, half0, half1, lights (the light groups), or a channel as lambertian")
       ->delimiter(',')
       ->type_name("NAME,...")
       ->check([](const std::string& word) { return LayerObstacle(word); });
@@ -276,13 +276,47 @@ void AddFarm(CLI::App& app, FarmOptions& options) {
   farm->add_flag("--print", options.print, "Print the scripts of the jobs, and submit none");
 }
 
+// What files of models may leave open.
+void AddAxes(CLI::App& verb, std::string& up, std::string& unit) {
+  verb.add_option("--up", up,
+                  "Axis that points up in obj, ply and stl files; y in obj, z in the others if not given")
+      ->type_name("AXIS")
+      ->check(CLI::IsMember({"y", "z"}));
+  verb.add_option("--unit", unit, "Unit of obj, ply, stl and 3ds files; m if not given")
+      ->type_name("UNIT")
+      ->check(CLI::IsMember({"m", "cm", "mm", "in"}));
+}
+
+void AddImport(CLI::App& app, ImportOptions& options) {
+  CLI::App* verb = app.add_subcommand("import", "Make a scene folder of models of other formats");
+  verb->add_option("files", options.files, "glTF 2 (glb, gltf), fbx, obj, ply, stl, dae and 3ds files")
+      ->required()
+      ->type_name("FILE ...");
+  verb->add_option("-o,--output", options.output, "Scene folder")
+      ->required()
+      ->type_name("SCENE")
+      ->check([](const std::string& text) { return std::string(text.empty() ? "a folder is missing" : ""); });
+  verb->add_flag("--force", options.force, "Replace the scene folder that is there");
+  AddAxes(*verb, options.up, options.unit);
+  verb->add_option("--sky", options.sky,
+                   "Picture of the surroundings, latitude by longitude, that lights the scene")
+      ->type_name("FILE")
+      ->check(CLI::ExistingFile);
+  verb->add_flag("--binary", options.binary, "Geometry in mesh files, which load faster than obj files");
+  verb->add_flag("--quiet", options.quiet, "Do not tell what was lost");
+}
+
 void AddRender(CLI::App& app, RenderOptions& options) {
-  CLI::App* render = app.add_subcommand("render", "Render a scene folder into its images");
-  render->add_option("scene", options.scene, "Scene folder; may be left out with --resume")
+  CLI::App* render = app.add_subcommand("render", "Render a scene folder, or a model, into its images");
+  render->add_option("scene", options.scene, "Scene folder, or a model's file; may be left out with --resume")
       ->type_name("SCENE");
+  render->add_option("--keep", options.model.keep, "Keep the scene that is made of a model in this folder")
+      ->type_name("SCENE")
+      ->check([](const std::string& text) { return std::string(text.empty() ? "a folder is missing" : ""); });
   render->parse_complete_callback([&options] {
     if (options.scene.empty() && options.resume.empty()) throw CLI::RequiredError("scene");
   });
+  AddAxes(*render, options.model.up, options.model.unit);
   AddFrame(*render, options);
   AddKeeping(*render, options);
   AddServing(*render, options.serve);
@@ -384,11 +418,13 @@ int Run(int argc, char** argv) {
   ViewOptions viewOptions;
   MergeOptions mergeOptions;
   FarmOptions farmOptions;
+  ImportOptions importOptions;
   NewOptions newOptions;
   CLI::App app("zephlore, a physically based offline renderer", "zephlore");
   app.set_version_flag("--version", "zephlore " ZP_VERSION);
   app.require_subcommand(1);
   AddRender(app, renderOptions);
+  AddImport(app, importOptions);
   AddCheck(app, checkOptions);
   AddView(app, viewOptions);
   AddMerge(app, mergeOptions);
@@ -415,7 +451,12 @@ int Run(int argc, char** argv) {
   if (app.got_subcommand("farm")) return RunFarm(farmOptions);
   if (app.got_subcommand("new")) return RunNew(newOptions);
   if (app.got_subcommand("check")) return RunCheck(checkOptions);
-  return app.got_subcommand("render") ? RunRender(renderOptions) : RunView(viewOptions);
+  if (app.got_subcommand("import")) return RunImport(importOptions);
+  if (app.got_subcommand("view")) return RunView(viewOptions);
+  std::error_code error;
+  const bool isModel = std::filesystem::is_regular_file(renderOptions.scene, error);
+  return isModel || !renderOptions.model.keep.empty() ? RunModelRender(renderOptions)
+                                                      : RunRender(renderOptions);
 }
 
 }  // namespace

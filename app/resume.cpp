@@ -77,6 +77,7 @@ void TakeKeptOptions(const Checkpoint& checkpoint, RenderOptions& options) {
   options.aovNearest = options.aovNearest || kept.value("aov-nearest", false);
   options.floats = options.floats || kept.value("float", false);
   options.layers = kept.value("layers", false);
+  options.groups = kept.value("groups", false);
   options.transparentSky = options.transparentSky || kept.value("transparent-sky", false);
   if (!options.region && kept.contains("region")) {
     const Json& region = kept["region"];

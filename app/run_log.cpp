@@ -245,7 +245,7 @@ void TellFrame(const FrameReport& report, const FrameStanding& standing) {
   if (report.begun == 0) {  // behind a pass
     frame.passes = report.done;
     frame.rays += report.rays;
-    frame.faults = frameFaults;
+    frame.faults = TellFaults();
   }
   Show(log, log.meter.Take(report, standing));
 }
@@ -257,7 +257,7 @@ void EndFrame(const FrameStanding& standing) {
   FrameRecord& frame = log.record.frames.back();
   frame.seconds = standing.seconds;
   frame.error = standing.error;
-  frame.faults = frameFaults;
+  frame.faults = TellFaults();
   // Of the pass that a stop has cut short.
   if (frameState.interrupted) frame.rays += settings.frame.rendererRays + settings.frame.shadowRays;
 }

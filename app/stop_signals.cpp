@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <csignal>
 #include <thread>
+#include <utility>
 
 #include "commands.h"
 #include "core/stop.h"
@@ -59,6 +60,8 @@ void SetNothingToLose(bool nothing, const char* told) {
 
 void StopOnSignals() {
   stopRequested = false;
+  static bool isSetUp = false;
+  if (std::exchange(isSetUp, true)) return;
   sem_init(&ending, 0, 0);
   sigset_t all, before;
   sigfillset(&all);

@@ -4,6 +4,9 @@ include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 install(TARGETS zephlore RUNTIME COMPONENT program)
+if(TARGET zephlore-import)
+  install(TARGETS zephlore-import RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/zephlore COMPONENT import)
+endif()
 install(FILES docs/zephlore.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
 install(FILES app/completion.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME zephlore
   COMPONENT program)
@@ -26,7 +29,7 @@ foreach(scene courtyard still_life gallery cistern beads pompoms relief flight) 
   install(DIRECTORY scenes/${scene} DESTINATION ${CMAKE_INSTALL_DATADIR}/zephlore/scenes COMPONENT scenes
     PATTERN generate.py EXCLUDE PATTERN __pycache__ EXCLUDE)
 endforeach()
-install(FILES docs/scene-format.md docs/check.md docs/aov-guide.md docs/console.md docs/watching.md docs/keeping.md docs/farm.md docs/final-gathering.md docs/pictures.md
+install(FILES docs/scene-format.md docs/check.md docs/import.md docs/aov-guide.md docs/console.md docs/watching.md docs/keeping.md docs/farm.md docs/final-gathering.md docs/pictures.md
   docs/format-2.md docs/host-guide.md docs/python.md docs/cistern.png docs/gather-modes.png
   docs/gather-radius.png docs/error-over-time.svg DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT program)
 

@@ -39,19 +39,21 @@ message(STATUS "Python module for ${Python3_EXECUTABLE} (${Python3_VERSION})")
 
 file(GLOB ZP_PYTHON_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/python/*.cpp)
 Python3_add_library(zp_python MODULE WITH_SOABI ${ZP_PYTHON_SOURCES})
-# A host like any other: of the project it links the shared library alone. The warnings are ours, OpenMP is not.
-target_link_libraries(zp_python PRIVATE zp pybind11::headers)
-target_compile_options(zp_python PRIVATE $<TARGET_PROPERTY:zp_options,INTERFACE_COMPILE_OPTIONS>)
-target_compile_definitions(zp_python PRIVATE ZP_VERSION="${PROJECT_VERSION}")
-
-file(RELATIVE_PATH ZP_PYTHON_TO_LIBRARY "/${ZP_PYTHON_DIR}/zp" "/${CMAKE_INSTALL_LIBDIR}")
+# The renderer is inside, since layers, seeds and pictures in memory are none of the library's functions. Nothing of
+# it is seen from outside, so that a libzp.so in the same process is another renderer.
+target_sources(zp_python PRIVATE $<TARGET_OBJECTS:zp_exported>)
+target_link_libraries(zp_python PRIVATE zp_core zp_post pybind11::headers)
+target_include_directories(zp_python PRIVATE ${PROJECT_SOURCE_DIR}/src/frame)  # zp.h
+set(ZP_PYTHON_MAP ${PROJECT_SOURCE_DIR}/python/zp_module.map)
+target_link_options(zp_python PRIVATE -Wl,--exclude-libs,ALL -Wl,--version-script=${ZP_PYTHON_MAP})
 set_target_properties(zp_python PROPERTIES
   OUTPUT_NAME _zp
   LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/python/zp
-  INSTALL_RPATH "$ORIGIN/${ZP_PYTHON_TO_LIBRARY}")
+  LINK_DEPENDS ${ZP_PYTHON_MAP})
 
 # Not in a folder "zp", which the test beside it would import in place of the built one.
-set(ZP_PYTHON_FILES __init__.py _zp.pyi py.typed)
+set(ZP_PYTHON_FILES __init__.py arrays.py cameras.py checks.py lights.py objects.py picture.py scene.py
+  shaders.py _zp.pyi py.typed)
 foreach(file ${ZP_PYTHON_FILES})
   configure_file(${PROJECT_SOURCE_DIR}/python/package/${file} ${PROJECT_BINARY_DIR}/python/zp/${file} COPYONLY)
 endforeach()
@@ -60,7 +62,9 @@ install(TARGETS zp_python LIBRARY DESTINATION ${ZP_PYTHON_DIR}/zp COMPONENT pyth
 install(FILES ${ZP_PYTHON_FILES} DESTINATION ${ZP_PYTHON_DIR}/zp COMPONENT python)
 
 if(ZP_TESTS)
+  set(ZP_PYTHON_ENVIRONMENT
+    "PYTHONPATH=${PROJECT_BINARY_DIR}/python;ZP_PROGRAM=$<TARGET_FILE:zephlore>;PYTHONDONTWRITEBYTECODE=1;OMP_WAIT_POLICY=passive")
   add_test(NAME python COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/python/test_zp.py)
-  set_tests_properties(python PROPERTIES ENVIRONMENT
-    "PYTHONPATH=${PROJECT_BINARY_DIR}/python;PYTHONDONTWRITEBYTECODE=1;OMP_WAIT_POLICY=passive")
+  add_test(NAME tutorials COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/docs/tutorials/run.py $<TARGET_FILE:zephlore>)
+  set_tests_properties(python tutorials PROPERTIES ENVIRONMENT "${ZP_PYTHON_ENVIRONMENT}")
 endif()

@@ -1,8 +1,16 @@
 // Writes a small picture in each format that FreeImage writes, and in the other kinds that matter to the
-// readers of some, into a folder: the corpus of zp_fuzz_picture.
-//   zp_fuzz_picture_corpus FOLDER
+// readers of some, into a folder: the corpus of zp_fuzz_picture; and files of layers, with what else OpenEXR
+// knows, into another: that of zp_fuzz_layers.
+//   zp_fuzz_picture_corpus FOLDER LAYERS
 
 #include <FreeImage.h>
+#include <ImfChannelList.h>
+#include <ImfFrameBuffer.h>
+#include <ImfMultiPartOutputFile.h>
+#include <ImfOutputPart.h>
+#include <ImfPartType.h>
+#include <ImfRgbaFile.h>
+#include <ImfTiledRgbaFile.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -11,6 +19,7 @@
 #include <vector>
 
 #include "imaging/exr_file.h"
+#include "post/layers.h"
 
 namespace {
 
@@ -74,13 +83,72 @@ bool WriteExr(const std::string& path, float largest, int channels) {
   return true;
 }
 
+constexpr int kWidth = 24, kHeight = 18;
+
+bool WriteLayered(const std::string& path) {
+  zp::LayeredPicture picture;
+  picture.display = {0, 0, 2 * kWidth, kHeight};
+  picture.data = {2, 1, 2 + kWidth, 1 + kHeight};
+  picture.layers = {{"", {"R", "G", "B", "A"}, zp::LayerKind::kHalf, {}},
+                    {"Z", {"Z"}, zp::LayerKind::kFloat, {}},
+                    {"light_a.b", {"R", "G", "B"}, zp::LayerKind::kFloat, {}},
+                    {"object00", {"R", "G", "B", "A"}, zp::LayerKind::kFloat, {}},
+                    {"samples", {"Y"}, zp::LayerKind::kWhole, {}}};
+  for (zp::Layer& layer : picture.layers)
+    for (std::size_t i = 0; i < layer.channels.size() * zp::PixelCount(picture); ++i)
+      layer.numbers.push_back(static_cast<float>(i % 29));
+  SetAttribute(picture, "comments", std::string("of a test"));
+  SetAttribute(picture, "cryptomatte/0123456/name", std::string("object"));
+  SetAttribute(picture, "worldToCamera", std::array<float, 16>{1, 0, 0, 0, 0, 1});
+  SetAttribute(picture, "zephlore:passes", std::int32_t{8});
+  return zp::WriteLayers(path, picture).empty();
+}
+
+// Every method of compression, single channels of less pixels, tiles of several levels, and parts.
+void WriteKinds(const std::string& folder) {
+  std::vector<Imf::Rgba> colors(kWidth * kHeight);
+  for (std::size_t i = 0; i < colors.size(); ++i) colors[i].r = colors[i].a = static_cast<float>(i % 7);
+  for (int method = Imf::NO_COMPRESSION; method < Imf::NUM_COMPRESSION_METHODS; ++method) {
+    Imf::Header header(kWidth, kHeight);
+    header.compression() = static_cast<Imf::Compression>(method);
+    const bool chroma = method == Imf::ZIP_COMPRESSION;
+    Imf::RgbaOutputFile file((folder + std::to_string(method) + ".exr").c_str(), header,
+                             chroma ? Imf::WRITE_YC : Imf::WRITE_RGBA);
+    file.setFrameBuffer(colors.data(), 1, kWidth);
+    file.writePixels(kHeight);
+  }
+  Imf::TiledRgbaOutputFile tiles((folder + "tiles.exr").c_str(), kWidth, kHeight, 8, 8, Imf::MIPMAP_LEVELS);
+  tiles.setFrameBuffer(colors.data(), 1, kWidth);
+  for (int level = 0; level < tiles.numLevels(); ++level)
+    tiles.writeTiles(0, tiles.numXTiles(level) - 1, 0, tiles.numYTiles(level) - 1, level);
+
+  std::vector<float> depth(kWidth * kHeight, 3);
+  std::vector<Imf::Header> headers(2, Imf::Header(kWidth, kHeight));
+  for (std::size_t part = 0; part < headers.size(); ++part) {
+    headers[part].setName(part == 0 ? "left" : "right");
+    headers[part].setType(Imf::SCANLINEIMAGE);
+    headers[part].channels().insert("depth.Z", Imf::Channel(Imf::FLOAT));
+  }
+  Imf::MultiPartOutputFile parts((folder + "parts.exr").c_str(), headers.data(), 2);
+  for (int part = 0; part < 2; ++part) {
+    Imf::OutputPart output(parts, part);
+    Imf::FrameBuffer frame;
+    frame.insert("depth.Z", Imf::Slice(Imf::FLOAT, reinterpret_cast<char*>(depth.data()), 4, 4 * kWidth));
+    output.setFrameBuffer(frame);
+    output.writePixels(kHeight);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) return 1;
-  const std::string folder = std::string(argv[1]) + '/';
+  if (argc != 3) return 1;
+  const std::string folder = std::string(argv[1]) + '/', layers = std::string(argv[2]) + '/';
   std::filesystem::create_directories(folder);
-  bool written = WriteExr(folder + "half.exr", 1, 4) && WriteExr(folder + "float.exr", 1e6f, 3);
+  std::filesystem::create_directories(layers);
+  bool written = WriteLayered(layers + "layers.exr");
+  WriteKinds(layers);
+  written = written && WriteExr(folder + "half.exr", 1, 4) && WriteExr(folder + "float.exr", 1e6f, 3);
   zp::StartImageFiles();
   for (const Kind& kind : kKinds)
     if (!Write(kind, folder + kind.name)) {

@@ -140,7 +140,8 @@ namespace zp::python {
 inline bool running = false;
 
 inline void RequireIdle() {
-  if (running) throw std::runtime_error("zp: another thread is inside the library");
+  if (running)
+    throw std::runtime_error("zp: another thread is inside the library, or this is the callback of a render");
 }
 
 // How an argument of an exported function arrives, and what it is handed. Text is Name or Path.
@@ -269,5 +270,6 @@ void DefineGeometry(py::module_& module);
 void DefineShaders(py::module_& module);
 void DefineCameras(py::module_& module);
 void DefineLights(py::module_& module);
+void DefineFrames(py::module_& module);
 
 }  // namespace zp::python

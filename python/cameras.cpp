@@ -6,20 +6,6 @@ namespace zp::python {
 
 using namespace py::literals;
 
-namespace {
-
-void SetResolution(int camera, int width, int height) {
-  zpSetCameraResolution(camera, width, height);
-  SetFrameSize(camera, width, height);
-}
-
-void SetRegion(int camera, int xMin, int yMin, int xMax, int yMax) {
-  zpSetCameraRegion(camera, xMin, yMin, xMax, yMax);
-  SetFrameRegion(camera, xMin, yMin, xMax, yMax);
-}
-
-}  // namespace
-
 void DefineCameras(py::module_& m) {
   DefineAdd<kCameras>(m, "add_camera", zpAddCamera,
                       "Appends a camera and returns its index. The first one is rendered.\n"
@@ -48,10 +34,10 @@ void DefineCameras(py::module_& m) {
       "shutter close from 0.5 up, else shutter open, the default. What only one is told holds for both.");
   DefineSetter<kCameras>(m, "set_camera_projection", zpSetCameraProjection, "camera"_a, "projection"_a,
                          "Default PERSPECTIVE.");
-  DefineSetter<kCameras>(m, "set_camera_resolution", SetResolution, "camera"_a, "width"_a, "height"_a,
+  DefineSetter<kCameras>(m, "set_camera_resolution", zpSetCameraResolution, "camera"_a, "width"_a, "height"_a,
                          "Pixels. Default 960, 540.");
   DefineSetter<kCameras>(
-      m, "set_camera_region", SetRegion, "camera"_a, "x_min"_a, "y_min"_a, "x_max"_a, "y_max"_a,
+      m, "set_camera_region", zpSetCameraRegion, "camera"_a, "x_min"_a, "y_min"_a, "x_max"_a, "y_max"_a,
       "What is rendered of the picture, pixels from the top left; the maxima are one behind.\n"
       "Default the whole picture.");
   DefineAdd<kCameraAovs>(m, "add_camera_aov", zpAddCameraAOV, "camera"_a,

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "pictures.h"
 #include "tables.h"
 
 namespace zp::python {
@@ -98,7 +99,6 @@ void RequireFolder(const char* path) {
 
 constexpr const char* kFormatVariable = "ZP_FORMAT";
 
-// Life cycle, with the count of records kept in step.
 // The library takes a format from the environment alone, which is as it was afterwards.
 void Startup(std::optional<int> format) {
   if (format && *format != 1 && *format != 2)
@@ -109,41 +109,10 @@ void Startup(std::optional<int> format) {
   zpStartup();
   if (format && kept) setenv(kFormatVariable, kept->c_str(), 1);
   if (format && !kept) unsetenv(kFormatVariable);
-  NoteStartup();
 }
 void Go(const char* folder) {
   RequireFolder(folder);
   zpGo(folder);
-  ForgetAllTables();
-}
-void Render() {
-  zpRender();
-  ForgetLights();
-}
-void Finalize() {
-  zpFinalize();
-  ForgetAllTables();
-}
-void FinalizeCameras() {
-  zpFinalizeCameras();
-  ForgetTable(kCameras);
-}
-void FinalizeShaders() {
-  zpFinalizeShaders();
-  ForgetTable(kShaders);
-}
-void FinalizeGaffer() {
-  zpFinalizeGaffer();
-  ForgetTable(kPointLights);
-  ForgetTable(kParallelLights);
-}
-void FinalizeSkyLight() {
-  zpFinalizeSkyLight();
-  ForgetTable(kSkyAovs);
-}
-void FinalizeAccelerator() {
-  zpFinalizeAccelerator();
-  ForgetTable(kObjects);
 }
 
 void DefineLifeCycle(py::module_& m) {
@@ -159,28 +128,30 @@ void DefineLifeCycle(py::module_& m) {
   DefineLong(m, "initialize", zpInitialize,
              "Readies all that was added: cameras, shaders, accelerator, lights, renderer (photons, too).\n"
              "After all additions, before render.");
-  DefineLong(m, "finalize", Finalize,
+  DefineLong(m, "finalize", zpFinalize,
              "Writes all images once more and empties all tables; indices are void from here on.");
   DefineLong(m, "initialize_cameras", zpInitializeCameras,
              "Limits cameras, makes their images black.\nThe parts of initialize follow the order: cameras, "
              "shaders; gaffer, sky light, accelerator; renderer.");
-  DefineLong(m, "finalize_cameras", FinalizeCameras, "Writes the images of all cameras, empties the table.");
+  DefineLong(m, "finalize_cameras", zpFinalizeCameras,
+             "Writes the images of all cameras, empties the table.");
   DefineLong(m, "initialize_shaders", zpInitializeShaders,
              "Loads textures, fills shaders without layers from the shader \"undefined\".");
-  DefineLong(m, "finalize_shaders", FinalizeShaders, "Empties the table of shaders.");
+  DefineLong(m, "finalize_shaders", zpFinalizeShaders, "Empties the table of shaders.");
   DefineLong(m, "initialize_gaffer", zpInitializeGaffer, "Readies point and parallel lights.");
-  DefineLong(m, "finalize_gaffer", FinalizeGaffer,
+  DefineLong(m, "finalize_gaffer", zpFinalizeGaffer,
              "Writes the images of point and parallel lights, empties both tables.");
   DefineLong(m, "initialize_sky_light", zpInitializeSkyLight, "Loads the sky's images, tables their light.");
-  DefineLong(m, "finalize_sky_light", FinalizeSkyLight,
+  DefineLong(m, "finalize_sky_light", zpFinalizeSkyLight,
              "Writes the sky's images, puts its defaults back but for image and backdrop.");
   DefineLong(m, "initialize_geometry_light", zpInitializeGeometryLight,
              "The same as initialize_sky_light, on purpose.\n"
              "The geometry light is readied by initialize, or by initialize_renderer if it was not.");
-  DefineLong(m, "finalize_geometry_light", FinalizeSkyLight, "The same as finalize_sky_light, on purpose.");
+  DefineLong(m, "finalize_geometry_light", zpFinalizeGeometryLight,
+             "The same as finalize_sky_light, on purpose.");
   DefineLong(m, "initialize_accelerator", zpInitializeAccelerator,
              "Prepares all objects and builds the trees that rays walk.");
-  DefineLong(m, "finalize_accelerator", FinalizeAccelerator, "Empties the table of objects.");
+  DefineLong(m, "finalize_accelerator", zpFinalizeAccelerator, "Empties the table of objects.");
   DefineLong(m, "initialize_renderer", zpInitializeRenderer, "Limits the settings, casts photons.");
   DefineLong(m, "finalize_renderer", zpFinalizeRenderer,
              "Drops photons; puts ray depth, photon depth, sample and radius back; in format 2 distance and "
@@ -209,7 +180,7 @@ py::array_t<float> RenderPixels(int width, int height, int pass) {
 
 void DefineRendering(py::module_& m) {
   DefineLong(
-      m, "render", Render,
+      m, "render", zpRender,
       "Renders all passes of the first camera and writes the images. Between initialize and finalize.\n"
       "Afterwards the lights are gone: another render takes another scene.");
   m.def("render_pixels", RenderPixels, "width"_a, "height"_a, "pass_index"_a,
@@ -260,4 +231,6 @@ PYBIND11_MODULE(_zp, module) {
   zp::python::DefineShaders(module);
   zp::python::DefineCameras(module);
   zp::python::DefineLights(module);
+  zp::python::DefinePictures(module);
+  zp::python::DefineFrames(module);
 }

@@ -1,5 +1,4 @@
-// tables.h: what the library's tables hold. zp.h has no function to ask, and no way for a record to appear
-// but through this module, so the module counts along; an index that names nothing raises IndexError.
+// tables.h: what the renderer's tables hold. An index that names nothing raises IndexError.
 
 #pragma once
 
@@ -36,22 +35,6 @@ using Indices =
 // Raises IndexError in the name of `function` unless the record is there, or the owner of a new one.
 void RequireRecord(const char* function, Table table, Indices indices);
 void RequireOwner(const char* function, Table table, int owner);
-// A record was appended and has the last index: of its owner, or of the table.
-void NoteRecord(Table table, Indices indices);
-
-// A table and the records that it owns.
-void ForgetTable(Table table);
-void ForgetLights();     // all that the end of a frame drops
-void ForgetAllTables();  // zpFinalize
-void NoteStartup();      // resets of zpStartup, and its Shader "undefined"
-
-// What zpRenderPixels fills: the region of the first camera, as initialisation limits it.
-struct Frame {
-  int width = 960, height = 540;
-  int left = 0, top = 0, right = 1048576, bottom = 1048576;
-};
-void SetFrameSize(int camera, int width, int height);
-void SetFrameRegion(int camera, int xMin, int yMin, int xMax, int yMax);
 // Raises ValueError unless the picture is of that size. Without a camera any size will do: all is 0.
 void RequireFrame(const char* function, int width, int height);
 
@@ -79,9 +62,7 @@ void DefineAdd(py::module_& module, const char* name, int (*function)(Owner...),
       [function, name](const Owner&... owner) {
         RequireIdle();
         (RequireOwner(name, kTable, owner), ...);
-        const int index = function(owner...);
-        NoteRecord(kTable, {owner..., index});
-        return index;
+        return function(owner...);
       },
       extra...);
 }

@@ -1,6 +1,8 @@
 """Tests of the module zp, without anything but NumPy. PYTHONPATH names the folder of the package."""
 
 import ast
+import contextlib
+import json
 import os
 import pathlib
 import re
@@ -11,6 +13,7 @@ import tempfile
 import threading
 import time
 import unittest
+import warnings
 
 import numpy as np
 import zp
@@ -47,7 +50,7 @@ class Interface(unittest.TestCase):
 
     def test_stubs_tell_the_truth(self):
         tree = ast.parse((pathlib.Path(zp.__file__).parent / "_zp.pyi").read_text())
-        functions = [node for node in tree.body if isinstance(node, ast.FunctionDef)]
+        functions = [node for node in tree.body if isinstance(node, ast.FunctionDef) and node.name[0] != "_"]
         self.assertEqual([f.name for f in functions], [snake(name) for name in exported()])
         for stub in functions:
             signature = getattr(zp, stub.name).__doc__.splitlines()[0]
@@ -56,7 +59,7 @@ class Interface(unittest.TestCase):
             defaults = [[ast.unparse(value) for value in a.defaults] for a in (stub.args, actual)]
             self.assertEqual(*defaults, stub.name)
         for node in tree.body:
-            if isinstance(node, ast.ClassDef):
+            if isinstance(node, ast.ClassDef) and node.name[0] != "_":
                 members = {m.targets[0].id: m.value.value for m in node.body}
                 self.assertEqual(members, dict(getattr(zp, node.name).__members__), node.name)
 
@@ -261,14 +264,215 @@ class Pictures(unittest.TestCase):
 
     def test_example_of_the_documentation(self):
         page = (PROJECT / "docs/python.md").read_text()
-        rows = self.run_program(re.search(r"```python\n(.*?)```", page, re.DOTALL).group(1))
+        scene, functions = re.findall(r"```python\n(.*?)```", page, re.DOTALL)
+        self.assertEqual(self.run_program(scene.replace("640, 360", "64, 36")), "")
+        rows = self.run_program(functions.replace("480, 200", "120, 50").replace("(camera, 64)", "(camera, 16)"))
         order = [rows.index(text) for text in ("patiently", "4608 tetragons", "renderer sample", "rendering time")]
         self.assertEqual(order, sorted(order))  # what Python prints stands among the rows of the library
         depth, picture = read_pfm(self.file("spheres-depth"))[..., 0], read_pfm(self.file("spheres"))
-        self.assertEqual(depth.shape, (200, 480))
-        self.assertAlmostEqual(depth[100, 240], np.hypot(16, 3.5) - 1, delta=0.02)  # the ball in the middle
-        np.testing.assert_allclose(picture[:20], np.tile([0.35, 0.45, 0.6], (20, 480, 1)), rtol=1e-6)  # the sky
+        self.assertEqual(depth.shape, (50, 120))
+        self.assertAlmostEqual(depth[25, 60], np.hypot(16, 3.5) - 1, delta=0.02)  # the ball in the middle
+        np.testing.assert_allclose(picture[:5], np.tile([0.35, 0.45, 0.6], (5, 120, 1)), rtol=1e-6)  # the sky
         self.assertTrue(np.isfinite(picture).all())
+
+
+class Scenes(unittest.TestCase):
+    SQUARE, FACE = [[-1, -1, 0], [1, -1, 0], [1, 1, 0], [-1, 1, 0]], [[0, 1, 2, 3]]
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        self.scene = zp.Scene()  # straight down on what lies in z = 0, 2 by 2 units across
+        self.camera = self.scene.camera(position=(0, 0, 9), target=(0, 0, 0), up=(0, 1, 0), resolution=(24, 24),
+                                        fov=2 * np.degrees(np.arctan(1 / 9)))  # fmt: skip
+
+    def test_example_and_files(self):
+        scene = zp.Scene(format=2)
+        clay = scene.shader("clay", lambertian=(0.6, 0.5, 0.4))
+        ball = scene.object("ball").add_mesh(np.array(self.SQUARE), np.array([[0, 1, 2], [0, 2, 3]]), shader=clay)
+        scene.instance(ball, matrix=np.eye(4))
+        scene.sky(color=(1, 1, 1))
+        scene.camera(position=(0, -5, 2), target=(0, 0, 0), fov=40, resolution=(64, 36), aovs=["normal", "depth"])
+        seen = []
+        picture = scene.render(passes=64, seed=1, callback=lambda done, image: seen.append((done, image)) or done < 3)
+        self.assertEqual(([done for done, _ in seen], picture.passes), ([1, 2, 3], 3))
+        self.assertEqual((picture.beauty.shape, picture.beauty.dtype), ((36, 64, 3), np.float32))
+        self.assertEqual(list(picture), ["beauty", "alpha", "normal", "depth"])
+        np.testing.assert_array_equal(seen[-1][1], picture.beauty)
+        np.testing.assert_array_equal(scene.render(3, 1, threads=1).beauty, picture.beauty)
+        self.assertAlmostEqual(picture["depth"][18, 32], np.hypot(5, 2), delta=0.1)
+        np.testing.assert_allclose(picture.beauty[18, 32], [0.6, 0.5, 0.4], rtol=1e-5)  # under a white sky
+        with self.assertRaisesRegex(KeyError, "'dept' among beauty, alpha"):
+            picture["dept"]
+        picture["normal"][0, 0] = 7  # is saved, too
+        picture.save(self.folder / "x.exr")
+        back = zp.Picture.open(self.folder / "x.exr")
+        np.testing.assert_array_equal(back["normal"], picture["normal"])
+        np.testing.assert_allclose(back.beauty, picture.beauty, rtol=1e-3)
+        picture.save(self.folder / "x.png")
+        np.testing.assert_array_equal(zp.Picture.open(self.folder / "x.png").view(), picture.view())
+        self.assertTrue(picture._repr_png_().startswith(b"\x89PNG"))
+        with self.assertRaisesRegex(OSError, "cannot write.*nowhere"):
+            picture.save("/nowhere/x.exr")
+        with self.assertRaisesRegex(ValueError, "denoise=True.*half0"):
+            picture.denoised()
+        small = scene.render(4, 1, resolution=(32, 18), region=(8, 4, 24, 12), denoise=True)
+        self.assertEqual((small.beauty.shape, small.resolution, small.region), ((8, 16, 3), (32, 18), (8, 4, 24, 12)))
+
+    def test_folder_as_the_program_renders_it(self):
+        folder = PROJECT / "scenes/formats/leaves"
+        arguments = [
+            "--sample",
+            "2",
+            "--seed",
+            "5",
+            "--resolution",
+            "48x27",
+            "--float",
+            "--output",
+            "o.exr",
+            "--aov",
+            "albedo",
+        ]
+        subprocess.run([os.environ["ZP_PROGRAM"], "render", folder, *arguments, "--quiet"], cwd=self.folder, check=True)
+        theirs = zp.Picture.open(self.folder / "o.exr")
+        scene = zp.Scene.open(folder)
+        ours = scene.render(2, 5, resolution=(48, 27), aovs=["albedo"])
+        self.assertEqual(list(ours), list(theirs))
+        for name in ("worldToCamera", "worldToNDC", "zephlore:fieldOfView"):
+            self.assertEqual(ours.attributes[name], theirs.attributes[name])
+        for layer in ours:
+            np.testing.assert_array_equal(ours[layer], theirs[layer], layer)
+        scene.object("more").add_particles([[0, 0, 0]], 1e3)  # beside, or here around, what the folder has
+        self.assertTrue((scene.render(1, 5, resolution=(48, 27)).alpha == 1).all())
+
+    def test_kinds_of_things(self):
+        """A quarter of the picture each: a mesh with a picture, a spot of light, strands, and scene text."""
+        scene = self.scene
+        scene.sky(color=0)
+        image = np.zeros((1, 8, 3), np.float32)
+        image[0, 4:] = [1, 2, 3]
+        shine = scene.shader("shine", emissive=zp.Texture(image), virtual_light=False)
+        corner = np.array(self.SQUARE) * [0.5, 0.5, 1]
+        part = scene.object("corner").add_mesh(corner, self.FACE, uvs=[[0, 0], [1, 0], [1, 1], [0, 1]], shader=shine)
+        place = np.eye(4)
+        place[:2, 3] = [-0.5, 0.5]
+        moving = scene.instance(part, place)
+        white = scene.shader("white", lambertian=1)
+        scene.object("wall").add_mesh(corner + [0.5, 0.5, 0], self.FACE, shader=white)
+        scene.point_light(
+            (0.5, 0.5, 1), 2, direction=(0, 0, -1), inner_angle=20, outer_angle=20, offset=0, only=[white]
+        )
+        scene.text('shader\n name "red"\n surface_shader\n emissive\n color 4 0 0\n end\n end\nend\n')
+        red = scene.find_shader("red")
+        scene.object("hair").add_hair([[[-0.9, -0.5, 0], [-0.5, -0.5, 0], [-0.1, -0.5, 0]]] * 2, 0.2, shader=red)
+        scene.object("dust").add_particles([[0.5, -0.5, 0]], [0.3], shader=red)
+        seen = scene.render(4, 1).beauty
+        self.assertEqual((seen[6, 1:3].max(), seen[6, 8].tolist()), (0, [1, 2, 3]))
+        self.assertAlmostEqual(seen[6, 18, 0], 2, delta=0.1)
+        self.assertEqual(seen[1, 13, 0], 0)  # outside of the spot
+        for pixel in ((18, 6), (18, 18)):
+            self.assertEqual(seen[pixel].tolist(), [4, 0, 0])
+        place[0, 3] = 9
+        moving.matrix = place
+        self.assertEqual(scene.render(1, 1).beauty[6, 8].max(), 0)
+        place[:2, 3] = [0.25, 0]  # three pixels
+        moving.matrix, moving.matrix_end = np.eye(4), place
+        np.testing.assert_allclose(scene.render(2, 1, aovs="motion")["motion"][12, 12], [3, 0], atol=1e-3)
+
+    def test_what_is_wrong_is_raised(self):
+        scene, other = self.scene, zp.Scene()
+        thing, points, face = scene.object("thing"), self.SQUARE, self.FACE
+        clay = scene.shader("clay")
+        foreign = other.shader("clay")
+        wood = scene.shader("wood", lambertian="no.png")
+        cases = [
+            (ValueError, r"thing: positions.*\[n, 3\].*\[4, 2\]", lambda: thing.add_mesh(np.zeros((4, 2)), face)),
+            (ValueError, r"finite.*nan at \[0, 1\]", lambda: thing.add_mesh([[0, np.nan, 0]], [])),
+            (ValueError, "finite.*inf", lambda: thing.add_mesh([[0, 1e300, 0]], [])),
+            (ValueError, "shape", lambda: thing.add_mesh([[1, 2, 3], [1, 2]], face)),
+            (ValueError, r"faces.*\[n, 3\] or \[n, 4\]", lambda: thing.add_mesh(points, [[0, 1]])),
+            (ValueError, r"normals.*\[4, 3\]", lambda: thing.add_mesh(points, face, normals=points[:3])),
+            (ValueError, "fewer than two", lambda: thing.add_hair([points[:1]], 1)),
+            (ValueError, "add up to 5", lambda: thing.add_hair(points, 1, counts=[5])),
+            (ValueError, "above 0", lambda: thing.add_particles(points, 0)),
+            (ValueError, "inverse", lambda: scene.instance(thing, np.diag([1, 1, 0, 1]))),
+            (ValueError, "inside of itself", lambda: thing.instance(thing)),
+            (ValueError, "another scene", lambda: other.instance(thing)),
+            (ValueError, "another scene", lambda: thing.add_mesh(points, face, shader=foreign)),
+            (ValueError, "'clay' already", lambda: scene.shader("clay")),
+            (ValueError, "conductor, dielectric", lambda: scene.shader("x", material="glass")),
+            (ValueError, "same", lambda: setattr(self.camera, "target", (0, 0, 9)) or scene.render(1)),
+            (TypeError, "integers.*float", lambda: thing.add_mesh(points, [[0.0, 1, 2]])),
+            (TypeError, "numbers.*complex", lambda: thing.add_mesh(np.zeros((4, 3), complex), face)),
+            (TypeError, "zp.Shader", lambda: thing.add_mesh(points, face, shader="clay")),
+            (IndexError, "face 1 names vertex 4 of 4", lambda: thing.add_mesh(points, [[0, 1, 2], [1, 2, 4]])),
+            (IndexError, "not -1", lambda: thing.add_mesh(points, [[0, 1, -1]])),
+            (IndexError, "camera 3 of 1", lambda: scene.render(1, camera=3)),
+            (KeyError, "did you mean 'depth'", lambda: scene.render(1, aovs=["detph"])),
+            (AttributeError, "did you mean 'fov'", lambda: setattr(self.camera, "fow", 40)),
+            (FileNotFoundError, "nowhere", lambda: zp.Scene.open("nowhere")),
+            (zp.SceneError, "line 3: .*did you mean .render", lambda: scene.text("camera\n end\nrendr\nend\n")),
+            (zp.SceneError, "no.png cannot be found", lambda: thing.add_mesh(points, face, shader=wood) and scene.render(1)),
+            (zp.SceneError, "no shader 'rust'", lambda: thing.instance(scene.object("b"), shader=scene.find_shader("rust")) and scene.render(1)),
+        ]  # fmt: skip
+        for error, says, call in cases:
+            with self.subTest(says), self.assertRaisesRegex(error, says):
+                self.camera.target = (0, 0, 0)
+                call()
+        thing._instances.clear()
+        with self.assertWarnsRegex(zp.SceneWarning, "no.png cannot be found"):
+            scene.render(1, strict=False)
+        self.assertEqual(clay.name, "clay")
+        scene.close()
+        for call in (
+            lambda: scene.render(1),
+            lambda: scene.object("c"),
+            lambda: thing.add_mesh(points, face),
+            lambda: clay.layer(),
+        ):
+            self.assertRaisesRegex(RuntimeError, "closed", call)
+        zp.add_object()
+        self.assertRaisesRegex(RuntimeError, "finalize", other.render)
+        zp.finalize()
+
+    def test_what_ends_a_render(self):
+        for raised in (ZeroDivisionError, KeyboardInterrupt):
+
+            def interrupt(done, image):
+                if done == 2:
+                    raise raised  # noqa: B023
+
+            self.assertRaises(raised, self.scene.render, 9, callback=interrupt)  # fmt: skip
+            self.assertEqual(self.scene.picture.passes, 2)
+        self.assertRaisesRegex(RuntimeError, "under way", self.scene.render, 9, callback=lambda *_: self.scene.render())
+        timer = threading.Timer(0.2, os.kill, (os.getpid(), signal.SIGINT))
+        timer.start()
+        self.assertRaises(KeyboardInterrupt, self.scene.render, 65535)
+        timer.join()
+        self.assertGreater(self.scene.picture.passes, 0)
+        self.assertEqual(self.scene.render(2).passes, 2)  # all is as before
+
+    def test_notebook(self):
+        cells = json.loads((PROJECT / "examples/first_picture.ipynb").read_text())["cells"]
+        self.addCleanup(os.chdir, os.getcwd())
+        os.chdir(self.folder)
+        names, shown = {}, []
+        for cell in cells:
+            if cell["cell_type"] != "code":
+                continue
+            tree = ast.parse("".join(cell["source"]).replace("320, 180", "96, 54"))
+            last = tree.body.pop() if isinstance(tree.body[-1], ast.Expr) else None
+            with warnings.catch_warnings(), open(os.devnull, "w") as nothing, contextlib.redirect_stdout(nothing):
+                warnings.simplefilter("error")
+                exec(compile(tree, "cell", "exec"), names)
+                if last is not None:
+                    shown.append(eval(compile(ast.Expression(last.value), "cell", "eval"), names))
+        pictures = [value for value in shown if isinstance(value, zp.Picture)]
+        self.assertEqual([picture.beauty.shape for picture in pictures], [(54, 96, 3)] * 3)
+        self.assertTrue(1 < pictures[0].passes < 64)
+        self.assertEqual(sorted(path.name for path in self.folder.iterdir()), ["vases.exr", "vases.png"])
 
 
 if __name__ == "__main__":

@@ -114,7 +114,10 @@ SCRIPT
 InstallRest() {
   Inside << 'SCRIPT'
 apt-get install -q -y --no-install-recommends ./packages/zephlore-*.deb bash-completion man-db
-None dpkg --verify zephlore-scenes zephlore-preview
+None dpkg --verify zephlore-scenes zephlore-preview zephlore-import
+printf 'v 0 0 0\nv 1 0 0\nv 0 1 0\nv 0 0 1\nf 1 3 2\nf 1 2 4\nf 1 4 3\nf 2 3 4\n' > model.obj
+zephlore render model.obj --resolution 240x135 --sample 8 --output model.png
+test "$(stat -c %s model.png)" -gt 10000
 ldd /usr/lib/*/zephlore/zephlore-preview.so > libraries
 None sed -n '/not found/p' libraries
 bash -i -c '. /usr/share/bash-completion/bash_completion; _completion_loader zephlore

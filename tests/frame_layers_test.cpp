@@ -5,6 +5,8 @@
 #include <bit>
 #include <cmath>
 #include <limits>
+#include <map>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <tuple>
 
@@ -97,8 +99,149 @@ TEST_F(FrameLayers, HoldWhatTheCameraSees) {
   }
 }
 
-// A catcher's alpha is what a white ground lacks of its light, below a black wall; its picture lies over the
-// sky.
+// Of each layer's colours; the difference of the beauty from the sum of the light groups, at most.
+struct Sums {
+  std::map<std::string, double> means;
+  double error = 0;
+};
+Sums SumGroups(const LayeredPicture& picture) {
+  Sums sums;
+  const Layer& beauty = picture.layers[0];
+  for (std::size_t pixel = 0; pixel < PixelCount(picture); ++pixel)
+    for (std::size_t c = 0; c < 3; ++c) {
+      double sum = 0;
+      for (const Layer& layer : picture.layers) {
+        if (layer.channels.size() < 3) continue;
+        const double value = layer.numbers[layer.channels.size() * pixel + c];
+        sums.means[layer.name] += value / (3.0 * static_cast<double>(PixelCount(picture)));
+        if (layer.name.starts_with("light_")) sum += value;
+      }
+      const double whole = beauty.numbers[beauty.channels.size() * pixel + c];
+      sums.error = std::max(sums.error, std::fabs(sum - whole) / std::max(whole, 0.01));
+    }
+  return sums;
+}
+
+// All kinds of light, with a pane before the square that casts caustics, by photons or without.
+class LightGroups : public FrameLayers {
+ protected:
+  void SetUp() override {
+    FrameLayers::SetUp();
+    WriteScene("resolution 24 14\n", true);
+    WriteFile(root / "scene/model/lamps.obj",
+              "v -3 -1 1\nv -2 -1 1\nv -2 -2 1\nv -3 -2 1\nusemtl lamp\nf 1 2 3 4\n"
+              "v 3 -3 1\nv 4 -3 1\nv 4 -3 2\nv 3 -3 2\nusemtl bulb\nf 5 6 7 8\n"
+              "v -1 -2 -0.5\nv 2 -2 -0.5\nv 2 -1 -0.4\nv -1 -1 -0.4\nusemtl glass\nf 9 10 11 12\n");
+    WriteFile(root / "scene/geometry/b.zp", "object\nname lamps\nobj \"model/lamps.obj\"\nend\n");
+    WriteFile(root / "scene/shader/b.zp",
+              "shader\nname \"lamp\"\ngroup \"lamp\"\nsurface_shader\nvirtual_light\nemissive\ncolor 9 8 7\n"
+              "end\nend\nend\n"
+              "shader\nname \"bulb\"\nsurface_shader\nemissive\ncolor 2 3 4\nend\nend\nend\n"
+              "shader\nname \"glass\"\nsurface_shader\ndielectric\nior\ncolor 1.5 1.5 1.5\nend\n"
+              "specular\ncolor 0.9 0.9 0.9\nend\nend\nend\n"
+              "shader\nname \"red\"\nsurface_shader\nlambertian\ncolor 0.6 0.5 0.3\nend\nglossy\n"
+              "color 0.3 0.3 0.3\nend\nroughness\ncolor 0.3 0.3 0.3\nend\nend\nend\n");
+    WriteLights("3 3 3");
+  }
+  void WriteLights(const std::string& sun, const std::string& photons = "2000") const {
+    const std::string photon = "photon " + photons + "\n";
+    WriteFile(root / "scene/light/b.zp",
+              "sky_light\ncolor 0.3 0.6 1.5\ngroup \"sky\"\n" + photon +
+                  "end\nparallel_light\ndirection 0.1 1 -1\ncolor " + sun + "\ngroup \"sun\"\n" + photon +
+                  "end\npoint_light\nposition 1 -2 1\ncolor 2 2 2\ngroup \"a.b\"\n" + photon +
+                  "end\ngeometry_light\nsample 1\n" + photon + "end\n");
+  }
+  void WriteRender(const std::string& words, bool gathers) const {
+    WriteFile(root / "scene/render/b.zp",
+              "render\n" + words + "final_gather\nradius 0.5\n" +
+                  (gathers ? "distance 0.1\nresolution 0.04\n" : "distance 0\nresolution 0\n") +
+                  "end\nend\n");
+  }
+  static constexpr char kWords[] = "render ../scene --quiet --threads 1 --seed 5 --sample 6 --float ";
+};
+
+TEST_F(LightGroups, AddUpToTheBeauty) {
+  for (const bool gathers : {false, true})
+    for (const std::string words : {"", "clamp 1.5 1.5 1.5\nclamp_indirect 0.5 0.5 0.5\n"})
+      for (const char* format : {"1", "2"}) {
+        WriteRender(words, gathers);
+        const std::string run = kWords + std::string("--format ") + format;
+        ASSERT_EQ(Run(run + " --output a.exr --report a.json --transparent-sky").status, 0);
+        const LayeredPicture picture = Read("a.exr");
+        const Sums sums = SumGroups(picture);
+        EXPECT_LT(sums.error, 1e-5) << gathers << words << format;
+        for (const char* name : {"light_sky", "light_sun", "light_a.b", "light_lamp", "light_rest"})
+          EXPECT_GT(sums.means.at(name), 1e-4) << name << gathers << format;
+        EXPECT_EQ(FindLayer(picture, "light_sun")->kind, LayerKind::kFloat);
+        // Who asks changes nothing, in gathering but for the order in which photons are added up.
+        ASSERT_EQ(Run(run + " --output b.pfm --transparent-sky").status, 0);
+        for (const int x : {0, 7, 12, 20})
+          EXPECT_NEAR(At(Read("b.pfm"), "", 1, x, 9), At(picture, "", 1, x, 9), gathers ? 1e-5f : 0.0f);
+        if (words.empty() || *format == '1') continue;
+        // What limits take is told.
+        const auto report = nlohmann::json::parse(ReadFile(work / "a.json"));
+        double taken = 0;
+        for (const char* limit : {"clamped", "clamped_indirect"})
+          for (const double light : report.at(limit).at("taken")) taken += light / 3;
+        WriteRender("", gathers);
+        ASSERT_EQ(Run(run + " --output c.exr --transparent-sky").status, 0);
+        EXPECT_GT(report.at("clamped_indirect").at("samples"), 100);
+        EXPECT_NEAR(sums.means.at("") + taken, SumGroups(Read("c.exr")).means.at(""), 1e-5);
+      }
+}
+
+TEST_F(LightGroups, CanBeWeighedKeptAndMerged) {
+  const std::string run = kWords + std::string("--format 2 --aov lights ");
+  for (const bool gathers : {false, true}) {
+    const float noise = gathers ? 0.02f : 1e-5f;  // of caustics: other photons are the nearest
+    const std::string photons = gathers ? "2000" : "0";
+    WriteRender("", gathers);
+    WriteLights("3 3 3", photons);
+    ASSERT_EQ(Run(run + "--output a.exr --denoise-layers").status, 0);
+    ASSERT_EQ(Run("image mix a.exr b.exr --light sun=0").status, 0);
+    ASSERT_EQ(Run("denoise a.exr d.exr --light-groups").status, 0);
+    EXPECT_LT(SumGroups(Read("a.exr")).error, 1e-5) << "of half sets";
+    EXPECT_LT(SumGroups(Read("d.exr")).error, 1e-5);
+    const LayeredPicture mixed = Read("b.exr");
+    EXPECT_EQ(FindLayer(mixed, "half0"), nullptr);
+    WriteLights("0 0 0", photons);
+    ASSERT_EQ(Run(run + "--output c.exr --denoise-layers").status, 0);
+    const LayeredPicture dark = Read("c.exr");
+    for (const char* layer : {"", "light_sun", "light_sky", "light_rest"})
+      for (std::size_t i = 0; i < FindLayer(dark, layer)->numbers.size(); ++i)
+        EXPECT_NEAR(FindLayer(mixed, layer)->numbers[i], FindLayer(dark, layer)->numbers[i], noise) << layer;
+  }
+  ASSERT_EQ(Run(run + "--output a.exr").status, 0);
+  for (const char* passes : {"0:3", "3:6"})
+    ASSERT_EQ(Run(run + "--passes " + passes + " --checkpoint " + passes[0] + ".zpc").status, 0);
+  ASSERT_EQ(Run("merge b.exr 3.zpc 0.zpc").status, 0);
+  ExpectSame(Read("a.exr"), Read("b.exr"), 1e-5f);
+  ASSERT_EQ(Run("merge c.zpc 0.zpc").status, 0);
+  ASSERT_EQ(Run("render --quiet --resume c.zpc --output d.pfm").status, 0);
+  EXPECT_NEAR(At(Read("d.light_a.b.pfm"), "", 1, 20, 9), At(Read("a.exr"), "light_a.b", 1, 20, 9), 1e-5f);
+}
+
+TEST_F(FrameLayers, KeepLargeNumbers) {
+  WriteFile(root / "scene/model/square.obj",
+            "v -9e5 1e5 -9e5\nv 9e5 1e5 -9e5\nv 9e5 1e5 9e5\nv -9e5 1e5 9e5\n"
+            "usemtl red\nf 1 2 3 4\n");
+  WriteFile(root / "scene/shader/b.zp",
+            "shader\nname \"red\"\nsurface_shader\nemissive\ncolor 100000 100000 100000\nend\nend\nend\n");
+  for (const bool floats : {false, true}) {
+    ASSERT_EQ(Run("render ../scene --quiet --format 2 --sample 2 --aov depth,position,lights --output a.exr" +
+                  std::string(floats ? " --float" : ""))
+                  .status,
+              0);
+    const LayeredPicture picture = Read("a.exr");
+    EXPECT_EQ(At(picture, "", 0, 9, 8), floats ? 1e5f : 65504.0f);
+    EXPECT_EQ(At(picture, "light_rest", 0, 9, 8), 1e5f);
+    EXPECT_NEAR(At(picture, "Z", 0, 9, 8), 100005, 0.02);
+    EXPECT_NEAR(At(picture, "P", 1, 9, 8), 100000, 0.02);
+  }
+}
+
+// A catcher's alpha is what a white ground lacks of its light, below a black wall; its picture lies over
+// the sky.
 TEST_F(FrameLayers, CatchersShowWhatIsDeniedAGround) {
   const auto writeFloor = [&](const std::string& layer, bool hasWall) {
     WriteFile(root / "scene/model/floor.obj", "v -9 -9 -1\nv 9 -9 -1\nv 9 9 -1\nv -9 9 -1\nf 1 2 3 4\n");

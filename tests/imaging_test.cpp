@@ -437,19 +437,26 @@ TEST_F(ImageFiles, SharedExponentPacking) {
                                          {{kNan, 1, 0}, {0, 1, 0}},
                                          {{1000, 1, 0.1f}, {1000, 1, 0.1f}},
                                          {{1e-30f, 0, 0}, {1e-30f, 0, 0}},
+                                         {{0.998f, 0.4985f, 0}, {0.998f, 0.4985f, 0}},
+                                         {{0.999f, 0.3f, 0}, {0.999f, 0.3f, 0}},
                                          {{kInf, 0, 0}, {1.7e38f, 0, 0}}};
-  for (const auto& [given, exact] : cases) {
-    const ImageBuffer back = SaveAndLoad(MakeRow(3, 32, {given}), "packed.pfm", true);
-    ASSERT_TRUE(back.packed);
-    EXPECT_EQ(PixelBytes(back), 4U);
-    const Vec3 color = ReadPixel(back, 0);
-    for (int c = 0; c < 3; ++c) {  // truncated, by less than one of at least 128 steps
-      EXPECT_LE(color[c], exact[c]);
-      EXPECT_GE(color[c], exact[c] - MaxOf(MaxOf(exact.x, exact.y), exact.z) / 128);
+  for (settings.format = 1; settings.format <= 2; ++settings.format)
+    for (const auto& [given, exact] : cases) {
+      const ImageBuffer back = SaveAndLoad(MakeRow(3, 32, {given}), "packed.pfm", true);
+      ASSERT_TRUE(back.packed);
+      EXPECT_EQ(PixelBytes(back), 4U);
+      const Vec3 color = ReadPixel(back, 0);
+      // One of at least 128 steps: cut off to it, or rounded.
+      const float step = MaxOf(MaxOf(exact.x, exact.y), exact.z) / 128;
+      const float above = settings.format >= 2 ? step / 2 : 0;
+      for (int c = 0; c < 3; ++c) {
+        EXPECT_LE(color[c], exact[c] + above);
+        EXPECT_GE(color[c], exact[c] + above - step);
+      }
+      // A packed picture can be written again.
+      EXPECT_EQ(ReadPixel(SaveAndLoad(back, "again.pfm"), 0), color);
     }
-    // A packed picture can be written again.
-    EXPECT_EQ(ReadPixel(SaveAndLoad(back, "again.pfm"), 0), color);
-  }
+  settings.format = 1;
 }
 
 // A file that is cut is damaged, not smaller. What cannot be read changes no pixel.
@@ -503,6 +510,9 @@ TEST_F(ImageFiles, LoadsPalettesAndWords) {
   bmp[54 + 7 * 4 + 2] = '\xff';
   bmp += std::string("\7\0\0\0", 4);
   EXPECT_EQ(load("red.bmp", bmp).bytePixels, (std::vector<std::uint8_t>{7, 7, 7}));
+  settings.format = 2;  // behind the start of the decoders, as by scene text
+  EXPECT_EQ(load("red.bmp", bmp).bytePixels, (std::vector<std::uint8_t>{255, 0, 0}));
+  settings.format = 1;
   EXPECT_EQ(load("grey.pgm", "P2\n2 1\n255\n128 255\n").bytePixels,
             (std::vector<std::uint8_t>{128, 128, 128, 255, 255, 255}));
   const ImageBuffer words = load("words.ppm", "P3\n1 1\n65535\n65535 256 7\n");

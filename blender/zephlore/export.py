@@ -7,7 +7,7 @@ from .text import SceneText, quoted, word
 from .values import Baker
 
 MESHES = {"MESH", "CURVE", "SURFACE", "FONT", "META"}
-LEFT_OUT = {"VOLUME": "a volume", "GPENCIL": "grease pencil", "GREASEPENCIL": "grease pencil", "POINTCLOUD": "a point cloud"}
+LEFT_OUT = {"VOLUME": "a volume", "GPENCIL": "grease pencil", "GREASEPENCIL": "grease pencil"}
 
 
 class Shape:
@@ -117,6 +117,8 @@ class Exporter:
                 self.visit_mesh(obj, matrix, told)
             elif obj.type == "CURVES":
                 self.visit_curves(obj, matrix, told)
+            elif obj.type == "POINTCLOUD":
+                self.visit_points(obj, matrix, told)
             elif obj.type == "LIGHT":
                 self.visit_light(obj, matrix, told)
             elif obj.type in LEFT_OUT and not self.closing:
@@ -198,8 +200,6 @@ class Exporter:
         for index, system in enumerate(obj.particle_systems):
             settings = system.settings
             if settings.type != "HAIR" or settings.render_type != "PATH":
-                if settings.render_type in ("HALO", "LINE") and not self.closing:
-                    losses.note("%s: particles as %s are left out" % (obj.name, settings.render_type.lower()))
                 continue
             real = obj.original.evaluated_get(self.depsgraph)
             slots = real.material_slots
@@ -210,6 +210,16 @@ class Exporter:
     def visit_curves(self, obj, matrix, told):
         material = obj.material_slots[0].material if len(obj.material_slots) else None
         self.strands(told, self.key(obj), obj, matrix, material, lambda: shapes.curve_strands(obj.data))
+
+    def visit_points(self, obj, matrix, told):
+        key = self.key(obj, obj.data.as_pointer())
+        if not self.closing and key not in self.shapes:
+            material = obj.material_slots[0].material if len(obj.material_slots) else None
+            shape = Shape(self.free_name(obj.name), "particle_texture", "image/points-%d.tif" % len(self.shapes),
+                          self.shaders.name_of(material, self.flags(obj)))
+            shapes.write_points(self.folder / shape.file, *shapes.points_of(obj.data))
+            self.shapes[key] = shape
+        self.place(told, self.shapes.get(key), matrix)
 
     def strands(self, told, key, obj, matrix, material, make):
         """Strands of points (strands, steps, 3) with radii for each step, or flat with counts."""
@@ -302,7 +312,7 @@ class Exporter:
 
 
 def has_bump(material):
-    return bool(material and material.node_tree and any(n.type == "BUMP" for n in material.node_tree.nodes))
+    return bool(material and material.node_tree and any(n.type in ("BUMP", "DISPLACEMENT") for n in material.node_tree.nodes))
 
 
 def flat_strands(made):

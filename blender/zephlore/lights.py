@@ -5,7 +5,7 @@ import math
 import mathutils
 import numpy as np
 
-from . import losses, nodes, pictures, shaders, values
+from . import losses, nodes, pictures, shaders, sky, values
 from .text import quoted
 
 NORTH, ZENITH = mathutils.Vector((0, 1, 0)), mathutils.Vector((0, 0, 1))
@@ -122,6 +122,7 @@ def write_lamps(folder):
 def world(text, scene, folder, baker):
     """The sky: one colour, one picture as it is, or any tree of nodes, baked over all directions."""
     out = world_output(scene.world)
+    sun_disc(text, out)
     with text.block("sky_light"):
         if out is None:
             color = scene.world.color if scene.world and not scene.world.use_nodes else (0, 0, 0)
@@ -150,6 +151,27 @@ def world_output(told):
     if told is None or not told.use_nodes or told.node_tree is None:
         return None
     return next((n for n in told.node_tree.nodes if n.type == "OUTPUT_WORLD" and n.is_active_output), None)
+
+
+def sun_disc(text, out):
+    """The sun of a Sky Texture, as a light: a picture is too coarse for it, and cameras do not see it."""
+    found, inner = nodes.source(out.inputs["Surface"], ()) if out else (None, ())
+    if found is None or found.node.type != "BACKGROUND":
+        return
+    told = shaders.Inputs(found.node, inner)
+    strength = values.number(told("Strength"))
+    texture, _ = nodes.source(told.socket("Color"), inner)
+    node = texture.node if texture is not None else None
+    if node is None or node.type != "TEX_SKY" or strength is None or not getattr(node, "sun_disc", False) \
+            or node.sky_type in ("PREETHAM", "HOSEK_WILKIE"):
+        return
+    (elevation, air, dust, ozone, altitude), turn = sky.settings_of(node)
+    if elevation <= 0:
+        return
+    light = sky.sun_irradiance(elevation, sky.Air(air, dust, ozone), altitude) * node.sun_intensity * float(strength)
+    with text.block("parallel_light"):
+        way = (-math.sin(turn) * math.cos(elevation), -math.cos(turn) * math.cos(elevation), -math.sin(elevation))
+        say_light(text, light / math.pi, direction=way, blur=math.degrees(node.sun_size) / 2)
 
 
 def background(socket, stack, what):

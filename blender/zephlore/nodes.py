@@ -8,7 +8,7 @@ import math
 
 import numpy as np
 
-from . import losses
+from . import losses, sky
 from .pictures import pixels_of
 
 LUMINANCE = np.array([0.2126, 0.7152, 0.0722], np.float32)
@@ -215,6 +215,18 @@ def environment_texture(node, socket, value, at):
         u = 0.5 - np.arctan2(d[:, 1], d[:, 0]) / (2 * math.pi)
         v = 0.5 + np.arctan2(d[:, 2], np.hypot(d[:, 0], d[:, 1])) / math.pi
     return read_picture(node.image, u * width, v * height, at, node.interpolation, True)[:, :3]
+
+
+def sky_texture(node, socket, value, at):
+    if at.directions is None:
+        return None
+    at.varies = True
+    at.size = max(at.size, 1024)
+    if node.sky_type not in ("NISHITA", "SINGLE_SCATTERING"):
+        at.miss("the sky %s is one of light scattered once" % node.sky_type.replace("_", " ").title())
+    told, turn = sky.settings_of(node)
+    directions = value(node.inputs[0]) if len(node.inputs) and node.inputs[0].is_linked else at.directions
+    return sky.table(*told).read(directions, turn)
 
 
 def checker(node, socket, value, at):
@@ -452,7 +464,7 @@ def object_info(node, socket, value, at):
 
 HANDLERS = {
     "TEX_COORD": coordinates, "UVMAP": coordinates, "NEW_GEOMETRY": coordinates, "MAPPING": mapping,
-    "TEX_IMAGE": image_texture, "TEX_ENVIRONMENT": environment_texture, "TEX_CHECKER": checker,
+    "TEX_IMAGE": image_texture, "TEX_ENVIRONMENT": environment_texture, "TEX_SKY": sky_texture, "TEX_CHECKER": checker,
     "TEX_GRADIENT": gradient, "MIX_RGB": mix_rgb, "MIX": mix, "MATH": math_node, "VECT_MATH": vector_math,
     "VALTORGB": color_ramp, "CURVE_RGB": curves, "HUE_SAT": hue_saturation, "MAP_RANGE": map_range,
     "BLACKBODY": blackbody, "BRIGHTCONTRAST": bright_contrast, "SEPRGB": separate, "SEPARATE_COLOR": separate,

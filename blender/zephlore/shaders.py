@@ -36,6 +36,8 @@ class Reader:
     def __init__(self, material, hair=False):
         self.name = material.name
         self.hair = hair
+        self.displaces = getattr(material, "displacement_method", None) or \
+            getattr(getattr(material, "cycles", None), "displacement_method", "BUMP")
         self.adds = False
 
     def miss(self, what):
@@ -439,6 +441,9 @@ class Shaders:
             clip = values.rest(clip)
             total = values.quotient(total, clip) if closures and reader.adds else values.constant(1.0)
         layers = layers_of(reader, closures, total)
+        if out.inputs["Displacement"].is_linked:
+            for layer in layers:
+                layer.normal = layer.normal or (out.inputs["Displacement"], ())
         if reader.hair:
             clip = None
             self.has_fibers = self.has_fibers or any("glossy" in layer.elements for layer in layers)
@@ -449,8 +454,6 @@ class Shaders:
                 values.write_element(self.text, "lambertian", {"color": (0, 0, 0)})
         self.geometry(clip if layers else values.constant(0.0), flags, reader.name)
         self.volume(reader, out)
-        if out.inputs["Displacement"].is_linked:
-            reader.miss("displacement is left out")
 
     def layer(self, reader, layer, several, uv_length):
         element = lambda value: {"color": tuple(float(v) for v in np.broadcast_to(values.mean(value, reader.name), 3))} \
@@ -484,20 +487,26 @@ class Shaders:
             direction = dict(direction, color_matrix=(2 * strength, 0, 0, -strength, 0, 2 * strength, 0, -strength,
                                                       0, 0, 2, -1, 0, 0, 0, 1))
         elif node.type == "BUMP":
-            direction = self.bump(reader, node, inner, uv_length)
+            height, strength, distance = (values.linked(by_name(node, n), inner)
+                                          for n in ("Height", "Strength", "Distance"))
+            sign = -1 if node.invert else 1
+            direction = self.bump(reader, height, reader.number(strength), sign * reader.number(distance), uv_length)
+        elif node.type == "DISPLACEMENT":
+            if reader.displaces != "BUMP":
+                reader.miss("displacement bends normals alone")
+            height, scale = (values.linked(by_name(node, n), inner) for n in ("Height", "Scale"))
+            direction = self.bump(reader, height, 1.0, reader.number(scale), uv_length)
         else:
             reader.miss("%s as a normal is left out" % node.bl_label)
             return
         values.write_element(self.text, "normal", direction)
 
-    def bump(self, reader, node, stack, uv_length):
-        """The slopes of the height over texture coordinates, a unit of which is `uv_length` wide in the scene."""
-        height = values.linked(by_name(node, "Height"), stack)
-        strength, distance = (reader.number(values.linked(by_name(node, n), stack)) for n in ("Strength", "Distance"))
+    def bump(self, reader, height, strength, distance, uv_length):
+        """The slopes of a height over texture coordinates, a unit of which is `uv_length` wide in the scene."""
         points = nodes.Points(uv=np.float32([[0.3, 0.7]]), what=reader.name)
         height.at(points)
         self.baker.uv_names.setdefault(reader.name, set()).update(points.uv_names)
-        h = self.baker.grid(height, points.size, reader.name)[..., 0] * distance * (-1 if node.invert else 1)
+        h = self.baker.grid(height, points.size, reader.name)[..., 0] * distance
         span = 2 * uv_length / len(h)
         slopes = np.stack([(np.roll(h, 1, axis) - np.roll(h, -1, axis)) / span for axis in (1, 0)], axis=-1)
         normal = np.dstack([slopes * min(max(strength, 0), 1), np.ones_like(h)])

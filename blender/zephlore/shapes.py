@@ -191,3 +191,28 @@ def curve_strands(curves):
     firsts = numbers(curves.curves, "first_point_index", np.int32)
     keep = np.concatenate([np.arange(f, f + n) for f, n in zip(firsts, counts) if n > 1] or [np.zeros(0, int)])
     return points[keep.astype(int)], radii[keep.astype(int)], counts[counts > 1]
+
+
+def points_of(cloud):
+    """Places and radii of a point cloud."""
+    radius = cloud.attributes.get("radius")
+    points = numbers(cloud.attributes["position"].data, "vector", np.float32, 3)
+    return points, numbers(radius.data, "value", np.float32) if radius else np.full(len(points), 0.01, np.float32)
+
+
+def write_points(path, points, radii, width=512):
+    """A TIFF of four floats a pixel, rows from the top: places and radii of particles. What is left over has no size."""
+    table = np.column_stack([points, radii]).astype("<f4")
+    rest = -len(table) % width
+    table = np.concatenate([table, np.zeros((rest, 4), "<f4")])
+    offset = 8 + 2 + 11 * 12 + 4
+    four = struct.pack("<4H", *(32,) * 4), struct.pack("<4H", *(3,) * 4)  # bits, and that they are floats
+    short, long = 3, 4
+    tags = [(256, long, 1, width), (257, long, 1, len(table) // width), (258, short, 4, offset), (259, short, 1, 1),
+            (262, short, 1, 2), (273, long, 1, offset + 16), (277, short, 1, 4),
+            (278, long, 1, len(table) // width), (279, long, 1, table.nbytes), (338, short, 1, 0),
+            (339, short, 4, offset + 8)]
+    with open(path, "wb") as file:
+        file.write(b"II*\0" + struct.pack("<IH", 8, len(tags)))
+        file.write(b"".join(struct.pack("<2HII", *tag) for tag in tags) + struct.pack("<I", 0))
+        file.write(b"".join(four) + table.tobytes())

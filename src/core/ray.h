@@ -97,9 +97,7 @@ struct alignas(64) ThreadSlot {
   std::uint64_t innerNodes = 0;  // visited by shadow rays
   std::uint64_t leaves = 0;
   std::uint64_t primitives = 0;
-  std::uint64_t notANumber = 0;  // samples of the pass that were no finite colours
-  std::uint64_t clamped = 0;     // samples of the pass that were cut
-  std::uint32_t pixel = 0;       // linear index of the pixel that is being rendered
+  std::uint32_t pixel = 0;  // linear index of the pixel that is being rendered
 };
 inline ThreadSlot threadSlots[kMaxThreads];
 

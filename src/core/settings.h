@@ -30,6 +30,9 @@ struct SaidSettings {
   // Of earlier runs: they hold in format 1 where this run says nothing.
   float keptDistance = 1, keptResolution = 1;
   // Put back by ResetRenderer.
+  // Upper limit of what a ray brings that has left the first diffuse or rough surface, but for light that it
+  // meets straight away. Of format 2.
+  Vec3 clampIndirect = {kFarthest, kFarthest, kFarthest};
   std::int32_t rayDepth = 8;        // a ray of this depth or more returns black
   std::int32_t photonDepth = 16;    // a photon path longer than this stops; Intended: 8 once put back
   std::optional<float> distance;    // hits nearer than this are gathered further; scene units
@@ -99,6 +102,7 @@ inline void ResetRenderer() {
   settings.said.photonDepth = 8;
   settings.said.rayDepth = 8;
   settings.said.rendererSample = kUnsaid;
+  settings.said.clampIndirect = {kFarthest, kFarthest, kFarthest};
   settings.derived.finalGathering = settings.derived.tracksMedia = false;
   settings.derived.openIor = 1;
   settings.frame.rendererRays = settings.frame.shadowRays = 0;

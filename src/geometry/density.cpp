@@ -178,7 +178,30 @@ std::int32_t TetragonCell(float u, float v, std::int32_t level) {
   return Step(u, level) * level + Step(v, level);
 }
 
-bool AddDensity(const RayRecord& ray, CellSide side, Vec3 power) {
+void SplitDensity(Part& part, std::size_t slots) {
+  if (part.density == nullptr) return;
+  std::size_t bytes = 0;
+  for (CellGrid* grid : {&part.density->triangles, &part.density->tetragons}) {
+    const std::size_t more = slots * grid->face.size() * kBytesPerCell;
+    if (more + grid->face.size() * kBytesPerCell > kMostCellBytes) EndForMemory();
+    const CellSides black = {std::vector<Vec3>(grid->face.size()), std::vector<Vec3>(grid->back.size())};
+    grid->slots.assign(slots, black);
+    bytes += more;
+  }
+  PrintFloatRow("density of light groups", static_cast<float>(bytes) * kMegabytesPerByte, "M bytes");
+}
+
+void SumDensity(Part& part) {
+  if (part.density == nullptr) return;
+  for (CellGrid* grid : {&part.density->triangles, &part.density->tetragons})
+    for (const CellSides& slot : grid->slots)
+      for (std::size_t i = 0; i < grid->face.size(); ++i) {
+        grid->face[i] += slot.face[i];
+        grid->back[i] += slot.back[i];
+      }
+}
+
+bool AddDensity(const RayRecord& ray, CellSide side, Vec3 power, std::int32_t slot) {
   const CellPlace place = PlaceOf(ray);
   if (place.grid == nullptr) return false;
   const auto primitive = static_cast<std::uint32_t>(ray.primitive);
@@ -188,14 +211,22 @@ bool AddDensity(const RayRecord& ray, CellSide side, Vec3 power) {
   const bool face = ray.frontFace == (side == CellSide::kMet);
   auto cells = static_cast<float>(place.level * place.level);
   if (!place.grid->share.empty()) cells /= At(place.grid->share, place.index);
-  AddShared(At(face ? place.grid->face : place.grid->back, place.index), power / area * cells);
+  const Vec3 light = power / area * cells;
+  if (place.grid->slots.empty()) {
+    AddShared(At(face ? place.grid->face : place.grid->back, place.index), light);
+  } else {
+    CellSides& sides = At(place.grid->slots, slot);
+    AddShared(At(face ? sides.face : sides.back, place.index), light);
+  }
   return true;
 }
 
-Vec3 ReadDensity(const RayRecord& ray) {
+Vec3 ReadDensity(const RayRecord& ray, std::int32_t slot) {
   const CellPlace place = PlaceOf(ray);
   if (place.grid == nullptr) return kBlack;
-  return At(ray.frontFace ? place.grid->face : place.grid->back, place.index);
+  if (slot == kNone) return At(ray.frontFace ? place.grid->face : place.grid->back, place.index);
+  const CellSides& sides = At(place.grid->slots, slot);
+  return At(ray.frontFace ? sides.face : sides.back, place.index);
 }
 
 }  // namespace zp

@@ -18,12 +18,16 @@ namespace zp {
 inline constexpr std::int32_t kMostCellLevels = 255;
 
 // Of all primitives of one kind. Primitive i has level[i]^2 cells, from offset[i] on.
+struct CellSides {
+  std::vector<Vec3> face;  // seen from the side that the normal points to
+  std::vector<Vec3> back;
+};
 struct CellGrid {
   std::vector<std::int32_t> offset;
   std::vector<std::int32_t> level;
-  std::vector<Vec3> face;  // seen from the side that the normal points to
-  std::vector<Vec3> back;
-  std::vector<float> share;  // of the cell's area that is there; empty where no Shader cuts out
+  std::vector<Vec3> face, back;  // as CellSides
+  std::vector<CellSides> slots;  // the same of each kind of light that is told apart; else empty
+  std::vector<float> share;      // of the cell's area that is there; empty where no Shader cuts out
 };
 
 struct DensityCells {
@@ -42,6 +46,11 @@ inline constexpr std::int64_t kMostCellBytes = 0x40000000;  // of one kind of pr
 // asked for. Prints the memory row. Ends the process with status 1 when one kind's cells take more than 1 GB.
 void SetUpDensity(Part& part);
 
+// Has the cells of the Part tell `slots` kinds of light apart while photons are cast, and as SetUpDensity
+// ends the process when that takes too much; and sums them up behind the cast.
+void SplitDensity(Part& part, std::size_t slots);
+void SumDensity(Part& part);
+
 // Index of the cell of a hit among the level^2 cells of its primitive; any weights give a cell inside.
 std::int32_t TriangleCell(Vec3 weights, std::int32_t level);
 std::int32_t TetragonCell(float u, float v, std::int32_t level);
@@ -50,8 +59,9 @@ enum class CellSide { kMet, kOther };  // of the hit: the one that the ray has m
 
 // Adds photon power to the light that leaves the hit of `ray` on a side. Any thread. Instanced geometry, hair
 // and particles have no cells, and in format 1 what is smaller than 1e-5 takes nothing: false.
-bool AddDensity(const RayRecord& ray, CellSide side, Vec3 power);
-// The light that leaves the hit towards the ray's origin; black where there are no cells.
-Vec3 ReadDensity(const RayRecord& ray);
+//   slot  of the light, where kinds are told apart
+bool AddDensity(const RayRecord& ray, CellSide side, Vec3 power, std::int32_t slot = 0);
+// The light that leaves the hit towards the ray's origin, all or of one slot; black where there are no cells.
+Vec3 ReadDensity(const RayRecord& ray, std::int32_t slot = kNone);
 
 }  // namespace zp

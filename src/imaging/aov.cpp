@@ -31,7 +31,7 @@ std::array<double, 3> ExposureOf(const Aov& aov) {
 // Shares of a number of passes, as format 1 plans it, cannot be divided by that of another one.
 bool HasHalves(const Aov& aov) {
   if (aov.nearest) return false;
-  if (settings.format < 2) return aov.mean;
+  if (settings.format < 2) return aov.mean && aov.channel != kChannelLightGroup;
   return aov.channel != kChannelLightPath && aov.channel != kChannelSamples;
 }
 
@@ -64,13 +64,17 @@ void SettleChannel(Aov& aov) {
 void InitializeAov(Aov& aov, int width, int height) {
   aov.width = width;
   aov.height = height;
-  if (IsMatte(aov)) return aov.matte.Resize(width, height);
+  if (IsMatte(aov)) {
+    aov.matte.Resize(width, height);
+    return aov.matte.MakeRoom();
+  }
   Allocate(aov.image, width, height, 3, 32, false);
   aov.odd.clear();
   aov.squares.clear();
   if (!settings.said.halfSets || !HasHalves(aov)) return;
   AddHidden(aov, aov.odd);
-  for (int half = 0; half < 2 && aov.mean && settings.format >= 2; ++half) AddHidden(aov, aov.squares);
+  if (!aov.mean || aov.channel == kChannelLightGroup || settings.format < 2) return;
+  for (int half = 0; half < 2; ++half) AddHidden(aov, aov.squares);
 }
 
 void SaveAovs(const std::vector<Aov>& aovs) {

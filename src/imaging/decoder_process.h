@@ -16,6 +16,7 @@ struct DecoderJob {
   int file = -1;
   std::size_t size = 0;  // of the file, bytes
   bool allowPacked = true;
+  std::int32_t format = 1;  // of the scene: settings.format
 };
 
 // Forks a small process, which forks one for each picture from then on: a process that holds a scene of

@@ -40,6 +40,7 @@ void NameNameless(Camera& camera) {
     const bool standard = row != nullptr && (settings.format >= 2 || word == "uv");
     std::string layer = standard ? std::string(row->layer) : word;
     if (!standard && FindLayerRowOf(layer) != nullptr) layer += "_data";
+    if (!standard && layer.starts_with(kGroupPrefix)) layer.insert(0, "data_");
     if (HasLayer(camera, layer)) continue;
     if (standard)
       SetLayer(aov, *row);
@@ -89,10 +90,24 @@ void AddLayers(Camera& camera, const std::vector<std::string>& words, bool neare
   if (nearest) TakeNearest(camera);
 }
 
+void AddGroupLayers(Camera& camera, const std::vector<std::string>& groups) {
+  std::vector<std::string> names = groups;
+  names.emplace_back(kRestGroup);
+  for (const std::string& name : names) {
+    const std::string layer = std::string(kGroupPrefix) + name;
+    if (HasLayer(camera, layer)) continue;
+    Aov& aov = camera.aovs.emplace_back();
+    aov.channel = kChannelLightGroup;
+    aov.layer = layer;
+    aov.mean = true;
+  }
+}
+
 std::string NameBeside(const std::string& beauty, const std::string& layer) {
   const LayerRow* row = FindLayerRowOf(layer);
   const std::filesystem::path path = beauty;
-  const std::string word = row == nullptr ? layer : std::string(row->word);
+  std::string word = row == nullptr ? layer : std::string(row->word);
+  std::replace(word.begin(), word.end(), '/', '_');
   return (path.parent_path() / (path.stem().string() + "." + word + path.extension().string())).string();
 }
 

@@ -38,6 +38,12 @@ void AddLayers(Camera& camera, const std::vector<std::string>& words, bool neare
 // Names those of one light: "aov_NAME", with a number where it is taken by a layer of the camera.
 void NameLightLayers(Camera& camera, std::vector<Aov>& aovs, const std::string& light);
 
+// Light groups: what lights and emission of one `group` bring, or of none: the group "rest".
+inline constexpr std::string_view kGroupPrefix = "light_";  // of their layers
+inline constexpr std::string_view kRestGroup = "rest";
+// Gives the camera, before it is initialised, an AOV for each of these groups and one for the rest.
+void AddGroupLayers(Camera& camera, const std::vector<std::string>& groups);
+
 // What a picture file that holds one layer is called, beside that of the beauty image: "x.depth.pfm".
 std::string NameBeside(const std::string& beauty, const std::string& layer);
 

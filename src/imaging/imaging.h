@@ -133,6 +133,7 @@ enum Channel : std::uint32_t {
   kChannelShader = 1 << 26,
   // Of the nearest sample to the pixel's middle: 1 less its squared distance, and 1 where it hit something.
   kChannelNearness = 1 << 27,
+  kChannelLightGroup = 1 << 28,  // what one light group brings: a mean, as the beauty image
 };
 
 // What a channel's numbers are: what a screen can show, with an exposure or without, or nothing of the kind.

@@ -32,9 +32,10 @@ std::uint32_t NameHash::Id() const {
   return exponent == 0 || exponent == 255 ? hash ^ 1U << 23U : hash;
 }
 
+// Rows get their pixels when they are needed: a file that claims a size takes no memory for it.
 void MatteLists::Resize(std::int32_t width, std::int32_t height) {
   width_ = std::max(width, 0);
-  rows_.assign(static_cast<std::size_t>(std::max(height, 0)), Row(static_cast<std::size_t>(width_)));
+  rows_.assign(static_cast<std::size_t>(std::max(height, 0)), Row());
 }
 
 std::size_t MatteLists::Bytes() const {
@@ -45,17 +46,20 @@ std::size_t MatteLists::Bytes() const {
 
 void MatteLists::MakeRoom() {
   const auto width = static_cast<std::size_t>(width_);
-  for (Row& row : rows_)
-    if (row.capacity() < row.size() + width) row.reserve(row.size() + width + row.size() / 4);
+  for (Row& row : rows_) {
+    if (row.capacity() < row.size() + width)
+      row.reserve(std::max(row.size(), width) + width + row.size() / 4);
+    if (row.empty()) row.resize(width);
+  }
 }
 
 void MatteLists::Count(std::int32_t x, std::int32_t y, std::uint32_t id) {
   Add(At(rows_, y), x, {id, 1}, kMostIds);
 }
 
-// Where there is no room for another id, the one of fewest samples goes. Of equals it is one that their numbers
-// choose anew each time: so ids that come again are soon met twice, and stay, and the order of the list has no
-// say.
+// Where there is no room for another id, the one of fewest samples goes. Of equals it is one that their
+// numbers choose anew each time: so ids that come again are soon met twice, and stay, and the order of the
+// list has no say.
 void MatteLists::Add(Row& row, std::int32_t x, MatteEntry entry, std::size_t most) {
   Link* link = &At(row, x);
   Link* rarest = link;
@@ -88,6 +92,7 @@ bool MatteLists::AddRow(std::int32_t y, const std::vector<std::uint16_t>& number
   for (const std::uint16_t number : numbers) sum += number;
   const auto isEmpty = [](const MatteEntry& entry) { return entry.id == 0; };
   if (sum != entries.size() || std::any_of(entries.begin(), entries.end(), isEmpty)) return false;
+  if (At(rows_, y).empty()) At(rows_, y).resize(numbers.size());
   std::size_t next = 0;
   for (std::size_t x = 0; x < numbers.size(); ++x)
     for (std::size_t i = 0; i < numbers[x]; ++i)
@@ -100,7 +105,7 @@ void MatteLists::TakeRow(std::int32_t y, std::vector<std::uint16_t>& numbers,
   const Row& row = At(rows_, y);
   numbers.assign(static_cast<std::size_t>(width_), 0);
   entries.clear();
-  for (std::size_t x = 0; x < numbers.size(); ++x)
+  for (std::size_t x = 0; x < std::min(row.size(), numbers.size()); ++x)
     for (const Link* link = &row[x]; link->entry.id != 0; link = &row[link->next]) {
       entries.push_back(link->entry);
       ++numbers[x];
@@ -111,6 +116,7 @@ void MatteLists::TakeRow(std::int32_t y, std::vector<std::uint16_t>& numbers,
 std::vector<MatteEntry> MatteLists::Ranked(std::int32_t x, std::int32_t y) const {
   const Row& row = At(rows_, y);
   std::vector<MatteEntry> ranked;
+  if (row.empty()) return ranked;
   for (const Link* link = &At(row, x); link->entry.id != 0; link = &row[link->next]) {
     ranked.push_back(link->entry);
     if (link->next == kLast) break;

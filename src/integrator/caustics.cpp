@@ -4,6 +4,7 @@
 
 #include "core/index.h"
 #include "integrator/estimator.h"
+#include "integrator/light_shares.h"
 #include "lights/photon_store.h"
 
 namespace zp {
@@ -17,6 +18,16 @@ struct alignas(64) LastGather {
   Event event = kEventLambertian;
 };
 LastGather lastGathers[kMaxThreads];
+
+// Each photon goes to the group of its light.
+void ShareCaustics(const RayRecord& ray, const ShadingPoint& point, Event event, const FoundPhotons& found,
+                   float area) {
+  for (int i = 0; i < found.count && !photonGroups.empty(); ++i) {
+    const std::uint32_t photon = At(found.found, i).photon;
+    const std::size_t slot = photonStore.slots.empty() ? 0 : photonStore.slots[photon];
+    AddCaustics(ray, point, event, photonGroups[slot], photonStore.photons[photon].power / area);
+  }
+}
 
 }  // namespace
 
@@ -51,7 +62,9 @@ Vec3 GatherCaustics(const RayRecord& ray, const ShadingPoint& point, Event event
   if (found.count < 2 || !(found.largestSquared > 0)) return kBlack;
   Vec3 power;
   for (int i = 0; i < found.count; ++i) power += photonStore.photons[At(found.found, i).photon].power;
-  return power / (kPi * found.largestSquared);
+  const float area = kPi * found.largestSquared;
+  if (followsShares) ShareCaustics(ray, point, event, found, area);
+  return power / area;
 }
 
 }  // namespace zp

@@ -9,8 +9,10 @@
 #include "integrator/estimator.h"
 #include "integrator/hair_response.h"
 #include "integrator/integrator.h"
+#include "integrator/light_shares.h"
 #include "integrator/surface_response.h"
 #include "lights/lights.h"
+#include "lights/mix_groups.h"
 #include "shading/directions.h"
 
 namespace zp {
@@ -127,7 +129,7 @@ template <class AnyLight>
 }
 
 bool Records(const GeometryLight&, const Aov& aov, std::int32_t emitter) {
-  return aov.shaderIndex == kNone || aov.shaderIndex == emitter;
+  return aov.shaderIndex == kNone || (settings.format >= 2 && aov.shaderIndex == emitter);
 }
 template <class OtherLight>
 bool Records(const OtherLight&, const Aov&, std::int32_t) {
@@ -151,10 +153,24 @@ bool HasAovs(const AnyLight& light) {
 }
 bool HasAovs(const LightGroup& group) { return group.hasAovs; }
 
-// Adds a sample's share of the pixel to those of the light's AOVs that ask for its lobe.
+// The light group of a sample.
+std::int32_t GroupOf(const GeometryLight&, const LightSample& sample) { return EmissionGroup(sample.shader); }
+std::int32_t GroupOf(const LightGroup& lights, const LightSample& sample) {
+  if (sample.light == kNone) return 0;
+  return lights.parallel ? At(parallelLights, sample.light).groupIndex
+                         : At(pointLights, sample.light).groupIndex;
+}
+template <class OtherLight>
+std::int32_t GroupOf(const OtherLight& light, const LightSample&) {
+  return light.groupIndex;
+}
+
+// Adds a sample's share of the pixel to its group, and to those of the light's AOVs that ask for its lobe.
 template <class AnyLight>
 [[gnu::noinline]] void WriteLightAovs(AnyLight& light, const RayRecord& ray, const ShadingPoint& point,
                                       const LobeRadiance& lobes, float scale, const LightSample& sample) {
+  if (followsShares) AddLobeLight(ray, point, GroupOf(light, sample), lobes, scale);
+  if (ray.depth > 0) return;
   for (Aov& aov : AovsOf(light, sample)) {
     if (!Records(light, aov, sample.shader)) continue;
     Vec3 sum;
@@ -176,7 +192,7 @@ float LobeLevel(const RayRecord& ray, const ShadingPoint& point) {
 }
 
 // Adds one sample's light, by the receivers that its hit has. `scale`: what a sample counts in the AOVs of
-// the light; 0 if it writes none.
+// the light and its group; 0 if it writes none.
 template <class AnyLight>
 void AddSample(const RayRecord& ray, const ShadingPoint& point, AnyLight& light, const Draw& draw,
                bool diffuses, float scale, LobeRadiance& sum) {
@@ -215,7 +231,7 @@ void SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyLight& li
     share.first = ray.sampleNumber;
   }
   const float scale = 1.0f / static_cast<float>(share.count);
-  const float written = ray.depth == 0 && HasAovs(light) ? scale : 0.0f;
+  const float written = (ray.depth == 0 && HasAovs(light)) || followsShares ? scale : 0.0f;
   const auto add = [&](std::uint32_t number, LobeRadiance& into) {
     AddSample(ray, point, light, DrawOf(ray, share, number, decision, sharp), diffuses, written, into);
   };

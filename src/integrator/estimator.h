@@ -135,6 +135,9 @@ void TestElements(ShadingPoint& point);
 
 // What a ray sees that hits nothing. Writes the sky's AOVs from camera rays.
 Vec3 MissRadiance(const RayRecord& ray);
+// What its cells answer for the hit surface, as far as it sends that; of all light, or of photonGroups[slot]
+// (light_shares.h) alone.
+Vec3 CellLight(const RayRecord& ray, const ShadingPoint& point, std::int32_t slot = kNone);
 // What the hit surface sends back along the ray by itself. Writes the geometry light's AOVs.
 Vec3 EmittedRadiance(const RayRecord& ray, const ShadingPoint& point);
 

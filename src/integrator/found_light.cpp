@@ -122,10 +122,10 @@ Vec3 CatcherRadiance(const RayRecord& ray, const ShadingPoint& point) {
 
 // What the cells answer for a layer that paints them. All layers of the side have painted them, each as often
 // as it is drawn: in format 2 those that answer do so for the rest.
-Vec3 CellRadiance(const RayRecord& ray, const ShadingPoint& point) {
+Vec3 CellRadiance(const RayRecord& ray, const ShadingPoint& point, std::int32_t slot = kNone) {
   const bool paints = point.layer->has[Lobe::kLambertian] || point.layer->has[Lobe::kTransmissive];
   if (!point.useDensity || !paints) return kBlack;
-  const Vec3 density = ReadDensity(ray);
+  const Vec3 density = ReadDensity(ray, slot);
   const Shader& shader = ShaderAt(ray.shader);
   if (settings.format < 2 || shader.surfaces.size() < 2) return density;
   return density / DiffuseLayerShare(shader, ray.frontFace, point.uv);
@@ -173,6 +173,10 @@ Vec3 MissRadiance(const RayRecord& ray) {
     return SkyHitWeight(ray) * SkyRadiance(ray.direction);
   }
   return SeenBackground(ray, 1);
+}
+
+Vec3 CellLight(const RayRecord& ray, const ShadingPoint& point, std::int32_t slot) {
+  return point.diffuseWeight * CellRadiance(ray, point, slot);
 }
 
 Vec3 EmittedRadiance(const RayRecord& ray, const ShadingPoint& point) {

@@ -7,6 +7,7 @@
 #include "core/tables.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
+#include "integrator/light_shares.h"
 #include "lights/lights.h"
 
 namespace zp {
@@ -29,6 +30,8 @@ void NumberChild(RayRecord& child, std::uint32_t sample) {
   NumberChild(child, sample);
   child.sampleWeight = sampleWeight;
   ++child.diffuseBounces;
+  if (followsShares) [[unlikely]]
+    ShareWithDiffuse(ray, point, child, event, weight);
   sum += weight * Radiance(child);
   return true;
 }
@@ -60,13 +63,18 @@ Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event,
     const PassShare share = ShareOf(throughput, settings.said.rendererSample);
     const std::int32_t sampleWeight = ray.sampleWeight * share.count;
     const bool diffuses = Diffuses(ray, point);
+    if (followsShares) [[unlikely]]
+      MarkShares(ray);
     int taken = 0;
     for (std::int32_t i = 0; i < share.count && !Stopping(); ++i) {
       const std::uint32_t sample = share.Number(i);
       taken += diffuses ? AddDiffusedSample(ray, point, event, throughput, sample, sampleWeight, sum)
                         : AddDiffuseSample(ray, point, event, throughput, sample, sampleWeight, kWhite, sum);
     }
-    if (CountsLostRays()) taken = share.count;
+    if (CountsLostRays())
+      taken = share.count;
+    else if (followsShares)
+      ScaleFromMark(ray, static_cast<float>(share.count) / static_cast<float>(std::max(taken, 1)));
     if (taken > 0) sum *= 1.0f / static_cast<float>(taken);  // a hair takes all of its share
     if (!hair) sum += GatherCaustics(ray, point, event);
   } else if (LobeRaysLeave(ray)) {
@@ -82,6 +90,8 @@ Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event,
   RayRecord child = MakeLobeChild(ray, point, way, throughput);
   NumberChild(child, sample);
   child.sampleWeight = sampleWeight;
+  if (followsShares) [[unlikely]]
+    ShareWithLobe(ray, point, child, way.event, way.weight * kWhite);
   return way.weight * Radiance(child);
 }
 
@@ -111,6 +121,8 @@ void AddGlossySample(const RayRecord& ray, const ShadingPoint& point, Vec3 throu
   RayRecord child = MakeFiberChild(ray, point, throughput, weight);
   NumberChild(child, sample);
   child.sampleWeight = sampleWeight;
+  if (followsShares) [[unlikely]]
+    ShareWithLobe(ray, point, child, kEventGlossy, weight);
   return weight * Radiance(child);
 }
 
@@ -127,6 +139,19 @@ Vec3 GatherFiber(const RayRecord& ray, const ShadingPoint& point, Vec3 throughpu
   return sum;
 }
 
+// Before the rays of a first hit.
+[[gnu::noinline]] void ForetellGlossyRays(const RayRecord& ray, const ShadingPoint& point,
+                                          const PassShare& share) {
+  if (CountsLostRays()) return;
+  int reflections = 0, refractions = 0;
+  for (std::int32_t i = 0; i < share.count; ++i) {
+    const LobeRays ways = GlossyRays(ray, point, share.Number(i));
+    if (ways.total) ++refractions;
+    for (int k = 0; k < ways.count; ++k) ++(ways.ways[k].event == kEventGlossy ? reflections : refractions);
+  }
+  CountGlossyRays(ray, reflections, refractions);
+}
+
 Vec3 GatherGlossy(const RayRecord& ray, const ShadingPoint& point) {
   const Vec3 throughput = ray.throughput * point.color[Lobe::kGlossy];
   if (IsBlack(throughput)) return kBlack;
@@ -135,6 +160,8 @@ Vec3 GatherGlossy(const RayRecord& ray, const ShadingPoint& point) {
   if (BounceCount(ray) == 0) {
     const Vec3 brightest = throughput * MaxOf(point.specularWeight, point.diffuseWeight);
     const PassShare share = ShareOf(brightest, settings.said.rendererSample);
+    if (followsShares) [[unlikely]]
+      ForetellGlossyRays(ray, point, share);
     for (std::int32_t i = 0; i < share.count && !Stopping(); ++i)
       AddGlossySample(ray, point, throughput, share.Number(i), ray.sampleWeight * share.count, sums);
     if (CountsLostRays()) sums.reflections = sums.refractions = share.count;

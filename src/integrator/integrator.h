@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -87,13 +88,19 @@ struct OddSamples {
   static constexpr std::size_t kMostPixels = 16;
   std::uint64_t samples = 0;
   std::vector<std::uint32_t> pixels;  // linear indices, each once
+  std::array<double, 3> taken = {};   // light that was cut off, a sum over samples
 };
 struct FrameFaults {
-  OddSamples notANumber;  // became settings.said.error
-  OddSamples clamped;     // above settings.said.clamp
+  OddSamples notANumber;       // became settings.said.error
+  OddSamples clamped;          // above settings.said.clamp
+  OddSamples clampedIndirect;  // with light above settings.said.clampIndirect behind the first bounce
+  std::uint64_t held = 0;      // samples of all pixels when this began
 };
+
 // Since RenderLoop began with a frame, of all passes but the one that runs.
 inline FrameFaults frameFaults;
+// The same with `taken` divided by the number of samples: what the picture lacks.
+FrameFaults TellFaults();
 
 // Visits the AOVs of a camera and of all lights, and those that go with them, always in the same order.
 void VisitFrameAovs(Camera& camera, const std::function<void(Aov&)>& visit);

@@ -18,8 +18,10 @@
 #include "geometry/density.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
+#include "integrator/light_shares.h"
 #include "integrator/photon_aim.h"
 #include "lights/lights.h"
+#include "lights/mix_groups.h"
 #include "lights/photon_store.h"
 
 namespace zp {
@@ -37,6 +39,7 @@ struct Cast {
   const ShaderLink& link;
   float offset = 0;  // of the light's terminator
   PathSensor sensor;
+  std::int32_t group = kNone;  // of the light; kNone: that of the surface where a photon starts
 };
 
 // Caustic photons of one thread, gathered into the store behind the cast in the order of their numbers: no
@@ -44,13 +47,15 @@ struct Cast {
 struct Landing {
   std::uint32_t number;
   PhotonRecord photon;
+  std::uint16_t slot;
 };
 using Landings = std::vector<Landing>;
 
 // What the photons of one thread leave.
 struct alignas(64) Trail {
   Landings landings;
-  bool useful = false;  // some light of the photon that is on its way
+  bool useful = false;    // some light of the photon that is on its way
+  std::int32_t slot = 0;  // of that photon: see photonGroups
 };
 
 // Without AOVs where nothing asks for light paths. Intended: the camera's first pose, in perspective.
@@ -159,7 +164,7 @@ void BounceDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event,
   const Vec3 throughput = LandingWeight(ray, point, cast) * color * ray.throughput;
   if (IsBlack(throughput) || !settings.derived.finalGathering) return;
   const CellSide side = event == kEventLambertian ? CellSide::kMet : CellSide::kOther;
-  if (AddDensity(ray, side, throughput * ray.photonPower)) trail.useful = true;
+  if (AddDensity(ray, side, throughput * ray.photonPower, trail.slot)) trail.useful = true;
   Vec3 direction;
   if (!DiffuseDirection(ray, point, event, ray.sampleNumber, direction)) return;
   RayRecord child = MakeChildRay(ray, point, event, direction, LeavingWeight(point, direction) * throughput);
@@ -210,7 +215,8 @@ void BouncePhoton(RayRecord& ray, const Cast& cast, Trail& trail) {
       trail.landings.push_back(
           {ray.sampleNumber,
            {point.position, ray.photonPower * ray.throughput / Opacity(ShaderAt(ray.shader), point.uv),
-            PackDirection(point.outgoing), PackDirection(point.geometricNormal)}});
+            PackDirection(point.outgoing), PackDirection(point.geometricNormal)},
+           static_cast<std::uint16_t>(trail.slot)});
       trail.useful = true;
     }
     if (point.has[Lobe::kLambertian])
@@ -260,7 +266,10 @@ void Store(const std::vector<Trail>& ofThreads) {
   std::stable_sort(all.begin(), all.end(),
                    [](const Landing& a, const Landing& b) { return a.number < b.number; });
   photonStore.photons.reserve(photonStore.photons.size() + all.size());
-  for (const Landing& landing : all) photonStore.photons.push_back(landing.photon);
+  for (const Landing& landing : all) {
+    photonStore.photons.push_back(landing.photon);
+    if (SplitsPhotons()) photonStore.slots.push_back(landing.slot);
+  }
 }
 
 // Calls castOne(i) for first <= i < end, on as many threads as that is worth. Paths differ greatly in length;
@@ -315,6 +324,8 @@ void CastFrom(std::int64_t count, std::uint32_t ordinal, const Cast& cast, int a
     ray.photonPower *= 1 / chance;
     Trail& trail = trails[thread];
     trail.useful = false;
+    if (SplitsPhotons())
+      trail.slot = PhotonSlot(cast.group == kNone ? EmissionGroup(ray.parentShader) : cast.group);
     if (Largest(ray.photonPower) > 0 && IsFinite(ray.photonPower)) BouncePhoton(ray, cast, trail);
     if (i < aim.trials && aim.axes > 0) CountTrial(aim, cell, trail.useful);
   };
@@ -336,7 +347,7 @@ void CastPhotonsFromLights(const std::vector<Light>& lights) {
   std::uint32_t ordinal = 0;
   for (const Light& light : lights) {
     if (light.photon <= 0) continue;
-    CastFrom(light.photon, ordinal++, {light.link, light.offset, MakePathSensor()}, 2,
+    CastFrom(light.photon, ordinal++, {light.link, light.offset, MakePathSensor(), light.groupIndex}, 2,
              [&](RayRecord& ray, std::uint32_t number) { MakePhotonRay(light, ray, number); });
   }
 }
@@ -348,20 +359,47 @@ std::int64_t CountPhotons(const std::vector<Light>& lights) {
   return photons;
 }
 
+// Those of all lights that cast.
+std::vector<std::int32_t> CastingGroups(bool geometryCasts, bool skyCasts) {
+  std::vector<std::int32_t> groups;
+  const auto add = [&groups](const auto& lights) {
+    for (const Light& light : lights)
+      if (light.photon > 0) groups.push_back(light.groupIndex);
+  };
+  add(parallelLights);
+  add(pointLights);
+  if (skyCasts) groups.push_back(skyLight.groupIndex);
+  for (const Shader& shader : shaders)
+    if (geometryCasts && (shader.frontEmissive || shader.backEmissive)) groups.push_back(shader.groupIndex);
+  return groups;
+}
+
+void TellPhotonsApart(bool geometryCasts, bool skyCasts) {
+  SetPhotonGroups(CastingGroups(geometryCasts, skyCasts));
+  if (!SplitsPhotons() || !settings.derived.finalGathering || !IsIndex(objectTable, rootObject)) return;
+  for (Part& part : At(objectTable, rootObject).parts) SplitDensity(part, photonGroups.size());
+}
+void SumCells() {
+  if (!SplitsPhotons() || !settings.derived.finalGathering || !IsIndex(objectTable, rootObject)) return;
+  for (Part& part : At(objectTable, rootObject).parts) SumDensity(part);
+}
+
 }  // namespace
 
 void CastPhotons() {
   const Cast fromGeometry = {geometryLight.link, 0, MakePathSensor()};
-  const Cast fromSky = {skyLight.link, 0, MakePathSensor()};
+  const Cast fromSky = {skyLight.link, 0, MakePathSensor(), skyLight.groupIndex};
   const bool geometryCasts = !LeavesNothing(fromGeometry, geometryLight.area > 0);
   const std::int32_t ofGeometry = geometryCasts ? std::max(PhotonsOf(geometryLight.photon), 0) : 0;
   const std::int32_t ofSky = LeavesNothing(fromSky, false) ? 0 : std::max(PhotonsOf(skyLight.photon), 0);
   BeginWork(Phase::kCasting, static_cast<std::uint64_t>(CountPhotons(parallelLights) +
                                                         CountPhotons(pointLights) + ofGeometry + ofSky));
+  if (followsShares) TellPhotonsApart(ofGeometry > 0, ofSky > 0);
   CastPhotonsFromLights(parallelLights);
   CastPhotonsFromLights(pointLights);
   if (ofGeometry > 0) CastFrom(ofGeometry, 0, fromGeometry, 0, MakeGeometryPhotonRay);
   if (ofSky > 0) CastFrom(ofSky, 0, fromSky, 4, MakeSkyPhotonRay);
+  SumCells();
 }
 
 }  // namespace zp

@@ -10,6 +10,7 @@
 #include "geometry/geometry.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
+#include "integrator/light_shares.h"
 #include "integrator/surface_layers.h"
 
 namespace zp {
@@ -105,6 +106,33 @@ bool TakesDirectLight(const RayRecord& ray, const ShadingPoint& point) {
   return (lobe || IsHair(point)) && IsInOpen(ray);
 }
 
+// What a ray brings home.
+Vec3 LightOfMiss(const RayRecord& ray) {
+  return settings.derived.tracksMedia ? MissRadiance(ray) * Transmission(ray) : MissRadiance(ray);
+}
+Vec3 SumOfHit(const RayRecord& ray, const HitRadiance& radiance) {
+  Vec3 sum;
+  for (const Vec3& light : radiance.lobes.values) sum += light;
+  sum += radiance.emission;
+  return sceneHasMedia ? sum * Transmission(ray) : sum;
+}
+
+// The same where layers or light groups want to know of it.
+[[gnu::noinline]] Vec3 WatchMiss(const RayRecord& ray) {
+  if (layerTargets.any && BounceCount(ray) == 0) WriteMissLayers(ray);
+  const Vec3 light = LightOfMiss(ray);
+  if (followsShares) AddLight(ray, skyLight.groupIndex, light);
+  return light;
+}
+[[gnu::noinline]] void WatchHit(const RayRecord& ray, const ShadingPoint& point) {
+  if (layerTargets.any && BounceCount(ray) == 0) WriteHitLayers(ray, point);
+  if (followsShares) EnterHit(ray, point);
+}
+[[gnu::noinline]] Vec3 SumWithShares(const RayRecord& ray, const ShadingPoint& point, HitRadiance& radiance) {
+  LeaveHit(ray, point, radiance.lobes, radiance.emission);
+  return SumOfHit(ray, radiance);
+}
+
 }  // namespace
 
 void TestElements(ShadingPoint& point) {
@@ -146,23 +174,23 @@ void AddToAov(Aov& aov, std::size_t pixel, Vec3 value) {
 Vec3 Radiance(RayRecord& ray) {
   const bool scatters = ray.depth < settings.said.rayDepth;
   if (!(scatters || OnlyMeetsLight(ray)) || IsBlack(ray.throughput) || Stopping()) return kBlack;
-  const bool showsLayers = layerTargets.any && BounceCount(ray) == 0;
+  const bool isWatched = layerTargets.any | followsShares;
   if (!Trace(ray)) {
-    if (showsLayers) [[unlikely]]
-      WriteMissLayers(ray);
-    return settings.derived.tracksMedia ? MissRadiance(ray) * Transmission(ray) : MissRadiance(ray);
+    if (isWatched) [[unlikely]]
+      return WatchMiss(ray);
+    return LightOfMiss(ray);
   }
 
   ShadingPoint point;
   point.useDensity = MayReadDensity(ray);
   if (!SetUpShadingPoint(ray, point)) {
-    if (showsLayers) WriteEmptyHitLayers(ray);
+    if (isWatched && BounceCount(ray) == 0) WriteEmptyHitLayers(ray);
     return kBlack;
   }
   point.useDensity = point.useDensity && ReadsDensity(ray, point);
   TestElements(point);
-  if (showsLayers) [[unlikely]]
-    WriteHitLayers(ray, point);
+  if (isWatched) [[unlikely]]
+    WatchHit(ray, point);
 
   HitRadiance radiance;
   if (scatters && TakesDirectLight(ray, point)) SampleLights(ray, point, radiance.lobes);
@@ -175,10 +203,9 @@ Vec3 Radiance(RayRecord& ray) {
   Camera* camera = ActiveCamera();
   if (ray.depth == 0 && camera != nullptr) WriteCameraAovs(*camera, ray, point, radiance);
 
-  Vec3 sum;
-  for (const Vec3& light : radiance.lobes.values) sum += light;
-  sum += radiance.emission;
-  return sceneHasMedia ? sum * Transmission(ray) : sum;
+  if (followsShares) [[unlikely]]
+    return SumWithShares(ray, point, radiance);
+  return SumOfHit(ray, radiance);
 }
 
 }  // namespace zp

@@ -3,7 +3,9 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <cmath>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,6 +19,7 @@
 #include "imaging/preview.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
+#include "integrator/light_shares.h"
 #include "integrator/surface_layers.h"
 #include "lights/lights.h"
 
@@ -50,18 +53,24 @@ struct Pass {
   std::uint32_t number;
 };
 
-// Where a thread has met the first odd samples of a pass, row by row.
-struct OddPixels {
-  std::vector<std::uint32_t> notANumber, clamped;
-};
-OddPixels oddPixels[kMaxThreads];
+// What a thread has met in a pass so far, with the first pixels row by row.
+FrameFaults faultsOfThreads[kMaxThreads];
 
 // Behind a stop the sample is dropped.
-[[gnu::noinline]] void CountOddSample(std::vector<std::uint32_t>& pixels, std::uint32_t pixel,
-                                      std::uint64_t& count) {
+[[gnu::noinline]] void CountOddSample(OddSamples& odd, std::uint32_t pixel, Vec3 taken = kBlack) {
   if (Stopping()) return;
-  ++count;
-  if (pixels.size() < OddSamples::kMostPixels) pixels.push_back(pixel);
+  ++odd.samples;
+  if (odd.pixels.size() < OddSamples::kMostPixels) odd.pixels.push_back(pixel);
+  for (int c = 0; c < 3; ++c)
+    if (std::isfinite(taken[c])) odd.taken[static_cast<std::size_t>(c)] += static_cast<double>(taken[c]);
+}
+
+// Ends what BeginSample has begun.
+[[gnu::noinline]] void EndSample(std::uint8_t thread, std::uint32_t pixel, Vec3 color, Vec3 limited) {
+  if (!IsFinite(color)) return ReplaceSample(thread, limited);
+  LimitSample(thread, color, limited);
+  const TakenLight taken = TakenByLimits(thread);
+  if (taken.any) CountOddSample(faultsOfThreads[thread].clampedIndirect, pixel, taken.light);
 }
 
 // One sample of one pixel, fit to be shown. `ray` is scratch.
@@ -73,40 +82,41 @@ Vec3 SamplePixel(const Pass& pass, int x, int y, std::uint8_t thread, RayRecord&
   ray.thread = thread;
   const Vec2 place = MakePrimaryRay(pass.camera, pass.pose, ray, x, y, pass.number);
   if (layerTargets.ofSamples) BeginSampleLayers(thread, pixel, place);
+  if (followsShares) [[unlikely]]
+    BeginSample(ray);
   const Vec3 color = Radiance(ray);
-  if (!IsFinite(color)) {
-    CountOddSample(oddPixels[thread].notANumber, pixel, threadSlots[thread].notANumber);
-    return settings.said.error;
-  }
-  const Vec3 limited = MinOf(settings.said.clamp, color);
-  if (limited != color) CountOddSample(oddPixels[thread].clamped, pixel, threadSlots[thread].clamped);
+  const bool isNumber = IsFinite(color);
+  const Vec3 limited = isNumber ? MinOf(settings.said.clamp, color) : settings.said.error;
+  if (!isNumber)
+    CountOddSample(faultsOfThreads[thread].notANumber, pixel);
+  else if (limited != color)
+    CountOddSample(faultsOfThreads[thread].clamped, pixel, color - limited);
+  if (followsShares) [[unlikely]]
+    EndSample(thread, pixel, color, limited);
   return limited;
-}
-
-void AddOddPixels(OddSamples& odd, std::vector<std::uint32_t>& found) {
-  std::sort(found.begin(), found.end());
-  for (const std::uint32_t pixel : found)
-    if (odd.pixels.size() < OddSamples::kMostPixels &&
-        std::find(odd.pixels.begin(), odd.pixels.end(), pixel) == odd.pixels.end())
-      odd.pixels.push_back(pixel);
 }
 
 // Sums what the threads have met in a pass. Each has seen rows from above, so that the first of all are
 // among the first of each.
+void CollectOddSamples(OddSamples FrameFaults::*kind) {
+  OddSamples& all = frameFaults.*kind;
+  std::vector<std::uint32_t> found;
+  for (FrameFaults& faults : faultsOfThreads) {
+    const OddSamples odd = std::exchange(faults.*kind, {});
+    all.samples += odd.samples;
+    for (std::size_t c = 0; c < 3; ++c) all.taken[c] += odd.taken[c];
+    found.insert(found.end(), odd.pixels.begin(), odd.pixels.end());
+  }
+  std::sort(found.begin(), found.end());
+  for (const std::uint32_t pixel : found)
+    if (all.pixels.size() < OddSamples::kMostPixels &&
+        std::find(all.pixels.begin(), all.pixels.end(), pixel) == all.pixels.end())
+      all.pixels.push_back(pixel);
+}
 void CollectOddSamples() {
-  OddPixels found;
-  for (ThreadSlot& slot : threadSlots) {
-    frameFaults.notANumber.samples += std::exchange(slot.notANumber, 0);
-    frameFaults.clamped.samples += std::exchange(slot.clamped, 0);
-  }
-  for (OddPixels& odd : oddPixels) {
-    found.notANumber.insert(found.notANumber.end(), odd.notANumber.begin(), odd.notANumber.end());
-    found.clamped.insert(found.clamped.end(), odd.clamped.begin(), odd.clamped.end());
-    odd.notANumber.clear();
-    odd.clamped.clear();
-  }
-  AddOddPixels(frameFaults.notANumber, found.notANumber);
-  AddOddPixels(frameFaults.clamped, found.clamped);
+  for (OddSamples FrameFaults::*kind :
+       {&FrameFaults::notANumber, &FrameFaults::clamped, &FrameFaults::clampedIndirect})
+    CollectOddSamples(kind);
 }
 
 // That a thread has taken in the pass so far.
@@ -118,6 +128,16 @@ std::uint64_t RaysOf(std::uint8_t thread) {
 void AddToMean(ImageBuffer& mean, std::size_t pixel, Vec3 color, std::uint32_t samples) {
   const auto count = static_cast<float>(samples);
   WritePixel(mean, (ReadPixel(mean, pixel) * count + color) / (count + 1.0f), pixel);
+}
+
+// The same of an image of means, with those that go with it.
+//   samples  of the pixel in the half set of the pass
+void AddSample(Aov& aov, std::size_t pixel, Vec3 color, std::uint32_t half, std::uint32_t done,
+               std::uint32_t samples) {
+  if (aov.odd.empty() || settings.format < 2) AddToMean(aov.image, pixel, color, done);
+  if (aov.odd.empty() || (settings.format < 2 && half == 0)) return;
+  AddToMean(half == 0 ? aov.image : aov.odd[0].image, pixel, color, samples);
+  if (!aov.squares.empty()) AddToMean(aov.squares[half].image, pixel, color * color, samples);
 }
 
 // Sums the threads' counters into the settings and clears them.
@@ -177,7 +197,8 @@ std::vector<Aov*> SummingAovs(Camera& camera) {
                              static_cast<std::size_t>(std::max(camera.height, 0));
   ForEachAov(camera, [&](Aov& aov) {
     if (aov.image.channels == 3 && aov.image.floatPixels.size() >= 3 * pixels &&
-        aov.channel != kChannelLightPath && !(aov.mean && aov.channel == kChannelBeauty))
+        aov.channel != kChannelLightPath && aov.channel != kChannelLightGroup &&
+        !(aov.mean && aov.channel == kChannelBeauty))
       aovs.push_back(&aov);
   });
   return aovs;
@@ -260,7 +281,7 @@ int SampleRow(const Pass& pass, int x, int y, std::uint8_t thread, PixelSums& su
       break;
     }
     if (layerTargets.ofSamples) FinishSampleLayers(thread, x, y);
-    sink(x, y, color);
+    sink(x, y, color, thread);
   }
   return std::min(x, pass.region.xMax);
 }
@@ -272,14 +293,15 @@ int FirstMissing(const Pass& pass, const RowSamples& row) {
                                                           : std::max(pass.region.xMin, row.cut);
 }
 
-// Samples every pixel of the region once; `sink` receives x, y and the colour, from any thread. False when a
-// stop has left pixels out. Rows are dealt out by hand: a loop of OpenMP could not pause.
+// Samples every pixel of the region once; `sink` receives x, y, the colour and its thread. False when a stop
+// has left pixels out. Rows are dealt out by hand: a loop of OpenMP could not pause.
 template <class Sink>
 bool SampleRegion(Camera& camera, const Region& region, std::uint32_t number, const Sink& sink) {
   const int threads = std::clamp(omp_get_max_threads(), 1, kMaxThreads);
   const std::vector<Aov*> aovs = SummingAovs(camera);
   const Pass pass = {camera, CameraAtTime(camera, TimeOfPass(camera, number)), region, number};
   FindLayerTargets(camera, pass.pose, number);
+  if (followsShares) PrepareShares(camera, threads);
   CountFrame(camera, region);
   RowCounter rows(region);
   const std::int64_t start = WallTicks();
@@ -345,6 +367,26 @@ const ImageBuffer* BeautyImage() {
   return &finished;
 }
 
+// How much of the picture's light a limit has taken, by the means of both; per cent.
+float TakenShare(const OddSamples& odd, Vec3 mean) {
+  const double cut = odd.taken[0] + odd.taken[1] + odd.taken[2];
+  const double all =
+      cut + static_cast<double>(mean.x) + static_cast<double>(mean.y) + static_cast<double>(mean.z);
+  return all > 0 ? static_cast<float>(100 * cut / all) : 0.0f;
+}
+
+void PrintTaken(Vec3 mean) {
+  const FrameFaults faults = TellFaults();
+  if (settings.format >= 2 && faults.clamped.samples > 0) {
+    PrintIntegerRow("clamp cut", faults.clamped.samples, "samples");
+    PrintFloatRow("clamp took", TakenShare(faults.clamped, mean), "% of the light");
+  }
+  if (settings.format >= 2 && faults.clampedIndirect.samples > 0) {
+    PrintIntegerRow("clamp_indirect cut", faults.clampedIndirect.samples, "samples");
+    PrintFloatRow("clamp_indirect took", TakenShare(faults.clampedIndirect, mean), "% of the light");
+  }
+}
+
 void FinishFrame(const Camera& camera) {
   if (camera.aovs.empty()) return;
   const ImageBuffer& beauty = *BeautyImage();
@@ -353,6 +395,7 @@ void FinishFrame(const Camera& camera) {
   PrintRule();
   PrintVectorRow("avgerage of " + beauty.fileName, mean, "n/a");
   PrintVectorRow("variance of " + beauty.fileName, variance, "n/a");
+  PrintTaken(mean);
   PrintRule();
   const std::int64_t ticks = std::max<std::int64_t>(WallTicks() - StartOfFrames(), 0);
   PrintIntegerRow("rendering time", static_cast<std::uint64_t>(ticks / 10'000'000), "seconds");
@@ -412,7 +455,7 @@ void ReplayFirstPass(Camera& camera) {
   settings.frame.samplePass = 0;
   ClearOccluderLogs();
   MoveTo(TimeOfPass(camera, 0));
-  SampleRegion(camera, RegionOf(camera), 0, [](int, int, Vec3) {});
+  SampleRegion(camera, RegionOf(camera), 0, [](int, int, Vec3, std::uint8_t) {});
   for (Object& object : objectTable) OrderOccluders(object);
   std::size_t count = 0;
   ForEachAov(camera, [&](Aov& aov) {
@@ -446,6 +489,16 @@ void ImageStatistics(const ImageBuffer& image, Vec3& mean, Vec3& variance) {
   }
 }
 
+FrameFaults TellFaults() {
+  FrameFaults faults = frameFaults;
+  if (faults.clamped.samples + faults.clampedIndirect.samples == 0) return faults;
+  const std::uint64_t samples = CountSamples(frameState);
+  const std::uint64_t counted = samples - std::min(samples, frameFaults.held);
+  for (OddSamples* odd : {&faults.clamped, &faults.clampedIndirect})
+    for (double& light : odd->taken) light /= static_cast<double>(std::max<std::uint64_t>(counted, 1));
+  return faults;
+}
+
 void VisitFrameAovs(Camera& camera, const std::function<void(Aov&)>& visit) { ForEachAov(camera, visit); }
 
 PassRange PassesToRender() {
@@ -465,14 +518,14 @@ bool RenderPixels(std::uint32_t pass) {
       beauty.image.floatPixels.empty())
     return !Stopping();
   const std::uint32_t done = pass - std::min(pass, PassesToRender().begin);
-  return SampleRegion(camera, RegionOf(camera), pass, [&](int x, int y, Vec3 color) {
+  return SampleRegion(camera, RegionOf(camera), pass, [&](int x, int y, Vec3 color, std::uint8_t thread) {
     const std::size_t pixel = PixelIndex(camera, x, y);
     const std::uint32_t half = HalfOfPass(pass);
-    if (beauty.odd.empty() || settings.format < 2) AddToMean(beauty.image, pixel, color, done);
-    if (beauty.odd.empty() || (settings.format < 2 && half == 0)) return;
-    const std::uint32_t samples = SamplesOf(frameState, x, y, half);
-    AddToMean(half == 0 ? beauty.image : beauty.odd[0].image, pixel, color, samples);
-    if (!beauty.squares.empty()) AddToMean(beauty.squares[half].image, pixel, color * color, samples);
+    const std::uint32_t samples = beauty.odd.empty() ? done : SamplesOf(frameState, x, y, half);
+    const auto add = [&](Aov& aov, Vec3 value) { AddSample(aov, pixel, value, half, done, samples); };
+    add(beauty, color);
+    if (followsShares) [[unlikely]]
+      ForEachGroup(thread, add);
   });
 }
 
@@ -488,10 +541,11 @@ void RenderPixels(int count, float* out, int pass) {
 
   const auto width = static_cast<std::size_t>(region.xMax - region.xMin);
   std::vector<Vec3> colors(width * static_cast<std::size_t>(region.yMax - region.yMin));
-  SampleRegion(camera, region, static_cast<std::uint32_t>(sample), [&](int x, int y, Vec3 color) {
-    colors[static_cast<std::size_t>(y - region.yMin) * width + static_cast<std::size_t>(x - region.xMin)] =
-        color;
-  });
+  SampleRegion(camera, region, static_cast<std::uint32_t>(sample),
+               [&](int x, int y, Vec3 color, std::uint8_t) {
+                 colors[static_cast<std::size_t>(y - region.yMin) * width +
+                        static_cast<std::size_t>(x - region.xMin)] = color;
+               });
   if (out == nullptr || count <= 0) return;
   const std::size_t copied = std::min(colors.size(), static_cast<std::size_t>(count));
   for (std::size_t i = 0; i < copied; ++i)
@@ -532,6 +586,7 @@ void RenderLoop(std::uint32_t held) {
   for (std::uint32_t pass = 0; pass < first && !Stopping(); ++pass) UpdateScene(camera.sample);
   frameReport = {held, passes.end - passes.begin};
   frameFaults = {};
+  frameFaults.held = CountSamples(frameState);
   if (held > 0 && (first >= passes.end || frameObserver.finish)) return FinishFrame(camera);
   if (settings.said.previewWindow) {
     const std::string obstacle = PreviewObstacle(camera.width, camera.height);

@@ -10,6 +10,7 @@
 #include "geometry/density.h"
 #include "integrator/estimator.h"
 #include "integrator/integrator.h"
+#include "integrator/light_shares.h"
 #include "integrator/photons.h"
 #include "lights/lights.h"
 #include "lights/photon_store.h"
@@ -23,7 +24,8 @@ void LimitSettings() {
   settings.said.rendererSample = std::max(GatherBudget(), 0);  // it weighs lobes against lights
   settings.said.rendererBounce = std::max(settings.said.rendererBounce, 1);
   for (int c = 0; c < 3; ++c)
-    if (!(settings.said.clamp[c] >= 0)) settings.said.clamp[c] = 0;  // no number at all included
+    for (Vec3* limit : {&settings.said.clamp, &settings.said.clampIndirect})
+      if (!((*limit)[c] >= 0)) (*limit)[c] = 0;  // no number at all included
 }
 
 // Where nobody says one: 1 scene unit in format 1, 0.005 of the diagonal of the scene's bounds in format 2.
@@ -52,6 +54,7 @@ void InitializeRenderer() {
 
   EmptyPhotonStore();
   InitializeMedia();
+  InitializeShares();
   AimPhotons();
   const std::int64_t start = WallTicks();
   CastPhotons();
@@ -74,6 +77,7 @@ void InitializeRenderer() {
 }
 
 void FinalizeRenderer() {
+  FinalizeShares();
   EmptyPhotonStore();
   ResetPhotonRadius();
   ResetRenderer();

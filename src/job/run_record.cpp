@@ -48,6 +48,12 @@ Json JsonOf(const OddSamples& odd, std::int32_t width) {
   return {{"samples", odd.samples}, {"pixels", pixels}};
 }
 
+Json LimitJson(const OddSamples& odd, std::int32_t width) {
+  Json all = JsonOf(odd, width);
+  all["taken"] = odd.taken;
+  return all;
+}
+
 Json JsonOf(const FrameRecord& frame) {
   const FramePlan& plan = frame.plan;
   return {{"camera", {{"number", plan.camera}, {"name", frame.camera}}},
@@ -64,7 +70,8 @@ Json JsonOf(const FrameRecord& frame) {
           {"photons", frame.photons},
           {"stored_photons", frame.storedPhotons},
           {"not_a_number", JsonOf(frame.faults.notANumber, plan.width)},
-          {"clamped", JsonOf(frame.faults.clamped, plan.width)},
+          {"clamped", LimitJson(frame.faults.clamped, plan.width)},
+          {"clamped_indirect", LimitJson(frame.faults.clampedIndirect, plan.width)},
           {"halves_held", frame.held},
           {"error", frame.error ? Json(*frame.error) : Json()}};
 }

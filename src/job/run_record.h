@@ -34,7 +34,7 @@ struct FrameRecord {
   double seconds = 0;               // spent on passes, by all runs
   std::uint64_t rays = 0;           // of this run, as what follows
   std::uint64_t photons = 0, storedPhotons = 0;
-  FrameFaults faults;
+  FrameFaults faults;           // what limits have taken as means of its samples: TellFaults
   std::uint64_t held = 0;       // numbers of its file of layers that were too large for half floats
   std::optional<double> error;  // relative, where it is estimated
 };

@@ -197,6 +197,7 @@ bool SampleByArea(Vec3 position, double choice, float a, float b, LightSample& s
   if (!(cosine > 0) || !(squared > 0) || !std::isfinite(squared)) return false;
 
   sample.direction = -point.outgoing;
+  sample.shader = pick.shader;
   sample.radiance = SampledEmission(ShaderOf(pick), pick.side != 0, point);
   // Shadow rays end this share of the way before an emitter, which would block its own light.
   constexpr float kShortOfEmitter = 1e-4f;

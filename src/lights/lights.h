@@ -54,8 +54,10 @@ struct Light {
   std::int32_t sample = 1;   // shadow rays of a first hit, over all passes or, in format 2, in each
   ShaderLink link;
   std::vector<Aov> aovs;
-  float cosine = 1;     // of the cone that photons are shot into
-  float offset = 0.1f;  // softens the terminator of Lambertian surfaces
+  std::string group;            // light group: lights/groups.h
+  std::int32_t groupIndex = 0;  // derived
+  float cosine = 1;             // of the cone that photons are shot into
+  float offset = 0.1f;          // softens the terminator of Lambertian surfaces
 };
 
 struct PointLight : Light {
@@ -122,6 +124,8 @@ struct SkyLight {
   float ior = 1;
   ShaderLink link;
   std::vector<Aov> aovs;
+  std::string group;
+  std::int32_t groupIndex = 0;  // derived
 };
 extern SkyLight skyLight;
 
@@ -133,6 +137,7 @@ struct GeometryLight {
   bool initialized = false;
   ShaderLink link;
   std::vector<Aov> aovs;
+  std::string group;  // of emission whose Shader names none
 };
 extern GeometryLight geometryLight;
 

@@ -71,9 +71,15 @@ struct Split {
   std::uint32_t left = 0, right = 0;
 };
 
+// A photon with its slot.
+struct SlottedPhoton : PhotonRecord {
+  std::uint16_t slot = 0;
+};
+
 // The tree grows into nodes that are there already, so that threads share nothing but the counter.
+template <class Record>
 struct Builder {
-  std::vector<PhotonRecord>& photons;
+  std::vector<Record>& photons;
   std::vector<PhotonNode>& nodes;
   float radius;
   std::atomic<std::uint32_t> used{1};
@@ -125,7 +131,7 @@ struct Builder {
     const Split split = BestSplit(box, axis, first, end);
     const auto begin = photons.begin();
     // By the plane and not by the bins, so that searches can trust it.
-    const auto middle = std::partition(begin + first, begin + end, [&](const PhotonRecord& photon) {
+    const auto middle = std::partition(begin + first, begin + end, [&](const Record& photon) {
       return photon.position[axis] < split.plane;
     });
     const auto pivot = static_cast<std::uint32_t>(middle - begin);
@@ -171,6 +177,27 @@ void PrintPhotons() {
   PrintCountRow("photons", count, static_cast<float>(count * sizeof(PhotonRecord)) * kMegabytesPerByte);
 }
 
+template <class Record>
+void BuildTree(std::vector<Record>& photons, float radius) {
+  // Leaves hold eight photons and more on average, and a node in between two children.
+  photonStore.nodes.resize(2 * photons.size() + 1);
+  Builder<Record> builder{photons, photonStore.nodes, radius};
+  builder.Build(photonStore.box, 0, static_cast<std::uint32_t>(photons.size()), 0, 0);
+  photonStore.nodes.resize(std::min<std::size_t>(builder.used, photonStore.nodes.size()));
+  photonStore.nodes.shrink_to_fit();
+}
+
+void BuildWithSlots(float radius) {
+  const std::size_t count = photonStore.photons.size();
+  std::vector<SlottedPhoton> photons(count);
+  for (std::size_t i = 0; i < count; ++i) photons[i] = {photonStore.photons[i], photonStore.slots[i]};
+  BuildTree(photons, radius);
+  for (std::size_t i = 0; i < count; ++i) {
+    photonStore.photons[i] = photons[i];
+    photonStore.slots[i] = photons[i].slot;
+  }
+}
+
 }  // namespace
 
 void BuildPhotonStore(float radius) {
@@ -179,17 +206,16 @@ void BuildPhotonStore(float radius) {
   Release(photonStore.nodes);
   if (photons.empty()) return PrintPhotons();
   for (const PhotonRecord& photon : photons) Grow(photonStore.box, photon.position);
-  // Leaves hold eight photons and more on average, and a node in between two children.
-  photonStore.nodes.resize(2 * photons.size() + 1);
-  Builder builder{photons, photonStore.nodes, radius};
-  builder.Build(photonStore.box, 0, static_cast<std::uint32_t>(photons.size()), 0, 0);
-  photonStore.nodes.resize(std::min<std::size_t>(builder.used, photonStore.nodes.size()));
-  photonStore.nodes.shrink_to_fit();
+  if (photonStore.slots.size() == photons.size())
+    BuildWithSlots(radius);
+  else
+    BuildTree(photons, radius);
   PrintPhotons();
 }
 
 void EmptyPhotonStore() {
   Release(photonStore.photons);
+  Release(photonStore.slots);
   Release(photonStore.nodes);
   photonStore.box = Box();
 }

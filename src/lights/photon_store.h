@@ -38,6 +38,7 @@ static_assert(sizeof(PhotonNode) == 12);
 
 struct PhotonStore {
   std::vector<PhotonRecord> photons;  // in the order of the leaves, once built
+  std::vector<std::uint16_t> slots;   // what each photon is told apart by; empty where nothing asks
   std::vector<PhotonNode> nodes;      // node 0 is the root
   Box box;                            // of all positions
 };

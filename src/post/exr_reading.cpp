@@ -24,6 +24,18 @@
 namespace zp {
 namespace {
 
+// What the library reads of a value, whatever size the file tells.
+constexpr std::pair<std::string_view, std::size_t> kFixedSizes[] = {
+    {"box2f", 16},      {"box2i", 16},   {"chromaticities", 32},
+    {"compression", 1}, {"double", 8},   {"envmap", 1},
+    {"float", 4},       {"int", 4},      {"keycode", 28},
+    {"lineOrder", 1},   {"m33d", 72},    {"m33f", 36},
+    {"m44d", 128},      {"m44f", 64},    {"rational", 8},
+    {"tiledesc", 9},    {"timecode", 8}, {"v2d", 16},
+    {"v2f", 8},         {"v2i", 8},      {"v3d", 24},
+    {"v3f", 12},        {"v3i", 12},     {"deepImageState", 1},
+};
+
 // The bytes' own headers, before the library sees them: it takes what they claim for true, and makes room.
 class HeaderCheck {
  public:
@@ -70,6 +82,8 @@ class HeaderCheck {
     for (std::string name = Text(); !name.empty(); name = Text()) {
       const std::string type = Text();
       const std::size_t size = Number(), end = Need(size) + size;
+      for (const auto& [fixed, bytes] : kFixedSizes)
+        if (type == fixed && size != bytes) Refuse();
       if (type == "box2i" && size == 16 && name == "dataWindow") {
         const std::int32_t left = Signed(), top = Signed(), right = Signed(), bottom = Signed();
         Grow(left, top, right, bottom);
@@ -78,6 +92,13 @@ class HeaderCheck {
         tile = width * height;
       } else if (type == "chlist") {
         for (; at_ < end && bytes_[at_] != 0; Skip(16), ++channels) Text();
+      } else if (type == "stringvector") {
+        while (at_ < end) Skip(Number());
+      } else if (type == "preview") {
+        const double width = Number(), height = Number();
+        if (width * height * 4 + 8 != double(size)) Refuse();
+      } else if (type == "idmanifest") {
+        Require(Number());
       }
       if (at_ > end) Refuse();
       at_ = end;

@@ -76,7 +76,8 @@ Layer MakeLayer(const FrameSource& frame, std::size_t number, const Counts& coun
   const LayerRow* row = FindLayerRowOf(aov.layer);
   if (row != nullptr && row->channel != aov.channel) row = nullptr;
   const bool ofHits = row != nullptr && row->ofHits && !counts.hits.empty();
-  const bool isNumber = frame.floats || (row != nullptr && row->channel != kChannelAlbedo);
+  const bool isNumber =
+      frame.floats || aov.channel == kChannelLightGroup || (row != nullptr && row->channel != kChannelAlbedo);
   if (letters.empty()) letters = row == nullptr ? "RGB" : row->channels;
   Layer layer = {aov.layer, ChannelsOf(letters), isNumber ? LayerKind::kFloat : LayerKind::kHalf, {}};
   const ImageBuffer picture = frame.picture(number);

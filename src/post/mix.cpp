@@ -18,7 +18,7 @@ std::vector<std::string> LightGroups(const LayeredPicture& picture) {
   return names;
 }
 
-void MixLights(LayeredPicture& picture, const std::vector<LightWeight>& weights) {
+std::vector<std::string> MixLights(LayeredPicture& picture, const std::vector<LightWeight>& weights) {
   const std::size_t pixels = PixelCount(picture);
   std::vector<double> sums(3 * pixels);
   for (Layer& layer : picture.layers) {
@@ -38,6 +38,17 @@ void MixLights(LayeredPicture& picture, const std::vector<LightWeight>& weights)
   for (std::size_t pixel = 0; pixel < pixels; ++pixel)
     for (std::size_t c = 0; c < 3; ++c)
       beauty.numbers[beauty.channels.size() * pixel + c] = static_cast<float>(sums[3 * pixel + c]);
+  std::vector<std::string> dropped;
+  if (std::all_of(weights.begin(), weights.end(), [](const LightWeight& row) {
+        return row.weight == Vec3{1, 1, 1};
+      }))
+    return dropped;
+  std::erase_if(picture.layers, [&dropped](const Layer& layer) {
+    const bool drops = layer.name == "half0" || layer.name == "half1" || layer.name == "variance";
+    if (drops) dropped.push_back(layer.name);
+    return drops;
+  });
+  return dropped;
 }
 
 }  // namespace zp

@@ -18,7 +18,8 @@ struct LightWeight {
 // The names of the picture's light groups, without "light_".
 std::vector<std::string> LightGroups(const LayeredPicture& picture);
 // Weighs the groups, and replaces the beauty's colours by their sum; what is not named counts once. Needs a
-// beauty, and each name.
-void MixLights(LayeredPicture& picture, const std::vector<LightWeight>& weights);
+// beauty, and each name. Returns the layers that told of the beauty as it was, and are left out where a
+// weight is not 1: half sets, and the variance.
+std::vector<std::string> MixLights(LayeredPicture& picture, const std::vector<LightWeight>& weights);
 
 }  // namespace zp

@@ -138,6 +138,10 @@ void ReadRenderSection(SceneText& text) {
   ReadBlock(text, "render", [&](const Keyword& keyword, Line& line) {
     if (keyword == "format") return ReadFormat(line);
     if (keyword == "clamp") return ReadTriple(line, settings.said.clamp);
+    if (keyword == "clamp_indirect") {
+      NoteOfFormat2(line);
+      return ReadTriple(line, settings.said.clampIndirect);
+    }
     if (keyword == "error") return ReadTriple(line, settings.said.error);
     if (keyword == "gamma")
       return ReadNumber(line, settings.said.displayGamma) &&

@@ -25,6 +25,7 @@ void ReadPointLightSection(SceneText& text) {
     if (keyword == "ior") return ReadNumber(line, light.ior);
     if (keyword == "aov") return ReadAovBlock(text, light.aovs.emplace_back(), AovOwner::kLight);
     if (keyword == "link") return ReadLinkBlock(text, light.link);
+    if (keyword == "group") return ReadString(line, light.group);
     return false;
   });
 }
@@ -41,6 +42,7 @@ void ReadParallelLightSection(SceneText& text) {
     if (keyword == "offset") return ReadNumber(line, light.offset);
     if (keyword == "aov") return ReadAovBlock(text, light.aovs.emplace_back(), AovOwner::kLight);
     if (keyword == "link") return ReadLinkBlock(text, light.link);
+    if (keyword == "group") return ReadString(line, light.group);
     return false;
   });
 }
@@ -65,6 +67,7 @@ void ReadSkyLightSection(SceneText& text) {
     if (keyword == "ior") return ReadNumber(line, skyLight.ior);
     if (keyword == "aov") return ReadAovBlock(text, skyLight.aovs.emplace_back(), AovOwner::kSky);
     if (keyword == "link") return ReadLinkBlock(text, skyLight.link);
+    if (keyword == "group") return ReadString(line, skyLight.group);
     return false;
   });
 }
@@ -76,6 +79,7 @@ void ReadGeometryLightSection(SceneText& text) {
     if (keyword == "aov")
       return ReadAovBlock(text, geometryLight.aovs.emplace_back(), AovOwner::kGeometryLight);
     if (keyword == "link") return ReadLinkBlock(text, geometryLight.link);
+    if (keyword == "group") return ReadString(line, geometryLight.group);
     return false;
   });
 }

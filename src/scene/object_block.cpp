@@ -1,9 +1,11 @@
 #include <array>
 #include <memory>
 
+#include "core/console.h"
 #include "core/progress.h"
 #include "core/settings.h"
 #include "geometry/geometry.h"
+#include "geometry/mesh_file.h"
 #include "scene/blocks.h"
 #include "scene/scene.h"
 
@@ -107,7 +109,7 @@ void NoteUnusedPictures(const MeshPictures& mesh) {
   }
 }
 
-enum class ModelKind { kObj, kHair, kFur };
+enum class ModelKind { kObj, kMesh, kHair, kFur };
 
 // A model file that the text has named.
 struct NamedModel {
@@ -157,11 +159,14 @@ void NoteEndResult(const NamedModel& model, EndResult result) {
 
 // The keyword of a model file, which makes a Part of its own. False if it is another keyword.
 bool ReadModelName(const Keyword& keyword, Line& line, std::size_t index) {
-  const bool obj = keyword == "obj", hair = keyword == "hair", fur = keyword == "fur";
-  if (!obj && !hair && !fur) return false;
+  const bool obj = keyword == "obj", mesh = keyword == "mesh", hair = keyword == "hair",
+             fur = keyword == "fur";
+  if (!obj && !mesh && !hair && !fur) return false;
+  if (mesh) NoteOfFormat2(line);
   Object& object = objectTable[index];
   object.parts.emplace_back();
   namedModels.push_back({obj    ? ModelKind::kObj
+                         : mesh ? ModelKind::kMesh
                          : hair ? ModelKind::kHair
                                 : ModelKind::kFur,
                          index, object.parts.size() - 1, ReadString(line), line.Place()});
@@ -179,6 +184,19 @@ void ReadObjModel(const NamedModel& model, Part& part) {
     sceneNotes->models.push_back({model.place, model.name, model.object, model.part, std::move(report)});
   else
     Note(model.place, FindingCode::kMissingModel, "obj: cannot open the file " + Quoted(model.name));
+}
+
+void ReadMeshModel(const NamedModel& model, Part& part) {
+  if (settings.format < 2) return;
+  const bool read = ReadMeshFile(ScenePath(model.name), part);
+  if (!sceneNotes) return;
+  ObjReport report;
+  report.positions = part.positions.size();
+  report.faces = part.triangles.size() + part.tetragons.size();
+  if (read)
+    sceneNotes->models.push_back({model.place, model.name, model.object, model.part, std::move(report)});
+  else
+    Note(model.place, FindingCode::kMissingModel, "mesh: cannot open or read the file " + Quoted(model.name));
 }
 
 void ReadStrandModel(const NamedModel& model, Part& part) {
@@ -212,10 +230,15 @@ void ReadNamedModels() {
   for (const NamedModel& model : namedModels) {
     Part& part = objectTable[model.object].parts[model.part];
     if (Stopping()) break;
+    const std::int64_t begin = WallTicks();
     if (model.kind == ModelKind::kObj)
       ReadObjModel(model, part);
+    else if (model.kind == ModelKind::kMesh)
+      ReadMeshModel(model, part);
     else
       ReadStrandModel(model, part);
+    if (settings.format >= 2)
+      PrintFloatRow("reading of " + model.name, static_cast<float>(WallTicks() - begin) * 1e-7f, "seconds");
     FinishWork(Phase::kReading);
   }
   namedModels.clear();
@@ -238,8 +261,8 @@ void ReadObjectSection(SceneText& text) {
     if (keyword == "instance") return ReadInstanceBlock(text, index);
     if (ReadModelEnd(keyword, line, index)) return true;
     if (ReadModelName(keyword, line, index)) {
-      noted.hasObj |= keyword == "obj";
-      noted.hasOther |= keyword != "obj";
+      noted.hasObj |= keyword == "obj" || keyword == "mesh";
+      noted.hasOther |= keyword != "obj" && keyword != "mesh";
       return true;
     }
     const bool known = ReadMeshPicture(text, keyword, line, mesh, object) ||

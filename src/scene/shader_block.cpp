@@ -183,6 +183,7 @@ void ReadShaderSection(SceneText& text) {
     }
     if (keyword == "opacity")
       return ReadNumber(line, shader.opacity) && NoteIdle(line, shader.opacity == 1, IdleIn::kFormat1);
+    if (keyword == "group") return ReadString(line, shader.group);
     if (keyword == "surface_shader") {
       if (text.notes) noted.layers.push_back(line.Place());
       return ReadSurfaceBlock(text, shader.surfaces.emplace_back(), noted);

@@ -122,13 +122,15 @@ struct Shader {
   std::int32_t frontCount = 0, backCount = 0;
   std::array<std::uint8_t, kMaxLayersOnSide> front = {}, back = {};  // indices into surfaces
   std::vector<SurfaceShader> surfaces;
-  float opacity = 1;           // see Opacity
-  bool cutsOut = false;        // derived: some hits do not count
-  bool isTurned = true;        // derived: hits have to know the surface's own tangents
-  bool readsUv = true;         // derived: and its texture coordinates
-  bool bends = false;          // derived: some layer refracts what goes through it
-  bool isBody = false;         // derived: what it bounds has an inside of its own
-  bool catchesShadow = false;  // derived: some layer does
+  std::string group;            // light group of its emission; empty: see BindGroups (lights/groups.h)
+  std::int32_t groupIndex = 0;  // derived
+  float opacity = 1;            // see Opacity
+  bool cutsOut = false;         // derived: some hits do not count
+  bool isTurned = true;         // derived: hits have to know the surface's own tangents
+  bool readsUv = true;          // derived: and its texture coordinates
+  bool bends = false;           // derived: some layer refracts what goes through it
+  bool isBody = false;          // derived: what it bounds has an inside of its own
+  bool catchesShadow = false;   // derived: some layer does
   bool frontVirtualLight = false, backVirtualLight = false;
   bool frontEmissive = false, backEmissive = false;
   bool frontLambertian = false, backLambertian = false;
