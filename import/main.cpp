@@ -40,14 +40,14 @@ int Tell(const std::string& sentence) {
 
 // What a damaged file makes of the readers ends here: they take neither all memory nor all time.
 void LimitSelf(const std::vector<std::string>& files) {
-  constexpr double kSeconds = 120, kSecondsOfMegabyte = 2;
+  constexpr double kSeconds = 30, kSecondsOfMegabyte = 2;
   double megabytes = 0;
   std::error_code error;
   for (const std::string& file : files)
     if (const std::uintmax_t size = std::filesystem::file_size(file, error); !error)
       megabytes += static_cast<double>(size) * 1e-6;
   const auto seconds = static_cast<rlim_t>(kSeconds + kSecondsOfMegabyte * megabytes);
-  const rlimit time = {seconds, seconds}, core = {0, 0};
+  const rlimit time = {seconds, seconds + 5}, core = {0, 0};  // SIGXCPU, which says why
   setrlimit(RLIMIT_CPU, &time);
   setrlimit(RLIMIT_CORE, &core);
   prctl(PR_SET_PDEATHSIG, SIGKILL);

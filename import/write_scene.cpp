@@ -264,7 +264,7 @@ Vec3 TargetOf(const ImportCamera& camera, const Box& bounds) {
 }
 
 void WriteCamera(SceneWriter& text, const ImportCamera& camera, const std::string& name, const Box& bounds) {
-  constexpr float kPasses = 32;
+  constexpr float kPasses = 24;
   const float aspect =
       std::clamp(std::isfinite(camera.aspect) && camera.aspect > 0 ? camera.aspect : 16.0f / 9, 0.05f, 20.0f);
   const float width = aspect >= 1 ? kPictureSide : std::round(kPictureSide * aspect);
