@@ -69,6 +69,7 @@ struct RenderOptions {
   std::string report;            // JSON file that tells what became of the run; empty: none
   std::optional<double> noise;   // relative error that ends the frame; 0 never
   std::vector<std::string> aov;  // layers beside those of the scene: words of imaging/frame_layers.h
+  bool aovNearest = false;       // layers of what was hit are those of one sample of each pixel
   bool floats = false;           // files of layers hold 32 bits throughout
   bool layers = false;           // the frame has layers, whatever its images: of a checkpoint
   bool groups = false;           // and those of light groups

@@ -152,7 +152,7 @@ std::string FillByImport(const ImportWish& wish, const fs::path& folder) {
   return told ? line.substr(line.find_last_of('\n') + 1) : CrashText(wish, *status, output);
 }
 
-std::string TargetObstacle(const fs::path& target, bool force) {
+std::string TargetObstacle(const fs::path& target, std::optional<bool> force) {
   std::error_code error;
   const fs::file_status status = fs::symlink_status(target, error);
   if (!fs::exists(status)) {
@@ -160,7 +160,7 @@ std::string TargetObstacle(const fs::path& target, bool force) {
     return parent.empty() || fs::is_directory(parent, error) ? ""
                                                              : "there is no folder '" + parent.string() + "'";
   }
-  if (!force) return "it exists; --force replaces it";
+  if (!force.value_or(false)) return force ? "it exists; --force replaces it" : "it exists";
   if (!fs::is_directory(status)) return "it is no folder";
   for (const fs::directory_entry& entry : fs::directory_iterator(target, error)) {
     const std::string name = entry.path().filename().string();

@@ -46,6 +46,7 @@ std::optional<int> RunProgram(const std::vector<std::string>& words, std::string
 // folder holds what no scene does. The rest of a sentence why not; empty if it is done.
 std::string MoveScene(const std::filesystem::path& made, const std::filesystem::path& target, bool force);
 // The same question before anything is made.
-std::string TargetObstacle(const std::filesystem::path& target, bool force);
+//   force  empty: there is no such option
+std::string TargetObstacle(const std::filesystem::path& target, std::optional<bool> force = {});
 
 }  // namespace zp

@@ -79,9 +79,31 @@ void AddCameraFacts(const Json& facts, LayeredPicture& picture) {
     SetAttribute(picture, "zephlore:fieldOfView", facts["fieldOfView"].get<float>());
 }
 
+bool IsMatteLayer(std::string_view word) {
+  const LayerRow* row = FindLayerRow(word);
+  return row != nullptr && (row->channel == kChannelObject || row->channel == kChannelShader);
+}
+
+std::string HexText(std::uint32_t number) {
+  char text[16];
+  return {text, static_cast<std::size_t>(std::snprintf(text, sizeof text, "%08x", number))};
+}
+
+// Cryptomatte 1.2.0, by the first seven digits of the layer's own hash.
+void AddManifests(const Json& manifests, LayeredPicture& picture) {
+  for (const auto& [layer, names] : manifests.items()) {
+    const std::string start = "cryptomatte/" + HexText(IdOf(layer)).substr(0, 7) + '/';
+    SetAttribute(picture, start + "name", layer);
+    SetAttribute(picture, start + "hash", std::string("MurmurHash3_32"));
+    SetAttribute(picture, start + "conversion", std::string("uint32_to_float32"));
+    SetAttribute(picture, start + "manifest", names.dump());
+  }
+}
+
 void AddAttributes(LayeredPicture& picture) {
   const Json options = OptionsOf(frame.head);
   AddCameraFacts(options.value("facts", Json::object()), picture);
+  AddManifests(options.value("mattes", Json::object()), picture);
   AddDate(picture);
   SetAttribute(picture, "owner", UserName());
   const std::string scene = std::filesystem::path(options.value("scene", "")).filename().string();
@@ -162,7 +184,7 @@ bool IsDivided(const Aov& aov) {
 
 // Where the beauty's format holds one picture, layers go to files of their own.
 void NameBesideBeauty(Aov& aov, const std::string& beauty) {
-  if (beauty.empty()) return;
+  if (beauty.empty() || IsMatte(aov)) return;
   aov.image.fileName = NameBeside(beauty, aov.layer);
   aov.withLayers = IsDivided(aov);
 }
@@ -194,6 +216,9 @@ std::string SettleHalfLayers(RenderOptions& options) {
     if ((options.denoise || options.denoiseLayers) &&
         std::find(options.aov.begin(), options.aov.end(), word) == options.aov.end())
       options.aov.push_back(word);
+  if (std::any_of(options.aov.begin(), options.aov.end(), IsMatteLayer) && !HoldsLayers(options.output) &&
+      (!options.passes || !options.output.empty()))
+    return "mattes are layers of a file: --output FILE.exr is missing";
   if (!HasHalfLayers(options)) return {};
   if (options.passes) return "--passes cannot keep half sets of passes";
   return HoldsLayers(options.output)
@@ -207,9 +232,6 @@ bool HoldsLayers(const std::string& name) {
 }
 
 std::string LayerObstacle(const std::string& word) {
-  constexpr std::string_view kLater[] = {"object", "shader"};
-  if (std::find(std::begin(kLater), std::end(kLater), word) != std::end(kLater))
-    return "the layer '" + word + "' is not there in this version";
   std::vector<std::string_view> words(std::begin(kHalfLayers), std::end(kHalfLayers));
   words.push_back(kLights);
   for (const LayerRow& row : kLayerRows) words.push_back(row.word);
@@ -224,13 +246,14 @@ std::string LayerObstacle(const std::string& word) {
 }
 
 bool WantsLayers(const RenderOptions& options) {
-  return options.layers || options.passes || !options.aov.empty() || HoldsLayers(options.output);
+  return options.layers || options.passes || !options.aov.empty() || options.aovNearest ||
+         HoldsLayers(options.output);
 }
 
 void AskForLayers(const RenderOptions& options, std::size_t index) {
   if (!WantsLayers(options)) return;
   Camera& camera = cameras[index];
-  AddLayers(camera, options.aov);
+  AddLayers(camera, options.aov, options.aovNearest);
   if (WantsGroups(options, camera)) AddGroupLayers(camera, NamedGroups());
   NameAllLightLayers(camera);
   Aov& beauty = camera.aovs.front();
@@ -262,7 +285,11 @@ std::string WithCameraFacts(const std::string& options, const Camera& camera) {
   all["facts"] = facts;
   all["groups"] = std::any_of(camera.aovs.begin(), camera.aovs.end(),
                               [](const Aov& aov) { return aov.channel == kChannelLightGroup; });
-  return all.dump();
+  for (const Aov& aov : camera.aovs)
+    if (IsMatte(aov))
+      for (const MatteName& name : MatteNames(static_cast<Channel>(aov.channel)))
+        all["mattes"][aov.layer][name.name] = HexText(name.id);
+  return all.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 void WriteFramesWithLayers(const RenderOptions& options, const Checkpoint& base,

@@ -198,8 +198,8 @@ void AddLayering(CLI::App& render, RenderOptions& options) {
   render
       .add_option(
           "--aov", options.aov,
-          "Layers to add, whatever the scene says: normal, depth, position, uv, motion, albedo, samples, "
-          "variance, half0, half1, lights (the light groups), or a channel as lambertian")
+          "Layers to add, whatever the scene says: normal, depth, position, uv, motion, albedo, object, "
+          "shader, samples, variance, half0, half1, lights (the light groups), or a channel as lambertian")
       ->delimiter(',')
       ->type_name("NAME,...")
       ->check([](const std::string& word) { return LayerObstacle(word); });
@@ -207,6 +207,9 @@ void AddLayering(CLI::App& render, RenderOptions& options) {
       "--denoise", options.denoise,
       "Take the noise out of the finished picture, an OpenEXR file; adds the layers that this needs");
   render.add_flag("--denoise-layers", options.denoiseLayers, "Add the layers that 'zephlore denoise' needs");
+  render.add_flag(
+      "--aov-nearest", options.aovNearest,
+      "Depth, position, normal, uv and motion of the sample nearest to each pixel's middle, not means");
   render.add_flag("--float", options.floats, "32 bits for all layers of an OpenEXR file");
   render.add_flag("--transparent-sky", options.transparentSky,
                   "Leave what the camera sees of sky and backdrop out of the picture");

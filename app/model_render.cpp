@@ -114,8 +114,9 @@ int RunModelRender(const RenderOptions& given) {
   const fs::path target = fs::path(options.model.keep).has_filename()
                               ? fs::path(options.model.keep)
                               : fs::path(options.model.keep).parent_path();
-  if (const std::string obstacle = keeps ? TargetObstacle(target, false) : ""; !obstacle.empty())
-    return Fail("cannot write the scene '" + options.model.keep + "': " + obstacle);
+  if (keeps)
+    if (const std::string obstacle = TargetObstacle(target); !obstacle.empty())
+      return Fail("cannot write the scene '" + options.model.keep + "': " + obstacle);
   StopOnSignals();
   const ScratchFolder scratch(keeps ? target.parent_path() : fs::temp_directory_path(error));
   if (scratch.Path().empty()) return Fail("there is no folder to write a scene to");

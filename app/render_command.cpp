@@ -143,7 +143,8 @@ int FailSaves(const std::vector<SaveFailure>& failures) {
 std::string NothingToRender(const Camera& camera) {
   if (camera.width < 1 || camera.height < 1) return "the camera has no pixels";
   for (const Aov& aov : camera.aovs)
-    if (PixelBytes(aov.image) == 0) return "not enough memory for the camera's images";
+    if (PixelBytes(aov.image) == 0 && aov.matte.Height() == 0)
+      return "not enough memory for the camera's images";
   if (camera.regionXMin >= camera.regionXMax || camera.regionYMin >= camera.regionYMax)
     return "the region holds no pixels of the picture";
   return {};

@@ -39,6 +39,7 @@ std::string KeptOptions(const RenderOptions& options) {
                {"camera", options.camera},
                {"linear", options.linear},
                {"aov", options.aov},
+               {"aov-nearest", options.aovNearest},
                {"float", options.floats},
                {"layers", WantsLayers(options)},
                {"denoise", options.denoise},
@@ -73,6 +74,7 @@ void TakeKeptOptions(const Checkpoint& checkpoint, RenderOptions& options) {
   options.linear = options.linear || kept.value("linear", false);
   if (options.aov.empty()) options.aov = kept.value("aov", options.aov);
   options.denoise = options.denoise || kept.value("denoise", false);
+  options.aovNearest = options.aovNearest || kept.value("aov-nearest", false);
   options.floats = options.floats || kept.value("float", false);
   options.layers = kept.value("layers", false);
   options.groups = kept.value("groups", false);

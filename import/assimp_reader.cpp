@@ -310,6 +310,7 @@ ImportModel ReadByAssimp(const std::string& path, const ReadSettings& settings) 
   if (row.format == FileFormat::kStl) {  // its normals are those of facets
     importer.SetPropertyInteger(AI_CONFIG_PP_RVC_FLAGS, aiComponent_NORMALS);
     steps |= aiProcess_RemoveComponent;
+    steps &= ~unsigned{aiProcess_ValidateDataStructure};  // which takes an empty solid for damage
   }
   constexpr float kSmoothAngle = 40;  // degrees, of what has no normals
   importer.SetPropertyFloat(AI_CONFIG_PP_GSN_MAX_SMOOTHING_ANGLE, kSmoothAngle);

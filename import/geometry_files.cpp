@@ -84,15 +84,13 @@ void WriteGeometry(const ImportModel& model, const std::vector<std::int32_t>& pa
   }
   file.Flush(0);
   file.stream.close();
-  if (!file.stream)
-    throw ImportError("'" + std::filesystem::path(path).filename().string() + "' cannot be written");
+  if (!file.stream) FailWrite(std::filesystem::path(path).filename().string());
   if (!binary) return;
   // By way of the reader of OBJ files, so that both kinds of file give the same model.
   Part packed;
   const bool read = ReadObjFile(objPath, packed);
   std::filesystem::remove(objPath);
-  if (!read || !WriteMeshFile(path, packed))
-    throw ImportError("'" + std::filesystem::path(path).filename().string() + "' cannot be written");
+  if (!read || !WriteMeshFile(path, packed)) FailWrite(std::filesystem::path(path).filename().string());
 }
 
 }  // namespace zp

@@ -1,6 +1,7 @@
 #include "model.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -71,6 +72,12 @@ void ApplySkin(ImportMesh& mesh, const std::vector<Mat4>& joints, const SkinWeig
     mesh.positions[v] = position * (1 / total);
     if (v < mesh.normals.size()) mesh.normals[v] = UnitVector(normal);
   }
+}
+
+void FailWrite(const std::string& name) {
+  const int reason = errno;
+  throw ImportError("'" + name + "' cannot be written" +
+                    (reason == 0 ? "" : ": " + std::error_code(reason, std::generic_category()).message()));
 }
 
 std::vector<std::uint8_t> ReadBytes(const std::string& path) {

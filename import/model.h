@@ -143,6 +143,9 @@ struct SkinWeights {
 };
 void ApplySkin(ImportMesh& mesh, const std::vector<Mat4>& joints, const SkinWeights& skin);
 
+// A file could not be written, as errno says.
+[[noreturn]] void FailWrite(const std::string& name);
+
 // The whole file.
 std::vector<std::uint8_t> ReadBytes(const std::string& path);
 

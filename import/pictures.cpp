@@ -89,7 +89,7 @@ std::string Shelve(PictureShelf& shelf, const std::vector<std::uint8_t>& bytes, 
   std::ofstream stream(path, std::ios::binary);
   stream.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   stream.close();
-  if (!stream) throw ImportError("its picture '" + name + "' cannot be written");
+  if (!stream) FailWrite(name);
   ImageBuffer image;
   if (LoadImage(image, path)) {
     shelf.facts[name] = Measure(image);

@@ -30,7 +30,7 @@ void Save(const fs::path& path, const std::string& text) {
   std::ofstream stream(path, std::ios::binary);
   stream.write(text.data(), static_cast<std::streamsize>(text.size()));
   stream.close();
-  if (!stream) throw ImportError("'" + path.filename().string() + "' cannot be written");
+  if (!stream) FailWrite(path.filename().string());
 }
 
 // Names that are free, each a token.
@@ -332,6 +332,17 @@ void WriteStageSun(SceneWriter& text) {
   text.text += '\n';
 }
 
+// What the camera sees behind the models, and on the ground: a light grey that fades downwards.
+std::string BackdropPicture() {
+  constexpr int kRows = 32;
+  std::string bytes = "PF\n2 " + std::to_string(kRows) + "\n-1.0\n";  // the lowest row first
+  for (int row = 0; row < kRows; ++row) {
+    const float level = 1.1f + 0.5f * MinOf(2.0f * static_cast<float>(row) / kRows, 1);
+    for (int i = 0; i < 6; ++i) bytes.append(reinterpret_cast<const char*>(&level), sizeof level);
+  }
+  return bytes;
+}
+
 void WriteSky(SceneFolder& scene, SceneWriter& text, bool isLit) {
   OpenBlock(text, "sky_light");
   if (!scene.settings.sky.empty()) {
@@ -355,6 +366,9 @@ void WriteSky(SceneFolder& scene, SceneWriter& text, bool isLit) {
     WriteString(text, "image", "analytic");
     WriteNumbers(text, "color", {0.23f, 0.185f, 0.145f});  // less blue than it is
     WriteNumbers(text, "turbidity", {3});
+    WriteNumbers(text, "albedo", {0.6f});
+    Save(fs::path(scene.shelf.folder) / "backdrop.pfm", BackdropPicture());
+    WriteString(text, "backdrop", "backdrop.pfm");
   } else {
     WriteNumbers(text, "color", {0.75f, 0.75f, 0.75f});
   }
@@ -377,7 +391,7 @@ bool WriteLights(SceneFolder& scene, const std::vector<ImportModel>& models) {
   return isLit;
 }
 
-// A plane below the models, so large that its rim is out of sight.
+// A plane below the models that catches their shadows, so large that its rim is out of sight.
 void WriteGround(SceneFolder& scene) {
   const Vec3 size = scene.bounds.max - scene.bounds.min, middle = Center(scene.bounds);
   const float half = 50 * MaxOf(MaxOf(size.x, size.y), MaxOf(size.z, 1e-6f));
@@ -390,9 +404,8 @@ void WriteGround(SceneFolder& scene) {
   OpenBlock(shader, "shader");
   WriteString(shader, "name", "ground");
   OpenBlock(shader, "surface_shader");
-  OpenBlock(shader, "lambertian");
-  WriteNumbers(shader, "color", {0.6f, 0.6f, 0.6f});
-  for (int i = 0; i < 3; ++i) CloseBlock(shader);
+  WriteKeyword(shader, "shadow_catcher");
+  for (int i = 0; i < 2; ++i) CloseBlock(shader);
   scene.shaderText += shader.text;
 }
 
@@ -425,6 +438,7 @@ void WriteNotes(const SceneFolder& scene, const std::vector<ImportModel>& models
 void WriteScene(std::vector<ImportModel>& models, const WriteSettings& settings) {
   SceneFolder scene{settings};
   scene.shaders.taken = {"ground", "undefined"};
+  scene.shelf.names = {"backdrop.pfm"};
   scene.files.taken.insert("ground");
   for (ImportModel& model : models) ModelWriter{scene, model}.Write();
   const bool isLit = WriteLights(scene, models);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
 #include <limits>
 #include <map>
@@ -9,6 +10,7 @@
 #include <string>
 #include <tuple>
 
+#include "imaging/mattes.h"
 #include "post/layers.h"
 #include "program_fixture.h"
 
@@ -289,8 +291,96 @@ TEST_F(FrameLayers, CatchersShowWhatIsDeniedAGround) {
   ExpectSame(Read("clear.exr"), Read("merged.exr"), 1e-5f);
 }
 
+// What the specification of Cryptomatte says of a name's share of a pixel, read apart from what writes it.
+float Matte(const LayeredPicture& picture, const std::string& layer, const std::string& name,
+            std::size_t pixel) {
+  unsigned long id = 0;
+  for (const Attribute& attribute : picture.attributes) {
+    const auto* text = std::get_if<std::string>(&attribute.value);
+    const std::string key = attribute.name.substr(0, attribute.name.rfind('/'));
+    if (!attribute.name.ends_with("/name") || text == nullptr || *text != layer) continue;
+    const auto& manifest = std::get<std::string>(*FindAttribute(picture, key + "/manifest"));
+    const std::size_t at = manifest.find('"' + name + "\":\"");
+    if (at != manifest.npos) id = std::stoul(manifest.substr(at + name.size() + 4, 8), nullptr, 16);
+  }
+  float sum = 0;
+  for (const char* rank : {"00", "01", "02"})
+    for (const std::size_t first : {4 * pixel, 4 * pixel + 2}) {
+      const std::vector<float>& numbers = FindLayer(picture, layer + rank)->numbers;
+      if (std::bit_cast<std::uint32_t>(numbers[first]) == id) sum += numbers[first + 1];
+    }
+  return id == 0 ? NAN : sum;
+}
+
+// Faces that shine in the three primaries, before one another, moving and out of focus: the picture is
+// coverage.
+TEST_F(FrameLayers, MattesAreWhatIsSeen) {
+  std::string shaders;
+  for (const char* shader : {"red\"|1 0 0", "green\"\nopacity 0.7|0 1 0", "blue\"|0 0 1"}) {
+    const std::string text = shader;
+    shaders += "shader\nname \"" + text.substr(0, text.find('|')) + "\nsurface_shader\nemissive\ncolor " +
+               text.substr(text.find('|') + 1) + "\nend\nend\nend\n";
+  }
+  WriteFile(root / "scene/shader/a.zp", shaders);
+  WriteFile(root / "scene/model/face.obj", "v -1 0 -1\nv 1 0 -1\nv 1 0 1\nv -1 0 1\nf 1 2 3 4\n");
+  const std::string model = "obj \"model/face.obj\"\nshader ";
+  WriteFile(root / "scene/geometry/a.zp",
+            "object\nname a\n" + model + "\"red\"\nend\nobject\nname b\n" + model +
+                "\"green\"\nend\nobject\n" + model +
+                "\"blue\"\nend\nobject\nname group\n"
+                "instance\nobject a\nmatrix 1 0 0 0 0 1 0 -1 0 0 1 0 0 0 0 1\n"
+                "matrix_end 1 0 0 1 0 1 0 -1 0 0 1 0.3 0 0 0 1\nend\n"
+                "instance\nobject b\nmatrix 1 0 0 -1 0 1 0 -2 0 0 1 0.5 0 0 0 1\nend\nend\n"
+                "object\nname scene\ninstance\nobject group\nend\nend\n");
+  WriteFile(root / "scene/light/a.zp", "sky_light\ncolor 0 0 0\nend\n");
+  std::filesystem::remove(root / "scene/light/b.zp");
+  WriteFile(root / "scene/camera/a.zp",
+            "camera\nresolution 32 16\npose\nposition 0 -5 0\ntarget 0 0 0\nup_vector 0 0 1\nbokeh 5\n"
+            "field_of_view 60\nend\nend\n");
+  const std::string words =
+      "render ../scene --quiet --format 2 --seed 5 --float --aov object,shader,position ";
+  ASSERT_EQ(Run(words + "--sample 64 --aov-nearest --output a.exr").status, 0);
+  const LayeredPicture picture = Read("a.exr");
+  const std::tuple<const char*, const char*, std::size_t> names[] = {
+      {"group/a", "red", 0}, {"group/b", "green", 1}, {"object3", "blue", 2}};
+  int mixed = 0;
+  for (std::size_t pixel = 0; pixel < 512; ++pixel)
+    for (const auto& [object, shader, channel] : names) {
+      const float seen = FindLayer(picture, "")->numbers[4 * pixel + channel];
+      ASSERT_NEAR(Matte(picture, "object", object, pixel), seen, 1e-5f) << object << pixel;
+      ASSERT_NEAR(Matte(picture, "shader", shader, pixel), seen, 1e-5f) << shader << pixel;
+      mixed += seen > 0 && seen < 1 ? 1 : 0;
+    }
+  EXPECT_GT(mixed, 100);
+  // One sample is on one face, and those of the face in focus are near the middle of their pixels.
+  int sharp = 0;
+  for (int i = 0; i < 512; ++i) {
+    const int x = i % 32, y = i / 32;
+    if (At(picture, "P", 0, x, y) == 0 || At(picture, "P", 1, x, y) != 0)
+      continue;  // nothing, or out of focus
+    const float place = (static_cast<float>(x) - 15.5f) * 5 * std::tan(30 * kPi / 180) / 16;
+    sharp += std::fabs(At(picture, "P", 0, x, y) - place) < 0.03f ? 1 : -100;
+  }
+  EXPECT_GT(sharp, 3);
+
+  // More names in a pixel than ranks, and than a render keeps; and values of the hash that others tell.
+  EXPECT_EQ(IdOf("hello"), 0x248bfa47U);
+  EXPECT_EQ(IdOf("The quick brown fox jumps over the lazy dog"), 0x2e4ff723U);
+  MatteLists lists;
+  lists.Resize(2, 1);
+  for (std::uint32_t i = 0; i < 4000; ++i) {
+    lists.MakeRoom();
+    lists.Count(1, 0, i % 4 == 0 ? 1 + i / 4 % 8 : 100 + i);
+  }
+  const std::vector<MatteEntry> ranked = lists.Ranked(1, 0);
+  EXPECT_EQ(ranked.size(), MatteLists::kMostIds);
+  for (std::size_t i = 0; i < 6; ++i) EXPECT_GE(ranked[i].count, 110U) << ranked[i].id;
+  EXPECT_TRUE(lists.Ranked(0, 0).empty());
+}
+
 TEST_F(FrameLayers, AreKeptSharedAndMerged) {
-  const std::string words = "render ../scene --quiet --format 2" + std::string(kAll);
+  const std::string words =
+      "render ../scene --quiet --format 2" + std::string(kAll) + "--aov-nearest --aov object ";
   ASSERT_EQ(Run(words + "--output a.exr").status, 0);
   const LayeredPicture whole = Read("a.exr");
   for (const char* passes : {"0:3", "3:8"})
@@ -319,8 +409,8 @@ TEST_F(FrameLayers, AreKeptSharedAndMerged) {
   EXPECT_NE(FindAttribute(smooth, "zephlore:denoised"), nullptr);
   EXPECT_EQ(Run(few + "--denoise --output i.png").status, 2);
 
-  const std::pair<const char*, const char*> wrong[] = {
-      {"norml", "did you mean 'normal'?"}, {"depth,shader", "'shader' is not there in this version"}};
+  const std::pair<const char*, const char*> wrong[] = {{"norml", "did you mean 'normal'?"},
+                                                       {"depth,shader", "--output FILE.exr is missing"}};
   for (const auto& [word, reason] : wrong) {
     const Outcome outcome = Run("render ../scene --aov " + std::string(word));
     EXPECT_EQ(outcome.status, 2);

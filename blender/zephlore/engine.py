@@ -21,7 +21,8 @@ from .text import word
 
 PACKAGE = __package__
 
-# Setting of a view layer, word of --aov, name of the pass, its channels, their names, kind of socket, channels of the file.
+# Setting of a view layer, word of --aov, name of the pass, how many channels, their names, kind of socket, those of the
+# file.
 PASSES = [
     ("use_pass_z", "depth", "Depth", 1, "Z", "VALUE", ("Z",)),
     ("use_pass_normal", "normal", "Normal", 3, "XYZ", "VECTOR", ("N.X", "N.Y", "N.Z")),

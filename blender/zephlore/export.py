@@ -93,7 +93,7 @@ class Exporter:
         return frame, region
 
     def shutter(self):
-        """Frames and parts of frames at which the shutter opens and closes, and that of the scene; None without blur."""
+        """Frames, with parts, at which the shutter opens and closes, and that of the scene; None without blur."""
         render = self.scene.render
         if not render.use_motion_blur or self.set_frame is None:
             return None
@@ -136,7 +136,8 @@ class Exporter:
 
     def flags(self, obj):
         """What a shader says of the visibility of an object."""
-        seen = [getattr(obj, "visible_" + way, True) for way in ("camera", "diffuse", "glossy", "transmission", "shadow")]
+        ways = ("camera", "diffuse", "glossy", "transmission", "shadow")
+        seen = [getattr(obj, "visible_" + way, True) for way in ways]
         told = ["group-" + self.group(obj)] if self.group(obj) else []
         if getattr(obj, "is_shadow_catcher", False):
             told.append("catcher")
@@ -335,7 +336,8 @@ class Exporter:
 
 
 def has_bump(material):
-    return bool(material and material.node_tree and any(n.type in ("BUMP", "DISPLACEMENT") for n in material.node_tree.nodes))
+    nodes = material.node_tree.nodes if material and material.node_tree else ()
+    return any(node.type in ("BUMP", "DISPLACEMENT") for node in nodes)
 
 
 def flat_strands(made):

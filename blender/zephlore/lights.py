@@ -43,8 +43,8 @@ def point(text, light, matrix, group):
     """Watts P shine with the intensity P / (4 pi) W/sr: a colour of P / (4 pi^2)."""
     color = light_color(light) * light.energy / (4 * math.pi**2)
     with text.block("point_light"):
-        say_light(text, color, group, position=matrix.translation, blur=float(light.shadow_soft_size), inner_angle=180.0,
-                  outer_angle=181.0)
+        say_light(text, color, group, position=matrix.translation, blur=float(light.shadow_soft_size),
+                  inner_angle=180.0, outer_angle=181.0)
 
 
 def sun(text, light, matrix, group):
@@ -61,14 +61,13 @@ def spot_ramps(half, blend):
     """
     rim = (1 - math.cos(half)) * blend
     edge = math.acos(min(math.cos(half) + rim, 1.0))
-    inside = lambda a: math.cos(a)
     knots = [0.0]
     pieces = 1 if math.cos(edge) > 0.9 else 2
     knots += [edge * (i + 1) / pieces for i in range(pieces)] if edge > 1e-3 else []
     knots.append(half)
     ramps = []
     for a, b in zip(knots, knots[1:]):
-        drop = inside(a) - (inside(b) if b < half else 0.0)
+        drop = math.cos(a) - (math.cos(b) if b < half else 0.0)
         ramps.append((a, max(b, a + 1e-4), drop))
     return ramps
 

@@ -402,17 +402,10 @@ def map_range(node, socket, value, at):
 
 
 def blackbody(node, socket, value, at):
-    """By Planck's law over fits of the CIE 1931 matching functions (Wyman et al., 2013); of luminance 1."""
+    """By Planck's law; of luminance 1."""
     kelvin = np.clip(value(node.inputs[0]), 800, 25000)[:, None]
-    nm = np.arange(380, 781, 5.0)
-    lobe = lambda mean, low, high: np.exp(-0.5 * ((nm - mean) / np.where(nm < mean, low, high)) ** 2)
-    xyz = np.stack([1.056 * lobe(599.8, 37.9, 31) + 0.362 * lobe(442, 16, 26.7) - 0.065 * lobe(501.1, 20.4, 26.2),
-                    0.821 * lobe(568.8, 46.9, 40.5) + 0.286 * lobe(530.9, 16.3, 31.1),
-                    1.217 * lobe(437, 11.8, 36) + 0.681 * lobe(459, 26, 13.8)])
-    power = nm ** -5.0 / np.expm1(1.4388e7 / (nm * kelvin))
-    sums = power @ xyz.T
-    to_rgb = np.array([[3.2405, -1.5371, -0.4985], [-0.9693, 1.8760, 0.0416], [0.0556, -0.2040, 1.0572]])
-    return np.maximum((sums / sums[:, 1:2]) @ to_rgb.T, 0)
+    xyz = sky.NM ** -5 / np.expm1(1.4388e7 / (sky.NM * kelvin)) @ sky.MATCHING.T
+    return np.maximum((xyz / xyz[:, 1:2]) @ sky.TO_RGB.T, 0)
 
 
 def bright_contrast(node, socket, value, at):

@@ -391,7 +391,7 @@ class Shaders:
         self.has_fibers = False  # light goes on through many of them
 
     def name_of(self, material, flags=(), hair=False, uv_length=1.0):
-        """The shader of a material that is seen as `flags` tell. `uv_length` is the length of a texture in the scene."""
+        """The shader of a material that is seen as `flags` tell. `uv_length`: how long a texture is in the scene."""
         key = (material.name_full if material else None, flags, hair)
         if key not in self.names:
             told = [material.name if material else "default", *(["hair"] if hair else []), *flags]
@@ -463,8 +463,11 @@ class Shaders:
         self.volume(reader, out)
 
     def layer(self, reader, layer, several, uv_length):
-        element = lambda value: {"color": tuple(float(v) for v in np.broadcast_to(values.mean(value, reader.name), 3))} \
-            if reader.hair else self.baker.element(value, reader.name)
+        def element(value):
+            if not reader.hair:
+                return self.baker.element(value, reader.name)
+            return {"color": tuple(float(v) for v in np.broadcast_to(values.mean(value, reader.name), 3))}
+
         with self.text.block("surface_shader"):
             if layer.material:
                 self.text.say(layer.material)
@@ -548,7 +551,7 @@ class Shaders:
 
 
 def shader_of_light(text, name, color, visible, group):
-    """A one-sided emitter of a radiance."""
+    """A one-sided emitter of a radiance, which is in no other light's way."""
     with text.block("shader"):
         text.say("name", quoted(name))
         if group:
@@ -557,6 +560,10 @@ def shader_of_light(text, name, color, visible, group):
             text.say("sideness", '"face"')
             text.say("virtual_light")
             values.write_element(text, "emissive", {"color": color})
+            values.write_element(text, "shadow_transparency", {"color": (1, 1, 1)})
+        with text.block("surface_shader"):
+            text.say("sideness", '"back"')
+            values.write_element(text, "shadow_transparency", {"color": (1, 1, 1)})
         if not visible:
             with text.block("geometry_shader"):
                 text.say("camera_primary", 0)

@@ -254,7 +254,7 @@ def points_of(cloud):
 
 
 def write_points(path, points, radii, width=512):
-    """A TIFF of four floats a pixel, rows from the top: places and radii of particles. What is left over has no size."""
+    """A TIFF of four floats a pixel, rows from the top: places and radii of particles. The rest has no size."""
     table = np.column_stack([points, radii]).astype("<f4")
     rest = -len(table) % width
     table = np.concatenate([table, np.zeros((rest, 4), "<f4")])

@@ -153,7 +153,8 @@ class ZEPHLORE_PT_light_groups(Section, bpy.types.Panel):
 
     def draw(self, context):
         layer, row = context.view_layer, self.layout.row()
-        row.template_list("UI_UL_list", "zephlore_groups", layer, "lightgroups", layer, "active_lightgroup_index", rows=2)
+        row.template_list("UI_UL_list", "zephlore_groups", layer, "lightgroups", layer, "active_lightgroup_index",
+                          rows=2)
         buttons = row.column(align=True)
         buttons.operator("scene.view_layer_add_lightgroup", icon="ADD", text="")
         buttons.operator("scene.view_layer_remove_lightgroup", icon="REMOVE", text="")

@@ -220,7 +220,8 @@ class Baker:
         self.count += 1
         path = self.folder / ("%d.png" % self.count)
         pictures.write_png(path, directions * 0.5 + 0.5, 16)
-        return {"color": (1, 1, 1), "image": path.name, "color_matrix": (2, 0, 0, -1, 0, 2, 0, -1, 0, 0, 2, -1, 0, 0, 0, 1)}
+        return {"color": (1, 1, 1), "image": path.name,
+                "color_matrix": (2, 0, 0, -1, 0, 2, 0, -1, 0, 0, 2, -1, 0, 0, 0, 1)}
 
 
 def write_element(text, name, told):

@@ -30,6 +30,7 @@ std::array<double, 3> ExposureOf(const Aov& aov) {
 
 // Shares of a number of passes, as format 1 plans it, cannot be divided by that of another one.
 bool HasHalves(const Aov& aov) {
+  if (aov.nearest) return false;
   if (settings.format < 2) return aov.mean && aov.channel != kChannelLightGroup;
   return aov.channel != kChannelLightPath && aov.channel != kChannelSamples;
 }
@@ -63,6 +64,10 @@ void SettleChannel(Aov& aov) {
 void InitializeAov(Aov& aov, int width, int height) {
   aov.width = width;
   aov.height = height;
+  if (IsMatte(aov)) {
+    aov.matte.Resize(width, height);
+    return aov.matte.MakeRoom();
+  }
   Allocate(aov.image, width, height, 3, 32, false);
   aov.odd.clear();
   aov.squares.clear();

@@ -122,6 +122,7 @@ void AllocateAovs(Camera& camera) {
     camera.regionXMax = camera.regionYMax = 0;
     for (Aov& aov : camera.aovs) {
       Release(aov.image.floatPixels);
+      aov.matte = {};
       aov.odd.clear();
       aov.squares.clear();
       aov.image.width = aov.image.height = 0;
@@ -132,7 +133,7 @@ void AllocateAovs(Camera& camera) {
 void PrintReport(const Camera& camera) {
   std::size_t bytes = 0;
   for (const Aov& aov : camera.aovs) {
-    bytes += PixelBytes(aov.image);
+    bytes += PixelBytes(aov.image) + aov.matte.Bytes();
     for (const Aov& odd : aov.odd) bytes += PixelBytes(odd.image);
     for (const Aov& squares : aov.squares) bytes += PixelBytes(squares.image);
   }
@@ -194,7 +195,7 @@ float TimeOfPass(const Camera& camera, std::uint32_t pass) {
   return (static_cast<float>(pass) + 0.5f) / static_cast<float>(std::max(1, camera.sample));
 }
 
-void MakePrimaryRay(const Camera& camera, const CameraPose& pose, RayRecord& ray, int x, int y,
+Vec2 MakePrimaryRay(const Camera& camera, const CameraPose& pose, RayRecord& ray, int x, int y,
                     std::uint32_t sample) {
   const Vec3 origin = ray.origin, direction = ray.direction;
   const std::uint8_t thread = ray.thread;
@@ -216,6 +217,7 @@ void MakePrimaryRay(const Camera& camera, const CameraPose& pose, RayRecord& ray
   const float row = static_cast<float>(y) + place.y;
   if (camera.projection == Projection::kPerspective) AimPerspective(camera, pose, column, row, ray);
   if (camera.projection == Projection::kSpherical) AimSpherical(camera, pose, column, row, ray);
+  return place;
 }
 
 }  // namespace zp

@@ -49,6 +49,17 @@ void NameNameless(Camera& camera) {
   }
 }
 
+// What decides comes first, so that readers of sums know it when the others come.
+void TakeNearest(Camera& camera) {
+  for (Aov& aov : camera.aovs) {
+    const LayerRow* row = FindLayerRowOf(aov.layer);
+    aov.nearest = row != nullptr && row->channel == aov.channel && row->ofHits;
+  }
+  Aov& nearness = *camera.aovs.emplace(camera.aovs.begin() + 1);
+  nearness.channel = kChannelNearness;
+  nearness.nearest = true;
+}
+
 }  // namespace
 
 const LayerRow* FindLayerRow(std::string_view word) {
@@ -63,7 +74,7 @@ const LayerRow* FindLayerRowOf(std::string_view layer) {
   return row == std::end(kLayerRows) ? nullptr : row;
 }
 
-void AddLayers(Camera& camera, const std::vector<std::string>& words) {
+void AddLayers(Camera& camera, const std::vector<std::string>& words, bool nearest) {
   NameNameless(camera);
   for (const std::string& word : words) {
     const LayerRow* row = FindLayerRow(word);
@@ -76,6 +87,7 @@ void AddLayers(Camera& camera, const std::vector<std::string>& words) {
     }
   }
   camera.aovs.emplace_back().channel = kChannelCover;
+  if (nearest) TakeNearest(camera);
 }
 
 void AddGroupLayers(Camera& camera, const std::vector<std::string>& groups) {

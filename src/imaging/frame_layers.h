@@ -23,7 +23,8 @@ inline constexpr LayerRow kLayerRows[] = {
     {"normal", kChannelFacing, "N", "XYZ", true},        {"depth", kChannelView, "Z", "Z", true},
     {"position", kChannelPosition, "P", "XYZ", true},    {"uv", kChannelUserData, "uv", "UV", true},
     {"motion", kChannelMotion, "motion", "XY", true},    {"albedo", kChannelAlbedo, "albedo", "RGB", false},
-    {"samples", kChannelSamples, "samples", "Y", false},
+    {"samples", kChannelSamples, "samples", "Y", false}, {"object", kChannelObject, "object", "RGBA", false},
+    {"shader", kChannelShader, "shader", "RGBA", false},
 };
 // By its word, or by the name of the layer; null if there is none.
 const LayerRow* FindLayerRow(std::string_view word);
@@ -32,7 +33,8 @@ const LayerRow* FindLayerRowOf(std::string_view layer);
 // Gives the camera, before it is initialised, the AOVs of these words, and what its alpha is made of. AOVs of
 // camera and lights without images get the names that files of layers have for them. A word of no layer adds
 // nothing.
-void AddLayers(Camera& camera, const std::vector<std::string>& words);
+//   nearest  layers of what was hit hold that of the sample nearest to each pixel's middle
+void AddLayers(Camera& camera, const std::vector<std::string>& words, bool nearest = false);
 // Names those of one light: "aov_NAME", with a number where it is taken by a layer of the camera.
 void NameLightLayers(Camera& camera, std::vector<Aov>& aovs, const std::string& light);
 

@@ -12,7 +12,7 @@ FrameState frameState;
 
 namespace {
 
-bool HoldsShares(const Aov& aov) { return !aov.mean && !IsDrawnByPhotons(aov); }
+bool HoldsShares(const Aov& aov) { return !aov.mean && !aov.nearest && !IsDrawnByPhotons(aov); }
 
 bool LacksSamples(const FrameState& state) {
   return std::any_of(state.rows.begin(), state.rows.end(), [&](const RowSamples& row) {
@@ -59,6 +59,7 @@ Vec3 FinishedPixel(const Aov& aov, const FrameState& state, std::int32_t x, std:
 bool IsDrawnByPhotons(const Aov& aov) { return aov.channel == kChannelLightPath; }
 
 double SampleWeight(const Aov& aov, const FrameState& state, std::uint32_t samples) {
+  if (aov.nearest) return 1;
   return HoldsShares(aov) ? state.planned : samples;
 }
 

@@ -14,6 +14,7 @@
 
 #include "core/ray.h"
 #include "core/vec.h"
+#include "imaging/mattes.h"
 
 namespace zp {
 
@@ -124,10 +125,14 @@ enum Channel : std::uint32_t {
   // Of frames with layers (imaging/frame_layers.h), which the program adds to a camera.
   // 1 for a hit that has a surface to show, for any hit, and what a catcher lets be seen behind it
   kChannelCover = 1 << 20,
-  kChannelView = 1 << 21,        // distance along the view axis; along the ray in a spherical picture
-  kChannelFacing = 1 << 22,      // the shading normal, turned to the camera, -1 to 1
-  kChannelMotion = 1 << 23,      // pixels that the place goes from shutter opening to closing, right and down
-  kChannelAlbedo = 1 << 24,      // colours of all lobes, followed through smooth mirrors and glass
+  kChannelView = 1 << 21,    // distance along the view axis; along the ray in a spherical picture
+  kChannelFacing = 1 << 22,  // the shading normal, turned to the camera, -1 to 1
+  kChannelMotion = 1 << 23,  // pixels that the place goes from shutter opening to closing, right and down
+  kChannelAlbedo = 1 << 24,  // colours of all lobes, followed through smooth mirrors and glass
+  kChannelObject = 1 << 25,  // mattes, by object and by shader: no sums, but counts
+  kChannelShader = 1 << 26,
+  // Of the nearest sample to the pixel's middle: 1 less its squared distance, and 1 where it hit something.
+  kChannelNearness = 1 << 27,
   kChannelLightGroup = 1 << 28,  // what one light group brings: a mean, as the beauty image
 };
 
@@ -178,14 +183,17 @@ struct Aov {
       squares;        // of the beauty image in format 2: means of the squares of even and of odd samples
   std::string layer;  // its name in the file of its frame's layers; empty: not there
   bool withLayers = false;  // layerWriter writes its file
+  bool nearest = false;     // no sum, but what the sample says that is nearest to the pixel's middle
+  MatteLists matte;         // of such a channel, in place of an image
 };
+inline bool IsMatte(const Aov& aov) { return aov.channel == kChannelObject || aov.channel == kChannelShader; }
 
 // What a camera's AOV records by the types of scene text: in format 1 the bits of all of them and beauty's,
 // in format 2 the last. Lights' AOVs add in both.
 void SettleChannel(Aov& aov);
 // Of the channel, where it is one alone; of a beauty image and of what lights record always light.
 ChannelKind KindOf(const Aov& aov);
-// Allocates the AOV's pixels, and those of its odd passes: 3 channels of 32 bits, black.
+// Allocates the AOV's pixels, and those of its odd passes: 3 channels of 32 bits, black; or its matte.
 void InitializeAov(Aov& aov, int width, int height);
 // Writes those that have a name and pixels, as finished pictures; one that cannot be written gets an error
 // row with the reason. Where all was stopped before the first sample, and in format 2 wherever none was
@@ -270,8 +278,9 @@ CameraPose CameraAtTime(const Camera& camera, float time);
 float TimeOfPass(const Camera& camera, std::uint32_t pass);
 // Fills a fresh ray for pass `sample` through pixel (x, y), except its thread and pixel slot: the caller sets
 // ray.thread before. An unknown projection leaves origin and direction as they were.
+// Returns its place in the pixel, 0 to 1 from the left upper corner.
 //   pose  of the camera, at the pass's time
-void MakePrimaryRay(const Camera& camera, const CameraPose& pose, RayRecord& ray, int x, int y,
+Vec2 MakePrimaryRay(const Camera& camera, const CameraPose& pose, RayRecord& ray, int x, int y,
                     std::uint32_t sample);
 
 // Pictures and models of the scene that were sought in vain since the count was last set to 0, one for each

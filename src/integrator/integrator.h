@@ -105,6 +105,10 @@ FrameFaults TellFaults();
 // Visits the AOVs of a camera and of all lights, and those that go with them, always in the same order.
 void VisitFrameAovs(Camera& camera, const std::function<void(Aov&)>& visit);
 
+// The names that hits may have in a matte, by the alphabet, each once: paths of Instances below the root, or
+// Shaders. Of more than 65536 the others are left out.
+std::vector<MatteName> MatteNames(Channel channel);
+
 // Mean and variance of a float image. Intended: one second moment, of the largest channel, for all three.
 void ImageStatistics(const ImageBuffer& image, Vec3& mean, Vec3& variance);
 

@@ -79,10 +79,9 @@ Vec3 AovValue(const Aov& aov, const RayRecord& ray, const ShadingPoint& point, c
 
 [[gnu::noinline]] void WriteCameraAovs(Camera& camera, const RayRecord& ray, const ShadingPoint& point,
                                        const HitRadiance& radiance) {
-  const auto samples = static_cast<float>(ray.sampleWeight);
   for (Aov& aov : camera.aovs)
     if (aov.channel > kChannelLightPath && aov.channel < kChannelCover)
-      AddToAov(aov, threadSlots[ray.thread].pixel, AovValue(aov, ray, point, radiance) / samples);
+      AddToLayer(aov, ray, AovValue(aov, ray, point, radiance));
 }
 
 // Whether the cells may answer for this hit at all, as far as the ray knows.

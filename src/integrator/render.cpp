@@ -80,7 +80,8 @@ Vec3 SamplePixel(const Pass& pass, int x, int y, std::uint8_t thread, RayRecord&
   RekeyRandom(pixel, pass.number);
   ray.origin = ray.direction = kBlack;
   ray.thread = thread;
-  MakePrimaryRay(pass.camera, pass.pose, ray, x, y, pass.number);
+  const Vec2 place = MakePrimaryRay(pass.camera, pass.pose, ray, x, y, pass.number);
+  if (layerTargets.ofSamples) BeginSampleLayers(thread, pixel, place);
   if (followsShares) [[unlikely]]
     BeginSample(ray);
   const Vec3 color = Radiance(ray);
@@ -222,6 +223,7 @@ void ForgetCutFrame(Camera& camera) {
   if (!frameState.interrupted && !(frameState.resumed == 0U && OrdersOccluders())) return;
   frameState = {};
   ForEachAov(camera, [](Aov& aov) {
+    aov.matte.Clear();
     if (aov.channel != kChannelLightPath)
       std::fill(aov.image.floatPixels.begin(), aov.image.floatPixels.end(), 0.0f);
   });
@@ -278,6 +280,7 @@ int SampleRow(const Pass& pass, int x, int y, std::uint8_t thread, PixelSums& su
       sums.PutBack(pixel);
       break;
     }
+    if (layerTargets.ofSamples) FinishSampleLayers(thread, x, y);
     sink(x, y, color, thread);
   }
   return std::min(x, pass.region.xMax);
@@ -442,7 +445,11 @@ void MoveTo(float time) {
 // Takes the first pass for the order of its occluders alone.
 void ReplayFirstPass(Camera& camera) {
   std::vector<std::vector<float>> kept;
-  ForEachAov(camera, [&](Aov& aov) { kept.push_back(aov.image.floatPixels); });
+  std::vector<MatteLists> mattes;
+  ForEachAov(camera, [&](Aov& aov) {
+    kept.push_back(aov.image.floatPixels);
+    mattes.push_back(std::exchange(aov.matte, {}));
+  });
   FrameState state = std::exchange(frameState, {});
   FrameObserver observer = std::exchange(frameObserver, {});
   settings.frame.samplePass = 0;
@@ -451,7 +458,10 @@ void ReplayFirstPass(Camera& camera) {
   SampleRegion(camera, RegionOf(camera), 0, [](int, int, Vec3, std::uint8_t) {});
   for (Object& object : objectTable) OrderOccluders(object);
   std::size_t count = 0;
-  ForEachAov(camera, [&](Aov& aov) { aov.image.floatPixels = std::move(kept[count++]); });
+  ForEachAov(camera, [&](Aov& aov) {
+    aov.matte = std::move(mattes[count]);
+    aov.image.floatPixels = std::move(kept[count++]);
+  });
   frameState = std::move(state);
   frameObserver = std::move(observer);
   CollectOddSamples();  // which RenderLoop forgets

@@ -2,12 +2,15 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "accel/accel.h"
+#include "core/index.h"
 #include "core/settings.h"
 #include "geometry/geometry.h"
 #include "geometry/motion.h"
 #include "integrator/estimator.h"
+#include "integrator/matte_names.h"
 
 namespace zp {
 
@@ -15,9 +18,21 @@ LayerTargets layerTargets;
 
 namespace {
 
+// What the sample that a thread is at has met.
+struct alignas(64) SampleNotes {
+  std::uint32_t object = 0, shader = 0;  // ids; 0: nothing
+  bool isNearest = false;
+};
+SampleNotes sampleNotes[kMaxThreads];
+
 void Add(Aov* aov, const RayRecord& ray, Vec3 value) {
-  if (aov != nullptr)
-    AddToAov(*aov, threadSlots[ray.thread].pixel, value / static_cast<float>(ray.sampleWeight));
+  if (aov != nullptr) AddToLayer(*aov, ray, value);
+}
+
+void NoteHit(const RayRecord& ray) {
+  SampleNotes& notes = sampleNotes[ray.thread];
+  if (layerTargets.object != nullptr) notes.object = ObjectIdOf(ray);
+  if (layerTargets.shader != nullptr) notes.shader = ShaderIdOf(ray);
 }
 
 float ViewDistance(Vec3 place) {
@@ -114,22 +129,58 @@ void FindLayerTargets(Camera& camera, const CameraPose& pose, std::uint32_t pass
   layerTargets.time = settings.format >= 2
                           ? TimeOfPass(camera, pass)
                           : static_cast<float>(pass) / static_cast<float>(std::max(camera.sample, 1));
+  const std::pair<std::uint32_t, Aov**> targets[] = {
+      {kChannelCover, &layerTargets.cover},   {kChannelView, &layerTargets.view},
+      {kChannelFacing, &layerTargets.facing}, {kChannelMotion, &layerTargets.motion},
+      {kChannelAlbedo, &layerTargets.albedo}, {kChannelNearness, &layerTargets.nearness},
+      {kChannelObject, &layerTargets.object}, {kChannelShader, &layerTargets.shader}};
   for (Aov& aov : camera.aovs) {
-    Aov** target = aov.channel == kChannelCover    ? &layerTargets.cover
-                   : aov.channel == kChannelView   ? &layerTargets.view
-                   : aov.channel == kChannelFacing ? &layerTargets.facing
-                   : aov.channel == kChannelMotion ? &layerTargets.motion
-                   : aov.channel == kChannelAlbedo ? &layerTargets.albedo
-                                                   : nullptr;
-    if (target == nullptr || *target != nullptr) continue;
-    *target = &aov;
+    const auto* found = std::find_if(std::begin(targets), std::end(targets),
+                                     [&aov](const auto& target) { return target.first == aov.channel; });
+    if (found == std::end(targets) || *found->second != nullptr) continue;
+    if (IsMatte(aov) && aov.matte.Height() == 0) continue;
+    aov.matte.MakeRoom();
+    *found->second = &aov;
     layerTargets.any = true;
   }
+  layerTargets.ofSamples = layerTargets.nearness || layerTargets.object || layerTargets.shader;
+  if (layerTargets.object || layerTargets.shader) CollectMatteIds();
+}
+
+void BeginSampleLayers(std::uint8_t thread, std::size_t pixel, Vec2 place) {
+  SampleNotes& notes = sampleNotes[thread];
+  notes = {};
+  if (layerTargets.nearness == nullptr) return;
+  ImageBuffer& nearness = layerTargets.nearness->image;
+  const Vec2 way = {place.x - 0.5f, place.y - 0.5f};
+  const float near = 1 - way.x * way.x - way.y * way.y;
+  notes.isNearest = near > ReadPixel(nearness, pixel).x;
+  if (!notes.isNearest) return;
+  for (Aov& aov : At(cameras, settings.frame.activeCamera).aovs)
+    if (aov.nearest) WritePixel(aov.image, kBlack, pixel);
+  WritePixel(nearness, {near, 0, 0}, pixel);
+}
+
+void FinishSampleLayers(std::uint8_t thread, int x, int y) {
+  const SampleNotes& notes = sampleNotes[thread];
+  if (notes.object != 0) layerTargets.object->matte.Count(x, y, notes.object);
+  if (notes.shader != 0) layerTargets.shader->matte.Count(x, y, notes.shader);
+}
+
+void AddToLayer(Aov& aov, const RayRecord& ray, Vec3 value) {
+  const std::size_t pixel = threadSlots[ray.thread].pixel;
+  if (!aov.nearest)
+    AddToAov(aov, pixel, value / static_cast<float>(ray.sampleWeight));
+  else if (sampleNotes[ray.thread].isNearest)
+    WritePixel(aov.image, value, pixel);
 }
 
 void WriteHitLayers(const RayRecord& ray, const ShadingPoint& point) {
   if (layerTargets.albedo != nullptr) Add(layerTargets.albedo, ray, ray.throughput * OwnAlbedo(point));
   if (ray.depth > 0) return;
+  if (layerTargets.ofSamples) NoteHit(ray);
+  if (layerTargets.nearness != nullptr && sampleNotes[ray.thread].isNearest)
+    AddToAov(*layerTargets.nearness, threadSlots[ray.thread].pixel, {0, 1, 0});
   Add(layerTargets.cover, ray, {1, 1, 0});
   if (layerTargets.view != nullptr) Add(layerTargets.view, ray, ViewDistance(point.position) * kWhite);
   Add(layerTargets.facing, ray, point.normal);
@@ -145,7 +196,9 @@ void WriteCatcherLayer(const RayRecord& ray, float seen) {
 }
 
 void WriteEmptyHitLayers(const RayRecord& ray) {
-  if (ray.depth == 0) Add(layerTargets.cover, ray, {0, 1, 0});
+  if (ray.depth > 0) return;
+  if (layerTargets.ofSamples) NoteHit(ray);
+  Add(layerTargets.cover, ray, {0, 1, 0});
 }
 
 }  // namespace zp

@@ -13,6 +13,8 @@ namespace zp {
 struct LayerTargets {
   bool any = false;
   Aov *cover = nullptr, *view = nullptr, *facing = nullptr, *motion = nullptr, *albedo = nullptr;
+  Aov *nearness = nullptr, *object = nullptr, *shader = nullptr;
+  bool ofSamples = false;  // one of these three is there
   const Camera* camera = nullptr;
   CameraPose pose;  // at the pass's time
   float time = 0;   // where what moves stands: 0 when the shutter opens, 1 when it closes
@@ -21,6 +23,14 @@ extern LayerTargets layerTargets;
 
 // Before the threads of a pass begin.
 void FindLayerTargets(Camera& camera, const CameraPose& pose, std::uint32_t pass);
+
+// Around each sample of a pixel, where layerTargets.ofSamples. What it has met counts when it is whole.
+//   place  of the sample in the pixel, from 0 to 1
+void BeginSampleLayers(std::uint8_t thread, std::size_t pixel, Vec2 place);
+void FinishSampleLayers(std::uint8_t thread, int x, int y);
+
+// Adds a first hit's value to an AOV of the camera, or puts it there if the sample is the nearest so far.
+void AddToLayer(Aov& aov, const RayRecord& ray, Vec3 value);
 
 // Of a ray that came by mirrors and glass alone. A hit is to be told before the thread's next Trace, with its
 // elements tested.

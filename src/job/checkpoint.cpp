@@ -68,6 +68,7 @@ std::string HeaderOf(const Checkpoint& checkpoint, const std::vector<std::size_t
                     {"name", TextOf(aov.image.fileName)},
                     {"layer", TextOf(aov.layer)},
                     {"mean", aov.mean},
+                    {"nearest", aov.nearest},
                     {"light", aov.ofLight}});
   }
   const FrameState& state = checkpoint.state;
@@ -111,6 +112,7 @@ void TakeHeader(const Json& header, Checkpoint& checkpoint, std::size_t& tiles,
     aov.image.fileName = PathOf(row.at("name"));
     aov.layer = PathOf(row.at("layer"));
     aov.mean = row.at("mean");
+    aov.nearest = row.value("nearest", false);
     aov.ofLight = row.at("light");
     counts.push_back(row.at("floats"));
   }
@@ -167,6 +169,16 @@ std::string WritePacked(const std::string& path, const Checkpoint& checkpoint,
   return file.Commit();
 }
 
+void PackMatte(const MatteLists& matte, Packer& packer) {
+  std::vector<std::uint16_t> numbers;
+  std::vector<MatteEntry> entries;
+  for (std::int32_t y = 0; y < matte.Height(); ++y) {
+    matte.TakeRow(y, numbers, entries);
+    packer.Add(numbers.data(), numbers.size() * sizeof(std::uint16_t));
+    packer.Add(entries.data(), entries.size() * sizeof(MatteEntry));
+  }
+}
+
 // Sums over whole samples become those that a render of them would have.
 std::string TakeMergedSums(CheckpointReader& reader, Checkpoint& checkpoint) {
   if (checkpoint.whole.size() != 1 || checkpoint.whole[0].begin != 0 || !checkpoint.begun.empty())
@@ -185,7 +197,8 @@ std::string TakeMergedSums(CheckpointReader& reader, Checkpoint& checkpoint) {
   }
   std::vector<std::uint32_t> samples;
   const auto pixels = static_cast<std::size_t>(std::max(checkpoint.plan.width, 0)) * state.rows.size();
-  return reader.Take(samples, pixels) && reader.EndsHere() ? "" : "is damaged";
+  const bool isWhole = reader.Take(samples, pixels) && reader.TakeMattes(checkpoint, checkpoint.aovs);
+  return isWhole && reader.EndsHere() ? "" : "is damaged";
 }
 
 // What the frame at hand would have to be told to fit; empty if it fits.
@@ -238,6 +251,7 @@ Checkpoint DescribeFrame(std::uint64_t seed) {
     told.channel = aov.channel;
     told.layer = aov.layer;
     told.mean = aov.mean;
+    told.nearest = aov.nearest;
     told.ofLight = aov.ofLight;
   });
   return checkpoint;
@@ -250,6 +264,7 @@ std::string WriteCheckpoint(const std::string& path, const Checkpoint& checkpoin
     VisitAovs(checkpoint.plan, [&](const Aov& aov) {
       packer.Add(aov.image.floatPixels.data(), aov.image.floatPixels.size() * sizeof(float));
     });
+    VisitAovs(checkpoint.plan, [&](const Aov& aov) { PackMatte(aov.matte, packer); });
   });
 }
 
@@ -261,6 +276,7 @@ std::string WriteMergedCheckpoint(const std::string& path, const Checkpoint& che
   return WritePacked(path, checkpoint, counts, [&](Packer& packer) {
     for (const std::vector<double>& values : sums) packer.Add(values.data(), values.size() * sizeof(double));
     packer.Add(samples.data(), samples.size() * sizeof(std::uint32_t));
+    for (const Aov& aov : checkpoint.aovs) PackMatte(aov.matte, packer);
   });
 }
 
@@ -274,6 +290,24 @@ bool CheckpointReader::TakeHead(Checkpoint& checkpoint) {
   if (!unpacker_->Take(checkpoint.state.rows, rows) || !unpacker_->Take(checkpoint.state.tiles, tiles))
     return false;
   if (!checkpoint.merged) TellPasses(checkpoint);
+  return true;
+}
+
+bool CheckpointReader::TakeMattes(const Checkpoint& head, std::vector<Aov>& into) {
+  static_assert(sizeof(MatteEntry) == 8);
+  const std::int32_t width = std::max(head.plan.width, 0), height = std::max(head.plan.height, 0);
+  std::vector<std::uint16_t> numbers;
+  std::vector<MatteEntry> entries;
+  for (Aov& aov : into) {
+    if (!IsMatte(aov)) continue;
+    if (aov.matte.Height() == 0) aov.matte.Resize(width, height);
+    for (std::int32_t y = 0; y < height; ++y) {
+      if (!Take(numbers, static_cast<std::size_t>(width))) return false;
+      std::size_t sum = 0;
+      for (const std::uint16_t number : numbers) sum += number;
+      if (!Take(entries, sum) || !aov.matte.AddRow(y, numbers, entries)) return false;
+    }
+  }
   return true;
 }
 
@@ -307,7 +341,7 @@ std::string ReadCheckpoint(const std::string& path, Checkpoint& checkpoint) {
     if (checkpoint.merged) return TakeMergedSums(reader, checkpoint);
     for (std::size_t i = 0; i < checkpoint.aovs.size(); ++i)
       if (!reader.Take(checkpoint.aovs[i].image.floatPixels, reader.Count(i))) return "is damaged";
-    return reader.EndsHere() ? "" : "is damaged";
+    return reader.TakeMattes(checkpoint, checkpoint.aovs) && reader.EndsHere() ? "" : "is damaged";
   } catch (const std::bad_alloc&) {
     return "takes more memory than there is";
   }
@@ -322,15 +356,17 @@ std::string RestoreFrame(Checkpoint& checkpoint, const FramePlan& plan, const st
   bool fits = true;
   VisitAovs(plan, [&](const Aov& aov) {
     fits = fits && count < checkpoint.aovs.size() && checkpoint.aovs[count].channel == aov.channel &&
-           checkpoint.aovs[count].layer == aov.layer &&
+           checkpoint.aovs[count].layer == aov.layer && checkpoint.aovs[count].nearest == aov.nearest &&
            checkpoint.aovs[count].image.floatPixels.size() == aov.image.floatPixels.size();
     ++count;
   });
   if (!fits || count != checkpoint.aovs.size()) return "its images are not those of the scene";
 
   count = 0;
-  VisitAovs(plan,
-            [&](Aov& aov) { aov.image.floatPixels = std::move(checkpoint.aovs[count++].image.floatPixels); });
+  VisitAovs(plan, [&](Aov& aov) {
+    aov.matte = std::move(checkpoint.aovs[count].matte);
+    aov.image.floatPixels = std::move(checkpoint.aovs[count++].image.floatPixels);
+  });
   frameState = checkpoint.state;
   frameState.tilesAcross = TilesAlong(plan.width);
   frameState.resumed = static_cast<std::uint32_t>(plan.begin) + checkpoint.passes;

@@ -5,7 +5,8 @@
 // picture its whole passes and the column where a begun one was cut short (four bytes each), for each tile
 // its rests (two bytes each number), and the sums of each AOV as 32-bit floats, row by row from the top. In a
 // merge the sums are over whole samples, in 64 bits, and behind them stand the samples of each pixel, four
-// bytes each.
+// bytes each. Mattes come last, one after the other, row by row: how many ids each pixel has, two bytes each,
+// then all of these, four bytes for an id and four for the samples that have met it.
 
 #pragma once
 

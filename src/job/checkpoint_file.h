@@ -24,6 +24,8 @@ class CheckpointReader {
   bool Take(std::vector<T>& values, std::size_t count) {
     return unpacker_->Take(values, count);
   }
+  // The mattes of `aovs`, which come behind all numbers; adds them to those of `into`. False likewise.
+  bool TakeMattes(const Checkpoint& head, std::vector<Aov>& into);
   bool EndsHere() { return unpacker_->EndsHere(); }
 
  private:
@@ -48,12 +50,18 @@ struct NamedNumber {
   const char* option;
 };
 inline constexpr NamedNumber kPlanNumbers[] = {
-    {"format", &FramePlan::format, "--format"},   {"camera", &FramePlan::camera, "--camera"},
-    {"width", &FramePlan::width, "--resolution"}, {"height", &FramePlan::height, "--resolution"},
-    {"left", &FramePlan::left, "--region"},       {"top", &FramePlan::top, "--region"},
-    {"right", &FramePlan::right, "--region"},     {"bottom", &FramePlan::bottom, "--region"},
-    {"sample", &FramePlan::sample, "--sample"},   {"begin", &FramePlan::begin, "--passes"},
-    {"end", &FramePlan::end, "--passes"},         {"photons", &FramePlan::photons, "--vary-photons"},
+    {"format", &FramePlan::format, "--format"},
+    {"camera", &FramePlan::camera, "--camera"},
+    {"width", &FramePlan::width, "--resolution"},
+    {"height", &FramePlan::height, "--resolution"},
+    {"left", &FramePlan::left, "--region"},
+    {"top", &FramePlan::top, "--region"},
+    {"right", &FramePlan::right, "--region"},
+    {"bottom", &FramePlan::bottom, "--region"},
+    {"sample", &FramePlan::sample, "--sample"},
+    {"begin", &FramePlan::begin, "--passes"},
+    {"end", &FramePlan::end, "--passes"},
+    {"photons", &FramePlan::photons, "--vary-photons"},
     {"halves", &FramePlan::halves, "--noise"},
     {"transparent_sky", &FramePlan::transparentSky, "--transparent-sky"},
 };

@@ -50,10 +50,10 @@ bool MayDiffer(const NamedNumber& number, const FramePlan& plan) {
 }
 
 bool HaveSameAovs(const Checkpoint& a, const Checkpoint& b) {
-  return std::equal(a.aovs.begin(), a.aovs.end(), b.aovs.begin(), b.aovs.end(),
-                    [](const Aov& x, const Aov& y) {
-                      return x.channel == y.channel && x.mean == y.mean && x.layer == y.layer;
-                    });
+  return std::equal(
+      a.aovs.begin(), a.aovs.end(), b.aovs.begin(), b.aovs.end(), [](const Aov& x, const Aov& y) {
+        return x.channel == y.channel && x.mean == y.mean && x.nearest == y.nearest && x.layer == y.layer;
+      });
 }
 
 // Why b is no share of the frame that a belongs to; else empty.
@@ -150,6 +150,22 @@ bool AddNumbers(CheckpointReader& reader, std::size_t count, std::vector<double>
   return true;
 }
 
+// Takes the pixels that the part knows a nearer sample of; the first such AOV tells which.
+template <class Number>
+bool TakeNearest(CheckpointReader& reader, std::size_t count, bool decides, std::vector<bool>& isNearer,
+                 std::vector<double>& sums) {
+  std::vector<Number> numbers;
+  if (!reader.Take(numbers, count)) return false;
+  sums.resize(std::max(sums.size(), count));
+  if (decides) isNearer.assign(count / 3, false);
+  if (isNearer.size() < count / 3) return false;
+  for (std::size_t i = 0; i < count; ++i) {
+    if (decides && i % 3 == 0) isNearer[i / 3] = static_cast<double>(numbers[i]) > sums[i];
+    if (isNearer[i / 3]) sums[i] = static_cast<double>(numbers[i]);
+  }
+  return true;
+}
+
 bool AddSamples(CheckpointReader& reader, const Checkpoint& head, std::vector<std::uint32_t>& samples) {
   const std::size_t pixels = PixelCount(head.plan);
   std::vector<std::uint32_t> own;
@@ -172,16 +188,22 @@ std::string AddPart(const FramePart& part, MergedFrame& frame) {
   if (!(head.plan == part.head.plan) || head.whole != part.head.whole || head.begun != part.head.begun ||
       head.aovs.size() != part.head.aovs.size())
     return Quoted(part) + " has changed in the meantime";
+  std::vector<bool> isNearer;
   for (std::size_t i = 0; i < head.aovs.size(); ++i) {
     const Weigher weigher(head, i);
+    const bool decides = head.aovs[i].channel == kChannelNearness;
     const bool added =
-        head.merged
+        head.aovs[i].nearest
+            ? (head.merged ? TakeNearest<double>(reader, reader.Count(i), decides, isNearer, frame.sums[i])
+                           : TakeNearest<float>(reader, reader.Count(i), decides, isNearer, frame.sums[i]))
+        : head.merged
             ? AddNumbers<double>(reader, reader.Count(i), frame.sums[i], [](std::size_t) { return 1.0; })
             : AddNumbers<float>(reader, reader.Count(i), frame.sums[i],
                                 [&](std::size_t number) { return weigher.At(number); });
     if (!added) return damage;
   }
-  return AddSamples(reader, head, frame.samples) && reader.EndsHere() ? "" : damage;
+  const bool isWhole = AddSamples(reader, head, frame.samples) && reader.TakeMattes(head, frame.head.aovs);
+  return isWhole && reader.EndsHere() ? "" : damage;
 }
 
 // What all parts are together.
@@ -279,7 +301,7 @@ ImageBuffer MergedPicture(const MergedFrame& frame, std::size_t aov) {
       picture.floatPixels[i] = static_cast<float>(frame.samples[i / 3]);
       continue;
     }
-    const double count = IsDrawnByPhotons(told) ? frame.head.drawn : frame.samples[i / 3];
+    const double count = told.nearest ? 1 : IsDrawnByPhotons(told) ? frame.head.drawn : frame.samples[i / 3];
     picture.floatPixels[i] = count > 0 ? static_cast<float>(sums[i] / count) : 0.0f;
   }
   return picture;

@@ -1,6 +1,7 @@
 #include "post/frame_layers.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <limits>
 
@@ -11,6 +12,7 @@ namespace {
 
 // Samples of each pixel of the region: all, those with a surface to show, and those that hit anything.
 struct Counts {
+  std::vector<float> nearestHits;             // 1 where the sample nearest to the middle is one
   std::vector<float> samples, hits, covered;  // covered by a catcher: by as much as it hides
 };
 
@@ -27,15 +29,18 @@ void ForEachPixel(const FrameSource& frame, const Visit& visit) {
 // Shares of samples are put back to whole numbers of them, so that nothing of the division is left.
 Counts CountHits(const FrameSource& frame) {
   Counts counts;
-  const auto cover = std::find_if(frame.aovs.begin(), frame.aovs.end(),
-                                  [](const Aov* aov) { return aov->channel == kChannelCover; });
-  const bool isKnown = cover != frame.aovs.end();
-  const ImageBuffer picture =
-      isKnown ? frame.picture(static_cast<std::size_t>(cover - frame.aovs.begin())) : ImageBuffer();
+  const auto pictureOf = [&frame](Channel channel) {
+    const auto found = std::find_if(frame.aovs.begin(), frame.aovs.end(),
+                                    [channel](const Aov* aov) { return aov->channel == channel; });
+    return found == frame.aovs.end() ? ImageBuffer()
+                                     : frame.picture(static_cast<std::size_t>(found - frame.aovs.begin()));
+  };
+  const ImageBuffer picture = pictureOf(kChannelCover), nearness = pictureOf(kChannelNearness);
   ForEachPixel(frame, [&](std::size_t, std::size_t pixel, int x, int y) {
     const auto samples = static_cast<float>(frame.samples(x, y));
     counts.samples.push_back(samples);
-    if (!isKnown) return;
+    if (nearness.width > 0) counts.nearestHits.push_back(ReadPixel(nearness, pixel).y);
+    if (picture.width == 0) return;
     const Vec3 share = ReadPixel(picture, pixel);
     counts.hits.push_back(std::round(share.x * samples));
     counts.covered.push_back(std::round(share.y * samples) - share.z * samples);
@@ -82,13 +87,32 @@ Layer MakeLayer(const FrameSource& frame, std::size_t number, const Counts& coun
   ForEachPixel(frame, [&](std::size_t index, std::size_t pixel, int, int) {
     Vec3 value = aov.channel == kChannelSamples ? counts.samples[index] * kWhite : ReadPixel(picture, pixel);
     if (ofHits) {
-      const float hits = counts.hits[index], samples = counts.samples[index];
+      const float hits = aov.nearest ? counts.nearestHits[index] : counts.hits[index];
+      const float samples = aov.nearest ? 1 : counts.samples[index];
       if (hits != samples) value *= samples / hits;  // a pixel with all of them stays to the bit
       if (hits == 0) value = nowhere * kWhite;
     }
     for (int c = 0; c < channels; ++c) layer.numbers.push_back(value[c]);
   });
   return layer;
+}
+
+// Two ranks a layer, of id and coverage.
+void AddMatteLayers(const FrameSource& frame, const Aov& aov, const Counts& counts,
+                    std::vector<Layer>& layers) {
+  const std::size_t first = layers.size();
+  for (int i = 0; i < kMatteRanks / 2; ++i)
+    layers.push_back({aov.layer + "0" + std::to_string(i), ChannelsOf("RGBA"), LayerKind::kId, {}});
+  ForEachPixel(frame, [&](std::size_t index, std::size_t, int x, int y) {
+    std::vector<MatteEntry> ranked = aov.matte.Ranked(x, y);
+    ranked.resize(kMatteRanks);
+    for (std::size_t i = 0; i < ranked.size(); ++i) {
+      std::vector<float>& numbers = layers[first + i / 2].numbers;
+      const float samples = std::max(counts.samples[index], 1.0f);
+      numbers.push_back(std::bit_cast<float>(ranked[i].id));
+      numbers.push_back(static_cast<float>(ranked[i].count) / samples);
+    }
+  });
 }
 
 // Of the pixel's mean: the two halves are as many samples each, so that half their difference is its
@@ -114,7 +138,10 @@ LayeredPicture MakeFrameLayers(const FrameSource& frame) {
   const Counts counts = CountHits(frame);
   picture.layers.push_back(MakeBeauty(frame, counts));
   for (std::size_t i = 1; i < frame.aovs.size(); ++i)
-    if (!frame.aovs[i]->layer.empty()) picture.layers.push_back(MakeLayer(frame, i, counts));
+    if (IsMatte(*frame.aovs[i]))
+      AddMatteLayers(frame, *frame.aovs[i], counts, picture.layers);
+    else if (!frame.aovs[i]->layer.empty())
+      picture.layers.push_back(MakeLayer(frame, i, counts));
   for (const std::string& name : frame.halfLayers) picture.layers.push_back(MakeHalfLayer(frame, name));
   return picture;
 }
