@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <utility>
 
-#include "core/box.h"
 #include "core/float8.h"
+#include "core/box.h"
 
 namespace zp {
 
@@ -74,45 +74,24 @@ struct Bins {
       upTo[a] = upTo[a] + other.upTo[a];
     }
   }
-  // Each record by its centroid into one bin of each axis; `centroids` bounds them all. Neighbours fall into
-  // the same bins and would wait for one another: of many records every other one fills bins of its own.
+  // Each record by its centroid into one bin of each axis; `centroids` bounds them all.
   void Fill(const BuildRecord* records, std::uint32_t count, LaneBox centroids) {
     constexpr std::uint32_t kMost = 255;  // that a byte can count
-    constexpr std::uint32_t kMany = 16;
     const Float4 extent = Extent(centroids), least = LowHalf(centroids), eight = Float4::Set(kBins);
-    std::uint64_t counts[3] = {};  // a byte a bin
-    const auto put = [&](Bins& bins, const BuildRecord& record) {
-      const LaneBox one = BoxOf(record);
-      std::int32_t bin[4];
-      TruncateTo(eight * (CentroidOf(one) - least) / extent, kBins - 1, bin);
-      for (int a = 0; a < 3; ++a) {
-        Grow(bins.box[a][bin[a]], one);
-        counts[a] += std::uint64_t{1} << static_cast<unsigned>(8 * bin[a]);
-      }
-    };
-    const auto total = [&] {
-      for (int a = 0; a < 3; ++a) {
-        upTo[a] = upTo[a] + Words8::OfBytes(counts[a] * 0x0101010101010101U);
-        counts[a] = 0;
-      }
-    };
-    if (count < kMany) {
-      for (std::uint32_t i = 0; i < count; ++i) put(*this, records[i]);
-      return total();
-    }
-    Bins others;
     for (std::uint32_t first = 0; first < count; first += kMost) {
       const std::uint32_t end = count - first < kMost ? count : first + kMost;
-      std::uint32_t i = first;
-      for (; i + 1 < end; i += 2) {
-        put(*this, records[i]);
-        put(others, records[i + 1]);
+      std::uint64_t counts[3] = {};  // a byte a bin
+      for (std::uint32_t i = first; i < end; ++i) {
+        const LaneBox one = BoxOf(records[i]);
+        std::int32_t bin[4];
+        TruncateTo(eight * (CentroidOf(one) - least) / extent, kBins - 1, bin);
+        for (int a = 0; a < 3; ++a) {
+          Grow(box[a][bin[a]], one);
+          counts[a] += std::uint64_t{1} << static_cast<unsigned>(8 * bin[a]);
+        }
       }
-      if (i < end) put(*this, records[i]);
-      total();
+      for (int a = 0; a < 3; ++a) upTo[a] = upTo[a] + Words8::OfBytes(counts[a] * 0x0101010101010101U);
     }
-    for (int a = 0; a < 3; ++a)
-      for (int k = 0; k < kBins; ++k) Grow(box[a][k], others.box[a][k]);
   }
 };
 
