@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <utility>
 
-#include "core/float8.h"
 #include "core/box.h"
+#include "core/float8.h"
 
 namespace zp {
 
