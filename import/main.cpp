@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "core/console.h"
+#include "core/sanitizers.h"
 #include "core/settings.h"
 #include "imaging/imaging.h"
 #include "model.h"
@@ -52,7 +53,7 @@ void LimitSelf(const std::vector<std::string>& files) {
   setrlimit(RLIMIT_CORE, &core);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   const long pages = sysconf(_SC_PHYS_PAGES), size = sysconf(_SC_PAGESIZE);
-  if (pages <= 0 || size <= 0) return;
+  if (pages <= 0 || size <= 0 || kIsSanitized) return;
   const rlim_t memory = static_cast<rlim_t>(pages) * static_cast<rlim_t>(size);
   const rlimit limit = {memory, memory};
   setrlimit(RLIMIT_AS, &limit);

@@ -20,19 +20,11 @@
 #include <mutex>
 #include <type_traits>
 
+#include "core/sanitizers.h"
 #include "core/stop.h"
 
 namespace zp {
 namespace {
-
-// Sanitizers reserve more address space than any limit leaves.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kIsSanitized = true;
-#elif defined(__has_feature)
-constexpr bool kIsSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
-#else
-constexpr bool kIsSanitized = false;
-#endif
 
 constexpr int kFirstStatus = 64;  // of the child; plus the problem's number
 bool isChild = false;
