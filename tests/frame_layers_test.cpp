@@ -291,7 +291,7 @@ TEST_F(FrameLayers, CatchersShowWhatIsDeniedAGround) {
   ExpectSame(Read("clear.exr"), Read("merged.exr"), 1e-5f);
 }
 
-// What the specification of Cryptomatte says of a name's share of a pixel, read apart from what writes it.
+// What Cryptomatte means by a name's share of a pixel, read apart from what writes it.
 float Matte(const LayeredPicture& picture, const std::string& layer, const std::string& name,
             std::size_t pixel) {
   unsigned long id = 0;

@@ -1,6 +1,6 @@
 // imaging/mattes.h: which objects, or shaders, the samples of each pixel have met, by Cryptomatte's layout.
 // Friedman and Jones, "Fully Automatic ID Mattes with Support for Motion Blur and Transparency", 2015, and
-// the specification 1.2.0 of Psyop that it has become.
+// version 1.2.0 of the layout that Psyop has made of it.
 //
 // An id is the hash of a name; each sample meets one, or nothing. So a pixel has counts, which any number of
 // passes and parts adds up to, in any order, and coverage is a count by the samples.
