@@ -229,6 +229,8 @@ struct ModelWriter {
   }
 };
 
+constexpr float kFarAway = 1e15f;  // what is farther is damage, and squares of it are no numbers
+
 // A camera that has all in view, from the front, the right and above: the place where both pairs of sides of
 // its view touch the points from outside.
 ImportCamera FramingCamera(const std::vector<Vec3>& points) {
@@ -246,10 +248,12 @@ ImportCamera FramingCamera(const std::vector<Vec3>& points) {
   for (int i = 0; i < 2; ++i) {
     float most = -kFarthest, least = kFarthest;  // where the sides' planes cut the axis
     for (const Vec3 point : points) {
+      if (!(SafeLength(point) < kFarAway)) continue;
       const float across = Dot(point, axes[i]), nearer = -slopes[i] * Dot(point, camera.forward);
       most = MaxOf(most, across + nearer);
       least = MinOf(least, across - nearer);
     }
+    if (most < least) most = least = 0;
     place += 0.5f * (most + least) * axes[i];
     distance = MaxOf(distance, 0.5f * (most - least) / slopes[i]);
   }
@@ -257,10 +261,12 @@ ImportCamera FramingCamera(const std::vector<Vec3>& points) {
   return camera;
 }
 
-// Something to aim and to focus at: what is straight ahead, as far as the middle of the scene.
+// Something to aim and to focus at: what is straight ahead, as far as the middle of the scene, and so far
+// that numbers tell it from the camera's place.
 Vec3 TargetOf(const ImportCamera& camera, const Box& bounds) {
   const float ahead = Dot(Center(bounds) - camera.position, camera.forward);
-  return camera.position + camera.forward * MaxOf(ahead, 1e-3f);
+  const float least = 1e-3f + 1e-5f * SafeLength(camera.position);
+  return camera.position + camera.forward * std::clamp(ahead, least, kFarAway);
 }
 
 void WriteCamera(SceneWriter& text, const ImportCamera& camera, const std::string& name, const Box& bounds) {
