@@ -266,7 +266,7 @@ ImportCamera FramingCamera(const std::vector<Vec3>& points) {
 Vec3 TargetOf(const ImportCamera& camera, const Box& bounds) {
   const float ahead = Dot(Center(bounds) - camera.position, camera.forward);
   const float least = 1e-3f + 1e-5f * SafeLength(camera.position);
-  return camera.position + camera.forward * std::clamp(ahead, least, kFarAway);
+  return camera.position + camera.forward * MaxOf(MinOf(ahead, kFarAway), least);
 }
 
 void WriteCamera(SceneWriter& text, const ImportCamera& camera, const std::string& name, const Box& bounds) {
