@@ -21,8 +21,7 @@ std::string NotesOf(const fs::path& scene) {
 }  // namespace
 
 int RunImport(const ImportOptions& options) {
-  const fs::path target = fs::path(options.output).has_filename() ? fs::path(options.output)
-                                                                  : fs::path(options.output).parent_path();
+  const fs::path target = SceneNamed(options.output);
   const auto refuse = [&](const std::string& reason) {
     return Fail("cannot write the scene '" + options.output + "': " + reason);
   };

@@ -152,6 +152,11 @@ std::string FillByImport(const ImportWish& wish, const fs::path& folder) {
   return told ? line.substr(line.find_last_of('\n') + 1) : CrashText(wish, *status, output);
 }
 
+fs::path SceneNamed(const std::string& option) {
+  const fs::path path = option;
+  return path.has_filename() ? path : path.parent_path();
+}
+
 std::string TargetObstacle(const fs::path& target, std::optional<bool> force) {
   std::error_code error;
   const fs::file_status status = fs::symlink_status(target, error);

@@ -19,6 +19,9 @@ struct ImportWish {
   bool stage = false;  // what a model without lights needs to be seen
 };
 
+// The folder that an option names, with a slash behind it or without.
+std::filesystem::path SceneNamed(const std::string& option);
+
 // A folder that is made beside a path, of a name that nobody has, and goes with all in it unless it is moved
 // away.
 class ScratchFolder {

@@ -63,8 +63,8 @@ std::optional<float> MeasureExposure(const RenderOptions& options, const fs::pat
   return ExposureOf(picture);
 }
 
-// Says it in all cameras of the scene.
-void WriteExposure(const fs::path& scene, float exposure) {
+// Says it in all cameras of the scene; false if they cannot be written.
+bool WriteExposure(const fs::path& scene, float exposure) {
   const fs::path path = scene / "camera/cameras.zp";
   std::ifstream stream(path);
   const std::string text{std::istreambuf_iterator<char>(stream), {}};
@@ -81,7 +81,10 @@ void WriteExposure(const fs::path& scene, float exposure) {
     }
     at = end;
   }
-  std::ofstream(path) << changed;
+  std::ofstream file(path);
+  file << changed;
+  file.close();
+  return file.good();
 }
 
 // "teapot-20261122-123015.png" in the current directory, of a name that nobody has.
@@ -111,9 +114,7 @@ int RunModelRender(const RenderOptions& given) {
   const bool keeps = !options.model.keep.empty();
   if (!options.checkpoint.empty() && !keeps)
     return Fail("--checkpoint of a model needs --keep, for its scene is gone behind the render", kExitUsage);
-  const fs::path target = fs::path(options.model.keep).has_filename()
-                              ? fs::path(options.model.keep)
-                              : fs::path(options.model.keep).parent_path();
+  const fs::path target = SceneNamed(options.model.keep);
   if (keeps)
     if (const std::string obstacle = TargetObstacle(target); !obstacle.empty())
       return Fail("cannot write the scene '" + options.model.keep + "': " + obstacle);
@@ -122,8 +123,11 @@ int RunModelRender(const RenderOptions& given) {
   if (scratch.Path().empty()) return Fail("there is no folder to write a scene to");
   const ImportWish wish = {{options.scene}, options.model.up, options.model.unit, {}, true, true};
   if (const std::string reason = FillByImport(wish, scratch.Path()); !reason.empty()) return Fail(reason);
-  if (const std::optional<float> exposure = MeasureExposure(options, scratch.Path()))
-    WriteExposure(scratch.Path(), *exposure);
+  const std::optional<float> exposure = MeasureExposure(options, scratch.Path());
+  if (exposure && !WriteExposure(scratch.Path(), *exposure)) {
+    const std::string reason = "its cameras cannot be written";
+    return Fail("cannot write the scene '" + scratch.Path().string() + "': " + reason);
+  }
   if (Stopping())
     return Fail("stopped before anything was rendered: nothing is written", kExitFailed, "stopped");
   if (keeps) {

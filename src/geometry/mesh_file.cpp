@@ -159,7 +159,8 @@ bool WriteMeshFile(const std::string& path, const Part& part) {
   const auto tetragons = number(part.tetragons);
   header.shaders = static_cast<std::uint32_t>(numbers.size() - 1);
   header.nameBytes = static_cast<std::uint32_t>(names.size());
-  const std::vector<Vec2>& uvs = part.uvSets.empty() ? std::vector<Vec2>() : part.uvSets[0].values;
+  static const std::vector<Vec2> noUvs;
+  const std::vector<Vec2>& uvs = part.uvSets.empty() ? noUvs : part.uvSets[0].values;
   const bool hasUvs = uvs.size() == part.positions.size() &&
                       std::any_of(uvs.begin(), uvs.end(), [](Vec2 uv) { return !(uv == Vec2{}); });
   const bool hasNormals =

@@ -128,6 +128,7 @@ template <class AnyLight>
   SampleOne(SurfaceReceiver{exitRay, exit, weight, true, false}, light, draw, sample, sum);
 }
 
+// Intended: in format 1 samples reach no AOV that asks for one Shader's light.
 bool Records(const GeometryLight&, const Aov& aov, std::int32_t emitter) {
   return aov.shaderIndex == kNone || (settings.format >= 2 && aov.shaderIndex == emitter);
 }
