@@ -7,11 +7,12 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 
 #include "accel/accel.h"
-#include "core/float8.h"
 #include "accel/primitive_tests.h"
 #include "accel/tree.h"
+#include "core/float8.h"
 #include "core/index.h"
 #include "core/settings.h"
 
@@ -24,11 +25,11 @@ inline bool MeasuresInScene() { return settings.format >= 2; }
 // Beyond this inverse of a direction's component, rounding of coordinates can be more than a distance.
 inline constexpr float kSteep = 0x1p20f;
 
+inline Float4 LanesOf(Vec3 v) { return Float4::Of(v.x, v.y, v.z, 0); }
+inline bool AllAtMost(Float4 sizes, float limit) { return MaskLessEqual(sizes, Float4::Set(limit)) == 15U; }
+
 // Whether the ray runs so nearly across some axis that its slabs need slack.
-inline bool IsSteep(const RayRecord& ray) {
-  const Vec3 inverse = ray.inverseDirection;
-  return !(MaxOf(std::fabs(inverse.x), MaxOf(std::fabs(inverse.y), std::fabs(inverse.z))) <= kSteep);
-}
+inline bool IsSteep(const RayRecord& ray) { return !AllAtMost(Abs(LanesOf(ray.inverseDirection)), kSteep); }
 
 // What a walk keeps of its ray for box tests. Where a direction's component is zero or nearly so, the inverse
 // is limited, since infinities of planes and origin would leave no number, and the slab is widened by what
@@ -257,7 +258,9 @@ inline bool PrepareRay(RayRecord& ray) {
   ray.matrixDepth = 0;
   ray.place = 0;
   if (!IsIndex(objectTable, rootObject)) return false;
-  if (!IsFinite(ray.origin) || !IsFinite(ray.direction) || ray.direction == kBlack) return false;
+  const Float4 origin = Abs(LanesOf(ray.origin)), direction = Abs(LanesOf(ray.direction));
+  constexpr float kFinite = std::numeric_limits<float>::max();
+  if (!AllAtMost(origin, kFinite) || !AllAtMost(direction, kFinite) || AllAtMost(direction, 0)) return false;
   ray.inverseDirection = Reciprocal(ray.direction);
   return true;
 }

@@ -22,6 +22,18 @@ inline SineAndCosine OfSmallAngle(float angle) {
           next(next(next(next(1.0f / 40320, -1.0f / 720), 1.0f / 24), -0.5f), 1)};
 }
 
+// Of an angle within half a turn, by those of its half, with few terms that wait for others.
+inline SineAndCosine OfHalfTurn(float angle) {
+  const float half = 0.5f * angle, z = half * half, z2 = z * z;
+  const auto pair = [z](float a, float b) { return std::fma(z, b, a); };
+  const float sine =
+      half * std::fma(z2, std::fma(z2, pair(1.0f / 362880, -1.0f / 39916800), pair(1.0f / 120, -1.0f / 5040)),
+                      pair(1, -1.0f / 6));
+  const float end = std::fma(z2, 1.0f / 479001600, pair(1.0f / 40320, -1.0f / 3628800));
+  const float cosine = std::fma(z2, std::fma(z2, end, pair(1.0f / 24, -1.0f / 720)), pair(1, -0.5f));
+  return {2 * sine * cosine, std::fma(-2 * sine, sine, 1.0f)};
+}
+
 // Of an angle within some turns.
 inline SineAndCosine OfAngle(float angle) {
   constexpr float kQuarter = 1.57079637f,

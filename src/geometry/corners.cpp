@@ -61,10 +61,6 @@ bool VectorsOf(const Corners& corners, const CornerVectors& faces, const std::ve
   return all;
 }
 
-std::size_t FaceNumber(const Part& part, std::uint8_t kind, std::uint32_t index) {
-  return index + (kind == kKindTetragon ? part.triangles.size() : 0);
-}
-
 }  // namespace
 
 bool CornerNormals(const Corners& corners, const Part& part, std::uint8_t kind, std::uint32_t index,

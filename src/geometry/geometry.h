@@ -135,6 +135,10 @@ struct Corners {
 };
 // `barycentric` as the hit tests give it; no vertices for other kinds than the four primitives.
 Corners HitCorners(const Part& part, std::uint8_t kind, std::uint32_t index, Vec3 barycentric);
+// The number of a triangle or tetragon among all faces of its Part, as CornerVectors count them.
+inline std::size_t FaceNumber(const Part& part, std::uint8_t kind, std::uint32_t index) {
+  return index + (kind == kKindTetragon ? part.triangles.size() : 0);
+}
 // The normals, and tangents, of the corners of a triangle or tetragon. False where one of them has none.
 bool CornerNormals(const Corners& corners, const Part& part, std::uint8_t kind, std::uint32_t index,
                    PackedVector (&of)[4]);

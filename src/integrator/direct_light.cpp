@@ -63,6 +63,13 @@ Draw DrawOf(const RayRecord& ray, const PassShare& share, std::uint32_t number, 
   return draw;
 }
 
+// Has the lobe's ray followed while the light's sample is on its way.
+template <class AnyReceiver>
+void GoAhead(const AnyReceiver& receiver) {
+  const RayAhead* const ahead = receiver.point.ahead;
+  if (ahead != nullptr && !ahead->made) FollowAhead(receiver.ray, receiver.point);
+}
+
 // SampleOne adds to `sum` what the lobes send back of one sample of a light.
 template <class AnyReceiver>
 void SampleOne(const AnyReceiver& receiver, const GeometryLight& light, const Draw& draw, LightSample& sample,
@@ -70,6 +77,7 @@ void SampleOne(const AnyReceiver& receiver, const GeometryLight& light, const Dr
   if (!SampleGeometryLight(ReceiverOf(receiver.point), EmitterChoice(draw), draw.place.x, draw.place.y,
                            sample))
     return;
+  GoAhead(receiver);
   auto response = Respond(receiver, sample.direction, 0, GlossyScale::kRays);
   if (IsZero(response)) return;
   const Vec3 visible = Visibility(receiver, sample.direction, sample.distance);
@@ -83,6 +91,7 @@ template <class AnyReceiver>
 void SampleOne(const AnyReceiver& receiver, const SkyLight& light, const Draw& draw, LightSample& sample,
                LobeRadiance& sum) {
   if (!SampleSky(draw.place.x, draw.place.y, sample) || !(sample.pdf > 0)) return;
+  GoAhead(receiver);
   auto response = Respond(receiver, sample.direction, 0, GlossyScale::kRays);
   if (IsZero(response)) return;
   const Vec3 visible = Visibility(receiver, sample.direction, sample.distance);

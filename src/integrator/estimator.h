@@ -123,6 +123,24 @@ LightReceiver ReceiverOf(const ShadingPoint& point);
 // before the thread's next Trace.
 float PickDensity(const RayRecord& ray);
 
+// The one ray of a point's Lambertian lobe, made and traced while a light is sampled: where a light's sample
+// lies takes a processor long to tell, and the ray does not wait for it.
+struct RayAhead {
+  bool made = false;
+  bool open = false;                   // does not go through the surface
+  bool followed = false, met = false;  // IsFollowed, and what Trace said
+  union {
+    RayRecord child;  // if open; most hits have none, and it is large
+  };
+  RayAhead() {}
+};
+// Fills what point.ahead points to. For a hit other than the first.
+void FollowAhead(const RayRecord& ray, const ShadingPoint& point);
+
+// Whether radiance along the ray is asked for at all; if so, what it is once the ray is traced.
+bool IsFollowed(const RayRecord& ray);
+Vec3 RadianceOfTraced(RayRecord& ray, bool met);
+
 // What a lobe receives from the scene, without the lobe's colour. Black for a lobe of black throughput.
 Vec3 Gather(Lobe lobe, const RayRecord& ray, const ShadingPoint& point);
 

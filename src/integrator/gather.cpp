@@ -19,6 +19,22 @@ void NumberChild(RayRecord& child, std::uint32_t sample) {
   SetNumber(child.points, sample);
 }
 
+RayRecord MakeDiffuseChild(const RayRecord& ray, const ShadingPoint& point, Event event, Vec3 direction,
+                           Vec3 throughput, std::uint32_t sample, std::int32_t sampleWeight) {
+  RayRecord child = MakeChildRay(ray, point, event, direction, throughput);
+  NumberChild(child, sample);
+  child.sampleWeight = sampleWeight;
+  ++child.diffuseBounces;
+  return child;
+}
+
+void AddAhead(const RayRecord& ray, const ShadingPoint& point, RayAhead& ahead, Vec3& sum) {
+  if (!ahead.open) return;
+  if (followsShares) [[unlikely]]
+    ShareWithDiffuse(ray, point, ahead.child, kEventLambertian, kWhite);
+  if (ahead.followed) sum += RadianceOfTraced(ahead.child, ahead.met);
+}
+
 // One sample: adds its radiance, times `weight`, to `sum`. False if the direction goes through the surface to
 // the wrong side. Not inlined: the child record is the largest local of the recursion, and exists once.
 [[gnu::noinline]] bool AddDiffuseSample(const RayRecord& ray, const ShadingPoint& point, Event event,
@@ -26,10 +42,7 @@ void NumberChild(RayRecord& child, std::uint32_t sample) {
                                         Vec3 weight, Vec3& sum) {
   Vec3 direction;
   if (!DiffuseDirection(ray, point, event, sample, direction)) return false;
-  RayRecord child = MakeChildRay(ray, point, event, direction, throughput * weight);
-  NumberChild(child, sample);
-  child.sampleWeight = sampleWeight;
-  ++child.diffuseBounces;
+  RayRecord child = MakeDiffuseChild(ray, point, event, direction, throughput * weight, sample, sampleWeight);
   if (followsShares) [[unlikely]]
     ShareWithDiffuse(ray, point, child, event, weight);
   sum += weight * Radiance(child);
@@ -51,11 +64,16 @@ void NumberChild(RayRecord& child, std::uint32_t sample) {
 // later hits and with samples of lights. In format 1 the others take it over.
 bool CountsLostRays() { return settings.format >= 2; }
 
+// That the lobe's rays begin with.
+Vec3 DiffuseThroughput(const RayRecord& ray, const ShadingPoint& point, Event event, Vec3 color) {
+  const Vec3 throughput = ray.throughput * color;
+  return event == kEventLambertian && !IsHair(point) ? throughput * point.diffuseWeight : throughput;
+}
+
 // Of the Lambertian or the transmissive lobe, which differ by the side they look to.
 Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event, Vec3 color) {
   const bool hair = IsHair(point);
-  Vec3 throughput = ray.throughput * color;
-  if (event == kEventLambertian && !hair) throughput *= point.diffuseWeight;
+  const Vec3 throughput = DiffuseThroughput(ray, point, event, color);
   if (IsBlack(throughput)) return kBlack;
 
   Vec3 sum;
@@ -78,7 +96,10 @@ Vec3 GatherDiffuse(const RayRecord& ray, const ShadingPoint& point, Event event,
     if (taken > 0) sum *= 1.0f / static_cast<float>(taken);  // a hair takes all of its share
     if (!hair) sum += GatherCaustics(ray, point, event);
   } else if (LobeRaysLeave(ray)) {
-    AddDiffuseSample(ray, point, event, throughput, ray.sampleNumber, ray.sampleWeight, kWhite, sum);
+    if (event == kEventLambertian && point.ahead != nullptr && point.ahead->made)
+      AddAhead(ray, point, *point.ahead, sum);
+    else
+      AddDiffuseSample(ray, point, event, throughput, ray.sampleNumber, ray.sampleWeight, kWhite, sum);
     if (!hair) sum += GatherCaustics(ray, point, event);
   }
   return hair ? sum : point.diffuseWeight * sum;  // light samples of hair know no Fresnel weight either
@@ -219,6 +240,20 @@ std::int32_t GatherCount(Vec3 color, std::int32_t budget, std::int32_t passes) {
 
 PassShare ShareOf(Vec3 color, std::int32_t budget) {
   return settings.format >= 2 ? CountedInEachPass(color, budget) : SharedByAllPasses(color, budget);
+}
+
+void FollowAhead(const RayRecord& ray, const ShadingPoint& point) {
+  RayAhead& ahead = *point.ahead;
+  const Vec3 throughput = DiffuseThroughput(ray, point, kEventLambertian, point.color[Lobe::kLambertian]);
+  if (IsBlack(throughput)) return;
+  ahead.made = true;
+  Vec3 direction;
+  ahead.open = DiffuseDirection(ray, point, kEventLambertian, ray.sampleNumber, direction);
+  if (!ahead.open) return;
+  ahead.child = MakeDiffuseChild(ray, point, kEventLambertian, direction, throughput, ray.sampleNumber,
+                                 ray.sampleWeight);
+  ahead.followed = IsFollowed(ahead.child);
+  ahead.met = ahead.followed && Trace(ahead.child);
 }
 
 Vec3 Gather(Lobe lobe, const RayRecord& ray, const ShadingPoint& point) {

@@ -106,6 +106,11 @@ bool TakesDirectLight(const RayRecord& ray, const ShadingPoint& point) {
   return (lobe || IsHair(point)) && IsInOpen(ray);
 }
 
+// Where there will be one ray of the Lambertian lobe that need not wait for its turn.
+bool GoesAhead(const RayRecord& ray, const ShadingPoint& point) {
+  return point.has[Lobe::kLambertian] && !IsHair(point) && BounceCount(ray) > 0 && LobeRaysLeave(ray);
+}
+
 // What a ray brings home.
 Vec3 LightOfMiss(const RayRecord& ray) {
   return settings.derived.tracksMedia ? MissRadiance(ray) * Transmission(ray) : MissRadiance(ray);
@@ -171,11 +176,17 @@ void AddToAov(Aov& aov, std::size_t pixel, Vec3 value) {
 
 // With the gather functions a level of recursion takes about 1.2 kilobytes of stack, so that all 255 levels
 // and a tree walk on top fit a worker of half a megabyte.
-Vec3 Radiance(RayRecord& ray) {
+Vec3 Radiance(RayRecord& ray) { return IsFollowed(ray) ? RadianceOfTraced(ray, Trace(ray)) : kBlack; }
+
+bool IsFollowed(const RayRecord& ray) {
+  return (ray.depth < settings.said.rayDepth || OnlyMeetsLight(ray)) && !IsBlack(ray.throughput) &&
+         !Stopping();
+}
+
+Vec3 RadianceOfTraced(RayRecord& ray, bool met) {
   const bool scatters = ray.depth < settings.said.rayDepth;
-  if (!(scatters || OnlyMeetsLight(ray)) || IsBlack(ray.throughput) || Stopping()) return kBlack;
   const bool isWatched = layerTargets.any | followsShares;
-  if (!Trace(ray)) {
+  if (!met) {
     if (isWatched) [[unlikely]]
       return WatchMiss(ray);
     return LightOfMiss(ray);
@@ -193,6 +204,8 @@ Vec3 Radiance(RayRecord& ray) {
     WatchHit(ray, point);
 
   HitRadiance radiance;
+  RayAhead ahead;
+  if (scatters && GoesAhead(ray, point)) point.ahead = &ahead;
   if (scatters && TakesDirectLight(ray, point)) SampleLights(ray, point, radiance.lobes);
   for (const LobeRow& row : kLobes)
     if (scatters && point.has[row.lobe])

@@ -16,10 +16,10 @@ namespace {
 
 // Object space, before Instances and before the normals are turned to the ray's origin.
 struct LocalSurface {
-  Corners corners;
   Vec3 faceNormal;
   Vec3 smoothNormal;  // of the corners' normals; of no length; zero: none
   Vec3 tangent;       // zero: none
+  Corners corners;    // filled where something asks for it
 };
 
 bool AreAlike(const PackedVector (&of)[4], int count) {
@@ -72,46 +72,49 @@ inline Vec3 MadeUnit(Vec3 v) {
   return squared > 1e-20f && squared < 1e20f ? v * (1 / std::sqrt(squared)) : UnitVector(v);
 }
 
-Vec3 TriangleNormal(const Part& part, const Corners& c) {
-  const Vec3 p0 = part.positions[c.vertex[0]];
-  return MadeUnit(Cross(part.positions[c.vertex[1]] - p0, part.positions[c.vertex[2]] - p0));
+// Along the normal, of no length: of a triangle's edges, and of a tetragon's diagonals.
+Vec3 EdgeProduct(const Part& part, const std::uint32_t* vertex) {
+  const Vec3 p0 = part.positions[vertex[0]];
+  return Cross(part.positions[vertex[1]] - p0, part.positions[vertex[2]] - p0);
+}
+inline Vec3 DiagonalProduct(const Part& part, const std::uint32_t* vertex) {
+  const Vec3* const p = part.positions.data();
+  return Cross(p[vertex[2]] - p[vertex[0]], p[vertex[3]] - p[vertex[1]]);
 }
 
-Vec3 TetragonNormal(const Part& part, const Corners& c) {
-  const auto& p = part.positions;
-  return MadeUnit(Cross(p[c.vertex[2]] - p[c.vertex[0]], p[c.vertex[3]] - p[c.vertex[1]]));
-}
-
-// Whether the record of a triangle need not be read: the walk has told its edges, and its normals are those
-// of its face, or none.
-bool GoesWithoutVertices(const RayRecord& ray) {
-  if (ray.kind != kKindTriangle || ray.product == kBlack) return false;
+// The normals of a face whose corners have all the same one, or none, and of which a hit needs nothing else:
+// of most, and their vertices need not be read where the walk has told the edges. False of any other.
+inline bool TakeEvenFace(const RayRecord& ray, LocalSurface& surface) {
   const Part& part = *ray.part;
-  return IsIndex(part.cornerNormals.values, ray.primitive) || part.normals.empty();
+  const bool tetragon = ray.kind == kKindTetragon;
+  if (!tetragon && (ray.kind != kKindTriangle || ray.product == kBlack)) return false;
+  const std::vector<PackedVector>& normals = part.cornerNormals.values;
+  const std::size_t face = FaceNumber(part, ray.kind, static_cast<std::uint32_t>(ray.primitive));
+  if (face < normals.size()) {
+    if (normals[face] == kVaried) return false;
+    surface.smoothNormal = Unpack(normals[face]);
+  } else if (!part.normals.empty()) {
+    return false;
+  }
+  surface.faceNormal =
+      MadeUnit(tetragon ? DiagonalProduct(part, At(part.tetragons, ray.primitive).vertex) : ray.product);
+  return true;
 }
 
-// What a hit needs beside its normals.
-struct Wants {
-  bool tangent, uv;
-};
-
-LocalSurface SurfaceOf(const RayRecord& ray, Wants wants) {
+// False for what has no surface.
+bool TakeSurface(const RayRecord& ray, bool wantsTangent, LocalSurface& surface) {
   const Part& part = *ray.part;
   const auto index = static_cast<std::uint32_t>(ray.primitive);
-  LocalSurface surface;
-  if (!wants.tangent && !wants.uv && GoesWithoutVertices(ray))
-    surface.corners = {{}, {ray.barycentric.x, ray.barycentric.y, ray.barycentric.z, 0}, 3};
-  else
-    surface.corners = HitCorners(part, ray.kind, index, ray.barycentric);
+  surface.corners = HitCorners(part, ray.kind, index, ray.barycentric);
   switch (ray.kind) {
     case kKindTriangle:
       surface.faceNormal =
-          ray.product == kBlack ? TriangleNormal(part, surface.corners) : MadeUnit(ray.product);
-      SumCorners(ray, wants.tangent, surface);
+          MadeUnit(ray.product == kBlack ? EdgeProduct(part, surface.corners.vertex) : ray.product);
+      SumCorners(ray, wantsTangent, surface);
       break;
     case kKindTetragon:
-      surface.faceNormal = TetragonNormal(part, surface.corners);
-      SumCorners(ray, wants.tangent, surface);
+      surface.faceNormal = MadeUnit(DiagonalProduct(part, surface.corners.vertex));
+      SumCorners(ray, wantsTangent, surface);
       break;
     case kKindParticle:
       surface.faceNormal = UnitVector(ray.barycentric);  // from the centre
@@ -122,7 +125,7 @@ LocalSurface SurfaceOf(const RayRecord& ray, Wants wants) {
     default:
       break;
   }
-  return surface;
+  return surface.corners.count > 0;
 }
 
 // The normal of a cylinder around `axis`, met by the ray at `offset` radii beside the axis, -1 to 1.
@@ -178,8 +181,10 @@ struct Directions {
 
 // In format 1 FinishShadingPoint draws the layer of what is no strand.
 const SurfaceShader& DrawLayer(const RayRecord& ray, const Shader& shader, const SurfaceUv& uv) {
-  if (settings.format < 2 || LayersOf(shader, ray.frontFace).size() < 2)
-    return ChooseLayer(shader, ray.frontFace, uv);
+  const std::span<const std::uint8_t> layers = LayersOf(shader, ray.frontFace);
+  if (layers.size() == 1) [[likely]]
+    return shader.surfaces[layers[0]];
+  if (settings.format < 2 || layers.empty()) return ChooseLayer(shader, ray.frontFace, uv);
   return ChooseLayer(shader, ray.frontFace, uv,
                      UnitPair(LonePointAt(ray.points, kDecideLayer, ray.sampleNumber)).x);
 }
@@ -203,8 +208,9 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
   if (shader.surfaces.empty()) return false;
 
   const bool turned = shader.isTurned || settings.derived.showsTangents;
-  LocalSurface surface = SurfaceOf(ray, {turned, shader.readsUv});
-  if (surface.corners.count == 0) return false;
+  LocalSurface surface;
+  if ((turned || shader.readsUv || !TakeEvenFace(ray, surface)) && !TakeSurface(ray, turned, surface))
+    return false;
 
   Vec3 normal = surface.faceNormal;
   if (Dot(surface.smoothNormal, surface.smoothNormal) > 0) normal = MadeUnit(surface.smoothNormal);

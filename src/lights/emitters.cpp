@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <tuple>
 
 #include "core/index.h"
 #include "core/release.h"
@@ -12,27 +11,6 @@
 
 namespace zp {
 namespace {
-
-struct EmitterList {
-  std::vector<Emitter> emitters;  // in the order of KeyOf: Instances last
-  std::vector<Rectangle> rectangles;
-  LightTree tree;
-
-  const Rectangle* RectangleOf(const Emitter& face) const {
-    return face.rectangle == kNone ? nullptr : &At(rectangles, face.rectangle);
-  }
-};
-struct ObjectEmitters {
-  EmitterList lamps;  // its virtual lights
-  EmitterList faces;  // all of its faces, with their area for power
-};
-std::vector<ObjectEmitters> objectEmitters;                 // by Object
-std::vector<std::array<ShaderEmission, 2>> shaderEmission;  // by Shader: back, front
-std::uint32_t filledScene = 0;                              // the sceneNumber that they are of
-
-auto KeyOf(std::int32_t part, std::uint8_t kind, std::uint32_t index) {
-  return std::tuple(static_cast<std::uint32_t>(part), kind, index);
-}
 
 // Mean of what windows show.
 Vec3 MeanSky() {
@@ -236,167 +214,18 @@ void FillObjects(bool moved) {
     }
 }
 
-// The way of a receiver from the root into Instances.
-struct EmitterWalk {
-  LightReceiver receiver;  // in the space of `object`
-  const Object* object;
-  const EmitterList* list;
-  std::int32_t shader = kNone;  // of the outermost Instance that has one
-
-  explicit EmitterWalk(const LightReceiver& inScene)
-      : receiver(inScene),
-        object(&At(objectTable, rootObject)),
-        list(&At(objectEmitters, rootObject).lamps) {}
-
-  void Enter(const Instance& instance) {
-    const Vec3 n = receiver.normal;
-    const auto& m = instance.matrix.m;
-    receiver.position = TransformPoint(instance.inverse, receiver.position);
-    receiver.normal = UnitVector({m[0][0] * n.x + m[1][0] * n.y + m[2][0] * n.z,
-                                  m[0][1] * n.x + m[1][1] * n.y + m[2][1] * n.z,
-                                  m[0][2] * n.x + m[1][2] * n.y + m[2][2] * n.z});
-    if (shader == kNone && instance.shader != kNone) {
-      shader = instance.shader;
-      receiver.front = EmissionOf(shader, true).power;
-      receiver.back = EmissionOf(shader, false).power;
-    }
-    object = &At(objectTable, instance.object);
-    const ObjectEmitters& placed = At(objectEmitters, instance.object);
-    list = shader == kNone ? &placed.lamps : &placed.faces;
-  }
-
-  // The number of an emitter in the list; kNowhere for one that is not there.
-  std::uint32_t Find(std::int32_t part, std::uint8_t kind, std::uint32_t index) const {
-    const auto key = KeyOf(part, kind, index);
-    const auto found =
-        std::lower_bound(list->emitters.begin(), list->emitters.end(), key,
-                         [](const Emitter& e, const auto& k) { return KeyOf(e.part, e.kind, e.index) < k; });
-    if (found == list->emitters.end() || KeyOf(found->part, found->kind, found->index) != key)
-      return kNowhere;
-    return static_cast<std::uint32_t>(found - list->emitters.begin());
-  }
-};
-
-// A host may have loaded another scene since.
-bool HasEmitters() {
-  return filledScene == sceneNumber && IsIndex(objectEmitters, rootObject) &&
-         objectTable.size() == objectEmitters.size();
-}
-
 }  // namespace
 
-const ShaderEmission& EmissionOf(std::int32_t shader, bool front) {
-  static const ShaderEmission kNothing;
-  return IsIndex(shaderEmission, shader) ? At(shaderEmission, shader)[front ? 1 : 0] : kNothing;
-}
-
-WorldFace InWorld(const Emitter& face, const InstanceChain& chain) {
-  WorldFace world = {face.corner, face.edge1,  face.edge2,
-                     face.twist,  face.normal, face.kind == kKindTetragon};
-  for (int i = chain.count; i-- > 0;) {
-    const Instance& instance = *At(chain.instances, i);
-    const Vec3 corner = TransformPoint(instance.matrix, world.corner);
-    world.edge1 = TransformPoint(instance.matrix, world.corner + world.edge1) - corner;
-    world.edge2 = TransformPoint(instance.matrix, world.corner + world.edge2) - corner;
-    world.twist = TransformDirection(instance.matrix, world.twist);
-    world.corner = corner;
-    world.normal = UnitVector(NormalMatrix(instance) * world.normal);
-  }
-  return world;
-}
-
-PlacedPoint PlaceOn(const WorldFace& face, Vec3 barycentric) {
-  const float x = face.tetragon ? barycentric.x : barycentric.z, y = barycentric.y;
-  const Vec3 along1 = face.edge1 + x * face.twist, along2 = face.edge2 + y * face.twist;
-  const Vec3 product = Cross(along1, along2);
-  const float area = std::sqrt(Dot(product, product));
-  PlacedPoint point;
-  point.position = face.corner + y * along1 + x * face.edge2;
-  point.normal = area > 0 ? product / area : face.normal;
-  if (Dot(point.normal, face.normal) < 0) point.normal = -point.normal;
-  point.area = face.tetragon ? area : 0.5f * area;
-  return point;
-}
-
-const Rectangle* InWorld(const Rectangle* rectangle, const InstanceChain& chain, Rectangle& placed) {
-  if (rectangle == nullptr || chain.count == 0) return rectangle;
-  Vec3 corner = rectangle->corner, end1 = corner + rectangle->length1 * rectangle->x,
-       end2 = corner + rectangle->length2 * rectangle->y, normal = rectangle->normal;
-  for (int i = chain.count; i-- > 0;) {
-    const Instance& instance = *At(chain.instances, i);
-    for (Vec3* p : {&corner, &end1, &end2}) *p = TransformPoint(instance.matrix, *p);
-    normal = NormalMatrix(instance) * normal;
-  }
-  placed = MakeRectangle(corner, end1 - corner, end2 - corner);
-  if (Dot(placed.normal, normal) < 0) placed.normal = -placed.normal;
-  return placed.length1 > 0 ? &placed : nullptr;
-}
-
-bool PickFace(const LightReceiver& receiver, double number, FacePick& pick) {
-  if (!HasEmitters()) return false;
-  EmitterWalk walk(receiver);
-  pick.probability = 1;
-  for (;;) {
-    LightPick one;
-    if (!PickLight(walk.list->tree, walk.receiver, number, one)) return false;
-    number = one.rest;
-    pick.probability *= one.probability;
-    const Emitter& emitter = walk.list->emitters[one.light];
-    if (emitter.kind != kKindInstance) {
-      if (!IsIndex(walk.object->parts, emitter.part)) return false;
-      pick.face = &emitter;
-      pick.part = &At(walk.object->parts, emitter.part);
-      pick.shader = walk.shader == kNone ? emitter.shader : walk.shader;
-      pick.rectangle = walk.list->RectangleOf(emitter);
-      pick.rest = number;
-      return pick.probability > 0;
-    }
-    if (pick.chain.count == kMostInstanceLevels || !IsIndex(walk.object->instances, emitter.index))
-      return false;
-    const Instance& instance = walk.object->instances[emitter.index];
-    if (!IsIndex(objectEmitters, instance.object)) return false;
-    At(pick.chain.instances, pick.chain.count++) = &instance;
-    walk.Enter(instance);
-  }
-}
-
-float EmitterDensity(const LightReceiver& receiver, const RayRecord& hit) {
-  if (!HasEmitters()) return 0;
-  EmitterWalk walk(receiver);
-  InstanceChain chain;
-  float probability = 1;
-  const auto take = [&](std::int32_t part, std::uint8_t kind, std::uint32_t index) {
-    const std::uint32_t found = walk.Find(part, kind, index);
-    probability *= found == kNowhere ? 0.0f : PickProbability(walk.list->tree, walk.receiver, found);
-    return found;
-  };
-  for (; chain.count < hit.hitMatrixDepth; ++chain.count) {
-    const Instance& instance = HitInstance(hit, chain.count);
-    At(chain.instances, chain.count) = &instance;
-    take(kNone, kKindInstance, static_cast<std::uint32_t>(&instance - walk.object->instances.data()));
-    if (!(probability > 0)) return 0;
-    walk.Enter(instance);
-  }
-  const std::uint32_t found = take(static_cast<std::int32_t>(hit.part - walk.object->parts.data()), hit.kind,
-                                   static_cast<std::uint32_t>(hit.primitive));
-  if (!(probability > 0) || !(EmissionOf(hit.shader, hit.frontFace).power > 0)) return 0;
-  const Emitter& face = walk.list->emitters[found];
-  Rectangle placed;
-  if (const Rectangle* rectangle = InWorld(walk.list->RectangleOf(face), chain, placed))
-    if (const SeenRectangle seen = SeeRectangle(*rectangle, receiver.position); seen.solidAngle > 0)
-      return probability / seen.solidAngle;
-  const PlacedPoint place = PlaceOn(InWorld(face, chain), hit.barycentric);
-  const Vec3 way = hit.origin + hit.t * hit.direction - receiver.position;
-  const float squared = Dot(way, way), cosine = std::fabs(Dot(way, place.normal)) / std::sqrt(squared);
-  return cosine > 0 ? probability * DirectionDensity(squared, cosine, place.area) : 0.0f;
-}
+std::vector<ObjectEmitters> objectEmitters;
+std::vector<std::array<ShaderEmission, 2>> shaderEmission;
+std::uint32_t emittersScene = 0;
 
 void BuildEmitters() {
   ReleaseEmitters();
   MakeShaderEmission();
   objectEmitters.resize(objectTable.size());
   FillObjects(false);
-  filledScene = sceneNumber;
+  emittersScene = sceneNumber;
 }
 
 void ReleaseEmitters() {

@@ -9,9 +9,11 @@
 
 #include <array>
 #include <cstdint>
+#include <tuple>
 #include <vector>
 
 #include "accel/accel.h"
+#include "core/index.h"
 #include "geometry/object.h"
 #include "lights/light_tree.h"
 #include "lights/lights.h"
@@ -32,43 +34,23 @@ struct Emitter {
   std::uint8_t kind = kKindNone;
 };
 
-// The Instances around a face, outermost first.
-struct InstanceChain {
-  std::array<const Instance*, kMostInstanceLevels> instances;
-  int count = 0;
-};
+struct EmitterList {
+  std::vector<Emitter> emitters;  // in the order of KeyOf: Instances last
+  std::vector<Rectangle> rectangles;
+  LightTree tree;
 
-// The face as it stands in the scene.
-struct WorldFace {
-  Vec3 corner, edge1, edge2, twist, normal;
-  bool tetragon = false;
+  const Rectangle* RectangleOf(const Emitter& face) const {
+    return face.rectangle == kNone ? nullptr : &At(rectangles, face.rectangle);
+  }
 };
-WorldFace InWorld(const Emitter& face, const InstanceChain& chain);
-// The same of a rectangle; null where the Instances make it another shape. `placed` may hold the result.
-const Rectangle* InWorld(const Rectangle* rectangle, const InstanceChain& chain, Rectangle& placed);
-// A point by its barycentric coordinates, the normal there, and by how much area a unit of the square that it
-// was drawn from is larger there.
-struct PlacedPoint {
-  Vec3 position, normal;
-  float area;
-};
-PlacedPoint PlaceOn(const WorldFace& face, Vec3 barycentric);
-// Of a point that is uniform by the unit square, per solid angle.
-inline float DirectionDensity(float squaredDistance, float cosine, float area) {
-  return squaredDistance / (cosine * area);
+inline auto KeyOf(std::int32_t part, std::uint8_t kind, std::uint32_t index) {
+  return std::tuple(static_cast<std::uint32_t>(part), kind, index);
 }
-
-struct FacePick {
-  const Emitter* face = nullptr;
-  const Rectangle* rectangle = nullptr;  // the face as one, in its own space; null if it is none
-  const Part* part = nullptr;
-  InstanceChain chain;
-  std::int32_t shader = kNone;  // the face's, or that of the Instance that overrides it
-  float probability = 0;
-  double rest = 0;  // see LightPick
+struct ObjectEmitters {
+  EmitterList lamps;  // its virtual lights
+  EmitterList faces;  // all of its faces, with their area for power
 };
-// The face under a number in [0, 1), as LightPick has it. False where nothing shines for the receiver.
-bool PickFace(const LightReceiver& receiver, double number, FacePick& pick);
+extern std::vector<ObjectEmitters> objectEmitters;  // by Object
 
 // What a side of a Shader sends from virtual lights.
 struct ShaderEmission {
@@ -77,9 +59,26 @@ struct ShaderEmission {
   bool hasImage = false;  // it differs from point to point
   Vec3 radiance;
 };
-const ShaderEmission& EmissionOf(std::int32_t shader, bool front);
+extern std::vector<std::array<ShaderEmission, 2>> shaderEmission;  // by Shader: back, front
+inline constexpr ShaderEmission kNoEmission;
+inline const ShaderEmission& EmissionOf(std::int32_t shader, bool front) {
+  return IsIndex(shaderEmission, shader) ? At(shaderEmission, shader)[front ? 1 : 0] : kNoEmission;
+}
 
+// The sceneNumber that all of these are of.
+extern std::uint32_t emittersScene;
+// A host may have loaded another scene since.
+inline bool HasEmitters() {
+  return emittersScene == sceneNumber && IsIndex(objectEmitters, rootObject) &&
+         objectTable.size() == objectEmitters.size();
+}
 void BuildEmitters();  // when the accelerator, Shaders and the sky are ready
 void ReleaseEmitters();
+
+// A sample of the face under `choice`; `b` and what the choice leaves of its number place it.
+bool SampleEmitters(const LightReceiver& receiver, double choice, float b, LightSample& sample);
+// What leaves the placed point along point.outgoing by one of its layers; black for a layer that samples do
+// not serve: paths that run into it count it in full.
+Vec3 SampledEmission(const Shader& shader, bool front, ShadingPoint& point);
 
 }  // namespace zp

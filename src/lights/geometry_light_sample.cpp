@@ -18,15 +18,6 @@
 namespace zp {
 namespace {
 
-// As near to an emitter as rounding may move its surface along the way, so that what stands close to it casts
-// its shadow.
-float LengthToEmitter(Vec3 from, Vec3 to, float distance, float cosine) {
-  constexpr float kRounding = 4e-6f;  // of a point that went through Instances, in parts of its coordinates
-  const float size = std::max({std::fabs(from.x), std::fabs(from.y), std::fabs(from.z), std::fabs(to.x),
-                               std::fabs(to.y), std::fabs(to.z)});
-  return std::max(distance - kRounding * size / cosine, 0.9f * distance);
-}
-
 Mat4 Product(const Mat4& a, const Mat4& b) {
   Mat4 result;
   for (int i = 0; i < 4; ++i)
@@ -172,10 +163,6 @@ void PlaceOnEmitter(const EmitterPick& pick, float a, float b, ShadingPoint& poi
   point.bitangent = -point.bitangent;
 }
 
-namespace {
-
-// What leaves the placed point along point.outgoing by one of its layers; black for a layer that samples do
-// not serve: paths that run into it count it in full.
 Vec3 SampledEmission(const Shader& shader, bool front, ShadingPoint& point) {
   point.layer = &ChooseLayer(shader, front, point.uv);
   if (!point.layer->virtualLight) return kBlack;
@@ -184,6 +171,8 @@ Vec3 SampledEmission(const Shader& shader, bool front, ShadingPoint& point) {
                                             : LookUp((*point.layer)[Element::kEmissive], point.uv);
   return (Opacity(shader, point.uv) * point.diffuseWeight) * emission;
 }
+
+namespace {
 
 bool SampleByArea(Vec3 position, double choice, float a, float b, LightSample& sample) {
   EmitterPick pick;
@@ -209,81 +198,11 @@ bool SampleByArea(Vec3 position, double choice, float a, float b, LightSample& s
   return !IsBlack(sample.radiance) && std::isfinite(sample.pdf) && std::isfinite(sample.factor);
 }
 
-// What a point sees of a face, where that was sampled.
-struct FaceView {
-  Vec3 direction;          // unit
-  float distance, cosine;  // of the direction and the face's normal, without its sign
-  float area;              // steradian: the reciprocal of the density
-  bool front;              // it is the face's front
-  Vec3 normal;
-  float a, b;  // in the unit square, which the face takes as PlaceOn does
-};
-
-FaceView ViewOf(const Rectangle& rectangle, const SeenRectangle& seen, float u, float v) {
-  const RectangleView view = DrawOnRectangle(rectangle, seen, u, v);
-  return {view.direction,
-          view.distance,
-          view.cosine,
-          seen.solidAngle,
-          seen.plane < 0,
-          rectangle.normal,
-          (view.x - seen.x0) / rectangle.length1,
-          (view.y - seen.y0) / rectangle.length2};
-}
-
-// Rectangles by solid angle: by area, walls close to a lamp are noisy.
-FaceView ViewFace(const FacePick& pick, Vec3 from, float a, float b) {
-  Rectangle placed;
-  if (const Rectangle* rectangle = InWorld(pick.rectangle, pick.chain, placed))
-    if (const SeenRectangle seen = SeeRectangle(*rectangle, from); seen.solidAngle > 0)
-      return ViewOf(*rectangle, seen, a, b);
-  const PlacedPoint place = PlaceOn(InWorld(*pick.face, pick.chain), Barycentric(pick.face->kind, a, b));
-  const Vec3 way = place.position - from;
-  const float squared = Dot(way, way), distance = std::sqrt(squared);
-  const Vec3 direction = way / distance;
-  const float along = Dot(direction, place.normal), cosine = std::fabs(along);
-  return {direction, distance,     cosine, 1 / DirectionDensity(squared, cosine, place.area),
-          along < 0, place.normal, a,      b};
-}
-
-// Of a side that is not the same everywhere. Not inlined: most are.
-[[gnu::noinline]] Vec3 VaryingEmission(const FacePick& pick, const FaceView& view, Vec3 position) {
-  ShadingPoint point;
-  const Emitter& emitter = *pick.face;
-  point.uv =
-      CornerUv(HitCorners(*pick.part, emitter.kind, emitter.index, Barycentric(emitter.kind, view.a, view.b)),
-               *pick.part);
-  point.position = position;
-  point.outgoing = -view.direction;
-  point.normal = point.geometricNormal = view.front ? view.normal : -view.normal;
-  AxesAround(point.normal, point.tangent, point.bitangent);
-  return SampledEmission(ShaderAt(pick.shader), view.front, point);
-}
-
-// `b` and what the choice leaves of its number place the sample.
-bool SampleByPower(const LightReceiver& receiver, double choice, float b, LightSample& sample) {
-  FacePick pick;
-  if (!PickFace(receiver, choice, pick)) return false;
-  const FaceView view = ViewFace(pick, receiver.position, UnitNumber(pick.rest), b);
-  const ShaderEmission& emission = EmissionOf(pick.shader, view.front);
-  if (!(view.cosine > 0) || !(emission.power > 0) || !std::isfinite(view.distance) || !HasShader(pick.shader))
-    return false;
-
-  const Vec3 position = receiver.position + view.distance * view.direction;
-  sample.direction = view.direction;
-  sample.shader = pick.shader;
-  sample.radiance = emission.isPlain ? emission.radiance : VaryingEmission(pick, view, position);
-  sample.distance = LengthToEmitter(receiver.position, position, view.distance, view.cosine);
-  sample.pdf = pick.probability / view.area;
-  sample.factor = view.area / (kPi * pick.probability);
-  return sample.radiance != kBlack && std::isfinite(sample.pdf) && std::isfinite(sample.factor);
-}
-
 }  // namespace
 
 bool SampleGeometryLight(const LightReceiver& receiver, double choice, float a, float b,
                          LightSample& sample) {
-  return settings.format >= 2 ? SampleByPower(receiver, choice, b, sample)
+  return settings.format >= 2 ? SampleEmitters(receiver, choice, b, sample)
                               : SampleByArea(receiver.position, choice, a, b, sample);
 }
 

@@ -180,6 +180,8 @@ std::int32_t MaskTexture(std::int32_t image);
 // by InitializeShaders.
 extern std::vector<std::string> uvSetNames;
 
+struct RayAhead;  // integrator/estimator.h
+
 // Texture coordinates of a point: its model's first set, and the way to those that uvSetNames tells.
 struct SurfaceUv : Vec2 {
   SurfaceUv(Vec2 first = {}) : Vec2(first) {}
@@ -215,6 +217,7 @@ struct ShadingPoint {
   bool virtualLight = false;
   PerLobe<bool> has;  // lobes whose colour is not black
   bool hasDiffusion = false;
+  RayAhead* ahead = nullptr;  // the one ray of the Lambertian lobe; null where it is followed in its turn
 };
 // Hair scatters light as a fibre does, from all sides, and not as a surface.
 inline bool IsHair(const ShadingPoint& point) { return point.fiber != nullptr; }
