@@ -9,9 +9,9 @@
 #include <cstdint>
 
 #include "accel/accel.h"
-#include "core/float8.h"
 #include "accel/primitive_tests.h"
 #include "accel/tree.h"
+#include "core/float8.h"
 #include "core/index.h"
 #include "core/settings.h"
 
@@ -66,6 +66,21 @@ struct SlabRay {
   }
 };
 
+// Keeps a copy in registers throughout a loop over nodes.
+template <bool kSlack>
+[[gnu::always_inline]] inline void HoldSlabs(SlabRay<kSlack>& ray) {
+  // Not in place: GCC would keep the whole record in memory.
+  Float8 x = ray.inverse[0], y = ray.inverse[1], z = ray.inverse[2];
+  Float8 ox = ray.origin[0], oy = ray.origin[1], oz = ray.origin[2];
+  Hold(x, y, z, ox, oy, oz);
+  ray.inverse[0] = x;
+  ray.inverse[1] = y;
+  ray.inverse[2] = z;
+  ray.origin[0] = ox;
+  ray.origin[1] = oy;
+  ray.origin[2] = oz;
+}
+
 // Which of a node's boxes the ray enters before `limit`, and where. A plane that gives no number (an origin
 // beyond all bounds) does not count, so that a box is never lost.
 template <bool kSlack>
@@ -90,12 +105,13 @@ inline bool IsParent(const RayRecord& ray, const Part& part, std::uint8_t kind, 
 }
 
 template <class T>
-inline void PrefetchWhole(const T& t) {
+[[gnu::always_inline]] inline void PrefetchWhole(const T& t) {
   for (std::size_t line = 0; line < sizeof t; line += 64) Prefetch(reinterpret_cast<const char*>(&t) + line);
 }
 
 // Asks for what waits on a walk's stack, so that it comes from memory while a leaf is tested.
-inline void PrefetchWaiting(const PackedTree& tree, std::uint32_t child, std::uint32_t word) {
+[[gnu::always_inline]] inline void PrefetchWaiting(const PackedTree& tree, std::uint32_t child,
+                                                   std::uint32_t word) {
   if (word == 0)
     PrefetchWhole(tree.nodes[child]);
   else if ((word & kTriangleLeaf) != 0)

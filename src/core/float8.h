@@ -25,6 +25,10 @@ struct Float8 {
   void StoreAligned(float* p) const { _mm256_store_ps(p, v); }
   float First() const { return _mm256_cvtss_f32(v); }
 };
+// Keeps values in registers from here on, which GCC would read from memory in every round of a loop.
+inline void Hold(Float8& a, Float8& b, Float8& c, Float8& d, Float8& e, Float8& f) {
+  asm("" : "+x"(a.v), "+x"(b.v), "+x"(c.v), "+x"(d.v), "+x"(e.v), "+x"(f.v));
+}
 inline Float8 operator+(Float8 a, Float8 b) { return {_mm256_add_ps(a.v, b.v)}; }
 inline Float8 operator-(Float8 a, Float8 b) { return {_mm256_sub_ps(a.v, b.v)}; }
 inline Float8 operator*(Float8 a, Float8 b) { return {_mm256_mul_ps(a.v, b.v)}; }
@@ -255,6 +259,9 @@ inline Float8 ToFloat(Words8 a) { return {_mm256_cvtepi32_ps(a.v)}; }  // below 
 // Lane i of the result is lane order[i] of a.
 inline Words8 Permute(Words8 a, Words8 order) { return {_mm256_permutevar8x32_epi32(a.v, order.v)}; }
 
-inline void Prefetch(const void* address) { _mm_prefetch(static_cast<const char*>(address), _MM_HINT_T0); }
+// Always inline: GCC drops the call of a function that does nothing but fetch ahead.
+[[gnu::always_inline]] inline void Prefetch(const void* address) {
+  _mm_prefetch(static_cast<const char*>(address), _MM_HINT_T0);
+}
 
 }  // namespace zp
