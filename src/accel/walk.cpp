@@ -59,6 +59,7 @@ template <bool kSlack>
     StackEntry a = entry(only), b = entry(std::countr_zero(mask));
     NearestFirst(a, b);
     mask &= mask - 1;
+    if (b.word == 0) PrefetchWhole(nodes[b.child]);
     if (mask == 0) {
       *top++ = b;
       current = a;
