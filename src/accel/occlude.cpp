@@ -258,15 +258,13 @@ bool OccluderWalk::RunWithStack(const PackedTree& tree) {
   bool blocked = false;
   for (;;) {
     if (word == 0) {
-      SlabRay<!kUsual> held = slab;
-      HoldSlabs(held);
       do {
         ++innerNodes;
         assert(child < tree.nodes.size() && top <= kStackSize);
         const PackedNode& node = nodes[child];
         Prefetch(node.child);
         Float8 near;
-        const unsigned mask = SlabTest(node, held, ray.t, near);
+        const unsigned mask = SlabTest(node, slab, ray.t, near);
         if (mask == 0) goto pop;
         // The first slot goes on; the others wait, the second on top.
         const unsigned others = mask & (mask - 1);

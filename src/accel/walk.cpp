@@ -39,13 +39,11 @@ inline void NearestFirst(StackEntry& a, StackEntry& b) {
 template <bool kSlack>
 [[gnu::always_inline]] inline bool Descend(const PackedNode* nodes, const SlabRay<kSlack>& slab, float limit,
                                            StackEntry& current, StackEntry*& top) {
-  SlabRay<kSlack> ray = slab;
-  HoldSlabs(ray);
   do {
     const PackedNode& node = nodes[current.child];
     Prefetch(node.child);
     Float8 nearLanes;
-    unsigned mask = SlabTest(node, ray, limit, nearLanes);
+    unsigned mask = SlabTest(node, slab, limit, nearLanes);
     if (mask == 0) return false;
     const int only = std::countr_zero(mask);
     mask &= mask - 1;

@@ -66,21 +66,6 @@ struct SlabRay {
   }
 };
 
-// Keeps a copy in registers throughout a loop over nodes.
-template <bool kSlack>
-[[gnu::always_inline]] inline void HoldSlabs(SlabRay<kSlack>& ray) {
-  // Not in place: GCC would keep the whole record in memory.
-  Float8 x = ray.inverse[0], y = ray.inverse[1], z = ray.inverse[2];
-  Float8 ox = ray.origin[0], oy = ray.origin[1], oz = ray.origin[2];
-  Hold(x, y, z, ox, oy, oz);
-  ray.inverse[0] = x;
-  ray.inverse[1] = y;
-  ray.inverse[2] = z;
-  ray.origin[0] = ox;
-  ray.origin[1] = oy;
-  ray.origin[2] = oz;
-}
-
 // Which of a node's boxes the ray enters before `limit`, and where. A plane that gives no number (an origin
 // beyond all bounds) does not count, so that a box is never lost.
 template <bool kSlack>

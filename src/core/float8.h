@@ -25,10 +25,6 @@ struct Float8 {
   void StoreAligned(float* p) const { _mm256_store_ps(p, v); }
   float First() const { return _mm256_cvtss_f32(v); }
 };
-// Keeps values in registers from here on, which GCC would read from memory in every round of a loop.
-inline void Hold(Float8& a, Float8& b, Float8& c, Float8& d, Float8& e, Float8& f) {
-  asm("" : "+x"(a.v), "+x"(b.v), "+x"(c.v), "+x"(d.v), "+x"(e.v), "+x"(f.v));
-}
 inline Float8 operator+(Float8 a, Float8 b) { return {_mm256_add_ps(a.v, b.v)}; }
 inline Float8 operator-(Float8 a, Float8 b) { return {_mm256_sub_ps(a.v, b.v)}; }
 inline Float8 operator*(Float8 a, Float8 b) { return {_mm256_mul_ps(a.v, b.v)}; }
