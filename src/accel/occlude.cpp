@@ -257,27 +257,29 @@ bool OccluderWalk::RunWithStack(const PackedTree& tree) {
   std::uint64_t innerNodes = 0, leaves = 0, primitives = 0;
   bool blocked = false;
   for (;;) {
-    while (word == 0) {
-      ++innerNodes;
-      assert(child < tree.nodes.size() && top <= kStackSize);
-      const PackedNode& node = nodes[child];
-      Prefetch(node.child);
-      Float8 near;
-      const unsigned mask = SlabTest(node, slab, ray.t, near);
-      if (mask == 0) goto pop;
-      // The first slot goes on; the others wait, the second on top.
-      const unsigned others = mask & (mask - 1);
-      const int first = std::countr_zero(mask);
-      if (others != 0) {
-        const Words8 order = Words8::Load(kLaneOrders.lanes[others]);
-        Permute(Words8::Load(node.child), order).Store(children + top);
-        Permute(Words8::Load(node.word), order).Store(words + top);
-        if constexpr (kLog) (order + Words8::Set(child * 8)).Store(places + top);
-        top += static_cast<std::size_t>(std::popcount(others));
-      }
-      if constexpr (kLog) place = child * 8 + static_cast<std::uint32_t>(first);
-      child = node.child[first];
-      word = node.word[first];
+    if (word == 0) {
+      do {
+        ++innerNodes;
+        assert(child < tree.nodes.size() && top <= kStackSize);
+        const PackedNode& node = nodes[child];
+        Prefetch(node.child);
+        Float8 near;
+        const unsigned mask = SlabTest(node, slab, ray.t, near);
+        if (mask == 0) goto pop;
+        // The first slot goes on; the others wait, the second on top.
+        const unsigned others = mask & (mask - 1);
+        const int first = std::countr_zero(mask);
+        if (others != 0) {
+          const Words8 order = Words8::Load(kLaneOrders.lanes[others]);
+          Permute(Words8::Load(node.child), order).Store(children + top);
+          Permute(Words8::Load(node.word), order).Store(words + top);
+          if constexpr (kLog) (order + Words8::Set(child * 8)).Store(places + top);
+          top += static_cast<std::size_t>(std::popcount(others));
+        }
+        if constexpr (kLog) place = child * 8 + static_cast<std::uint32_t>(first);
+        child = node.child[first];
+        word = node.word[first];
+      } while (word == 0);
     }
     ++leaves;
     primitives += word & kLeafCount;

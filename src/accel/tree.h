@@ -84,7 +84,7 @@ static_assert(sizeof(TetragonBlock) == 512);
 // at most, is one leaf to walks: its slot in the node above holds all its lanes. A block costs the same
 // whether one of its lanes is in use or all are, and a few blocks cost less than a node and the leaves that
 // it leads to. Nodes inside such a leaf are packed too, but not walked.
-inline constexpr std::uint32_t kMergedTriangles = 12, kMergedParticles = 16, kMergedCylinders = 2,
+inline constexpr std::uint32_t kMergedTriangles = 16, kMergedParticles = 16, kMergedCylinders = 2,
                                kMergedTetragons = 4;
 struct PackedKind {
   std::uint16_t kind;

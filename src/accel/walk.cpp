@@ -24,6 +24,64 @@ struct StackEntry {
   float near;
 };
 
+// Of two boxes the nearer one first, of equal ones `a`. Without a branch, since nobody could foresee it.
+inline void NearestFirst(StackEntry& a, StackEntry& b) {
+  const auto bitsA = std::bit_cast<std::uint32_t>(a.near), bitsB = std::bit_cast<std::uint32_t>(b.near);
+  const std::uint32_t exchange = 0U - static_cast<std::uint32_t>(bitsB < bitsA);  // as numbers above 0
+  const std::uint32_t child = (a.child ^ b.child) & exchange, word = (a.word ^ b.word) & exchange,
+                      near = (bitsA ^ bitsB) & exchange;
+  a = {a.child ^ child, a.word ^ word, std::bit_cast<float>(bitsA ^ near)};
+  b = {b.child ^ child, b.word ^ word, std::bit_cast<float>(bitsB ^ near)};
+}
+
+// Goes down from the node `current`: the nearest child next, the others onto the stack, nearest on top. True
+// at a leaf; false where the ray meets no box.
+template <bool kSlack>
+[[gnu::always_inline]] inline bool Descend(const PackedNode* nodes, const SlabRay<kSlack>& slab, float limit,
+                                           StackEntry& current, StackEntry*& top) {
+  do {
+    const PackedNode& node = nodes[current.child];
+    Prefetch(node.child);
+    Float8 nearLanes;
+    unsigned mask = SlabTest(node, slab, limit, nearLanes);
+    if (mask == 0) return false;
+    const int only = std::countr_zero(mask);
+    mask &= mask - 1;
+    if (mask == 0) {
+      current = {node.child[only], node.word[only], 0};
+      continue;
+    }
+    alignas(32) float near[8];
+    nearLanes.Store(near);
+    const auto entry = [&](int slot) { return StackEntry{node.child[slot], node.word[slot], near[slot]}; };
+    StackEntry a = entry(only), b = entry(std::countr_zero(mask));
+    NearestFirst(a, b);
+    mask &= mask - 1;
+    if (b.word == 0) PrefetchWhole(nodes[b.child]);
+    if (mask == 0) {
+      *top++ = b;
+      current = a;
+      continue;
+    }
+    StackEntry c = entry(std::countr_zero(mask));
+    NearestFirst(c, a);
+    NearestFirst(a, b);
+    StackEntry* const base = top;
+    *top++ = b;
+    *top++ = a;
+    *top++ = c;
+    // Few boxes are left, if any: insertion from the far end.
+    while ((mask &= mask - 1) != 0) {
+      const StackEntry next = entry(std::countr_zero(mask));
+      StackEntry* place = top++;
+      for (; place != base && place[-1].near < next.near; --place) *place = place[-1];
+      *place = next;
+    }
+    current = *--top;
+  } while (current.word == 0);
+  return true;
+}
+
 // Nearest hit among all kinds, or among surfaces alone for rays that probe below a surface.
 enum class Seek : std::uint8_t { kAll, kSurfaces };
 
@@ -210,48 +268,11 @@ void NearestWalk<kSeek>::RunWithStack(const PackedTree& tree) {
   StackEntry* top = stack;
   StackEntry current = {0, 0, 0};
   for (;;) {
-    while (current.word == 0) {
-      assert(current.child < tree.nodes.size() && top + 7 <= stack + kStackSize);
-      const PackedNode& node = nodes[current.child];
-      Prefetch(node.child);
-      Float8 nearLanes;
-      unsigned mask = SlabTest(node, slab, ray.t, nearLanes);
-      if (mask == 0) goto pop;
-      const int slot = std::countr_zero(mask);
-      mask &= mask - 1;
-      if (mask == 0) {
-        current = {node.child[slot], node.word[slot], 0};
-        continue;
-      }
-      alignas(32) float near[8];
-      nearLanes.Store(near);
-      const int second = std::countr_zero(mask);
-      mask &= mask - 1;
-      StackEntry a = {node.child[slot], node.word[slot], near[slot]};
-      StackEntry b = {node.child[second], node.word[second], near[second]};
-      if (b.near < a.near) std::swap(a, b);
-      if (mask == 0) {
-        *top++ = b;
-        current = a;
-        continue;
-      }
-      // Insertion from the far end: boxes come few, and mostly in order.
-      StackEntry* const base = top;
-      *top++ = b;
-      *top++ = a;
-      do {
-        const int next = std::countr_zero(mask);
-        mask &= mask - 1;
-        const StackEntry entry = {node.child[next], node.word[next], near[next]};
-        StackEntry* place = top++;
-        for (; place != base && place[-1].near < entry.near; --place) *place = place[-1];
-        *place = entry;
-      } while (mask != 0);
-      current = *--top;
+    assert(current.word != 0 || (current.child < tree.nodes.size() && top <= stack + kStackSize));
+    if (current.word != 0 || Descend(nodes, slab, ray.t, current, top)) {
+      if (top != stack) PrefetchWaiting(tree, top[-1].child, top[-1].word);
+      TestLeaf(tree, current.child, current.word);
     }
-    if (top != stack) PrefetchWaiting(tree, top[-1].child, top[-1].word);
-    TestLeaf(tree, current.child, current.word);
-  pop:
     do {
       if (top == stack) return;
       current = *--top;

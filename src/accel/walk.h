@@ -91,12 +91,13 @@ inline bool IsParent(const RayRecord& ray, const Part& part, std::uint8_t kind, 
 }
 
 template <class T>
-inline void PrefetchWhole(const T& t) {
+[[gnu::always_inline]] inline void PrefetchWhole(const T& t) {
   for (std::size_t line = 0; line < sizeof t; line += 64) Prefetch(reinterpret_cast<const char*>(&t) + line);
 }
 
 // Asks for what waits on a walk's stack, so that it comes from memory while a leaf is tested.
-inline void PrefetchWaiting(const PackedTree& tree, std::uint32_t child, std::uint32_t word) {
+[[gnu::always_inline]] inline void PrefetchWaiting(const PackedTree& tree, std::uint32_t child,
+                                                   std::uint32_t word) {
   if (word == 0)
     PrefetchWhole(tree.nodes[child]);
   else if ((word & kTriangleLeaf) != 0)
