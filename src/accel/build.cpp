@@ -69,24 +69,32 @@ Sides FindSides(const BuildRecord* records, std::uint32_t count, const SideOf& s
 }
 
 // Those that go left in front. The order on both sides is that of a scan from the front which exchanges what
-// goes right with what stands last; equal primitives end up in one leaf, and the first of them is hit.
+// goes right with what stands last; equal primitives end up in one leaf, and the first of them is hit. What
+// goes left and lies in front already stays: only the back is walked, and each of its records exchanged with
+// the one that waits in front to go right.
 //   isLeft  all bits of the record's byte, or none
-void MoveToSides(BuildRecord* records, std::uint32_t count, const std::int8_t* isLeft) {
-  std::int64_t front = 0, back = std::int64_t{count} - 1;  // of what is not scanned
-  Float8 record = Float8::LoadAligned(records[0].min);
-  std::int64_t left = isLeft[0];
-  // No branch: nobody could foresee it. Both flags that may be the next are loaded before it is known which.
-  const auto choose = [&left](std::int64_t a, std::int64_t b) { return b ^ ((a ^ b) & left); };
-  for (std::uint32_t i = 1; i < count; ++i) {
-    const std::int64_t to = choose(front, back), isNextLeft = choose(isLeft[front + 1], isLeft[back]);
-    const Float8 other = Float8::LoadAligned(records[to - left].min);
-    record.StoreAligned(records[to].min);
-    front -= left;
-    back += ~left;
-    left = isNextLeft;
-    record = other;
+void MoveToSides(BuildRecord* records, std::uint32_t count, std::uint32_t lefts, const std::int8_t* isLeft) {
+  constexpr std::uint32_t kMost = 255;
+  std::uint32_t waiting[kMost + 1];  // places in front, then `lefts`, where those begin that stay behind
+  std::uint32_t back = count, scanned = 0, size = 0;
+  for (;;) {
+    // No branches on sides: nobody could foresee them.
+    for (; scanned < lefts && size <= kMost; ++scanned) {
+      waiting[size] = scanned;
+      size += static_cast<std::uint32_t>(1 + isLeft[scanned]);
+    }
+    const bool isLast = scanned == lefts && size <= kMost;
+    if (isLast) waiting[size++] = lefts;
+    for (std::uint32_t i = 0; i + 1 < size;) {
+      --back;
+      Exchange(records[waiting[i]], records[back]);
+      i -= static_cast<std::uint32_t>(isLeft[back]);
+    }
+    if (isLast) break;
+    waiting[0] = waiting[size - 1];
+    size = 1;
   }
-  record.StoreAligned(records[front].min);
+  if (back > lefts) std::rotate(records + lefts, records + lefts + 1, records + back);
 }
 
 struct Builder {
@@ -133,7 +141,8 @@ struct Builder {
       return FindSides(records + first, count, side, isLeft + first);
     };
     const Sides sides = task.count < kSharedPasses ? find(task.first, task.count) : Shared<Sides>(task, find);
-    if (sides.left != task.count) MoveToSides(records + task.first, task.count, isLeft + task.first);
+    if (sides.left != task.count)
+      MoveToSides(records + task.first, task.count, sides.left, isLeft + task.first);
     return sides;
   }
 

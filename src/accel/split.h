@@ -33,6 +33,11 @@ inline LaneBox BoxOf(const BuildRecord& record) {
 }
 // A coordinate that is no number is passed over.
 inline void Grow(LaneBox& box, LaneBox other) { box = Min(other, box); }
+inline void Exchange(BuildRecord& a, BuildRecord& b) {
+  const Float8 of = Float8::LoadAligned(a.min), other = Float8::LoadAligned(b.min);
+  other.StoreAligned(a.min);
+  of.StoreAligned(b.min);
+}
 inline Box ToBox(LaneBox box) {
   alignas(32) float lanes[8];
   box.StoreAligned(lanes);
