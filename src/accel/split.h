@@ -64,6 +64,8 @@ inline Float8 HalfAreas(const LaneBox (&boxes)[8]) {
 }
 
 inline constexpr int kBins = 8;
+inline constexpr std::uint64_t kOneInByte[kBins] = {1U,         1U << 8U,   1U << 16U,   1U << 24U,
+                                                    1ULL << 32U, 1ULL << 40U, 1ULL << 48U, 1ULL << 56U};
 struct Bins {
   LaneBox box[3][kBins];
   Words8 upTo[3];  // records in a bin and in those before it
@@ -92,7 +94,7 @@ struct Bins {
         TruncateTo(eight * (CentroidOf(one) - least) / extent, kBins - 1, bin);
         for (int a = 0; a < 3; ++a) {
           Grow(box[a][bin[a]], one);
-          counts[a] += std::uint64_t{1} << static_cast<unsigned>(8 * bin[a]);
+          counts[a] += kOneInByte[bin[a]];
         }
       }
       for (int a = 0; a < 3; ++a) upTo[a] = upTo[a] + Words8::OfBytes(counts[a] * 0x0101010101010101U);
