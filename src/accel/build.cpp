@@ -126,6 +126,7 @@ struct Builder {
 
   Split FindSplit(const BuildTask& task) {
     if (task.count == 2) return SplitPair(records + task.first, task.centroids);
+    if (task.count <= 4) return BestSplitOfFew(records + task.first, task.count, task.centroids);
     const auto fill = [&](std::uint32_t first, std::uint32_t count) {
       Bins bins;
       bins.Fill(records + first, count, task.centroids);
