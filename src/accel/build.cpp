@@ -195,13 +195,31 @@ struct Builder {
     return FinishNode(nodes, node, costs[0], costs[1]);
   }
 
+  // Two records as a leaf each; false if they need what Divide does.
+  bool MakePair(const BuildTask& task, std::uint32_t pair) {
+    if (task.depth >= kDepthLimit || IsFlat(task.centroids)) return false;
+    BuildRecord* const two = records + task.first;
+    const Split split = SplitPair(two, task.centroids);
+    const SideOf side(split);
+    const std::uint32_t left = side.IsLeft(BoxOf(two[0]));
+    if (split.cost == kFarthest || left == side.IsLeft(BoxOf(two[1]))) return false;
+    if (left == 0) Exchange(two[0], two[1]);
+    for (std::uint32_t i = 0; i < 2; ++i) MakeLeaf(pair + i, task.first + i, 1);
+    return true;
+  }
+
   // Makes the task's node and all below, each pair of nodes before those below it, and rotates them. The
   // result is that of FinishNode.
   float MakeSubtree(const BuildTask& task, std::uint32_t& next, int& deepest) {
     BuildTask children[2];
     deepest = std::max(deepest, task.depth);
-    if (!Divide(task, children)) return nodes[task.node].cost;
     const std::uint32_t pair = next;
+    if (task.count == 2 && MakePair(task, pair)) {
+      next += 2;
+      deepest = std::max(deepest, task.depth + 1);
+      return Finish(task.node, pair, 2, {nodes[pair].cost, nodes[pair + 1].cost});
+    }
+    if (!Divide(task, children)) return nodes[task.node].cost;
     next += 2;
     float costs[2];
     for (std::uint32_t i = 0; i < 2; ++i) {
