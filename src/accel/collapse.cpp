@@ -5,7 +5,7 @@
 #include "accel/collapse.h"
 
 #include <algorithm>
-#include <cstring>
+#include <mutex>
 #include <utility>
 
 #include "accel/update_steps.h"
@@ -232,11 +232,26 @@ struct NodeWriter {
   }
 };
 
-// Pieces, and the cuts of those that are nodes above subtrees.
+// The pieces of a tree. Threads take what can be done next, and none waits for another: a piece whose cuts
+// are counted before those in front of it is written later, by whoever finds it ready.
 struct Pieces {
   Collapser collapser;
   std::vector<Piece> pieces = {};
-  std::vector<Cut> tops = {};  // one a piece
+  std::vector<Cut> tops = {};  // the first of each piece
+
+  struct Job {
+    std::size_t piece;
+    bool isPlaced;  // its nodes are to be written; else it is to be collapsed
+  };
+  std::mutex mutex = {};    // of all that follows, but for a piece's own cuts while it is somebody's job
+  std::size_t next = 0;     // that is to be collapsed
+  std::size_t placed = 0;   // that have places
+  std::uint32_t nodes = 0;  // in those
+  KindCounts lanes = {};    // likewise
+  std::vector<bool> isCounted = {};
+  std::vector<std::size_t> ready = {};         // subtrees that are placed
+  std::vector<std::vector<Cut>> cuts = {};     // of each piece, until it is written
+  std::vector<std::vector<Cut>> buffers = {};  // of those that were written
 
   void Divide(std::uint32_t binary, std::uint32_t firstReference, int depth) {
     const std::size_t place = pieces.size();
@@ -255,25 +270,61 @@ struct Pieces {
     pieces[place].end = pieces.size();
   }
 
-  // Its cuts, and how much room it takes.
-  void Collapse(std::size_t number, std::vector<Cut>& cuts) {
+  // False if there is nothing left to do, but for what others are about to find ready.
+  bool Take(Job& job) {
+    const std::lock_guard lock(mutex);
+    if (!ready.empty()) {
+      job = {ready.back(), true};
+      ready.pop_back();
+      return true;
+    }
+    if (next == pieces.size()) return false;
+    if (!buffers.empty()) {
+      cuts[next] = std::move(buffers.back());
+      buffers.pop_back();
+    }
+    job = {next++, false};
+    return true;
+  }
+
+  void Collapse(std::size_t number) {
     Piece& piece = pieces[number];
-    cuts.clear();
+    std::vector<Cut>& own = cuts[number];
+    own.clear();
     if (piece.isSubtree)
-      collapser.Collapse(piece.binary, piece.firstReference, piece.depth, piece.deepest, cuts);
+      collapser.Collapse(piece.binary, piece.firstReference, piece.depth, piece.deepest, own);
     else
-      cuts.push_back(tops[number]);
-    piece.lanes = Collapser::PlaceLanes(cuts);
-    piece.nodes = static_cast<std::uint32_t>(cuts.size());
-    tops[number] = cuts[0];
+      own.push_back(tops[number]);
+    piece.lanes = Collapser::PlaceLanes(own);
+    piece.nodes = static_cast<std::uint32_t>(own.size());
+    tops[number] = own[0];
+    const std::lock_guard lock(mutex);
+    isCounted[number] = true;
+    for (; placed < pieces.size() && isCounted[placed]; ++placed) Place(placed);
+  }
+
+  void Place(std::size_t number) {
+    Piece& piece = pieces[number];
+    piece.firstNode = nodes;
+    nodes += piece.nodes;
+    piece.firstLane = lanes;
+    for (std::size_t k = 0; k < kPackedKindCount; ++k)
+      lanes[k] += BlocksFor(k, piece.lanes[k]) * kPackedKinds[k].blockLanes;
+    if (piece.isSubtree) ready.push_back(number);
+  }
+
+  void Write(const NodeWriter& writer, std::size_t number) {
+    writer.WriteSubtree(pieces[number], cuts[number]);
+    const std::lock_guard lock(mutex);
+    buffers.push_back(std::move(cuts[number]));
   }
 
   void WriteTop(const NodeWriter& writer, std::size_t number) const {
-    std::size_t next = number + 1;
+    std::size_t child = number + 1;
     writer.WriteNode(
         pieces[number], tops[number], pieces[number].firstNode, [&](PackedNode& node, std::uint32_t slot) {
-          const Cut& cut = tops[next];
-          const Piece& below = pieces[std::exchange(next, pieces[next].end)];
+          const Cut& cut = tops[child];
+          const Piece& below = pieces[std::exchange(child, pieces[child].end)];
           node.word[slot] = WordOf(cut);
           node.child[slot] = cut.merged == kMixed ? below.firstNode
                                                   : below.firstLane[cut.merged] + cut.firstLane[cut.merged];
@@ -297,36 +348,24 @@ CollapsedTree CollapseTree(Object& object) {
   object.packed->nodes.Resize(MostWideNodes(total));
   Pieces work{{object}};
   work.Divide(0, 0, 0);
+  work.isCounted.resize(work.pieces.size());
+  work.cuts.resize(work.pieces.size());
   const NodeWriter writer{object};
-  CollapsedTree tree;
-  std::uint32_t nodes = 0;
 #pragma omp parallel if (IsWorthThreads(total, 60))
-  {
-    std::vector<Cut> cuts;
-#pragma omp for ordered schedule(dynamic, 1)
-    for (std::size_t i = 0; i < work.pieces.size(); ++i) {
-      work.Collapse(i, cuts);
-      Piece& piece = work.pieces[i];
-#pragma omp ordered
-      {
-        piece.firstNode = nodes;
-        nodes += piece.nodes;
-        piece.firstLane = tree.lanes;
-        for (std::size_t k = 0; k < kPackedKindCount; ++k)
-          tree.lanes[k] += BlocksFor(k, piece.lanes[k]) * kPackedKinds[k].blockLanes;
-      }
-      if (piece.isSubtree) writer.WriteSubtree(piece, cuts);
-    }
+  for (Pieces::Job job; work.Take(job);) {
+    if (job.isPlaced)
+      work.Write(writer, job.piece);
+    else
+      work.Collapse(job.piece);
   }
   object.wideDepth = 0;
   for (std::size_t i = 0; i < work.pieces.size(); ++i) {
     if (!work.pieces[i].isSubtree) work.WriteTop(writer, i);
     object.wideDepth = std::max(object.wideDepth, work.pieces[i].deepest);
   }
-  object.wideNodes.resize(nodes);
-  object.packed->nodes.Shrink(nodes);
-  tree.pieces = std::move(work.pieces);
-  return tree;
+  object.wideNodes.resize(work.nodes);
+  object.packed->nodes.Shrink(work.nodes);
+  return {std::move(work.pieces), work.lanes};
 }
 
 }  // namespace zp
