@@ -20,11 +20,13 @@ void PageArray<T>::Resize(std::size_t count) {
   static_assert(std::is_trivially_copyable_v<T>);
   size_ = count;
   if (count <= room_ && room_ / 2 <= count) return;
+  // What moves asks for a little more, or less, each time.
+  const std::size_t room = data_ == nullptr ? count : count + count / 16;
   data_.reset();
   room_ = 0;
   if (count == 0) return;
-  data_.reset(static_cast<T*>(AllocatePages(count * sizeof(T))));
-  room_ = count;
+  data_.reset(static_cast<T*>(AllocatePages(room * sizeof(T))));
+  room_ = room;
 }
 
 template <class T>
