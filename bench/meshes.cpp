@@ -72,7 +72,8 @@ std::size_t Bytes(const List& list) {
 }
 
 std::size_t ContainerBytes(const Object& object) {
-  std::size_t sum = Bytes(object.references) + Bytes(object.nodes) + Bytes(object.wideNodes) +
+  std::size_t sum = Bytes(object.references) + Bytes(object.nodes) +
+                    object.wideNodes.size() * sizeof(WideNode) +  // what they have no use for has no memory
                     Bytes(object.compactReferences);
   for (const Part& part : object.parts) {
     sum += Bytes(part.positions) + Bytes(part.normals) + Bytes(part.tangents) +

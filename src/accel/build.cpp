@@ -69,24 +69,32 @@ Sides FindSides(const BuildRecord* records, std::uint32_t count, const SideOf& s
 }
 
 // Those that go left in front. The order on both sides is that of a scan from the front which exchanges what
-// goes right with what stands last; equal primitives end up in one leaf, and the first of them is hit.
+// goes right with what stands last; equal primitives end up in one leaf, and the first of them is hit. What
+// goes left and lies in front already stays: only the back is walked, and each of its records exchanged with
+// the one that waits in front to go right.
 //   isLeft  all bits of the record's byte, or none
-void MoveToSides(BuildRecord* records, std::uint32_t count, const std::int8_t* isLeft) {
-  std::int64_t front = 0, back = std::int64_t{count} - 1;  // of what is not scanned
-  Float8 record = Float8::LoadAligned(records[0].min);
-  std::int64_t left = isLeft[0];
-  // No branch: nobody could foresee it. Both flags that may be the next are loaded before it is known which.
-  const auto choose = [&left](std::int64_t a, std::int64_t b) { return b ^ ((a ^ b) & left); };
-  for (std::uint32_t i = 1; i < count; ++i) {
-    const std::int64_t to = choose(front, back), isNextLeft = choose(isLeft[front + 1], isLeft[back]);
-    const Float8 other = Float8::LoadAligned(records[to - left].min);
-    record.StoreAligned(records[to].min);
-    front -= left;
-    back += ~left;
-    left = isNextLeft;
-    record = other;
+void MoveToSides(BuildRecord* records, std::uint32_t count, std::uint32_t lefts, const std::int8_t* isLeft) {
+  constexpr std::uint32_t kMost = 255;
+  std::uint32_t waiting[kMost + 1];  // places in front, then `lefts`, where those begin that stay behind
+  std::uint32_t back = count, scanned = 0, size = 0;
+  for (;;) {
+    // No branches on sides: nobody could foresee them.
+    for (; scanned < lefts && size <= kMost; ++scanned) {
+      waiting[size] = scanned;
+      size += static_cast<std::uint32_t>(1 + isLeft[scanned]);
+    }
+    const bool isLast = scanned == lefts && size <= kMost;
+    if (isLast) waiting[size++] = lefts;
+    for (std::uint32_t i = 0; i + 1 < size;) {
+      --back;
+      Exchange(records[waiting[i]], records[back]);
+      i -= static_cast<std::uint32_t>(isLeft[back]);
+    }
+    if (isLast) break;
+    waiting[0] = waiting[size - 1];
+    size = 1;
   }
-  record.StoreAligned(records[front].min);
+  if (back > lefts) std::rotate(records + lefts, records + lefts + 1, records + back);
 }
 
 struct Builder {
@@ -118,6 +126,7 @@ struct Builder {
 
   Split FindSplit(const BuildTask& task) {
     if (task.count == 2) return SplitPair(records + task.first, task.centroids);
+    if (task.count <= 4) return BestSplitOfFew(records + task.first, task.count, task.centroids);
     const auto fill = [&](std::uint32_t first, std::uint32_t count) {
       Bins bins;
       bins.Fill(records + first, count, task.centroids);
@@ -133,7 +142,8 @@ struct Builder {
       return FindSides(records + first, count, side, isLeft + first);
     };
     const Sides sides = task.count < kSharedPasses ? find(task.first, task.count) : Shared<Sides>(task, find);
-    if (sides.left != task.count) MoveToSides(records + task.first, task.count, isLeft + task.first);
+    if (sides.left != task.count)
+      MoveToSides(records + task.first, task.count, sides.left, isLeft + task.first);
     return sides;
   }
 
@@ -185,13 +195,31 @@ struct Builder {
     return FinishNode(nodes, node, costs[0], costs[1]);
   }
 
+  // Two records as a leaf each; false if they need what Divide does.
+  bool MakePair(const BuildTask& task, std::uint32_t pair) {
+    if (task.depth >= kDepthLimit || IsFlat(task.centroids)) return false;
+    BuildRecord* const two = records + task.first;
+    const Split split = SplitPair(two, task.centroids);
+    const SideOf side(split);
+    const std::uint32_t left = side.IsLeft(BoxOf(two[0]));
+    if (split.cost == kFarthest || left == side.IsLeft(BoxOf(two[1]))) return false;
+    if (left == 0) Exchange(two[0], two[1]);
+    for (std::uint32_t i = 0; i < 2; ++i) MakeLeaf(pair + i, task.first + i, 1);
+    return true;
+  }
+
   // Makes the task's node and all below, each pair of nodes before those below it, and rotates them. The
   // result is that of FinishNode.
   float MakeSubtree(const BuildTask& task, std::uint32_t& next, int& deepest) {
     BuildTask children[2];
     deepest = std::max(deepest, task.depth);
-    if (!Divide(task, children)) return nodes[task.node].cost;
     const std::uint32_t pair = next;
+    if (task.count == 2 && MakePair(task, pair)) {
+      next += 2;
+      deepest = std::max(deepest, task.depth + 1);
+      return Finish(task.node, pair, 2, {nodes[pair].cost, nodes[pair + 1].cost});
+    }
+    if (!Divide(task, children)) return nodes[task.node].cost;
     next += 2;
     float costs[2];
     for (std::uint32_t i = 0; i < 2; ++i) {

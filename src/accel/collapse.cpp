@@ -1,43 +1,44 @@
-// Collapses a binary tree into eight-wide nodes, in two steps: first threads find which binary nodes stand in
-// the slots of the wide ones, subtree by subtree; once these are counted their places are known, and the wide
-// nodes are written.
+// Collapses a binary tree into eight-wide nodes: first threads find which binary nodes stand in the slots of
+// the wide ones, subtree by subtree; once these are counted their places are known, and the wide nodes are
+// written.
+
+#include "accel/collapse.h"
 
 #include <algorithm>
-#include <array>
+#include <mutex>
 #include <utility>
-#include <vector>
 
 #include "accel/update_steps.h"
+#include "core/float8.h"
+#include "core/settings.h"
 #include "core/threads.h"
 
 namespace zp {
 namespace {
 
-constexpr std::uint32_t kLeastPiece = 4096;  // primitives that are worth a list of their own
-constexpr std::uint32_t kPieces = 64;        // or more, where the tree is large
+constexpr std::uint32_t kMostOfPiece = 4096;  // primitives
 
 // A wide node before it has a place.
 struct Cut {
   std::array<std::uint32_t, 8> slots;  // binary nodes
   std::uint32_t firstReference;        // of all below
   std::uint32_t below = 1;             // wide nodes from it to the last of its subtree, which follows it
-  std::uint8_t size = 0, leaves = 0;   // slots in use; bits of those that are leaves
+  // Lanes before those of its own leaves, and of the nodes merged into it, in its piece.
+  KindCounts firstLane;
+  std::array<std::uint8_t, 8> kinds;  // that all in a leaf slot are of; kMixed in an inner one
+  std::uint8_t size = 0, leaves = 0;  // slots in use; bits of those that are leaves
+  std::uint8_t merged = kMixed;       // the kind of all below if walks see them as one leaf
+  std::uint8_t count = 0;             // of all below, if so
 };
 
-// A subtree of the wide tree, or a node above subtrees. Pieces stand in the order of wide nodes: each before
-// those below it, these in the order of its slots.
-struct Piece {
-  std::uint32_t binary, firstReference;
-  int depth, deepest = 0;
-  bool isSubtree = false;
-  std::size_t end = 0;      // piece behind all below
-  std::uint32_t place = 0;  // of its first wide node
-  std::vector<Cut> cuts = {};
-};
+std::uint8_t PackedKindOf(const PrimitiveRef& reference) {
+  std::uint8_t k = 0;
+  while (k < kMixed && kPackedKinds[k].kind != reference.kind) ++k;
+  return k;
+}
 
 struct Collapser {
   Object& object;
-  std::vector<Piece> pieces = {};
 
   // The area by which inner nodes are opened; leaves are not.
   float OpenArea(std::uint32_t index) const {
@@ -45,15 +46,17 @@ struct Collapser {
     return IsLeaf(n) ? -1.0f : HalfArea(n.box);
   }
 
-  // Leaf references from left to right, to `next` and on.
-  void CopyLeaves(std::uint32_t index, PrimitiveRef*& next) const {
+  // Leaf references from left to right, to `next` and on. Returns the packed kind of all, given `kind`, that
+  // of those before.
+  std::uint8_t CopyLeaves(std::uint32_t index, PrimitiveRef*& next, std::uint8_t kind) const {
     const BinaryNode& n = object.nodes[index];
-    if (IsLeaf(n)) {
-      next = std::copy_n(object.references.data() + n.first, n.count, next);
-    } else {
-      CopyLeaves(n.first, next);
-      CopyLeaves(n.first + 1, next);
+    if (!IsLeaf(n)) return CopyLeaves(n.first + 1, next, CopyLeaves(n.first, next, kind));
+    for (const PrimitiveRef* from = object.references.data() + n.first;
+         from != object.references.data() + n.first + n.count; ++from) {
+      if (kind != kMixed && kPackedKinds[kind].kind != from->kind) kind = kMixed;
+      *next++ = *from;
     }
+    return kind;
   }
 
   Cut OpenNodes(std::uint32_t binary, std::uint32_t firstReference) const {
@@ -84,113 +87,285 @@ struct Collapser {
   }
 
   // Calls `below` of the binary node and the first reference of each inner slot, and copies those of the
-  // others.
+  // others. `below` and this return the packed kind of all.
   template <class Below>
-  std::uint8_t FillSlots(const Cut& cut, Below below) const {
-    std::uint8_t leaves = 0;
+  std::uint8_t FillSlots(Cut& cut, Below below) const {
     std::uint32_t reference = cut.firstReference;
+    cut.firstLane = {};  // at first, lanes of its own leaves
+    std::uint8_t all = kMixed;
     for (std::uint32_t i = 0; i < cut.size; ++i) {
       const BinaryNode& n = object.nodes[cut.slots[i]];
+      const std::uint32_t sum = n.sum;
+      std::uint8_t kind = kMixed;
+      cut.kinds[i] = kMixed;
       if (IsWideLeaf(n)) {
-        leaves = static_cast<std::uint8_t>(leaves | 1U << i);
+        cut.leaves = static_cast<std::uint8_t>(cut.leaves | 1U << i);
         PrimitiveRef* next = object.compactReferences.data() + reference;
-        CopyLeaves(cut.slots[i], next);
+        if (sum != 0) kind = CopyLeaves(cut.slots[i], next, FirstKind(cut.slots[i]));
+        cut.kinds[i] = kind;
+        if (kind != kMixed) cut.firstLane[kind] += sum;
       } else {
-        below(cut.slots[i], reference);
+        kind = below(cut.slots[i], reference);
       }
-      reference += n.sum;
+      all = i == 0 || all == kind ? kind : kMixed;
+      reference += sum;
     }
-    return leaves;
+    return all;
   }
 
-  // The pieces of a binary node's subtree, of at most so many primitives each.
-  void Divide(std::uint32_t binary, std::uint32_t firstReference, int depth, std::uint32_t most) {
-    const std::size_t place = pieces.size();
-    pieces.push_back({binary, firstReference, depth, depth});
-    if (object.nodes[binary].sum <= most) {
-      pieces[place].isSubtree = true;
-    } else {
-      Cut cut = OpenNodes(binary, firstReference);
-      cut.leaves = FillSlots(cut, [&](std::uint32_t slot, std::uint32_t reference) {
-        Divide(slot, reference, depth + 1, most);
-      });
-      pieces[place].cuts = {cut};
-    }
-    pieces[place].end = pieces.size();
+  // The packed kind of a node's first reference.
+  std::uint8_t FirstKind(std::uint32_t index) const {
+    while (!IsLeaf(object.nodes[index])) index = object.nodes[index].first;
+    return PackedKindOf(object.references[object.nodes[index].first]);
   }
 
-  void Collapse(Piece& piece, std::uint32_t binary, std::uint32_t firstReference, int depth) const {
-    const std::size_t place = piece.cuts.size();
-    piece.deepest = std::max(piece.deepest, depth);
-    const Cut cut = OpenNodes(binary, firstReference);
-    piece.cuts.push_back(cut);
-    const std::uint8_t leaves = FillSlots(cut, [&](std::uint32_t slot, std::uint32_t reference) {
-      Collapse(piece, slot, reference, depth + 1);
+  // Returns the packed kind of all below.
+  std::uint8_t Collapse(std::uint32_t binary, std::uint32_t firstReference, int depth, int& deepest,
+                        std::vector<Cut>& cuts) const {
+    const std::size_t place = cuts.size();
+    deepest = std::max(deepest, depth);
+    Cut cut = OpenNodes(binary, firstReference);
+    cuts.push_back(cut);
+    const std::uint8_t kind = FillSlots(cut, [&](std::uint32_t slot, std::uint32_t reference) {
+      return Collapse(slot, reference, depth + 1, deepest, cuts);
     });
-    piece.cuts[place].leaves = leaves;
-    piece.cuts[place].below = static_cast<std::uint32_t>(piece.cuts.size() - place);
+    cut.below = static_cast<std::uint32_t>(cuts.size() - place);
+    const std::uint32_t sum = object.nodes[binary].sum;
+    if (binary != 0 && kind != kMixed && sum <= kPackedKinds[kind].most) {
+      cut.merged = kind;
+      cut.count = static_cast<std::uint8_t>(sum);
+    }
+    cuts[place] = cut;
+    return kind;
   }
 
-  // `nextChild()` is the place of the next wide node below.
-  template <class NextChild>
-  void WriteNode(const Cut& cut, WideNode& node, NextChild nextChild) const {
-    std::uint32_t reference = cut.firstReference;
-    for (std::uint32_t i = 0; i < 8; ++i) {
-      const BinaryNode blank;
-      const BinaryNode& n = i < cut.size ? object.nodes[cut.slots[i]] : blank;
-      for (int axis = 0; axis < 3; ++axis) {
-        node.boxes[axis][i] = n.box.min[axis];
-        node.boxes[axis + 3][i] = n.box.max[axis];
+  // Returns how many lanes there are. Children stand behind their parents, each subtree in a row, so that a
+  // merged one's lanes are in a row too.
+  static KindCounts PlaceLanes(std::vector<Cut>& cuts) {
+    KindCounts lanes = {};
+    KindCounts inside = {};  // first lane behind the merged subtree that a node is in
+    for (Cut& cut : cuts) {
+      const std::uint8_t kind = cut.merged;
+      if (kind != kMixed && lanes[kind] >= inside[kind]) {
+        // It takes no more blocks than its count needs.
+        const std::uint32_t blockLanes = kPackedKinds[kind].blockLanes, place = lanes[kind] % blockLanes;
+        if (BlocksFor(kind, place + cut.count) > BlocksFor(kind, cut.count))
+          lanes[kind] += blockLanes - place;
+        inside[kind] = lanes[kind] + cut.count;
       }
-      const bool leaf = (cut.leaves >> i & 1U) != 0;
-      node.count[i] = static_cast<std::uint16_t>(leaf ? n.sum : 0);
-      node.child[i] = n.sum == 0 ? kUnusedSlot : leaf ? reference : nextChild();
-      node.log[i] = 0;
-      reference += n.sum;
+      const KindCounts own = std::exchange(cut.firstLane, lanes);
+      for (std::size_t k = 0; k < kPackedKindCount; ++k) lanes[k] += own[k];
+    }
+    return lanes;
+  }
+};
+
+// Of the packed slot that leads to a wide node.
+std::uint32_t WordOf(const Cut& cut) {
+  return cut.merged == kMixed ? 0 : kLeaf | kPackedKinds[cut.merged].flag | cut.count;
+}
+
+// Writes the nodes of a collapsed tree.
+struct NodeWriter {
+  Object& object;
+
+  void WriteBoxes(const Cut& cut, PackedNode& node) const {
+    static constexpr BinaryNode kBlank;
+    Float8 boxes[8];  // with what follows them in their nodes
+    for (std::uint32_t i = 0; i < 8; ++i)
+      boxes[i] = Float8::Load(&(i < cut.size ? object.nodes[cut.slots[i]] : kBlank).box.min.x);
+    Float8 low[4], high[4];
+    for (int i = 0; i < 4; ++i) {
+      low[i] = LowHalves(boxes[i], boxes[i + 4]);
+      high[i] = HighHalves(boxes[i], boxes[i + 4]);
+    }
+    TransposeHalves(low[0], low[1], low[2], low[3]);
+    TransposeHalves(high[0], high[1], high[2], high[3]);
+    for (int i = 0; i < 4; ++i) low[i].StoreAligned(node.boxes[i]);
+    for (int i = 0; i < 2; ++i) high[i].StoreAligned(node.boxes[4 + i]);
+  }
+
+  // `nextChild(node, i)` is the next wide node below; it sets the child and the word of slot i.
+  template <class NextChild>
+  void WriteNode(const Piece& piece, const Cut& cut, std::uint32_t place, NextChild nextChild) const {
+    WideNode& wide = object.wideNodes[place];
+    PackedNode& node = object.packed->nodes[place];
+    WriteBoxes(cut, node);
+    std::uint32_t reference = cut.firstReference;
+    KindCounts lane;
+    for (std::size_t k = 0; k < kPackedKindCount; ++k) lane[k] = piece.firstLane[k] + cut.firstLane[k];
+    for (std::uint32_t i = 0; i < 8; ++i) {
+      const std::uint32_t sum = i < cut.size ? object.nodes[cut.slots[i]].sum : 0;
+      wide.log[i] = 0;
+      wide.count[i] = 0;
+      if (sum == 0) {  // an empty leaf: harmless even to a ray of no numbers
+        wide.child[i] = kUnusedSlot;
+        node.child[i] = 0;
+        node.word[i] = kLeaf;
+      } else if ((cut.leaves >> i & 1U) == 0) {
+        wide.child[i] = nextChild(node, i);
+      } else {
+        wide.child[i] = node.child[i] = reference;
+        wide.count[i] = static_cast<std::uint16_t>(sum);
+        node.word[i] = kLeaf | sum;
+        if (const std::uint8_t kind = cut.kinds[i]; kind != kMixed) {
+          node.child[i] = std::exchange(lane[kind], lane[kind] + sum);
+          node.word[i] |= kPackedKinds[kind].flag;
+        }
+      }
+      reference += sum;
     }
   }
 
-  void Write(const Piece& piece, std::size_t number) const {
-    std::size_t pieceBelow = number + 1;
-    const auto nextPiece = [&] { return pieces[std::exchange(pieceBelow, pieces[pieceBelow].end)].place; };
-    for (std::uint32_t i = 0; i < piece.cuts.size(); ++i) {
+  void WriteSubtree(const Piece& piece, const std::vector<Cut>& cuts) const {
+    for (std::uint32_t i = 0; i < cuts.size(); ++i) {
       std::uint32_t below = i + 1;
-      const auto nextCut = [&] {
-        return piece.place + std::exchange(below, below + piece.cuts[below].below);
-      };
-      WideNode& node = object.wideNodes[piece.place + i];
-      if (piece.isSubtree)
-        WriteNode(piece.cuts[i], node, nextCut);
-      else
-        WriteNode(piece.cuts[i], node, nextPiece);
+      WriteNode(piece, cuts[i], piece.firstNode + i, [&](PackedNode& node, std::uint32_t slot) {
+        const std::uint32_t number = std::exchange(below, below + cuts[below].below);
+        const Cut& cut = cuts[number];
+        node.word[slot] = WordOf(cut);
+        node.child[slot] = cut.merged == kMixed ? piece.firstNode + number
+                                                : piece.firstLane[cut.merged] + cut.firstLane[cut.merged];
+        return piece.firstNode + number;
+      });
     }
   }
 };
 
+// The pieces of a tree. Threads take what can be done next, and none waits for another: a piece whose cuts
+// are counted before those in front of it is written later, by whoever finds it ready.
+struct Pieces {
+  Collapser collapser;
+  std::vector<Piece> pieces = {};
+  std::vector<Cut> tops = {};  // the first of each piece
+
+  struct Job {
+    std::size_t piece;
+    bool isPlaced;  // its nodes are to be written; else it is to be collapsed
+  };
+  std::mutex mutex = {};    // of all that follows, but for a piece's own cuts while it is somebody's job
+  std::size_t next = 0;     // that is to be collapsed
+  std::size_t placed = 0;   // that have places
+  std::uint32_t nodes = 0;  // in those
+  KindCounts lanes = {};    // likewise
+  std::vector<bool> isCounted = {};
+  std::vector<std::size_t> ready = {};         // subtrees that are placed
+  std::vector<std::vector<Cut>> cuts = {};     // of each piece, until it is written
+  std::vector<std::vector<Cut>> buffers = {};  // of those that were written
+
+  void Divide(std::uint32_t binary, std::uint32_t firstReference, int depth) {
+    const std::size_t place = pieces.size();
+    pieces.push_back({binary, firstReference, depth, depth});
+    tops.emplace_back();
+    if (collapser.object.nodes[binary].sum <= kMostOfPiece) {
+      pieces[place].isSubtree = true;
+    } else {
+      Cut cut = collapser.OpenNodes(binary, firstReference);
+      collapser.FillSlots(cut, [&](std::uint32_t slot, std::uint32_t reference) {
+        Divide(slot, reference, depth + 1);
+        return kMixed;
+      });
+      tops[place] = cut;
+    }
+    pieces[place].end = pieces.size();
+  }
+
+  // False if there is nothing left to do, but for what others are about to find ready.
+  bool Take(Job& job) {
+    const std::lock_guard lock(mutex);
+    if (!ready.empty()) {
+      job = {ready.back(), true};
+      ready.pop_back();
+      return true;
+    }
+    if (next == pieces.size()) return false;
+    if (!buffers.empty()) {
+      cuts[next] = std::move(buffers.back());
+      buffers.pop_back();
+    }
+    job = {next++, false};
+    return true;
+  }
+
+  void Collapse(std::size_t number) {
+    Piece& piece = pieces[number];
+    std::vector<Cut>& own = cuts[number];
+    own.clear();
+    if (piece.isSubtree)
+      collapser.Collapse(piece.binary, piece.firstReference, piece.depth, piece.deepest, own);
+    else
+      own.push_back(tops[number]);
+    piece.lanes = Collapser::PlaceLanes(own);
+    piece.nodes = static_cast<std::uint32_t>(own.size());
+    tops[number] = own[0];
+    const std::lock_guard lock(mutex);
+    isCounted[number] = true;
+    for (; placed < pieces.size() && isCounted[placed]; ++placed) Place(placed);
+  }
+
+  void Place(std::size_t number) {
+    Piece& piece = pieces[number];
+    piece.firstNode = nodes;
+    nodes += piece.nodes;
+    piece.firstLane = lanes;
+    for (std::size_t k = 0; k < kPackedKindCount; ++k)
+      lanes[k] += BlocksFor(k, piece.lanes[k]) * kPackedKinds[k].blockLanes;
+    if (piece.isSubtree) ready.push_back(number);
+  }
+
+  void Write(const NodeWriter& writer, std::size_t number) {
+    writer.WriteSubtree(pieces[number], cuts[number]);
+    const std::lock_guard lock(mutex);
+    buffers.push_back(std::move(cuts[number]));
+  }
+
+  void WriteTop(const NodeWriter& writer, std::size_t number) const {
+    std::size_t child = number + 1;
+    writer.WriteNode(
+        pieces[number], tops[number], pieces[number].firstNode, [&](PackedNode& node, std::uint32_t slot) {
+          const Cut& cut = tops[child];
+          const Piece& below = pieces[std::exchange(child, pieces[child].end)];
+          node.word[slot] = WordOf(cut);
+          node.child[slot] = cut.merged == kMixed ? below.firstNode
+                                                  : below.firstLane[cut.merged] + cut.firstLane[cut.merged];
+          return below.firstNode;
+        });
+  }
+};
+
+// Of all trees over so many primitives. A node with slots to spare has leaves alone, two at least.
+std::size_t MostWideNodes(std::size_t primitives) { return primitives * 4 / 7 + 2; }
+
 }  // namespace
 
-void CollapseTree(Object& object) {
+CollapsedTree CollapseTree(Object& object) {
   const std::uint32_t total = object.nodes[0].sum;
+  if (object.packed == nullptr || object.packed.use_count() != 1)
+    object.packed = std::make_shared<PackedTree>();
   object.compactReferences.resize(total);
-  Collapser collapser{object};
-  std::vector<Piece>& pieces = collapser.pieces;
-  collapser.Divide(0, 0, 0, std::max(kLeastPiece, total / kPieces));
-#pragma omp parallel for schedule(dynamic, 1) if (IsWorthThreads(total, 20))
-  for (std::size_t i = 0; i < pieces.size(); ++i) {
-    Piece& piece = pieces[i];
-    if (piece.isSubtree) collapser.Collapse(piece, piece.binary, piece.firstReference, piece.depth);
-  }
-  std::uint32_t places = 0;
-  object.wideDepth = 0;
-  for (Piece& piece : pieces) {
-    piece.place = places;
-    places += static_cast<std::uint32_t>(piece.cuts.size());
-    object.wideDepth = std::max(object.wideDepth, piece.deepest);
-  }
   object.wideNodes.clear();  // nothing to copy where it grows
-  object.wideNodes.resize(places);
-#pragma omp parallel for schedule(dynamic, 1) if (IsWorthThreads(total, 20))
-  for (std::size_t i = 0; i < pieces.size(); ++i) collapser.Write(pieces[i], i);
+  object.wideNodes.resize(MostWideNodes(total));
+  object.packed->nodes.Resize(MostWideNodes(total));
+  Pieces work{{object}};
+  work.Divide(0, 0, 0);
+  work.isCounted.resize(work.pieces.size());
+  work.cuts.resize(work.pieces.size());
+  const NodeWriter writer{object};
+#pragma omp parallel if (IsWorthThreads(total, 60))
+  for (Pieces::Job job; work.Take(job);) {
+    if (job.isPlaced)
+      work.Write(writer, job.piece);
+    else
+      work.Collapse(job.piece);
+  }
+  object.wideDepth = 0;
+  for (std::size_t i = 0; i < work.pieces.size(); ++i) {
+    if (!work.pieces[i].isSubtree) work.WriteTop(writer, i);
+    object.wideDepth = std::max(object.wideDepth, work.pieces[i].deepest);
+  }
+  object.wideNodes.resize(work.nodes);
+  object.packed->nodes.Shrink(work.nodes);
+  return {std::move(work.pieces), work.lanes};
 }
 
 }  // namespace zp

@@ -39,7 +39,6 @@ OccluderTotals OrderNode(Object& object, std::uint32_t index) {
     if (node.child[i] == kUnusedSlot) continue;
     for (int j = i; j > 0; --j) {
       if (!(ratio[j] > ratio[j - 1])) continue;
-      for (auto& row : node.boxes) std::swap(row[j], row[j - 1]);
       std::swap(node.child[j], node.child[j - 1]);
       std::swap(node.count[j], node.count[j - 1]);
       std::swap(node.log[j], node.log[j - 1]);

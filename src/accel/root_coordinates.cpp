@@ -6,6 +6,7 @@
 
 #include "accel/accel.h"
 #include "accel/nearest_point.h"
+#include "accel/tree.h"
 #include "core/stop.h"
 #include "core/threads.h"
 
@@ -25,7 +26,7 @@ Vec2 UvOf(const Part& part, std::uint8_t kind, std::uint32_t index, Vec3 barycen
   return CornerUv(HitCorners(part, kind, index, barycentric), part);
 }
 
-bool SlotContains(const WideNode& node, int slot, Vec3 p) {
+bool SlotContains(const PackedNode& node, int slot, Vec3 p) {
   for (int a = 0; a < 3; ++a)
     if (!(node.boxes[a][slot] <= p[a] && p[a] <= node.boxes[a + 3][slot])) return false;
   return true;
@@ -46,7 +47,7 @@ struct RootSearch {
   void Walk(std::uint32_t index) {
     const WideNode& node = object.wideNodes[index];
     for (int i = 0; i < 8; ++i) {
-      if (node.child[i] == kUnusedSlot || !SlotContains(node, i, root)) continue;
+      if (node.child[i] == kUnusedSlot || !SlotContains(object.packed->nodes[index], i, root)) continue;
       if (node.count[i] == 0) Walk(node.child[i]);
       for (std::uint32_t k = 0; k < node.count[i]; ++k) {
         const PrimitiveRef& reference = object.compactReferences[node.child[i] + k];
@@ -87,7 +88,7 @@ void TransferRootCoordinates(Object& object) {
   bool surfaces = false;
   for (const Part& part : object.parts)
     surfaces = surfaces || !part.triangles.empty() || !part.tetragons.empty();
-  if (!surfaces || object.wideNodes.empty()) return;
+  if (!surfaces || object.wideNodes.empty() || object.packed == nullptr) return;
   for (Part& part : object.parts) {
     if (part.strandLengths.empty() || part.uvSets.empty()) continue;
     // Strands stand one behind another; one of n segments has n + 1 vertices. What the lengths promise beyond

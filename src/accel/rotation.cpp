@@ -5,9 +5,12 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdint>
+#include <iterator>
 #include <utility>
 
+#include "accel/split.h"
 #include "accel/update_steps.h"
 #include "core/index.h"
 #include "core/stop.h"
@@ -61,25 +64,75 @@ constexpr Arrangement kArrangements[] = {
     {Shape::kPairLast, {a, b, c, d}},   // (d, (c, (a, b))). Intended: this one pair comes last
 };
 
-// The boxes of all groups.
-struct GroupBoxes {
-  Box of[kGroupCount];
+// The groups of all arrangements, in the lanes of two vectors.
+struct ArrangementLanes {
+  alignas(32) std::uint32_t group[2][2][8] = {};  // first and second; those of lanes not in use stay 0
+  alignas(32) float isLate[2][2][8] = {};         // all bits where a group is none of the first eight
+};
+constexpr ArrangementLanes MakeArrangementLanes() {
+  ArrangementLanes lanes;
+  for (std::size_t i = 0; i < std::size(kArrangements); ++i) {
+    const Group groups[2] = {kArrangements[i].First(), kArrangements[i].Second()};
+    for (std::size_t k = 0; k < 2; ++k) {
+      lanes.group[k][i / 8][i % 8] = groups[k];
+      lanes.isLate[k][i / 8][i % 8] = std::bit_cast<float>(groups[k] < 8 ? 0 : ~0U);
+    }
+  }
+  return lanes;
+}
+constexpr ArrangementLanes kArrangementLanes = MakeArrangementLanes();
 
-  GroupBoxes(const Box& boxA, const Box& boxB, const Box& boxC, const Box& boxD)
-      : of{Union(boxA, boxB),
-           Union(boxA, boxC),
-           Union(boxA, boxD),
-           Union(boxB, boxC),
-           Union(boxB, boxD),
-           Union(boxC, boxD),
-           {},
-           {},
-           {},
-           {}} {
-    of[bcd] = Union(of[cd], boxB);
-    of[acd] = Union(of[cd], boxA);
-    of[abd] = Union(of[ab], boxD);
-    of[abc] = Union(of[ab], boxC);
+LaneBox ToLanes(const BinaryNode& n) {
+  alignas(32) static constexpr float kSigns[8] = {1, 1, 1, 0, -1, -1, -1, 0};
+  alignas(32) static constexpr std::uint32_t kOrder[8] = {0, 1, 2, 0, 3, 4, 5, 0};
+  return Permute(Float8::Load(&n.box.min.x), Words8::Load(kOrder)) * Float8::LoadAligned(kSigns);
+}
+
+// The boxes of all groups, and behind them the one around all.
+struct GroupBoxes {
+  LaneBox of[2][8];
+
+  LaneBox& Of(int group) { return of[group / 8][group % 8]; }
+  const LaneBox& Of(int group) const { return of[group / 8][group % 8]; }
+
+  explicit GroupBoxes(const std::array<BinaryNode, 4>& g) {
+    const LaneBox boxA = ToLanes(g[a]), boxB = ToLanes(g[b]), boxC = ToLanes(g[c]), boxD = ToLanes(g[d]);
+    Of(ab) = Min(boxB, boxA);
+    Of(ac) = Min(boxC, boxA);
+    Of(ad) = Min(boxD, boxA);
+    Of(bc) = Min(boxC, boxB);
+    Of(bd) = Min(boxD, boxB);
+    Of(cd) = Min(boxD, boxC);
+    Of(bcd) = Min(boxB, Of(cd));
+    Of(acd) = Min(boxA, Of(cd));
+    Of(abd) = Min(boxD, Of(ab));
+    Of(abc) = Min(boxC, Of(ab));
+    Of(kGroupCount) = Min(Of(cd), Of(ab));
+    for (int rest = kGroupCount + 1; rest < 16; ++rest) Of(rest) = EmptyBox();
+  }
+
+  // The first arrangement of the least cost below `cost`; null if there is none.
+  const Arrangement* Cheapest(const std::array<BinaryNode, 4>& g, float cost) const {
+    const Float8 areas = HalfAreas(of[0]), lateAreas = HalfAreas(of[1]);
+    const float all = Permute(lateAreas, Words8::Set(kGroupCount)).First();
+    const Float8 base = Float8::Set(all + g[a].cost + g[b].cost + g[c].cost + g[d].cost);
+    Float8 costs[2];
+    for (std::size_t half = 0; half < 2; ++half) {
+      Float8 area[2];
+      for (std::size_t k = 0; k < 2; ++k) {
+        const Words8 group = Words8::Load(kArrangementLanes.group[k][half]);
+        area[k] = Choose(Float8::LoadAligned(kArrangementLanes.isLate[k][half]), Permute(lateAreas, group),
+                         Permute(areas, group));
+      }
+      costs[half] = base + (area[0] + area[1]);
+    }
+    constexpr unsigned kInUse = (1U << std::size(kArrangements)) - 1;
+    const Float8 known = Float8::Set(cost);  // what is no number is not less
+    costs[1] = Select<0xFF & ~(kInUse >> 8U)>(costs[1], known);
+    const Float8 least = Least(Min(costs[1], Min(costs[0], known)));
+    if (!(least.First() < cost)) return nullptr;
+    const unsigned mask = MaskLessEqual(costs[0], least) | MaskLessEqual(costs[1], least) << 8U;
+    return &kArrangements[std::countr_zero(mask)];
   }
 };
 
@@ -142,20 +195,8 @@ struct NodeRotator {
   void RotateBothSides(const BinaryNode& n, BinaryNode& l, BinaryNode& r) {
     const std::array<BinaryNode, 4> grandchildren = {nodes[l.first], nodes[l.first + 1], nodes[r.first],
                                                      nodes[r.first + 1]};
-    const auto& g = grandchildren;
-    const GroupBoxes boxes(g[a].box, g[b].box, g[c].box, g[d].box);
-    float areas[kGroupCount];
-    for (int i = 0; i < kGroupCount; ++i) areas[i] = HalfArea(boxes.of[i]);
-    const float base =
-        HalfArea(Union(boxes.of[ab], boxes.of[cd])) + g[a].cost + g[b].cost + g[c].cost + g[d].cost;
-    float least = n.cost;
-    const Arrangement* best = nullptr;
-    for (const Arrangement& arrangement : kArrangements) {
-      const float cost = base + (areas[arrangement.First()] + areas[arrangement.Second()]);
-      if (!(cost < least)) continue;
-      least = cost;
-      best = &arrangement;
-    }
+    const GroupBoxes boxes(grandchildren);
+    const Arrangement* const best = boxes.Cheapest(grandchildren, n.cost);
     if (best != nullptr) Arrange(*best, grandchildren, boxes, l, r);
   }
 
@@ -166,7 +207,7 @@ struct NodeRotator {
     const auto at = [&](int place) -> const BinaryNode& {
       return grandchildren[At(arrangement.place, place)];
     };
-    const Box &first = boxes.of[arrangement.First()], &second = boxes.of[arrangement.Second()];
+    const Box first = ToBox(boxes.Of(arrangement.First())), second = ToBox(boxes.Of(arrangement.Second()));
     const std::uint32_t lPair = l.first, rPair = r.first;
     if (arrangement.shape == Shape::kTwoPairs) {
       l = MakeInner(lPair, at(0), at(1), first);

@@ -33,6 +33,11 @@ inline LaneBox BoxOf(const BuildRecord& record) {
 }
 // A coordinate that is no number is passed over.
 inline void Grow(LaneBox& box, LaneBox other) { box = Min(other, box); }
+inline void Exchange(BuildRecord& a, BuildRecord& b) {
+  const Float8 of = Float8::LoadAligned(a.min), other = Float8::LoadAligned(b.min);
+  other.StoreAligned(a.min);
+  of.StoreAligned(b.min);
+}
 inline Box ToBox(LaneBox box) {
   alignas(32) float lanes[8];
   box.StoreAligned(lanes);
@@ -59,39 +64,66 @@ inline Float8 HalfAreas(const LaneBox (&boxes)[8]) {
 }
 
 inline constexpr int kBins = 8;
+inline constexpr std::uint64_t kOneInBytes = 0x0101010101010101U;
+inline constexpr std::uint64_t kOneInByte[kBins] = {1U,          1U << 8U,    1U << 16U,   1U << 24U,
+                                                    1ULL << 32U, 1ULL << 40U, 1ULL << 48U, 1ULL << 56U};
+
+// The bins of a centroid, on each axis; `centroids` bounds all.
+struct BinScale {
+  Float4 least, extent;
+  explicit BinScale(LaneBox centroids) : least(LowHalf(centroids)), extent(Extent(centroids)) {}
+  void Find(LaneBox box, std::int32_t bin[4]) const {
+    TruncateTo(Float4::Set(kBins) * (CentroidOf(box) - least) / extent, kBins - 1, bin);
+  }
+};
+
 struct Bins {
   LaneBox box[3][kBins];
   Words8 upTo[3];  // records in a bin and in those before it
 
   Bins() {
-    for (auto& axis : box)
-      for (LaneBox& one : axis) one = EmptyBox();
+    Clear(box);
     for (Words8& axis : upTo) axis = Words8::Set(0);
   }
   void Add(const Bins& other) {
-    for (int a = 0; a < 3; ++a) {
-      for (int k = 0; k < kBins; ++k) Grow(box[a][k], other.box[a][k]);
-      upTo[a] = upTo[a] + other.upTo[a];
-    }
+    Join(other.box);
+    for (int a = 0; a < 3; ++a) upTo[a] = upTo[a] + other.upTo[a];
   }
   // Each record by its centroid into one bin of each axis; `centroids` bounds them all.
   void Fill(const BuildRecord* records, std::uint32_t count, LaneBox centroids) {
     constexpr std::uint32_t kMost = 255;  // that a byte can count
-    const Float4 extent = Extent(centroids), least = LowHalf(centroids), eight = Float4::Set(kBins);
+    // Every other record of many has boxes of its own: neighbours would wait for one another's.
+    constexpr std::uint32_t kMany = 64;
+    LaneBox boxes[3][kBins];
+    if (count >= kMany) Clear(boxes);
+    LaneBox(*ours)[kBins] = box, (*others)[kBins] = count >= kMany ? boxes : box;
+    const BinScale scale(centroids);
     for (std::uint32_t first = 0; first < count; first += kMost) {
       const std::uint32_t end = count - first < kMost ? count : first + kMost;
       std::uint64_t counts[3] = {};  // a byte a bin
       for (std::uint32_t i = first; i < end; ++i) {
         const LaneBox one = BoxOf(records[i]);
         std::int32_t bin[4];
-        TruncateTo(eight * (CentroidOf(one) - least) / extent, kBins - 1, bin);
+        scale.Find(one, bin);
         for (int a = 0; a < 3; ++a) {
-          Grow(box[a][bin[a]], one);
-          counts[a] += std::uint64_t{1} << static_cast<unsigned>(8 * bin[a]);
+          Grow(ours[a][bin[a]], one);
+          counts[a] += kOneInByte[bin[a]];
         }
+        std::swap(ours, others);
       }
-      for (int a = 0; a < 3; ++a) upTo[a] = upTo[a] + Words8::OfBytes(counts[a] * 0x0101010101010101U);
+      for (int a = 0; a < 3; ++a) upTo[a] = upTo[a] + Words8::OfBytes(counts[a] * kOneInBytes);
     }
+    if (count >= kMany) Join(boxes);
+  }
+
+ private:
+  static void Clear(LaneBox (&boxes)[3][kBins]) {
+    for (auto& axis : boxes)
+      for (LaneBox& one : axis) one = EmptyBox();
+  }
+  void Join(const LaneBox (&boxes)[3][kBins]) {
+    for (int a = 0; a < 3; ++a)
+      for (int k = 0; k < kBins; ++k) Grow(box[a][k], boxes[a][k]);
   }
 };
 
@@ -101,11 +133,29 @@ struct Split {
 };
 
 // The cheapest of the seven splits on each axis; equal costs keep the earlier one.
+struct CheapestSplit {
+  float cost;
+  int axis, last;  // bin on its left
+  // Of the costs where bin i is the last on the left.
+  CheapestSplit(Float8 (&costs)[3], LaneBox centroids) {
+    alignas(16) float extent[4];
+    Extent(centroids).Store(extent);
+    const Float8 farthest = Float8::Set(kFarthest);
+    // No split lies behind the last bin; what is no number is no split.
+    for (int a = 0; a < 3; ++a)
+      costs[a] = extent[a] != 0.0f ? Min(Select<0x80>(costs[a], farthest), farthest) : farthest;
+    const Float8 least = Least(Min(Min(costs[0], costs[1]), costs[2]));
+    const unsigned mask = MaskLessEqual(costs[0], least) | MaskLessEqual(costs[1], least) << 8U |
+                          MaskLessEqual(costs[2], least) << 16U;
+    const int best = std::countr_zero(mask);
+    cost = least.First();
+    axis = best / kBins;
+    last = best % kBins;
+  }
+};
+
 inline Split BestSplit(const Bins& bins, LaneBox centroids) {
   constexpr int kLast = kBins - 1;
-  alignas(16) float extent[4];
-  Extent(centroids).Store(extent);
-  const Float8 farthest = Float8::Set(kFarthest);
   LaneBox left[3][kBins], right[3][kBins];
   Float8 costs[3];
   for (int a = 0; a < 3; ++a) {
@@ -116,16 +166,48 @@ inline Split BestSplit(const Bins& bins, LaneBox centroids) {
       right[a][kLast - 1 - k] = Min(bins.box[a][kLast - k], right[a][kLast - k]);
     }
     const Words8 total = Words8::Set(bins.upTo[a].Last());
-    const Float8 cost =
+    costs[a] =
         HalfAreas(left[a]) * ToFloat(bins.upTo[a]) + HalfAreas(right[a]) * ToFloat(total - bins.upTo[a]);
-    // No split lies behind the last bin; what is no number is no split.
-    costs[a] = extent[a] != 0.0f ? Min(Select<0x80>(cost, farthest), farthest) : farthest;
   }
-  const Float8 least = Least(Min(Min(costs[0], costs[1]), costs[2]));
-  const unsigned mask = MaskLessEqual(costs[0], least) | MaskLessEqual(costs[1], least) << 8U |
-                        MaskLessEqual(costs[2], least) << 16U;
-  const int best = std::countr_zero(mask), axis = best / kBins, k = best % kBins;
-  return {least.First(), left[axis][k], right[axis][k]};
+  const CheapestSplit best(costs, centroids);
+  return {best.cost, left[best.axis][best.last], right[best.axis][best.last]};
+}
+
+// The same of three records or four, without bins: each set of them has a box and a cost, and the sets are
+// fewer than the bins.
+inline Split BestSplitOfFew(const BuildRecord* records, std::uint32_t count, LaneBox centroids) {
+  constexpr std::uint32_t kFew = 4;
+  const BinScale scale(centroids);
+  LaneBox one[kFew];
+  std::uint64_t upTo[3] = {};  // a byte a bin: a bit for each record in it or in those before
+  for (std::uint32_t i = 0; i < kFew; ++i) {
+    one[i] = EmptyBox();
+    if (i == count) break;
+    const LaneBox box = BoxOf(records[i]);
+    std::int32_t bin[4];
+    scale.Find(box, bin);
+    Grow(one[i], box);
+    for (int a = 0; a < 3; ++a) upTo[a] |= (kOneInBytes << static_cast<unsigned>(8 * bin[a])) << i;
+  }
+  // By the bits of a set without the last record: its box, and that of all others.
+  const LaneBox pair = Min(one[0], one[1]), rest = Min(one[2], one[3]);
+  const LaneBox set[8] = {EmptyBox(),          one[0],           one[1], pair, one[2], Min(one[0], one[2]),
+                          Min(one[1], one[2]), Min(pair, one[2])};
+  const LaneBox others[8] = {Min(pair, rest),   Min(one[1], rest),   Min(one[0], rest),   rest,
+                             Min(pair, one[3]), Min(one[1], one[3]), Min(one[0], one[3]), one[3]};
+  alignas(32) static constexpr float kSizes[8] = {0, 1, 1, 2, 1, 2, 2, 3};
+  const Float8 sizes = Float8::LoadAligned(kSizes);
+  const Float8 cost =
+      HalfAreas(set) * sizes + HalfAreas(others) * (Float8::Set(static_cast<float>(count)) - sizes);
+  Float8 costs[3];
+  for (int a = 0; a < 3; ++a) {
+    const std::uint64_t withLast = upTo[a] >> 3U & kOneInBytes;
+    costs[a] = Permute(cost, Words8::OfBytes(upTo[a] ^ withLast * 15U));
+  }
+  const CheapestSplit best(costs, centroids);
+  const auto left = static_cast<unsigned>(upTo[best.axis] >> static_cast<unsigned>(8 * best.last)) & 15U;
+  return left < 8 ? Split{best.cost, set[left], others[left]}
+                  : Split{best.cost, others[15 - left], set[15 - left]};
 }
 
 // Of two records, which fill the first and the last bin of every axis they differ on: all splits are alike.

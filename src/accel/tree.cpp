@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <cstring>
 #include <type_traits>
 
+#include "accel/collapse.h"
 #include "accel/cut_outs.h"
+#include "core/float8.h"
 #include "core/pages.h"
-#include "core/release.h"
 #include "core/settings.h"
 #include "core/threads.h"
 #include "shading/shading.h"
@@ -20,11 +20,13 @@ void PageArray<T>::Resize(std::size_t count) {
   static_assert(std::is_trivially_copyable_v<T>);
   size_ = count;
   if (count <= room_ && room_ / 2 <= count) return;
+  // What moves asks for a little more, or less, each time.
+  const std::size_t room = data_ == nullptr ? count : count + count / 16;
   data_.reset();
   room_ = 0;
   if (count == 0) return;
-  data_.reset(static_cast<T*>(AllocatePages(count * sizeof(T))));
-  room_ = count;
+  data_.reset(static_cast<T*>(AllocatePages(room * sizeof(T))));
+  room_ = room;
 }
 
 template <class T>
@@ -39,18 +41,6 @@ template class PageArray<CurveSegment>;
 template class PageArray<TetragonBlock>;
 
 namespace {
-
-constexpr std::size_t kMixed = kPackedKindCount;
-
-// The packed kind that a leaf's references all have; kMixed if there is none.
-std::size_t LeafKind(const Object& object, std::uint32_t first, std::uint32_t count) {
-  const std::uint16_t kind = object.compactReferences[first].kind;
-  for (std::uint32_t i = 1; i < count; ++i)
-    if (object.compactReferences[first + i].kind != kind) return kMixed;
-  for (std::size_t k = 0; k < kPackedKindCount; ++k)
-    if (kPackedKinds[k].kind == kind) return k;
-  return kMixed;
-}
 
 void PutTriangle(TriangleBlock& block, std::uint32_t lane, Vec3 p0, Vec3 e1, Vec3 e2,
                  const PrimitiveRef& reference, std::int32_t shader) {
@@ -130,80 +120,11 @@ bool IsOpaque(std::int32_t shader) {
 
 namespace {
 
-using KindCounts = std::array<std::uint32_t, kPackedKindCount>;
-
-std::uint32_t BlocksFor(std::size_t kind, std::uint32_t lanes) {
-  return (lanes + kPackedKinds[kind].blockLanes - 1) / kPackedKinds[kind].blockLanes;
-}
-
-// Where the packed primitives of a wide node and of the nodes merged into it lie.
-struct NodeLanes {
-  KindCounts first = {};
-  KindCounts own = {};        // in its own leaves
-  std::uint32_t count = 0;    // in all below; of merged nodes only
-  std::size_t kind = kMixed;  // of all below; of merged nodes only
-  bool merged = false;        // walks see all below as one leaf
-  std::uint32_t unused = 0;   // lanes of that kind before it
-};
-
-constexpr std::uint32_t kMostMerged =
-    std::max({kMergedTriangles, kMergedParticles, kMergedCylinders, kMergedTetragons});
-
-// References of all below a wide node: they are in a row.
-struct ReferenceRange {
-  std::uint32_t first, end;
-};
-ReferenceRange RangeOf(const Object& object, std::size_t n) {
-  const WideNode* node = &object.wideNodes[n];
-  while (node->count[0] == 0) node = &object.wideNodes[node->child[0]];
-  const std::uint32_t first = node->child[0];
-  node = &object.wideNodes[n];
-  for (;;) {
-    int last = 7;
-    while (node->child[last] == kUnusedSlot) --last;
-    if (node->count[last] != 0) return {first, node->child[last] + node->count[last]};
-    node = &object.wideNodes[node->child[last]];
-  }
-}
-
-NodeLanes CountLanes(const Object& object, std::size_t n) {
-  const WideNode& wide = object.wideNodes[n];
-  NodeLanes lanes;
-  for (int i = 0; i < 8; ++i) {
-    if (wide.child[i] == kUnusedSlot || wide.count[i] == 0) continue;
-    const std::size_t kind = LeafKind(object, wide.child[i], wide.count[i]);
-    if (kind != kMixed) lanes.own[kind] += wide.count[i];
-  }
-  if (n == 0) return lanes;
-  const auto [first, end] = RangeOf(object, n);
-  if (end - first > kMostMerged) return lanes;
-  lanes.count = end - first;
-  lanes.kind = LeafKind(object, first, lanes.count);
-  lanes.merged = lanes.kind != kMixed && lanes.count <= kPackedKinds[lanes.kind].most;
-  return lanes;
-}
-
-// Children stand behind their parents, each subtree in a row, so that a merged one's lanes are in a row too.
-RawVector<NodeLanes> PlaceLanes(const Object& object, KindCounts& laneCount) {
-  const std::size_t nodeCount = object.wideNodes.size();
-  RawVector<NodeLanes> lanes(nodeCount);
-#pragma omp parallel for schedule(static) if (IsWorthThreads(nodeCount, 40))
-  for (std::size_t n = 0; n < nodeCount; ++n) lanes[n] = CountLanes(object, n);
-  laneCount = {};
-  KindCounts inside = {};  // first lane behind the merged subtree that node n is in
-  for (NodeLanes& node : lanes) {
-    const std::size_t kind = node.kind;
-    if (node.merged && laneCount[kind] >= inside[kind]) {
-      // It takes no more blocks than its count needs.
-      const std::uint32_t blockLanes = kPackedKinds[kind].blockLanes, place = laneCount[kind] % blockLanes;
-      if (BlocksFor(kind, place + node.count) > BlocksFor(kind, node.count)) node.unused = blockLanes - place;
-      laneCount[kind] += node.unused;
-      inside[kind] = laneCount[kind] + node.count;
-    }
-    node.first = laneCount;
-    for (std::size_t k = 0; k < kPackedKindCount; ++k) laneCount[k] += node.own[k];
-  }
-  return lanes;
+// Of a slot's word.
+std::size_t PackedKindOf(std::uint32_t word) {
+  std::size_t kind = 0;
+  while (kind < kPackedKindCount && (word & kPackedKinds[kind].flag) == 0) ++kind;
+  return kind;
 }
 
 // Lanes that no leaf holds.
@@ -217,32 +138,67 @@ void ClearLanes(PackedTree& tree, std::size_t kind, std::uint32_t first, std::ui
       PutTetragon(tree.tetragons[lane / kTetragonLanes], lane % kTetragonLanes, {}, {}, 0);
 }
 
-void FillNode(const Object& object, const RawVector<NodeLanes>& lanes, std::size_t n, PackedTree& tree) {
-  const WideNode& wide = object.wideNodes[n];
-  PackedNode& node = tree.nodes[n];
-  std::memcpy(node.boxes, wide.boxes, sizeof node.boxes);
-  KindCounts lane = lanes[n].first;
-  const std::size_t mergedKind = lanes[n].kind;
-  if (lanes[n].unused != 0)
-    ClearLanes(tree, mergedKind, lane[mergedKind] - lanes[n].unused, lane[mergedKind]);
-  for (int i = 0; i < 8; ++i) {
-    const std::uint32_t child = wide.child[i], count = wide.count[i];
-    node.child[i] = child;
-    node.word[i] = count == 0 ? 0 : kLeaf | count;
-    if (child == kUnusedSlot) {  // an empty leaf: harmless even to a ray of no numbers
-      node.child[i] = 0;
-      node.word[i] = kLeaf;
-    } else if (count == 0) {
-      if (!lanes[child].merged) continue;
-      const std::size_t kind = lanes[child].kind;
-      node.child[i] = lanes[child].first[kind];
-      node.word[i] = kLeaf | kPackedKinds[kind].flag | lanes[child].count;
-    } else if (const std::size_t kind = LeafKind(object, child, count); kind != kMixed) {
-      node.child[i] = lane[kind];
-      node.word[i] |= kPackedKinds[kind].flag;
-      for (std::uint32_t k = 0; k < count; ++k)
-        FillLane(tree, lane[kind]++, object, object.compactReferences[child + k]);
+// What a lane is made of is fetched in two steps that follow one another some primitives apart, so that
+// neither waits for memory: a primitive, and its corners.
+void FetchPrimitive(const Object& object, const PrimitiveRef& reference) {
+  if (reference.kind == kKindInstance) return;
+  const Part& part = object.parts[reference.part];
+  if (reference.kind == kKindTriangle) Prefetch(&part.triangles[reference.index]);
+  if (reference.kind == kKindTetragon) Prefetch(&part.tetragons[reference.index]);
+  if (reference.kind == kKindParticle) Prefetch(&part.particles[reference.index]);
+  if (reference.kind == kKindCylinder) Prefetch(&part.cylinders[reference.index]);
+}
+void FetchCorners(const Object& object, const PrimitiveRef& reference) {
+  if (reference.kind == kKindInstance) return;
+  const Part& part = object.parts[reference.part];
+  const auto fetch = [&](const auto& vertices) {
+    for (const std::uint32_t vertex : vertices) Prefetch(&part.positions[vertex]);
+  };
+  const auto fetchRound = [&](std::uint32_t vertex) {
+    Prefetch(&part.positions[vertex]);
+    if (!part.scalarSets.empty()) Prefetch(part.scalarSets[0].values.data() + vertex);
+  };
+  if (reference.kind == kKindTriangle) fetch(part.triangles[reference.index].vertex);
+  if (reference.kind == kKindTetragon) fetch(part.tetragons[reference.index].vertex);
+  if (reference.kind == kKindParticle) fetchRound(part.particles[reference.index]);
+  if (reference.kind == kKindCylinder) fetchRound(part.cylinders[reference.index]);
+}
+
+// Has the primitives fetched whose lanes are filled next.
+struct Lookahead {
+  static constexpr std::uint32_t kPrimitives = 64, kCorners = 32;  // as many references ahead
+  const Object& object;
+  std::uint32_t primitives, corners;  // where to go on
+  Lookahead(const Object& o, std::uint32_t first) : object(o), primitives(first), corners(first) {}
+
+  void MoveTo(std::uint32_t reference) {
+    const RawVector<PrimitiveRef>& all = object.compactReferences;
+    const auto total = static_cast<std::uint32_t>(all.size());
+    for (; primitives < std::min(reference + kPrimitives, total); ++primitives)
+      FetchPrimitive(object, all[primitives]);
+    for (; corners < std::min(reference + kCorners, total); ++corners) FetchCorners(object, all[corners]);
+  }
+};
+
+void FillLanes(const Object& object, const Piece& piece, PackedTree& tree) {
+  Lookahead lookahead(object, piece.firstReference);
+  KindCounts filled = piece.firstLane;  // lanes lie in the order of nodes
+  for (std::uint32_t n = piece.firstNode; n < piece.firstNode + piece.nodes; ++n) {
+    const WideNode& wide = object.wideNodes[n];
+    const PackedNode& node = tree.nodes[n];
+    for (int i = 0; i < 8; ++i) {
+      const std::size_t kind = PackedKindOf(node.word[i]);
+      if (wide.count[i] == 0 || kind == kMixed) continue;
+      lookahead.MoveTo(wide.child[i]);
+      ClearLanes(tree, kind, filled[kind], node.child[i]);
+      filled[kind] = node.child[i] + wide.count[i];
+      for (std::uint32_t k = 0; k < wide.count[i]; ++k)
+        FillLane(tree, node.child[i] + k, object, object.compactReferences[wide.child[i] + k]);
     }
+  }
+  for (std::size_t kind = 0; kind < kPackedKindCount; ++kind) {
+    const std::uint32_t end = piece.firstLane[kind] + piece.lanes[kind];
+    ClearLanes(tree, kind, filled[kind], BlocksFor(kind, end) * kPackedKinds[kind].blockLanes);
   }
 }
 
@@ -275,30 +231,20 @@ std::uint8_t DemandsOf(const Object& object) {
 
 }  // namespace
 
-void PackTree(Object& object) {
-  const std::size_t nodeCount = object.wideNodes.size();
-  KindCounts laneCount;
-  const RawVector<NodeLanes> lanes = PlaceLanes(object, laneCount);
-
-  const bool isOurs = object.packed != nullptr && object.packed.use_count() == 1;
-  const auto packed = isOurs ? std::move(object.packed) : std::make_shared<PackedTree>();
-  packed->nodes.Resize(nodeCount);
-  packed->blocks.Resize(BlocksFor(0, laneCount[0]));
-  packed->particles.Resize(BlocksFor(1, laneCount[1]));
-  packed->segments.Resize(BlocksFor(2, laneCount[2]));
-  packed->tetragons.Resize(BlocksFor(3, laneCount[3]));
-  packed->shadowRoots = settings.format >= 2;
+void FillLanes(Object& object, const CollapsedTree& tree) {
+  PackedTree& packed = *object.packed;
+  packed.blocks.Resize(BlocksFor(0, tree.lanes[0]));
+  packed.particles.Resize(BlocksFor(1, tree.lanes[1]));
+  packed.segments.Resize(BlocksFor(2, tree.lanes[2]));
+  packed.tetragons.Resize(BlocksFor(3, tree.lanes[3]));
+  packed.shadowRoots = settings.format >= 2;
   const std::uint8_t demands = DemandsOf(object);
-  packed->filtersVisibility = (demands & kHides) != 0;
-  packed->opaqueOnly = (demands & kLetsLightThrough) == 0;
-  packed->cutsOut = (demands & kCutsOut) != 0;
-  packed->stackSize = 7 * (object.wideDepth + 1) + 1;
-#pragma omp parallel for schedule(static) if (IsWorthThreads(nodeCount, 400))
-  for (std::size_t n = 0; n < nodeCount; ++n) FillNode(object, lanes, n, *packed);
-  for (std::size_t kind = 0; kind < kPackedKindCount; ++kind)
-    ClearLanes(*packed, kind, laneCount[kind],
-               BlocksFor(kind, laneCount[kind]) * kPackedKinds[kind].blockLanes);
-  object.packed = packed;
+  packed.filtersVisibility = (demands & kHides) != 0;
+  packed.opaqueOnly = (demands & kLetsLightThrough) == 0;
+  packed.cutsOut = (demands & kCutsOut) != 0;
+  packed.stackSize = 7 * (object.wideDepth + 1) + 1;
+#pragma omp parallel for schedule(dynamic, 1) if (IsWorthThreads(packed.nodes.size(), 300))
+  for (std::size_t i = 0; i < tree.pieces.size(); ++i) FillLanes(object, tree.pieces[i], packed);
 }
 
 }  // namespace zp

@@ -1,5 +1,6 @@
-// accel/tree.h: the wide tree as rays walk it. It says the same as the Object's records, in whole cache lines
-// and with the vertices of triangles beside the nodes; Update makes it anew whenever the records change.
+// accel/tree.h: the wide tree as rays walk it: the boxes of the Object's wide nodes, and what is in them, in
+// whole cache lines and with the vertices of triangles beside the nodes. Update makes it anew whenever
+// something moves.
 
 #pragma once
 
@@ -19,6 +20,7 @@ class PageArray {
  public:
   // Keeps the storage, though not the elements, if it is large enough and not much too large.
   void Resize(std::size_t count);
+  void Shrink(std::size_t count) { size_ = count; }  // keeps the storage
   T& operator[](std::size_t i) { return data_[i]; }
   const T& operator[](std::size_t i) const { return data_[i]; }
   T* data() const { return data_.get(); }
@@ -54,7 +56,7 @@ inline constexpr int kTetragonLanes = 8;
 
 // Four triangles. Lane number i of a tree is lane i % 4 of block i / 4: the leaves of a node follow one
 // another without gaps, so that a leaf may begin and end within a block. Lanes before a merged subtree and at
-// the tree's end may be unused: no leaf holds those.
+// the end of a piece (accel/collapse.h) may be unused: no leaf holds those.
 struct alignas(64) TriangleBlock {
   float p0[3][kBlockLanes], e1[3][kBlockLanes], e2[3][kBlockLanes];
   std::uint32_t primitive[kBlockLanes];
@@ -98,6 +100,9 @@ inline constexpr PackedKind kPackedKinds[] = {
     {kKindCylinder, kCylinderLeaf, 1, kMergedCylinders},
     {kKindTetragon, kTetragonLeaf, kTetragonLanes, kMergedTetragons}};
 inline constexpr std::size_t kPackedKindCount = std::size(kPackedKinds);
+constexpr std::uint32_t BlocksFor(std::size_t kind, std::uint32_t lanes) {
+  return (lanes + kPackedKinds[kind].blockLanes - 1) / kPackedKinds[kind].blockLanes;
+}
 
 // Entries of a walk's stack: what nearly all trees do with, and more than any can need.
 inline constexpr int kFewStackEntries = 128, kMostStackEntries = 2048;
@@ -114,9 +119,6 @@ struct PackedTree {
   bool cutsOut = false;            // hits on some primitive count by chance
   int stackSize = 0;               // entries that a walk can need
 };
-
-// Lays object.wideNodes and object.compactReferences out in object.packed.
-void PackTree(Object& object);
 
 // Whether no side of the Shader lets a shadow ray through, at any hit. An index outside the table counts as
 // opaque.

@@ -1,7 +1,7 @@
 // Update: moves what moves, and makes the trees of rays anew.
 
 #include "accel/accel.h"
-#include "accel/tree.h"
+#include "accel/collapse.h"
 #include "accel/update_steps.h"
 #include "core/index.h"
 #include "core/release.h"
@@ -26,12 +26,12 @@ void MoveVertices(Part& part, int passes) {
 
 void LayOutTrees(Object& object, bool keepsNodes = true) {
   if (Stopping()) return;
-  CollapseTree(object);
+  const CollapsedTree tree = CollapseTree(object);
   if (!keepsNodes && !kValidates) {  // before the largest arrays come
     Release(object.nodes);
     Release(object.references);
   }
-  PackTree(object);
+  FillLanes(object, tree);
   if (kValidates) RequireSound(ValidateTree(object));
 }
 

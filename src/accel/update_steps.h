@@ -16,7 +16,5 @@ float FinishNode(BinaryNode* nodes, BinaryNode& n, float leftCost, float rightCo
 // Boxes, costs and sums of object.nodes from the primitives as they stand, and the tree rotated, each node
 // once, leaves first. Sets the Object's bounds and tree cost.
 void RotateTree(Object& object);
-// object.wideNodes and object.compactReferences anew, from object.nodes.
-void CollapseTree(Object& object);
 
 }  // namespace zp

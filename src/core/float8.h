@@ -252,7 +252,8 @@ Float8 SignedByte(Words8 a) {
 }
 inline Words8 operator-(Words8 a, Words8 b) { return {_mm256_sub_epi32(a.v, b.v)}; }
 inline Float8 ToFloat(Words8 a) { return {_mm256_cvtepi32_ps(a.v)}; }  // below 2^31
-// Lane i of the result is lane order[i] of a.
+// Lane i of the result is lane order[i] of a, of which the lowest three bits count.
+inline Float8 Permute(Float8 a, Words8 order) { return {_mm256_permutevar8x32_ps(a.v, order.v)}; }
 inline Words8 Permute(Words8 a, Words8 order) { return {_mm256_permutevar8x32_epi32(a.v, order.v)}; }
 
 // Always inline: GCC drops the call of a function that does nothing but fetch ahead.

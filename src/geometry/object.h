@@ -171,9 +171,8 @@ struct BinaryNode {
 
 inline constexpr std::uint32_t kUnusedSlot = 0xFFFFFFFF;
 
-// Eight boxes and what is in them.
+// What is in eight boxes; the boxes stand in the PackedNode of the same number.
 struct WideNode {
-  float boxes[6][8];       // rows minimum x, y, z, maximum x, y, z; column i is slot i
   std::uint32_t child[8];  // a WideNode, or the first reference of a leaf
   std::uint16_t count[8];  // 0: an inner node
   std::uint32_t log[8];    // blocked shadow rays; after ordering, the bits of the slots' ratios
