@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
-#include <memory>
 #include <string>
 
 #include "accel/accel.h"
+#include "geometry/motion.h"
 #include "imaging/frame_state.h"
 #include "render_fixture.h"
 
@@ -279,10 +279,9 @@ TEST_F(DirectLight, EmitterSamplesDoNotChangeTheMean) {
         if (settings.format == 2) raised.matrix.m[1][1] = 0.1f;  // areas by the direction that they face
         if (kind == kOverride) raised.shader = lamp;
         if (settings.format == 2) {
-          InstanceMotion motion;
-          motion.close = raised.matrix;
-          motion.close.m[0][0] = 9;
-          raised.motion = std::make_shared<InstanceMotion>(motion);
+          Mat4 close = raised.matrix;
+          close.m[0][0] = 9;
+          SetMatrixEnd(raised, close);
         }
         AddLamp(*place(raised), 0, kind == kOverride ? off : lamp);
       }
@@ -383,7 +382,8 @@ TEST_F(DirectLight, ManyLightsArePickedFrom) {
         const auto& aov =
             parallel ? parallelLights[i == 0 ? 4 : 17].aovs[0] : lights[i == 0 ? 4 : 17].aovs[0];
         double sum = 0;
-        for (const float pixel : FinishedPicture(aov, frameState).floatPixels) sum += static_cast<double>(pixel);
+        for (const float pixel : FinishedPicture(aov, frameState).floatPixels)
+          sum += static_cast<double>(pixel);
         byLight[format - 1][i] = sum;
       }
     }

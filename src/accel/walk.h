@@ -9,9 +9,9 @@
 #include <cstdint>
 
 #include "accel/accel.h"
-#include "core/float8.h"
 #include "accel/primitive_tests.h"
 #include "accel/tree.h"
+#include "core/float8.h"
 #include "core/index.h"
 #include "core/settings.h"
 
@@ -235,7 +235,7 @@ struct InsideInstance {
         direction(r.direction),
         inverseDirection(r.inverseDirection),
         place(r.place) {
-    ray.origin = TransformPoint(instance.inverse, origin);
+    ray.origin = ToObject(instance, origin);
     ray.direction = TransformDirection(instance.inverse, direction);
     ray.inverseDirection = Reciprocal(ray.direction);
     ray.place = PlaceInside(place, instance);

@@ -13,7 +13,8 @@ void* AllocatePages(std::size_t bytes) {
   const std::size_t whole = (bytes + alignment - 1) / alignment * alignment;
   void* memory = std::aligned_alloc(alignment, whole);
   if (memory == nullptr) throw std::bad_alloc();
-  if (alignment == kLargePage) madvise(memory, whole, MADV_HUGEPAGE);  // a hint: refusal costs speed only
+  // A hint: refusal costs speed only. What does not fill a large page shall not take one.
+  madvise(memory, bytes / kLargePage * kLargePage, MADV_HUGEPAGE);
   return memory;
 }
 
