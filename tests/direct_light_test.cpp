@@ -252,7 +252,8 @@ TEST_F(DirectLight, EmitterSamplesDoNotChangeTheMean) {
       geometryLight.sample = sampled ? (settings.format == 2 ? 4 : 64) : 0;
       LookFrom({1, 0, 0.05f}, {0.02f, 0, 0}, 0.02f);
       objectTable[0].name = "root";
-      const auto place = [&](Instance instance) {
+      const auto place = [&](const Instance& given) {
+        Instance instance = given;
         instance.object = static_cast<std::int32_t>(objectTable.size());
         objectTable[0].instances.push_back(instance);
         objectTable.emplace_back().name = "part " + std::to_string(instance.object);

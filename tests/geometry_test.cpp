@@ -241,6 +241,11 @@ TEST_F(GeometryTest, PiecesOfATextMeanWhatTheWholeDoes) {
     EXPECT_EQ(Printed([&] { ReadObj(text, part, bytes); }), rows);
     expectWhole(part);
   }
+  std::string fresh = kSquare;  // each piece has vertices of its own
+  for (int i = 0; i < 600; ++i) fresh += "vt " + std::to_string(i) + " 0\nf 1/-1 2/-1 3/-1\n";
+  Part many;
+  ReadObj(fresh, many, 1);
+  EXPECT_EQ(many.positions.size(), 1800U);
   const std::string pipe = folder_ / "pipe.obj";
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   std::thread writer([&] { WriteFile(pipe, text); });
