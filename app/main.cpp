@@ -1,5 +1,7 @@
 // app/main.cpp: the words of the command line.
 
+#include <malloc.h>
+
 #include <CLI/CLI.hpp>
 #include <array>
 #include <charconv>
@@ -467,6 +469,9 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
   zp::EnlargeStacks();
+  // What large arrays leave behind goes back to the system, rather than into holes that nothing later fills.
+  mallopt(M_MMAP_THRESHOLD, 4 << 20);
+  mallopt(M_TRIM_THRESHOLD, 16 << 20);
   std::set_terminate(zp::EndUncaught);
   zp::OpenRunLog(argc, argv);
   int status = 0;

@@ -22,6 +22,7 @@
 #include "core/stop.h"
 #include "frame/frame.h"
 #include "frame/host_signals.h"
+#include "geometry/motion.h"
 #include "geometry/object.h"
 #include "imaging/camera_matrices.h"
 #include "imaging/frame_layers.h"
@@ -202,10 +203,10 @@ std::int32_t PutShader(const std::string& name) {
 void SetInstanceEnd(std::int32_t object, std::int32_t instance, const ArrayLike& matrix) {
   RequireRecord("instance", kInstances, {object, instance});
   const auto given = ToMatrix<4>(matrix, {"instance", "matrix_end"});
-  InstanceMotion motion;
+  Mat4 close;
   for (int row = 0; row < 4; ++row)
-    for (int column = 0; column < 4; ++column) motion.close.m[row][column] = given.rows[row][column];
-  At(At(objectTable, object).instances, instance).motion = std::make_shared<InstanceMotion>(motion);
+    for (int column = 0; column < 4; ++column) close.m[row][column] = given.rows[row][column];
+  SetMatrixEnd(At(At(objectTable, object).instances, instance), close);
 }
 
 // The light group of a light, or of what a Shader emits.

@@ -395,12 +395,10 @@ TEST_F(Curves, InstancesTurnTheShortWay) {
     for (const float endMirror : {1.0f, -1.0f}) {
       Instance instance;
       instance.matrix.m[0][0] = mirror;
-      InstanceMotion motion;
-      motion.close = {{{0, -2, 0, 4}, {2 * endMirror, 0, 0, 0}, {0, 0, 2, 0}, {0, 0, 0, 1}}};
-      instance.motion = std::make_shared<InstanceMotion>(motion);
+      SetMatrixEnd(instance, {{{0, -2, 0, 4}, {2 * endMirror, 0, 0, 0}, {0, 0, 2, 0}, {0, 0, 0, 1}}});
       const bool fits = mirror == endMirror;
       PrepareMotion(instance);
-      EXPECT_EQ(instance.motion != nullptr, fits);
+      EXPECT_EQ(MotionOf(instance) != nullptr, fits);
       MoveInstance(instance, 0.5f);
       const float reach = mirror * 1.5f * std::sqrt(0.5f);
       const Vec3 expected = fits ? Vec3{2 + reach, reach, 0} : Vec3{mirror, 0, 0};

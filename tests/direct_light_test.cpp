@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
-#include <memory>
 #include <string>
 
 #include "accel/accel.h"
+#include "geometry/motion.h"
 #include "imaging/frame_state.h"
 #include "render_fixture.h"
 
@@ -252,7 +252,8 @@ TEST_F(DirectLight, EmitterSamplesDoNotChangeTheMean) {
       geometryLight.sample = sampled ? (settings.format == 2 ? 4 : 64) : 0;
       LookFrom({1, 0, 0.05f}, {0.02f, 0, 0}, 0.02f);
       objectTable[0].name = "root";
-      const auto place = [&](Instance instance) {
+      const auto place = [&](const Instance& given) {
+        Instance instance = given;
         instance.object = static_cast<std::int32_t>(objectTable.size());
         objectTable[0].instances.push_back(instance);
         objectTable.emplace_back().name = "part " + std::to_string(instance.object);
@@ -279,10 +280,9 @@ TEST_F(DirectLight, EmitterSamplesDoNotChangeTheMean) {
         if (settings.format == 2) raised.matrix.m[1][1] = 0.1f;  // areas by the direction that they face
         if (kind == kOverride) raised.shader = lamp;
         if (settings.format == 2) {
-          InstanceMotion motion;
-          motion.close = raised.matrix;
-          motion.close.m[0][0] = 9;
-          raised.motion = std::make_shared<InstanceMotion>(motion);
+          Mat4 close = raised.matrix;
+          close.m[0][0] = 9;
+          SetMatrixEnd(raised, close);
         }
         AddLamp(*place(raised), 0, kind == kOverride ? off : lamp);
       }
@@ -383,7 +383,8 @@ TEST_F(DirectLight, ManyLightsArePickedFrom) {
         const auto& aov =
             parallel ? parallelLights[i == 0 ? 4 : 17].aovs[0] : lights[i == 0 ? 4 : 17].aovs[0];
         double sum = 0;
-        for (const float pixel : FinishedPicture(aov, frameState).floatPixels) sum += static_cast<double>(pixel);
+        for (const float pixel : FinishedPicture(aov, frameState).floatPixels)
+          sum += static_cast<double>(pixel);
         byLight[format - 1][i] = sum;
       }
     }

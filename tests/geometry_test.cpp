@@ -241,6 +241,11 @@ TEST_F(GeometryTest, PiecesOfATextMeanWhatTheWholeDoes) {
     EXPECT_EQ(Printed([&] { ReadObj(text, part, bytes); }), rows);
     expectWhole(part);
   }
+  std::string fresh = kSquare;  // each piece has vertices of its own
+  for (int i = 0; i < 600; ++i) fresh += "vt " + std::to_string(i) + " 0\nf 1/-1 2/-1 3/-1\n";
+  Part many;
+  ReadObj(fresh, many, 1);
+  EXPECT_EQ(many.positions.size(), 1800U);
   const std::string pipe = folder_ / "pipe.obj";
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   std::thread writer([&] { WriteFile(pipe, text); });
@@ -338,23 +343,29 @@ TEST_F(GeometryTest, InverseTimesMatrixIsIdentity) {
 
 TEST_F(GeometryTest, InstancesGetBoxAndNormalMatrix) {
   const Box box = {{1, 2, 3}, {4, 5, 6}};
+  objectTable.resize(1);
   Instance instance;
+  instance.object = 0;
+  const auto finish = [&](const Box& bounds) {
+    objectTable[0].bounds = bounds;
+    FinishInstance(instance, bounds);
+    return InstanceBox(instance);
+  };
   instance.matrix = {{{0, -2, 0, 10}, {2, 0, 0, 20}, {0, 0, 4, 30}, {0, 0, 0, 1}}};  // quarter turn, scaled
-  FinishInstance(instance, box);
-  EXPECT_EQ(instance.bounds, (Box{{0, 22, 42}, {6, 28, 54}}));
+  EXPECT_EQ(finish(box), (Box{{0, 22, 42}, {6, 28, 54}}));
   const Vec3 along = TransformDirection(instance.matrix, {1, 0, 1});
   const Vec3 normal = NormalMatrix(instance) * Vec3{1, 0, -1};
   EXPECT_NEAR(Dot(along, normal), 0, 1e-6f);  // normals stay perpendicular
   instance.matrix.m[3][3] = 2;                // a projective matrix divides
-  FinishInstance(instance, box);
-  EXPECT_EQ(instance.bounds, (Box{{0, 11, 21}, {3, 14, 27}}));
-  FinishInstance(instance, {});
-  EXPECT_TRUE(IsEmpty(instance.bounds));
+  EXPECT_EQ(finish(box), (Box{{0, 11, 21}, {3, 14, 27}}));
+  EXPECT_EQ(ToObject(instance, {1, 11, 23}), (Vec3{1, 4, 4}));
+  EXPECT_TRUE(IsEmpty(finish({})));
 
   instance.matrix.m[0][1] = 0;
-  rows = Printed([&] { FinishInstance(instance, box); });
+  Box last;
+  rows = Printed([&] { last = finish(box); });
   EXPECT_EQ(rows, "error :( \tobject - an instance matrix has no inverse\n");
-  EXPECT_TRUE(IsEmpty(instance.bounds));
+  EXPECT_TRUE(IsEmpty(last));
 }
 
 TEST_F(GeometryTest, ValidationRows) {

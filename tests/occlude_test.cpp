@@ -153,7 +153,7 @@ TEST_F(OccludeTest, WalksAgreeWithALoopOverNestedSoups) {
         inside[level] = ray;
         if (level > 0) {
           const RayRecord& around = inside[level - 1];
-          const Mat4& inverse = At(objectTable, level - 1).instances[0].inverse;
+          const Mat34& inverse = At(objectTable, level - 1).instances[0].inverse;
           inside[level].origin = TransformPoint(inverse, around.origin);
           inside[level].direction = TransformDirection(inverse, around.direction);
         }

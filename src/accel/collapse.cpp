@@ -17,6 +17,7 @@ namespace zp {
 namespace {
 
 constexpr std::uint32_t kMostOfPiece = 4096;  // primitives
+constexpr std::uint32_t kFewInstances = 64;   // below a wide node, see OpenRank
 
 // A wide node before it has a place.
 struct Cut {
@@ -39,11 +40,15 @@ std::uint8_t PackedKindOf(const PrimitiveRef& reference) {
 
 struct Collapser {
   Object& object;
+  bool isOfInstances = 2 * object.instances.size() > object.nodes[0].sum;  // more than of others
 
-  // The area by which inner nodes are opened; leaves are not.
-  float OpenArea(std::uint32_t index) const {
+  // The inner node of which this is largest is opened next, by area or, of few Instances, the one that holds
+  // the fewest: whole nodes of eight are left. By area there are many of two or three, half a node for each
+  // Instance, which never share a leaf. Leaves are not opened.
+  float OpenRank(std::uint32_t index, bool fewestFirst) const {
     const BinaryNode& n = object.nodes[index];
-    return IsLeaf(n) ? -1.0f : HalfArea(n.box);
+    if (IsLeaf(n)) return -1.0f;
+    return fewestFirst ? 1.0f / static_cast<float>(n.sum) : HalfArea(n.box);
   }
 
   // Leaf references from left to right, to `next` and on. Returns the packed kind of all, given `kind`, that
@@ -63,18 +68,19 @@ struct Collapser {
     Cut cut;
     cut.firstReference = firstReference;
     cut.slots[0] = binary;
-    float areas[8] = {OpenArea(binary)};
+    const bool fewestFirst = isOfInstances && object.nodes[binary].sum <= kFewInstances;
+    float ranks[8] = {OpenRank(binary, fewestFirst)};
     std::uint32_t size = 1;
     while (size < 8) {
       int largest = -1;
       for (int i = 0; i < static_cast<int>(size); ++i)
-        if (areas[i] > (largest < 0 ? -1.0f : areas[largest])) largest = i;
+        if (ranks[i] > (largest < 0 ? -1.0f : ranks[largest])) largest = i;
       if (largest < 0) break;
       std::uint32_t& slot = cut.slots[static_cast<std::size_t>(largest)];
       slot = object.nodes[slot].first;
       cut.slots[size] = slot + 1;
-      areas[largest] = OpenArea(slot);
-      areas[size] = OpenArea(slot + 1);
+      ranks[largest] = OpenRank(slot, fewestFirst);
+      ranks[size] = OpenRank(slot + 1, fewestFirst);
       ++size;
     }
     cut.size = static_cast<std::uint8_t>(size);

@@ -77,7 +77,7 @@ void InitializeObject(Object& object) {
   for (Instance& instance : object.instances) {
     const bool placed = instance.object >= 0;
     PrepareMotion(instance);
-    if (instance.motion) object.deformable = true;
+    if (MotionOf(instance) != nullptr) object.deformable = true;
     FinishInstance(instance, placed ? At(objectTable, instance.object).bounds : Box{});
     // What moves inside an Instance moves the boxes around it.
     if (placed && At(objectTable, instance.object).deformable) object.deformable = true;
@@ -206,6 +206,8 @@ void InitializeAccelerator() {
 
 void FinalizeAccelerator() {
   Release(objectTable);
+  Release(instanceMotions);
+  Release(perspectiveRows);
   ForgetSharedNames();
   rootObject = kNone;
 }

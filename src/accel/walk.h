@@ -237,7 +237,7 @@ struct InsideInstance {
         direction(r.direction),
         inverseDirection(r.inverseDirection),
         place(r.place) {
-    ray.origin = TransformPoint(instance.inverse, origin);
+    ray.origin = ToObject(instance, origin);
     ray.direction = TransformDirection(instance.inverse, direction);
     ray.inverseDirection = Reciprocal(ray.direction);
     ray.place = PlaceInside(place, instance);

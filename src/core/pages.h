@@ -11,4 +11,8 @@ namespace zp {
 // Of no value until it is written. Throws std::bad_alloc; std::free gives it back.
 void* AllocatePages(std::size_t bytes);
 
+// Asks for large pages within [begin, begin + bytes), and has all threads clear them: the system does so for
+// one thread at a time as it first writes them. A hint, like the above.
+void FetchLargePages(void* begin, std::size_t bytes);
+
 }  // namespace zp

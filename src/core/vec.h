@@ -133,4 +133,18 @@ constexpr Vec3 TransformDirection(const Mat4& a, Vec3 d) {
   return {row(0), row(1), row(2)};
 }
 
+// The first three rows of a Mat4 whose fourth one is 0 0 0 1, or stands elsewhere.
+struct Mat34 {
+  float m[3][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}};
+  friend bool operator==(const Mat34&, const Mat34&) = default;
+};
+constexpr Vec3 TransformPoint(const Mat34& a, Vec3 p) {
+  const auto row = [&](int i) { return a.m[i][0] * p.x + a.m[i][1] * p.y + a.m[i][2] * p.z + a.m[i][3]; };
+  return {row(0), row(1), row(2)};
+}
+constexpr Vec3 TransformDirection(const Mat34& a, Vec3 d) {
+  const auto row = [&](int i) { return a.m[i][0] * d.x + a.m[i][1] * d.y + a.m[i][2] * d.z; };
+  return {row(0), row(1), row(2)};
+}
+
 }  // namespace zp

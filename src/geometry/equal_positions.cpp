@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <bit>
 #include <cstddef>
+#include <vector>
 
-#include "core/large_array.h"
 #include "core/threads.h"
 
 namespace zp {
@@ -37,20 +37,20 @@ bool IsEqual(Vec3 a, Vec3 b, bool byBits) {
 // a range of its own.
 struct Shares {
   int bits;
-  std::vector<HashedPosition> order;
+  RawVector<HashedPosition> order;
   std::vector<std::size_t> begins;  // of each share; one more at the end
 
   std::size_t ShareOf(std::uint32_t hash) const { return std::size_t{hash >> (32 - bits)}; }
 };
 
-Shares Deal(const std::vector<Vec3>& positions) {
+Shares Deal(std::span<const Vec3> positions) {
   constexpr std::size_t kShare = 2048;  // small enough for a table that stays in the cache
   const std::size_t count = positions.size();
   Shares shares = {std::clamp(static_cast<int>(std::bit_width(count / kShare)), 1, 12), {}, {}};
   const std::size_t shareCount = std::size_t{1} << shares.bits;
   const int ranges = IsWorthThreads(count, 10) ? omp_get_max_threads() : 1;
   std::vector<std::size_t> places(shareCount * static_cast<std::size_t>(ranges));  // of each share, by range
-  shares.order = LargeArray<HashedPosition>(count);
+  shares.order.resize(count);
   shares.begins.assign(shareCount + 1, 0);
   const auto forRange = [&](int range, auto visit) {
     const auto at = [&](int i) {
@@ -85,10 +85,10 @@ Shares Deal(const std::vector<Vec3>& positions) {
 
 }  // namespace
 
-std::vector<std::uint32_t> FirstEqual(const std::vector<Vec3>& positions, bool byBits) {
+RawVector<std::uint32_t> FirstEqual(std::span<const Vec3> positions, bool byBits) {
   const Shares shares = Deal(positions);
   const std::size_t shareCount = shares.begins.size() - 1;
-  std::vector<std::uint32_t> first = LargeArray<std::uint32_t>(positions.size());
+  RawVector<std::uint32_t> first(positions.size());
 #pragma omp parallel if (IsWorthThreads(positions.size(), 20))
   {
 #pragma omp for schedule(static)

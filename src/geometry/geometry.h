@@ -104,7 +104,9 @@ Box TriangleBox(const Part& part, std::uint32_t index);
 Box TetragonBox(const Part& part, std::uint32_t index);
 Box ParticleBox(const Part& part, std::uint32_t index);
 Box CylinderBox(const Part& part, std::uint32_t index);
-// The box of one reference; an Instance's is its stored world box.
+// Around the eight corners of what it places, in the world, as objectTable has it; empty where it cannot be
+// hit.
+Box InstanceBox(const Instance& instance);
 Box PrimitiveBox(const Object& object, const PrimitiveRef& reference);
 
 // Areas by Heron's rule on squared edges; scene units squared. By the safe root in format 1, so that none is
@@ -183,7 +185,7 @@ void PreparePart(Part& part, const Object& object);
 // Without normals a warning row, and an error row for a level whose triangles 32-bit indices or the memory
 // cannot hold: the layers from there on are left out.
 void Displace(Part& part);
-// Inverse of the Instance's matrix, and its world box around `bounds`.
+// The inverse of the Instance's matrix, and whether it can be hit if what it places has those bounds.
 void FinishInstance(Instance& instance, const Box& bounds);
 bool Invert(const Mat4& matrix, Mat4& inverse);
 // Fills the emission lists from the Parts' shaders and the Instances' Objects, which are ready.

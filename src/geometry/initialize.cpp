@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <utility>
 
 #include "core/console.h"
@@ -222,8 +223,7 @@ void ForEachPlaced(const Object& object, Add add) {
   record.kind = kKindInstance;
   for (record.index = 0; record.index < object.instances.size(); ++record.index) {
     const Instance& instance = object.instances[record.index];
-    // A matrix without an inverse is never hit.
-    if (IsIndex(objectTable, instance.object) && !IsEmpty(instance.bounds))
+    if (IsIndex(objectTable, instance.object) && CanBeHit(instance))
       add(record, instance, At(objectTable, instance.object), AreaScale(instance.matrix));
   }
 }
@@ -366,26 +366,55 @@ bool Invert(const Mat4& matrix, Mat4& inverse) {
   return true;
 }
 
-// Without an inverse, or where a corner lands nowhere, the Instance gets an empty box and is never hit.
-void FinishInstance(Instance& instance, const Box& bounds) {
-  instance.bounds = {};
-  if (!Invert(instance.matrix, instance.inverse)) {
-    PrintError("object - an instance matrix has no inverse", {"instance-inverse"});
-    return;
-  }
-  if (IsEmpty(bounds)) return;
-  Box box;
+namespace {
+
+// False where a corner lands nowhere.
+bool PlaceBox(const Mat4& matrix, const Box& bounds, Box& box) {
   for (int corner = 0; corner < 8; ++corner) {
     const Vec3 p = {(corner & 1) ? bounds.max.x : bounds.min.x, (corner & 2) ? bounds.max.y : bounds.min.y,
                     (corner & 4) ? bounds.max.z : bounds.min.z};
-    const Vec3 world = TransformPoint(instance.matrix, p);
-    if (!IsFinite(world)) {
-      PrintError("object - an instance matrix sends its object to infinity", {"instance-infinity"});
-      return;
-    }
+    const Vec3 world = TransformPoint(matrix, p);
+    if (!IsFinite(world)) return false;
     Grow(box, world);
   }
-  instance.bounds = box;
+  return true;
+}
+
+void SetInverse(Instance& instance, const Mat4& inverse) {
+  std::copy_n(&inverse.m[0][0], 12, &instance.inverse.m[0][0]);
+  if (instance.aside >= 0) return;  // what moves has no perspective
+  const auto& row = inverse.m[3];
+  if (row[0] == 0 && row[1] == 0 && row[2] == 0 && row[3] == 1) {
+    instance.aside = kNone;
+    return;
+  }
+  if (instance.aside == kNone) {
+    perspectiveRows.emplace_back();
+    instance.aside = kNone - static_cast<std::int32_t>(perspectiveRows.size());
+  }
+  std::copy_n(row, 4, At(perspectiveRows, kNone - 1 - instance.aside).m);
+}
+
+}  // namespace
+
+Box InstanceBox(const Instance& instance) {
+  Box box;
+  if (IsIndex(objectTable, instance.object) && CanBeHit(instance))
+    PlaceBox(instance.matrix, At(objectTable, instance.object).bounds, box);
+  return box;
+}
+
+// What has no inverse, places nothing or has a corner that lands nowhere is never hit.
+void FinishInstance(Instance& instance, const Box& bounds) {
+  Mat4 inverse;
+  Box box;
+  instance.inverse.m[0][0] = std::numeric_limits<float>::quiet_NaN();
+  if (!Invert(instance.matrix, inverse))
+    PrintError("object - an instance matrix has no inverse", {"instance-inverse"});
+  else if (!IsEmpty(bounds) && !PlaceBox(instance.matrix, bounds, box))
+    PrintError("object - an instance matrix sends its object to infinity", {"instance-infinity"});
+  else if (!IsEmpty(bounds))
+    SetInverse(instance, inverse);
 }
 
 void BuildEmissionLists(Object& object) {

@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include "core/console.h"
+#include "core/index.h"
 #include "core/settings.h"
 #include "core/threads.h"
 #include "geometry/geometry.h"
@@ -151,26 +152,35 @@ std::string MotionProblem(const Mat4& open, const Mat4& close) {
   return {};
 }
 
+void SetMatrixEnd(Instance& instance, const Mat4& close) {
+  if (instance.aside < 0) {
+    instance.aside = static_cast<std::int32_t>(instanceMotions.size());
+    instanceMotions.emplace_back();
+  }
+  At(instanceMotions, instance.aside).close = close;
+}
+
 void PrepareMotion(Instance& instance) {
-  if (!instance.motion) return;
-  const Mat4& close = instance.motion->close;
-  if (settings.format < 2 || close == instance.matrix) return instance.motion.reset();
+  if (instance.aside < 0) return;
+  InstanceMotion& motion = At(instanceMotions, instance.aside);
+  const Mat4& close = motion.close;
+  const auto standStill = [&] { instance.aside = kNone; };
+  if (settings.format < 2 || close == instance.matrix) return standStill();
   const std::string problem = MotionProblem(instance.matrix, close);
   if (!problem.empty()) {
     PrintError("object - an instance stands still, of matrix and matrix_end: " + problem, {"instance-still"});
-    return instance.motion.reset();
+    return standStill();
   }
-  auto motion = std::make_shared<InstanceMotion>(*instance.motion);
-  motion->mirrored = Determinant(LinearOf(close)) < 0;
-  motion->first = PlaceOf(instance.matrix, motion->mirrored);
-  motion->last = PlaceOf(close, motion->mirrored);
-  instance.motion = std::move(motion);
+  motion.mirrored = Determinant(LinearOf(close)) < 0;
+  motion.first = PlaceOf(instance.matrix, motion.mirrored);
+  motion.last = PlaceOf(close, motion.mirrored);
 }
 
 Mat4 MatrixAt(const Instance& instance, float time) {
   Mat4 matrix = instance.matrix;
-  if (!instance.motion) return matrix;
-  const InstancePlace &first = instance.motion->first, &last = instance.motion->last;
+  const InstanceMotion* motion = MotionOf(instance);
+  if (motion == nullptr) return matrix;
+  const InstancePlace &first = motion->first, &last = motion->last;
   const double share1 = double{time}, share0 = 1 - share1;
   const Linear rotation = RotationOf(Turn(first.turn, last.turn, share1));
   for (std::size_t i = 0; i < 3; ++i) {
@@ -178,7 +188,7 @@ Mat4 MatrixAt(const Instance& instance, float time) {
       double sum = 0;
       for (std::size_t k = 0; k < 3; ++k)
         sum += rotation[i][k] * (share0 * first.stretch[k][j] + share1 * last.stretch[k][j]);
-      matrix.m[i][j] = static_cast<float>(instance.motion->mirrored ? -sum : sum);
+      matrix.m[i][j] = static_cast<float>(motion->mirrored ? -sum : sum);
     }
     matrix.m[i][3] = static_cast<float>(share0 * first.origin[i] + share1 * last.origin[i]);
   }
@@ -186,7 +196,7 @@ Mat4 MatrixAt(const Instance& instance, float time) {
 }
 
 void MoveInstance(Instance& instance, float time) {
-  if (instance.motion) instance.matrix = MatrixAt(instance, time);
+  if (MotionOf(instance) != nullptr) instance.matrix = MatrixAt(instance, time);
 }
 
 Vec3 MotionAt(const Part& part, const Corners& corners) {

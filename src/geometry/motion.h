@@ -29,6 +29,8 @@ void PrepareMotion(Part& part);
 // the curve.
 void MovePart(Part& part, float time);
 
+// Says where the Instance is when the shutter closes.
+void SetMatrixEnd(Instance& instance, const Mat4& close);
 // Of an Instance that says where it ends: decomposes both places. One that cannot move stands still, with an
 // error row.
 void PrepareMotion(Instance& instance);

@@ -8,13 +8,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <new>
 #include <span>
+#include <type_traits>
 #include <utility>
 
 #include "core/console.h"
 #include "core/files.h"
-#include "core/large_array.h"
 #include "core/release.h"
 #include "core/settings.h"
 #include "core/stop.h"
@@ -38,11 +39,40 @@ FaceRules RulesOfFormat() {
   return settings.format >= 2 ? FaceRules{true, kMostLine} : FaceRules{false, 4096};
 }
 
+namespace {
+
+// Digits, a point and digits, with a blank or the line's end behind them: as most numbers are. Both the
+// digits and the power of ten are doubles, so that their quotient is the double nearest to the number. False,
+// with `cursor` untouched, for all else.
+bool ParseDecimal(const char*& cursor, double& value) {
+  constexpr double kPowers[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+  constexpr int kMostDigits = 15;
+  std::uint64_t digits = 0;
+  const char* p = cursor;
+  const auto take = [&] {
+    const char* const begin = p;
+    for (unsigned digit;
+         (digit = static_cast<unsigned char>(*p) - unsigned{'0'}) <= 9 && p - cursor <= kMostDigits; ++p)
+      digits = digits * 10 + digit;
+    return p - begin;
+  };
+  if (take() == 0 || *p++ != '.') return false;
+  const auto decimals = take();
+  if (decimals == 0 || p - cursor > kMostDigits || !(IsBlank(*p) || EndsLine(*p))) return false;
+  value = static_cast<double>(digits) / kPowers[decimals];
+  cursor = p;
+  return true;
+}
+
+}  // namespace
+
 float ParseFloat(const char*& cursor, const char* end) {
   while (IsBlank(*cursor)) ++cursor;
   const bool negative = *cursor == '-';
   if (*cursor == '-' || *cursor == '+') ++cursor;
   double value = 0;
+  if (ParseDecimal(cursor, value)) return static_cast<float>(negative ? -value : value);
   cursor = fast_float::from_chars(cursor, end, value).ptr;
   while (!IsBlank(*cursor) && !EndsLine(*cursor)) ++cursor;
   return static_cast<float>(negative ? -value : value);
@@ -109,9 +139,54 @@ std::string_view SecondWord(const char* cursor, const char* end) {
   return {begin, static_cast<std::size_t>(cursor - begin)};
 }
 
+// What a thread parses, piece after piece in the same storage.
+struct RawArrays {
+  std::vector<Vec3> positions;
+  std::vector<Vec2> uvs;
+  std::vector<Vec3> normals;
+  std::vector<std::uint32_t> faces;
+
+  void Clear() {
+    positions.clear();
+    uvs.clear();
+    normals.clear();
+    faces.clear();
+  }
+};
+
+// Large blocks of one thread, which arrays of words are copied to, one behind the other: thousands of arrays
+// would each bring their own small pages.
+struct BlockStore {
+  std::vector<RawVector<std::byte>> blocks = {};
+  std::size_t used = 0;  // of the last one
+
+  template <class T>
+  std::span<const T> Keep(const std::vector<T>& array) {
+    static_assert(std::is_trivially_copyable_v<T> && alignof(T) == alignof(std::uint32_t));
+    constexpr std::size_t kBlock = std::size_t{4} << 20U;
+    const std::size_t bytes = array.size() * sizeof(T);
+    if (bytes == 0) return {};
+    if (blocks.empty() || blocks.back().size() - used < bytes) {
+      blocks.emplace_back().resize(std::max(kBlock, bytes));
+      used = 0;
+    }
+    void* to = std::memcpy(blocks.back().data() + used, array.data(), bytes);
+    used += bytes;
+    return {static_cast<const T*>(to), array.size()};
+  }
+  void Keep(const RawArrays& arrays, ObjPiece& piece) {
+    piece.positions = Keep(arrays.positions);
+    piece.uvs = Keep(arrays.uvs);
+    piece.normals = Keep(arrays.normals);
+    piece.faces = Keep(arrays.faces);
+  }
+  void MoveTo(ObjLines& lines) { std::move(blocks.begin(), blocks.end(), std::back_inserter(lines.blocks)); }
+};
+
 // Fills a piece line by line.
 struct PieceParser {
   ObjPiece& piece;
+  RawArrays& arrays;
   FaceRules rules;
   bool atStart = false;  // of the text
 
@@ -128,9 +203,9 @@ struct PieceParser {
     piece.unnamed += piece.shaderNames.empty();
     ++piece.faceCount;
     if (least < 0) return AddBackwards(corners);
-    const std::size_t begin = piece.faces.size();
-    piece.faces.resize(begin + 1 + count * (1U + (uvs != 0) + (normals != 0)));
-    std::uint32_t* word = &piece.faces[begin];
+    const std::size_t begin = arrays.faces.size();
+    arrays.faces.resize(begin + 1 + count * (1U + (uvs != 0) + (normals != 0)));
+    std::uint32_t* word = &arrays.faces[begin];
     *word++ = count | (uvs != 0 ? FaceCursor::kUvs : 0) | (normals != 0 ? FaceCursor::kNormals : 0);
     for (const RawCorner& c : corners) {
       *word++ = Resolve(c.position, 0);
@@ -140,11 +215,11 @@ struct PieceParser {
   }
 
   void AddBackwards(std::span<const RawCorner> corners) {
-    const auto add = [&](std::uint64_t word) { piece.faces.push_back(static_cast<std::uint32_t>(word)); };
+    const auto add = [&](std::uint64_t word) { arrays.faces.push_back(static_cast<std::uint32_t>(word)); };
     add(corners.size() | FaceCursor::kBackwards);
-    add(piece.positions.size());
-    add(piece.uvs.size());
-    add(piece.normals.size());
+    add(arrays.positions.size());
+    add(arrays.uvs.size());
+    add(arrays.normals.size());
     for (const RawCorner& c : corners)
       for (const std::int64_t index : {c.position, c.uv, c.normal}) {
         add(static_cast<std::uint64_t>(index));
@@ -207,15 +282,15 @@ struct PieceParser {
       if (length > 1 && IsBlank(p[1])) {
         p += 2;
         const float x = number(), y = number(), z = number();
-        piece.positions.push_back({x, y, z});
+        arrays.positions.push_back({x, y, z});
       } else if (length > 2 && p[1] == 't' && IsBlank(p[2])) {
         p += 3;
         const float u = number(), v = number();
-        piece.uvs.push_back({u, v});
+        arrays.uvs.push_back({u, v});
       } else if (length > 2 && p[1] == 'n' && IsBlank(p[2])) {
         p += 3;
         const float x = number(), y = number(), z = number();
-        piece.normals.push_back({x, y, z});
+        arrays.normals.push_back({x, y, z});
       }
       return;
     }
@@ -301,20 +376,6 @@ bool ParsePiece(const ObjText& text, std::size_t begin, std::size_t end, PiecePa
   return whole;
 }
 
-// What a thread parses next goes into the storage that it has already.
-void Clear(ObjPiece& piece) {
-  ObjPiece fresh;
-  const auto keep = [](auto& kept, auto& array) {
-    kept.swap(array);
-    kept.clear();
-  };
-  keep(fresh.positions, piece.positions);
-  keep(fresh.uvs, piece.uvs);
-  keep(fresh.normals, piece.normals);
-  keep(fresh.faces, piece.faces);
-  piece = std::move(fresh);
-}
-
 void ParsePieces(const ObjText& text, std::size_t pieceBytes, ObjLines& lines) {
   const std::size_t size = text.file < 0 ? text.memory.size() : text.size;
   const std::size_t count = (size + pieceBytes - 1) / pieceBytes;
@@ -323,30 +384,38 @@ void ParsePieces(const ObjText& text, std::size_t pieceBytes, ObjLines& lines) {
 #pragma omp parallel if (IsWorthThreads(size, 3))
   {
     std::vector<char> buffer;
-    ObjPiece scratch;
-    PieceParser parser{scratch, lines.rules};
-#pragma omp for schedule(dynamic, 1)
+    RawArrays arrays;
+    BlockStore store;
+#pragma omp for schedule(dynamic, 1) nowait
     for (std::size_t i = 0; i < count; ++i) {
       if (Stopping()) continue;
       try {
-        Clear(scratch);
+        arrays.Clear();
+        PieceParser parser{lines.pieces[i], arrays, lines.rules};
         const bool whole = ParsePiece(text, i * pieceBytes, (i + 1) * pieceBytes, parser, buffer);
-        lines.pieces[i] = scratch;  // of exact sizes
+        store.Keep(arrays, lines.pieces[i]);
         if (i + 1 == count) ended = !whole;
       } catch (const std::bad_alloc&) {
 #pragma omp atomic write
         memoryIsShort = true;
       }
     }
+#pragma omp critical
+    store.MoveTo(lines);
   }
   if (memoryIsShort) throw std::bad_alloc();
   if (text.file < 0) return;
   // What was written since the file was opened, and files whose system tells no size.
   std::vector<char> buffer;
+  BlockStore store;
   for (std::size_t i = count; !ended && !Stopping(); ++i) {
-    PieceParser parser{lines.pieces.emplace_back(), lines.rules};
+    RawArrays arrays;
+    ObjPiece& piece = lines.pieces.emplace_back();
+    PieceParser parser{piece, arrays, lines.rules};
     ended = !ParsePiece(text, i * pieceBytes, (i + 1) * pieceBytes, parser, buffer);
+    store.Keep(arrays, piece);
   }
+  store.MoveTo(lines);
 }
 
 // A pipe, block by block.
@@ -355,11 +424,15 @@ void ParseBlocks(int file, ObjLines& lines) {
   std::size_t held = 0;   // bytes of an unfinished line
   bool dropping = false;  // the rest of a line that is too long
   bool atStart = true;
+  RawArrays arrays;
+  BlockStore store;
   while (!Stopping()) {
     const ssize_t got = read(file, buffer.data() + held, buffer.size() - held);
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) break;
-    PieceParser parser{lines.pieces.emplace_back(), lines.rules, atStart};
+    arrays.Clear();
+    ObjPiece& piece = lines.pieces.emplace_back();
+    PieceParser parser{piece, arrays, lines.rules, atStart};
     std::size_t size = held + static_cast<std::size_t>(got), begin = 0;
     if (dropping) {
       const auto* feed = static_cast<const char*>(std::memchr(buffer.data(), '\n', size));
@@ -375,9 +448,14 @@ void ParseBlocks(int file, ObjLines& lines) {
       ++parser.piece.longLines;
     }
     std::memmove(buffer.data(), buffer.data() + begin, held);
+    store.Keep(arrays, piece);
   }
   buffer[held] = '\n';
-  PieceParser{lines.pieces.emplace_back(), lines.rules, atStart}.ParseLines({buffer.data(), held}, true);
+  arrays.Clear();
+  ObjPiece& piece = lines.pieces.emplace_back();
+  PieceParser{piece, arrays, lines.rules, atStart}.ParseLines({buffer.data(), held}, true);
+  store.Keep(arrays, piece);
+  store.MoveTo(lines);
 }
 
 void CountPolygons(ObjReport& report, const ObjPiece::PolygonRun& run, const std::string& groupBefore) {
@@ -421,21 +499,20 @@ void SettlePieces(ObjLines& lines, bool namesShaders, ObjReport& report) {
     if (piece.group) group = *piece.group;
   }
   report.positions += before.positions;
-  lines.positions = LargeArray<Vec3>(before.positions);
-  lines.uvs = LargeArray<Vec2>(before.uvs);
-  lines.normals = LargeArray<Vec3>(before.normals);
+  lines.positions.resize(before.positions);
+  lines.uvs.resize(before.uvs);
+  lines.normals.resize(before.normals);
 }
 
 void JoinPieces(ObjLines& lines) {
-  const auto move = [](auto& from, auto& to, std::size_t place) {
+  const auto copy = [](const auto& from, auto& to, std::size_t place) {
     std::copy(from.begin(), from.end(), to.begin() + static_cast<std::ptrdiff_t>(place));
-    Release(from);
   };
 #pragma omp parallel for schedule(static) if (IsWorthThreads(lines.positions.size(), 5))
-  for (ObjPiece& piece : lines.pieces) {
-    move(piece.positions, lines.positions, piece.before.positions);
-    move(piece.uvs, lines.uvs, piece.before.uvs);
-    move(piece.normals, lines.normals, piece.before.normals);
+  for (const ObjPiece& piece : lines.pieces) {
+    copy(piece.positions, lines.positions, piece.before.positions);
+    copy(piece.uvs, lines.uvs, piece.before.uvs);
+    copy(piece.normals, lines.normals, piece.before.normals);
   }
 }
 

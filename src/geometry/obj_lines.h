@@ -9,10 +9,12 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "core/release.h"
 #include "core/vec.h"
 #include "geometry/geometry.h"
 
@@ -40,10 +42,10 @@ struct RawCounts {
 
 // The lines that begin in one piece of the text. Numbers of faces count those kept in the piece.
 struct ObjPiece {
-  std::vector<Vec3> positions;
-  std::vector<Vec2> uvs;
-  std::vector<Vec3> normals;
-  std::vector<std::uint32_t> faces;  // a record each, see FaceCursor
+  std::span<const Vec3> positions;
+  std::span<const Vec2> uvs;
+  std::span<const Vec3> normals;
+  std::span<const std::uint32_t> faces;  // a record each, see FaceCursor
   std::uint32_t faceCount = 0;
   bool triangles = true;  // no face has another number of corners than three
   // From a face on, what a "usemtl" says.
@@ -79,10 +81,11 @@ struct ObjPiece {
 
 struct ObjLines {
   FaceRules rules = RulesOfFormat();
-  std::vector<Vec3> positions;
-  std::vector<Vec2> uvs;
-  std::vector<Vec3> normals;
+  RawVector<Vec3> positions;
+  RawVector<Vec2> uvs;
+  RawVector<Vec3> normals;
   std::vector<ObjPiece> pieces;
+  std::vector<RawVector<std::byte>> blocks;  // with the arrays of the pieces
 };
 inline std::size_t FaceCount(const ObjLines& lines) {
   return lines.pieces.empty() ? 0 : lines.pieces.back().facesBefore + lines.pieces.back().faceCount;

@@ -1,14 +1,18 @@
 // The OBJ reader works in two stages: lines become raw arrays and streams of faces (obj_lines.h), and when
 // all lines are known the faces become merged vertices and primitives, piece by piece on all threads.
 
+#include <omp.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <new>
 #include <optional>
+#include <span>
 #include <utility>
 
 #include "core/console.h"
+#include "core/index.h"
 #include "core/large_array.h"
 #include "core/release.h"
 #include "core/stop.h"
@@ -39,6 +43,7 @@ struct ModelLoader {
   // end and their normal there.
   const ObjLines* end = nullptr;
   std::vector<Vec3> motions = {}, endNormals = {};
+  RawVector<PackedVector> packedNormals = {};  // of the lines
 };
 
 // The faces of a piece, each with the normals of the one of the same number at the end.
@@ -65,26 +70,43 @@ struct FacePairs {
   }
 };
 
+void PackNormals(ModelLoader& loader) {
+  const auto& normals = loader.lines.normals;
+  loader.packedNormals.resize(normals.size());
+#pragma omp parallel for schedule(static) if (IsWorthThreads(normals.size(), 10))
+  for (std::size_t i = 0; i < normals.size(); ++i) loader.packedNormals[i] = Pack(normals[i]);
+}
+
+// What the opposite vector packs to.
+PackedVector Opposite(PackedVector v) {
+  const auto opposite = [](std::int8_t x) { return static_cast<std::int8_t>(-x); };
+  return {opposite(v.x), opposite(v.y), opposite(v.z)};
+}
+
 // Of a face's corners, zero where there is none. `outward` looks along the normal of its winding; normals
 // that all look the other way are turned round.
 struct CornerNormals {
   Vec3 of[4];
   bool present[4] = {};
+  bool turned = false;
 
-  CornerNormals(const std::vector<Vec3>& normals, const Corner* corners, int count, Vec3 outward,
+  CornerNormals(std::span<const Vec3> normals, const Corner* corners, int count, Vec3 outward,
                 std::uint32_t Corner::*number) {
-    bool against = true;
     for (int i = 0; i < count; ++i) {
       present[i] = corners[i].*number < normals.size();
       if (present[i]) of[i] = normals[corners[i].*number];
-      against = against && Dot(of[i], outward) < 0;
     }
-    for (int i = 0; i < count && against; ++i) of[i] = -of[i];
+    // No root for what is clear without: it changes no sign but by rounding.
+    const float first = Dot(of[0], outward);
+    if (first > 0 && first * first > 1e-6f * Dot(of[0], of[0]) * Dot(outward, outward)) return;
+    const Vec3 unit = number == &Corner::normal ? SafeNormalize(outward) : outward;
+    turned = std::all_of(of, of + count, [&](Vec3 normal) { return Dot(normal, unit) < 0; });
+    for (int i = 0; i < count && turned; ++i) of[i] = -of[i];
   }
 };
 
 // A direction along the normal of a triangle's (count 3) or tetragon's (4) winding.
-Vec3 Outward(const std::vector<Vec3>& positions, const Corner* c, int count) {
+Vec3 Outward(std::span<const Vec3> positions, const Corner* c, int count) {
   const auto p = [&](int i) { return positions[c[i].position]; };
   return count == 3 ? Cross(p(1) - p(0), p(2) - p(0)) : Cross(p(2) - p(0), p(3) - p(1));
 }
@@ -98,7 +120,7 @@ int RedundantCorner(const Corner* c) {
   return redundant;
 }
 
-bool IsRectangle(const std::vector<Vec3>& positions, const Corner* c) {
+bool IsRectangle(std::span<const Vec3> positions, const Corner* c) {
   Vec3 edges[4];
   for (int i = 0; i < 4; ++i)
     edges[i] = SafeNormalize(positions[c[(i + 1) & 3].position] - positions[c[i].position]);
@@ -117,7 +139,7 @@ struct FaceSplitter {
   PieceResult& result;
   AddTriangle triangle;
   AddTetragon tetragon;
-  const std::vector<Vec3>& positions = loader.lines.positions;
+  std::span<const Vec3> positions = loader.lines.positions;
 
   void Triangle(const Corner& a, const Corner& b, const Corner& c, std::int32_t shader) {
     const Vec3 p0 = positions[a.position], p1 = positions[b.position], p2 = positions[c.position];
@@ -273,8 +295,8 @@ void AddEndSets(ModelLoader& loader) {
 struct CornerAdder {
   const ModelLoader& loader;
   VertexMerger& merger;
-  std::size_t known;  // vertices of the Part, whose positions stand before those of the lines
-  VertexMerger::Share share = {};
+  std::size_t known;           // vertices of the Part, whose positions stand before those of the lines
+  VertexMerger::Share& share;  // its thread's
 
   // Puts the vertices' entries in `vertices`.
   void Add(const Corner* corners, int count, std::uint64_t order, std::uint32_t* vertices) {
@@ -287,14 +309,17 @@ struct CornerAdder {
       return;
     }
     const ObjLines* end = loader.end;
-    const CornerNormals normals(lines.normals, corners, count,
-                                SafeNormalize(Outward(lines.positions, corners, count)), &Corner::normal);
-    const CornerNormals endNormals(end ? end->normals : std::vector<Vec3>(), corners, count,
-                                   end ? Outward(end->positions, corners, count) : Vec3{},
+    const CornerNormals normals(lines.normals, corners, count, Outward(lines.positions, corners, count),
+                                &Corner::normal);
+    const CornerNormals endNormals(end ? std::span<const Vec3>(end->normals) : std::span<const Vec3>(),
+                                   corners, count, end ? Outward(end->positions, corners, count) : Vec3{},
                                    &Corner::endNormal);
     for (int i = 0; i < count; ++i) {
       CornerData data = {UvOf(corners[i])};
-      if (normals.present[i]) data.normal = Pack(normals.of[i]);
+      if (normals.present[i]) {
+        data.normal = At(loader.packedNormals, corners[i].normal);
+        if (normals.turned) data.normal = Opposite(data.normal);
+      }
       if (end) data.motion = end->positions[corners[i].position] - lines.positions[corners[i].position];
       if (endNormals.present[i]) data.endNormal = endNormals.of[i];
       vertices[i] = merger.Add(position(i), data, order + static_cast<std::uint64_t>(i), share);
@@ -311,9 +336,10 @@ void AddPrimitives(ModelLoader& loader, VertexMerger& merger, std::vector<PieceR
   Part& part = loader.part;
   const PieceResult& front = results.front();
   const std::uint64_t triangleCorners = 3 * (part.triangles.size() - front.firstTriangle);
+  std::vector<VertexMerger::Share> shares(static_cast<std::size_t>(omp_get_max_threads()));
   ForEachPiece(loader, 100, [&](std::size_t i) {
     PieceResult& result = results[i];
-    CornerAdder adder{loader, merger, known};
+    CornerAdder adder{loader, merger, known, shares[static_cast<std::size_t>(omp_get_thread_num())]};
     std::size_t triangles = result.firstTriangle, tetragons = result.firstTetragon;
     const auto triangle = [&](const Corner* corners, std::int32_t shader) {
       Triangle& added = part.triangles[triangles];
@@ -329,7 +355,6 @@ void AddPrimitives(ModelLoader& loader, VertexMerger& merger, std::vector<PieceR
         loader.lines.pieces[i]);
     result.triangles = triangles - result.firstTriangle;
     result.tetragons = tetragons - result.firstTetragon;
-    Release(loader.lines.pieces[i].faces);
   });
 }
 
@@ -393,8 +418,9 @@ void Finish(ModelLoader& loader) {
   const bool bare =
       known == 0 && loader.end == nullptr && loader.lines.uvs.empty() && loader.lines.normals.empty();
   VertexMerger merger(
-      known > 0 ? all : loader.lines.positions, bare, loader.end != nullptr, known,
+      known > 0 ? std::span<const Vec3>(all) : loader.lines.positions, bare, loader.end != nullptr, known,
       3 * (part.triangles.size() - oldTriangles) + 4 * (part.tetragons.size() - oldTetragons));
+  PackNormals(loader);
   if (known > 0) AddKnown(merger, part);
   AddPrimitives(loader, merger, results, known);
   if (Stopping()) {  // no entry is a vertex yet

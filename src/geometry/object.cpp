@@ -11,6 +11,8 @@
 namespace zp {
 
 std::vector<Object> objectTable;
+std::vector<InstanceMotion> instanceMotions;
+std::vector<PerspectiveRow> perspectiveRows;
 
 PackedVector Pack(Vec3 v) {
   const float squared = Dot(v, v);
@@ -126,7 +128,7 @@ Box PrimitiveBox(const Object& object, const PrimitiveRef& reference) {
     case kKindTetragon:
       return TetragonBox(object.parts[reference.part], reference.index);
     case kKindInstance:
-      return object.instances[reference.index].bounds;
+      return InstanceBox(object.instances[reference.index]);
     default:
       return {};
   }

@@ -111,15 +111,45 @@ struct InstanceMotion {
   bool mirrored = false;  // both places are the opposites of what they say
 };
 
-struct Instance {
-  Mat4 matrix;   // object to world; of a moving Instance at the instant that is rendered
-  Mat4 inverse;  // filled at initialisation, like the bounds
-  Box bounds;    // world
+// Two cache lines, the second with all that a ray asks for on its way in: scenes have millions of them.
+struct alignas(64) Instance {
+  Mat4 matrix;    // object to world; of a moving Instance at the instant that is rendered
+  Mat34 inverse;  // filled at initialisation, see CanBeHit
   std::int32_t object = kNone;
   SharedName objectName;
-  std::int32_t shader = kNone;                   // overrides the Object's own shaders, unless kNone
-  std::shared_ptr<const InstanceMotion> motion;  // of format 2; null where it stands still
+  std::int32_t shader = kNone;  // overrides the Object's own shaders, unless kNone
+  // What few have, and none both: where it moves, its index in instanceMotions; with a matrix in perspective,
+  // kNone - 1 less the index in perspectiveRows; else kNone.
+  std::int32_t aside = kNone;
 };
+static_assert(sizeof(Instance) == 128);
+
+// The fourth row of an inverse that is not 0 0 0 1.
+struct PerspectiveRow {
+  float m[4];
+};
+extern std::vector<InstanceMotion> instanceMotions;  // of format 2, and of scene text
+extern std::vector<PerspectiveRow> perspectiveRows;
+
+// How the Instance moves; null where it stands still.
+inline const InstanceMotion* MotionOf(const Instance& instance) {
+  return instance.aside < 0 ? nullptr : &instanceMotions[static_cast<std::size_t>(instance.aside)];
+}
+
+// False where FinishInstance found no inverse, nothing to place or no place for it.
+inline bool CanBeHit(const Instance& instance) {
+  return instance.inverse.m[0][0] == instance.inverse.m[0][0];
+}
+
+// A place of the world in the space of the Instance's Object.
+inline Vec3 ToObject(const Instance& instance, Vec3 p) {
+  const Vec3 place = TransformPoint(instance.inverse, p);
+  if (instance.aside >= kNone) [[likely]]
+    return place;
+  const auto& row = perspectiveRows[static_cast<std::size_t>(kNone - 1 - instance.aside)].m;
+  const float w = row[0] * p.x + row[1] * p.y + row[2] * p.z + row[3];
+  return {place.x / w, place.y / w, place.z / w};
+}
 
 // For normals, from object to world: the transpose of the inverse's upper 3 x 3.
 inline Mat3 NormalMatrix(const Instance& instance) {

@@ -131,8 +131,8 @@ struct Smoothing {
   // in the table.
   std::vector<SmoothAngle> angles = {};
   std::size_t firstShader = 0;
-  std::vector<FaceVectors> faces = {};     // triangles before tetragons
-  std::vector<std::uint32_t> groups = {};  // of each vertex: the first one at its position
+  std::vector<FaceVectors> faces = {};   // triangles before tetragons
+  RawVector<std::uint32_t> groups = {};  // of each vertex: the first one at its position
   std::vector<std::size_t> begins = {};  // of each group: its corners in the next arrays; one more at the end
   std::vector<CornerRecord> corners = {};
   std::vector<PackedVectors> smoothed = {};  // of each corner, by NumberOf

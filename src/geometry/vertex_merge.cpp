@@ -1,5 +1,7 @@
 #include "geometry/vertex_merge.h"
 
+#include <omp.h>
+
 #include <algorithm>
 #include <atomic>
 #include <bit>
@@ -92,6 +94,14 @@ struct RankedSet {
   }
 };
 
+// By all threads.
+template <class T>
+void Fill(RawVector<T>& array, std::size_t count, T value) {
+  array.resize(count);
+#pragma omp parallel for schedule(static) if (IsWorthThreads(count, 2))
+  for (std::size_t i = 0; i < count; ++i) array[i] = value;
+}
+
 template <class T>
 void GrowLarge(std::vector<T>& array, std::size_t count) {
   ReserveLarge(array, count);
@@ -100,19 +110,19 @@ void GrowLarge(std::vector<T>& array, std::size_t count) {
 
 }  // namespace
 
-VertexMerger::VertexMerger(const std::vector<Vec3>& positions, bool bare, bool moving, std::size_t known,
+VertexMerger::VertexMerger(std::span<const Vec3> positions, bool bare, bool moving, std::size_t known,
                            std::size_t corners)
     : positions_(positions), bare_(bare), moving_(moving), known_(known), corners_(corners) {
   equal_ = FirstEqual(positions_, true);
   if (bare_) {
-    firsts_ = LargeArray(positions_.size(), kNever);
+    Fill(firsts_, positions_.size(), kNever);
     return;
   }
-  lists_ = LargeArray(positions_.size(), kNoEntry);
-  constexpr std::size_t kMostEntries = 4096;
+  Fill(lists_, positions_.size(), kNoEntry);
+  constexpr std::size_t kMostEntries = std::size_t{1} << 17U;
   blockEntries_ =
       static_cast<std::uint32_t>(std::bit_ceil(std::clamp<std::size_t>(corners + known, 1, kMostEntries)));
-  blocks_.resize((corners + known) / blockEntries_ + static_cast<std::size_t>(kMaxThreads) + 1);
+  blocks_.resize((corners + known) / blockEntries_ + static_cast<std::size_t>(omp_get_max_threads()) + 1);
 }
 
 bool VertexMerger::Holds(std::uint32_t index, const CornerData& data) const {
@@ -133,7 +143,7 @@ std::uint32_t VertexMerger::NewEntry(const CornerData& data, Share& share) {
   if (share.next == share.end) {
     const std::uint32_t block =
         std::atomic_ref<std::uint32_t>(usedBlocks_).fetch_add(1, std::memory_order_relaxed);
-    blocks_[block].entries = std::make_unique<Entry[]>(blockEntries_);
+    blocks_[block].entries.resize(blockEntries_);
     if (moving_) blocks_[block].motions = std::make_unique<EntryMotion[]>(blockEntries_);
     share.next = block * blockEntries_;
     share.end = share.next + blockEntries_;
@@ -161,13 +171,13 @@ void VertexMerger::TakeBare(std::uint64_t& value, std::uint32_t position, std::u
 std::uint32_t VertexMerger::AddEntry(std::uint32_t position, const CornerData& data, std::uint64_t order,
                                      Share& share) {
   const std::uint32_t place = equal_[position];
-  const std::uint64_t first = FirstOf(order, positions_[position], data);
+  const auto first = [&] { return FirstOf(order, positions_[position], data); };
   const std::atomic_ref<std::uint32_t> list(lists_[place]);
   std::uint32_t head = list.load(std::memory_order_acquire);
   std::uint32_t found = FindFrom(head, kNoEntry, data);
   if (found == kNoEntry) {
     const std::uint32_t added = NewEntry(data, share);
-    EntryAt(added).first = first;
+    EntryAt(added).first = first();
     for (;;) {
       const std::uint32_t known = EntryAt(added).next = head;
       if (list.compare_exchange_weak(head, added, std::memory_order_acq_rel, std::memory_order_acquire)) {
@@ -178,7 +188,9 @@ std::uint32_t VertexMerger::AddEntry(std::uint32_t position, const CornerData& d
       if (found != known) break;
     }
   }
-  TakeFirst(EntryAt(found).first, first);
+  std::uint64_t& known = EntryAt(found).first;  // mostly of a corner before
+  if (std::atomic_ref<std::uint64_t>(known).load(std::memory_order_relaxed) >> kSigns > order)
+    TakeFirst(known, first());
   return found;
 }
 

@@ -7,8 +7,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <vector>
 
+#include "core/release.h"
 #include "core/vec.h"
 #include "geometry/object.h"
 
@@ -26,7 +28,7 @@ class VertexMerger {
  public:
   // `bare`: no corner has other data than zeros. `known` vertices stand in the Part already; the positions
   // are theirs and then those of the file, and `corners` is the most that will be added.
-  VertexMerger(const std::vector<Vec3>& positions, bool bare, bool moving, std::size_t known,
+  VertexMerger(std::span<const Vec3> positions, bool bare, bool moving, std::size_t known,
                std::size_t corners);
 
   // The entries that a thread may use up.
@@ -68,11 +70,14 @@ class VertexMerger {
     Vec3 motion, endNormal;
   };
   struct Block {
-    std::unique_ptr<Entry[]> entries;
+    RawVector<Entry> entries;
     std::unique_ptr<EntryMotion[]> motions;
   };
 
-  Entry& EntryAt(std::uint32_t index) const {
+  Entry& EntryAt(std::uint32_t index) {
+    return blocks_[index / blockEntries_].entries[index % blockEntries_];
+  }
+  const Entry& EntryAt(std::uint32_t index) const {
     return blocks_[index / blockEntries_].entries[index % blockEntries_];
   }
   EntryMotion& MotionAt(std::uint32_t index) const {
@@ -88,12 +93,12 @@ class VertexMerger {
   template <class Visit>
   void ForEachEntry(Visit visit);  // visit(position, entry, first) by all threads
 
-  const std::vector<Vec3>& positions_;
+  std::span<const Vec3> positions_;
   bool bare_, moving_;
   std::size_t known_, corners_;
-  std::vector<std::uint32_t> equal_;   // of each position: the first one that is equal
-  std::vector<std::uint64_t> firsts_;  // bare: of each position, in place of entries
-  std::vector<std::uint32_t> lists_;   // of each position: its first entry
+  RawVector<std::uint32_t> equal_;   // of each position: the first one that is equal
+  RawVector<std::uint64_t> firsts_;  // bare: of each position, in place of entries
+  RawVector<std::uint32_t> lists_;   // of each position: its first entry
   std::uint32_t blockEntries_ = 1;
   std::uint32_t usedBlocks_ = 0;
   std::vector<Block> blocks_;

@@ -70,8 +70,8 @@ class MovingPlace {
     moves_ = !(motion_ == kBlack);
     for (int level = 0; level < ray.hitMatrixDepth; ++level) {
       const Instance& instance = HitInstance(ray, level);
-      inside_ = TransformPoint(instance.inverse, inside_);
-      moves_ = moves_ || instance.motion != nullptr;
+      inside_ = ToObject(instance, inside_);
+      moves_ = moves_ || MotionOf(instance) != nullptr;
     }
   }
   Vec3 At(float time) const {

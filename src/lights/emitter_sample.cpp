@@ -30,7 +30,7 @@ struct EmitterWalk {
   void Enter(const Instance& instance) {
     const Vec3 n = receiver.normal;
     const auto& m = instance.matrix.m;
-    receiver.position = TransformPoint(instance.inverse, receiver.position);
+    receiver.position = ToObject(instance, receiver.position);
     receiver.normal = UnitVector({m[0][0] * n.x + m[1][0] * n.y + m[2][0] * n.z,
                                   m[0][1] * n.x + m[1][1] * n.y + m[2][1] * n.z,
                                   m[0][2] * n.x + m[1][2] * n.y + m[2][2] * n.z});

@@ -129,7 +129,7 @@ bool PickEmitter(bool virtualLights, double r, EmitterPick& pick) {
 
     if (record.index >= object.instances.size()) return false;
     const Instance& instance = object.instances[record.index];
-    if (IsEmpty(instance.bounds)) return false;               // its matrix is of no use: nothing would hit it
+    if (!CanBeHit(instance)) return false;                    // its matrix is of no use: nothing would hit it
     if (pick.shader == kNone) pick.shader = instance.shader;  // the outermost override holds, as in hits
     anyFace = settings.format >= 2 && pick.shader != kNone;
     pick.toWorld = Product(pick.toWorld, instance.matrix);

@@ -248,8 +248,9 @@ void CheckObjects(SceneNotes& notes) {
            "the matrix is not rigid: distances inside are compared as if it did not scale; in format 2 they "
            "are right");
   for (const NotedInstance& noted : notes.instances) {
-    if (settings.format < 2 || !noted.instance.motion) continue;
-    const std::string problem = MotionProblem(noted.instance.matrix, noted.instance.motion->close);
+    const InstanceMotion* motion = MotionOf(noted.instance);
+    if (settings.format < 2 || motion == nullptr) continue;
+    const std::string problem = MotionProblem(noted.instance.matrix, motion->close);
     if (!problem.empty())
       Find(notes, noted.place, FindingCode::kUnfitEnd,
            "the instance stands still, of matrix and matrix_end: " + problem);
@@ -441,7 +442,8 @@ void CheckOutputs(SceneNotes& notes) {
   for (const NotedAov& noted : notes.aovs) {
     const std::string& name = noted.aov.image.fileName;
     if (name.empty()) {
-      Find(notes, noted.place, FindingCode::kUnwrittenAov, "an AOV without an image is written in a file of layers alone (render --output NAME.exr)");
+      Find(notes, noted.place, FindingCode::kUnwrittenAov,
+           "an AOV without an image is written in a file of layers alone (render --output NAME.exr)");
       continue;
     }
     // In format 2 only the rendered camera writes: the others may use the same names.

@@ -1,11 +1,11 @@
 #include <array>
-#include <memory>
 
 #include "core/console.h"
 #include "core/progress.h"
 #include "core/settings.h"
 #include "geometry/geometry.h"
 #include "geometry/mesh_file.h"
+#include "geometry/motion.h"
 #include "scene/blocks.h"
 #include "scene/scene.h"
 
@@ -19,9 +19,9 @@ bool ReadInstanceBlock(SceneText& text, std::size_t object) {
   ReadBlock(text, "instance", {"object"}, [&](const Keyword& keyword, Line& line) {
     if (keyword == "matrix") return ReadMatrix(line, instance.matrix);
     if (keyword == "matrix_end") {
-      InstanceMotion motion;
-      ReadMatrix(line, motion.close);
-      instance.motion = std::make_shared<InstanceMotion>(motion);
+      Mat4 close;
+      ReadMatrix(line, close);
+      SetMatrixEnd(instance, close);
       NoteOfFormat2(line);
       return true;
     }
