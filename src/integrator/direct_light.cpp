@@ -63,21 +63,27 @@ Draw DrawOf(const RayRecord& ray, const PassShare& share, std::uint32_t number, 
   return draw;
 }
 
-// Has the lobe's ray followed while the light's sample is on its way.
+// Whether a lobe's ray waits to be made and traced while a light's sample is on its way.
 template <class AnyReceiver>
-void GoAhead(const AnyReceiver& receiver) {
-  const RayAhead* const ahead = receiver.point.ahead;
-  if (ahead != nullptr && !ahead->made) FollowAhead(receiver.ray, receiver.point);
+bool GoesAhead(const AnyReceiver& receiver) {
+  return receiver.point.ahead != nullptr && !receiver.point.ahead->made;
+}
+template <class AnyReceiver>
+void MakeAheadOf(const void* receiver) {
+  const auto& at = *static_cast<const AnyReceiver*>(receiver);
+  MakeAhead(at.ray, at.point);
 }
 
 // SampleOne adds to `sum` what the lobes send back of one sample of a light.
 template <class AnyReceiver>
 void SampleOne(const AnyReceiver& receiver, const GeometryLight& light, const Draw& draw, LightSample& sample,
                LobeRadiance& sum) {
-  if (!SampleGeometryLight(ReceiverOf(receiver.point), EmitterChoice(draw), draw.place.x, draw.place.y,
-                           sample))
-    return;
-  GoAhead(receiver);
+  const bool ahead = GoesAhead(receiver);
+  const Meanwhile meanwhile = {ahead ? MakeAheadOf<AnyReceiver> : nullptr, &receiver};
+  const bool drawn = SampleGeometryLight(ReceiverOf(receiver.point), EmitterChoice(draw), draw.place.x,
+                                         draw.place.y, sample, meanwhile);
+  if (ahead && receiver.point.ahead->open) TraceAhead(*receiver.point.ahead);
+  if (!drawn) return;
   auto response = Respond(receiver, sample.direction, 0, GlossyScale::kRays);
   if (IsZero(response)) return;
   const Vec3 visible = Visibility(receiver, sample.direction, sample.distance);
@@ -91,7 +97,10 @@ template <class AnyReceiver>
 void SampleOne(const AnyReceiver& receiver, const SkyLight& light, const Draw& draw, LightSample& sample,
                LobeRadiance& sum) {
   if (!SampleSky(draw.place.x, draw.place.y, sample) || !(sample.pdf > 0)) return;
-  GoAhead(receiver);
+  if (GoesAhead(receiver)) {
+    MakeAhead(receiver.ray, receiver.point);
+    if (receiver.point.ahead->open) TraceAhead(*receiver.point.ahead);
+  }
   auto response = Respond(receiver, sample.direction, 0, GlossyScale::kRays);
   if (IsZero(response)) return;
   const Vec3 visible = Visibility(receiver, sample.direction, sample.distance);

@@ -134,8 +134,9 @@ struct RayAhead {
   };
   RayAhead() {}
 };
-// Fills what point.ahead points to. For a hit other than the first.
-void FollowAhead(const RayRecord& ray, const ShadingPoint& point);
+// Fills what point.ahead points to, for a hit other than the first: up to `open`, and the rest.
+void MakeAhead(const RayRecord& ray, const ShadingPoint& point);
+void TraceAhead(RayAhead& ahead);
 
 // Whether radiance along the ray is asked for at all; if so, what it is once the ray is traced.
 bool IsFollowed(const RayRecord& ray);

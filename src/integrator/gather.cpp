@@ -242,7 +242,7 @@ PassShare ShareOf(Vec3 color, std::int32_t budget) {
   return settings.format >= 2 ? CountedInEachPass(color, budget) : SharedByAllPasses(color, budget);
 }
 
-void FollowAhead(const RayRecord& ray, const ShadingPoint& point) {
+void MakeAhead(const RayRecord& ray, const ShadingPoint& point) {
   RayAhead& ahead = *point.ahead;
   const Vec3 throughput = DiffuseThroughput(ray, point, kEventLambertian, point.color[Lobe::kLambertian]);
   if (IsBlack(throughput)) return;
@@ -252,6 +252,9 @@ void FollowAhead(const RayRecord& ray, const ShadingPoint& point) {
   if (!ahead.open) return;
   ahead.child = MakeDiffuseChild(ray, point, kEventLambertian, direction, throughput, ray.sampleNumber,
                                  ray.sampleWeight);
+}
+
+void TraceAhead(RayAhead& ahead) {
   ahead.followed = IsFollowed(ahead.child);
   ahead.met = ahead.followed && Trace(ahead.child);
 }

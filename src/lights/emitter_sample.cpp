@@ -191,11 +191,13 @@ FaceView ViewOf(const Rectangle& rectangle, const SeenRectangle& seen, float u, 
 }
 
 // Rectangles by solid angle: by area, walls close to a lamp are noisy.
-FaceView ViewFace(const FacePick& pick, Vec3 from, float a, float b) {
+FaceView ViewFace(const FacePick& pick, Vec3 from, float a, float b, const Meanwhile& meanwhile) {
   Rectangle placed;
-  if (const Rectangle* rectangle = InWorld(pick.rectangle, pick.chain, placed))
-    if (const SeenRectangle seen = SeeRectangle(*rectangle, from); seen.solidAngle > 0)
-      return ViewOf(*rectangle, seen, a, b);
+  if (const Rectangle* rectangle = InWorld(pick.rectangle, pick.chain, placed)) {
+    const SeenRectangle seen = SeeRectangle(*rectangle, from);
+    meanwhile.Do();
+    if (seen.solidAngle > 0) return ViewOf(*rectangle, seen, a, b);
+  }
   const PlacedPoint place = PlaceOn(InWorld(*pick.face, pick.chain), Barycentric(pick.face->kind, a, b));
   const Vec3 way = place.position - from;
   const float squared = Dot(way, way), distance = std::sqrt(squared);
@@ -209,8 +211,7 @@ FaceView ViewFace(const FacePick& pick, Vec3 from, float a, float b) {
 [[gnu::noinline]] Vec3 VaryingEmission(const FacePick& pick, const FaceView& view, Vec3 position) {
   ShadingPoint point;
   const Emitter& emitter = *pick.face;
-  const Vec3 barycentric =
-      Barycentric(emitter.kind, view.place.x / view.size.x, view.place.y / view.size.y);
+  const Vec3 barycentric = Barycentric(emitter.kind, view.place.x / view.size.x, view.place.y / view.size.y);
   point.uv = CornerUv(HitCorners(*pick.part, emitter.kind, emitter.index, barycentric), *pick.part);
   point.position = position;
   point.outgoing = -view.direction;
@@ -221,10 +222,11 @@ FaceView ViewFace(const FacePick& pick, Vec3 from, float a, float b) {
 
 }  // namespace
 
-bool SampleEmitters(const LightReceiver& receiver, double choice, float b, LightSample& sample) {
+bool SampleEmitters(const LightReceiver& receiver, double choice, float b, const Meanwhile& meanwhile,
+                    LightSample& sample) {
   FacePick pick;
   if (!PickFace(receiver, choice, pick)) return false;
-  const FaceView view = ViewFace(pick, receiver.position, UnitNumber(pick.rest), b);
+  const FaceView view = ViewFace(pick, receiver.position, UnitNumber(pick.rest), b, meanwhile);
   const ShaderEmission& emission = EmissionOf(pick.shader, view.front);
   if (!(view.cosine > 0) || !(emission.power > 0) || !std::isfinite(view.distance) || !HasShader(pick.shader))
     return false;

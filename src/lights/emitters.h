@@ -76,7 +76,8 @@ void BuildEmitters();  // when the accelerator, Shaders and the sky are ready
 void ReleaseEmitters();
 
 // A sample of the face under `choice`; `b` and what the choice leaves of its number place it.
-bool SampleEmitters(const LightReceiver& receiver, double choice, float b, LightSample& sample);
+bool SampleEmitters(const LightReceiver& receiver, double choice, float b, const Meanwhile& meanwhile,
+                    LightSample& sample);
 // What leaves the placed point along point.outgoing by one of its layers; black for a layer that samples do
 // not serve: paths that run into it count it in full.
 Vec3 SampledEmission(const Shader& shader, bool front, ShadingPoint& point);

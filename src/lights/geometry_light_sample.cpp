@@ -200,9 +200,9 @@ bool SampleByArea(Vec3 position, double choice, float a, float b, LightSample& s
 
 }  // namespace
 
-bool SampleGeometryLight(const LightReceiver& receiver, double choice, float a, float b,
-                         LightSample& sample) {
-  return settings.format >= 2 ? SampleEmitters(receiver, choice, b, sample)
+bool SampleGeometryLight(const LightReceiver& receiver, double choice, float a, float b, LightSample& sample,
+                         const Meanwhile& meanwhile) {
+  return settings.format >= 2 ? SampleEmitters(receiver, choice, b, meanwhile, sample)
                               : SampleByArea(receiver.position, choice, a, b, sample);
 }
 

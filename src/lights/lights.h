@@ -35,6 +35,17 @@ struct LightSample {
   std::int32_t light = kNone;   // of a LightGroup: which one it is, by its table
 };
 
+// What a caller would like to have done within the draw of a sample, whose steps wait long for each other. It
+// may be left out.
+struct Meanwhile {
+  void (*work)(const void* of) = nullptr;
+  const void* of = nullptr;
+
+  void Do() const {
+    if (work != nullptr) work(of);
+  }
+};
+
 // Where light is wanted: what lights can send there decides which of many are picked.
 struct LightReceiver {
   Vec3 position;
@@ -191,7 +202,8 @@ void PlaceOnEmitter(const EmitterPick& pick, float a, float b, ShadingPoint& poi
 // leaves of the number takes the place of `a`. (a, b) place the sample on it, uniform by area, or in format 2
 // on rectangles by solid angle. factor is 1 / (pi * pdf); in format 1 cosine / (distance^2 * 18481 *
 // pick.weight). False where no light leaves for the point.
-bool SampleGeometryLight(const LightReceiver& receiver, double choice, float a, float b, LightSample& sample);
+bool SampleGeometryLight(const LightReceiver& receiver, double choice, float a, float b, LightSample& sample,
+                         const Meanwhile& meanwhile = {});
 // The pdf that samples of format 2 for that receiver have where a ray has hit; 0 where there are none. Comes
 // before the thread's next Trace (HitInstance).
 float EmitterDensity(const LightReceiver& receiver, const RayRecord& hit);
