@@ -73,18 +73,31 @@ FrameFaults faultsOfThreads[kMaxThreads];
   if (taken.any) CountOddSample(faultsOfThreads[thread].clampedIndirect, pixel, taken.light);
 }
 
-// One sample of one pixel, fit to be shown. `ray` is scratch.
-Vec3 SamplePixel(const Pass& pass, int x, int y, std::uint8_t thread, RayRecord& ray) {
+// The ray of a pixel's sample, and where in the pixel it begins.
+struct PixelRay {
+  RayRecord ray;
+  Vec2 place;
+};
+void MakePixelRay(const Pass& pass, int x, int y, std::uint8_t thread, PixelRay& made) {
+  made.ray.origin = made.ray.direction = kBlack;
+  made.ray.thread = thread;
+  made.place = MakePrimaryRay(pass.camera, pass.pose, made.ray, x, y, pass.number);
+}
+
+// Whether pixels' rays draw nothing that has to be drawn in its turn. Then each is made before the ray of the
+// pixel in front of it is followed, whose walk need not wait for it.
+bool MakesRaysAhead() { return settings.format >= 2; }
+
+// One sample of one pixel, fit to be shown. `made` is its ray, or scratch where that is made in its turn.
+Vec3 SamplePixel(const Pass& pass, int x, int y, std::uint8_t thread, PixelRay& made) {
   const std::uint32_t pixel = PixelIndex(pass.camera, x, y);
   threadSlots[thread].pixel = pixel;
   RekeyRandom(pixel, pass.number);
-  ray.origin = ray.direction = kBlack;
-  ray.thread = thread;
-  const Vec2 place = MakePrimaryRay(pass.camera, pass.pose, ray, x, y, pass.number);
-  if (layerTargets.ofSamples) BeginSampleLayers(thread, pixel, place);
+  if (!MakesRaysAhead()) MakePixelRay(pass, x, y, thread, made);
+  if (layerTargets.ofSamples) BeginSampleLayers(thread, pixel, made.place);
   if (followsShares) [[unlikely]]
-    BeginSample(ray);
-  const Vec3 color = Radiance(ray);
+    BeginSample(made.ray);
+  const Vec3 color = Radiance(made.ray);
   const bool isNumber = IsFinite(color);
   const Vec3 limited = isNumber ? MinOf(settings.said.clamp, color) : settings.said.error;
   if (!isNumber)
@@ -263,27 +276,34 @@ class RowCounter {
   std::int64_t start_ = WallTicks(), told_ = start_;  // the latter of the first thread
 };
 
+// The first column from x on whose pixel does not rest; the region's end if there is none.
+int NextColumn(const Pass& pass, int x, int y) {
+  while (x < pass.region.xMax && Rests(frameState, x, y, pass.number)) x = (x | (kTile - 1)) + 1;
+  return std::min(x, pass.region.xMax);
+}
+
 // One sample of each pixel of a row, from column x on. Returns the first column that got none: the region's
 // end unless a stop has cut the row short.
 template <class Sink>
 int SampleRow(const Pass& pass, int x, int y, std::uint8_t thread, PixelSums& sums, const Sink& sink) {
-  RayRecord ray;
-  for (; x < pass.region.xMax && !Stopping(); ++x) {
-    if (Rests(frameState, x, y, pass.number)) {
-      x |= kTile - 1;
-      continue;
-    }
+  PixelRay rays[2];
+  x = NextColumn(pass, x, y);
+  if (MakesRaysAhead() && x < pass.region.xMax) MakePixelRay(pass, x, y, thread, rays[0]);
+  for (int turn = 0; x < pass.region.xMax && !Stopping(); turn = 1 - turn) {
+    const int next = NextColumn(pass, x + 1, y);
+    if (MakesRaysAhead() && next < pass.region.xMax) MakePixelRay(pass, next, y, thread, rays[1 - turn]);
     const std::size_t pixel = PixelIndex(pass.camera, x, y);
     sums.Keep(pixel);
-    const Vec3 color = SamplePixel(pass, x, y, thread, ray);
+    const Vec3 color = SamplePixel(pass, x, y, thread, rays[turn]);
     if (Stopping()) {
       sums.PutBack(pixel);
       break;
     }
     if (layerTargets.ofSamples) FinishSampleLayers(thread, x, y);
     sink(x, y, color, thread);
+    x = next;
   }
-  return std::min(x, pass.region.xMax);
+  return x;
 }
 
 // The column where a row lacks its sample of a pass: the region's end if it has all of them.
