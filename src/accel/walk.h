@@ -25,7 +25,7 @@ inline bool MeasuresInScene() { return settings.format >= 2; }
 // Beyond this inverse of a direction's component, rounding of coordinates can be more than a distance.
 inline constexpr float kSteep = 0x1p20f;
 
-inline Float4 LanesOf(Vec3 v) { return Float4::Of(v.x, v.y, v.z, 0); }
+inline Float4 LanesOf(const Vec3& v) { return Float4::LoadThree(&v.x); }
 inline bool AllAtMost(Float4 sizes, float limit) { return MaskLessEqual(sizes, Float4::Set(limit)) == 15U; }
 
 // Whether the ray runs so nearly across some axis that its slabs need slack.

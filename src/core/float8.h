@@ -63,6 +63,10 @@ struct Float4 {
   static Float4 Load(const float* p) { return {_mm_loadu_ps(p)}; }
   static Float4 LoadAligned(const float* p) { return {_mm_load_ps(p)}; }
   static Float4 Set(float x) { return {_mm_set1_ps(x)}; }
+  static Float4 LoadThree(const float* p) {  // and a zero
+    const __m128i two = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+    return {_mm_movelh_ps(_mm_castsi128_ps(two), _mm_load_ss(p + 2))};
+  }
   static Float4 Of(float a, float b, float c, float d) { return {_mm_setr_ps(a, b, c, d)}; }
   void Store(float* p) const { _mm_storeu_ps(p, v); }
 };

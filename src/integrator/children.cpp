@@ -77,11 +77,27 @@ RayRecord MakeFiberChild(const RayRecord& ray, const ShadingPoint& point, Vec3 t
   return child;
 }
 
+namespace {
+
+// In the frame of a point.
+Vec3 LocalDirection(const RayRecord& ray, Event event, std::uint32_t sample) {
+  const Vec2 draw = DrawPair(ray, sample, event);
+  return CosineDirection(draw.x, draw.y);
+}
+
+}  // namespace
+
+void DrawBeforehand(const RayRecord& ray, ShadingPoint& point) {
+  point.drawn = LocalDirection(ray, kEventLambertian, ray.sampleNumber);
+  point.drawnNumber = ray.sampleNumber;
+  point.isDrawn = true;
+}
+
 bool DiffuseDirection(const RayRecord& ray, const ShadingPoint& point, Event event, std::uint32_t sample,
                       Vec3& direction) {
   const float side = event == kEventTransmissive ? -1.0f : 1.0f;
-  const Vec2 draw = DrawPair(ray, sample, event);
-  const Vec3 local = CosineDirection(draw.x, draw.y);
+  const bool isDrawn = point.isDrawn && event == kEventLambertian && sample == point.drawnNumber;
+  const Vec3 local = isDrawn ? point.drawn : LocalDirection(ray, event, sample);
   direction = local.x * point.tangent + local.y * point.bitangent + (side * local.z) * point.normal;
   return IsHair(point) || side * Dot(direction, point.geometricNormal) > 0;
 }

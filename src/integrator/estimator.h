@@ -52,6 +52,9 @@ RayRecord MakeLobeChild(const RayRecord& ray, const ShadingPoint& point, const L
 // The child ray of hair's glossy lobes, its bounce counted. `throughput` is the lobe's, without the `weight`
 // that the ray's light counts with.
 RayRecord MakeFiberChild(const RayRecord& ray, const ShadingPoint& point, Vec3 throughput, Vec3& weight);
+// Draws what the Lambertian lobe of the ray's hit is going to ask for, if it has one ray: the draw does not
+// wait for the hit's frame, nor the frame for the draw.
+void DrawBeforehand(const RayRecord& ray, ShadingPoint& point);
 // Direction number `sample` of the Lambertian or the transmissive lobe. False if it goes through the surface
 // to the wrong side.
 bool DiffuseDirection(const RayRecord& ray, const ShadingPoint& point, Event event, std::uint32_t sample,
@@ -66,7 +69,11 @@ struct PassShare {
 };
 // Of what `color` deserves of `budget` rays. Format 1 shares the budget out to the passes that are planned;
 // in format 2 each pass takes it, and the numbers that come next.
-PassShare ShareOf(Vec3 color, std::int32_t budget);
+PassShare ShareOfMany(Vec3 color, std::int32_t budget);
+inline PassShare ShareOf(Vec3 color, std::int32_t budget) {
+  if (settings.format < 2 || budget != 1) return ShareOfMany(color, budget);
+  return {NumberOfPass(static_cast<std::uint32_t>(settings.frame.samplePass)), 1, 1};
+}
 
 // Two numbers of sample `sample` for `decision`. In format 1 from the ray's Halton dimensions, turned by the
 // pixel alike for whoever draws.

@@ -238,7 +238,7 @@ std::int32_t GatherCount(Vec3 color, std::int32_t budget, std::int32_t passes) {
   return count - count % passes;
 }
 
-PassShare ShareOf(Vec3 color, std::int32_t budget) {
+PassShare ShareOfMany(Vec3 color, std::int32_t budget) {
   return settings.format >= 2 ? CountedInEachPass(color, budget) : SharedByAllPasses(color, budget);
 }
 

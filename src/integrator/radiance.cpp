@@ -106,6 +106,14 @@ bool TakesDirectLight(const RayRecord& ray, const ShadingPoint& point) {
   return (lobe || IsHair(point)) && IsInOpen(ray);
 }
 
+// Whether the hit will most likely have one ray of the Lambertian lobe, of the ray's own number.
+bool WillDrawOne(const RayRecord& ray) {
+  if (!HasShader(ray.shader) || !LobeRaysLeave(ray)) return false;
+  const Shader& shader = ShaderAt(ray.shader);
+  return (ray.frontFace ? shader.frontLambertian : shader.backLambertian) &&
+         (BounceCount(ray) > 0 || (settings.said.rendererSample == 1 && settings.format >= 2));
+}
+
 // Where there will be one ray of the Lambertian lobe that need not wait for its turn.
 bool GoesAhead(const RayRecord& ray, const ShadingPoint& point) {
   return point.has[Lobe::kLambertian] && !IsHair(point) && BounceCount(ray) > 0 && LobeRaysLeave(ray);
@@ -194,6 +202,7 @@ Vec3 RadianceOfTraced(RayRecord& ray, bool met) {
 
   ShadingPoint point;
   point.useDensity = MayReadDensity(ray);
+  if (scatters && !point.useDensity && WillDrawOne(ray)) DrawBeforehand(ray, point);
   if (!SetUpShadingPoint(ray, point)) {
     if (isWatched && BounceCount(ray) == 0) WriteEmptyHitLayers(ray);
     return kBlack;

@@ -217,6 +217,10 @@ struct ShadingPoint {
   bool virtualLight = false;
   PerLobe<bool> has;  // lobes whose colour is not black
   bool hasDiffusion = false;
+  // A direction of the Lambertian lobe, in the frame, that was drawn while the frame was made; its number.
+  Vec3 drawn;
+  std::uint32_t drawnNumber = 0;
+  bool isDrawn = false;
   RayAhead* ahead = nullptr;  // the one ray of the Lambertian lobe; null where it is followed in its turn
 };
 // Hair scatters light as a fibre does, from all sides, and not as a surface.
