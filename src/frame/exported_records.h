@@ -45,7 +45,7 @@ inline SurfaceShader* LayerAt(int shader, int layer) {
   Shader* record = RecordAt(shaders, shader);
   SurfaceShader* surface = record == nullptr ? nullptr : RecordAt(record->surfaces, layer);
   if (surface != nullptr) {
-    surface->even.holds = false;
+    surface->even = {};
     record->isTurned = record->readsUv = true;
   }
   return surface;

@@ -1,6 +1,6 @@
-#include <cmath>
-
 #include "shading/directions.h"
+
+#include <cmath>
 
 namespace zp {
 

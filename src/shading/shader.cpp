@@ -147,6 +147,7 @@ void DeriveFlags(SurfaceShader& s) {
 EvenLayer MakeEvenLayer(const SurfaceShader& s) {
   EvenLayer even;
   even.holds = settings.format >= 2 && !s.hasImage && IsSameMedium(Mean(s[Element::kIor].color), 1);
+  even.keepsFrame = even.holds && !s.hasAngle && !s.hasNormalMap && !s.has[Lobe::kGlossy];
   even.emits = s.window || s.shadowCatcher || !(s[Element::kEmissive].color == kBlack);
   const auto take = [&](Element element, Vec3& color) {
     color = s[element].color;

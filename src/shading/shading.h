@@ -51,7 +51,8 @@ struct ImageSlot {
 // What a layer of format 2 is at all points, if it has no picture and light goes on unbent behind it: most
 // layers, so that most hits need no look-ups.
 struct EvenLayer {
-  bool holds = false;  // derived; cleared where a host may have changed the layer
+  bool holds = false;       // derived; cleared where a host may have changed the layer
+  bool keepsFrame = false;  // it holds, and nothing else of a point follows from the layer
   bool emits = false;
   bool hasDiffusion = false;
   PerLobe<bool> has;
@@ -244,7 +245,25 @@ const SurfaceShader& ChooseLayer(const Shader& shader, bool frontFace, const Sur
 // Fresnel weights, widths, normal map, mirror guard: from layer, uv, frame and outgoing, which are set.
 // A point with useDensity and a plain layer skips the Fresnel term in format 1. The five colours are the
 // caller's.
-void FinishShadingPoint(ShadingPoint& point, const Shader& shader, bool frontFace);
+void FinishAnyPoint(ShadingPoint& point, const Shader& shader, bool frontFace);
+// Mirror rays must not leave through the surface: where the bent normal would send them below it, the true
+// normal takes its place. The tangents stay.
+inline void GuardMirror(ShadingPoint& point) {
+  point.reflectCosine = Dot(point.outgoing, point.normal);
+  const Vec3 mirrored = 2 * point.reflectCosine * point.normal - point.outgoing;
+  if (!(Dot(mirrored, point.geometricNormal) < 0)) return;
+  point.normal = point.geometricNormal;
+  point.reflectCosine = Dot(point.outgoing, point.normal);
+}
+inline void FinishShadingPoint(ShadingPoint& point, const Shader& shader, bool frontFace) {
+  if (point.layer == nullptr || !point.layer->even.keepsFrame)
+    return FinishAnyPoint(point, shader, frontFace);
+  point.material = point.layer->material;
+  point.virtualLight = point.layer->virtualLight;
+  GuardMirror(point);
+  point.iorRatio = point.diffuseWeight = 1;
+  point.specularWeight = 0;
+}
 // What a finished point's diffuseWeight is when it is seen at that cosine to its normal.
 float DiffuseWeightAt(const ShadingPoint& point, float cosine);
 // Share of the layers with a diffuse colour among those that ChooseLayer draws from, by weight.

@@ -32,16 +32,6 @@ void BendNormal(ShadingPoint& point, Vec3 map) {
   point.tangent = SafeNormalize(Cross(point.bitangent, bent));
 }
 
-// Mirror rays must not leave through the surface: where the bent normal would send them below it, the true
-// normal takes its place. The tangents stay.
-void GuardMirror(ShadingPoint& point) {
-  point.reflectCosine = Dot(point.outgoing, point.normal);
-  const Vec3 mirrored = 2 * point.reflectCosine * point.normal - point.outgoing;
-  if (!(Dot(mirrored, point.geometricNormal) < 0)) return;
-  point.normal = point.geometricNormal;
-  point.reflectCosine = Dot(point.outgoing, point.normal);
-}
-
 void SetWidths(ShadingPoint& point) {
   const SurfaceShader& layer = *point.layer;
   if (!layer.has[Lobe::kGlossy]) return;
@@ -65,7 +55,7 @@ float DiffuseWeightAt(const ShadingPoint& point, float cosine) {
   return 1 - Reflectance(*point.layer, Mean(LookUp((*point.layer)[Element::kIor], point.uv)), cosine);
 }
 
-void FinishShadingPoint(ShadingPoint& point, const Shader& shader, bool frontFace) {
+void FinishAnyPoint(ShadingPoint& point, const Shader& shader, bool frontFace) {
   if (point.layer == nullptr) point.layer = &ChooseLayer(shader, frontFace, point.uv);
   const SurfaceShader& layer = *point.layer;
   point.material = layer.material;
