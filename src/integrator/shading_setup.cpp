@@ -101,20 +101,34 @@ inline bool TakeEvenFace(const RayRecord& ray, LocalSurface& surface) {
   return true;
 }
 
+// What a hit needs beside its normals.
+struct Wants {
+  bool tangent, uv;
+};
+
+// Whether the record of a triangle need not be read: its normals stand by faces.
+bool GoesWithoutVertices(const RayRecord& ray, Wants wants) {
+  return ray.kind == kKindTriangle && !wants.tangent && !wants.uv && !(ray.product == kBlack) &&
+         IsIndex(ray.part->cornerNormals.values, ray.primitive);
+}
+
 // False for what has no surface.
-bool TakeSurface(const RayRecord& ray, bool wantsTangent, LocalSurface& surface) {
+bool TakeSurface(const RayRecord& ray, Wants wants, LocalSurface& surface) {
   const Part& part = *ray.part;
   const auto index = static_cast<std::uint32_t>(ray.primitive);
-  surface.corners = HitCorners(part, ray.kind, index, ray.barycentric);
+  if (GoesWithoutVertices(ray, wants))
+    surface.corners = {{}, {ray.barycentric.x, ray.barycentric.y, ray.barycentric.z, 0}, 3};
+  else
+    surface.corners = HitCorners(part, ray.kind, index, ray.barycentric);
   switch (ray.kind) {
     case kKindTriangle:
       surface.faceNormal =
           MadeUnit(ray.product == kBlack ? EdgeProduct(part, surface.corners.vertex) : ray.product);
-      SumCorners(ray, wantsTangent, surface);
+      SumCorners(ray, wants.tangent, surface);
       break;
     case kKindTetragon:
       surface.faceNormal = MadeUnit(DiagonalProduct(part, surface.corners.vertex));
-      SumCorners(ray, wantsTangent, surface);
+      SumCorners(ray, wants.tangent, surface);
       break;
     case kKindParticle:
       surface.faceNormal = UnitVector(ray.barycentric);  // from the centre
@@ -209,7 +223,8 @@ bool SetUpShadingPoint(const RayRecord& ray, ShadingPoint& point) {
 
   const bool turned = shader.isTurned || settings.derived.showsTangents;
   LocalSurface surface;
-  if ((turned || shader.readsUv || !TakeEvenFace(ray, surface)) && !TakeSurface(ray, turned, surface))
+  const Wants wants = {turned, shader.readsUv};
+  if ((wants.tangent || wants.uv || !TakeEvenFace(ray, surface)) && !TakeSurface(ray, wants, surface))
     return false;
 
   Vec3 normal = surface.faceNormal;
