@@ -401,7 +401,12 @@ void ParsePieces(const ObjText& text, std::size_t pieceBytes, ObjLines& lines) {
       }
     }
 #pragma omp critical
-    store.MoveTo(lines);
+    try {
+      store.MoveTo(lines);
+    } catch (const std::bad_alloc&) {
+#pragma omp atomic write
+      memoryIsShort = true;
+    }
   }
   if (memoryIsShort) throw std::bad_alloc();
   if (text.file < 0) return;
