@@ -65,7 +65,7 @@ Draw DrawOf(const RayRecord& ray, const PassShare& share, std::uint32_t number, 
 
 // Whether a lobe's ray waits to be made and traced while a light's sample is on its way.
 template <class AnyReceiver>
-bool GoesAhead(const AnyReceiver& receiver) {
+bool WaitsToGoAhead(const AnyReceiver& receiver) {
   return receiver.point.ahead != nullptr && !receiver.point.ahead->made;
 }
 template <class AnyReceiver>
@@ -78,7 +78,7 @@ void MakeAheadOf(const void* receiver) {
 template <class AnyReceiver>
 void SampleOne(const AnyReceiver& receiver, const GeometryLight& light, const Draw& draw, LightSample& sample,
                LobeRadiance& sum) {
-  const bool ahead = GoesAhead(receiver);
+  const bool ahead = WaitsToGoAhead(receiver);
   const Meanwhile meanwhile = {ahead ? MakeAheadOf<AnyReceiver> : nullptr, &receiver};
   const bool drawn = SampleGeometryLight(ReceiverOf(receiver.point), EmitterChoice(draw), draw.place.x,
                                          draw.place.y, sample, meanwhile);
@@ -97,7 +97,7 @@ template <class AnyReceiver>
 void SampleOne(const AnyReceiver& receiver, const SkyLight& light, const Draw& draw, LightSample& sample,
                LobeRadiance& sum) {
   if (!SampleSky(draw.place.x, draw.place.y, sample) || !(sample.pdf > 0)) return;
-  if (GoesAhead(receiver)) {
+  if (WaitsToGoAhead(receiver)) {
     MakeAhead(receiver.ray, receiver.point);
     if (receiver.point.ahead->open) TraceAhead(*receiver.point.ahead);
   }
