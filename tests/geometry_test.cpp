@@ -16,6 +16,7 @@
 
 #include "accel/accel.h"
 #include "core/console.h"
+#include "geometry/equal_positions.h"
 #include "geometry/validate.h"
 #include "shading/shading.h"
 #include "surroundings.h"
@@ -246,6 +247,14 @@ TEST_F(GeometryTest, PiecesOfATextMeanWhatTheWholeDoes) {
   Part many;
   ReadObj(fresh, many, 1);
   EXPECT_EQ(many.positions.size(), 1800U);
+  std::string hub = kSquare;  // of a fan; a search of all its texture coordinates would take minutes
+  constexpr int kFaces = 200'000, kUvs = kFaces / 2;
+  for (int i = 0; i < kFaces; ++i) hub += "vt 0 " + std::to_string(i % kUvs) + "\nf 1/-1 2/1 3/1\n";
+  Part fan;
+  ReadObj(hub, fan);
+  ASSERT_EQ(fan.positions.size(), kUvs + 2U);
+  for (int i = 0; i < kFaces; ++i)
+    EXPECT_EQ(fan.uvSets[0].values[At(fan.triangles, i).vertex[0]], (Vec2{0, static_cast<float>(i % kUvs)}));
   const std::string pipe = folder_ / "pipe.obj";
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   std::thread writer([&] { WriteFile(pipe, text); });
@@ -253,6 +262,18 @@ TEST_F(GeometryTest, PiecesOfATextMeanWhatTheWholeDoes) {
   EXPECT_EQ(Printed([&] { ReadObjFile(pipe, part); }), rows);
   writer.join();
   expectWhole(part);
+}
+
+TEST_F(GeometryTest, EqualPositions) {
+  constexpr float kNone = std::numeric_limits<float>::quiet_NaN();
+  const std::vector<Vec3> same(300'000, {1, -0.0f, 0}), none(300'000, {1, kNone, 0});
+  const auto isOneGroup = [](const auto& first) {
+    return std::all_of(first.begin(), first.end(), [](std::uint32_t v) { return v == 0; });
+  };
+  EXPECT_TRUE(isOneGroup(FirstEqual(same, false)));
+  EXPECT_TRUE(isOneGroup(FirstEqual(none, true)));
+  const auto alone = FirstEqual(none, false);  // a search for an equal one would take minutes
+  for (std::uint32_t v = 0; v < alone.size(); ++v) ASSERT_EQ(alone[v], v);
 }
 
 TEST_F(GeometryTest, LineRules) {

@@ -11,8 +11,6 @@
 
 namespace zp {
 
-std::uint32_t FloatKey(float x) { return std::bit_cast<std::uint32_t>(x == 0.0f ? 0.0f : x); }
-
 namespace {
 
 constexpr std::uint32_t kUnused = 0xFFFFFFFF;
@@ -29,12 +27,11 @@ std::uint32_t PositionHash(Vec3 p) {
 }
 
 bool IsEqual(Vec3 a, Vec3 b, bool byBits) {
-  return a == b || (byBits && FloatKey(a.x) == FloatKey(b.x) && FloatKey(a.y) == FloatKey(b.y) &&
-                    FloatKey(a.z) == FloatKey(b.z));
+  return a == b || (byBits && HasSameKey(a.x, b.x) && HasSameKey(a.y, b.y) && HasSameKey(a.z, b.z));
 }
 
-// The positions dealt into shares by their hashes, each share in the order of the indices. Every thread deals
-// a range of its own.
+// The positions that may have equals, dealt into shares by their hashes, each share in the order of the
+// indices. Every thread deals a range of its own.
 struct Shares {
   int bits;
   RawVector<HashedPosition> order;
@@ -43,7 +40,7 @@ struct Shares {
   std::size_t ShareOf(std::uint32_t hash) const { return std::size_t{hash >> (32 - bits)}; }
 };
 
-Shares Deal(std::span<const Vec3> positions) {
+Shares Deal(std::span<const Vec3> positions, bool byBits) {
   constexpr std::size_t kShare = 2048;  // small enough for a table that stays in the cache
   const std::size_t count = positions.size();
   Shares shares = {std::clamp(static_cast<int>(std::bit_width(count / kShare)), 1, 12), {}, {}};
@@ -58,6 +55,7 @@ Shares Deal(std::span<const Vec3> positions) {
     };
     std::size_t* const own = places.data() + shareCount * static_cast<std::size_t>(range);
     for (std::size_t v = at(range); v < at(range + 1); ++v) {
+      if (!IsEqual(positions[v], positions[v], byBits)) continue;
       const std::uint32_t hash = PositionHash(positions[v]);
       visit(own[shares.ShareOf(hash)], hash, static_cast<std::uint32_t>(v));
     }
@@ -86,7 +84,7 @@ Shares Deal(std::span<const Vec3> positions) {
 }  // namespace
 
 RawVector<std::uint32_t> FirstEqual(std::span<const Vec3> positions, bool byBits) {
-  const Shares shares = Deal(positions);
+  const Shares shares = Deal(positions, byBits);
   const std::size_t shareCount = shares.begins.size() - 1;
   RawVector<std::uint32_t> first(positions.size());
 #pragma omp parallel if (IsWorthThreads(positions.size(), 20))

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <span>
 
@@ -16,6 +17,9 @@ namespace zp {
 RawVector<std::uint32_t> FirstEqual(std::span<const Vec3> positions, bool byBits);
 
 // Equal floats have equal keys: both zeros share one, and each not-a-number is equal to itself.
-std::uint32_t FloatKey(float x);
+inline std::uint32_t FloatKey(float x) { return std::bit_cast<std::uint32_t>(x == 0.0f ? 0.0f : x); }
+inline bool HasSameKey(float a, float b) {
+  return a == b || std::bit_cast<std::uint32_t>(a) == std::bit_cast<std::uint32_t>(b);
+}
 
 }  // namespace zp

@@ -65,10 +65,8 @@ void RestoreZeros(std::uint64_t first, Vec3& position, CornerData& data) {
   zeros.Restore(position);
 }
 
-bool IsSame(Vec2 a, Vec2 b) { return FloatKey(a.x) == FloatKey(b.x) && FloatKey(a.y) == FloatKey(b.y); }
-bool IsSame(Vec3 a, Vec3 b) {
-  return FloatKey(a.x) == FloatKey(b.x) && FloatKey(a.y) == FloatKey(b.y) && FloatKey(a.z) == FloatKey(b.z);
-}
+bool IsSame(Vec2 a, Vec2 b) { return HasSameKey(a.x, b.x) && HasSameKey(a.y, b.y); }
+bool IsSame(Vec3 a, Vec3 b) { return HasSameKey(a.x, b.x) && HasSameKey(a.y, b.y) && HasSameKey(a.z, b.z); }
 
 // A set of corners that tells how many of it lie before one of them.
 struct RankedSet {
@@ -120,9 +118,10 @@ VertexMerger::VertexMerger(std::span<const Vec3> positions, bool bare, bool movi
   }
   Fill(lists_, positions_.size(), kNoEntry);
   constexpr std::size_t kMostEntries = std::size_t{1} << 17U;
-  blockEntries_ =
-      static_cast<std::uint32_t>(std::bit_ceil(std::clamp<std::size_t>(corners + known, 1, kMostEntries)));
-  blocks_.resize((corners + known) / blockEntries_ + static_cast<std::size_t>(omp_get_max_threads()) + 1);
+  const std::size_t blockEntries = std::bit_ceil(std::clamp<std::size_t>(corners + known, 1, kMostEntries));
+  blockMask_ = static_cast<std::uint32_t>(blockEntries - 1);
+  blockBits_ = static_cast<std::uint32_t>(std::countr_zero(blockEntries));
+  blocks_.resize((corners + known) / blockEntries + static_cast<std::size_t>(omp_get_max_threads()) + 1);
 }
 
 bool VertexMerger::Holds(std::uint32_t index, const CornerData& data) const {
@@ -133,26 +132,73 @@ bool VertexMerger::Holds(std::uint32_t index, const CornerData& data) const {
   return IsSame(motion.motion, data.motion) && IsSame(motion.endNormal, data.endNormal);
 }
 
-// In the list from `index` on, as far as `end`.
-std::uint32_t VertexMerger::FindFrom(std::uint32_t index, std::uint32_t end, const CornerData& data) const {
-  while (index != end && !Holds(index, data)) index = EntryAt(index).next;
+// In the list from `index` on, as far as `end`. `place`: of a list for all positions.
+std::uint32_t VertexMerger::FindFrom(std::uint32_t index, std::uint32_t end, std::uint32_t place,
+                                     const CornerData& data) const {
+  const auto isIt = [&] { return Holds(index, data) && (place == kOwnPlace || PlaceAt(index) == place); };
+  while (index != end && !isIt()) index = EntryAt(index).next;
   return index;
 }
 
-std::uint32_t VertexMerger::NewEntry(const CornerData& data, Share& share) {
+std::uint32_t VertexMerger::NewEntry(std::uint32_t place, const CornerData& data, Share& share) {
   if (share.next == share.end) {
     const std::uint32_t block =
         std::atomic_ref<std::uint32_t>(usedBlocks_).fetch_add(1, std::memory_order_relaxed);
-    blocks_[block].entries.resize(blockEntries_);
-    if (moving_) blocks_[block].motions = std::make_unique<EntryMotion[]>(blockEntries_);
-    share.next = block * blockEntries_;
-    share.end = share.next + blockEntries_;
+    const std::uint32_t count = blockMask_ + 1;
+    blocks_[block].entries.resize(count);
+    if (moving_) blocks_[block].motions = std::make_unique<EntryMotion[]>(count);
+    share.next = block * count;
+    share.end = share.next + count;
   }
   Entry& entry = EntryAt(share.next);
   entry.normal = data.normal;
   entry.uv = data.uv;
   if (moving_) MotionAt(share.next) = {data.motion, data.endNormal};
+  if (place != kOwnPlace) {
+    auto& places = blocks_[share.next >> blockBits_].places;
+    if (!places) places = std::make_unique<std::uint32_t[]>(blockMask_ + 1);
+    places[share.next & blockMask_] = place;
+  }
   return share.next;
+}
+
+// The entry of that data in a list; kNoEntry if it is not there and its position's list is full, which none
+// enters or leaves any more. `first` of a new one.
+template <class First>
+std::uint32_t VertexMerger::FindOrAdd(std::uint32_t& list, std::uint32_t place, const CornerData& data,
+                                      First first, Share& share) {
+  const std::atomic_ref<std::uint32_t> front(list);
+  std::uint32_t head = front.load(std::memory_order_acquire), searched = kNoEntry;
+  for (;;) {
+    const std::uint32_t found = FindFrom(head, searched, place, data);
+    if (found != searched) return found;
+    const unsigned length = head == kNoEntry ? 0 : EntryAt(head).length;
+    if (place == kOwnPlace && length == kFullList) return kNoEntry;
+    const std::uint32_t added = NewEntry(place, data, share);
+    Entry& entry = EntryAt(added);
+    entry.first = first();
+    entry.length = static_cast<std::uint8_t>(std::min<unsigned>(length + 1, kFullList));
+    entry.next = searched = head;
+    if (front.compare_exchange_weak(head, added, std::memory_order_acq_rel, std::memory_order_acquire)) {
+      ++share.next;
+      return added;
+    }  // another thread was faster, maybe with the same
+  }
+}
+
+// Where a corner stands whose position's list is full.
+std::uint32_t& VertexMerger::CommonList(std::uint32_t place, const CornerData& data) {
+  std::call_once(makesCommonLists_, [&] {
+    constexpr std::size_t kCornersEach = 4;
+    Fill(commonLists_, std::bit_ceil((corners_ + known_) / kCornersEach + 1), kNoEntry);
+  });
+  std::uint64_t hash = place;
+  const auto mix = [&](std::uint32_t word) { hash = (std::rotl(hash, 29) ^ word) * 0x9E3779B97F4A7C15ULL; };
+  mix(Bytes(data.normal));
+  for (const float x : {data.uv.x, data.uv.y, data.motion.x, data.motion.y, data.motion.z, data.endNormal.x,
+                        data.endNormal.y, data.endNormal.z})
+    mix(FloatKey(x));
+  return commonLists_[(hash >> 32U) & (commonLists_.size() - 1)];
 }
 
 // The order of a vertex's first corner stands above the signs of the zeros that it brought: all else that
@@ -172,22 +218,10 @@ std::uint32_t VertexMerger::AddEntry(std::uint32_t position, const CornerData& d
                                      Share& share) {
   const std::uint32_t place = equal_[position];
   const auto first = [&] { return FirstOf(order, positions_[position], data); };
-  const std::atomic_ref<std::uint32_t> list(lists_[place]);
-  std::uint32_t head = list.load(std::memory_order_acquire);
-  std::uint32_t found = FindFrom(head, kNoEntry, data);
-  if (found == kNoEntry) {
-    const std::uint32_t added = NewEntry(data, share);
-    EntryAt(added).first = first();
-    for (;;) {
-      const std::uint32_t known = EntryAt(added).next = head;
-      if (list.compare_exchange_weak(head, added, std::memory_order_acq_rel, std::memory_order_acquire)) {
-        ++share.next;
-        return added;
-      }
-      found = FindFrom(head, known, data);  // another thread was faster, maybe with the same
-      if (found != known) break;
-    }
-  }
+  std::uint32_t found = std::atomic_ref<std::uint32_t>(lists_[place]).load(std::memory_order_acquire);
+  while (found != kNoEntry && !Holds(found, data)) found = EntryAt(found).next;
+  if (found == kNoEntry) found = FindOrAdd(lists_[place], kOwnPlace, data, first, share);
+  if (found == kNoEntry) found = FindOrAdd(CommonList(place, data), place, data, first, share);
   std::uint64_t& known = EntryAt(found).first;  // mostly of a corner before
   if (std::atomic_ref<std::uint64_t>(known).load(std::memory_order_relaxed) >> kSigns > order)
     TakeFirst(known, first());
@@ -216,6 +250,9 @@ void VertexMerger::ForEachEntry(Visit visit) {
     }
     for (std::uint32_t e = lists_[p]; e != kNoEntry; e = EntryAt(e).next) visit(p, e, EntryAt(e).first);
   }
+#pragma omp parallel for schedule(static) if (IsWorthThreads(commonLists_.size(), 10))
+  for (const std::uint32_t list : commonLists_)
+    for (std::uint32_t e = list; e != kNoEntry; e = EntryAt(e).next) visit(PlaceAt(e), e, EntryAt(e).first);
 }
 
 void VertexMerger::AppendVertices(Part& part, std::vector<Vec3>& motions, std::vector<Vec3>& endNormals) {
