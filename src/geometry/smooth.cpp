@@ -134,7 +134,7 @@ struct Smoothing {
   std::vector<FaceVectors> faces = {};   // triangles before tetragons
   RawVector<std::uint32_t> groups = {};  // of each vertex: the first one at its position
   std::vector<std::size_t> begins = {};  // of each group: its corners in the next arrays; one more at the end
-  std::vector<CornerRecord> corners = {};
+  RawVector<CornerRecord> corners = {};
   std::vector<PackedVectors> smoothed = {};  // of each corner, by NumberOf
   // New vertices. A group has no more than corners, so that each has room for its own from its first corner
   // on.
@@ -206,7 +206,7 @@ void ForEachCorner(const Part& part, Visit&& visit) {
 
 // Sorts the corners by group.
 void CollectCorners(Smoothing& s) {
-  s.begins.assign(s.groups.size() + 2, 0);
+  s.begins = LargeArray<std::size_t>(s.groups.size() + 2);
   ForEachCorner(s.part, [&s](std::uint32_t vertex, CornerRecord) { ++s.begins[s.groups[vertex] + 2]; });
   for (std::size_t g = 2; g < s.begins.size(); ++g) s.begins[g] += s.begins[g - 1];
   s.corners.resize(s.begins.back());
