@@ -24,6 +24,7 @@ struct Cut {
   std::array<std::uint32_t, 8> slots;  // binary nodes
   std::uint32_t firstReference;        // of all below
   std::uint32_t below = 1;             // wide nodes from it to the last of its subtree, which follows it
+  std::uint32_t walked = 0;            // nodes before it in its piece that are not merged
   // Lanes before those of its own leaves, and of the nodes merged into it, in its piece.
   KindCounts firstLane;
   std::array<std::uint8_t, 8> kinds;  // that all in a leaf slot are of; kMixed in an inner one
@@ -145,12 +146,14 @@ struct Collapser {
     return kind;
   }
 
-  // Returns how many lanes there are. Children stand behind their parents, each subtree in a row, so that a
-  // merged one's lanes are in a row too.
-  static KindCounts PlaceLanes(std::vector<Cut>& cuts) {
-    KindCounts lanes = {};
+  // Children stand behind their parents, each subtree in a row, so that a merged one's lanes are in a row
+  // too.
+  static void PlaceCuts(std::vector<Cut>& cuts, Piece& piece) {
+    KindCounts& lanes = piece.lanes;
     KindCounts inside = {};  // first lane behind the merged subtree that a node is in
     for (Cut& cut : cuts) {
+      cut.walked = piece.walked;
+      piece.walked += cut.merged == kMixed;
       const std::uint8_t kind = cut.merged;
       if (kind != kMixed && lanes[kind] >= inside[kind]) {
         // It takes no more blocks than its count needs.
@@ -162,14 +165,19 @@ struct Collapser {
       const KindCounts own = std::exchange(cut.firstLane, lanes);
       for (std::size_t k = 0; k < kPackedKindCount; ++k) lanes[k] += own[k];
     }
-    return lanes;
+    piece.nodes = static_cast<std::uint32_t>(cuts.size());
   }
 };
 
-// Of the packed slot that leads to a wide node.
-std::uint32_t WordOf(const Cut& cut) {
-  return cut.merged == kMixed ? 0 : kLeaf | kPackedKinds[cut.merged].flag | cut.count;
-}
+// A packed slot that leads to a wide node.
+struct Link {
+  std::uint32_t child, word;
+  Link(const Piece& piece, const Cut& cut) : child(piece.firstWalked + cut.walked), word(0) {
+    if (cut.merged == kMixed) return;
+    child = piece.firstLane[cut.merged] + cut.firstLane[cut.merged];
+    word = kLeaf | kPackedKinds[cut.merged].flag | cut.count;
+  }
+};
 
 // Writes the nodes of a collapsed tree.
 struct NodeWriter {
@@ -191,49 +199,57 @@ struct NodeWriter {
     for (int i = 0; i < 2; ++i) high[i].StoreAligned(node.boxes[4 + i]);
   }
 
-  // `nextChild(node, i)` is the next wide node below; it sets the child and the word of slot i.
+  // `nextChild()` is the next wide node below.
   template <class NextChild>
-  void WriteNode(const Piece& piece, const Cut& cut, std::uint32_t place, NextChild nextChild) const {
+  void WriteWide(const Cut& cut, std::uint32_t place, NextChild nextChild) const {
     WideNode& wide = object.wideNodes[place];
-    PackedNode& node = object.packed->nodes[place];
-    WriteBoxes(cut, node);
     std::uint32_t reference = cut.firstReference;
+    for (std::uint32_t i = 0; i < 8; ++i) {
+      const std::uint32_t sum = i < cut.size ? object.nodes[cut.slots[i]].sum : 0;
+      const bool isLeaf = (cut.leaves >> i & 1U) != 0;
+      wide.log[i] = 0;
+      wide.count[i] = static_cast<std::uint16_t>(isLeaf ? sum : 0);
+      wide.child[i] = sum == 0 ? kUnusedSlot : isLeaf ? reference : nextChild();
+      reference += sum;
+    }
+  }
+
+  // Needs the wide node. `linkTo(child)` is the Link to that one.
+  template <class LinkTo>
+  void WritePacked(const Piece& piece, const Cut& cut, std::uint32_t place, LinkTo linkTo) const {
+    const WideNode& wide = object.wideNodes[place];
+    PackedNode& node = object.packed->nodes[piece.firstWalked + cut.walked];
+    object.packed->wide[piece.firstWalked + cut.walked] = place;
+    WriteBoxes(cut, node);
     KindCounts lane;
     for (std::size_t k = 0; k < kPackedKindCount; ++k) lane[k] = piece.firstLane[k] + cut.firstLane[k];
     for (std::uint32_t i = 0; i < 8; ++i) {
-      const std::uint32_t sum = i < cut.size ? object.nodes[cut.slots[i]].sum : 0;
-      wide.log[i] = 0;
-      wide.count[i] = 0;
-      if (sum == 0) {  // an empty leaf: harmless even to a ray of no numbers
-        wide.child[i] = kUnusedSlot;
+      const std::uint32_t count = wide.count[i];
+      if (wide.child[i] == kUnusedSlot) {  // an empty leaf: harmless even to a ray of no numbers
         node.child[i] = 0;
         node.word[i] = kLeaf;
-      } else if ((cut.leaves >> i & 1U) == 0) {
-        wide.child[i] = nextChild(node, i);
+      } else if (count == 0) {
+        const Link link = linkTo(wide.child[i]);
+        node.child[i] = link.child;
+        node.word[i] = link.word;
+      } else if (const std::uint8_t kind = cut.kinds[i]; kind != kMixed) {
+        node.child[i] = std::exchange(lane[kind], lane[kind] + count);
+        node.word[i] = kLeaf | kPackedKinds[kind].flag | count;
       } else {
-        wide.child[i] = node.child[i] = reference;
-        wide.count[i] = static_cast<std::uint16_t>(sum);
-        node.word[i] = kLeaf | sum;
-        if (const std::uint8_t kind = cut.kinds[i]; kind != kMixed) {
-          node.child[i] = std::exchange(lane[kind], lane[kind] + sum);
-          node.word[i] |= kPackedKinds[kind].flag;
-        }
+        node.child[i] = wide.child[i];
+        node.word[i] = kLeaf | count;
       }
-      reference += sum;
     }
   }
 
   void WriteSubtree(const Piece& piece, const std::vector<Cut>& cuts) const {
     for (std::uint32_t i = 0; i < cuts.size(); ++i) {
       std::uint32_t below = i + 1;
-      WriteNode(piece, cuts[i], piece.firstNode + i, [&](PackedNode& node, std::uint32_t slot) {
-        const std::uint32_t number = std::exchange(below, below + cuts[below].below);
-        const Cut& cut = cuts[number];
-        node.word[slot] = WordOf(cut);
-        node.child[slot] = cut.merged == kMixed ? piece.firstNode + number
-                                                : piece.firstLane[cut.merged] + cut.firstLane[cut.merged];
-        return piece.firstNode + number;
-      });
+      WriteWide(cuts[i], piece.firstNode + i,
+                [&] { return piece.firstNode + std::exchange(below, below + cuts[below].below); });
+      if (cuts[i].merged == kMixed)
+        WritePacked(piece, cuts[i], piece.firstNode + i,
+                    [&](std::uint32_t child) { return Link(piece, cuts[child - piece.firstNode]); });
     }
   }
 };
@@ -249,11 +265,11 @@ struct Pieces {
     std::size_t piece;
     bool isPlaced;  // its nodes are to be written; else it is to be collapsed
   };
-  std::mutex mutex = {};    // of all that follows, but for a piece's own cuts while it is somebody's job
-  std::size_t next = 0;     // that is to be collapsed
-  std::size_t placed = 0;   // that have places
-  std::uint32_t nodes = 0;  // in those
-  KindCounts lanes = {};    // likewise
+  std::mutex mutex = {};   // of all that follows, but for a piece's own cuts while it is somebody's job
+  std::size_t next = 0;    // that is to be collapsed
+  std::size_t placed = 0;  // that have places
+  std::uint32_t nodes = 0, walked = 0;  // in those
+  KindCounts lanes = {};                // likewise
   std::vector<bool> isCounted = {};
   std::vector<std::size_t> ready = {};         // subtrees that are placed
   std::vector<std::vector<Cut>> cuts = {};     // of each piece, until it is written
@@ -301,9 +317,9 @@ struct Pieces {
       collapser.Collapse(piece.binary, piece.firstReference, piece.depth, piece.deepest, own);
     else
       own.push_back(tops[number]);
-    piece.lanes = Collapser::PlaceLanes(own);
-    piece.nodes = static_cast<std::uint32_t>(own.size());
+    Collapser::PlaceCuts(own, piece);
     tops[number] = own[0];
+    piece.word = Link(piece, own[0]).word;
     const std::lock_guard lock(mutex);
     isCounted[number] = true;
     for (; placed < pieces.size() && isCounted[placed]; ++placed) Place(placed);
@@ -313,6 +329,8 @@ struct Pieces {
     Piece& piece = pieces[number];
     piece.firstNode = nodes;
     nodes += piece.nodes;
+    piece.firstWalked = walked;
+    walked += piece.walked;
     piece.firstLane = lanes;
     for (std::size_t k = 0; k < kPackedKindCount; ++k)
       lanes[k] += BlocksFor(k, piece.lanes[k]) * kPackedKinds[k].blockLanes;
@@ -326,16 +344,17 @@ struct Pieces {
   }
 
   void WriteTop(const NodeWriter& writer, std::size_t number) const {
-    std::size_t child = number + 1;
-    writer.WriteNode(
-        pieces[number], tops[number], pieces[number].firstNode, [&](PackedNode& node, std::uint32_t slot) {
-          const Cut& cut = tops[child];
-          const Piece& below = pieces[std::exchange(child, pieces[child].end)];
-          node.word[slot] = WordOf(cut);
-          node.child[slot] = cut.merged == kMixed ? below.firstNode
-                                                  : below.firstLane[cut.merged] + cut.firstLane[cut.merged];
-          return below.firstNode;
-        });
+    std::vector<std::size_t> below;  // of the slots that lead to wide nodes
+    for (std::size_t child = number + 1; child < pieces[number].end; child = pieces[child].end)
+      below.push_back(child);
+    const std::uint32_t place = pieces[number].firstNode;
+    auto at = below.begin();
+    writer.WriteWide(tops[number], place, [&] { return pieces[*at++].firstNode; });
+    at = below.begin();
+    writer.WritePacked(pieces[number], tops[number], place, [&](std::uint32_t) {
+      const std::size_t child = *at++;
+      return Link(pieces[child], tops[child]);
+    });
   }
 };
 
@@ -352,6 +371,7 @@ CollapsedTree CollapseTree(Object& object) {
   object.wideNodes.clear();  // nothing to copy where it grows
   object.wideNodes.resize(MostWideNodes(total));
   object.packed->nodes.Resize(MostWideNodes(total));
+  object.packed->wide.Resize(MostWideNodes(total));
   Pieces work{{object}};
   work.Divide(0, 0, 0);
   work.isCounted.resize(work.pieces.size());
@@ -370,7 +390,8 @@ CollapsedTree CollapseTree(Object& object) {
     object.wideDepth = std::max(object.wideDepth, work.pieces[i].deepest);
   }
   object.wideNodes.resize(work.nodes);
-  object.packed->nodes.Shrink(work.nodes);
+  object.packed->nodes.Shrink(work.walked);
+  object.packed->wide.Shrink(work.walked);
   return {std::move(work.pieces), work.lanes};
 }
 

@@ -22,10 +22,12 @@ struct Piece {
   std::uint32_t binary, firstReference;
   int depth, deepest = 0;
   bool isSubtree = false;
-  std::size_t end = 0;                     // piece behind all below
-  std::uint32_t firstNode = 0, nodes = 0;  // wide ones
-  KindCounts firstLane = {};               // a whole number of blocks
-  KindCounts lanes = {};                   // in it
+  std::size_t end = 0;                        // piece behind all below
+  std::uint32_t firstNode = 0, nodes = 0;     // wide ones
+  std::uint32_t firstWalked = 0, walked = 0;  // packed ones
+  std::uint32_t word = 0;                     // of the packed slot that leads to it
+  KindCounts firstLane = {};                  // a whole number of blocks
+  KindCounts lanes = {};                      // in it
 };
 
 struct CollapsedTree {

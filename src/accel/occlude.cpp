@@ -1,5 +1,6 @@
 // The walk of shadow rays: whatever lies between two points, in the order of slots.
 
+#include <algorithm>
 #include <atomic>
 #include <bit>
 #include <cassert>
@@ -227,18 +228,26 @@ struct OccluderWalk {
     return TestReferences<kOpaque>(first, count);
   }
 
-  // A thread's blocked ray counts for the leaf's slot in the node above it: within a merged subtree, for that
-  // of the lane.
+  // A thread's blocked ray counts for the leaf's slot in the wide node above it: within a merged subtree, for
+  // that of the primitive.
   void Log(const PackedTree& tree, std::uint32_t place) {
-    while (object.wideNodes[place / 8].count[place % 8] == 0) {
-      const std::uint32_t below = object.wideNodes[place / 8].child[place % 8];
-      const PackedNode& node = tree.nodes[below];
-      std::uint32_t slot = 0;
-      while (slot < 7 && blockingLane - node.child[slot] >= (node.word[slot] & kLeafCount)) ++slot;
-      place = below * 8 + slot;
+    WideNode* node = &object.wideNodes[tree.wide[place / 8]];
+    std::size_t slot = place % 8;
+    if (node->count[slot] == 0) {
+      const std::uint32_t flag = tree.nodes[place / 8].word[slot] & kPackedLeaf;
+      const PrimitiveRef blocking = LaneReference(tree, flag, blockingLane);
+      const auto holds = [&](std::size_t i) {
+        const auto first = object.compactReferences.begin() + node->child[i];
+        return std::find(first, first + node->count[i], blocking) != first + node->count[i];
+      };
+      node = &object.wideNodes[node->child[slot]];  // those below follow it
+      for (slot = 0; !(node->count[slot] != 0 && holds(slot));) {
+        slot = (slot + 1) % 8;
+        node += slot == 0;
+      }
     }
-    assert(place / 8 < object.wideNodes.size());
-    std::atomic_ref<std::uint32_t> log(object.wideNodes[place / 8].log[place % 8]);
+    assert(node < object.wideNodes.data() + object.wideNodes.size());
+    std::atomic_ref<std::uint32_t> log(node->log[slot]);
     log.fetch_add(1, std::memory_order_relaxed);
   }
 };

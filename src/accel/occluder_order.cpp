@@ -11,14 +11,20 @@
 namespace zp {
 namespace {
 
+void SwapSlots(PackedNode& node, int a, int b) {
+  for (auto& row : node.boxes) std::swap(row[a], row[b]);
+  std::swap(node.child[a], node.child[b]);
+  std::swap(node.word[a], node.word[b]);
+}
+
 struct OccluderTotals {
   float cost = 0;
   std::uint64_t hits = 0;
 };
 
-OccluderTotals OrderNode(Object& object, std::uint32_t index) {
+//   packed  the same node, if rays walk it, else null
+OccluderTotals OrderNode(Object& object, std::uint32_t index, PackedNode* packed) {
   WideNode& node = object.wideNodes[index];
-  PackedNode& packed = object.packed->nodes[index];
   OccluderTotals slots[8];
   OccluderTotals total;
   for (int i = 0; i < 8; ++i) {
@@ -26,7 +32,9 @@ OccluderTotals OrderNode(Object& object, std::uint32_t index) {
     if (node.count[i] != 0)
       slots[i] = {static_cast<float>(node.count[i]), node.log[i]};
     else
-      slots[i] = OrderNode(object, node.child[i]);
+      slots[i] =
+          OrderNode(object, node.child[i],
+                    packed && packed->word[i] == 0 ? &object.packed->nodes[packed->child[i]] : nullptr);
     total.hits += slots[i].hits;
   }
   if (total.hits == 0) return total;
@@ -42,9 +50,7 @@ OccluderTotals OrderNode(Object& object, std::uint32_t index) {
       std::swap(node.child[j], node.child[j - 1]);
       std::swap(node.count[j], node.count[j - 1]);
       std::swap(node.log[j], node.log[j - 1]);
-      for (auto& row : packed.boxes) std::swap(row[j], row[j - 1]);
-      std::swap(packed.child[j], packed.child[j - 1]);
-      std::swap(packed.word[j], packed.word[j - 1]);
+      if (packed) SwapSlots(*packed, j, j - 1);
       std::swap(probability[j], probability[j - 1]);
       std::swap(slots[j], slots[j - 1]);
       std::swap(ratio[j], ratio[j - 1]);
@@ -65,7 +71,7 @@ OccluderTotals OrderNode(Object& object, std::uint32_t index) {
 
 void OrderOccluders(Object& object) {
   if (object.wideNodes.empty() || object.packed == nullptr) return;
-  OrderNode(object, 0);
+  OrderNode(object, 0, &object.packed->nodes[0]);
   if (kValidates) RequireSound(ValidateTree(object));
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <initializer_list>
+#include <span>
 #include <vector>
 
 #include "accel/accel.h"
@@ -26,9 +27,9 @@ Vec2 UvOf(const Part& part, std::uint8_t kind, std::uint32_t index, Vec3 barycen
   return CornerUv(HitCorners(part, kind, index, barycentric), part);
 }
 
-bool SlotContains(const PackedNode& node, int slot, Vec3 p) {
+bool BoxContains(const Box& box, Vec3 p) {
   for (int a = 0; a < 3; ++a)
-    if (!(node.boxes[a][slot] <= p[a] && p[a] <= node.boxes[a + 3][slot])) return false;
+    if (!(box.min[a] <= p[a] && p[a] <= box.max[a])) return false;
   return true;
 }
 
@@ -44,17 +45,33 @@ struct RootSearch {
     uv = point.uv;
   }
 
-  void Walk(std::uint32_t index) {
+  void ConsiderLeaf(std::span<const PrimitiveRef> leaf) {
+    for (const PrimitiveRef& reference : leaf) {
+      const Part* part = reference.kind == kKindInstance ? nullptr : &object.parts[reference.part];
+      if (reference.kind == kKindTriangle) Consider(NearestOnTriangle(*part, reference.index, root));
+      if (reference.kind == kKindTetragon) Consider(NearestOnTetragon(*part, reference.index, root));
+    }
+  }
+
+  // Of a leaf inside a merged subtree, which has no packed node; the boxes around it contain more.
+  bool IsInside(std::span<const PrimitiveRef> leaf) const {
+    Box box;
+    for (const PrimitiveRef& reference : leaf) Grow(box, PrimitiveBox(object, reference));
+    return BoxContains(box, root);
+  }
+
+  //   packed  the same node, or null inside a merged subtree
+  void Walk(std::uint32_t index, const PackedNode* packed) {
     const WideNode& node = object.wideNodes[index];
     for (int i = 0; i < 8; ++i) {
-      if (node.child[i] == kUnusedSlot || !SlotContains(object.packed->nodes[index], i, root)) continue;
-      if (node.count[i] == 0) Walk(node.child[i]);
-      for (std::uint32_t k = 0; k < node.count[i]; ++k) {
-        const PrimitiveRef& reference = object.compactReferences[node.child[i] + k];
-        const Part* part = reference.kind == kKindInstance ? nullptr : &object.parts[reference.part];
-        if (reference.kind == kKindTriangle) Consider(NearestOnTriangle(*part, reference.index, root));
-        if (reference.kind == kKindTetragon) Consider(NearestOnTetragon(*part, reference.index, root));
-      }
+      if (node.child[i] == kUnusedSlot || (packed && !BoxContains(SlotBox(*packed, i), root))) continue;
+      const std::span leaf(object.compactReferences.data() + (node.count[i] != 0 ? node.child[i] : 0),
+                           node.count[i]);
+      if (node.count[i] == 0)
+        Walk(node.child[i],
+             packed && packed->word[i] == 0 ? &object.packed->nodes[packed->child[i]] : nullptr);
+      else if (packed || IsInside(leaf))
+        ConsiderLeaf(leaf);
     }
   }
 };
@@ -106,7 +123,7 @@ void TransferRootCoordinates(Object& object) {
 #pragma omp parallel for schedule(dynamic, 256) if (IsWorthThreads(strands, 1000))
     for (std::size_t i = 0; i < strands; ++i) {
       RootSearch search{object, part.positions[roots[i]]};
-      if (!Stopping()) search.Walk(0);
+      if (!Stopping()) search.Walk(0, &object.packed->nodes[0]);
       found[i] = search.uv;
     }
     std::vector<Vec2>& uvs = part.uvSets[0].values;

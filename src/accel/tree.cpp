@@ -35,6 +35,7 @@ void PageArray<T>::Release::operator()(T* p) const {
 }
 
 template class PageArray<PackedNode>;
+template class PageArray<std::uint32_t>;
 template class PageArray<TriangleBlock>;
 template class PageArray<ParticleBlock>;
 template class PageArray<CurveSegment>;
@@ -112,6 +113,24 @@ void FillLane(PackedTree& tree, std::uint32_t lane, const Object& object, const 
 
 }  // namespace
 
+PrimitiveRef LaneReference(const PackedTree& tree, std::uint32_t flag, std::uint32_t lane) {
+  if (flag == kTriangleLeaf && lane / kBlockLanes < tree.blocks.size()) {
+    const TriangleBlock& block = tree.blocks[lane / kBlockLanes];
+    return {block.part[lane % kBlockLanes], kKindTriangle, block.primitive[lane % kBlockLanes]};
+  }
+  if (flag == kParticleLeaf && lane / kParticleLanes < tree.particles.size()) {
+    const ParticleBlock& block = tree.particles[lane / kParticleLanes];
+    return {block.part[lane % kParticleLanes], kKindParticle, block.primitive[lane % kParticleLanes]};
+  }
+  if (flag == kTetragonLeaf && lane / kTetragonLanes < tree.tetragons.size()) {
+    const TetragonBlock& block = tree.tetragons[lane / kTetragonLanes];
+    return {block.part[lane % kTetragonLanes], kKindTetragon, block.primitive[lane % kTetragonLanes]};
+  }
+  if (flag == kCylinderLeaf && lane < tree.segments.size())
+    return {tree.segments[lane].part, kKindCylinder, tree.segments[lane].primitive};
+  return {};
+}
+
 bool IsOpaque(std::int32_t shader) {
   if (!HasShader(shader)) return true;
   const Shader& s = ShaderAt(shader);
@@ -180,27 +199,59 @@ struct Lookahead {
   }
 };
 
-void FillLanes(const Object& object, const Piece& piece, PackedTree& tree) {
-  Lookahead lookahead(object, piece.firstReference);
+struct LaneFiller {
+  const Object& object;
+  PackedTree& tree;
+  const Piece& piece;
+  Lookahead lookahead = {object, piece.firstReference};
   KindCounts filled = piece.firstLane;  // lanes lie in the order of nodes
-  for (std::uint32_t n = piece.firstNode; n < piece.firstNode + piece.nodes; ++n) {
+
+  void FillLeaf(std::size_t kind, std::uint32_t lane, std::uint32_t reference, std::uint32_t count) {
+    lookahead.MoveTo(reference);
+    ClearLanes(tree, kind, filled[kind], lane);
+    filled[kind] = lane + count;
+    for (std::uint32_t k = 0; k < count; ++k)
+      FillLane(tree, lane + k, object, object.compactReferences[reference + k]);
+  }
+
+  // The wide nodes from `n` on as one leaf.
+  void FillMerged(std::uint32_t n, std::uint32_t word, std::uint32_t lane) {
+    const std::size_t kind = PackedKindOf(word);
+    for (const std::uint32_t end = lane + (word & kLeafCount); lane < end; ++n)
+      for (int i = 0; i < 8; ++i) {
+        const WideNode& wide = object.wideNodes[n];
+        if (wide.count[i] == 0) continue;
+        FillLeaf(kind, lane, wide.child[i], wide.count[i]);
+        lane += wide.count[i];
+      }
+  }
+
+  void FillNode(std::uint32_t n, const PackedNode& node) {
     const WideNode& wide = object.wideNodes[n];
-    const PackedNode& node = tree.nodes[n];
     for (int i = 0; i < 8; ++i) {
       const std::size_t kind = PackedKindOf(node.word[i]);
-      if (wide.count[i] == 0 || kind == kMixed) continue;
-      lookahead.MoveTo(wide.child[i]);
-      ClearLanes(tree, kind, filled[kind], node.child[i]);
-      filled[kind] = node.child[i] + wide.count[i];
-      for (std::uint32_t k = 0; k < wide.count[i]; ++k)
-        FillLane(tree, node.child[i] + k, object, object.compactReferences[wide.child[i] + k]);
+      if (wide.count[i] != 0 && kind != kMixed) FillLeaf(kind, node.child[i], wide.child[i], wide.count[i]);
+    }
+    if (!piece.isSubtree) return;  // the next nodes are other pieces
+    for (int i = 0; i < 8; ++i) {
+      if (node.word[i] == 0)
+        FillNode(wide.child[i], tree.nodes[node.child[i]]);
+      else if (wide.count[i] == 0 && wide.child[i] != kUnusedSlot)
+        FillMerged(wide.child[i], node.word[i], node.child[i]);
     }
   }
-  for (std::size_t kind = 0; kind < kPackedKindCount; ++kind) {
-    const std::uint32_t end = piece.firstLane[kind] + piece.lanes[kind];
-    ClearLanes(tree, kind, filled[kind], BlocksFor(kind, end) * kPackedKinds[kind].blockLanes);
+
+  void Fill() {
+    if (piece.word == 0)
+      FillNode(piece.firstNode, tree.nodes[piece.firstWalked]);
+    else
+      FillMerged(piece.firstNode, piece.word, piece.firstLane[PackedKindOf(piece.word)]);
+    for (std::size_t kind = 0; kind < kPackedKindCount; ++kind) {
+      const std::uint32_t end = piece.firstLane[kind] + piece.lanes[kind];
+      ClearLanes(tree, kind, filled[kind], BlocksFor(kind, end) * kPackedKinds[kind].blockLanes);
+    }
   }
-}
+};
 
 // What primitives' Shaders ask of the walks through a tree.
 enum Demand : std::uint8_t { kHides = 1, kLetsLightThrough = 2, kCutsOut = 4 };
@@ -243,8 +294,8 @@ void FillLanes(Object& object, const CollapsedTree& tree) {
   packed.opaqueOnly = (demands & kLetsLightThrough) == 0;
   packed.cutsOut = (demands & kCutsOut) != 0;
   packed.stackSize = 7 * (object.wideDepth + 1) + 1;
-#pragma omp parallel for schedule(dynamic, 1) if (IsWorthThreads(packed.nodes.size(), 300))
-  for (std::size_t i = 0; i < tree.pieces.size(); ++i) FillLanes(object, tree.pieces[i], packed);
+#pragma omp parallel for schedule(dynamic, 1) if (IsWorthThreads(object.wideNodes.size(), 300))
+  for (std::size_t i = 0; i < tree.pieces.size(); ++i) LaneFiller{object, packed, tree.pieces[i]}.Fill();
 }
 
 }  // namespace zp

@@ -42,6 +42,10 @@ struct alignas(64) PackedNode {
   std::uint32_t word[8];   // 0: an inner node
 };
 static_assert(sizeof(PackedNode) == 256);
+inline Box SlotBox(const PackedNode& node, int i) {
+  return {{node.boxes[0][i], node.boxes[1][i], node.boxes[2][i]},
+          {node.boxes[3][i], node.boxes[4][i], node.boxes[5][i]}};
+}
 inline constexpr std::uint32_t kLeaf = 1U << 31U;
 inline constexpr std::uint32_t kTriangleLeaf = 1U << 30U;
 inline constexpr std::uint32_t kParticleLeaf = 1U << 29U;
@@ -85,7 +89,7 @@ static_assert(sizeof(TetragonBlock) == 512);
 // The kinds that trees keep beside their nodes. A subtree of one such kind alone, with this many primitives
 // at most, is one leaf to walks: its slot in the node above holds all its lanes. A block costs the same
 // whether one of its lanes is in use or all are, and a few blocks cost less than a node and the leaves that
-// it leads to. Nodes inside such a leaf are packed too, but not walked.
+// it leads to. Wide nodes inside such a leaf, six of seven on a mesh, have no packed ones.
 inline constexpr std::uint32_t kMergedTriangles = 16, kMergedParticles = 16, kMergedCylinders = 2,
                                kMergedTetragons = 4;
 struct PackedKind {
@@ -109,6 +113,7 @@ inline constexpr int kFewStackEntries = 128, kMostStackEntries = 2048;
 
 struct PackedTree {
   PageArray<PackedNode> nodes;
+  PageArray<std::uint32_t> wide;  // of each packed node: the wide node that it is
   PageArray<TriangleBlock> blocks;
   PageArray<ParticleBlock> particles;
   PageArray<CurveSegment> segments;
@@ -119,6 +124,9 @@ struct PackedTree {
   bool cutsOut = false;            // hits on some primitive count by chance
   int stackSize = 0;               // entries that a walk can need
 };
+
+// What a lane of a packed leaf with that flag holds; no kind if there is no such lane.
+PrimitiveRef LaneReference(const PackedTree& tree, std::uint32_t flag, std::uint32_t lane);
 
 // Whether no side of the Shader lets a shadow ray through, at any hit. An index outside the table counts as
 // opaque.

@@ -15,30 +15,6 @@
 namespace zp {
 namespace {
 
-Box SlotBox(const PackedNode& node, int i) {
-  return {{node.boxes[0][i], node.boxes[1][i], node.boxes[2][i]},
-          {node.boxes[3][i], node.boxes[4][i], node.boxes[5][i]}};
-}
-
-// What a packed lane says that it holds; no kind if there is no such lane.
-PrimitiveRef LaneReference(const PackedTree& tree, std::uint32_t flag, std::uint32_t lane) {
-  if (flag == kTriangleLeaf && lane / kBlockLanes < tree.blocks.size()) {
-    const TriangleBlock& block = tree.blocks[lane / kBlockLanes];
-    return {block.part[lane % kBlockLanes], kKindTriangle, block.primitive[lane % kBlockLanes]};
-  }
-  if (flag == kParticleLeaf && lane / kParticleLanes < tree.particles.size()) {
-    const ParticleBlock& block = tree.particles[lane / kParticleLanes];
-    return {block.part[lane % kParticleLanes], kKindParticle, block.primitive[lane % kParticleLanes]};
-  }
-  if (flag == kTetragonLeaf && lane / kTetragonLanes < tree.tetragons.size()) {
-    const TetragonBlock& block = tree.tetragons[lane / kTetragonLanes];
-    return {block.part[lane % kTetragonLanes], kKindTetragon, block.primitive[lane % kTetragonLanes]};
-  }
-  if (flag == kCylinderLeaf && lane < tree.segments.size())
-    return {tree.segments[lane].part, kKindCylinder, tree.segments[lane].primitive};
-  return {};
-}
-
 bool SameBits(Vec3 a, const float (&rows)[3][kBlockLanes], std::uint32_t lane) {
   const Vec3 b = {rows[0][lane], rows[1][lane], rows[2][lane]};
   return std::memcmp(&a, &b, sizeof a) == 0;
@@ -120,9 +96,6 @@ struct TreeCheck {
     for (std::size_t k = first; k < end; ++k) {
       fault.Require(!met[k], "reference in two wide leaves", k);
       met[k] = true;
-      fault.Require(
-          Contains(SlotBox(object.packed->nodes[n], i), PrimitiveBox(object, object.compactReferences[k])),
-          "wide leaf's box", n);
     }
     return true;
   }
@@ -132,8 +105,6 @@ struct TreeCheck {
     if (!CheckReferences(object.compactReferences)) return false;
     if (!fault.Require(!object.wideNodes.empty(), "wide root")) return false;
     if (!fault.Require(object.packed != nullptr, "packed tree")) return false;
-    const std::size_t boxes = object.packed->nodes.size();
-    if (!fault.Require(boxes == object.wideNodes.size(), "packed nodes", boxes)) return false;
     std::vector<std::int32_t> depths(object.wideNodes.size(), -1);
     std::vector<bool> met(object.compactReferences.size());
     depths[0] = 0;
@@ -152,11 +123,6 @@ struct TreeCheck {
         if (!fault.Require(child > n && child < depths.size() && depths[child] < 0, "wide node's child", n))
           return false;
         depths[child] = depths[n] + 1;
-        for (int k = 0; k < 8; ++k)
-          fault.Require(
-              object.wideNodes[child].child[k] == kUnusedSlot ||
-                  Contains(SlotBox(object.packed->nodes[n], i), SlotBox(object.packed->nodes[child], k)),
-              "wide node's box", n);
       }
     }
     const auto missed = std::find(met.begin(), met.end(), false);
@@ -182,10 +148,10 @@ struct TreeCheck {
   }
 
   // The lanes of a packed leaf hold what is below its slot in the wide tree, no more and no less.
-  void CheckLanes(const PackedTree& tree, std::uint32_t n, int i) {
+  void CheckLanes(const PackedTree& tree, std::uint32_t n, int i, std::vector<PrimitiveRef> expected) {
     const std::uint32_t word = tree.nodes[n].word[i], first = tree.nodes[n].child[i];
     const std::uint32_t flag = word & kPackedLeaf;
-    std::vector<PrimitiveRef> expected = Below(n, i), found;
+    std::vector<PrimitiveRef> found;
     for (std::uint32_t lane = first; lane < first + (word & kLeafCount); ++lane) {
       found.push_back(LaneReference(tree, flag, lane));
       if (!fault.Require(Holds(object, found.back()), "packed lane", lane)) return;
@@ -199,16 +165,30 @@ struct TreeCheck {
     fault.Require(found == expected, "packed leaf", n);
   }
 
-  void CheckSlot(const PackedTree& tree, std::uint32_t n, int i) {
-    const WideNode& wide = object.wideNodes[n];
-    const std::uint32_t word = tree.nodes[n].word[i];
-    if (wide.child[i] == kUnusedSlot)
-      fault.Require(word == kLeaf, "packed slot not in use", n);
-    else if ((word & kLeaf) != 0 && word != (kLeaf | wide.count[i]))
-      CheckLanes(tree, n, i);
+  // False if what is below cannot be looked at.
+  bool CheckInner(const PackedTree& tree, std::uint32_t n, int i) {
+    const std::uint32_t below = tree.nodes[n].child[i];
+    const WideNode& wide = object.wideNodes[tree.wide[n]];
+    if (!fault.Require(below > n && below < tree.nodes.size() && tree.wide[below] == wide.child[i],
+                       "packed child", n))
+      return false;
+    for (int k = 0; k < 8; ++k)
+      fault.Require(object.wideNodes[tree.wide[below]].child[k] == kUnusedSlot ||
+                        Contains(SlotBox(tree.nodes[n], i), SlotBox(tree.nodes[below], k)),
+                    "packed node's box", n);
+    return true;
+  }
+
+  void CheckLeaf(const PackedTree& tree, std::uint32_t n, int i) {
+    const WideNode& wide = object.wideNodes[tree.wide[n]];
+    const std::vector<PrimitiveRef> below = Below(tree.wide[n], i);
+    for (const PrimitiveRef& reference : below)
+      fault.Require(Contains(SlotBox(tree.nodes[n], i), PrimitiveBox(object, reference)), "packed leaf's box",
+                    n);
+    if (tree.nodes[n].word[i] != (kLeaf | wide.count[i]))
+      CheckLanes(tree, n, i, below);
     else
-      fault.Require((word != 0) == (wide.count[i] != 0) && tree.nodes[n].child[i] == wide.child[i],
-                    "packed child", n);
+      fault.Require(tree.nodes[n].child[i] == wide.child[i], "packed leaf's references", n);
   }
 
   // Needs a sound wide tree.
@@ -216,8 +196,23 @@ struct TreeCheck {
     const PackedTree& tree = *object.packed;
     fault.Require(tree.stackSize > 7 * (object.wideDepth + 1) && tree.stackSize <= kMostStackEntries,
                   "packed tree's stack", tree.stackSize);
+    if (!fault.Require(tree.nodes.size() != 0 && tree.wide.size() == tree.nodes.size() && tree.wide[0] == 0,
+                       "packed root", tree.nodes.size()))
+      return;
+    std::size_t links = 1;
     for (std::uint32_t n = 0; n < tree.nodes.size(); ++n)
-      for (int i = 0; i < 8; ++i) CheckSlot(tree, n, i);
+      for (int i = 0; i < 8; ++i) {
+        const std::uint32_t word = tree.nodes[n].word[i];
+        if (object.wideNodes[tree.wide[n]].child[i] == kUnusedSlot) {
+          fault.Require(word == kLeaf, "packed slot not in use", n);
+        } else if (word != 0) {
+          CheckLeaf(tree, n, i);
+        } else {
+          if (!CheckInner(tree, n, i)) return;
+          ++links;
+        }
+      }
+    fault.Require(links == tree.nodes.size(), "packed nodes without a parent", links);
   }
 };
 
