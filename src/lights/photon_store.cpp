@@ -1,14 +1,10 @@
 #include "lights/photon_store.h"
 
-#include <omp.h>
-
 #include <algorithm>
 #include <atomic>
-#include <thread>
 
 #include "core/console.h"
 #include "core/index.h"
-#include "core/release.h"
 #include "core/stop.h"
 #include "core/threads.h"
 
@@ -58,7 +54,7 @@ namespace {
 constexpr int kBins = 17;
 constexpr std::uint32_t kSmallestSplit = 17;  // photons; fewer are a leaf
 constexpr int kDeepest = 31;
-constexpr int kDeepestThread = 16;
+constexpr std::uint32_t kTask = 4096;  // photons; fewer are not worth a task
 
 float HalfArea(Vec3 min, Vec3 max) {
   const Vec3 d = max - min;
@@ -80,11 +76,9 @@ struct SlottedPhoton : PhotonRecord {
 template <class Record>
 struct Builder {
   std::vector<Record>& photons;
-  std::vector<PhotonNode>& nodes;
+  RawVector<PhotonNode>& nodes;
   float radius;
   std::atomic<std::uint32_t> used{1};
-  std::atomic<int> threads{1};
-  int mostThreads = std::max(omp_get_max_threads(), 1);
 
   // Index of the first of `count` new nodes; 0 when there are none left.
   std::uint32_t Append(std::uint32_t count) {
@@ -115,9 +109,8 @@ struct Builder {
   }
 
   void MakeLeaf(std::uint32_t node, std::uint32_t first, std::uint32_t end) {
-    nodes[node].first = first;
+    nodes[node] = {first, {}, 0, 0};
     nodes[node].count = end - first;
-    nodes[node].children = 0;
   }
 
   void Build(Box box, std::uint32_t first, std::uint32_t end, int depth, std::uint32_t node) {
@@ -148,27 +141,15 @@ struct Builder {
     if (!both)
       return left > 0 ? Build(lower, first, end, depth + 1, child)
                       : Build(upper, first, end, depth + 1, child);
-    const auto buildLower = [&] { Build(lower, first, pivot, depth + 1, child); };
-    const auto buildUpper = [&] { Build(upper, pivot, end, depth + 1, child + 1); };
-    if (depth < kDeepestThread && IsWorthThreads(std::min(left, right), 100) && TakeThread()) {
-      std::thread larger = left > right ? std::thread(buildLower) : std::thread(buildUpper);
-      if (left > right)
-        buildUpper();
-      else
-        buildLower();
-      larger.join();
-      threads.fetch_sub(1, std::memory_order_relaxed);
-    } else {
-      buildLower();
-      buildUpper();
+    if (std::min(left, right) < kTask) {
+      Build(lower, first, pivot, depth + 1, child);
+      Build(upper, pivot, end, depth + 1, child + 1);
+      return;
     }
-  }
-
-  bool TakeThread() {
-    int running = threads.load(std::memory_order_relaxed);
-    while (running < mostThreads)
-      if (threads.compare_exchange_weak(running, running + 1, std::memory_order_relaxed)) return true;
-    return false;
+#pragma omp task default(shared)
+    Build(lower, first, pivot, depth + 1, child);
+    Build(upper, pivot, end, depth + 1, child + 1);
+#pragma omp taskwait
   }
 };
 
@@ -182,16 +163,34 @@ void BuildTree(std::vector<Record>& photons, float radius) {
   // Leaves hold eight photons and more on average, and a node in between two children.
   photonStore.nodes.resize(2 * photons.size() + 1);
   Builder<Record> builder{photons, photonStore.nodes, radius};
+#pragma omp parallel if (IsWorthThreads(photons.size(), 100))
+#pragma omp single
   builder.Build(photonStore.box, 0, static_cast<std::uint32_t>(photons.size()), 0, 0);
   photonStore.nodes.resize(std::min<std::size_t>(builder.used, photonStore.nodes.size()));
   photonStore.nodes.shrink_to_fit();
 }
 
+// Of all positions.
+Box FindBox(const std::vector<PhotonRecord>& photons) {
+  Box all;
+#pragma omp parallel if (IsWorthThreads(photons.size(), 3))
+  {
+    Box box;
+#pragma omp for schedule(static) nowait
+    for (const PhotonRecord& photon : photons) Grow(box, photon.position);
+#pragma omp critical
+    Grow(all, box);
+  }
+  return all;
+}
+
 void BuildWithSlots(float radius) {
   const std::size_t count = photonStore.photons.size();
   std::vector<SlottedPhoton> photons(count);
+#pragma omp parallel for schedule(static) if (IsWorthThreads(count, 5))
   for (std::size_t i = 0; i < count; ++i) photons[i] = {photonStore.photons[i], photonStore.slots[i]};
   BuildTree(photons, radius);
+#pragma omp parallel for schedule(static) if (IsWorthThreads(count, 5))
   for (std::size_t i = 0; i < count; ++i) {
     photonStore.photons[i] = photons[i];
     photonStore.slots[i] = photons[i].slot;
@@ -205,7 +204,7 @@ void BuildPhotonStore(float radius) {
   photonStore.box = Box();
   Release(photonStore.nodes);
   if (photons.empty()) return PrintPhotons();
-  for (const PhotonRecord& photon : photons) Grow(photonStore.box, photon.position);
+  photonStore.box = FindBox(photons);
   if (photonStore.slots.size() == photons.size())
     BuildWithSlots(radius);
   else

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/box.h"
+#include "core/release.h"
 #include "core/vec.h"
 
 namespace zp {
@@ -26,20 +27,20 @@ struct PhotonRecord {
 static_assert(sizeof(PhotonRecord) == 28);
 
 struct PhotonNode {
-  std::uint32_t first = 0;  // inner node: its first child; leaf: its first photon
+  std::uint32_t first;  // inner node: its first child; leaf: its first photon
   union {
-    float split;              // inner node: coordinate
-    std::uint32_t count = 0;  // leaf: photons
+    float split;          // inner node: coordinate
+    std::uint32_t count;  // leaf: photons
   };
-  std::uint8_t axis = 0;
-  std::uint8_t children = 0;  // 0 leaf, 1 the lower one alone, 2 the upper one alone, 3 both
+  std::uint8_t axis;
+  std::uint8_t children;  // 0 leaf, 1 the lower one alone, 2 the upper one alone, 3 both
 };
 static_assert(sizeof(PhotonNode) == 12);
 
 struct PhotonStore {
   std::vector<PhotonRecord> photons;  // in the order of the leaves, once built
   std::vector<std::uint16_t> slots;   // what each photon is told apart by; empty where nothing asks
-  std::vector<PhotonNode> nodes;      // node 0 is the root
+  RawVector<PhotonNode> nodes;        // node 0 is the root
   Box box;                            // of all positions
 };
 extern PhotonStore photonStore;
