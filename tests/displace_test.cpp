@@ -75,7 +75,7 @@ Bits BitsOf(Vec3 p) {
 }
 
 // How often each edge is walked there less how often back: 0 where two triangles meet. Open edges alone.
-std::map<std::pair<Bits, Bits>, int> OpenEdges(const std::vector<Triangle>& triangles, const Part& part) {
+std::map<std::pair<Bits, Bits>, int> OpenEdges(const RawVector<Triangle>& triangles, const Part& part) {
   std::map<std::pair<Bits, Bits>, int> walked;
   for (const Triangle& triangle : triangles)
     for (int i = 0; i < 3; ++i) {
@@ -167,7 +167,7 @@ TEST_F(DisplaceTest, PointsOfDifferentLevelsCoincide) {
   for (std::size_t i = 0; i < part.triangles.size(); i += 2) part.triangles[i].shader = other_;
   Displace(part);
   std::set<Bits> finePoints;
-  std::vector<Triangle> coarse;
+  RawVector<Triangle> coarse;
   for (const Triangle& t : part.triangles) {
     if (t.shader != other_) coarse.push_back(t);
     for (const std::uint32_t v : t.vertex)

@@ -11,8 +11,8 @@
 namespace zp {
 
 // Room for `count` elements in all, which come soon, in large pages where the system gives them.
-template <class T>
-void ReserveLarge(std::vector<T>& array, std::size_t count) {
+template <class T, class Allocator>
+void ReserveLarge(std::vector<T, Allocator>& array, std::size_t count) {
   array.reserve(count);
   FetchLargePages(array.data(), array.capacity() * sizeof(T));
 }

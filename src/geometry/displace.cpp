@@ -112,7 +112,7 @@ bool PlanPass(const Part& part, std::size_t pass, PassPlan& plan) {
 
 // Makes room in all arrays of the vertices, empty sets apart. False, with the Part as it was, when there is
 // not enough memory.
-bool GrowArrays(Part& part, const PassPlan& plan, std::vector<Triangle>& triangles) {
+bool GrowArrays(Part& part, const PassPlan& plan, RawVector<Triangle>& triangles) {
   const std::size_t old = part.positions.size();
   const auto forEachArray = [&](auto&& visit) {
     visit(part.positions);
@@ -286,7 +286,7 @@ std::string ValidateRefined(const Part& part, const PassPlan& plan) {
 // One layer of every shader. False, with an error row and the Part unchanged, when the result is too large.
 bool RefineAndMove(Part& part, std::size_t pass) {
   PassPlan plan;
-  std::vector<Triangle> triangles;
+  RawVector<Triangle> triangles;
   if (!PlanPass(part, pass, plan) || !GrowArrays(part, plan, triangles)) {
     PrintError("part - displacement levels ask for more triangles than can be held, the layer is left out",
                {"displacement-size"});

@@ -50,8 +50,8 @@ struct PrimitiveFilter {
 };
 
 // Compacts `list`, and `shadersOfList` beside it where it holds one entry for each.
-template <class T, class Predicate>
-void KeepIf(std::vector<T>& list, std::vector<std::int32_t>* shadersOfList, Predicate&& keep) {
+template <class List, class Predicate>
+void KeepIf(List& list, std::vector<std::int32_t>* shadersOfList, Predicate&& keep) {
   std::size_t kept = 0;
   for (std::size_t i = 0; i < list.size(); ++i) {
     if (!keep(list[i])) continue;

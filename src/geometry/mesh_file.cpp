@@ -39,8 +39,8 @@ enum MeshBit : std::uint32_t { kUvs = 1, kNormals = 2 };
 struct MeshBytes {
   std::string_view rest;
 
-  template <class T>
-  void Take(std::vector<T>& array, std::size_t count) {
+  template <class T, class Allocator>
+  void Take(std::vector<T, Allocator>& array, std::size_t count) {
     ReserveLarge(array, count);
     array.resize(count);
     if (count > 0) std::memcpy(array.data(), rest.data(), count * sizeof(T));
@@ -74,15 +74,14 @@ std::vector<std::int32_t> ReadNames(std::string_view names, std::size_t count) {
 }
 
 // Shaders of the table in place of the file's; how many faces have vertices that are not there, which go.
-template <class Face>
-std::size_t Settle(std::vector<Face>& faces, const std::vector<std::int32_t>& shadersOf,
-                   std::size_t vertices) {
-  const auto isLost = [&](const Face& face) {
+template <class Faces>
+std::size_t Settle(Faces& faces, const std::vector<std::int32_t>& shadersOf, std::size_t vertices) {
+  const auto isLost = [&](const auto& face) {
     return std::any_of(std::begin(face.vertex), std::end(face.vertex),
                        [&](std::uint32_t vertex) { return vertex >= vertices; });
   };
   bool anyLost = false;
-  for (Face& face : faces) {
+  for (auto& face : faces) {
     face.shader = IsIndex(shadersOf, face.shader) ? At(shadersOf, face.shader) : 0;
     anyLost |= isLost(face);
   }

@@ -74,8 +74,8 @@ struct VertexState {
 struct Part {
   std::vector<std::uint32_t> particles;  // a particle's vertex
   std::vector<std::uint32_t> cylinders;  // a segment's first vertex; it runs to the next one
-  std::vector<Triangle> triangles;
-  std::vector<Tetragon> tetragons;
+  RawVector<Triangle> triangles;
+  RawVector<Tetragon> tetragons;
   std::vector<std::uint32_t> strandLengths;  // segments of each strand
   std::vector<VertexSet<Vec3>> vectorSets;
   std::vector<VertexSet<Vec2>> uvSets = {{"uv", {}}};

@@ -87,9 +87,9 @@ bool WantsFacetsOnly(const Part& part) {
 }
 
 // Drops faces with a corner outside the positions.
-template <class Face>
-bool DropOutOfRange(std::vector<Face>& faces, std::size_t count) {
-  const auto isOutside = [count](const Face& face) {
+template <class Faces>
+bool DropOutOfRange(Faces& faces, std::size_t count) {
+  const auto isOutside = [count](const auto& face) {
     return std::any_of(std::begin(face.vertex), std::end(face.vertex),
                        [count](std::uint32_t v) { return v >= count; });
   };

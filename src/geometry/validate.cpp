@@ -49,8 +49,8 @@ struct PartCheck {
       fault.Require(IsFinite(part.positions[v]), "round primitive's position", primitive);
   }
 
-  template <class Face>
-  void CheckFaces(const std::vector<Face>& faces) {
+  template <class Faces>
+  void CheckFaces(const Faces& faces) {
     for (std::size_t i = 0; i < faces.size(); ++i) {
       fault.Require(IsShader(faces[i].shader), "face's shader", i);
       for (const std::uint32_t v : faces[i].vertex)

@@ -57,9 +57,9 @@ bool HasPrimitives(const Part& part) {
 }
 
 // Of every corner of a face that is there, and whether it is the case for one of them.
-template <class Face, class Is>
-bool AnyFace(const Part& part, const std::vector<Face>& faces, Is&& is) {
-  return std::any_of(faces.begin(), faces.end(), [&](const Face& face) {
+template <class Faces, class Is>
+bool AnyFace(const Part& part, const Faces& faces, Is&& is) {
+  return std::any_of(faces.begin(), faces.end(), [&](const auto& face) {
     return std::all_of(std::begin(face.vertex), std::end(face.vertex),
                        [&](std::uint32_t v) { return v < part.positions.size(); }) &&
            is(face);
