@@ -46,19 +46,20 @@ struct Sides {
 
 LaneBox CentroidBox(const BuildRecord* records, std::uint32_t count) {
   LaneBox box = EmptyBox();
-  for (std::uint32_t i = 0; i < count; ++i) Grow(box, BoxAround(CentroidOf(BoxOf(records[i]))));
+  for (std::uint32_t i = 0; i < count; ++i) Grow(box, CentroidBox(BoxOf(records[i])));
   return box;
 }
 
 // Sets all bits of the byte of each record that goes left, none of others.
+template <bool kRightIsLarger>
 Sides FindSides(const BuildRecord* records, std::uint32_t count, const SideOf& side, std::int8_t* isLeft) {
   const SideOf ours = side;  // what bytes are written to might be anything
   std::uint32_t lefts = 0;
   LaneBox leftCentroids = EmptyBox(), rightCentroids = EmptyBox();
   for (std::uint32_t i = 0; i < count; ++i) {
     const LaneBox box = BoxOf(records[i]);
-    const std::uint32_t left = ours.IsLeft(box);
-    const LaneBox center = BoxAround(CentroidOf(box));
+    const std::uint32_t left = ours.IsLeft(box, kRightIsLarger);
+    const LaneBox center = CentroidBox(box);
     const Float8 mask = MaskOf(left);
     Grow(leftCentroids, Choose(mask, center, EmptyBox()));
     Grow(rightCentroids, Choose(mask, EmptyBox(), center));
@@ -139,7 +140,8 @@ struct Builder {
   Sides Partition(const BuildTask& task, const Split& split) {
     const SideOf side(split);
     const auto find = [&](std::uint32_t first, std::uint32_t count) {
-      return FindSides(records + first, count, side, isLeft + first);
+      return (side.rightIsLarger ? FindSides<true> : FindSides<false>)(records + first, count, side,
+                                                                       isLeft + first);
     };
     const Sides sides = task.count < kSharedPasses ? find(task.first, task.count) : Shared<Sides>(task, find);
     if (sides.left != task.count)
@@ -201,8 +203,8 @@ struct Builder {
     BuildRecord* const two = records + task.first;
     const Split split = SplitPair(two, task.centroids);
     const SideOf side(split);
-    const std::uint32_t left = side.IsLeft(BoxOf(two[0]));
-    if (split.cost == kFarthest || left == side.IsLeft(BoxOf(two[1]))) return false;
+    const std::uint32_t left = side.IsLeft(BoxOf(two[0]), side.rightIsLarger);
+    if (split.cost == kFarthest || left == side.IsLeft(BoxOf(two[1]), side.rightIsLarger)) return false;
     if (left == 0) Exchange(two[0], two[1]);
     for (std::uint32_t i = 0; i < 2; ++i) MakeLeaf(pair + i, task.first + i, 1);
     return true;
