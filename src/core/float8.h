@@ -255,6 +255,11 @@ struct Words8 {
   void Store(std::uint32_t* p) const { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v); }
 };
 inline Words8 operator+(Words8 a, Words8 b) { return {_mm256_add_epi32(a.v, b.v)}; }
+// The last two lanes are the bits of `words`, the lower first.
+inline Float8 WithLastWords(Float8 a, std::uint64_t words) {
+  const __m256i all = _mm256_set1_epi64x(static_cast<long long>(words));
+  return {_mm256_blend_ps(a.v, _mm256_castsi256_ps(all), 0xC0)};
+}
 inline Words8 MakeWords(const std::uint32_t (&a)[4], const std::uint32_t (&b)[4]) {
   const auto word = [](std::uint32_t x) { return static_cast<int>(x); };
   return {_mm256_setr_epi32(word(a[0]), word(a[1]), word(a[2]), word(a[3]), word(b[0]), word(b[1]),
