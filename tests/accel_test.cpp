@@ -10,9 +10,9 @@
 #include <limits>
 #include <random>
 
-#include "core/float8.h"
 #include "accel/primitive_tests.h"
 #include "core/console.h"
+#include "core/float8.h"
 #include "geometry/geometry.h"
 #include "random_geometry.h"
 #include "surroundings.h"
@@ -56,13 +56,13 @@ void BuildWellFormed(Object& object) {
 float RefitCost(const Object& object, std::uint32_t index, Box& box) {
   const BinaryNode& n = object.nodes[index];
   box = Box{};
-  if (n.count != 0) {
-    for (std::uint32_t i = n.first; i < n.first + n.count; ++i)
-      Grow(box, PrimitiveBox(object, object.references[i]));
-    return HalfArea(box) * n.count;
+  if (n.IsLeaf()) {
+    for (std::uint32_t i = 0; i < n.Sum(); ++i)
+      Grow(box, PrimitiveBox(object, object.references[n.FirstReference() + i]));
+    return HalfArea(box) * static_cast<float>(n.Sum());
   }
   Box l, r;
-  const float cost = RefitCost(object, n.first, l) + RefitCost(object, n.first + 1, r);
+  const float cost = RefitCost(object, n.link, l) + RefitCost(object, n.link + 1, r);
   box = Union(l, r);
   return cost + HalfArea(box);
 }
@@ -113,17 +113,17 @@ TEST_F(AccelTest, BinaryTreeKeepsItsInvariantsAndRotationsNeverCostMore) {
   object.parts.push_back(MakeSoup(5000));
   BuildWellFormed(object);
   Box box, after;
-  EXPECT_NEAR(object.treeCost, RefitCost(object, 0, box), 1e-3 * object.treeCost);
+  EXPECT_NEAR(object.treeCost, RefitCost(object, BinaryNode::kRoot, box), 1e-3 * object.treeCost);
   EXPECT_EQ(object.bounds, box);
   object.deformable = true;
   for (Vec3& p : object.parts[0].positions) p = UniformPoint(10);
-  const float before = RefitCost(object, 0, box);
+  const float before = RefitCost(object, BinaryNode::kRoot, box);
   Update(object, false, 1);
   EXPECT_EQ(ValidateTree(object), "");
-  const float cost = RefitCost(object, 0, after);
+  const float cost = RefitCost(object, BinaryNode::kRoot, after);
   EXPECT_LT(cost, before);
   EXPECT_EQ(box, after);
-  EXPECT_EQ(object.nodes[0].sum, 5000U);
+  EXPECT_EQ(object.nodes[BinaryNode::kRoot].Sum(), 5000U);
   EXPECT_NEAR(object.treeCost, cost, 1e-3 * static_cast<double>(cost));
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "accel/accel.h"
+#include "accel/node_lanes.h"
 #include "accel/split.h"
 #include "accel/update_steps.h"
 #include "core/console.h"
@@ -20,7 +21,7 @@ namespace zp {
 namespace {
 
 constexpr int kDepthLimit = 255;                  // a node this deep becomes a leaf
-constexpr std::uint32_t kLargestLeaf = 65535;     // BinaryNode::count has 16 bits
+constexpr std::uint32_t kLargestLeaf = 65535;     // WideNode::count has 16 bits
 constexpr std::uint32_t kSubtreeSize = 4096;      // finished by one thread
 constexpr std::uint32_t kSharedPasses = 65536;    // passes over so many records go to all threads
 constexpr std::uint32_t kRecordsOfAPass = 16384;  // that a thread takes at once
@@ -46,19 +47,20 @@ struct Sides {
 
 LaneBox CentroidBox(const BuildRecord* records, std::uint32_t count) {
   LaneBox box = EmptyBox();
-  for (std::uint32_t i = 0; i < count; ++i) Grow(box, BoxAround(CentroidOf(BoxOf(records[i]))));
+  for (std::uint32_t i = 0; i < count; ++i) Grow(box, CentroidBox(BoxOf(records[i])));
   return box;
 }
 
 // Sets all bits of the byte of each record that goes left, none of others.
+template <bool kRightIsLarger>
 Sides FindSides(const BuildRecord* records, std::uint32_t count, const SideOf& side, std::int8_t* isLeft) {
   const SideOf ours = side;  // what bytes are written to might be anything
   std::uint32_t lefts = 0;
   LaneBox leftCentroids = EmptyBox(), rightCentroids = EmptyBox();
   for (std::uint32_t i = 0; i < count; ++i) {
     const LaneBox box = BoxOf(records[i]);
-    const std::uint32_t left = ours.IsLeft(box);
-    const LaneBox center = BoxAround(CentroidOf(box));
+    const std::uint32_t left = ours.IsLeft(box, kRightIsLarger);
+    const LaneBox center = CentroidBox(box);
     const Float8 mask = MaskOf(left);
     Grow(leftCentroids, Choose(mask, center, EmptyBox()));
     Grow(rightCentroids, Choose(mask, EmptyBox(), center));
@@ -139,7 +141,8 @@ struct Builder {
   Sides Partition(const BuildTask& task, const Split& split) {
     const SideOf side(split);
     const auto find = [&](std::uint32_t first, std::uint32_t count) {
-      return FindSides(records + first, count, side, isLeft + first);
+      return (side.rightIsLarger ? FindSides<true> : FindSides<false>)(records + first, count, side,
+                                                                       isLeft + first);
     };
     const Sides sides = task.count < kSharedPasses ? find(task.first, task.count) : Shared<Sides>(task, find);
     if (sides.left != task.count)
@@ -147,8 +150,8 @@ struct Builder {
     return sides;
   }
 
-  void MakeLeaf(std::uint32_t index, std::uint32_t first, std::uint32_t count) {
-    BinaryNode& node = nodes[index];
+  // Returns the cost.
+  float MakeLeaf(std::uint32_t index, std::uint32_t first, std::uint32_t count) {
     LaneBox box = EmptyBox();
     for (std::uint32_t i = first; i < first + count; ++i) {
       const BuildRecord& record = records[i];
@@ -156,15 +159,13 @@ struct Builder {
       references[i] = {static_cast<std::uint16_t>(record.partAndKind & 0xFFFFU),
                        static_cast<std::uint16_t>(record.partAndKind >> 16U), record.index};
     }
-    node.box = ToBox(box);
-    node.first = first;
-    node.count = static_cast<std::uint16_t>(count);
-    node.sum = count;
-    node.cost = HalfArea(node.box) * static_cast<float>(count);
+    const NodeLanes node = ToNodeLanes(box);
+    Store(nodes[index], WithWords(node, 2 * first + 1, count));
+    return HalfAreaOf(node) * static_cast<float>(count);
   }
 
-  // Splits the task in two, which still have no nodes; false if it became a leaf.
-  bool Divide(const BuildTask& task, BuildTask children[2]) {
+  // Splits the task in two, which still have no nodes; false if it became a leaf, of this cost.
+  bool Divide(const BuildTask& task, BuildTask children[2], NodeCosts& costs) {
     Sides sides;
     const bool stops = Stopping();
     if (task.count >= 2 && task.depth < kDepthLimit && !stops && !IsFlat(task.centroids)) {
@@ -173,7 +174,7 @@ struct Builder {
     }
     if (sides.left == 0 || sides.left == task.count) {
       if (task.count <= kLargestLeaf || stops) {
-        MakeLeaf(task.node, task.first, task.count);
+        costs.unrotated = costs.cost = MakeLeaf(task.node, task.first, task.count);
         return false;
       }
       sides.left = task.count / 2;
@@ -186,71 +187,67 @@ struct Builder {
     return true;
   }
 
-  // The node of two finished children that stand at `pair`. Returns what FinishNode does.
-  float Finish(std::uint32_t index, std::uint32_t pair, std::uint32_t count, const float (&costs)[2]) {
-    BinaryNode& node = nodes[index];
-    node.first = pair;
-    node.count = 0;
-    node.sum = count;
-    return FinishNode(nodes, node, costs[0], costs[1]);
+  // The node of two finished children that stand at `pair`.
+  NodeCosts Finish(std::uint32_t index, std::uint32_t pair, const NodeCosts (&costs)[2]) {
+    return FinishNode(nodes, nodes[index], pair, costs[0], costs[1]);
   }
 
-  // Two records as a leaf each; false if they need what Divide does.
-  bool MakePair(const BuildTask& task, std::uint32_t pair) {
+  // Two records as a leaf each, of these costs; false if they need what Divide does.
+  bool MakePair(const BuildTask& task, std::uint32_t pair, NodeCosts (&costs)[2]) {
     if (task.depth >= kDepthLimit || IsFlat(task.centroids)) return false;
     BuildRecord* const two = records + task.first;
     const Split split = SplitPair(two, task.centroids);
     const SideOf side(split);
-    const std::uint32_t left = side.IsLeft(BoxOf(two[0]));
-    if (split.cost == kFarthest || left == side.IsLeft(BoxOf(two[1]))) return false;
+    const std::uint32_t left = side.IsLeft(BoxOf(two[0]), side.rightIsLarger);
+    if (split.cost == kFarthest || left == side.IsLeft(BoxOf(two[1]), side.rightIsLarger)) return false;
     if (left == 0) Exchange(two[0], two[1]);
-    for (std::uint32_t i = 0; i < 2; ++i) MakeLeaf(pair + i, task.first + i, 1);
+    for (std::uint32_t i = 0; i < 2; ++i)
+      costs[i].unrotated = costs[i].cost = MakeLeaf(pair + i, task.first + i, 1);
     return true;
   }
 
-  // Makes the task's node and all below, each pair of nodes before those below it, and rotates them. The
-  // result is that of FinishNode.
-  float MakeSubtree(const BuildTask& task, std::uint32_t& next, int& deepest) {
+  // Makes the task's node and all below, each pair of nodes before those below it, and rotates them.
+  NodeCosts MakeSubtree(const BuildTask& task, std::uint32_t& next, int& deepest) {
     BuildTask children[2];
+    NodeCosts costs[2];
     deepest = std::max(deepest, task.depth);
     const std::uint32_t pair = next;
-    if (task.count == 2 && MakePair(task, pair)) {
+    if (task.count == 2 && MakePair(task, pair, costs)) {
       next += 2;
       deepest = std::max(deepest, task.depth + 1);
-      return Finish(task.node, pair, 2, {nodes[pair].cost, nodes[pair + 1].cost});
+      return Finish(task.node, pair, costs);
     }
-    if (!Divide(task, children)) return nodes[task.node].cost;
+    if (!Divide(task, children, costs[0])) return costs[0];
     next += 2;
-    float costs[2];
     for (std::uint32_t i = 0; i < 2; ++i) {
       children[i].node = pair + i;
       costs[i] = MakeSubtree(children[i], next, deepest);
     }
-    return Finish(task.node, pair, task.count, costs);
+    return Finish(task.node, pair, costs);
   }
 
-  float MakeTree(const BuildTask& task) {
+  NodeCosts MakeTree(const BuildTask& task) {
     if (task.count <= kSubtreeSize) {
       std::uint32_t next = task.below;
       int deepest = 0;
-      const float cost = MakeSubtree(task, next, deepest);
+      const NodeCosts costs = MakeSubtree(task, next, deepest);
       RaiseDepth(deepest);
-      return cost;
+      return costs;
     }
     BuildTask children[2];
+    NodeCosts costs[2];
     RaiseDepth(task.depth);
-    if (!Divide(task, children)) return nodes[task.node].cost;
+    if (!Divide(task, children, costs[0])) return costs[0];
     const std::uint32_t pair = task.below;
     children[0].node = pair;
     children[0].below = pair + 2;
     children[1].node = pair + 1;
     children[1].below = pair + 2 * children[0].count;
-    float costs[2];
 #pragma omp task default(shared)
     costs[0] = MakeTree(children[0]);
     costs[1] = MakeTree(children[1]);
 #pragma omp taskwait
-    return Finish(task.node, pair, task.count, costs);
+    return Finish(task.node, pair, costs);
   }
 };
 
@@ -328,17 +325,19 @@ void Build(Object& object) {
   RawVector<BuildRecord> records(total);
   RawVector<std::int8_t> isLeft(total);
   object.references.resize(total);
-  object.nodes.resize(std::max<std::size_t>(2 * total, 2) - 1);
+  object.nodes.resize(std::max<std::size_t>(2 * total, BinaryNode::kRoot + 1));
   Builder builder{records.data(), isLeft.data(), object.references.data(), object.nodes.data()};
+  NodeCosts costs = {};
 #pragma omp parallel if (IsWorthThreads(total, 300))
 #pragma omp single
   {
     const LaneBox centroids = FillRecords(object, lists, records.data());
-    builder.MakeTree({centroids, 0, 1, 0, static_cast<std::uint32_t>(total), 0});
+    costs = builder.MakeTree(
+        {centroids, BinaryNode::kRoot, BinaryNode::kRoot + 1, 0, static_cast<std::uint32_t>(total), 0});
   }
   if (Stopping()) return ReleaseTrees(object);
-  object.bounds = object.nodes[0].box;
-  object.treeCost = static_cast<double>(object.nodes[0].cost);
+  object.bounds = object.nodes[BinaryNode::kRoot].box;
+  object.treeCost = static_cast<double>(costs.cost);
 
   PrintIntegerRow(label, static_cast<std::uint64_t>(builder.depth), "n/a");
   PrintFloatRow("bbvh construction for " + object.name,

@@ -41,24 +41,25 @@ std::uint8_t PackedKindOf(const PrimitiveRef& reference) {
 
 struct Collapser {
   Object& object;
-  bool isOfInstances = 2 * object.instances.size() > object.nodes[0].sum;  // more than of others
+  bool isOfInstances = 2 * object.instances.size() >
+                       object.nodes[BinaryNode::kRoot].Sum();  // more than of others
 
   // The inner node of which this is largest is opened next, by area or, of few Instances, the one that holds
   // the fewest: whole nodes of eight are left. By area there are many of two or three, half a node for each
   // Instance, which never share a leaf. Leaves are not opened.
   float OpenRank(std::uint32_t index, bool fewestFirst) const {
     const BinaryNode& n = object.nodes[index];
-    if (IsLeaf(n)) return -1.0f;
-    return fewestFirst ? 1.0f / static_cast<float>(n.sum) : HalfArea(n.box);
+    if (n.IsLeaf()) return -1.0f;
+    return fewestFirst ? 1.0f / static_cast<float>(n.Sum()) : HalfArea(n.box);
   }
 
   // Leaf references from left to right, to `next` and on. Returns the packed kind of all, given `kind`, that
   // of those before.
   std::uint8_t CopyLeaves(std::uint32_t index, PrimitiveRef*& next, std::uint8_t kind) const {
     const BinaryNode& n = object.nodes[index];
-    if (!IsLeaf(n)) return CopyLeaves(n.first + 1, next, CopyLeaves(n.first, next, kind));
-    for (const PrimitiveRef* from = object.references.data() + n.first;
-         from != object.references.data() + n.first + n.count; ++from) {
+    if (!n.IsLeaf()) return CopyLeaves(n.link + 1, next, CopyLeaves(n.link, next, kind));
+    const PrimitiveRef* const first = object.references.data() + n.FirstReference();
+    for (const PrimitiveRef* from = first; from != first + n.Sum(); ++from) {
       if (kind != kMixed && kPackedKinds[kind].kind != from->kind) kind = kMixed;
       *next++ = *from;
     }
@@ -69,7 +70,7 @@ struct Collapser {
     Cut cut;
     cut.firstReference = firstReference;
     cut.slots[0] = binary;
-    const bool fewestFirst = isOfInstances && object.nodes[binary].sum <= kFewInstances;
+    const bool fewestFirst = isOfInstances && object.nodes[binary].Sum() <= kFewInstances;
     float ranks[8] = {OpenRank(binary, fewestFirst)};
     std::uint32_t size = 1;
     while (size < 8) {
@@ -78,7 +79,7 @@ struct Collapser {
         if (ranks[i] > (largest < 0 ? -1.0f : ranks[largest])) largest = i;
       if (largest < 0) break;
       std::uint32_t& slot = cut.slots[static_cast<std::size_t>(largest)];
-      slot = object.nodes[slot].first;
+      slot = object.nodes[slot].link;
       cut.slots[size] = slot + 1;
       ranks[largest] = OpenRank(slot, fewestFirst);
       ranks[size] = OpenRank(slot + 1, fewestFirst);
@@ -86,11 +87,6 @@ struct Collapser {
     }
     cut.size = static_cast<std::uint8_t>(size);
     return cut;
-  }
-
-  static bool IsWideLeaf(const BinaryNode& n) {
-    const bool flat = n.sum < 2 || n.cost > static_cast<float>(n.sum) * HalfArea(n.box);
-    return IsLeaf(n) || (flat && n.sum <= 65535);
   }
 
   // Calls `below` of the binary node and the first reference of each inner slot, and copies those of the
@@ -102,10 +98,10 @@ struct Collapser {
     std::uint8_t all = kMixed;
     for (std::uint32_t i = 0; i < cut.size; ++i) {
       const BinaryNode& n = object.nodes[cut.slots[i]];
-      const std::uint32_t sum = n.sum;
+      const std::uint32_t sum = n.Sum();
       std::uint8_t kind = kMixed;
       cut.kinds[i] = kMixed;
-      if (IsWideLeaf(n)) {
+      if (n.IsWideLeaf()) {
         cut.leaves = static_cast<std::uint8_t>(cut.leaves | 1U << i);
         PrimitiveRef* next = object.compactReferences.data() + reference;
         if (sum != 0) kind = CopyLeaves(cut.slots[i], next, FirstKind(cut.slots[i]));
@@ -122,8 +118,8 @@ struct Collapser {
 
   // The packed kind of a node's first reference.
   std::uint8_t FirstKind(std::uint32_t index) const {
-    while (!IsLeaf(object.nodes[index])) index = object.nodes[index].first;
-    return PackedKindOf(object.references[object.nodes[index].first]);
+    while (!object.nodes[index].IsLeaf()) index = object.nodes[index].link;
+    return PackedKindOf(object.references[object.nodes[index].FirstReference()]);
   }
 
   // Returns the packed kind of all below.
@@ -137,8 +133,8 @@ struct Collapser {
       return Collapse(slot, reference, depth + 1, deepest, cuts);
     });
     cut.below = static_cast<std::uint32_t>(cuts.size() - place);
-    const std::uint32_t sum = object.nodes[binary].sum;
-    if (binary != 0 && kind != kMixed && sum <= kPackedKinds[kind].most) {
+    const std::uint32_t sum = object.nodes[binary].Sum();
+    if (binary != BinaryNode::kRoot && kind != kMixed && sum <= kPackedKinds[kind].most) {
       cut.merged = kind;
       cut.count = static_cast<std::uint8_t>(sum);
     }
@@ -205,7 +201,7 @@ struct NodeWriter {
     WideNode& wide = object.wideNodes[place];
     std::uint32_t reference = cut.firstReference;
     for (std::uint32_t i = 0; i < 8; ++i) {
-      const std::uint32_t sum = i < cut.size ? object.nodes[cut.slots[i]].sum : 0;
+      const std::uint32_t sum = i < cut.size ? object.nodes[cut.slots[i]].Sum() : 0;
       const bool isLeaf = (cut.leaves >> i & 1U) != 0;
       wide.log[i] = 0;
       wide.count[i] = static_cast<std::uint16_t>(isLeaf ? sum : 0);
@@ -279,7 +275,7 @@ struct Pieces {
     const std::size_t place = pieces.size();
     pieces.push_back({binary, firstReference, depth, depth});
     tops.emplace_back();
-    if (collapser.object.nodes[binary].sum <= kMostOfPiece) {
+    if (collapser.object.nodes[binary].Sum() <= kMostOfPiece) {
       pieces[place].isSubtree = true;
     } else {
       Cut cut = collapser.OpenNodes(binary, firstReference);
@@ -364,7 +360,7 @@ std::size_t MostWideNodes(std::size_t primitives) { return primitives * 4 / 7 + 
 }  // namespace
 
 CollapsedTree CollapseTree(Object& object) {
-  const std::uint32_t total = object.nodes[0].sum;
+  const std::uint32_t total = object.nodes[BinaryNode::kRoot].Sum();
   if (object.packed == nullptr || object.packed.use_count() != 1)
     object.packed = std::make_shared<PackedTree>();
   object.compactReferences.resize(total);
@@ -373,7 +369,7 @@ CollapsedTree CollapseTree(Object& object) {
   object.packed->nodes.Resize(MostWideNodes(total));
   object.packed->wide.Resize(MostWideNodes(total));
   Pieces work{{object}};
-  work.Divide(0, 0, 0);
+  work.Divide(BinaryNode::kRoot, 0, 0);
   work.isCounted.resize(work.pieces.size());
   work.cuts.resize(work.pieces.size());
   const NodeWriter writer{object};

@@ -10,7 +10,7 @@
 #include <iterator>
 #include <utility>
 
-#include "accel/split.h"
+#include "accel/node_lanes.h"
 #include "accel/update_steps.h"
 #include "core/index.h"
 #include "core/stop.h"
@@ -82,11 +82,13 @@ constexpr ArrangementLanes MakeArrangementLanes() {
 }
 constexpr ArrangementLanes kArrangementLanes = MakeArrangementLanes();
 
-LaneBox ToLanes(const BinaryNode& n) {
-  alignas(32) static constexpr float kSigns[8] = {1, 1, 1, 0, -1, -1, -1, 0};
-  alignas(32) static constexpr std::uint32_t kOrder[8] = {0, 1, 2, 0, 3, 4, 5, 0};
-  return Permute(Float8::Load(&n.box.min.x), Words8::Load(kOrder)) * Float8::LoadAligned(kSigns);
-}
+// A node and the cost of its subtree.
+struct CostedNode {
+  NodeLanes lanes;
+  std::uint32_t sum;
+  float cost;
+};
+using Grandchildren = std::array<CostedNode, 4>;
 
 // The boxes of all groups, and behind them the one around all.
 struct GroupBoxes {
@@ -95,8 +97,9 @@ struct GroupBoxes {
   LaneBox& Of(int group) { return of[group / 8][group % 8]; }
   const LaneBox& Of(int group) const { return of[group / 8][group % 8]; }
 
-  explicit GroupBoxes(const std::array<BinaryNode, 4>& g) {
-    const LaneBox boxA = ToLanes(g[a]), boxB = ToLanes(g[b]), boxC = ToLanes(g[c]), boxD = ToLanes(g[d]);
+  explicit GroupBoxes(const Grandchildren& g) {
+    const LaneBox boxA = ToLaneBox(g[a].lanes), boxB = ToLaneBox(g[b].lanes), boxC = ToLaneBox(g[c].lanes),
+                  boxD = ToLaneBox(g[d].lanes);
     Of(ab) = Min(boxB, boxA);
     Of(ac) = Min(boxC, boxA);
     Of(ad) = Min(boxD, boxA);
@@ -112,7 +115,7 @@ struct GroupBoxes {
   }
 
   // The first arrangement of the least cost below `cost`; null if there is none.
-  const Arrangement* Cheapest(const std::array<BinaryNode, 4>& g, float cost) const {
+  const Arrangement* Cheapest(const Grandchildren& g, float cost) const {
     const Float8 areas = HalfAreas(of[0]), lateAreas = HalfAreas(of[1]);
     const float all = Permute(lateAreas, Words8::Set(kGroupCount)).First();
     const Float8 base = Float8::Set(all + g[a].cost + g[b].cost + g[c].cost + g[d].cost);
@@ -138,123 +141,125 @@ struct GroupBoxes {
 
 constexpr int kTaskDepth = 10;  // subtrees above this depth are shared among threads
 
+// An inner node with the box of `box`, above two children that stand at `pair`.
+CostedNode MakeInner(std::uint32_t pair, NodeLanes box, std::uint32_t sum, float leftCost, float rightCost) {
+  constexpr std::uint32_t kMostOfWideLeaf = 65535;  // WideNode::count has 16 bits
+  const float area = HalfAreaOf(box), cost = area + leftCost + rightCost;
+  const bool isCheapAsLeaf = cost > static_cast<float>(sum) * area && sum <= kMostOfWideLeaf;
+  return {WithWords(box, pair, isCheapAsLeaf ? sum | BinaryNode::kCheapAsLeaf : sum), sum, cost};
+}
+
+// Rotates below a node whose children have these costs, and says what they cost then.
 struct NodeRotator {
   BinaryNode* nodes;
+  float unrotated;  // cost to beat
+  const NodeCosts &left, &right;
+  float leftCost = left.cost, rightCost = right.cost;
 
-  // Of an inner node.
-  void Refit(BinaryNode& n) {
-    const BinaryNode &l = nodes[n.first], &r = nodes[n.first + 1];
-    n.box = Union(l.box, r.box);
-    n.cost = HalfArea(n.box) + l.cost + r.cost;
-    n.sum = l.sum + r.sum;
-  }
-
-  void RecomputeCost(BinaryNode& n) {
-    if (IsLeaf(n)) {
-      n.cost = static_cast<float>(n.count) * HalfArea(n.box);
+  // The children stand at `pair`.
+  void Rotate(std::uint32_t pair) {
+    BinaryNode &l = nodes[pair], &r = nodes[pair + 1];
+    if (r.IsLeaf()) {
+      RotateOneSide(l, left, leftCost, r, rightCost);
+    } else if (l.IsLeaf()) {
+      RotateOneSide(r, right, rightCost, l, leftCost);
     } else {
-      const BinaryNode &l = nodes[n.first], &r = nodes[n.first + 1];
-      n.cost = HalfArea(n.box) + l.cost + r.cost;
-      n.sum = l.sum + r.sum;
+      RotateBothSides(l, r);
     }
-  }
-
-  void Rotate(BinaryNode& n) {
-    BinaryNode &l = nodes[n.first], &r = nodes[n.first + 1];
-    if (IsLeaf(l) && IsLeaf(r)) {
-      // nothing below to exchange
-    } else if (IsLeaf(r)) {
-      RotateOneSide(n, l, r);
-    } else if (IsLeaf(l)) {
-      RotateOneSide(n, r, l);
-    } else {
-      RotateBothSides(n, l, r);
-    }
-    Refit(n);
   }
 
   // `inner` has children x, y; `leaf` changes places with one of them if that makes the subtree cheaper.
-  void RotateOneSide(const BinaryNode& n, BinaryNode& inner, BinaryNode& leaf) {
-    BinaryNode &x = nodes[inner.first], &y = nodes[inner.first + 1];
-    const Box xLeaf = Union(x.box, leaf.box), yLeaf = Union(y.box, leaf.box);
-    const float base = HalfArea(Union(xLeaf, y.box)) + x.cost + y.cost + leaf.cost;
-    const float xCost = base + HalfArea(xLeaf), yCost = base + HalfArea(yLeaf);
-    if (MinOf(yCost, n.cost) > xCost) {  // (x, leaf) below, y beside
-      std::swap(y, leaf);
-      inner.box = xLeaf;
-    } else if (n.cost > yCost) {  // (leaf, y) below, x beside
-      std::swap(x, leaf);
-      inner.box = yLeaf;
-    } else {
-      return;
+  void RotateOneSide(BinaryNode& inner, const NodeCosts& costs, float& innerCost, BinaryNode& leaf,
+                     float& leafCost) const {
+    const std::uint32_t pair = inner.link;
+    BinaryNode &x = nodes[pair], &y = nodes[pair + 1];
+    const NodeLanes xLanes = LanesOf(x), yLanes = LanesOf(y), leafLanes = LanesOf(leaf);
+    const NodeLanes xLeaf = UnionOf(xLanes, leafLanes), yLeaf = UnionOf(yLanes, leafLanes);
+    const float base = HalfAreaOf(UnionOf(xLeaf, yLanes)) + costs.left + costs.right + leafCost;
+    const float xCost = base + HalfAreaOf(xLeaf), yCost = base + HalfAreaOf(yLeaf);
+    const auto put = [&](NodeLanes box, float first, float second) {
+      const CostedNode made = MakeInner(pair, box, x.Sum() + y.Sum(), first, second);
+      Store(inner, made.lanes);
+      innerCost = made.cost;
+    };
+    if (MinOf(yCost, unrotated) > xCost) {  // (x, leaf) below, y beside
+      Store(y, leafLanes);
+      Store(leaf, yLanes);
+      put(xLeaf, costs.left, std::exchange(leafCost, costs.right));
+    } else if (unrotated > yCost) {  // (leaf, y) below, x beside
+      Store(x, leafLanes);
+      Store(leaf, xLanes);
+      put(yLeaf, std::exchange(leafCost, costs.left), costs.right);
     }
-    RecomputeCost(leaf);
-    RecomputeCost(inner);
   }
 
-  void RotateBothSides(const BinaryNode& n, BinaryNode& l, BinaryNode& r) {
-    const std::array<BinaryNode, 4> grandchildren = {nodes[l.first], nodes[l.first + 1], nodes[r.first],
-                                                     nodes[r.first + 1]};
+  void RotateBothSides(BinaryNode& l, BinaryNode& r) {
+    const auto take = [&](std::uint32_t index, float cost) {
+      return CostedNode{LanesOf(nodes[index]), nodes[index].Sum(), cost};
+    };
+    const Grandchildren grandchildren = {take(l.link, left.left), take(l.link + 1, left.right),
+                                         take(r.link, right.left), take(r.link + 1, right.right)};
     const GroupBoxes boxes(grandchildren);
-    const Arrangement* const best = boxes.Cheapest(grandchildren, n.cost);
+    const Arrangement* const best = boxes.Cheapest(grandchildren, unrotated);
     if (best != nullptr) Arrange(*best, grandchildren, boxes, l, r);
   }
 
   // Records move whole, so that pairs stay adjacent. A side that becomes one grandchild gives its pair of
   // places to the new inner node of the other side.
-  void Arrange(const Arrangement& arrangement, const std::array<BinaryNode, 4>& grandchildren,
-               const GroupBoxes& boxes, BinaryNode& l, BinaryNode& r) {
-    const auto at = [&](int place) -> const BinaryNode& {
+  void Arrange(const Arrangement& arrangement, const Grandchildren& grandchildren, const GroupBoxes& boxes,
+               BinaryNode& l, BinaryNode& r) {
+    const auto at = [&](int place) -> const CostedNode& {
       return grandchildren[At(arrangement.place, place)];
     };
-    const Box first = ToBox(boxes.Of(arrangement.First())), second = ToBox(boxes.Of(arrangement.Second()));
-    const std::uint32_t lPair = l.first, rPair = r.first;
+    const NodeLanes first = ToNodeLanes(boxes.Of(arrangement.First())),
+                    second = ToNodeLanes(boxes.Of(arrangement.Second()));
+    const auto put = [&](bool isRight, const CostedNode& side) {
+      Store(isRight ? r : l, side.lanes);
+      (isRight ? rightCost : leftCost) = side.cost;
+    };
+    const std::uint32_t lPair = l.link, rPair = r.link;
     if (arrangement.shape == Shape::kTwoPairs) {
-      l = MakeInner(lPair, at(0), at(1), first);
-      r = MakeInner(rPair, at(2), at(3), second);
+      put(false, PutPair(lPair, at(0), at(1), first));
+      put(true, PutPair(rPair, at(2), at(3), second));
       return;
     }
-    const bool right = arrangement.AloneIsRight();
-    (right ? r : l) = at(3);
-    const BinaryNode pair = MakeInner(right ? rPair : lPair, at(0), at(1), first);
+    const bool isRight = arrangement.AloneIsRight();
+    put(isRight, at(3));
+    const CostedNode pair = PutPair(isRight ? rPair : lPair, at(0), at(1), first);
     const bool pairFirst = arrangement.shape == Shape::kPairFirst;
-    (right ? l : r) =
-        MakeInner(right ? lPair : rPair, pairFirst ? pair : at(2), pairFirst ? at(2) : pair, second);
+    put(!isRight,
+        PutPair(isRight ? lPair : rPair, pairFirst ? pair : at(2), pairFirst ? at(2) : pair, second));
   }
 
   // A node whose children come to lie at `pair`.
-  BinaryNode MakeInner(std::uint32_t pair, const BinaryNode& left, const BinaryNode& right, const Box& box) {
-    nodes[pair] = left;
-    nodes[pair + 1] = right;
-    BinaryNode node;
-    node.first = pair;
-    node.box = box;
-    node.sum = left.sum + right.sum;
-    RecomputeCost(node);
-    return node;
+  CostedNode PutPair(std::uint32_t pair, const CostedNode& first, const CostedNode& second,
+                     NodeLanes box) const {
+    Store(nodes[pair], first.lanes);
+    Store(nodes[pair + 1], second.lanes);
+    return MakeInner(pair, box, first.sum + second.sum, first.cost, second.cost);
   }
 };
 
-void RefitLeaf(const Object& object, BinaryNode& n) {
-  n.box = Box{};
-  for (std::uint32_t i = n.first; i < n.first + n.count; ++i)
-    Grow(n.box, PrimitiveBox(object, object.references[i]));
-  n.cost = HalfArea(n.box) * static_cast<float>(n.count);
-  n.sum = n.count;
+// Returns the cost.
+float RefitLeaf(const Object& object, BinaryNode& n) {
+  Box box;
+  const std::uint32_t first = n.FirstReference(), sum = n.Sum();
+  for (std::uint32_t i = first; i < first + sum; ++i) Grow(box, PrimitiveBox(object, object.references[i]));
+  Store(n, WithWords(ToNodeLanes(box), n.link, n.size));
+  return HalfArea(box) * static_cast<float>(sum);
 }
 
-// Refits the subtree of a node and then rotates it from its leaves to the node, each node once. The result is
-// that of FinishNode.
-float RotateSubtree(Object& object, std::uint32_t index, int depth) {
+// Refits the subtree of a node and then rotates it from its leaves to the node, each node once.
+NodeCosts RotateSubtree(Object& object, std::uint32_t index, int depth) {
   BinaryNode& n = object.nodes[index];
-  if (Stopping()) return 0;
-  if (IsLeaf(n)) {
-    RefitLeaf(object, n);
-    return n.cost;
+  if (Stopping()) return {};
+  if (n.IsLeaf()) {
+    const float cost = RefitLeaf(object, n);
+    return {cost, cost};
   }
-  float left = 0, right = 0;
-  const std::uint32_t first = n.first;
-  if (depth < kTaskDepth && n.sum > 4096) {
+  NodeCosts left = {}, right = {};
+  const std::uint32_t first = n.link;
+  if (depth < kTaskDepth && n.Sum() > 4096) {
 #pragma omp task default(shared)
     left = RotateSubtree(object, first, depth + 1);
     right = RotateSubtree(object, first + 1, depth + 1);
@@ -263,26 +268,37 @@ float RotateSubtree(Object& object, std::uint32_t index, int depth) {
     left = RotateSubtree(object, first, depth + 1);
     right = RotateSubtree(object, first + 1, depth + 1);
   }
-  return FinishNode(object.nodes.data(), n, left, right);
+  return FinishNode(object.nodes.data(), n, first, left, right);
 }
 
 }  // namespace
 
-float FinishNode(BinaryNode* nodes, BinaryNode& n, float leftCost, float rightCost) {
-  n.box = Union(nodes[n.first].box, nodes[n.first + 1].box);
-  n.cost = HalfArea(n.box) + leftCost + rightCost;
-  const float cost = n.cost;
-  NodeRotator{nodes}.Rotate(n);
-  return cost;
+NodeCosts FinishNode(BinaryNode* nodes, BinaryNode& n, std::uint32_t pair, const NodeCosts& left,
+                     const NodeCosts& right) {
+  const BinaryNode &l = nodes[pair], &r = nodes[pair + 1];
+  const NodeLanes box = UnionOf(LanesOf(l), LanesOf(r));
+  const std::uint32_t sum = l.Sum() + r.Sum();
+  if (l.IsLeaf() && r.IsLeaf()) {  // nothing below to exchange
+    const CostedNode made = MakeInner(pair, box, sum, left.cost, right.cost);
+    Store(n, made.lanes);
+    return {made.cost, made.cost, left.cost, right.cost};
+  }
+  NodeRotator rotator{nodes, HalfAreaOf(box) + left.unrotated + right.unrotated, left, right};
+  rotator.Rotate(pair);
+  const CostedNode made =
+      MakeInner(pair, UnionOf(LanesOf(l), LanesOf(r)), sum, rotator.leftCost, rotator.rightCost);
+  Store(n, made.lanes);
+  return {rotator.unrotated, made.cost, rotator.leftCost, rotator.rightCost};
 }
 
 void RotateTree(Object& object) {
+  NodeCosts costs = {};
 #pragma omp parallel if (IsWorthThreads(object.nodes.size(), 100))
 #pragma omp single
-  RotateSubtree(object, 0, 0);
+  costs = RotateSubtree(object, BinaryNode::kRoot, 0);
   if (Stopping()) return;
-  object.bounds = object.nodes[0].box;
-  object.treeCost = static_cast<double>(object.nodes[0].cost);
+  object.bounds = object.nodes[BinaryNode::kRoot].box;
+  object.treeCost = static_cast<double>(costs.cost);
 }
 
 }  // namespace zp

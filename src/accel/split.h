@@ -46,7 +46,8 @@ inline Box ToBox(LaneBox box) {
 inline Float4 Extent(LaneBox box) { return Float4::Set(0) - (HighHalf(box) + LowHalf(box)); }
 inline float HalfArea(LaneBox box) { return PairProducts(Max(Extent(box), Float4::Set(0))); }
 inline Float4 CentroidOf(LaneBox box) { return Float4::Set(0.5f) * (LowHalf(box) - HighHalf(box)); }
-inline LaneBox BoxAround(Float4 point) { return Join(point, Float4::Set(0) - point); }
+// Around the one point.
+inline LaneBox CentroidBox(LaneBox box) { return Float8::Set(0.5f) * (box - SwapHalves(box)); }
 // True if no axis has an extent.
 inline bool IsFlat(LaneBox box) {
   return (MaskLessEqual(Float4::Set(0) - HighHalf(box), LowHalf(box)) & 7U) == 7U;
@@ -68,12 +69,15 @@ inline constexpr std::uint64_t kOneInBytes = 0x0101010101010101U;
 inline constexpr std::uint64_t kOneInByte[kBins] = {1U,          1U << 8U,    1U << 16U,   1U << 24U,
                                                     1ULL << 32U, 1ULL << 40U, 1ULL << 48U, 1ULL << 56U};
 
-// The bins of a centroid, on each axis; `centroids` bounds all.
+// Finds the bins of centroids that `centroids` bounds, as numbers whose fractions do not count.
 struct BinScale {
-  Float4 least, extent;
-  explicit BinScale(LaneBox centroids) : least(LowHalf(centroids)), extent(Extent(centroids)) {}
-  void Find(LaneBox box, std::int32_t bin[4]) const {
-    TruncateTo(Float4::Set(kBins) * (CentroidOf(box) - least) / extent, kBins - 1, bin);
+  Float8 least, extent;  // twice each
+  explicit BinScale(LaneBox centroids)
+      : least(LowHalves(centroids, centroids)), extent(Join(Extent(centroids), Extent(centroids))) {}
+  // Of two boxes, each in one half.
+  Float8 Find(LaneBox a, LaneBox b) const {
+    const Float8 centers = Float8::Set(0.5f) * (LowHalves(a, b) - HighHalves(a, b));
+    return Float8::Set(kBins) * (centers - least) / extent;
   }
 };
 
@@ -91,29 +95,11 @@ struct Bins {
   }
   // Each record by its centroid into one bin of each axis; `centroids` bounds them all.
   void Fill(const BuildRecord* records, std::uint32_t count, LaneBox centroids) {
-    constexpr std::uint32_t kMost = 255;  // that a byte can count
-    // Every other record of many has boxes of its own: neighbours would wait for one another's.
-    constexpr std::uint32_t kMany = 64;
-    LaneBox boxes[3][kBins];
-    if (count >= kMany) Clear(boxes);
-    LaneBox(*ours)[kBins] = box, (*others)[kBins] = count >= kMany ? boxes : box;
+    constexpr std::uint32_t kMany = 48;  // that are worth another set of bins
     const BinScale scale(centroids);
-    for (std::uint32_t first = 0; first < count; first += kMost) {
-      const std::uint32_t end = count - first < kMost ? count : first + kMost;
-      std::uint64_t counts[3] = {};  // a byte a bin
-      for (std::uint32_t i = first; i < end; ++i) {
-        const LaneBox one = BoxOf(records[i]);
-        std::int32_t bin[4];
-        scale.Find(one, bin);
-        for (int a = 0; a < 3; ++a) {
-          Grow(ours[a][bin[a]], one);
-          counts[a] += kOneInByte[bin[a]];
-        }
-        std::swap(ours, others);
-      }
-      for (int a = 0; a < 3; ++a) upTo[a] = upTo[a] + Words8::OfBytes(counts[a] * kOneInBytes);
-    }
-    if (count >= kMany) Join(boxes);
+    const std::uint32_t many = count < kMany ? 0 : count / 8 * 8;
+    if (many != 0) FillMany(records, many, scale);
+    if (many != count) FillFew(records + many, count - many, scale);
   }
 
  private:
@@ -124,6 +110,57 @@ struct Bins {
   void Join(const LaneBox (&boxes)[3][kBins]) {
     for (int a = 0; a < 3; ++a)
       for (int k = 0; k < kBins; ++k) Grow(box[a][k], boxes[a][k]);
+  }
+  // `counts` has a byte a bin.
+  void Count(const std::uint64_t (&counts)[3]) {
+    for (int a = 0; a < 3; ++a) upTo[a] = upTo[a] + Words8::OfBytes(counts[a] * kOneInBytes);
+  }
+
+  // At most 255 records.
+  void FillFew(const BuildRecord* records, std::uint32_t count, const BinScale& scale) {
+    std::uint64_t counts[3] = {};
+    for (std::uint32_t i = 0; i < count; i += 2) {
+      const bool isPair = i + 1 < count;
+      const LaneBox one = BoxOf(records[i]), other = isPair ? BoxOf(records[i + 1]) : EmptyBox();
+      std::int32_t bin[8];
+      TruncateTo(scale.Find(one, other), kBins - 1, bin);
+      for (int a = 0; a < 3; ++a) {
+        Grow(box[a][bin[a]], one);
+        Grow(box[a][bin[4 + a]], other);
+        counts[a] += kOneInByte[bin[a]] + (isPair ? kOneInByte[bin[4 + a]] : 0);
+      }
+    }
+    Count(counts);
+  }
+
+  // A multiple of eight. Bins are found first, eight records at once. Every other record has boxes of its
+  // own: neighbours would wait for one another's.
+  void FillMany(const BuildRecord* records, std::uint32_t count, const BinScale& scale) {
+    constexpr std::uint32_t kBatch = 128;  // a byte can count more
+    LaneBox others[3][kBins];
+    Clear(others);
+    alignas(32) std::uint8_t bins[kBatch][4];
+    for (std::uint32_t first = 0; first < count; first += kBatch) {
+      const BuildRecord* const batch = records + first;
+      const std::uint32_t size = count - first < kBatch ? count - first : kBatch;
+      for (std::uint32_t i = 0; i < size; i += 8) {
+        Float8 found[4];
+        for (std::uint32_t k = 0; k < 4; ++k)
+          found[k] = scale.Find(BoxOf(batch[i + k]), BoxOf(batch[i + k + 4]));
+        TruncateToBytes(found, kBins - 1, bins[i]);
+      }
+      std::uint64_t counts[3] = {};
+      for (std::uint32_t i = 0; i < size; i += 2) {
+        const LaneBox one = BoxOf(batch[i]), other = BoxOf(batch[i + 1]);
+        for (int a = 0; a < 3; ++a) {
+          Grow(box[a][bins[i][a]], one);
+          Grow(others[a][bins[i + 1][a]], other);
+          counts[a] += kOneInByte[bins[i][a]] + kOneInByte[bins[i + 1][a]];
+        }
+      }
+      Count(counts);
+    }
+    Join(others);
   }
 };
 
@@ -180,15 +217,16 @@ inline Split BestSplitOfFew(const BuildRecord* records, std::uint32_t count, Lan
   const BinScale scale(centroids);
   LaneBox one[kFew];
   std::uint64_t upTo[3] = {};  // a byte a bin: a bit for each record in it or in those before
-  for (std::uint32_t i = 0; i < kFew; ++i) {
-    one[i] = EmptyBox();
-    if (i == count) break;
-    const LaneBox box = BoxOf(records[i]);
-    std::int32_t bin[4];
-    scale.Find(box, bin);
-    Grow(one[i], box);
-    for (int a = 0; a < 3; ++a) upTo[a] |= (kOneInBytes << static_cast<unsigned>(8 * bin[a])) << i;
+  for (std::uint32_t i = 0; i < kFew; ++i) one[i] = i < count ? BoxOf(records[i]) : EmptyBox();
+  for (std::uint32_t i = 0; i < count; i += 2) {
+    std::int32_t bin[8];
+    TruncateTo(scale.Find(one[i], one[i + 1]), kBins - 1, bin);
+    for (int a = 0; a < 3; ++a) {
+      upTo[a] |= (kOneInBytes << static_cast<unsigned>(8 * bin[a])) << i;
+      if (i + 1 < count) upTo[a] |= (kOneInBytes << static_cast<unsigned>(8 * bin[4 + a])) << (i + 1);
+    }
   }
+  for (LaneBox& box : one) box = Min(box, EmptyBox());  // coordinates that are no numbers
   // By the bits of a set without the last record: its box, and that of all others.
   const LaneBox pair = Min(one[0], one[1]), rest = Min(one[2], one[3]);
   const LaneBox set[8] = {EmptyBox(),          one[0],           one[1], pair, one[2], Min(one[0], one[2]),
@@ -236,12 +274,12 @@ struct SideOf {
   bool rightIsLarger;
   explicit SideOf(const Split& split)
       : left(split.left), right(split.right), rightIsLarger(HalfArea(split.right) > HalfArea(split.left)) {}
-  // 1 if it goes left, else 0.
-  std::uint32_t IsLeft(LaneBox box) const {
-    const unsigned inLeft = MaskLessEqual(left, box) & kBoxLanes,
-                   inRight = MaskLessEqual(right, box) & kBoxLanes;
-    return static_cast<std::uint32_t>(inLeft == kBoxLanes) &
-           (static_cast<std::uint32_t>(rightIsLarger) | static_cast<std::uint32_t>(inRight != kBoxLanes));
+  // 1 if it goes left, else 0. `isLarger` is rightIsLarger, for loops that know it.
+  std::uint32_t IsLeft(LaneBox box, bool isLarger) const {
+    const auto isIn = [box](LaneBox side) {
+      return static_cast<std::uint32_t>((MaskLessEqual(side, box) & kBoxLanes) == kBoxLanes);
+    };
+    return isLarger ? isIn(left) : isIn(left) & (1 - isIn(right));
   }
 };
 

@@ -6,14 +6,17 @@
 
 namespace zp {
 
-// An Object without primitives has an empty leaf as its root; no other node has nothing below it.
-inline bool IsLeaf(const BinaryNode& n) { return n.count != 0 || n.sum == 0; }
+// Surface-area costs of a finished subtree. A parent needs them once, to rotate, and no node keeps them.
+struct NodeCosts {
+  float unrotated;  // before any rotation at its node or below, since that is what a rotation has to beat
+  float cost;       // as it stands
+  float left = 0, right = 0;  // of its children as they stand, if it is an inner node
+};
 
-// The box and cost of an inner node whose children are finished, and the tree around it rotated. `leftCost`
-// and `rightCost` are those of its children before any rotation at them or below, since that is what a
-// rotation here has to beat in `n`; the result says it for the parent.
-float FinishNode(BinaryNode* nodes, BinaryNode& n, float leftCost, float rightCost);
-// Boxes, costs and sums of object.nodes from the primitives as they stand, and the tree rotated, each node
+// Makes the inner node of two finished children, which stand at `pair`, and rotates the tree around it.
+NodeCosts FinishNode(BinaryNode* nodes, BinaryNode& n, std::uint32_t pair, const NodeCosts& left,
+                     const NodeCosts& right);
+// Boxes and sums of object.nodes from the primitives as they stand, and the tree rotated, each node
 // once, leaves first. Sets the Object's bounds and tree cost.
 void RotateTree(Object& object);
 

@@ -55,11 +55,11 @@ struct TreeCheck {
 
   void CheckBinaryLeaf(std::size_t n) {
     const BinaryNode& node = object.nodes[n];
-    fault.Require(node.sum == node.count, "binary leaf's sum", n);
-    if (!fault.Require(std::uint64_t{node.first} + node.count <= object.references.size(),
+    const std::uint32_t first = node.FirstReference();
+    if (!fault.Require(std::uint64_t{first} + node.Sum() <= object.references.size(),
                        "binary leaf's references", n))
       return;
-    for (std::uint32_t i = node.first; i < node.first + node.count; ++i)
+    for (std::uint32_t i = first; i < first + node.Sum(); ++i)
       fault.Require(Contains(node.box, PrimitiveBox(object, object.references[i])), "binary leaf's box", n);
   }
 
@@ -67,26 +67,25 @@ struct TreeCheck {
   void CheckBinary() {
     if (object.nodes.empty() || !CheckReferences(object.references)) return;
     std::vector<bool> met(object.nodes.size());
-    std::vector<std::uint32_t> open = {0};  // not every place of the array is in use
+    std::vector<std::uint32_t> open = {BinaryNode::kRoot};  // not every place of the array is in use
     while (!open.empty()) {
       const std::uint32_t n = open.back();
       open.pop_back();
       const BinaryNode& node = object.nodes[n];
-      if (IsLeaf(node)) {
+      if (node.IsLeaf()) {
         CheckBinaryLeaf(n);
         continue;
       }
-      if (!fault.Require(node.first % 2 == 1 && node.first + std::size_t{1} < object.nodes.size(),
-                         "binary node's children", n))
+      if (!fault.Require(node.link + std::size_t{1} < object.nodes.size(), "binary node's children", n))
         return;
-      const BinaryNode &left = object.nodes[node.first], &right = object.nodes[node.first + 1];
+      const BinaryNode &left = object.nodes[node.link], &right = object.nodes[node.link + 1];
       fault.Require(Contains(node.box, left.box) && Contains(node.box, right.box), "binary node's box", n);
-      fault.Require(node.sum == left.sum + right.sum, "binary node's sum", n);
-      if (!fault.Require(!met[node.first], "binary node with two parents", node.first)) return;
-      met[node.first] = true;
-      open.insert(open.end(), {node.first, node.first + 1});
+      fault.Require(node.Sum() == left.Sum() + right.Sum(), "binary node's sum", n);
+      if (!fault.Require(!met[node.link], "binary node with two parents", node.link)) return;
+      met[node.link] = true;
+      open.insert(open.end(), {node.link, node.link + 1});
     }
-    fault.Require(object.nodes[0].sum == object.references.size(), "binary root's sum");
+    fault.Require(object.nodes[BinaryNode::kRoot].Sum() == object.references.size(), "binary root's sum");
   }
 
   // Marks the references of a leaf.

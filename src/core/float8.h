@@ -90,6 +90,7 @@ inline Float4 HighHalf(Float8 a) { return {_mm256_extractf128_ps(a.v, 1)}; }
 inline Float8 Join(Float4 low, Float4 high) { return {_mm256_set_m128(high.v, low.v)}; }
 inline Float8 LowHalves(Float8 a, Float8 b) { return {_mm256_permute2f128_ps(a.v, b.v, 0x20)}; }
 inline Float8 HighHalves(Float8 a, Float8 b) { return {_mm256_permute2f128_ps(a.v, b.v, 0x31)}; }
+inline Float8 SwapHalves(Float8 a) { return {_mm256_permute2f128_ps(a.v, a.v, 1)}; }
 // Lanes of b where the mask has a bit, others of a.
 template <int kMask>
 Float8 Select(Float8 a, Float8 b) {
@@ -133,10 +134,20 @@ inline unsigned Bits(Where4 a) { return static_cast<unsigned>(_mm_movemask_ps(a.
 inline Where4 LessEqual(Float4 a, Float4 b) { return {_mm_cmple_ps(a.v, b.v)}; }
 inline unsigned MaskLessEqual(Float4 a, Float4 b) { return Bits(LessEqual(a, b)); }
 // Lanes truncated towards zero and limited to 0..limit; not-a-number gives 0.
-inline void TruncateTo(Float4 a, std::int32_t limit, std::int32_t out[4]) {
-  const __m128i whole = _mm_cvttps_epi32(a.v);
-  const __m128i clamped = _mm_min_epi32(_mm_max_epi32(whole, _mm_setzero_si128()), _mm_set1_epi32(limit));
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(out), clamped);
+inline void TruncateTo(Float8 a, std::int32_t limit, std::int32_t (&out)[8]) {
+  const __m256i whole = _mm256_cvttps_epi32(a.v);
+  const __m256i clamped =
+      _mm256_min_epi32(_mm256_max_epi32(whole, _mm256_setzero_si256()), _mm256_set1_epi32(limit));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), clamped);
+}
+// The same of four vectors as bytes, to a limit of at most 255: the low halves of all, then the high ones.
+inline void TruncateToBytes(const Float8 (&a)[4], std::uint8_t limit, std::uint8_t* out) {
+  __m256i words[4];
+  for (int i = 0; i < 4; ++i) words[i] = _mm256_cvttps_epi32(a[i].v);
+  const __m256i bytes =
+      _mm256_packus_epi16(_mm256_packs_epi32(words[0], words[1]), _mm256_packs_epi32(words[2], words[3]));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(out),
+                      _mm256_min_epu8(bytes, _mm256_set1_epi8(static_cast<char>(limit))));
 }
 
 // `float` as a lane type of one.
@@ -244,6 +255,11 @@ struct Words8 {
   void Store(std::uint32_t* p) const { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v); }
 };
 inline Words8 operator+(Words8 a, Words8 b) { return {_mm256_add_epi32(a.v, b.v)}; }
+// The last two lanes are the bits of `words`, the lower first.
+inline Float8 WithLastWords(Float8 a, std::uint64_t words) {
+  const __m256i all = _mm256_set1_epi64x(static_cast<long long>(words));
+  return {_mm256_blend_ps(a.v, _mm256_castsi256_ps(all), 0xC0)};
+}
 inline Words8 MakeWords(const std::uint32_t (&a)[4], const std::uint32_t (&b)[4]) {
   const auto word = [](std::uint32_t x) { return static_cast<int>(x); };
   return {_mm256_setr_epi32(word(a[0]), word(a[1]), word(a[2]), word(a[3]), word(b[0]), word(b[1]),

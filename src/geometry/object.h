@@ -190,14 +190,22 @@ struct PrimitiveRef {
   friend bool operator==(const PrimitiveRef&, const PrimitiveRef&) = default;
 };
 
-// A node of the binary tree. Children stand next to each other: first and first + 1.
-struct BinaryNode {
+// A node of the binary tree: half a cache line. Children stand next to each other, in one line.
+struct alignas(32) BinaryNode {
+  static constexpr std::uint32_t kRoot = 1;  // so that pairs begin at even places; place 0 is not in use
+
   Box box;
-  std::uint32_t first = 0;  // leaf: its first reference; inner node: its left child
-  std::uint16_t count = 0;  // references of a leaf; 0 marks an inner node
-  float cost = 0;           // surface-area cost of the subtree
-  std::uint32_t sum = 0;    // primitives below
+  std::uint32_t link = 1;  // inner node: its left child; leaf: twice its first reference, plus 1
+  std::uint32_t size = 0;  // primitives below, and kCheapAsLeaf
+
+  static constexpr std::uint32_t kCheapAsLeaf = 1U << 31U;  // the wide tree takes the inner node for a leaf
+  // An Object without primitives has an empty leaf as its root; no other node has nothing below it.
+  bool IsLeaf() const { return (link & 1U) != 0; }
+  bool IsWideLeaf() const { return IsLeaf() || (size & kCheapAsLeaf) != 0; }
+  std::uint32_t FirstReference() const { return link / 2; }
+  std::uint32_t Sum() const { return size & ~kCheapAsLeaf; }
 };
+static_assert(sizeof(BinaryNode) == 32);
 
 inline constexpr std::uint32_t kUnusedSlot = 0xFFFFFFFF;
 
