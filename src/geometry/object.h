@@ -209,7 +209,7 @@ static_assert(sizeof(BinaryNode) == 32);
 
 inline constexpr std::uint32_t kUnusedSlot = 0xFFFFFFFF;
 
-// What is in eight boxes; the boxes stand in the PackedNode of the same number.
+// What is in eight boxes; the boxes stand in its PackedNode, if it has one.
 struct WideNode {
   std::uint32_t child[8];  // a WideNode, or the first reference of a leaf
   std::uint16_t count[8];  // 0: an inner node
