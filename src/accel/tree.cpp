@@ -164,41 +164,56 @@ void FetchCorners(const Object& object, const PrimitiveRef& reference) {
   if (reference.kind == kKindCylinder) fetchRound(part.cylinders[reference.index]);
 }
 
-// Has the primitives fetched whose lanes are filled next.
-struct Lookahead {
-  static constexpr std::uint32_t kPrimitives = 64, kCorners = 32;  // as many references ahead
-  const Object& object;
-  std::uint32_t primitives, corners;  // where to go on
-  Lookahead(const Object& o, std::uint32_t first) : object(o), primitives(first), corners(first) {}
-
-  void MoveTo(std::uint32_t reference) {
-    const RawVector<PrimitiveRef>& all = object.compactReferences;
-    const auto total = static_cast<std::uint32_t>(all.size());
-    for (; primitives < std::min(reference + kPrimitives, total); ++primitives)
-      FetchPrimitive(object, all[primitives]);
-    for (; corners < std::min(reference + kCorners, total); ++corners) FetchCorners(object, all[corners]);
-  }
+// A lane of its kind, and the reference that goes there.
+struct LaneEntry {
+  std::uint32_t lane, reference;
 };
 
-void FillLanes(const Object& object, const Piece& piece, PackedTree& tree) {
-  Lookahead lookahead(object, piece.firstReference);
+// Of the leaves of a piece, in the order of their nodes; lanes between them are cleared. Returns how many.
+std::size_t ListLanes(const Object& object, const Piece& piece, PackedTree& tree,
+                      std::vector<LaneEntry>& list) {
+  constexpr std::uint32_t kNodesAhead = 8;
+  constexpr std::uint32_t kAtOnce = 4;  // that are written whether a leaf has them or not
   KindCounts filled = piece.firstLane;  // lanes lie in the order of nodes
+  std::size_t size = 0;
   for (std::uint32_t n = piece.firstNode; n < piece.firstNode + piece.nodes; ++n) {
+    if (n + kNodesAhead < object.wideNodes.size()) {
+      Prefetch(&object.wideNodes[n + kNodesAhead]);
+      Prefetch(tree.nodes[n + kNodesAhead].word);
+    }
     const WideNode& wide = object.wideNodes[n];
     const PackedNode& node = tree.nodes[n];
     for (int i = 0; i < 8; ++i) {
       const std::size_t kind = PackedKindOf(node.word[i]);
       if (wide.count[i] == 0 || kind == kMixed) continue;
-      lookahead.MoveTo(wide.child[i]);
-      ClearLanes(tree, kind, filled[kind], node.child[i]);
-      filled[kind] = node.child[i] + wide.count[i];
-      for (std::uint32_t k = 0; k < wide.count[i]; ++k)
-        FillLane(tree, node.child[i] + k, object, object.compactReferences[wide.child[i] + k]);
+      const std::uint32_t count = wide.count[i], lane = node.child[i];
+      if (filled[kind] != lane) ClearLanes(tree, kind, filled[kind], lane);
+      filled[kind] = lane + count;
+      if (list.size() < size + count + kAtOnce) list.resize(2 * (size + count + kAtOnce));
+      for (std::uint32_t k = 0; k < count; k += kAtOnce)
+        for (std::uint32_t j = k; j < k + kAtOnce; ++j) list[size + j] = {lane + j, wide.child[i] + j};
+      size += count;
     }
   }
   for (std::size_t kind = 0; kind < kPackedKindCount; ++kind) {
     const std::uint32_t end = piece.firstLane[kind] + piece.lanes[kind];
     ClearLanes(tree, kind, filled[kind], BlocksFor(kind, end) * kPackedKinds[kind].blockLanes);
+  }
+  return size;
+}
+
+void FillLanes(const Object& object, const Piece& piece, PackedTree& tree, std::vector<LaneEntry>& list) {
+  constexpr std::size_t kPrimitives = 64, kCorners = 32;  // are fetched as many lanes ahead
+  const std::size_t size = ListLanes(object, piece, tree, list);
+  const auto reference = [&](std::size_t i) -> const PrimitiveRef& {
+    return object.compactReferences[list[i].reference];
+  };
+  for (std::size_t i = 0; i < std::min(kPrimitives, size); ++i) FetchPrimitive(object, reference(i));
+  for (std::size_t i = 0; i < std::min(kCorners, size); ++i) FetchCorners(object, reference(i));
+  for (std::size_t i = 0; i < size; ++i) {
+    if (i + kPrimitives < size) FetchPrimitive(object, reference(i + kPrimitives));
+    if (i + kCorners < size) FetchCorners(object, reference(i + kCorners));
+    FillLane(tree, list[i].lane, object, reference(i));
   }
 }
 
@@ -243,8 +258,12 @@ void FillLanes(Object& object, const CollapsedTree& tree) {
   packed.opaqueOnly = (demands & kLetsLightThrough) == 0;
   packed.cutsOut = (demands & kCutsOut) != 0;
   packed.stackSize = 7 * (object.wideDepth + 1) + 1;
-#pragma omp parallel for schedule(dynamic, 1) if (IsWorthThreads(packed.nodes.size(), 300))
-  for (std::size_t i = 0; i < tree.pieces.size(); ++i) FillLanes(object, tree.pieces[i], packed);
+#pragma omp parallel if (IsWorthThreads(packed.nodes.size(), 300))
+  {
+    std::vector<LaneEntry> list;
+#pragma omp for schedule(dynamic, 1)
+    for (std::size_t i = 0; i < tree.pieces.size(); ++i) FillLanes(object, tree.pieces[i], packed, list);
+  }
 }
 
 }  // namespace zp
