@@ -49,7 +49,11 @@ struct Collapser {
   // Instance, which never share a leaf. Leaves are not opened.
   float OpenRank(std::uint32_t index, bool fewestFirst) const {
     const BinaryNode& n = object.nodes[index];
-    if (n.IsLeaf()) return -1.0f;
+    if (n.IsLeaf()) {
+      Prefetch(object.references.data() + n.FirstReference());
+      return -1.0f;
+    }
+    Prefetch(object.nodes.data() + n.link);
     return fewestFirst ? 1.0f / static_cast<float>(n.Sum()) : HalfArea(n.box);
   }
 

@@ -183,75 +183,95 @@ void FetchCorners(const Object& object, const PrimitiveRef& reference) {
   if (reference.kind == kKindCylinder) fetchRound(part.cylinders[reference.index]);
 }
 
-// Has the primitives fetched whose lanes are filled next.
-struct Lookahead {
-  static constexpr std::uint32_t kPrimitives = 64, kCorners = 32;  // as many references ahead
-  const Object& object;
-  std::uint32_t primitives, corners;  // where to go on
-  Lookahead(const Object& o, std::uint32_t first) : object(o), primitives(first), corners(first) {}
-
-  void MoveTo(std::uint32_t reference) {
-    const RawVector<PrimitiveRef>& all = object.compactReferences;
-    const auto total = static_cast<std::uint32_t>(all.size());
-    for (; primitives < std::min(reference + kPrimitives, total); ++primitives)
-      FetchPrimitive(object, all[primitives]);
-    for (; corners < std::min(reference + kCorners, total); ++corners) FetchCorners(object, all[corners]);
-  }
+// A lane of its kind, and the reference that goes there.
+struct LaneEntry {
+  std::uint32_t lane, reference;
 };
 
-struct LaneFiller {
+// Lists the lanes of a piece's leaves in the order of their nodes, and clears those between them.
+struct LaneLister {
   const Object& object;
   PackedTree& tree;
   const Piece& piece;
-  Lookahead lookahead = {object, piece.firstReference};
+  std::vector<LaneEntry>& list;
+  std::size_t size = 0;                 // of the list
   KindCounts filled = piece.firstLane;  // lanes lie in the order of nodes
 
-  void FillLeaf(std::size_t kind, std::uint32_t lane, std::uint32_t reference, std::uint32_t count) {
-    lookahead.MoveTo(reference);
-    ClearLanes(tree, kind, filled[kind], lane);
-    filled[kind] = lane + count;
-    for (std::uint32_t k = 0; k < count; ++k)
-      FillLane(tree, lane + k, object, object.compactReferences[reference + k]);
+  static constexpr std::uint32_t kAtOnce = 4;  // that are written whether a leaf has them or not
+
+  // Leaves of a kind take the next lanes, from `lane` to `end`.
+  void Begin(std::size_t kind, std::uint32_t lane, std::uint32_t end) {
+    if (filled[kind] != lane) ClearLanes(tree, kind, filled[kind], lane);
+    filled[kind] = end;
+    const std::size_t most = size + (end - lane) + kAtOnce;
+    if (list.size() < most) list.resize(2 * most);
+  }
+  void ListLeaf(std::uint32_t lane, std::uint32_t reference, std::uint32_t count) {
+    for (std::uint32_t k = 0; k < count; k += kAtOnce)
+      for (std::uint32_t j = k; j < k + kAtOnce; ++j) list[size + j] = {lane + j, reference + j};
+    size += count;
   }
 
   // The wide nodes from `n` on as one leaf.
-  void FillMerged(std::uint32_t n, std::uint32_t word, std::uint32_t lane) {
-    const std::size_t kind = PackedKindOf(word);
-    for (const std::uint32_t end = lane + (word & kLeafCount); lane < end; ++n)
+  void ListMerged(std::uint32_t n, std::uint32_t word, std::uint32_t lane) {
+    constexpr std::uint32_t kNodesAhead = 8;
+    const std::uint32_t end = lane + (word & kLeafCount);
+    Begin(PackedKindOf(word), lane, end);
+    for (; lane < end; ++n) {
+      if (n + kNodesAhead < object.wideNodes.size()) Prefetch(&object.wideNodes[n + kNodesAhead]);
+      const WideNode& wide = object.wideNodes[n];
       for (int i = 0; i < 8; ++i) {
-        const WideNode& wide = object.wideNodes[n];
-        if (wide.count[i] == 0) continue;
-        FillLeaf(kind, lane, wide.child[i], wide.count[i]);
+        ListLeaf(lane, wide.child[i], wide.count[i]);
         lane += wide.count[i];
       }
+    }
   }
 
-  void FillNode(std::uint32_t n, const PackedNode& node) {
+  void ListNode(std::uint32_t n, const PackedNode& node) {
     const WideNode& wide = object.wideNodes[n];
     for (int i = 0; i < 8; ++i) {
       const std::size_t kind = PackedKindOf(node.word[i]);
-      if (wide.count[i] != 0 && kind != kMixed) FillLeaf(kind, node.child[i], wide.child[i], wide.count[i]);
+      if (wide.count[i] == 0 || kind == kMixed) continue;
+      Begin(kind, node.child[i], node.child[i] + wide.count[i]);
+      ListLeaf(node.child[i], wide.child[i], wide.count[i]);
     }
     if (!piece.isSubtree) return;  // the next nodes are other pieces
     for (int i = 0; i < 8; ++i) {
       if (node.word[i] == 0)
-        FillNode(wide.child[i], tree.nodes[node.child[i]]);
+        ListNode(wide.child[i], tree.nodes[node.child[i]]);
       else if (wide.count[i] == 0 && wide.child[i] != kUnusedSlot)
-        FillMerged(wide.child[i], node.word[i], node.child[i]);
+        ListMerged(wide.child[i], node.word[i], node.child[i]);
     }
   }
 
-  void Fill() {
+  void List() {
     if (piece.word == 0)
-      FillNode(piece.firstNode, tree.nodes[piece.firstWalked]);
+      ListNode(piece.firstNode, tree.nodes[piece.firstWalked]);
     else
-      FillMerged(piece.firstNode, piece.word, piece.firstLane[PackedKindOf(piece.word)]);
+      ListMerged(piece.firstNode, piece.word, piece.firstLane[PackedKindOf(piece.word)]);
     for (std::size_t kind = 0; kind < kPackedKindCount; ++kind) {
       const std::uint32_t end = piece.firstLane[kind] + piece.lanes[kind];
       ClearLanes(tree, kind, filled[kind], BlocksFor(kind, end) * kPackedKinds[kind].blockLanes);
     }
   }
 };
+
+void FillLanes(const Object& object, const Piece& piece, PackedTree& tree, std::vector<LaneEntry>& list) {
+  constexpr std::size_t kPrimitives = 64, kCorners = 32;  // are fetched as many lanes ahead
+  LaneLister lister{object, tree, piece, list};
+  lister.List();
+  const std::size_t size = lister.size;
+  const auto reference = [&](std::size_t i) -> const PrimitiveRef& {
+    return object.compactReferences[list[i].reference];
+  };
+  for (std::size_t i = 0; i < std::min(kPrimitives, size); ++i) FetchPrimitive(object, reference(i));
+  for (std::size_t i = 0; i < std::min(kCorners, size); ++i) FetchCorners(object, reference(i));
+  for (std::size_t i = 0; i < size; ++i) {
+    if (i + kPrimitives < size) FetchPrimitive(object, reference(i + kPrimitives));
+    if (i + kCorners < size) FetchCorners(object, reference(i + kCorners));
+    FillLane(tree, list[i].lane, object, reference(i));
+  }
+}
 
 // What primitives' Shaders ask of the walks through a tree.
 enum Demand : std::uint8_t { kHides = 1, kLetsLightThrough = 2, kCutsOut = 4 };
@@ -294,8 +314,12 @@ void FillLanes(Object& object, const CollapsedTree& tree) {
   packed.opaqueOnly = (demands & kLetsLightThrough) == 0;
   packed.cutsOut = (demands & kCutsOut) != 0;
   packed.stackSize = 7 * (object.wideDepth + 1) + 1;
-#pragma omp parallel for schedule(dynamic, 1) if (IsWorthThreads(object.wideNodes.size(), 300))
-  for (std::size_t i = 0; i < tree.pieces.size(); ++i) LaneFiller{object, packed, tree.pieces[i]}.Fill();
+#pragma omp parallel if (IsWorthThreads(object.wideNodes.size(), 300))
+  {
+    std::vector<LaneEntry> list;
+#pragma omp for schedule(dynamic, 1)
+    for (std::size_t i = 0; i < tree.pieces.size(); ++i) FillLanes(object, tree.pieces[i], packed, list);
+  }
 }
 
 }  // namespace zp
