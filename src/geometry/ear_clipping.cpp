@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 
 namespace zp {
 namespace {
@@ -44,17 +45,73 @@ struct Ring {
   double TurnAt(std::uint32_t i) const { return Turn(points[previous[i]], points[i], points[next[i]]); }
 };
 
+// The corners that turn inwards, in the cells of a grid: contour lines have a hundred thousand.
+class InwardCorners {
+ public:
+  explicit InwardCorners(const Ring& ring) : isInward_(ring.points.size()) {
+    std::size_t count = 0;
+    FlatPoint high = ring.points[0];
+    low_ = high;
+    for (std::uint32_t i = 0; i < ring.points.size(); ++i) {
+      const FlatPoint p = ring.points[i];
+      low_ = {std::min(low_.x, p.x), std::min(low_.y, p.y)};
+      high = {std::max(high.x, p.x), std::max(high.y, p.y)};
+      isInward_[i] = !(ring.TurnAt(i) > 0);
+      count += isInward_[i];
+    }
+    side_ = static_cast<std::size_t>(std::sqrt(static_cast<double>(count) / 2)) + 1;
+    const auto cells = static_cast<double>(side_);
+    scale_ = {cells / (high.x - low_.x), cells / (high.y - low_.y)};
+    begins_.resize(side_ * side_ + 1);
+    const auto forEach = [&](auto visit) {
+      for (std::uint32_t i = 0; i < isInward_.size(); ++i)
+        if (isInward_[i]) visit(Column(ring.points[i]) + side_ * Row(ring.points[i]), i);
+    };
+    forEach([&](std::size_t cell, std::uint32_t) { ++begins_[cell + 1]; });
+    std::partial_sum(begins_.begin(), begins_.end(), begins_.begin());
+    corners_.resize(count);
+    std::vector<std::uint32_t> places(begins_.begin(), begins_.end() - 1);
+    forEach([&](std::size_t cell, std::uint32_t i) { corners_[places[cell]++] = i; });
+  }
+  void Remove(std::uint32_t corner) { isInward_[corner] = false; }
+
+  // Whether `is` one of those from `low` to `high`, and maybe some more.
+  template <class Is>
+  bool Any(FlatPoint low, FlatPoint high, Is is) const {
+    for (std::size_t row = Row(low); row <= Row(high); ++row) {
+      const auto begin = corners_.begin() + begins_[row * side_ + Column(low)];
+      const auto end = corners_.begin() + begins_[row * side_ + Column(high) + 1];
+      if (std::any_of(begin, end, [&](std::uint32_t i) { return isInward_[i] && is(i); })) return true;
+    }
+    return false;
+  }
+
+ private:
+  std::size_t Cell(double place) const {  // what is no number is in no triangle
+    return place > 0 ? static_cast<std::size_t>(std::min(place, static_cast<double>(side_ - 1))) : 0;
+  }
+  std::size_t Column(FlatPoint p) const { return Cell((p.x - low_.x) * scale_.x); }
+  std::size_t Row(FlatPoint p) const { return Cell((p.y - low_.y) * scale_.y); }
+
+  std::vector<bool> isInward_;
+  FlatPoint low_, scale_;
+  std::size_t side_;
+  std::vector<std::uint32_t> begins_, corners_;  // of the cells, row by row; one more at the end
+};
+
 // Whether nothing of the rim lies in the triangle that the corner cuts off: only corners that turn inwards
 // can. A corner at the same place as one of the triangle's is not in it: rims with holes touch themselves.
-bool IsEar(const Ring& ring, const std::vector<std::uint32_t>& inward, std::uint32_t i) {
+bool IsEar(const Ring& ring, const InwardCorners& inward, std::uint32_t i) {
   if (!(ring.TurnAt(i) > 0)) return false;
   const FlatPoint a = ring.points[ring.previous[i]], b = ring.points[i], c = ring.points[ring.next[i]];
   const auto isAt = [](FlatPoint p, FlatPoint q) { return p.x == q.x && p.y == q.y; };
-  return std::none_of(inward.begin(), inward.end(), [&](std::uint32_t other) {
+  const auto isInside = [&](std::uint32_t other) {
     const FlatPoint p = ring.points[other];
     return !isAt(p, a) && !isAt(p, b) && !isAt(p, c) && Turn(a, b, p) >= 0 && Turn(b, c, p) >= 0 &&
            Turn(c, a, p) >= 0;
-  });
+  };
+  return !inward.Any({std::min({a.x, b.x, c.x}), std::min({a.y, b.y, c.y})},
+                     {std::max({a.x, b.x, c.x}), std::max({a.y, b.y, c.y})}, isInside);
 }
 
 }  // namespace
@@ -82,9 +139,7 @@ std::vector<std::array<std::uint32_t, 3>> ClipEars(const std::vector<Vec3>& rim)
     ring.next[i] = (i + 1) % count;
     ring.previous[i] = (i + count - 1) % count;
   }
-  std::vector<std::uint32_t> inward;
-  for (std::uint32_t i = 0; i < count; ++i)
-    if (!(ring.TurnAt(i) > 0)) inward.push_back(i);
+  InwardCorners inward(ring);
   std::uint32_t corner = 0, tried = 0;
   for (std::uint32_t left = count; left > 3;) {
     if (tried < left && !IsEar(ring, inward, corner)) {
@@ -98,9 +153,9 @@ std::vector<std::array<std::uint32_t, 3>> ClipEars(const std::vector<Vec3>& rim)
     triangles.push_back({before, corner, after});
     ring.next[before] = after;
     ring.previous[after] = before;
-    std::erase_if(inward, [&](std::uint32_t i) {
-      return i == corner || ((i == before || i == after) && ring.TurnAt(i) > 0);
-    });
+    inward.Remove(corner);
+    for (const std::uint32_t i : {before, after})
+      if (ring.TurnAt(i) > 0) inward.Remove(i);
     corner = ring.next[after];  // not the neighbour: triangles of a fan are thin
   }
   triangles.push_back({ring.previous[corner], corner, ring.next[corner]});
