@@ -81,20 +81,20 @@ TEST_F(Formats, PathsAreTracedUntilGatheringIsAskedFor) {
   ResetSky();
 }
 
-// Of a square spiral, an arrow from each of its corners, a rim that touches itself around a hole, and a comb
-// of so many teeth that a search of all its corners for each would take minutes.
+// Of a square spiral, an arrow from each of its corners, a rim that touches itself around a hole, and a star
+// of so many rays that a search of all its corners for each would take minutes.
 TEST_F(Formats, FacesOfAnyCornersKeepTheirArea) {
   settings.format = 2;
-  constexpr int kTeeth = 60'000;
-  std::string comb, corners = "f";
-  for (int i = 0; i < 2 * kTeeth; ++i) {
-    comb += "v " + std::to_string(i) + (i % 2 == 0 ? " 0 0\n" : " 1 0\n");
+  constexpr int kRays = 50'000;
+  std::string star, corners = "f";
+  for (int i = 0; i < 2 * kRays; ++i) {
+    const double angle = i * double{kPi} / kRays, radius = i % 2 == 0 ? 1000 : 1500;
+    star += "v " + std::to_string(radius * std::cos(angle)) + ' ' + std::to_string(radius * std::sin(angle)) +
+            " 0\n";
     corners += ' ' + std::to_string(i + 1);
   }
-  comb += "v " + std::to_string(2 * kTeeth - 1) + " -1 0\nv 0 -1 0\n" + corners;
-  comb += ' ' + std::to_string(2 * kTeeth + 1) + ' ' + std::to_string(2 * kTeeth + 2) + '\n';
   const std::pair<std::string, float> faces[] = {
-      {comb, 1.5f * (2 * kTeeth - 1)},
+      {star + corners + '\n', kPi * 1000 * 1500},
       {"v 0 0 0\nv 3 0 0\nv 3 3 0\nv 1 3 0\nv 1 2 0\nv 2 2 0\nv 2 1 0\nv 0 1 0\nf 1 2 3 4 5 6 7 8\n", 6},
       {"v 0 1 0\nv 2 0 0\nv 0 4 0\nv -2 0 0\nf 1 2 3 4\n", 6},
       {"v 0 1 0\nv 2 0 0\nv 0 4 0\nv -2 0 0\nf 4 1 2 3\n", 6},
@@ -103,8 +103,12 @@ TEST_F(Formats, FacesOfAnyCornersKeepTheirArea) {
     Part part;
     ReadObj(text, part);
     double sum = 0;
-    for (std::uint32_t i = 0; i < part.triangles.size(); ++i) sum += double{TriangleArea(part, i)};
-    EXPECT_NEAR(sum, area, 1e-3f + 1e-6f * area) << text.substr(0, 100);
+    for (const Triangle& t : part.triangles) {
+      const Vec3 p = part.positions[t.vertex[0]];
+      sum +=
+          0.5 * double{SafeLength(Cross(part.positions[t.vertex[1]] - p, part.positions[t.vertex[2]] - p))};
+    }
+    EXPECT_NEAR(sum, area, 1e-3f + 1e-4f * area) << text.substr(0, 100);
   }
 }
 
