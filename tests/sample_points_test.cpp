@@ -45,10 +45,16 @@ TEST_F(SamplePoints, EachPixelTakesNets) {
     for (const std::uint32_t decision : {1U, 2U, 900U})
       for (int m = 0; m <= 8; ++m)
         for (const std::uint32_t first : {0U, 3U << m}) {
-          std::vector<PointBits> points;
-          for (std::uint32_t i = 0; i < 1U << m; ++i)
-            points.push_back(PointAt(PointSourceOf(x, 11, 0), decision, first + i));
+          std::vector<PointBits> points, even;
+          const PointSource source = PointSourceOf(x, 11, 0);
+          for (std::uint32_t i = 0; i < 1U << m; ++i) {
+            points.push_back(PointAt(source, decision, first + i));
+            even.push_back(EvenPointAt(source, decision, first + i));
+            ASSERT_EQ((even.back().x ^ even[0].x) << m, 0) << "at equal distances " << m;
+            ASSERT_EQ((even.back().y ^ even[0].y) << m, 0) << m;
+          }
           ASSERT_EQ(MostInAny(m, points), 1) << x << " " << decision << " " << m;
+          ASSERT_EQ(MostInAny(m, even), 1) << x << " " << decision << " " << m;
         }
 }
 
