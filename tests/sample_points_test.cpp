@@ -112,12 +112,12 @@ TEST_F(SamplePoints, DecisionsAndTilesAreIndependent) {
 }
 
 TEST_F(SamplePoints, InstantsOfTheShutter) {
-  EXPECT_EQ(ShutterInstant(0), 0.5f);
-  for (const std::uint32_t passes : {4U, 64U}) {
-    std::set<int> strata;
+  for (const std::uint32_t passes : {1U, 4U, 64U}) {
+    std::set<int> sixths;
     for (std::uint32_t pass = 0; pass < passes; ++pass)
-      strata.insert(static_cast<int>(ShutterInstant(pass) * static_cast<float>(passes)));
-    EXPECT_EQ(strata.size(), passes);
+      sixths.insert(static_cast<int>(std::lround(ShutterInstant(pass) * 6 * static_cast<float>(passes))));
+    EXPECT_EQ(sixths.size(), passes);
+    for (const int sixth : sixths) EXPECT_EQ(std::abs(sixth % 6 - 3), 1) << "near the middle of its interval";
   }
 }
 

@@ -198,8 +198,8 @@ inline float UnitFloat(std::uint32_t bits) { return static_cast<float>(bits >> 8
 inline float UnitNumber(double x) { return x < 0x1.fffffep-1 ? static_cast<float>(x) : 0x1.fffffep-1f; }
 inline Vec2 UnitPair(PointBits bits) { return {UnitFloat(bits.x), UnitFloat(bits.y)}; }
 
-// When pass `pass` sees the scene, as a share of the time that the shutter is open: of the first 2^m passes
-// one in each 2^-m of it, the first pass in the middle.
+// When pass `pass` sees the scene, as a share of the time that the shutter is open: the first 2^m passes are
+// at equal distances.
 float ShutterInstant(std::uint32_t pass);
 
 }  // namespace zp
