@@ -45,10 +45,16 @@ TEST_F(SamplePoints, EachPixelTakesNets) {
     for (const std::uint32_t decision : {1U, 2U, 900U})
       for (int m = 0; m <= 8; ++m)
         for (const std::uint32_t first : {0U, 3U << m}) {
-          std::vector<PointBits> points;
-          for (std::uint32_t i = 0; i < 1U << m; ++i)
-            points.push_back(PointAt(PointSourceOf(x, 11, 0), decision, first + i));
+          std::vector<PointBits> points, even;
+          const PointSource source = PointSourceOf(x, 11, 0);
+          for (std::uint32_t i = 0; i < 1U << m; ++i) {
+            points.push_back(PointAt(source, decision, first + i));
+            even.push_back(EvenPointAt(source, decision, first + i));
+            ASSERT_EQ((even.back().x ^ even[0].x) << m, 0) << "at equal distances " << m;
+            ASSERT_EQ((even.back().y ^ even[0].y) << m, 0) << m;
+          }
           ASSERT_EQ(MostInAny(m, points), 1) << x << " " << decision << " " << m;
+          ASSERT_EQ(MostInAny(m, even), 1) << x << " " << decision << " " << m;
         }
 }
 
@@ -106,12 +112,12 @@ TEST_F(SamplePoints, DecisionsAndTilesAreIndependent) {
 }
 
 TEST_F(SamplePoints, InstantsOfTheShutter) {
-  EXPECT_EQ(ShutterInstant(0), 0.5f);
-  for (const std::uint32_t passes : {4U, 64U}) {
-    std::set<int> strata;
+  for (const std::uint32_t passes : {1U, 4U, 64U}) {
+    std::set<int> sixths;
     for (std::uint32_t pass = 0; pass < passes; ++pass)
-      strata.insert(static_cast<int>(ShutterInstant(pass) * static_cast<float>(passes)));
-    EXPECT_EQ(strata.size(), passes);
+      sixths.insert(static_cast<int>(std::lround(ShutterInstant(pass) * 6 * static_cast<float>(passes))));
+    EXPECT_EQ(sixths.size(), passes);
+    for (const int sixth : sixths) EXPECT_EQ(std::abs(sixth % 6 - 3), 1) << "near the middle of its interval";
   }
 }
 

@@ -40,7 +40,8 @@ enum Decision : std::uint32_t {
   kDecideLayer,
   kDecideExit,
   kDecidePhoton,      // where it begins
-  kDecideLight = 16,  // the first light; others follow
+  kDecideLight = 16,  // the geometry light
+  kDecideSky,         // other lights follow
 };
 
 // A well mixed number of two.
@@ -141,9 +142,13 @@ struct PointBits {
   std::uint32_t x, y;
 };
 
-// Point number `number` of a decision.
-inline PointBits PointAt(const PointSource& source, std::uint32_t decision, std::uint32_t number) {
-  using points::Permute;
+namespace points {
+
+// A point before its digits are scrambled, lowest bit first, and the keys to do it by.
+struct PlainPoint {
+  std::uint32_t x, y, keyX, keyY;
+};
+inline PlainPoint PlainPointAt(const PointSource& source, std::uint32_t decision, std::uint32_t number) {
   std::uint64_t h = (static_cast<std::uint64_t>(source.key) << 32U | decision) * 0x9e3779b97f4a7c15ULL;
   h = (h ^ (h >> 32U)) * 0xbf58476d1ce4e5b9ULL;
   h ^= h >> 32U;
@@ -151,13 +156,32 @@ inline PointBits PointAt(const PointSource& source, std::uint32_t decision, std:
   const auto low = [](std::uint64_t v) { return static_cast<std::uint32_t>(v); };
   const auto high = [](std::uint64_t v) { return static_cast<std::uint32_t>(v >> 32U); };
   std::uint32_t shuffled = source.shuffled;
-  if (number != source.number) shuffled = points::Shuffle(number, source.order);
-  if (source.second) shuffled = points::SecondNumber(shuffled);
-  const std::uint64_t shift = points::pixelShifts[Permute(source.place, low(h)) & 255U];
-  const std::uint32_t x = Permute(shuffled ^ low(shift), high(h));
-  const std::uint32_t y = Permute(points::Pascal(shuffled) ^ high(shift), high(g));
-  const std::uint64_t both = points::Mirror(static_cast<std::uint64_t>(x) << 32U | y);
-  return {low(both), high(both)};
+  if (number != source.number) shuffled = Shuffle(number, source.order);
+  if (source.second) shuffled = SecondNumber(shuffled);
+  const std::uint64_t shift = pixelShifts[Permute(source.place, low(h)) & 255U];
+  return {shuffled ^ low(shift), Pascal(shuffled) ^ high(shift), high(h), high(g)};
+}
+
+inline PointBits BitsOf(std::uint32_t x, std::uint32_t y) {
+  const std::uint64_t both = Mirror(static_cast<std::uint64_t>(x) << 32U | y);
+  return {static_cast<std::uint32_t>(both >> 32U), static_cast<std::uint32_t>(both)};
+}
+
+}  // namespace points
+
+// Point number `number` of a decision.
+inline PointBits PointAt(const PointSource& source, std::uint32_t decision, std::uint32_t number) {
+  const points::PlainPoint p = points::PlainPointAt(source, decision, number);
+  return points::BitsOf(points::Permute(p.x, p.keyX), points::Permute(p.y, p.keyY));
+}
+
+// The same with digits that are turned over alike for all numbers: in each coordinate a pixel's first 2^m
+// points stand at equal distances. How many of them an interval gets is then by chance at one of its ends
+// alone, where Owen's scrambling leaves both to chance: for draws that find what is small and bright in some
+// interval. Of what is smooth the errors of the strata no longer cancel, so that others do not use it.
+inline PointBits EvenPointAt(const PointSource& source, std::uint32_t decision, std::uint32_t number) {
+  const points::PlainPoint p = points::PlainPointAt(source, decision, number);
+  return points::BitsOf(p.x ^ p.keyX, p.y ^ p.keyY);
 }
 
 // The same of a decision with an order of its own.
@@ -174,8 +198,8 @@ inline float UnitFloat(std::uint32_t bits) { return static_cast<float>(bits >> 8
 inline float UnitNumber(double x) { return x < 0x1.fffffep-1 ? static_cast<float>(x) : 0x1.fffffep-1f; }
 inline Vec2 UnitPair(PointBits bits) { return {UnitFloat(bits.x), UnitFloat(bits.y)}; }
 
-// When pass `pass` sees the scene, as a share of the time that the shutter is open: of the first 2^m passes
-// one in each 2^-m of it, the first pass in the middle.
+// When pass `pass` sees the scene, as a share of the time that the shutter is open: the first 2^m passes are
+// at equal distances.
 float ShutterInstant(std::uint32_t pass);
 
 }  // namespace zp

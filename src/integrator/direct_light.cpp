@@ -50,7 +50,8 @@ Draw DrawOf(const RayRecord& ray, const PassShare& share, std::uint32_t number, 
   if (settings.format >= 2) {
     draw.number = number;
     if (sharp) return draw;
-    const PointBits bits = PointAt(ray.points, decision, number);
+    const PointBits bits = decision == kDecideSky ? EvenPointAt(ray.points, decision, number)
+                                                  : PointAt(ray.points, decision, number);
     draw.choice = static_cast<double>(bits.x) * 0x1p-32;
     draw.place = UnitPair(bits);
     return draw;
@@ -264,10 +265,9 @@ void SampleLightAt(const RayRecord& ray, const ShadingPoint& point, AnyLight& li
 // Calls visit(light, decision, sharp) for each light that is sampled; many of a kind are one group.
 template <class Visit>
 void ForEachLight(const Visit& visit) {
-  std::uint32_t decision = kDecideLight;
-  if (SamplesEmitters()) visit(geometryLight, decision, false);
-  ++decision;
-  if (skyLight.sample > 0) visit(skyLight, decision, false);
+  if (SamplesEmitters()) visit(geometryLight, kDecideLight, false);
+  if (skyLight.sample > 0) visit(skyLight, kDecideSky, false);
+  std::uint32_t decision = kDecideSky;
   const auto visitGaffer = [&](auto& light) { visit(light, ++decision, !(light.blur > 0)); };
   if (lightGroups.empty()) {
     for (PointLight& light : pointLights) visitGaffer(light);
