@@ -20,11 +20,12 @@
 namespace zp {
 namespace {
 
-constexpr int kDepthLimit = 255;                  // a node this deep becomes a leaf
-constexpr std::uint32_t kLargestLeaf = 65535;     // WideNode::count has 16 bits
-constexpr std::uint32_t kSubtreeSize = 4096;      // finished by one thread
-constexpr std::uint32_t kSharedPasses = 65536;    // passes over so many records go to all threads
-constexpr std::uint32_t kRecordsOfAPass = 16384;  // that a thread takes at once
+constexpr int kDepthLimit = 255;                 // a node this deep becomes a leaf
+constexpr std::uint32_t kLargestLeaf = 65535;    // WideNode::count has 16 bits
+constexpr std::uint32_t kSubtreeSize = 2048;     // finished by one thread
+constexpr std::uint32_t kSharedPasses = 65536;   // passes over so many records go to all threads
+constexpr std::uint32_t kRecordsOfAPass = 4096;  // that a thread takes at once, at least
+constexpr std::uint32_t kPartsOfAPass = 32;      // at most, for their results are added up by one thread
 
 // A node to be made, of the records from `first` on. The nodes below it have room from `below` on: two for
 // each record but the first.
@@ -104,6 +105,7 @@ struct Builder {
   std::int8_t* isLeft;  // one a record
   PrimitiveRef* references;
   BinaryNode* nodes;
+  NodeCosts root = {};
   std::atomic<int> depth{0};
 
   void RaiseDepth(int reached) {
@@ -115,12 +117,13 @@ struct Builder {
   // pass(first, count) over parts of the task's records, in any order, added up.
   template <class Result, class Pass>
   Result Shared(const BuildTask& task, Pass pass) {
-    const std::uint32_t parts = (task.count + kRecordsOfAPass - 1) / kRecordsOfAPass;
+    const std::uint32_t size = std::max(kRecordsOfAPass, task.count / kPartsOfAPass + 1),
+                        parts = (task.count + size - 1) / size;
     std::vector<Result> results(parts);
 #pragma omp taskloop grainsize(1) default(shared)
     for (std::size_t i = 0; i < parts; ++i) {
-      const auto first = static_cast<std::uint32_t>(i) * kRecordsOfAPass;
-      results[i] = pass(task.first + first, std::min(kRecordsOfAPass, task.count - first));
+      const auto first = static_cast<std::uint32_t>(i) * size;
+      results[i] = pass(task.first + first, std::min(size, task.count - first));
     }
     for (std::uint32_t i = 1; i < parts; ++i) results[0].Add(results[i]);
     return results[0];
@@ -226,28 +229,29 @@ struct Builder {
     return Finish(task.node, pair, costs);
   }
 
-  NodeCosts MakeTree(const BuildTask& task) {
+  // The same by tasks.
+  void MakeTree(const BuildTask& task, UnfinishedNode* parent, std::uint32_t side) {
+    BuildTask children[2];
+    NodeCosts costs;
     if (task.count <= kSubtreeSize) {
       std::uint32_t next = task.below;
       int deepest = 0;
-      const NodeCosts costs = MakeSubtree(task, next, deepest);
+      costs = MakeSubtree(task, next, deepest);
       RaiseDepth(deepest);
-      return costs;
+      return FinishUpwards(nodes, parent, side, costs, root);
     }
-    BuildTask children[2];
-    NodeCosts costs[2];
     RaiseDepth(task.depth);
-    if (!Divide(task, children, costs[0])) return costs[0];
+    if (!Divide(task, children, costs)) return FinishUpwards(nodes, parent, side, costs, root);
     const std::uint32_t pair = task.below;
     children[0].node = pair;
     children[0].below = pair + 2;
     children[1].node = pair + 1;
     children[1].below = pair + 2 * children[0].count;
-#pragma omp task default(shared)
-    costs[0] = MakeTree(children[0]);
-    costs[1] = MakeTree(children[1]);
-#pragma omp taskwait
-    return Finish(task.node, pair, costs);
+    auto* const unfinished = new UnfinishedNode{parent, side, task.node, pair, {}};
+    const BuildTask first = children[0];
+#pragma omp task default(none) firstprivate(first, unfinished)
+    MakeTree(first, unfinished, 0);
+    MakeTree(children[1], unfinished, 1);
   }
 };
 
@@ -327,17 +331,17 @@ void Build(Object& object) {
   object.references.resize(total);
   object.nodes.resize(std::max<std::size_t>(2 * total, BinaryNode::kRoot + 1));
   Builder builder{records.data(), isLeft.data(), object.references.data(), object.nodes.data()};
-  NodeCosts costs = {};
 #pragma omp parallel if (IsWorthThreads(total, 300))
 #pragma omp single
   {
     const LaneBox centroids = FillRecords(object, lists, records.data());
-    costs = builder.MakeTree(
-        {centroids, BinaryNode::kRoot, BinaryNode::kRoot + 1, 0, static_cast<std::uint32_t>(total), 0});
+    builder.MakeTree(
+        {centroids, BinaryNode::kRoot, BinaryNode::kRoot + 1, 0, static_cast<std::uint32_t>(total), 0},
+        nullptr, 0);
   }
   if (Stopping()) return ReleaseTrees(object);
   object.bounds = object.nodes[BinaryNode::kRoot].box;
-  object.treeCost = static_cast<double>(costs.cost);
+  object.treeCost = static_cast<double>(builder.root.cost);
 
   PrintIntegerRow(label, static_cast<std::uint64_t>(builder.depth), "n/a");
   PrintFloatRow("bbvh construction for " + object.name,

@@ -8,6 +8,7 @@
 #include <bit>
 #include <cstdint>
 #include <iterator>
+#include <memory>
 #include <utility>
 
 #include "accel/node_lanes.h"
@@ -139,7 +140,7 @@ struct GroupBoxes {
   }
 };
 
-constexpr int kTaskDepth = 10;  // subtrees above this depth are shared among threads
+constexpr std::uint32_t kTaskSize = 2048;  // of subtrees that one thread refits
 
 // An inner node with the box of `box`, above two children that stand at `pair`.
 CostedNode MakeInner(std::uint32_t pair, NodeLanes box, std::uint32_t sum, float leftCost, float rightCost) {
@@ -250,26 +251,36 @@ float RefitLeaf(const Object& object, BinaryNode& n) {
 }
 
 // Refits the subtree of a node and then rotates it from its leaves to the node, each node once.
-NodeCosts RotateSubtree(Object& object, std::uint32_t index, int depth) {
+NodeCosts RotateSubtree(Object& object, std::uint32_t index) {
   BinaryNode& n = object.nodes[index];
   if (Stopping()) return {};
   if (n.IsLeaf()) {
     const float cost = RefitLeaf(object, n);
     return {cost, cost};
   }
-  NodeCosts left = {}, right = {};
-  const std::uint32_t first = n.link;
-  if (depth < kTaskDepth && n.Sum() > 4096) {
-#pragma omp task default(shared)
-    left = RotateSubtree(object, first, depth + 1);
-    right = RotateSubtree(object, first + 1, depth + 1);
-#pragma omp taskwait
-  } else {
-    left = RotateSubtree(object, first, depth + 1);
-    right = RotateSubtree(object, first + 1, depth + 1);
-  }
-  return FinishNode(object.nodes.data(), n, first, left, right);
+  const std::uint32_t pair = n.link;
+  const NodeCosts left = RotateSubtree(object, pair), right = RotateSubtree(object, pair + 1);
+  return FinishNode(object.nodes.data(), n, pair, left, right);
 }
+
+// The same by tasks.
+struct TreeRotator {
+  Object& object;
+  NodeCosts root = {};
+
+  void Rotate(std::uint32_t index, UnfinishedNode* parent, std::uint32_t side) {
+    const BinaryNode& n = object.nodes[index];
+    if (n.IsLeaf() || n.Sum() <= kTaskSize) {
+      FinishUpwards(object.nodes.data(), parent, side, RotateSubtree(object, index), root);
+      return;
+    }
+    const std::uint32_t pair = n.link;
+    auto* const unfinished = new UnfinishedNode{parent, side, index, pair, {}};
+#pragma omp task default(none) firstprivate(unfinished, pair)
+    Rotate(pair, unfinished, 0);
+    Rotate(pair + 1, unfinished, 1);
+  }
+};
 
 }  // namespace
 
@@ -291,14 +302,27 @@ NodeCosts FinishNode(BinaryNode* nodes, BinaryNode& n, std::uint32_t pair, const
   return {rotator.unrotated, made.cost, rotator.leftCost, rotator.rightCost};
 }
 
+void FinishUpwards(BinaryNode* nodes, UnfinishedNode* parent, std::uint32_t side, NodeCosts costs,
+                   NodeCosts& root) {
+  while (parent != nullptr) {
+    parent->costs[side] = costs;
+    if (parent->missing.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    const std::unique_ptr<UnfinishedNode> done(parent);
+    costs = FinishNode(nodes, nodes[done->node], done->pair, done->costs[0], done->costs[1]);
+    parent = done->parent;
+    side = done->side;
+  }
+  root = costs;
+}
+
 void RotateTree(Object& object) {
-  NodeCosts costs = {};
+  TreeRotator rotator{object};
 #pragma omp parallel if (IsWorthThreads(object.nodes.size(), 100))
 #pragma omp single
-  costs = RotateSubtree(object, BinaryNode::kRoot, 0);
+  rotator.Rotate(BinaryNode::kRoot, nullptr, 0);
   if (Stopping()) return;
   object.bounds = object.nodes[BinaryNode::kRoot].box;
-  object.treeCost = static_cast<double>(costs.cost);
+  object.treeCost = static_cast<double>(rotator.root.cost);
 }
 
 }  // namespace zp

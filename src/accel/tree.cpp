@@ -282,22 +282,21 @@ std::uint8_t DemandsOf(std::int32_t shader) {
                                    (CutsOut(shader) ? kCutsOut : 0));
 }
 
-// Those of all primitives.
-std::uint8_t DemandsOf(const Object& object) {
+// Those of a share of all primitives, if the threads of a parallel region call this together.
+unsigned ShareOfDemands(const Object& object) {
   unsigned demands = 0;
   const auto add = [&demands](const auto& primitives) {
-    unsigned sum = 0;
-#pragma omp parallel for schedule(static) reduction(| : sum) if (IsWorthThreads(primitives.size(), 2))
+#pragma omp for schedule(static) nowait
     for (std::size_t i = 0; i < primitives.size(); ++i)
-      if (i == 0 || primitives[i].shader != primitives[i - 1].shader) sum |= DemandsOf(primitives[i].shader);
-    demands |= sum;
+      if (i == 0 || primitives[i].shader != primitives[i - 1].shader)
+        demands |= DemandsOf(primitives[i].shader);
   };
   for (const Part& part : object.parts) {
     if (!part.particles.empty() || !part.cylinders.empty()) demands |= DemandsOf(part.shader);
     add(part.triangles);
     add(part.tetragons);
   }
-  return static_cast<std::uint8_t>(demands);
+  return demands;
 }
 
 }  // namespace
@@ -309,17 +308,21 @@ void FillLanes(Object& object, const CollapsedTree& tree) {
   packed.segments.Resize(BlocksFor(2, tree.lanes[2]));
   packed.tetragons.Resize(BlocksFor(3, tree.lanes[3]));
   packed.shadowRoots = settings.format >= 2;
-  const std::uint8_t demands = DemandsOf(object);
+  packed.stackSize = 7 * (object.wideDepth + 1) + 1;
+  // Pieces that follow one another go to one thread, large trees being divided by more than large pages: two
+  // threads that write the same fresh page would clear it twice, and take its lines from one another.
+  const std::size_t run = std::max<std::size_t>(tree.pieces.size() / 32, 1);
+  unsigned demands = 0;
+#pragma omp parallel reduction(| : demands) if (IsWorthThreads(object.wideNodes.size(), 300))
+  {
+    demands |= ShareOfDemands(object);
+    std::vector<LaneEntry> list;
+#pragma omp for schedule(dynamic, run)
+    for (std::size_t i = 0; i < tree.pieces.size(); ++i) FillLanes(object, tree.pieces[i], packed, list);
+  }
   packed.filtersVisibility = (demands & kHides) != 0;
   packed.opaqueOnly = (demands & kLetsLightThrough) == 0;
   packed.cutsOut = (demands & kCutsOut) != 0;
-  packed.stackSize = 7 * (object.wideDepth + 1) + 1;
-#pragma omp parallel if (IsWorthThreads(object.wideNodes.size(), 300))
-  {
-    std::vector<LaneEntry> list;
-#pragma omp for schedule(dynamic, 1)
-    for (std::size_t i = 0; i < tree.pieces.size(); ++i) FillLanes(object, tree.pieces[i], packed, list);
-  }
 }
 
 }  // namespace zp
