@@ -11,6 +11,7 @@
 #include <random>
 
 #include "accel/primitive_tests.h"
+#include "accel/split.h"
 #include "core/console.h"
 #include "core/float8.h"
 #include "geometry/geometry.h"
@@ -125,6 +126,32 @@ TEST_F(AccelTest, BinaryTreeKeepsItsInvariantsAndRotationsNeverCostMore) {
   EXPECT_EQ(box, after);
   EXPECT_EQ(object.nodes[BinaryNode::kRoot].Sum(), 5000U);
   EXPECT_NEAR(object.treeCost, cost, 1e-3 * static_cast<double>(cost));
+}
+
+// Few records fill bins in another way than many.
+TEST_F(AccelTest, BinsOfManyAreThoseOfEachAddedUp) {
+  std::vector<BuildRecord> records(333);
+  LaneBox centroids = EmptyBox();
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    const Vec3 p = UniformPoint(10);
+    const float x = i % 50 == 7 ? std::nanf("") : i % 50 == 9 ? 1e38f : p.x;
+    records[i] = {{x, p.y, p.z}, 0, {-x, -p.y - 1, -p.z}, 0};
+    Grow(centroids, CentroidBox(BoxOf(records[i])));
+  }
+  Bins all, each;
+  all.Fill(records.data(), 333, centroids);
+  for (const BuildRecord& record : records) {
+    Bins one;
+    one.Fill(&record, 1, centroids);
+    each.Add(one);
+  }
+  for (int i = 0; i < 3 * kBins; ++i) {
+    EXPECT_EQ(ToBox(all.box[i / kBins][i % kBins]), ToBox(each.box[i / kBins][i % kBins])) << i;
+    std::uint32_t counts[2][kBins];
+    all.upTo[i / kBins].Store(counts[0]);
+    each.upTo[i / kBins].Store(counts[1]);
+    EXPECT_EQ(counts[0][i % kBins], counts[1][i % kBins]) << i;
+  }
 }
 
 TEST_F(AccelTest, StrangeGeometryDoesNotHang) {

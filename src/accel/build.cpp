@@ -22,7 +22,8 @@ namespace {
 
 constexpr int kDepthLimit = 255;                 // a node this deep becomes a leaf
 constexpr std::uint32_t kLargestLeaf = 65535;    // WideNode::count has 16 bits
-constexpr std::uint32_t kSubtreeSize = 2048;     // finished by one thread
+constexpr std::uint32_t kSubtreeSize = 2048;     // finished by one thread, at least
+constexpr std::uint32_t kSubtrees = 128;         // that large trees are shared out as, at least
 constexpr std::uint32_t kSharedPasses = 65536;   // passes over so many records go to all threads
 constexpr std::uint32_t kRecordsOfAPass = 4096;  // that a thread takes at once, at least
 constexpr std::uint32_t kPartsOfAPass = 32;      // at most, for their results are added up by one thread
@@ -105,6 +106,7 @@ struct Builder {
   std::int8_t* isLeft;  // one a record
   PrimitiveRef* references;
   BinaryNode* nodes;
+  std::uint32_t subtreeSize;  // of what one thread finishes, while the records are in its cache
   NodeCosts root = {};
   std::atomic<int> depth{0};
 
@@ -233,7 +235,7 @@ struct Builder {
   void MakeTree(const BuildTask& task, UnfinishedNode* parent, std::uint32_t side) {
     BuildTask children[2];
     NodeCosts costs;
-    if (task.count <= kSubtreeSize) {
+    if (task.count <= subtreeSize) {
       std::uint32_t next = task.below;
       int deepest = 0;
       costs = MakeSubtree(task, next, deepest);
@@ -330,7 +332,8 @@ void Build(Object& object) {
   RawVector<std::int8_t> isLeft(total);
   object.references.resize(total);
   object.nodes.resize(std::max<std::size_t>(2 * total, BinaryNode::kRoot + 1));
-  Builder builder{records.data(), isLeft.data(), object.references.data(), object.nodes.data()};
+  Builder builder{records.data(), isLeft.data(), object.references.data(), object.nodes.data(),
+                  std::max(kSubtreeSize, static_cast<std::uint32_t>(total) / kSubtrees)};
 #pragma omp parallel if (IsWorthThreads(total, 300))
 #pragma omp single
   {
