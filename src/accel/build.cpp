@@ -26,7 +26,14 @@ constexpr std::uint32_t kSubtreeSize = 2048;     // finished by one thread, at l
 constexpr std::uint32_t kSubtrees = 128;         // that large trees are shared out as, at least
 constexpr std::uint32_t kSharedPasses = 65536;   // passes over so many records go to all threads
 constexpr std::uint32_t kRecordsOfAPass = 4096;  // that a thread takes at once, at least
-constexpr std::uint32_t kPartsOfAPass = 32;      // at most, for their results are added up by one thread
+// At most, for their results are added up by one thread, and libgomp runs a loop's tasks at once, one behind
+// another, when there are more than 64 a thread.
+constexpr std::uint32_t kPartsOfAPass = 32;
+
+// Records that a thread takes at once.
+std::uint32_t PartOfAPass(std::uint32_t records) {
+  return std::max(kRecordsOfAPass, records / kPartsOfAPass + 1);
+}
 
 // A node to be made, of the records from `first` on. The nodes below it have room from `below` on: two for
 // each record but the first.
@@ -119,8 +126,7 @@ struct Builder {
   // pass(first, count) over parts of the task's records, in any order, added up.
   template <class Result, class Pass>
   Result Shared(const BuildTask& task, Pass pass) {
-    const std::uint32_t size = std::max(kRecordsOfAPass, task.count / kPartsOfAPass + 1),
-                        parts = (task.count + size - 1) / size;
+    const std::uint32_t size = PartOfAPass(task.count), parts = (task.count + size - 1) / size;
     std::vector<Result> results(parts);
 #pragma omp taskloop grainsize(1) default(shared)
     for (std::size_t i = 0; i < parts; ++i) {
@@ -292,11 +298,12 @@ BuildRecord MakeRecord(const Object& object, std::uint32_t partAndKind, std::uin
 
 // The box of all centroids.
 LaneBox FillRecords(const Object& object, const std::vector<PrimitiveList>& lists, BuildRecord* records) {
-  const std::size_t total = lists.back().first, parts = (total + kRecordsOfAPass - 1) / kRecordsOfAPass;
+  const std::size_t total = lists.back().first, size = PartOfAPass(static_cast<std::uint32_t>(total)),
+                    parts = (total + size - 1) / size;
   std::vector<LaneBox> boxes(parts + 1, EmptyBox());
 #pragma omp taskloop grainsize(1) default(shared)
   for (std::size_t part = 0; part < parts; ++part) {
-    const std::size_t first = part * kRecordsOfAPass, end = std::min(first + kRecordsOfAPass, total);
+    const std::size_t first = part * size, end = std::min(first + size, total);
     const auto isBehind = [](std::size_t number, const PrimitiveList& list) { return number < list.first; };
     auto list = std::upper_bound(lists.begin(), lists.end(), first, isBehind) - 1;
     for (std::size_t i = first; i < end; ++i) {
