@@ -164,7 +164,7 @@ inline PlainPoint PlainPointAt(const PointSource& source, std::uint32_t decision
 
 inline PointBits BitsOf(std::uint32_t x, std::uint32_t y) {
   const std::uint64_t both = Mirror(static_cast<std::uint64_t>(x) << 32U | y);
-  return {static_cast<std::uint32_t>(both >> 32U), static_cast<std::uint32_t>(both)};
+  return {static_cast<std::uint32_t>(both), static_cast<std::uint32_t>(both >> 32U)};
 }
 
 }  // namespace points
