@@ -18,7 +18,7 @@ void MoveVertices(Part& part, int passes) {
   if (!part.motion || passes < 1) return;
   for (const auto& set : part.vectorSets) {
     if (set.name != "motion" || set.values.size() != part.positions.size()) continue;
-#pragma omp parallel for schedule(static) if (IsWorthThreads(part.positions.size(), 3))
+#pragma omp parallel for schedule(static) if (IsWorthThreads(part.positions.size(), 5))
     for (std::size_t i = 0; i < part.positions.size(); ++i)
       part.positions[i] += set.values[i] / static_cast<float>(passes);
   }
