@@ -228,27 +228,29 @@ struct OccluderWalk {
     return TestReferences<kOpaque>(first, count);
   }
 
-  // A thread's blocked ray counts for the leaf's slot in the wide node above it: within a merged subtree, for
-  // that of the primitive.
-  void Log(const PackedTree& tree, std::uint32_t place) {
-    WideNode* node = &object.wideNodes[tree.wide[place / 8]];
-    std::size_t slot = place % 8;
-    if (node->count[slot] == 0) {
-      const std::uint32_t flag = tree.nodes[place / 8].word[slot] & kPackedLeaf;
-      const PrimitiveRef blocking = LaneReference(tree, flag, blockingLane);
-      const auto holds = [&](std::size_t i) {
-        const auto first = object.compactReferences.begin() + node->child[i];
-        return std::find(first, first + node->count[i], blocking) != first + node->count[i];
-      };
-      node = &object.wideNodes[node->child[slot]];  // those below follow it
-      for (slot = 0; !(node->count[slot] != 0 && holds(slot));) {
-        slot = (slot + 1) % 8;
-        node += slot == 0;
+  // The log of the slot that holds what blocked, in a merged subtree: its wide nodes stand in a row from
+  // `first` on. `word` is that of the packed slot that leads there.
+  std::uint32_t& FindLog(const PackedTree& tree, std::uint32_t first, std::uint32_t word) {
+    const PrimitiveRef blocking = LaneReference(tree, word & kPackedLeaf, blockingLane);
+    std::uint32_t left = word & kLeafCount;
+    for (WideNode* node = &object.wideNodes[first];; ++node)
+      for (int i = 0; i < 8; ++i) {
+        const std::uint32_t count = node->count[i];
+        if (count == 0) continue;
+        const auto leaf = object.compactReferences.begin() + node->child[i];
+        left -= count;
+        if (left == 0 || std::find(leaf, leaf + count, blocking) != leaf + count) return node->log[i];
       }
-    }
-    assert(node < object.wideNodes.data() + object.wideNodes.size());
-    std::atomic_ref<std::uint32_t> log(node->log[slot]);
-    log.fetch_add(1, std::memory_order_relaxed);
+  }
+
+  // A thread's blocked ray counts for the leaf's slot in the wide node above it.
+  void Log(const PackedTree& tree, std::uint32_t place) {
+    const std::uint32_t packed = place / 8, slot = place % 8;
+    WideNode& node = object.wideNodes[tree.wide[packed]];
+    std::uint32_t& log = node.count[slot] != 0
+                             ? node.log[slot]
+                             : FindLog(tree, node.child[slot], tree.nodes[packed].word[slot]);
+    std::atomic_ref<std::uint32_t>(log).fetch_add(1, std::memory_order_relaxed);
   }
 };
 

@@ -218,6 +218,7 @@ std::uint32_t VertexMerger::AddEntry(std::uint32_t position, const CornerData& d
                                      Share& share) {
   const std::uint32_t place = equal_[position];
   const auto first = [&] { return FirstOf(order, positions_[position], data); };
+  // Most corners find theirs at once; FindOrAdd, which no caller inlines, looks again.
   std::uint32_t found = std::atomic_ref<std::uint32_t>(lists_[place]).load(std::memory_order_acquire);
   while (found != kNoEntry && !Holds(found, data)) found = EntryAt(found).next;
   if (found == kNoEntry) found = FindOrAdd(lists_[place], kOwnPlace, data, first, share);
